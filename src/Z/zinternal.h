@@ -1,0 +1,45 @@
+// zinternal.h: small helpers that several units share and no caller needs. Never installed.
+#ifndef Z_ZINTERNAL_H
+#define Z_ZINTERNAL_H
+
+#include <cstdio>
+#include <cerrno>
+
+#include "Z.h"
+
+/// An address as a 32-bit hash: wider addresses have their upper half folded in.
+inline unsigned int zaddressHash(const void* address) {
+    const uint64_t value = reinterpret_cast<uintptr_t>(address);
+    return static_cast<unsigned int>(value ^ (value >> 32));
+}
+
+/// -1, 0 or 1: the order of two whole addresses as unsigned numbers.
+inline int zaddressCompare(const void* a, const void* b) {
+    const uintptr_t left = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t right = reinterpret_cast<uintptr_t>(b);
+    return left == right ? 0 : left < right ? -1 : 1;
+}
+
+/// Owns a stdio stream for a scope. Closing it ends the process's record locks on that file, so
+/// the guard lives exactly as long as the lock has to.
+class ZStreamGuard {
+public:
+    explicit ZStreamGuard(FILE* stream) : stream_(stream) {}
+    ~ZStreamGuard() { close(); }  // for the way out after a failure, which is reported already
+    ZStreamGuard(const ZStreamGuard&) = delete;
+    ZStreamGuard& operator=(const ZStreamGuard&) = delete;
+
+    FILE* get() const { return stream_; }
+
+    /// Closes now. 0, or the errno of the failure. Again, or with a null stream: 0.
+    int close() {
+        FILE* stream = stream_;
+        stream_ = nullptr;
+        return stream == nullptr || fclose(stream) == 0 ? 0 : errno;
+    }
+
+private:
+    FILE* stream_;
+};
+
+#endif

@@ -1,0 +1,17 @@
+// zmessageformats.h: what reports of exceptions and plain messages have in common. Never installed.
+#ifndef Z_ZMESSAGEFORMATS_H
+#define Z_ZMESSAGEFORMATS_H
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <cstdio>
+
+#include "Z.h"
+
+/// The thread line of a report. Thread ids may be wider than int; the line shows their low part.
+inline void zprintThreadLine() {
+    fprintf(stderr, " Thread: %d\n", static_cast<int>(static_cast<uintptr_t>(pthread_self())));
+}
+
+#endif
