@@ -1,0 +1,20 @@
+// zreport.h: reports from places that can't raise, or that report before they raise. Never
+// installed.
+#ifndef Z_ZREPORT_H
+#define Z_ZREPORT_H
+
+#include "Z.h"
+
+/// Sends the plain message `number` with the return code of a failed call as its one insert to the
+/// current message service. `file` and `line` are those of the call.
+///
+/// Raises nothing, whatever the service does: the report of a failure must not hide the failure.
+/// A cancellation request waits until the report is out, so that destructors may report.
+void zreportCode(const char* file, int line, int number, int rc);
+
+/// Inside a handler: reports the exception that is being handled, in the same way. One of the
+/// library prints itself; of any other, only that it came is known (number 19). Requires: forced
+/// unwinding has been let through before.
+void zreportCaught(const char* file, int line);
+
+#endif
