@@ -1,0 +1,67 @@
+// ZAbstractConstString.h: strings that only point at their text.
+#ifndef Z_ZABSTRACTCONSTSTRING_H
+#define Z_ZABSTRACTCONSTSTRING_H
+
+#include <string.h>
+
+#include "ZAbstractString.h"
+
+/// A string laid over text that somebody else owns, to look at it without copying.
+///
+/// Ownership: none; the text has to outlive the string. Laid over a mutable string, it is good
+///   until that string changes. Copies share the text.
+/// Failure: none; null counts as the empty text.
+/// Threads: as ZAbstractString; note that getLength() writes its cache.
+/// Cost: construction constant, nothing is allocated; the length is counted once, so it goes stale
+///   when the owner changes the text.
+class ZEXPORT ZAbstractConstString : public ZAbstractString {
+public:
+    ~ZAbstractConstString() noexcept override {}
+
+    const char* getChars() const final { return chars_; }
+
+    /// Points at the text of `other`. Nothing happens when it is of another codeset, since a string
+    /// that owns nothing can't convert.
+    ZAbstractConstString& setChars(const ZAbstractString& other) override;
+
+    unsigned int getLength() const final {
+        if (length_ == 0 && chars_ != zemptyString)
+            length_ = static_cast<unsigned int>(strlen(chars_));
+        return length_;
+    }
+
+    ZAbstractConstString& operator=(const char* s) {
+        chars_ = s == nullptr ? zemptyString : s;
+        length_ = 0;
+        return *this;
+    }
+    ZAbstractConstString& operator=(const ZAbstractConstString& other) {
+        chars_ = other.chars_;
+        length_ = other.length_;
+        return *this;
+    }
+
+    /// Equality of bytes; null is unequal to everything.
+    int operator==(const char* s) const { return equals(s); }
+    int operator!=(const char* s) const { return !equals(s); }
+    int operator==(const ZAbstractConstString& s) const { return equals(s.getChars()); }
+    int operator!=(const ZAbstractConstString& s) const { return !equals(s.getChars()); }
+
+    using ZAbstractString::equals;
+
+protected:
+    ZAbstractConstString() : chars_(zemptyString), length_(0) {}
+    explicit ZAbstractConstString(const char* s)
+        : chars_(s == nullptr ? zemptyString : s), length_(0) {}
+    ZAbstractConstString(const ZAbstractConstString& other)
+        : ZAbstractString(other), chars_(other.chars_), length_(other.length_) {}
+
+    /// The one text of all strings that are laid over null.
+    static const char* const zemptyString;
+
+private:
+    const char* chars_;            // never null
+    mutable unsigned int length_;  // 0: not counted yet
+};
+
+#endif

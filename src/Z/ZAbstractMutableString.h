@@ -1,0 +1,221 @@
+// ZAbstractMutableString.h: strings that own their text.
+#ifndef Z_ZABSTRACTMUTABLESTRING_H
+#define Z_ZABSTRACTMUTABLESTRING_H
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "ZAbstractString.h"
+
+/// A string that owns its text: up to 95 bytes inside the object, more in a block of its own.
+///
+/// Ownership: the string's own; copies are deep. getChars() is good until the next change.
+/// Failure: ZOutOfMemoryException (1) when the text can't grow, also past 4 GiB; the text is then
+///   what it was. Null is no text: nothing is appended, inserted or put in front.
+/// Threads: as ZAbstractString.
+/// Cost: append constant a byte on average (the block grows by a fifth); insert, prepend and remove
+///   move what lies behind. Capacity never shrinks while the string lives, but by prepend.
+///
+/// Text handed in may be part of this string's own text, except as setChars() says. All changes
+/// give the string itself.
+class ZEXPORT ZAbstractMutableString : public ZAbstractString {
+public:
+    ~ZAbstractMutableString() noexcept override {
+        if (chars_ != inline_chars_)
+            free(chars_);
+    }
+
+    const char* getChars() const final { return chars_; }
+    unsigned int getLength() const final { return length_; }
+
+    /// Bytes of text that fit without growing: at least 95.
+    unsigned int getCapacity() const { return capacity_; }
+    unsigned int getDefaultLength() const { return kInlineLength; }
+
+    /// Copies the text of `other`, by convertFromCodeSet() when it is of another codeset.
+    ZAbstractMutableString& setChars(const ZAbstractString& other) override;
+
+    /// Puts the converted text of `other` in place of the own one: into UTF-8 from the local
+    /// codeset, else from UTF-8, whatever codeset `other` says it is. Text that can't be converted
+    /// gives the empty string; an empty `other` changes nothing.
+    virtual void convertFromCodeSet(const ZAbstractString& other);
+
+    /// Copies `s`; null empties the string. `s` may point into the own text behind its first byte;
+    /// that byte is cleared first.
+    ZAbstractMutableString& setChars(const char* s) {
+        clear();
+        return append(s);
+    }
+
+    /// Empties the string and keeps its room.
+    ZAbstractMutableString& clear() {
+        chars_[0] = '\0';
+        length_ = 0;
+        return *this;
+    }
+
+    /// Makes room for `n` bytes, unless `exact` with a fifth more, but never leaves the 95 bytes
+    /// inside for less. Once outside it grows by the fifth even if `n` bytes fit already. The text's
+    /// new place.
+    char* bump(unsigned int n, int exact);
+
+    /// Makes room for exactly `n` bytes if there is less. The capacity.
+    unsigned int setCapacity(unsigned int n) {
+        bump(n, 1);
+        return capacity_;
+    }
+
+    ZAbstractMutableString& append(char c) {
+        if (length_ == capacity_)
+            growForOne();
+        chars_[length_] = c;
+        chars_[++length_] = '\0';
+        return *this;
+    }
+    ZAbstractMutableString& append(const char* s) {
+        return s == nullptr ? *this : appendBytes(s, strlen(s));
+    }
+    /// Exactly `n` bytes.
+    ZAbstractMutableString& append(const char* s, unsigned int n) {
+        return s == nullptr ? *this : appendBytes(s, n);
+    }
+
+    /// Puts `s` in front of the byte at `pos`; a `pos` past the end is the end.
+    ZAbstractMutableString& insert(unsigned int pos, const char* s);
+
+    /// Puts `s` in front of the text. Room is taken anew, from 95 bytes.
+    ZAbstractMutableString& prepend(const char* s);
+
+    /// Takes `count` bytes out; nothing when fewer are there. A `count` of 0 takes all from `pos` on.
+    ZAbstractMutableString& remove(unsigned int pos, unsigned int count);
+
+    /// Cuts the text to `n` bytes; nothing when it is shorter.
+    ZAbstractMutableString& trunc(unsigned int n);
+
+    /// Change the case in place, by the rules of the process's locale.
+    ZAbstractMutableString& upper();
+    ZAbstractMutableString& lower();
+
+    ZAbstractMutableString& operator=(const ZAbstractMutableString& other) {
+        ZAbstractString::operator=(other);
+        return *this;
+    }
+    /// Nothing happens when `s` is getChars() itself.
+    ZAbstractMutableString& operator=(const char* s) { return s == chars_ ? *this : setChars(s); }
+    ZAbstractMutableString& operator=(char c);
+    /// The decimal number.
+    ZAbstractMutableString& operator=(int n) { return setSigned(n); }
+    ZAbstractMutableString& operator=(unsigned int n) { return setUnsigned(n, 0); }
+    ZAbstractMutableString& operator=(long n) { return setSigned(n); }
+    ZAbstractMutableString& operator=(unsigned long n) { return setUnsigned(n, 0); }
+
+    /// The bytes of the other string, without conversion.
+    ZAbstractMutableString& operator+=(const ZAbstractString& s) {
+        return appendBytes(s.getChars(), s.getLength());
+    }
+    ZAbstractMutableString& operator+=(const char* s) { return append(s); }
+    ZAbstractMutableString& operator+=(char c) { return append(c); }
+
+    /// Equality of bytes; null is unequal to everything.
+    int operator==(const char* s) const { return equals(s); }
+    int operator!=(const char* s) const { return !equals(s); }
+    int operator==(const ZAbstractMutableString& s) const { return equals(s.getChars()); }
+    int operator!=(const ZAbstractMutableString& s) const { return !equals(s.getChars()); }
+
+    using ZAbstractString::equals;
+
+protected:
+    ZAbstractMutableString() { init(); }
+    explicit ZAbstractMutableString(BeforeSetup tag) : ZAbstractString(tag) { init(); }
+    ZAbstractMutableString(const ZAbstractMutableString& other) : ZAbstractString(other) {
+        init();
+        construct(other.chars_, other.length_);
+    }
+    explicit ZAbstractMutableString(const char* s) {
+        init();
+        if (s != nullptr)
+            construct(s, strlen(s));
+    }
+    /// Exactly `n` bytes, with room for one more.
+    ZAbstractMutableString(const char* s, unsigned int n) {
+        init();
+        if (s == nullptr)
+            return;
+        if (n < kInlineLength)
+            construct(s, n);
+        else
+            constructWithRoom(s, n);
+    }
+    explicit ZAbstractMutableString(char c) {
+        init();
+        inline_chars_[0] = c;
+        inline_chars_[1] = '\0';
+        length_ = c != '\0';
+    }
+    explicit ZAbstractMutableString(int n) { init(), setSigned(n); }
+    explicit ZAbstractMutableString(unsigned int n) { init(), setUnsigned(n, 0); }
+    explicit ZAbstractMutableString(long n) { init(), setSigned(n); }
+    explicit ZAbstractMutableString(unsigned long n) { init(), setUnsigned(n, 0); }
+
+    /// The empty text inside the object. What was outside isn't freed.
+    void init() {
+        chars_ = inline_chars_;
+        length_ = 0;
+        capacity_ = kInlineLength;
+        inline_chars_[0] = '\0';
+    }
+
+    ZAbstractMutableString& appendBytes(const char* s, size_t n) {
+        if (n > capacity_ - length_)
+            return growAndAppend(s, n);
+        memmove(chars_ + length_, s, n);
+        length_ += static_cast<unsigned int>(n);
+        chars_[length_] = '\0';
+        return *this;
+    }
+
+    /// Replaces the text by `n` bytes, which may be part of it.
+    ZAbstractMutableString& assignBytes(const char* s, size_t n) {
+        if (n > capacity_)
+            return growAndAssign(s, n);
+        memmove(chars_, s, n);
+        length_ = static_cast<unsigned int>(n);
+        chars_[length_] = '\0';
+        return *this;
+    }
+
+    static const unsigned int kInlineLength = 95;
+
+private:
+    // Fills a string that init() has just emptied.
+    void construct(const char* s, size_t n) {
+        if (n > kInlineLength) {
+            growAndAssign(s, n);
+        } else {
+            memcpy(inline_chars_, s, n);
+            inline_chars_[n] = '\0';
+            length_ = static_cast<unsigned int>(n);
+        }
+    }
+    void constructWithRoom(const char* s, size_t n);
+    void growForOne();
+    ZAbstractMutableString& growAndAppend(const char* s, size_t n);
+    ZAbstractMutableString& growAndAssign(const char* s, size_t n);
+    ZAbstractMutableString& setSigned(long n) {
+        return n < 0 ? setUnsigned(0UL - static_cast<unsigned long>(n), 1)
+                     : setUnsigned(static_cast<unsigned long>(n), 0);
+    }
+    ZAbstractMutableString& setUnsigned(unsigned long n, int negative);
+    void grow(uint64_t n, int exact);
+    int isOwn(const char* s) const;
+
+    // (1) chars_[length_] is NUL, and length_ <= capacity_.
+    // (2) chars_ is inline_chars_ and capacity_ 95, or chars_ is a malloc'ed block of capacity_ + 1
+    //     bytes, this object's alone.
+    char* chars_;
+    unsigned int length_;
+    unsigned int capacity_;
+    char inline_chars_[kInlineLength + 1];
+};
+
+#endif
