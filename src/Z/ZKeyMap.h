@@ -62,6 +62,8 @@ public:
     ZObject* value() const { return value_; }
 
 private:
+    explicit ZKeyEntry(int ownsMembers);
+
     ZObject* key_;
     ZObject* value_;
     int ownsMembers_;

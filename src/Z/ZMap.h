@@ -4,6 +4,8 @@
 
 #include "ZList.h"
 
+class ZHashTable;
+
 /// What a set of self-identifying objects offers: an entry is found with a probe that equals it. An
 /// interface without ZObject: never delete through it.
 class ZEXPORT ZMap {
@@ -127,9 +129,7 @@ public:
     void list(ZList& out) const override;
 
 private:
-    class Table;
-
-    Table* table_;
+    ZHashTable* table_;
 };
 
 /// Walks the entries that a map held when the iterator was made, in the order of its list(). It

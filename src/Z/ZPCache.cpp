@@ -1,0 +1,455 @@
+#include "ZPCache.h"
+
+#include <pthread.h>
+
+#include <cstring>
+#include <memory>
+
+#include "ZException.h"
+#include "zpstore.h"
+
+typedef ZPStore::Id Id;
+
+namespace {
+
+// A name or value as it comes in: a null pointer counts as the empty text.
+struct Text {
+    const char* chars;
+    size_t length;
+    explicit Text(const char* s) : chars(s == nullptr ? "" : s), length(strlen(chars)) {}
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- ZPCache
+
+ZLCString* ZPCache::empty_ = nullptr;
+
+static pthread_once_t emptyOnce = PTHREAD_ONCE_INIT;
+
+void ZPCache::makeEmpty() { empty_ = new ZLCString; }
+
+unsigned long ZPCache::firstAttributes() {
+    pthread_once(&emptyOnce, &ZPCache::makeEmpty);
+    return 0;
+}
+
+ZPCache::ZPCache() : attributes_(firstAttributes()), attributeData_(nullptr), store_(new ZPStore) {}
+
+ZPCache::ZPCache(const ZPCache& other)
+    : attributes_(other.attributes_),
+      attributeData_(other.attributeData_),
+      store_(new ZPStore(*other.store_)) {}
+
+ZPCache::~ZPCache() { delete store_; }
+
+ZArrayList* ZPCache::get(const char*, const char*, get_type_e) const { return nullptr; }
+ZArrayList* ZPCache::get(const char*, get_type_e) const { return nullptr; }
+void ZPCache::add(const char*, const char*, const char*, int) {}
+void ZPCache::add(const char*, const char*, int) {}
+void ZPCache::set(const char*, const char*, const char*) {}
+void ZPCache::set(const char*, const char*) {}
+void ZPCache::setObfuscated(const char*, const char*, const char*) {}
+void ZPCache::setObfuscated(const char*, const char*) {}
+void ZPCache::remove(const char*, const char*) {}
+void ZPCache::remove(const char*) {}
+
+int ZPCache::keyCount(const char* category) const { return contains(category) != 0 ? 1 : 0; }
+
+int ZPCache::contains(const char* category) const {
+    const Text name(category);
+    return store_->stanzaInMap(name.chars, name.length) != ZPStore::none;
+}
+
+int ZPCache::contains(const char*, const char*) const { return 0; }
+int ZPCache::isObfuscated(const char*) const { return 0; }
+int ZPCache::isObfuscated(const char*, const char*) const { return 0; }
+
+int ZPCache::count() const { return static_cast<int>(store_->stanzaCount()); }
+
+void ZPCache::getNames(ZArrayList& list) const {
+    store_->forEachStanza([&](Id stanza) {
+        if (list.ownsMembers()) {
+            const ZPSlice& slice = store_->stanza(stanza).name;
+            const ZLCString name(store_->text(slice), slice.length);
+            list.add(&name);
+        } else {
+            // Another list needs an object that lives as long as the stanza.
+            list.add(store_->nameObject(stanza));
+        }
+    });
+}
+
+void ZPCache::getNames(const char*, ZArrayList&) const {}
+ZArrayList* ZPCache::getNames(const char*) const { return nullptr; }
+
+void ZPCache::clear() {
+    store_->clear();
+    obfuscatedDBName_.clear();
+}
+
+void ZPCache::setAttributes(unsigned long flags, void* data) {
+    attributes_ |= flags;
+    attributeData_ = data;
+}
+
+void ZPCache::makeKey(ZAbstractMutableString& out, const char* category, const char* key) const {
+    ZLCString made(category);
+    made.append('.');
+    made.append(key);
+    out.setChars(made.getChars());
+}
+
+int ZPCache::lastValue(const char* category, const char* key, const char*& text,
+                       unsigned int& length) const {
+    const ZArrayList* values = get(category, key, GET_ANY);
+    if (values == nullptr || values->size() == 0)
+        return 0;
+    const ZAbstractString* last =
+        static_cast<const ZAbstractString*>(values->get(values->size() - 1));
+    text = last->getChars();
+    length = last->getLength();
+    return 1;
+}
+
+void ZPCache::copyValues(const char* category, const char* key, ZArrayList& list) const {
+    const ZArrayList* values = get(category, key, GET_ANY);
+    if (values != nullptr)
+        list.addList(*values);
+}
+
+unsigned int ZPCache::obfuscatedCount() const { return store_->itemCount(); }
+
+// ---------------------------------------------------------------- look-ups
+
+static Id findKey(const ZPStore& store, const char* category, const char* key) {
+    if (key == nullptr)
+        return ZPStore::none;
+    const Text stanza(category);
+    return store.keyInMap(stanza.chars, stanza.length, key, strlen(key));
+}
+
+ZArrayList* ZPCategoryBasedCache::get(const char* category, const char* key,
+                                      get_type_e type) const {
+    const Id id = findKey(store(), category, key);
+    if (id == ZPStore::none)
+        return nullptr;
+    switch (type) {
+        case GET_ANY:
+            return store().valueList(id, store().anyKind(id));
+        case GET_PLAIN:
+            return store().valueList(id, ZPStore::plain);
+        case GET_OBFUSCATED:
+            return store().valueList(id, ZPStore::hidden);
+    }
+    return nullptr;
+}
+
+int ZPCategoryBasedCache::contains(const char* category) const {
+    return ZPCache::contains(category);
+}
+
+int ZPCategoryBasedCache::contains(const char* category, const char* key) const {
+    return findKey(store(), category, key) != ZPStore::none;
+}
+
+int ZPCategoryBasedCache::keyCount(const char* category) const {
+    const Text name(category);
+    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    return stanza == ZPStore::none ? 0 : static_cast<int>(store().stanza(stanza).count);
+}
+
+int ZPCategoryBasedCache::countValues(const char* category, const char* key) const {
+    const Id id = findKey(store(), category, key);
+    if (id == ZPStore::none)
+        return 0;
+    return static_cast<int>(store().values(id, store().anyKind(id)).count);
+}
+
+int ZPCategoryBasedCache::isObfuscated(const char* category, const char* key) const {
+    const Id id = findKey(store(), category, key);
+    return id != ZPStore::none && store().anyKind(id) == ZPStore::hidden;
+}
+
+// The text of value `i`, whichever way the values are held.
+static const char* valueText(const ZPStore& store, const ZPStore::Values& values, uint32_t i,
+                             unsigned int& length) {
+    if (values.list == nullptr) {
+        length = values.slices[i].length;
+        return store.text(values.slices[i]);
+    }
+    const ZAbstractString* string = static_cast<const ZAbstractString*>(values.list->get(i));
+    length = string == nullptr ? 0 : string->getLength();
+    return string == nullptr ? "" : string->getChars();
+}
+
+int ZPCategoryBasedCache::lastValue(const char* category, const char* key, const char*& text,
+                                    unsigned int& length) const {
+    const Id id = findKey(store(), category, key);
+    if (id == ZPStore::none)
+        return 0;
+    const ZPStore::Values values = store().values(id, store().anyKind(id));
+    if (values.count == 0)
+        return 0;
+    text = valueText(store(), values, values.count - 1, length);
+    return 1;
+}
+
+void ZPCategoryBasedCache::copyValues(const char* category, const char* key,
+                                      ZArrayList& list) const {
+    const Id id = findKey(store(), category, key);
+    if (id == ZPStore::none)
+        return;
+    const ZPStore::Values values = store().values(id, store().anyKind(id));
+    if (values.list != nullptr) {
+        list.addList(*values.list);
+        return;
+    }
+    for (uint32_t i = 0; i < values.count; ++i) {
+        const ZLCString value(store().text(values.slices[i]), values.slices[i].length);
+        list.add(&value);
+    }
+}
+
+void ZPCategoryBasedCache::getNames(ZArrayList& list) const { ZPCache::getNames(list); }
+
+void ZPCategoryBasedCache::getNames(const char* category, ZArrayList& list) const {
+    const Text name(category);
+    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    if (stanza == ZPStore::none)
+        return;
+    list.removeAll();
+    list.addList(*store().keyList(stanza));
+}
+
+ZArrayList* ZPCategoryBasedCache::getNames(const char* category) const {
+    const Text name(category);
+    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    return stanza == ZPStore::none ? nullptr : store().keyList(stanza);
+}
+
+void ZPCategoryBasedCache::list(FILE* stream) const {
+    const ZPStore& model = store();
+    model.forEachStanza([&](Id s) {
+        const ZPSlice& name = model.stanza(s).name;
+        fprintf(stream, "\n[%.*s]\n", static_cast<int>(name.length), model.text(name));
+        for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.key(k).next) {
+            const ZPSlice& key = model.key(k).name;
+            const ZPStore::Values values = model.values(k, ZPStore::plain);
+            for (uint32_t i = 0; i < values.count; ++i) {
+                unsigned int length = 0;
+                const char* text = valueText(model, values, i, length);
+                fprintf(stream, "%.*s = %.*s\n", static_cast<int>(key.length), model.text(key),
+                        static_cast<int>(length), text);
+            }
+            if (values.count == 0)
+                fprintf(stream, "%.*s =\n", static_cast<int>(key.length), model.text(key));
+        }
+    });
+}
+
+// ---------------------------------------------------------------- changes of the map
+
+void ZPCategoryBasedCache::add(const char* category, const char* key, const char* value,
+                               int obfuscated) {
+    const Text stanza(category), name(key), text(value);
+    const Id owner = store().createStanza(stanza.chars, stanza.length);
+    if (key == nullptr)
+        return;
+    const Id id = store().createKey(owner, name.chars, name.length);
+    if (text.length == 0)
+        return;
+    const ZPStore::Kind kind = obfuscated != 0 ? ZPStore::hidden : ZPStore::plain;
+    const bool first = store().values(id, kind).count == 0;
+    store().appendValue(id, kind, text.chars, text.length);
+    if (kind == ZPStore::hidden && first)
+        store().appendItem(id);
+}
+
+void ZPCategoryBasedCache::set(const char* category, const char* key, const char* value) {
+    const Text stanza(category), name(key), text(value);
+    const Id owner = store().createStanza(stanza.chars, stanza.length);
+    if (key == nullptr)
+        return;
+    const Id id = store().createKey(owner, name.chars, name.length);
+    store().replaceValues(id, ZPStore::plain, text.chars, text.length);
+    store().removeItem(id);
+}
+
+void ZPCategoryBasedCache::setObfuscated(const char* category, const char* key, const char* value) {
+    const Text stanza(category), name(key), text(value);
+    const Id owner = store().createStanza(stanza.chars, stanza.length);
+    if (key == nullptr)
+        return;
+    const Id id = store().createKey(owner, name.chars, name.length);
+    store().replaceValues(id, ZPStore::hidden, text.chars, text.length);
+    if (text.length != 0)
+        store().appendItem(id);
+    else
+        store().removeItem(id);
+}
+
+void ZPCategoryBasedCache::remove(const char* category, const char* key) {
+    const Id id = findKey(store(), category, key);
+    if (id != ZPStore::none)
+        store().removeKey(id);
+}
+
+void ZPCategoryBasedCache::remove(const char* category) {
+    const Text name(category);
+    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    if (stanza != ZPStore::none)
+        store().removeStanza(stanza);
+}
+
+// ---------------------------------------------------------------- changes of map and lines
+
+int ZPCategoryBasedCache::addStanzaLine(const char* category) {
+    const Text name(category);
+    if (store().stanzaInMap(name.chars, name.length) != ZPStore::none)
+        return 1;
+    store().addHeader(store().createStanza(name.chars, name.length));
+    return 0;
+}
+
+void ZPCategoryBasedCache::delStanzaLine(const char* category) {
+    const Text name(category);
+    const Id stanza = store().findStanza(name.chars, name.length);
+    if (stanza == ZPStore::none)
+        return;
+    // The group goes first: a stanza that has neither map entry nor group is forgotten.
+    const bool inMap = store().stanza(stanza).inMap;
+    store().removeGroup(stanza);
+    if (inMap)
+        store().removeStanza(stanza);
+}
+
+void ZPCategoryBasedCache::addLine(const char* category, const char* key, const char* value,
+                                   int obfuscated) {
+    addStanzaLine(category);
+    if (key == nullptr)
+        return;
+    const bool existed = contains(category, key) != 0;
+    if (obfuscated != 0)
+        setObfuscated(category, key, value);
+    else
+        set(category, key, value);
+    const Id id = findKey(store(), category, key);
+    // A key that only the side database knew gets a line with its first plain value, or the value
+    // would be missing from the file.
+    const bool hasText = obfuscated == 0 && value != nullptr && *value != '\0';
+    if (existed && (store().hasLine(id) || !hasText))
+        return;
+    const Id stanza = store().key(id).stanza;
+    if (store().stanza(stanza).group == ZPStore::none)
+        store().addHeader(stanza);
+    store().placeKeyLine(id);
+}
+
+void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
+    if (key == nullptr)
+        return;
+    const Text stanza(category), name(key);
+    const Id id = store().findKey(stanza.chars, stanza.length, name.chars, name.length);
+    if (id == ZPStore::none)
+        return;
+    // The lines go first: a key that has neither map entry nor line is forgotten.
+    const bool inMap = store().attached(id);
+    store().removeKeyLines(id);
+    if (inMap)
+        store().removeKey(id);
+}
+
+void ZPCategoryBasedCache::addFileComment(const char* text) {
+    const Text comment(text);
+    store().addFileComment(comment.chars, comment.length);
+}
+
+void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* text) {
+    addStanzaLine(category);
+    const Text name(category), comment(text);
+    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    if (store().stanza(stanza).group == ZPStore::none)
+        store().addHeader(stanza);
+    store().addStanzaComment(stanza, comment.chars, comment.length);
+}
+
+void ZPCategoryBasedCache::addLineComment(const char* category, const char* key, const char* text) {
+    if (contains(category, key) == 0)
+        addLine(category, key, nullptr, 0);
+    const Id id = findKey(store(), category, key);
+    if (id == ZPStore::none)
+        return;
+    const Text comment(text);
+    store().addKeyComment(id, comment.chars, comment.length);
+}
+
+void ZPCategoryBasedCache::checkInvariants() const { store().checkInvariants(); }
+
+// ---------------------------------------------------------------- composite keys
+
+void ZPCategoryBasedCache::validateKey(const char* composite, ZLCString& category, ZLCString& key) {
+    const char* dot = composite == nullptr ? nullptr : strchr(composite, '.');
+    if (dot == nullptr)
+        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    const ZLCString stanza(composite, static_cast<unsigned int>(dot - composite));
+    key.setChars(dot + 1);
+    category = stanza;
+}
+
+namespace {
+
+// The two parts of a composite key.
+struct Composite {
+    ZLCString category, key;
+    explicit Composite(const char* composite) {
+        ZPCategoryBasedCache::validateKey(composite, category, key);
+    }
+};
+
+}  // namespace
+
+ZArrayList* ZPCategoryBasedCache::get(const char* key, get_type_e type) const {
+    const Composite parts(key);
+    return get(parts.category.getChars(), parts.key.getChars(), type);
+}
+
+void ZPCategoryBasedCache::add(const char* key, const char* value, int obfuscated) {
+    const Composite parts(key);
+    add(parts.category.getChars(), parts.key.getChars(), value, obfuscated);
+}
+
+void ZPCategoryBasedCache::set(const char* key, const char* value) {
+    const Composite parts(key);
+    set(parts.category.getChars(), parts.key.getChars(), value);
+}
+
+void ZPCategoryBasedCache::setObfuscated(const char* key, const char* value) {
+    const Composite parts(key);
+    setObfuscated(parts.category.getChars(), parts.key.getChars(), value);
+}
+
+int ZPCategoryBasedCache::countValues(const char* key) const {
+    const Composite parts(key);
+    return countValues(parts.category.getChars(), parts.key.getChars());
+}
+
+int ZPCategoryBasedCache::isObfuscated(const char* key) const {
+    const Composite parts(key);
+    return isObfuscated(parts.category.getChars(), parts.key.getChars());
+}
+
+void ZPCategoryBasedCache::addLine(const char* key, const char* value, int obfuscated) {
+    const Composite parts(key);
+    addLine(parts.category.getChars(), parts.key.getChars(), value, obfuscated);
+}
+
+void ZPCategoryBasedCache::delLine(const char* key) {
+    const Composite parts(key);
+    delLine(parts.category.getChars(), parts.key.getChars());
+}
+
+void ZPCategoryBasedCache::addLineComment(const char* key, const char* text) {
+    const Composite parts(key);
+    addLineComment(parts.category.getChars(), parts.key.getChars(), text);
+}

@@ -1,0 +1,359 @@
+#include "ZProperties.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "ZExceptionText.h"
+#include "zcheck.h"
+
+ZProperties::ZProperties(ZPCache* cache)
+    : cache_(cache), modified_(0), loading_(0), timeStamp_(0) {}
+
+ZProperties::ZProperties(const ZProperties& other)
+    : ZAbstractProperties(other),
+      ZAbstractObservable(),
+      ZPropertiesMutableInterface(),
+      cache_(nullptr),
+      modified_(0),
+      loading_(0),
+      timeStamp_(0) {
+    ZResourceLock guard(other.lock_);
+    cache_ = other.cache_->clone();
+}
+
+ZProperties::~ZProperties() noexcept {}
+
+// ---------------------------------------------------------------- look-ups
+
+int ZProperties::exists(const char* category, const char* key) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    ZResourceLock guard(lock_);
+    return cache_->contains(category, key);
+}
+
+int ZProperties::exists(const char* category) const {
+    Z_REQUIRE(zhasText(category));
+    ZResourceLock guard(lock_);
+    return cache_->contains(category);
+}
+
+int ZProperties::isObfuscated(const char* category, const char* key) const {
+    ZResourceLock guard(lock_);
+    Z_REQUIRE(exists(category, key) != 0);
+    return cache_->isObfuscated(category, key);
+}
+
+int ZProperties::isObfuscated(const char* key) const {
+    Z_REQUIRE(zhasText(key));
+    ZResourceLock guard(lock_);
+    // A stanza of that whole name counts as existing too; the answer is the composite key's.
+    if (exists(key) == 0) {
+        ZLCString category, name;
+        ZPCategoryBasedCache::validateKey(key, category, name);
+        Z_REQUIRE(cache_->contains(category.getChars(), name.getChars()) != 0);
+    }
+    return cache_->isObfuscated(key);
+}
+
+int ZProperties::extractValue(const char* category, const char* key, int required,
+                              const char*& text, unsigned int& length) const {
+    if (cache_->lastValue(category, key, text, length) != 0)
+        return 1;
+    if (required != 0)
+        ZPropertiesMissingPropertyException(fileName_.getChars(), category, key)
+            .throwException(__FILE__, __LINE__);
+    return 0;
+}
+
+void ZProperties::getValue(const char* category, const char* key, ZAbstractMutableString& out,
+                           int required, const char* defaultValue) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    Z_REQUIRE(required == 0 || defaultValue == nullptr);
+    ZResourceLock guard(lock_);
+    const char* text;
+    unsigned int length;
+    if (extractValue(category, key, required, text, length) == 0) {
+        out.setChars(defaultValue == nullptr ? ZPCache::emptyText().getChars() : defaultValue);
+    } else if (out.getCodesetHandle() == ZPCache::emptyText().getCodesetHandle()) {
+        out.clear();
+        out.append(text, length);
+    } else {
+        out.setChars(ZLCString(text, length));
+    }
+}
+
+// Whether all of the text is a plain decimal number that fits into 32 bits, with nothing to think
+// about; nearly all are.
+static bool isPlainNumber(const char* text, unsigned int length, unsigned int& result) {
+    if (length == 0 || length > 9 || (text[0] == '0' && length > 1))
+        return false;
+    unsigned int number = 0;
+    for (unsigned int i = 0; i < length; ++i) {
+        const unsigned int digit = static_cast<unsigned char>(text[i]) - '0';
+        if (digit > 9)
+            return false;
+        number = number * 10 + digit;
+    }
+    result = number;
+    return true;
+}
+
+// As strtoul does where long has 32 bits, whatever it has here: out of range gives the largest
+// number, a minus sign wraps. False if it isn't a number from end to end.
+static bool convertToInt(const ZLCString& text, unsigned int& result) {
+    result = 0;
+    if (text.getLength() == 0)
+        return true;
+    const char* start = text.getChars();
+    char* end;
+    errno = 0;
+    const unsigned long long number = strtoull(start, &end, 0);
+    const bool overflow = errno == ERANGE;
+    const char* sign = start;
+    while (isspace(static_cast<unsigned char>(*sign)))
+        ++sign;
+    const unsigned long long magnitude = *sign == '-' ? 0 - number : number;
+    result = overflow || magnitude > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned int>(number);
+    return end != start && *end == '\0';
+}
+
+static bool convertToBoolean(const ZLCString& text, int& result) {
+    static const char* const kTrue[] = {"yes", "y", "true", "t", "1"};
+    static const char* const kFalse[] = {"no", "n", "false", "f", "0"};
+    result = 0;
+    if (text.getLength() == 0)
+        return true;
+    for (const char* word : kTrue)
+        if (text.compareignorecase(word) == 0) {
+            result = 1;
+            return true;
+        }
+    for (const char* word : kFalse)
+        if (text.compareignorecase(word) == 0)
+            return true;
+    return false;
+}
+
+unsigned int ZProperties::getIntegerValue(const char* category, const char* key, int required,
+                                          unsigned int defaultValue) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    Z_REQUIRE(required == 0 || defaultValue == 0);
+    ZResourceLock guard(lock_);
+    const char* text;
+    unsigned int length;
+    if (extractValue(category, key, required, text, length) == 0)
+        return defaultValue;
+    unsigned int result;
+    if (isPlainNumber(text, length, result))
+        return result;
+    const ZLCString value(text, length);
+    if (!convertToInt(value, result))
+        ZPropertiesInvalidNumValueException(fileName_.getChars(), category, key, value.getChars())
+            .throwException(__FILE__, __LINE__);
+    return result;
+}
+
+int ZProperties::getBooleanValue(const char* category, const char* key, int required,
+                                 int defaultValue) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    Z_REQUIRE(required == 0 || defaultValue == 0);
+    ZResourceLock guard(lock_);
+    const char* text;
+    unsigned int length;
+    if (extractValue(category, key, required, text, length) == 0)
+        return defaultValue;
+    const ZLCString value(text, length);
+    int result;
+    if (!convertToBoolean(value, result))
+        ZPropertiesInvalidBoolValueException(fileName_.getChars(), category, key, value.getChars())
+            .throwException(__FILE__, __LINE__);
+    return result;
+}
+
+void ZProperties::getValues(const char* category, const char* key, ZArrayList& list,
+                            ZPropertyStringType type) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    Z_REQUIRE(list.ownsMembers() != 0);
+    Z_REQUIRE(type == ZPROP_STRING_LOCAL || type == ZPROP_STRING_UTF8);
+    ZResourceLock guard(lock_);
+    list.removeAll();
+    if (type == ZPROP_STRING_LOCAL) {
+        cache_->copyValues(category, key, list);
+        return;
+    }
+    ZArrayList local(1, 1);
+    cache_->copyValues(category, key, local);
+    for (unsigned int i = 0; i < local.size(); ++i) {
+        std::unique_ptr<ZUTF8String> value(
+            new ZUTF8String(*static_cast<const ZLCString*>(local.get(i))));
+        list.addNoCopy(value.get());
+        value.release();
+    }
+}
+
+int ZProperties::numValues(const char* key) const {
+    Z_REQUIRE(zhasText(key));
+    ZResourceLock guard(lock_);
+    return cache_->countValues(key);
+}
+
+int ZProperties::numValues(const char* category, const char* key) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    ZResourceLock guard(lock_);
+    return cache_->countValues(category, key);
+}
+
+int ZProperties::count() const {
+    ZResourceLock guard(lock_);
+    return cache_->count();
+}
+
+int ZProperties::count(const char* category) const {
+    Z_REQUIRE(zhasText(category));
+    ZResourceLock guard(lock_);
+    return cache_->keyCount(category);
+}
+
+void ZProperties::list() const { cache_->list(stdout); }
+
+ZArrayList* ZProperties::get(const char* category, const char* key) const {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    return cache_->get(category, key, ZPCache::GET_ANY);
+}
+
+void ZProperties::keyNames(ZArrayList& list) const {
+    Z_REQUIRE(list.ownsMembers() != 0);
+    cache_->getNames(list);
+}
+
+void ZProperties::keyNames(const char* category, ZArrayList& list) const {
+    Z_REQUIRE(zhasText(category));
+    Z_REQUIRE(list.ownsMembers() != 0);
+    cache_->getNames(category, list);
+}
+
+ZArrayList* ZProperties::keyNames(const char* category) const {
+    Z_REQUIRE(zhasText(category));
+    return cache_->getNames(category);
+}
+
+// ---------------------------------------------------------------- changes
+
+void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
+                                   ZPropertyChanged::PropertyChangeType type, const char* category,
+                                   const char* key) {
+    if (loading_.load(std::memory_order_relaxed) == 0)
+        notifyObservers(ZPropertyChanged(category, key, style, type));
+}
+
+void ZProperties::checkAccess(const char* category, const char* key, int obfuscated) const {
+    ZResourceLock guard(lock_);
+    // A key without values may take either kind; a hidden one has values.
+    if (obfuscated == 0)
+        Z_REQUIRE(cache_->isObfuscated(category, key) == 0);
+    else
+        Z_REQUIRE(
+            cache_->countValues(category, key) == 0 || cache_->isObfuscated(category, key) != 0,
+            __LINE__);
+}
+
+void ZProperties::setValue(const char* category, const char* key, const char* value) {
+    setValue(category, key, value, 0);
+}
+
+void ZProperties::setValue(const char* category, const char* key, const char* value,
+                           int obfuscated) {
+    require(zhasText(category) && zhasText(key));
+    {
+        ZResourceLock guard(lock_);
+        if (zhasText(value))
+            checkAccess(category, key, obfuscated);
+        cache_->addLine(category, key, value, obfuscated);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
+                     key);
+}
+
+void ZProperties::setValue(const char* category, const char* key, const ZLCString& value) {
+    setValue(category, key, value.getChars());
+}
+
+void ZProperties::setValue(const char* category, const char* key, const ZLCConstString& value) {
+    setValue(category, key, value.getChars());
+}
+
+void ZProperties::setValue(const char* category, const char* key, const ZUTF8String& value) {
+    setValue(category, key, ZLCString(value).getChars());
+}
+
+void ZProperties::setValue(const char* category, const char* key, const ZUTF8ConstString& value) {
+    setValue(category, key, ZLCString(value).getChars());
+}
+
+void ZProperties::setIntegerValue(const char* category, const char* key, unsigned int value) {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    char text[16];
+    snprintf(text, sizeof text, "%u", value);
+    {
+        ZResourceLock guard(lock_);
+        checkAccess(category, key, 0);
+        cache_->addLine(category, key, text, 0);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
+                     key);
+}
+
+void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    {
+        ZResourceLock guard(lock_);
+        checkAccess(category, key, 0);
+        cache_->addLine(category, key, value != 0 ? "yes" : "no", 0);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
+                     key);
+}
+
+void ZProperties::deleteKey(const char* category, const char* key) {
+    Z_REQUIRE(zhasText(category) && zhasText(key));
+    {
+        ZResourceLock guard(lock_);
+        cache_->delLine(category, key);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted, category,
+                     key);
+}
+
+void ZProperties::addFileComment(const char* text) {
+    Z_REQUIRE(zhasText(text));
+    ZResourceLock guard(lock_);
+    ZLCString comment(text);
+    checkComment(comment);
+    cache_->addFileComment(comment.getChars());
+    setModified();
+}
+
+void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
+    Z_REQUIRE(zhasText(category) && zhasText(key) && zhasText(text));
+    ZResourceLock guard(lock_);
+    ZLCString comment(text);
+    checkComment(comment);
+    cache_->addLineComment(category, key, comment.getChars());
+    setModified();
+}
+
+void ZProperties::postLoad(const char*) {}
+
+void ZProperties::checkComment(ZLCString&) {}
+
+void ZProperties::setAttributes(unsigned long flags, void* data) {
+    cache_->setAttributes(flags, data);
+}

@@ -1,0 +1,533 @@
+// ZSCFData.cpp: the two file formats of the configuration database.
+//
+// Stanza file, text in the local codeset, line by line; a line ends at a newline or the end of the
+// file. White space, as isspace tells, is cut from both ends first. Then:
+//
+//   nothing left     blank line
+//   "#..."           comment
+//   "[name]..."      header of a stanza; what stands behind the first "]" is ignored
+//   else             entry "key = value": the first "=" divides; blanks around it are cut; no
+//                    quoting, no escapes, no continuation
+//
+// A line is read in pieces of at most kPiece bytes, its newline counted; a longer one counts as
+// several, and a NUL hides the rest of its piece. A stanza appears once. A key may appear often:
+// each entry adds a value, an empty one adds none. Written, every entry is "key = value".
+//
+// Side database: one zlib stream over records, one for each value of each key in it,
+//
+//   stanza NUL key NUL value NUL  NUL
+//
+// where the last NUL separates records and is left out behind the last one. The compression is all
+// that hides the values.
+#include "ZSCFData.h"
+
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cstring>
+#include <memory>
+
+#include "ZException.h"
+#include "ZExceptionText.h"
+#include "ZSqueeze.h"
+#include "zpstore.h"
+
+typedef ZPStore::Id Id;
+
+static const size_t kPiece = 8191;
+static const char kSideStanza[] = "configuration-database";
+static const char kSideKey[] = "file";
+
+ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
+
+// ---------------------------------------------------------------- reading text
+
+// Brings the rest of the stream behind the store's text. The size of a regular file is known, so
+// that one read does; one more byte than that shows the end at once.
+static void readAll(ZPStore& store, FILE* stream) {
+    size_t room = 64 * 1024;
+    struct stat status;
+    const int descriptor = fileno(stream);
+    if (descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        const off_t position = ftello(stream);
+        if (position >= 0 && status.st_size >= position) {
+            const uint64_t rest = static_cast<uint64_t>(status.st_size - position);
+            room = rest < SIZE_MAX ? static_cast<size_t>(rest) + 1 : SIZE_MAX;
+        }
+    }
+    for (;;) {
+        char* target = store.textRoom(room);
+        const size_t got = fread(target, 1, room, stream);
+        store.commitText(got);
+        if (got < room)
+            return;
+        room = store.textSize() / 2 + 64 * 1024;
+    }
+}
+
+namespace {
+
+// One pass over the text that readAll brought. Entries are handed to the store in batches: the
+// places of a batch in the store's index are fetched together, since at a million keys each of
+// them is a cache miss.
+class StanzaReader {
+public:
+    StanzaReader(ZPStore& store, const char* file, bool keepComments, ZLCString& sideDatabase)
+        : store_(store),
+          file_(file),
+          keepComments_(keepComments),
+          sideDatabase_(sideDatabase),
+          group_(store.lastGroup()),
+          stanza_(ZPStore::none),
+          isSideStanza_(false),
+          pending_(0),
+          unused_(0) {
+        for (int c = 0; c < 256; ++c)
+            space_[c] = isspace(c) != 0;
+    }
+
+    void read(size_t start) {
+        const size_t end = store_.textSize();
+        reserve(start, end);
+        const bool hasNul = end != start && memchr(store_.text(start), 0, end - start) != nullptr;
+        int line = 0;
+        for (size_t at = start; at < end;) {
+            const char* piece = store_.text(static_cast<uint32_t>(at));
+            const size_t room = end - at < kPiece ? end - at : kPiece;
+            const char* newline = static_cast<const char*>(memchr(piece, '\n', room));
+            const size_t length = newline == nullptr ? room : newline - piece + 1;
+            const char* stop = piece + length;
+            if (hasNul) {
+                const void* nul = memchr(piece, 0, length);
+                stop = nul == nullptr ? stop : static_cast<const char*>(nul);
+            }
+            ++line;
+            while (stop > piece && isSpace(stop[-1]))
+                --stop;
+            const char* first = piece;
+            while (first < stop && isSpace(*first))
+                ++first;
+            if (!classify(first, stop)) {
+                flush();
+                const ZLCString data(piece, static_cast<unsigned int>(stop - piece));
+                store_.truncateText(at);  // nothing refers to the rest
+                ZPropertiesInvalidDataException(file_, data.getChars(), line)
+                    .throwException(__FILE__, __LINE__);
+            }
+            at += length;
+        }
+        flush();
+        store_.addDead(unused_);
+    }
+
+private:
+    enum PieceType { blank, comment, entry };
+
+    struct Pending {
+        PieceType type;
+        ZPSlice first;  // comment's text or key
+        ZPSlice value;
+        uint32_t hash;
+    };
+
+    bool isSpace(char c) const { return space_[static_cast<unsigned char>(c)]; }
+
+    ZPSlice slice(const char* from, const char* to) const {
+        return {static_cast<uint32_t>(from - store_.text(0)), static_cast<uint32_t>(to - from)};
+    }
+
+    // The number of lines of the first part tells roughly how many there are in all.
+    void reserve(size_t start, size_t end) {
+        const size_t sample = end - start < 32768 ? end - start : 32768;
+        const char* p = store_.text(static_cast<uint32_t>(start));
+        const char* stop = p + sample;
+        size_t lines = 0;
+        while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
+            ++lines;
+            ++p;
+        }
+        if (sample != 0)
+            store_.reserveForLines(
+                static_cast<size_t>(static_cast<uint64_t>(lines + 1) * (end - start) / sample));
+    }
+
+    // False if the piece is no line of the format.
+    bool classify(const char* first, const char* stop) {
+        if (first == stop) {
+            if (keepComments_)
+                queue({blank, {0, 0}, {0, 0}, 0});
+            return true;
+        }
+        if (*first == '#') {
+            if (keepComments_)
+                queue({comment, slice(first, stop), {0, 0}, 0});
+            else
+                unused_ += stop - first;
+            return true;
+        }
+        return *first == '[' ? header(first, stop) : value(first, stop);
+    }
+
+    bool header(const char* first, const char* stop) {
+        const char* name = first + 1;
+        const char* close = static_cast<const char*>(memchr(name, ']', stop - name));
+        if (close == nullptr)
+            return false;
+        flush();
+        const size_t length = close - name;
+        if (store_.stanzaInMap(name, length) != ZPStore::none)
+            return false;
+        group_ = store_.readHeader(slice(name, close));
+        stanza_ = length == 0 ? ZPStore::none : store_.group(group_).stanza;
+        isSideStanza_ = length == sizeof kSideStanza - 1 && memcmp(name, kSideStanza, length) == 0;
+        return true;
+    }
+
+    bool value(const char* first, const char* stop) {
+        if (stanza_ == ZPStore::none)
+            return false;
+        const char* equals = static_cast<const char*>(memchr(first, '=', stop - first));
+        if (equals == nullptr || equals == first)
+            return false;
+        const char* keyEnd = equals;
+        while (isSpace(keyEnd[-1]))
+            --keyEnd;
+        const char* text = equals + 1;
+        while (text < stop && isSpace(*text))
+            ++text;
+        const uint32_t hash = store_.keyHash(stanza_, first, keyEnd - first);
+        store_.prefetchKey(hash);
+        queue({entry, slice(first, keyEnd), slice(text, stop), hash});
+        return true;
+    }
+
+    void queue(const Pending& piece) {
+        if (pending_ == kBatch)
+            flush();
+        batch_[pending_++] = piece;
+    }
+
+    void flush() {
+        const int count = pending_;
+        pending_ = 0;
+        for (int i = 0; i < count; ++i) {
+            const Pending& piece = batch_[i];
+            if (piece.type == blank) {
+                store_.readBlank(group_);
+            } else if (piece.type == comment) {
+                store_.readComment(group_, piece.first);
+            } else {
+                bool isNew = false;
+                store_.readEntry(group_, piece.first, piece.value, piece.hash, isNew);
+                if (isSideStanza_ && isNew)
+                    noteSideDatabase(piece);
+            }
+        }
+    }
+
+    void noteSideDatabase(const Pending& piece) {
+        if (piece.first.length == sizeof kSideKey - 1 &&
+            memcmp(store_.text(piece.first), kSideKey, sizeof kSideKey - 1) == 0)
+            sideDatabase_ = ZLCString(store_.text(piece.value), piece.value.length);
+    }
+
+    static const int kBatch = 16;
+
+    ZPStore& store_;
+    const char* file_;
+    const bool keepComments_;
+    ZLCString& sideDatabase_;
+    Id group_;
+    Id stanza_;  // none before the first header and behind an empty name
+    bool isSideStanza_;
+    int pending_;
+    size_t unused_;
+    bool space_[256];
+    Pending batch_[kBatch];
+};
+
+}  // namespace
+
+void ZSCFData::be_read(const char* file, FILE* stream) {
+    const size_t start = store().textSize();
+    readAll(store(), stream);
+    StanzaReader(store(), file, (attributes_ & ZPCACHE_KEEP_COMMENTS) != 0, obfuscatedDBName_)
+        .read(start);
+}
+
+// ---------------------------------------------------------------- writing text
+
+namespace {
+
+// Collects output in a small buffer. Lines whose bytes already stand in the store's text as they
+// are to be written, one behind the other, are passed on in one piece.
+class StanzaWriter {
+public:
+    StanzaWriter(const ZPStore& store, FILE* stream)
+        : store_(store), stream_(stream), size_(0), runStart_(0), runEnd_(0) {}
+
+    void write() {
+        for (Id g = store_.firstGroup(); g != ZPStore::none; g = store_.group(g).next) {
+            const ZPStore::Group& group = store_.group(g);
+            if (group.stanza != ZPStore::none) {
+                // A stanza that left the map takes its comments and keys with it.
+                if (!store_.stanza(group.stanza).inMap)
+                    continue;
+                header(store_.stanza(group.stanza).name);
+            }
+            for (Id l = group.first; l != ZPStore::none; l = store_.line(l).next)
+                line(store_.line(l));
+        }
+        endRun();
+        flush();
+    }
+
+private:
+    void header(const ZPSlice& name) {
+        const uint32_t end = name.offset + name.length;
+        if (name.offset != 0 && at(name.offset - 1, "[", 1) && at(end, "]\n", 2)) {
+            run(name.offset - 1, end + 2);
+            return;
+        }
+        put("[", 1);
+        put(store_.text(name), name.length);
+        put("]\n", 2);
+    }
+
+    void line(const ZPStore::Line& line) {
+        switch (line.type()) {
+            case ZPStore::lineBlank:
+                if (runEnd_ != runStart_ && at(runEnd_, "\n", 1))
+                    ++runEnd_;
+                else
+                    put("\n", 1);
+                break;
+            case ZPStore::lineComment:
+                if (at(line.ref + line.length(), "\n", 1)) {
+                    run(line.ref, line.ref + line.length() + 1);
+                } else {
+                    put(store_.text(line.ref), line.length());
+                    put("\n", 1);
+                }
+                break;
+            case ZPStore::lineKey:
+                if (store_.attached(line.ref))
+                    entry(line.ref);
+                break;
+        }
+    }
+
+    void entry(Id id) {
+        const ZPSlice& name = store_.key(id).name;
+        const ZPStore::Values values = store_.values(id, ZPStore::plain);
+        if (values.count == 1 && values.list == nullptr) {
+            const ZPSlice& value = values.slices[0];
+            const uint32_t nameEnd = name.offset + name.length;
+            const uint32_t valueEnd = value.offset + value.length;
+            if (value.offset == nameEnd + 3 && at(nameEnd, " = ", 3) && at(valueEnd, "\n", 1)) {
+                run(name.offset, valueEnd + 1);
+                return;
+            }
+        }
+        for (uint32_t i = 0; i < values.count; ++i) {
+            put(store_.text(name), name.length);
+            put(" = ", 3);
+            if (values.list == nullptr) {
+                put(store_.text(values.slices[i]), values.slices[i].length);
+            } else if (const ZObject* member = values.list->get(i)) {
+                const ZAbstractString* text = static_cast<const ZAbstractString*>(member);
+                put(text->getChars(), text->getLength());
+            }
+            put("\n", 1);
+        }
+        // A key whose values are hidden has no text line.
+        if (values.count == 0 && store_.values(id, ZPStore::hidden).count == 0) {
+            put(store_.text(name), name.length);
+            put(" =\n", 3);
+        }
+    }
+
+    // Whether these bytes stand in the text there.
+    bool at(uint32_t offset, const char* bytes, size_t length) const {
+        return offset + length <= store_.textSize() &&
+               memcmp(store_.text(offset), bytes, length) == 0;
+    }
+
+    void run(uint32_t start, uint32_t end) {
+        if (start != runEnd_ || runStart_ == runEnd_) {
+            endRun();
+            runStart_ = start;
+        }
+        runEnd_ = end;
+    }
+
+    void endRun() {
+        const uint32_t start = runStart_, length = runEnd_ - runStart_;
+        runStart_ = runEnd_ = 0;
+        if (length != 0)
+            put(store_.text(start), length);
+    }
+
+    void put(const char* bytes, size_t length) {
+        if (runStart_ != runEnd_)
+            endRun();
+        if (length > sizeof buffer_ - size_) {
+            flush();
+            if (length > sizeof buffer_) {
+                fwrite(bytes, 1, length, stream_);
+                return;
+            }
+        }
+        memcpy(buffer_ + size_, bytes, length);
+        size_ += length;
+    }
+
+    void flush() {
+        if (size_ != 0)
+            fwrite(buffer_, 1, size_, stream_);
+        size_ = 0;
+    }
+
+    const ZPStore& store_;
+    FILE* stream_;
+    size_t size_;
+    uint32_t runStart_, runEnd_;  // bytes of the text that are to go out; equal: none
+    char buffer_[16 * 1024];
+};
+
+}  // namespace
+
+void ZSCFData::be_write(const char*, FILE* stream) { StanzaWriter(store(), stream).write(); }
+
+// ---------------------------------------------------------------- side database
+
+void ZSCFData::be_read_obfuscated(ZBuffer& buffer) {
+    // No deflate stream expands beyond this; a truncated one would ask for more room for ever.
+    static const unsigned long kMaxExpansion = 1032;
+    const unsigned long packed = buffer.getLength();
+    ZSqueeze squeeze;
+    squeeze.setSource(static_cast<unsigned char*>(buffer.getBuffer()), packed);
+    ZBuffer expanded;
+    unsigned long length = 0;
+    bool failed = packed == 0;
+    for (unsigned long factor = 8; !failed; factor *= 2) {
+        if (packed > (~0UL >> 1) / factor)
+            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        expanded.setLength(packed * factor);
+        const long result = static_cast<long>(squeeze.unsqueeze(
+            static_cast<unsigned char*>(expanded.getBuffer()), expanded.getLength()));
+        if (result >= 0) {
+            length = static_cast<unsigned long>(result);
+            break;
+        }
+        const bool needsRoom = result == -5 || result == -4;
+        failed = !needsRoom || factor > kMaxExpansion;
+    }
+    const char* at = static_cast<const char*>(expanded.getBuffer());
+    const char* end = at + length;
+    while (!failed && at < end) {
+        const char* parts[3];
+        for (int i = 0; i < 3 && !failed; ++i) {
+            const void* nul = at < end ? memchr(at, 0, end - at) : nullptr;
+            failed = nul == nullptr;
+            parts[i] = at;
+            at = failed ? end : static_cast<const char*>(nul) + 1;
+        }
+        if (failed)
+            break;
+        add(parts[0], parts[1], parts[2], 1);
+        ++at;  // the separator; missing behind the last record, which ends the walk as well
+    }
+    if (failed)
+        ZPropertiesInvalidDataException(obfuscatedDBName_.getChars(), "", 0)
+            .throwException(__FILE__, __LINE__);
+}
+
+namespace {
+
+// The records, uncompressed, in a block that grows in steps.
+class Records {
+public:
+    Records() : data_(nullptr), size_(0), room_(0) { grow(kFirstRoom); }
+    ~Records() { free(data_); }
+    Records(const Records&) = delete;
+    Records& operator=(const Records&) = delete;
+
+    void add(const ZPStore& store, const ZPSlice& stanza, const ZPSlice& key, const char* value,
+             size_t valueLength) {
+        const size_t needed = static_cast<size_t>(stanza.length) + key.length + valueLength + 4;
+        if (needed >= room_ - size_)
+            grow(room_ + (needed > room_ / 2 ? needed + kStep : room_ / 2 + kStep));
+        put(store.text(stanza), stanza.length);
+        put(store.text(key), key.length);
+        put(value, valueLength);
+        data_[size_++] = 0;
+    }
+
+    unsigned char* data() { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    static const size_t kFirstRoom = 8192;
+    static const size_t kStep = 4096;
+
+    void grow(size_t room) {
+        void* grown = realloc(data_, room);
+        if (grown == nullptr)
+            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        data_ = static_cast<unsigned char*>(grown);
+        room_ = room;
+    }
+
+    void put(const char* bytes, size_t length) {
+        memcpy(data_ + size_, bytes, length);
+        size_ += length;
+        data_[size_++] = 0;
+    }
+
+    unsigned char* data_;
+    size_t size_;
+    size_t room_;
+};
+
+}  // namespace
+
+void ZSCFData::be_write_obfuscated(ZBuffer& buffer) {
+    const ZPStore& model = store();
+    Records records;
+    for (Id k = model.firstItem(); k != ZPStore::none; k = model.nextItem(k)) {
+        const ZPStore::Values values = model.values(k, ZPStore::hidden);
+        const ZPSlice& stanza = model.stanza(model.key(k).stanza).name;
+        const ZPSlice& key = model.key(k).name;
+        for (uint32_t i = 0; i < values.count; ++i) {
+            if (values.list == nullptr) {
+                records.add(model, stanza, key, model.text(values.slices[i]),
+                            values.slices[i].length);
+            } else if (const ZObject* member = values.list->get(i)) {
+                const ZAbstractString* text = static_cast<const ZAbstractString*>(member);
+                records.add(model, stanza, key, text->getChars(), text->getLength());
+            }
+        }
+    }
+    if (records.size() == 0)
+        return;
+    const unsigned long length = records.size() - 1;  // no separator behind the last record
+    ZSqueeze squeeze;
+    squeeze.setSource(records.data(), length);
+    // Nothing needs more than a few bytes beyond its own length, so that twice the length and a
+    // bit more is room enough: a failure there is one of memory.
+    const unsigned long enough = length * 2 + 1024;
+    for (unsigned long size = length * 2;; size *= 2) {
+        buffer.setLength(size);
+        const long packed = static_cast<long>(
+            squeeze.squeeze(static_cast<unsigned char*>(buffer.getBuffer()), size));
+        if (packed >= 0) {
+            buffer.setLength(static_cast<unsigned long>(packed));
+            return;
+        }
+        if (size > enough) {
+            buffer.setLength(0);
+            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        }
+    }
+}

@@ -1,0 +1,248 @@
+#include "ZStanzaFileProperties.h"
+
+#include <pthread.h>
+
+#include <memory>
+
+#include "zcheck.h"
+
+// ---------------------------------------------------------------- pairs
+
+static ZAbstractString* copyOf(const ZAbstractString& text) {
+    return static_cast<ZAbstractString*>(text.clone());
+}
+
+ZKVEntry::ZKVEntry(const ZKVEntry& other) : ZObject(other), key_(nullptr), value_(nullptr) {
+    std::unique_ptr<ZAbstractString> key(copyOf(*other.key_));
+    value_ = copyOf(*other.value_);
+    key_ = key.release();
+}
+
+ZKVEntry::~ZKVEntry() noexcept {
+    delete key_;
+    delete value_;
+}
+
+ZObject* ZKVEntry::clone() const { return new ZKVEntry(*this); }
+
+ZPropertiesKVList::ZPropertiesKVList(ZPropertyStringType type) : type_(type), entries_(10, 1) {}
+
+ZPropertiesKVList::ZPropertiesKVList(const ZPropertiesKVList& other)
+    : ZObject(other), type_(other.type_), entries_(other.entries_) {}
+
+ZPropertiesKVList& ZPropertiesKVList::operator=(const ZPropertiesKVList& other) {
+    entries_ = other.entries_;
+    type_ = other.type_;
+    return *this;
+}
+
+ZPropertiesKVList::~ZPropertiesKVList() noexcept {}
+
+ZObject* ZPropertiesKVList::clone() const { return new ZPropertiesKVList(*this); }
+
+ZAbstractString* ZPropertiesKVList::newString(const ZAbstractString& text) const {
+    std::unique_ptr<ZAbstractString> string;
+    if (type_ == ZPROP_STRING_UTF8)
+        string.reset(new ZUTF8String);
+    else
+        string.reset(new ZLCString);
+    string->setChars(text);
+    return string.release();
+}
+
+void ZPropertiesKVList::addItem(const ZAbstractString& key, const ZAbstractString& value) {
+    std::unique_ptr<ZAbstractString> ownKey(newString(key));
+    std::unique_ptr<ZAbstractString> ownValue(newString(value));
+    std::unique_ptr<ZKVEntry> entry(new ZKVEntry(ownKey.get(), ownValue.get()));
+    ownKey.release();
+    ownValue.release();
+    entries_.addNoCopy(entry.get());
+    entry.release();
+}
+
+const char* ZPropertiesKVList::getItemKey(unsigned int i) const {
+    const ZKVEntry* entry = static_cast<const ZKVEntry*>(entries_.get(i));
+    return entry == nullptr ? nullptr : entry->key().getChars();
+}
+
+const char* ZPropertiesKVList::getItemValue(unsigned int i) const {
+    const ZKVEntry* entry = static_cast<const ZKVEntry*>(entries_.get(i));
+    return entry == nullptr ? nullptr : entry->value().getChars();
+}
+
+unsigned int ZPropertiesKVList::getItemCount() const { return entries_.size(); }
+
+void ZPropertiesKVList::clear() { entries_.removeAll(); }
+
+// ---------------------------------------------------------------- the object
+
+ZStanzaFileProperties::ZStanzaFilePropertiesFactory* ZStanzaFileProperties::factory_ = nullptr;
+
+void ZStanzaFileProperties::makeFactory() { factory_ = new ZStanzaFilePropertiesFactory; }
+
+ZStanzaFileProperties::ZStanzaFilePropertiesFactory* ZStanzaFileProperties::getFactory() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, &ZStanzaFileProperties::makeFactory);
+    return factory_;
+}
+
+ZProperties* ZStanzaFileProperties::ZStanzaFilePropertiesFactory::makePropertiesInstance() {
+    return new ZStanzaFileProperties(1);
+}
+
+// The factory comes first: what raises there leaves nothing behind.
+ZStanzaFileProperties::ZStanzaFileProperties(int keepComments)
+    : ZProperties((getFactory(), nullptr)) {
+    cache_ = new ZSCFData;
+    if (keepComments != 0)
+        setAttributes(ZPCACHE_KEEP_COMMENTS, nullptr);
+}
+
+ZStanzaFileProperties::ZStanzaFileProperties(const char* file, int keepComments)
+    : ZStanzaFileProperties(keepComments) {
+    load(file);
+}
+
+ZStanzaFileProperties::ZStanzaFileProperties(const ZStanzaFileProperties& other)
+    : ZProperties(other) {}
+
+ZStanzaFileProperties::~ZStanzaFileProperties() noexcept { delete cache_; }
+
+void ZStanzaFileProperties::addEntryComment(const char* category, const char* key,
+                                            const char* text) {
+    ZProperties::addEntryComment(category, key, text);
+}
+
+void ZStanzaFileProperties::checkComment(ZLCString& text) {
+    if (*text.getChars() != '#')
+        text.prepend("#");
+}
+
+void ZStanzaFileProperties::addStanza(const char* stanza) {
+    Z_REQUIRE(zhasText(stanza));
+    {
+        ZResourceLock guard(lock_);
+        data().addStanzaLine(stanza);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyAdded, stanza,
+                     nullptr);
+}
+
+void ZStanzaFileProperties::deleteStanza(const char* stanza) {
+    Z_REQUIRE(zhasText(stanza));
+    {
+        ZResourceLock guard(lock_);
+        data().delStanzaLine(stanza);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted, stanza,
+                     nullptr);
+}
+
+void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
+    Z_REQUIRE(zhasText(stanza) && zhasText(text));
+    ZResourceLock guard(lock_);
+    ZLCString comment(text);
+    checkComment(comment);
+    data().addStanzaComment(stanza, comment.getChars());
+    setModified();
+}
+
+void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {
+    Z_REQUIRE(zhasText(stanza));
+    list.clear();
+    ZResourceLock guard(lock_);
+    ZStanzaIterator entry(*this, stanza);
+    while (entry.hasMore()) {
+        entry.nextEntry();
+        list.addItem(ZLCConstString(entry.entryName()), ZLCConstString(entry.entryValue(0)));
+    }
+}
+
+// ---------------------------------------------------------------- values
+
+void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const char* value,
+                                     int obfuscated) {
+    Z_REQUIRE(zhasText(stanza) && zhasText(key) && zhasText(value));
+    ZArrayList list(1, 0);
+    const ZLCConstString text(value);
+    list.addNoCopy(&text);
+    addValues(stanza, key, list, obfuscated);
+}
+
+void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const ZLCString& value,
+                                     int obfuscated) {
+    addValue(stanza, key, value.getChars(), obfuscated);
+}
+
+void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
+                                     const ZLCConstString& value, int obfuscated) {
+    addValue(stanza, key, value.getChars(), obfuscated);
+}
+
+void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const ZUTF8String& value,
+                                     int obfuscated) {
+    addValue(stanza, key, ZLCString(value).getChars(), obfuscated);
+}
+
+void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
+                                     const ZUTF8ConstString& value, int obfuscated) {
+    addValue(stanza, key, ZLCString(value).getChars(), obfuscated);
+}
+
+void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const ZArrayList& list,
+                                      int obfuscated) {
+    Z_REQUIRE(zhasText(stanza) && zhasText(key) && list.size() != 0);
+    typedef ZAbstractPropertyValuesIterator Iterator;
+    ZStanzaValueIterator value(
+        *this, stanza, key, ZPROP_STRING_LOCAL,
+        obfuscated != 0 ? Iterator::ZPROP_ITER_OBFUSCATED : Iterator::ZPROP_ITER_PLAIN);
+    for (unsigned int i = 0; i < list.size(); ++i) {
+        ZLCString wanted;
+        wanted.setChars(*static_cast<const ZAbstractString*>(list.get(i)));
+        bool found = false;
+        while (!found && value.hasMore())
+            found = value.nextValue()->equals(wanted) != 0;
+        if (!found)
+            value.addValue(wanted.getChars());
+    }
+}
+
+void ZStanzaFileProperties::getItems(ZStzFileItem* items, unsigned int count) const {
+    Z_REQUIRE(items != nullptr && count != 0);
+    ZResourceLock guard(lock_);
+    for (unsigned int i = 0; i < count; ++i) {
+        const ZStzFileItem& item = items[i];
+        switch (item.kind) {
+            case ZSTZ_ITEM_BOOLEAN:
+                *static_cast<int*>(item.result) = getBooleanValue(
+                    item.stanza, item.key, item.required, static_cast<int>(item.default_.number));
+                break;
+            case ZSTZ_ITEM_INTEGER:
+                *static_cast<unsigned int*>(item.result) =
+                    getIntegerValue(item.stanza, item.key, item.required, item.default_.number);
+                break;
+            case ZSTZ_ITEM_STRING:
+                getValue(item.stanza, item.key, *static_cast<ZAbstractMutableString*>(item.result),
+                         item.required, item.default_.text);
+                break;
+            case ZSTZ_ITEM_VALUES:
+            case ZSTZ_ITEM_UTF8_VALUES:
+                getValues(item.stanza, item.key, *static_cast<ZArrayList*>(item.result),
+                          item.kind == ZSTZ_ITEM_VALUES ? ZPROP_STRING_LOCAL : ZPROP_STRING_UTF8);
+                break;
+            case ZSTZ_ITEM_STANZA:
+                // A walk takes the lock and changes nothing that a caller can see.
+                const_cast<ZStanzaFileProperties*>(this)->getStanza(
+                    item.stanza, *static_cast<ZPropertiesKVList*>(item.result));
+                break;
+            default:
+                ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        }
+    }
+}
+
+ZStanzaIterator::~ZStanzaIterator() noexcept(false) {}
+
+ZStanzaValueIterator::~ZStanzaValueIterator() noexcept(false) {}

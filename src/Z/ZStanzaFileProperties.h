@@ -1,0 +1,168 @@
+// ZStanzaFileProperties.h: the properties object of a stanza file, with what only stanzas have.
+//
+//   ZKVEntry, ZPropertiesKVList  a stanza handed out as pairs of key and value
+//   ZStzFileItem                 one request of getItems
+//   ZStanzaFileProperties        the object; its factory is nested in it
+//   ZStanzaIterator, ZStanzaValueIterator
+//                                the iterators, bound to it
+#ifndef Z_ZSTANZAFILEPROPERTIES_H
+#define Z_ZSTANZAFILEPROPERTIES_H
+
+#include "ZProperties.h"
+#include "ZPropertiesIterator.h"
+#include "ZSCFData.h"
+
+/// A key with a value; owns both.
+class ZEXPORT ZKVEntry : public ZObject {
+public:
+    /// Takes both objects over.
+    ZKVEntry(ZAbstractString* key, ZAbstractString* value) : key_(key), value_(value) {}
+    ZKVEntry(const ZKVEntry& other);
+    ZKVEntry& operator=(const ZKVEntry&) = delete;
+    ~ZKVEntry() noexcept override;
+
+    ZObject* clone() const override;
+
+    const ZAbstractString& key() const { return *key_; }
+    const ZAbstractString& value() const { return *value_; }
+
+private:
+    ZAbstractString* key_;
+    ZAbstractString* value_;
+};
+
+/// Pairs of key and value, all in one codeset.
+/// Threads: no lock; one thread at a time.
+class ZEXPORT ZPropertiesKVList : public ZObject {
+public:
+    /// Any type but ZPROP_STRING_UTF8 holds local strings.
+    explicit ZPropertiesKVList(ZPropertyStringType type);
+    ZPropertiesKVList(const ZPropertiesKVList& other);
+    ZPropertiesKVList& operator=(const ZPropertiesKVList& other);
+    ~ZPropertiesKVList() noexcept override;
+
+    ZObject* clone() const override;
+
+    /// Appends copies, converted to the list's codeset.
+    void addItem(const ZAbstractString& key, const ZAbstractString& value);
+    /// The text at `i`, which the list keeps; null past the end.
+    const char* getItemKey(unsigned int i) const;
+    const char* getItemValue(unsigned int i) const;
+    unsigned int getItemCount() const;
+    void clear();
+
+private:
+    ZAbstractString* newString(const ZAbstractString& text) const;
+
+    ZPropertyStringType type_;
+    ZArrayList entries_;  // of ZKVEntry, owned
+};
+
+/// What a request of getItems asks for, and where `result` then points.
+enum {
+    ZSTZ_ITEM_BOOLEAN = 1,      ///< int
+    ZSTZ_ITEM_INTEGER = 2,      ///< unsigned int
+    ZSTZ_ITEM_STRING = 3,       ///< ZAbstractMutableString
+    ZSTZ_ITEM_VALUES = 4,       ///< owning ZArrayList, which gets ZLCStrings
+    ZSTZ_ITEM_UTF8_VALUES = 5,  ///< owning ZArrayList, which gets ZUTF8Strings
+    ZSTZ_ITEM_STANZA = 6        ///< ZPropertiesKVList; `key` isn't used
+};
+
+/// One request of getItems.
+struct ZStzFileItem {
+    int kind;
+    const char* stanza;
+    const char* key;
+    int required;  ///< not 0: the entry must have a value
+    void* result;
+    union {
+        const char* text;
+        unsigned int number;
+    } default_;  ///< for kinds 1 to 3; must be 0 where the entry is required
+};
+
+/// The configuration of a stanza file. See ZProperties for ownership, failure and threads.
+class ZEXPORT ZStanzaFileProperties : public ZProperties {
+public:
+    /// Makes objects for getPropertiesFor; they keep their comments.
+    class ZEXPORT ZStanzaFilePropertiesFactory : public ZAbstractPropertiesFactory {
+    public:
+        ZProperties* makePropertiesInstance() override;
+    };
+
+    /// Empty. With `keepComments` a store writes comments and blank lines back.
+    explicit ZStanzaFileProperties(int keepComments);
+    /// Loads `file` at once; raises as load.
+    ZStanzaFileProperties(const char* file, int keepComments);
+    /// A copy of the content, without file and observers.
+    ZStanzaFileProperties(const ZStanzaFileProperties& other);
+    ~ZStanzaFileProperties() noexcept override;
+
+    /// The one factory; it lives until the process ends.
+    static ZStanzaFilePropertiesFactory* getFactory();
+
+    using ZProperties::addEntryComment;
+
+    void addEntryComment(const char* category, const char* key, const char* text) override;
+    /// Puts "#" in front of a text that doesn't begin with it.
+    void checkComment(ZLCString& text) override;
+
+    /// One more value behind those that the key has, unless it has that value already; with
+    /// `obfuscated` a hidden one. Raises ZInvalidParameterException for a null or empty name or
+    /// value, and for a key with values of the other kind.
+    virtual void addValue(const char* stanza, const char* key, const char* value, int obfuscated);
+    virtual void addValue(const char* stanza, const char* key, const ZLCString& value,
+                          int obfuscated);
+    virtual void addValue(const char* stanza, const char* key, const ZUTF8String& value,
+                          int obfuscated);
+    virtual void addValue(const char* stanza, const char* key, const ZLCConstString& value,
+                          int obfuscated);
+    virtual void addValue(const char* stanza, const char* key, const ZUTF8ConstString& value,
+                          int obfuscated);
+    /// The members of `list`, strings in either codeset, one behind the other. The search for a
+    /// value that stands already isn't begun anew for each. An empty list raises
+    /// ZInvalidParameterException.
+    virtual void addValues(const char* stanza, const char* key, const ZArrayList& list,
+                           int obfuscated);
+    /// Makes `list` the stanza's keys with their first values; empty for a missing stanza. A key
+    /// without a value raises ZInvalidParameterException.
+    virtual void getStanza(const char* stanza, ZPropertiesKVList& list);
+
+    /// Makes the stanza with its header line; none if it exists. Notice: PropertyAdded, either way.
+    void addStanza(const char* stanza);
+    /// Removes the stanza with its lines. Notice: PropertyDeleted.
+    void deleteStanza(const char* stanza);
+    /// Behind the comments below the header; a missing stanza is made. No notice.
+    void addStanzaComment(const char* stanza, const char* text);
+    /// Answers `count` requests in order under one lock. The first that fails ends it with its
+    /// exception; the results before it stay. Raises ZInvalidParameterException for null items, a
+    /// count of 0 or a kind that is none.
+    void getItems(ZStzFileItem* items, unsigned int count) const;
+    /// The cache's own list of the stanza's keys, or null; no lock.
+    ZArrayList* getKeys(const char* stanza) const { return keyNames(stanza); }
+
+private:
+    static void makeFactory();
+    ZSCFData& data() const { return *static_cast<ZSCFData*>(cache_); }
+
+    static ZStanzaFilePropertiesFactory* factory_;
+};
+
+/// Walks the keys of a stanza; see ZPropertiesIterator.
+class ZEXPORT ZStanzaIterator : public ZPropertiesIterator {
+public:
+    ZStanzaIterator(ZStanzaFileProperties& properties, const char* stanza)
+        : ZPropertiesIterator(properties, stanza) {}
+    ~ZStanzaIterator() noexcept(false) override;
+};
+
+/// Walks the values of a key; see ZAbstractPropertyValuesIterator.
+class ZEXPORT ZStanzaValueIterator : public ZAbstractPropertyValuesIterator {
+public:
+    ZStanzaValueIterator(ZStanzaFileProperties& properties, const char* stanza, const char* key,
+                         ZPropertyStringType stringType, ZPropIter_valtype valueType)
+        : ZAbstractPropertyValuesIterator(properties, stanza, key, stringType, valueType) {}
+    ~ZStanzaValueIterator() noexcept(false) override;
+};
+
+#endif

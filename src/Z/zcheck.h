@@ -1,0 +1,17 @@
+// zcheck.h: tests of arguments that several units make. Never installed.
+#ifndef Z_ZCHECK_H
+#define Z_ZCHECK_H
+
+#include "ZException.h"
+
+/// Neither null nor empty.
+inline bool zhasText(const char* s) { return s != nullptr && *s != '\0'; }
+
+/// Raises ZInvalidParameterException at this line unless the condition holds.
+#define Z_REQUIRE(condition)                                                  \
+    do {                                                                      \
+        if (!(condition))                                                     \
+            ZInvalidParameterException().throwException(__FILE__, __LINE__); \
+    } while (0)
+
+#endif

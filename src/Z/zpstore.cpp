@@ -1,0 +1,820 @@
+#include "zpstore.h"
+
+#include <initializer_list>
+#include <memory>
+
+// Text below this size isn't worth compacting.
+static const size_t kCompactFrom = 64 * 1024;
+// Offsets are 32 bits wide; the last values stay free as marks.
+static const size_t kMaxText = 0xFFFFFFF0u;
+
+[[noreturn]] static void raiseOutOfMemory(int line) {
+    ZOutOfMemoryException().throwException(__FILE__, line);
+}
+
+static void addString(ZArrayList& list, const char* bytes, uint32_t length) {
+    std::unique_ptr<ZLCString> string(new ZLCString(bytes, length));
+    list.addNoCopy(string.get());
+    string.release();
+}
+
+// ---------------------------------------------------------------- hashing
+
+// The upper and lower half of a 128-bit product, folded: each input bit reaches every output bit.
+static inline uint64_t foldedProduct(uint64_t a, uint64_t b) {
+#ifdef __SIZEOF_INT128__
+    __extension__ typedef unsigned __int128 Wide;
+    const Wide product = static_cast<Wide>(a) * b;
+    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+#else
+    const uint64_t aLow = static_cast<uint32_t>(a), aHigh = a >> 32;
+    const uint64_t bLow = static_cast<uint32_t>(b), bHigh = b >> 32;
+    const uint64_t cross = aHigh * bLow + ((aLow * bLow) >> 32);
+    const uint64_t middle = aLow * bHigh + static_cast<uint32_t>(cross);
+    return (a * b) ^ (aHigh * bHigh + (cross >> 32) + (middle >> 32));
+#endif
+}
+
+static inline uint64_t load64(const char* p) {
+    uint64_t value;
+    memcpy(&value, p, sizeof value);
+    return value;
+}
+
+static inline uint64_t load32(const char* p) {
+    uint32_t value;
+    memcpy(&value, p, sizeof value);
+    return value;
+}
+
+static const uint64_t kHashA = 0x9E3779B97F4A7C15u;
+static const uint64_t kHashB = 0xD6E8FEB86659FD93u;
+
+uint64_t ZPStore::hashBytes(const char* p, size_t n) {
+    uint64_t hash = kHashA ^ n;
+    while (n > 16) {
+        hash = foldedProduct(hash ^ load64(p), kHashB ^ load64(p + 8));
+        p += 16;
+        n -= 16;
+    }
+    uint64_t first = 0, second = 0;
+    if (n >= 8) {
+        first = load64(p);
+        second = load64(p + n - 8);
+    } else if (n >= 4) {
+        first = load32(p);
+        second = load32(p + n - 4);
+    } else if (n > 0) {
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(p);
+        first = bytes[0] | static_cast<uint64_t>(bytes[n / 2]) << 8 |
+                static_cast<uint64_t>(bytes[n - 1]) << 16;
+    }
+    return foldedProduct(hash ^ first, kHashB ^ second);
+}
+
+uint32_t ZPStore::combine(uint64_t stanzaHash, uint64_t keyHash) {
+    return static_cast<uint32_t>(foldedProduct(stanzaHash ^ kHashA, keyHash ^ kHashB) >> 32);
+}
+
+static inline uint32_t stanzaPlace(uint64_t hash) { return static_cast<uint32_t>(hash >> 32); }
+
+// ---------------------------------------------------------------- index
+
+void ZPIndex::reserve(size_t count) {
+    // At most three quarters full; grown by doubling, or at once to what a load announces.
+    if (count * 4 <= static_cast<size_t>(capacity_) * 3)
+        return;
+    size_t wanted = count + count * 3 / 8 + 8;
+    if (count_ != 0 && wanted < static_cast<size_t>(capacity_) * 2)
+        wanted = static_cast<size_t>(capacity_) * 2;
+    if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
+        raiseOutOfMemory(__LINE__);
+    Slot* fresh = static_cast<Slot*>(calloc(wanted, sizeof(Slot)));
+    if (fresh == nullptr)
+        raiseOutOfMemory(__LINE__);
+    Slot* old = slots_;
+    const size_t oldCapacity = capacity_;
+    slots_ = fresh;
+    capacity_ = static_cast<uint32_t>(wanted);
+    count_ = 0;
+    for (size_t i = 0; i < oldCapacity; ++i)
+        if (old[i].idPlusOne != 0)
+            insert(old[i].hash, old[i].idPlusOne - 1);
+    free(old);
+}
+
+void ZPIndex::insert(uint32_t hash, uint32_t id) {
+    size_t i = place(hash);
+    while (slots_[i].idPlusOne != 0)
+        if (++i == capacity_)
+            i = 0;
+    slots_[i].hash = hash;
+    slots_[i].idPlusOne = id + 1;
+    ++count_;
+}
+
+void ZPIndex::remove(uint32_t hash, uint32_t id) {
+    size_t hole = place(hash);
+    while (slots_[hole].idPlusOne != id + 1)
+        if (++hole == capacity_)
+            hole = 0;
+    // Whatever follows in the run and may stand in the hole moves there, so that no probe meets a
+    // gap between an entry's place and the entry.
+    for (size_t i = hole;;) {
+        if (++i == capacity_)
+            i = 0;
+        if (slots_[i].idPlusOne == 0)
+            break;
+        const size_t home = place(slots_[i].hash);
+        const size_t distance = i >= home ? i - home : i + capacity_ - home;
+        const size_t gap = i >= hole ? i - hole : i + capacity_ - hole;
+        if (distance >= gap) {
+            slots_[hole] = slots_[i];
+            hole = i;
+        }
+    }
+    slots_[hole].idPlusOne = 0;
+    --count_;
+}
+
+// ---------------------------------------------------------------- life
+
+ZPStore::KeyExtra::~KeyExtra() {
+    delete lists[plain];
+    delete lists[hidden];
+}
+
+ZPStore::ZPStore()
+    : dead_(0),
+      freeKeys_(none),
+      freeStanzas_(none),
+      freeLines_(none),
+      freeGroups_(none),
+      freeLineCount_(0),
+      stanzasInMap_(0),
+      itemFirst_(none),
+      itemLast_(none),
+      itemCount_(0) {
+    groups_.reserveExactly(4);
+    newGroup(none);
+}
+
+ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
+    // The delegated constructor has finished, so that the destructor clears up if this raises.
+    reserveText(other.text_.size());
+    makeRoomForKey();
+    keys_.reserveMore(other.keyIndex_.count());
+    keyIndex_.reserve(other.keyIndex_.count());
+    // The lines first, in file order, for they decide where the text comes to lie.
+    for (Id g = 0; g != none; g = other.groups_[g].next) {
+        Id group = 0;
+        if (g != 0) {
+            const ZPSlice& name = other.stanzas_[other.groups_[g].stanza].name;
+            Id stanza = findStanza(other.text(name), name.length);
+            if (stanza == none) {
+                stanza = createStanza(other.text(name), name.length);
+                stanzas_[stanza].inMap = false;  // whether it is follows below
+                --stanzasInMap_;
+            }
+            groups_.reserveMore(1);
+            group = newGroup(stanza);
+        }
+        for (Id l = other.groups_[g].first; l != none; l = other.lines_[l].next) {
+            const Line& line = other.lines_[l];
+            if (line.type() == lineBlank) {
+                appendLine(group, lineBlank, 0, 0);
+            } else if (line.type() == lineComment) {
+                const ZPSlice text = appendText(other.text(line.ref), line.length());
+                appendLine(group, lineComment, text.offset, text.length);
+            } else {
+                const ZPSlice& name = other.keys_[line.ref].name;
+                const Id stanza = groups_[group].stanza;
+                const uint32_t hash = keyHash(stanza, other.text(name), name.length);
+                const ZPSlice& stanzaName = stanzas_[stanza].name;
+                Id key =
+                    findKey(text(stanzaName), stanzaName.length, other.text(name), name.length);
+                if (key == none) {
+                    makeRoomForKey();
+                    key = newKey(stanza, appendText(other.text(name), name.length), hash);
+                }
+                appendLine(group, lineKey, key, 0);
+                noteLine(key, groups_[group].last);
+            }
+        }
+    }
+    // Then the map: attaching in key order gives the same order here.
+    other.forEachStanza([&](Id s) {
+        const Stanza& source = other.stanzas_[s];
+        const Id stanza = createStanza(other.text(source.name), source.name.length);
+        for (Id k = source.first; k != none; k = other.keys_[k].next) {
+            const Key& from = other.keys_[k];
+            const Id key = createKey(stanza, other.text(from.name), from.name.length);
+            for (Kind kind : {plain, hidden}) {
+                const Values values = other.values(k, kind);
+                if (values.list != nullptr) {
+                    KeyExtra& extra = extraOf(key);
+                    extra.lists[kind] = new ZArrayList(*values.list);
+                } else {
+                    for (uint32_t i = 0; i < values.count; ++i)
+                        appendValue(key, kind, other.text(values.slices[i]),
+                                    values.slices[i].length);
+                }
+            }
+        }
+    });
+}
+
+ZPStore::~ZPStore() {
+    for (size_t i = 0; i < groups_.size(); ++i)
+        free(groups_[i].samples);
+    keyIndex_.forEach([&](Id key) { delete keys_[key].extra; });
+    stanzaIndex_.forEach([&](Id stanza) {
+        delete stanzas_[stanza].keyList;
+        delete stanzas_[stanza].nameObject;
+    });
+}
+
+template <typename T>
+static void swapValues(T& a, T& b) {
+    T other = a;
+    a = b;
+    b = other;
+}
+
+void ZPStore::clear() {
+    // A fresh store takes the place of this one; the old content goes with it.
+    ZPStore fresh;
+    text_.swap(fresh.text_);
+    keys_.swap(fresh.keys_);
+    stanzas_.swap(fresh.stanzas_);
+    lines_.swap(fresh.lines_);
+    groups_.swap(fresh.groups_);
+    keyIndex_.swap(fresh.keyIndex_);
+    stanzaIndex_.swap(fresh.stanzaIndex_);
+    swapValues(dead_, fresh.dead_);
+    swapValues(freeKeys_, fresh.freeKeys_);
+    swapValues(freeStanzas_, fresh.freeStanzas_);
+    swapValues(freeLines_, fresh.freeLines_);
+    swapValues(freeGroups_, fresh.freeGroups_);
+    swapValues(freeLineCount_, fresh.freeLineCount_);
+    swapValues(stanzasInMap_, fresh.stanzasInMap_);
+    swapValues(itemFirst_, fresh.itemFirst_);
+    swapValues(itemLast_, fresh.itemLast_);
+    swapValues(itemCount_, fresh.itemCount_);
+}
+
+// ---------------------------------------------------------------- text
+
+void ZPStore::reserveText(size_t more) {
+    if (more > kMaxText - text_.size())
+        raiseOutOfMemory(__LINE__);
+    text_.reserveMore(more);
+}
+
+char* ZPStore::textRoom(size_t more) {
+    reserveText(more);
+    return text_.data() + text_.size();
+}
+
+ZPSlice ZPStore::appendText(const char* bytes, size_t length) {
+    reserveText(length);
+    const ZPSlice slice = {static_cast<uint32_t>(text_.size()), static_cast<uint32_t>(length)};
+    if (length != 0)
+        memcpy(text_.data() + text_.size(), bytes, length);
+    text_.setSize(text_.size() + length);
+    return slice;
+}
+
+void ZPStore::compactIfWorthwhile() {
+    if (dead_ < kCompactFrom || dead_ < text_.size() / 2)
+        return;
+    // Without memory for it the block just stays as it is; nobody has asked for anything.
+    try {
+        ZPBlock<char> target;
+        target.reserveExactly(text_.size() - dead_ + text_.size() / 8 + keys_.size() * 4);
+        if (moveText(target)) {
+            text_.swap(target);
+            dead_ = 0;
+        }
+    } catch (ZOutOfMemoryException&) {
+    }
+}
+
+// Writes all text that is referred to into `target`, in file order and in the form of the file, so
+// that the writer can copy runs of it. False, with nothing changed, if there was no memory.
+bool ZPStore::moveText(ZPBlock<char>& target) {
+    std::unique_ptr<unsigned char, decltype(&free)> movedKeys(
+        static_cast<unsigned char*>(calloc(keys_.size() + 1, 1)), &free);
+    std::unique_ptr<unsigned char, decltype(&free)> movedStanzas(
+        static_cast<unsigned char*>(calloc(stanzas_.size() + 1, 1)), &free);
+    if (movedKeys == nullptr || movedStanzas == nullptr)
+        return false;
+    // What is to be moved is summed up first, so that nothing below can fail.
+    size_t needed = 0;
+    for (Id g = 0; g != none; g = groups_[g].next)
+        for (Id l = groups_[g].first; l != none; l = lines_[l].next)
+            needed += lines_[l].type() == lineComment ? lines_[l].length() + 1 : 0;
+    stanzaIndex_.forEach([&](Id s) { needed += stanzas_[s].name.length + 3; });
+    keyIndex_.forEach([&](Id k) {
+        const Key& key = keys_[k];
+        needed += key.name.length + key.value.length + 4;
+        if (key.extra != nullptr)
+            for (Kind kind : {plain, hidden})
+                for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
+                    needed += key.extra->values[kind][i].length;
+    });
+    target.reserveExactly(needed);
+
+    auto copy = [&](ZPSlice& slice) {
+        const uint32_t offset = static_cast<uint32_t>(target.size());
+        memcpy(target.data() + target.size(), text(slice), slice.length);
+        target.setSize(target.size() + slice.length);
+        slice.offset = offset;
+    };
+    auto put = [&](const char* bytes, size_t length) {
+        memcpy(target.data() + target.size(), bytes, length);
+        target.setSize(target.size() + length);
+    };
+    auto moveStanza = [&](Id s) {
+        if (movedStanzas.get()[s])
+            return;
+        movedStanzas.get()[s] = 1;
+        put("[", 1);
+        copy(stanzas_[s].name);
+        put("]\n", 2);
+    };
+    auto moveKey = [&](Id k) {
+        if (movedKeys.get()[k])
+            return;
+        movedKeys.get()[k] = 1;
+        Key& key = keys_[k];
+        copy(key.name);
+        if (key.value.length != 0) {
+            put(" = ", 3);
+            copy(key.value);
+        }
+        put("\n", 1);
+        if (key.extra != nullptr)
+            for (Kind kind : {plain, hidden})
+                for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
+                    copy(key.extra->values[kind][i]);
+    };
+    for (Id g = 0; g != none; g = groups_[g].next) {
+        if (g != 0)
+            moveStanza(groups_[g].stanza);
+        for (Id l = groups_[g].first; l != none; l = lines_[l].next) {
+            Line& line = lines_[l];
+            if (line.type() == lineKey) {
+                moveKey(line.ref);
+            } else if (line.type() == lineComment) {
+                ZPSlice comment = {line.ref, line.length()};
+                copy(comment);
+                line.ref = comment.offset;
+                put("\n", 1);
+            }
+        }
+    }
+    stanzaIndex_.forEach(moveStanza);
+    keyIndex_.forEach(moveKey);
+    return true;
+}
+
+// ---------------------------------------------------------------- stanzas
+
+ZPStore::Id ZPStore::findStanza(const char* name, size_t length) const {
+    return stanzaIndex_.find(stanzaPlace(hashBytes(name, length)), [&](Id id) {
+        const ZPSlice& slice = stanzas_[id].name;
+        return slice.length == length && memcmp(text(slice), name, length) == 0;
+    });
+}
+
+ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
+    const Stanza fresh = {name, hash, none, none, 0, none, true, false, nullptr, nullptr};
+    Id id = freeStanzas_;
+    if (id != none) {
+        freeStanzas_ = stanzas_[id].first;
+        stanzas_[id] = fresh;
+    } else {
+        id = static_cast<Id>(stanzas_.size());
+        stanzas_.push(fresh);
+    }
+    stanzaIndex_.insert(stanzaPlace(hash), id);
+    return id;
+}
+
+ZPStore::Id ZPStore::createStanza(const char* name, size_t length) {
+    Id id = findStanza(name, length);
+    if (id == none) {
+        stanzas_.reserveMore(1);
+        stanzaIndex_.reserveMore(1);
+        id = newStanza(appendText(name, length), hashBytes(name, length));
+    }
+    if (!stanzas_[id].inMap) {
+        stanzas_[id].inMap = true;
+        ++stanzasInMap_;
+    }
+    return id;
+}
+
+void ZPStore::removeStanza(Id id) {
+    Stanza& stanza = stanzas_[id];
+    if (!stanza.inMap)
+        return;
+    // The handed-out list goes first: it would be shortened key by key otherwise.
+    delete stanza.keyList;
+    stanza.keyList = nullptr;
+    delete stanza.nameObject;
+    stanza.nameObject = nullptr;
+    while (stanza.first != none)
+        removeKey(stanza.first);
+    stanza.inMap = false;
+    --stanzasInMap_;
+    freeStanzaIfUnneeded(id);
+}
+
+void ZPStore::freeStanzaIfUnneeded(Id id) {
+    Stanza& stanza = stanzas_[id];
+    if (stanza.inMap || stanza.group != none)
+        return;
+    stanzaIndex_.remove(stanzaPlace(stanza.hash), id);
+    dead_ += stanza.name.length;
+    stanza.inUse = false;
+    stanza.first = freeStanzas_;
+    freeStanzas_ = id;
+}
+
+// ---------------------------------------------------------------- keys
+
+ZPStore::Id ZPStore::findKey(const char* stanza, size_t stanzaLength, const char* key,
+                             size_t keyLength) const {
+    const uint32_t hash = combine(hashBytes(stanza, stanzaLength), hashBytes(key, keyLength));
+    return keyIndex_.find(hash, [&](Id id) {
+        const Key& candidate = keys_[id];
+        if (candidate.name.length != keyLength)
+            return false;
+        const Stanza& owner = stanzas_[candidate.stanza];
+        __builtin_prefetch(&owner);
+        return memcmp(text(candidate.name), key, keyLength) == 0 &&
+               owner.name.length == stanzaLength &&
+               memcmp(text(owner.name), stanza, stanzaLength) == 0;
+    });
+}
+
+uint32_t ZPStore::hashOf(Id id) const {
+    const Key& key = keys_[id];
+    return keyHash(key.stanza, text(key.name), key.name.length);
+}
+
+void ZPStore::makeRoomForKey() {
+    keys_.reserveMore(1);
+    keyIndex_.reserveMore(1);
+}
+
+ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
+    const Key fresh = {name, {0, 0}, stanza, none, detached, none, nullptr};
+    Id id = freeKeys_;
+    if (id != none) {
+        freeKeys_ = keys_[id].line;
+        keys_[id] = fresh;
+    } else {
+        id = static_cast<Id>(keys_.size());
+        keys_.push(fresh);
+    }
+    keyIndex_.insert(hash, id);
+    return id;
+}
+
+// At the end of its stanza's key order. A handed-out key list takes the name first, since that
+// alone can fail.
+void ZPStore::attach(Id id) {
+    Key& key = keys_[id];
+    Stanza& stanza = stanzas_[key.stanza];
+    if (stanza.keyList != nullptr) {
+        addString(*stanza.keyList, text(key.name), key.name.length);
+    }
+    key.next = none;
+    key.prev = stanza.last;
+    if (stanza.last != none)
+        keys_[stanza.last].next = id;
+    else
+        stanza.first = id;
+    stanza.last = id;
+    ++stanza.count;
+}
+
+ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
+    const uint32_t hash = keyHash(stanza, name, length);
+    Id id = keyIndex_.find(hash, [&](Id candidate) {
+        const Key& key = keys_[candidate];
+        return key.stanza == stanza && key.name.length == length &&
+               memcmp(text(key.name), name, length) == 0;
+    });
+    if (id != none && attached(id))
+        return id;
+    const bool made = id == none;
+    if (made) {
+        makeRoomForKey();
+        id = newKey(stanza, appendText(name, length), hash);
+    }
+    try {
+        attach(id);
+    } catch (...) {
+        if (made)
+            freeKeyIfUnneeded(id);
+        throw;
+    }
+    return id;
+}
+
+void ZPStore::removeKey(Id id) {
+    Key& key = keys_[id];
+    Stanza& stanza = stanzas_[key.stanza];
+    if (stanza.keyList != nullptr) {
+        const ZLCString name(text(key.name), key.name.length);
+        stanza.keyList->remove(&name);
+    }
+    removeItem(id);
+    dropValues(id, plain);
+    dropValues(id, hidden);
+    delete key.extra;
+    key.extra = nullptr;
+    if (key.prev != none)
+        keys_[key.prev].next = key.next;
+    else
+        stanza.first = key.next;
+    if (key.next != none)
+        keys_[key.next].prev = key.prev;
+    else
+        stanza.last = key.prev;
+    key.next = detached;
+    --stanza.count;
+    freeKeyIfUnneeded(id);
+}
+
+void ZPStore::freeKeyIfUnneeded(Id id) {
+    Key& key = keys_[id];
+    if (attached(id) || key.line != none)
+        return;
+    keyIndex_.remove(hashOf(id), id);
+    dead_ += key.name.length;
+    key.line = freeKeys_;
+    freeKeys_ = id;
+}
+
+// ---------------------------------------------------------------- values
+
+ZPStore::KeyExtra& ZPStore::extraOf(Id id) {
+    Key& key = keys_[id];
+    if (key.extra == nullptr)
+        key.extra = new KeyExtra;
+    return *key.extra;
+}
+
+ZPStore::Values ZPStore::values(Id id, Kind kind) const {
+    const Key& key = keys_[id];
+    const KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
+    if (extra != nullptr) {
+        const ZArrayList* list = __atomic_load_n(&extra->lists[kind], __ATOMIC_ACQUIRE);
+        if (list != nullptr)
+            return {list, nullptr, list->size()};
+        const ZPBlock<ZPSlice>& slices = extra->values[kind];
+        if (slices.size() != 0)
+            return {nullptr, slices.data(), static_cast<uint32_t>(slices.size())};
+    }
+    if (kind == plain && key.value.length != 0)
+        return {nullptr, &key.value, 1};
+    return {nullptr, nullptr, 0};
+}
+
+void ZPStore::dropValues(Id id, Kind kind) {
+    Key& key = keys_[id];
+    if (kind == plain) {
+        dead_ += key.value.length;
+        key.value.length = 0;
+    }
+    if (key.extra == nullptr)
+        return;
+    ZPBlock<ZPSlice>& slices = key.extra->values[kind];
+    for (size_t i = 0; i < slices.size(); ++i)
+        dead_ += slices[i].length;
+    slices.setSize(0);
+    if (key.extra->lists[kind] != nullptr)
+        key.extra->lists[kind]->removeAll();
+}
+
+void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
+    if (length == 0)
+        return;
+    Key& key = keys_[id];
+    if (key.extra != nullptr && key.extra->lists[kind] != nullptr) {
+        addString(*key.extra->lists[kind], value, static_cast<uint32_t>(length));
+        return;
+    }
+    const bool several = kind == hidden || key.value.length != 0 ||
+                         (key.extra != nullptr && key.extra->values[plain].size() != 0);
+    if (!several) {
+        key.value = appendText(value, length);
+        return;
+    }
+    ZPBlock<ZPSlice>& slices = extraOf(id).values[kind];
+    slices.reserveMore(2);
+    const ZPSlice slice = appendText(value, length);
+    if (kind == plain && key.value.length != 0) {
+        slices.push(key.value);
+        key.value.length = 0;
+    }
+    slices.push(slice);
+}
+
+void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) {
+    Key& key = keys_[id];
+    KeyExtra* extra = key.extra;
+    // The usual case: one plain value takes the place of another and fits into its room.
+    const bool single =
+        extra == nullptr || (extra->lists[plain] == nullptr && extra->lists[hidden] == nullptr &&
+                             extra->values[plain].size() == 0 && extra->values[hidden].size() == 0);
+    if (single && kind == plain && length != 0 && key.value.length >= length) {
+        char* room = text_.data() + key.value.offset;
+        memcpy(room, value, length);
+        if (length < key.value.length)
+            room[length] = '\n';  // as the writer would go on
+        dead_ += key.value.length - length;
+        key.value.length = static_cast<uint32_t>(length);
+        compactIfWorthwhile();
+        return;
+    }
+    const Kind other = kind == plain ? hidden : plain;
+    ZArrayList* list = extra == nullptr ? nullptr : extra->lists[kind];
+    if (length == 0) {
+        dropValues(id, kind);
+        dropValues(id, other);
+    } else if (list != nullptr) {
+        // The value may be the text of a member that goes: it is copied before.
+        std::unique_ptr<ZLCString> string(new ZLCString(value, static_cast<unsigned int>(length)));
+        if (list->size() == 0) {
+            list->addNoCopy(string.get());
+            string.release();
+            dropValues(id, other);
+        } else {
+            dropValues(id, other);
+            dropValues(id, kind);
+            list->addNoCopy(string.release());  // the list has room: it held a member before
+        }
+    } else {
+        if (kind == hidden)
+            extraOf(id).values[hidden].reserveMore(1);
+        const ZPSlice slice = appendText(value, length);
+        dropValues(id, other);
+        dropValues(id, kind);
+        if (kind == plain)
+            keys_[id].value = slice;
+        else
+            keys_[id].extra->values[hidden].push(slice);
+    }
+    compactIfWorthwhile();
+}
+
+// ---------------------------------------------------------------- lists that are handed out
+
+// Two readers may ask for one object at the same time: whoever comes second takes the first one's.
+template <typename T>
+static T* publish(T*& place, std::unique_ptr<T> fresh) {
+    T* current = nullptr;
+    if (__atomic_compare_exchange_n(&place, &current, fresh.get(), false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE))
+        return fresh.release();
+    return current;
+}
+
+ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
+    const Key& key = keys_[id];
+    KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
+    if (extra == nullptr)
+        extra = publish(key.extra, std::unique_ptr<KeyExtra>(new KeyExtra));
+    const Values source = values(id, kind);
+    if (source.list != nullptr)
+        return const_cast<ZArrayList*>(source.list);
+    std::unique_ptr<ZArrayList> fresh(new ZArrayList(source.count, 1));
+    for (uint32_t i = 0; i < source.count; ++i)
+        addString(*fresh, text(source.slices[i]), source.slices[i].length);
+    return publish(extra->lists[kind], std::move(fresh));
+}
+
+ZArrayList* ZPStore::keyList(Id id) const {
+    const Stanza& stanza = stanzas_[id];
+    ZArrayList* list = __atomic_load_n(&stanza.keyList, __ATOMIC_ACQUIRE);
+    if (list != nullptr)
+        return list;
+    std::unique_ptr<ZArrayList> fresh(new ZArrayList(stanza.count, 1));
+    for (Id k = stanza.first; k != none; k = keys_[k].next)
+        addString(*fresh, text(keys_[k].name), keys_[k].name.length);
+    return publish(stanza.keyList, std::move(fresh));
+}
+
+ZLCString* ZPStore::nameObject(Id id) const {
+    const Stanza& stanza = stanzas_[id];
+    ZLCString* name = __atomic_load_n(&stanza.nameObject, __ATOMIC_ACQUIRE);
+    if (name != nullptr)
+        return name;
+    return publish(stanza.nameObject, std::unique_ptr<ZLCString>(
+                                          new ZLCString(text(stanza.name), stanza.name.length)));
+}
+
+// ---------------------------------------------------------------- items
+
+void ZPStore::appendItem(Id id) {
+    KeyExtra& extra = extraOf(id);
+    removeItem(id);
+    extra.isItem = true;
+    extra.itemPrev = itemLast_;
+    extra.itemNext = none;
+    if (itemLast_ != none)
+        keys_[itemLast_].extra->itemNext = id;
+    else
+        itemFirst_ = id;
+    itemLast_ = id;
+    ++itemCount_;
+}
+
+void ZPStore::removeItem(Id id) {
+    KeyExtra* extra = keys_[id].extra;
+    if (extra == nullptr || !extra->isItem)
+        return;
+    if (extra->itemPrev != none)
+        keys_[extra->itemPrev].extra->itemNext = extra->itemNext;
+    else
+        itemFirst_ = extra->itemNext;
+    if (extra->itemNext != none)
+        keys_[extra->itemNext].extra->itemPrev = extra->itemPrev;
+    else
+        itemLast_ = extra->itemPrev;
+    extra->isItem = false;
+    --itemCount_;
+}
+
+// ---------------------------------------------------------------- reading
+
+void ZPStore::reserveForLines(size_t lines) {
+    keys_.reserveMore(lines);
+    lines_.reserveMore(lines);
+    keyIndex_.reserveMore(lines);
+}
+
+ZPStore::Id ZPStore::readHeader(ZPSlice name) {
+    const uint64_t hash = hashBytes(text(name), name.length);
+    stanzas_.reserveMore(1);
+    stanzaIndex_.reserveMore(1);
+    groups_.reserveMore(1);
+    Id stanza = findStanza(text(name), name.length);
+    if (stanza == none)
+        stanza = newStanza(name, hash);
+    if (!stanzas_[stanza].inMap) {
+        stanzas_[stanza].inMap = true;
+        ++stanzasInMap_;
+    }
+    return newGroup(stanza);
+}
+
+ZPStore::Id ZPStore::readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
+    const Id stanza = groups_[group].stanza;
+    const char* bytes = text(name);
+    Id id = keyIndex_.find(hash, [&](Id candidate) {
+        const Key& key = keys_[candidate];
+        return key.stanza == stanza && key.name.length == name.length &&
+               memcmp(text(key.name), bytes, name.length) == 0;
+    });
+    isNew = id == none || !attached(id);
+    if (isNew) {
+        reserveLines(1);
+        if (id == none) {
+            makeRoomForKey();
+            id = newKey(stanza, name, hash);
+        }
+        attach(id);
+        appendLine(group, lineKey, id, 0);
+        noteLine(id, groups_[group].last);
+        keys_[id].value = value;
+        return id;
+    }
+    if (value.length == 0)
+        return id;
+    Key& key = keys_[id];
+    const bool single = key.extra == nullptr && key.value.length == 0;
+    if (single) {
+        key.value = value;
+        return id;
+    }
+    KeyExtra& extra = extraOf(id);
+    if (extra.lists[plain] != nullptr) {
+        appendValue(id, plain, text(value), value.length);
+        return id;
+    }
+    ZPBlock<ZPSlice>& slices = extra.values[plain];
+    slices.reserveMore(2);
+    if (key.value.length != 0) {
+        slices.push(key.value);
+        key.value.length = 0;
+    }
+    slices.push(value);
+    return id;
+}

@@ -1,0 +1,426 @@
+// zpstore.h: the storage behind the property cache. Never installed.
+//
+// What it holds: stanzas, their keys and values, and the retained lines of the file, for files of
+// ten keys and of millions. One object a key, value and line would cost near 1 KB a key, most of it
+// pointers and rounding, and a cache miss for each. Instead:
+//
+//   text_      one block of bytes. A load reads the file into it and everything refers to it by
+//              offset and length; what is set later is appended. Bytes that nobody refers to any
+//              more are counted, and the block is written anew when they are more than half.
+//   keys_      a 40-byte record a key: name, the value if there is exactly one plain value, its
+//              line, its neighbours in the stanza's key order. What few keys have (several values,
+//              hidden values, lists that were handed out) hangs on it as a KeyExtra.
+//   keyIndex_  open addressing over (hash, key id); the hash covers stanza and key together, so
+//              that finding a value is one probe, whatever the number of stanzas or keys.
+//   lines_     a 16-byte record a line, chained within its group. A group is a header line with
+//              all lines up to the next header; group 0 holds what stands before the first.
+//
+// Invariants, checked by checkInvariants():
+// (1) Every key record in use is in keyIndex_ exactly once, every stanza record in stanzaIndex_.
+// (2) A key is in the map (attached) or only remembered because a line still names it (detached);
+//     a detached key has no values, lists or item. The key chain of a stanza holds exactly its
+//     attached keys, in order of first insertion; `count` is its length.
+// (3) Key::line is the key's only line, `none`, or `many`: then its lines have to be looked for.
+// (4) Where a value list exists it is the truth for these values, and the record's own slices are
+//     dead; both value lists of a key and the key list of a stanza keep their identity until the
+//     key or stanza leaves the map.
+// (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
+//     is the first of its groups in file order, the others follow by Group::nextSame.
+// (6) The item chain holds the keys that the side database follows, in its order.
+//
+// Threads: changes need the owner's lock. Look-ups may run side by side, also while one of them
+// makes a list: lists are published by compare-and-swap and change no other field.
+//
+// Failure: ZOutOfMemoryException. Room is made before anything is linked, so that a call that
+// raises has left all invariants whole.
+#ifndef Z_ZPSTORE_H
+#define Z_ZPSTORE_H
+
+#include <cstdlib>
+#include <cstring>
+
+#include "ZException.h"
+#include "ZLCString.h"
+#include "ZList.h"
+
+/// A piece of the store's text.
+struct ZPSlice {
+    uint32_t offset;
+    uint32_t length;
+};
+
+/// A growing block of records that are moved as bytes. Growth raises ZOutOfMemoryException and
+/// leaves the block as it was.
+template <typename T>
+class ZPBlock {
+public:
+    ZPBlock() : data_(nullptr), size_(0), room_(0) {}
+    ~ZPBlock() { free(data_); }
+    ZPBlock(const ZPBlock&) = delete;
+    ZPBlock& operator=(const ZPBlock&) = delete;
+
+    T& operator[](size_t i) { return data_[i]; }
+    const T& operator[](size_t i) const { return data_[i]; }
+    T* data() { return data_; }
+    const T* data() const { return data_; }
+    size_t size() const { return size_; }
+    void setSize(size_t size) { size_ = size; }
+
+    /// Room for `more` records behind the last; grows by half at least.
+    void reserveMore(size_t more) {
+        if (room_ - size_ >= more)
+            return;
+        reserveExactly(size_ + (more > size_ / 2 ? more : size_ / 2));
+    }
+
+    void reserveExactly(size_t room) {
+        if (room <= room_)
+            return;
+        void* grown = room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(data_, room * sizeof(T));
+        if (grown == nullptr)
+            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        data_ = static_cast<T*>(grown);
+        room_ = room;
+    }
+
+    /// Needs room made before.
+    void push(const T& record) { data_[size_++] = record; }
+
+    void swap(ZPBlock& other) {
+        T* data = data_;
+        size_t size = size_, room = room_;
+        data_ = other.data_, size_ = other.size_, room_ = other.room_;
+        other.data_ = data, other.size_ = size, other.room_ = room;
+    }
+
+private:
+    T* data_;
+    size_t size_;
+    size_t room_;
+};
+
+/// Open addressing from a 32-bit hash to a record id. The place of a hash is a multiplication and
+/// a shift, so that the table can have any size; removal moves the followers back, so that there
+/// are no tombstones and a table stays as fast as it was.
+class ZPIndex {
+public:
+    ZPIndex() : slots_(nullptr), capacity_(0), count_(0) {}
+    ~ZPIndex() { free(slots_); }
+    ZPIndex(const ZPIndex&) = delete;
+    ZPIndex& operator=(const ZPIndex&) = delete;
+
+    /// Room for `count` entries in all; raises ZOutOfMemoryException.
+    void reserve(size_t count);
+    void reserveMore(size_t more) { reserve(count_ + more); }
+
+    /// The id whose record `matches`, or none (all ones).
+    template <typename Matches>
+    uint32_t find(uint32_t hash, Matches matches) const {
+        if (count_ == 0)
+            return 0xFFFFFFFFu;
+        for (size_t i = place(hash);;) {
+            const Slot& slot = slots_[i];
+            if (slot.idPlusOne == 0)
+                return 0xFFFFFFFFu;
+            if (slot.hash == hash && matches(slot.idPlusOne - 1))
+                return slot.idPlusOne - 1;
+            if (++i == capacity_)
+                i = 0;
+        }
+    }
+
+    void prefetch(uint32_t hash) const {
+        if (capacity_ != 0)
+            __builtin_prefetch(&slots_[place(hash)]);
+    }
+
+    /// Needs room made before.
+    void insert(uint32_t hash, uint32_t id);
+    void remove(uint32_t hash, uint32_t id);
+    size_t count() const { return count_; }
+
+    void swap(ZPIndex& other) {
+        Slot* const slots = slots_;
+        const uint32_t capacity = capacity_, count = count_;
+        slots_ = other.slots_, capacity_ = other.capacity_, count_ = other.count_;
+        other.slots_ = slots, other.capacity_ = capacity, other.count_ = count;
+    }
+
+    /// Calls visit(id) for each entry.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        for (size_t i = 0; i < capacity_; ++i)
+            if (slots_[i].idPlusOne != 0)
+                visit(slots_[i].idPlusOne - 1);
+    }
+
+private:
+    struct Slot {
+        uint32_t hash;
+        uint32_t idPlusOne;  // 0: free, so that a fresh zeroed block is an empty table
+    };
+
+    size_t place(uint32_t hash) const {
+        return static_cast<size_t>((static_cast<uint64_t>(hash) * capacity_) >> 32);
+    }
+
+    Slot* slots_;
+    uint32_t capacity_;
+    uint32_t count_;
+};
+
+class ZPStore {
+public:
+    typedef uint32_t Id;
+    static constexpr Id none = 0xFFFFFFFFu;
+    static constexpr Id many = 0xFFFFFFFEu;      // Key::line: more than one, to be looked for
+    static constexpr Id detached = 0xFFFFFFFEu;  // Key::next: not in the map
+    static constexpr Id unknown = 0xFFFFFFFEu;   // Group::lastKey: to be looked for
+
+    enum LineType : uint32_t { lineComment = 0, lineBlank = 1, lineKey = 2 };
+    enum Kind { plain = 0, hidden = 1 };
+
+    /// What few keys have.
+    struct KeyExtra {
+        ZPBlock<ZPSlice> values[2];  // by Kind; plain ones only when there are several
+        ZArrayList* lists[2];        // by Kind; null until asked for
+        Id itemNext, itemPrev;       // in the item chain
+        bool isItem;
+        KeyExtra() : lists{nullptr, nullptr}, itemNext(none), itemPrev(none), isItem(false) {}
+        ~KeyExtra();
+        KeyExtra(const KeyExtra&) = delete;
+        KeyExtra& operator=(const KeyExtra&) = delete;
+    };
+
+    struct Key {
+        ZPSlice name;
+        ZPSlice value;  // the one plain value; length 0: none here
+        Id stanza;
+        Id line;
+        Id next, prev;  // in the stanza's key order; next is `detached` outside the map
+        mutable KeyExtra* extra;
+    };
+
+    struct Stanza {
+        ZPSlice name;
+        uint64_t hash;
+        Id first, last;  // its keys
+        uint32_t count;
+        Id group;
+        bool inUse;
+        bool inMap;
+        mutable ZArrayList* keyList;    // null until asked for
+        mutable ZLCString* nameObject;  // likewise
+    };
+
+    struct Line {
+        Id next, prev;
+        uint32_t ref;   // key line: the key's id; comment: offset of its text
+        uint32_t meta;  // LineType in the low 2 bits, length of a comment's text above
+        LineType type() const { return static_cast<LineType>(meta & 3); }
+        uint32_t length() const { return meta >> 2; }
+    };
+
+    struct Samples;
+
+    struct Group {
+        Id stanza;  // none in group 0
+        Id first, last;
+        Id next, prev;
+        Id nextSame;
+        Id lastKey;  // the last key line, none, or unknown
+        uint32_t comments, blanks;
+        Samples* samples;  // comments that read like entries; null until needed
+    };
+
+    /// The values of one kind of a key: a list that was handed out, or slices of the text.
+    struct Values {
+        const ZArrayList* list;
+        const ZPSlice* slices;
+        uint32_t count;
+    };
+
+    ZPStore();
+    /// Copies stanzas, keys, values and lines; the copy follows no items.
+    ZPStore(const ZPStore& other);
+    ~ZPStore();
+    ZPStore& operator=(const ZPStore&) = delete;
+
+    void clear();
+
+    // --- Stanzas ---
+
+    /// The record of that name, in the map or not; none if there is no record.
+    Id findStanza(const char* name, size_t length) const;
+    /// The stanza of that name if it is in the map, else none.
+    Id stanzaInMap(const char* name, size_t length) const {
+        const Id id = findStanza(name, length);
+        return id != none && stanzas_[id].inMap ? id : none;
+    }
+    /// Puts the stanza into the map, if it isn't there yet.
+    Id createStanza(const char* name, size_t length);
+    /// Takes the stanza with its keys out of the map; its lines stay.
+    void removeStanza(Id stanza);
+    uint32_t stanzaCount() const { return stanzasInMap_; }
+    /// Calls visit(id) for each stanza in the map: those with a header in file order, then others.
+    template <typename Visit>
+    void forEachStanza(Visit visit) const {
+        for (Id g = groups_[0].next; g != none; g = groups_[g].next) {
+            const Id s = groups_[g].stanza;
+            if (stanzas_[s].inMap && stanzas_[s].group == g)
+                visit(s);
+        }
+        for (Id s = 0; s < stanzas_.size(); ++s)
+            if (stanzas_[s].inUse && stanzas_[s].inMap && stanzas_[s].group == none)
+                visit(s);
+    }
+
+    // --- Keys ---
+
+    /// The record of that key, in the map or not; none if there is no record.
+    Id findKey(const char* stanza, size_t stanzaLength, const char* key, size_t keyLength) const;
+    Id keyInMap(const char* stanza, size_t stanzaLength, const char* key, size_t keyLength) const {
+        const Id id = findKey(stanza, stanzaLength, key, keyLength);
+        return id != none && attached(id) ? id : none;
+    }
+    bool attached(Id key) const { return keys_[key].next != detached; }
+    /// Puts the key into the map, if it isn't there yet, without values.
+    Id createKey(Id stanza, const char* key, size_t length);
+    /// Takes an attached key out of the map with its values; its lines stay.
+    void removeKey(Id key);
+
+    // --- Values ---
+
+    Values values(Id key, Kind kind) const;
+    /// Which kind a look-up of any kind answers with: plain unless only hidden values are there.
+    Kind anyKind(Id key) const {
+        return values(key, plain).count == 0 && values(key, hidden).count != 0 ? hidden : plain;
+    }
+    void appendValue(Id key, Kind kind, const char* value, size_t length);
+    /// Replaces the values of `kind` by one, or by none if length is 0, and drops the other kind's.
+    void replaceValues(Id key, Kind kind, const char* value, size_t length);
+
+    /// The list object of these values; made at first use.
+    ZArrayList* valueList(Id key, Kind kind) const;
+    /// The list object of the stanza's keys; made at first use.
+    ZArrayList* keyList(Id stanza) const;
+    /// The stanza's name as an object, for lists that don't own; made at first use.
+    ZLCString* nameObject(Id stanza) const;
+
+    // --- Items: the keys that the side database follows ---
+
+    void appendItem(Id key);  // at the end, also if it is in the chain already
+    void removeItem(Id key);
+    Id firstItem() const { return itemFirst_; }
+    Id nextItem(Id key) const { return keys_[key].extra->itemNext; }
+    uint32_t itemCount() const { return itemCount_; }
+
+    // --- Lines (zpstorelines.cpp) ---
+
+    /// A blank line, then the stanza's header line, at the end.
+    void addHeader(Id stanza);
+    /// Removes the first group that bears the stanza's name, if there is one.
+    void removeGroup(Id stanza);
+    /// A key line where a reader of the file expects it. The stanza must have a group.
+    void placeKeyLine(Id key);
+    /// Removes the key's lines from the first group of its stanza, and the record with them if
+    /// nothing else needs it.
+    void removeKeyLines(Id key);
+    void addFileComment(const char* text, size_t length);
+    void addStanzaComment(Id stanza, const char* text, size_t length);
+    /// In front of the first line of that key text behind the stanza's header; nothing otherwise.
+    void addKeyComment(Id key, const char* text, size_t length);
+    bool hasLine(Id key) const { return keys_[key].line != none; }
+
+    Id firstGroup() const { return 0; }
+    const Group& group(Id id) const { return groups_[id]; }
+    const Line& line(Id id) const { return lines_[id]; }
+    const Key& key(Id id) const { return keys_[id]; }
+    const Stanza& stanza(Id id) const { return stanzas_[id]; }
+    const char* text(uint32_t offset) const { return text_.data() + offset; }
+    const char* text(const ZPSlice& slice) const { return text_.data() + slice.offset; }
+    size_t textSize() const { return text_.size(); }
+
+    // --- For the reader, which has the file's bytes in the text block already ---
+
+    /// Room for `more` bytes behind the text, to read into; commitText makes them part of it.
+    char* textRoom(size_t more);
+    void commitText(size_t bytes) { text_.setSize(text_.size() + bytes); }
+    /// Takes bytes at the end back that nothing refers to.
+    void truncateText(size_t size) { text_.setSize(size); }
+    /// Makes room for what a file of that many lines brings at most.
+    void reserveForLines(size_t lines);
+    /// A header at the end whose name lies in the text; the stanza must not be in the map.
+    Id readHeader(ZPSlice name);
+    /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
+    /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
+    Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew);
+    void readComment(Id group, ZPSlice text) {
+        appendLine(group, lineComment, text.offset, text.length);
+    }
+    void readBlank(Id group) { appendLine(group, lineBlank, 0, 0); }
+    Id lastGroup() const { return groups_[0].prev; }
+    uint32_t keyHash(Id stanza, const char* key, size_t length) const {
+        return combine(stanzas_[stanza].hash, hashBytes(key, length));
+    }
+    void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
+    /// Says that so many bytes of the text are referred to by nobody.
+    void addDead(size_t bytes) {
+        dead_ += bytes;
+        compactIfWorthwhile();
+    }
+
+    /// Ends the process if an invariant doesn't hold; for tests and debug builds.
+    void checkInvariants() const;
+
+    static uint64_t hashBytes(const char* bytes, size_t length);
+
+private:
+    static uint32_t combine(uint64_t stanzaHash, uint64_t keyHash);
+
+    ZPSlice appendText(const char* bytes, size_t length);
+    void reserveText(size_t more);
+    void compactIfWorthwhile();
+    bool moveText(ZPBlock<char>& target);
+
+    uint32_t hashOf(Id key) const;
+    Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before
+    Id newKey(Id stanza, ZPSlice name, uint32_t hash);
+    void attach(Id key);
+    void makeRoomForKey();
+    void freeKeyIfUnneeded(Id key);
+    void freeStanzaIfUnneeded(Id stanza);
+    KeyExtra& extraOf(Id key);
+    void dropValues(Id key, Kind kind);
+
+    Id newLine(LineType type, uint32_t ref, uint32_t length);  // needs room made before
+    Id newGroup(Id stanza);
+    void appendLine(Id group, LineType type, uint32_t ref, uint32_t length);
+    /// In front of `before` in the group, at its end if that is none.
+    void insertLine(Id group, Id before, Id line);
+    void unlinkLine(Id group, Id line);
+    void reserveLines(size_t more);
+    Id insertComment(Id group, Id before, ZPSlice text);
+    Id lastKeyLine(Id group);
+    Id findSample(Id group, Id key);
+    void addSample(Group& group, Id line);
+    void noteLine(Id key, Id line);
+    bool isCommentWeWant(const ZPSlice& key, Id line) const;
+
+    ZPBlock<char> text_;
+    size_t dead_;  // bytes of text_ that nothing refers to
+    ZPBlock<Key> keys_;
+    ZPBlock<Stanza> stanzas_;
+    ZPBlock<Line> lines_;
+    ZPBlock<Group> groups_;
+    // Records that are free again, chained by Key::line, Stanza::first, Line::next, Group::next.
+    Id freeKeys_, freeStanzas_, freeLines_, freeGroups_;
+    uint32_t freeLineCount_;
+    ZPIndex keyIndex_;
+    ZPIndex stanzaIndex_;
+    uint32_t stanzasInMap_;
+    Id itemFirst_, itemLast_;
+    uint32_t itemCount_;
+};
+
+#endif
