@@ -22,11 +22,11 @@ static const pthread_t kNobody = static_cast<pthread_t>(-1);
 static inline pthread_t currentThread() {
 #if defined(__GLIBC__) && defined(__x86_64__) && !defined(__ILP32__)
     pthread_t self;
-    asm("mov %%fs:0, %0" : "=r"(self));
+    asm volatile("mov %%fs:0, %0" : "=r"(self));
     return self;
 #elif defined(__GLIBC__) && defined(__i386__)
     pthread_t self;
-    asm("mov %%gs:0, %0" : "=r"(self));
+    asm volatile("mov %%gs:0, %0" : "=r"(self));
     return self;
 #else
     return pthread_self();

@@ -253,12 +253,9 @@ void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
 void ZProperties::checkAccess(const char* category, const char* key, int obfuscated) const {
     ZResourceLock guard(lock_);
     // A key without values may take either kind; a hidden one has values.
-    if (obfuscated == 0)
-        Z_REQUIRE(cache_->isObfuscated(category, key) == 0);
-    else
-        Z_REQUIRE(
-            cache_->countValues(category, key) == 0 || cache_->isObfuscated(category, key) != 0,
-            __LINE__);
+    const bool isHidden = cache_->isObfuscated(category, key) != 0;
+    Z_REQUIRE(obfuscated == 0 ? !isHidden
+                              : isHidden || cache_->countValues(category, key) == 0);
 }
 
 void ZProperties::setValue(const char* category, const char* key, const char* value) {
@@ -267,7 +264,7 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
 
 void ZProperties::setValue(const char* category, const char* key, const char* value,
                            int obfuscated) {
-    require(zhasText(category) && zhasText(key));
+    Z_REQUIRE(zhasText(category) && zhasText(key));
     {
         ZResourceLock guard(lock_);
         if (zhasText(value))
