@@ -1,0 +1,119 @@
+#include "ZArray.h"
+
+#include <algorithm>
+
+#include "ZException.h"
+#include "zmembers.h"
+
+static ZObject** emptySlots(unsigned int count) {
+    ZObject** slots = static_cast<ZObject**>(zallocateBlock(count, sizeof(ZObject*)));
+    std::fill_n(slots, count, nullptr);
+    return slots;
+}
+
+// Each call names its own line, which is the location that the exception tells.
+static void checkIndex(unsigned int index, unsigned int size, int line) {
+    if (index >= size)
+        ZInvalidParameterException().throwException(__FILE__, line);
+}
+
+ZAbstractArray::~ZAbstractArray() noexcept {}
+
+ZArray::ZArray(unsigned int size, int ownsMembers)
+    : slots_(emptySlots(std::max(size, 1u))),
+      ownsMembers_(ownsMembers),
+      size_(std::max(size, 1u)) {}
+
+// Delegating, so that the destructor gives everything back when a clone fails on the way.
+ZArray::ZArray(const ZArray& other) : ZArray(other.size_, other.ownsMembers_) {
+    for (unsigned int i = 0; i < size_; ++i)
+        set(i, other.get(i));
+}
+
+ZArray& ZArray::operator=(const ZArray& other) {
+    if (this == &other)
+        return *this;
+    // New slots first: without memory for them the old members must still be there.
+    ZObject** slots = other.size_ == size_ ? nullptr : emptySlots(other.size_);
+    removeAll();
+    if (slots != nullptr) {
+        zreleaseBlock(slots_);
+        slots_ = slots;
+        size_ = other.size_;
+    }
+    for (unsigned int i = 0; i < size_; ++i)
+        set(i, other.get(i));
+    return *this;
+}
+
+ZArray::~ZArray() noexcept {
+    ZArray::removeAll();
+    zreleaseBlock(slots_);
+}
+
+unsigned int ZArray::size() const { return size_; }
+
+int ZArray::ownsMembers() const { return ownsMembers_; }
+
+int ZArray::contains(const ZObject* object) const { return indexOf(object) >= 0; }
+
+void ZArray::remove(unsigned int index) {
+    checkIndex(index, size_, __LINE__);
+    ZObject* old = slots_[index];
+    slots_[index] = nullptr;
+    if (ownsMembers_)
+        zdeleteMember(old);
+}
+
+void ZArray::removeAll() {
+    for (unsigned int i = 0; i < size_; ++i)
+        ZArray::remove(i);
+}
+
+ZObject* ZArray::get(unsigned int index) const {
+    checkIndex(index, size_, __LINE__);
+    return slots_[index];
+}
+
+void ZArray::set(unsigned int index, const ZObject* object) {
+    checkIndex(index, size_, __LINE__);
+    if (object == nullptr) {
+        setNoCopy(index, nullptr);
+        return;
+    }
+    ZIncomingMember member(*object, ownsMembers_);
+    setNoCopy(index, member.get());
+    member.placed();
+}
+
+void ZArray::setNoCopy(unsigned int index, const ZObject* object) {
+    checkIndex(index, size_, __LINE__);
+    ZObject* old = slots_[index];
+    slots_[index] = const_cast<ZObject*>(object);
+    if (ownsMembers_ && old != object)
+        zdeleteMember(old);
+}
+
+int ZArray::indexOf(const ZObject* object) const {
+    if (object == nullptr)
+        return -1;
+    for (unsigned int i = 0; i < size_; ++i)
+        if (slots_[i] != nullptr && object->equals(*slots_[i]))
+            return static_cast<int>(i);
+    return -1;
+}
+
+int ZArray::lastIndexOf(const ZObject* object) const {
+    if (object == nullptr)
+        return -1;
+    for (unsigned int i = size_; i-- > 0;)
+        if (slots_[i] != nullptr && object->equals(*slots_[i]))
+            return static_cast<int>(i);
+    return -1;
+}
+
+void ZArray::swap(unsigned int a, unsigned int b) {
+    checkIndex(a, size_, __LINE__);
+    checkIndex(b, size_, __LINE__);
+    std::swap(slots_[a], slots_[b]);
+}

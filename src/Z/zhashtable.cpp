@@ -1,0 +1,220 @@
+#include "zhashtable.h"
+
+#include <algorithm>
+
+#include "ZException.h"
+
+static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 bits");
+
+static const uint32_t kSmall = 32;
+static const uint32_t kFirstNodes = 8;
+static const int kFirstSlotBits = 6;  // the fewest that take kSmall entries and one more
+
+ZHashTable::Node ZHashTable::noEntries_ = {nullptr, 0, 0, 0};
+
+uint64_t ZHashTable::bucketsFor(unsigned int size) {
+    return uint64_t(std::max(size, 2u)) * 3 / 2;
+}
+
+ZHashTable::ZHashTable(uint64_t bucketCount, int ownsMembers)
+    : bucketCount_(bucketCount),
+      ownsMembers_(ownsMembers),
+      chains_(static_cast<Chain*>(zallocateBlock(bucketCount, sizeof(Chain)))),
+      size_(0),
+      used_(1),
+      free_(0),
+      capacity_(1),
+      nodes_(&noEntries_),
+      slots_(nullptr),
+      slotMask_(0),
+      slotLimit_(0),
+      shift_(0) {
+    std::fill_n(chains_, bucketCount, Chain());
+}
+
+// Delegating, so that the destructor gives everything back when a clone fails on the way.
+ZHashTable::ZHashTable(const ZHashTable& other)
+    : ZHashTable(other.bucketCount_, other.ownsMembers_) {
+    for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket) {
+        for (uint32_t i = other.chains_[bucket].first; i != 0; i = other.nodes_[i].next) {
+            const Node& node = other.nodes_[i];
+            if (node.object != nullptr)
+                append(*node.object, node.hash);
+        }
+    }
+}
+
+ZHashTable::~ZHashTable() noexcept {
+    removeAll();
+    if (nodes_ != &noEntries_)
+        zreleaseBlock(nodes_);
+    zreleaseBlock(chains_);
+}
+
+uint32_t ZHashTable::nodeOf(const ZObject& probe, uint32_t hash) const {
+    if (slots_ != nullptr) {
+        for (uint32_t i = placeOf(hash);; i = (i + 1) & slotMask_) {
+            const Slot& slot = slots_[i];
+            if (slot.node == 0)
+                return 0;
+            if (slot.hash == hash && slot.object != nullptr && probe.equals(*slot.object))
+                return slot.node;
+        }
+    }
+    for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next)
+        if (nodes_[i].object != nullptr && probe.equals(*nodes_[i].object))
+            return i;
+    return 0;
+}
+
+void ZHashTable::put(const ZObject& entry, uint32_t hash) {
+    const uint32_t found = nodeOf(entry, hash);
+    if (found == 0) {
+        append(entry, hash);
+        return;
+    }
+    ZIncomingMember member(entry, ownsMembers_);
+    ZObject* old = nodes_[found].object;
+    nodes_[found].object = member.get();
+    if (slots_ != nullptr)
+        slots_[slotOf(found)].object = member.get();
+    member.placed();
+    if (ownsMembers_)
+        zdeleteMember(old);
+}
+
+void ZHashTable::append(const ZObject& entry, uint32_t hash) {
+    ZIncomingMember member(entry, ownsMembers_);
+    reserve();
+
+    uint32_t node = free_;
+    if (node != 0)
+        free_ = nodes_[node].next;
+    else
+        node = used_++;
+    Chain& chain = chainOf(hash);
+    nodes_[node] = {member.get(), hash, chain.last, 0};
+    (chain.last != 0 ? nodes_[chain.last].next : chain.first) = node;
+    chain.last = node;
+    ++size_;
+    if (slots_ != nullptr)
+        enterSlot({member.get(), hash, node});
+    member.placed();
+}
+
+/// Makes room for one more entry, so that nothing can fail once linking begins.
+void ZHashTable::reserve() {
+    if (free_ == 0 && used_ == capacity_)
+        growNodes();
+    if (slots_ != nullptr ? size_ == slotLimit_ : size_ == kSmall)
+        growSlots();
+}
+
+void ZHashTable::growNodes() {
+    if (capacity_ == UINT32_MAX)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    const uint64_t capacity =
+        std::min<uint64_t>(std::max<uint64_t>(uint64_t(capacity_) * 2, kFirstNodes), UINT32_MAX);
+    Node* nodes = static_cast<Node*>(zallocateBlock(capacity, sizeof(Node)));
+    std::copy_n(nodes_, used_, nodes);
+    if (nodes_ != &noEntries_)
+        zreleaseBlock(nodes_);
+    nodes_ = nodes;
+    capacity_ = static_cast<uint32_t>(capacity);
+}
+
+// Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
+// of the old ones: two walks through memory, no jumps.
+void ZHashTable::growSlots() {
+    if (shift_ == 32)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    const int shift = slots_ != nullptr ? shift_ - 1 : 64 - kFirstSlotBits;
+    const uint64_t count = uint64_t(1) << (64 - shift);
+    Slot* old = slots_;
+    const uint64_t oldCount = old != nullptr ? uint64_t(slotMask_) + 1 : 0;
+
+    Slot* slots = static_cast<Slot*>(zallocateBlock(count, sizeof(Slot)));
+    std::fill_n(slots, count, Slot());
+    slots_ = slots;
+    slotMask_ = static_cast<uint32_t>(count - 1);
+    slotLimit_ = static_cast<uint32_t>(count / 8 * 5);
+    shift_ = shift;
+    if (old == nullptr) {
+        for (uint32_t i = 1; i < used_; ++i)
+            if (!isFree(nodes_[i]))
+                enterSlot({nodes_[i].object, nodes_[i].hash, i});
+    }
+    for (uint64_t i = 0; i < oldCount; ++i)
+        if (old[i].node != 0)
+            enterSlot(old[i]);
+    zreleaseBlock(old);
+}
+
+void ZHashTable::enterSlot(const Slot& slot) {
+    uint32_t i = placeOf(slot.hash);
+    while (slots_[i].node != 0)
+        i = (i + 1) & slotMask_;
+    slots_[i] = slot;
+}
+
+uint32_t ZHashTable::slotOf(uint32_t node) const {
+    uint32_t i = placeOf(nodes_[node].hash);
+    while (slots_[i].node != node)
+        i = (i + 1) & slotMask_;
+    return i;
+}
+
+/// Empties a slot and moves back those behind it that it separates from their places.
+void ZHashTable::freeSlot(uint32_t hole) {
+    for (uint32_t i = (hole + 1) & slotMask_; slots_[i].node != 0; i = (i + 1) & slotMask_) {
+        const uint32_t toPlace = (i - placeOf(slots_[i].hash)) & slotMask_;
+        const uint32_t toHole = (i - hole) & slotMask_;
+        if (toPlace >= toHole) {
+            slots_[hole] = slots_[i];
+            hole = i;
+        }
+    }
+    slots_[hole] = Slot();
+}
+
+void ZHashTable::remove(const ZObject& probe, uint32_t hash) {
+    const uint32_t found = nodeOf(probe, hash);
+    if (found == 0)
+        return;
+    if (slots_ != nullptr)
+        freeSlot(slotOf(found));
+    ZObject* object = unlink(found);
+    if (ownsMembers_)
+        zdeleteMember(object);
+}
+
+/// Takes a record out of its chain and gives its object; the slot is the caller's business.
+ZObject* ZHashTable::unlink(uint32_t index) {
+    Node& node = nodes_[index];
+    ZObject* object = node.object;
+    Chain& chain = chainOf(node.hash);
+    (node.previous != 0 ? nodes_[node.previous].next : chain.first) = node.next;
+    (node.next != 0 ? nodes_[node.next].previous : chain.last) = node.previous;
+    node = {nullptr, 0, kFreeRecord, free_};
+    free_ = index;
+    --size_;
+    return object;
+}
+
+void ZHashTable::removeAll() {
+    // Without slots the chains alone tell what is there, at each moment on the way.
+    zreleaseBlock(slots_);
+    slots_ = nullptr;
+    shift_ = 0;
+    for (uint64_t bucket = 0; size_ != 0 && bucket < bucketCount_; ++bucket) {
+        while (chains_[bucket].first != 0) {
+            ZObject* object = unlink(chains_[bucket].first);
+            if (ownsMembers_)
+                zdeleteMember(object);
+        }
+    }
+    if (size_ == 0) {
+        used_ = 1;  // records are given out from the front again
+        free_ = 0;
+    }
+}

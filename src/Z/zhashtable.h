@@ -1,0 +1,123 @@
+// zhashtable.h: the storage of ZHashMap. Never installed.
+//
+// What a map promises is an order (bucket by bucket, then by first insertion) and a number of
+// buckets that never changes, so with buckets alone a big map is a few long walks. Hence two views
+// of the same entries:
+//
+//   nodes_    one record an entry: object, the hash taken at put, and its neighbours in the chain
+//             of its bucket. Removed records are kept for the next put.
+//   chains_   a first and last record for each bucket: the promised order.
+//   slots_    once there are more than kSmall entries: open addressing with linear probing over
+//             object and hash of all entries, at most 5/8 full, deletion by moving back. A look-up
+//             reads one slot and one object and doesn't care for buckets.
+//
+// A small map is searched by walking the chain, with `equals` asked of each entry.
+//
+// A slot repeats object and hash of its node, which costs memory and saves a cache miss for each
+// look-up. The place in slots_ is taken from the top bits of the hash times an odd constant, so
+// that hashes which differ in the high bits only, or by multiples of something, spread all the
+// same.
+//
+// Invariants
+// (1) Each record in use stands in exactly one chain, that of hash % bucketCount_; size_ counts
+//     them. The others, up to used_, are marked and hang on free_ by `next`.
+// (2) slots_ exists once size_ has been above kSmall, until all is removed; it holds each record in
+//     use exactly once, with the same object and hash, and no free slot lies between the place that
+//     a hash calls for and the slot where it stands.
+// (3) Record 0 isn't used and its object is null: as a neighbour it means none, in a slot free.
+#ifndef Z_ZHASHTABLE_H
+#define Z_ZHASHTABLE_H
+
+#include "zmembers.h"
+
+/// The entries of one map. Takes hashes as they are given and asks an entry only for equals(),
+/// clone() and, when owning, its deletion.
+class ZHashTable final : public ZObject {
+public:
+    ZHashTable(uint64_t bucketCount, int ownsMembers);
+
+    /// The same order with the kept hashes. An owning table's nulls are passed over.
+    ZHashTable(const ZHashTable& other);
+    ZHashTable& operator=(const ZHashTable&) = delete;
+    ~ZHashTable() noexcept override;
+
+    /// The number of buckets that a map made for `size` entries has.
+    static uint64_t bucketsFor(unsigned int size);
+
+    unsigned int size() const { return size_; }
+
+    /// The entry that `probe`, whose hash is given, equals; null when there is none.
+    ZObject* find(const ZObject& probe, uint32_t hash) const {
+        return nodes_[nodeOf(probe, hash)].object;
+    }
+
+    void put(const ZObject& entry, uint32_t hash);
+    void remove(const ZObject& probe, uint32_t hash);
+    void removeAll();
+
+    /// Hands every entry to `visit`, in the promised order.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket)
+            for (uint32_t i = chains_[bucket].first; i != 0; i = nodes_[i].next)
+                visit(nodes_[i].object);
+    }
+
+private:
+    struct Node {
+        ZObject* object;
+        uint32_t hash;
+        uint32_t previous;
+        uint32_t next;
+    };
+    struct Chain {
+        uint32_t first;
+        uint32_t last;
+    };
+    struct Slot {
+        ZObject* object;
+        uint32_t hash;
+        uint32_t node;
+    };
+
+    static const uint32_t kFreeRecord = UINT32_MAX;  // as the neighbour `previous`
+    static bool isFree(const Node& node) { return node.previous == kFreeRecord; }
+
+    static Node noEntries_;  // record 0 of a table that has had no entry yet; never written
+
+    Chain& chainOf(uint32_t hash) const {
+        return chains_[bucketCount_ > UINT32_MAX ? hash
+                                                 : hash % static_cast<uint32_t>(bucketCount_)];
+    }
+    uint32_t placeOf(uint32_t hash) const {
+        return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15u) >> shift_);
+    }
+
+    uint32_t nodeOf(const ZObject& probe, uint32_t hash) const;
+    void reserve();
+    void growNodes();
+    void growSlots();
+    void enterSlot(const Slot& slot);
+    uint32_t slotOf(uint32_t node) const;
+    void freeSlot(uint32_t index);
+    void append(const ZObject& entry, uint32_t hash);
+    ZObject* unlink(uint32_t node);
+
+    // set by the constructor
+    const uint64_t bucketCount_;
+    const int ownsMembers_;
+    Chain* chains_;
+
+    uint32_t size_;
+    uint32_t used_;  // records ever used, number 0 included
+    uint32_t free_;
+    uint32_t capacity_;
+    Node* nodes_;
+
+    Slot* slots_;         // null while the map is small
+    uint32_t slotMask_;   // number of slots - 1
+    uint32_t slotLimit_;  // entries that fit before the slots are doubled
+    int shift_;           // 64 - log2 of the number of slots
+};
+
+#endif

@@ -1,0 +1,63 @@
+// zmembers.h: what the containers share: blocks of memory, and members that are deleted or on
+// their way in. Never installed.
+#ifndef Z_ZMEMBERS_H
+#define Z_ZMEMBERS_H
+
+#include "ZObject.h"
+
+/// `count` elements of `width` bytes from the global array allocator, not cleared. Never null:
+/// raises ZOutOfMemoryException, also when the product is beyond what a block can have.
+void* zallocateBlock(uint64_t count, size_t width);
+
+/// Gives a block back; null is allowed.
+void zreleaseBlock(void* block) noexcept;
+
+/// A block that is given back at the end of the scope unless somebody takes it.
+template <typename T>
+class ZBlockGuard {
+public:
+    explicit ZBlockGuard(uint64_t count)
+        : block_(static_cast<T*>(zallocateBlock(count, sizeof(T)))) {}
+    ~ZBlockGuard() { zreleaseBlock(block_); }
+    ZBlockGuard(const ZBlockGuard&) = delete;
+    ZBlockGuard& operator=(const ZBlockGuard&) = delete;
+
+    T* get() const { return block_; }
+
+    T* take() {
+        T* block = block_;
+        block_ = nullptr;
+        return block;
+    }
+
+private:
+    T* block_;
+};
+
+/// Deletes a member that has already left its container; null is allowed. What its destructor
+/// raises is reported, since the container has nobody to raise it to and must go on.
+void zdeleteMember(ZObject* member);
+
+/// A member on its way into a container: its clone if the container owns members, which is deleted
+/// at the end of the scope unless it found its place, else the object itself.
+class ZIncomingMember {
+public:
+    ZIncomingMember(const ZObject& object, int ownsMembers)
+        : member_(ownsMembers ? object.clone() : const_cast<ZObject*>(&object)),
+          clone_(ownsMembers ? member_ : nullptr) {}
+    ~ZIncomingMember() {
+        if (clone_ != nullptr)
+            zdeleteMember(clone_);
+    }
+    ZIncomingMember(const ZIncomingMember&) = delete;
+    ZIncomingMember& operator=(const ZIncomingMember&) = delete;
+
+    ZObject* get() const { return member_; }
+    void placed() { clone_ = nullptr; }
+
+private:
+    ZObject* member_;
+    ZObject* clone_;
+};
+
+#endif
