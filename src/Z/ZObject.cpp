@@ -16,8 +16,6 @@ static void* allocate(size_t size, int line) {
     return memory;
 }
 
-ZObject::~ZObject() noexcept(false) {}
-
 unsigned int ZObject::hash() const { return zaddressHash(this); }
 
 int ZObject::compare(const ZObject& other) const { return zaddressCompare(this, &other); }

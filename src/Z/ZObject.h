@@ -19,7 +19,7 @@ public:
     ZObject() {}
     ZObject(const ZObject&) {}
     ZObject& operator=(const ZObject&) { return *this; }
-    virtual ~ZObject() noexcept(false);
+    virtual ~ZObject() noexcept(false) {}  // inline: strings are made and dropped often
 
     /// 32 bits, the same for any two objects that are equal. Here: the object's address, its upper
     /// half folded in where addresses are wider.

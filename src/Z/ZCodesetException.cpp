@@ -1,0 +1,27 @@
+#include "ZCodesetException.h"
+
+#include <cstdlib>
+
+#include "zcodesetfailure.h"
+
+ZCodesetException::ZCodesetException(const char* codeset)
+    : ZZException(47, "ZCodesetException"),
+      qelDir_(ZAbstractString::BeforeSetup(), getenv("QELDIR")),
+      codesetName_(ZAbstractString::BeforeSetup(), codeset) {}
+
+ZCodesetException::~ZCodesetException() noexcept {}
+
+ZObject* ZCodesetException::clone() const { return new ZCodesetException(*this); }
+
+void ZCodesetException::throwException(const char* file, int line) {
+    addLocation(file, static_cast<unsigned long>(line));
+    throw ZCodesetException(*this);
+}
+
+int ZCodesetException::print() {
+    return printinternal(this, codesetName_.getChars(), qelDir_.getChars());
+}
+
+void zraiseCodesetFailure(const char* codeset) {
+    ZCodesetException(codeset).throwException(__FILE__, __LINE__);
+}

@@ -1,0 +1,198 @@
+#include "zqelutil.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZException.h"
+#include "qel/qel.h"
+#include "zcodesetfailure.h"
+
+// Written once, by the set-up; names live for ever. The four that callers read without passing
+// pthread_once are atomics; what set-up wrote before them can be seen by whoever sees them.
+static pthread_once_t qel_once = PTHREAD_ONCE_INIT;
+static std::atomic<char*> locstring_{nullptr};
+static std::atomic<char*> csname_{nullptr};
+static std::atomic<zcodeset_handle> zlocal_codeset_{0};
+static std::atomic<zcodeset_handle> zutf8_codeset_{0};
+static qel_locale local_locale_handle_ = 0;
+static const char* qeldir_ = nullptr;  // only whether it is null matters
+
+static const char kDefaultDirectory[] = "/opt/Quillmere/nls/QEL";
+
+static void zonce_init() {
+    if (locstring_.load(std::memory_order_relaxed) != nullptr)
+        return;
+    setlocale(LC_ALL, "");
+    qel_set_dir(kDefaultDirectory);
+    qeldir_ = getenv("QELDIR");
+    if (qeldir_ == nullptr)
+        return;
+
+    char language[512] = "";
+    char canonical[512] = "";
+    qel_os_lang_name(language, sizeof language);
+    if (qel_canonical_loc(language, canonical, sizeof canonical) != 0)
+        return;
+    local_locale_handle_ = qel_loc_new(canonical);
+    locstring_.store(strdup(canonical), std::memory_order_release);
+
+    char codeset[32] = "";
+    if (qel_os_cs_name(codeset, sizeof codeset) != 0)
+        return;
+    csname_.store(strdup(codeset), std::memory_order_release);
+    zlocal_codeset_.store(qel_cs_new(codeset), std::memory_order_release);
+    zutf8_codeset_.store(qel_cs_new("UTF8"), std::memory_order_release);
+}
+
+static void commonInit() {
+    pthread_once(&qel_once, zonce_init);
+    if (qeldir_ == nullptr)
+        ZNoQELEnvironmentException().throwException(__FILE__, __LINE__);
+    if (zlocal_codeset_.load(std::memory_order_relaxed) == 0)
+        zraiseCodesetFailure(csname_.load(std::memory_order_relaxed));
+    if (zutf8_codeset_.load(std::memory_order_relaxed) == 0)
+        zraiseCodesetFailure("UTF8");
+}
+
+// `word` once set-up is done. A failure of set-up is reported; who can't do without ends here.
+template <typename Word>
+static Word afterSetup(const std::atomic<Word>& word, bool indispensable) {
+    const Word value = word.load(std::memory_order_acquire);
+    if (value != Word())
+        return value;
+    try {
+        commonInit();
+    } catch (ZException& failure) {
+        failure.print();
+        if (indispensable)
+            abort();
+    }
+    return word.load(std::memory_order_acquire);
+}
+
+const char* zgetlocale(void) { return afterSetup(locstring_, false); }
+
+const char* zgetLocalCodesetName(void) { return afterSetup(csname_, false); }
+
+zcodeset_handle zgetUTF8Handle(void) { return afterSetup(zutf8_codeset_, true); }
+
+zcodeset_handle zgetLCSHandle(void) { return afterSetup(zlocal_codeset_, true); }
+
+int zset_cs_dir(const char* dir) { return dir == nullptr ? 0 : qel_set_dir(dir); }
+
+int zlcs_to_utf8(const char* src, unsigned int srcLen, char* dst, unsigned int dstSize) {
+    if (src == nullptr || srcLen == 0 || dst == nullptr || dstSize == 0)
+        return 0;
+    return qel_to_utf8(zgetLCSHandle(), src, srcLen, dst, dstSize);
+}
+
+int zlcs_from_utf8(const char* src, unsigned int srcLen, char* dst, unsigned int dstSize) {
+    if (src == nullptr || srcLen == 0 || dst == nullptr || dstSize == 0)
+        return 0;
+    return qel_from_utf8(zgetLCSHandle(), src, srcLen, dst, dstSize);
+}
+
+char* zstrchr(zcodeset_handle h, const char* s, int c) {
+    return const_cast<char*>(qel_strchr(h, s, c));
+}
+
+char* zstrrchr(zcodeset_handle h, const char* s, int c) {
+    return const_cast<char*>(qel_strrchr(h, s, c));
+}
+
+char* zstrstr(zcodeset_handle h, const char* s, const char* t) {
+    return const_cast<char*>(qel_strstr(h, s, t));
+}
+
+char* zstrpbrk(zcodeset_handle h, const char* s, const char* t) {
+    return const_cast<char*>(qel_strpbrk(h, s, t));
+}
+
+size_t zstrspn(zcodeset_handle h, const char* s, const char* t) { return qel_strspn(h, s, t); }
+
+size_t zstrcspn(zcodeset_handle h, const char* s, const char* t) { return qel_strcspn(h, s, t); }
+
+char* zstrncpy(zcodeset_handle h, char* a, const char* b, size_t n) {
+    return qel_strncpy(h, a, b, n);
+}
+
+char* zstrncat(zcodeset_handle h, char* a, const char* b, size_t n) {
+    return qel_strncat(h, a, b, n);
+}
+
+char* zstrtok(zcodeset_handle h, char* a, const char* b, char** c) {
+    return qel_strtok(h, a, b, c);
+}
+
+int zstricmp(zcodeset_handle h, const char* a, const char* b) {
+    return qel_stricmp(h, local_locale_handle_, a, b);
+}
+
+int zstrnicmp(zcodeset_handle h, const char* a, const char* b, size_t n) {
+    return qel_strnicmp(h, local_locale_handle_, a, b, n);
+}
+
+char* zstrlower(zcodeset_handle h, char* s) { return qel_strlower(h, local_locale_handle_, s); }
+
+char* zstrupper(zcodeset_handle h, char* s) { return qel_strupper(h, local_locale_handle_, s); }
+
+char* zstrptime(zcodeset_handle h, const char* a, const char* b, struct tm* c) {
+    return qel_strptime(h, local_locale_handle_, a, b, c);
+}
+
+int ziswalnum(zwide_char c) { return qel_iswalnum(c); }
+int ziswalpha(zwide_char c) { return qel_iswalpha(c); }
+int ziswdigit(zwide_char c) { return qel_iswdigit(c); }
+int ziswlower(zwide_char c) { return qel_iswlower(c); }
+int ziswspace(zwide_char c) { return qel_iswspace(c); }
+int ziswupper(zwide_char c) { return qel_iswupper(c); }
+
+// Whether zmblen() answers 1 for any text of this codeset.
+static bool isLocalOfOneByte(zcodeset_handle h) {
+    return h == zlocal_codeset_.load(std::memory_order_acquire) && MB_CUR_MAX == 1;
+}
+
+int zmblen(zcodeset_handle h, const char* s, size_t n) {
+    return isLocalOfOneByte(h) ? 1 : qel_mblen(h, s, n);
+}
+
+unsigned int zstrcount(zcodeset_handle h, const char* s) {
+    if (s == nullptr)
+        return 0;
+    if (isLocalOfOneByte(h))
+        return static_cast<unsigned int>(strlen(s));
+    const char* at = s;
+    while (*at != '\0') {
+        const int n = qel_mblen(h, at, 4);
+        if (n < 1)
+            break;
+        at += n;
+    }
+    return static_cast<unsigned int>(at - s);
+}
+
+// The bytes of the first character if it is of the class, else 0.
+static int lengthIfClass(zcodeset_handle h, const char* s, size_t n, int (*isOfClass)(qel_wide)) {
+    if (s == nullptr || n == 0)
+        return 0;
+    zwide_char c = 0;
+    const int length = qel_mbtowc(h, &c, s, n);
+    return length >= 1 && isOfClass(c) ? length : 0;
+}
+
+int zisalpha(zcodeset_handle h, const char* s, size_t n) {
+    return lengthIfClass(h, s, n, qel_iswalpha);
+}
+
+int zisspace(zcodeset_handle h, const char* s, size_t n) {
+    return lengthIfClass(h, s, n, qel_iswspace);
+}
+
+int zmbtowc(zcodeset_handle h, zwide_char* out, const char* s, size_t n) {
+    *out = 0;
+    return qel_mbtowc(h, out, s, n);
+}

@@ -1,0 +1,72 @@
+// qel.h: the codeset service: what codesets and locales mean for text. It stands on glibc's locales
+// and iconv, belongs to the library, and nothing outside of it sees these names.
+//
+// Handles are opaque words, 0 for none; every call may run in any thread, and each call that takes a
+// handle fails (or counts every byte as a character) when it is 0. Lengths are bytes, results of
+// conversions too; a negative result is a failure. Wide characters are 16 bits.
+#ifndef QEL_QEL_H
+#define QEL_QEL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+typedef uintptr_t qel_codeset;
+typedef uintptr_t qel_locale;
+typedef uint16_t qel_wide;
+
+/// Where other services keep their tables. Ours are glibc's, so this only has to succeed.
+int qel_set_dir(const char* dir);
+
+/// Each writes a name into a buffer of `size` bytes: the language of the process's locale, the
+/// canonical name of a locale, the codeset of the process's locale. 0, or negative if it can't.
+int qel_os_lang_name(char* buffer, size_t size);
+int qel_canonical_loc(const char* name, char* buffer, size_t size);
+int qel_os_cs_name(char* buffer, size_t size);
+
+/// A locale, independent of what setlocale() makes of the process later. Never freed.
+qel_locale qel_loc_new(const char* name);
+
+/// A codeset by its name, a new handle at each call; "UTF8" is UTF-8.
+qel_codeset qel_cs_new(const char* name);
+void qel_cs_free(qel_codeset codeset);
+
+/// Bytes written; negative for text that isn't valid, a character cut off by the end, one that the
+/// target lacks, and a full target. NULs are converted like all else.
+int qel_to_utf8(qel_codeset codeset, const char* source, size_t length, char* target, size_t room);
+int qel_from_utf8(qel_codeset codeset, const char* source, size_t length, char* target,
+                  size_t room);
+
+/// Bytes of the first character, of which `n` bytes are there: 0 at the end, -1 if invalid.
+int qel_mblen(qel_codeset codeset, const char* text, size_t n);
+/// The same, and the character; -1 too for one that doesn't fit into 16 bits.
+int qel_mbtowc(qel_codeset codeset, qel_wide* wide, const char* text, size_t n);
+/// Bytes written, -1 for a character that the codeset lacks.
+int qel_wctomb(qel_codeset codeset, char* target, qel_wide wide);
+
+/// The standard functions on whole characters. A byte that begins no valid character counts as one.
+const char* qel_strchr(qel_codeset codeset, const char* text, int c);
+const char* qel_strrchr(qel_codeset codeset, const char* text, int c);
+const char* qel_strstr(qel_codeset codeset, const char* text, const char* part);
+const char* qel_strpbrk(qel_codeset codeset, const char* text, const char* set);
+size_t qel_strspn(qel_codeset codeset, const char* text, const char* set);
+size_t qel_strcspn(qel_codeset codeset, const char* text, const char* set);
+char* qel_strncpy(qel_codeset codeset, char* target, const char* source, size_t n);
+char* qel_strncat(qel_codeset codeset, char* target, const char* source, size_t n);
+char* qel_strtok(qel_codeset codeset, char* text, const char* set, char** rest);
+
+int qel_stricmp(qel_codeset codeset, qel_locale locale, const char* a, const char* b);
+int qel_strnicmp(qel_codeset codeset, qel_locale locale, const char* a, const char* b, size_t n);
+char* qel_strlower(qel_codeset codeset, qel_locale locale, char* text);
+char* qel_strupper(qel_codeset codeset, qel_locale locale, char* text);
+char* qel_strptime(qel_codeset codeset, qel_locale locale, const char* text, const char* format,
+                   struct tm* time);
+
+int qel_iswalnum(qel_wide c);
+int qel_iswalpha(qel_wide c);
+int qel_iswdigit(qel_wide c);
+int qel_iswlower(qel_wide c);
+int qel_iswspace(qel_wide c);
+int qel_iswupper(qel_wide c);
+
+#endif

@@ -1,0 +1,337 @@
+// qeltext.cpp: locales, and text functions on whole characters.
+//
+// In a codeset of one byte a character the standard functions are right as they are. In UTF-8 they
+// are too, as long as what is looked for is whole characters, since no character's bytes are part of
+// another. In all other codesets a hit counts only if the walk from the beginning reaches it.
+#include <langinfo.h>
+#include <locale.h>
+#include <wctype.h>
+
+#include <cstring>
+#include <new>
+
+#include "qelcodeset.h"
+
+using qel::Character;
+using qel::Codeset;
+using qel::codesetOf;
+using qel::kNoCode;
+
+namespace {
+
+// A locale, and its case rules for the characters that nearly all text is made of.
+struct Locale {
+    locale_t locale;
+    uint32_t lower[256];
+    uint32_t upper[256];
+};
+
+uint32_t lowered(const Locale* locale, uint32_t code) {
+    if (code < 256)
+        return locale->lower[code];
+    return static_cast<uint32_t>(towlower_l(static_cast<wint_t>(code), locale->locale));
+}
+
+uint32_t uppered(const Locale* locale, uint32_t code) {
+    if (code < 256)
+        return locale->upper[code];
+    return static_cast<uint32_t>(towupper_l(static_cast<wint_t>(code), locale->locale));
+}
+
+bool isBytewise(qel_codeset codeset) {
+    return codeset == 0 || codesetOf(codeset)->kind() == Codeset::kBytes;
+}
+
+bool isUTF8(qel_codeset codeset) {
+    return codeset != 0 && codesetOf(codeset)->kind() == Codeset::kUTF8;
+}
+
+bool isASCII(const char* text) {
+    const size_t n = strlen(text);
+    return qel::asciiRun(text, n) == n;
+}
+
+// The character at `text`, which isn't at its terminator. What is none counts as one byte.
+Character characterAt(Codeset* codeset, const char* text, size_t n) {
+    const unsigned char byte = static_cast<unsigned char>(*text);
+    if (byte < 0x80 && codeset->beginsWithASCII())
+        return {1, byte};
+    const Character c = codeset->decode(text, n);
+    return c.length < 1 ? Character{1, kNoCode} : c;
+}
+
+// The bytes of that character; the text's terminator ends it at the latest.
+size_t step(Codeset* codeset, const char* text) {
+    return static_cast<size_t>(characterAt(codeset, text, SIZE_MAX).length);
+}
+
+// Whether all of `text` is valid.
+bool isValid(Codeset* codeset, const char* text) {
+    while (*text != '\0') {
+        const Character c = codeset->decode(text, SIZE_MAX);
+        if (c.length < 1)
+            return false;
+        text += c.length;
+    }
+    return true;
+}
+
+// The first of the hits that `next` finds, from left to right, that begins where a character does,
+// or null. `at` is the beginning of a character.
+template <typename Next>
+const char* firstWhole(Codeset* codeset, const char* at, Next next) {
+    for (;;) {
+        const char* hit = next(at);
+        if (hit == nullptr)
+            return nullptr;
+        while (at < hit)
+            at += step(codeset, at);
+        if (at == hit)
+            return hit;
+    }
+}
+
+// Whether the character of `length` bytes at `text` is in `set`.
+bool isMember(Codeset* codeset, const char* text, size_t length, const char* set) {
+    while (*set != '\0') {
+        const size_t n = step(codeset, set);
+        if (n == length && memcmp(text, set, n) == 0)
+            return true;
+        set += n;
+    }
+    return false;
+}
+
+// The bytes of the leading characters whose membership in `set` is `member`.
+size_t span(Codeset* codeset, const char* text, const char* set, bool member) {
+    const char* at = text;
+    while (*at != '\0') {
+        const size_t n = step(codeset, at);
+        if (isMember(codeset, at, n, set) != member)
+            break;
+        at += n;
+    }
+    return static_cast<size_t>(at - text);
+}
+
+// The most bytes, up to `n`, that whole characters of `text` take.
+size_t wholeLength(qel_codeset codeset, const char* text, size_t n) {
+    const size_t length = strnlen(text, n);
+    if (length < n || isBytewise(codeset))
+        return length;
+    size_t whole = 0;
+    while (whole < n && text[whole] != '\0') {
+        const size_t bytes = step(codesetOf(codeset), text + whole);
+        if (bytes > n - whole)
+            break;
+        whole += bytes;
+    }
+    return whole;
+}
+
+// What counts in a comparison without case: the lowered code, or for a byte that is no character a
+// number beyond all codes.
+uint32_t foldedAt(Codeset* codeset, const Locale* locale, const char*& text, size_t& left) {
+    if (left == 0 || *text == '\0')
+        return 0;
+    const Character c = characterAt(codeset, text, left);
+    const uint32_t folded = c.code == kNoCode ? 0x110000U + static_cast<unsigned char>(*text)
+                                              : lowered(locale, c.code);
+    const size_t length = c.code == kNoCode ? 1 : static_cast<size_t>(c.length);
+    text += length;
+    left -= length;
+    return folded;
+}
+
+char* changeCase(qel_codeset handle, qel_locale localeHandle, char* text,
+                 uint32_t (*changed)(const Locale*, uint32_t)) {
+    if (handle == 0 || localeHandle == 0 || text == nullptr)
+        return text;
+    Codeset* codeset = codesetOf(handle);
+    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
+    for (char* at = text; *at != '\0';) {
+        const Character c = characterAt(codeset, at, SIZE_MAX);
+        const uint32_t code = c.code == kNoCode ? kNoCode : changed(locale, c.code);
+        if (code != c.code) {
+            char bytes[8];
+            const int n = codeset->encode(code, bytes, sizeof bytes);
+            if (n == c.length)
+                memcpy(at, bytes, static_cast<size_t>(n));
+        }
+        at += c.length;
+    }
+    return text;
+}
+
+int copyName(const char* name, char* buffer, size_t size) {
+    if (name == nullptr || *name == '\0' || strlen(name) >= size)
+        return -1;
+    strcpy(buffer, name);
+    return 0;
+}
+
+}  // namespace
+
+int qel_set_dir(const char* dir) { return dir == nullptr ? -1 : 0; }
+
+int qel_os_lang_name(char* buffer, size_t size) {
+    return copyName(setlocale(LC_CTYPE, nullptr), buffer, size);
+}
+
+int qel_canonical_loc(const char* name, char* buffer, size_t size) {
+    return copyName(name, buffer, size);
+}
+
+int qel_os_cs_name(char* buffer, size_t size) {
+    return copyName(nl_langinfo(CODESET), buffer, size);
+}
+
+qel_locale qel_loc_new(const char* name) {
+    if (name == nullptr)
+        return 0;
+    const locale_t locale = newlocale(LC_ALL_MASK, name, nullptr);
+    if (locale == nullptr)
+        return 0;
+    Locale* made = new (std::nothrow) Locale;
+    if (made == nullptr) {
+        freelocale(locale);
+        return 0;
+    }
+    made->locale = locale;
+    for (wint_t code = 0; code < 256; ++code) {
+        made->lower[code] = static_cast<uint32_t>(towlower_l(code, locale));
+        made->upper[code] = static_cast<uint32_t>(towupper_l(code, locale));
+    }
+    return reinterpret_cast<qel_locale>(made);
+}
+
+const char* qel_strchr(qel_codeset codeset, const char* text, int c) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (isBytewise(codeset) || byte == 0 || (byte < 0x80 && isUTF8(codeset)))
+        return strchr(text, byte);
+    return firstWhole(codesetOf(codeset), text, [&](const char* at) {
+        // A longer character may begin with the byte: that is no hit.
+        const char* hit = strchr(at, byte);
+        while (hit != nullptr && step(codesetOf(codeset), hit) != 1)
+            hit = strchr(hit + 1, byte);
+        return hit;
+    });
+}
+
+const char* qel_strrchr(qel_codeset codeset, const char* text, int c) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (isBytewise(codeset) || byte == 0 || (byte < 0x80 && isUTF8(codeset)))
+        return strrchr(text, byte);
+    const char* last = nullptr;
+    for (const char* hit = qel_strchr(codeset, text, c); hit != nullptr;
+         hit = qel_strchr(codeset, hit + 1, c))
+        last = hit;
+    return last;
+}
+
+const char* qel_strstr(qel_codeset codeset, const char* text, const char* part) {
+    const auto plain = [part](const char* at) -> const char* { return strstr(at, part); };
+    if (isBytewise(codeset) || *part == '\0' ||
+        (isUTF8(codeset) && isValid(codesetOf(codeset), part)))
+        return plain(text);
+    return firstWhole(codesetOf(codeset), text, plain);
+}
+
+const char* qel_strpbrk(qel_codeset codeset, const char* text, const char* set) {
+    const char* hit = text + qel_strcspn(codeset, text, set);
+    return *hit == '\0' ? nullptr : hit;
+}
+
+size_t qel_strspn(qel_codeset codeset, const char* text, const char* set) {
+    return isBytewise(codeset) || (isUTF8(codeset) && isASCII(set))
+               ? strspn(text, set)
+               : span(codesetOf(codeset), text, set, true);
+}
+
+size_t qel_strcspn(qel_codeset codeset, const char* text, const char* set) {
+    return isBytewise(codeset) || (isUTF8(codeset) && isASCII(set))
+               ? strcspn(text, set)
+               : span(codesetOf(codeset), text, set, false);
+}
+
+char* qel_strncpy(qel_codeset codeset, char* target, const char* source, size_t n) {
+    const size_t length = wholeLength(codeset, source, n);
+    memcpy(target, source, length);
+    memset(target + length, 0, n - length);
+    return target;
+}
+
+char* qel_strncat(qel_codeset codeset, char* target, const char* source, size_t n) {
+    const size_t length = wholeLength(codeset, source, n);
+    char* end = target + strlen(target);
+    memcpy(end, source, length);
+    end[length] = '\0';
+    return target;
+}
+
+char* qel_strtok(qel_codeset codeset, char* text, const char* set, char** rest) {
+    if (text == nullptr)
+        text = *rest;
+    if (text == nullptr)
+        return nullptr;
+    text += qel_strspn(codeset, text, set);
+    if (*text == '\0') {
+        *rest = nullptr;
+        return nullptr;
+    }
+    char* end = text + qel_strcspn(codeset, text, set);
+    if (*end == '\0') {
+        *rest = nullptr;
+    } else {
+        *rest = end + (codeset == 0 ? 1 : step(codesetOf(codeset), end));
+        *end = '\0';
+    }
+    return text;
+}
+
+int qel_stricmp(qel_codeset codeset, qel_locale locale, const char* a, const char* b) {
+    return qel_strnicmp(codeset, locale, a, b, SIZE_MAX);
+}
+
+int qel_strnicmp(qel_codeset handle, qel_locale localeHandle, const char* a, const char* b,
+                 size_t n) {
+    if (a == nullptr)
+        a = "";
+    if (b == nullptr)
+        b = "";
+    if (handle == 0 || localeHandle == 0)
+        return strncmp(a, b, n);
+    Codeset* codeset = codesetOf(handle);
+    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
+    size_t leftA = n, leftB = n;
+    for (;;) {
+        const uint32_t left = foldedAt(codeset, locale, a, leftA);
+        const uint32_t right = foldedAt(codeset, locale, b, leftB);
+        if (left != right)
+            return left < right ? -1 : 1;
+        if (left == 0)
+            return 0;
+    }
+}
+
+char* qel_strlower(qel_codeset codeset, qel_locale locale, char* text) {
+    return changeCase(codeset, locale, text, lowered);
+}
+
+char* qel_strupper(qel_codeset codeset, qel_locale locale, char* text) {
+    return changeCase(codeset, locale, text, uppered);
+}
+
+char* qel_strptime(qel_codeset, qel_locale locale, const char* text, const char* format,
+                   struct tm* time) {
+    if (locale == 0)
+        return strptime(text, format, time);
+    return strptime_l(text, format, time, reinterpret_cast<const Locale*>(locale)->locale);
+}
+
+int qel_iswalnum(qel_wide c) { return iswalnum(c); }
+int qel_iswalpha(qel_wide c) { return iswalpha(c); }
+int qel_iswdigit(qel_wide c) { return iswdigit(c); }
+int qel_iswlower(qel_wide c) { return iswlower(c); }
+int qel_iswspace(qel_wide c) { return iswspace(c); }
+int qel_iswupper(qel_wide c) { return iswupper(c); }
