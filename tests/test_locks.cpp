@@ -1,0 +1,407 @@
+// Locks, guards and conditions among threads. What the system makes fail is in fault/.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <future>
+#include <limits>
+#include <thread>
+
+#include "Z/ZCondition.h"
+#include "Z/ZLock.h"
+#include "support/RecordingService.h"
+
+namespace {
+
+using Reports = std::vector<std::string>;
+
+// Runs `action` in a thread of its own and hands on its result: what another thread sees.
+template <typename Action>
+auto elsewhere(Action action) {
+    return std::async(std::launch::async, action).get();
+}
+
+std::string unlockResult(ZLock& lock) {
+    return raisedBy<ZUnlockResourceException>([&] { lock.unlock(); });
+}
+
+// How often the calling thread can unlock: the depth at which it holds the lock.
+int depthOf(ZLock& lock) {
+    int depth = 0;
+    while (unlockResult(lock) == "nothing")
+        ++depth;
+    for (int i = 0; i < depth; ++i)
+        lock.lock();
+    return depth;
+}
+
+void lockTimes(ZLock& lock, int times) {
+    for (int i = 0; i < times; ++i)
+        lock.lock();
+}
+
+void unlockTimes(ZLock& lock, int times) {
+    for (int i = 0; i < times; ++i)
+        lock.unlock();
+}
+
+TEST(Lock, OnlyTheHolderUnlocksAndOnlyAsOftenAsItLocked) {
+    ZLock lock;
+    EXPECT_EQ(unlockResult(lock), "6/0") << "free";
+    lockTimes(lock, 3);
+    EXPECT_EQ(elsewhere([&] { return unlockResult(lock); }), "6/0") << "held by another thread";
+    unlockTimes(lock, 3);
+    EXPECT_EQ(unlockResult(lock), "6/0") << "free again";
+    EXPECT_EQ(elsewhere([&] { return lock.lock(), unlockResult(lock); }), "nothing");
+}
+
+TEST(Lock, KeepsOthersOutUntilTheLastLevel) {
+    ZLock lock;
+    int shared = 0;  // guarded by lock; lost updates and the race detector show a hole
+    const int threads = 4, rounds = 5000;
+    std::vector<std::thread> team;
+    for (int t = 0; t < threads; ++t) {
+        team.emplace_back([&] {
+            for (int i = 0; i < rounds; ++i) {
+                lockTimes(lock, 3);
+                unlockTimes(lock, 2);
+                ++shared;
+                lock.unlock();
+            }
+        });
+    }
+    for (std::thread& thread : team)
+        thread.join();
+    EXPECT_EQ(shared, threads * rounds);
+}
+
+TEST(Lock, CopiesAreFreeAndAssignmentChangesNothing) {
+    ZLock held;
+    lockTimes(held, 2);
+    elsewhere([&] {
+        ZLock copy(held);
+        EXPECT_EQ(unlockResult(copy), "6/0");
+        copy.lock();
+        held = copy;
+        copy = held;
+        EXPECT_EQ(depthOf(copy), 1);
+        copy.unlock();
+        return 0;
+    });
+    EXPECT_EQ(depthOf(held), 2);
+    unlockTimes(held, 2);
+}
+
+// Counts calls, and refuses to unlock when told so.
+class CountingLock : public ZLock {
+public:
+    void lock() override { ++locks, ZLock::lock(); }
+    void unlock() override {
+        ++unlocks;
+        ZLock::unlock();
+        if (refuse)
+            ZUnlockResourceException(6, 77).throwException(__FILE__, __LINE__);
+    }
+    int locks = 0, unlocks = 0;
+    bool refuse = false;
+};
+
+TEST(ResourceLock, HoldsForItsScopeThroughTheVirtualCalls) {
+    CountingLock lock;
+    try {
+        const ZResourceLock outer(lock);
+        const ZResourceLock inner(lock);
+        EXPECT_EQ(lock.locks, 2);
+        throw 1;
+    } catch (int) {
+        EXPECT_EQ(lock.unlocks, 2);
+    }
+    EXPECT_EQ(depthOf(lock), 0);
+}
+
+TEST(ResourceLock, ReportsAFailedUnlockOnlyWhileAnExceptionIsOnItsWay) {
+    CountingLock lock;
+    lock.refuse = true;
+    const RecordingService service;
+    EXPECT_EQ(raisedBy<ZUnlockResourceException>([&] { const ZResourceLock guard(lock); }), "6/77");
+    EXPECT_EQ(service.reports(), Reports{});
+
+    try {
+        const ZResourceLock guard(lock);
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_EQ(service.reports(), Reports{"raised 6/77"});
+}
+
+TEST(ResourceLock, RaisesInACleanUpThatBeganAfterTheException) {
+    CountingLock lock;
+    lock.refuse = true;
+    const RecordingService service;
+    struct CleanUp {
+        ZLock& lock;
+        std::string& result;
+        ~CleanUp() {
+            result = raisedBy<ZUnlockResourceException>([&] { const ZResourceLock guard(lock); });
+        }
+    };
+    std::string result;
+    try {
+        const CleanUp cleanUp{lock, result};
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_EQ(result, "6/77");
+    EXPECT_EQ(service.reports(), Reports{});
+}
+
+// A thread that a test cancels or joins; it starts with `body` and says what it ended with.
+class PosixThread {
+public:
+    explicit PosixThread(void* (*body)(void*), void* argument) {
+        EXPECT_EQ(pthread_create(&id_, nullptr, body, argument), 0);
+    }
+    void cancel() { pthread_cancel(id_); }
+    void* join() {
+        void* result = nullptr;
+        pthread_join(id_, &result);
+        return result;
+    }
+
+private:
+    pthread_t id_;
+};
+
+TEST(Condition, RefusesToWaitWithoutTheLock) {
+    struct Case {
+        const char* what;
+        void (*call)(ZBooleanCondition&, int&);
+    };
+    static timespec zero;
+    const Case cases[] = {
+        {"wait", [](ZBooleanCondition& c, int&) { c.ZCondition::wait(); }},
+        {"wait for seconds", [](ZBooleanCondition& c, int& flag) { c.ZCondition::wait(0, flag); }},
+        {"wait until",
+         [](ZBooleanCondition& c, int& flag) { c.ZCondition::wait(zero, flag); }},
+        {"predicate wait", [](ZBooleanCondition& c, int& flag) { c.wait(zero, flag); }},
+        {"initCondition", [](ZBooleanCondition& c, int&) { c.initCondition(); }},
+        {"testCondition", [](ZBooleanCondition& c, int&) { c.testCondition(); }},
+        {"setCondition", [](ZBooleanCondition& c, int&) { c.setCondition(1); }},
+        {"validateLock", [](ZBooleanCondition& c, int&) { c.validateLock(); }},
+    };
+    ZBooleanCondition condition;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        int flag = 42;
+        const auto call = [&] {
+            return raisedBy<ZLockResourceException>([&] { c.call(condition, flag); });
+        };
+        EXPECT_EQ(call(), "5/0") << "free";
+        condition.lock();
+        EXPECT_EQ(elsewhere(call), "5/0") << "held by another thread";
+        condition.unlock();
+        EXPECT_EQ(flag, 42);
+    }
+}
+
+TEST(Condition, AWaitGivesUpTheWholeDepthAndTakesItBack) {
+    ZLock lock;
+    ZCondition condition(lock);
+    lockTimes(lock, 3);
+    // Can't lock before the wait below has given up all three levels.
+    std::thread waker([&] {
+        lock.lock();
+        EXPECT_EQ(depthOf(lock), 1);
+        condition.signal();
+        lock.unlock();
+    });
+    condition.wait();
+    EXPECT_EQ(depthOf(lock), 3);
+    unlockTimes(lock, 3);
+    waker.join();
+}
+
+TEST(Condition, TimesThatHavePassedEndTheWaitAtOnce) {
+    ZCondition condition;
+    const ZResourceLock guard(*condition.getResource());
+    const ZResourceLock deeper(*condition.getResource());
+    int flag = 42;
+    condition.wait(0, flag);
+    EXPECT_EQ(flag, 1) << "the present second";
+    timespec past = {1, 0};
+    flag = 42;
+    condition.wait(past, flag);
+    EXPECT_EQ(flag, 1) << "1970";
+    flag = 42;
+    condition.wait(std::numeric_limits<long>::min(), flag);
+    EXPECT_EQ(flag, 1) << "further back than time goes";
+    EXPECT_EQ(depthOf(*condition.getResource()), 2);
+}
+
+TEST(Condition, ASignalEndsAWaitWithoutTimingOut) {
+    struct Case {
+        const char* what;
+        void (*wait)(ZCondition&, int&);
+    };
+    const Case cases[] = {
+        {"until zero, which is no limit",
+         [](ZCondition& c, int& flag) {
+             timespec zero = {0, 0};
+             c.wait(zero, flag);
+         }},
+        {"the longest time", [](ZCondition& c, int& flag) {
+             c.wait(std::numeric_limits<long>::max(), flag);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ZCondition condition;
+        condition.lock();
+        std::thread waker([&] {
+            condition.lock();
+            condition.signal();
+            condition.unlock();
+        });
+        int flag = 42;
+        c.wait(condition, flag);
+        EXPECT_EQ(flag, 0);
+        condition.unlock();
+        waker.join();
+    }
+}
+
+TEST(Condition, TheHookFindsTheLockHeldAndTheFlagNotYetSet) {
+    class Hooked : public ZCondition {
+    public:
+        void waitTimedOut() override {
+            validateLock();
+            seen = flag;
+            depth = depthOf(*getResource());
+        }
+        int flag = 42, seen = -1, depth = 0;
+    };
+    Hooked condition;
+    lockTimes(*condition.getResource(), 2);
+    condition.wait(0, condition.flag);
+    EXPECT_EQ(condition.seen, 0);
+    EXPECT_EQ(condition.flag, 1);
+    EXPECT_EQ(condition.depth, 2);
+    unlockTimes(*condition.getResource(), 2);
+}
+
+TEST(Condition, ABroadcastWakesAllWhoWait) {
+    ZLock lock;
+    ZCondition go(lock), ready(lock);  // two conditions, one lock
+    int waiting = 0, told = 0, woken = 0;
+    std::vector<std::thread> team;
+    for (int i = 0; i < 3; ++i) {
+        team.emplace_back([&] {
+            const ZResourceLock guard(lock);
+            ++waiting;
+            ready.signal();
+            while (!told)
+                go.wait();
+            ++woken;
+        });
+    }
+    {
+        const ZResourceLock guard(lock);
+        while (waiting < 3)
+            ready.wait();
+        told = 1;
+    }
+    go.broadcast();  // without the lock
+    for (std::thread& thread : team)
+        thread.join();
+    EXPECT_EQ(woken, 3);
+}
+
+TEST(Condition, LeavesACallersLockAlive) {
+    ZLock lock;
+    auto* condition = new ZCondition(lock);
+    EXPECT_EQ(condition->getResource(), &lock);
+    condition->lock();
+    delete condition;
+    EXPECT_EQ(depthOf(lock), 1);
+    lock.unlock();
+}
+
+TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
+    struct Shared {
+        ZCondition condition;
+        int waiting = 0, depthAtEnd = 0;
+        // Runs while the thread unwinds, when its guards still stand.
+        struct AtEnd {
+            Shared& shared;
+            ~AtEnd() { shared.depthAtEnd = depthOf(*shared.condition.getResource()); }
+        };
+        static void* body(void* argument) {
+            Shared& shared = *static_cast<Shared*>(argument);
+            ZLock& lock = *shared.condition.getResource();
+            const ZResourceLock outer(lock);
+            const ZResourceLock inner(lock);
+            const AtEnd atEnd{shared};
+            shared.waiting = 1;
+            for (;;)
+                shared.condition.wait();
+        }
+    };
+    for (int round = 0; round < 20; ++round) {
+        Shared shared;
+        PosixThread thread(&Shared::body, &shared);
+        for (int waiting = 0; !waiting; std::this_thread::yield()) {
+            const ZResourceLock guard(*shared.condition.getResource());
+            waiting = shared.waiting;
+        }
+        thread.cancel();
+        EXPECT_EQ(thread.join(), PTHREAD_CANCELED);
+        EXPECT_EQ(shared.depthAtEnd, 2);
+        EXPECT_EQ(depthOf(*shared.condition.getResource()), 0);
+        shared.condition.lock();  // is free
+        shared.condition.unlock();
+    }
+}
+
+TEST(BooleanCondition, ATimeThatPassesSetsThePredicate) {
+    ZBooleanCondition condition;
+    const ZResourceLock guard(*condition.getResource());
+    int flag = 42;
+    condition.wait(0, flag);
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(condition.testCondition(), 1);
+    // It stays set, so nothing waits any more, and the flag is the caller's.
+    flag = 42;
+    timespec zero = {0, 0};
+    condition.wait(0, flag);
+    condition.wait(zero, flag);
+    condition.wait();
+    EXPECT_EQ(flag, 42);
+    condition.initCondition();
+    EXPECT_EQ(condition.testCondition(), 0);
+}
+
+TEST(BooleanCondition, WaitsOnWhenWokenBeforeThePredicateIsSet) {
+    class Counting : public ZBooleanCondition {
+    public:
+        int testCondition() override { return ++tests, ZBooleanCondition::testCondition(); }
+        int tests = 0;
+    };
+    Counting condition;
+    condition.lock();
+    std::thread waker([&] {
+        for (int tests = 0; tests < 3; std::this_thread::yield()) {
+            const ZResourceLock guard(*condition.getResource());
+            tests = condition.tests;
+            condition.signal();
+        }
+        const ZResourceLock guard(*condition.getResource());
+        EXPECT_EQ(condition.setCondition(5), 1);
+        condition.signal();
+    });
+    condition.wait();
+    EXPECT_EQ(condition.testCondition(), 5);
+    EXPECT_GE(condition.tests, 4);
+    condition.unlock();
+    waker.join();
+}
+
+}  // namespace
