@@ -1,0 +1,571 @@
+// zproperties.cpp: the C interface on ZStanzaFileProperties. Exceptions become result numbers in one
+// place, and cancellation alone passes through.
+#include "zproperties.h"
+
+#include <cxxabi.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "ZExceptionText.h"
+#include "ZMessage.h"
+#include "ZPropHandle.h"
+
+// ---------------------------------------------------------------- the last error
+
+namespace {
+
+// What the thread's last failing call has met. Constant-initialised; the texts are freed when the
+// thread ends.
+struct LastError {
+    ZPROP_error error;
+    char* file;
+    char* text;
+
+    constexpr LastError() : error{0, nullptr, 0, nullptr}, file(nullptr), text(nullptr) {}
+    ~LastError() {
+        free(file);
+        free(text);
+    }
+
+    void clear() { error = {0, nullptr, 0, nullptr}; }
+
+    // Without memory the texts are missing; the number is there.
+    void set(int number, const char* newFile, int line, const char* newText) {
+        free(file);
+        free(text);
+        file = newFile == nullptr ? nullptr : strdup(newFile);
+        text = newText == nullptr ? nullptr : strdup(newText);
+        error = {number, file, line, text};
+    }
+};
+
+thread_local LastError lastError;
+
+// Reads the number of any exception, as a message service may.
+class NumberReader : public ZDefaultMessageService {
+public:
+    static int numberOf(const ZException& e) { return static_cast<int>(exceptionNumber(e)); }
+    static const char* nameOf(const ZException& e) { return exceptionName(e); }
+};
+
+// What a failure is called in each group of functions.
+enum Group { fileGroup, changeGroup, readGroup };
+
+}  // namespace
+
+static void noteIO(const ZPropertiesIOException& e) {
+    char reason[128];
+    const char* why = strerror_r(e.excerrno(), reason, sizeof reason);
+    char text[256];
+    snprintf(text, sizeof text, "%s: %s", e.api(), why);
+    lastError.set(NumberReader::numberOf(e), e.propFile(), 0, text);
+}
+
+// Turns the exception in flight into a result number, and notes what it was about.
+static int resultOfException(Group group) {
+    int result = ZPROP_ERR_PARAM;
+    try {
+        throw;
+    } catch (abi::__forced_unwind&) {
+        throw;  // a cancelled thread must go on unwinding, or the whole process ends
+    } catch (const ZPropertiesMissingPropertyException& e) {
+        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, e.key());
+        result = ZPROP_ERR_MISSING;
+    } catch (const ZPropertiesInvalidValueException& e) {
+        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, e.value());
+        result = ZPROP_ERR_VALUE;
+    } catch (const ZPropertiesIteratorException& e) {
+        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, nullptr);
+        result = ZPROP_ERR_ITERATOR;
+    } catch (const ZPropertiesInvalidDataException& e) {
+        lastError.set(NumberReader::numberOf(e), e.propFile(), e.badline(), e.baddata());
+    } catch (const ZPropertiesIOException& e) {
+        noteIO(e);
+    } catch (const ZOutOfMemoryException& e) {
+        lastError.set(NumberReader::numberOf(e), nullptr, 0, NumberReader::nameOf(e));
+        result = ZPROP_ERR_VALUE;
+    } catch (const std::bad_alloc&) {
+        lastError.set(1, nullptr, 0, "bad_alloc");
+        result = ZPROP_ERR_VALUE;
+    } catch (const ZException& e) {
+        lastError.set(NumberReader::numberOf(e), nullptr, 0, NumberReader::nameOf(e));
+    } catch (...) {
+        lastError.set(19, nullptr, 0, "unknown exception");
+    }
+    return group == fileGroup ? ZPROP_ERR_FILE : group == changeGroup ? ZPROP_ERR_UPDATE : result;
+}
+
+static int parameterError() {
+    lastError.set(22, nullptr, 0, "bad handle or argument");
+    return ZPROP_ERR_PARAM;
+}
+
+// Runs a call and gives its result number.
+template <typename Call>
+static int guarded(Group group, Call call) {
+    try {
+        call();
+    } catch (...) {
+        return resultOfException(group);
+    }
+    return ZPROP_OK;
+}
+
+int zstzPropLastError(ZPROP_error* error) {
+    if (error == nullptr)
+        return 0;
+    *error = lastError.error;
+    return error->number;
+}
+
+// ---------------------------------------------------------------- handles
+
+// The object behind a live handle, or null. Every call comes by here first, so that the last error
+// ends here.
+static ZStanzaFileProperties* liveProperties(ZPROP_handle* handle) {
+    lastError.clear();
+    if (!ZPROP_handle::isGood(handle))
+        return nullptr;
+    return &static_cast<ZPROP_stz_handle*>(handle)->properties;
+}
+
+int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode) {
+    lastError.clear();
+    if (out == nullptr || file == nullptr || (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE))
+        return parameterError();
+    *out = nullptr;
+    return guarded(fileGroup, [&] {
+        std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(mode));
+        handle->properties.load(file);
+        *out = handle.release();
+    });
+}
+
+void zstzPropClose(ZPROP_handle* handle) {
+    if (liveProperties(handle) != nullptr)
+        delete handle;
+}
+
+int zstzPropStore(ZPROP_handle* handle, const char* file) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr)
+        return parameterError();
+    return guarded(fileGroup, [&] { properties->store(file); });
+}
+
+// ---------------------------------------------------------------- reading
+
+// Answers a question about the object behind `handle`; the result number goes to *err.
+template <typename Answer, typename Question>
+static Answer ask(ZPROP_handle* handle, int* err, Answer nothing, Question question) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr) {
+        *err = parameterError();
+        return nothing;
+    }
+    Answer answer = nothing;
+    *err = guarded(readGroup, [&] { answer = question(*properties); });
+    return *err == ZPROP_OK ? answer : nothing;
+}
+
+int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
+    if (stanza == nullptr || err == nullptr)
+        return 0;
+    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) {
+        return key == nullptr ? p.exists(stanza) : p.exists(stanza, key);
+    });
+}
+
+int zstzPropNumStanzas(ZPROP_handle* handle, int* err) {
+    if (err == nullptr)
+        return 0;
+    return ask(handle, err, 0, [](ZStanzaFileProperties& p) { return p.count(); });
+}
+
+int zstzPropNumKeys(ZPROP_handle* handle, const char* stanza, int* err) {
+    if (stanza == nullptr || err == nullptr)
+        return 0;
+    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) { return p.count(stanza); });
+}
+
+int zstzPropNumValues(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
+    if (stanza == nullptr || key == nullptr || err == nullptr)
+        return 0;
+    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) { return p.numValues(stanza, key); });
+}
+
+// Strings that are handed out carry a word in front of them, by which zstzPropFree knows them.
+static const uint32_t kStringMark = 0xC0FFEEEEu;
+
+static char* myStrDup(const ZLCString& text) {
+    const size_t length = text.getLength();
+    char* block = static_cast<char*>(malloc(sizeof kStringMark + length + 1));
+    if (block == nullptr)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    memcpy(block, &kStringMark, sizeof kStringMark);
+    memcpy(block + sizeof kStringMark, text.getChars(), length + 1);
+    return block + sizeof kStringMark;
+}
+
+// Looks in front of a pointer that may not be ours: out of bounds on purpose, in this one read.
+__attribute__((no_sanitize("address"), noinline)) static bool hasStringMark(const char* string) {
+    const volatile unsigned char* word =
+        reinterpret_cast<const volatile unsigned char*>(string) - sizeof kStringMark;
+    unsigned char bytes[sizeof kStringMark];
+    for (size_t i = 0; i < sizeof bytes; ++i)
+        bytes[i] = word[i];
+    uint32_t mark = 0;
+    for (size_t i = 0; i < sizeof bytes; ++i)
+        reinterpret_cast<unsigned char*>(&mark)[i] = bytes[i];
+    return mark == kStringMark;
+}
+
+static void myStrFree(char* string) {
+    if (!hasStringMark(string))
+        return;
+    char* block = string - sizeof kStringMark;
+    memset(block, 0, sizeof kStringMark);
+    free(block);
+}
+
+void zstzPropFree(char* string) {
+    lastError.clear();
+    if (string != nullptr)
+        myStrFree(string);
+}
+
+char* zstzPropGetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                             int required, int* err) {
+    if (stanza == nullptr || key == nullptr || err == nullptr)
+        return nullptr;
+    return ask(handle, err, static_cast<char*>(nullptr), [&](ZStanzaFileProperties& p) {
+        ZLCString text;
+        p.getValue(stanza, key, text, required, nullptr);
+        return text.getLength() == 0 ? nullptr : myStrDup(text);
+    });
+}
+
+unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                     int required, int* err) {
+    if (stanza == nullptr || key == nullptr || err == nullptr)
+        return ZPROP_ERR_PARAM;
+    return ask(handle, err, 0u, [&](ZStanzaFileProperties& p) {
+        return p.getIntegerValue(stanza, key, required, 0);
+    });
+}
+
+int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int required,
+                            int* err) {
+    if (stanza == nullptr || key == nullptr || err == nullptr)
+        return ZPROP_ERR_PARAM;
+    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) {
+        return p.getBooleanValue(stanza, key, required, 0);
+    });
+}
+
+// ---------------------------------------------------------------- lists
+
+static void freeTexts(char** texts) {
+    for (char** text = texts; text != nullptr && *text != nullptr; ++text)
+        free(*text);
+    free(texts);
+}
+
+static char* duplicate(const char* text) {
+    char* copy = strdup(text);
+    if (copy == nullptr)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    return copy;
+}
+
+// A list of plain copies that ends with null.
+static char** duplicateAll(const ZArrayList& strings) {
+    const size_t count = strings.size();
+    std::unique_ptr<char*, decltype(&freeTexts)> texts(
+        static_cast<char**>(calloc(count + 1, sizeof(char*))), &freeTexts);
+    if (texts == nullptr)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    for (unsigned int i = 0; i < count; ++i)
+        texts.get()[i] = duplicate(static_cast<const ZAbstractString*>(strings.get(i))->getChars());
+    return texts.release();
+}
+
+static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
+    const int required = item.flag != ZPROP_ITEM_OPTIONAL;
+    if (item.result == nullptr)
+        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    switch (item.kind) {
+        case ZPROP_ITEM_BOOLEAN:
+            *static_cast<int*>(item.result) = p.getBooleanValue(item.stanza, item.key, required, 0);
+            break;
+        case ZPROP_ITEM_INTEGER:
+            *static_cast<int*>(item.result) =
+                static_cast<int>(p.getIntegerValue(item.stanza, item.key, required, 0));
+            break;
+        case ZPROP_ITEM_STRING: {
+            ZLCString text;
+            p.getValue(item.stanza, item.key, text, required, nullptr);
+            *static_cast<char**>(item.result) =
+                text.getLength() == 0 ? nullptr : duplicate(text.getChars());
+            break;
+        }
+        case ZPROP_ITEM_VALUES: {
+            ZArrayList values(2, 1);
+            p.getValues(item.stanza, item.key, values, ZPROP_STRING_LOCAL);
+            *static_cast<char***>(item.result) = duplicateAll(values);
+            break;
+        }
+        default:
+            ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    }
+}
+
+int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr || (items == nullptr && count != 0))
+        return parameterError();
+    return guarded(readGroup, [&] {
+        for (int i = 0; i < count; ++i)
+            answerItem(*properties, items[i]);
+    });
+}
+
+void zstzPropFreeValuesList(ZPROP_handle* handle, ZPROP_item* items, int count) {
+    if (liveProperties(handle) == nullptr || items == nullptr)
+        return;
+    for (int i = 0; i < count; ++i) {
+        if (items[i].result == nullptr)
+            continue;
+        if (items[i].kind == ZPROP_ITEM_STRING) {
+            char** text = static_cast<char**>(items[i].result);
+            free(*text);
+            *text = nullptr;
+        } else if (items[i].kind == ZPROP_ITEM_VALUES) {
+            char*** texts = static_cast<char***>(items[i].result);
+            freeTexts(*texts);
+            *texts = nullptr;
+        }
+    }
+}
+
+int zstzPropGetStanzas(ZPROP_handle* handle, char*** names) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr || names == nullptr)
+        return parameterError();
+    *names = nullptr;
+    return guarded(readGroup, [&] {
+        ZPropertiesIterator lock(*properties);  // keyNames takes none
+        ZArrayList list(10, 1);
+        properties->keyNames(list);
+        *names = duplicateAll(list);
+    });
+}
+
+void zstzPropFreeStanzas(char** names) {
+    lastError.clear();
+    freeTexts(names);
+}
+
+// ---------------------------------------------------------------- changing
+
+/// Lets one change run on the object behind `handle` and turns its outcome into a result number.
+/// `complete`: none of the arguments that are needed is null.
+template <typename Change>
+static int applyChange(ZPROP_handle* handle, bool complete, Change change) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr || !complete)
+        return parameterError();
+    return guarded(changeGroup, [&] { change(*properties); });
+}
+
+int zstzPropSetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                           const char* value) {
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setValue(stanza, key, value); });
+}
+
+int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                            unsigned int value) {
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setIntegerValue(stanza, key, value); });
+}
+
+int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int value) {
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setBooleanValue(stanza, key, value); });
+}
+
+int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key) {
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.deleteKey(stanza, key); });
+}
+
+int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza) {
+    return applyChange(handle, stanza != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.deleteStanza(stanza); });
+}
+
+int zstzPropAddStanzaComment(ZPROP_handle* handle, const char* stanza, const char* text) {
+    return applyChange(handle, stanza != nullptr && text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addStanzaComment(stanza, text); });
+}
+
+int zstzPropAddFileComment(ZPROP_handle* handle, const char* text) {
+    return applyChange(handle, text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addFileComment(text); });
+}
+
+int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, const char* key,
+                           const char* text) {
+    return applyChange(handle, stanza != nullptr && key != nullptr && text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addEntryComment(stanza, key, text); });
+}
+
+// ---------------------------------------------------------------- walking
+
+namespace {
+
+// A live iterator as the walk that it is; one of the two is null.
+struct Walk {
+    ZPROP_stz_iter_handle* keys = nullptr;
+    ZPROP_stzvalue_iter_handle* values = nullptr;
+
+    explicit Walk(ZPROP_iter_handle* iterator) {
+        lastError.clear();
+        if (!ZPROP_iter_handle::isGood(iterator))
+            return;
+        if (iterator->kind() == ZPROP_iter_handle::walksKeys)
+            keys = static_cast<ZPROP_stz_iter_handle*>(iterator);
+        else
+            values = static_cast<ZPROP_stzvalue_iter_handle*>(iterator);
+    }
+    bool isGood() const { return keys != nullptr || values != nullptr; }
+};
+
+}  // namespace
+
+static int unsuitable() {
+    lastError.set(42, nullptr, 0, "not for this walk");
+    return ZPROP_ERR_ITERATOR;
+}
+
+int zstzPropIter_init(ZPROP_handle* handle, const char* stanza, const char* key,
+                      ZPROP_iter_handle** out) {
+    ZStanzaFileProperties* properties = liveProperties(handle);
+    if (properties == nullptr || stanza == nullptr || out == nullptr)
+        return parameterError();
+    *out = nullptr;
+    return guarded(readGroup, [&] {
+        if (key == nullptr)
+            *out = new ZPROP_stz_iter_handle(*properties, stanza);
+        else
+            *out = new ZPROP_stzvalue_iter_handle(*properties, stanza, key);
+    });
+}
+
+// Answers a question about a walk; the result number goes to *err.
+template <typename Answer, typename OfKeys, typename OfValues>
+static Answer askWalk(ZPROP_iter_handle* iterator, int* err, Answer nothing, OfKeys ofKeys,
+                      OfValues ofValues) {
+    const Walk walk(iterator);
+    if (!walk.isGood() || err == nullptr) {
+        const int error = parameterError();
+        if (err != nullptr)
+            *err = error;
+        return nothing;
+    }
+    Answer answer = nothing;
+    *err = guarded(readGroup, [&] {
+        answer = walk.keys != nullptr ? ofKeys(*walk.keys) : ofValues(*walk.values);
+    });
+    return *err == ZPROP_OK ? answer : nothing;
+}
+
+typedef ZPROP_stz_iter_handle KeyWalk;
+typedef ZPROP_stzvalue_iter_handle ValueWalk;
+
+int zstzPropIter_next(ZPROP_iter_handle* iterator, int* err) {
+    return askWalk(
+        iterator, err, 0,
+        [](KeyWalk& walk) {
+            if (!walk.iterator.hasMore())
+                return 0;
+            walk.iterator.nextEntry();
+            return 1;
+        },
+        [](ValueWalk& walk) {
+            if (!walk.iterator.hasMore())
+                return 0;
+            walk.value = *walk.iterator.nextValue();
+            return 1;
+        });
+}
+
+static const char* const kNoText = nullptr;
+
+const char* zstzPropIter_getKey(ZPROP_iter_handle* iterator, int* err) {
+    return askWalk(
+        iterator, err, kNoText, [](KeyWalk& walk) { return walk.iterator.entryName(); },
+        [](ValueWalk& walk) { return walk.key.getChars(); });
+}
+
+const char* zstzPropIter_getValue(ZPROP_iter_handle* iterator, int, int* err) {
+    return askWalk(
+        iterator, err, kNoText, [](KeyWalk& walk) { return walk.iterator.entryValue(0); },
+        [](ValueWalk& walk) { return walk.value.getChars(); });
+}
+
+int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err) {
+    return askWalk(
+        iterator, err, 0, [](KeyWalk& walk) { return static_cast<int>(walk.iterator.keyCount()); },
+        [](ValueWalk&) { return 1; });
+}
+
+int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err) {
+    const int count = askWalk(
+        iterator, err, 0, [](KeyWalk&) { return -1; },
+        [](ValueWalk& walk) { return static_cast<int>(walk.iterator.valueCount()); });
+    if (count != -1)
+        return count;
+    *err = unsuitable();
+    return 0;
+}
+
+// Lets a change run on a walk over values.
+template <typename Change>
+static int changeWalk(ZPROP_iter_handle* iterator, bool complete, Change change) {
+    const Walk walk(iterator);
+    if (!walk.isGood())
+        return parameterError();
+    if (walk.keys != nullptr)
+        return unsuitable();
+    if (!complete)
+        return parameterError();
+    return guarded(readGroup, [&] { change(*walk.values); });
+}
+
+int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text) {
+    return changeWalk(iterator, text != nullptr,
+                      [&](ValueWalk& walk) { walk.iterator.changeValue(text); });
+}
+
+int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text) {
+    return changeWalk(iterator, text != nullptr,
+                      [&](ValueWalk& walk) { walk.iterator.addValue(text); });
+}
+
+int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator) {
+    return changeWalk(iterator, true, [](ValueWalk& walk) { walk.iterator.removeValue(); });
+}
+
+int zstzPropIter_close(ZPROP_iter_handle* iterator) {
+    const Walk walk(iterator);
+    if (!walk.isGood())
+        return parameterError();
+    // Only the thread that made the walk can give its lock back.
+    return guarded(readGroup, [&] { delete iterator; });
+}

@@ -1,0 +1,207 @@
+/* zproperties.h: the configuration database for C callers. Valid C99.
+ *
+ * A caller opens a stanza file, reads, changes and walks it, and stores it. Handles are opaque and
+ * tested at every call; failures are result numbers; text that is handed out is freed by a function
+ * of this header, or belongs to the handle, as each call says. All text is in the local codeset.
+ *
+ * Results: each function that returns a result lists the numbers that it can give. "err" is an int
+ * that takes the result of a function whose return value is the answer itself; it is 0 on success.
+ * What the last failing call of a thread has met in detail, zstzPropLastError tells.
+ *
+ * Threads: two threads may share a handle; each call is atomic. An open iterator keeps all other
+ * threads waiting at any call with its handle, and has to be closed by the thread that made it,
+ * before the handle is closed.
+ *
+ * Files: a load or store holds a record lock on the stanza file and doesn't wait for one. Such
+ * locks belong to the process: closing any descriptor of the file drops them.
+ *
+ * The environment variable QELDIR must be set, or the process ends at the first call that handles
+ * text. The first such call also runs setlocale(LC_ALL, ""). */
+#ifndef Z_ZPROPERTIES_LOWER_H
+#define Z_ZPROPERTIES_LOWER_H
+
+#include "z.h"
+
+/* Results. 56 isn't used. */
+#define ZPROP_OK 0            /* done */
+#define ZPROP_ERR_FILE 51     /* open or store failed */
+#define ZPROP_ERR_UPDATE 52   /* a change failed */
+#define ZPROP_ERR_VALUE 53    /* a value can't be converted, or memory ran out */
+#define ZPROP_ERR_MISSING 54  /* a required value is missing */
+#define ZPROP_ERR_PARAM 55    /* a bad handle or argument */
+#define ZPROP_ERR_ITERATOR 57 /* the call doesn't suit this iterator or its place */
+
+/* How a file is opened: 1 or 2. The two don't differ today; use the one that says what you mean. */
+typedef int ZPROPOpenMode;
+#define ZPROP_OPEN_READ 1
+#define ZPROP_OPEN_UPDATE 2
+
+/* Kinds of ZPROP_item, and where `result` then points. */
+#define ZPROP_ITEM_BOOLEAN 1 /* an int */
+#define ZPROP_ITEM_INTEGER 2 /* an int */
+#define ZPROP_ITEM_STRING 3  /* a char* */
+#define ZPROP_ITEM_VALUES 4  /* a char** */
+
+/* Flag of ZPROP_item: the entry may be absent. With any other flag it is required. */
+#define ZPROP_ITEM_OPTIONAL 1
+
+#ifdef __cplusplus
+class ZPROP_handle;
+class ZPROP_iter_handle;
+#else
+typedef struct ZPROP_handle ZPROP_handle;
+typedef struct ZPROP_iter_handle ZPROP_iter_handle;
+#endif
+
+/* One request of zstzPropGetValues. */
+typedef struct ZPROP_item {
+    int kind;
+    const char* stanza;
+    const char* key;
+    int flag;
+    void* result;
+} ZPROP_item;
+
+/* What a failing call has met. The texts belong to the library and are good until the thread's next
+ * zstzProp call; both are null where there is nothing to tell. */
+typedef struct ZPROP_error {
+    int number;       /* the message number of the failure; 0: the last call met none */
+    const char* file; /* the file or directory that it is about */
+    int line;         /* for bad data the line of the file, from 1; else 0 */
+    const char* text; /* the bad line, the bad value, or what failed and why */
+} ZPROP_error;
+
+Z_BEGIN_C
+
+/* --- Handles --- */
+
+/* Opens `file` and loads it, comments kept. The handle goes to *out and is closed by zstzPropClose.
+ * 0; 55 for a null argument or another mode, *out untouched; 51 if the file can't be loaded, *out
+ * null then. */
+ZEXPORT int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode);
+
+/* Closes without storing. A bad handle, null too, is ignored. */
+ZEXPORT void zstzPropClose(ZPROP_handle* handle);
+
+/* Writes to `file`, or to the opened path if that is null. 0; 55 for a bad handle; 51. */
+ZEXPORT int zstzPropStore(ZPROP_handle* handle, const char* file);
+
+/* --- Reading ---
+ *
+ * If a text argument or `err` is null these return 0 and leave *err alone, where nothing else is
+ * said. A bad handle gives 55 in *err and 0; so does an empty name. 53 where memory runs out. */
+
+/* Whether the key exists, or the stanza if `key` is null. */
+ZEXPORT int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err);
+
+/* The number of stanzas, of a stanza's keys, of a key's values. */
+ZEXPORT int zstzPropNumStanzas(ZPROP_handle* handle, int* err);
+ZEXPORT int zstzPropNumKeys(ZPROP_handle* handle, const char* stanza, int* err);
+ZEXPORT int zstzPropNumValues(ZPROP_handle* handle, const char* stanza, const char* key, int* err);
+
+/* The last value, as a new string for zstzPropFree. Null for an absent or empty one: then *err is
+ * 54 if `required` isn't 0, else 0. */
+ZEXPORT char* zstzPropGetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                     int required, int* err);
+
+/* The last value as a number (decimal, octal with a leading 0, hexadecimal with 0x), or as a truth
+ * (yes, y, true, t, 1 or no, n, false, f, 0). 0 if there is none; *err is 54 then if it is
+ * required, and 53 if it can't be converted. With a null stanza, key or err these two return the
+ * number 55 as their value. */
+ZEXPORT unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* stanza,
+                                             const char* key, int required, int* err);
+ZEXPORT int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                    int required, int* err);
+
+/* Answers requests in order. The first that fails ends it: 54 for a missing required value, 53 for
+ * one that can't be converted or without memory, 55 for a bad request; the results before it stay.
+ * Also 55 for a bad handle or null items. 0 otherwise, and for a count of 0 or less. A list of
+ * values ends with a null pointer and is just that for a missing key, which is no error. Texts and
+ * lists go back through zstzPropFreeValuesList. */
+ZEXPORT int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count);
+
+/* Frees what zstzPropGetValues made, and sets each text and list to null. Requests that it didn't
+ * reach must have a null there. Nothing happens for a bad handle or null items. */
+ZEXPORT void zstzPropFreeValuesList(ZPROP_handle* handle, ZPROP_item* items, int count);
+
+/* Frees a string of zstzPropGetStringValue. Null is ignored, and so is a block of malloc that
+ * doesn't come from there: the 4 bytes in front of it are looked at. */
+ZEXPORT void zstzPropFree(char* string);
+
+/* The stanza names in the order of the file, as a list that ends with a null pointer, for
+ * zstzPropFreeStanzas. 0; 55 for a bad handle or a null `names`; 53 without memory, *names null
+ * then. */
+ZEXPORT int zstzPropGetStanzas(ZPROP_handle* handle, char*** names);
+
+/* Frees a list of zstzPropGetStanzas. Null is ignored. */
+ZEXPORT void zstzPropFreeStanzas(char** names);
+
+/* What the calling thread's last zstzProp call has met if it failed; all zero and null if it didn't.
+ * Returns error->number, 0 also for a null `error`. This call itself doesn't count. */
+ZEXPORT int zstzPropLastError(ZPROP_error* error);
+
+/* --- Changing ---
+ *
+ * Changes stay in memory until zstzPropStore. 0; 55 for a bad handle or a null argument; 52 if the
+ * change fails, for instance on a key whose values are hidden. */
+
+/* The value becomes the only one of its key; null empties the key. Stanza, key and line are made as
+ * needed. */
+ZEXPORT int zstzPropSetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                   const char* value);
+ZEXPORT int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                    unsigned int value);
+/* Writes "yes" or "no". */
+ZEXPORT int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                    int value);
+/* What isn't there is no error. */
+ZEXPORT int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key);
+ZEXPORT int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza);
+/* A comment behind those below the stanza's header, at the end of the file's first paragraph, or in
+ * front of a key. "#" is put in front of the text if it isn't there; what is missing is made. */
+ZEXPORT int zstzPropAddStanzaComment(ZPROP_handle* handle, const char* stanza, const char* text);
+ZEXPORT int zstzPropAddFileComment(ZPROP_handle* handle, const char* text);
+ZEXPORT int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, const char* key,
+                                   const char* text);
+
+/* --- Walking ---
+ *
+ * A bad iterator gives 55, in *err with the answer 0 or null, or as the result. `err` must not be
+ * null. 53 where memory runs out. */
+
+/* A walk over the keys of the stanza in file order if `key` is null, else over the values of that
+ * key. It goes to *out, and is closed by zstzPropIter_close. 0; 55. */
+ZEXPORT int zstzPropIter_init(ZPROP_handle* handle, const char* stanza, const char* key,
+                              ZPROP_iter_handle** out);
+
+/* Moves on: 1, or 0 at the end, which is no error. */
+ZEXPORT int zstzPropIter_next(ZPROP_iter_handle* iterator, int* err);
+
+/* The key of the walk's place. It belongs to the iterator and is good until its next call. Null
+ * with 57 before a walk over keys has begun. */
+ZEXPORT const char* zstzPropIter_getKey(ZPROP_iter_handle* iterator, int* err);
+
+/* The value of the walk's place, or the first value of its key, owned likewise. `unused` is read by
+ * nothing. Before a walk over values has begun, the empty text; before one over keys has, null with
+ * 57; null with 55 for a key without values. */
+ZEXPORT const char* zstzPropIter_getValue(ZPROP_iter_handle* iterator, int unused, int* err);
+
+/* The number of keys, 1 in a walk over values. */
+ZEXPORT int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err);
+
+/* The number of values; 57 in a walk over keys. */
+ZEXPORT int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err);
+
+/* Replaces the value of the walk's place; adds one behind it and moves there; removes it and moves
+ * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on; 55 for a
+ * null text. */
+ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text);
+ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
+ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);
+
+/* Ends the walk and frees the iterator. 0; 55 for a bad one, which is left alone. */
+ZEXPORT int zstzPropIter_close(ZPROP_iter_handle* iterator);
+
+Z_END_C
+
+#endif
