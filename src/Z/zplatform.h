@@ -6,7 +6,9 @@
 #error "zbase is written for Linux with g++ or clang++"
 #endif
 
-/* A class or function that programs outside the library may use. All else is hidden. */
+/* A class or function that programs outside the library may use. All else is hidden. zlib's headers
+ * define the same name as nothing, for the same purpose, and leave ours alone if it came first. */
+#undef ZEXPORT
 #define ZEXPORT __attribute__((visibility("default")))
 
 /* Plain functions keep C linkage, so that C callers and C++ callers share one symbol. */
