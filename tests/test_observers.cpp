@@ -98,13 +98,15 @@ TEST_F(Observers, ThatRaiseEndTheNotificationAndFreeTheLock) {
 TEST_F(Observers, AreCopiedAsAListOfTheirOwn) {
     observable.addObserver(&one);
     observable.addObserver(&two);
-    auto copy = std::make_unique<ZAbstractObservable>(observable);
-    copy->deleteObserver(&one);
-    copy->addObserver(&three);
-    EXPECT_EQ(tell(), (Diary{1, 2}));
-    observable = *copy;
-    observable = observable;
-    copy.reset();
+    {
+        ZAbstractObservable copy(observable);
+        copy.deleteObserver(&one);
+        copy.addObserver(&three);
+        EXPECT_EQ(tell(), (Diary{1, 2}));
+        observable = copy;
+        const ZAbstractObservable& same = observable;
+        observable = same;
+    }
     EXPECT_EQ(tell(), (Diary{2, 3}));
 }
 
