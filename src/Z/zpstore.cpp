@@ -557,6 +557,7 @@ void ZPStore::freeKeyIfUnneeded(Id id) {
         return;
     keyIndex_.remove(hashOf(id), id);
     dead_ += key.name.length;
+    key.stanza = none;
     key.line = freeKeys_;
     freeKeys_ = id;
 }

@@ -405,6 +405,8 @@ private:
     Id findSample(Id group, Id key);
     void addSample(Group& group, Id line);
     void noteLine(Id key, Id line);
+    void countLines(Id key);
+    bool isFree(Id key) const { return keys_[key].stanza == none; }
     bool isCommentWeWant(const ZPSlice& key, Id line) const;
 
     ZPBlock<char> text_;

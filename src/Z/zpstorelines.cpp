@@ -176,6 +176,16 @@ void ZPStore::unlinkLine(Id groupId, Id id) {
 // A key has got one more line.
 void ZPStore::noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
 
+// Looks for the key's lines: none, the only one, or many.
+void ZPStore::countLines(Id key) {
+    Id found = none;
+    for (Id g = stanzas_[keys_[key].stanza].group; g != none; g = groups_[g].nextSame)
+        for (Id l = groups_[g].first; l != none; l = lines_[l].next)
+            if (lines_[l].type() == lineKey && lines_[l].ref == key)
+                found = found == none ? l : many;
+    keys_[key].line = found;
+}
+
 ZPStore::Id ZPStore::lastKeyLine(Id groupId) {
     Group& group = groups_[groupId];
     if (group.lastKey == unknown) {
@@ -199,18 +209,30 @@ void ZPStore::removeGroup(Id stanza) {
     if (id == none)
         return;
     Group& group = groups_[id];
-    if (group.nextSame == none)
-        // Keys with several lines have none left then: each is made to look for its only line.
-        for (Id l = group.first; l != none; l = lines_[l].next)
-            if (lines_[l].type() == lineKey && keys_[lines_[l].ref].line == many)
-                keys_[lines_[l].ref].line = l;
+    // Out of the chains first, so that the keys' other lines are counted without this group.
+    groups_[group.prev].next = group.next;
+    if (group.next != none)
+        groups_[group.next].prev = group.prev;
+    else
+        groups_[0].prev = group.prev;
+    stanzas_[stanza].group = group.nextSame;
+    for (Id l = group.first; l != none; l = lines_[l].next) {
+        const Line& line = lines_[l];
+        if (line.type() == lineComment)
+            dead_ += line.length();
+        else if (line.type() == lineKey && keys_[line.ref].line == many)
+            countLines(line.ref);
+    }
     for (Id l = group.first; l != none;) {
         const Line line = lines_[l];
-        if (line.type() == lineComment) {
-            dead_ += line.length();
-        } else if (line.type() == lineKey && keys_[line.ref].line == l) {
-            keys_[line.ref].line = none;
-            freeKeyIfUnneeded(line.ref);
+        if (line.type() == lineKey) {
+            // A key without any line now is forgotten unless it is in the map; one whose lines
+            // were counted above may be met again here.
+            Key& key = keys_[line.ref];
+            if (key.line == l)
+                key.line = none;
+            if (key.line == none && !isFree(line.ref))
+                freeKeyIfUnneeded(line.ref);
         }
         lines_[l].next = freeLines_;
         freeLines_ = l;
@@ -218,12 +240,6 @@ void ZPStore::removeGroup(Id stanza) {
         l = line.next;
     }
     free(group.samples);
-    groups_[group.prev].next = group.next;
-    if (group.next != none)
-        groups_[group.next].prev = group.prev;
-    else
-        groups_[0].prev = group.prev;
-    stanzas_[stanza].group = group.nextSame;
     group.next = freeGroups_;
     freeGroups_ = id;
     group.stanza = none;
@@ -247,15 +263,11 @@ void ZPStore::removeKeyLines(Id key) {
         // Several lines, or several groups of one name: only those of the first group go.
         for (Id l = groups_[group].first; l != none;) {
             const Id next = lines_[l].next;
-            if (lines_[l].type() == lineKey && lines_[l].ref == key) {
+            if (lines_[l].type() == lineKey && lines_[l].ref == key)
                 unlinkLine(group, l);
-                if (keys_[key].line == l)
-                    keys_[key].line = none;
-            }
             l = next;
         }
-        if (groups_[group].nextSame == none)
-            keys_[key].line = none;
+        countLines(key);
     }
     freeKeyIfUnneeded(key);
     compactIfWorthwhile();

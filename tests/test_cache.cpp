@@ -1,0 +1,543 @@
+// The property cache against a plain model of it: a vector of lines beside a map of lists. Random
+// operations run on both, and after each of them all that a caller can see has to agree.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Z/ZException.h"
+#include "Z/ZExceptionText.h"
+#include "Z/ZSCFData.h"
+#include "support/CacheText.h"
+
+using std::string;
+using std::vector;
+
+namespace {
+
+// ---------------------------------------------------------------- the model
+
+struct ModelLine {
+    enum Type { comment, blank, stanza, key } type;
+    string text;
+};
+
+struct ModelKey {
+    vector<string> plain, hidden;
+};
+
+struct ModelStanza {
+    vector<string> order;
+    std::map<string, ModelKey> keys;
+};
+
+// Straightforward and slow: every operation walks the lines.
+class Model {
+public:
+    vector<ModelLine> lines;
+    std::map<string, ModelStanza> stanzas;
+    vector<std::pair<string, string>> items;
+
+    bool contains(const string& s) const { return stanzas.count(s) != 0; }
+    bool contains(const string& s, const string& k) const {
+        return contains(s) && stanzas.at(s).keys.count(k) != 0;
+    }
+
+    ModelKey& make(const string& s, const string& k) {
+        ModelStanza& stanza = stanzas[s];
+        if (stanza.keys.count(k) == 0)
+            stanza.order.push_back(k);
+        return stanza.keys[k];
+    }
+
+    void dropItem(const string& s, const string& k) {
+        items.erase(std::remove(items.begin(), items.end(), std::make_pair(s, k)), items.end());
+    }
+
+    void add(const string& s, const string& k, const string& v, bool hidden) {
+        ModelKey& key = make(s, k);
+        if (v.empty())
+            return;
+        if (hidden && key.hidden.empty()) {
+            dropItem(s, k);
+            items.emplace_back(s, k);
+        }
+        (hidden ? key.hidden : key.plain).push_back(v);
+    }
+
+    void set(const string& s, const string& k, const string& v, bool hidden) {
+        ModelKey& key = make(s, k);
+        key.plain.clear();
+        key.hidden.clear();
+        dropItem(s, k);
+        if (v.empty())
+            return;
+        (hidden ? key.hidden : key.plain).push_back(v);
+        if (hidden)
+            items.emplace_back(s, k);
+    }
+
+    void remove(const string& s, const string& k) {
+        dropItem(s, k);
+        if (!contains(s, k))
+            return;
+        ModelStanza& stanza = stanzas[s];
+        stanza.keys.erase(k);
+        stanza.order.erase(std::find(stanza.order.begin(), stanza.order.end(), k));
+    }
+
+    void remove(const string& s) {
+        stanzas.erase(s);
+        items.erase(std::remove_if(items.begin(), items.end(),
+                                   [&](const auto& item) { return item.first == s; }),
+                    items.end());
+    }
+
+    // The index behind the stanza's header, or npos.
+    size_t behindHeader(const string& s) const {
+        for (size_t i = 0; i < lines.size(); ++i)
+            if (lines[i].type == ModelLine::stanza && lines[i].text == s)
+                return i + 1;
+        return string::npos;
+    }
+
+    void appendHeader(const string& s) {
+        lines.push_back({ModelLine::blank, ""});
+        lines.push_back({ModelLine::stanza, s});
+    }
+
+    void addStanzaLine(const string& s) {
+        if (contains(s))
+            return;
+        stanzas[s];
+        appendHeader(s);
+    }
+
+    void delStanzaLine(const string& s) {
+        remove(s);
+        const size_t start = behindHeader(s);
+        if (start == string::npos)
+            return;
+        size_t end = start;
+        while (end < lines.size() && lines[end].type != ModelLine::stanza)
+            ++end;
+        lines.erase(lines.begin() + (start - 1), lines.begin() + end);
+    }
+
+    static bool wanted(const string& key, const string& text) {
+        size_t t = 0;
+        for (char c : "#" + key + "=") {
+            while (t < text.size() && text[t] == ' ')
+                ++t;
+            if (t == text.size() || text[t] != c)
+                return false;
+            ++t;
+        }
+        return true;
+    }
+
+    bool hasLine(const string& s, const string& k) const {
+        string current;
+        for (const ModelLine& line : lines) {
+            if (line.type == ModelLine::stanza)
+                current = line.text;
+            else if (line.type == ModelLine::key && current == s && line.text == k)
+                return true;
+        }
+        return false;
+    }
+
+    void addLine(const string& s, const string& k, const string& v, bool hidden) {
+        addStanzaLine(s);
+        const bool existed = contains(s, k);
+        set(s, k, v, hidden);
+        if (existed && (hasLine(s, k) || hidden || v.empty()))
+            return;
+        if (behindHeader(s) == string::npos)
+            appendHeader(s);
+        size_t place = behindHeader(s);
+        bool found = false;
+        for (size_t i = place; i < lines.size() && lines[i].type != ModelLine::stanza; ++i) {
+            if (lines[i].type == ModelLine::key) {
+                place = i + 1;
+            } else if (lines[i].type == ModelLine::comment) {
+                found = found || wanted(k, lines[i].text);
+            } else if (found) {
+                place = i;
+                break;
+            }
+        }
+        lines.insert(lines.begin() + place, {ModelLine::key, k});
+    }
+
+    void delLine(const string& s, const string& k) {
+        remove(s, k);
+        for (size_t i = behindHeader(s); i < lines.size() && lines[i].type != ModelLine::stanza;) {
+            if (lines[i].type == ModelLine::key && lines[i].text == k)
+                lines.erase(lines.begin() + i);
+            else
+                ++i;
+        }
+    }
+
+    void addFileComment(const string& text) {
+        size_t place = 0;
+        bool atBlank = false;
+        for (size_t i = 0; i < lines.size() && lines[i].type != ModelLine::stanza; ++i)
+            if (lines[i].type == ModelLine::blank) {
+                place = i;
+                atBlank = true;
+                break;
+            }
+        lines.insert(lines.begin() + place, {ModelLine::comment, text});
+        if (!atBlank)
+            lines.insert(lines.begin() + place + 1, {ModelLine::blank, ""});
+    }
+
+    void addStanzaComment(const string& s, const string& text) {
+        addStanzaLine(s);
+        if (behindHeader(s) == string::npos)
+            appendHeader(s);
+        size_t i = behindHeader(s);
+        while (i < lines.size() && lines[i].type == ModelLine::comment)
+            ++i;
+        const bool closed = i < lines.size() && lines[i].type == ModelLine::blank;
+        lines.insert(lines.begin() + i, {ModelLine::comment, text});
+        if (!closed)
+            lines.insert(lines.begin() + i + 1, {ModelLine::blank, ""});
+    }
+
+    void addLineComment(const string& s, const string& k, const string& text) {
+        if (!contains(s, k))
+            addLine(s, k, "", false);
+        ModelLine::Type before = ModelLine::stanza;
+        for (size_t i = behindHeader(s); i < lines.size(); ++i) {
+            if (lines[i].type == ModelLine::key && lines[i].text == k) {
+                if (before == ModelLine::stanza || before == ModelLine::key)
+                    lines.insert(lines.begin() + i++, {ModelLine::blank, ""});
+                lines.insert(lines.begin() + i, {ModelLine::comment, text});
+                return;
+            }
+            before = lines[i].type;
+        }
+    }
+
+    string written() const {
+        string out, current;
+        bool skip = false;
+        for (const ModelLine& line : lines) {
+            if (line.type == ModelLine::stanza) {
+                skip = !contains(line.text);
+                current = line.text;
+                if (!skip)
+                    out += "[" + current + "]\n";
+                continue;
+            }
+            if (skip)
+                continue;
+            if (line.type != ModelLine::key) {
+                out += line.text + "\n";
+            } else if (contains(current, line.text)) {
+                const ModelKey& key = stanzas.at(current).keys.at(line.text);
+                for (const string& value : key.plain)
+                    out += line.text + " = " + value + "\n";
+                if (key.plain.empty() && key.hidden.empty())
+                    out += line.text + " =\n";
+            }
+        }
+        return out;
+    }
+
+    string records() const {
+        string out;
+        for (const auto& item : items)
+            for (const string& value : stanzas.at(item.first).keys.at(item.second).hidden)
+                out += item.first + '\0' + item.second + '\0' + value + '\0' + '\0';
+        return out.empty() ? out : out.substr(0, out.size() - 1);
+    }
+};
+
+// ---------------------------------------------------------------- comparison
+
+vector<string> texts(const ZArrayList* list) {
+    vector<string> result;
+    for (unsigned int i = 0; list != nullptr && i < list->size(); ++i)
+        result.push_back(static_cast<const ZAbstractString*>(list->get(i))->getChars());
+    return result;
+}
+
+void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
+    cache.checkInvariants();
+    ASSERT_EQ(writtenText(cache), model.written());
+    ASSERT_EQ(sideRecords(cache), model.records());
+    ASSERT_EQ(cache.count(), static_cast<int>(model.stanzas.size()));
+    ASSERT_EQ(cache.obfuscatedCount(), model.items.size());
+    ZArrayList names(1, 1);
+    cache.getNames(names);
+    vector<string> sorted = texts(&names);
+    std::sort(sorted.begin(), sorted.end());
+    vector<string> expected;
+    for (const auto& s : model.stanzas)
+        expected.push_back(s.first);
+    ASSERT_EQ(sorted, expected);
+    for (const auto& s : model.stanzas) {
+        ASSERT_EQ(cache.keyCount(s.first.c_str()), static_cast<int>(s.second.order.size()));
+        if (makeLists) {
+            ASSERT_EQ(texts(cache.getNames(s.first.c_str())), s.second.order);
+        }
+        for (const auto& k : s.second.keys) {
+            const char* stanza = s.first.c_str();
+            const char* key = k.first.c_str();
+            const vector<string>& any =
+                k.second.plain.empty() && !k.second.hidden.empty() ? k.second.hidden
+                                                                   : k.second.plain;
+            ASSERT_TRUE(cache.contains(stanza, key));
+            ASSERT_EQ(cache.countValues(stanza, key), static_cast<int>(any.size()));
+            ASSERT_EQ(cache.isObfuscated(stanza, key),
+                      k.second.plain.empty() && !k.second.hidden.empty());
+            const char* text;
+            unsigned int length;
+            ASSERT_EQ(cache.lastValue(stanza, key, text, length), any.empty() ? 0 : 1);
+            if (!any.empty()) {
+                ASSERT_EQ(string(text, length), any.back());
+            }
+            if (makeLists) {
+                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_ANY)), any);
+                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_PLAIN)), k.second.plain);
+                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_OBFUSCATED)), k.second.hidden);
+            }
+        }
+    }
+}
+
+const char kStart[] =
+    "# head\n\n[a]\n# one\nx = 1\ny = 2\ny = 3\n\n# z = sample\n# more\n\n# w=1\n[b]\n\nx = 5\n"
+    "long = a value that is longer than the others by far, so that it has to move\n[c]\n";
+
+class RandomOperations : public ::testing::TestWithParam<int> {};
+
+// One step: the same change on both.
+void step(std::mt19937& random, Model& model, ZSCFData& cache) {
+    static const char* const kStanzas[] = {"a", "b", "c", "d", "e"};
+    static const char* const kKeys[] = {"x", "y", "z", "w", "long", "k=v", "in ner"};
+    static const char* const kValues[] = {"", "1", "two", "a longer value here", "[odd] # = ",
+                                          "0123456789012345678901234567890123456789"};
+    static const char* const kComments[] = {"# note", "# z = 3", "#w=", "# k = v = 1", "#y = 1",
+                                            "#long = 3", "# in ner = 4"};
+    const string s = kStanzas[random() % 5], k = kKeys[random() % 7], v = kValues[random() % 6];
+    const string text = kComments[random() % 7];
+    const bool hidden = random() % 3 == 0;
+    const unsigned int what = random() % 15;
+    SCOPED_TRACE("operation " + std::to_string(what) + " on " + s + " " + k + " = " + v);
+    switch (what) {
+        case 0:
+            model.add(s, k, v, hidden);
+            cache.add(s.c_str(), k.c_str(), v.c_str(), hidden);
+            break;
+        case 1:
+            model.set(s, k, v, false);
+            cache.set(s.c_str(), k.c_str(), v.c_str());
+            break;
+        case 2:
+            model.set(s, k, v, true);
+            cache.setObfuscated(s.c_str(), k.c_str(), v.c_str());
+            break;
+        case 3:
+            model.remove(s, k);
+            cache.remove(s.c_str(), k.c_str());
+            break;
+        case 4:
+            if (random() % 8 == 0) {
+                model.remove(s);
+                cache.remove(s.c_str());
+            }
+            break;
+        case 5:
+            model.addStanzaLine(s);
+            cache.addStanzaLine(s.c_str());
+            break;
+        case 6:
+            if (random() % 8 == 0) {
+                model.delStanzaLine(s);
+                cache.delStanzaLine(s.c_str());
+            }
+            break;
+        case 7:
+            model.delLine(s, k);
+            cache.delLine(s.c_str(), k.c_str());
+            break;
+        case 8:
+            model.addFileComment(text);
+            cache.addFileComment(text.c_str());
+            break;
+        case 9:
+            model.addStanzaComment(s, text);
+            cache.addStanzaComment(s.c_str(), text.c_str());
+            break;
+        case 10:
+            model.addLineComment(s, k, text);
+            cache.addLineComment(s.c_str(), k.c_str(), text.c_str());
+            break;
+        case 11:  // a caller changes a list that it was handed
+            if (ZArrayList* list = cache.get(s.c_str(), k.c_str(), hidden ? ZPCache::GET_OBFUSCATED
+                                                                         : ZPCache::GET_PLAIN)) {
+                ModelKey& key = model.stanzas[s].keys[k];
+                vector<string>& values = hidden ? key.hidden : key.plain;
+                if (random() % 2 == 0 && !values.empty()) {
+                    values.erase(values.begin());
+                    list->remove(0u);
+                } else {
+                    values.push_back("added");
+                    const ZLCString added("added");
+                    list->add(&added);
+                }
+            }
+            break;
+        default:
+            model.addLine(s, k, v, hidden);
+            cache.addLine(s.c_str(), k.c_str(), v.c_str(), hidden);
+    }
+}
+
+void fill(Model& model) {
+    string current;
+    const string start = kStart;
+    for (size_t at = 0; at < start.size();) {
+        const size_t end = start.find('\n', at);
+        const string line = start.substr(at, end - at);
+        at = end + 1;
+        if (line.empty()) {
+            model.lines.push_back({ModelLine::blank, ""});
+        } else if (line[0] == '#') {
+            model.lines.push_back({ModelLine::comment, line});
+        } else if (line[0] == '[') {
+            current = line.substr(1, line.size() - 2);
+            model.stanzas[current];
+            model.lines.push_back({ModelLine::stanza, current});
+        } else {
+            const size_t equals = line.find(" = ");
+            const string key = line.substr(0, equals);
+            if (!model.contains(current, key))
+                model.lines.push_back({ModelLine::key, key});
+            model.add(current, key, line.substr(equals + 3), false);
+        }
+    }
+}
+
+TEST_P(RandomOperations, AgreeWithThePlainModel) {
+    std::mt19937 random(GetParam());
+    Model model;
+    ZSCFData cache;
+    fill(model);
+    ASSERT_EQ(readText(cache, kStart), 0);
+    // Without lists the values stay in the store; with them each list is the truth.
+    const bool makeLists = GetParam() % 2 != 0;
+    for (int i = 0; i < 1500 && !::testing::Test::HasFatalFailure(); ++i) {
+        SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", step " + std::to_string(i));
+        step(random, model, cache);
+        compareAll(model, cache, makeLists);
+        if (i % 200 == 199) {
+            // A copy has all but the items, and goes its own way.
+            std::unique_ptr<ZSCFData> copy(static_cast<ZSCFData*>(cache.clone()));
+            Model copied = model;
+            copied.items.clear();
+            compareAll(copied, *copy, makeLists);
+            copy->addLine("a", "copied", "1", 0);
+            compareAll(model, cache, makeLists);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomOperations, ::testing::Range(1, 13));
+
+// ---------------------------------------------------------------- what random steps reach rarely
+
+TEST(Cache, ListsKeepTheirIdentity) {
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache, "[s]\nk = 1\nk = 2\n"), 0);
+    ZArrayList* plain = cache.get("s", "k", ZPCache::GET_PLAIN);
+    ZArrayList* hidden = cache.get("s", "k", ZPCache::GET_OBFUSCATED);
+    ZArrayList* keys = cache.getNames("s");
+    cache.setObfuscated("s", "k", "h");
+    EXPECT_EQ(cache.get("s", "k", ZPCache::GET_ANY), hidden);
+    EXPECT_EQ(texts(plain), vector<string>());
+    EXPECT_EQ(texts(hidden), vector<string>{"h"});
+    cache.set("s", "k", static_cast<const ZLCString*>(hidden->get(0))->getChars());
+    EXPECT_EQ(cache.get("s", "k", ZPCache::GET_ANY), plain);
+    EXPECT_EQ(texts(plain), vector<string>{"h"});
+    cache.addLine("s", "m", "1", 0);
+    EXPECT_EQ(cache.getNames("s"), keys);
+    EXPECT_EQ(texts(keys), (vector<string>{"k", "m"}));
+    cache.delLine("s", static_cast<const ZLCString*>(keys->get(0))->getChars());
+    EXPECT_EQ(texts(keys), vector<string>{"m"});
+}
+
+TEST(Cache, ManyKeysAndMuchChangeKeepTheTextSmallAndRight) {
+    // Enough to compact the text again and again, and to grow and shrink the index.
+    ZSCFData cache;
+    std::map<string, string> model;
+    std::mt19937 random(7);
+    for (int i = 0; i < 60000; ++i) {
+        const string key = "key" + std::to_string(random() % 3000);
+        if (random() % 5 == 0) {
+            cache.delLine("s", key.c_str());
+            model.erase(key);
+        } else {
+            const string value(1 + random() % 60, static_cast<char>('a' + i % 26));
+            cache.addLine("s", key.c_str(), value.c_str(), 0);
+            model[key] = value;
+        }
+    }
+    cache.checkInvariants();
+    ASSERT_EQ(cache.keyCount("s"), static_cast<int>(model.size()));
+    for (const auto& entry : model) {
+        const char* text;
+        unsigned int length;
+        ASSERT_EQ(cache.lastValue("s", entry.first.c_str(), text, length), 1);
+        ASSERT_EQ(string(text, length), entry.second);
+    }
+    ZSCFData again;
+    ASSERT_EQ(readText(again, writtenText(cache)), 0);
+    EXPECT_EQ(writtenText(again), writtenText(cache));
+}
+
+TEST(Cache, SampleCommentsAreFoundAmongMany) {
+    string text = "[s]\nfirst = 1\n\n";
+    for (int i = 0; i < 50; ++i)
+        text += "# about " + std::to_string(i) + "\n# k" + std::to_string(i) + " = 0\n\n";
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache, text), 0);
+    for (int i = 49; i >= 0; i -= 7)
+        cache.addLine("s", ("k" + std::to_string(i)).c_str(), "1", 0);
+    cache.addLine("s", "other", "1", 0);
+    string expected;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find('\n', at) + 1;
+        expected += text.substr(at, end - at);
+        at = end;
+        int n;
+        if (sscanf(expected.c_str() + expected.rfind('\n', expected.size() - 2) + 1, "# k%d", &n) ==
+                1 &&
+            n % 7 == 0)
+            expected += "k" + std::to_string(n) + " = 1\n" + (n == 49 ? "other = 1\n" : "");
+    }
+    EXPECT_EQ(writtenText(cache), expected);
+}
+
+TEST(Cache, CompositeKeysAreSplitAtTheFirstDot) {
+    ZSCFData cache;
+    cache.addLine("s.k.l", "1", 0);
+    EXPECT_EQ(writtenText(cache), "\n[s]\nk.l = 1\n");
+    EXPECT_EQ(cache.countValues("s.k.l"), 1);
+    EXPECT_EQ(cache.countValues("s.k"), 0);
+    for (const char* bad : {static_cast<const char*>(nullptr), "nodot"}) {
+        EXPECT_THROW(cache.get(bad, ZPCache::GET_ANY), ZInvalidParameterException);
+        EXPECT_THROW(cache.addLineComment(bad, "#"), ZInvalidParameterException);
+    }
+}
+
+}  // namespace
