@@ -2,12 +2,17 @@
 
 #include <pthread.h>
 
+#include <new>
+
+#include "zmembers.h"
+
 static pthread_once_t sc_once = PTHREAD_ONCE_INIT;
 
 ZSortCompare* ZSortCompare::dsc_ = nullptr;
 
 void ZSortCompare::init() {
-    __atomic_store_n(&dsc_, new ZDefaultSortCompare, __ATOMIC_RELEASE);
+    void* memory = zallocateBlock(1, sizeof(ZDefaultSortCompare));
+    __atomic_store_n(&dsc_, new (memory) ZDefaultSortCompare, __ATOMIC_RELEASE);
 }
 
 ZSortCompare* ZSortCompare::defaultSortCompare() {

@@ -1,0 +1,148 @@
+// Byte buffers.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "Z/ZBuffer.h"
+#include "support/FailingAllocator.h"
+
+namespace {
+
+std::string bytesOf(const ZBufferInterface& buffer) {
+    return std::string(static_cast<const char*>(buffer.getBuffer()), buffer.getLength());
+}
+
+char* copyOf(const char* text) { return strdup(text); }
+
+}  // namespace
+
+TEST(Buffer, ComparesLengthThenUnsignedBytes) {
+    struct Case {
+        std::string a, b;
+        int expected;
+    };
+    const Case cases[] = {
+        {"", "", 0},       {"a", "a", 0},       {"\xff", "\x01", 1}, {"\x01", "\xff", -1},
+        {"\xff", "aa", -1}, {"abcd", "abd", 1}, {"abc", "abd", -1},  {std::string("a\0b", 3),
+                                                                      std::string("a\0c", 3), -1},
+    };
+    for (const Case& c : cases) {
+        ZBuffer a(c.a.size(), const_cast<char*>(c.a.data()));
+        const ZConstBuffer b(c.b.size(), const_cast<char*>(c.b.data()));
+        EXPECT_EQ(a.compare(b), c.expected) << c.a << " " << c.b;
+        EXPECT_EQ(b.compare(a), -c.expected) << c.a << " " << c.b;
+        EXPECT_EQ(a.equals(b), c.expected == 0) << c.a << " " << c.b;
+    }
+    ZConstBuffer far(1000, const_cast<char*>("x")), same(far);
+    EXPECT_EQ(far.compare(same), 0);  // the same bytes aren't read
+}
+
+TEST(Buffer, TextBringsItsZeroByte) {
+    ZBuffer buffer("abc");
+    EXPECT_EQ(bytesOf(buffer), std::string("abc\0", 4));
+    char text[] = "xy";
+    buffer.setBuffer(text);
+    EXPECT_EQ(bytesOf(buffer), std::string("xy\0", 3));
+    buffer.setBuffer(static_cast<char*>(nullptr));
+    EXPECT_EQ(buffer.getLength(), 0u);
+    EXPECT_EQ(buffer.getBuffer(), nullptr);
+    const ZBuffer none(static_cast<const char*>(nullptr));
+    EXPECT_EQ(none.getBuffer(), nullptr);
+}
+
+TEST(Buffer, LengthGrowsWithItsBytesAndShrinksInPlace) {
+    ZBuffer buffer(5, const_cast<char*>("hello"));
+    const void* const before = buffer.getBuffer();
+    buffer.setLength(2);
+    EXPECT_EQ(buffer.getBuffer(), before);
+    buffer.setLength(4);
+    EXPECT_EQ(bytesOf(buffer).substr(0, 2), "he");
+    buffer.setLength(0);
+    buffer.setLength(0);
+    EXPECT_EQ(buffer.getBuffer(), nullptr);
+}
+
+TEST(Buffer, CopiesAreDeepOrSharedByClass) {
+    ZBuffer buffer("abc");
+    const ZConstBuffer view(buffer.getLength(), buffer.getBuffer());
+    const std::unique_ptr<ZObject> deep(buffer.clone());
+    const std::unique_ptr<ZObject> shared(view.clone());
+    EXPECT_NE(static_cast<ZBuffer*>(deep.get())->getBuffer(), buffer.getBuffer());
+    EXPECT_EQ(static_cast<ZConstBuffer*>(shared.get())->getBuffer(), buffer.getBuffer());
+    ZBuffer assigned("something longer");
+    assigned = *static_cast<ZBuffer*>(deep.get());
+    assigned = *&assigned;
+    EXPECT_EQ(assigned.compare(view), 0);
+}
+
+TEST(Buffer, TakesItsOwnBytesAsArgument) {
+    ZBuffer buffer(6, const_cast<char*>("abcdef"));
+    char* bytes = static_cast<char*>(buffer.getBuffer());
+    buffer.setBuffer(4, bytes + 1);
+    EXPECT_EQ(bytesOf(buffer), "bcde");
+    buffer.setBuffer(6, bytes);  // longer than the length, inside the block
+    EXPECT_EQ(bytesOf(buffer).substr(0, 4), "bcde");
+    buffer.setBufferNoCopy(3, buffer.getBuffer());
+    EXPECT_EQ(bytesOf(buffer), "bcd");
+    buffer.setBuffer(buffer.getLength(), buffer.getBuffer());
+    EXPECT_EQ(bytesOf(buffer), "bcd");
+    buffer.setBuffer(0, buffer.getBuffer());
+    EXPECT_EQ(buffer.getBuffer(), nullptr);
+}
+
+TEST(Buffer, HandsItsBytesOverAndTakesOthers) {
+    TrackAllocations track;
+    long live;
+    {
+        ZBuffer buffer("old");
+        char* given = copyOf("given");
+        buffer.setBufferNoCopy(5, given);
+        EXPECT_EQ(buffer.getBuffer(), given);
+        buffer.setBufferNoCopy(3, copyOf("abc"));
+        unsigned long length;
+        void* data;
+        buffer.takeBuffer(length, data);
+        EXPECT_EQ(length, 3u);
+        EXPECT_EQ(buffer.getLength(), 0u);
+        EXPECT_EQ(buffer.getBuffer(), nullptr);
+        free(data);
+        buffer.setBuffer(2, const_cast<char*>("xy"));
+    }
+    live = track.live();
+    EXPECT_EQ(live, 0);
+}
+
+TEST(Buffer, KeepsItsBytesWhenMemoryRunsOut) {
+    ZBuffer buffer("abc"), longer("a longer text");
+    const auto changes = {
+        +[](ZBuffer& target, ZBuffer&) { target.setLength(100); },
+        +[](ZBuffer& target, ZBuffer& other) { target = other; },
+        +[](ZBuffer& target, ZBuffer& other) {
+            target.setBuffer(other.getLength(), other.getBuffer());
+        },
+        +[](ZBuffer&, ZBuffer& other) { ZBuffer copy(other); },
+        +[](ZBuffer& target, ZBuffer&) { target.setLength(~0ul / 2); },
+    };
+    for (auto change : changes) {
+        bool raised = false;
+        {
+            FailAllocations failure(1);
+            try {
+                change(buffer, longer);
+            } catch (ZOutOfMemoryException&) {
+                raised = true;
+            }
+        }
+        EXPECT_TRUE(raised);
+        EXPECT_EQ(bytesOf(buffer), std::string("abc\0", 4));
+    }
+    failEachAllocation([] {
+        ZBuffer a("abc");
+        ZBuffer b(a);
+        b.setLength(10);
+        delete b.clone();
+    });
+}

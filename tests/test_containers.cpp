@@ -1,0 +1,569 @@
+// Arrays, lists, the sort, iterators and stacks.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "Z/ZArray.h"
+#include "Z/ZMessage.h"
+#include "Z/ZStack.h"
+#include "support/FailingAllocator.h"
+#include "support/Item.h"
+
+namespace {
+
+const unsigned int kSeed = 20240611;
+
+/// Counts the exceptions that are reported while it lives.
+class ReportCounter : public ZMessageService {
+public:
+    ReportCounter() { setMessageService(this); }
+    ~ReportCounter() { setMessageService(nullptr); }
+
+    int outputMessage(const char*, int, int, int, const ZLCString*, const ZLCString*,
+                      const ZLCString*, const ZLCString*, const ZLCString*,
+                      const ZLCString*) const override {
+        return 0;
+    }
+    int outputMessageUTF8(const char*, int, int, int, const ZUTF8String*, const ZUTF8String*,
+                          const ZUTF8String*, const ZUTF8String*, const ZUTF8String*,
+                          const ZUTF8String*) const override {
+        return 0;
+    }
+    int outputException(ZException&) const override { return ++reports; }
+    int outputException(const ZZException*, char*) const override { return 0; }
+
+    mutable int reports = 0;
+};
+
+/// Expects that everything made in a scope is gone at its end.
+class NothingLeft {
+public:
+    NothingLeft() : before_(Item::live) {}
+    ~NothingLeft() { EXPECT_EQ(Item::live, before_); }
+
+private:
+    const int before_;
+};
+
+std::vector<int> drained(ZIterator& iterator) {
+    std::vector<int> values;
+    while (iterator.hasMore())
+        values.push_back(static_cast<Item*>(iterator.getNext())->value);
+    return values;
+}
+
+}  // namespace
+
+// Arrays
+
+TEST(Array, BadIndexRaisesAndChangesNothing) {
+    ZArray array(0, 0);
+    Item item(1);
+    ASSERT_EQ(array.size(), 1u);
+    array.set(0, &item);
+    EXPECT_THROW(array.get(1), ZInvalidParameterException);
+    EXPECT_THROW(array.set(1, &item), ZInvalidParameterException);
+    EXPECT_THROW(array.setNoCopy(~0u, &item), ZInvalidParameterException);
+    EXPECT_THROW(array.remove(1), ZInvalidParameterException);
+    EXPECT_THROW(array.swap(0, 1), ZInvalidParameterException);
+    EXPECT_THROW(array.swap(1, 1), ZInvalidParameterException);
+    EXPECT_EQ(array.get(0), &item);
+}
+
+TEST(Array, OwnerClonesDeletesAndKeepsWhatItHolds) {
+    NothingLeft check;
+    ZArray array(3, 1);
+    Item item(7);
+    array.set(0, &item);
+    EXPECT_NE(array.get(0), &item);
+    EXPECT_EQ(Item::live, 2);
+    array.setNoCopy(0, array.get(0));  // must not delete what stays
+    EXPECT_EQ(static_cast<Item*>(array.get(0))->value, 7);
+    array.set(0, array.get(0));
+    EXPECT_EQ(static_cast<Item*>(array.get(0))->value, 7);
+    array.set(0, nullptr);
+    EXPECT_EQ(Item::live, 1);
+    const ZObject withoutCopies;
+    array.set(1, &item);
+    array.set(1, &withoutCopies);
+    EXPECT_EQ(array.get(1), nullptr);
+    EXPECT_EQ(Item::live, 1);
+}
+
+TEST(Array, AssignmentTakesSizeAndMembersButNotOwnership) {
+    NothingLeft check;
+    Item one(1), two(2), three(3);
+    ZArray shared(3, 0), owner(2, 1);
+    shared.set(0, &one);
+    shared.set(2, &three);
+    owner.set(0, &two);
+    owner.set(1, &two);
+    owner = shared;
+    EXPECT_EQ(owner.size(), 3u);
+    EXPECT_EQ(owner.get(1), nullptr);
+    EXPECT_NE(owner.get(0), &one);
+    EXPECT_EQ(owner.indexOf(&three), 2);
+    shared = owner;
+    EXPECT_EQ(shared.get(2), owner.get(2));
+    EXPECT_EQ(shared.clone(), nullptr);
+    const ZArray copy(owner);
+    EXPECT_EQ(copy.ownsMembers(), 1);
+    EXPECT_NE(copy.get(0), owner.get(0));
+}
+
+TEST(Array, SearchesFromBothEnds) {
+    ZArray array(5, 0);
+    Item a(1), b(2), c(1), probe(1), missing(9);
+    array.set(1, &a);
+    array.set(2, &b);
+    array.set(3, &c);
+    EXPECT_EQ(array.indexOf(&probe), 1);
+    EXPECT_EQ(array.lastIndexOf(&probe), 3);
+    EXPECT_EQ(array.indexOf(&missing), -1);
+    EXPECT_EQ(array.indexOf(nullptr), -1);
+    EXPECT_EQ(array.lastIndexOf(nullptr), -1);
+    EXPECT_EQ(array.contains(nullptr), 0);
+}
+
+// Lists
+
+TEST(List, GrowsByHalf) {
+    ZArrayList list(0, 0);
+    const unsigned int capacities[] = {1, 2, 3, 4, 6, 6, 9, 9, 9, 13, 13, 13, 13, 19};
+    for (unsigned int capacity : capacities) {
+        list.add(nullptr);
+        EXPECT_EQ(list.capacity(), capacity) << list.size();
+    }
+    list.removeAll();
+    EXPECT_EQ(list.capacity(), 19u);
+}
+
+TEST(List, BadIndexReadsAsNullAndWritesNothing) {
+    NothingLeft check;
+    ZArrayList list(1, 1);
+    Item item(1);
+    list.add(1u, &item);
+    list.set(0, &item);
+    list.remove(0u);
+    EXPECT_EQ(list.isEmpty(), 1);
+    list.add(0u, &item);
+    list.set(1, &item);
+    list.swap(0, 1);
+    list.remove(1u);
+    EXPECT_EQ(valuesOf(list), std::vector<int>({1}));
+    EXPECT_EQ(list.get(1), nullptr);
+    EXPECT_EQ(list.get(~0u), nullptr);
+}
+
+TEST(List, OwnerTakesNullOnlyUncloned) {
+    NothingLeft check;
+    ZArrayList owner(2, 1);
+    Item item(1);
+    owner.add(&item);
+    owner.add(nullptr);
+    owner.set(0, nullptr);
+    EXPECT_EQ(valuesOf(owner), std::vector<int>({1}));
+    owner.addNoCopy(0u, nullptr);
+    EXPECT_EQ(valuesOf(owner), std::vector<int>({-1, 1}));
+    EXPECT_EQ(owner.indexOf(&item), 1);
+    const ZArrayList copy(owner);
+    EXPECT_EQ(valuesOf(copy), std::vector<int>({1}));
+    owner.remove(0u);
+    owner.removeAll();
+}
+
+TEST(List, TakesItsOwnMembersAndItselfAsArguments) {
+    NothingLeft check;
+    for (int owns = 0; owns <= 1; ++owns) {
+        SCOPED_TRACE(owns);
+        ZArrayList list(1, owns);
+        Item first(1), second(2);
+        list.add(&first);
+        list.add(list.get(0));  // the block moves
+        list.add(0u, &second);
+        list.set(0, list.get(0));
+        list.set(1, list.get(0));
+        EXPECT_EQ(valuesOf(list), std::vector<int>({2, 2, 1}));
+        list.addList(list);
+        EXPECT_EQ(valuesOf(list), std::vector<int>({2, 2, 1, 2, 2, 1}));
+        list.subList(list, 1, 2);
+        EXPECT_EQ(valuesOf(list), std::vector<int>({2, 2, 1, 2, 2, 1, 2, 1}));
+        list.remove(list.get(2));
+        list = *&list;
+        EXPECT_EQ(valuesOf(list), std::vector<int>({2, 2, 2, 2, 1, 2, 1}));
+    }
+}
+
+TEST(List, SubListCopiesInclusiveRanges) {
+    struct Case {
+        unsigned int from, to;
+        std::vector<int> expected;
+    };
+    const Case cases[] = {{0, 3, {0, 1, 2, 3}}, {2, 2, {2}}, {3, 2, {}}, {2, 4, {}}, {4, 4, {}}};
+    ZArrayList list(4, 1);
+    for (int i = 0; i < 4; ++i)
+        list.addNoCopy(new Item(i));
+    for (const Case& c : cases) {
+        ZArrayList out(1, 1);
+        list.subList(out, c.from, c.to);
+        EXPECT_EQ(valuesOf(out), c.expected) << c.from << " to " << c.to;
+    }
+}
+
+TEST(List, BehavesLikeAVector) {
+    NothingLeft check;
+    for (int owns = 0; owns <= 1; ++owns) {
+        SCOPED_TRACE(testing::Message() << "seed " << kSeed << ", owns " << owns);
+        std::mt19937 random(kSeed);
+        std::vector<std::unique_ptr<Item>> pool;
+        for (int i = 0; i < 20; ++i)
+            pool.emplace_back(new Item(i));
+        ZArrayList list(random() % 4, owns);
+        std::vector<int> model;
+        for (int step = 0; step < 4000; ++step) {
+            const Item* item = pool[random() % pool.size()].get();
+            const int value = item->value;
+            const unsigned int index = random() % (model.size() + 2);
+            const auto found = std::find(model.begin(), model.end(), value);
+            switch (random() % 9) {
+                case 0:
+                case 1:
+                    list.add(item);
+                    model.push_back(value);
+                    break;
+                case 2:
+                    list.add(index, item);
+                    if (index <= model.size())
+                        model.insert(model.begin() + index, value);
+                    break;
+                case 3:
+                    list.addNoCopy(owns ? new Item(*item) : item);
+                    model.push_back(value);
+                    break;
+                case 4:
+                    list.remove(index);
+                    if (index < model.size())
+                        model.erase(model.begin() + index);
+                    break;
+                case 5:
+                    EXPECT_EQ(list.indexOf(item),
+                              found == model.end() ? -1 : int(found - model.begin()));
+                    list.remove(item);
+                    if (found != model.end())
+                        model.erase(found);
+                    break;
+                case 6:
+                    list.set(index, item);
+                    if (index < model.size())
+                        model[index] = value;
+                    break;
+                case 7: {
+                    const unsigned int other = random() % (model.size() + 2);
+                    list.swap(index, other);
+                    if (index < model.size() && other < model.size())
+                        std::swap(model[index], model[other]);
+                    break;
+                }
+                case 8:
+                    if (random() % 100 == 0) {
+                        list.removeAll();
+                        model.clear();
+                    } else if (random() % 10 == 0) {
+                        ZArrayList copy(list);
+                        list = copy;
+                    }
+                    break;
+            }
+            ASSERT_EQ(valuesOf(list), model) << "step " << step;
+        }
+    }
+}
+
+TEST(List, ShuffleKeepsTheMembers) {
+    ZArrayList list(1, 1);
+    std::vector<int> expected;
+    for (int i = 0; i < 100; ++i) {
+        list.addNoCopy(new Item(i));
+        expected.push_back(i);
+    }
+    list.shuffle();
+    std::vector<int> shuffled = valuesOf(list);
+    EXPECT_NE(shuffled, expected);
+    std::sort(shuffled.begin(), shuffled.end());
+    EXPECT_EQ(shuffled, expected);
+}
+
+TEST(List, DestructorsThatRaiseAreReported) {
+    NothingLeft check;
+    ReportCounter counter;
+    ZArray array(2, 1);
+    array.setNoCopy(0, new RaisingItem);
+    array.remove(0);
+    EXPECT_EQ(counter.reports, 1);
+    {
+        ZArrayList list(1, 1);
+        list.addNoCopy(new RaisingItem);
+        list.addNoCopy(new Item(1));
+        list.addNoCopy(new RaisingItem);
+        list.remove(0u);
+        list.addNoCopy(new Item(2));
+        EXPECT_EQ(counter.reports, 2);
+    }
+    EXPECT_EQ(counter.reports, 3);
+}
+
+// Sorting
+
+namespace {
+
+/// Runs `body` in a thread with the smallest stack that the system allows.
+template <typename Body>
+void onSmallStack(Body body) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 256 * 1024);
+    pthread_t thread;
+    const auto run = [](void* argument) -> void* {
+        (*static_cast<Body*>(argument))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &body), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+/// Decides the order of members while they are compared, so that each pivot turns out to be next to
+/// the smallest: what drives a careless quick sort into the depth.
+class Adversary : public ZSortCompare {
+public:
+    explicit Adversary(size_t count) : rank_(count, kUndecided) {}
+
+    int sortCompare(const ZObject* a, const ZObject* b) const override {
+        const size_t left = static_cast<const Item*>(a)->value;
+        const size_t right = static_cast<const Item*>(b)->value;
+        if (rank_[left] == kUndecided && rank_[right] == kUndecided)
+            rank_[left == candidate_ ? left : right] = next_++;
+        if (rank_[left] == kUndecided)
+            candidate_ = left;
+        else if (rank_[right] == kUndecided)
+            candidate_ = right;
+        return (rank_[left] > rank_[right]) - (rank_[left] < rank_[right]);
+    }
+
+private:
+    enum { kUndecided = 1 << 30 };
+    mutable std::vector<int> rank_;
+    mutable int next_ = 0;
+    mutable size_t candidate_ = 0;
+};
+
+}  // namespace
+
+TEST(Sort, SortsEveryPattern) {
+    const char* const patterns[] = {"up", "down", "equal", "organ pipe", "few", "random"};
+    std::mt19937 random(kSeed);
+    for (int pattern = 0; pattern < 6; ++pattern) {
+        for (int count : {0, 1, 2, 3, 4, 5, 16, 17, 1000, 20000}) {
+            ZArrayList list(1, 1);
+            for (int i = 0; i < count; ++i) {
+                const int values[] = {
+                    i, count - i, 5, std::min(i, count - i), int(random() % 3), int(random() % 99999)};
+                list.addNoCopy(new Item(values[pattern]));
+            }
+            std::vector<int> expected = valuesOf(list);
+            std::sort(expected.begin(), expected.end());
+            list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortAscending);
+            ASSERT_EQ(valuesOf(list), expected) << patterns[pattern] << " " << count;
+            std::reverse(expected.begin(), expected.end());
+            list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortDescending);
+            ASSERT_EQ(valuesOf(list), expected) << patterns[pattern] << " " << count << " down";
+        }
+    }
+}
+
+// Which of several equal members comes first follows from the steps of the sort. The expected
+// places were worked out step by step, apart from this code.
+TEST(Sort, KeepsItsOrderOfEqualMembers) {
+    struct Case {
+        const char* members;
+        ZSortCompare::sortorder order;
+        std::vector<int> expected;  // places in `members`
+    };
+    const Case cases[] = {
+        {"aabb", ZSortCompare::sortAscending, {1, 0, 3, 2}},
+        {"aabb", ZSortCompare::sortDescending, {2, 3, 0, 1}},
+        {"aaaaa", ZSortCompare::sortAscending, {3, 4, 2, 0, 1}},
+        {"bacabcab", ZSortCompare::sortAscending, {6, 3, 1, 7, 4, 0, 2, 5}},
+        {"bacabcab", ZSortCompare::sortDescending, {2, 5, 4, 7, 0, 6, 3, 1}},
+        {"cbaabc", ZSortCompare::sortDescending, {5, 0, 4, 1, 2, 3}},
+        {"aaaabbbbaaaa", ZSortCompare::sortAscending, {10, 11, 8, 9, 1, 0, 3, 2, 5, 4, 7, 6}},
+        {"aaaabbbbaaaa", static_cast<ZSortCompare::sortorder>(0),
+         {5, 4, 7, 6, 9, 8, 11, 10, 2, 3, 0, 1}},
+    };
+    for (const Case& c : cases) {
+        ZArrayList list(1, 1);
+        for (int i = 0; c.members[i] != '\0'; ++i)
+            list.addNoCopy(new Item(c.members[i], 0, i));
+        list.sort(*ZSortCompare::defaultSortCompare(), c.order);
+        std::vector<int> places;
+        for (unsigned int i = 0; i < list.size(); ++i)
+            places.push_back(static_cast<Item*>(list.get(i))->tag);
+        EXPECT_EQ(places, c.expected) << c.members << " " << c.order;
+    }
+}
+
+TEST(Sort, NeedsLittleStackForTheWorstInput) {
+    onSmallStack([] {
+        const int count = 8000;
+        ZArrayList list(count, 1);
+        for (int i = 0; i < count; ++i)
+            list.addNoCopy(new Item(i));
+        list.sort(Adversary(count), ZSortCompare::sortAscending);
+        EXPECT_EQ(list.size(), unsigned(count));
+    });
+}
+
+TEST(Sort, LeavesNullsWhereTheyAre) {
+    NothingLeft check;
+    std::mt19937 random(kSeed);
+    for (int round = 0; round < 500; ++round) {
+        ZArrayList list(1, 1);
+        std::vector<int> expected;
+        const int count = random() % 12;
+        for (int i = 0; i < count; ++i)
+            list.addNoCopy(random() % 3 == 0 ? nullptr : new Item(random() % 10));
+        const std::vector<int> before = valuesOf(list);
+        list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortAscending);
+        const std::vector<int> after = valuesOf(list);
+        for (int i = 0; i < count; ++i)
+            ASSERT_EQ(after[i] == -1, before[i] == -1) << "seed " << kSeed << ", round " << round;
+        std::vector<int> left = before, right = after;
+        std::sort(left.begin(), left.end());
+        std::sort(right.begin(), right.end());
+        ASSERT_EQ(left, right);
+    }
+}
+
+// Iterators and stacks
+
+TEST(ListIterator, RemovesWhatItDelivered) {
+    NothingLeft check;
+    ZArrayList list(1, 1);
+    for (int i = 0; i < 5; ++i)
+        list.addNoCopy(new Item(i));
+    ZListIterator iterator(list);
+    list.remove(iterator);  // nothing delivered yet
+    EXPECT_EQ(list.size(), 5u);
+    EXPECT_EQ(iterator.hasMore(), 0);
+    EXPECT_EQ(iterator.getNext(), nullptr);
+    iterator.reset();
+    EXPECT_EQ(iterator.indexOf(), -1);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(static_cast<Item*>(iterator.getNext())->value, i);
+        EXPECT_EQ(list.indexOf(iterator), 0);
+        list.remove(iterator);
+    }
+    EXPECT_EQ(list.isEmpty(), 1);
+}
+
+TEST(ListIterator, FindsOnwardsAndSeesTheListLive) {
+    ZArrayList list(1, 0);
+    Item one(1), two(2), again(1), probe(1);
+    list.add(&one);
+    list.add(nullptr);
+    list.add(&two);
+    ZListIterator iterator(list);
+    EXPECT_EQ(iterator.findNext(probe), &one);
+    list.add(&again);
+    EXPECT_EQ(iterator.findNext(probe), &again);
+    EXPECT_EQ(iterator.findNext(probe), nullptr);
+    list.add(&two);
+    std::unique_ptr<ZListIterator> copy(static_cast<ZListIterator*>(iterator.clone()));
+    EXPECT_EQ(drained(*copy), std::vector<int>({2}));
+    ZArrayList other(1, 0);
+    ZListIterator elsewhere(other);
+    elsewhere = iterator;  // position only
+    EXPECT_EQ(elsewhere.indexOf(), 3);
+    EXPECT_EQ(elsewhere.hasMore(), 0);
+}
+
+TEST(Stack, PopsToTheFirstNull) {
+    ZArrayStack stack(0);
+    Item one(1), two(2);
+    EXPECT_EQ(stack.pop(), nullptr);
+    stack.push(&one);
+    stack.push(nullptr);
+    stack.push(&two);
+    std::unique_ptr<ZArrayStack> copy(static_cast<ZArrayStack*>(stack.clone()));
+    EXPECT_EQ(copy->pop(), &two);
+    stack.popall();
+    EXPECT_EQ(stack.size(), 1u);
+    EXPECT_EQ(stack.pop(), &one);
+    EXPECT_EQ(copy->size(), 2u);
+}
+
+// Memory
+
+TEST(Memory, ListsAndArraysGiveEverythingBack) {
+    const auto attempt = [] {
+        const Item item(3);
+        ZArrayList list(1, 1);
+        for (int i = 0; i < 6; ++i)
+            list.add(&item);
+        list.add(2u, &item);
+        list.set(1, &item);
+        ZArrayList other(list);
+        other = list;
+        other.addList(list);
+        delete list.clone();
+        ZArray array(3, 1);
+        array.set(1, &item);
+        ZArray copy(array);
+        ZArray bigger(5, 1);
+        bigger.set(4, &item);
+        copy = bigger;
+    };
+    NothingLeft check;
+    EXPECT_GT(failEachAllocation(attempt), 30u);
+}
+
+TEST(Memory, AFailedChangeLeavesTheOldState) {
+    NothingLeft check;
+    const Item item(1);
+    ZArrayList list(2, 1);
+    list.add(&item);
+    list.add(&item);
+    ZArray array(2, 1), other(3, 1);
+    array.set(0, &item);
+    for (unsigned long nth = 1; nth <= 2; ++nth) {
+        bool raised = false;
+        {
+            FailAllocations failure(nth);
+            try {
+                list.add(0u, &item);
+            } catch (std::bad_alloc&) {
+                raised = true;
+            }
+        }
+        EXPECT_TRUE(raised);
+        EXPECT_EQ(valuesOf(list), std::vector<int>({1, 1}));
+        EXPECT_EQ(list.capacity(), 2u);
+    }
+    bool raised = false;
+    const ZObject* const kept = array.get(0);
+    {
+        FailAllocations failure(1, FailAllocations::onward, FailAllocations::null);
+        try {
+            array = other;
+        } catch (ZOutOfMemoryException&) {
+            raised = true;
+        }
+    }
+    EXPECT_TRUE(raised);
+    EXPECT_EQ(array.size(), 2u);
+    EXPECT_EQ(array.get(0), kept);
+}

@@ -1,0 +1,470 @@
+// Maps and key maps: the promised order, independently computed, and the index behind it.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "Z/ZKeyMap.h"
+#include "support/FailingAllocator.h"
+#include "support/Item.h"
+
+namespace {
+
+const unsigned int kSeed = 20240612;
+
+/// Ways to hash a value, from harmless to hostile.
+struct Hashing {
+    const char* what;
+    unsigned int (*hash)(unsigned int value);
+};
+
+const Hashing kHashings[] = {
+    {"spread", [](unsigned int v) { return v * 2654435761u; }},
+    {"the value itself", [](unsigned int v) { return v; }},
+    {"high bits only", [](unsigned int v) { return v << 22; }},
+    {"multiples of the bucket count", [](unsigned int v) { return v * 15; }},
+    {"all the same", [](unsigned int) { return 42u; }},
+    {"three hashes", [](unsigned int v) { return v % 3; }},
+};
+
+/// What a map of a fixed number of buckets promises, kept the simple way.
+class Model {
+public:
+    explicit Model(unsigned int buckets) : buckets_(buckets) {}
+
+    void put(int value, unsigned int hash, int tag) {
+        std::vector<std::pair<int, int>>& bucket = buckets_[hash % buckets_.size()];
+        for (auto& entry : bucket)
+            if (entry.first == value) {
+                entry.second = tag;
+                return;
+            }
+        bucket.push_back({value, tag});
+    }
+    void remove(int value, unsigned int hash) {
+        std::vector<std::pair<int, int>>& bucket = buckets_[hash % buckets_.size()];
+        for (size_t i = 0; i < bucket.size(); ++i)
+            if (bucket[i].first == value) {
+                bucket.erase(bucket.begin() + i);
+                return;
+            }
+    }
+    void clear() {
+        for (auto& bucket : buckets_)
+            bucket.clear();
+    }
+    std::vector<std::pair<int, int>> entries() const {
+        std::vector<std::pair<int, int>> all;
+        for (const auto& bucket : buckets_)
+            all.insert(all.end(), bucket.begin(), bucket.end());
+        return all;
+    }
+
+private:
+    std::vector<std::vector<std::pair<int, int>>> buckets_;
+};
+
+std::vector<std::pair<int, int>> entriesOf(const ZMap& map) {
+    ZArrayList list(1, 0);
+    map.list(list);
+    std::vector<std::pair<int, int>> entries;
+    for (unsigned int i = 0; i < list.size(); ++i) {
+        const Item* item = static_cast<const Item*>(list.get(i));
+        entries.push_back({item->value, item->tag});
+    }
+    return entries;
+}
+
+class NothingLeft {
+public:
+    NothingLeft() : before_(Item::live) {}
+    ~NothingLeft() { EXPECT_EQ(Item::live, before_); }
+
+private:
+    const int before_;
+};
+
+}  // namespace
+
+TEST(HashMap, HasTheBucketsThatItsSizeAsksFor) {
+    struct Case {
+        unsigned int size, buckets;
+    };
+    const Case cases[] = {{0, 3}, {1, 3}, {2, 3}, {3, 4}, {10, 15}, {100, 150}};
+    for (const Case& c : cases) {
+        // Two entries come out against the order of their hashes exactly if the second one's wraps
+        // around into an earlier bucket.
+        ZHashMap map(c.size, 0);
+        Item last(1, c.buckets - 1), wraps(2, c.buckets), first(3, 0);
+        map.putEntry(&last);
+        map.putEntry(&wraps);
+        map.putEntry(&first);
+        EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{2, 0}, {3, 0}, {1, 0}}))
+            << c.size;
+    }
+}
+
+TEST(HashMap, BehavesLikeItsModel) {
+    for (const Hashing& hashing : kHashings) {
+        for (int owns = 0; owns <= 1; ++owns) {
+            for (unsigned int range : {12u, 60u, 700u}) {
+                SCOPED_TRACE(testing::Message() << hashing.what << ", owns " << owns << ", range "
+                                                << range << ", seed " << kSeed);
+                NothingLeft check;
+                std::mt19937 random(kSeed);
+                std::vector<std::unique_ptr<Item>> pool;
+                for (unsigned int i = 0; i < 2 * range; ++i)
+                    pool.emplace_back(new Item(i % range, hashing.hash(i % range), i / range));
+                ZHashMap map(10, owns);
+                Model model(15);
+                for (int step = 0; step < 3000; ++step) {
+                    Item* item = pool[random() % pool.size()].get();
+                    const unsigned int kind = random() % 100;
+                    if (kind < 55 + 20 * (step / 500 % 2 == 0)) {
+                        map.putEntry(item);
+                        model.put(item->value, item->hashValue, item->tag);
+                    } else if (kind < 98) {
+                        map.removeEntry(item);
+                        model.remove(item->value, item->hashValue);
+                    } else if (random() % 40 == 0) {
+                        map.removeAll();
+                        model.clear();
+                    } else if (random() % 8 == 0) {
+                        ZHashMap copy(map);
+                        ZHashMap other(2, owns);
+                        other = copy;
+                        map = other;
+                    }
+                    if (step % 16 == 0 || step < 100) {
+                        const std::vector<std::pair<int, int>> expected = model.entries();
+                        ASSERT_EQ(map.size(), expected.size()) << "step " << step;
+                        ASSERT_EQ(entriesOf(map), expected) << "step " << step;
+                        for (const auto& entry : expected) {
+                            const Item probe(entry.first, hashing.hash(entry.first));
+                            const ZObject* found = map.getEntry(&probe);
+                            ASSERT_NE(found, nullptr) << "step " << step;
+                            ASSERT_EQ(static_cast<const Item*>(found)->tag, entry.second);
+                        }
+                        const Item missing(range, hashing.hash(range));
+                        ASSERT_EQ(map.contains(&missing), 0);
+                    }
+                }
+            }
+        }
+    }
+}
+
+// A map of 15 buckets with many entries must neither ask members for their hash again nor walk.
+TEST(HashMap, FindsInOneProbeWhateverTheHashesShare) {
+    const unsigned int count = 20000;
+    for (const Hashing& hashing : kHashings) {
+        if (hashing.hash(1) == hashing.hash(4) || hashing.hash(1 << 10) == hashing.hash(0))
+            continue;  // the very same hash can only be told apart by asking the members
+        SCOPED_TRACE(hashing.what);
+        ZHashMap map(10, 1);
+        for (unsigned int i = 0; i < count; ++i) {
+            Item item(i, hashing.hash(i));
+            map.putEntry(&item);
+        }
+        std::unique_ptr<ZHashMap> copy(static_cast<ZHashMap*>(map.clone()));
+        Item::hashCalls = Item::equalsCalls = 0;
+        for (unsigned int i = 0; i < count; ++i) {
+            const Item probe(i, hashing.hash(i));
+            ASSERT_NE(copy->getEntry(&probe), nullptr);
+        }
+        EXPECT_EQ(Item::hashCalls, count);
+        EXPECT_EQ(Item::equalsCalls, count);
+    }
+}
+
+TEST(HashMap, TakesItsOwnEntriesAndItselfAsArguments) {
+    for (int owns = 0; owns <= 1; ++owns) {
+        for (int count : {3, 100}) {
+            SCOPED_TRACE(testing::Message() << owns << " " << count);
+            NothingLeft check;
+            std::vector<std::unique_ptr<Item>> pool;
+            ZHashMap map(2, owns);
+            for (int i = 0; i < count; ++i) {
+                pool.emplace_back(new Item(i, i));
+                map.putEntry(pool.back().get());
+            }
+            const std::vector<std::pair<int, int>> before = entriesOf(map);
+            for (const auto& item : pool)
+                map.putEntry(map.getEntry(item.get()));
+            map.putAll(map);
+            map = *&map;
+            EXPECT_EQ(entriesOf(map), before);
+            for (const auto& item : pool)
+                map.removeEntry(map.getEntry(item.get()));
+            EXPECT_EQ(map.isEmpty(), 1);
+        }
+    }
+}
+
+TEST(HashMap, NullIsAbsent) {
+    ZHashMap map(2, 1);
+    map.putEntry(nullptr);
+    map.removeEntry(nullptr);
+    EXPECT_EQ(map.contains(nullptr), 0);
+    EXPECT_EQ(map.isEmpty(), 1);
+}
+
+TEST(HashMap, AssignmentTakesBucketsAndOwnership) {
+    NothingLeft check;
+    Item a(1, 4), b(2, 3);
+    ZHashMap source(2, 0), target(10, 1);
+    source.putEntry(&a);
+    source.putEntry(&b);
+    target.putEntry(&a);
+    target = source;
+    EXPECT_EQ(target.getEntry(&a), &a);
+    EXPECT_EQ(entriesOf(target), (std::vector<std::pair<int, int>>{{2, 0}, {1, 0}}));
+    target.removeAll();  // must not delete what it only shares
+}
+
+TEST(HashMap, DeletesInItsOrder) {
+    std::vector<int> deleted;
+    {
+        ZHashMap map(2, 1);
+        for (int i = 0; i < 7; ++i) {
+            Item item(i, 10 - i);
+            map.putEntry(&item);
+        }
+        Item::deleted = &deleted;
+    }
+    Item::deleted = nullptr;
+    EXPECT_EQ(deleted, std::vector<int>({1, 4, 0, 3, 6, 2, 5}));
+}
+
+TEST(ArrayMap, ReplacesInPlaceButAppendsAll) {
+    NothingLeft check;
+    Item a(1, 0, 0), b(2, 0, 0), newer(1, 0, 9);
+    ZArrayMap map(1, 1), other(1, 0);
+    map.putEntry(&a);
+    map.putEntry(&b);
+    map.putEntry(&newer);
+    map.putEntry(map.getEntry(&b));
+    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{1, 9}, {2, 0}}));
+    EXPECT_EQ(map.getIndex(&b), 1);
+    other.putEntry(&a);
+    map.putAll(other);
+    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{1, 9}, {2, 0}, {1, 0}}));
+    map.removeEntry(&a);
+    map.removeEntry(&a);
+    map.removeEntry(&a);
+    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{2, 0}}));
+    map.putAll(map);
+    EXPECT_EQ(map.size(), 2u);
+
+    ZHashMap replacing(2, 0);
+    replacing.putAll(map);
+    EXPECT_EQ(replacing.size(), 1u);
+}
+
+TEST(MapIterators, OneIsASnapshotTheOtherIsLive) {
+    Item a(1, 1), b(2, 2), c(3, 0);
+    ZHashMap map(2, 0);
+    EXPECT_EQ(ZMapIterator(map).hasMore(), 0);
+    map.putEntry(&a);
+    map.putEntry(&b);
+    ZMapIterator iterator(map);
+    map.putEntry(&c);
+    EXPECT_EQ(iterator.getNext(), &a);
+    std::unique_ptr<ZMapIterator> copy(static_cast<ZMapIterator*>(iterator.clone()));
+    ZMapIterator assigned(map);
+    assigned = iterator;
+    for (ZMapIterator* each : {copy.get(), &assigned, &iterator}) {
+        EXPECT_EQ(each->getNext(), &b);
+        EXPECT_EQ(each->getNext(), nullptr);
+    }
+    copy->reset();
+    EXPECT_EQ(copy->findNext(b), &b);
+    EXPECT_EQ(iterator.hasMore(), 0);
+
+    ZArrayMap list(1, 0);
+    ZArrayMapIterator live(list);
+    list.putEntry(&a);
+    EXPECT_EQ(live.getNext(), &a);
+}
+
+// Key maps
+
+namespace {
+
+std::vector<std::pair<int, int>> pairsOf(const ZKeyMap& map) {
+    ZArrayList keys(1, 0), values(1, 0);
+    map.listKeys(keys);
+    map.listObjects(values);
+    std::vector<std::pair<int, int>> pairs;
+    for (unsigned int i = 0; i < keys.size(); ++i)
+        pairs.push_back({valuesOf(keys)[i], valuesOf(values)[i]});
+    return pairs;
+}
+
+}  // namespace
+
+TEST(KeyMap, BehavesLikeItsModel) {
+    for (const Hashing& hashing : kHashings) {
+        for (int owns = 0; owns <= 1; ++owns) {
+            SCOPED_TRACE(testing::Message()
+                         << hashing.what << ", owns " << owns << ", seed " << kSeed);
+            NothingLeft check;
+            std::mt19937 random(kSeed);
+            std::vector<std::unique_ptr<Item>> pool;
+            for (int i = 0; i < 80; ++i)
+                pool.emplace_back(new Item(i, hashing.hash(i)));
+            ZHashKeyMap map(10, owns);
+            Model order(15);
+            for (int step = 0; step < 800; ++step) {
+                const Item* key = pool[random() % pool.size()].get();
+                const Item* value = pool[random() % pool.size()].get();
+                if (random() % 3 != 0) {
+                    map.putEntry(key, value);
+                    order.put(key->value, key->hashValue, value->value);
+                } else {
+                    map.removeEntry(key);
+                    order.remove(key->value, key->hashValue);
+                }
+                if (step % 8 == 0) {
+                    ASSERT_EQ(pairsOf(map), order.entries()) << "step " << step;
+                    const std::unique_ptr<ZObject> copy(map.clone());
+                    ASSERT_EQ(pairsOf(*static_cast<ZHashKeyMap*>(copy.get())), order.entries());
+                }
+            }
+            std::map<int, int> expected;
+            for (const auto& pair : order.entries())
+                expected.insert(pair);
+            for (const auto& key : pool) {
+                const ZObject* value = map.getEntry(key.get());
+                ASSERT_EQ(value != nullptr, expected.count(key->value) == 1);
+                if (value != nullptr) {
+                    ASSERT_EQ(static_cast<const Item*>(value)->value, expected[key->value]);
+                }
+            }
+        }
+    }
+}
+
+TEST(KeyMap, TellsNullValuesFromMissingKeys) {
+    NothingLeft check;
+    ZHashKeyMap map(10, 1);
+    Item key(1, 1), value(2), missing(3, 3);
+    map.putEntry(&key, nullptr);
+    EXPECT_EQ(map.getEntry(&key), nullptr);
+    EXPECT_EQ(map.contains(&key), 1);
+    EXPECT_EQ(map.contains(&missing), 0);
+    map.putEntry(nullptr, &value);
+    map.removeEntry(nullptr);
+    EXPECT_EQ(map.contains(nullptr), 0);
+    EXPECT_EQ(map.getEntry(nullptr), nullptr);
+    EXPECT_EQ(map.size(), 1u);
+}
+
+TEST(KeyMap, TakesItsOwnPartsAndItselfAsArguments) {
+    for (int owns = 0; owns <= 1; ++owns) {
+        SCOPED_TRACE(owns);
+        NothingLeft check;
+        Item key(1, 1), value(2), second(3, 4);
+        ZHashKeyMap map(2, owns);
+        map.putEntry(&key, &value);
+        map.putEntry(&second, &value);
+        ZArrayList keys(2, 0);
+        map.listKeys(keys);
+        map.putEntry(keys.get(0), map.getEntry(&key));
+        map.putAll(map);
+        EXPECT_EQ(pairsOf(map), (std::vector<std::pair<int, int>>{{1, 2}, {3, 2}}));
+        keys.removeAll();
+        map.listKeys(keys);
+        map.removeEntry(keys.get(1));
+        EXPECT_EQ(pairsOf(map), (std::vector<std::pair<int, int>>{{1, 2}}));
+    }
+}
+
+TEST(KeyMap, EqualKeysOfDifferentHashAreDifferent) {
+    ZHashKeyMap map(2, 0);
+    Item here(1, 3), there(1, 6);  // one bucket
+    map.putEntry(&here, &here);
+    map.putEntry(&there, &there);
+    EXPECT_EQ(map.size(), 2u);
+    EXPECT_EQ(map.getEntry(&there), &there);
+}
+
+TEST(KeyMap, AReplacedKeyTakesTheNewKeyObject) {
+    NothingLeft check;
+    ZHashKeyMap map(2, 1);
+    Item key(1, 5, 1), newer(1, 5, 2), value(7);
+    map.putEntry(&key, nullptr);
+    map.putEntry(&newer, &value);
+    ZArrayList keys(1, 0);
+    map.listKeys(keys);
+    ASSERT_EQ(keys.size(), 1u);
+    EXPECT_EQ(static_cast<Item*>(keys.get(0))->tag, 2);
+}
+
+// Memory
+
+TEST(MapMemory, MapsGiveEverythingBack) {
+    const auto attempt = [] {
+        ZHashMap map(2, 1);
+        ZHashKeyMap keyMap(2, 1);
+        for (int i = 0; i < 70; ++i) {
+            Item item(i, i);
+            map.putEntry(&item);
+            keyMap.putEntry(&item, &item);
+        }
+        Item again(5, 5);
+        map.putEntry(&again);
+        keyMap.putEntry(&again, &again);
+        ZHashMap other(map);
+        other = map;
+        ZHashKeyMap copy(keyMap);
+        copy.putAll(keyMap);
+        ZMapIterator iterator(map);
+        delete iterator.clone();
+    };
+    NothingLeft check;
+    EXPECT_GT(failEachAllocation(attempt), 100u);
+}
+
+// An insertion that fails on the way, at each growth of records and index, must leave a map that
+// still finds everything.
+TEST(MapMemory, AFailedPutChangesNothing) {
+    NothingLeft check;
+    ZHashMap map(2, 1);
+    for (int i = 0; i < 200; ++i) {
+        Item item(i, i * 15);
+        for (unsigned long nth = 1;; ++nth) {
+            bool raised = false;
+            {
+                FailAllocations failure(nth);
+                try {
+                    map.putEntry(&item);
+                } catch (std::bad_alloc&) {
+                    raised = true;
+                }
+            }
+            if (!raised)
+                break;
+            ASSERT_EQ(map.size(), unsigned(i));
+            ASSERT_EQ(map.contains(&item), 0);
+        }
+        for (int j = 0; j <= i; ++j) {
+            const Item probe(j, j * 15);
+            ASSERT_EQ(map.contains(&probe), 1) << i << " " << j;
+        }
+    }
+    ZHashMap other(10, 1);
+    bool raised = false;
+    {
+        FailAllocations failure(150);
+        try {
+            other = map;
+        } catch (std::bad_alloc&) {
+            raised = true;
+        }
+    }
+    EXPECT_TRUE(raised);
+    EXPECT_EQ(other.isEmpty(), 1);
+}
