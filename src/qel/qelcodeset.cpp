@@ -235,14 +235,14 @@ public:
 
     bool isOpen() const { return pair_ != reinterpret_cast<iconv_t>(-1); }
 
-    /// Converts all of the source, its closing shift included. Bytes written, or the negative errno
-    /// of what went wrong.
-    long convert(const char* source, size_t length, char* target, size_t room) {
+    /// Converts all of the source, with `closed` also what waits for more text: a closing shift, or a
+    /// letter that an accent might follow. Bytes written, or the negative errno of what went wrong.
+    long convert(const char* source, size_t length, char* target, size_t room, bool closed = true) {
         char* in = const_cast<char*>(source);
         char* out = target;
         iconv(pair_, nullptr, nullptr, nullptr, nullptr);
         if (iconv(pair_, &in, &length, &out, &room) == static_cast<size_t>(-1) ||
-            iconv(pair_, nullptr, nullptr, &out, &room) == static_cast<size_t>(-1))
+            (closed && iconv(pair_, nullptr, nullptr, &out, &room) == static_cast<size_t>(-1)))
             return -static_cast<long>(errno);
         return out - target;
     }
@@ -268,7 +268,8 @@ public:
         for (unsigned int byte = 0; byte < 256; ++byte) {
             const char text = static_cast<char>(byte);
             uint32_t wide[4];
-            const long n = toWide_.convert(&text, 1, reinterpret_cast<char*>(wide), sizeof wide);
+            const long n =
+                toWide_.convert(&text, 1, reinterpret_cast<char*>(wide), sizeof wide, false);
             codes_[byte] = n == static_cast<long>(sizeof wide[0]) ? wide[0] : kNoCode;
             if (byte < 0x80 && codes_[byte] != byte)
                 beginsWithASCII_ = false;

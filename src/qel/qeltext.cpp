@@ -189,7 +189,11 @@ int qel_os_cs_name(char* buffer, size_t size) {
 qel_locale qel_loc_new(const char* name) {
     if (name == nullptr)
         return 0;
-    const locale_t locale = newlocale(LC_ALL_MASK, name, nullptr);
+    // The process's own locale is at hand, with all its categories.
+    const char* own = setlocale(LC_CTYPE, nullptr);
+    const locale_t locale = own != nullptr && strcmp(name, own) == 0
+                                ? duplocale(LC_GLOBAL_LOCALE)
+                                : newlocale(LC_ALL_MASK, name, nullptr);
     if (locale == nullptr)
         return 0;
     Locale* made = new (std::nothrow) Locale;

@@ -1,0 +1,57 @@
+// SelfChild.h: runs one test of this very program in a process of its own, for what a process has
+// only once: its locale, its first string, its default message service.
+//
+// Such a test is named DISABLED_..., so that it runs in children alone.
+#ifndef TESTS_SUPPORT_SELF_CHILD_H
+#define TESTS_SUPPORT_SELF_CHILD_H
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct SelfChild {
+    int status;          // as waitpid gives it
+    std::string output;  // standard output and error
+
+    bool passed() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+    bool aborted() const { return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT; }
+    /// Whether the child wrote this text.
+    bool wrote(const std::string& text) const { return output.find(text) != std::string::npos; }
+};
+
+/// Runs the test "Suite.DISABLED_Name" with changes to the environment; null unsets.
+inline SelfChild runSelf(const std::string& test,
+                         const std::vector<std::pair<std::string, const char*>>& environment) {
+    int ends[2];
+    if (pipe(ends) != 0)
+        return {-1, "pipe failed"};
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const auto& [name, value] : environment)
+            value == nullptr ? unsetenv(name.c_str()) : setenv(name.c_str(), value, 1);
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+        const std::string filter = "--gtest_filter=" + test;
+        execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests", filter.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(ends[1]);
+    SelfChild result = {-1, ""};
+    char buffer[4096];
+    for (ssize_t n; (n = read(ends[0], buffer, sizeof buffer)) > 0;)
+        result.output.append(buffer, static_cast<size_t>(n));
+    close(ends[0]);
+    waitpid(child, &result.status, 0);
+    if (result.passed() && result.output.find("[  PASSED  ] 1 test.") == std::string::npos)
+        result.status = -1;  // the filter found no test
+    return result;
+}
+
+#endif

@@ -1,0 +1,328 @@
+// Exceptions, the message service and what reports look like, byte for byte.
+#include <gtest/gtest.h>
+#include <dlfcn.h>
+#include <iconv.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "Z/ZCodesetException.h"
+#include "Z/ZExceptionText.h"
+#include "Z/ZMessage.h"
+#include "Z/ZString.h"
+#include "support/SelfChild.h"
+
+// Stands in front of the system's: a process can lose the tables of its codesets.
+static bool codesetsAreMissing = false;
+
+extern "C" iconv_t iconv_open(const char* to, const char* from) {
+    if (codesetsAreMissing) {
+        errno = EINVAL;
+        return reinterpret_cast<iconv_t>(-1);
+    }
+    using Open = iconv_t (*)(const char*, const char*);
+    return reinterpret_cast<Open>(dlsym(RTLD_NEXT, "iconv_open"))(to, from);
+}
+
+namespace {
+
+std::string threadLine() {
+    return " Thread: " + std::to_string(static_cast<int>(reinterpret_cast<uintptr_t>(
+                             reinterpret_cast<void*>(pthread_self())))) + "\n";
+}
+
+template <typename Action>
+std::string standardError(Action action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+}
+
+std::string report(const std::string& name, int number, const std::string& text,
+                   const std::string& location = "\"\" 0") {
+    return "Exception: " + name + "\n File: " + location + "\n Error: " + std::to_string(number) +
+           "\n" + threadLine() + "NUM_MSGS = 55\n" + text;
+}
+
+using Made = std::unique_ptr<ZException>;
+
+template <typename Exception, typename... Arguments>
+Made make(Arguments... arguments) {
+    return Made(new Exception(arguments...));
+}
+
+struct ReportCase {
+    std::function<Made()> make;
+    const char* name;
+    int number;
+    const char* text;
+};
+
+const ReportCase kReports[] = {
+    {[] { return make<ZOutOfMemoryException>(); }, "ZOutOfMemoryException", 1,
+     "Memory allocation failure."},
+    {[] { return make<ZConverterException>(2, 22, "A", "B"); }, "ZConverterException", 2,
+     "iconv_open failed for codepage A to B conversion. errno = 22."},
+    {[] { return make<ZCreateResourceException>(3, 12); }, "ZResourceException", 3,
+     "Unexpected error from pthread_mutex_init().  rc = 12."},
+    {[] { return make<ZLockResourceException>(5, -1); }, "ZResourceException", 5,
+     "Unexpected error from pthread_mutex_lock().  rc = -1."},
+    {[] { return make<ZConditionException>(27, 4); }, "ZConditionException", 27,
+     "Unexpected error from pthread_cond_broadcast().  rc = 4."},
+    {[] { return make<ZThreadException>(20, 3); }, "ZThreadException", 20,
+     "Unexpected error from pthread_join().  rc = 3."},
+    {[] { return make<ZAbstractNotImplementedException>("x"); },
+     "ZAbstractNotImplementedException", 31, "The requested function is not implemented."},
+    {[] { return make<ZInvalidResourceStateException>("read"); }, "ZResourceException", 32,
+     "An unexpected lock state was detected.  The current lock state is read."},
+    {[] { return make<ZOpenResourceException>(37, 13, "/l"); }, "ZResourceException", 37,
+     "Create failed for a process lock.  rc = 13 and the lock file name is /l."},
+    {[] { return make<ZCloseResourceException>(38, 5, "/l"); }, "ZResourceException", 38,
+     "Close failed for a process lock.  rc = 5 and the lock file name is /l."},
+    {[] { return make<ZPropertiesMissingPropertyException>("f", "c", "k"); },
+     "ZPropertiesMissingPropertyException", 28,
+     "The configuration file f is missing the required attribute k in stanza c."},
+    {[] { return make<ZPropertiesInvalidValueException>("f", "c", "k", "v"); },
+     "ZPropertiesInvalidValueException", 39,
+     "The configuration file f has an invalid value v for key k in stanza c."},
+    {[] { return make<ZPropertiesInvalidNumValueException>("f", "c", "k", "v"); },
+     "ZPropertiesInvalidValueException", 40,
+     "The configuration file f has an invalid numeric value v for key k in stanza c."},
+    {[] { return make<ZPropertiesInvalidBoolValueException>("f", "c", "k", "v"); },
+     "ZPropertiesInvalidValueException", 41,
+     "The configuration file f has an invalid boolean value v for key k in stanza c."},
+    {[] { return make<ZPropertiesIteratorException>("f"); }, "ZPropertiesIteratorException", 42,
+     "The iterator for  configuration file f is in an invalid state for the operation"},
+    {[] { return make<ZPropertiesIOException>("f", "fopen(w)", 22); }, "ZPropertiesIOException",
+     43, "Access failed for configuration file f.  The access function was fopen(w) and return "
+         "code was 22"},
+    {[] { return make<ZPropertiesInvalidDataException>("f", "d", 7); },
+     "ZPropertiesInvalidDataException", 44,
+     "The configuration file \"f\" contains invalid data at line 7.\nData: \"d\""},
+    {[] { return make<ZToUTF8Exception>(); }, "ZToUTF8Exception", 49,
+     "Local codeset LOCAL string could not be converted to UTF-8."},
+    {[] { return make<ZFromUTF8Exception>(); }, "ZFromUTF8Exception", 50,
+     "UTF-8 string could not be converted to the local codeset LOCAL."},
+    {[] { return make<ZSharedLibraryLoadException>("l", "m", 2); }, "ZSharedLibraryLoadException",
+     51, "Shared library load/unload error (l) 2.  m"},
+    {[] { return make<ZSharedLibraryResolveException>("l", "s", "m", 3); },
+     "ZSharedLibraryResolveException", 52, "Shared library resolve error (l:s) 3.  m"},
+    {[] { return make<ZUnexpectedEndOfFile>("w"); }, "ZUnexpectedEndOfFile", 53,
+     "Unexpected end of file encounted while reading w."},
+    {[] { return make<ZJavaPropertyParseException>("w"); }, "ZJavaPropertyParseException", 54,
+     "Internal error encountered while loading Java property file w."},
+    {[] { return make<ZThreadException>(0, 1); }, "ZThreadException", 0,
+     "No default text defined in ZMessage for the exception\n"},
+    {[] { return make<ZThreadException>(23, 1); }, "ZThreadException", 23,
+     "No default text defined in ZMessage for the exception\n"},
+    {[] { return make<ZThreadException>(55, 1); }, "ZThreadException", 55,
+     "No default text defined in ZMessage for the exception\n"},
+    {[] { return make<ZThreadException>(-1, 1); }, "ZThreadException", -1,
+     "No default text defined in ZMessage for the exception\n"},
+};
+
+TEST(Exceptions, ReportNameNumberAndInserts) {
+    for (const ReportCase& c : kReports) {
+        SCOPED_TRACE(testing::Message() << c.name << " " << c.number);
+        std::string text = c.text;
+        const size_t local = text.find("LOCAL");
+        if (local != std::string::npos)
+            text.replace(local, 5, zgetLocalCodesetName());
+        const std::string expected = report(c.name, c.number, text);
+
+        Made original = c.make();
+        EXPECT_EQ(standardError([&] { original->print(); }), expected);
+
+        // A copy has texts of its own: it still has them when the original is gone.
+        Made copy(static_cast<ZException*>(original->clone()));
+        original.reset();
+        EXPECT_EQ(standardError([&] { copy->dumpException(); }), expected);
+
+        // So has what is raised, with the location.
+        std::string raised;
+        try {
+            copy->throwException("here.cpp", 12);
+        } catch (ZException& caught) {
+            copy.reset();
+            raised = standardError([&] { caught.print(); });
+        }
+        EXPECT_EQ(raised, report(c.name, c.number, text, "\"here.cpp\" 12"));
+    }
+}
+
+TEST(Exceptions, HaveOneLocationTheLatest) {
+    ZInvalidParameterException exception;
+    const char* file = "";
+    int line = -1;
+    EXPECT_EQ(exception.locationCount(), 1);
+    EXPECT_EQ(exception.location(7, file, line), 1);
+    EXPECT_EQ(file, nullptr);
+    EXPECT_EQ(line, 0);
+    exception.addLocation("a", 1);
+    try {
+        try {
+            exception.throwException("b", 2);
+        } catch (ZException& caught) {
+            EXPECT_STREQ(caught.who(), "b");
+            caught.throwException("c", 3);
+        }
+    } catch (ZInvalidParameterException& caught) {
+        EXPECT_EQ(caught.location(0, file, line), 1);
+        EXPECT_STREQ(file, "c");
+        EXPECT_EQ(line, 3);
+        EXPECT_EQ(caught.where(), 3UL);
+        EXPECT_EQ(caught.locationCount(), 1);
+    }
+    EXPECT_EQ(exception.where(), 2UL) << "the object that was raised keeps its own location";
+}
+
+TEST(Exceptions, NumberAndTruthValuesAreRaisedAsTheirBase) {
+    ZPropertiesInvalidNumValueException exception("file", "stanza", "key", "value");
+    try {
+        exception.throwException("f", 1);
+    } catch (ZPropertiesInvalidValueException& caught) {
+        EXPECT_EQ(typeid(caught), typeid(ZPropertiesInvalidValueException));
+        EXPECT_STREQ(caught.propFile(), "file");
+        EXPECT_STREQ(caught.category(), "stanza");
+        EXPECT_STREQ(caught.key(), "key");
+        EXPECT_STREQ(caught.value(), "value");
+    }
+}
+
+TEST(Exceptions, NullTextIsTheEmptyText) {
+    ZPropertiesIOException exception(nullptr, nullptr, 1);
+    EXPECT_STREQ(exception.propFile(), "");
+    EXPECT_STREQ(exception.api(), "");
+}
+
+TEST(Messages, PlainMessagesShowNumberAndInserts) {
+    ZMessageService* service = ZMessageService::defaultMessageService();
+    const ZLCString a("one"), b("two");
+    const std::string header = "Error: 25\n File: \"src/Z/ZLocalHostName\" 69\n" + threadLine();
+    const auto send = [&](int count) {
+        return standardError([&] {
+            service->outputMessage("src/Z/ZLocalHostName", 69, 25, count, &a, &b, nullptr, nullptr,
+                                   nullptr, nullptr);
+        });
+    };
+    EXPECT_EQ(send(0), header);
+    EXPECT_EQ(send(-1), header);
+    EXPECT_EQ(send(1), header + "Additional Information:\none\n");
+    EXPECT_EQ(send(2), header + "Additional Information:\none\ntwo\n");
+
+    const ZUTF8String u("three");
+    EXPECT_EQ(standardError([&] {
+                  service->outputMessageUTF8("src/Z/ZLocalHostName", 69, 25, 1, &u, nullptr,
+                                             nullptr, nullptr, nullptr, nullptr);
+              }),
+              header + "Additional Information:\nthree\n");
+}
+
+// Notes which of its operations was called.
+class Service : public ZDefaultMessageService {
+public:
+    int outputException(ZException&) const override { return calls += "object ", 41; }
+    int outputException(const ZZException* exception, char*) const override {
+        calls += exceptionName(*exception);
+        return 42;
+    }
+    mutable std::string calls;
+};
+
+TEST(Messages, GoThroughTheServiceThatIsSet) {
+    const Service service;
+    ZUnsupportedException exception;
+    ZMessageService::setMessageService(&service);
+    EXPECT_EQ(exception.dumpException(), 41);
+    EXPECT_EQ(exception.print(), 42);
+    EXPECT_EQ(service.calls, "object ZUnsupportedException");
+    ZMessageService::setMessageService(nullptr);
+    EXPECT_EQ(ZMessageService::messageService(), ZMessageService::defaultMessageService());
+}
+
+// In processes of their own, where nothing has been used yet.
+
+TEST(Child, DISABLED_ServiceIsTheDefaultOneAtFirst) {
+    ZMessageService* seen[4];
+    std::thread threads[4];
+    for (int i = 0; i < 4; ++i)
+        threads[i] = std::thread([&seen, i] { seen[i] = ZMessageService::messageService(); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (ZMessageService* service : seen)
+        EXPECT_EQ(service, ZMessageService::defaultMessageService());
+}
+
+TEST(Child, DISABLED_ServiceIsSetBeforeAnyUse) {
+    static const Service service;
+    ZMessageService::setMessageService(&service);
+    EXPECT_EQ(ZMessageService::messageService(), &service);
+    EXPECT_NE(ZMessageService::defaultMessageService(), nullptr);
+    EXPECT_NE(ZMessageService::defaultMessageService(), &service);
+}
+
+TEST(Child, DISABLED_NullServiceBeforeAnyUse) {
+    ZMessageService::setMessageService(nullptr);
+    EXPECT_EQ(ZMessageService::messageService(), ZMessageService::defaultMessageService());
+}
+
+TEST(Child, DISABLED_FirstString) { ZLCString string("text"); }
+
+TEST(Child, DISABLED_NamesWithoutQELDIR) {
+    EXPECT_EQ(zgetlocale(), nullptr);
+    setenv("QELDIR", "/later", 1);  // too late: set-up has run
+    EXPECT_EQ(zgetlocale(), nullptr);
+    EXPECT_EQ(zgetLocalCodesetName(), nullptr);
+    EXPECT_EQ(zset_cs_dir(nullptr), 0);
+}
+
+TEST(Child, DISABLED_CodesetExceptionWithoutQELDIR) {
+    ZCodesetException exception("KLINGON");
+    const Made copy(static_cast<ZException*>(exception.clone()));
+    EXPECT_EQ(standardError([&] { copy->print(); }),
+              report("ZCodesetException", 47,
+                     "Codeset handle create failed for codeset \"KLINGON\".  QELDIR is \"\""));
+}
+
+TEST(Child, DISABLED_FirstStringWithoutCodeset) {
+    codesetsAreMissing = true;
+    ZLCString string("text");
+}
+
+TEST(Setup, EndsTheProcessWithoutText) {
+    SelfChild child = runSelf("Child.DISABLED_FirstString", {{"QELDIR", nullptr}});
+    EXPECT_TRUE(child.aborted()) << child.output;
+    EXPECT_TRUE(child.wrote("Exception: ZNoQELEnvironmentException\n File: \"src/Z/zqelutil.cpp\""))
+        << child.output;
+    EXPECT_TRUE(child.wrote("The QELDIR environment variable is not set.")) << child.output;
+
+    child = runSelf("Child.DISABLED_FirstStringWithoutCodeset",
+                    {{"LC_ALL", "en_US.ISO-8859-1"}, {"QELDIR", "/tables"}});
+    EXPECT_TRUE(child.aborted()) << child.output;
+    EXPECT_TRUE(child.wrote("Exception: ZCodesetException\n")) << child.output;
+    EXPECT_TRUE(child.wrote(
+        "Codeset handle create failed for codeset \"ISO-8859-1\".  QELDIR is \"/tables\""))
+        << child.output;
+}
+
+TEST(Setup, WithoutQELDIRNamesAreNullAndOneExceptionHasText) {
+    SelfChild child = runSelf("Child.DISABLED_NamesWithoutQELDIR", {{"QELDIR", nullptr}});
+    EXPECT_TRUE(child.passed()) << child.output;
+    EXPECT_TRUE(child.wrote("The QELDIR environment variable is not set.")) << child.output;
+    child = runSelf("Child.DISABLED_CodesetExceptionWithoutQELDIR", {{"QELDIR", nullptr}});
+    EXPECT_TRUE(child.passed()) << child.output;
+}
+
+TEST(Messages, FirstUses) {
+    for (const char* test : {"Child.DISABLED_ServiceIsTheDefaultOneAtFirst",
+                             "Child.DISABLED_ServiceIsSetBeforeAnyUse",
+                             "Child.DISABLED_NullServiceBeforeAnyUse"}) {
+        const SelfChild child = runSelf(test, {});
+        EXPECT_TRUE(child.passed()) << child.output;
+    }
+}
+
+}  // namespace

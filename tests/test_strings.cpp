@@ -1,0 +1,333 @@
+// Strings: what they hold, how they grow and what they find, beside std::string as the model.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Z/ZException.h"
+#include "Z/ZString.h"
+#include "support/FailingAllocator.h"
+
+namespace {
+
+// What must always hold, and the text.
+std::string textOf(const ZAbstractMutableString& s) {
+    EXPECT_EQ(s.getChars()[s.getLength()], '\0');
+    EXPECT_LE(s.getLength(), s.getCapacity());
+    EXPECT_GE(s.getCapacity(), 95U);
+    const char* object = reinterpret_cast<const char*>(&s);
+    const bool isInside = s.getChars() > object && s.getChars() < object + sizeof(ZLCString);
+    EXPECT_EQ(isInside, s.getCapacity() == 95U);
+    return std::string(s.getChars(), s.getLength());
+}
+
+template <typename String>
+class BothFamilies : public testing::Test {};
+using Families = testing::Types<ZLCString, ZUTF8String>;
+TYPED_TEST_SUITE(BothFamilies, Families);
+
+struct ConstOf {
+    static ZLCConstString of(const ZLCString& s) { return s; }
+    static ZUTF8ConstString of(const ZUTF8String& s) { return s; }
+};
+
+TYPED_TEST(BothFamilies, GrowAsLaidDown) {
+    TypeParam s;
+    EXPECT_EQ(s.getCapacity(), 95U);
+    for (int i = 0; i < 95; ++i)
+        s.append('x');
+    EXPECT_EQ(s.getCapacity(), 95U);
+    s.append('y');
+    EXPECT_EQ(s.getCapacity(), 116U);
+    EXPECT_EQ(textOf(s), std::string(95, 'x') + 'y');
+
+    TypeParam t;
+    EXPECT_EQ(t.setCapacity(10), 95U);
+    EXPECT_EQ(t.setCapacity(200), 200U);
+    EXPECT_EQ(t.setCapacity(100), 200U);
+    t.bump(10, 0);
+    EXPECT_EQ(t.getCapacity(), 203U) << "slack on a fitting request, once outside";
+    t.clear();
+    EXPECT_EQ(t.getCapacity(), 203U);
+
+    const std::string text(100, 'z');
+    EXPECT_EQ(TypeParam(text.c_str(), 94).getCapacity(), 95U);
+    EXPECT_EQ(TypeParam(text.c_str(), 95).getCapacity(), 116U) << "room for one more";
+    EXPECT_EQ(TypeParam(text.c_str()).getCapacity(), 121U);
+    EXPECT_EQ(TypeParam(TypeParam(text.c_str())).getCapacity(), 121U);
+
+    TypeParam inserted("abc");
+    inserted.insert(1, std::string(92, 'i').c_str());
+    EXPECT_EQ(inserted.getCapacity(), 96U + (96 + 7) / 5) << "room for one more";
+
+    s.prepend("p");
+    EXPECT_EQ(s.getCapacity(), 97U + (97 + 7) / 5);
+    s.trunc(10);
+    s.prepend("q");
+    EXPECT_EQ(s.getCapacity(), 95U) << "back inside";
+    EXPECT_EQ(textOf(s), "qpxxxxxxxxx");
+}
+
+TYPED_TEST(BothFamilies, EditAndCut) {
+    TypeParam s("abcdef");
+    EXPECT_EQ(textOf(TypeParam(s).remove(3, 0)), "abc");
+    EXPECT_EQ(textOf(TypeParam(s).remove(3, 9)), "abcdef");
+    EXPECT_EQ(textOf(TypeParam(s).remove(3, UINT_MAX)), "abcdef") << "no wrap";
+    EXPECT_EQ(textOf(TypeParam(s).remove(1, 2)), "adef");
+    EXPECT_EQ(textOf(TypeParam(s).remove(3, 3)), "abc");
+    EXPECT_EQ(textOf(TypeParam(s).trunc(99)), "abcdef");
+    EXPECT_EQ(textOf(TypeParam("abc").insert(99, "x")), "abcx");
+    EXPECT_EQ(textOf(s.subString(2, 100)), "cdef");
+    EXPECT_EQ(textOf(s.subString(99)), "");
+    EXPECT_EQ(textOf(s.subString(1, 0)), "");
+    EXPECT_EQ(textOf(s.subString(5, UINT_MAX)), "f");
+    EXPECT_EQ(textOf(s + "x" + s + ConstOf::of(s)), "abcdefxabcdefabcdef");
+    EXPECT_EQ(textOf(s += 'g'), "abcdefg");
+}
+
+TYPED_TEST(BothFamilies, NullIsNoText) {
+    const char* const null = nullptr;
+    TypeParam s("abc");
+    s.append(null).insert(1, null).prepend(null).append(null, 5);
+    s += null;
+    EXPECT_EQ(textOf(s), "abc");
+    EXPECT_EQ(textOf(s + null), "abc");
+    EXPECT_EQ(s.equals(null), 0);
+    EXPECT_EQ(s == null, 0);
+    EXPECT_EQ(s != null, 1);
+    EXPECT_EQ(s.contains(null), 0);
+    EXPECT_EQ(s.indexOf(null), ZAbstractString::notFound);
+    EXPECT_GT(s.compare(null), 0);
+    EXPECT_EQ(TypeParam().compareignorecase(null), 0);
+    EXPECT_EQ(textOf(s.setChars(null)), "");
+    EXPECT_EQ(textOf(TypeParam(null)), "");
+    EXPECT_EQ(textOf(TypeParam(null, 7)), "");
+
+    ZLCConstString c(null);
+    EXPECT_STREQ(c.getChars(), "");
+    EXPECT_EQ(c.isEmpty(), 1);
+    c = "x";
+    EXPECT_EQ(c.getLength(), 1U);
+    EXPECT_EQ(c == null, 0);
+}
+
+TYPED_TEST(BothFamilies, Numbers) {
+    EXPECT_EQ(textOf(TypeParam(0)), "0");
+    EXPECT_EQ(textOf(TypeParam(INT_MIN)), std::to_string(INT_MIN));
+    EXPECT_EQ(textOf(TypeParam(UINT_MAX)), std::to_string(UINT_MAX));
+    EXPECT_EQ(textOf(TypeParam(LONG_MIN)), std::to_string(LONG_MIN));
+    EXPECT_EQ(textOf(TypeParam(ULONG_MAX)), std::to_string(ULONG_MAX));
+    EXPECT_EQ(textOf(TypeParam('c')), "c");
+    EXPECT_EQ(textOf(TypeParam('\0')), "");
+    TypeParam s("old");
+    EXPECT_EQ(textOf(s = -7), "-7");
+    EXPECT_EQ(textOf(s = 10UL), "10");
+    EXPECT_EQ(textOf(s = 'x'), "x");
+    EXPECT_EQ(textOf(s = '\0'), "");
+}
+
+TYPED_TEST(BothFamilies, HashBytes) {
+    EXPECT_EQ(TypeParam().hash(), 5381U);
+    EXPECT_EQ(TypeParam("abc").hash(), 0xB873285U);
+    EXPECT_EQ(TypeParam("\xFF").hash(), (5381U * 33) ^ 0xFFU) << "bytes are unsigned";
+    EXPECT_EQ(ZUTF8ConstString("abc").hash(), ZLCString("abc").hash());
+}
+
+struct SearchCase {
+    const char* text;
+    const char* part;
+    int begins, ends, contains;
+    unsigned int first, last;
+};
+
+const unsigned int kNone = ZAbstractString::notFound;
+
+const SearchCase kSearches[] = {
+    {"abab", "ab", 1, 1, 1, 0, 2},   {"aaa", "aa", 1, 1, 1, 0, 0},
+    {"cd", "abcd", 0, 0, 0, kNone, kNone},
+    {"a", "", 1, 0, 1, 0, 1},        {"", "", 0, 0, 1, 0, 0},
+    {"", "a", 0, 0, 0, kNone, kNone}, {"abc", "bc", 0, 1, 1, 1, 1},
+    {"abc", "abc", 1, 1, 1, 0, 0},   {"abc", nullptr, 1, 1, 0, kNone, 3},
+    {"", nullptr, 1, 1, 0, kNone, 0},
+};
+
+TYPED_TEST(BothFamilies, Search) {
+    for (const SearchCase& c : kSearches) {
+        SCOPED_TRACE(testing::Message() << c.text << " / " << (c.part ? c.part : "null"));
+        const TypeParam s(c.text);
+        EXPECT_EQ(s.beginsWith(c.part), c.begins);
+        EXPECT_EQ(s.endsWith(c.part), c.ends);
+        EXPECT_EQ(s.contains(c.part), c.contains);
+        EXPECT_EQ(s.indexOf(c.part), c.first);
+        EXPECT_EQ(s.lastIndexOf(c.part), c.last);
+    }
+    const TypeParam s("abab");
+    EXPECT_EQ(s.indexOf('b', 2), 3U);
+    EXPECT_EQ(s.indexOf('b', 99), kNone);
+    EXPECT_EQ(s.indexOf('\0', 99), 4U);
+    EXPECT_EQ(s.indexOf("", 99), 4U);
+    EXPECT_EQ(s.lastIndexOf('a'), 2U);
+    EXPECT_EQ(TypeParam("abc").lastIndexOf('a'), 0U);
+    EXPECT_EQ(s.lastIndexOf('c'), kNone);
+    EXPECT_EQ(s.lastIndexOf('\0'), 4U);
+    EXPECT_EQ(s.contains('\0'), 1);
+    EXPECT_EQ(TypeParam("Abc").beginsWithCaseIgnored(TypeParam("aB")), 1);
+    EXPECT_EQ(TypeParam("Abc").beginsWithCaseIgnored(TypeParam("")), 0);
+    EXPECT_EQ(TypeParam("Abc").endsWithCaseIgnored(TypeParam("BC")), 1);
+    EXPECT_EQ(TypeParam("bc").endsWithCaseIgnored(TypeParam("abc")), 0);
+    EXPECT_EQ(TypeParam("Abc").endsWithCaseIgnored(TypeParam("")), 0);
+}
+
+TYPED_TEST(BothFamilies, CompareOnlyWithinACodeset) {
+    const TypeParam a("a"), same("a"), b("b");
+    EXPECT_TRUE(a == same && !(a != same) && a < b && b > a && a <= same);
+    EXPECT_TRUE(a == ConstOf::of(same) && ConstOf::of(a) == same && ConstOf::of(a) != b);
+    EXPECT_EQ(a.compareignorecase(TypeParam("A")), 0);
+    const ZLCString local("x");
+    const ZUTF8String utf8("x");
+    EXPECT_EQ(local.equals(utf8), 1) << "bytes decide";
+    EXPECT_NE(local.getCodesetHandle(), utf8.getCodesetHandle());
+    EXPECT_THROW(local.compare(static_cast<const ZObject&>(utf8)), ZUnsupportedException);
+    EXPECT_THROW(ZUTF8ConstString("x").compare(static_cast<const ZObject&>(local)),
+                 ZUnsupportedException);
+}
+
+TEST(ConstStrings, PointAtTheTextOfOthers) {
+    const ZLCString owner("text");
+    ZLCConstString view(owner), copy(view);
+    EXPECT_EQ(view.getChars(), owner.getChars());
+    EXPECT_EQ(copy.getChars(), owner.getChars());
+    const std::unique_ptr<ZObject> clone(view.clone());
+    EXPECT_EQ(static_cast<ZLCConstString&>(*clone).getChars(), owner.getChars());
+
+    copy.setChars(ZUTF8String("other"));
+    EXPECT_EQ(copy.getChars(), owner.getChars()) << "another codeset isn't adopted";
+    const ZLCString longer("longer text");
+    copy.setChars(longer);
+    EXPECT_EQ(copy.getChars(), longer.getChars());
+    EXPECT_EQ(copy.getLength(), 11U) << "no stale length";
+    EXPECT_EQ(view == longer, 0);
+}
+
+TYPED_TEST(BothFamilies, ClonesAreDeep) {
+    TypeParam s("abc");
+    const std::unique_ptr<ZObject> clone(s.clone());
+    s += "d";
+    EXPECT_TRUE(static_cast<TypeParam&>(*clone) == "abc");
+    s = s;
+    s = s.getChars();
+    EXPECT_TRUE(s == "abcd");
+}
+
+// Text that is part of the string being changed, inside the object, at its edge and outside.
+TYPED_TEST(BothFamilies, TakeTheirOwnText) {
+    for (const unsigned int length : {1U, 4U, 47U, 48U, 60U, 94U, 95U, 96U, 115U, 116U, 300U}) {
+        std::string model;
+        for (unsigned int i = 0; i < length; ++i)
+            model += static_cast<char>('a' + i % 26);
+        for (const unsigned int at : {0U, 1U, length / 2, length - 1, length}) {
+            SCOPED_TRACE(testing::Message() << length << " at " << at);
+            const std::string part = model.substr(at);
+            TypeParam s(model.c_str());
+            EXPECT_EQ(textOf(s.append(s.getChars() + at)), model + part);
+            s = model.c_str();
+            EXPECT_EQ(textOf(s.append(s.getChars(), at)), model + model.substr(0, at));
+            s = model.c_str();
+            EXPECT_EQ(textOf(s += s), model + model);
+            TypeParam p(model.c_str());
+            EXPECT_EQ(textOf(p.prepend(p.getChars() + at)), part + model);
+            for (const unsigned int pos : {0U, at, length / 3, length}) {
+                TypeParam i(model.c_str());
+                EXPECT_EQ(textOf(i.insert(pos, i.getChars() + at)),
+                          std::string(model).insert(pos, part));
+            }
+            if (at > 0) {
+                TypeParam c(model.c_str());
+                EXPECT_EQ(textOf(c.setChars(c.getChars() + at)), part);
+            }
+        }
+    }
+}
+
+TYPED_TEST(BothFamilies, AgreeWithAModel) {
+    const unsigned int seed = 20260101;
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned int n) { return static_cast<unsigned int>(random() % n); };
+    TypeParam s;
+    std::string model;
+    for (int step = 0; step < 20000 && !testing::Test::HasFailure(); ++step) {
+        const std::string part(below(below(8) == 0 ? 150 : 12), static_cast<char>('a' + below(3)));
+        const unsigned int pos = below(static_cast<unsigned int>(model.size()) + 2);
+        const unsigned int count = below(9);
+        switch (below(11)) {
+            case 0: s.append(part.c_str()); model += part; break;
+            case 1: s.append('b'); model += 'b'; break;
+            case 2: s.insert(pos, part.c_str()); model.insert(std::min<size_t>(pos, model.size()), part); break;
+            case 3: s.prepend(part.c_str()); model.insert(0, part); break;
+            case 4:
+                s.remove(pos, count);
+                if (count == 0)
+                    model.resize(std::min<size_t>(pos, model.size()));
+                else if (pos + count <= model.size())
+                    model.erase(pos, count);
+                break;
+            case 5: s.trunc(pos); model.resize(std::min<size_t>(pos, model.size())); break;
+            case 6: s = s.subString(pos, 60); model = model.substr(std::min<size_t>(pos, model.size()), 60); break;
+            case 7: s = TypeParam(part.c_str()) + s; model = part + model; break;
+            case 8: s += ConstOf::of(s); model += model; break;
+            case 9: s = TypeParam(s); break;
+            default:
+                EXPECT_EQ(s.indexOf(part.c_str(), pos), static_cast<unsigned int>(model.find(part, std::min<size_t>(pos, model.size()))));
+                EXPECT_EQ(s.contains(part.c_str()), model.find(part) != std::string::npos);
+                EXPECT_EQ(s.endsWith(part.c_str()), !part.empty() && part.size() <= model.size() && model.compare(model.size() - part.size(), part.size(), part) == 0);
+        }
+        if (model.size() > 2000) {
+            s.trunc(50);
+            model.resize(50);
+        }
+        ASSERT_EQ(textOf(s), model) << "step " << step;
+    }
+}
+
+TYPED_TEST(BothFamilies, SurviveWithoutMemory) {
+    TypeParam s("abc");
+    for (int round = 0; round < 2; ++round) {  // inside the object, then outside
+        const std::string before = textOf(s), part(500, 'x');
+        const auto expectFailure = [&](auto change) {
+            bool raised = false;
+            {
+                FailAllocations failure(1, FailAllocations::onward);
+                try {
+                    change();
+                } catch (ZOutOfMemoryException&) {
+                    raised = true;
+                }
+            }
+            EXPECT_TRUE(raised);
+            EXPECT_EQ(textOf(s), before);
+        };
+        expectFailure([&] { s.append(part.c_str()); });
+        expectFailure([&] { s.insert(1, part.c_str()); });
+        expectFailure([&] { s.prepend(part.c_str()); });
+        expectFailure([&] { s.setCapacity(5000); });
+        // Lengths are 32 bits: this must not wrap, nor be read.
+        EXPECT_THROW(s.append("x", UINT_MAX), ZOutOfMemoryException);
+        EXPECT_THROW(s.setCapacity(UINT_MAX), ZOutOfMemoryException);
+        EXPECT_THROW(TypeParam("x", UINT_MAX), ZOutOfMemoryException);
+        EXPECT_EQ(textOf(s), before);
+        s.append(std::string(200, 'y').c_str());
+    }
+    const std::string text(200, 'a');  // the library alone is to meet the failures
+    failEachAllocation([&] {
+        TypeParam a(text.c_str());
+        const std::unique_ptr<ZObject> b(a.clone());
+        const TypeParam c = a + static_cast<TypeParam&>(*b);
+        a = c;
+    });
+}
+
+}  // namespace
