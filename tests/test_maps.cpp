@@ -137,7 +137,7 @@ TEST(HashMap, BehavesLikeItsModel) {
                         other = copy;
                         map = other;
                     }
-                    if (step % 16 == 0 || step < 100) {
+                    if (step % 32 == 0 || step < 60) {
                         const std::vector<std::pair<int, int>> expected = model.entries();
                         ASSERT_EQ(map.size(), expected.size()) << "step " << step;
                         ASSERT_EQ(entriesOf(map), expected) << "step " << step;
@@ -327,7 +327,7 @@ TEST(KeyMap, BehavesLikeItsModel) {
                     map.removeEntry(key);
                     order.remove(key->value, key->hashValue);
                 }
-                if (step % 8 == 0) {
+                if (step % 20 == 0) {
                     ASSERT_EQ(pairsOf(map), order.entries()) << "step " << step;
                     const std::unique_ptr<ZObject> copy(map.clone());
                     ASSERT_EQ(pairsOf(*static_cast<ZHashKeyMap*>(copy.get())), order.entries());
@@ -409,7 +409,7 @@ TEST(MapMemory, MapsGiveEverythingBack) {
     const auto attempt = [] {
         ZHashMap map(2, 1);
         ZHashKeyMap keyMap(2, 1);
-        for (int i = 0; i < 70; ++i) {
+        for (int i = 0; i < 36; ++i) {
             Item item(i, i);
             map.putEntry(&item);
             keyMap.putEntry(&item, &item);

@@ -9,7 +9,7 @@ class ZEXPORT ZAbstractFileMap {
 public:
     /// How the file is opened and mapped. Any other value maps for reading and writing, too, but
     /// neither creates nor extends the file.
-    enum zmapmode {
+    enum zmapmode : int {
         mapRead = 0,       ///< for reading only
         mapReadWrite = 1,  ///< for reading and writing; the file is created or extended if need be
         mapUpdate = 2      ///< for reading and writing what is there

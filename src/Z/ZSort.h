@@ -11,7 +11,7 @@
 class ZEXPORT ZSortCompare {
 public:
     /// Every value but sortAscending means descending.
-    enum sortorder { sortDescending = 0, sortAscending = 1 };
+    enum sortorder : int { sortDescending = 0, sortAscending = 1 };
 
     /// Below 0, 0 or above 0 as `a` comes before, with or after `b`. Neither is null.
     virtual int sortCompare(const ZObject* a, const ZObject* b) const = 0;

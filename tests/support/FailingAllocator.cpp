@@ -129,7 +129,8 @@ unsigned long FailAllocations::asked() { return plan.asked; }
 
 TrackAllocations::TrackAllocations() {
     pthread_mutex_lock(&trackLock);
-    memset(slots, 0, sizeof(slots));
+    if (slotsUsed != 0)
+        memset(slots, 0, sizeof(slots));
     slotsUsed = 0;
     liveBlocks = 0;
     __atomic_store_n(&isTracking, true, __ATOMIC_RELAXED);

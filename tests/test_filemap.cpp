@@ -1,0 +1,208 @@
+// Files mapped into memory.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "Z/ZFileMap.h"
+
+namespace {
+
+typedef ZAbstractFileMap::zmapmode Mode;
+const Mode kRead = ZAbstractFileMap::mapRead;
+const Mode kReadWrite = ZAbstractFileMap::mapReadWrite;
+const Mode kOther = static_cast<Mode>(7);
+
+/// A fresh directory for each test.
+class FileMap : public testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/zbase-filemap-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        directory_ = pattern;
+    }
+    void TearDown() override {
+        for (const char* name : {"file", "empty", "missing"})
+            unlink(path(name).c_str());
+        rmdir(directory_.c_str());
+    }
+
+    std::string path(const char* name) const { return directory_ + "/" + name; }
+
+    ZLCString make(const char* name, const std::string& content) const {
+        std::ofstream(path(name)) << content;
+        return ZLCString(path(name).c_str());
+    }
+    ZLCString named(const char* name) const { return ZLCString(path(name).c_str()); }
+
+    std::string contentOf(const char* name) const {
+        std::ifstream in(path(name));
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    std::string directory_;
+};
+
+int openDescriptors() {
+    int count = 0;
+    for (int handle = 0; handle < 256; ++handle)
+        count += fcntl(handle, F_GETFD) != -1;
+    return count;
+}
+
+}  // namespace
+
+TEST_F(FileMap, ResultsForEachSituation) {
+    struct Case {
+        const char* what;
+        const char* name;
+        Mode mode;
+        unsigned long length;
+        int error;
+        bool mapped;
+        long sizeAfter;  // -1: no such file
+    };
+    const Case cases[] = {
+        {"whole file", "file", kRead, 0, 0, true, 10},
+        {"part of a file", "file", kRead, 5, 0, true, 10},
+        {"reading past the end", "file", kRead, 100, 0, true, 10},
+        {"updating past the end", "file", kOther, 100, 0, true, 10},
+        {"part, writable", "file", kReadWrite, 5, 0, true, 10},
+        {"longer, writable", "file", kReadWrite, 100, 0, true, 100},
+        {"empty file, whole", "empty", kRead, 0, EINVAL, false, 0},
+        {"empty file, whole, writable", "empty", kReadWrite, 0, EINVAL, false, 0},
+        {"empty file with a length", "empty", kRead, 100, 0, true, 0},
+        {"empty file, writable", "empty", kReadWrite, 100, 0, true, 100},
+        {"missing file, whole", "missing", kRead, 0, EINVAL, false, -1},
+        {"missing file, whole, writable", "missing", kReadWrite, 0, EINVAL, false, -1},
+        {"missing file with a length", "missing", kRead, 100, ENOENT, false, -1},
+        {"missing file, updating", "missing", kOther, 100, ENOENT, false, -1},
+        {"missing file, writable", "missing", kReadWrite, 100, 0, true, 100},
+        {"directory missing", "none/file", kReadWrite, 100, ENOENT, false, -1},
+        {"a directory, writable", ".", kReadWrite, 100, EISDIR, false, -2},
+        {"a directory", ".", kRead, 100, ENODEV, false, -2},
+        {"more than there is room for", "file", kRead, ~0ul, ENOMEM, false, 10},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        make("file", "0123456789");
+        make("empty", "");
+        unlink(path("missing").c_str());
+        const int before = openDescriptors();
+        {
+            ZUnixFileMap map(named(c.name), c.mode, 1);
+            int error = -1;
+            void* const address = map.mapfile(&error, c.length);
+            EXPECT_EQ(error, c.error);
+            EXPECT_EQ(address != nullptr, c.mapped);
+            EXPECT_EQ(openDescriptors(), before + c.mapped);
+            if (c.mapped && strcmp(c.name, "file") == 0) {
+                EXPECT_EQ(memcmp(address, "01234", 5), 0);
+            }
+            struct stat status;
+            const bool exists = stat(path(c.name).c_str(), &status) == 0;
+            if (c.sizeAfter != -2) {
+                EXPECT_EQ(exists ? long(status.st_size) : -1, c.sizeAfter);
+            }
+            error = 77;
+            map.unmapfile(&error);
+            EXPECT_EQ(error, 77);
+            EXPECT_EQ(openDescriptors(), before);
+            map.unmapfile(&error);
+            EXPECT_EQ(error, 77);
+        }
+    }
+}
+
+TEST_F(FileMap, AFileItMakesIsForItsOwnerAlone) {
+    const mode_t mask = umask(0);
+    ZUnixFileMap map(named("missing"), kReadWrite, 1);
+    int error;
+    EXPECT_NE(map.mapfile(&error, 10), nullptr);
+    umask(mask);
+    struct stat status;
+    ASSERT_EQ(stat(path("missing").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(FileMap, ChangesReachTheFileAndTheDestructorUnmaps) {
+    const ZLCString name = make("file", "0123456789");
+    const int before = openDescriptors();
+    void* address;
+    {
+        ZUnixFileMap map(name, kReadWrite, 1);
+        int error;
+        address = map.mapfile(&error, 0);
+        ASSERT_NE(address, nullptr);
+        memcpy(address, "abc", 3);
+        EXPECT_EQ(contentOf("file"), "abc3456789");
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(msync(address, 1, MS_ASYNC), -1);  // nothing there any more
+    EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(FileMap, CopiesOfAMappingMapAnew) {
+    const ZLCString name = make("file", "0123456789");
+    const int before = openDescriptors();
+    int error;
+    ZUnixFileMap map(name, kRead, 1);
+    {
+        const ZUnixFileMap copy(map);  // not mapped, so nothing to do
+        EXPECT_EQ(openDescriptors(), before);
+        ASSERT_NE(map.mapfile(&error, 5), nullptr);
+        const ZUnixFileMap second(map);
+        EXPECT_EQ(openDescriptors(), before + 2);
+        ZUnixFileMap missing(named("missing"), kRead, 1);
+        missing = map;  // its own file, which isn't there
+        ZUnixFileMap other(name, kRead, 1);
+        other = map;
+        EXPECT_EQ(openDescriptors(), before + 3);
+    }
+    EXPECT_EQ(openDescriptors(), before + 1);
+}
+
+TEST_F(FileMap, DescriptorZeroCountsAsNone) {
+    const ZLCString name = make("file", "0123456789");
+    const ZLCString empty = make("empty", "");
+    const int input = dup(0);
+    close(0);
+    ZUnixFileMap map(name, kRead, 1);
+    int error = -1;
+    EXPECT_EQ(map.mapfile(&error, 0), nullptr);
+    EXPECT_EQ(error, 0);
+    close(0);
+    ZUnixFileMap none(empty, kRead, 1);
+    EXPECT_EQ(none.mapfile(&error, 10), nullptr);
+    EXPECT_EQ(error, ENOENT);
+    dup2(input, 0);
+    close(input);
+}
+
+// Beyond 4 GiB a 32-bit process can't map the whole, but any beginning.
+TEST_F(FileMap, BigFilesAreNoTrouble) {
+    make("file", "begin");
+    if (truncate64(path("file").c_str(), (int64_t(1) << 32) + 10) != 0)
+        GTEST_SKIP() << "no file system for big files";
+    ZUnixFileMap map(named("file"), kRead, 1);
+    int error;
+    void* const address = map.mapfile(&error, 4096);
+    ASSERT_NE(address, nullptr);
+    EXPECT_EQ(memcmp(address, "begin", 5), 0);
+    map.unmapfile(&error);
+    const void* const whole = map.mapfile(&error, 0);
+    if (sizeof(void*) == 4) {
+        EXPECT_EQ(whole, nullptr);
+        EXPECT_EQ(error, EOVERFLOW);
+    } else {
+        EXPECT_NE(whole, nullptr);
+    }
+}
