@@ -103,6 +103,11 @@ ZAbstractMutableString& ZAbstractMutableString::setUnsigned(unsigned long n, int
     return assignBytes(at, static_cast<size_t>(end - at));
 }
 
+int ZAbstractMutableString::equals(const ZObject& other) const {
+    const ZAbstractString& string = static_cast<const ZAbstractString&>(other);
+    return length_ == string.getLength() && memcmp(chars_, string.getChars(), length_) == 0;
+}
+
 ZAbstractMutableString& ZAbstractMutableString::setChars(const ZAbstractString& other) {
     if (&other == this)
         return *this;

@@ -124,6 +124,9 @@ public:
 
     using ZAbstractString::equals;
 
+    /// As the base's, with this side's text at hand: containers ask for little else.
+    int equals(const ZObject& other) const override;
+
 protected:
     ZAbstractMutableString() { init(); }
     explicit ZAbstractMutableString(BeforeSetup tag) : ZAbstractString(tag) { init(); }

@@ -47,7 +47,9 @@ int ZAbstractString::equals(const ZObject& other) const {
     return length == string.getLength() && memcmp(getChars(), string.getChars(), length) == 0;
 }
 
-int ZAbstractString::compare(const char* s) const { return strcoll(getChars(), orEmpty(s)); }
+int ZAbstractString::compare(const char* s) const { return collate(getChars(), s); }
+
+int ZAbstractString::collate(const char* a, const char* b) { return strcoll(a, orEmpty(b)); }
 
 int ZAbstractString::compareignorecase(const char* s) const {
     return zstricmp(getCodesetHandle(), getChars(), orEmpty(s));

@@ -121,6 +121,9 @@ protected:
     explicit ZAbstractString(BeforeSetup) {}
     ZAbstractString(const ZAbstractString& other) : ZObject(other) {}
 
+    /// The locale's order of two texts; a null `b` is the empty one.
+    static int collate(const char* a, const char* b);
+
     // Whichever constructor first sees 0 fills them, always with the same values. utf8_handle_ is
     // stored last, so who sees it sees both.
     static std::atomic<zcodeset_handle> utf8_handle_;

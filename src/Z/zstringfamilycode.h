@@ -5,7 +5,7 @@ int Z_CONST_STRING::compare(const ZObject& other) const { return ZAbstractString
 
 ZObject* Z_CONST_STRING::clone() const { return new Z_CONST_STRING(*this); }
 
-int Z_CONST_STRING::compare(const char* s) const { return ZAbstractString::compare(s); }
+int Z_CONST_STRING::compare(const char* s) const { return collate(getChars(), s); }
 
 int Z_CONST_STRING::compareignorecase(const char* s) const {
     return ZAbstractString::compareignorecase(s);
@@ -24,7 +24,7 @@ int Z_STRING::compare(const ZObject& other) const { return ZAbstractString::comp
 
 ZObject* Z_STRING::clone() const { return new Z_STRING(*this); }
 
-int Z_STRING::compare(const char* s) const { return ZAbstractString::compare(s); }
+int Z_STRING::compare(const char* s) const { return collate(getChars(), s); }
 
 int Z_STRING::compareignorecase(const char* s) const {
     return ZAbstractString::compareignorecase(s);
