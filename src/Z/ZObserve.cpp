@@ -8,10 +8,11 @@ static ZArrayList copyUnderLock(const ZArrayList& observers, ZLock& lock) {
     return observers;
 }
 
-ZAbstractObservable::ZAbstractObservable() : observers_(2, 1) {}
+ZAbstractObservable::ZAbstractObservable() : observers_(2, 1), count_(0) {}
 
 ZAbstractObservable::ZAbstractObservable(const ZAbstractObservable& other)
-    : observers_(copyUnderLock(other.observers_, other.observersLock_)) {}
+    : observers_(copyUnderLock(other.observers_, other.observersLock_)),
+      count_(observers_.size()) {}
 
 ZAbstractObservable& ZAbstractObservable::operator=(const ZAbstractObservable& other) {
     if (this == &other)
@@ -20,6 +21,7 @@ ZAbstractObservable& ZAbstractObservable::operator=(const ZAbstractObservable& o
     const ZArrayList observers = copyUnderLock(other.observers_, other.observersLock_);
     const ZResourceLock guard(observersLock_);
     observers_ = observers;
+    count_ = observers_.size();
     return *this;
 }
 
@@ -28,17 +30,20 @@ void ZAbstractObservable::addObserver(ZObserverInterface* observer) {
     const Voyeur entry(observer);
     if (!observers_.contains(&entry))
         observers_.add(&entry);
+    count_ = observers_.size();
 }
 
 void ZAbstractObservable::deleteObserver(ZObserverInterface* observer) {
     const ZResourceLock guard(observersLock_);
     const Voyeur entry(observer);
     observers_.remove(&entry);
+    count_ = observers_.size();
 }
 
 void ZAbstractObservable::deleteObservers() {
     const ZResourceLock guard(observersLock_);
     observers_.removeAll();
+    count_ = 0;
 }
 
 unsigned int ZAbstractObservable::countObservers() {
@@ -47,6 +52,8 @@ unsigned int ZAbstractObservable::countObservers() {
 }
 
 void ZAbstractObservable::notifyObservers(const ZObservedParm& parm) {
+    if (count_.load(std::memory_order_acquire) == 0)
+        return;
     const ZResourceLock guard(observersLock_);
     const unsigned int size = observers_.size();
     for (unsigned int i = 0; i < size; ++i) {

@@ -167,6 +167,8 @@ int ZPCategoryBasedCache::countValues(const char* category, const char* key) con
 }
 
 int ZPCategoryBasedCache::isObfuscated(const char* category, const char* key) const {
+    if (!store().mayHaveHidden())
+        return 0;
     const Id id = findKey(store(), category, key);
     return id != ZPStore::none && store().anyKind(id) == ZPStore::hidden;
 }
@@ -266,27 +268,30 @@ void ZPCategoryBasedCache::add(const char* category, const char* key, const char
         store().appendItem(id);
 }
 
-void ZPCategoryBasedCache::set(const char* category, const char* key, const char* value) {
-    const Text stanza(category), name(key), text(value);
-    const Id owner = store().createStanza(stanza.chars, stanza.length);
-    if (key == nullptr)
-        return;
-    const Id id = store().createKey(owner, name.chars, name.length);
-    store().replaceValues(id, ZPStore::plain, text.chars, text.length);
-    store().removeItem(id);
+// This value in place of all values of the key; it decides whether the side database follows it.
+static void setValue(ZPStore& store, Id key, ZPStore::Kind kind, const Text& value) {
+    store.replaceValues(key, kind, value.chars, value.length);
+    if (kind == ZPStore::hidden && value.length != 0)
+        store.appendItem(key);
+    else
+        store.removeItem(key);
 }
 
-void ZPCategoryBasedCache::setObfuscated(const char* category, const char* key, const char* value) {
-    const Text stanza(category), name(key), text(value);
-    const Id owner = store().createStanza(stanza.chars, stanza.length);
-    if (key == nullptr)
-        return;
-    const Id id = store().createKey(owner, name.chars, name.length);
-    store().replaceValues(id, ZPStore::hidden, text.chars, text.length);
-    if (text.length != 0)
-        store().appendItem(id);
-    else
-        store().removeItem(id);
+static void setValue(ZPStore& store, const char* category, const char* key, ZPStore::Kind kind,
+                     const char* value) {
+    const Text stanza(category), name(key);
+    const Id owner = store.createStanza(stanza.chars, stanza.length);
+    if (key != nullptr)
+        setValue(store, store.createKey(owner, name.chars, name.length), kind, Text(value));
+}
+
+void ZPCategoryBasedCache::set(const char* category, const char* key, const char* value) {
+    setValue(store(), category, key, ZPStore::plain, value);
+}
+
+void ZPCategoryBasedCache::setObfuscated(const char* category, const char* key,
+                                         const char* value) {
+    setValue(store(), category, key, ZPStore::hidden, value);
 }
 
 void ZPCategoryBasedCache::remove(const char* category, const char* key) {
@@ -326,24 +331,31 @@ void ZPCategoryBasedCache::delStanzaLine(const char* category) {
 
 void ZPCategoryBasedCache::addLine(const char* category, const char* key, const char* value,
                                    int obfuscated) {
-    addStanzaLine(category);
-    if (key == nullptr)
+    if (key == nullptr) {
+        addStanzaLine(category);
         return;
-    const bool existed = contains(category, key) != 0;
-    if (obfuscated != 0)
-        setObfuscated(category, key, value);
-    else
-        set(category, key, value);
-    const Id id = findKey(store(), category, key);
+    }
+    ZPStore& model = store();
+    const Text stanza(category), name(key), text(value);
+    Id id = model.keyInMap(stanza.chars, stanza.length, name.chars, name.length);
+    const bool existed = id != ZPStore::none;
+    if (!existed) {
+        Id owner = model.stanzaInMap(stanza.chars, stanza.length);
+        if (owner == ZPStore::none) {
+            owner = model.createStanza(stanza.chars, stanza.length);
+            model.addHeader(owner);
+        }
+        id = model.createKey(owner, name.chars, name.length);
+    }
+    setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);
     // A key that only the side database knew gets a line with its first plain value, or the value
     // would be missing from the file.
-    const bool hasText = obfuscated == 0 && value != nullptr && *value != '\0';
-    if (existed && (store().hasLine(id) || !hasText))
+    if (existed && (model.hasLine(id) || obfuscated != 0 || text.length == 0))
         return;
-    const Id stanza = store().key(id).stanza;
-    if (store().stanza(stanza).group == ZPStore::none)
-        store().addHeader(stanza);
-    store().placeKeyLine(id);
+    const Id owner = model.key(id).stanza;
+    if (model.stanza(owner).group == ZPStore::none)
+        model.addHeader(owner);
+    model.placeKeyLine(id);
 }
 
 void ZPCategoryBasedCache::delLine(const char* category, const char* key) {

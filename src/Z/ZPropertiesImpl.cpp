@@ -175,6 +175,7 @@ void ZProperties::load(const char* file) {
     if (opened == nullptr)
         raise(path.getChars(), "fopen(r)", errno, __LINE__);
     ZStreamGuard stream(opened);
+    setvbuf(opened, nullptr, _IONBF, 0);  // the reader has room of its own for the whole file
     lockFile(stream.get(), F_RDLCK, path.getChars());
     LoadingScope loading(loading_);
     cache_->be_read(path.getChars(), stream.get());

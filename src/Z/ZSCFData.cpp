@@ -43,23 +43,23 @@ ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
 // ---------------------------------------------------------------- reading text
 
 // Brings the rest of the stream behind the store's text. The size of a regular file is known, so
-// that one read does; one more byte than that shows the end at once.
+// that one read does; where the stream's own position makes it too large, no harm is done.
 static void readAll(ZPStore& store, FILE* stream) {
     size_t room = 64 * 1024;
     struct stat status;
     const int descriptor = fileno(stream);
-    if (descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-        const off_t position = ftello(stream);
-        if (position >= 0 && status.st_size >= position) {
-            const uint64_t rest = static_cast<uint64_t>(status.st_size - position);
-            room = rest < SIZE_MAX ? static_cast<size_t>(rest) + 1 : SIZE_MAX;
-        }
+    bool isWhole = false;
+    if (descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_size > 0) {
+        const uint64_t size = static_cast<uint64_t>(status.st_size);
+        room = size < SIZE_MAX ? static_cast<size_t>(size) : SIZE_MAX;
+        isWhole = true;
     }
     for (;;) {
         char* target = store.textRoom(room);
         const size_t got = fread(target, 1, room, stream);
         store.commitText(got);
-        if (got < room)
+        if (got < room || isWhole)
             return;
         room = store.textSize() / 2 + 64 * 1024;
     }
@@ -81,10 +81,8 @@ public:
           stanza_(ZPStore::none),
           isSideStanza_(false),
           pending_(0),
-          unused_(0) {
-        for (int c = 0; c < 256; ++c)
-            space_[c] = isspace(c) != 0;
-    }
+          unused_(0),
+          classes_(*__ctype_b_loc()) {}
 
     void read(size_t start) {
         const size_t end = store_.textSize();
@@ -130,7 +128,10 @@ private:
         uint32_t hash;
     };
 
-    bool isSpace(char c) const { return space_[static_cast<unsigned char>(c)]; }
+    // As isspace, whose table is asked for once a load.
+    bool isSpace(char c) const {
+        return (classes_[static_cast<unsigned char>(c)] & static_cast<unsigned short>(_ISspace)) != 0;
+    }
 
     ZPSlice slice(const char* from, const char* to) const {
         return {static_cast<uint32_t>(from - store_.text(0)), static_cast<uint32_t>(to - from)};
@@ -242,7 +243,7 @@ private:
     bool isSideStanza_;
     int pending_;
     size_t unused_;
-    bool space_[256];
+    const unsigned short* classes_;  // the locale's, of all characters
     Pending batch_[kBatch];
 };
 

@@ -82,9 +82,9 @@ static inline uint32_t stanzaPlace(uint64_t hash) { return static_cast<uint32_t>
 
 void ZPIndex::reserve(size_t count) {
     // At most three quarters full; grown by doubling, or at once to what a load announces.
-    if (count * 4 <= static_cast<size_t>(capacity_) * 3)
+    if (count <= limit_)
         return;
-    size_t wanted = count + count * 3 / 8 + 8;
+    size_t wanted = count + count * 3 / 8 + 8;  // three quarters of it hold count
     if (count_ != 0 && wanted < static_cast<size_t>(capacity_) * 2)
         wanted = static_cast<size_t>(capacity_) * 2;
     if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
@@ -96,6 +96,7 @@ void ZPIndex::reserve(size_t count) {
     const size_t oldCapacity = capacity_;
     slots_ = fresh;
     capacity_ = static_cast<uint32_t>(wanted);
+    limit_ = static_cast<uint32_t>(wanted / 4 * 3);
     count_ = 0;
     for (size_t i = 0; i < oldCapacity; ++i)
         if (old[i].idPlusOne != 0)
@@ -154,7 +155,8 @@ ZPStore::ZPStore()
       stanzasInMap_(0),
       itemFirst_(none),
       itemLast_(none),
-      itemCount_(0) {
+      itemCount_(0),
+      mayHaveHidden_(false) {
     groups_.reserveExactly(4);
     newGroup(none);
 }
@@ -213,6 +215,8 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
                 const Values values = other.values(k, kind);
                 if (values.list != nullptr) {
                     KeyExtra& extra = extraOf(key);
+                    if (kind == hidden)
+                        noteHidden();
                     extra.lists[kind] = new ZArrayList(*values.list);
                 } else {
                     for (uint32_t i = 0; i < values.count; ++i)
@@ -261,6 +265,7 @@ void ZPStore::clear() {
     swapValues(itemFirst_, fresh.itemFirst_);
     swapValues(itemLast_, fresh.itemLast_);
     swapValues(itemCount_, fresh.itemCount_);
+    swapValues(mayHaveHidden_, fresh.mayHaveHidden_);
 }
 
 // ---------------------------------------------------------------- text
@@ -471,15 +476,7 @@ void ZPStore::makeRoomForKey() {
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
-    const Key fresh = {name, {0, 0}, stanza, none, detached, none, nullptr};
-    Id id = freeKeys_;
-    if (id != none) {
-        freeKeys_ = keys_[id].line;
-        keys_[id] = fresh;
-    } else {
-        id = static_cast<Id>(keys_.size());
-        keys_.push(fresh);
-    }
+    const Id id = takeKey(stanza, name);
     keyIndex_.insert(hash, id);
     return id;
 }
@@ -606,6 +603,8 @@ void ZPStore::dropValues(Id id, Kind kind) {
 void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
     if (length == 0)
         return;
+    if (kind == hidden)
+        noteHidden();
     Key& key = keys_[id];
     if (key.extra != nullptr && key.extra->lists[kind] != nullptr) {
         addString(*key.extra->lists[kind], value, static_cast<uint32_t>(length));
@@ -644,6 +643,8 @@ void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) 
         compactIfWorthwhile();
         return;
     }
+    if (kind == hidden)
+        noteHidden();
     const Kind other = kind == plain ? hidden : plain;
     ZArrayList* list = extra == nullptr ? nullptr : extra->lists[kind];
     if (length == 0) {
@@ -688,6 +689,8 @@ static T* publish(T*& place, std::unique_ptr<T> fresh) {
 }
 
 ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
+    if (kind == hidden)
+        noteHidden();
     const Key& key = keys_[id];
     KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
     if (extra == nullptr)
@@ -776,32 +779,24 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     return newGroup(stanza);
 }
 
-ZPStore::Id ZPStore::readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
+// An entry in all its cases: a key that is there already, or one that finds used records or a
+// handed-out list.
+ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
+                                     bool& isNew) {
     const Id stanza = groups_[group].stanza;
-    const char* bytes = text(name);
-    Id id = keyIndex_.find(hash, [&](Id candidate) {
-        const Key& key = keys_[candidate];
-        return key.stanza == stanza && key.name.length == name.length &&
-               memcmp(text(key.name), bytes, name.length) == 0;
-    });
     isNew = id == none || !attached(id);
     if (isNew) {
-        reserveLines(1);
-        if (id == none) {
-            makeRoomForKey();
+        if (id == none)
             id = newKey(stanza, name, hash);
-        }
         attach(id);
-        appendLine(group, lineKey, id, 0);
-        noteLine(id, groups_[group].last);
+        noteLine(id, appendReservedLine(group, lineKey, id, 0));
         keys_[id].value = value;
         return id;
     }
     if (value.length == 0)
         return id;
     Key& key = keys_[id];
-    const bool single = key.extra == nullptr && key.value.length == 0;
-    if (single) {
+    if (key.extra == nullptr && key.value.length == 0) {
         key.value = value;
         return id;
     }

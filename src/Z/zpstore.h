@@ -70,8 +70,10 @@ public:
     void reserveMore(size_t more) {
         if (room_ - size_ >= more)
             return;
-        reserveExactly(size_ + (more > size_ / 2 ? more : size_ / 2));
+        const size_t step = size_ / 2 < kFirstRoom ? size_t(kFirstRoom) : size_ / 2;
+        reserveExactly(size_ + (more > step ? more : step));
     }
+    bool isFull() const { return size_ == room_; }
 
     void reserveExactly(size_t room) {
         if (room <= room_)
@@ -94,6 +96,8 @@ public:
     }
 
 private:
+    static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
+
     T* data_;
     size_t size_;
     size_t room_;
@@ -104,14 +108,18 @@ private:
 /// are no tombstones and a table stays as fast as it was.
 class ZPIndex {
 public:
-    ZPIndex() : slots_(nullptr), capacity_(0), count_(0) {}
+    ZPIndex() : slots_(nullptr), capacity_(0), count_(0), limit_(0) {}
     ~ZPIndex() { free(slots_); }
     ZPIndex(const ZPIndex&) = delete;
     ZPIndex& operator=(const ZPIndex&) = delete;
 
     /// Room for `count` entries in all; raises ZOutOfMemoryException.
     void reserve(size_t count);
-    void reserveMore(size_t more) { reserve(count_ + more); }
+    void reserveMore(size_t more) {
+        if (more > limit_ - count_)
+            reserve(static_cast<size_t>(count_) + more);
+    }
+    bool isFull() const { return count_ == limit_; }
 
     /// The id whose record `matches`, or none (all ones).
     template <typename Matches>
@@ -129,6 +137,26 @@ public:
         }
     }
 
+    /// Likewise where there is room for one more; `slot` is where the id would go if it is none.
+    template <typename Matches>
+    uint32_t findOrPlace(uint32_t hash, size_t& slot, Matches matches) const {
+        for (size_t i = place(hash);;) {
+            const Slot& candidate = slots_[i];
+            slot = i;
+            if (candidate.idPlusOne == 0)
+                return 0xFFFFFFFFu;
+            if (candidate.hash == hash && matches(candidate.idPlusOne - 1))
+                return candidate.idPlusOne - 1;
+            if (++i == capacity_)
+                i = 0;
+        }
+    }
+    void insertAt(size_t slot, uint32_t hash, uint32_t id) {
+        slots_[slot].hash = hash;
+        slots_[slot].idPlusOne = id + 1;
+        ++count_;
+    }
+
     void prefetch(uint32_t hash) const {
         if (capacity_ != 0)
             __builtin_prefetch(&slots_[place(hash)]);
@@ -141,9 +169,11 @@ public:
 
     void swap(ZPIndex& other) {
         Slot* const slots = slots_;
-        const uint32_t capacity = capacity_, count = count_;
+        const uint32_t capacity = capacity_, count = count_, limit = limit_;
         slots_ = other.slots_, capacity_ = other.capacity_, count_ = other.count_;
+        limit_ = other.limit_;
         other.slots_ = slots, other.capacity_ = capacity, other.count_ = count;
+        other.limit_ = limit;
     }
 
     /// Calls visit(id) for each entry.
@@ -167,6 +197,7 @@ private:
     Slot* slots_;
     uint32_t capacity_;
     uint32_t count_;
+    uint32_t limit_;  // three quarters of the capacity
 };
 
 class ZPStore {
@@ -296,6 +327,9 @@ public:
     Kind anyKind(Id key) const {
         return values(key, plain).count == 0 && values(key, hidden).count != 0 ? hidden : plain;
     }
+    /// False as long as no key has ever had hidden values: most files never do, and then nobody
+    /// has to look.
+    bool mayHaveHidden() const { return __atomic_load_n(&mayHaveHidden_, __ATOMIC_RELAXED); }
     void appendValue(Id key, Kind kind, const char* value, size_t length);
     /// Replaces the values of `kind` by one, or by none if length is 0, and drops the other kind's.
     void replaceValues(Id key, Kind kind, const char* value, size_t length);
@@ -354,11 +388,47 @@ public:
     Id readHeader(ZPSlice name);
     /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
     /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
-    Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew);
+    Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
+        if (keyIndex_.isFull() || keys_.isFull() || lines_.isFull()) {
+            makeRoomForKey();
+            reserveLines(1);
+        }
+        Group& owner = groups_[group];
+        const Id stanzaId = owner.stanza;
+        const char* bytes = text(name);
+        size_t slot;
+        const Id found = keyIndex_.findOrPlace(hash, slot, [&](Id candidate) {
+            const Key& key = keys_[candidate];
+            return key.stanza == stanzaId && key.name.length == name.length &&
+                   memcmp(text(key.name), bytes, name.length) == 0;
+        });
+        Stanza& stanza = stanzas_[stanzaId];
+        if (found != none || freeKeys_ != none || freeLines_ != none || stanza.keyList != nullptr)
+            return readEntrySlowly(group, name, value, hash, found, isNew);
+        // The usual case, all in one: a new key at the end of its stanza and group.
+        const Id id = static_cast<Id>(keys_.size());
+        const Id line = static_cast<Id>(lines_.size());
+        keyIndex_.insertAt(slot, hash, id);
+        const Key key = {name, value, stanzaId, line, none, stanza.last, nullptr};
+        keys_.push(key);
+        *(stanza.last == none ? &stanza.first : &keys_[stanza.last].next) = id;
+        stanza.last = id;
+        ++stanza.count;
+        const Line keyLine = {none, owner.last, id, lineKey};
+        lines_.push(keyLine);
+        *(owner.last == none ? &owner.first : &lines_[owner.last].next) = line;
+        owner.last = owner.lastKey = line;
+        isNew = true;
+        return id;
+    }
     void readComment(Id group, ZPSlice text) {
         appendLine(group, lineComment, text.offset, text.length);
     }
     void readBlank(Id group) { appendLine(group, lineBlank, 0, 0); }
+    void appendLine(Id group, LineType type, uint32_t ref, uint32_t length) {
+        reserveLines(1);
+        appendReservedLine(group, type, ref, length);
+    }
     Id lastGroup() const { return groups_[0].prev; }
     uint32_t keyHash(Id stanza, const char* key, size_t length) const {
         return combine(stanzas_[stanza].hash, hashBytes(key, length));
@@ -386,25 +456,65 @@ private:
     uint32_t hashOf(Id key) const;
     Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before
     Id newKey(Id stanza, ZPSlice name, uint32_t hash);
+    /// A record for a detached key that the index doesn't know yet.
+    Id takeKey(Id stanza, ZPSlice name) {
+        const Key fresh = {name, {0, 0}, stanza, none, detached, none, nullptr};
+        Id id = freeKeys_;
+        if (id == none) {
+            id = static_cast<Id>(keys_.size());
+            keys_.push(fresh);
+        } else {
+            freeKeys_ = keys_[id].line;
+            keys_[id] = fresh;
+        }
+        return id;
+    }
     void attach(Id key);
     void makeRoomForKey();
     void freeKeyIfUnneeded(Id key);
     void freeStanzaIfUnneeded(Id stanza);
     KeyExtra& extraOf(Id key);
+    void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
     void dropValues(Id key, Kind kind);
 
     Id newLine(LineType type, uint32_t ref, uint32_t length);  // needs room made before
     Id newGroup(Id stanza);
-    void appendLine(Id group, LineType type, uint32_t ref, uint32_t length);
+    Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
     /// In front of `before` in the group, at its end if that is none.
     void insertLine(Id group, Id before, Id line);
+    /// At the end of the group; needs room made before.
+    Id appendReservedLine(Id group, LineType type, uint32_t ref, uint32_t length) {
+        const Id id = freeLines_ == none ? static_cast<Id>(lines_.size()) : takeFreeLine();
+        Group& owner = groups_[group];
+        const Line fresh = {none, owner.last, ref, length << 2 | type};
+        if (id == lines_.size())
+            lines_.push(fresh);
+        else
+            lines_[id] = fresh;
+        if (owner.last != none)
+            lines_[owner.last].next = id;
+        else
+            owner.first = id;
+        owner.last = id;
+        if (type == lineKey)
+            owner.lastKey = id;
+        else
+            noteOtherLine(owner, id);
+        return id;
+    }
+    Id takeFreeLine();
+    void noteOtherLine(Group& group, Id line);
     void unlinkLine(Id group, Id line);
-    void reserveLines(size_t more);
+    void reserveLines(size_t more) {
+        if (freeLineCount_ < more)
+            lines_.reserveMore(more - freeLineCount_);
+    }
     Id insertComment(Id group, Id before, ZPSlice text);
     Id lastKeyLine(Id group);
     Id findSample(Id group, Id key);
     void addSample(Group& group, Id line);
-    void noteLine(Id key, Id line);
+    /// The key has got one more line.
+    void noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
     void countLines(Id key);
     bool isFree(Id key) const { return keys_[key].stanza == none; }
     bool isCommentWeWant(const ZPSlice& key, Id line) const;
@@ -423,6 +533,7 @@ private:
     uint32_t stanzasInMap_;
     Id itemFirst_, itemLast_;
     uint32_t itemCount_;
+    mutable bool mayHaveHidden_;  // set by whoever makes room for hidden values, never cleared
 };
 
 #endif

@@ -83,22 +83,33 @@ static uint32_t keySampleHash(const char* key, size_t length) {
 
 // ---------------------------------------------------------------- lines and groups
 
-void ZPStore::reserveLines(size_t more) {
-    if (freeLineCount_ < more)
-        lines_.reserveMore(more - freeLineCount_);
+ZPStore::Id ZPStore::takeFreeLine() {
+    const Id id = freeLines_;
+    freeLines_ = lines_[id].next;
+    --freeLineCount_;
+    return id;
 }
 
 ZPStore::Id ZPStore::newLine(LineType type, uint32_t ref, uint32_t length) {
     const Line fresh = {none, none, ref, length << 2 | type};
-    const Id id = freeLines_;
-    if (id == none) {
+    if (freeLines_ == none) {
         lines_.push(fresh);
         return static_cast<Id>(lines_.size() - 1);
     }
-    freeLines_ = lines_[id].next;
-    --freeLineCount_;
+    const Id id = takeFreeLine();
     lines_[id] = fresh;
     return id;
+}
+
+// The group has got one more comment or blank line.
+void ZPStore::noteOtherLine(Group& group, Id id) {
+    if (lines_[id].type() == lineBlank) {
+        ++group.blanks;
+    } else {
+        ++group.comments;
+        if (group.samples != nullptr)
+            addSample(group, id);
+    }
 }
 
 ZPStore::Id ZPStore::newGroup(Id stanza) {
@@ -139,20 +150,10 @@ void ZPStore::insertLine(Id groupId, Id before, Id id) {
         lines_[before].prev = id;
     else
         group.last = id;
-    if (line.type() == lineComment) {
-        ++group.comments;
-        if (group.samples != nullptr)
-            addSample(group, id);
-    } else if (line.type() == lineBlank) {
-        ++group.blanks;
-    } else {
+    if (line.type() == lineKey)
         group.lastKey = before == none ? id : unknown;
-    }
-}
-
-void ZPStore::appendLine(Id group, LineType type, uint32_t ref, uint32_t length) {
-    reserveLines(1);
-    insertLine(group, none, newLine(type, ref, length));
+    else
+        noteOtherLine(group, id);
 }
 
 void ZPStore::unlinkLine(Id groupId, Id id) {
@@ -172,9 +173,6 @@ void ZPStore::unlinkLine(Id groupId, Id id) {
     freeLines_ = id;
     ++freeLineCount_;
 }
-
-// A key has got one more line.
-void ZPStore::noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
 
 // Looks for the key's lines: none, the only one, or many.
 void ZPStore::countLines(Id key) {

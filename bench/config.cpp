@@ -1,0 +1,256 @@
+// config.cpp: the configuration beside its peers, GLib's key file and SimpleIni, in one run.
+//
+// For each number of keys and each layout (stanzas of 20 keys, one big stanza) a file with comments
+// is written, and the same work is done with each library, comments kept: load, look-up of a value
+// copied into the caller's string, look-up as a number, setting an existing key, adding and deleting
+// keys, storing after one change, memory held after a load. The libraries take turns within each
+// repetition, since machines are noisy, and the best time of each counts. Printed: microseconds or
+// nanoseconds a piece, and ours as a share of the better peer's.
+//
+//   config [--quick] [number of keys ...]
+#include <malloc.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "adapters.h"
+
+extern char** environ;
+
+namespace {
+
+// ---------------------------------------------------------------- the work
+
+enum Work { load, lookUp, number, setKey, addKey, deleteKey, storeFile, memory, workCount };
+
+const char* const kWork[] = {"load", "look-up", "integer", "set", "add", "delete", "store", "memory"};
+// Ours as a share of the better peer's, by work and number of keys.
+double mark(Work work, size_t keys) {
+    switch (work) {
+        case load:
+            return keys <= 100 || keys >= 1000000 ? 0.3 : 0.2;
+        case lookUp:
+        case number:
+            return keys <= 100 ? 0.85 : keys >= 1000000 ? 0.45 : 0.65;
+        case setKey:
+            return 0.5;
+        case addKey:
+        case deleteKey:
+            return 0.6;
+        case storeFile:
+            return 0.2;
+        default:
+            return keys >= 1000000 ? 0.65 : 0;
+    }
+}
+
+struct Plan {
+    std::string path, other;
+    std::vector<Name> names;   // of all keys
+    std::vector<Name> probes;  // in random order
+    std::vector<Name> fresh;   // to be added and deleted
+};
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+size_t heapBytes() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+volatile size_t sink;
+
+// Nanoseconds a piece of `times` repetitions of `action` over `names`.
+template <typename Action>
+double perName(const std::vector<Name>& names, Action action) {
+    const double start = now();
+    size_t sum = 0;
+    for (const Name& name : names)
+        sum += action(name);
+    sink = sum;
+    return (now() - start) * 1e9 / static_cast<double>(names.size());
+}
+
+template <typename File>
+void measure(const Plan& plan, double* best) {
+    const size_t keys = plan.names.size();
+    double result[workCount];
+    const size_t before = heapBytes();
+    double start = now();
+    std::unique_ptr<File> file(new File);
+    file->load(plan.path.c_str());
+    result[load] = (now() - start) * 1e9 / static_cast<double>(keys);
+    result[memory] = static_cast<double>(heapBytes() - before) / static_cast<double>(keys);
+    result[lookUp] = perName(plan.probes, [&](const Name& n) { return file->get(n); });
+    result[number] = perName(plan.probes, [&](const Name& n) { return file->getNumber(n); });
+    result[setKey] = perName(plan.probes, [&](const Name& n) {
+        file->set(n, "48151623");
+        return size_t(0);
+    });
+    result[addKey] = perName(plan.fresh, [&](const Name& n) {
+        file->set(n, "42");
+        return size_t(0);
+    });
+    result[deleteKey] = perName(plan.fresh, [&](const Name& n) {
+        file->remove(n);
+        return size_t(0);
+    });
+    file.reset(new File);
+    file->load(plan.path.c_str());
+    file->set(plan.probes[0], "1");
+    start = now();
+    file->store(plan.other.c_str());
+    result[storeFile] = (now() - start) * 1e9 / static_cast<double>(keys);
+    for (int w = 0; w < workCount; ++w)
+        best[w] = best[w] == 0 ? result[w] : std::min(best[w], result[w]);
+}
+
+// Loads of small files are repeated within one measurement, or the clock's steps would show.
+template <typename File>
+double loadOnly(const Plan& plan, int times) {
+    const double start = now();
+    for (int i = 0; i < times; ++i) {
+        File file;
+        file.load(plan.path.c_str());
+    }
+    return (now() - start) * 1e9 / times / static_cast<double>(plan.names.size());
+}
+
+Plan makePlan(const std::string& folder, size_t keys, size_t perStanza) {
+    Plan plan;
+    plan.path = folder + "/in.conf";
+    plan.other = folder + "/out.conf";
+    std::ofstream out(plan.path);
+    out << "# A file made for measuring.\n\n";
+    for (size_t i = 0; i < keys; ++i) {
+        const std::string stanza = "section" + std::to_string(i / perStanza);
+        if (i % perStanza == 0)
+            out << (i == 0 ? "" : "\n") << "[" << stanza << "]\n# What belongs together\n";
+        const std::string key = "setting" + std::to_string(i);
+        out << key << " = " << (100000 + i * 7919 % 900000) << "\n";
+        plan.names.push_back({stanza, key});
+    }
+    out.close();
+    std::ofstream(plan.other) << "";
+    std::mt19937 random(42);
+    const size_t probes = std::min<size_t>(std::max<size_t>(keys, 20000), 200000);
+    for (size_t i = 0; i < probes; ++i)
+        plan.probes.push_back(plan.names[random() % keys]);
+    for (size_t i = 0; i < std::min<size_t>(keys, 20000); ++i)
+        plan.fresh.push_back({plan.names[random() % keys].stanza, "added" + std::to_string(i)});
+    return plan;
+}
+
+void printRow(const char* work, double ours, double glib, double simple, double limit,
+              const char* unit) {
+    const double peer = std::min(glib, simple);
+    const double ratio = ours / peer;
+    printf("  %-8s %10.1f %10.1f %10.1f  %-9s %6.2f", work, ours, glib, simple, unit, ratio);
+    if (limit != 0)
+        printf("   %.2f %s", limit, ratio <= limit ? "met" : "MISSED");
+    printf("\n");
+}
+
+void runSize(const std::string& folder, size_t keys, size_t perStanza, int repetitions) {
+    const Plan plan = makePlan(folder, keys, perStanza);
+    double ours[workCount] = {}, glib[workCount] = {}, simple[workCount] = {};
+    for (int i = 0; i < repetitions; ++i) {
+        measure<OurFile>(plan, ours);
+        measure<GLibFile>(plan, glib);
+        measure<SimpleFile>(plan, simple);
+        if (keys <= 1000) {
+            const int times = static_cast<int>(20000 / keys);
+            ours[load] = std::min(ours[load], loadOnly<OurFile>(plan, times));
+            glib[load] = std::min(glib[load], loadOnly<GLibFile>(plan, times));
+            simple[load] = std::min(simple[load], loadOnly<SimpleFile>(plan, times));
+        }
+    }
+    printf("%zu keys, %s\n", keys, perStanza < keys ? "stanzas of 20" : "one stanza");
+    printf("  %-8s %10s %10s %10s  %-9s %6s   %s\n", "work", "zbase", "GLib", "SimpleIni", "unit",
+           "ratio", "mark");
+    for (int w = 0; w < workCount; ++w) {
+        const Work work = static_cast<Work>(w);
+        // The mark of a store is a share of GLib's.
+        const double other = work == storeFile ? glib[w] : simple[w];
+        printRow(kWork[w], ours[w], glib[w], work == storeFile ? other : simple[w],
+                 mark(work, keys), work == memory ? "bytes/key" : "ns/key");
+    }
+    printf("\n");
+    fflush(stdout);
+}
+
+// ---------------------------------------------------------------- one edit as a whole process
+
+double spawnEdit(const std::string& program, const std::string& path) {
+    const double start = now();
+    const char* arguments[] = {program.c_str(), path.c_str(), nullptr};
+    pid_t pid;
+    int status;
+    if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, const_cast<char**>(arguments),
+                    environ) != 0 ||
+        waitpid(pid, &status, 0) != pid || status != 0)
+        abort();
+    return (now() - start) * 1e6;
+}
+
+// Each library has an editing program of its own, that links nothing of the others.
+void runProcesses(const std::string& folder, const std::string& here, int repetitions) {
+    const char* const kPrograms[] = {"/edit_zbase", "/edit_glib", "/edit_simpleini"};
+    for (size_t keys : {size_t(100), size_t(1000)}) {
+        const Plan plan = makePlan(folder, keys, 20);
+        double best[3] = {1e9, 1e9, 1e9};
+        for (int i = 0; i < repetitions * 40; ++i)
+            for (int p = 0; p < 3; ++p)
+                best[p] = std::min(best[p], spawnEdit(here + kPrograms[p], plan.path));
+        printf("%zu keys, one edit as a whole process\n", keys);
+        printRow("edit", best[0], best[1], best[2], 0.4, "us");
+        printf("\n");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
+    int repetitions = 5;
+    std::vector<size_t> sizes;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--quick") == 0)
+            repetitions = 1;
+        else
+            sizes.push_back(strtoul(argv[i], nullptr, 10));
+    }
+    const bool all = sizes.empty();
+    if (all)
+        sizes = {100, 1000, 100000, 1000000};
+    char folder[] = "/tmp/zbase-bench-XXXXXX";
+    if (mkdtemp(folder) == nullptr)
+        return 1;
+    for (size_t keys : sizes) {
+        const int rounds = keys <= 1000 ? repetitions * 6 : repetitions;
+        runSize(folder, keys, 20, rounds);
+        runSize(folder, keys, keys, rounds);
+    }
+    if (all) {
+        std::string here = argv[0];
+        here.resize(here.rfind('/') == std::string::npos ? 0 : here.rfind('/'));
+        runProcesses(folder, here.empty() ? "." : here, repetitions);
+    }
+    for (const char* name : {"/in.conf", "/out.conf"})
+        unlink((std::string(folder) + name).c_str());
+    rmdir(folder);
+    return 0;
+}
