@@ -30,8 +30,10 @@ extern "C" iconv_t iconv_open(const char* to, const char* from) {
 namespace {
 
 std::string threadLine() {
-    return " Thread: " + std::to_string(static_cast<int>(reinterpret_cast<uintptr_t>(
-                             reinterpret_cast<void*>(pthread_self())))) + "\n";
+    return " Thread: " +
+           std::to_string(static_cast<int>(
+               reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())))) +
+           "\n";
 }
 
 template <typename Action>
@@ -74,8 +76,8 @@ const ReportCase kReports[] = {
      "Unexpected error from pthread_cond_broadcast().  rc = 4."},
     {[] { return make<ZThreadException>(20, 3); }, "ZThreadException", 20,
      "Unexpected error from pthread_join().  rc = 3."},
-    {[] { return make<ZAbstractNotImplementedException>("x"); },
-     "ZAbstractNotImplementedException", 31, "The requested function is not implemented."},
+    {[] { return make<ZAbstractNotImplementedException>("x"); }, "ZAbstractNotImplementedException",
+     31, "The requested function is not implemented."},
     {[] { return make<ZInvalidResourceStateException>("read"); }, "ZResourceException", 32,
      "An unexpected lock state was detected.  The current lock state is read."},
     {[] { return make<ZOpenResourceException>(37, 13, "/l"); }, "ZResourceException", 37,
@@ -96,9 +98,9 @@ const ReportCase kReports[] = {
      "The configuration file f has an invalid boolean value v for key k in stanza c."},
     {[] { return make<ZPropertiesIteratorException>("f"); }, "ZPropertiesIteratorException", 42,
      "The iterator for  configuration file f is in an invalid state for the operation"},
-    {[] { return make<ZPropertiesIOException>("f", "fopen(w)", 22); }, "ZPropertiesIOException",
-     43, "Access failed for configuration file f.  The access function was fopen(w) and return "
-         "code was 22"},
+    {[] { return make<ZPropertiesIOException>("f", "fopen(w)", 22); }, "ZPropertiesIOException", 43,
+     "Access failed for configuration file f.  The access function was fopen(w) and return "
+     "code was 22"},
     {[] { return make<ZPropertiesInvalidDataException>("f", "d", 7); },
      "ZPropertiesInvalidDataException", 44,
      "The configuration file \"f\" contains invalid data at line 7.\nData: \"d\""},
@@ -317,9 +319,9 @@ TEST(Setup, WithoutQELDIRNamesAreNullAndOneExceptionHasText) {
 }
 
 TEST(Messages, FirstUses) {
-    for (const char* test : {"Child.DISABLED_ServiceIsTheDefaultOneAtFirst",
-                             "Child.DISABLED_ServiceIsSetBeforeAnyUse",
-                             "Child.DISABLED_NullServiceBeforeAnyUse"}) {
+    for (const char* test :
+         {"Child.DISABLED_ServiceIsTheDefaultOneAtFirst", "Child.DISABLED_ServiceIsSetBeforeAnyUse",
+          "Child.DISABLED_NullServiceBeforeAnyUse"}) {
         const SelfChild child = runSelf(test, {});
         EXPECT_TRUE(child.passed()) << child.output;
     }

@@ -146,11 +146,15 @@ struct SearchCase {
 const unsigned int kNone = ZAbstractString::notFound;
 
 const SearchCase kSearches[] = {
-    {"abab", "ab", 1, 1, 1, 0, 2},   {"aaa", "aa", 1, 1, 1, 0, 0},
+    {"abab", "ab", 1, 1, 1, 0, 2},
+    {"aaa", "aa", 1, 1, 1, 0, 0},
     {"cd", "abcd", 0, 0, 0, kNone, kNone},
-    {"a", "", 1, 0, 1, 0, 1},        {"", "", 0, 0, 1, 0, 0},
-    {"", "a", 0, 0, 0, kNone, kNone}, {"abc", "bc", 0, 1, 1, 1, 1},
-    {"abc", "abc", 1, 1, 1, 0, 0},   {"abc", nullptr, 1, 1, 0, kNone, 3},
+    {"a", "", 1, 0, 1, 0, 1},
+    {"", "", 0, 0, 1, 0, 0},
+    {"", "a", 0, 0, 0, kNone, kNone},
+    {"abc", "bc", 0, 1, 1, 1, 1},
+    {"abc", "abc", 1, 1, 1, 0, 0},
+    {"abc", nullptr, 1, 1, 0, kNone, 3},
     {"", nullptr, 1, 1, 0, kNone, 0},
 };
 
@@ -268,10 +272,22 @@ TYPED_TEST(BothFamilies, AgreeWithAModel) {
         const unsigned int pos = below(static_cast<unsigned int>(model.size()) + 2);
         const unsigned int count = below(9);
         switch (below(11)) {
-            case 0: s.append(part.c_str()); model += part; break;
-            case 1: s.append('b'); model += 'b'; break;
-            case 2: s.insert(pos, part.c_str()); model.insert(std::min<size_t>(pos, model.size()), part); break;
-            case 3: s.prepend(part.c_str()); model.insert(0, part); break;
+            case 0:
+                s.append(part.c_str());
+                model += part;
+                break;
+            case 1:
+                s.append('b');
+                model += 'b';
+                break;
+            case 2:
+                s.insert(pos, part.c_str());
+                model.insert(std::min<size_t>(pos, model.size()), part);
+                break;
+            case 3:
+                s.prepend(part.c_str());
+                model.insert(0, part);
+                break;
             case 4:
                 s.remove(pos, count);
                 if (count == 0)
@@ -279,15 +295,33 @@ TYPED_TEST(BothFamilies, AgreeWithAModel) {
                 else if (pos + count <= model.size())
                     model.erase(pos, count);
                 break;
-            case 5: s.trunc(pos); model.resize(std::min<size_t>(pos, model.size())); break;
-            case 6: s = s.subString(pos, 60); model = model.substr(std::min<size_t>(pos, model.size()), 60); break;
-            case 7: s = TypeParam(part.c_str()) + s; model = part + model; break;
-            case 8: s += ConstOf::of(s); model += model; break;
-            case 9: s = TypeParam(s); break;
+            case 5:
+                s.trunc(pos);
+                model.resize(std::min<size_t>(pos, model.size()));
+                break;
+            case 6:
+                s = s.subString(pos, 60);
+                model = model.substr(std::min<size_t>(pos, model.size()), 60);
+                break;
+            case 7:
+                s = TypeParam(part.c_str()) + s;
+                model = part + model;
+                break;
+            case 8:
+                s += ConstOf::of(s);
+                model += model;
+                break;
+            case 9:
+                s = TypeParam(s);
+                break;
             default:
-                EXPECT_EQ(s.indexOf(part.c_str(), pos), static_cast<unsigned int>(model.find(part, std::min<size_t>(pos, model.size()))));
+                EXPECT_EQ(s.indexOf(part.c_str(), pos),
+                          static_cast<unsigned int>(
+                              model.find(part, std::min<size_t>(pos, model.size()))));
                 EXPECT_EQ(s.contains(part.c_str()), model.find(part) != std::string::npos);
-                EXPECT_EQ(s.endsWith(part.c_str()), !part.empty() && part.size() <= model.size() && model.compare(model.size() - part.size(), part.size(), part) == 0);
+                EXPECT_EQ(s.endsWith(part.c_str()),
+                          !part.empty() && part.size() <= model.size() &&
+                              model.compare(model.size() - part.size(), part.size(), part) == 0);
         }
         if (model.size() > 2000) {
             s.trunc(50);

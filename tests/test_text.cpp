@@ -70,8 +70,10 @@ struct ConversionCase {
 
 const ConversionCase kConversions[] = {
     {"UTF8", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"},
-    {"ANSI_X3.4-1968", "plain text, longer than a word or two", "plain text, longer than a word or two"},
-    {"ISO-8859-1", "caf\xE9 and then a long run of ASCII \xFC", "caf\xC3\xA9 and then a long run of ASCII \xC3\xBC"},
+    {"ANSI_X3.4-1968", "plain text, longer than a word or two",
+     "plain text, longer than a word or two"},
+    {"ISO-8859-1", "caf\xE9 and then a long run of ASCII \xFC",
+     "caf\xC3\xA9 and then a long run of ASCII \xC3\xBC"},
     {"ISO-8859-15", "\xA4 1", "\xE2\x82\xAC 1"},
     {"KOI8-R", "\xD0\xD2", "\xD0\xBF\xD1\x80"},
     {"IBM037", "\xC1\x40\xF1", "A 1"},
@@ -125,6 +127,7 @@ const InvalidCase kInvalid[] = {
     {"not in EUC-JP", "EUC-JP", nullptr, "\xF0\x9F\x98\x80"},
     {"dropped by iconv", "EUC-JP", nullptr, "a\xF3\xA0\x81\x81"},
     {"surrogate", "EUC-JP", nullptr, "\xED\xA0\x80"},
+    {"fails when shifted", "ISO-2022-JP", "\x1B$B\x46\x7C\xFF", "\xE6\x97\xA5\xF0\x9F\x98\x80"},
 };
 
 TEST(Codesets, RefuseWhatIsntValidOrHasNoCounterpart) {
@@ -222,7 +225,10 @@ TEST(Codesets, MeasureCharacters) {
 // In Shift_JIS the second byte of a character may be a backslash or a letter.
 TEST(Codesets, FindWholeCharactersOnly) {
     const CodesetHandle sjis("CP932");
-    const char text[] = "\x95\x5C" "a\\b\x83\x61" "a";  // 表 a \ b ヂ a
+    const char text[] =
+        "\x95\x5C"
+        "a\\b\x83\x61"
+        "a";  // 表 a \ b ヂ a
     EXPECT_EQ(qel_strchr(sjis, text, '\\'), text + 3);
     EXPECT_EQ(qel_strchr(sjis, text + 5, 'a'), text + 7);
     EXPECT_EQ(qel_strrchr(sjis, text, '\\'), text + 3);
@@ -244,10 +250,15 @@ TEST(Codesets, FindWholeCharactersOnly) {
     EXPECT_EQ(qel_strtok(sjis, nullptr, "\\", &rest), nullptr) << "stays at the end";
 
     const CodesetHandle utf8("UTF8");
-    const char euro[] = "a\xE2\x82\xAC" "b";
+    const char euro[] =
+        "a\xE2\x82\xAC"
+        "b";
     EXPECT_EQ(qel_strstr(utf8, euro, "\xE2\x82\xAC"), euro + 1);
     EXPECT_EQ(qel_strstr(utf8, euro, "\x82\xAC"), nullptr) << "part of a character";
-    EXPECT_EQ(qel_strspn(utf8, euro, "\xE2\x82\xAC" "a"), 4U);
+    EXPECT_EQ(qel_strspn(utf8, euro,
+                         "\xE2\x82\xAC"
+                         "a"),
+              4U);
 }
 
 TEST(Codesets, CopyWholeCharactersOnly) {
@@ -255,18 +266,32 @@ TEST(Codesets, CopyWholeCharactersOnly) {
     const struct {
         size_t n;
         const char* copied;
-    } cases[] = {{0, ""}, {1, "a"}, {2, "a"}, {3, "a"}, {4, "a\xE2\x82\xAC"}, {9, "a\xE2\x82\xAC" "b"}};
+    } cases[] = {{0, ""},
+                 {1, "a"},
+                 {2, "a"},
+                 {3, "a"},
+                 {4, "a\xE2\x82\xAC"},
+                 {9,
+                  "a\xE2\x82\xAC"
+                  "b"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.n);
         char target[16];
         memset(target, '#', sizeof target);
-        qel_strncpy(utf8, target, "a\xE2\x82\xAC" "b", c.n);
+        qel_strncpy(utf8, target,
+                    "a\xE2\x82\xAC"
+                    "b",
+                    c.n);
         std::string expected = c.copied;
         expected.resize(c.n);  // padded with NULs
         EXPECT_EQ(std::string(target, c.n), expected);
         EXPECT_EQ(target[c.n], '#') << "nothing behind";
         strcpy(target, "x");
-        EXPECT_EQ(qel_strncat(utf8, target, "a\xE2\x82\xAC" "b", c.n), std::string("x") + c.copied);
+        EXPECT_EQ(qel_strncat(utf8, target,
+                              "a\xE2\x82\xAC"
+                              "b",
+                              c.n),
+                  std::string("x") + c.copied);
     }
 }
 
@@ -293,7 +318,8 @@ TEST(Child, DISABLED_CaseIsThatOfTheLocaleHandle) {
     } cases[] = {
         {utf8, "aZ\xC3\x89\xC3\xA9\xFF!", "az\xC3\xA9\xC3\xA9\xFF!", "AZ\xC3\x89\xC3\x89\xFF!"},
         {utf8, "\xC4\xB1\xC4\xB0", "\xC4\xB1\xC4\xB0", "\xC4\xB1\xC4\xB0"},  // would change length
-        {latin, "\xE9\xC9\xFF", "\xE9\xE9\xFF", "\xC9\xC9\xFF"},  // the upper case of ff isn't there
+        {latin, "\xE9\xC9\xFF", "\xE9\xE9\xFF",
+         "\xC9\xC9\xFF"},  // the upper case of ff isn't there
         {japanese, "a\xA3\xE1\xA3\xC1", "a\xA3\xE1\xA3\xE1", "A\xA3\xC1\xA3\xC1"},
     };
     for (const auto& c : cases) {
@@ -332,7 +358,11 @@ TEST(TextFunctions, RefuseNothingAndConvertNothing) {
     EXPECT_EQ(zgetLCSHandle(), zgetLCSHandle());
     EXPECT_NE(zgetLCSHandle(), zgetUTF8Handle());
     EXPECT_EQ(zstrcount(zgetUTF8Handle(), nullptr), 0U);
-    EXPECT_EQ(zstrcount(zgetUTF8Handle(), "a\xE2\x82\xAC" "b"), 5U) << "bytes, not characters";
+    EXPECT_EQ(zstrcount(zgetUTF8Handle(),
+                        "a\xE2\x82\xAC"
+                        "b"),
+              5U)
+        << "bytes, not characters";
     EXPECT_EQ(zstrcount(zgetUTF8Handle(), "a\xE2\x82"), 1U) << "up to what isn't valid";
     EXPECT_EQ(zisspace(zgetUTF8Handle(), nullptr, 1), 0);
     EXPECT_EQ(zisspace(zgetUTF8Handle(), " ", 0), 0);
@@ -363,8 +393,14 @@ const LocaleCase kLocales[] = {
      "a\xED\xA0\x80", "\xC3", 2},
     {"en_US.ISO-8859-1", "ISO-8859-1", "\xE9t\xE9", "\xC3\xA9t\xC3\xA9", "\xC9T\xC9",
      "\xE2\x82\xAC", nullptr, 1},
-    {"ja_JP.EUC-JP", "EUC-JP", "\xC6\xFC" "a\xCB\xDC", "\xE6\x97\xA5" "a\xE6\x9C\xAC",
-     "\xC6\xFC" "A\xCB\xDC", "\xF0\x9F\x98\x80", "a\xC6", 2},
+    {"ja_JP.EUC-JP", "EUC-JP",
+     "\xC6\xFC"
+     "a\xCB\xDC",
+     "\xE6\x97\xA5"
+     "a\xE6\x9C\xAC",
+     "\xC6\xFC"
+     "A\xCB\xDC",
+     "\xF0\x9F\x98\x80", "a\xC6", 2},
 };
 
 TEST(Child, DISABLED_StringsInALocale) {
@@ -429,6 +465,9 @@ TEST(Child, DISABLED_StringsInALocale) {
     local = "old";
     local = ZUTF8String();
     EXPECT_STREQ(local, "");
+    local = "old";
+    local.setChars(static_cast<const ZAbstractString&>(ZUTF8String()));
+    EXPECT_STREQ(local, "") << "nothing to convert";
 
     if (MB_CUR_MAX == 1) {
         EXPECT_EQ(zmblen(zgetLCSHandle(), "", 0), 1) << "isn't looked at";

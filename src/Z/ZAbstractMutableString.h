@@ -55,8 +55,8 @@ public:
     }
 
     /// Makes room for `n` bytes, unless `exact` with a fifth more, but never leaves the 95 bytes
-    /// inside for less. Once outside it grows by the fifth even if `n` bytes fit already. The text's
-    /// new place.
+    /// inside for less. Once outside it grows by the fifth even if `n` bytes fit already. The
+    /// text's new place.
     char* bump(unsigned int n, int exact);
 
     /// Makes room for exactly `n` bytes if there is less. The capacity.
@@ -86,7 +86,8 @@ public:
     /// Puts `s` in front of the text. Room is taken anew, from 95 bytes.
     ZAbstractMutableString& prepend(const char* s);
 
-    /// Takes `count` bytes out; nothing when fewer are there. A `count` of 0 takes all from `pos` on.
+    /// Takes `count` bytes out; nothing when fewer are there. A `count` of 0 takes all from `pos`
+    /// on.
     ZAbstractMutableString& remove(unsigned int pos, unsigned int count);
 
     /// Cuts the text to `n` bytes; nothing when it is shorter.

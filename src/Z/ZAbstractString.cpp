@@ -121,8 +121,7 @@ int ZAbstractString::endsWith(const char* s) const {
         return 1;
     const size_t length = strlen(s);
     const unsigned int ownLength = getLength();
-    return length != 0 && length <= ownLength &&
-           strcmp(getChars() + (ownLength - length), s) == 0;
+    return length != 0 && length <= ownLength && strcmp(getChars() + (ownLength - length), s) == 0;
 }
 
 int ZAbstractString::equals(const char* s) const {

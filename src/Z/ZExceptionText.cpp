@@ -12,22 +12,22 @@
     }
 
 // Classes with one text, whose message has no other insert.
-#define Z_ONE_TEXT(Class, number, field)                                              \
+#define Z_ONE_TEXT(Class, number, field)                                                       \
     Class::Class(const char* field##text) : ZZException(number, #Class), field(field##text) {} \
-    Z_CONCRETE(Class)                                                                 \
+    Z_CONCRETE(Class)                                                                          \
     int Class::print() { return printinternal(this, field.getChars()); }
 
 // Classes that name the local codeset of the moment.
-#define Z_LOCAL_CODESET(Class, number)                                                          \
+#define Z_LOCAL_CODESET(Class, number)                                                     \
     Class::Class() : ZZException(number, #Class), localCodeset_(zgetLocalCodesetName()) {} \
-    Z_CONCRETE(Class)                                                                           \
+    Z_CONCRETE(Class)                                                                      \
     int Class::print() { return printinternal(this, localCodeset_.getChars()); }
 
 // Failures of a named resource.
-#define Z_NAMED_RESOURCE(Class)                              \
-    Class::Class(int number, int rc, const char* value)      \
-        : ZResourceException(number, rc), value_(value) {}   \
-    Z_CONCRETE(Class)                                        \
+#define Z_NAMED_RESOURCE(Class)                            \
+    Class::Class(int number, int rc, const char* value)    \
+        : ZResourceException(number, rc), value_(value) {} \
+    Z_CONCRETE(Class)                                      \
     int Class::print() { return printinternal(this, rc_, value_.getChars()); }
 
 Z_NAMED_RESOURCE(ZOpenResourceException)
@@ -119,8 +119,7 @@ Z_CONCRETE(ZPropertiesIteratorException)
 
 int ZPropertiesIteratorException::print() { return printinternal(this, propFile()); }
 
-ZPropertiesIOException::ZPropertiesIOException(const char* propFile, const char* api,
-                                               int excerrno)
+ZPropertiesIOException::ZPropertiesIOException(const char* propFile, const char* api, int excerrno)
     : ZPropertiesException(43, "ZPropertiesIOException", propFile),
       api_(api),
       excerrno_(excerrno) {}

@@ -136,17 +136,17 @@ protected:
     ZLCString value_;
 };
 
-/// A value isn't a number (40). What is raised and cloned is a ZPropertiesInvalidValueException with
-/// this number: catch that.
+/// A value isn't a number (40). What is raised and cloned is a ZPropertiesInvalidValueException
+/// with this number: catch that.
 class ZEXPORT ZPropertiesInvalidNumValueException : public ZPropertiesInvalidValueException {
 public:
-    ZPropertiesInvalidNumValueException(const char* propFile, const char* category,
-                                        const char* key, const char* value);
+    ZPropertiesInvalidNumValueException(const char* propFile, const char* category, const char* key,
+                                        const char* value);
     ~ZPropertiesInvalidNumValueException() noexcept override;
 };
 
-/// A value isn't a truth value (41). What is raised and cloned is a ZPropertiesInvalidValueException
-/// with this number: catch that.
+/// A value isn't a truth value (41). What is raised and cloned is a
+/// ZPropertiesInvalidValueException with this number: catch that.
 class ZEXPORT ZPropertiesInvalidBoolValueException : public ZPropertiesInvalidValueException {
 public:
     ZPropertiesInvalidBoolValueException(const char* propFile, const char* category,

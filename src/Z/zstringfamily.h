@@ -1,5 +1,5 @@
-// zstringfamily.h: the two string classes of one codeset. ZLCString.h and ZUTF8String.h each include
-// this text, having said the names: it has no include guard and is of no use by itself.
+// zstringfamily.h: the two string classes of one codeset. ZLCString.h and ZUTF8String.h each
+// include this text, having said the names: it has no include guard and is of no use by itself.
 //
 //   Z_STRING, Z_CONST_STRING             the classes to declare
 //   Z_OTHER_STRING, Z_OTHER_CONST_STRING those of the other codeset
@@ -53,15 +53,14 @@ public:
     int operator!=(const Z_STRING& s) const;
 };
 
-/// Owns text of this codeset: see ZAbstractMutableString. Text from a string of the other codeset is
-/// converted, and what can't be converted gives the empty string; text from a const char* is taken
-/// as it is.
+/// Owns text of this codeset: see ZAbstractMutableString. Text from a string of the other codeset
+/// is converted, and what can't be converted gives the empty string; text from a const char* is
+/// taken as it is.
 class ZEXPORT Z_STRING : public ZAbstractMutableString {
 public:
     Z_STRING() {}
     Z_STRING(const Z_STRING& other) : ZAbstractMutableString(other) {}
-    Z_STRING(const Z_CONST_STRING& other)
-        : ZAbstractMutableString(other.getChars()) {}
+    Z_STRING(const Z_CONST_STRING& other) : ZAbstractMutableString(other.getChars()) {}
     Z_STRING(const Z_OTHER_STRING& other);
     Z_STRING(const Z_OTHER_CONST_STRING& other);
     Z_STRING(const char* s) : ZAbstractMutableString(s) {}
@@ -86,9 +85,7 @@ public:
     int compare(const Z_STRING& s) const { return compare(s.getChars()); }
     int compare(const Z_CONST_STRING& s) const { return compare(s.getChars()); }
     int compareignorecase(const Z_STRING& s) const { return compareignorecase(s.getChars()); }
-    int compareignorecase(const Z_CONST_STRING& s) const {
-        return compareignorecase(s.getChars());
-    }
+    int compareignorecase(const Z_CONST_STRING& s) const { return compareignorecase(s.getChars()); }
 
     Z_STRING& operator=(const Z_STRING& other) {
         assignBytes(other.getChars(), other.getLength());
@@ -162,8 +159,8 @@ public:
         return !equalBytes(s.getChars(), s.getLength());
     }
 
-    /// At most `count` bytes from `start` on; less where the text ends. Bytes, so a longer character
-    /// may be cut.
+    /// At most `count` bytes from `start` on; less where the text ends. Bytes, so a longer
+    /// character may be cut.
     Z_STRING subString(unsigned int start, unsigned int count) const;
     /// All from `start` on.
     Z_STRING subString(unsigned int start) const;

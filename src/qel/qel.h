@@ -1,8 +1,8 @@
 // qel.h: the codeset service: what codesets and locales mean for text. It stands on glibc's locales
 // and iconv, belongs to the library, and nothing outside of it sees these names.
 //
-// Handles are opaque words, 0 for none; every call may run in any thread, and each call that takes a
-// handle fails (or counts every byte as a character) when it is 0. Lengths are bytes, results of
+// Handles are opaque words, 0 for none; every call may run in any thread, and each call that takes
+// a handle fails (or counts every byte as a character) when it is 0. Lengths are bytes, results of
 // conversions too; a negative result is a failure. Wide characters are 16 bits.
 #ifndef QEL_QEL_H
 #define QEL_QEL_H

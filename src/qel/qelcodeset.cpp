@@ -44,7 +44,8 @@ static Character decodeUTF8(const char* text, size_t n) {
         return kInvalid;
     uint32_t code = lead & (0x7F >> length);
     for (size_t i = 1; i < length; ++i) {
-        // One byte after the other: a text's terminator is no continuation, so nobody reads past it.
+        // One byte after the other: a text's terminator is no continuation, so nobody reads past
+        // it.
         if (i >= n || (s[i] & 0xC0) != 0x80)
             return kInvalid;
         code = code << 6 | (s[i] & 0x3F);
@@ -235,8 +236,9 @@ public:
 
     bool isOpen() const { return pair_ != reinterpret_cast<iconv_t>(-1); }
 
-    /// Converts all of the source, with `closed` also what waits for more text: a closing shift, or a
-    /// letter that an accent might follow. Bytes written, or the negative errno of what went wrong.
+    /// Converts all of the source, with `closed` also what waits for more text: a closing shift, or
+    /// a letter that an accent might follow. Bytes written, or the negative errno of what went
+    /// wrong.
     long convert(const char* source, size_t length, char* target, size_t room, bool closed = true) {
         char* in = const_cast<char*>(source);
         char* out = target;
@@ -261,8 +263,8 @@ public:
 
     bool isOpen() const { return toUTF8_.isOpen() && fromUTF8_.isOpen() && toWide_.isOpen(); }
 
-    /// Looks at each byte by itself. Whether each is one character below 0x10000 or no character, so
-    /// that tables can take over.
+    /// Looks at each byte by itself. Whether each is one character below 0x10000 or no character,
+    /// so that tables can take over.
     bool probe() {
         bool bytesAlone = true;
         for (unsigned int byte = 0; byte < 256; ++byte) {

@@ -1,8 +1,8 @@
 // qeltext.cpp: locales, and text functions on whole characters.
 //
 // In a codeset of one byte a character the standard functions are right as they are. In UTF-8 they
-// are too, as long as what is looked for is whole characters, since no character's bytes are part of
-// another. In all other codesets a hit counts only if the walk from the beginning reaches it.
+// are too, as long as what is looked for is whole characters, since no character's bytes are part
+// of another. In all other codesets a hit counts only if the walk from the beginning reaches it.
 #include <langinfo.h>
 #include <locale.h>
 #include <wctype.h>
@@ -135,8 +135,8 @@ uint32_t foldedAt(Codeset* codeset, const Locale* locale, const char*& text, siz
     if (left == 0 || *text == '\0')
         return 0;
     const Character c = characterAt(codeset, text, left);
-    const uint32_t folded = c.code == kNoCode ? 0x110000U + static_cast<unsigned char>(*text)
-                                              : lowered(locale, c.code);
+    const uint32_t folded =
+        c.code == kNoCode ? 0x110000U + static_cast<unsigned char>(*text) : lowered(locale, c.code);
     const size_t length = c.code == kNoCode ? 1 : static_cast<size_t>(c.length);
     text += length;
     left -= length;
