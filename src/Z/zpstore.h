@@ -261,7 +261,8 @@ public:
         Id nextSame;
         Id lastKey;  // the last key line, none, or unknown
         uint32_t comments, blanks;
-        Samples* samples;  // comments that read like entries; null until needed
+        uint32_t sampleCount;  // comments that read like entries; unknown until a key is added
+        Samples* samples;      // their index; null until they are many
     };
 
     /// The values of one kind of a key: a list that was handed out, or slices of the text.
@@ -513,6 +514,7 @@ private:
     Id lastKeyLine(Id group);
     Id findSample(Id group, Id key);
     void addSample(Group& group, Id line);
+    void findSamples(Group& group);
     /// The key has got one more line.
     void noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
     void countLines(Id key);

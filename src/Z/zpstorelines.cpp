@@ -9,7 +9,8 @@
 
 #include <cstdio>
 
-// Below this number of comments in a group a walk over its lines is cheaper than an index.
+// Below this number of comments that read like entries a walk over the lines is cheaper than an
+// index.
 static const uint32_t kSamplesFrom = 8;
 
 // Comments that read like entries, by the hash of what they name. Open addressing; `line` is the
@@ -107,13 +108,13 @@ void ZPStore::noteOtherLine(Group& group, Id id) {
         ++group.blanks;
     } else {
         ++group.comments;
-        if (group.samples != nullptr)
+        if (group.sampleCount != unknown)
             addSample(group, id);
     }
 }
 
 ZPStore::Id ZPStore::newGroup(Id stanza) {
-    const Group fresh = {stanza, none, none, none, none, none, none, 0, 0, nullptr};
+    const Group fresh = {stanza, none, none, none, none, none, none, 0, 0, unknown, nullptr};
     Id id = freeGroups_;
     if (id != none) {
         freeGroups_ = groups_[id].next;
@@ -292,20 +293,22 @@ bool ZPStore::isCommentWeWant(const ZPSlice& key, Id line) const {
     return true;
 }
 
-// Notes a comment that reads like an entry. Without memory the index goes and is made anew when
-// it is needed.
+// Notes a comment if it reads like an entry.
 void ZPStore::addSample(Group& group, Id id) {
     uint32_t hash;
     const Line& line = lines_[id];
     if (!sampleHash(text(line.ref), line.length(), hash))
         return;
+    ++group.sampleCount;
     Samples* samples = group.samples;
+    if (samples == nullptr)
+        return;
     if ((samples->count + 1) * 2 > samples->capacity) {
+        // Without memory the index goes, and is made anew when it is needed.
         Samples* grown = Samples::make(samples->capacity * 2);
         for (uint32_t i = 0; grown != nullptr && i < samples->capacity; ++i)
             if (samples->slots[i].line != none) {
-                Samples::Slot& slot = grown->find(samples->slots[i].hash);
-                slot = samples->slots[i];
+                grown->find(samples->slots[i].hash) = samples->slots[i];
                 ++grown->count;
             }
         free(samples);
@@ -316,24 +319,32 @@ void ZPStore::addSample(Group& group, Id id) {
     samples->add(hash, id);
 }
 
+// Counts the comments that read like entries, and indexes them if they are many.
+void ZPStore::findSamples(Group& group) {
+    const bool isCounted = group.sampleCount != unknown;
+    if (isCounted && (group.samples != nullptr || group.sampleCount < kSamplesFrom))
+        return;
+    if (isCounted)
+        group.samples = Samples::make(group.sampleCount * 2 + 16);
+    group.sampleCount = 0;
+    for (Id l = group.first; l != none; l = lines_[l].next)
+        if (lines_[l].type() == lineComment)
+            addSample(group, l);
+}
+
 // The first comment of the group that reads like an entry for this key, or none.
 ZPStore::Id ZPStore::findSample(Id groupId, Id keyId) {
     Group& group = groups_[groupId];
     if (group.comments == 0)
         return none;
+    findSamples(group);
+    if (group.sampleCount == 0)
+        return none;
     const ZPSlice key = keys_[keyId].name;
-    if (group.comments >= kSamplesFrom) {
-        if (group.samples == nullptr) {
-            group.samples = Samples::make(group.comments * 2 + 16);
-            for (Id l = group.first; l != none && group.samples != nullptr; l = lines_[l].next)
-                if (lines_[l].type() == lineComment)
-                    addSample(group, l);
-        }
-        if (group.samples != nullptr) {
-            const Id found = group.samples->find(keySampleHash(text(key), key.length)).line;
-            if (found != many)
-                return found != none && isCommentWeWant(key, found) ? found : none;
-        }
+    if (group.samples != nullptr) {
+        const Id found = group.samples->find(keySampleHash(text(key), key.length)).line;
+        if (found != many)
+            return found != none && isCommentWeWant(key, found) ? found : none;
     }
     for (Id l = group.first; l != none; l = lines_[l].next)
         if (lines_[l].type() == lineComment && isCommentWeWant(key, l))
