@@ -357,6 +357,8 @@ TEST(KeyMap, TellsNullValuesFromMissingKeys) {
     EXPECT_EQ(map.contains(&missing), 0);
     map.putEntry(nullptr, &value);
     map.removeEntry(nullptr);
+    const ZObject withoutCopies;
+    map.putEntry(&withoutCopies, &value);
     EXPECT_EQ(map.contains(nullptr), 0);
     EXPECT_EQ(map.getEntry(nullptr), nullptr);
     EXPECT_EQ(map.size(), 1u);

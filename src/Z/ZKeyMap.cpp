@@ -1,6 +1,6 @@
 #include "ZKeyMap.h"
 
-#include "zmembers.h"
+#include "zhashtable.h"
 
 ZAbstractKeyMap::~ZAbstractKeyMap() noexcept {}
 
@@ -57,58 +57,40 @@ int ZKeyEntry::equals(const ZObject& other) const {
 
 // ZHashKeyMap
 
-namespace {
-
-/// What a look-up searches with: a pair on the stack that holds the caller's key. A null key gives
-/// no pair, which the map of pairs takes as absent.
-class Probe {
-public:
-    explicit Probe(const ZObject* key)
-        : entry_(const_cast<ZObject*>(key), nullptr, 0), isThere_(key != nullptr) {}
-
-    ZKeyEntry* get() { return isThere_ ? &entry_ : nullptr; }
-
-private:
-    ZKeyEntry entry_;
-    const bool isThere_;
-};
-
-}  // namespace
+typedef ZHashTable<ZKeyMapMember> Table;
 
 ZHashKeyMap::ZHashKeyMap(unsigned int size, int ownsMembers)
-    : entries_(size, 1), ownsMembers_(ownsMembers) {}
+    : table_(new Table(Table::bucketsFor(size), ownsMembers)) {}
 
 ZHashKeyMap::ZHashKeyMap(const ZHashKeyMap& other)
-    : ZAbstractKeyMap(other), entries_(other.entries_), ownsMembers_(other.ownsMembers_) {}
+    : ZAbstractKeyMap(other), table_(new Table(*other.table_)) {}
 
 ZHashKeyMap& ZHashKeyMap::operator=(const ZHashKeyMap& other) {
     if (this == &other)
         return *this;
-    entries_ = other.entries_;
-    ownsMembers_ = other.ownsMembers_;
+    Table* copy = new Table(*other.table_);
+    delete table_;
+    table_ = copy;
     return *this;
 }
 
-ZHashKeyMap::~ZHashKeyMap() noexcept {}
+ZHashKeyMap::~ZHashKeyMap() noexcept { delete table_; }
 
 ZObject* ZHashKeyMap::clone() const { return new ZHashKeyMap(*this); }
 
-unsigned int ZHashKeyMap::size() const { return entries_.size(); }
+unsigned int ZHashKeyMap::size() const { return table_->size(); }
 
 int ZHashKeyMap::contains(const ZObject* key) const {
-    return entries_.contains(Probe(key).get());
+    return key != nullptr && table_->find(*key, key->hash()).object != nullptr;
 }
 
 ZObject* ZHashKeyMap::getEntry(const ZObject* key) const {
-    const ZObject* entry = entries_.getEntry(Probe(key).get());
-    return entry != nullptr ? static_cast<const ZKeyEntry*>(entry)->value() : nullptr;
+    return key != nullptr ? table_->find(*key, key->hash()).value : nullptr;
 }
 
 void ZHashKeyMap::putEntry(const ZObject* key, const ZObject* value) {
-    // The map of pairs clones this one, so that what is stored never depends on the caller's key.
-    ZKeyEntry entry(const_cast<ZObject*>(key), const_cast<ZObject*>(value), ownsMembers_);
-    if (entry.key() != nullptr)
-        entries_.putEntry(&entry);
+    if (key != nullptr)
+        table_->put(ZKeyMapMember::of(*key, value), key->hash());
 }
 
 void ZHashKeyMap::putAll(const ZKeyMap& other) {
@@ -118,18 +100,17 @@ void ZHashKeyMap::putAll(const ZKeyMap& other) {
         putEntry(keys.get(i), other.getEntry(keys.get(i)));
 }
 
-void ZHashKeyMap::removeEntry(const ZObject* key) { entries_.removeEntry(Probe(key).get()); }
-
-void ZHashKeyMap::removeAll() { entries_.removeAll(); }
-
-/// Adds one part of each pair to `out`, in the order of the pairs.
-static void listParts(const ZHashMap& entries, ZList& out, ZObject* (ZKeyEntry::*part)() const) {
-    ZArrayList pairs(entries.size(), 0);
-    entries.list(pairs);
-    for (unsigned int i = 0; i < pairs.size(); ++i)
-        out.add((static_cast<const ZKeyEntry*>(pairs.get(i))->*part)());
+void ZHashKeyMap::removeEntry(const ZObject* key) {
+    if (key != nullptr)
+        table_->remove(*key, key->hash());
 }
 
-void ZHashKeyMap::listKeys(ZList& out) const { listParts(entries_, out, &ZKeyEntry::key); }
+void ZHashKeyMap::removeAll() { table_->removeAll(); }
 
-void ZHashKeyMap::listObjects(ZList& out) const { listParts(entries_, out, &ZKeyEntry::value); }
+void ZHashKeyMap::listKeys(ZList& out) const {
+    table_->forEach([&](const ZKeyMapMember& pair) { out.add(pair.object); });
+}
+
+void ZHashKeyMap::listObjects(ZList& out) const {
+    table_->forEach([&](const ZKeyMapMember& pair) { out.add(pair.value); });
+}

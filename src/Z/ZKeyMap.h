@@ -4,6 +4,8 @@
 
 #include "ZMap.h"
 
+struct ZKeyMapMember;
+
 /// What a dictionary offers. An interface without ZObject: never delete through it.
 class ZEXPORT ZKeyMap {
 public:
@@ -31,8 +33,8 @@ public:
     int isEmpty() const override;
 };
 
-/// One pair of a dictionary, found by its key alone: hash, order and equality are those of the key.
-/// It compares with other pairs only.
+/// A pair as an object, for use in a ZHashMap: hash, order and equality are those of the key. It
+/// compares with other pairs only.
 class ZEXPORT ZKeyEntry : public ZObject {
 public:
     /// With ownsMembers the pair holds clones of key and value and deletes them; otherwise it holds
@@ -70,7 +72,10 @@ private:
     mutable unsigned int hashValue_;  // as hash() last computed it, 0 before that
 };
 
-/// A dictionary: a ZHashMap of pairs. Order, cost, failure and threads are those told there.
+/// A dictionary of a fixed number of buckets. A pair lies in the bucket that is the hash of its key
+/// modulo the number of buckets, in order of first insertion; listing goes by ascending bucket.
+/// Keys are the same if hash and `equals` say so. What ZHashMap tells of hashes, failure, threads
+/// and cost holds here too.
 ///
 /// Ownership: with ownsMembers, keys and values are cloned on the way in and deleted with their
 ///   pair; otherwise the map holds the caller's pointers, and the caller keeps both alive.
@@ -116,8 +121,7 @@ public:
     void listObjects(ZList& out) const override;
 
 private:
-    ZHashMap entries_;  // of ZKeyEntry, always owning
-    int ownsMembers_;
+    ZHashTable<ZKeyMapMember>* table_;
 };
 
 #endif

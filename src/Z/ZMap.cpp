@@ -51,16 +51,18 @@ int ZArrayMap::getIndex(const ZObject* probe) const { return indexOf(probe); }
 
 // ZHashMap
 
+typedef ZHashTable<ZMapMember> Table;
+
 ZHashMap::ZHashMap(unsigned int size, int ownsMembers)
-    : table_(new ZHashTable(ZHashTable::bucketsFor(size), ownsMembers)) {}
+    : table_(new Table(Table::bucketsFor(size), ownsMembers)) {}
 
 ZHashMap::ZHashMap(const ZHashMap& other)
-    : ZAbstractMap(other), table_(new ZHashTable(*other.table_)) {}
+    : ZAbstractMap(other), table_(new Table(*other.table_)) {}
 
 ZHashMap& ZHashMap::operator=(const ZHashMap& other) {
     if (this == &other)
         return *this;
-    ZHashTable* copy = new ZHashTable(*other.table_);
+    Table* copy = new Table(*other.table_);
     delete table_;
     table_ = copy;
     return *this;
@@ -75,12 +77,12 @@ unsigned int ZHashMap::size() const { return table_->size(); }
 int ZHashMap::contains(const ZObject* probe) const { return getEntry(probe) != nullptr; }
 
 ZObject* ZHashMap::getEntry(const ZObject* probe) const {
-    return probe != nullptr ? table_->find(*probe, probe->hash()) : nullptr;
+    return probe != nullptr ? table_->find(*probe, probe->hash()).object : nullptr;
 }
 
 void ZHashMap::putEntry(ZObject* entry) {
     if (entry != nullptr)
-        table_->put(*entry, entry->hash());
+        table_->put(ZMapMember::of(*entry), entry->hash());
 }
 
 void ZHashMap::putAll(ZMap& other) {
@@ -98,7 +100,7 @@ void ZHashMap::removeEntry(ZObject* probe) {
 void ZHashMap::removeAll() { table_->removeAll(); }
 
 void ZHashMap::list(ZList& out) const {
-    table_->forEach([&](const ZObject* entry) { out.add(entry); });
+    table_->forEach([&](const ZMapMember& member) { out.add(member.object); });
 }
 
 // ZMapIterator

@@ -4,7 +4,9 @@
 
 #include "ZList.h"
 
+template <typename Member>
 class ZHashTable;
+struct ZMapMember;
 
 /// What a set of self-identifying objects offers: an entry is found with a probe that equals it. An
 /// interface without ZObject: never delete through it.
@@ -129,7 +131,7 @@ public:
     void list(ZList& out) const override;
 
 private:
-    ZHashTable* table_;
+    ZHashTable<ZMapMember>* table_;
 };
 
 /// Walks the entries that a map held when the iterator was made, in the order of its list(). It

@@ -10,13 +10,53 @@ static const uint32_t kSmall = 32;
 static const uint32_t kFirstNodes = 8;
 static const int kFirstSlotBits = 6;  // the fewest that take kSmall entries and one more
 
-ZHashTable::Node ZHashTable::noEntries_ = {nullptr, 0, 0, 0};
+void ZKeyMapMember::cloneParts() {
+    ZIncomingMember key(*object, 1);
+    value = value != nullptr ? value->clone() : nullptr;
+    object = key.get();
+    key.placed();
+}
 
-uint64_t ZHashTable::bucketsFor(unsigned int size) {
+namespace {
+
+/// A member on its way into a table: clones if the table owns members, which are deleted at the end
+/// of the scope unless they found their place.
+template <typename Member>
+class Incoming {
+public:
+    Incoming(const Member& member, int ownsMembers) : member_(member), isMine_(false) {
+        if (ownsMembers) {
+            member_.cloneParts();
+            isMine_ = true;
+        }
+    }
+    ~Incoming() {
+        if (isMine_)
+            member_.deleteParts();
+    }
+    Incoming(const Incoming&) = delete;
+    Incoming& operator=(const Incoming&) = delete;
+
+    const Member& get() const { return member_; }
+    void placed() { isMine_ = false; }
+
+private:
+    Member member_;
+    bool isMine_;
+};
+
+}  // namespace
+
+template <typename Member>
+typename ZHashTable<Member>::Node ZHashTable<Member>::noEntries_ = {};
+
+template <typename Member>
+uint64_t ZHashTable<Member>::bucketsFor(unsigned int size) {
     return uint64_t(std::max(size, 2u)) * 3 / 2;
 }
 
-ZHashTable::ZHashTable(uint64_t bucketCount, int ownsMembers)
+template <typename Member>
+ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
     : bucketCount_(bucketCount),
       ownsMembers_(ownsMembers),
       chains_(static_cast<Chain*>(zallocateBlock(bucketCount, sizeof(Chain)))),
@@ -33,25 +73,31 @@ ZHashTable::ZHashTable(uint64_t bucketCount, int ownsMembers)
 }
 
 // Delegating, so that the destructor gives everything back when a clone fails on the way.
-ZHashTable::ZHashTable(const ZHashTable& other)
+template <typename Member>
+ZHashTable<Member>::ZHashTable(const ZHashTable& other)
     : ZHashTable(other.bucketCount_, other.ownsMembers_) {
     for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket) {
         for (uint32_t i = other.chains_[bucket].first; i != 0; i = other.nodes_[i].next) {
             const Node& node = other.nodes_[i];
-            if (node.object != nullptr)
-                append(*node.object, node.hash);
+            if (node.member.object == nullptr && ownsMembers_)
+                continue;
+            Incoming<Member> incoming(node.member, ownsMembers_);
+            link(incoming.get(), node.hash);
+            incoming.placed();
         }
     }
 }
 
-ZHashTable::~ZHashTable() noexcept {
+template <typename Member>
+ZHashTable<Member>::~ZHashTable() noexcept {
     removeAll();
     if (nodes_ != &noEntries_)
         zreleaseBlock(nodes_);
     zreleaseBlock(chains_);
 }
 
-uint32_t ZHashTable::nodeOf(const ZObject& probe, uint32_t hash) const {
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe, uint32_t hash) const {
     if (slots_ != nullptr) {
         for (uint32_t i = placeOf(hash);; i = (i + 1) & slotMask_) {
             const Slot& slot = slots_[i];
@@ -61,56 +107,65 @@ uint32_t ZHashTable::nodeOf(const ZObject& probe, uint32_t hash) const {
                 return slot.node;
         }
     }
-    for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next)
-        if (nodes_[i].object != nullptr && probe.equals(*nodes_[i].object))
+    for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next) {
+        if (Member::hashDecides && nodes_[i].hash != hash)
+            continue;
+        const ZObject* object = nodes_[i].member.object;
+        if (object != nullptr && probe.equals(*object))
             return i;
+    }
     return 0;
 }
 
-void ZHashTable::put(const ZObject& entry, uint32_t hash) {
-    const uint32_t found = nodeOf(entry, hash);
+template <typename Member>
+void ZHashTable<Member>::put(const Member& member, uint32_t hash) {
+    const uint32_t found = nodeOf(*member.object, hash);
+    Incoming<Member> incoming(member, ownsMembers_);
+    if (incoming.get().object == nullptr && !Member::takesNull)
+        return;
     if (found == 0) {
-        append(entry, hash);
+        link(incoming.get(), hash);
+        incoming.placed();
         return;
     }
-    ZIncomingMember member(entry, ownsMembers_);
-    ZObject* old = nodes_[found].object;
-    nodes_[found].object = member.get();
+    Member old = nodes_[found].member;
+    nodes_[found].member = incoming.get();
     if (slots_ != nullptr)
-        slots_[slotOf(found)].object = member.get();
-    member.placed();
+        slots_[slotOf(found)].object = incoming.get().object;
+    incoming.placed();
     if (ownsMembers_)
-        zdeleteMember(old);
+        old.deleteParts();
 }
 
-void ZHashTable::append(const ZObject& entry, uint32_t hash) {
-    ZIncomingMember member(entry, ownsMembers_);
+// Appends to the bucket. If this raises, the table is as it was.
+template <typename Member>
+void ZHashTable<Member>::link(const Member& member, uint32_t hash) {
     reserve();
-
     uint32_t node = free_;
     if (node != 0)
         free_ = nodes_[node].next;
     else
         node = used_++;
     Chain& chain = chainOf(hash);
-    nodes_[node] = {member.get(), hash, chain.last, 0};
+    nodes_[node] = {member, hash, chain.last, 0};
     (chain.last != 0 ? nodes_[chain.last].next : chain.first) = node;
     chain.last = node;
     ++size_;
     if (slots_ != nullptr)
-        enterSlot({member.get(), hash, node});
-    member.placed();
+        enterSlot({member.object, hash, node});
 }
 
-/// Makes room for one more entry, so that nothing can fail once linking begins.
-void ZHashTable::reserve() {
+// Makes room for one more entry, so that nothing can fail once linking begins.
+template <typename Member>
+void ZHashTable<Member>::reserve() {
     if (free_ == 0 && used_ == capacity_)
         growNodes();
     if (slots_ != nullptr ? size_ == slotLimit_ : size_ == kSmall)
         growSlots();
 }
 
-void ZHashTable::growNodes() {
+template <typename Member>
+void ZHashTable<Member>::growNodes() {
     if (capacity_ == UINT32_MAX)
         ZOutOfMemoryException().throwException(__FILE__, __LINE__);
     const uint64_t capacity =
@@ -125,7 +180,8 @@ void ZHashTable::growNodes() {
 
 // Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
 // of the old ones: two walks through memory, no jumps.
-void ZHashTable::growSlots() {
+template <typename Member>
+void ZHashTable<Member>::growSlots() {
     if (shift_ == 32)
         ZOutOfMemoryException().throwException(__FILE__, __LINE__);
     const int shift = slots_ != nullptr ? shift_ - 1 : 64 - kFirstSlotBits;
@@ -142,7 +198,7 @@ void ZHashTable::growSlots() {
     if (old == nullptr) {
         for (uint32_t i = 1; i < used_; ++i)
             if (!isFree(nodes_[i]))
-                enterSlot({nodes_[i].object, nodes_[i].hash, i});
+                enterSlot({nodes_[i].member.object, nodes_[i].hash, i});
     }
     for (uint64_t i = 0; i < oldCount; ++i)
         if (old[i].node != 0)
@@ -150,22 +206,25 @@ void ZHashTable::growSlots() {
     zreleaseBlock(old);
 }
 
-void ZHashTable::enterSlot(const Slot& slot) {
+template <typename Member>
+void ZHashTable<Member>::enterSlot(const Slot& slot) {
     uint32_t i = placeOf(slot.hash);
     while (slots_[i].node != 0)
         i = (i + 1) & slotMask_;
     slots_[i] = slot;
 }
 
-uint32_t ZHashTable::slotOf(uint32_t node) const {
+template <typename Member>
+uint32_t ZHashTable<Member>::slotOf(uint32_t node) const {
     uint32_t i = placeOf(nodes_[node].hash);
     while (slots_[i].node != node)
         i = (i + 1) & slotMask_;
     return i;
 }
 
-/// Empties a slot and moves back those behind it that it separates from their places.
-void ZHashTable::freeSlot(uint32_t hole) {
+// Empties a slot and moves back those behind it that it separates from their places.
+template <typename Member>
+void ZHashTable<Member>::freeSlot(uint32_t hole) {
     for (uint32_t i = (hole + 1) & slotMask_; slots_[i].node != 0; i = (i + 1) & slotMask_) {
         const uint32_t toPlace = (i - placeOf(slots_[i].hash)) & slotMask_;
         const uint32_t toHole = (i - hole) & slotMask_;
@@ -177,40 +236,43 @@ void ZHashTable::freeSlot(uint32_t hole) {
     slots_[hole] = Slot();
 }
 
-void ZHashTable::remove(const ZObject& probe, uint32_t hash) {
+template <typename Member>
+void ZHashTable<Member>::remove(const ZObject& probe, uint32_t hash) {
     const uint32_t found = nodeOf(probe, hash);
     if (found == 0)
         return;
     if (slots_ != nullptr)
         freeSlot(slotOf(found));
-    ZObject* object = unlink(found);
+    Member member = unlink(found);
     if (ownsMembers_)
-        zdeleteMember(object);
+        member.deleteParts();
 }
 
-/// Takes a record out of its chain and gives its object; the slot is the caller's business.
-ZObject* ZHashTable::unlink(uint32_t index) {
+// Takes a record out of its chain and gives its member; the slot is the caller's business.
+template <typename Member>
+Member ZHashTable<Member>::unlink(uint32_t index) {
     Node& node = nodes_[index];
-    ZObject* object = node.object;
+    const Member member = node.member;
     Chain& chain = chainOf(node.hash);
     (node.previous != 0 ? nodes_[node.previous].next : chain.first) = node.next;
     (node.next != 0 ? nodes_[node.next].previous : chain.last) = node.previous;
-    node = {nullptr, 0, kFreeRecord, free_};
+    node = {Member(), 0, kFreeRecord, free_};
     free_ = index;
     --size_;
-    return object;
+    return member;
 }
 
-void ZHashTable::removeAll() {
+template <typename Member>
+void ZHashTable<Member>::removeAll() {
     // Without slots the chains alone tell what is there, at each moment on the way.
     zreleaseBlock(slots_);
     slots_ = nullptr;
     shift_ = 0;
     for (uint64_t bucket = 0; size_ != 0 && bucket < bucketCount_; ++bucket) {
         while (chains_[bucket].first != 0) {
-            ZObject* object = unlink(chains_[bucket].first);
+            Member member = unlink(chains_[bucket].first);
             if (ownsMembers_)
-                zdeleteMember(object);
+                member.deleteParts();
         }
     }
     if (size_ == 0) {
@@ -218,3 +280,6 @@ void ZHashTable::removeAll() {
         free_ = 0;
     }
 }
+
+template class ZHashTable<ZMapMember>;
+template class ZHashTable<ZKeyMapMember>;

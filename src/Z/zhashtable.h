@@ -1,19 +1,20 @@
-// zhashtable.h: the storage of ZHashMap. Never installed.
+// zhashtable.h: the storage of ZHashMap and ZHashKeyMap. Never installed.
 //
 // What a map promises is an order (bucket by bucket, then by first insertion) and a number of
 // buckets that never changes, so with buckets alone a big map is a few long walks. Hence two views
 // of the same entries:
 //
-//   nodes_    one record an entry: object, the hash taken at put, and its neighbours in the chain
-//             of its bucket. Removed records are kept for the next put.
+//   nodes_    one record an entry: the member, the hash taken at put, and its neighbours in the
+//             chain of its bucket. Removed records are kept for the next put. The pair of a key map
+//             stands right in here: no object of its own, no further cache miss.
 //   chains_   a first and last record for each bucket: the promised order.
 //   slots_    once there are more than kSmall entries: open addressing with linear probing over
 //             object and hash of all entries, at most 5/8 full, deletion by moving back. A look-up
 //             reads one slot and one object and doesn't care for buckets.
 //
-// A small map is searched by walking the chain, with `equals` asked of each entry.
+// A small map is searched by walking the chain.
 //
-// A slot repeats object and hash of its node, which costs memory and saves a cache miss for each
+// A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
 // look-up. The place in slots_ is taken from the top bits of the hash times an odd constant, so
 // that hashes which differ in the high bits only, or by multiples of something, spread all the
 // same.
@@ -30,8 +31,41 @@
 
 #include "zmembers.h"
 
+/// The member of a map whose objects carry their own key.
+struct ZMapMember {
+    ZObject* object;
+
+    static const bool hashDecides = false;  // a small map asks `equals` of all that share a bucket
+    static const bool takesNull = true;     // an object without copies is stored as null
+
+    static ZMapMember of(const ZObject& object) { return {const_cast<ZObject*>(&object)}; }
+
+    void cloneParts() { object = object->clone(); }
+    void deleteParts() { zdeleteMember(object); }
+};
+
+/// The member of a key map: a pair that is found by its key. The value may be null.
+struct ZKeyMapMember {
+    ZObject* object;  // the key
+    ZObject* value;
+
+    static const bool hashDecides = true;  // equal keys of different hash are different keys
+    static const bool takesNull = false;   // a pair is nothing without its key
+
+    static ZKeyMapMember of(const ZObject& key, const ZObject* value) {
+        return {const_cast<ZObject*>(&key), const_cast<ZObject*>(value)};
+    }
+
+    void cloneParts();
+    void deleteParts() {
+        zdeleteMember(object);
+        zdeleteMember(value);
+    }
+};
+
 /// The entries of one map. Takes hashes as they are given and asks an entry only for equals(),
-/// clone() and, when owning, its deletion.
+/// clone() and, when owning, its deletion. Both kinds are made in zhashtable.cpp.
+template <typename Member>
 class ZHashTable final : public ZObject {
 public:
     ZHashTable(uint64_t bucketCount, int ownsMembers);
@@ -46,26 +80,29 @@ public:
 
     unsigned int size() const { return size_; }
 
-    /// The entry that `probe`, whose hash is given, equals; null when there is none.
-    ZObject* find(const ZObject& probe, uint32_t hash) const {
-        return nodes_[nodeOf(probe, hash)].object;
+    /// The member that `probe`, whose hash is given, equals; one with a null object when there is
+    /// none.
+    const Member& find(const ZObject& probe, uint32_t hash) const {
+        return nodes_[nodeOf(probe, hash)].member;
     }
 
-    void put(const ZObject& entry, uint32_t hash);
+    /// Stores `member`, or its clones in an owning table, in the place of the one that its object
+    /// equals, else at the end of its bucket.
+    void put(const Member& member, uint32_t hash);
     void remove(const ZObject& probe, uint32_t hash);
     void removeAll();
 
-    /// Hands every entry to `visit`, in the promised order.
+    /// Hands every member to `visit`, in the promised order.
     template <typename Visit>
     void forEach(Visit visit) const {
         for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket)
             for (uint32_t i = chains_[bucket].first; i != 0; i = nodes_[i].next)
-                visit(nodes_[i].object);
+                visit(nodes_[i].member);
     }
 
 private:
     struct Node {
-        ZObject* object;
+        Member member;
         uint32_t hash;
         uint32_t previous;
         uint32_t next;
@@ -100,8 +137,8 @@ private:
     void enterSlot(const Slot& slot);
     uint32_t slotOf(uint32_t node) const;
     void freeSlot(uint32_t index);
-    void append(const ZObject& entry, uint32_t hash);
-    ZObject* unlink(uint32_t node);
+    void link(const Member& member, uint32_t hash);
+    Member unlink(uint32_t node);
 
     // set by the constructor
     const uint64_t bucketCount_;
