@@ -292,9 +292,9 @@ void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
         for (const auto& k : s.second.keys) {
             const char* stanza = s.first.c_str();
             const char* key = k.first.c_str();
-            const vector<string>& any =
-                k.second.plain.empty() && !k.second.hidden.empty() ? k.second.hidden
-                                                                   : k.second.plain;
+            const vector<string>& any = k.second.plain.empty() && !k.second.hidden.empty()
+                                            ? k.second.hidden
+                                            : k.second.plain;
             ASSERT_TRUE(cache.contains(stanza, key));
             ASSERT_EQ(cache.countValues(stanza, key), static_cast<int>(any.size()));
             ASSERT_EQ(cache.isObfuscated(stanza, key),
@@ -324,10 +324,11 @@ class RandomOperations : public ::testing::TestWithParam<int> {};
 void step(std::mt19937& random, Model& model, ZSCFData& cache) {
     static const char* const kStanzas[] = {"a", "b", "c", "d", "e"};
     static const char* const kKeys[] = {"x", "y", "z", "w", "long", "k=v", "in ner"};
-    static const char* const kValues[] = {"", "1", "two", "a longer value here", "[odd] # = ",
-                                          "0123456789012345678901234567890123456789"};
-    static const char* const kComments[] = {"# note", "# z = 3", "#w=", "# k = v = 1", "#y = 1",
-                                            "#long = 3", "# in ner = 4"};
+    static const char* const kValues[] = {"",           "1",
+                                          "two",        "a longer value here",
+                                          "[odd] # = ", "0123456789012345678901234567890123456789"};
+    static const char* const kComments[] = {"# note", "# z = 3",   "#w=",         "# k = v = 1",
+                                            "#y = 1", "#long = 3", "# in ner = 4"};
     const string s = kStanzas[random() % 5], k = kKeys[random() % 7], v = kValues[random() % 6];
     const string text = kComments[random() % 7];
     const bool hidden = random() % 3 == 0;
@@ -383,8 +384,8 @@ void step(std::mt19937& random, Model& model, ZSCFData& cache) {
             cache.addLineComment(s.c_str(), k.c_str(), text.c_str());
             break;
         case 11:  // a caller changes a list that it was handed
-            if (ZArrayList* list = cache.get(s.c_str(), k.c_str(), hidden ? ZPCache::GET_OBFUSCATED
-                                                                         : ZPCache::GET_PLAIN)) {
+            if (ZArrayList* list = cache.get(
+                    s.c_str(), k.c_str(), hidden ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN)) {
                 ModelKey& key = model.stanzas[s].keys[k];
                 vector<string>& values = hidden ? key.hidden : key.plain;
                 if (random() % 2 == 0 && !values.empty()) {

@@ -1,0 +1,353 @@
+// The two file formats: what a line is, what is refused and with which line, what comes back out.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Z/ZBuffer.h"
+#include "Z/ZExceptionText.h"
+#include "Z/ZSCFData.h"
+#include "support/CacheText.h"
+
+using std::string;
+
+namespace {
+
+string value(ZSCFData& cache, const char* stanza, const char* key) {
+    const char* text;
+    unsigned int length;
+    return cache.lastValue(stanza, key, text, length) == 0 ? string("<none>")
+                                                           : string(text, length);
+}
+
+struct EntryCase {
+    const char* what;
+    const char* text;   // the whole file
+    const char* value;  // of key k in stanza s; null: the key is there and has none
+    int badLine;        // 0, or the line at which reading stops
+    const char* out;    // what a store writes; null: the text as it is
+};
+
+const EntryCase kEntryCases[] = {
+    {"blanks around the =", "[s]\n  k  =  v  \n", "v", 0, "[s]\nk = v\n"},
+    {"none around it", "[s]\nk=v\n", "v", 0, "[s]\nk = v\n"},
+    {"tabs and carriage returns", "[s]\r\n\tk\t=\tv\r\n", "v", 0, "[s]\nk = v\n"},
+    {"only the first = divides", "[s]\nk = a = b\n", "a = b", 0, nullptr},
+    {"# in a value is text", "[s]\nk = v # w\n", "v # w", 0, nullptr},
+    {"a value that reads like a comment", "[s]\nk = # no comment\n", "# no comment", 0, nullptr},
+    {"an empty value makes a key", "[s]\nk =\n", nullptr, 0, nullptr},
+    {"a key with inner blanks, and k", "[s]\na key = 1\nk = v\n", "v", 0, nullptr},
+    {"no newline at the end", "[s]\nk = v", "v", 0, "[s]\nk = v\n"},
+    {"comments and blanks stay", "# a\n\n[s]\n# b\n\nk = v\n\n# c\n", "v", 0, nullptr},
+    {"an indented comment loses its indent", "[s]\n   # b\nk = v\n", "v", 0, "[s]\n# b\nk = v\n"},
+    {"text behind the header goes", "[s] tail\nk = v\n", "v", 0, "[s]\nk = v\n"},
+    {"values of one key come together", "[s]\nk = 1\nm = 2\nk = v\n", "v", 0,
+     "[s]\nk = 1\nk = v\nm = 2\n"},
+    {"an empty one among them adds none", "[s]\nk = v\nk =\n", "v", 0, "[s]\nk = v\n"},
+    {"an empty one first", "[s]\nk =\nk = v\n", "v", 0, "[s]\nk = v\n"},
+    {"entry before any stanza", "k = v\n", nullptr, 1, nullptr},
+    {"entry behind a comment and a blank", "# c\n\n  k = v\n", nullptr, 3, nullptr},
+    {"no =", "[s]\n# c\nk v\n", nullptr, 3, nullptr},
+    {"= first", "[s]\n = v\n", nullptr, 2, nullptr},
+    {"stanza twice", "[s]\nk = v\n[s]\n", nullptr, 3, nullptr},
+    {"no closing bracket", "[s\nk = v\n", nullptr, 1, nullptr},
+    {"an entry in the nameless stanza", "[]\nk = v\n", nullptr, 2, nullptr},
+    {"the nameless stanza twice", "[]\n[s]\n[]\n", nullptr, 3, nullptr},
+    {"other case is another stanza", "[S]\nk = x\n[s]\nk = v\n", "v", 0, nullptr},
+};
+
+TEST(StanzaReader, Entries) {
+    for (const EntryCase& c : kEntryCases) {
+        SCOPED_TRACE(c.what);
+        ZSCFData cache;
+        EXPECT_EQ(readText(cache, c.text), c.badLine);
+        cache.checkInvariants();
+        if (c.badLine != 0)
+            continue;
+        EXPECT_EQ(cache.contains("s", "k"), 1);
+        EXPECT_EQ(value(cache, "s", "k"), c.value == nullptr ? "<none>" : c.value);
+        EXPECT_EQ(writtenText(cache), c.out == nullptr ? c.text : c.out);
+    }
+}
+
+TEST(StanzaReader, NamesKeepTheirBlanks) {
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache, "[ name ]\nk = 1\n[]\n"), 0);
+    EXPECT_EQ(value(cache, " name ", "k"), "1");
+    EXPECT_EQ(cache.contains("name"), 0);
+    EXPECT_EQ(cache.contains(""), 1);
+}
+
+TEST(StanzaReader, WithoutCommentsOnlyStanzasAndKeysStay) {
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache, "# a\n\n[s]\n# b\nk = 1\n\n# c\nm =\n", false), 0);
+    EXPECT_EQ(writtenText(cache), "[s]\nk = 1\nm =\n");
+}
+
+TEST(StanzaReader, TheBadLineIsToldWithItsIndentAndWithoutItsEnd) {
+    ZSCFData cache;
+    FILE* stream = tmpfile();
+    fputs("[s]\nk = 1\n \t no entry \t\r\n[t]\n", stream);
+    rewind(stream);
+    try {
+        cache.be_read("some.conf", stream);
+        ADD_FAILURE() << "a line without = was read";
+    } catch (ZPropertiesInvalidDataException& e) {
+        EXPECT_STREQ(e.propFile(), "some.conf");
+        EXPECT_STREQ(e.baddata(), " \t no entry");
+        EXPECT_EQ(e.badline(), 3);
+    }
+    fclose(stream);
+    // What was read stays, and nothing behind the bad line.
+    EXPECT_EQ(value(cache, "s", "k"), "1");
+    EXPECT_EQ(cache.contains("t"), 0);
+    EXPECT_EQ(writtenText(cache), "[s]\nk = 1\n");
+}
+
+// Pieces of 8191 bytes: a longer line goes on as a line of its own, with a number of its own.
+TEST(StanzaReader, LongLinesAreCutWhereTheBufferEnds) {
+    const size_t room = 8191 - strlen("k = ");
+    for (int over : {-2, -1, 0, 1, 2, 1000}) {
+        SCOPED_TRACE(over);
+        const string text(room + over, 'v');
+        ZSCFData cache;
+        const int badLine = readText(cache, "[s]\nk = " + text + "\nm = 1\nbad\n");
+        const bool cut = over > 0;
+        // What lies over the edge has no "=" and is refused; a newline alone there is a blank line.
+        EXPECT_EQ(badLine, cut ? 3 : over == 0 ? 5 : 4);
+        EXPECT_EQ(value(cache, "s", "k"), text.substr(0, room));
+    }
+    ZSCFData cache;
+    const string first = "k = " + string(8187, 'a');
+    ASSERT_EQ(readText(cache, "[s]\n" + first + "m = b\n"), 0);
+    EXPECT_EQ(value(cache, "s", "m"), "b");
+    // A comment that is cut goes on as an entry without "=".
+    EXPECT_EQ(readText(cache, "[t]\n#" + string(8190, 'c') + "d\n"), 3);
+}
+
+TEST(StanzaReader, ANulHidesTheRestOfItsLine) {
+    ZSCFData cache;
+    string text = "[s]\nk = v";
+    text += '\0';
+    text += "hidden\n";
+    text += string("m = 2\n\0x\n[t", 11) + "]\n";
+    ASSERT_EQ(readText(cache, text), 0);
+    EXPECT_EQ(value(cache, "s", "k"), "v");
+    EXPECT_EQ(value(cache, "s", "m"), "2");
+    EXPECT_EQ(cache.contains("t"), 1);
+}
+
+TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache,
+                       "[s]\nfile = a\n[configuration-database]\nother = b\n"
+                       "file = /c\nfile = /d\n"),
+              0);
+    EXPECT_EQ(cache.obfuscatedDBName(), "/c");
+    EXPECT_EQ(value(cache, "configuration-database", "file"), "/d");
+    cache.clear();
+    EXPECT_EQ(cache.obfuscatedDBName(), "");
+}
+
+// A model of the reader, line by line as the format is told, beside files of random pieces. The
+// writer's output must be stable: read again, it is written the same.
+TEST(StanzaReader, RandomFilesReadAsTheModelReads) {
+    static const char* const kPieces[] = {"[a]",
+                                          "[b] x",
+                                          "[ c]",
+                                          "[",
+                                          "k = 1",
+                                          "k=2",
+                                          " m = 3 ",
+                                          "# k = 9",
+                                          "",
+                                          "  ",
+                                          "= 1",
+                                          "plain",
+                                          "long key = v = w",
+                                          "\t#tab",
+                                          "]",
+                                          "[d]",
+                                          "n =",
+                                          "x=#",
+                                          "[]"};
+    unsigned int state = 12345;
+    for (int round = 0; round < 3000; ++round) {
+        string text;
+        std::vector<string> lines;
+        for (int i = 0; i < 8; ++i) {
+            state = state * 1103515245 + 12345;
+            lines.push_back(kPieces[(state >> 16) % (sizeof kPieces / sizeof *kPieces)]);
+            text += lines.back() + "\n";
+        }
+        SCOPED_TRACE(text);
+        int bad = 0;
+        string stanza;
+        std::vector<string> seen;
+        bool inStanza = false;
+        for (size_t i = 0; i < lines.size() && bad == 0; ++i) {
+            const size_t first = lines[i].find_first_not_of(" \t");
+            if (first == string::npos || lines[i][first] == '#')
+                continue;
+            const string rest = lines[i].substr(first);
+            if (rest[0] == '[') {
+                const size_t close = rest.find(']');
+                stanza = close == string::npos ? "" : rest.substr(1, close - 1);
+                if (close == string::npos ||
+                    std::find(seen.begin(), seen.end(), stanza) != seen.end())
+                    bad = static_cast<int>(i) + 1;
+                seen.push_back(stanza);
+                inStanza = !stanza.empty();
+            } else if (!inStanza || rest.find('=') == string::npos || rest[0] == '=') {
+                bad = static_cast<int>(i) + 1;
+            }
+        }
+        ZSCFData cache;
+        ASSERT_EQ(readText(cache, text), bad);
+        if (bad != 0)
+            continue;
+        ZSCFData again;
+        ASSERT_EQ(readText(again, writtenText(cache)), 0);
+        ASSERT_EQ(writtenText(again), writtenText(cache));
+    }
+}
+
+// ---------------------------------------------------------------- side database
+
+// A literal with all its NULs, the last written one included.
+template <size_t n>
+string bytes(const char (&literal)[n]) {
+    return string(literal, n - 1);
+}
+
+string packed(const string& records) {
+    string out(compressBound(records.size()), '\0');
+    uLongf size = out.size();
+    compress(reinterpret_cast<Bytef*>(&out[0]), &size,
+             reinterpret_cast<const Bytef*>(records.data()), records.size());
+    out.resize(size);
+    return out;
+}
+
+// Reads the bytes as a side database. False if they are refused.
+bool readSide(ZSCFData& cache, const string& bytes) {
+    ZBuffer buffer(bytes.size(), const_cast<char*>(bytes.data()));
+    cache.setObfuscatedDBName("side");
+    try {
+        cache.be_read_obfuscated(buffer);
+    } catch (ZPropertiesInvalidDataException& e) {
+        EXPECT_STREQ(e.propFile(), "side");
+        EXPECT_EQ(e.badline(), 0);
+        EXPECT_STREQ(e.baddata(), "");
+        return false;
+    }
+    return true;
+}
+
+TEST(SideDatabase, RecordsHaveASeparatorBetweenThemAlone) {
+    ZSCFData cache;
+    cache.addLine("s", "k", "v", 1);
+    EXPECT_EQ(sideRecords(cache), bytes("s\0k\0v\0"));
+    cache.add("s", "k", "w", 1);
+    cache.addLine("t", "m", "x", 1);
+    EXPECT_EQ(sideRecords(cache), bytes("s\0k\0v\0\0s\0k\0w\0\0t\0m\0x\0"));
+    cache.setObfuscated("s", "k", "z");  // set anew, it moves to the end
+    EXPECT_EQ(sideRecords(cache), bytes("t\0m\0x\0\0s\0k\0z\0"));
+    EXPECT_EQ(writtenText(cache), "\n[s]\n\n[t]\n");
+}
+
+TEST(SideDatabase, ComesBackAndTwiceDoublesItsValues) {
+    ZSCFData cache;
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_TRUE(readSide(cache, packed(bytes("s\0k\0v\0\0s\0k\0w\0"))));
+        EXPECT_EQ(cache.countValues("s", "k"), 2 * round);
+        EXPECT_EQ(cache.isObfuscated("s", "k"), 1);
+        EXPECT_EQ(cache.obfuscatedCount(), 1u);
+    }
+    EXPECT_EQ(writtenText(cache), "");  // no line comes of it
+}
+
+TEST(SideDatabase, EveryCutOfItsRecordsAndOfItsStreamIsRefused) {
+    const string records = bytes("s\0k\0v\0\0t\0m\0w\0");
+    for (size_t length = 0; length <= records.size(); ++length) {
+        SCOPED_TRACE(length);
+        ZSCFData cache;
+        const bool whole = length == 0 || length == 6 || length == 7 || length == records.size();
+        EXPECT_EQ(readSide(cache, packed(records.substr(0, length))), whole);
+        cache.checkInvariants();
+    }
+    const string stream = packed(records);
+    for (size_t length = 0; length < stream.size(); ++length) {
+        SCOPED_TRACE(length);
+        ZSCFData cache;
+        EXPECT_FALSE(readSide(cache, stream.substr(0, length)));
+        string damaged = stream;
+        damaged[length] = static_cast<char>(damaged[length] ^ 0x55);
+        ZSCFData other;
+        readSide(other, damaged);  // whatever comes of it, it ends
+        other.checkInvariants();
+    }
+    ZSCFData cache;
+    EXPECT_FALSE(readSide(cache, "[s]\nk = v\n"));
+}
+
+TEST(SideDatabase, ExpandsFarBeyondEightfoldAndGrowsForLongRecords) {
+    ZSCFData cache;
+    const string longValue(300000, 'x');
+    cache.addLine("s", "k", longValue.c_str(), 1);
+    for (int i = 0; i < 3000; ++i)
+        cache.add("s", ("n" + std::to_string(i)).c_str(), "same text again and again", 1);
+    ZBuffer buffer;
+    cache.be_write_obfuscated(buffer);
+    ZSCFData again;
+    again.be_read_obfuscated(buffer);
+    EXPECT_EQ(value(again, "s", "k"), longValue);
+    EXPECT_EQ(again.obfuscatedCount(), 3001u);
+    EXPECT_EQ(sideRecords(again), sideRecords(cache));
+}
+
+TEST(SideDatabase, NothingToWriteLeavesTheBufferAlone) {
+    ZSCFData cache;
+    cache.addLine("s", "k", "v", 1);
+    cache.get("s", "k", ZPCache::GET_OBFUSCATED)->removeAll();
+    ZBuffer buffer("abc");
+    cache.be_write_obfuscated(buffer);
+    EXPECT_EQ(buffer.getLength(), 4u);
+    EXPECT_EQ(cache.obfuscatedCount(), 1u);
+}
+
+// A key that came from the side database has no line; it gets one with its first plain value, and
+// its stanza a header, or the value would be missing from the file.
+TEST(SideDatabase, KeysWithoutLinesGetThemWithTheirFirstPlainValue) {
+    struct Case {
+        const char* what;
+        void (*change)(ZSCFData&);
+        const char* out;
+    };
+    static const Case kCases[] = {
+        {"hidden again", [](ZSCFData& c) { c.addLine("s", "k", "w", 1); }, "[a]\n"},
+        {"emptied", [](ZSCFData& c) { c.addLine("s", "k", "", 0); }, "[a]\n"},
+        {"plain", [](ZSCFData& c) { c.addLine("s", "k", "w", 0); }, "[a]\n\n[s]\nk = w\n"},
+        {"a new key", [](ZSCFData& c) { c.addLine("s", "m", "w", 0); }, "[a]\n\n[s]\nm = w\n"},
+        {"a stanza comment", [](ZSCFData& c) { c.addStanzaComment("s", "# c"); },
+         "[a]\n\n[s]\n# c\n\n"},
+        {"a key comment", [](ZSCFData& c) { c.addLineComment("s", "k", "# c"); }, "[a]\n"},
+        {"the stanza", [](ZSCFData& c) { c.addStanzaLine("s"); }, "[a]\n"},
+        {"deleted", [](ZSCFData& c) { c.delStanzaLine("s"); }, "[a]\n"},
+    };
+    for (const Case& c : kCases) {
+        SCOPED_TRACE(c.what);
+        ZSCFData cache;
+        ASSERT_EQ(readText(cache, "[a]\n"), 0);
+        ASSERT_TRUE(readSide(cache, packed(bytes("s\0k\0v\0"))));
+        c.change(cache);
+        cache.checkInvariants();
+        EXPECT_EQ(writtenText(cache), c.out);
+    }
+}
+
+}  // namespace
