@@ -1,0 +1,619 @@
+// The properties object: typed look-ups, changes, notices, walks, and the object of a stanza file.
+#include "Z/ZProperties.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Z/ZExceptionText.h"
+#include "Z/ZStanzaFileProperties.h"
+#include "support/CacheText.h"
+#include "support/ExceptionNumber.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+typedef ZAbstractPropertyValuesIterator Values;
+
+namespace {
+
+// A stanza file object with this content.
+class Loaded : public ZStanzaFileProperties {
+public:
+    explicit Loaded(const string& text) : ZStanzaFileProperties(1) {
+        EXPECT_EQ(readText(data(), text), 0);
+    }
+    ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
+    string written() { return writtenText(data()); }
+};
+
+string text(const ZProperties& p, const char* stanza, const char* key) {
+    ZLCString out("before");
+    p.getValue(stanza, key, out, 0, nullptr);
+    return out.getChars();
+}
+
+// ---------------------------------------------------------------- look-ups
+
+struct NumberCase {
+    const char* text;
+    int error;  // 0 or the message number
+    unsigned int number;
+};
+
+TEST(Properties, Integers) {
+    static const NumberCase kCases[] = {
+        {"0", 0, 0},
+        {"42", 0, 42},
+        {"010", 0, 8},
+        {"0x10", 0, 16},
+        {"0XfF", 0, 255},
+        {"+7", 0, 7},
+        {"-1", 0, 4294967295u},
+        {"-4294967295", 0, 1},
+        {"-4294967296", 0, 4294967295u},
+        {"999999999", 0, 999999999},
+        {"4294967295", 0, 4294967295u},
+        {"4294967296", 0, 4294967295u},
+        {"99999999999999999999999", 0, 4294967295u},
+        {"-99999999999999999999999", 0, 4294967295u},
+        {"12abc", 40, 0},
+        {"1 2", 40, 0},
+        {"09", 40, 0},
+        {"-", 40, 0},
+        {"0x", 40, 0},
+        {"x", 40, 0},
+    };
+    for (const NumberCase& c : kCases) {
+        SCOPED_TRACE(c.text);
+        Loaded p(string("[s]\nk = ") + c.text + "\n");
+        unsigned int number = 0;
+        EXPECT_EQ(numberOf([&] { number = p.getIntegerValue("s", "k", 0, 5); }), c.error);
+        if (c.error == 0) {
+            EXPECT_EQ(number, c.number);
+        }
+    }
+}
+
+TEST(Properties, Booleans) {
+    for (const char* word : {"yes", "Y", "TRUE", "t", "1"})
+        EXPECT_EQ(Loaded(string("[s]\nk = ") + word).getBooleanValue("s", "k", 1, 0), 1) << word;
+    for (const char* word : {"No", "n", "false", "F", "0"})
+        EXPECT_EQ(Loaded(string("[s]\nk = ") + word).getBooleanValue("s", "k", 1, 0), 0) << word;
+    for (const char* word : {"maybe", "ye", "yess", "2", "on"}) {
+        Loaded p(string("[s]\nk = ") + word);
+        EXPECT_EQ(numberOf([&] { p.getBooleanValue("s", "k", 0, 1); }), 41) << word;
+    }
+}
+
+TEST(Properties, TheLastValueWinsAndAnAbsentOneGivesTheDefault) {
+    Loaded p("[s]\nk = 1\nk = 2\nempty =\n");
+    EXPECT_EQ(text(p, "s", "k"), "2");
+    EXPECT_EQ(p.getIntegerValue("s", "k", 1, 0), 2u);
+    EXPECT_EQ(p.numValues("s", "k"), 2);
+    EXPECT_EQ(p.numValues("s.k"), 2);
+    for (const char* key : {"empty", "missing"}) {
+        SCOPED_TRACE(key);
+        EXPECT_EQ(text(p, "s", key), "");
+        ZLCString out;
+        p.getValue("s", key, out, 0, "default");
+        EXPECT_EQ(out, "default");
+        EXPECT_EQ(p.getIntegerValue("s", key, 0, 9), 9u);
+        EXPECT_EQ(p.getBooleanValue("s", key, 0, 3), 3);
+        EXPECT_EQ(numberOf([&] { p.getIntegerValue("s", key, 1, 0); }), 28);
+        EXPECT_EQ(numberOf([&] { p.getBooleanValue("s", key, 1, 0); }), 28);
+        EXPECT_EQ(numberOf([&] { p.getValue("s", key, out, 1, nullptr); }), 28);
+    }
+}
+
+TEST(Properties, WhatAnExceptionTells) {
+    Loaded p("[s]\nk = odd\n");
+    try {
+        p.getIntegerValue("s", "k", 0, 0);
+        ADD_FAILURE();
+    } catch (ZPropertiesInvalidValueException& e) {
+        EXPECT_STREQ(e.propFile(), "");  // never loaded
+        EXPECT_STREQ(e.value(), "odd");
+        EXPECT_STREQ(e.key(), "k");
+        EXPECT_STREQ(e.category(), "s");
+    }
+    EXPECT_EQ(p.exists("s"), 1);  // the lock came back
+    bool free = false;
+    std::thread([&] { free = p.exists("s", "k") != 0; }).join();
+    EXPECT_TRUE(free);
+}
+
+TEST(Properties, BadArgumentsAreRefusedAndChangeNothing) {
+    Loaded p("[s]\nk = 1\nh = 2\n");
+    p.setValue("s", "h", "");
+    p.setValue("s", "h", "hidden", 1);
+    const string before = p.written();
+    p.resetModified();
+    ZArrayList sharing(1, 0), owning(1, 1);
+    const ZLCString member("stays");
+    owning.add(&member);
+    const auto badType = static_cast<ZPropertyStringType>(1);
+    const std::vector<std::function<void()>> calls = {
+        [&] { p.exists(nullptr); },
+        [&] { p.exists(""); },
+        [&] { p.exists("s", ""); },
+        [&] { p.count(""); },
+        [&] { p.numValues("nodot"); },
+        [&] { p.numValues("s", nullptr); },
+        [&] { p.isObfuscated("s", "missing"); },
+        [&] { p.isObfuscated("s.missing"); },
+        [&] { p.isObfuscated("nodot"); },
+        [&] { p.getIntegerValue("s", "k", 1, 1); },
+        [&] { p.getBooleanValue("s", "k", 1, 1); },
+        [&] {
+            ZLCString out;
+            p.getValue("s", "k", out, 1, "");
+        },
+        [&] { p.getValues("s", "k", sharing, ZPROP_STRING_LOCAL); },
+        [&] { p.getValues("s", "k", owning, badType); },
+        [&] { p.keyNames(sharing); },
+        [&] { p.keyNames("s", sharing); },
+        [&] { p.setValue("", "k", "v"); },
+        [&] { p.setValue("s", nullptr, "v"); },
+        [&] { p.setValue("s", "k", "v", 1); },
+        [&] { p.setValue("s", "h", "v", 0); },
+        [&] { p.setIntegerValue("s", "h", 1); },
+        [&] { p.setBooleanValue("s", "h", 1); },
+        [&] { p.deleteKey("s", ""); },
+        [&] { p.addFileComment(""); },
+        [&] { p.addEntryComment("s", "k", nullptr); },
+        [&] { p.addStanza(""); },
+        [&] { p.deleteStanza(nullptr); },
+        [&] { p.addStanzaComment("s", ""); },
+        [&] { p.addValue("s", "k", "", 0); },
+        [&] { p.addValue("s", "k", "v", 1); },
+        [&] { p.addValues("s", "k", ZArrayList(1, 1), 0); },
+        [&] { p.getItems(nullptr, 1); },
+        [&] { ZStanzaIterator walk(p, nullptr); },
+        [&] {
+            ZStanzaValueIterator walk(p, nullptr, "k", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
+        },
+        [&] { ZStanzaValueIterator walk(p, "s", "k", badType, Values::ZPROP_ITER_AUTO); },
+        [&] {
+            ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_PLAIN);
+        },
+        [&] {
+            ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL,
+                                      Values::ZPROP_ITER_OBFUSCATED);
+        },
+        [&] { p.load(""); },
+        [&] { p.store(nullptr); },
+        [&] { p.reload(nullptr); },
+    };
+    for (size_t i = 0; i < calls.size(); ++i)
+        EXPECT_EQ(numberOf(calls[i]), 22) << "call " << i;
+    EXPECT_EQ(p.written(), before);
+    EXPECT_EQ(p.isModified(), 0);
+    EXPECT_EQ(owning.size(), 1u);
+    bool free = false;  // nobody kept the lock
+    std::thread([&] { free = p.count() == 1; }).join();
+    EXPECT_TRUE(free);
+}
+
+TEST(Properties, AllValuesInEitherCodeset) {
+    Loaded p("[s]\nk = a\nk = b\n");
+    ZArrayList list(1, 1);
+    const ZLCString old("old");
+    list.add(&old);
+    p.getValues("s", "k", list, ZPROP_STRING_UTF8);
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_NE(dynamic_cast<ZUTF8String*>(list.get(1)), nullptr);
+    EXPECT_STREQ(static_cast<ZUTF8String*>(list.get(1))->getChars(), "b");
+    p.getValues("s", "missing", list, ZPROP_STRING_LOCAL);
+    EXPECT_EQ(list.size(), 0u);
+}
+
+// ---------------------------------------------------------------- changes and notices
+
+// Writes down what it is told.
+class Recorder : public ZObserverInterface {
+public:
+    void update(ZObservableInterface*, const ZObservedParm& parm) override {
+        const ZPropertyChanged& change = static_cast<const ZPropertyChanged&>(parm);
+        static const char* const kTypes[] = {"added", "deleted", "modified"};
+        heard += string(kTypes[change.changeType]) + " " + change.stanza +
+                 (change.key == nullptr ? "" : string(".") + change.key) + "\n";
+    }
+    string heard;
+};
+
+TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
+    struct Case {
+        void (*change)(Loaded&);
+        const char* heard;
+        const char* written;
+    };
+    static const Case kCases[] = {
+        {[](Loaded& p) { p.setValue("s", "k", "v"); }, "modified s.k\n", "[s]\nk = v\n"},
+        {[](Loaded& p) { p.setValue("s", "k", ZLCString("v")); }, "modified s.k\n", "[s]\nk = v\n"},
+        {[](Loaded& p) { p.setValue("s", "k", ZUTF8ConstString("v")); }, "modified s.k\n",
+         "[s]\nk = v\n"},
+        {[](Loaded& p) { p.setValue("s", "k", nullptr); }, "modified s.k\n", "[s]\nk =\n"},
+        {[](Loaded& p) { p.setValue("s", "k", "", 1); }, "modified s.k\n", "[s]\nk =\n"},
+        {[](Loaded& p) { p.setIntegerValue("s", "k", 4294967295u); }, "modified s.k\n",
+         "[s]\nk = 4294967295\n"},
+        {[](Loaded& p) { p.setBooleanValue("s", "n", 7); }, "modified s.n\n",
+         "[s]\nk = 1\nk = 2\nn = yes\n"},
+        {[](Loaded& p) { p.setBooleanValue("s", "k", 0); }, "modified s.k\n", "[s]\nk = no\n"},
+        {[](Loaded& p) { p.deleteKey("s", "k"); }, "deleted s.k\n", "[s]\n"},
+        {[](Loaded& p) { p.deleteKey("t", "k"); }, "deleted t.k\n", "[s]\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addStanza("s"); }, "added s\n", "[s]\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addStanza("t"); }, "added t\n", "[s]\nk = 1\nk = 2\n\n[t]\n"},
+        {[](Loaded& p) { p.deleteStanza("s"); }, "deleted s\n", ""},
+        {[](Loaded& p) { p.addFileComment("c"); }, "", "#c\n\n[s]\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addEntryComment("s", "k", "# c"); }, "", "[s]\n\n# c\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addStanzaComment("s", "c"); }, "", "[s]\n#c\n\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addValue("s", "k", "3", 0); }, "", "[s]\nk = 1\nk = 2\nk = 3\n"},
+        {[](Loaded& p) { p.addValue("s", "k", "1", 0); }, nullptr, "[s]\nk = 1\nk = 2\n"},
+        {[](Loaded& p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n",
+         "[s]\nk = 1\nk = 2\n\n[t]\nk = 1\n"},
+    };
+    for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
+        SCOPED_TRACE(i);
+        Loaded p("[s]\nk = 1\nk = 2\n");
+        Recorder recorder;
+        p.addObserver(&recorder);
+        kCases[i].change(p);
+        // Null: nothing changed at all, and the object says so.
+        EXPECT_EQ(recorder.heard, kCases[i].heard == nullptr ? "" : kCases[i].heard);
+        EXPECT_EQ(p.isModified(), kCases[i].heard == nullptr ? 0 : 1);
+        EXPECT_EQ(p.written(), kCases[i].written);
+    }
+}
+
+TEST(Properties, AnObserverMayCallBackWhileAnotherThreadWorks) {
+    Loaded p("[s]\nk = 1\n");
+    class CallsBack : public ZObserverInterface {
+    public:
+        explicit CallsBack(ZProperties& p) : p_(p) {}
+        void update(ZObservableInterface*, const ZObservedParm&) override {
+            // The lock is free here: another thread gets in.
+            std::thread([&] { seen = text(p_, "s", "k"); }).join();
+        }
+        string seen;
+
+    private:
+        ZProperties& p_;
+    } observer(p);
+    p.addObserver(&observer);
+    p.setValue("s", "k", "2");
+    EXPECT_EQ(observer.seen, "2");
+}
+
+TEST(Properties, HiddenKeysKeepTheirKindUntilTheyAreEmptied) {
+    Loaded p("[s]\nk = 1\n");
+    p.setValue("s", "h", "x", 1);
+    EXPECT_EQ(p.isObfuscated("s", "h"), 1);
+    EXPECT_EQ(p.isObfuscated("s.h"), 1);
+    EXPECT_EQ(p.isObfuscated("s", "k"), 0);
+    EXPECT_EQ(text(p, "s", "h"), "x");
+    p.setValue("s", "h", "");
+    EXPECT_EQ(p.isObfuscated("s", "h"), 0);
+    p.setValue("s", "h", "plain");
+    EXPECT_EQ(p.written(), "[s]\nk = 1\nh = plain\n");
+}
+
+TEST(Properties, ACopyHasItsOwnContentAndNoObservers) {
+    Loaded p("[s]\nk = 1\n");
+    Recorder recorder;
+    p.addObserver(&recorder);
+    ZStanzaFileProperties copy(p);
+    copy.setValue("s", "k", "2");
+    EXPECT_EQ(text(p, "s", "k"), "1");
+    EXPECT_EQ(text(copy, "s", "k"), "2");
+    EXPECT_EQ(recorder.heard, "");
+}
+
+// ---------------------------------------------------------------- walks
+
+TEST(KeyWalk, GoesInFileOrderAndTellsWhereItIs) {
+    Loaded p("[s]\nz = 1\na = 2\na = 3\nempty =\n[t]\n");
+    ZStanzaIterator walk(p, "s");
+    EXPECT_EQ(walk.keyCount(), 3u);
+    for (auto early :
+         {+[](ZStanzaIterator& w) { w.entryName(); }, +[](ZStanzaIterator& w) { w.entryValue(0); },
+          +[](ZStanzaIterator& w) { w.valueCount(); }})
+        EXPECT_EQ(numberOf([&] { early(walk); }), 42);
+    string seen;
+    while (walk.hasMore()) {
+        walk.nextEntry();
+        seen += string(walk.entryName()) + std::to_string(walk.valueCount());
+        if (walk.valueCount() != 0)
+            seen += walk.entryValue(walk.valueCount() - 1);
+        seen += " ";
+        EXPECT_EQ(numberOf([&] { walk.entryValue(walk.valueCount()); }), 22);
+    }
+    EXPECT_EQ(seen, "z11 a23 empty0 ");
+    EXPECT_EQ(numberOf([&] { walk.nextEntry(); }), 42);
+    EXPECT_STREQ(walk.entryName(), "empty");
+    ZStanzaIterator none(p, "missing");
+    EXPECT_EQ(none.hasMore(), 0);
+    EXPECT_EQ(none.keyCount(), 0u);
+    ZPropertiesIterator nothing(p);
+    EXPECT_EQ(nothing.hasMore(), 0);
+}
+
+TEST(KeyWalk, HoldsTheLockForItsLife) {
+    Loaded p("[s]\nk = 1\n");
+    std::atomic<bool> entered{false};
+    std::thread other;
+    {
+        ZStanzaIterator walk(p, "s");
+        other = std::thread([&] {
+            p.setValue("s", "k", "2");
+            entered = true;
+        });
+        walk.nextEntry();
+        p.setValue("s", "other", "x");  // its own thread goes on
+        EXPECT_EQ(walk.keyCount(), 2u);
+        EXPECT_STREQ(walk.entryValue(0), "1");
+        EXPECT_FALSE(entered);
+    }
+    other.join();
+    EXPECT_EQ(text(p, "s", "k"), "2");
+}
+
+struct ValueWalkCase {
+    const char* what;
+    Values::ZPropIter_valtype type;
+    void (*change)(Values&);
+    std::vector<string> values;
+    int hidden;
+};
+
+TEST(ValueWalk, ChangesInPlace) {
+    auto next = [](Values& w, int times) {
+        for (int i = 0; i < times; ++i)
+            w.nextValue();
+    };
+    static decltype(next)* go = &next;
+    const ValueWalkCase cases[] = {
+        {"adds behind the second",
+         Values::ZPROP_ITER_PLAIN,
+         [](Values& w) {
+             (*go)(w, 2);
+             w.addValue("n");
+             w.changeValue("m");
+         },
+         {"1", "2", "m", "3"},
+         0},
+        {"adds in front of all",
+         Values::ZPROP_ITER_PLAIN,
+         [](Values& w) { w.addValue("n"); },
+         {"n", "1", "2", "3"},
+         0},
+        {"removes the first, goes on with the second",
+         Values::ZPROP_ITER_AUTO,
+         [](Values& w) {
+             (*go)(w, 1);
+             w.removeValue();
+             EXPECT_EQ(w.isValid(), 0);
+             const char* now;
+             EXPECT_STREQ(w.nextValue(now), "2");
+         },
+         {"2", "3"},
+         0},
+        {"removes all, one by one",
+         Values::ZPROP_ITER_PLAIN,
+         [](Values& w) {
+             while (w.hasMore()) {
+                 w.nextValue();
+                 w.removeValue();
+             }
+         },
+         {},
+         0},
+        {"fills an emptied one",
+         Values::ZPROP_ITER_PLAIN,
+         [](Values& w) {
+             while (w.hasMore()) {
+                 w.nextValue();
+                 w.removeValue();
+             }
+             w.addValue("n");
+         },
+         {"n"},
+         0},
+        {"changes at the end",
+         Values::ZPROP_ITER_AUTO,
+         [](Values& w) {
+             while (w.hasMore())
+                 w.nextValue();
+             w.changeValue("c");
+         },
+         {"1", "2", "c"},
+         0},
+    };
+    for (const ValueWalkCase& c : cases) {
+        SCOPED_TRACE(c.what);
+        Loaded p("[s]\nk = 1\nk = 2\nk = 3\n");
+        {
+            ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL, c.type);
+            EXPECT_EQ(numberOf([&] { walk.changeValue("x"); }), 42);
+            EXPECT_EQ(numberOf([&] { walk.removeValue(); }), 42);
+            c.change(walk);
+            EXPECT_EQ(walk.valueCount(), c.values.size());
+        }
+        string expected = "[s]\n";
+        for (const string& v : c.values)
+            expected += "k = " + v + "\n";
+        EXPECT_EQ(p.written(), c.values.empty() ? "[s]\nk =\n" : expected);
+        EXPECT_EQ(p.isModified(), 1);
+    }
+}
+
+TEST(ValueWalk, HiddenValues) {
+    Loaded p("[s]\n");
+    p.setValue("s", "h", "1", 1);
+    p.addValue("s", "h", "2", 1);
+    {
+        ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_OBFUSCATED);
+        walk.nextValue();
+        walk.removeValue();  // the first of a walk over hidden values takes all with it
+        EXPECT_EQ(walk.valueCount(), 0u);
+        EXPECT_EQ(p.data().obfuscatedCount(), 0u);
+        EXPECT_EQ(p.exists("s", "h"), 1);
+        walk.addValue("3");
+    }
+    EXPECT_EQ(p.isObfuscated("s", "h"), 1);
+    {
+        // A walk over whichever values empties in place, and puts hidden ones back as hidden.
+        ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
+        walk.nextValue();
+        walk.removeValue();
+        EXPECT_EQ(p.data().obfuscatedCount(), 1u);
+        walk.addValue("secret");
+    }
+    EXPECT_EQ(p.isObfuscated("s", "h"), 1);
+    EXPECT_EQ(sideRecords(p.data()), string("s\0h\0secret\0", 11));
+    EXPECT_EQ(p.written(), "[s]\n");
+}
+
+TEST(ValueWalk, AMissingKeyIsMadeByTheFirstValue) {
+    Loaded p("");
+    Recorder recorder;
+    p.addObserver(&recorder);
+    {
+        ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
+        EXPECT_EQ(walk.hasMore(), 0);
+        EXPECT_EQ(numberOf([&] { walk.nextValue(); }), 42);
+        walk.addValue("1");
+        EXPECT_EQ(walk.valueCount(), 1u);
+        EXPECT_EQ(walk.isValid(), 1);
+        walk.addValue("2");
+    }
+    EXPECT_EQ(p.written(), "\n[s]\nk = 1\nk = 2\n");
+    EXPECT_EQ(recorder.heard, "modified s.k\n");
+}
+
+// ---------------------------------------------------------------- stanzas as a whole
+
+TEST(StanzaProperties, AddValuesMatchesInOnePass) {
+    struct Case {
+        std::vector<const char*> add;
+        const char* written;
+    };
+    static const Case kCases[] = {
+        {{"b", "x"}, "[s]\nk = a\nk = b\nk = c\nk = x\n"},
+        {{"c", "a"}, "[s]\nk = a\nk = b\nk = c\nk = a\n"},  // what stands before isn't seen
+        {{"a", "b", "c"}, "[s]\nk = a\nk = b\nk = c\n"},
+        {{"x", "y"}, "[s]\nk = a\nk = b\nk = c\nk = x\nk = y\n"},
+    };
+    for (const Case& c : kCases) {
+        Loaded p("[s]\nk = a\nk = b\nk = c\n");
+        ZArrayList list(1, 1);
+        for (const char* v : c.add)
+            list.addNoCopy(new ZUTF8String(v));
+        p.addValues("s", "k", list, 0);
+        EXPECT_EQ(p.written(), c.written);
+    }
+}
+
+TEST(StanzaProperties, AStanzaAsPairs) {
+    Loaded p("[s]\nk = a\nk = b\nm = c\n[t]\nempty =\n");
+    ZPropertiesKVList list(ZPROP_STRING_UTF8);
+    p.getStanza("s", list);
+    const ZPropertiesKVList copy(list);
+    list.clear();
+    ASSERT_EQ(copy.getItemCount(), 2u);
+    EXPECT_STREQ(copy.getItemKey(0), "k");
+    EXPECT_STREQ(copy.getItemValue(0), "a");
+    EXPECT_STREQ(copy.getItemKey(1), "m");
+    EXPECT_EQ(copy.getItemKey(2), nullptr);
+    EXPECT_EQ(copy.getItemValue(2), nullptr);
+    p.getStanza("missing", list);
+    EXPECT_EQ(list.getItemCount(), 0u);
+    EXPECT_EQ(numberOf([&] { p.getStanza("t", list); }), 22);
+}
+
+TEST(StanzaProperties, ManyRequestsInOneCall) {
+    Loaded p("[s]\nb = yes\ni = 0x1F\nt = text\n");
+    int truth = -1;
+    unsigned int number = 0, second = 77;
+    ZLCString string_;
+    ZArrayList local(1, 1), utf8(1, 1);
+    ZPropertiesKVList pairs(ZPROP_STRING_LOCAL);
+    ZStzFileItem items[] = {
+        {ZSTZ_ITEM_BOOLEAN, "s", "b", 1, &truth, {nullptr}},
+        {ZSTZ_ITEM_INTEGER, "s", "i", 0, &number, {nullptr}},
+        {ZSTZ_ITEM_STRING, "s", "missing", 0, &string_, {"given"}},
+        {ZSTZ_ITEM_VALUES, "s", "t", 0, &local, {nullptr}},
+        {ZSTZ_ITEM_UTF8_VALUES, "s", "t", 0, &utf8, {nullptr}},
+        {ZSTZ_ITEM_STANZA, "s", nullptr, 0, &pairs, {nullptr}},
+        {7, "s", "i", 0, &second, {nullptr}},
+        {ZSTZ_ITEM_INTEGER, "s", "i", 0, &second, {nullptr}},
+    };
+    EXPECT_EQ(numberOf([&] { p.getItems(items, 8); }), 22);
+    EXPECT_EQ(truth, 1);
+    EXPECT_EQ(number, 31u);
+    EXPECT_EQ(string_, "given");
+    EXPECT_EQ(local.size() + utf8.size(), 2u);
+    EXPECT_EQ(pairs.getItemCount(), 3u);
+    EXPECT_EQ(second, 77u);
+    items[0].key = "absent";
+    EXPECT_EQ(numberOf([&] { p.getItems(items, 1); }), 28);
+}
+
+// Writers stamp pairs of keys with one number; no reader may ever see a pair that is torn, nor a
+// number that goes back.
+TEST(Properties, ThreadsSeeWholeChanges) {
+    Loaded p("[s]\na = 0\n");
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; ++r)
+        readers.emplace_back([&] {
+            unsigned int last = 0;
+            while (!stop) {
+                const unsigned int now = p.getIntegerValue("s", "a", 1, 0);
+                EXPECT_GE(now, last);
+                last = now;
+                ZStanzaIterator walk(p, "s");
+                while (walk.hasMore()) {
+                    walk.nextEntry();
+                    EXPECT_EQ(walk.valueCount(), 1u);
+                }
+            }
+        });
+    for (unsigned int i = 1; i <= 2000; ++i) {
+        p.setIntegerValue("s", "a", i);
+        const string key = "k" + std::to_string(i % 50);
+        if (i % 100 < 50)
+            p.setValue("s", key.c_str(), "x");
+        else
+            p.deleteKey("s", key.c_str());
+    }
+    stop = true;
+    for (std::thread& reader : readers)
+        reader.join();
+}
+
+// Look-ups without the lock may make lists side by side; whoever comes second gets the first one's.
+TEST(Properties, ListsAreMadeOnceHoweverManyAsk) {
+    for (int round = 0; round < 50; ++round) {
+        Loaded p("[s]\nk = 1\nm = 2\n");
+        const ZArrayList* values[2];
+        const ZArrayList* keys[2];
+        std::thread other([&] {
+            values[1] = p.get("s", "k");
+            keys[1] = p.keyNames("s");
+            p.getIntegerValue("s", "k", 1, 0);
+        });
+        values[0] = p.get("s", "k");
+        keys[0] = p.keyNames("s");
+        p.getIntegerValue("s", "k", 1, 0);
+        other.join();
+        EXPECT_EQ(values[0], values[1]);
+        EXPECT_EQ(keys[0], keys[1]);
+    }
+}
+
+}  // namespace
