@@ -25,7 +25,7 @@ ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode) : ZPROP_handle(mode), pro
 ZPROP_stz_handle::~ZPROP_stz_handle() {}
 
 ZPROP_iter_handle::ZPROP_iter_handle(Kind kind)
-    : kind_(kind), firstGuard_(kFirstGuard), secondGuard_(kSecondGuard) {}
+    : kind_(kind), firstGuard_(kFirstGuard), secondGuard_(kSecondGuard), thread_(pthread_self()) {}
 
 ZPROP_iter_handle::~ZPROP_iter_handle() noexcept(false) {
     kind_ = 0;

@@ -11,6 +11,8 @@
 #ifndef Z_ZPROPHANDLE_H
 #define Z_ZPROPHANDLE_H
 
+#include <pthread.h>
+
 #include "ZStanzaFileProperties.h"
 #include "zproperties.h"
 
@@ -51,11 +53,14 @@ public:
     /// Likewise, and whether the kind is one.
     static bool isGood(const ZPROP_iter_handle* handle);
     int kind() const { return kind_; }
+    /// Whether the calling thread has made it.
+    bool isOwn() const { return pthread_equal(thread_, pthread_self()) != 0; }
 
 private:
     volatile int kind_;
     volatile uint32_t firstGuard_;
     volatile uint32_t secondGuard_;
+    const pthread_t thread_;
 };
 
 class ZEXPORT ZPROP_stz_iter_handle : public ZPROP_iter_handle {

@@ -124,8 +124,8 @@ int zstzPropLastError(ZPROP_error* error) {
 
 // ---------------------------------------------------------------- handles
 
-// The object behind a live handle, or null. Every call comes by here first, so that the last error
-// ends here.
+// The object behind a live handle, or null. Calls come by here first, so that the last error ends
+// here.
 static ZStanzaFileProperties* liveProperties(ZPROP_handle* handle) {
     lastError.clear();
     if (!ZPROP_handle::isGood(handle))
@@ -159,9 +159,17 @@ int zstzPropStore(ZPROP_handle* handle, const char* file) {
 
 // ---------------------------------------------------------------- reading
 
-// Answers a question about the object behind `handle`; the result number goes to *err.
+// Answers a question about the object behind `handle`; the result number goes to *err. `complete`:
+// no argument is null that must not be; otherwise *err is left alone and the answer is
+// `incompleteAnswer`.
 template <typename Answer, typename Question>
-static Answer ask(ZPROP_handle* handle, int* err, Answer nothing, Question question) {
+static Answer ask(ZPROP_handle* handle, int* err, bool complete, Answer incompleteAnswer,
+                  Question question) {
+    if (!complete || err == nullptr) {
+        parameterError();
+        return incompleteAnswer;
+    }
+    const Answer nothing = Answer();
     ZStanzaFileProperties* properties = liveProperties(handle);
     if (properties == nullptr) {
         *err = parameterError();
@@ -173,29 +181,23 @@ static Answer ask(ZPROP_handle* handle, int* err, Answer nothing, Question quest
 }
 
 int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
-    if (stanza == nullptr || err == nullptr)
-        return 0;
-    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) {
+    return ask(handle, err, stanza != nullptr, 0, [&](ZStanzaFileProperties& p) {
         return key == nullptr ? p.exists(stanza) : p.exists(stanza, key);
     });
 }
 
 int zstzPropNumStanzas(ZPROP_handle* handle, int* err) {
-    if (err == nullptr)
-        return 0;
-    return ask(handle, err, 0, [](ZStanzaFileProperties& p) { return p.count(); });
+    return ask(handle, err, true, 0, [](ZStanzaFileProperties& p) { return p.count(); });
 }
 
 int zstzPropNumKeys(ZPROP_handle* handle, const char* stanza, int* err) {
-    if (stanza == nullptr || err == nullptr)
-        return 0;
-    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) { return p.count(stanza); });
+    return ask(handle, err, stanza != nullptr, 0,
+               [&](ZStanzaFileProperties& p) { return p.count(stanza); });
 }
 
 int zstzPropNumValues(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
-    if (stanza == nullptr || key == nullptr || err == nullptr)
-        return 0;
-    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) { return p.numValues(stanza, key); });
+    return ask(handle, err, stanza != nullptr && key != nullptr, 0,
+               [&](ZStanzaFileProperties& p) { return p.numValues(stanza, key); });
 }
 
 // Strings that are handed out carry a word in front of them, by which zstzPropFree knows them.
@@ -240,31 +242,27 @@ void zstzPropFree(char* string) {
 
 char* zstzPropGetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                              int required, int* err) {
-    if (stanza == nullptr || key == nullptr || err == nullptr)
-        return nullptr;
-    return ask(handle, err, static_cast<char*>(nullptr), [&](ZStanzaFileProperties& p) {
-        ZLCString text;
-        p.getValue(stanza, key, text, required, nullptr);
-        return text.getLength() == 0 ? nullptr : myStrDup(text);
-    });
+    return ask(handle, err, stanza != nullptr && key != nullptr, static_cast<char*>(nullptr),
+               [&](ZStanzaFileProperties& p) {
+                   ZLCString text;
+                   p.getValue(stanza, key, text, required, nullptr);
+                   return text.getLength() == 0 ? nullptr : myStrDup(text);
+               });
 }
 
 unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                      int required, int* err) {
-    if (stanza == nullptr || key == nullptr || err == nullptr)
-        return ZPROP_ERR_PARAM;
-    return ask(handle, err, 0u, [&](ZStanzaFileProperties& p) {
-        return p.getIntegerValue(stanza, key, required, 0);
-    });
+    return ask(handle, err, stanza != nullptr && key != nullptr,
+               static_cast<unsigned int>(ZPROP_ERR_PARAM), [&](ZStanzaFileProperties& p) {
+                   return p.getIntegerValue(stanza, key, required, 0);
+               });
 }
 
 int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int required,
                             int* err) {
-    if (stanza == nullptr || key == nullptr || err == nullptr)
-        return ZPROP_ERR_PARAM;
-    return ask(handle, err, 0, [&](ZStanzaFileProperties& p) {
-        return p.getBooleanValue(stanza, key, required, 0);
-    });
+    return ask(
+        handle, err, stanza != nullptr && key != nullptr, ZPROP_ERR_PARAM,
+        [&](ZStanzaFileProperties& p) { return p.getBooleanValue(stanza, key, required, 0); });
 }
 
 // ---------------------------------------------------------------- lists
@@ -274,6 +272,10 @@ static void freeTexts(char** texts) {
         free(*text);
     free(texts);
 }
+
+// Holds an object's lock for a scope, so that a call of several steps is one for other threads: a
+// walk over nothing does just that.
+typedef ZPropertiesIterator ObjectLock;
 
 static char* duplicate(const char* text) {
     char* copy = strdup(text);
@@ -329,6 +331,7 @@ int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count) {
     if (properties == nullptr || (items == nullptr && count != 0))
         return parameterError();
     return guarded(readGroup, [&] {
+        const ObjectLock lock(*properties);
         for (int i = 0; i < count; ++i)
             answerItem(*properties, items[i]);
     });
@@ -358,7 +361,7 @@ int zstzPropGetStanzas(ZPROP_handle* handle, char*** names) {
         return parameterError();
     *names = nullptr;
     return guarded(readGroup, [&] {
-        ZPropertiesIterator lock(*properties);  // keyNames takes none
+        const ObjectLock lock(*properties);  // keyNames takes none
         ZArrayList list(10, 1);
         properties->keyNames(list);
         *names = duplicateAll(list);
@@ -566,6 +569,8 @@ int zstzPropIter_close(ZPROP_iter_handle* iterator) {
     const Walk walk(iterator);
     if (!walk.isGood())
         return parameterError();
-    // Only the thread that made the walk can give its lock back.
+    // The lock belongs to the thread that made the walk, and could never be given back otherwise.
+    if (!iterator->isOwn())
+        return parameterError();
     return guarded(readGroup, [&] { delete iterator; });
 }

@@ -199,7 +199,8 @@ ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text)
 ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);
 
-/* Ends the walk and frees the iterator. 0; 55 for a bad one, which is left alone. */
+/* Ends the walk and frees the iterator. 0; 55 for a bad one or another thread's, which is left
+ * alone. */
 ZEXPORT int zstzPropIter_close(ZPROP_iter_handle* iterator);
 
 Z_END_C
