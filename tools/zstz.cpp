@@ -3,6 +3,7 @@
 #include <Z/zproperties.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,12 +41,12 @@ const char kHelp[] =
     "behind --.\n"
     "\n"
     "Exit status: 0 done, 1 stanza, key or value not found, 2 wrong usage, 3 the file can't be\n"
-    "read, locked or written, 4 the file holds bad data.\n";
+    "read, locked or written, 4 the file holds bad data, or hidden values that bar the change.\n";
 
 struct Options {
     bool all = false;
     bool create = false;
-    const char* type = "string";
+    const char* type = nullptr;
 };
 
 int complain(Exit code, const char* format, const char* a = "", const char* b = "") {
@@ -87,6 +88,12 @@ typedef std::unique_ptr<ZPROP_iter_handle, CloseWalk> Walk;
 
 // Opens the file, or reports and gives the exit code.
 int openFile(const char* file, Handle& handle) {
+    // The library would read a folder as an empty file.
+    struct stat status;
+    if (stat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
+        fprintf(stderr, "%s: error: %s\n", file, strerror(EISDIR));
+        return fileError;
+    }
     ZPROP_handle* opened = nullptr;
     if (zstzPropOpen(&opened, file, ZPROP_OPEN_UPDATE) != ZPROP_OK)
         return reportLastError(file);
@@ -94,12 +101,16 @@ int openFile(const char* file, Handle& handle) {
     return done;
 }
 
-// A change that failed for another reason than the file: a key whose values are hidden, say.
+// A change that failed for another reason than the file. With names that are checked, what can be
+// wrong with it is that text would go where hidden values are.
 int refuse(const char* file, const char* stanza, const char* key) {
+    static const int kInvalidParameter = 22;
     ZPROP_error error;
     zstzPropLastError(&error);
-    fprintf(stderr, "%s: error: [%s] %s can't be changed so: %s\n", file, stanza, key,
-            error.text == nullptr ? "failed" : error.text);
+    const char* reason = error.number == kInvalidParameter ? "its values are hidden; unset it first"
+                         : error.text == nullptr           ? "failed"
+                                                           : error.text;
+    fprintf(stderr, "%s: error: can't change [%s] %s: %s\n", file, stanza, key, reason);
     return badData;
 }
 
@@ -239,8 +250,9 @@ int set(char** arguments, int, const Options& options) {
     const char* value = arguments[3];
     if (const int failed = checkEntry(stanza, key, value))
         return failed;
-    const bool isInteger = strcmp(options.type, "integer") == 0;
-    const bool isBoolean = strcmp(options.type, "boolean") == 0;
+    const char* type = options.type == nullptr ? "string" : options.type;
+    const bool isInteger = strcmp(type, "integer") == 0;
+    const bool isBoolean = strcmp(type, "boolean") == 0;
     unsigned int number = 0;
     int truth = 0;
     if (isInteger && !parseInteger(value, number))
@@ -430,11 +442,18 @@ int run(int count, char** arguments, const Options& options) {
                             command.name);
         if (options.all && command.run != get)
             return complain(usage, "--all goes with get");
-        if ((options.create || strcmp(options.type, "string") != 0) && command.run != set)
+        if ((options.create || options.type != nullptr) && command.run != set)
             return complain(usage, "--type and --create go with set");
         return command.run(arguments + 1, count - 1, options);
     }
     return complain(usage, "no such command: %s; see zstz --help", arguments[0]);
+}
+
+// A full disk or a closed pipe behind standard output shows here.
+int finish(int result) {
+    if (fclose(stdout) != 0 && result == done)
+        return complain(fileError, "standard output: %s", strerror(errno));
+    return result;
 }
 
 }  // namespace
@@ -464,17 +483,13 @@ int main(int argc, char** argv) {
                 break;
             case 'h':
                 fputs(kHelp, stdout);
-                return done;
+                return finish(done);
             case 'v':
                 puts("zstz " ZBASE_VERSION);
-                return done;
+                return finish(done);
             default:
                 return usage;
         }
     }
-    const int result = run(argc - optind, argv + optind, options);
-    // A full disk or a closed pipe behind standard output shows here.
-    if (fclose(stdout) != 0 && result == done)
-        return complain(fileError, "standard output: %s", strerror(errno));
-    return result;
+    return finish(run(argc - optind, argv + optind, options));
 }
