@@ -291,7 +291,18 @@ void ZProperties::store(const char* file) {
 
 ZAbstractPropertiesFactory::ZAbstractPropertiesFactory() : instances_(10, 0) {}
 
-ZAbstractPropertiesFactory::~ZAbstractPropertiesFactory() noexcept {}
+// The objects belong to whoever still uses them; the names are the registry's alone.
+ZAbstractPropertiesFactory::~ZAbstractPropertiesFactory() noexcept {
+    try {
+        ZArrayList names(instances_.size(), 0);
+        instances_.listKeys(names);
+        instances_.removeAll();
+        for (unsigned int i = 0; i < names.size(); ++i)
+            delete names.get(i);
+    } catch (ZException&) {
+        // Without memory for the list the names stay, a small leak at the end of a registry.
+    }
+}
 
 ZLock* ZPropRegistry::res_ = nullptr;
 

@@ -1,0 +1,389 @@
+// Load, store and the registry on real files and beside real processes.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "Z/ZExceptionText.h"
+#include "Z/ZStanzaFileProperties.h"
+#include "support/ExceptionNumber.h"
+#include "support/SelfChild.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+namespace {
+
+// What an I/O failure told: "call errno file", or "" if there was none.
+template <typename Call>
+string failureOf(Call call) {
+    try {
+        call();
+    } catch (ZPropertiesIOException& e) {
+        return string(e.api()) + " " + std::to_string(e.excerrno()) + " " + e.propFile();
+    }
+    return "";
+}
+
+string text(const ZProperties& p, const char* stanza, const char* key) {
+    ZLCString out;
+    p.getValue(stanza, key, out, 0, nullptr);
+    return out.getChars();
+}
+
+string ioFailure(const char* call, int error, const string& file) {
+    return string(call) + " " + std::to_string(error) + " " + file;
+}
+
+// A process that holds a record lock on a file until it is told to end.
+class LockingProcess {
+public:
+    LockingProcess(const string& file, short type) {
+        int ready[2], end[2];
+        if (pipe(ready) != 0 || pipe(end) != 0)
+            abort();
+        child_ = fork();
+        if (child_ == 0) {
+            close(end[1]);
+            const int descriptor = open(file.c_str(), O_RDWR);
+            struct flock whole = {};
+            whole.l_type = type;
+            char byte = fcntl(descriptor, F_SETLK, &whole) == 0 ? 'y' : 'n';
+            if (write(ready[1], &byte, 1) != 1)
+                _exit(1);
+            _exit(static_cast<int>(read(end[0], &byte, 1)));  // until the other side closes
+        }
+        close(end[0]);
+        close(ready[1]);
+        end_ = end[1];
+        char byte = 'n';
+        if (read(ready[0], &byte, 1) != 1 || byte != 'y')
+            ADD_FAILURE() << "no lock";
+        close(ready[0]);
+    }
+    ~LockingProcess() {
+        close(end_);
+        waitpid(child_, nullptr, 0);
+    }
+
+private:
+    pid_t child_;
+    int end_;
+};
+
+// ---------------------------------------------------------------- load
+
+TEST(Load, WithoutAPathOrAFileItTellsWhatItTried) {
+    TempFolder folder;
+    const string path = folder / "missing.conf";
+    ZStanzaFileProperties p(1);
+    EXPECT_EQ(numberOf([&] { p.load(nullptr); }), 22);
+    EXPECT_EQ(failureOf([&] { p.load(path.c_str()); }), ioFailure("fopen(r)", ENOENT, path));
+    // The path is the object's from now on.
+    EXPECT_EQ(failureOf([&] { p.load(""); }), ioFailure("fopen(r)", ENOENT, path));
+    folder.write("missing.conf", "[s]\nk = 1\n");
+    p.load(nullptr);
+    EXPECT_EQ(text(p, "s", "k"), "1");
+    // On top of what is there, the first stanza is there already.
+    EXPECT_EQ(numberOf([&] { p.load(nullptr); }), 44);
+    p.reload(nullptr);
+    EXPECT_EQ(text(p, "s", "k"), "1");
+}
+
+class Counter : public ZObserverInterface {
+public:
+    void update(ZObservableInterface*, const ZObservedParm&) override { ++count; }
+    int count = 0;
+};
+
+TEST(Load, AFailureKeepsWhatWasReadAndNoticesGoOn) {
+    TempFolder folder;
+    const string path = folder.write("a.conf", "[s]\nk = 1\nbad\nm = 2\n");
+    ZStanzaFileProperties p(1);
+    Counter counter;
+    p.addObserver(&counter);
+    p.setValue("t", "x", "y");
+    EXPECT_EQ(numberOf([&] { p.load(path.c_str()); }), 44);
+    EXPECT_EQ(text(p, "s", "k"), "1");
+    EXPECT_EQ(p.exists("s", "m"), 0);
+    EXPECT_EQ(p.isModified(), 1);
+    EXPECT_EQ(counter.count, 1);
+    p.setValue("s", "k", "2");
+    EXPECT_EQ(counter.count, 2);
+    folder.write("a.conf", "[s]\nk = 3\n");
+    p.reload(nullptr);
+    EXPECT_EQ(text(p, "s", "k"), "3");
+    EXPECT_EQ(p.exists("t"), 0);
+    EXPECT_EQ(p.isModified(), 0);
+}
+
+TEST(Locks, OfAnotherProcessMakeThemFailAtOnce) {
+    TempFolder folder;
+    const string path = folder.write("a.conf", "[s]\nk = 1\n");
+    ZStanzaFileProperties p(path.c_str(), 1);
+    p.setValue("s", "k", "2");
+    {
+        LockingProcess reader(path, F_RDLCK);
+        ZStanzaFileProperties other(path.c_str(), 1);  // readers side by side
+        EXPECT_EQ(failureOf([&] { p.store(nullptr); }), ioFailure("fcntl()", EAGAIN, path));
+        EXPECT_EQ(TempFolder::read(path), "[s]\nk = 1\n");
+        EXPECT_EQ(p.isModified(), 1);
+    }
+    {
+        LockingProcess writer(path, F_WRLCK);
+        EXPECT_EQ(failureOf([&] { ZStanzaFileProperties(path.c_str(), 1); }),
+                  ioFailure("fcntl()", EAGAIN, path));
+        EXPECT_EQ(failureOf([&] { p.store(nullptr); }), ioFailure("fcntl()", EAGAIN, path));
+    }
+    p.store(nullptr);
+    EXPECT_EQ(TempFolder::read(path), "[s]\nk = 2\n");
+    // The lock went with the stream.
+    LockingProcess writer(path, F_WRLCK);
+}
+
+// ---------------------------------------------------------------- store
+
+TEST(Store, WritesInPlaceCreatesAndCutsTheTailOff) {
+    TempFolder folder;
+    const string path = folder / "new.conf";
+    ZStanzaFileProperties p(1);
+    p.setValue("s", "key", "a rather long value");
+    p.store(path.c_str());
+    EXPECT_EQ(TempFolder::read(path), "\n[s]\nkey = a rather long value\n");
+    EXPECT_EQ(p.isModified(), 0);
+    struct stat before, after;
+    stat(path.c_str(), &before);
+    chmod(path.c_str(), 0640);
+    p.setValue("s", "key", "v");
+    p.store(path.c_str());
+    stat(path.c_str(), &after);
+    EXPECT_EQ(TempFolder::read(path), "\n[s]\nkey = v\n");
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(after.st_mode & 0777, 0640u);
+    // A store elsewhere doesn't move the object.
+    p.reload(path.c_str());
+    p.store((folder / "other.conf").c_str());
+    p.setValue("s", "key", "w");
+    p.store(nullptr);
+    EXPECT_EQ(TempFolder::read(path), "\n[s]\nkey = w\n");
+    EXPECT_EQ(TempFolder::read(folder / "other.conf"), "\n[s]\nkey = v\n");
+}
+
+TEST(Store, ChecksTheDirectoryOfAFileThatIsToBeMade) {
+    TempFolder folder;
+    ZStanzaFileProperties p(1);
+    const string missing = folder / "none";
+    EXPECT_EQ(failureOf([&] { p.store((missing + "/a.conf").c_str()); }),
+              ioFailure("access()", ENOENT, missing));
+    EXPECT_EQ(failureOf([&] { p.store("none/such/a.conf"); }),
+              ioFailure("access()", ENOENT, "none/such"));
+    // A file in the place of the folder passes the test of access, and the opening tells.
+    const string file = folder.write("file", "");
+    EXPECT_EQ(failureOf([&] { p.store((file + "/a.conf").c_str()); }),
+              ioFailure("fopen(r+)", ENOTDIR, file + "/a.conf"));
+    EXPECT_EQ(failureOf([&] { p.store((folder / "").c_str()); }),
+              ioFailure("fopen(r+)", EISDIR, folder / ""));
+}
+
+// ---------------------------------------------------------------- side database
+
+TEST(SideFile, ComesWithTheFirstHiddenValueAndGoesWithTheLast) {
+    TempFolder folder;
+    const string path = folder.write("a.conf", "# top\n\n[s]\nk = 1\n");
+    const string side = path + ".obf";
+    chmod(path.c_str(), 0644);
+    ZStanzaFileProperties p(path.c_str(), 1);
+    p.store(nullptr);
+    EXPECT_EQ(TempFolder::read(side), "<none>");
+    p.setValue("s", "secret", "hush", 1);
+    p.store(nullptr);
+    EXPECT_EQ(TempFolder::read(path),
+              "# top\n\n[s]\nk = 1\n\n[configuration-database]\nfile = " + side + "\n");
+    EXPECT_EQ(TempFolder::read(side).find("hush"), string::npos);
+    struct stat status;
+    ASSERT_EQ(stat(side.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    ZStanzaFileProperties again(path.c_str(), 1);
+    EXPECT_EQ(text(again, "s", "secret"), "hush");
+    EXPECT_EQ(again.isObfuscated("s", "secret"), 1);
+    again.setValue("s", "secret", "");
+    again.store(nullptr);
+    EXPECT_EQ(TempFolder::read(side), "<none>");
+    EXPECT_EQ(TempFolder::read(path), "# top\n\n[s]\nk = 1\n\n[configuration-database]\n");
+}
+
+TEST(SideFile, ARelativePathMakesAnAbsoluteName) {
+    TempFolder folder;
+    const string here = std::filesystem::current_path().string();
+    ASSERT_EQ(chdir((folder / "").c_str()), 0);
+    ZStanzaFileProperties p(1);
+    p.setValue("s", "h", "x", 1);
+    p.store("a.conf");
+    const string expected = std::filesystem::current_path().string() + "/a.conf.obf";
+    ASSERT_EQ(chdir(here.c_str()), 0);
+    EXPECT_EQ(text(p, "configuration-database", "file"), expected);
+    EXPECT_NE(TempFolder::read(expected), "<none>");
+}
+
+// A side database that can't be one: what a load says, and that a store touches nothing.
+TEST(SideFile, MustBeAFileOfItsOwn) {
+    struct Case {
+        const char* what;
+        const char* name;  // in the folder
+        void (*make)(const string& path);
+        int loadError;  // message number
+        int loadErrno;  // of "mapFile()", 0 for bad data
+        bool storeRefuses;
+    };
+    static const Case kCases[] = {
+        {"missing", "side", [](const string&) {}, 43, 22, false},
+        {"empty", "side", [](const string& s) { std::ofstream(s).flush(); }, 43, 22, false},
+        {"a folder", "side", [](const string& s) { mkdir(s.c_str(), 0700); }, 43, ENODEV, true},
+        {"a pipe", "side", [](const string& s) { mkfifo(s.c_str(), 0600); }, 43, 22, true},
+        {"the file itself", "a.conf", [](const string&) {}, 44, 0, true},
+        {"a link to it", "side",
+         [](const string& s) { EXPECT_EQ(symlink("a.conf", s.c_str()), 0); }, 44, 0, true},
+        {"no such stream", "side", [](const string& s) { std::ofstream(s) << "text"; }, 44, 0,
+         false},
+    };
+    for (const Case& c : kCases) {
+        SCOPED_TRACE(c.what);
+        TempFolder folder;
+        const string side = folder / c.name;
+        const string content = "[s]\nk = 1\n[configuration-database]\nfile = " + side + "\n";
+        const string path = folder.write("a.conf", content);
+        c.make(side);
+        ZStanzaFileProperties p(1);
+        int error = 0, code = 0;
+        try {
+            p.load(path.c_str());
+        } catch (ZPropertiesIOException& e) {
+            error = 43;
+            code = e.excerrno();
+            EXPECT_STREQ(e.api(), "mapFile()");
+            EXPECT_EQ(e.propFile(), side);
+        } catch (ZPropertiesInvalidDataException& e) {
+            error = 44;
+            EXPECT_EQ(e.propFile(), side);
+        }
+        EXPECT_EQ(error, c.loadError);
+        EXPECT_EQ(code, c.loadErrno);
+        EXPECT_EQ(text(p, "s", "k"), "1");
+        // Without hidden keys a store would remove it, with them it would overwrite it.
+        for (const char* value : {"", "hidden"}) {
+            p.setValue("s", "h", value, 1);
+            const string failure = failureOf([&] { p.store(nullptr); });
+            EXPECT_EQ(failure, c.storeRefuses ? ioFailure("fopen(w)", EINVAL, side) : "");
+            if (c.storeRefuses) {
+                EXPECT_EQ(TempFolder::read(path), content);
+                struct stat status;
+                EXPECT_EQ(lstat(side.c_str(), &status), 0);
+            }
+        }
+    }
+}
+
+TEST(SideFile, DISABLED_IsReadWithoutStandardInput) {
+    TempFolder folder;
+    const string path = folder / "a.conf";
+    ZStanzaFileProperties p(1);
+    p.setValue("s", "h", "x", 1);
+    p.store(path.c_str());
+    close(0);
+    ZStanzaFileProperties again(path.c_str(), 1);
+    EXPECT_EQ(text(again, "s", "h"), "x");
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);  // and 0 is as free as before
+}
+
+TEST(SideFile, IsReadWithoutStandardInput) {
+    const SelfChild child = runSelf("SideFile.DISABLED_IsReadWithoutStandardInput", {});
+    EXPECT_TRUE(child.passed()) << child.output;
+}
+
+// ---------------------------------------------------------------- registry
+
+void setTime(const string& path, time_t when) {
+    const struct utimbuf times = {when, when};
+    ASSERT_EQ(utime(path.c_str(), &times), 0);
+}
+
+TEST(Registry, SharesOneObjectAndFollowsTheFile) {
+    TempFolder folder;
+    const string path = folder.write("a.conf", "[s]\nk = 1\n");
+    setTime(path, 1000);
+    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+    auto get = [&](int force) {
+        return ZProperties::getPropertiesFor(path.c_str(), factory, force);
+    };
+    ZProperties* p = get(0);
+    EXPECT_EQ(get(0), p);
+    folder.write("a.conf", "[s]\nk = 2\n");
+    setTime(path, 1000);
+    EXPECT_EQ(text(*get(0), "s", "k"), "1");  // the time is all that is looked at
+    EXPECT_EQ(text(*get(1), "s", "k"), "2");
+    folder.write("a.conf", "[s]\nk = 3\n");
+    setTime(path, 2000);
+    p->setValue("t", "x", "unsaved");
+    EXPECT_EQ(text(*get(0), "s", "k"), "2");  // unsaved changes win
+    EXPECT_EQ(text(*get(1), "s", "k"), "3");
+    EXPECT_EQ(p->exists("t"), 0);
+    // An own store is no reason to load again: the list handed out stays the same.
+    p->setValue("s", "k", "4");
+    p->store(nullptr);
+    const ZArrayList* list = p->get("s", "k");
+    EXPECT_EQ(get(0)->get("s", "k"), list);
+    delete p;
+}
+
+TEST(Registry, AFailedLoadIsTriedAgain) {
+    TempFolder folder;
+    const string path = folder / "a.conf";
+    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+    auto get = [&](int force) {
+        return ZProperties::getPropertiesFor(path.c_str(), factory, force);
+    };
+    EXPECT_EQ(failureOf([&] { get(0); }), ioFailure("fopen(r)", ENOENT, path));
+    folder.write("a.conf", "[s]\nk = 1\n");
+    setTime(path, 1000);
+    ZProperties* p = get(0);
+    folder.write("a.conf", "[s]\nbad\n");
+    setTime(path, 2000);
+    for (int i = 0; i < 2; ++i)  // not handed out emptied the second time
+        EXPECT_EQ(numberOf([&] { get(0); }), 44);
+    folder.write("a.conf", "[s]\nk = 2\n");
+    setTime(path, 2000);
+    EXPECT_EQ(text(*get(0), "s", "k"), "2");
+    delete p;
+    EXPECT_EQ(ZStanzaFileProperties::getFactory(), ZStanzaFileProperties::getFactory());
+}
+
+TEST(Registry, ThreadsThatAskAtOnceGetOneObject) {
+    TempFolder folder;
+    const string path = folder.write("a.conf", "[s]\nk = 1\n");
+    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+    ZProperties* got[4] = {};
+    std::vector<std::thread> threads;
+    for (ZProperties*& place : got)
+        threads.emplace_back([&] {
+            place = ZProperties::getPropertiesFor(path.c_str(), factory, 0);
+            for (int i = 0; i < 50; ++i) {
+                place->setIntegerValue("s", "k", 7);
+                place->getIntegerValue("s", "k", 1, 0);
+                ZProperties::getPropertiesFor(path.c_str(), factory, i % 10 == 0);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (ZProperties* p : got)
+        EXPECT_EQ(p, got[0]);
+    delete got[0];
+}
+
+}  // namespace
