@@ -1,7 +1,7 @@
 // base.cpp: maps, strings, locks and conversion beside what a program could use instead.
 //
 // Each measurement comes in pairs, "<what>/zbase/<size>" and "<what>/<peer>/<size>"; behind the
-// figures stands a table of their ratios. With --benchmark_repetitions=n the ratios are those of
+// figures stands a table of their ratios, of processor time. With --benchmark_repetitions=n the ratios are those of
 // the medians.
 #include <benchmark/benchmark.h>
 #include <iconv.h>
@@ -316,7 +316,7 @@ public:
             const std::string name = run.run_name.function_name;
             const size_t slash = name.find('/');
             const std::string what = name.substr(0, slash) + " " + run.run_name.args;
-            times_[what][name.substr(slash + 1)] = run.GetAdjustedRealTime();
+            times_[what][name.substr(slash + 1)] = run.GetAdjustedCPUTime();
             if (std::find(order_.begin(), order_.end(), what) == order_.end())
                 order_.push_back(what);
         }

@@ -170,7 +170,7 @@ void ZHashTable<Member>::growNodes() {
         ZOutOfMemoryException().throwException(__FILE__, __LINE__);
     const uint64_t capacity =
         std::min<uint64_t>(std::max<uint64_t>(uint64_t(capacity_) * 2, kFirstNodes), UINT32_MAX);
-    Node* nodes = static_cast<Node*>(zallocateBlock(capacity, sizeof(Node)));
+    Node* nodes = static_cast<Node*>(zallocateSpread(capacity, sizeof(Node)));
     std::copy_n(nodes_, used_, nodes);
     if (nodes_ != &noEntries_)
         zreleaseBlock(nodes_);
@@ -189,7 +189,7 @@ void ZHashTable<Member>::growSlots() {
     Slot* old = slots_;
     const uint64_t oldCount = old != nullptr ? uint64_t(slotMask_) + 1 : 0;
 
-    Slot* slots = static_cast<Slot*>(zallocateBlock(count, sizeof(Slot)));
+    Slot* slots = static_cast<Slot*>(zallocateSpread(count, sizeof(Slot)));
     std::fill_n(slots, count, Slot());
     slots_ = slots;
     slotMask_ = static_cast<uint32_t>(count - 1);

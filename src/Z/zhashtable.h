@@ -15,9 +15,10 @@
 // A small map is searched by walking the chain.
 //
 // A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
-// look-up. The place in slots_ is taken from the top bits of the hash times an odd constant, so
-// that hashes which differ in the high bits only, or by multiples of something, spread all the
-// same.
+// look-up. The place in slots_ is taken from the top bits of an odd constant times the hash, so that
+// hashes which differ in the high bits only, or by multiples of something, spread all the same. The
+// last three bits of the hash stay out of that and choose among neighbours: of numbers in sequence,
+// eight share two cache lines.
 //
 // Invariants
 // (1) Each record in use stands in exactly one chain, that of hash % bucketCount_; size_ counts
@@ -127,7 +128,7 @@ private:
                                                  : hash % static_cast<uint32_t>(bucketCount_)];
     }
     uint32_t placeOf(uint32_t hash) const {
-        return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15u) >> shift_);
+        return static_cast<uint32_t>(((hash >> 3) * 0x9E3779B97F4A7C15u) >> shift_) ^ (hash & 7);
     }
 
     uint32_t nodeOf(const ZObject& probe, uint32_t hash) const;

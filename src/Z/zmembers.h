@@ -9,30 +9,12 @@
 /// raises ZOutOfMemoryException, also when the product is beyond what a block can have.
 void* zallocateBlock(uint64_t count, size_t width);
 
+/// The same for a block that is read and written all over: a large one is offered to the system's
+/// huge pages, which saves most page faults on filling it and most address look-ups on reading.
+void* zallocateSpread(uint64_t count, size_t width);
+
 /// Gives a block back; null is allowed.
 void zreleaseBlock(void* block) noexcept;
-
-/// A block that is given back at the end of the scope unless somebody takes it.
-template <typename T>
-class ZBlockGuard {
-public:
-    explicit ZBlockGuard(uint64_t count)
-        : block_(static_cast<T*>(zallocateBlock(count, sizeof(T)))) {}
-    ~ZBlockGuard() { zreleaseBlock(block_); }
-    ZBlockGuard(const ZBlockGuard&) = delete;
-    ZBlockGuard& operator=(const ZBlockGuard&) = delete;
-
-    T* get() const { return block_; }
-
-    T* take() {
-        T* block = block_;
-        block_ = nullptr;
-        return block;
-    }
-
-private:
-    T* block_;
-};
 
 /// Deletes a member that has already left its container; null is allowed. What its destructor
 /// raises is reported, since the container has nobody to raise it to and must go on.
