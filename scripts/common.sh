@@ -51,7 +51,7 @@ build() {
     local folder=build/$1
     shift
     ninja --quiet -C "$folder" -k 0 "$@" && return
-    find "$folder" -maxdepth 2 \( -name 'libzbase.*' -o -path '*/t*/*' -type f -executable \) -delete
+    find "$folder" -maxdepth 2 \( -name 'libzbase.*' -o -type f -executable \) -delete
     ninja --quiet -C "$folder" -k 0 "$@" >/dev/null || true
     return 1
 }
