@@ -7,10 +7,11 @@
 #include <memory>
 
 #include "ZException.h"
+#include "zmemory.h"
 #include "zreport.h"
 
 static pthread_cond_t* makeCondition() {
-    std::unique_ptr<pthread_cond_t> condition(new pthread_cond_t);
+    std::unique_ptr<pthread_cond_t> condition(zmake<pthread_cond_t>());
     const int rc = pthread_cond_init(condition.get(), nullptr);
     if (rc != 0)
         ZConditionException(7, rc).throwException(__FILE__, __LINE__);

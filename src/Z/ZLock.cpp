@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "ZException.h"
+#include "zmemory.h"
 #include "zreport.h"
 
 static const pthread_t kNobody = static_cast<pthread_t>(-1);
@@ -53,8 +54,8 @@ template <typename Exception>
 }
 
 ZLock::ZLock() : mutex_(nullptr), owner_(nullptr), count_(0) {
-    std::unique_ptr<pthread_mutex_t> mutex(new pthread_mutex_t);
-    std::unique_ptr<std::atomic<pthread_t>> owner(new std::atomic<pthread_t>(kNobody));
+    std::unique_ptr<pthread_mutex_t> mutex(zmake<pthread_mutex_t>());
+    std::unique_ptr<std::atomic<pthread_t>> owner(zmake<std::atomic<pthread_t>>(kNobody));
     const int rc = pthread_mutex_init(mutex.get(), nullptr);
     if (rc != 0)
         raise<ZCreateResourceException>(3, rc, __LINE__);

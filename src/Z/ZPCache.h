@@ -44,6 +44,10 @@ public:
     virtual ~ZPCache();
     ZPCache& operator=(const ZPCache&) = delete;
 
+    /// Memory as library objects get it: raises ZOutOfMemoryException.
+    static void* operator new(size_t size) { return ZObject::operator new(size); }
+    static void operator delete(void* memory) noexcept { ZObject::operator delete(memory); }
+
     virtual ZPCache* clone() const = 0;
 
     /// The values of a key in order, as ZLCString members of a list that the cache owns: the same

@@ -23,6 +23,10 @@ public:
     ZPROP_handle(const ZPROP_handle&) = delete;
     ZPROP_handle& operator=(const ZPROP_handle&) = delete;
 
+    /// Memory as library objects get it: raises ZOutOfMemoryException.
+    static void* operator new(size_t size) { return ZObject::operator new(size); }
+    static void operator delete(void* memory) noexcept { ZObject::operator delete(memory); }
+
     /// Whether `handle` isn't null and its guard words stand. What it points at may be anything.
     static bool isGood(const ZPROP_handle* handle);
 
@@ -49,6 +53,10 @@ public:
     virtual ~ZPROP_iter_handle() noexcept(false);
     ZPROP_iter_handle(const ZPROP_iter_handle&) = delete;
     ZPROP_iter_handle& operator=(const ZPROP_iter_handle&) = delete;
+
+    /// Memory as library objects get it: raises ZOutOfMemoryException.
+    static void* operator new(size_t size) { return ZObject::operator new(size); }
+    static void operator delete(void* memory) noexcept { ZObject::operator delete(memory); }
 
     /// Likewise, and whether the kind is one.
     static bool isGood(const ZPROP_iter_handle* handle);

@@ -267,8 +267,9 @@ public:
 protected:
     friend class ZProperties;
 
-    ZLock lock_;              // for subclasses; the registry has a lock of its own
-    ZHashKeyMap instances_;   // ZLCString to ZProperties, not owned; guarded by ZPropRegistry
+    ZLock lock_;             // for subclasses; the registry has a lock of its own
+    ZHashKeyMap instances_;  // ZLCString to ZProperties, not owned; guarded by ZPropRegistry
+    ZArrayList names_;       // owns the file names in instances_
 };
 
 /// Holds the process-wide lock of all registries for a scope.

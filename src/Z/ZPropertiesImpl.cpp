@@ -289,20 +289,9 @@ void ZProperties::store(const char* file) {
 
 // ---------------------------------------------------------------- registry
 
-ZAbstractPropertiesFactory::ZAbstractPropertiesFactory() : instances_(10, 0) {}
+ZAbstractPropertiesFactory::ZAbstractPropertiesFactory() : instances_(10, 0), names_(1, 1) {}
 
-// The objects belong to whoever still uses them; the names are the registry's alone.
-ZAbstractPropertiesFactory::~ZAbstractPropertiesFactory() noexcept {
-    try {
-        ZArrayList names(instances_.size(), 0);
-        instances_.listKeys(names);
-        instances_.removeAll();
-        for (unsigned int i = 0; i < names.size(); ++i)
-            delete names.get(i);
-    } catch (ZException&) {
-        // Without memory for the list the names stay, a small leak at the end of a registry.
-    }
-}
+ZAbstractPropertiesFactory::~ZAbstractPropertiesFactory() noexcept {}
 
 ZLock* ZPropRegistry::res_ = nullptr;
 
@@ -319,8 +308,8 @@ ZPropRegistry::~ZPropRegistry() noexcept(false) { res_->unlock(); }
 ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                            int forceReload) {
     ZPropRegistry registry;
-    std::unique_ptr<ZLCString> name(new ZLCString(file));
-    ZProperties* known = static_cast<ZProperties*>(factory.instances_.getEntry(name.get()));
+    const ZLCConstString probe(file);
+    ZProperties* known = static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
     if (known != nullptr) {
         if (forceReload != 0) {
             known->reload(file);
@@ -344,7 +333,8 @@ ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractProperties
     }
     std::unique_ptr<ZProperties> made(factory.makePropertiesInstance());
     made->load(file);
-    factory.instances_.putEntry(name.get(), made.get());
-    name.release();
+    std::unique_ptr<ZLCString> name(new ZLCString(file));
+    factory.names_.addNoCopy(name.get());
+    factory.instances_.putEntry(name.release(), made.get());
     return made.release();
 }

@@ -42,6 +42,7 @@
 #include "ZException.h"
 #include "ZLCString.h"
 #include "ZList.h"
+#include "zmemory.h"
 
 /// A piece of the store's text.
 struct ZPSlice {
@@ -200,7 +201,7 @@ private:
     uint32_t limit_;  // three quarters of the capacity
 };
 
-class ZPStore {
+class ZPStore : public ZAllocated {
 public:
     typedef uint32_t Id;
     static constexpr Id none = 0xFFFFFFFFu;
@@ -212,7 +213,7 @@ public:
     enum Kind { plain = 0, hidden = 1 };
 
     /// What few keys have.
-    struct KeyExtra {
+    struct KeyExtra : ZAllocated {
         ZPBlock<ZPSlice> values[2];  // by Kind; plain ones only when there are several
         ZArrayList* lists[2];        // by Kind; null until asked for
         Id itemNext, itemPrev;       // in the item chain

@@ -1,0 +1,453 @@
+// The road of one load, edit and store when memory runs out and when the system refuses: each run
+// ends in the promised exception or result, leaks nothing, holds no lock and no descriptor, and
+// leaves an object that works. System calls are led to the functions below by the linker (--wrap).
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+#include "Z/ZExceptionText.h"
+#include "Z/ZStanzaFileProperties.h"
+#include "Z/zproperties.h"
+#include "support/CacheText.h"
+#include "support/FailingAllocator.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+// ---------------------------------------------------------------- failing system calls
+
+namespace {
+
+enum Call {
+    kNoCall,
+    kFopen,
+    kFcntl,
+    kFread,
+    kOpen,
+    kFdopen,
+    kMmap,
+    kStat,
+    kAccess,
+    kFwrite,
+    kFflush,
+    kFtruncate,
+    kFclose,
+    kChown,
+    kChmod,
+    kUnlink,
+    kGetcwd,
+};
+
+Call failingCall = kNoCall;
+int failingTime;  // 1: the next one
+int failureCode;
+
+bool failsNow(Call call) {
+    if (failingCall != call || --failingTime != 0)
+        return false;
+    failingCall = kNoCall;
+    errno = failureCode;
+    return true;
+}
+
+// Lets the call fail the n-th time with this errno.
+class FailCall {
+public:
+    FailCall(Call call, int time, int code) {
+        failingCall = call;
+        failingTime = time;
+        failureCode = code;
+    }
+    ~FailCall() { failingCall = kNoCall; }
+    bool happened() const { return failingCall == kNoCall; }
+};
+
+}  // namespace
+
+#if __SIZEOF_POINTER__ == 4  // the units that touch files are built for big files and late dates
+#define FOPEN fopen64
+#define FCNTL __fcntl_time64
+#define OPEN open64
+#define MMAP mmap64
+#define STAT __stat64_time64
+#define FTRUNCATE ftruncate64
+#else
+#define FOPEN fopen
+#define FCNTL fcntl
+#define OPEN open
+#define MMAP mmap
+#define STAT stat
+#define FTRUNCATE ftruncate
+#endif
+
+#define PASTE(a, b) a##b
+#define WRAPPED(name) PASTE(__wrap_, name)
+#define REAL(name) PASTE(__real_, name)
+#define WRAP(call, Result, failed, name, parameters, arguments) \
+    extern "C" Result REAL(name) parameters;                    \
+    extern "C" Result WRAPPED(name) parameters {                \
+        return failsNow(call) ? failed : REAL(name) arguments;  \
+    }
+
+WRAP(kFopen, FILE*, nullptr, FOPEN, (const char* path, const char* mode), (path, mode))
+WRAP(kFdopen, FILE*, nullptr, fdopen, (int descriptor, const char* mode), (descriptor, mode))
+WRAP(kFread, size_t, 0, fread, (void* data, size_t size, size_t n, FILE* f), (data, size, n, f))
+WRAP(kFwrite, size_t, 0, fwrite, (const void* data, size_t size, size_t n, FILE* f),
+     (data, size, n, f))
+WRAP(kFflush, int, EOF, fflush, (FILE * f), (f))
+WRAP(kMmap, void*, MAP_FAILED, MMAP,
+     (void* hint, size_t length, int protection, int flags, int descriptor, int64_t offset),
+     (hint, length, protection, flags, descriptor, offset))
+WRAP(kStat, int, -1, STAT, (const char* path, void* status), (path, status))
+WRAP(kAccess, int, -1, access, (const char* path, int mode), (path, mode))
+WRAP(kFtruncate, int, -1, FTRUNCATE, (int descriptor, int64_t length), (descriptor, length))
+WRAP(kChown, int, -1, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
+WRAP(kChmod, int, -1, chmod, (const char* path, mode_t mode), (path, mode))
+WRAP(kUnlink, int, -1, unlink, (const char* path), (path))
+WRAP(kGetcwd, char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
+
+extern "C" int REAL(fclose)(FILE*);
+extern "C" int WRAPPED(fclose)(FILE* f) {
+    const int real = REAL(fclose)(f);  // a close that fails has closed all the same
+    return failsNow(kFclose) ? EOF : real;
+}
+
+extern "C" int REAL(OPEN)(const char*, int, ...);
+extern "C" int WRAPPED(OPEN)(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    return failsNow(kOpen) ? -1 : REAL(OPEN)(path, flags, mode);
+}
+
+extern "C" int REAL(FCNTL)(int, int, ...);
+extern "C" int WRAPPED(FCNTL)(int descriptor, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (command == F_SETLK && failsNow(kFcntl))
+        return -1;
+    return REAL(FCNTL)(descriptor, command, argument);
+}
+
+namespace {
+
+int openDescriptors() {
+    int count = 0;
+    DIR* folder = opendir("/proc/self/fd");
+    while (readdir(folder) != nullptr)
+        ++count;
+    closedir(folder);
+    return count;
+}
+
+const char kText[] = "# top\n\n[s]\nk = 1\nk = 2\n# note\nm = some text\n\n[t]\nx =\n";
+
+// A stanza file with a side database in a folder of its own.
+struct Files {
+    TempFolder folder;
+    string path, side, other;
+
+    Files() {
+        path = folder.write("a.conf", kText);
+        side = path + ".obf";
+        other = folder / "b.conf";
+        ZStanzaFileProperties p(path.c_str(), 1);
+        p.setValue("s", "secret", "hush", 1);
+        p.store(nullptr);
+    }
+};
+
+struct CallCase {
+    const char* what;
+    Call call;
+    int time;
+    int code;
+    const char*
+        expected;  // "word errno name", name a (file), s (side), d (folder); null: no failure
+};
+
+// Runs `road` with each case's failure, and expects what it says and an object that works.
+template <typename Road>
+void failCalls(const CallCase* cases, size_t count, Road road, bool storesAgain = false) {
+    for (size_t i = 0; i < count; ++i) {
+        const CallCase& c = cases[i];
+        SCOPED_TRACE(c.what);
+        Files files;
+        ZStanzaFileProperties p(files.path.c_str(), 1);
+        p.setValue("s", "k", "changed");
+        const int before = openDescriptors();
+        string failure;
+        bool happened;
+        {
+            FailCall fail(c.call, c.time, c.code);
+            try {
+                road(p, files);
+            } catch (ZPropertiesIOException& e) {
+                const string name = e.propFile() == files.path   ? "a"
+                                    : e.propFile() == files.side ? "s"
+                                                                 : "d";
+                failure = string(e.api()) + " " + std::to_string(e.excerrno()) + " " + name;
+            }
+            happened = fail.happened();
+        }
+        EXPECT_TRUE(happened);
+        EXPECT_EQ(failure, c.expected == nullptr ? "" : c.expected);
+        EXPECT_EQ(openDescriptors(), before);
+        // No lock is left, and the object goes on.
+        if (storesAgain)
+            p.store(files.path.c_str());
+        p.reload(files.path.c_str());
+        p.setValue("s", "after", "1");
+        p.store(files.other.c_str());
+    }
+}
+
+TEST(FaultCalls, Load) {
+    static const CallCase kCases[] = {
+        {"open", kFopen, 1, ENFILE, "fopen(r) 23 a"},
+        {"no memory for the stream", kFopen, 1, ENOMEM, "fopen(r) 12 a"},
+        {"lock", kFcntl, 1, ENOLCK, "fcntl() 37 a"},
+        {"locked by another", kFcntl, 1, EACCES, "fcntl() 13 a"},
+        {"a read error is the end", kFread, 1, EIO, nullptr},
+        {"close", kFclose, 1, EIO, nullptr},
+        {"open of the side database", kOpen, 1, EMFILE, "mapFile() 24 s"},
+        {"its mapping", kMmap, 1, ENOMEM, "mapFile() 12 s"},
+        {"its size can't be had", kStat, 1, EIO, "mapFile() 22 s"},
+        {"the time", kAccess, 1, EACCES, nullptr},
+        {"the time, too", kStat, 2, EIO, nullptr},
+    };
+    failCalls(kCases, sizeof kCases / sizeof *kCases,
+              [](ZStanzaFileProperties& p, Files&) { p.reload(nullptr); });
+}
+
+TEST(FaultCalls, Store) {
+    static const CallCase kCases[] = {
+        {"access", kAccess, 2, EROFS, "access() 30 a"},
+        {"access of the side database", kAccess, 4, EROFS, "access() 30 s"},
+        {"open", kFopen, 1, EMFILE, "fopen(r+) 24 a"},
+        {"lock", kFcntl, 1, ENOLCK, "fcntl() 37 a"},
+        {"open of the side database", kOpen, 1, EDQUOT, "fopen(w) 122 s"},
+        {"no memory for its stream", kFdopen, 1, ENOMEM, "fopen(w) 12 s"},
+        {"write", kFwrite, 1, ENOSPC, nullptr},
+        {"flush", kFflush, 1, ENOSPC, nullptr},
+        {"truncate", kFtruncate, 2, EIO, nullptr},
+        {"close", kFclose, 2, ENOSPC, nullptr},
+        {"owner", kChown, 1, EPERM, nullptr},
+        {"mode", kChmod, 1, EPERM, nullptr},
+    };
+    failCalls(
+        kCases, sizeof kCases / sizeof *kCases,
+        [](ZStanzaFileProperties& p, Files&) { p.store(nullptr); }, true);
+}
+
+TEST(FaultCalls, StoreOfANewFile) {
+    static const CallCase kCases[] = {
+        {"its folder", kAccess, 2, EACCES, "access() 13 d"},
+        {"making it", kFopen, 2, ENOSPC, "fopen(r+) 28 a"},
+    };
+    failCalls(kCases, sizeof kCases / sizeof *kCases, [](ZStanzaFileProperties& p, Files& files) {
+        REAL(unlink)(files.path.c_str());
+        try {
+            p.store(nullptr);
+        } catch (...) {
+            p.store(files.path.c_str());  // goes through the second time
+            throw;
+        }
+    });
+}
+
+TEST(FaultCalls, ASideDatabaseThatCantBeRemovedDoesntMatter) {
+    Files files;
+    ZStanzaFileProperties p(files.path.c_str(), 1);
+    p.setValue("s", "secret", "");
+    {
+        FailCall fail(kUnlink, 1, EACCES);
+        p.store(nullptr);
+        EXPECT_TRUE(fail.happened());
+    }
+    EXPECT_EQ(p.exists("configuration-database", "file"), 0);
+    EXPECT_NE(TempFolder::read(files.side), "<none>");
+}
+
+// ---------------------------------------------------------------- failing memory
+
+// The paths are plain texts, so that only the library allocates on the road.
+const char* inPath;
+const char* outPath;
+
+class Opened : public ZStanzaFileProperties {
+public:
+    Opened() : ZStanzaFileProperties(1) {}
+    ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
+};
+
+void edit(ZStanzaFileProperties& p) {
+    p.setValue("s", "k",
+               "a value that is a good deal longer than the one before it was, so much "
+               "longer that no string can hold it inside");
+    p.setValue("s", "fresh", "1", 1);
+    p.setIntegerValue("new", "number", 42);
+    p.addValue("s", "m", "second", 0);
+    p.addEntryComment("s", "m", "comment");
+    p.addStanzaComment("t", "comment");
+    p.addFileComment("comment");
+    {
+        ZStanzaIterator keys(p, "s");
+        while (keys.hasMore()) {
+            keys.nextEntry();
+            keys.valueCount();
+        }
+        ZStanzaValueIterator values(p, "s", "m", ZPROP_STRING_UTF8,
+                                    ZStanzaValueIterator::ZPROP_ITER_AUTO);
+        const char* text;
+        values.nextValue(text);
+        values.addValue("third");
+    }
+    ZUTF8String out;
+    p.getValue("s", "k", out, 0, nullptr);
+    ZArrayList list(1, 1);
+    p.getValues("s", "m", list, ZPROP_STRING_UTF8);
+    p.deleteKey("s", "secret");
+    p.deleteStanza("t");
+}
+
+TEST(FaultMemory, LoadEditAndStoreLeakNothing) {
+    Files files;
+    inPath = files.path.c_str();
+    outPath = files.other.c_str();
+    auto road = [] {
+        Opened p;
+        p.load(inPath);
+        edit(p);
+        ZStanzaFileProperties copy(p);
+        p.store(outPath);
+    };
+    for (FailAllocations::Answer answer : {FailAllocations::badAlloc, FailAllocations::null}) {
+        failEachAllocation(road, FailAllocations::onward, answer);
+        EXPECT_GT(failEachAllocation(road, FailAllocations::once, answer), 50u);
+    }
+}
+
+TEST(FaultMemory, EachStepLeavesAnObjectThatWorks) {
+    for (int loadToo = 0; loadToo < 2; ++loadToo) {
+        bool failed = true;
+        for (unsigned long nth = 1; failed; ++nth) {
+            SCOPED_TRACE(nth);
+            Files files;
+            inPath = files.path.c_str();
+            outPath = files.other.c_str();
+            Opened p;
+            if (loadToo == 0)
+                p.load(inPath);
+            bool raised = false;
+            {
+                FailAllocations failure(nth);
+                try {
+                    if (loadToo != 0)
+                        p.load(inPath);
+                    edit(p);
+                    p.store(outPath);
+                } catch (ZOutOfMemoryException&) {
+                    raised = true;
+                } catch (std::bad_alloc&) {
+                    raised = true;
+                }
+                failed = failure.failed();
+            }
+            // What the storage can do without, it does without.
+            if (!failed) {
+                EXPECT_FALSE(raised);
+            }
+            p.data().checkInvariants();
+            p.setValue("s", "after", "1");
+            p.store(outPath);
+            ZStanzaFileProperties again(outPath, 1);
+            ZLCString text;
+            again.getValue("s", "after", text, 1, nullptr);
+            EXPECT_EQ(text, "1");
+        }
+    }
+}
+
+TEST(FaultMemory, TheRegistryForgetsAnObjectThatCouldntBeLoaded) {
+    Files files;
+    inPath = files.path.c_str();
+    failEachAllocation([] {
+        ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+        ZProperties* p = ZProperties::getPropertiesFor(inPath, factory, 0);
+        delete p;
+    });
+}
+
+// The C interface gives numbers, never exceptions.
+void useC() {
+    ZPROP_handle* handle = nullptr;
+    int result = zstzPropOpen(&handle, inPath, ZPROP_OPEN_UPDATE);
+    if (result != ZPROP_OK) {
+        if (result != ZPROP_ERR_FILE || handle != nullptr)
+            abort();
+        return;
+    }
+    auto allow = [](int got, int failed) {
+        if (got != ZPROP_OK && got != failed)
+            abort();
+    };
+    int err = 0;
+    zstzPropFree(zstzPropGetStringValue(handle, "s", "m", 1, &err));
+    allow(err, ZPROP_ERR_VALUE);
+    char* text = nullptr;
+    char** values = nullptr;
+    ZPROP_item items[] = {{ZPROP_ITEM_STRING, "s", "m", 0, &text},
+                          {ZPROP_ITEM_VALUES, "s", "k", 0, &values}};
+    allow(zstzPropGetValues(handle, items, 2), ZPROP_ERR_VALUE);
+    zstzPropFreeValuesList(handle, items, 2);
+    char** names = nullptr;
+    allow(zstzPropGetStanzas(handle, &names), ZPROP_ERR_VALUE);
+    zstzPropFreeStanzas(names);
+    allow(zstzPropSetStringValue(handle, "s", "new", "value"), ZPROP_ERR_UPDATE);
+    allow(zstzPropAddLineComment(handle, "s", "k", "note"), ZPROP_ERR_UPDATE);
+    ZPROP_iter_handle* walk = nullptr;
+    allow(zstzPropIter_init(handle, "s", "k", &walk), ZPROP_ERR_VALUE);
+    if (walk != nullptr) {
+        zstzPropIter_next(walk, &err);
+        allow(err, ZPROP_ERR_VALUE);
+        result = zstzPropIter_addValue(walk, "another");
+        allow(result, ZPROP_ERR_VALUE);
+        zstzPropIter_close(walk);
+    }
+    allow(zstzPropStore(handle, outPath), ZPROP_ERR_FILE);
+    ZPROP_error error;
+    zstzPropLastError(&error);
+    zstzPropClose(handle);
+}
+
+TEST(FaultMemory, CCallersGetNumbers) {
+    Files files;
+    inPath = files.path.c_str();
+    outPath = files.other.c_str();
+    // The texts of the last error stay until the thread ends; they are replaced, never added to.
+    for (FailAllocations::Extent extent : {FailAllocations::once, FailAllocations::onward}) {
+        useC();
+        bool failed = true;
+        for (unsigned long nth = 1; failed; ++nth) {
+            FailAllocations failure(nth, extent);
+            useC();
+            failed = failure.failed();
+        }
+    }
+    ZStanzaFileProperties again(outPath, 1);
+    EXPECT_EQ(again.exists("s", "new"), 1);
+}
+
+}  // namespace
