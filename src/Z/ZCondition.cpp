@@ -11,7 +11,7 @@
 #include "zreport.h"
 
 static pthread_cond_t* makeCondition() {
-    std::unique_ptr<pthread_cond_t> condition(zmake<pthread_cond_t>());
+    auto condition = zmake<pthread_cond_t>();
     const int rc = pthread_cond_init(condition.get(), nullptr);
     if (rc != 0)
         ZConditionException(7, rc).throwException(__FILE__, __LINE__);
@@ -35,7 +35,7 @@ ZCondition::ZCondition(ZLock& lock) : lock_(&lock), ownLock_(0), cond_(makeCondi
 
 ZCondition::~ZCondition() noexcept {
     const int rc = pthread_cond_destroy(cond_);
-    delete cond_;
+    ZUnmake()(cond_);
     if (rc != 0)
         zreportCode(__FILE__, __LINE__, 8, rc);
     if (ownLock_)

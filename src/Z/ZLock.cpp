@@ -10,8 +10,6 @@
 
 #include <cxxabi.h>
 
-#include <memory>
-
 #include "ZException.h"
 #include "zmemory.h"
 #include "zreport.h"
@@ -54,8 +52,8 @@ template <typename Exception>
 }
 
 ZLock::ZLock() : mutex_(nullptr), owner_(nullptr), count_(0) {
-    std::unique_ptr<pthread_mutex_t> mutex(zmake<pthread_mutex_t>());
-    std::unique_ptr<std::atomic<pthread_t>> owner(zmake<std::atomic<pthread_t>>(kNobody));
+    auto mutex = zmake<pthread_mutex_t>();
+    auto owner = zmake<std::atomic<pthread_t>>(kNobody);
     const int rc = pthread_mutex_init(mutex.get(), nullptr);
     if (rc != 0)
         raise<ZCreateResourceException>(3, rc, __LINE__);
@@ -67,8 +65,8 @@ ZLock::ZLock(const ZLock&) : ZLock() {}
 
 ZLock::~ZLock() noexcept {
     const int rc = pthread_mutex_destroy(mutex_);
-    delete owner_;
-    delete mutex_;
+    ZUnmake()(owner_);
+    ZUnmake()(mutex_);
     if (rc != 0)
         zreportCode(__FILE__, __LINE__, 4, rc);
 }

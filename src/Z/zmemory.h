@@ -3,6 +3,8 @@
 #ifndef Z_ZMEMORY_H
 #define Z_ZMEMORY_H
 
+#include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -14,11 +16,22 @@ struct ZAllocated {
     static void operator delete(void* memory) noexcept { ZObject::operator delete(memory); }
 };
 
-/// new T(arguments...) for a plain T; given back by delete.
+/// Destroys and gives back what zmake made.
+struct ZUnmake {
+    template <typename T>
+    void operator()(T* made) const noexcept {
+        made->~T();
+        ZObject::operator delete(made);
+    }
+};
+
+/// new T(arguments...) for a T that is no object, with the owner that gives it back: the operator
+/// delete of the language is the wrong one for it.
 template <typename T, typename... Arguments>
-T* zmake(Arguments&&... arguments) {
+std::unique_ptr<T, ZUnmake> zmake(Arguments&&... arguments) {
     static_assert(std::is_nothrow_constructible<T, Arguments...>::value, "memory would be lost");
-    return new (ZObject::operator new(sizeof(T))) T(std::forward<Arguments>(arguments)...);
+    void* memory = ZObject::operator new(sizeof(T));
+    return std::unique_ptr<T, ZUnmake>(new (memory) T(std::forward<Arguments>(arguments)...));
 }
 
 #endif
