@@ -182,21 +182,15 @@ void putTextStd(benchmark::State& state) {
 
 // Strings
 
+void appendChar(ZLCString& text, char c) { text.append(c); }
+void appendChar(std::string& text, char c) { text.push_back(c); }
+
 template <typename String>
 void appendChars(benchmark::State& state) {
     for (auto _ : state) {
         String text;
         for (int64_t i = 0; i < state.range(0); ++i)
-            text.append(1, 'x');
-        benchmark::DoNotOptimize(&text);
-    }
-}
-template <>
-void appendChars<ZLCString>(benchmark::State& state) {
-    for (auto _ : state) {
-        ZLCString text;
-        for (int64_t i = 0; i < state.range(0); ++i)
-            text.append('x');
+            appendChar(text, 'x');
         benchmark::DoNotOptimize(&text);
     }
 }
@@ -372,6 +366,8 @@ int main(int argc, char** argv) {
     addPair("find number, hash * 15", map, findNumberZ<15>, findNumberStd<15>, kMapSizes);
     addPair("find number, hash << 12", map, findNumberZ<4096>, findNumberStd<4096>, kMapSizes);
     addPair("put number", map, putNumberZ<1>, putNumberStd<1>, kMapSizes);
+    addPair("put number, hash spread", map, putNumberZ<2654435761u>, putNumberStd<2654435761u>,
+            kMapSizes);
     addPair("put number, hash << 12", map, putNumberZ<4096>, putNumberStd<4096>, kMapSizes);
     addPair("find text", map, findTextZ, findTextStd, kMapSizes);
     addPair("put text", map, putTextZ, putTextStd, kMapSizes);

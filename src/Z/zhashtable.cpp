@@ -8,7 +8,7 @@ static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 
 
 static const uint32_t kSmall = 32;
 static const uint32_t kFirstNodes = 8;
-static const int kFirstSlotBits = 6;  // the fewest that take kSmall entries and one more
+static const int kFirstSlotBits = 7;  // one size above what kSmall needs saves a growth at once
 
 void ZKeyMapMember::cloneParts() {
     ZIncomingMember key(*object, 1);
