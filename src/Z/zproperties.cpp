@@ -215,7 +215,8 @@ static char* myStrDup(const ZLCString& text) {
 }
 
 // Looks in front of a pointer that may not be ours: out of bounds on purpose, in this one read.
-__attribute__((no_sanitize("address"), noinline)) static bool hasStringMark(const char* string) {
+__attribute__((no_sanitize("address"), no_sanitize("thread"), noinline)) static bool hasStringMark(
+    const char* string) {
     const volatile unsigned char* word =
         reinterpret_cast<const volatile unsigned char*>(string) - sizeof kStringMark;
     unsigned char bytes[sizeof kStringMark];
