@@ -177,8 +177,11 @@ void __wrap_free(void* block) { giveBack(block); }
 
 }  // extern "C"
 
-void* operator new(size_t size) { return allocateForNew(size); }
-void* operator new[](size_t size) { return allocateForNew(size); }
+// Giving null here is against the language, and just what old programs' allocators do.
+#define MAY_GIVE_NULL __attribute__((no_sanitize("returns-nonnull-attribute")))
+
+MAY_GIVE_NULL void* operator new(size_t size) { return allocateForNew(size); }
+MAY_GIVE_NULL void* operator new[](size_t size) { return allocateForNew(size); }
 void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
     return allocateForNew(size, tag);
 }
