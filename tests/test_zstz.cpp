@@ -189,6 +189,13 @@ TEST(Zstz, Changes) {
     });
 }
 
+TEST(Zstz, UnsetTakesEveryValueOfThatText) {
+    TempFolder folder;
+    const string file = folder.write("f", "[s]\nk = 1\nk = 1\nk = 2\nk = 1\n");
+    EXPECT_EQ(run(folder, {"unset", "f", "s", "k", "1"}).code, 0);
+    EXPECT_EQ(TempFolder::read(file), "[s]\nk = 2\n");
+}
+
 TEST(Zstz, RefusesWhatTheFileCouldNotGiveBack) {
     const string longest(8191 - 5, 'x');  // "n = " and the line end take the rest
     for (const string& value : {string("a\nb"), string(" a"), string("a\t"), longest + "x"})
