@@ -45,6 +45,8 @@ static int exceptionsOnTheirWay() {
     return static_cast<int>(state->uncaught);
 }
 
+static inline bool rarely(bool condition) { return __builtin_expect(condition, false); }
+
 // Out of line, so that locking needs no room for an exception on its stack.
 template <typename Exception>
 [[noreturn, gnu::cold, gnu::noinline]] static void raise(int number, int rc, int line) {
@@ -72,29 +74,26 @@ ZLock::~ZLock() noexcept {
 }
 
 void ZLock::lock() {
-    if (owner_->load(std::memory_order_relaxed) == currentThread()) {
+    if (rarely(owner_->load(std::memory_order_relaxed) == currentThread())) {
         ++count_;
         return;
     }
     const int rc = pthread_mutex_lock(mutex_);
-    if (rc != 0)
+    if (rarely(rc != 0))
         raise<ZLockResourceException>(5, rc, __LINE__);
     count_ = 1;
     owner_->store(currentThread(), std::memory_order_relaxed);
 }
 
 void ZLock::unlock() {
-    if (owner_->load(std::memory_order_relaxed) != currentThread() || count_ <= 0)
+    if (rarely(owner_->load(std::memory_order_relaxed) != currentThread() || count_ <= 0))
         raise<ZUnlockResourceException>(6, 0, __LINE__);
-    if (count_ > 1) {
-        --count_;
+    if (--count_ > 0)
         return;
-    }
-    // Before the mutex is free: afterwards both belong to the next holder.
-    count_ = 0;
+    // Before the mutex is free: afterwards it belongs to the next holder, as count_ does.
     owner_->store(kNobody, std::memory_order_relaxed);
     const int rc = pthread_mutex_unlock(mutex_);
-    if (rc != 0) {
+    if (rarely(rc != 0)) {
         count_ = 1;
         owner_->store(currentThread(), std::memory_order_relaxed);
         raise<ZUnlockResourceException>(6, rc, __LINE__);
