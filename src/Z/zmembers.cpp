@@ -1,14 +1,12 @@
 #include "zmembers.h"
 
 #include <cxxabi.h>
-#include <sys/mman.h>
 
 #include <new>
 
 #include "ZException.h"
+#include "zmemory.h"
 #include "zreport.h"
-
-static const uintptr_t kHugePage = 2 * 1024 * 1024;
 
 // Compilers assume that the global allocator never gives null and drop the test for it. A volatile
 // pointer keeps them from knowing whom we call; it is constant-initialised.
@@ -25,14 +23,7 @@ void* zallocateBlock(uint64_t count, size_t width) {
 
 void* zallocateSpread(uint64_t count, size_t width) {
     void* block = zallocateBlock(count, width);
-    const uintptr_t size = static_cast<uintptr_t>(count) * width;
-    if (size >= kHugePage) {
-        // Advice can't fail in a way that matters. Only whole pages of the block are meant.
-        const uintptr_t page = 4096;
-        const uintptr_t first = (reinterpret_cast<uintptr_t>(block) + page - 1) / page * page;
-        const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + size) / page * page;
-        madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
-    }
+    zadviseSpread(block, static_cast<size_t>(count) * width);
     return block;
 }
 

@@ -92,6 +92,7 @@ void ZPIndex::reserve(size_t count) {
     Slot* fresh = static_cast<Slot*>(calloc(wanted, sizeof(Slot)));
     if (fresh == nullptr)
         raiseOutOfMemory(__LINE__);
+    zadviseSpread(fresh, wanted * sizeof(Slot));
     Slot* old = slots_;
     const size_t oldCapacity = capacity_;
     slots_ = fresh;
@@ -156,7 +157,8 @@ ZPStore::ZPStore()
       itemFirst_(none),
       itemLast_(none),
       itemCount_(0),
-      mayHaveHidden_(false) {
+      mayHaveHidden_(false),
+      mayHaveExtras_(false) {
     groups_.reserveExactly(4);
     newGroup(none);
 }
@@ -231,7 +233,8 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
 ZPStore::~ZPStore() {
     for (size_t i = 0; i < groups_.size(); ++i)
         free(groups_[i].samples);
-    keyIndex_.forEach([&](Id key) { delete keys_[key].extra; });
+    for (size_t i = 0; mayHaveExtras_ && i < keys_.size(); ++i)
+        delete keys_[i].extra;  // null in records that are free
     stanzaIndex_.forEach([&](Id stanza) {
         delete stanzas_[stanza].keyList;
         delete stanzas_[stanza].nameObject;
@@ -266,6 +269,7 @@ void ZPStore::clear() {
     swapValues(itemLast_, fresh.itemLast_);
     swapValues(itemCount_, fresh.itemCount_);
     swapValues(mayHaveHidden_, fresh.mayHaveHidden_);
+    swapValues(mayHaveExtras_, fresh.mayHaveExtras_);
 }
 
 // ---------------------------------------------------------------- text
@@ -563,8 +567,10 @@ void ZPStore::freeKeyIfUnneeded(Id id) {
 
 ZPStore::KeyExtra& ZPStore::extraOf(Id id) {
     Key& key = keys_[id];
-    if (key.extra == nullptr)
+    if (key.extra == nullptr) {
         key.extra = new KeyExtra;
+        mayHaveExtras_ = true;
+    }
     return *key.extra;
 }
 
@@ -693,8 +699,10 @@ ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
         noteHidden();
     const Key& key = keys_[id];
     KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
-    if (extra == nullptr)
+    if (extra == nullptr) {
         extra = publish(key.extra, std::unique_ptr<KeyExtra>(new KeyExtra));
+        __atomic_store_n(&mayHaveExtras_, true, __ATOMIC_RELAXED);
+    }
     const Values source = values(id, kind);
     if (source.list != nullptr)
         return const_cast<ZArrayList*>(source.list);

@@ -82,6 +82,7 @@ public:
         void* grown = room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(data_, room * sizeof(T));
         if (grown == nullptr)
             ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zadviseSpread(grown, room * sizeof(T));
         data_ = static_cast<T*>(grown);
         room_ = room;
     }
@@ -537,6 +538,7 @@ private:
     Id itemFirst_, itemLast_;
     uint32_t itemCount_;
     mutable bool mayHaveHidden_;  // set by whoever makes room for hidden values, never cleared
+    mutable bool mayHaveExtras_;  // likewise, for any KeyExtra
 };
 
 #endif
