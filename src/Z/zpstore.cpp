@@ -101,18 +101,16 @@ void ZPIndex::reserve(size_t count) {
     count_ = 0;
     for (size_t i = 0; i < oldCapacity; ++i)
         if (old[i].idPlusOne != 0)
-            insert(old[i].hash, old[i].idPlusOne - 1);
+            insert(old[i].hash, old[i].idPlusOne - 1, old[i].offset);
     free(old);
 }
 
-void ZPIndex::insert(uint32_t hash, uint32_t id) {
+void ZPIndex::insert(uint32_t hash, uint32_t id, uint32_t offset) {
     size_t i = place(hash);
     while (slots_[i].idPlusOne != 0)
         if (++i == capacity_)
             i = 0;
-    slots_[i].hash = hash;
-    slots_[i].idPlusOne = id + 1;
-    ++count_;
+    insertAt(i, hash, id, offset);
 }
 
 void ZPIndex::remove(uint32_t hash, uint32_t id) {
@@ -304,6 +302,7 @@ void ZPStore::compactIfWorthwhile() {
         if (moveText(target)) {
             text_.swap(target);
             dead_ = 0;
+            keyIndex_.renewOffsets([&](Id key) { return keys_[key].name.offset; });
         }
     } catch (ZOutOfMemoryException&) {
     }
@@ -391,14 +390,14 @@ bool ZPStore::moveText(ZPBlock<char>& target) {
 // ---------------------------------------------------------------- stanzas
 
 ZPStore::Id ZPStore::findStanza(const char* name, size_t length) const {
-    return stanzaIndex_.find(stanzaPlace(hashBytes(name, length)), [&](Id id) {
-        const ZPSlice& slice = stanzas_[id].name;
-        return slice.length == length && memcmp(text(slice), name, length) == 0;
-    });
+    return stanzaIndex_.find(stanzaPlace(hashBytes(name, length)),
+                             [&](Id id, uint32_t) { return isNamed(stanzas_[id], name, length); });
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
-    const Stanza fresh = {name, hash, none, none, 0, none, true, false, nullptr, nullptr};
+    Stanza fresh = {name, {}, hash, none, none, 0, none, true, false, nullptr, nullptr};
+    memcpy(fresh.head, text(name),
+           name.length < sizeof fresh.head ? name.length : sizeof fresh.head);
     Id id = freeStanzas_;
     if (id != none) {
         freeStanzas_ = stanzas_[id].first;
@@ -407,7 +406,7 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
         id = static_cast<Id>(stanzas_.size());
         stanzas_.push(fresh);
     }
-    stanzaIndex_.insert(stanzaPlace(hash), id);
+    stanzaIndex_.insert(stanzaPlace(hash), id, name.offset);
     return id;
 }
 
@@ -457,15 +456,12 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 ZPStore::Id ZPStore::findKey(const char* stanza, size_t stanzaLength, const char* key,
                              size_t keyLength) const {
     const uint32_t hash = combine(hashBytes(stanza, stanzaLength), hashBytes(key, keyLength));
-    return keyIndex_.find(hash, [&](Id id) {
+    return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         const Key& candidate = keys_[id];
-        if (candidate.name.length != keyLength)
-            return false;
-        const Stanza& owner = stanzas_[candidate.stanza];
-        __builtin_prefetch(&owner);
-        return memcmp(text(candidate.name), key, keyLength) == 0 &&
-               owner.name.length == stanzaLength &&
-               memcmp(text(owner.name), stanza, stanzaLength) == 0;
+        __builtin_prefetch(&candidate);
+        return text_.size() - offset >= keyLength && memcmp(text(offset), key, keyLength) == 0 &&
+               candidate.name.length == keyLength &&
+               isNamed(stanzas_[candidate.stanza], stanza, stanzaLength);
     });
 }
 
@@ -481,7 +477,7 @@ void ZPStore::makeRoomForKey() {
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
     const Id id = takeKey(stanza, name);
-    keyIndex_.insert(hash, id);
+    keyIndex_.insert(hash, id, name.offset);
     return id;
 }
 
@@ -505,7 +501,7 @@ void ZPStore::attach(Id id) {
 
 ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
     const uint32_t hash = keyHash(stanza, name, length);
-    Id id = keyIndex_.find(hash, [&](Id candidate) {
+    Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
         const Key& key = keys_[candidate];
         return key.stanza == stanza && key.name.length == length &&
                memcmp(text(key.name), name, length) == 0;

@@ -135,7 +135,8 @@ extern "C" int WRAPPED(FCNTL)(int descriptor, int command, ...) {
     va_start(arguments, command);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (command == F_SETLK && failsNow(kFcntl))
+    // Units for big files say F_SETLK64 where that differs.
+    if ((command == F_SETLK || command == F_SETLK64) && failsNow(kFcntl))
         return -1;
     return REAL(FCNTL)(descriptor, command, argument);
 }
