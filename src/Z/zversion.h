@@ -142,6 +142,16 @@
 #define ZObservedParm ZObservedParm_6_0
 #define ZAbstractObservable ZAbstractObservable_6_0
 #define Voyeur Voyeur_6_0
+#define ZReadWriteLockInterface ZReadWriteLockInterface_6_0
+#define ZAbstractReadWriteLock ZAbstractReadWriteLock_6_0
+#define ZReadWriteLock ZReadWriteLock_6_0
+#define ZStackReadWriteLock ZStackReadWriteLock_6_0
+#define ZSequenceUpdate ZSequenceUpdate_6_0
+#define ZAbstractProcessReadWriteLock ZAbstractProcessReadWriteLock_6_0
+#define ZStubProcessReadWriteLock ZStubProcessReadWriteLock_6_0
+#define ZAbstractProcessReadWriteFileLock ZAbstractProcessReadWriteFileLock_6_0
+#define ZUnixProcessReadWriteFileLock ZUnixProcessReadWriteFileLock_6_0
+#define ZStubProcessReadWriteFileLock ZStubProcessReadWriteFileLock_6_0
 
 /* Configuration */
 #define ZPCache ZPCache_6_0

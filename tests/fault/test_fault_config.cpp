@@ -186,7 +186,7 @@ void failCalls(const CallCase* cases, size_t count, Road road, bool storesAgain 
         SCOPED_TRACE(c.what);
         Files files;
         ZStanzaFileProperties p(files.path.c_str(), 1);
-        p.setValue("s", "k", "changed");
+        p.setValue("s", "k", "9");  // one line less: the file gets shorter
         const int before = openDescriptors();
         string failure;
         bool happened;
@@ -242,7 +242,7 @@ TEST(FaultCalls, Store) {
         {"no memory for its stream", kFdopen, 1, ENOMEM, "fopen(w) 12 s"},
         {"write", kFwrite, 1, ENOSPC, nullptr},
         {"flush", kFflush, 1, ENOSPC, nullptr},
-        {"truncate", kFtruncate, 2, EIO, nullptr},
+        {"truncate", kFtruncate, 1, EIO, nullptr},
         {"close", kFclose, 2, ENOSPC, nullptr},
         {"owner", kChown, 1, EPERM, nullptr},
         {"mode", kChmod, 1, EPERM, nullptr},
