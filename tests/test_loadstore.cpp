@@ -307,6 +307,61 @@ TEST(SideFile, IsReadWithoutStandardInput) {
     EXPECT_TRUE(child.passed()) << child.output;
 }
 
+// ---------------------------------------------------------------- locales
+
+struct LocaleCase {
+    const char* locale;
+    const char* local;  // a text as the file holds it
+    const char* utf8;
+    const char* foreign;  // UTF-8 that the locale can't hold; null: it holds all
+};
+
+const LocaleCase kLocales[] = {
+    {"C", "plain", "plain", "\xC3\xA4"},
+    {"C.UTF-8", "gr\xC3\xBC\xC3\x9F \xE3\x81\x82", "gr\xC3\xBC\xC3\x9F \xE3\x81\x82", nullptr},
+    {"en_US.ISO-8859-1", "gr\xFC\xDF", "gr\xC3\xBC\xC3\x9F", "\xE3\x81\x82"},
+    {"ja_JP.EUC-JP", "\xA4\xA2 = \xC6\xFC\xCB\xDC", "\xE3\x81\x82 = \xE6\x97\xA5\xE6\x9C\xAC",
+     "\xE2\x82\xAC\xE0\xA4\x85"},
+};
+
+// The file's bytes stay what they are; UTF-8 is there at the interface alone.
+TEST(Locales, DISABLED_One) {
+    for (const LocaleCase& c : kLocales) {
+        if (string(c.locale) != getenv("LC_ALL"))
+            continue;
+        TempFolder folder;
+        // The path holds such text too.
+        const string path = folder.write(string("a ") + c.local + ".conf",
+                                         string("[s]\nk = ") + c.local + "\nm = 1\n");
+        ZStanzaFileProperties p(path.c_str(), 1);
+        EXPECT_EQ(text(p, "s", "k"), c.local);
+        ZUTF8String utf8;
+        p.getValue("s", "k", utf8, 1, nullptr);
+        EXPECT_STREQ(utf8.getChars(), c.utf8);
+        p.setValue("s", "m", utf8);
+        p.setValue("s", "h", c.local, 1);
+        p.store(nullptr);
+        EXPECT_EQ(TempFolder::read(path), string("[s]\nk = ") + c.local + "\nm = " + c.local +
+                                              "\n\n[configuration-database]\nfile = " + path +
+                                              ".obf\n");
+        ZStanzaFileProperties again(path.c_str(), 1);
+        EXPECT_EQ(text(again, "s", "h"), c.local);
+        if (c.foreign != nullptr) {
+            again.setValue("s", "m", ZUTF8String(c.foreign));
+            EXPECT_EQ(text(again, "s", "m"), "");
+        }
+        return;
+    }
+    FAIL() << "no such case";
+}
+
+TEST(Locales, KeepTheirTextAndGiveUTF8) {
+    for (const LocaleCase& c : kLocales) {
+        const SelfChild child = runSelf("Locales.DISABLED_One", {{"LC_ALL", c.locale}});
+        EXPECT_TRUE(child.passed()) << c.locale << child.output;
+    }
+}
+
 // ---------------------------------------------------------------- registry
 
 void setTime(const string& path, time_t when) {
