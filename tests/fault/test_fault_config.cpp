@@ -15,7 +15,6 @@
 
 #include "Z/ZExceptionText.h"
 #include "Z/ZStanzaFileProperties.h"
-#include "Z/zproperties.h"
 #include "support/CacheText.h"
 #include "support/FailingAllocator.h"
 #include "support/TempFolder.h"
@@ -389,66 +388,6 @@ TEST(FaultMemory, TheRegistryForgetsAnObjectThatCouldntBeLoaded) {
         ZProperties* p = ZProperties::getPropertiesFor(inPath, factory, 0);
         delete p;
     });
-}
-
-// The C interface gives numbers, never exceptions.
-void useC() {
-    ZPROP_handle* handle = nullptr;
-    int result = zstzPropOpen(&handle, inPath, ZPROP_OPEN_UPDATE);
-    if (result != ZPROP_OK) {
-        if (result != ZPROP_ERR_FILE || handle != nullptr)
-            abort();
-        return;
-    }
-    auto allow = [](int got, int failed) {
-        if (got != ZPROP_OK && got != failed)
-            abort();
-    };
-    int err = 0;
-    zstzPropFree(zstzPropGetStringValue(handle, "s", "m", 1, &err));
-    allow(err, ZPROP_ERR_VALUE);
-    char* text = nullptr;
-    char** values = nullptr;
-    ZPROP_item items[] = {{ZPROP_ITEM_STRING, "s", "m", 0, &text},
-                          {ZPROP_ITEM_VALUES, "s", "k", 0, &values}};
-    allow(zstzPropGetValues(handle, items, 2), ZPROP_ERR_VALUE);
-    zstzPropFreeValuesList(handle, items, 2);
-    char** names = nullptr;
-    allow(zstzPropGetStanzas(handle, &names), ZPROP_ERR_VALUE);
-    zstzPropFreeStanzas(names);
-    allow(zstzPropSetStringValue(handle, "s", "new", "value"), ZPROP_ERR_UPDATE);
-    allow(zstzPropAddLineComment(handle, "s", "k", "note"), ZPROP_ERR_UPDATE);
-    ZPROP_iter_handle* walk = nullptr;
-    allow(zstzPropIter_init(handle, "s", "k", &walk), ZPROP_ERR_VALUE);
-    if (walk != nullptr) {
-        zstzPropIter_next(walk, &err);
-        allow(err, ZPROP_ERR_VALUE);
-        result = zstzPropIter_addValue(walk, "another");
-        allow(result, ZPROP_ERR_VALUE);
-        zstzPropIter_close(walk);
-    }
-    allow(zstzPropStore(handle, outPath), ZPROP_ERR_FILE);
-    ZPROP_error error;
-    zstzPropLastError(&error);
-    zstzPropClose(handle);
-}
-
-TEST(FaultMemory, CCallersGetNumbers) {
-    Files files;
-    inPath = files.path.c_str();
-    outPath = files.other.c_str();
-    // The texts of the last error stay until the thread ends; they are replaced, never added to.
-    for (FailAllocations::Extent extent : {FailAllocations::once, FailAllocations::onward}) {
-        useC();
-        bool failed = true;
-        for (unsigned long nth = 1; failed; ++nth) {
-            FailAllocations failure(nth, extent);
-            useC();
-            failed = failure.failed();
-        }
-    }
-    ZStanzaFileProperties again(outPath, 1);
-    EXPECT_EQ(again.exists("s", "new"), 1);
 }
 
 }  // namespace
