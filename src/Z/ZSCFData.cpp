@@ -130,26 +130,35 @@ private:
 
     // As isspace, whose table is asked for once a load.
     bool isSpace(char c) const {
-        return (classes_[static_cast<unsigned char>(c)] & static_cast<unsigned short>(_ISspace)) != 0;
+        return (classes_[static_cast<unsigned char>(c)] & static_cast<unsigned short>(_ISspace)) !=
+               0;
     }
 
     ZPSlice slice(const char* from, const char* to) const {
         return {static_cast<uint32_t>(from - store_.text(0)), static_cast<uint32_t>(to - from)};
     }
 
-    // The number of lines of the first part tells roughly how many there are in all.
+    // The number of lines of the first part tells roughly how many there are in all. A guess only:
+    // it is kept within what a file of short entries needs, and without memory for it the blocks
+    // grow as they are filled.
     void reserve(size_t start, size_t end) {
-        const size_t sample = end - start < 32768 ? end - start : 32768;
+        const size_t size = end - start;
+        if (size == 0)
+            return;
+        const size_t sample = size < 32768 ? size : 32768;
         const char* p = store_.text(static_cast<uint32_t>(start));
         const char* stop = p + sample;
-        size_t lines = 0;
+        size_t lines = 1;
         while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
             ++lines;
             ++p;
         }
-        if (sample != 0)
-            store_.reserveForLines(
-                static_cast<size_t>(static_cast<uint64_t>(lines + 1) * (end - start) / sample));
+        const uint64_t guess = static_cast<uint64_t>(lines) * size / sample;
+        const size_t most = size / 8 + 1;
+        try {
+            store_.reserveForLines(guess < most ? static_cast<size_t>(guess) : most);
+        } catch (ZOutOfMemoryException&) {
+        }
     }
 
     // False if the piece is no line of the format.
