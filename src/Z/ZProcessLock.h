@@ -56,7 +56,8 @@ private:
 ///   return code 0) before anything else if no thread holds the lock, or another one holds it to
 ///   write. The destructor raises ZInvalidResourceStateException (32) with the state's name if the
 ///   lock isn't unset; if an exception that began after the construction is on its way, it reports
-///   instead.
+///   instead. Cancellation isn't visible to it: a thread that is cancelled must have given up a lock
+///   that goes with its scopes, or the process ends. A release isn't cancelled half-way.
 /// Threads: any thread, any call, but for construction, assignment, destruction and setLockName.
 ///   Numbers and update flag belong to whoever holds the lock; others read them a moment late.
 class ZEXPORT ZAbstractProcessReadWriteLock : public ZAbstractReadWriteLock {

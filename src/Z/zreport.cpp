@@ -1,32 +1,16 @@
 #include "zreport.h"
 
 #include <cxxabi.h>
-#include <pthread.h>
 
 #include "ZException.h"
 #include "ZLCString.h"
 #include "ZMessage.h"
-
-namespace {
-
-/// Keeps the thread from being cancelled while it lives.
-class CancelGuard {
-public:
-    CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelGuard() { pthread_setcancelstate(before_, nullptr); }
-    CancelGuard(const CancelGuard&) = delete;
-    CancelGuard& operator=(const CancelGuard&) = delete;
-
-private:
-    int before_;
-};
-
-}  // namespace
+#include "zinternal.h"
 
 // A report is the last resort: what fails in it has nowhere to go.
 template <typename Report>
 static void reportWhateverHappens(Report report) {
-    const CancelGuard guard;
+    const ZCancelGuard guard;
     try {
         report();
     } catch (abi::__forced_unwind&) {

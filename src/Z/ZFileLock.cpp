@@ -1,0 +1,479 @@
+// ZFileLock.cpp: a read/write lock among processes, made of record locks on an 8-byte file.
+//
+//   bytes 0-3   sequence number, 0 until somebody has written; record lock "data"
+//   bytes 4-7   id of the process that last passed the gate, for people only; record lock "gate"
+//
+// Both fields are 4 bytes in machine order, so 32-bit and 64-bit processes share one file.
+//
+// Everybody takes the gate exclusively on the way in. A reader gives it up once it has the data
+// range (shared); a writer keeps it to the end. So a waiting writer stands in the gate and later
+// readers queue behind it: writers don't starve.
+//
+// Invariants
+// (1) While fileLock_ is free: lockState_ is set exactly if this process holds the data range, and
+//     the file is open exactly then, unless a caller has opened it by hand.
+// (2) Order of locks: threadLock_, fileLock_, gate, data. Record locks belong to the process, so
+//     its threads have to be kept apart before the file is reached.
+// (3) Nobody opens the lock file a second time while it is held: closing any descriptor of a file
+//     drops all record locks that the process has on it.
+// (4) The file is never deleted: a process that had opened it would go on locking a file that the
+//     next one can't find.
+#include "ZFileLock.h"
+
+#include <cxxabi.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "ZExceptionText.h"
+#include "zinternal.h"
+
+static const char kPrefix[] = "._zpl";
+static const mode_t kMode = S_ISGID | S_IRUSR | S_IWUSR;
+static const mode_t kUsableFolder = S_IFDIR | S_IWUSR | S_IXUSR;
+
+static const unsigned int kField = sizeof(uint32_t);  // both fields and their record locks
+static const unsigned int kData = 0;
+static const unsigned int kGate = kData + kField;
+
+static void raiseState(const char* name, int line) {
+    ZInvalidResourceStateException failure(name);
+    failure.throwException(__FILE__, line);
+}
+
+// Runs a clean-up whose failure mustn't hide the one that led here. Giving a record lock up and
+// closing are places where a thread may be cancelled: not in a clean-up.
+template <typename CleanUp>
+static void whateverHappens(CleanUp cleanUp) {
+    const ZCancelGuard guard;
+    try {
+        cleanUp();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+    }
+}
+
+namespace {
+
+/// Runs a clean-up at the end of the scope, on whatever way it ends, unless it was dismissed.
+template <typename CleanUp>
+class OnFailure {
+public:
+    explicit OnFailure(CleanUp cleanUp) : cleanUp_(cleanUp) {}
+    ~OnFailure() {
+        if (!dismissed_)
+            whateverHappens(cleanUp_);
+    }
+    OnFailure(const OnFailure&) = delete;
+    OnFailure& operator=(const OnFailure&) = delete;
+
+    void dismiss() { dismissed_ = true; }
+
+private:
+    CleanUp cleanUp_;
+    bool dismissed_ = false;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- construction and names
+
+// Asked before the base is built: a lock that is copied while held could not be destroyed again.
+static const ZAbstractProcessReadWriteFileLock& checkedFree(
+    const ZAbstractProcessReadWriteFileLock& lock) {
+    if (lock.getLockState() != ZReadWriteLockInterface::unset)
+        raiseState(lock.getLockStateName(lock.getLockState()), __LINE__);
+    return lock;
+}
+
+ZAbstractProcessReadWriteFileLock::ZAbstractProcessReadWriteFileLock() : sequenceLost_(0) {
+    ZAbstractProcessReadWriteFileLock::setLockFileName(lockName_.getChars());
+}
+
+ZAbstractProcessReadWriteFileLock::ZAbstractProcessReadWriteFileLock(const char* name)
+    : ZAbstractProcessReadWriteLock(name), lockDirName_("."), sequenceLost_(0) {
+    ZAbstractProcessReadWriteFileLock::setLockFileName(name);
+}
+
+ZAbstractProcessReadWriteFileLock::ZAbstractProcessReadWriteFileLock(const char* name,
+                                                                     const char* dir)
+    : ZAbstractProcessReadWriteLock(name), sequenceLost_(0) {
+    ZAbstractProcessReadWriteFileLock::setLockFileName(name);
+    ZAbstractProcessReadWriteFileLock::setLockDirName(dir);
+}
+
+ZAbstractProcessReadWriteFileLock::ZAbstractProcessReadWriteFileLock(
+    const ZAbstractProcessReadWriteFileLock& other)
+    : ZAbstractProcessReadWriteLock(checkedFree(other)),
+      lockDirName_(other.lockDirName_),
+      lockFileName_(other.lockFileName_),
+      sequenceLost_(other.sequenceLost_.load()) {}
+
+ZAbstractProcessReadWriteFileLock& ZAbstractProcessReadWriteFileLock::operator=(
+    const ZAbstractProcessReadWriteFileLock& other) {
+    checkedFree(other);
+    if (this == &other)
+        return *this;
+    checkedFree(*this);
+    ZAbstractProcessReadWriteLock::operator=(other);
+    lockDirName_ = other.lockDirName_;
+    lockFileName_ = other.lockFileName_;
+    sequenceLost_ = other.sequenceLost_.load();
+    return *this;
+}
+
+ZAbstractProcessReadWriteFileLock::~ZAbstractProcessReadWriteFileLock() noexcept(false) {}
+
+unsigned int ZAbstractProcessReadWriteFileLock::hash() const { return lockFileName_.hash(); }
+
+int ZAbstractProcessReadWriteFileLock::compare(const ZObject& other) const {
+    return lockFileName_.compare(
+        static_cast<const ZAbstractProcessReadWriteFileLock&>(other).lockFileName_);
+}
+
+const char* ZAbstractProcessReadWriteFileLock::getLockDirName() const {
+    return lockDirName_.getChars();
+}
+
+const char* ZAbstractProcessReadWriteFileLock::getLockFileName() const {
+    return lockFileName_.getChars();
+}
+
+void ZAbstractProcessReadWriteFileLock::setLockDirName(const char* dir) {
+    struct stat status;
+    if (dir != nullptr &&
+        (stat(dir, &status) != 0 || (status.st_mode & kUsableFolder) != kUsableFolder))
+        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    if (lockDirName_ == (dir == nullptr ? "" : dir))
+        return;
+    if (lockState_ != unset)
+        raiseState(getLockStateName(lockState_), __LINE__);
+    lockDirName_ = dir;
+    setLockFileName(getLockName().getChars());
+}
+
+void ZAbstractProcessReadWriteFileLock::setLockFileName(const char* name) {
+    ZLCString path(lockDirName_);
+    if (path.getLength() > 0)
+        path.append("/");
+    path.append(kPrefix);
+    path.append(name);
+    lockFileName_ = path;
+}
+
+// ---------------------------------------------------------------- grants and releases
+
+void ZAbstractProcessReadWriteFileLock::lock() {
+    ZAbstractProcessReadWriteFileLock::lock(write);
+}
+
+void ZAbstractProcessReadWriteFileLock::lock(zlockstate state) {
+    dolock(state);
+    if (state == unset)
+        return;
+    OnFailure giveUp([this] { dolock(unset); });
+    if (getLastSequence() == invalidSequence)
+        setLastSequence();
+    if (!isCurrent() && countObservers() > 0) {
+        // Observers run with everybody else shut out. Protect is held as write already, and what
+        // its holder changes counts.
+        if (state != write && state != protect) {
+            giveUp.dismiss();
+            dolock(unset);
+            dolock(write);
+            OnFailure giveUpAgain([this] { dolock(unset); });
+            setUpdate(0);
+            notifyLockObservers();
+            giveUpAgain.dismiss();
+        } else {
+            notifyLockObservers();
+        }
+    }
+    giveUp.dismiss();
+}
+
+void ZAbstractProcessReadWriteFileLock::dolock(zlockstate state) {
+    if (state == unset)
+        release();
+    else
+        grant(state == protect ? write : state);
+}
+
+void ZAbstractProcessReadWriteFileLock::grant(zlockstate state) {
+    ZAbstractProcessReadWriteLock::lock(state);
+    OnFailure giveUp([this] { ZAbstractProcessReadWriteLock::lock(unset); });
+    if (state == write && getLockState() != unset)
+        raiseState(getLockStateName(lockState_), __LINE__);
+    {
+        const ZResourceLock guard(fileLock_);
+        if (lockState_ == unset)
+            takeFile(state);
+    }
+    giveUp.dismiss();
+}
+
+// Requires: fileLock_ is held.
+void ZAbstractProcessReadWriteFileLock::takeFile(zlockstate state) {
+    OnFailure abandon([this] { giveBack(); });
+    lockFile(state);
+    lockState_ = state;
+    unsigned long sequence = 0;
+    readSequenceNumber(&sequence);
+    sequence_ = sequence;
+    sequenceLost_ = 0;
+    abandon.dismiss();
+}
+
+void ZAbstractProcessReadWriteFileLock::giveBack() {
+    if (lockState_ != unset)
+        whateverHappens([this] { unlockFile(); });
+    lockState_ = unset;
+    abandonFile();
+}
+
+void ZAbstractProcessReadWriteFileLock::release() {
+    checkReleasable();
+    // A thread that is cancelled between the steps would leave half a lock behind.
+    const ZCancelGuard noCancel;
+    const ZResourceLock guard(fileLock_);
+    // The reader count includes the caller.
+    if (lockState_ == write || getReaderCount() <= 1) {
+        unlockFile();
+        lockState_ = unset;
+    }
+    ZAbstractProcessReadWriteLock::lock(unset);
+}
+
+void ZAbstractProcessReadWriteFileLock::abandonFile() {}
+
+// ---------------------------------------------------------------- the file
+
+void ZAbstractProcessReadWriteFileLock::lockFile(zlockstate state) {
+    lockFileRange(write, kGate, kField);
+    OnFailure leaveGate([this] { unlockFileRange(kGate, kField); });
+    writePid();
+    lockFileRange(state, kData, kField);
+    OnFailure leaveData([this] { unlockFileRange(kData, kField); });
+    if (state == read)
+        unlockFileRange(kGate, kField);
+    leaveData.dismiss();
+    leaveGate.dismiss();
+}
+
+void ZAbstractProcessReadWriteFileLock::unlockFile() {
+    unlockFileRange(kData, kField);
+    if (getLockState() == write)
+        unlockFileRange(kGate, kField);
+}
+
+void ZAbstractProcessReadWriteFileLock::readSequenceNumber(unsigned long* sequence) {
+    uint32_t number = static_cast<uint32_t>(*sequence);
+    readBytes(&number, kData, kField);
+    *sequence = number;
+}
+
+void ZAbstractProcessReadWriteFileLock::writeSequenceNumber(unsigned long sequence) {
+    uint32_t number = static_cast<uint32_t>(sequence);
+    writeBytes(&number, kData, kField);
+}
+
+void ZAbstractProcessReadWriteFileLock::writePid() {
+    int32_t pid = getpid();
+    writeBytes(&pid, kGate, kField);
+}
+
+unsigned long ZAbstractProcessReadWriteFileLock::incSequence() {
+    if (lockState_ != write)
+        raiseState(getLockStateName(lockState_), __LINE__);
+    unsigned long number = sequence_;
+    if (sequenceLost_) {
+        number = 0;
+        readSequenceNumber(&number);
+    }
+    ++number;
+    if (number >= invalidSequence)
+        number = 0;
+    sequenceLost_ = 1;
+    writeSequenceNumber(number);
+    sequenceLost_ = 0;
+    sequence_ = number;
+    return number;
+}
+
+// ---------------------------------------------------------------- on a file
+
+ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock() : fileHandle_(-1), opened_(0) {}
+
+ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(const char* name)
+    : ZAbstractProcessReadWriteFileLock(name), fileHandle_(-1), opened_(0) {}
+
+ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(const char* name, const char* dir)
+    : ZAbstractProcessReadWriteFileLock(name, dir), fileHandle_(-1), opened_(0) {}
+
+ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(
+    const ZUnixProcessReadWriteFileLock& other)
+    : ZAbstractProcessReadWriteFileLock(other),
+      fileHandle_(other.fileHandle_.load()),
+      opened_(0) {}
+
+ZUnixProcessReadWriteFileLock& ZUnixProcessReadWriteFileLock::operator=(
+    const ZUnixProcessReadWriteFileLock& other) {
+    ZAbstractProcessReadWriteFileLock::operator=(other);
+    if (this != &other) {
+        closeOwnFile();
+        fileHandle_ = other.fileHandle_.load();
+    }
+    return *this;
+}
+
+// The base raises if the lock is held, after this.
+ZUnixProcessReadWriteFileLock::~ZUnixProcessReadWriteFileLock() noexcept(false) {
+    closeOwnFile();
+    if (lockState_ != unset)
+        ZUnixProcessReadWriteFileLock::closeLockFile();
+}
+
+ZObject* ZUnixProcessReadWriteFileLock::clone() const {
+    return new ZUnixProcessReadWriteFileLock(*this);
+}
+
+int ZUnixProcessReadWriteFileLock::getFileHandle() { return fileHandle_; }
+
+int ZUnixProcessReadWriteFileLock::createLockFile() {
+    if (fileHandle_ == -1) {
+        fileHandle_ = open(lockFileName_.getChars(), O_RDWR | O_CREAT | O_DSYNC, kMode);
+        opened_ = fileHandle_ != -1;
+    }
+    return fileHandle_;
+}
+
+void ZUnixProcessReadWriteFileLock::closeLockFile() {
+    if (fileHandle_ == -1)
+        return;
+    close(fileHandle_);
+    fileHandle_ = -1;
+    opened_ = 0;
+}
+
+void ZUnixProcessReadWriteFileLock::closeOwnFile() {
+    if (opened_)
+        ZUnixProcessReadWriteFileLock::closeLockFile();
+}
+
+void ZUnixProcessReadWriteFileLock::abandonFile() { closeLockFile(); }
+
+void ZUnixProcessReadWriteFileLock::unlockFile() {
+    ZAbstractProcessReadWriteFileLock::unlockFile();
+    closeLockFile();
+}
+
+void ZUnixProcessReadWriteFileLock::lockFileRange(zlockstate state, unsigned int offset,
+                                                  unsigned int length) {
+    errno = 0;
+    // If it can't be opened, the record lock fails, which is what callers are told.
+    if (fileHandle_ == -1)
+        createLockFile();
+    struct flock range = {};
+    switch (state) {
+        case unset:
+            range.l_type = F_UNLCK;
+            break;
+        case read:
+            range.l_type = F_RDLCK;
+            break;
+        case protect:
+        case write:
+            range.l_type = F_WRLCK;
+            break;
+        default:
+            raiseState(getLockStateName(state), __LINE__);
+    }
+    range.l_whence = SEEK_SET;
+    range.l_start = offset;
+    range.l_len = length;
+    if (fcntl(fileHandle_, F_SETLKW, &range) != -1)
+        return;
+    const int error = errno;
+    if (state == unset)
+        ZUnlockResourceException(34, error).throwException(__FILE__, __LINE__);
+    ZLockResourceException(33, error).throwException(__FILE__, __LINE__);
+}
+
+void ZUnixProcessReadWriteFileLock::unlockFileRange(unsigned int offset, unsigned int length) {
+    lockFileRange(unset, offset, length);
+}
+
+void ZUnixProcessReadWriteFileLock::writeBytes(void* bytes, unsigned int offset,
+                                               unsigned int length) {
+    errno = 0;
+    const ssize_t written = pwrite(fileHandle_, bytes, length, offset);
+    if (written >= 0 && static_cast<size_t>(written) == length)
+        return;
+    const int error = errno;
+    sequence_ = 0;
+    ZWriteResourceException(36, error).throwException(__FILE__, __LINE__);
+}
+
+void ZUnixProcessReadWriteFileLock::readBytes(void* bytes, unsigned int offset,
+                                              unsigned int length) {
+    errno = 0;
+    const ssize_t count = pread(fileHandle_, bytes, length, offset);
+    if (count >= 0 && static_cast<size_t>(count) == length)
+        return;
+    struct stat status;
+    if (errno != 0 || stat(lockFileName_.getChars(), &status) != 0) {
+        const int error = errno;
+        ZReadResourceException(35, error).throwException(__FILE__, __LINE__);
+    }
+    if (status.st_size != 0)
+        ZReadResourceException(35, -1).throwException(__FILE__, __LINE__);
+}
+
+// ---------------------------------------------------------------- without a file
+
+ZStubProcessReadWriteFileLock::ZStubProcessReadWriteFileLock() : stubSequence_(0) {}
+
+ZStubProcessReadWriteFileLock::ZStubProcessReadWriteFileLock(const char* name)
+    : ZAbstractProcessReadWriteFileLock(name), stubSequence_(0) {}
+
+ZStubProcessReadWriteFileLock::ZStubProcessReadWriteFileLock(const char* name, const char* dir)
+    : ZAbstractProcessReadWriteFileLock(name, dir), stubSequence_(0) {}
+
+ZStubProcessReadWriteFileLock::ZStubProcessReadWriteFileLock(
+    const ZStubProcessReadWriteFileLock& other)
+    : ZAbstractProcessReadWriteFileLock(other), stubSequence_(0) {}
+
+ZStubProcessReadWriteFileLock& ZStubProcessReadWriteFileLock::operator=(
+    const ZStubProcessReadWriteFileLock& other) {
+    ZAbstractProcessReadWriteFileLock::operator=(other);
+    return *this;
+}
+
+ZObject* ZStubProcessReadWriteFileLock::clone() const {
+    return new ZStubProcessReadWriteFileLock(*this);
+}
+
+void ZStubProcessReadWriteFileLock::lockFile(zlockstate) {}
+
+void ZStubProcessReadWriteFileLock::unlockFile() {}
+
+void ZStubProcessReadWriteFileLock::lockFileRange(zlockstate, unsigned int, unsigned int) {}
+
+void ZStubProcessReadWriteFileLock::unlockFileRange(unsigned int, unsigned int) {}
+
+void ZStubProcessReadWriteFileLock::readSequenceNumber(unsigned long* sequence) {
+    if (sequence != nullptr)
+        *sequence = stubSequence_;
+}
+
+void ZStubProcessReadWriteFileLock::writeSequenceNumber(unsigned long sequence) {
+    stubSequence_ = sequence;
+}
+
+void ZStubProcessReadWriteFileLock::writeBytes(void*, unsigned int, unsigned int) {}
+
+void ZStubProcessReadWriteFileLock::readBytes(void*, unsigned int, unsigned int) {}
