@@ -415,6 +415,10 @@ TEST(Registry, AFailedLoadIsTriedAgain) {
     folder.write("a.conf", "[s]\nk = 2\n");
     setTime(path, 2000);
     EXPECT_EQ(text(*get(0), "s", "k"), "2");
+    folder.write("a.conf", "[s]\nbad\n");
+    setTime(path, 2000);
+    EXPECT_EQ(numberOf([&] { get(1); }), 44);  // forced, and the time is the same
+    EXPECT_EQ(numberOf([&] { get(0); }), 44);
     delete p;
     EXPECT_EQ(ZStanzaFileProperties::getFactory(), ZStanzaFileProperties::getFactory());
 }

@@ -212,6 +212,27 @@ TEST(Properties, AllValuesInEitherCodeset) {
     EXPECT_EQ(list.size(), 0u);
 }
 
+// Names and targets that are texts of what the call changes.
+TEST(Properties, ArgumentsMayBeTextsOfTheirTargets) {
+    Loaded p("[s]\ns = k\nk = s\n");
+    ZArrayList list(1, 1);
+    p.getValues("s", "k", list, ZPROP_STRING_LOCAL);
+    const char* name = static_cast<ZLCString*>(list.get(0))->getChars();
+    p.getValues(name, "s", list, ZPROP_STRING_LOCAL);
+    EXPECT_STREQ(static_cast<ZLCString*>(list.get(0))->getChars(), "k");
+    ZPropertiesKVList pairs(ZPROP_STRING_LOCAL);
+    p.getStanza("s", pairs);
+    p.getStanza(pairs.getItemKey(0), pairs);
+    EXPECT_EQ(pairs.getItemCount(), 2u);
+    ZLCString* stored = static_cast<ZLCString*>(p.get("s", "k")->get(0));
+    p.getValue("s", "k", *stored, 0, nullptr);
+    EXPECT_EQ(*stored, "s");
+    p.setValue("s", "k", stored->getChars());
+    EXPECT_EQ(text(p, "s", "k"), "s");
+    p.addValues("s", "new", *p.keyNames("s"), 0);
+    EXPECT_EQ(p.numValues("s", "new"), 2);
+}
+
 // ---------------------------------------------------------------- changes and notices
 
 // Writes down what it is told.
@@ -340,6 +361,31 @@ TEST(KeyWalk, GoesInFileOrderAndTellsWhereItIs) {
     EXPECT_EQ(none.keyCount(), 0u);
     ZPropertiesIterator nothing(p);
     EXPECT_EQ(nothing.hasMore(), 0);
+}
+
+TEST(KeyWalk, AsksItsOwnGetValues) {
+    class Upper : public ZPropertiesIterator {
+    public:
+        explicit Upper(ZProperties& p) : ZPropertiesIterator(p, "s") {}
+        ZArrayList* getValues(const char* name) override {
+            asked += name;
+            return ZPropertiesIterator::getValues(name);
+        }
+        string asked;
+    };
+    Loaded p("[s]\na = 1\nb = 2\nc = 3\n");
+    p.setValue("s", "b", "");
+    p.setValue("s", "b", "hidden", 1);
+    Upper walk(p);
+    walk.nextEntry();
+    walk.nextEntry();
+    // What it came to is what it shows, though the key changes its kind meanwhile.
+    p.setValue("s", "b", "");
+    p.setValue("s", "b", "plain");
+    EXPECT_EQ(walk.valueCount(), 0u);
+    walk.nextEntry();
+    EXPECT_STREQ(walk.entryValue(0), "3");
+    EXPECT_EQ(walk.asked, "bc");
 }
 
 TEST(KeyWalk, HoldsTheLockForItsLife) {

@@ -108,6 +108,14 @@ TEST(StanzaReader, TheBadLineIsToldWithItsIndentAndWithoutItsEnd) {
     EXPECT_EQ(writtenText(cache), "[s]\nk = 1\n");
 }
 
+// What the first lines promise of the number of lines may be far off.
+TEST(StanzaReader, AFileThatBeginsWithBlankLinesIsRead) {
+    const string text = string(40000, '\n') + "[s]\n# " + string(8000, 'x') + "\nk = 1\n";
+    ZSCFData cache;
+    ASSERT_EQ(readText(cache, text), 0);
+    EXPECT_EQ(writtenText(cache), text);
+}
+
 // Pieces of 8191 bytes: a longer line goes on as a line of its own, with a number of its own.
 TEST(StanzaReader, LongLinesAreCutWhereTheBufferEnds) {
     const size_t room = 8191 - strlen("k = ");

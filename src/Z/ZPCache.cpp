@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 
 #include "ZException.h"
@@ -17,6 +18,11 @@ struct Text {
     const char* chars;
     size_t length;
     explicit Text(const char* s) : chars(s == nullptr ? "" : s), length(strlen(chars)) {}
+};
+
+struct Bytes {
+    const char* chars;
+    size_t length;
 };
 
 }  // namespace
@@ -230,22 +236,27 @@ ZArrayList* ZPCategoryBasedCache::getNames(const char* category) const {
     return stanza == ZPStore::none ? nullptr : store().keyList(stanza);
 }
 
+// Prints texts one behind the other, however long.
+static void print(FILE* stream, std::initializer_list<Bytes> texts) {
+    for (const Bytes& text : texts)
+        fwrite(text.chars, 1, text.length, stream);
+}
+
 void ZPCategoryBasedCache::list(FILE* stream) const {
     const ZPStore& model = store();
+    auto bytes = [&](const ZPSlice& slice) { return Bytes{model.text(slice), slice.length}; };
     model.forEachStanza([&](Id s) {
-        const ZPSlice& name = model.stanza(s).name;
-        fprintf(stream, "\n[%.*s]\n", static_cast<int>(name.length), model.text(name));
+        print(stream, {{"\n[", 2}, bytes(model.stanza(s).name), {"]\n", 2}});
         for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.key(k).next) {
             const ZPSlice& key = model.key(k).name;
             const ZPStore::Values values = model.values(k, ZPStore::plain);
             for (uint32_t i = 0; i < values.count; ++i) {
                 unsigned int length = 0;
                 const char* text = valueText(model, values, i, length);
-                fprintf(stream, "%.*s = %.*s\n", static_cast<int>(key.length), model.text(key),
-                        static_cast<int>(length), text);
+                print(stream, {bytes(key), {" = ", 3}, {text, length}, {"\n", 1}});
             }
             if (values.count == 0)
-                fprintf(stream, "%.*s =\n", static_cast<int>(key.length), model.text(key));
+                print(stream, {bytes(key), {" =\n", 3}});
         }
     });
 }
@@ -289,8 +300,7 @@ void ZPCategoryBasedCache::set(const char* category, const char* key, const char
     setValue(store(), category, key, ZPStore::plain, value);
 }
 
-void ZPCategoryBasedCache::setObfuscated(const char* category, const char* key,
-                                         const char* value) {
+void ZPCategoryBasedCache::setObfuscated(const char* category, const char* key, const char* value) {
     setValue(store(), category, key, ZPStore::hidden, value);
 }
 
@@ -404,6 +414,8 @@ void ZPCategoryBasedCache::validateKey(const char* composite, ZLCString& categor
     const char* dot = composite == nullptr ? nullptr : strchr(composite, '.');
     if (dot == nullptr)
         ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    if (static_cast<size_t>(dot - composite) > 0xFFFFFFF0u)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
     const ZLCString stanza(composite, static_cast<unsigned int>(dot - composite));
     key.setChars(dot + 1);
     category = stanza;

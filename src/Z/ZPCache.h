@@ -31,7 +31,9 @@ enum { ZPCACHE_KEEP_COMMENTS = 1 };
 ///   is null or has no ".". An operation that fails half way leaves map and lines as far as they
 ///   got, and usable.
 /// Threads: no lock here; the owner's lock covers every call. Look-ups alone may run side by side.
-/// Cost: look-ups and changes constant on average; what walks lines walks one stanza's at most.
+/// Cost: look-ups and changes constant on average. Deleting a key is linear in the stanza's keys
+///   once their list was handed out, the last one excepted. A comment walks over those that it
+///   joins; one for a key without a line walks to the end of the file.
 class ZEXPORT ZPCache {
 public:
     /// Which values of a key are meant: the plain ones, the hidden ones, or the plain ones unless

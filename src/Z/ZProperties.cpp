@@ -79,6 +79,8 @@ void ZProperties::getValue(const char* category, const char* key, ZAbstractMutab
     if (extractValue(category, key, required, text, length) == 0) {
         out.setChars(defaultValue == nullptr ? ZPCache::emptyText().getChars() : defaultValue);
     } else if (out.getCodesetHandle() == ZPCache::emptyText().getCodesetHandle()) {
+        if (text == out.getChars())
+            return;  // it is the stored value itself
         out.clear();
         out.append(text, length);
     } else {
@@ -180,13 +182,15 @@ void ZProperties::getValues(const char* category, const char* key, ZArrayList& l
     Z_REQUIRE(list.ownsMembers() != 0);
     Z_REQUIRE(type == ZPROP_STRING_LOCAL || type == ZPROP_STRING_UTF8);
     ZResourceLock guard(lock_);
+    // The names may be texts of members that go.
+    const ZLCString stanzaName(category), keyName(key);
     list.removeAll();
     if (type == ZPROP_STRING_LOCAL) {
-        cache_->copyValues(category, key, list);
+        cache_->copyValues(stanzaName.getChars(), keyName.getChars(), list);
         return;
     }
     ZArrayList local(1, 1);
-    cache_->copyValues(category, key, local);
+    cache_->copyValues(stanzaName.getChars(), keyName.getChars(), local);
     for (unsigned int i = 0; i < local.size(); ++i) {
         std::unique_ptr<ZUTF8String> value(
             new ZUTF8String(*static_cast<const ZLCString*>(local.get(i))));
@@ -352,5 +356,6 @@ void ZProperties::postLoad(const char*) {}
 void ZProperties::checkComment(ZLCString&) {}
 
 void ZProperties::setAttributes(unsigned long flags, void* data) {
+    ZResourceLock guard(lock_);
     cache_->setAttributes(flags, data);
 }

@@ -119,7 +119,9 @@ protected:
 /// Between processes: a load takes a read lock on the whole file, a store a write lock, by fcntl,
 ///   and neither waits. They are advisory, and a process that closes any descriptor of a file loses
 ///   its locks on it.
-/// Cost: look-ups and changes constant on average, whatever the number of keys.
+/// Cost: look-ups and changes constant on average, whatever the number of keys. Once a stanza's key
+///   list has been handed out, by a walk too, deleting one of its keys is linear in their number,
+///   the last one excepted. A comment costs a walk over the comments that it joins.
 class ZEXPORT ZProperties : public ZAbstractProperties,
                             public ZAbstractObservable,
                             public ZPropertiesMutableInterface {
@@ -173,8 +175,9 @@ public:
     void load(const char* file) override;
     /// Forgets all, then loads. One lock over both.
     void reload(const char* file) override;
-    /// Writes the side database, then the file in place, or creates it. Raises as load. What the
-    /// disk does with the bytes isn't looked at.
+    /// Writes the side database, then the file in place, or creates it. Raises as load; the calls
+    /// that can have failed are "access()", "fopen(r+)", "fcntl()" and, for the side database,
+    /// "fopen(w)". What the disk does with the bytes isn't looked at.
     void store(const char* file) override;
     /// Prints stanzas, keys and plain values to standard output.
     void list() const override;

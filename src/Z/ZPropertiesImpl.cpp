@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <memory>
 
@@ -26,6 +27,7 @@
 
 static const char kSideStanza[] = "configuration-database";
 static const char kSideKey[] = "file";
+static const long kNoTime = LONG_MIN;
 
 [[noreturn]] static void raise(const char* name, const char* api, int error, int line) {
     ZPropertiesIOException(name, api, error).throwException(__FILE__, line);
@@ -169,7 +171,7 @@ static void readSideDatabase(ZPCache& cache) {
         SideMap map(name);
         int error = 0;
         void* bytes = map.mapfile(&error, 0);
-        if (error != 0)
+        if (error != 0 || bytes == nullptr)
             raise(name.getChars(), "mapFile()", error, __LINE__);
         buffer.setBuffer(map.length(), bytes);
     }
@@ -241,13 +243,16 @@ static void writeSideDatabase(const char* name, const char* path, const ZBuffer&
     struct stat status;
     if (stat(path, &status) != 0)
         return;
-    if (chown(name, status.st_uid, status.st_gid) != 0 || chmod(name, status.st_mode & 07777) != 0)
-        return;  // as far as it is allowed
+    // As far as it is allowed: who may not give it away may still open it to the same people.
+    const int given = chown(name, status.st_uid, status.st_gid);
+    const int granted = chmod(name, status.st_mode & 07777);
+    (void)given;
+    (void)granted;
 }
 
 void ZProperties::store(const char* file) {
-    ZLCString path;
-    {
+    ZLCString path(file);
+    if (path.getLength() == 0) {
         ZResourceLock guard(lock_);
         path = choosePath(file, fileName_);
     }
@@ -323,23 +328,20 @@ ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractProperties
     const ZLCConstString probe(file);
     ZProperties* known = static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
     if (known != nullptr) {
-        if (forceReload != 0) {
-            known->reload(file);
-            return known;
-        }
-        if (known->isModified() != 0)
+        if (forceReload == 0 && known->isModified() != 0)
             return known;
         const long before = known->timeStamp_;
         long stamp = before;
-        if (checkAndSetTimeStamp(file, stamp) != 0) {
-            known->timeStamp_ = stamp;
-            try {
-                known->reload(file);
-            } catch (...) {
-                // The next caller tries again, instead of being handed an emptied object.
-                known->timeStamp_ = before;
-                throw;
-            }
+        if (checkAndSetTimeStamp(file, stamp) == 0 && forceReload == 0)
+            return known;
+        known->timeStamp_ = stamp;
+        try {
+            known->reload(file);
+        } catch (...) {
+            // The next caller tries again, instead of being handed an emptied object: by the old
+            // time, or where that is the file's still, by one that no file has.
+            known->timeStamp_ = stamp != before ? before : kNoTime;
+            throw;
         }
         return known;
     }

@@ -13,7 +13,7 @@ ZPropertiesIterator::ZPropertiesIterator(ZProperties& properties)
       guard_(properties.lock_),
       keys_(nullptr),
       values_(nullptr),
-      valuesState_(valuesAbsent),
+      valuesPending_(false),
       valuesKind_(ZPCache::GET_ANY),
       index_(0xFFFFFFFFu),
       currentKey_(nullptr) {}
@@ -24,7 +24,7 @@ ZPropertiesIterator::ZPropertiesIterator(ZProperties& properties, const char* st
       guard_(properties.lock_),
       keys_(properties.keyNames(stanza)),
       values_(nullptr),
-      valuesState_(valuesAbsent),
+      valuesPending_(false),
       valuesKind_(ZPCache::GET_ANY),
       index_(0xFFFFFFFFu),
       currentKey_(nullptr) {}
@@ -39,18 +39,18 @@ void ZPropertiesIterator::nextEntry() {
     values_ = nullptr;
     ++index_;
     currentKey_ = static_cast<const ZLCString*>(keys_->get(index_));
-    const ZPCache& cache = *properties_->cache_;
-    if (stanza_.getLength() == 0) {
+    // The working model says of which kind the values are now and makes their list when it is
+    // needed; another cache is asked at once.
+    const ZPCategoryBasedCache* cache =
+        stanza_.getLength() == 0 ? nullptr
+                                 : dynamic_cast<const ZPCategoryBasedCache*>(properties_->cache_);
+    valuesPending_ = cache != nullptr;
+    if (cache == nullptr)
         values_ = getValues(currentKey_->getChars());
-        valuesState_ = valuesFetched;
-    } else if (cache.contains(stanza_.getChars(), currentKey_->getChars()) == 0) {
-        valuesState_ = valuesAbsent;
-    } else {
-        valuesState_ = valuesPending;
-        valuesKind_ = cache.isObfuscated(stanza_.getChars(), currentKey_->getChars()) != 0
+    else
+        valuesKind_ = cache->isObfuscated(stanza_.getChars(), currentKey_->getChars()) != 0
                           ? ZPCache::GET_OBFUSCATED
                           : ZPCache::GET_PLAIN;
-    }
 }
 
 void ZPropertiesIterator::requireEntry() const {
@@ -64,10 +64,9 @@ const char* ZPropertiesIterator::entryName() {
 }
 
 const ZArrayList* ZPropertiesIterator::values() {
-    if (valuesState_ == valuesPending) {
-        values_ =
-            properties_->cache_->get(stanza_.getChars(), currentKey_->getChars(), valuesKind_);
-        valuesState_ = valuesFetched;
+    if (valuesPending_) {
+        values_ = getValues(currentKey_->getChars());
+        valuesPending_ = false;
     }
     return values_;
 }
@@ -92,8 +91,10 @@ unsigned int ZPropertiesIterator::valueCount() {
 
 ZArrayList* ZPropertiesIterator::getValues(const char* name) {
     const ZPCache& cache = *properties_->cache_;
-    return stanza_.getLength() == 0 ? cache.get(name, ZPCache::GET_ANY)
-                                    : cache.get(stanza_.getChars(), name, ZPCache::GET_ANY);
+    if (stanza_.getLength() == 0)
+        return cache.get(name, ZPCache::GET_ANY);
+    const bool isPending = valuesPending_ && name == currentKey_->getChars();
+    return cache.get(stanza_.getChars(), name, isPending ? valuesKind_ : ZPCache::GET_ANY);
 }
 
 // ---------------------------------------------------------------- values

@@ -67,9 +67,9 @@ private:
     ZResourceLock guard_;
     const ZArrayList* keys_;  // the stanza's own list
     ZArrayList* values_;      // of the current key, once somebody has asked
-    // Which values the current key had when the walk came to it; its list isn't made before it is
-    // needed.
-    enum { valuesAbsent, valuesPending, valuesFetched } valuesState_;
+    // Whether values_ has still to be fetched, and which values the current key had when the walk
+    // came to it; their list isn't made before it is needed.
+    bool valuesPending_;
     ZPCache::get_type_e valuesKind_;
     unsigned int index_;  // all ones before the first entry
     const ZLCString* currentKey_;

@@ -151,9 +151,10 @@ void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* tex
 
 void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {
     Z_REQUIRE(zhasText(stanza));
+    const ZLCString name(stanza);  // which may be a text of the list
     list.clear();
     ZResourceLock guard(lock_);
-    ZStanzaIterator entry(*this, stanza);
+    ZStanzaIterator entry(*this, name.getChars());
     while (entry.hasMore()) {
         entry.nextEntry();
         list.addItem(ZLCConstString(entry.entryName()), ZLCConstString(entry.entryValue(0)));
@@ -198,7 +199,8 @@ void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const
     ZStanzaValueIterator value(
         *this, stanza, key, ZPROP_STRING_LOCAL,
         obfuscated != 0 ? Iterator::ZPROP_ITER_OBFUSCATED : Iterator::ZPROP_ITER_PLAIN);
-    for (unsigned int i = 0; i < list.size(); ++i) {
+    const unsigned int count = list.size();  // it may be a list that grows on the way
+    for (unsigned int i = 0; i < count; ++i) {
         ZLCString wanted;
         wanted.setChars(*static_cast<const ZAbstractString*>(list.get(i)));
         bool found = false;

@@ -3,6 +3,7 @@
 #include "zproperties.h"
 
 #include <cxxabi.h>
+#include <pthread.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,32 +19,49 @@
 
 namespace {
 
-// What the thread's last failing call has met. Constant-initialised; the texts are freed when the
-// thread ends.
+// What the thread's last failing call has met. It has no destructor, since other destructors of the
+// thread may still make calls: a pthread key gives the texts back, and is asked once more if a
+// call was made after that.
 struct LastError {
     ZPROP_error error;
     char* file;
     char* text;
 
-    constexpr LastError() : error{0, nullptr, 0, nullptr}, file(nullptr), text(nullptr) {}
-    ~LastError() {
-        free(file);
-        free(text);
-    }
-
     void clear() { error = {0, nullptr, 0, nullptr}; }
 
-    // Without memory the texts are missing; the number is there.
-    void set(int number, const char* newFile, int line, const char* newText) {
+    void freeTexts() {
         free(file);
         free(text);
-        file = newFile == nullptr ? nullptr : strdup(newFile);
-        text = newText == nullptr ? nullptr : strdup(newText);
-        error = {number, file, line, text};
+        file = text = nullptr;
+        clear();
     }
+
+    // Without memory the texts are missing; the number is there.
+    void set(int number, const char* newFile, int line, const char* newText);
 };
 
 thread_local LastError lastError;
+
+pthread_once_t keyOnce = PTHREAD_ONCE_INIT;
+pthread_key_t textsKey;
+bool hasTextsKey = false;
+
+void makeTextsKey() {
+    hasTextsKey = pthread_key_create(&textsKey, [](void* last) {
+                      static_cast<LastError*>(last)->freeTexts();
+                  }) == 0;
+}
+
+void LastError::set(int number, const char* newFile, int line, const char* newText) {
+    freeTexts();
+    // Where there is no key the texts stay behind when the thread ends.
+    pthread_once(&keyOnce, makeTextsKey);
+    if (hasTextsKey)
+        pthread_setspecific(textsKey, this);
+    file = newFile == nullptr ? nullptr : strdup(newFile);
+    text = newText == nullptr ? nullptr : strdup(newText);
+    error = {number, file, line, text};
+}
 
 // Reads the number of any exception, as a message service may.
 class NumberReader : public ZDefaultMessageService {
@@ -542,29 +560,25 @@ int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err) {
 
 // Lets a change run on a walk over values.
 template <typename Change>
-static int changeWalk(ZPROP_iter_handle* iterator, bool complete, Change change) {
+static int changeWalk(ZPROP_iter_handle* iterator, Change change) {
     const Walk walk(iterator);
     if (!walk.isGood())
         return parameterError();
     if (walk.keys != nullptr)
         return unsuitable();
-    if (!complete)
-        return parameterError();
     return guarded(readGroup, [&] { change(*walk.values); });
 }
 
 int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text) {
-    return changeWalk(iterator, text != nullptr,
-                      [&](ValueWalk& walk) { walk.iterator.changeValue(text); });
+    return changeWalk(iterator, [&](ValueWalk& walk) { walk.iterator.changeValue(text); });
 }
 
 int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text) {
-    return changeWalk(iterator, text != nullptr,
-                      [&](ValueWalk& walk) { walk.iterator.addValue(text); });
+    return changeWalk(iterator, [&](ValueWalk& walk) { walk.iterator.addValue(text); });
 }
 
 int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator) {
-    return changeWalk(iterator, true, [](ValueWalk& walk) { walk.iterator.removeValue(); });
+    return changeWalk(iterator, [](ValueWalk& walk) { walk.iterator.removeValue(); });
 }
 
 int zstzPropIter_close(ZPROP_iter_handle* iterator) {

@@ -193,8 +193,8 @@ ZEXPORT int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err);
 ZEXPORT int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err);
 
 /* Replaces the value of the walk's place; adds one behind it and moves there; removes it and moves
- * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on; 55 for a
- * null text. */
+ * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on. A null text
+ * is the empty one. */
 ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);

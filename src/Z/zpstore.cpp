@@ -12,6 +12,12 @@ static const size_t kMaxText = 0xFFFFFFF0u;
     ZOutOfMemoryException().throwException(__FILE__, line);
 }
 
+// Lengths are 32 bits wide, in lists too.
+static void requireLength(size_t length) {
+    if (length > kMaxText)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+}
+
 static void addString(ZArrayList& list, const char* bytes, uint32_t length) {
     std::unique_ptr<ZLCString> string(new ZLCString(bytes, length));
     list.addNoCopy(string.get());
@@ -158,6 +164,7 @@ ZPStore::ZPStore()
       mayHaveHidden_(false),
       mayHaveExtras_(false) {
     groups_.reserveExactly(4);
+    text_.reserveExactly(64);  // never without a block, so that the empty text has an address
     newGroup(none);
 }
 
@@ -528,7 +535,11 @@ void ZPStore::removeKey(Id id) {
     Stanza& stanza = stanzas_[key.stanza];
     if (stanza.keyList != nullptr) {
         const ZLCString name(text(key.name), key.name.length);
-        stanza.keyList->remove(&name);
+        const unsigned int last = stanza.keyList->size() - 1;
+        if (stanza.last == id && name.equals(*stanza.keyList->get(last)))
+            stanza.keyList->remove(last);
+        else
+            stanza.keyList->remove(&name);
     }
     removeItem(id);
     dropValues(id, plain);
@@ -605,6 +616,7 @@ void ZPStore::dropValues(Id id, Kind kind) {
 void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
     if (length == 0)
         return;
+    requireLength(length);
     if (kind == hidden)
         noteHidden();
     Key& key = keys_[id];
@@ -629,6 +641,7 @@ void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
 }
 
 void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) {
+    requireLength(length);
     Key& key = keys_[id];
     KeyExtra* extra = key.extra;
     // The usual case: one plain value takes the place of another and fits into its room.

@@ -276,7 +276,7 @@ public:
         Id lastKey;  // the last key line, none, or unknown
         uint32_t comments, blanks;
         uint32_t sampleCount;  // comments that read like entries; unknown until a key is added
-        Samples* samples;      // their index; null until they are many
+        Samples* samples;      // their index; null while there are none
     };
 
     /// The values of one kind of a key: a list that was handed out, or slices of the text.
@@ -532,8 +532,8 @@ private:
     }
     Id insertComment(Id group, Id before, ZPSlice text);
     Id lastKeyLine(Id group);
-    Id findSample(Id group, Id key);
-    void addSample(Group& group, Id line);
+    Id findParagraphEnd(Id group, Id key);
+    void addSample(Group& group, Id line, Id closing);
     void findSamples(Group& group);
     /// The key has got one more line.
     void noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }

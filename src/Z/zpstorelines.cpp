@@ -9,18 +9,16 @@
 
 #include <cstdio>
 
-// Below this number of comments that read like entries a walk over the lines is cheaper than an
-// index.
-static const uint32_t kSamplesFrom = 8;
-
 // Comments that read like entries, by the hash of what they name. Open addressing; `line` is the
-// only such comment, or `many`.
+// only such comment, or `many`; `closing` is the blank line that closes its paragraph, none, or
+// unknown: to be looked for.
 struct ZPStore::Samples {
     uint32_t capacity;
     uint32_t count;
     struct Slot {
         uint32_t hash;
         Id line;
+        Id closing;
     } slots[1];
 
     static Samples* make(uint32_t capacity) {
@@ -41,12 +39,13 @@ struct ZPStore::Samples {
                 return slots[i];
     }
 
-    void add(uint32_t hash, Id line) {
+    void add(uint32_t hash, Id line, Id closing) {
         Slot& slot = find(hash);
         if (slot.line == none)
             ++count;
         slot.line = slot.line == none ? line : many;
         slot.hash = hash;
+        slot.closing = closing;
     }
 };
 
@@ -104,12 +103,18 @@ ZPStore::Id ZPStore::newLine(LineType type, uint32_t ref, uint32_t length) {
 
 // The group has got one more comment or blank line.
 void ZPStore::noteOtherLine(Group& group, Id id) {
-    if (lines_[id].type() == lineBlank) {
-        ++group.blanks;
-    } else {
+    if (lines_[id].type() == lineComment) {
         ++group.comments;
         if (group.sampleCount != unknown)
-            addSample(group, id);
+            addSample(group, id, unknown);
+        return;
+    }
+    ++group.blanks;
+    if (group.samples != nullptr) {
+        // It closes paragraphs anew: the index is made again when it is needed.
+        free(group.samples);
+        group.samples = nullptr;
+        group.sampleCount = unknown;
     }
 }
 
@@ -293,81 +298,84 @@ bool ZPStore::isCommentWeWant(const ZPSlice& key, Id line) const {
     return true;
 }
 
-// Notes a comment if it reads like an entry.
-void ZPStore::addSample(Group& group, Id id) {
+// Notes a comment if it reads like an entry. Without memory the index goes, and is made anew when it
+// is needed.
+void ZPStore::addSample(Group& group, Id id, Id closing) {
     uint32_t hash;
     const Line& line = lines_[id];
     if (!sampleHash(text(line.ref), line.length(), hash))
         return;
-    ++group.sampleCount;
     Samples* samples = group.samples;
-    if (samples == nullptr)
-        return;
-    if ((samples->count + 1) * 2 > samples->capacity) {
-        // Without memory the index goes, and is made anew when it is needed.
-        Samples* grown = Samples::make(samples->capacity * 2);
-        for (uint32_t i = 0; grown != nullptr && i < samples->capacity; ++i)
+    const bool isFull = samples == nullptr || (samples->count + 1) * 2 > samples->capacity;
+    if (isFull) {
+        Samples* grown = Samples::make(samples == nullptr ? 8 : samples->capacity * 2);
+        for (uint32_t i = 0; grown != nullptr && samples != nullptr && i < samples->capacity; ++i)
             if (samples->slots[i].line != none) {
                 grown->find(samples->slots[i].hash) = samples->slots[i];
                 ++grown->count;
             }
         free(samples);
         group.samples = samples = grown;
-        if (samples == nullptr)
+        if (samples == nullptr) {
+            group.sampleCount = unknown;
             return;
+        }
     }
-    samples->add(hash, id);
+    ++group.sampleCount;
+    samples->add(hash, id, closing);
 }
 
-// Counts the comments that read like entries, and indexes them if they are many.
+// Indexes the comments that read like entries, with the blank lines that close their paragraphs.
 void ZPStore::findSamples(Group& group) {
-    const bool isCounted = group.sampleCount != unknown;
-    if (isCounted && (group.samples != nullptr || group.sampleCount < kSamplesFrom))
+    if (group.sampleCount != unknown)
         return;
-    if (isCounted)
-        group.samples = Samples::make(group.sampleCount * 2 + 16);
     group.sampleCount = 0;
-    for (Id l = group.first; l != none; l = lines_[l].next)
-        if (lines_[l].type() == lineComment)
-            addSample(group, l);
+    Id closing = none;
+    for (Id l = group.last; l != none && group.sampleCount != unknown; l = lines_[l].prev) {
+        if (lines_[l].type() == lineBlank)
+            closing = l;
+        else if (lines_[l].type() == lineComment)
+            addSample(group, l, closing);
+    }
 }
 
-// The first comment of the group that reads like an entry for this key, or none.
-ZPStore::Id ZPStore::findSample(Id groupId, Id keyId) {
+// The blank line that closes the paragraph of the first comment that reads like an entry for this
+// key; none if there is no such comment, or nothing closes it.
+ZPStore::Id ZPStore::findParagraphEnd(Id groupId, Id keyId) {
     Group& group = groups_[groupId];
-    if (group.comments == 0)
+    if (group.comments == 0 || group.blanks == 0)
         return none;
     findSamples(group);
     if (group.sampleCount == 0)
         return none;
     const ZPSlice key = keys_[keyId].name;
+    Id sample = many;
     if (group.samples != nullptr) {
-        const Id found = group.samples->find(keySampleHash(text(key), key.length)).line;
-        if (found != many)
-            return found != none && isCommentWeWant(key, found) ? found : none;
+        const Samples::Slot& slot = group.samples->find(keySampleHash(text(key), key.length));
+        if (slot.line == none || (slot.line != many && !isCommentWeWant(key, slot.line)))
+            return none;
+        if (slot.line != many && slot.closing != unknown)
+            return slot.closing;
+        sample = slot.line;
     }
-    for (Id l = group.first; l != none; l = lines_[l].next)
-        if (lines_[l].type() == lineComment && isCommentWeWant(key, l))
-            return l;
-    return none;
+    if (sample == many)
+        for (sample = group.first; sample != none; sample = lines_[sample].next)
+            if (lines_[sample].type() == lineComment && isCommentWeWant(key, sample))
+                break;
+    while (sample != none && lines_[sample].type() != lineBlank)
+        sample = lines_[sample].next;
+    return sample;
 }
 
 void ZPStore::placeKeyLine(Id key) {
     const Id group = stanzas_[keys_[key].stanza].group;
     reserveLines(1);
-    Id before = none;
-    bool inParagraph = false;
-    const Id sample = groups_[group].blanks == 0 ? none : findSample(group, key);
-    if (sample != none) {
-        Id l = lines_[sample].next;
-        while (l != none && lines_[l].type() != lineBlank)
-            l = lines_[l].next;
-        inParagraph = l != none;
-        before = l;
-    }
-    const Id last = inParagraph ? none : lastKeyLine(group);
-    if (!inParagraph)
+    Id before = findParagraphEnd(group, key);
+    const bool inParagraph = before != none;
+    if (!inParagraph) {
+        const Id last = lastKeyLine(group);
         before = last == none ? groups_[group].first : lines_[last].next;
+    }
     const Id line = newLine(lineKey, key, 0);
     insertLine(group, before, line);
     if (!inParagraph)
