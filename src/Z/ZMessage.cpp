@@ -95,8 +95,10 @@ static void store(ZMessageService*& word, ZMessageService* service) {
 
 void ZMessageService::init() {
     ZMessageService* service = new ZDefaultMessageService;
-    store(dms_, service);
+    // dms_ last: setMessageService takes it for the sign that this is over, and what that sets must
+    // not be overwritten here.
     store(ms_, service);
+    store(dms_, service);
 }
 
 ZMessageService* ZMessageService::messageService() {
