@@ -11,7 +11,8 @@
 ///
 /// Ownership: the string's own; copies are deep. getChars() is good until the next change.
 /// Failure: ZOutOfMemoryException (1) when the text can't grow, also past 4 GiB; the text is then
-///   what it was. Null is no text: nothing is appended, inserted or put in front.
+///   what it was, or empty where text of the other codeset was to replace it. Null is no text:
+///   nothing is appended, inserted or put in front.
 /// Threads: as ZAbstractString.
 /// Cost: append constant a byte on average (the block grows by a fifth); insert, prepend and remove
 ///   move what lies behind. Capacity never shrinks while the string lives, but by prepend.
@@ -40,11 +41,9 @@ public:
     /// gives the empty string; an empty `other` changes nothing.
     virtual void convertFromCodeSet(const ZAbstractString& other);
 
-    /// Copies `s`; null empties the string. `s` may point into the own text behind its first byte;
-    /// that byte is cleared first.
+    /// Copies `s`; null and getChars() itself empty the string.
     ZAbstractMutableString& setChars(const char* s) {
-        clear();
-        return append(s);
+        return s == nullptr || s == chars_ ? clear() : assignBytes(s, strlen(s));
     }
 
     /// Empties the string and keeps its room.
