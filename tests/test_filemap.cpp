@@ -170,6 +170,26 @@ TEST_F(FileMap, CopiesOfAMappingMapAnew) {
     EXPECT_EQ(openDescriptors(), before + 1);
 }
 
+TEST_F(FileMap, AFailedMappingUnmapsNoMoreThanThereWas) {
+    const long page = sysconf(_SC_PAGESIZE);
+    // Two pages, of which the object gets the first, with somebody else's behind it.
+    char* const pages = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(pages, MAP_FAILED);
+    munmap(pages, page);
+    ZUnixFileMap map(make("file", "0123456789"), kRead, 1);
+    int error;
+    if (map.mapfile(&error, 10) != pages)
+        GTEST_SKIP() << "the system chose another place";
+    unlink(path("file").c_str());
+    ASSERT_EQ(mkdir(path("file").c_str(), 0700), 0);
+    EXPECT_EQ(map.mapfile(&error, 2 * page), nullptr);
+    EXPECT_EQ(error, ENODEV);
+    EXPECT_EQ(msync(pages + page, page, MS_ASYNC), 0);
+    rmdir(path("file").c_str());
+    munmap(pages + page, page);
+}
+
 TEST_F(FileMap, DescriptorZeroCountsAsNone) {
     const ZLCString name = make("file", "0123456789");
     const ZLCString empty = make("empty", "");

@@ -72,12 +72,13 @@ void* ZUnixFileMap::mapfile(int* error, unsigned long length) {
     if (handle > 0) {
         *error = 0;
         handle_ = handle;
-        length_ = wanted;
         const int protection = mode_ == mapRead ? PROT_READ : PROT_READ | PROT_WRITE;
         address = mmap(nullptr, wanted, protection, MAP_SHARED, handle, 0);
         if (address == MAP_FAILED) {
             *error = errno;
             address = nullptr;
+        } else {
+            length_ = wanted;
         }
     }
     if (*error != 0) {
