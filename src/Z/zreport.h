@@ -3,6 +3,8 @@
 #ifndef Z_ZREPORT_H
 #define Z_ZREPORT_H
 
+#include <cxxabi.h>
+
 #include "Z.h"
 
 /// Sends the plain message `number` with the return code of a failed call as its one insert to the
@@ -16,5 +18,20 @@ void zreportCode(const char* file, int line, int number, int rc);
 /// library prints itself; of any other, only that it came is known (number 19). Requires: forced
 /// unwinding has been let through before.
 void zreportCaught(const char* file, int line);
+
+/// Runs `step`. What it raises is reported; only the end of the thread goes on. Whether nothing was
+/// raised. A forced unwind has no exception object, which the sanitizer takes for a null reference.
+template <typename Step>
+__attribute__((no_sanitize("null"))) bool zrunReported(const char* file, int line, Step step) {
+    try {
+        step();
+        return true;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        zreportCaught(file, line);
+        return false;
+    }
+}
 
 #endif

@@ -137,6 +137,9 @@
 #define ZAbstractCondition ZAbstractCondition_6_0
 #define ZCondition ZCondition_6_0
 #define ZBooleanCondition ZBooleanCondition_6_0
+#define ZThread ZThread_6_0
+#define ZSleeperThread ZSleeperThread_6_0
+#define ZThreadPool ZThreadPool_6_0
 #define ZObservableInterface ZObservableInterface_6_0
 #define ZObserverInterface ZObserverInterface_6_0
 #define ZObservedParm ZObservedParm_6_0
