@@ -1,0 +1,760 @@
+// Locks among processes: the stubs for the order of steps, and the lock file against real processes,
+// killed ones included. ZBASE_KILL_ROUNDS sets the number of kills.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Z/ZExceptionText.h"
+#include "Z/ZFileLock.h"
+#include "Z/ZProcessLock.h"
+#include "support/ExceptionNumber.h"
+#include "support/RecordingService.h"
+#include "support/TempFolder.h"
+
+namespace {
+
+using Lock = ZUnixProcessReadWriteFileLock;
+using State = ZReadWriteLockInterface::zlockstate;
+const State unset = Lock::unset, read = Lock::read, protect = Lock::protect, write = Lock::write;
+const unsigned long invalid = Lock::invalidSequence;
+
+template <typename Action>
+auto elsewhere(Action action) {
+    return std::async(std::launch::async, action).get();
+}
+
+// The state's name in the exception that `action` raises because of it.
+std::string stateRefused(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (ZInvalidResourceStateException& e) {
+        return e.value();
+    }
+    return "nothing";
+}
+
+// Keeps what it is told, and raises if it should.
+struct Observer : ZObserverInterface {
+    void update(ZObservableInterface* source, const ZObservedParm& parm) override {
+        const auto& update = dynamic_cast<const ZSequenceUpdate&>(parm);
+        told.push_back({update.getSequence(), update.getLastSequence()});
+        if (inside)
+            inside(dynamic_cast<ZAbstractProcessReadWriteLock&>(*source));
+        if (raises)
+            ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    }
+    using Told = std::vector<std::pair<unsigned long, unsigned long>>;
+    Told told;
+    std::function<void(ZAbstractProcessReadWriteLock&)> inside;
+    bool raises = false;
+};
+
+// ---------------------------------------------------------------- without a medium
+
+TEST(StubProcessLock, CountsAReleaseOfWriteByTheUpdateFlag) {
+    struct Case {
+        State state;
+        void (*release)(ZAbstractProcessReadWriteLock&);
+        unsigned long moves;
+    } const cases[] = {
+        {write, [](ZAbstractProcessReadWriteLock& lock) { lock.unlock(); }, 1},
+        {write, [](ZAbstractProcessReadWriteLock& lock) { lock.unlock(0); }, 0},
+        {write, [](ZAbstractProcessReadWriteLock& lock) { lock.setUpdate(0), lock.unlock(); }, 0},
+        {read, [](ZAbstractProcessReadWriteLock& lock) { lock.unlock(); }, 0},
+        {read, [](ZAbstractProcessReadWriteLock& lock) { lock.unlock(1); }, 0},
+        // Its state is protect, not write.
+        {protect, [](ZAbstractProcessReadWriteLock& lock) { lock.unlock(); }, 0},
+    };
+    ZStubProcessReadWriteLock lock("name");
+    EXPECT_EQ(lock.getUpdate(), 1);
+    EXPECT_EQ(lock.getLastSequence(), invalid);
+    EXPECT_EQ(lock.isCurrent(), 0);
+    for (const Case& c : cases) {
+        const unsigned long before = lock.getSequence();
+        lock.lock(c.state);
+        EXPECT_EQ(lock.getLockState(), c.state);
+        EXPECT_EQ(lock.ownWriteLock(), c.state == write);
+        EXPECT_EQ(lock.getUpdate(), c.state != read);
+        lock.promoteReadToWriteLock();
+        EXPECT_EQ(lock.getLockState(), c.state);
+        c.release(lock);
+        EXPECT_EQ(lock.getSequence(), before + c.moves);
+        EXPECT_EQ(lock.isCurrent(), 1);
+        EXPECT_EQ(lock.getUpdate(), 0);
+        EXPECT_EQ(lock.getLockState(), unset);
+    }
+}
+
+TEST(StubProcessLock, RefusesAReleaseByWhoHoldsNothingBeforeItCounts) {
+    ZStubProcessReadWriteLock lock("name");
+    EXPECT_EQ(raisedBy<ZUnlockResourceException>([&] { lock.unlock(); }), "6/0");
+    EXPECT_EQ(numberOf([&] { lock.lock(unset); }), 6);
+    EXPECT_EQ(lock.getUpdate(), 1);
+    lock.writeLock();
+    EXPECT_EQ(elsewhere([&] { return numberOf([&] { lock.unlock(); }); }), 6);
+    EXPECT_EQ(elsewhere([&] { return numberOf([&] { lock.lock(unset); }); }), 6);
+    EXPECT_EQ(lock.getLockState(), write);
+    EXPECT_EQ(lock.getUpdate(), 1);
+    EXPECT_EQ(lock.getSequence(), 0u);
+    EXPECT_EQ(numberOf([&] { lock.readLock(); }), 5);
+    lock.unlock();
+    EXPECT_EQ(lock.getSequence(), 1u);
+}
+
+// The counter steps over the number that means nothing was seen, and stays within 32 bits.
+TEST(StubProcessLock, SequenceSkipsTheInvalidNumber) {
+    ZStubProcessReadWriteFileLock file("name");
+    file.writeSequenceNumber(0xFFFFFFFD);
+    for (unsigned long expected : {0xFFFFFFFEul, 0ul, 1ul}) {
+        file.writeLock();
+        EXPECT_EQ(file.incSequence(), expected);
+        file.unlock(0);
+    }
+    struct Counter : ZStubProcessReadWriteLock {
+        Counter() { sequence_ = 0xFFFFFFFD; }
+    } lock;
+    EXPECT_EQ(lock.incSequence(), 0xFFFFFFFEul);
+    EXPECT_EQ(lock.incSequence(), 0ul);
+}
+
+TEST(StubProcessLock, ObserversAreToldOfWhatTheProcessHasNotSeen) {
+    ZStubProcessReadWriteLock lock("name");
+    Observer observer;
+    lock.readLock();
+    lock.notifyLockObservers();
+    lock.addObserver(&observer);
+    lock.setLastSequence(lock.getSequence());
+    lock.notifyLockObservers();
+    EXPECT_TRUE(observer.told.empty()) << "nobody listened, then nothing was new";
+    lock.setLastSequence(7);
+    observer.inside = [](ZAbstractProcessReadWriteLock& lock) {
+        EXPECT_EQ(elsewhere([&] { return numberOf([&] { lock.unlock(); }); }), 6) << "shut out";
+    };
+    lock.notifyLockObservers();
+    EXPECT_EQ(observer.told, (Observer::Told{{0, 7}}));
+    EXPECT_EQ(lock.getLastSequence(), 7u);
+    lock.unlock();
+}
+
+TEST(StubProcessLock, CopiesAndAssignments) {
+    ZStubProcessReadWriteLock lock("one"), other("two");
+    lock.writeLock();
+    const std::unique_ptr<ZObject> copy(lock.clone());
+    auto& fresh = dynamic_cast<ZStubProcessReadWriteLock&>(*copy);
+    EXPECT_EQ(fresh.getLockState(), unset);
+    EXPECT_EQ(fresh.compare(lock), 0);
+    EXPECT_EQ(fresh.hash(), lock.hash());
+    EXPECT_NE(other.compare(lock), 0);
+    lock.unlock();
+    other = lock;
+    EXPECT_EQ(other.compare(lock), 0);
+    EXPECT_EQ(other.getSequence(), 1u);
+    ZAbstractProcessReadWriteLock plain("three");
+    EXPECT_EQ(raisedBy<ZAbstractNotImplementedException>([&] { plain.clone(); }).substr(0, 2), "31");
+    ZLCString name("four");
+    plain.setLockName(name);
+    EXPECT_STREQ(plain.getLockName().getChars(), "four");
+}
+
+TEST(StubProcessLock, DestroyedWhileHeldRaisesOrReports) {
+    const auto leaveHeld = [](bool raise) {
+        ZStubProcessReadWriteLock lock("name");
+        lock.readLock();
+        if (raise)
+            throw 1;
+    };
+    const RecordingService service;
+    EXPECT_EQ(stateRefused([&] { leaveHeld(false); }), "read");
+    EXPECT_TRUE(service.reports().empty());
+    EXPECT_THROW(leaveHeld(true), int);
+    EXPECT_EQ(service.reports().size(), 1u);
+}
+
+TEST(SequenceUpdate, IsOrderedByTheNumberAndThenByTheLastOne) {
+    EXPECT_LT(ZSequenceUpdate(7, 9).compare(ZSequenceUpdate(8, 1)), 0);
+    EXPECT_GT(ZSequenceUpdate(8, 2).compare(ZSequenceUpdate(8, 1)), 0);
+    EXPECT_EQ(ZSequenceUpdate(9, 1).compare(ZSequenceUpdate(4, 1)), 5);
+    EXPECT_TRUE(ZSequenceUpdate() == ZSequenceUpdate(invalid, invalid));
+}
+
+// ---------------------------------------------------------------- grants that find a change
+
+TEST(FileLockGrant, TellsObserversInAWriteLockThatDoesNotCount) {
+    for (State asked : {read, protect, write}) {
+        ZStubProcessReadWriteFileLock lock("name");
+        Observer observer;
+        lock.addObserver(&observer);
+        lock.writeSequenceNumber(7);
+        lock.lock(asked);
+        EXPECT_TRUE(observer.told.empty()) << "the first grant counts as caught up";
+        EXPECT_EQ(lock.getLockState(), asked == read ? read : write);
+        lock.unlock(0);
+        lock.writeSequenceNumber(8);
+        lock.lock(asked);
+        EXPECT_EQ(observer.told, (Observer::Told{{8, 7}}));
+        EXPECT_EQ(lock.ownWriteLock(), 1);
+        EXPECT_EQ(lock.getUpdate(), asked == read ? 0 : 1) << "what a writer does counts";
+        lock.unlock();
+        EXPECT_EQ(lock.getSequence(), asked == read ? 8u : 9u);
+        EXPECT_EQ(lock.isCurrent(), 1);
+        lock.lock(asked);
+        EXPECT_EQ(observer.told.size(), 1u);
+        lock.unlock();
+    }
+}
+
+TEST(FileLockGrant, AnObserverThatRaisesEndsItWithNothingHeld) {
+    for (State asked : {read, write}) {
+        ZStubProcessReadWriteFileLock lock("name");
+        Observer observer;
+        lock.addObserver(&observer);
+        lock.lock(asked), lock.unlock(0);
+        lock.writeSequenceNumber(5);
+        observer.raises = true;
+        EXPECT_EQ(numberOf([&] { lock.lock(asked); }), 22);
+        EXPECT_EQ(lock.getLockState(), unset);
+        EXPECT_EQ(numberOf([&] { lock.unlock(); }), 6);
+        observer.raises = false;
+        lock.lock(asked);
+        EXPECT_EQ(observer.told, (Observer::Told{{5, 0}, {5, 0}})) << "told again";
+        lock.unlock();
+    }
+}
+
+// ---------------------------------------------------------------- the file
+
+std::string bytes(uint32_t first, uint32_t second) {
+    std::string text(8, '\0');
+    memcpy(&text[0], &first, 4);
+    memcpy(&text[4], &second, 4);
+    return text;
+}
+
+// The number in a lock file.
+uint32_t numberIn(const std::string& path) {
+    const std::string content = TempFolder::read(path);
+    uint32_t number = 0;
+    EXPECT_EQ(content.size(), 8u);
+    memcpy(&number, content.data(), std::min<size_t>(4, content.size()));
+    return number;
+}
+
+// Lock files are written synchronously, which on a disk takes most of these tests' time: unless a
+// folder was chosen, they lie in memory.
+class FolderInMemory : public testing::Environment {
+    void SetUp() override {
+        if (access("/dev/shm", W_OK) == 0)
+            setenv("TMPDIR", "/dev/shm", 0);
+    }
+};
+const testing::Environment* const folderInMemory =
+    testing::AddGlobalTestEnvironment(new FolderInMemory);
+
+// A folder with a lock's name in it.
+struct Place {
+    TempFolder folder;
+    const std::string dir = folder / "";
+    const std::string path = folder / "/._zplapp";  // as the lock makes it from dir
+    Lock make() const { return Lock("app", dir.c_str()); }
+};
+
+TEST(FileLock, FileHoldsNumberAndProcess) {
+    Place place;
+    Lock lock = place.make();
+    EXPECT_EQ(TempFolder::read(place.path), "<none>");
+    EXPECT_EQ(lock.getLockFileName(), place.path);
+    const uint32_t pid = static_cast<uint32_t>(getpid());
+    lock.readLock();
+    EXPECT_EQ(TempFolder::read(place.path), bytes(0, pid));
+    lock.unlock();
+    lock.writeLock();
+    lock.unlock();
+    EXPECT_EQ(TempFolder::read(place.path), bytes(1, pid));
+    lock.writeLock();
+    lock.unlock(0);
+    EXPECT_EQ(TempFolder::read(place.path), bytes(1, pid));
+    lock.readWithIntentToWriteLock();
+    EXPECT_EQ(lock.getLockState(), write);
+    lock.unlock();
+    EXPECT_EQ(TempFolder::read(place.path), bytes(2, pid));
+
+    place.folder.write("._zplapp", bytes(0xFFFFFFFE, 0));
+    lock.writeLock();
+    EXPECT_EQ(lock.getSequence(), 0xFFFFFFFEul);
+    EXPECT_EQ(lock.incSequence(), 0ul);
+    lock.unlock(0);
+    EXPECT_EQ(numberIn(place.path), 0u);
+
+    struct stat status;
+    ASSERT_EQ(stat(place.path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0600u);
+}
+
+TEST(FileLock, FolderAndNameMakeTheFileName) {
+    const TempFolder folder;
+    EXPECT_STREQ(Lock("app").getLockFileName(), "./._zplapp");
+    const Lock nameless;
+    EXPECT_EQ(nameless.getLockFileName(), std::string("._zpl") + nameless.getLockName().getChars());
+    EXPECT_EQ(nameless.getLockName().getLength(), 6u);
+    EXPECT_STREQ(Lock("app", nullptr).getLockFileName(), "._zplapp");
+    const std::string file = folder.write("file", "");
+    const std::string closed = folder / "closed";
+    mkdir(closed.c_str(), 0500);
+    for (const std::string& bad : {std::string(""), folder / "missing", file, closed})
+        EXPECT_EQ(numberOf([&] { Lock lock("app", bad.c_str()); }), 22) << bad;
+
+    const std::string dir = folder / "";
+    Lock lock("app", dir.c_str());
+    lock.readLock();
+    lock.setLockDirName(dir.c_str());
+    EXPECT_EQ(stateRefused([&] { lock.setLockDirName("."); }), "read");
+    lock.unlock();
+    lock.setLockDirName(".");
+    EXPECT_STREQ(lock.getLockFileName(), "./._zplapp");
+    EXPECT_STREQ(lock.getLockDirName(), ".");
+}
+
+TEST(FileLock, HeldLocksAreNeitherCopiedNorAssignedNorQuietlyDestroyed) {
+    Place place;
+    Lock free = place.make();
+    int handle = -1;
+    EXPECT_EQ(stateRefused([&] {
+                  Lock held = place.make();
+                  held.writeLock();
+                  handle = held.getFileHandle();
+                  EXPECT_EQ(stateRefused([&] { Lock copy(held); }), "write");
+                  EXPECT_EQ(stateRefused([&] { delete held.clone(); }), "write");
+                  EXPECT_EQ(stateRefused([&] { free = held; }), "write");
+                  EXPECT_EQ(stateRefused([&] { held = free; }), "write");
+              }),
+              "write");
+    EXPECT_EQ(fcntl(handle, F_GETFD), -1) << "the file was left open";
+    free.writeLock();
+    free.unlock();
+}
+
+TEST(FileLock, ThreadsOfAProcessShareOneRecordLock) {
+    Place place;
+    Lock lock = place.make();
+    lock.readLock();
+    const int handle = lock.getFileHandle();
+    elsewhere([&] { return lock.readLock(), 0; });
+    EXPECT_EQ(lock.getReaderCount(), 2);
+    lock.unlock();
+    EXPECT_EQ(lock.getFileHandle(), handle);
+    EXPECT_EQ(lock.getLockState(), read);
+    lock.unlock();
+    EXPECT_EQ(lock.getFileHandle(), -1);
+    EXPECT_EQ(lock.getLockState(), unset);
+    EXPECT_EQ(numberOf([&] { lock.unlock(); }), 6);
+}
+
+TEST(FileLock, OneStepCalls) {
+    Place place;
+    Lock lock = place.make();
+    EXPECT_EQ(stateRefused([&] { lock.incSequence(); }), "unset");
+    unsigned char byte = 9;
+    lock.unlockFileRange(0, 4);
+    EXPECT_NE(lock.getFileHandle(), -1) << "giving a range up opens the file first";
+    lock.readBytes(&byte, 0, 1);
+    EXPECT_EQ(byte, 9) << "nothing is read from an empty file";
+    lock.writeBytes(&byte, 7, 1);
+    EXPECT_EQ(raisedBy<ZReadResourceException>([&] { lock.readBytes(&byte, 8, 1); }), "35/-1");
+    EXPECT_EQ(stateRefused([&] { lock.lockFileRange(static_cast<State>(4), 0, 4); }), "");
+    lock.closeLockFile();
+    EXPECT_EQ(raisedBy<ZReadResourceException>([&] { lock.readBytes(&byte, 0, 1); }), "35/9");
+    EXPECT_EQ(raisedBy<ZWriteResourceException>([&] { lock.writeBytes(&byte, 0, 1); }), "36/9");
+}
+
+// Whatever step fails, the lock is as free as before for this thread and others, and the file is
+// closed.
+template <typename Exception>
+void expectGrantFails(Lock& lock, const std::string& failure) {
+    for (State state : {read, write, read}) {
+        EXPECT_EQ(raisedBy<Exception>([&] { lock.lock(state); }), failure);
+        EXPECT_EQ(lock.getLockState(), unset);
+        EXPECT_EQ(lock.getFileHandle(), -1);
+        EXPECT_EQ(lock.getReaderCount(), 0);
+        EXPECT_EQ(numberOf([&] { lock.unlock(); }), 6);
+    }
+}
+
+TEST(FileLock, AFailedGrantHoldsNothing) {
+    Place place;
+    Lock lock = place.make();
+    ASSERT_EQ(mkdir(place.path.c_str(), 0700), 0);  // no file can be opened there
+    expectGrantFails<ZLockResourceException>(lock, "33/9");
+    rmdir(place.path.c_str());
+    ASSERT_EQ(symlink("/dev/full", place.path.c_str()), 0);
+    expectGrantFails<ZWriteResourceException>(lock, "36/28");
+    unlink(place.path.c_str());
+    lock.writeLock();
+    lock.unlock();
+    EXPECT_EQ(numberIn(place.path), 1u);
+}
+
+TEST(FileLock, AFailedCountKeepsTheLockAndGoesOnFromTheFile) {
+    Place place;
+    Lock lock = place.make();
+    lock.writeLock(), lock.unlock();
+    lock.writeLock(), lock.unlock();
+    lock.writeLock();
+    struct rlimit limit, none;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    none = limit;
+    none.rlim_cur = 0;
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &none);
+    const std::string raised = raisedBy<ZWriteResourceException>([&] { lock.unlock(); });
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(raised, "36/" + std::to_string(EFBIG));
+    EXPECT_EQ(lock.getSequence(), 0u);
+    EXPECT_EQ(lock.getLockState(), write);
+    lock.unlock();
+    EXPECT_EQ(numberIn(place.path), 3u);
+    EXPECT_EQ(lock.getSequence(), 3u);
+}
+
+// ---------------------------------------------------------------- real processes
+
+// Two-way line between the test and a child.
+class Line {
+public:
+    Line() {
+        if (pipe(toChild_) != 0 || pipe(toParent_) != 0)
+            abort();
+    }
+    ~Line() {
+        for (int end : {toChild_[0], toChild_[1], toParent_[0], toParent_[1]})
+            close(end);
+    }
+    void tell() { put(toChild_[1]); }      // parent
+    void hear() { get(toParent_[0]); }     // parent
+    void report() { put(toParent_[1]); }   // child
+    void await() { get(toChild_[0]); }     // child
+
+private:
+    static void put(int end) {
+        const char byte = 1;
+        if (::write(end, &byte, 1) != 1)
+            abort();
+    }
+    static void get(int end) {
+        char byte;
+        if (::read(end, &byte, 1) != 1)
+            abort();
+    }
+    int toChild_[2], toParent_[2];
+};
+
+// A child process that runs a function; its exit status is the result. Killed if still there.
+class Child {
+public:
+    explicit Child(const std::function<int()>& function) : pid_(fork()) {
+        if (pid_ == 0) {
+            alarm(120);  // a deadlock ends as a failed wait
+            int result = 99;
+            try {
+                result = function();
+            } catch (ZException&) {
+            }
+            _exit(result);
+        }
+    }
+    ~Child() { kill(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t pid() const { return pid_; }
+    int wait() {
+        int status = -1;
+        if (pid_ > 0)
+            waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void kill() {
+        if (pid_ > 0)
+            ::kill(pid_, SIGKILL);
+        wait();
+    }
+
+private:
+    pid_t pid_;
+};
+
+// Comes back once a task sleeps: after it has said that the next thing it does is to wait.
+void untilAsleep(pid_t pid, pid_t task) {
+    for (;;) {
+        char path[64], state = 0;
+        snprintf(path, sizeof path, "/proc/%d/task/%d/stat", static_cast<int>(pid),
+                 static_cast<int>(task));
+        if (FILE* file = fopen(path, "r")) {
+            if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
+                state = 0;
+            fclose(file);
+        }
+        if (state == 'S')
+            return;
+        sched_yield();
+    }
+}
+
+template <typename T>
+T* makeShared() {
+    void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED ? nullptr : new (memory) T();
+}
+
+TEST(FileLockProcesses, AnotherProcessesChangeIsTold) {
+    Place place;
+    Lock lock = place.make();
+    Observer observer;
+    lock.addObserver(&observer);
+    lock.readLock();
+    lock.unlock();
+    for (unsigned long number : {1ul, 2ul}) {
+        Child other([&] {
+            Lock own = place.make();
+            own.writeLock();
+            own.unlock();
+            return 0;
+        });
+        EXPECT_EQ(other.wait(), 0);
+        lock.readLock();
+        EXPECT_EQ(observer.told.back(), std::make_pair(number, number - 1));
+        EXPECT_EQ(lock.ownWriteLock(), 1);
+        lock.unlock();
+        EXPECT_EQ(numberIn(place.path), number);
+    }
+}
+
+TEST(FileLockProcesses, AWriterAtTheGateGoesBeforeLaterReaders) {
+    Place place;
+    struct Order {
+        std::atomic<int> next{1}, writer{0}, reader{0};
+    };
+    Order* order = makeShared<Order>();
+    Line first, second, third;
+    Child firstReader([&] {
+        Lock lock = place.make();
+        lock.readLock();
+        first.report();
+        first.await();
+        lock.unlock();
+        return 0;
+    });
+    first.hear();
+    Child writer([&] {
+        Lock lock = place.make();
+        second.report();
+        lock.writeLock();
+        order->writer = order->next++;
+        lock.unlock();
+        return 0;
+    });
+    second.hear();
+    untilAsleep(writer.pid(), writer.pid());
+    Child laterReader([&] {
+        Lock lock = place.make();
+        third.report();
+        lock.readLock();
+        order->reader = order->next++;
+        lock.unlock();
+        return 0;
+    });
+    third.hear();
+    untilAsleep(laterReader.pid(), laterReader.pid());
+    EXPECT_EQ(order->writer + order->reader, 0) << "both wait";
+    first.tell();
+    EXPECT_EQ(writer.wait(), 0);
+    EXPECT_EQ(laterReader.wait(), 0);
+    EXPECT_EQ(firstReader.wait(), 0);
+    EXPECT_EQ(order->writer, 1);
+    EXPECT_EQ(order->reader, 2);
+    munmap(order, sizeof *order);
+}
+
+// A thread that waits for a lock that a child holds, to be disturbed there.
+struct DisturbedWait {
+    DisturbedWait() {
+        holder.reset(new Child([this] {
+            Lock own = place.make();
+            own.writeLock();
+            line.report();
+            line.await();
+            own.unlock();
+            return 0;
+        }));
+        line.hear();
+        std::future<pid_t> known = id.get_future();
+        pthread_create(
+            &thread, nullptr,
+            [](void* argument) -> void* {
+                DisturbedWait& self = *static_cast<DisturbedWait*>(argument);
+                self.id.set_value(gettid());
+                self.raised = raisedBy<ZLockResourceException>([&] { self.lock.writeLock(); });
+                return nullptr;
+            },
+            this);
+        untilAsleep(getpid(), known.get());
+    }
+    // The thread's end; then the lock must be had by others.
+    void expectNothingHeld() {
+        pthread_join(thread, &result);
+        EXPECT_EQ(lock.getLockState(), unset);
+        EXPECT_EQ(lock.getFileHandle(), -1);
+        EXPECT_EQ(lock.getReaderCount(), 0);
+        line.tell();
+        EXPECT_EQ(holder->wait(), 0);
+        EXPECT_EQ(numberOf([&] { lock.writeLock(), lock.unlock(); }), 0);
+        EXPECT_EQ(numberIn(place.path), 2u);
+    }
+
+    Place place;
+    Lock lock = place.make();
+    Line line;
+    std::unique_ptr<Child> holder;
+    std::promise<pid_t> id;
+    pthread_t thread;
+    std::string raised;
+    void* result = nullptr;
+};
+
+TEST(FileLockProcesses, AnInterruptedWaitFails) {
+    struct sigaction action = {}, before;
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, &before);
+    DisturbedWait wait;
+    pthread_kill(wait.thread, SIGUSR1);
+    wait.expectNothingHeld();
+    EXPECT_EQ(wait.raised, "33/" + std::to_string(EINTR));
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(FileLockProcesses, ACancelledWaitGivesEverythingBack) {
+    DisturbedWait wait;
+    pthread_cancel(wait.thread);
+    wait.expectNothingHeld();
+    EXPECT_EQ(wait.result, PTHREAD_CANCELED);
+}
+
+TEST(FileLockProcesses, EightProcessesLoseNoIncrement) {
+    const int processes = 8, rounds = 1000;
+    Place place;
+    const std::string data = place.folder.write("number", "0");
+    std::vector<std::unique_ptr<Child>> children;
+    for (int i = 0; i < processes; ++i) {
+        children.emplace_back(new Child([&] {
+            Lock lock = place.make();
+            for (int round = 0; round < rounds; ++round) {
+                lock.writeLock();
+                const long number = std::stol(TempFolder::read(data));
+                place.folder.write("number", std::to_string(number + 1));
+                lock.unlock();
+            }
+            return 0;
+        }));
+    }
+    for (auto& child : children)
+        EXPECT_EQ(child->wait(), 0);
+    EXPECT_EQ(TempFolder::read(data), std::to_string(processes * rounds));
+    EXPECT_EQ(numberIn(place.path), static_cast<uint32_t>(processes * rounds));
+}
+
+// What workers that are killed at any moment leave for others to judge.
+struct Tally {
+    std::atomic<unsigned int> grants{0};    // of both kinds
+    std::atomic<unsigned int> releases{0};  // to write, that returned
+    std::atomic<unsigned int> highest{0};   // number seen under a read lock
+    std::atomic<int> fell{0};
+    std::atomic<int> stop{0};
+};
+
+int work(const Place& place, Tally& tally, bool writer) {
+    Lock lock = place.make();
+    while (!tally.stop) {
+        if (writer) {
+            lock.writeLock();
+            ++tally.grants;
+            lock.unlock();
+            ++tally.releases;
+            continue;
+        }
+        unsigned int seen = tally.highest;
+        lock.readLock();
+        ++tally.grants;
+        const unsigned int number = static_cast<unsigned int>(lock.getSequence());
+        if (number < seen)
+            ++tally.fell;
+        while (seen < number && !tally.highest.compare_exchange_weak(seen, number)) {
+        }
+        lock.unlock();
+    }
+    return 0;
+}
+
+TEST(FileLockProcesses, KilledHoldersLeaveNoDeadlockAndNoWrongNumber) {
+    const char* const wanted = getenv("ZBASE_KILL_ROUNDS");
+    const unsigned int kills = wanted != nullptr ? static_cast<unsigned int>(atoi(wanted)) : 200;
+    const unsigned int seed = 20240611;
+    std::mt19937 random(seed);
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Place place;
+    Tally* tally = makeShared<Tally>();
+    std::vector<std::unique_ptr<Child>> workers(4);
+    const auto start = [&](size_t i) {
+        workers[i].reset();  // killed, if there was one
+        workers[i].reset(new Child([&, i] { return work(place, *tally, i % 2 == 0); }));
+    };
+    for (size_t i = 0; i < workers.size(); ++i)
+        start(i);
+    const auto progress = [&](unsigned int steps) {
+        const unsigned int goal = tally->grants + steps;
+        const time_t deadline = time(nullptr) + 60;
+        while (static_cast<int>(tally->grants - goal) < 0) {
+            if (time(nullptr) > deadline)
+                return false;
+            sched_yield();
+        }
+        return true;
+    };
+    for (unsigned int round = 0; round < kills; ++round) {
+        // The others must get on; and a moment that differs each time.
+        ASSERT_TRUE(progress(1 + random() % 8)) << "deadlock after " << round << " kills";
+        for (unsigned int pause = random() % 4000; pause > 0; --pause)
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        start(random() % workers.size());
+    }
+    ASSERT_TRUE(progress(20));
+    tally->stop = 1;
+    for (auto& worker : workers)
+        EXPECT_EQ(worker->wait(), 0);
+    const unsigned int number = numberIn(place.path);
+    EXPECT_GE(number, tally->releases);
+    EXPECT_LE(number, tally->releases + kills);
+    EXPECT_EQ(tally->fell, 0);
+    RecordProperty("kills", static_cast<int>(kills));
+    RecordProperty("releases", static_cast<int>(tally->releases));
+    munmap(tally, sizeof *tally);
+}
+
+}  // namespace
