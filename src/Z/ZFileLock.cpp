@@ -39,6 +39,11 @@ static const unsigned int kField = sizeof(uint32_t);  // both fields and their r
 static const unsigned int kData = 0;
 static const unsigned int kGate = kData + kField;
 
+// A thread that is cancelled while it waits for a record lock unwinds from here, but where times have
+// 64 bits on a 32-bit system the header promises that fcntl raises nothing, and compilers then leave
+// out the clean-up. A pointer makes no such promise, as long as they can't see through it.
+static int (*const volatile recordLock)(int, int, ...) = fcntl;
+
 static void raiseState(const char* name, int line) {
     ZInvalidResourceStateException failure(name);
     failure.throwException(__FILE__, line);
@@ -395,7 +400,7 @@ void ZUnixProcessReadWriteFileLock::lockFileRange(zlockstate state, unsigned int
     range.l_whence = SEEK_SET;
     range.l_start = offset;
     range.l_len = length;
-    if (fcntl(fileHandle_, F_SETLKW, &range) != -1)
+    if (recordLock(fileHandle_, F_SETLKW, &range) != -1)
         return;
     const int error = errno;
     if (state == unset)
