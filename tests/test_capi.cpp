@@ -51,6 +51,16 @@ string taken(char* text) {
     return copy;
 }
 
+typedef std::vector<string> Texts;
+
+// The texts of a list that ends with null; it may be null itself.
+Texts textsOf(char** list) {
+    Texts texts;
+    for (; list != nullptr && *list != nullptr; ++list)
+        texts.push_back(*list);
+    return texts;
+}
+
 class CInterface : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -60,13 +70,11 @@ protected:
     void TearDown() override { zstzPropClose(handle); }
 
     // All values of a key, as zstzPropGetValues gives them.
-    std::vector<string> values(const char* stanza, const char* key) {
+    Texts values(const char* stanza, const char* key) {
         char** list = nullptr;
         ZPROP_item item = {ZPROP_ITEM_VALUES, stanza, key, 0, &list};
         EXPECT_EQ(zstzPropGetValues(handle, &item, 1), ZPROP_OK);
-        std::vector<string> result;
-        for (char** text = list; text != nullptr && *text != nullptr; ++text)
-            result.push_back(*text);
+        const Texts result = textsOf(list);
         zstzPropFreeValuesList(handle, &item, 1);
         EXPECT_EQ(list, nullptr);
         return result;
@@ -89,8 +97,6 @@ protected:
     string path;
     ZPROP_handle* handle = nullptr;
 };
-
-typedef std::vector<string> Texts;
 
 // ---------------------------------------------------------------- handles
 
@@ -294,16 +300,17 @@ TEST_F(CInterface, ReadersLeaveErrAloneWhereAnArgumentIsNull) {
 }
 
 TEST_F(CInterface, EmptyNamesAreBadParametersAndBadChanges) {
-    int err = kUntouched;
-    EXPECT_EQ(zstzPropExists(handle, "", nullptr, &err), 0);
-    EXPECT_EQ(err, ZPROP_ERR_PARAM);
-    EXPECT_EQ(zstzPropGetStringValue(handle, "two", "", 0, &err), nullptr);
-    EXPECT_EQ(err, ZPROP_ERR_PARAM);
-    EXPECT_EQ(zstzPropGetIntegerValue(handle, "", "k", 0, &err), 0u);
-    EXPECT_EQ(err, ZPROP_ERR_PARAM);
     ZPROP_iter_handle* iterator = nullptr;
     EXPECT_EQ(zstzPropIter_init(handle, "", nullptr, &iterator), ZPROP_ERR_PARAM);
     EXPECT_EQ(iterator, nullptr);
+    const HandleCall readers[] = {
+        {"Exists", READER(zstzPropExists, 0, "", nullptr)},
+        {"GetStringValue",
+         READER(zstzPropGetStringValue, static_cast<char*>(nullptr), "two", "", 0)},
+        {"GetIntegerValue", READER(zstzPropGetIntegerValue, 0u, "", "k", 0)},
+    };
+    for (const HandleCall& c : readers)
+        EXPECT_EQ(c.call(handle), ZPROP_ERR_PARAM) << c.name;
     EXPECT_EQ(zstzPropSetStringValue(handle, "two", "", "v"), ZPROP_ERR_UPDATE);
     EXPECT_EQ(zstzPropRemoveStanza(handle, ""), ZPROP_ERR_UPDATE);
     EXPECT_EQ(zstzPropAddFileComment(handle, ""), ZPROP_ERR_UPDATE);
@@ -449,21 +456,14 @@ TEST_F(CInterface, StanzasComeInTheOrderOfTheFile) {
     }
     zstzPropClose(handle);
     ASSERT_EQ(zstzPropOpen(&handle, folder.write("many", text).c_str(), 1), ZPROP_OK);
-    ASSERT_EQ(zstzPropRemoveStanza(handle, "s150"), ZPROP_OK);
-    ASSERT_EQ(zstzPropSetStringValue(handle, "new", "k", "v"), ZPROP_OK);
-    ASSERT_EQ(zstzPropRemoveStanza(handle, expected[3].c_str()), ZPROP_OK);
-    ASSERT_EQ(zstzPropSetStringValue(handle, expected[3].c_str(), "k", "v"), ZPROP_OK);
-    expected.push_back("new");
-    expected.push_back(expected[3]);
-    expected.erase(expected.begin() + 3);
-    expected.erase(std::find(expected.begin(), expected.end(), "s150"));
+    // One that is removed and made again is the last.
+    std::rotate(expected.begin() + 3, expected.begin() + 4, expected.end());
+    ASSERT_EQ(zstzPropRemoveStanza(handle, expected.back().c_str()), ZPROP_OK);
+    ASSERT_EQ(zstzPropSetStringValue(handle, expected.back().c_str(), "k", "v"), ZPROP_OK);
     char** names = nullptr;
     ASSERT_EQ(zstzPropGetStanzas(handle, &names), ZPROP_OK);
-    Texts found;
-    for (char** name = names; *name != nullptr; ++name)
-        found.push_back(*name);
+    EXPECT_EQ(textsOf(names), expected);
     zstzPropFreeStanzas(names);
-    EXPECT_EQ(found, expected);
 }
 
 // ---------------------------------------------------------------- hidden values
@@ -583,37 +583,41 @@ string lastError() {
 const char kNoError[] = "0 <null> 0 <null>";
 
 TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
-    EXPECT_EQ(lastError(), kNoError);
+    const string missing = folder / "missing", bad = folder.write("bad", "[s]\n# c\n  no entry\n");
     int err = kUntouched;
     ZPROP_handle* other = nullptr;
-    zstzPropOpen(&other, (folder / "missing").c_str(), 1);
-    EXPECT_EQ(lastError(), "43 missing 0 fopen(r): No such file or directory");
-    EXPECT_EQ(lastError(), "43 missing 0 fopen(r): No such file or directory");
-    zstzPropOpen(&other, folder.write("bad", "[s]\n# c\n  no entry\n").c_str(), 1);
-    EXPECT_EQ(lastError(), "44 bad 3   no entry");
-    zstzPropGetStringValue(handle, "one", "missing", 1, &err);
-    EXPECT_EQ(lastError(), "28 a.conf 0 missing");
-    zstzPropGetIntegerValue(handle, "one", "word", 1, &err);
-    EXPECT_EQ(lastError(), "40 a.conf 0 12abc");
-    zstzPropGetBooleanValue(handle, "one", "word", 1, &err);
-    EXPECT_EQ(lastError(), "41 a.conf 0 12abc");
-    zstzPropNumStanzas(handle, &err);
-    EXPECT_EQ(lastError(), kNoError);
-    zstzPropSetStringValue(handle, "", "k", "v");
-    EXPECT_EQ(lastError().substr(0, 3), "22 ");
-    ZPROP_iter_handle* iterator = walk("one", nullptr);
-    EXPECT_EQ(lastError(), kNoError);
-    zstzPropIter_getKey(iterator, &err);
-    EXPECT_EQ(lastError().substr(0, 3), "42 ");
-    EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
-    EXPECT_EQ(lastError(), kNoError);
-    // What an earlier call has met isn't taken for the failure of this one.
-    zstzPropGetIntegerValue(handle, "one", "word", 1, &err);
-    zstzPropExists(handle, nullptr, nullptr, &err);
-    EXPECT_EQ(lastError().substr(0, 3), "22 ");
-    EXPECT_EQ(zstzPropLastError(nullptr), 0);
-    zstzPropFree(nullptr);
-    EXPECT_EQ(lastError(), kNoError);
+    ZPROP_iter_handle* iterator = nullptr;
+    const struct {
+        std::function<void()> call;
+        string error;  // or just its number and a blank
+    } cases[] = {
+        {[] {}, kNoError},
+        {[&] { zstzPropOpen(&other, missing.c_str(), 1); },
+         "43 missing 0 fopen(r): No such file or directory"},
+        {[] {}, "43 missing 0 fopen(r): No such file or directory"},
+        {[&] { zstzPropOpen(&other, bad.c_str(), 1); }, "44 bad 3   no entry"},
+        {[&] { zstzPropGetStringValue(handle, "one", "missing", 1, &err); }, "28 a.conf 0 missing"},
+        {[&] { zstzPropGetIntegerValue(handle, "one", "word", 1, &err); }, "40 a.conf 0 12abc"},
+        {[&] { zstzPropGetBooleanValue(handle, "one", "word", 1, &err); }, "41 a.conf 0 12abc"},
+        {[&] { zstzPropNumStanzas(handle, &err); }, kNoError},
+        {[&] { zstzPropSetStringValue(handle, "", "k", "v"); }, "22 "},
+        {[&] { iterator = walk("one", nullptr); }, kNoError},
+        {[&] { zstzPropIter_getKey(iterator, &err); }, "42 "},
+        {[&] { zstzPropIter_close(iterator); }, kNoError},
+        // What an earlier call has met isn't taken for the failure of this one.
+        {[&] { zstzPropGetIntegerValue(handle, "one", "word", 1, &err); }, "40 a.conf 0 12abc"},
+        {[&] { zstzPropExists(handle, nullptr, nullptr, &err); }, "22 "},
+        {[] {
+             EXPECT_EQ(zstzPropLastError(nullptr), 0);
+             zstzPropFree(nullptr);
+         },
+         kNoError},
+    };
+    for (const auto& c : cases) {
+        c.call();
+        const string error = lastError();
+        EXPECT_EQ(c.error.size() == 3 ? error.substr(0, 3) : error, c.error);
+    }
 }
 
 TEST_F(CInterface, LastErrorBelongsToItsThread) {
@@ -668,16 +672,26 @@ TEST_F(CInterface, AWalkIsClosedByItsOwnThreadAlone) {
     }).join();
 }
 
+// Runs `body` in a thread, cancels that once `ready` is done, then does `afterwards`.
+void cancelWithin(const std::function<void()>& body, const std::function<void()>& ready,
+                  const std::function<void()>& afterwards) {
+    pthread_t thread;
+    const auto run = [](void* argument) -> void* {
+        (*static_cast<const std::function<void()>*>(argument))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, const_cast<std::function<void()>*>(&body)), 0);
+    ready();
+    ASSERT_EQ(pthread_cancel(thread), 0);
+    afterwards();
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
 // The address sanitizer doesn't see the frames that a cancelled thread leaves, and takes what is
 // called on the way out for a damaged stack.
 #if !defined(__SANITIZE_ADDRESS__)
-// Takes the descriptor's bytes until the other end is closed.
-void drain(int descriptor) {
-    char bytes[4096];
-    while (read(descriptor, bytes, sizeof bytes) > 0) {
-    }
-}
-
 TEST_F(CInterface, ACancelledStoreGivesItsLockBack) {
     const string big(200000, 'x');  // more than a pipe takes
     ASSERT_EQ(zstzPropSetStringValue(handle, "two", "k", big.c_str()), ZPROP_OK);
@@ -685,56 +699,34 @@ TEST_F(CInterface, ACancelledStoreGivesItsLockBack) {
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_NE(reader, -1);
-    struct Store {
-        ZPROP_handle* handle;
-        const char* file;
-    } store = {handle, pipe.c_str()};
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void* argument) -> void* {
-                      const Store& s = *static_cast<Store*>(argument);
-                      zstzPropStore(s.handle, s.file);
-                      return nullptr;
-                  },
-                  &store),
-              0);
-    // Once the pipe has bytes, the store has its lock, and is in the middle of writing more.
-    pollfd bytes = {reader, POLLIN, 0};
-    ASSERT_EQ(poll(&bytes, 1, 20000), 1);
-    ASSERT_EQ(pthread_cancel(thread), 0);
-    fcntl(reader, F_SETFL, 0);
-    drain(reader);  // the stream's rest, which closing it may still write
-    void* result = nullptr;
-    pthread_join(thread, &result);
+    cancelWithin([&] { zstzPropStore(handle, pipe.c_str()); },
+                 [reader] {
+                     // Once the pipe has bytes, the store has its lock and more to write.
+                     pollfd bytes = {reader, POLLIN, 0};
+                     ASSERT_EQ(poll(&bytes, 1, 20000), 1);
+                 },
+                 [reader] {
+                     // The stream's rest, which closing it may still write.
+                     fcntl(reader, F_SETFL, 0);
+                     char bytes[4096];
+                     while (read(reader, bytes, sizeof bytes) > 0) {
+                     }
+                 });
     close(reader);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
     std::thread([this] {
         int err = kUntouched;
         EXPECT_EQ(zstzPropNumStanzas(handle, &err), 2);  // waits for ever if the lock is held
         EXPECT_EQ(err, ZPROP_OK);
     }).join();
 }
-
 #endif
 
 TEST_F(CInterface, ACancelledOpenLeavesNothing) {
     const string pipe = folder / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void* file) -> void* {
-                      ZPROP_handle* out = nullptr;
-                      zstzPropOpen(&out, static_cast<const char*>(file), ZPROP_OPEN_READ);
-                      return nullptr;
-                  },
-                  const_cast<char*>(pipe.c_str())),
-              0);
-    ASSERT_EQ(pthread_cancel(thread), 0);  // before the open or in it: nobody ever writes
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    ZPROP_handle* out = nullptr;
+    // Before the open or in it: nobody ever writes.
+    cancelWithin([&] { zstzPropOpen(&out, pipe.c_str(), ZPROP_OPEN_READ); }, [] {}, [] {});
 }
 
 // ---------------------------------------------------------------- memory runs out

@@ -4,56 +4,25 @@
 
 #include <algorithm>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <vector>
 
 #include "Z/ZArray.h"
-#include "Z/ZMessage.h"
 #include "Z/ZStack.h"
 #include "support/FailingAllocator.h"
 #include "support/Item.h"
+#include "support/RecordingService.h"
 
 namespace {
 
 const unsigned int kSeed = 20240611;
+const ZObject* const kNothing = nullptr;
 
-/// Counts the exceptions that are reported while it lives.
-class ReportCounter : public ZMessageService {
-public:
-    ReportCounter() { setMessageService(this); }
-    ~ReportCounter() { setMessageService(nullptr); }
-
-    int outputMessage(const char*, int, int, int, const ZLCString*, const ZLCString*,
-                      const ZLCString*, const ZLCString*, const ZLCString*,
-                      const ZLCString*) const override {
-        return 0;
-    }
-    int outputMessageUTF8(const char*, int, int, int, const ZUTF8String*, const ZUTF8String*,
-                          const ZUTF8String*, const ZUTF8String*, const ZUTF8String*,
-                          const ZUTF8String*) const override {
-        return 0;
-    }
-    int outputException(ZException&) const override { return ++reports; }
-    int outputException(const ZZException*, char*) const override { return 0; }
-
-    mutable int reports = 0;
-};
-
-/// Expects that everything made in a scope is gone at its end.
-class NothingLeft {
-public:
-    NothingLeft() : before_(Item::live) {}
-    ~NothingLeft() { EXPECT_EQ(Item::live, before_); }
-
-private:
-    const int before_;
-};
-
-std::vector<int> drained(ZIterator& iterator) {
-    std::vector<int> values;
-    while (iterator.hasMore())
-        values.push_back(static_cast<Item*>(iterator.getNext())->value);
-    return values;
+/// Adds new items with these values to an owning list.
+void fill(ZArrayList& list, const std::vector<int>& values) {
+    for (int value : values)
+        list.addNoCopy(new Item(value));
 }
 
 }  // namespace
@@ -118,15 +87,16 @@ TEST(Array, AssignmentTakesSizeAndMembersButNotOwnership) {
 TEST(Array, SearchesFromBothEnds) {
     ZArray array(5, 0);
     Item a(1), b(2), c(1), probe(1), missing(9);
-    array.set(1, &a);
-    array.set(2, &b);
-    array.set(3, &c);
+    const ZObject* const members[] = {nullptr, &a, &b, &c, nullptr};
+    for (unsigned int i = 0; i < 5; ++i)
+        array.set(i, members[i]);
     EXPECT_EQ(array.indexOf(&probe), 1);
     EXPECT_EQ(array.lastIndexOf(&probe), 3);
-    EXPECT_EQ(array.indexOf(&missing), -1);
-    EXPECT_EQ(array.indexOf(nullptr), -1);
-    EXPECT_EQ(array.lastIndexOf(nullptr), -1);
-    EXPECT_EQ(array.contains(nullptr), 0);
+    for (const ZObject* absent : {static_cast<const ZObject*>(&missing), kNothing}) {
+        EXPECT_EQ(array.indexOf(absent), -1);
+        EXPECT_EQ(array.lastIndexOf(absent), -1);
+        EXPECT_EQ(array.contains(absent), 0);
+    }
 }
 
 // Lists
@@ -205,8 +175,7 @@ TEST(List, SubListCopiesInclusiveRanges) {
     };
     const Case cases[] = {{0, 3, {0, 1, 2, 3}}, {2, 2, {2}}, {3, 2, {}}, {2, 4, {}}, {4, 4, {}}};
     ZArrayList list(4, 1);
-    for (int i = 0; i < 4; ++i)
-        list.addNoCopy(new Item(i));
+    fill(list, {0, 1, 2, 3});
     for (const Case& c : cases) {
         ZArrayList out(1, 1);
         list.subList(out, c.from, c.to);
@@ -228,55 +197,44 @@ TEST(List, BehavesLikeAVector) {
             const Item* item = pool[random() % pool.size()].get();
             const int value = item->value;
             const unsigned int index = random() % (model.size() + 2);
+            const unsigned int other = random() % (model.size() + 2);
+            const bool isThere = index < model.size();
+            const auto place = model.begin() + (isThere ? index : 0);
             const auto found = std::find(model.begin(), model.end(), value);
-            switch (random() % 9) {
-                case 0:
-                case 1:
-                    list.add(item);
-                    model.push_back(value);
-                    break;
-                case 2:
-                    list.add(index, item);
-                    if (index <= model.size())
-                        model.insert(model.begin() + index, value);
-                    break;
-                case 3:
-                    list.addNoCopy(owns ? new Item(*item) : item);
-                    model.push_back(value);
-                    break;
-                case 4:
-                    list.remove(index);
-                    if (index < model.size())
-                        model.erase(model.begin() + index);
-                    break;
-                case 5:
-                    EXPECT_EQ(list.indexOf(item),
-                              found == model.end() ? -1 : int(found - model.begin()));
-                    list.remove(item);
-                    if (found != model.end())
-                        model.erase(found);
-                    break;
-                case 6:
-                    list.set(index, item);
-                    if (index < model.size())
-                        model[index] = value;
-                    break;
-                case 7: {
-                    const unsigned int other = random() % (model.size() + 2);
-                    list.swap(index, other);
-                    if (index < model.size() && other < model.size())
-                        std::swap(model[index], model[other]);
-                    break;
-                }
-                case 8:
-                    if (random() % 100 == 0) {
-                        list.removeAll();
-                        model.clear();
-                    } else if (random() % 10 == 0) {
-                        ZArrayList copy(list);
-                        list = copy;
-                    }
-                    break;
+            const unsigned int kind = random() % 90;
+            if (kind < 20) {
+                list.add(item);
+                model.push_back(value);
+            } else if (kind < 30) {
+                list.add(index, item);
+                if (index <= model.size())
+                    model.insert(model.begin() + index, value);
+            } else if (kind < 40) {
+                list.addNoCopy(owns ? new Item(*item) : item);
+                model.push_back(value);
+            } else if (kind < 50) {
+                list.remove(index);
+                if (isThere)
+                    model.erase(place);
+            } else if (kind < 60) {
+                EXPECT_EQ(list.indexOf(item), found == model.end() ? -1 : found - model.begin());
+                list.remove(item);
+                if (found != model.end())
+                    model.erase(found);
+            } else if (kind < 70) {
+                list.set(index, item);
+                if (isThere)
+                    *place = value;
+            } else if (kind < 80) {
+                list.swap(index, other);
+                if (isThere && other < model.size())
+                    std::swap(*place, model[other]);
+            } else if (kind == 80 && random() % 10 == 0) {
+                list.removeAll();
+                model.clear();
+            } else if (kind == 81) {
+                const ZArrayList copy(list);
+                list = copy;
             }
             ASSERT_EQ(valuesOf(list), model) << "step " << step;
         }
@@ -285,11 +243,9 @@ TEST(List, BehavesLikeAVector) {
 
 TEST(List, ShuffleKeepsTheMembers) {
     ZArrayList list(1, 1);
-    std::vector<int> expected;
-    for (int i = 0; i < 100; ++i) {
-        list.addNoCopy(new Item(i));
-        expected.push_back(i);
-    }
+    std::vector<int> expected(100);
+    std::iota(expected.begin(), expected.end(), 0);
+    fill(list, expected);
     list.shuffle();
     std::vector<int> shuffled = valuesOf(list);
     EXPECT_NE(shuffled, expected);
@@ -299,42 +255,25 @@ TEST(List, ShuffleKeepsTheMembers) {
 
 TEST(List, DestructorsThatRaiseAreReported) {
     NothingLeft check;
-    ReportCounter counter;
+    const RecordingService service;
     ZArray array(2, 1);
     array.setNoCopy(0, new RaisingItem);
     array.remove(0);
-    EXPECT_EQ(counter.reports, 1);
+    EXPECT_EQ(service.reports().size(), 1u);
     {
         ZArrayList list(1, 1);
-        list.addNoCopy(new RaisingItem);
-        list.addNoCopy(new Item(1));
-        list.addNoCopy(new RaisingItem);
+        for (ZObject* member : {(ZObject*)new RaisingItem, (ZObject*)new Item(1),
+                                (ZObject*)new RaisingItem, (ZObject*)new Item(2)})
+            list.addNoCopy(member);
         list.remove(0u);
-        list.addNoCopy(new Item(2));
-        EXPECT_EQ(counter.reports, 2);
+        EXPECT_EQ(service.reports().size(), 2u);
     }
-    EXPECT_EQ(counter.reports, 3);
+    EXPECT_EQ(service.reports(), std::vector<std::string>(3, "raised 22"));
 }
 
 // Sorting
 
 namespace {
-
-/// Runs `body` in a thread with the smallest stack that the system allows.
-template <typename Body>
-void onSmallStack(Body body) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 256 * 1024);
-    pthread_t thread;
-    const auto run = [](void* argument) -> void* {
-        (*static_cast<Body*>(argument))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attributes, run, &body), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
-}
 
 /// Decides the order of members while they are compared, so that each pivot turns out to be next to
 /// the smallest: what drives a careless quick sort into the depth.
@@ -364,23 +303,26 @@ private:
 }  // namespace
 
 TEST(Sort, SortsEveryPattern) {
-    const char* const patterns[] = {"up", "down", "equal", "organ pipe", "few", "random"};
+    const ZSortCompare& compare = *ZSortCompare::defaultSortCompare();
     std::mt19937 random(kSeed);
-    for (int pattern = 0; pattern < 6; ++pattern) {
+    for (const char* pattern : {"up", "down", "equal", "organ pipe", "few", "random"}) {
         for (int count : {0, 1, 2, 3, 4, 5, 16, 17, 1000, 4000}) {
+            SCOPED_TRACE(testing::Message() << pattern << " " << count);
+            std::vector<int> values;
+            for (int i = 0; i < count; ++i)
+                values.push_back(*pattern == 'u'   ? i
+                                 : *pattern == 'd' ? count - i
+                                 : *pattern == 'e' ? 5
+                                 : *pattern == 'o' ? std::min(i, count - i)
+                                                   : int(random() % (*pattern == 'f' ? 3 : 99999)));
             ZArrayList list(1, 1);
-            for (int i = 0; i < count; ++i) {
-                const int values[] = {
-                    i, count - i, 5, std::min(i, count - i), int(random() % 3), int(random() % 99999)};
-                list.addNoCopy(new Item(values[pattern]));
-            }
-            std::vector<int> expected = valuesOf(list);
-            std::sort(expected.begin(), expected.end());
-            list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortAscending);
-            ASSERT_EQ(valuesOf(list), expected) << patterns[pattern] << " " << count;
-            std::reverse(expected.begin(), expected.end());
-            list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortDescending);
-            ASSERT_EQ(valuesOf(list), expected) << patterns[pattern] << " " << count << " down";
+            fill(list, values);
+            std::sort(values.begin(), values.end());
+            list.sort(compare, ZSortCompare::sortAscending);
+            ASSERT_EQ(valuesOf(list), values);
+            std::reverse(values.begin(), values.end());
+            list.sort(compare, ZSortCompare::sortDescending);
+            ASSERT_EQ(valuesOf(list), values);
         }
     }
 }
@@ -401,7 +343,8 @@ TEST(Sort, KeepsItsOrderOfEqualMembers) {
         {"bacabcab", ZSortCompare::sortDescending, {2, 5, 4, 7, 0, 6, 3, 1}},
         {"cbaabc", ZSortCompare::sortDescending, {5, 0, 4, 1, 2, 3}},
         {"aaaabbbbaaaa", ZSortCompare::sortAscending, {10, 11, 8, 9, 1, 0, 3, 2, 5, 4, 7, 6}},
-        {"aaaabbbbaaaa", static_cast<ZSortCompare::sortorder>(0),
+        {"aaaabbbbaaaa",
+         static_cast<ZSortCompare::sortorder>(0),
          {5, 4, 7, 6, 9, 8, 11, 10, 2, 3, 0, 1}},
     };
     for (const Case& c : cases) {
@@ -417,14 +360,23 @@ TEST(Sort, KeepsItsOrderOfEqualMembers) {
 }
 
 TEST(Sort, NeedsLittleStackForTheWorstInput) {
-    onSmallStack([] {
-        const int count = 8000;
-        ZArrayList list(count, 1);
-        for (int i = 0; i < count; ++i)
-            list.addNoCopy(new Item(i));
-        list.sort(Adversary(count), ZSortCompare::sortAscending);
-        EXPECT_EQ(list.size(), unsigned(count));
-    });
+    ZArrayList list(1, 1);
+    std::vector<int> values(8000);
+    std::iota(values.begin(), values.end(), 0);
+    fill(list, values);
+    const auto sort = [](void* members) -> void* {
+        ZArrayList& list = *static_cast<ZArrayList*>(members);
+        list.sort(Adversary(list.size()), ZSortCompare::sortAscending);
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 256 * 1024);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, sort, &list), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(list.size(), values.size());
 }
 
 TEST(Sort, LeavesNullsWhereTheyAre) {
@@ -432,19 +384,16 @@ TEST(Sort, LeavesNullsWhereTheyAre) {
     std::mt19937 random(kSeed);
     for (int round = 0; round < 500; ++round) {
         ZArrayList list(1, 1);
-        std::vector<int> expected;
-        const int count = random() % 12;
-        for (int i = 0; i < count; ++i)
+        for (int left = random() % 12; left > 0; --left)
             list.addNoCopy(random() % 3 == 0 ? nullptr : new Item(random() % 10));
-        const std::vector<int> before = valuesOf(list);
+        std::vector<int> before = valuesOf(list);
         list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortAscending);
-        const std::vector<int> after = valuesOf(list);
-        for (int i = 0; i < count; ++i)
+        std::vector<int> after = valuesOf(list);
+        for (size_t i = 0; i < before.size(); ++i)
             ASSERT_EQ(after[i] == -1, before[i] == -1) << "seed " << kSeed << ", round " << round;
-        std::vector<int> left = before, right = after;
-        std::sort(left.begin(), left.end());
-        std::sort(right.begin(), right.end());
-        ASSERT_EQ(left, right);
+        std::sort(before.begin(), before.end());
+        std::sort(after.begin(), after.end());
+        ASSERT_EQ(before, after);
     }
 }
 
@@ -453,8 +402,7 @@ TEST(Sort, LeavesNullsWhereTheyAre) {
 TEST(ListIterator, RemovesWhatItDelivered) {
     NothingLeft check;
     ZArrayList list(1, 1);
-    for (int i = 0; i < 5; ++i)
-        list.addNoCopy(new Item(i));
+    fill(list, {0, 1, 2, 3, 4});
     ZListIterator iterator(list);
     list.remove(iterator);  // nothing delivered yet
     EXPECT_EQ(list.size(), 5u);
@@ -482,8 +430,9 @@ TEST(ListIterator, FindsOnwardsAndSeesTheListLive) {
     EXPECT_EQ(iterator.findNext(probe), &again);
     EXPECT_EQ(iterator.findNext(probe), nullptr);
     list.add(&two);
-    std::unique_ptr<ZListIterator> copy(static_cast<ZListIterator*>(iterator.clone()));
-    EXPECT_EQ(drained(*copy), std::vector<int>({2}));
+    const std::unique_ptr<ZListIterator> copy(static_cast<ZListIterator*>(iterator.clone()));
+    EXPECT_EQ(copy->getNext(), &two);
+    EXPECT_EQ(copy->hasMore(), 0);
     ZArrayList other(1, 0);
     ZListIterator elsewhere(other);
     elsewhere = iterator;  // position only
@@ -537,33 +486,16 @@ TEST(Memory, AFailedChangeLeavesTheOldState) {
     ZArrayList list(2, 1);
     list.add(&item);
     list.add(&item);
-    ZArray array(2, 1), other(3, 1);
-    array.set(0, &item);
     for (unsigned long nth = 1; nth <= 2; ++nth) {
-        bool raised = false;
-        {
-            FailAllocations failure(nth);
-            try {
-                list.add(0u, &item);
-            } catch (std::bad_alloc&) {
-                raised = true;
-            }
-        }
-        EXPECT_TRUE(raised);
+        EXPECT_TRUE(endsWithoutMemory([&] { list.add(0u, &item); }, nth));
         EXPECT_EQ(valuesOf(list), std::vector<int>({1, 1}));
         EXPECT_EQ(list.capacity(), 2u);
     }
-    bool raised = false;
+    ZArray array(2, 1), other(3, 1);
+    array.set(0, &item);
     const ZObject* const kept = array.get(0);
-    {
-        FailAllocations failure(1, FailAllocations::onward, FailAllocations::null);
-        try {
-            array = other;
-        } catch (ZOutOfMemoryException&) {
-            raised = true;
-        }
-    }
-    EXPECT_TRUE(raised);
+    EXPECT_TRUE(endsWithoutMemory([&] { array = other; }, 1, FailAllocations::onward,
+                                  FailAllocations::null));
     EXPECT_EQ(array.size(), 2u);
     EXPECT_EQ(array.get(0), kept);
 }

@@ -1,6 +1,7 @@
 // Maps and key maps: the promised order, independently computed, and the index behind it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <random>
@@ -29,62 +30,55 @@ const Hashing kHashings[] = {
     {"three hashes", [](unsigned int v) { return v % 3; }},
 };
 
+typedef std::vector<std::pair<int, int>> Entries;  // value and tag
+
 /// What a map of a fixed number of buckets promises, kept the simple way.
 class Model {
 public:
     explicit Model(unsigned int buckets) : buckets_(buckets) {}
 
     void put(int value, unsigned int hash, int tag) {
-        std::vector<std::pair<int, int>>& bucket = buckets_[hash % buckets_.size()];
-        for (auto& entry : bucket)
-            if (entry.first == value) {
-                entry.second = tag;
-                return;
-            }
-        bucket.push_back({value, tag});
+        Entries& bucket = bucketOf(hash);
+        const auto entry = entryOf(bucket, value);
+        if (entry != bucket.end())
+            entry->second = tag;
+        else
+            bucket.push_back({value, tag});
     }
     void remove(int value, unsigned int hash) {
-        std::vector<std::pair<int, int>>& bucket = buckets_[hash % buckets_.size()];
-        for (size_t i = 0; i < bucket.size(); ++i)
-            if (bucket[i].first == value) {
-                bucket.erase(bucket.begin() + i);
-                return;
-            }
+        Entries& bucket = bucketOf(hash);
+        const auto entry = entryOf(bucket, value);
+        if (entry != bucket.end())
+            bucket.erase(entry);
     }
-    void clear() {
-        for (auto& bucket : buckets_)
-            bucket.clear();
-    }
-    std::vector<std::pair<int, int>> entries() const {
-        std::vector<std::pair<int, int>> all;
-        for (const auto& bucket : buckets_)
+    void clear() { buckets_.assign(buckets_.size(), Entries()); }
+    Entries entries() const {
+        Entries all;
+        for (const Entries& bucket : buckets_)
             all.insert(all.end(), bucket.begin(), bucket.end());
         return all;
     }
 
 private:
-    std::vector<std::vector<std::pair<int, int>>> buckets_;
+    Entries& bucketOf(unsigned int hash) { return buckets_[hash % buckets_.size()]; }
+    static Entries::iterator entryOf(Entries& bucket, int value) {
+        return std::find_if(bucket.begin(), bucket.end(),
+                            [value](const auto& entry) { return entry.first == value; });
+    }
+
+    std::vector<Entries> buckets_;
 };
 
-std::vector<std::pair<int, int>> entriesOf(const ZMap& map) {
+Entries entriesOf(const ZMap& map) {
     ZArrayList list(1, 0);
     map.list(list);
-    std::vector<std::pair<int, int>> entries;
+    Entries entries;
     for (unsigned int i = 0; i < list.size(); ++i) {
         const Item* item = static_cast<const Item*>(list.get(i));
         entries.push_back({item->value, item->tag});
     }
     return entries;
 }
-
-class NothingLeft {
-public:
-    NothingLeft() : before_(Item::live) {}
-    ~NothingLeft() { EXPECT_EQ(Item::live, before_); }
-
-private:
-    const int before_;
-};
 
 }  // namespace
 
@@ -101,8 +95,7 @@ TEST(HashMap, HasTheBucketsThatItsSizeAsksFor) {
         map.putEntry(&last);
         map.putEntry(&wraps);
         map.putEntry(&first);
-        EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{2, 0}, {3, 0}, {1, 0}}))
-            << c.size;
+        EXPECT_EQ(entriesOf(map), (Entries{{2, 0}, {3, 0}, {1, 0}})) << c.size;
     }
 }
 
@@ -138,7 +131,7 @@ TEST(HashMap, BehavesLikeItsModel) {
                         map = other;
                     }
                     if (step % 32 == 0 || step < 60) {
-                        const std::vector<std::pair<int, int>> expected = model.entries();
+                        const Entries expected = model.entries();
                         ASSERT_EQ(map.size(), expected.size()) << "step " << step;
                         ASSERT_EQ(entriesOf(map), expected) << "step " << step;
                         for (const auto& entry : expected) {
@@ -190,7 +183,7 @@ TEST(HashMap, TakesItsOwnEntriesAndItselfAsArguments) {
                 pool.emplace_back(new Item(i, i));
                 map.putEntry(pool.back().get());
             }
-            const std::vector<std::pair<int, int>> before = entriesOf(map);
+            const Entries before = entriesOf(map);
             for (const auto& item : pool)
                 map.putEntry(map.getEntry(item.get()));
             map.putAll(map);
@@ -220,7 +213,7 @@ TEST(HashMap, AssignmentTakesBucketsAndOwnership) {
     target.putEntry(&a);
     target = source;
     EXPECT_EQ(target.getEntry(&a), &a);
-    EXPECT_EQ(entriesOf(target), (std::vector<std::pair<int, int>>{{2, 0}, {1, 0}}));
+    EXPECT_EQ(entriesOf(target), (Entries{{2, 0}, {1, 0}}));
     target.removeAll();  // must not delete what it only shares
 }
 
@@ -246,15 +239,15 @@ TEST(ArrayMap, ReplacesInPlaceButAppendsAll) {
     map.putEntry(&b);
     map.putEntry(&newer);
     map.putEntry(map.getEntry(&b));
-    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{1, 9}, {2, 0}}));
+    EXPECT_EQ(entriesOf(map), (Entries{{1, 9}, {2, 0}}));
     EXPECT_EQ(map.getIndex(&b), 1);
     other.putEntry(&a);
     map.putAll(other);
-    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{1, 9}, {2, 0}, {1, 0}}));
+    EXPECT_EQ(entriesOf(map), (Entries{{1, 9}, {2, 0}, {1, 0}}));
     map.removeEntry(&a);
     map.removeEntry(&a);
     map.removeEntry(&a);
-    EXPECT_EQ(entriesOf(map), (std::vector<std::pair<int, int>>{{2, 0}}));
+    EXPECT_EQ(entriesOf(map), (Entries{{2, 0}}));
     map.putAll(map);
     EXPECT_EQ(map.size(), 2u);
 
@@ -293,11 +286,11 @@ TEST(MapIterators, OneIsASnapshotTheOtherIsLive) {
 
 namespace {
 
-std::vector<std::pair<int, int>> pairsOf(const ZKeyMap& map) {
+Entries pairsOf(const ZKeyMap& map) {
     ZArrayList keys(1, 0), values(1, 0);
     map.listKeys(keys);
     map.listObjects(values);
-    std::vector<std::pair<int, int>> pairs;
+    Entries pairs;
     for (unsigned int i = 0; i < keys.size(); ++i)
         pairs.push_back({valuesOf(keys)[i], valuesOf(values)[i]});
     return pairs;
@@ -376,11 +369,11 @@ TEST(KeyMap, TakesItsOwnPartsAndItselfAsArguments) {
         map.listKeys(keys);
         map.putEntry(keys.get(0), map.getEntry(&key));
         map.putAll(map);
-        EXPECT_EQ(pairsOf(map), (std::vector<std::pair<int, int>>{{1, 2}, {3, 2}}));
+        EXPECT_EQ(pairsOf(map), (Entries{{1, 2}, {3, 2}}));
         keys.removeAll();
         map.listKeys(keys);
         map.removeEntry(keys.get(1));
-        EXPECT_EQ(pairsOf(map), (std::vector<std::pair<int, int>>{{1, 2}}));
+        EXPECT_EQ(pairsOf(map), (Entries{{1, 2}}));
     }
 }
 
@@ -434,21 +427,10 @@ TEST(MapMemory, MapsGiveEverythingBack) {
 // still finds everything.
 TEST(MapMemory, AFailedPutChangesNothing) {
     NothingLeft check;
-    ZHashMap map(2, 1);
+    ZHashMap map(2, 1), other(10, 1);
     for (int i = 0; i < 200; ++i) {
         Item item(i, i * 15);
-        for (unsigned long nth = 1;; ++nth) {
-            bool raised = false;
-            {
-                FailAllocations failure(nth);
-                try {
-                    map.putEntry(&item);
-                } catch (std::bad_alloc&) {
-                    raised = true;
-                }
-            }
-            if (!raised)
-                break;
+        for (unsigned long nth = 1; endsWithoutMemory([&] { map.putEntry(&item); }, nth); ++nth) {
             ASSERT_EQ(map.size(), unsigned(i));
             ASSERT_EQ(map.contains(&item), 0);
         }
@@ -457,16 +439,6 @@ TEST(MapMemory, AFailedPutChangesNothing) {
             ASSERT_EQ(map.contains(&probe), 1) << i << " " << j;
         }
     }
-    ZHashMap other(10, 1);
-    bool raised = false;
-    {
-        FailAllocations failure(150);
-        try {
-            other = map;
-        } catch (std::bad_alloc&) {
-            raised = true;
-        }
-    }
-    EXPECT_TRUE(raised);
+    EXPECT_TRUE(endsWithoutMemory([&] { other = map; }, 150));
     EXPECT_EQ(other.isEmpty(), 1);
 }

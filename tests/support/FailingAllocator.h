@@ -50,6 +50,22 @@ public:
     long live() const;
 };
 
+/// Runs `change` with its n-th allocation failing: whether that ended it.
+template <typename Change>
+bool endsWithoutMemory(Change change, unsigned long nth = 1,
+                       FailAllocations::Extent extent = FailAllocations::once,
+                       FailAllocations::Answer answer = FailAllocations::badAlloc) {
+    FailAllocations failure(nth, extent, answer);
+    try {
+        change();
+    } catch (ZOutOfMemoryException&) {
+        return true;
+    } catch (std::bad_alloc&) {
+        return true;
+    }
+    return false;
+}
+
 /// Runs `attempt` with its 1st allocation failing, then with its 2nd, until one run meets no
 /// failure, and expects each run to leave no block behind. An attempt begins from nothing and may
 /// end by ZOutOfMemoryException or std::bad_alloc. Gives the number of failures injected.

@@ -2,6 +2,8 @@
 #ifndef TESTS_SUPPORT_ITEM_H
 #define TESTS_SUPPORT_ITEM_H
 
+#include <gtest/gtest.h>
+
 #include <vector>
 
 #include "Z/ZException.h"
@@ -47,6 +49,16 @@ public:
     static inline unsigned long hashCalls = 0;
     static inline unsigned long equalsCalls = 0;
     static inline std::vector<int>* deleted = nullptr;  // takes the values of deleted items
+};
+
+/// Expects that every item made in a scope is gone at its end.
+class NothingLeft {
+public:
+    NothingLeft() : before_(Item::live) {}
+    ~NothingLeft() { EXPECT_EQ(Item::live, before_); }
+
+private:
+    const int before_;
 };
 
 /// Has no copies, and a destructor that raises.
