@@ -176,72 +176,36 @@ TEST(Condition, RefusesToWaitWithoutTheLock) {
     }
 }
 
-TEST(Condition, AWaitGivesUpTheWholeDepthAndTakesItBack) {
+TEST(Condition, AWaitGivesUpTheWholeDepthAndASignalBringsItBack) {
+    const auto untilZero = [](ZCondition& c, int& flag) {
+        timespec zero = {0, 0};
+        c.wait(zero, flag);
+    };
+    void (*const waits[])(ZCondition&, int&) = {
+        [](ZCondition& c, int& flag) { flag = 0, c.wait(); }, untilZero,  // no limit
+        [](ZCondition& c, int& flag) { c.wait(std::numeric_limits<long>::max(), flag); }};
     ZLock lock;
-    ZCondition condition(lock);
-    lockTimes(lock, 3);
-    // Can't lock before the wait below has given up all three levels.
-    std::thread waker([&] {
-        lock.lock();
-        EXPECT_EQ(depthOf(lock), 1);
-        condition.signal();
-        lock.unlock();
-    });
-    condition.wait();
-    EXPECT_EQ(depthOf(lock), 3);
-    unlockTimes(lock, 3);
-    waker.join();
+    for (const auto wait : waits) {
+        ZCondition condition(lock);
+        EXPECT_EQ(condition.getResource(), &lock);
+        lockTimes(lock, 3);
+        // Can't lock before the wait below has given up all three levels.
+        std::thread waker([&] {
+            const ZResourceLock guard(lock);
+            EXPECT_EQ(depthOf(lock), 1);
+            condition.signal();
+        });
+        int flag = 42;
+        wait(condition, flag);
+        EXPECT_EQ(flag, 0);
+        EXPECT_EQ(depthOf(lock), 3);
+        unlockTimes(lock, 3);
+        waker.join();
+    }
+    EXPECT_EQ(unlockResult(lock), "6/0") << "a caller's lock outlives its conditions";
 }
 
 TEST(Condition, TimesThatHavePassedEndTheWaitAtOnce) {
-    ZCondition condition;
-    const ZResourceLock guard(*condition.getResource());
-    const ZResourceLock deeper(*condition.getResource());
-    int flag = 42;
-    condition.wait(0, flag);
-    EXPECT_EQ(flag, 1) << "the present second";
-    timespec past = {1, 0};
-    flag = 42;
-    condition.wait(past, flag);
-    EXPECT_EQ(flag, 1) << "1970";
-    flag = 42;
-    condition.wait(std::numeric_limits<long>::min(), flag);
-    EXPECT_EQ(flag, 1) << "further back than time goes";
-    EXPECT_EQ(depthOf(*condition.getResource()), 2);
-}
-
-TEST(Condition, ASignalEndsAWaitWithoutTimingOut) {
-    struct Case {
-        const char* what;
-        void (*wait)(ZCondition&, int&);
-    };
-    const Case cases[] = {
-        {"until zero, which is no limit",
-         [](ZCondition& c, int& flag) {
-             timespec zero = {0, 0};
-             c.wait(zero, flag);
-         }},
-        {"the longest time",
-         [](ZCondition& c, int& flag) { c.wait(std::numeric_limits<long>::max(), flag); }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        ZCondition condition;
-        condition.lock();
-        std::thread waker([&] {
-            condition.lock();
-            condition.signal();
-            condition.unlock();
-        });
-        int flag = 42;
-        c.wait(condition, flag);
-        EXPECT_EQ(flag, 0);
-        condition.unlock();
-        waker.join();
-    }
-}
-
-TEST(Condition, TheHookFindsTheLockHeldAndTheFlagNotYetSet) {
     class Hooked : public ZCondition {
     public:
         void waitTimedOut() override {
@@ -249,15 +213,22 @@ TEST(Condition, TheHookFindsTheLockHeldAndTheFlagNotYetSet) {
             seen = flag;
             depth = depthOf(*getResource());
         }
-        int flag = 42, seen = -1, depth = 0;
+        int flag = 0, seen = 42, depth = 0;
     };
-    Hooked condition;
-    lockTimes(*condition.getResource(), 2);
-    condition.wait(0, condition.flag);
-    EXPECT_EQ(condition.seen, 0);
-    EXPECT_EQ(condition.flag, 1);
-    EXPECT_EQ(condition.depth, 2);
-    unlockTimes(*condition.getResource(), 2);
+    static timespec past = {1, 0};
+    void (*const waits[])(ZCondition&, int&) = {
+        [](ZCondition& c, int& flag) { c.wait(0, flag); },
+        [](ZCondition& c, int& flag) { c.wait(past, flag); },
+        [](ZCondition& c, int& flag) { c.wait(std::numeric_limits<long>::min(), flag); }};
+    for (const auto wait : waits) {
+        Hooked condition;
+        lockTimes(*condition.getResource(), 2);
+        wait(condition, condition.flag);
+        EXPECT_EQ(condition.seen, 0) << "the hook comes before the flag";
+        EXPECT_EQ(condition.flag, 1);
+        EXPECT_EQ(condition.depth, 2);
+        unlockTimes(*condition.getResource(), 2);
+    }
 }
 
 TEST(Condition, ABroadcastWakesAllWhoWait) {
@@ -285,16 +256,6 @@ TEST(Condition, ABroadcastWakesAllWhoWait) {
     for (std::thread& thread : team)
         thread.join();
     EXPECT_EQ(woken, 3);
-}
-
-TEST(Condition, LeavesACallersLockAlive) {
-    ZLock lock;
-    auto* condition = new ZCondition(lock);
-    EXPECT_EQ(condition->getResource(), &lock);
-    condition->lock();
-    delete condition;
-    EXPECT_EQ(depthOf(lock), 1);
-    lock.unlock();
 }
 
 TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
