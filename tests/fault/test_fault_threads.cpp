@@ -1,0 +1,276 @@
+// Threads, sleepers and the pool when the thread services of the system fail, and what stays taken
+// then. The linker leads the calls of this program to the functions below (--wrap); its threads
+// start with ZThread and pthread_create.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "Z/ZThread.h"
+#include "support/Gate.h"
+#include "support/RecordingService.h"
+
+namespace {
+
+enum Call {
+    kNone,
+    kAttrInit,
+    kAttrSet,
+    kAttrDestroy,
+    kCreate,
+    kJoin,
+    kKeyCreate,
+    kSetSpecific,
+    kMutexInit,
+    kMutexLock,
+    kMutexUnlock,
+    kMutexDestroy,
+    kCondInit,
+    kCondWait,
+    kCondSignal,
+    kCondDestroy,
+};
+
+// The call that is to fail, the number of such calls that go well before, and how often it fails.
+std::atomic<int> failingCall(kNone), goodCalls(0), badCalls(0);
+
+int failureOf(Call call) {
+    if (failingCall != call || goodCalls-- > 0)
+        return 0;
+    if (--badCalls == 0)
+        failingCall = kNone;
+    return EINVAL;
+}
+
+void failNext(Call call, int good = 0, int bad = 1) {
+    goodCalls = good;
+    badCalls = bad;
+    failingCall = call;
+}
+
+}  // namespace
+
+#define WRAP(call, name, parameters, arguments)         \
+    extern "C" int __real_##name parameters;            \
+    extern "C" int __wrap_##name parameters {           \
+        const int rc = failureOf(call);                 \
+        return rc != 0 ? rc : __real_##name arguments;  \
+    }
+// What fails to destroy has destroyed all the same here, so that the checkers find nothing left.
+#define WRAP_DESTROY(call, name, Object)            \
+    extern "C" int __real_##name(Object*);          \
+    extern "C" int __wrap_##name(Object* object) {  \
+        const int rc = failureOf(call);             \
+        const int real = __real_##name(object);     \
+        return rc != 0 ? rc : real;                 \
+    }
+
+WRAP(kAttrInit, pthread_attr_init, (pthread_attr_t * a), (a))
+WRAP(kAttrSet, pthread_attr_setdetachstate, (pthread_attr_t * a, int state), (a, state))
+WRAP(kCreate, pthread_create,
+     (pthread_t * id, const pthread_attr_t* a, void* (*body)(void*), void* argument),
+     (id, a, body, argument))
+WRAP(kJoin, pthread_join, (pthread_t id, void** result), (id, result))
+WRAP(kKeyCreate, pthread_key_create, (pthread_key_t * key, void (*end)(void*)), (key, end))
+WRAP(kSetSpecific, pthread_setspecific, (pthread_key_t key, const void* object), (key, object))
+WRAP(kMutexInit, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a))
+WRAP(kMutexLock, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+WRAP(kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+WRAP(kCondInit, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a))
+WRAP(kCondWait, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
+WRAP(kCondSignal, pthread_cond_signal, (pthread_cond_t * c), (c))
+WRAP_DESTROY(kAttrDestroy, pthread_attr_destroy, pthread_attr_t)
+WRAP_DESTROY(kMutexDestroy, pthread_mutex_destroy, pthread_mutex_t)
+WRAP_DESTROY(kCondDestroy, pthread_cond_destroy, pthread_cond_t)
+
+namespace {
+
+using Reports = std::vector<std::string>;
+
+class Plain : public ZThread {
+public:
+    explicit Plain(int detached = 0) : ZThread(detached, 0) {}
+    void run() override { runs.open(); }
+    Gate runs;
+};
+
+class Worker : public ZSleeperThread {
+public:
+    Worker() {}
+    Worker(int detached, int autoDelete) : ZSleeperThread(detached, autoDelete) {}
+    void work() override { done.open(); }
+    Gate done;
+};
+
+// What `action` raises while a call fails.
+std::string raisedWhen(Call call, int good, std::function<void()> action) {
+    failNext(call, good);
+    const std::string result = raisedBy<ZThreadException>(action);
+    EXPECT_EQ(failingCall, kNone) << "wasn't called";
+    failingCall = kNone;
+    return result;
+}
+
+TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
+    const RecordingService service;
+    Plain thread;
+    const auto start = [&] { thread.start(); };
+    const auto join = [&] { thread.waitForExit(); };
+    EXPECT_EQ(raisedWhen(kAttrInit, 0, start), "15/22");
+    EXPECT_EQ(raisedWhen(kAttrSet, 0, start), "16/22");
+    EXPECT_EQ(raisedWhen(kCreate, 0, start), "17/22");
+    EXPECT_EQ(raisedBy<ZThreadException>(join), "20/3") << "nothing was started";
+    EXPECT_EQ(service.reports(), Reports{});
+    EXPECT_EQ(raisedWhen(kAttrDestroy, 0, start), "nothing");
+    EXPECT_EQ(service.reports(), Reports{"18: 22"});
+    EXPECT_EQ(raisedWhen(kJoin, 0, join), "20/22");
+    EXPECT_EQ(raisedBy<ZThreadException>(join), "nothing");
+    EXPECT_EQ(thread.runs.opened(), 1);
+
+    unsigned int key = 0;
+    EXPECT_EQ(raisedWhen(kKeyCreate, 0, [&] { ZThread::createThreadKey(key); }), "29/22");
+    ZThread::createThreadKey(key);
+    EXPECT_EQ(raisedWhen(kSetSpecific, 0, [&] { ZThread::setThreadObject(key, &thread); }), "30/22");
+    EXPECT_EQ(ZThread::getThreadObject(key), nullptr);
+    pthread_key_delete(key);
+}
+
+TEST(FailingSleeper, StartsAgainAfterEachFailure) {
+    const RecordingService service;
+    Worker worker;
+    EXPECT_EQ(raisedWhen(kCreate, 0, [&] { worker.start(); }), "17/22");
+    // The thread's own calls: the lock and the signal of its greeting, which it tries again.
+    for (const auto& c : {std::make_pair(kMutexLock, 1), std::make_pair(kCondSignal, 0)}) {
+        failNext(c.first, c.second);
+        worker.start();
+        worker.wakeUp();
+        worker.done.await();
+        worker.waitForExit();
+        EXPECT_EQ(failingCall, kNone);
+    }
+    EXPECT_EQ(service.reports(), (Reports{"raised 5/22", "10: 22", "raised 10/22"}));
+    // Whichever of the two threads it is that fails to wait, the object can be used again.
+    failNext(kCondWait);
+    const std::string result = raisedBy<ZConditionException>([&] { worker.start(); });
+    while (failingCall != kNone)
+        std::this_thread::yield();
+    if (result == "9/22") {
+        worker.waitForExit();
+    } else {
+        EXPECT_EQ(result, "nothing");
+        worker.ZThread::waitForExit();  // it has ended by itself
+    }
+    worker.start();
+    worker.wakeUp();
+    worker.done.reach(3);
+    worker.waitForExit();
+}
+
+TEST(FailingPool, IsNotMadeOrReportsAtItsEnd) {
+    const RecordingService service;
+    const auto make = [] { ZThreadPool(2, 2); };
+    EXPECT_EQ(raisedWhen(kMutexInit, 0, make), "3/22");
+    EXPECT_EQ(raisedWhen(kCondInit, 0, make), "7/22");
+    EXPECT_EQ(raisedWhen(kCondInit, 1, make), "7/22");
+    EXPECT_EQ(service.reports(), Reports{});
+    EXPECT_EQ(raisedWhen(kCondDestroy, 0, make), "nothing");
+    EXPECT_EQ(raisedWhen(kMutexDestroy, 0, make), "nothing");
+    EXPECT_EQ(service.reports(), (Reports{"8: 22", "4: 22"}));
+}
+
+TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
+    struct Case {
+        const char* what;
+        Call call;
+        int good;
+        std::function<void(ZThreadPool&)> action;
+        const char* raised;
+        Reports reports;
+    };
+    Plain thread(1), idle(1), other(1);
+    ZThread* taken = nullptr;
+    int keep = 0;
+    const auto start = [&](ZThreadPool& pool) { pool.start(thread); };
+    const auto take = [&](ZThreadPool& pool) { pool.getAvailableIdleThread(taken); };
+    const auto wait = [](ZThreadPool& pool) { pool.waitForExit(); };
+    const auto done = [&](ZThreadPool& pool) { pool.threadDoneNotification(other, keep); };
+    const auto death = [&](ZThreadPool& pool) { pool.threadDeathNotification(other); };
+    const Case cases[] = {
+        {"start, lock", kMutexLock, 0, start, "5/22", {}},
+        {"start, create", kCreate, 0, start, "nothing", {"raised 17/22"}},
+        {"take, lock", kMutexLock, 0, take, "5/22", {}},
+        {"take, unlock", kMutexUnlock, 0, take, "6/22", {}},
+        {"wait, lock", kMutexLock, 0, wait, "5/22", {}},
+        {"done, lock", kMutexLock, 0, done, "5/22", {}},
+        {"done, unlock", kMutexUnlock, 0, done, "6/22", {}},
+        {"death, lock", kMutexLock, 0, death, "5/22", {}},
+        {"death, signal", kCondSignal, 0, death, "10/22", {}},
+        {"death, unlock", kMutexUnlock, 0, death, "6/22", {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ZThreadPool pool(2, 3);
+        pool.threadDoneNotification(idle, keep);
+        ASSERT_EQ(keep, 1);
+        const RecordingService service;
+        EXPECT_EQ(raisedWhen(c.call, c.good, [&] { c.action(pool); }), c.raised);
+        EXPECT_EQ(service.reports(), c.reports);
+        EXPECT_EQ(pool.getAvailableIdleThread(taken), &idle) << "no thread is lost";
+        EXPECT_EQ(pool.getAvailableIdleThread(taken), nullptr);
+        Plain fresh(1);
+        pool.start(fresh);  // the mutex is free, and there is room
+        fresh.runs.await();
+        pool.waitForExit();
+    }
+}
+
+TEST(FailingPool, HearsOfAnEndThoughItsMutexFailedOnce) {
+    const RecordingService service;
+    for (Call call : {kMutexLock, kMutexUnlock, kCondSignal}) {
+        ZThreadPool pool(1, 0);
+        struct Ending : ZThread {
+            explicit Ending(Call call) : ZThread(0, 0), call_(call) {}
+            void run() override {
+                while (!go)
+                    std::this_thread::yield();
+            }
+            void exit() override { failNext(call_), ended = 1; }
+            const Call call_;
+            std::atomic<int> go{0}, ended{0};
+        } thread(call);
+        pool.start(thread);
+        thread.go = 1;
+        while (failingCall != kNone || thread.ended == 0)
+            std::this_thread::yield();  // a lock here would be the one that fails
+        pool.waitForExit();
+        thread.waitForExit();  // and the report is out
+    }
+    EXPECT_EQ(service.reports(), (Reports{"raised 5/22", "raised 6/22", "raised 10/22"}));
+}
+
+TEST(FailingPool, GoesOnAfterAFailedWait) {
+    const RecordingService service;
+    ZThreadPool pool(1, 0);
+    Gate leave;
+    struct Waiting : ZThread {
+        explicit Waiting(Gate& leave) : ZThread(1, 0), leave_(leave) {}
+        void run() override { leave_.await(); }
+        Gate& leave_;
+    } thread(leave);
+    pool.start(thread);
+    failNext(kCondWait, 0, 3);
+    std::thread opener([&] {
+        while (failingCall != kNone)
+            std::this_thread::yield();
+        leave.open();
+    });
+    pool.waitForExit();
+    opener.join();
+    EXPECT_EQ(service.reports(), (Reports{"9: 22", "9: 22", "9: 22"}));
+}
+
+}  // namespace

@@ -1,0 +1,420 @@
+// The pool: its limits, its idle threads, and that no thread and no end is lost. Threads start
+// through the pool, some through std::thread. What the system makes fail is in fault/.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "Z/ZThreadPool.h"
+#include "support/Gate.h"
+#include "support/RecordingService.h"
+
+namespace {
+
+using Reports = std::vector<std::string>;
+using Action = std::function<void()>;
+
+std::atomic<int> alive(0);  // self-deleting workers
+
+// A sleeper that does whatever it was given last.
+class Worker : public ZSleeperThread {
+public:
+    explicit Worker(Action job, int autoDelete = 1)
+        : ZSleeperThread(1, autoDelete), job_(job) {
+        ++alive;
+    }
+    Worker(ZLock& lock, Action job) : ZSleeperThread(lock), job_(job) { ++alive; }
+    ~Worker() noexcept(false) override { --alive; }
+    void setJob(Action job) { job_ = job; }
+    void work() override { job_(); }
+
+private:
+    Action job_;  // changed only while the thread is idle and taken
+};
+
+// Has `job` done by an idle thread, else by a new one.
+void submit(ZThreadPool& pool, Action job) {
+    ZThread* thread;
+    if (pool.getAvailableIdleThread(thread)) {
+        static_cast<Worker*>(thread)->setJob(job);
+    } else {
+        thread = new Worker(job);
+        pool.start(*thread);
+    }
+    static_cast<Worker*>(thread)->wakeUp();
+}
+
+// Takes an idle thread as soon as there is one.
+Worker& takeIdle(ZThreadPool& pool) {
+    ZThread* thread;
+    while (!pool.getAvailableIdleThread(thread))
+        std::this_thread::yield();
+    return static_cast<Worker&>(*thread);
+}
+
+// Makes a sleeping thread that was taken idle again, as if it had worked.
+void giveBack(ZThreadPool& pool, ZThread& thread) {
+    int keep = 0;
+    pool.threadDoneNotification(thread, keep);
+    EXPECT_EQ(keep, 1);
+}
+
+void awaitDeletions() {
+    while (alive != 0)
+        std::this_thread::yield();
+}
+
+// A thread of which only the start matters.
+class Plain : public ZThread {
+public:
+    explicit Plain(Action body, Action atStart = [] {})
+        : ZThread(1, 0), body_(body), atStart_(atStart) {}
+    void start() override {
+        atStart_();
+        ZThread::start();
+    }
+    void run() override { body_(); }
+
+private:
+    const Action body_, atStart_;
+};
+
+TEST(ThreadPool, KeepsItsLimitsThroughManyShortJobsAndCanBeUsedAgain) {
+    struct Case {
+        unsigned int a, b;
+        int most;
+    };
+    const Case cases[] = {{5, 2, 5}, {2, 5, 5}, {3, 0, 3}, {1, 1, 1}, {8, 8, 8}};
+    const int jobs = 2000;  // 10,000 in all
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.a << ", " << c.b);
+        ZThreadPool pool(c.a, c.b);
+        std::atomic<int> done(0), inside(0), most(0);
+        const Action job = [&] {
+            int now = ++inside, seen = most;
+            while (now > seen && !most.compare_exchange_weak(seen, now)) {
+            }
+            --inside;
+            ++done;
+        };
+        for (int use = 1; use <= 2; ++use) {
+            for (int i = 0; i < jobs / 2; ++i) {
+                // With as many idle threads as threads, a start would wait for an end for ever.
+                if (c.a == c.b && alive == c.most) {
+                    Worker& worker = takeIdle(pool);
+                    worker.setJob(job);
+                    worker.wakeUp();
+                } else {
+                    submit(pool, job);
+                }
+                if (c.b != 0 && c.a != c.b && i % 50 == 0)
+                    pool.waitForExit();  // idle threads take up room
+            }
+            pool.waitForExit();
+            EXPECT_EQ(done, use * jobs / 2);
+            EXPECT_EQ(inside, 0);
+        }
+        EXPECT_LE(most, c.most);
+        awaitDeletions();
+    }
+}
+
+TEST(ThreadPool, HandsOutEachIdleThreadOnceAndKeepsNoMoreThanItMay) {
+    ZThreadPool pool(2, 4);
+    ZThread* thread = reinterpret_cast<ZThread*>(&pool);
+    EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+    EXPECT_EQ(thread, nullptr);
+    EXPECT_EQ(raisedBy<ZNotClonableException>([&] { pool.clone(); }), "14");
+    for (int use = 0; use < 3; ++use) {
+        Gate atWork, leave;
+        for (int i = 0; i < 4; ++i)
+            submit(pool, [&] { atWork.open(), leave.await(); });
+        atWork.reach(4);
+        EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+        for (int i = 0; i < 4; ++i)
+            leave.open();
+        while (alive != 2)
+            std::this_thread::yield();  // two find no room
+        std::set<Worker*> taken = {&takeIdle(pool), &takeIdle(pool)};
+        EXPECT_EQ(taken.size(), 2u);
+        EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+        Gate again;
+        for (Worker* worker : taken) {
+            worker->setJob([&] { again.open(); });
+            worker->wakeUp();
+        }
+        again.reach(2);
+        pool.waitForExit();
+        EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr) << "stopped ones must not come out";
+        awaitDeletions();
+    }
+}
+
+TEST(ThreadPool, StartsNoMoreThanItMayUntilAThreadHasEnded) {
+    ZThreadPool pool(1, 0);
+    Gate atWork, leave;
+    std::atomic<bool> firstOver(false);
+    bool overBefore = false;
+    Plain first([&] {
+        atWork.open();
+        leave.await();
+        firstOver = true;
+    });
+    Plain second([&] { overBefore = firstOver; });
+    pool.start(first);
+    atWork.await();
+    std::thread starter([&] { pool.start(second); });
+    // Somebody who waits for the end as well must not take the news away from the starter.
+    std::thread waiter([&] { pool.waitForExit(); });
+    leave.open();
+    starter.join();
+    waiter.join();
+    pool.waitForExit();
+    EXPECT_TRUE(overBefore);
+}
+
+TEST(ThreadPool, CountsThreadsThatEndAtOnce) {
+    ZThreadPool pool(3, 0);
+    std::atomic<int> runs(0);
+    for (int i = 0; i < 300; ++i) {
+        Plain threads[4] = {Plain([&] { ++runs; }), Plain([&] { ++runs; }), Plain([&] { ++runs; }),
+                            Plain([&] { ++runs; })};
+        for (Plain& thread : threads)
+            pool.start(thread);
+        pool.waitForExit();  // after it, nobody touches the objects
+    }
+    EXPECT_EQ(runs, 1200);
+}
+
+TEST(ThreadPool, OnlyReportsAThreadThatCannotStartAndStaysAsItWas) {
+    struct Case {
+        const char* what;
+        Action atStart;
+        const char* report;
+    };
+    const Case cases[] = {
+        {"raises", [] { ZThreadException(17, 11).throwException(__FILE__, __LINE__); },
+         "raised 17/11"},
+        {"raises something else", [] { throw 1; }, "19"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const RecordingService service;
+        ZThreadPool pool(1, 0);
+        Plain bad([] {}, c.atStart);
+        pool.start(bad);
+        pool.start(bad);
+        EXPECT_EQ(service.reports(), (Reports{c.report, c.report}));
+        pool.waitForExit();
+        int runs = 0;
+        Plain good([&] { ++runs; });
+        pool.start(good);  // there is room
+        pool.waitForExit();
+        EXPECT_EQ(runs, 1);
+    }
+}
+
+// The start raises though its thread is there: the thread counts until its end.
+TEST(ThreadPool, CountsAThreadWhoseStartFailedTooLate) {
+    struct Late : Plain {
+        using Plain::Plain;
+        void start() override {
+            Plain::start();
+            throw 1;
+        }
+    };
+    const RecordingService service;
+    ZThreadPool pool(1, 0);
+    for (int i = 0; i < 100; ++i) {
+        bool over = false;
+        Late late([&] { over = true; });
+        pool.start(late);
+        pool.waitForExit();
+        EXPECT_TRUE(over);
+    }
+}
+
+TEST(ThreadPool, StopsIdleBusyAndSelfDeletingThreadsAndPutsItsLimitBack) {
+    for (int autoDelete = 0; autoDelete <= 1; ++autoDelete) {
+        ZThreadPool pool(4, 4);
+        pool.waitForExit();  // nothing to do
+        Gate worked, leave;
+        Worker* workers[4];
+        for (Worker*& worker : workers) {
+            worker = new Worker([&] { worked.open(); }, autoDelete);
+            pool.start(*worker);
+            worker->wakeUp();
+        }
+        Worker& busy = takeIdle(pool);
+        Gate atWork;
+        busy.setJob([&] { atWork.open(), leave.await(); });
+        busy.wakeUp();
+        atWork.await();
+        std::thread waiters[3];
+        for (std::thread& waiter : waiters)
+            waiter = std::thread([&] { pool.waitForExit(); });
+        leave.open();
+        for (std::thread& waiter : waiters)
+            waiter.join();
+        if (!autoDelete) {
+            for (Worker* worker : workers)
+                delete worker;
+        }
+        awaitDeletions();
+        submit(pool, [] {});
+        takeIdle(pool).wakeUp();  // idle again: the limit is back
+        pool.waitForExit();
+        awaitDeletions();
+    }
+}
+
+TEST(ThreadPool, KeepsASelfDeletingThreadUntilItsStopHasReturned) {
+    struct Slow : Worker {
+        using Worker::Worker;
+        void waitForExit() override {
+            Worker::waitForExit();
+            while (!gone)
+                std::this_thread::yield();
+            setJob([] {});  // still there
+        }
+        void exit() override { gone = true; }
+        std::atomic<bool> gone{false};
+    };
+    ZThreadPool pool(1, 1);
+    Slow* const slow = new Slow([] {});
+    pool.start(*slow);
+    slow->wakeUp();
+    giveBack(pool, takeIdle(pool));
+    pool.waitForExit();
+    awaitDeletions();
+}
+
+TEST(ThreadPool, StopsTheOthersWhenOneStopFails) {
+    struct Stubborn : Worker {
+        using Worker::Worker;
+        void waitForExit() override {
+            if (++calls == 1)
+                throw 1;
+            Worker::waitForExit();
+        }
+        int calls = 0;
+    };
+    const RecordingService service;
+    ZThreadPool pool(3, 3);
+    for (int i = 0; i < 3; ++i) {
+        Worker* const worker = new Stubborn([] {});
+        pool.start(*worker);
+        worker->wakeUp();
+    }
+    Worker *a = &takeIdle(pool), *b = &takeIdle(pool), *c = &takeIdle(pool);
+    for (Worker* worker : {a, b, c}) {
+        giveBack(pool, *worker);
+        giveBack(pool, *worker);  // idle already: isn't counted again
+    }
+    pool.waitForExit();
+    EXPECT_EQ(service.reports(), (Reports{"19", "19", "19"}));
+    awaitDeletions();
+}
+
+#if CAN_UNWIND
+TEST(ThreadPool, HandsOutNoThreadThatEndedWhileItWasIdle) {
+    ZThreadPool pool(1, 1);
+    Worker* const worker = new Worker([] {});
+    pool.start(*worker);
+    worker->wakeUp();
+    Worker& idle = takeIdle(pool);
+    const pthread_t id = idle.getPThreadID();
+    giveBack(pool, idle);
+    pthread_cancel(id);
+    awaitDeletions();
+    ZThread* thread;
+    EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+    pool.waitForExit();
+}
+
+TEST(ThreadPool, HearsOfThreadsThatUnwindFromTheirWork) {
+    ZThreadPool pool(2, 1);
+    for (int i = 0; i < 50; ++i) {
+        submit(pool, [] { pthread_exit(nullptr); });
+        submit(pool, [] { pthread_cancel(pthread_self()), pthread_testcancel(); });
+    }
+    pool.waitForExit();
+    awaitDeletions();
+}
+
+TEST(ThreadPool, IsAsBeforeWhenAWaitingCallerIsCancelled) {
+    ZThreadPool pool(1, 1);
+    Gate atWork, leave;
+    submit(pool, [&] { atWork.open(), leave.await(); });
+    atWork.await();
+    struct Waiter : ZThread {
+        Waiter(Action call) : ZThread(0, 0), call_(call) {}
+        void run() override { call_(); }
+        const Action call_;
+    };
+    Plain late([] {});
+    Gate begun;
+    Waiter waiter([&] { begun.open(), pool.waitForExit(); });
+    Waiter starter([&] { begun.open(), pool.start(late); });
+    for (Waiter* caller : {&waiter, &starter}) {
+        caller->start();
+        begun.await();
+        pthread_cancel(caller->getPThreadID());
+        caller->waitForExit();
+    }
+    leave.open();
+    Worker& worker = takeIdle(pool);  // the limit of idle threads is back, the mutex free
+    worker.setJob([] {});
+    worker.wakeUp();
+    pool.waitForExit();
+    awaitDeletions();
+}
+#endif
+
+TEST(ThreadPool, DoesNotHangOnSleepersThatShareALockAndAskThePoolFromTheirWork) {
+    ZLock lock;
+    ZThreadPool pool(4, 4);
+    std::atomic<int> done(0);
+    const Action job = [&] {
+        ZThread* next;
+        if (pool.getAvailableIdleThread(next))
+            static_cast<Worker*>(next)->wakeUp();  // itself never: it isn't idle
+        ++done;
+    };
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < 4; ++i) {
+        workers.emplace_back(new Worker(lock, job));
+        pool.start(*workers.back());
+        workers.back()->wakeUp();
+    }
+    while (done < 50) {
+        ZThread* thread;
+        if (pool.getAvailableIdleThread(thread))
+            static_cast<Worker*>(thread)->wakeUp();
+        else
+            std::this_thread::yield();
+    }
+    pool.waitForExit();
+    for (auto& worker : workers)  // the pool has joined those that it found idle
+        raisedBy<ZThreadException>([&] { worker->ZThread::waitForExit(); });
+}
+
+TEST(ThreadPool, StartsAnObjectAgainOnceItsEarlierThreadHasEnded) {
+    ZThreadPool pool(2, 1);
+    Gate atWork, leave;
+    Worker worker([&] { atWork.open(), leave.await(); }, 0);
+    for (int round = 0; round < 50; ++round) {
+        pool.start(worker);
+        worker.wakeUp();
+        atWork.await();
+        leave.open();
+        worker.waitForExit();  // doesn't wait for the end: it is detached
+    }
+    pool.waitForExit();
+}
+
+}  // namespace
