@@ -96,6 +96,7 @@ protected:
     TempFolder folder;
     string path;
     ZPROP_handle* handle = nullptr;
+    int err = kUntouched;
 };
 
 // ---------------------------------------------------------------- handles
@@ -281,7 +282,6 @@ TEST_F(CInterface, ClosedHandlesAreBad) {
 // ---------------------------------------------------------------- arguments
 
 TEST_F(CInterface, ReadersLeaveErrAloneWhereAnArgumentIsNull) {
-    int err = kUntouched;
     EXPECT_EQ(zstzPropExists(handle, nullptr, "k", &err), 0);
     EXPECT_EQ(zstzPropExists(handle, "two", "k", nullptr), 0);
     EXPECT_EQ(zstzPropNumStanzas(handle, nullptr), 0);
@@ -332,7 +332,6 @@ TEST_F(CInterface, ChangesNeedTheirArguments) {
     EXPECT_EQ(stored(), kText);
     // A null value isn't missing: it empties the key.
     EXPECT_EQ(zstzPropSetStringValue(handle, "one", "many", nullptr), ZPROP_OK);
-    int err = kUntouched;
     EXPECT_EQ(zstzPropNumValues(handle, "one", "many", &err), 0);
     EXPECT_EQ(zstzPropExists(handle, "one", "many", &err), 1);
 }
@@ -371,69 +370,62 @@ TEST_F(CInterface, TypedValues) {
     }
 }
 
-TEST_F(CInterface, RequestsEndAtTheFirstFailure) {
-    struct {
+TEST_F(CInterface, RequestsGiveTheirKindAndEndAtTheFirstFailure) {
+    const int optional = ZPROP_ITEM_OPTIONAL;
+    const struct {
         const char* what;
-        ZPROP_item second;
-        int result;
+        int kind;
+        const char *stanza, *key;
+        int flag, result;
+        string got;
     } cases[] = {
-        {"missing and required", {ZPROP_ITEM_STRING, "one", "missing", 0, nullptr}, 54},
-        {"required unless the flag says so",
-         {ZPROP_ITEM_INTEGER, "one", "missing", 2, nullptr},
-         54},
-        {"missing and optional",
-         {ZPROP_ITEM_STRING, "one", "missing", ZPROP_ITEM_OPTIONAL, nullptr},
-         0},
-        {"no number", {ZPROP_ITEM_INTEGER, "one", "word", ZPROP_ITEM_OPTIONAL, nullptr}, 53},
-        {"no truth", {ZPROP_ITEM_BOOLEAN, "one", "word", 0, nullptr}, 53},
-        {"values of a missing key", {ZPROP_ITEM_VALUES, "one", "missing", 0, nullptr}, 0},
-        {"kind 0", {0, "one", "many", 0, nullptr}, 55},
-        {"kind 5", {5, "one", "many", 0, nullptr}, 55},
-        {"no stanza", {ZPROP_ITEM_STRING, nullptr, "many", 0, nullptr}, 55},
-        {"empty key", {ZPROP_ITEM_VALUES, "one", "", 0, nullptr}, 55},
+        {"text", ZPROP_ITEM_STRING, "one", "word", 0, 0, "12abc"},
+        {"number", ZPROP_ITEM_INTEGER, "one", "number", 0, 0, "16"},
+        {"truth", ZPROP_ITEM_BOOLEAN, "one", "truth", 0, 0, "1"},
+        {"values", ZPROP_ITEM_VALUES, "one", "many", 0, 0, "1 2 3 "},
+        {"values of a missing key", ZPROP_ITEM_VALUES, "one", "missing", 0, 0, ""},
+        {"missing and required", ZPROP_ITEM_STRING, "one", "missing", 0, 54, "<null>"},
+        {"required unless the flag says so", ZPROP_ITEM_INTEGER, "one", "missing", 2, 54, "7"},
+        {"missing and optional", ZPROP_ITEM_STRING, "one", "missing", optional, 0, "<null>"},
+        {"missing number", ZPROP_ITEM_INTEGER, "one", "missing", optional, 0, "0"},
+        {"empty", ZPROP_ITEM_STRING, "one", "empty", optional, 0, "<null>"},
+        {"no number", ZPROP_ITEM_INTEGER, "one", "word", optional, 53, "7"},
+        {"no truth", ZPROP_ITEM_BOOLEAN, "one", "word", 0, 53, "7"},
+        {"kind 0", 0, "one", "many", 0, 55, "7"},
+        {"kind 5", 5, "one", "many", 0, 55, "7"},
+        {"no stanza", ZPROP_ITEM_STRING, nullptr, "many", 0, 55, "<null>"},
+        {"empty key", ZPROP_ITEM_VALUES, "one", "", 0, 55, ""},
     };
-    for (auto& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
+        const bool isText = c.kind == ZPROP_ITEM_STRING, isList = c.kind == ZPROP_ITEM_VALUES;
         char *first = nullptr, *third = nullptr;
         union {
             int number;
             char* text;
             char** texts;
         } second = {};
-        c.second.result = &second;
+        if (!isText && !isList)
+            second.number = kUntouched;
         ZPROP_item items[] = {{ZPROP_ITEM_STRING, "one", "many", 0, &first},
-                              c.second,
+                              {c.kind, c.stanza, c.key, c.flag, &second},
                               {ZPROP_ITEM_STRING, "two", "k", 0, &third}};
         EXPECT_EQ(zstzPropGetValues(handle, items, 3), c.result);
         EXPECT_EQ(str(first), "3");
+        string got = isList ? "" : isText ? str(second.text) : std::to_string(second.number);
+        for (const string& text : isList ? textsOf(second.texts) : Texts())
+            got += text + " ";
+        EXPECT_EQ(got, c.got);
         EXPECT_EQ(str(third), c.result == 0 ? "v" : "<null>");
-        zstzPropFreeValuesList(handle, items, 3);
-        EXPECT_EQ(first, nullptr);
-        zstzPropFreeValuesList(handle, items, 3);  // nothing is freed twice
+        for (int time = 0; time < 2; ++time) {  // nothing is freed twice
+            zstzPropFreeValuesList(handle, items, 3);
+            EXPECT_EQ(first, nullptr);
+        }
     }
-}
-
-TEST_F(CInterface, RequestsOfEachKind) {
-    int number = kUntouched, truth = kUntouched, absent = kUntouched;
-    char* empty = reinterpret_cast<char*>(&number);  // anything but null
-    ZPROP_item items[] = {
-        {ZPROP_ITEM_INTEGER, "one", "number", 0, &number},
-        {ZPROP_ITEM_BOOLEAN, "one", "truth", 0, &truth},
-        {ZPROP_ITEM_INTEGER, "one", "missing", ZPROP_ITEM_OPTIONAL, &absent},
-        {ZPROP_ITEM_STRING, "one", "empty", ZPROP_ITEM_OPTIONAL, &empty},
-    };
-    EXPECT_EQ(zstzPropGetValues(handle, items, 4), ZPROP_OK);
-    EXPECT_EQ(number, 16);
-    EXPECT_EQ(truth, 1);
-    EXPECT_EQ(absent, 0);
-    EXPECT_EQ(empty, nullptr);
-    EXPECT_EQ(values("one", "many"), (Texts{"1", "2", "3"}));
-    EXPECT_EQ(values("one", "missing"), Texts{});
-
-    items[1].result = nullptr;
-    EXPECT_EQ(zstzPropGetValues(handle, items, 4), ZPROP_ERR_PARAM);
-    EXPECT_EQ(zstzPropGetValues(handle, items, 0), ZPROP_OK);
-    EXPECT_EQ(zstzPropGetValues(handle, items, -1), ZPROP_OK);
+    ZPROP_item nowhere = {ZPROP_ITEM_STRING, "one", "many", 0, nullptr};
+    EXPECT_EQ(zstzPropGetValues(handle, &nowhere, 1), ZPROP_ERR_PARAM);
+    EXPECT_EQ(zstzPropGetValues(handle, &nowhere, 0), ZPROP_OK);
+    EXPECT_EQ(zstzPropGetValues(handle, &nowhere, -1), ZPROP_OK);
     EXPECT_EQ(zstzPropGetValues(handle, nullptr, 0), ZPROP_OK);
     EXPECT_EQ(zstzPropGetValues(handle, nullptr, 1), ZPROP_ERR_PARAM);
 }
@@ -476,7 +468,6 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
         file.store(nullptr);
     }
     ASSERT_EQ(zstzPropOpen(&handle, path.c_str(), ZPROP_OPEN_UPDATE), ZPROP_OK);
-    int err = kUntouched;
     EXPECT_EQ(taken(zstzPropGetStringValue(handle, "two", "secret", 1, &err)), "8");
     EXPECT_EQ(zstzPropGetIntegerValue(handle, "two", "secret", 1, &err), 8u);
     EXPECT_EQ(values("two", "secret"), Texts{"8"});
@@ -502,15 +493,12 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
 // ---------------------------------------------------------------- walks
 
 TEST_F(CInterface, WalkOverKeys) {
-    int err = kUntouched;
     ZPROP_iter_handle* iterator = walk("one", nullptr);
     EXPECT_EQ(zstzPropIter_numKeys(iterator, &err), 5);
-    EXPECT_EQ(zstzPropIter_getKey(iterator, &err), nullptr);
-    EXPECT_EQ(err, ZPROP_ERR_ITERATOR);
-    EXPECT_EQ(zstzPropIter_getValue(iterator, 0, &err), nullptr);
-    EXPECT_EQ(err, ZPROP_ERR_ITERATOR);
-    EXPECT_EQ(zstzPropIter_numValues(iterator, &err), 0);
-    EXPECT_EQ(err, ZPROP_ERR_ITERATOR);
+    for (const WalkCall& c : kWalkCalls)
+        if (strncmp(c.name, "get", 3) == 0 || strcmp(c.name, "numValues") == 0) {
+            EXPECT_EQ(c.call(iterator), ZPROP_ERR_ITERATOR) << c.name;
+        }
     string found;
     while (zstzPropIter_next(iterator, &err) != 0) {
         found += str(zstzPropIter_getKey(iterator, &err)) + "=";
@@ -534,7 +522,6 @@ TEST_F(CInterface, WalkOverKeys) {
 }
 
 TEST_F(CInterface, WalkOverValues) {
-    int err = kUntouched;
     ZPROP_iter_handle* iterator = walk("one", "many");
     EXPECT_EQ(zstzPropIter_numKeys(iterator, &err), 1);
     EXPECT_EQ(zstzPropIter_numValues(iterator, &err), 3);
@@ -584,7 +571,6 @@ const char kNoError[] = "0 <null> 0 <null>";
 
 TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
     const string missing = folder / "missing", bad = folder.write("bad", "[s]\n# c\n  no entry\n");
-    int err = kUntouched;
     ZPROP_handle* other = nullptr;
     ZPROP_iter_handle* iterator = nullptr;
     const struct {
@@ -621,7 +607,6 @@ TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
 }
 
 TEST_F(CInterface, LastErrorBelongsToItsThread) {
-    int err = kUntouched;
     zstzPropGetIntegerValue(handle, "one", "word", 1, &err);
     std::thread([this] {
         EXPECT_EQ(lastError(), kNoError);
@@ -752,7 +737,6 @@ TEST_F(CInterface, NoMemoryIsANumberAndLeavesTheHandleUsable) {
          [&] { return zstzPropAddLineComment(handle, "two", "k", longText.c_str()); }},
         {"text", ZPROP_ERR_VALUE,
          [&] {
-             int err = kUntouched;
              zstzPropFree(zstzPropGetStringValue(handle, "two", "k", 1, &err));
              return err;
          }},
@@ -780,7 +764,6 @@ TEST_F(CInterface, NoMemoryIsANumberAndLeavesTheHandleUsable) {
              int result = zstzPropIter_init(handle, "one", "many", &iterator);
              if (result != ZPROP_OK)
                  return result;
-             int err = kUntouched;
              zstzPropIter_next(iterator, &err);
              result = err != ZPROP_OK ? err : zstzPropIter_addValue(iterator, longText.c_str());
              zstzPropIter_close(iterator);
@@ -799,7 +782,6 @@ TEST_F(CInterface, NoMemoryIsANumberAndLeavesTheHandleUsable) {
                 failed = failure.failed();
             }
             EXPECT_TRUE(result == ZPROP_OK || (failed && result == c.result)) << result;
-            int err = kUntouched;
             EXPECT_EQ(taken(zstzPropGetStringValue(handle, "two", "k", 1, &err)), "v");
         }
         EXPECT_GT(failures, 1u);

@@ -25,16 +25,6 @@ std::string unlockResult(ZLock& lock) {
     return raisedBy<ZUnlockResourceException>([&] { lock.unlock(); });
 }
 
-// How often the calling thread can unlock: the depth at which it holds the lock.
-int depthOf(ZLock& lock) {
-    int depth = 0;
-    while (unlockResult(lock) == "nothing")
-        ++depth;
-    for (int i = 0; i < depth; ++i)
-        lock.lock();
-    return depth;
-}
-
 void lockTimes(ZLock& lock, int times) {
     for (int i = 0; i < times; ++i)
         lock.lock();

@@ -106,16 +106,6 @@ std::string raisedWhenFails(Call call, int rc, Action action) {
     return result;
 }
 
-// How often the calling thread can unlock.
-int depthOf(ZLock& lock) {
-    int depth = 0;
-    while (raisedBy<ZUnlockResourceException>([&] { lock.unlock(); }) == "nothing")
-        ++depth;
-    for (int i = 0; i < depth; ++i)
-        lock.lock();
-    return depth;
-}
-
 TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
     const RecordingService service;
     const auto lock = [] { ZLock(); };

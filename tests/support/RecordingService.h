@@ -11,6 +11,7 @@
 
 #include "Z/ZException.h"
 #include "Z/ZLCString.h"
+#include "Z/ZLock.h"
 #include "Z/ZMessage.h"
 
 /// The current message service from its construction to its end. Each report becomes one text:
@@ -75,6 +76,16 @@ std::string raisedBy(Action action) {
         return service.reports().at(0).substr(sizeof "raised " - 1);
     }
     return "nothing";
+}
+
+/// How often the calling thread can unlock: the depth at which it holds the lock.
+inline int depthOf(ZLock& lock) {
+    int depth = 0;
+    while (raisedBy<ZUnlockResourceException>([&] { lock.unlock(); }) == "nothing")
+        ++depth;
+    for (int i = 0; i < depth; ++i)
+        lock.lock();
+    return depth;
 }
 
 #endif
