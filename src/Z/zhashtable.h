@@ -23,7 +23,7 @@
 // Invariants
 // (1) Each record in use stands in exactly one chain, that of hash % bucketCount_; size_ counts
 //     them. The others, up to used_, are marked and hang on free_ by `next`.
-// (2) slots_ exists once size_ has been above kSmall, until all is removed; it holds each record in
+// (2) slots_ exists once size_ has been above kSmall, until removeAll(); it holds each record in
 //     use exactly once, with the same object and hash, and no free slot lies between the place that
 //     a hash calls for and the slot where it stands.
 // (3) Record 0 isn't used and its object is null: as a neighbour it means none, in a slot free.
