@@ -35,7 +35,7 @@ struct ConstOf {
     static ZUTF8ConstString of(const ZUTF8String& s) { return s; }
 };
 
-TYPED_TEST(BothFamilies, GrowAsLaidDown) {
+TYPED_TEST(BothFamilies, GrowByAFifthOfTheRequest) {
     TypeParam s;
     EXPECT_EQ(s.getCapacity(), 95U);
     for (int i = 0; i < 95; ++i)
