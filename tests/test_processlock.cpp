@@ -504,7 +504,7 @@ private:
 // Comes back once a task sleeps: after it has said that the next thing it does is to wait.
 void untilAsleep(pid_t pid, pid_t task) {
     for (;;) {
-        char path[64], state = 0;
+        char path[64], state = 0;  // 0: ended and gone
         snprintf(path, sizeof path, "/proc/%d/task/%d/stat", static_cast<int>(pid),
                  static_cast<int>(task));
         if (FILE* file = fopen(path, "r")) {
@@ -512,7 +512,7 @@ void untilAsleep(pid_t pid, pid_t task) {
                 state = 0;
             fclose(file);
         }
-        if (state == 'S')
+        if (state == 'S' || state == 'Z' || state == 0)
             return;
         sched_yield();
     }

@@ -99,14 +99,14 @@ bool done(std::future<int>& result) {
 // Whether a thread of this process sleeps: what shows that a request waits, without a clock.
 void untilAsleep(pid_t thread) {
     for (;;) {
-        char path[64], state = 0;
+        char path[64], state = 0;  // 0: ended and gone
         snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(thread));
         if (FILE* file = fopen(path, "r")) {
             if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
                 state = 0;
             fclose(file);
         }
-        if (state == 'S')
+        if (state == 'S' || state == 'Z' || state == 0)
             return;
         std::this_thread::yield();
     }
@@ -345,8 +345,6 @@ TEST(ReadWriteLock, KeepsWritersAloneAmongThreadsInAllModes) {
     EXPECT_EQ(stateOf(lock), unset);
 }
 
-// A thread that is cancelled while it waits for a request; its lock must go on working, and the
-// word must not go on saying that somebody waits.
 TEST(ReadWriteLock, ACancelledWaiterLeavesTheStateAlone) {
     Lock lock;
     lock.writeLock();

@@ -296,10 +296,11 @@ void ZReadWriteLock::lock(zlockstate state) {
 // Reading first, in a few instructions: what comes to the same as the steps where nobody holds more
 // than a read lock and nobody waits. In front of the general way it saves a tenth of the time.
 void ZReadWriteLock::unlock() {
-    const unsigned int word = word_.load(std::memory_order_relaxed);
-    if (word >= kReader && (word & (kHeld | kWaiting)) == 0 && !rarely(guarded_) &&
-        exchange(word, word - kReader))
-        return;
+    if (!rarely(guarded_)) {
+        const unsigned int word = word_.load(std::memory_order_relaxed);
+        if (word >= kReader && (word & (kHeld | kWaiting)) == 0 && exchange(word, word - kReader))
+            return;
+    }
     runApart(Steps::Release(*this));
 }
 
@@ -314,9 +315,11 @@ int ZReadWriteLock::ownWriteLock() const {
 }
 
 void ZReadWriteLock::readLock() {
-    const unsigned int word = word_.load(std::memory_order_relaxed);
-    if ((word & kHeld) == 0 && !rarely(guarded_) && exchange(word, word + kReader))
-        return;
+    if (!rarely(guarded_)) {
+        const unsigned int word = word_.load(std::memory_order_relaxed);
+        if ((word & kHeld) == 0 && exchange(word, word + kReader))
+            return;
+    }
     runApart(Steps::Read(*this));
 }
 
