@@ -71,16 +71,17 @@ void awaitDeletions() {
 // A thread of which only the start matters.
 class Plain : public ZThread {
 public:
-    explicit Plain(Action body, Action atStart = [] {})
-        : ZThread(1, 0), body_(body), atStart_(atStart) {}
+    explicit Plain(Action body, Action before = [] {}, Action after = [] {})
+        : ZThread(1, 0), body_(body), before_(before), after_(after) {}
     void start() override {
-        atStart_();
+        before_();
         ZThread::start();
+        after_();
     }
     void run() override { body_(); }
 
 private:
-    const Action body_, atStart_;
+    const Action body_, before_, after_;
 };
 
 TEST(ThreadPool, KeepsItsLimitsThroughManyShortJobsAndCanBeUsedAgain) {
@@ -192,49 +193,31 @@ TEST(ThreadPool, CountsThreadsThatEndAtOnce) {
 
 TEST(ThreadPool, OnlyReportsAThreadThatCannotStartAndStaysAsItWas) {
     struct Case {
-        const char* what;
-        Action atStart;
+        Action before, after;
         const char* report;
+        int runs;  // it counts until its end if it is there in spite of the failure
     };
+    const Action raise = [] { ZThreadException(17, 11).throwException(__FILE__, __LINE__); };
     const Case cases[] = {
-        {"raises", [] { ZThreadException(17, 11).throwException(__FILE__, __LINE__); },
-         "raised 17/11"},
-        {"raises something else", [] { throw 1; }, "19"},
+        {raise, [] {}, "raised 17/11", 0},
+        {[] { throw 1; }, [] {}, "19", 0},
+        {[] {}, raise, "raised 17/11", 1},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
         const RecordingService service;
         ZThreadPool pool(1, 0);
-        Plain bad([] {}, c.atStart);
-        pool.start(bad);
-        pool.start(bad);
-        EXPECT_EQ(service.reports(), (Reports{c.report, c.report}));
-        pool.waitForExit();
-        int runs = 0;
-        Plain good([&] { ++runs; });
-        pool.start(good);  // there is room
-        pool.waitForExit();
-        EXPECT_EQ(runs, 1);
-    }
-}
-
-// The start raises though its thread is there: the thread counts until its end.
-TEST(ThreadPool, CountsAThreadWhoseStartFailedTooLate) {
-    struct Late : Plain {
-        using Plain::Plain;
-        void start() override {
-            Plain::start();
-            throw 1;
+        for (int i = 1; i <= 20; ++i) {
+            int runs = 0;
+            Plain bad([&] { ++runs; }, c.before, c.after);
+            pool.start(bad);
+            pool.waitForExit();
+            EXPECT_EQ(runs, c.runs);
+            Plain good([&] { ++runs; });
+            pool.start(good);  // there is room
+            pool.waitForExit();
+            EXPECT_EQ(runs, c.runs + 1);
+            EXPECT_EQ(service.reports(), Reports(i, c.report));
         }
-    };
-    const RecordingService service;
-    ZThreadPool pool(1, 0);
-    for (int i = 0; i < 100; ++i) {
-        bool over = false;
-        Late late([&] { over = true; });
-        pool.start(late);
-        pool.waitForExit();
-        EXPECT_TRUE(over);
     }
 }
 
@@ -272,36 +255,22 @@ TEST(ThreadPool, StopsIdleBusyAndSelfDeletingThreadsAndPutsItsLimitBack) {
     }
 }
 
-TEST(ThreadPool, KeepsASelfDeletingThreadUntilItsStopHasReturned) {
-    struct Slow : Worker {
+TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasReturned) {
+    struct Stubborn : Worker {
         using Worker::Worker;
         void waitForExit() override {
+            if (!asked) {
+                asked = true;
+                throw 1;
+            }
             Worker::waitForExit();
             while (!gone)
                 std::this_thread::yield();
             setJob([] {});  // still there
         }
         void exit() override { gone = true; }
+        bool asked = false;
         std::atomic<bool> gone{false};
-    };
-    ZThreadPool pool(1, 1);
-    Slow* const slow = new Slow([] {});
-    pool.start(*slow);
-    slow->wakeUp();
-    giveBack(pool, takeIdle(pool));
-    pool.waitForExit();
-    awaitDeletions();
-}
-
-TEST(ThreadPool, StopsTheOthersWhenOneStopFails) {
-    struct Stubborn : Worker {
-        using Worker::Worker;
-        void waitForExit() override {
-            if (++calls == 1)
-                throw 1;
-            Worker::waitForExit();
-        }
-        int calls = 0;
     };
     const RecordingService service;
     ZThreadPool pool(3, 3);
@@ -321,7 +290,7 @@ TEST(ThreadPool, StopsTheOthersWhenOneStopFails) {
 }
 
 #if CAN_UNWIND
-TEST(ThreadPool, HandsOutNoThreadThatEndedWhileItWasIdle) {
+TEST(ThreadPool, HearsOfThreadsThatAreCancelledIdleOrUnwindFromTheirWork) {
     ZThreadPool pool(1, 1);
     Worker* const worker = new Worker([] {});
     pool.start(*worker);
@@ -333,11 +302,6 @@ TEST(ThreadPool, HandsOutNoThreadThatEndedWhileItWasIdle) {
     awaitDeletions();
     ZThread* thread;
     EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
-    pool.waitForExit();
-}
-
-TEST(ThreadPool, HearsOfThreadsThatUnwindFromTheirWork) {
-    ZThreadPool pool(2, 1);
     for (int i = 0; i < 50; ++i) {
         submit(pool, [] { pthread_exit(nullptr); });
         submit(pool, [] { pthread_cancel(pthread_self()), pthread_testcancel(); });

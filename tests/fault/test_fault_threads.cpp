@@ -38,8 +38,12 @@ enum Call {
 // The call that is to fail, the number of such calls that go well before, and how often it fails.
 std::atomic<int> failingCall(kNone), goodCalls(0), badCalls(0);
 
+// Who asked for it: the sanitizers ask for the attributes of each new thread.
+pthread_t asker;
+
 int failureOf(Call call) {
-    if (failingCall != call || goodCalls-- > 0)
+    if (failingCall != call || (call <= kAttrDestroy && !pthread_equal(asker, pthread_self())) ||
+        goodCalls-- > 0)
         return 0;
     if (--badCalls == 0)
         failingCall = kNone;
@@ -49,6 +53,7 @@ int failureOf(Call call) {
 void failNext(Call call, int good = 0, int bad = 1) {
     goodCalls = good;
     badCalls = bad;
+    asker = pthread_self();
     failingCall = call;
 }
 
