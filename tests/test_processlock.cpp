@@ -25,6 +25,7 @@
 #include "Z/ZExceptionText.h"
 #include "Z/ZFileLock.h"
 #include "Z/ZProcessLock.h"
+#include "support/Asleep.h"
 #include "support/ExceptionNumber.h"
 #include "support/RecordingService.h"
 #include "support/TempFolder.h"
@@ -500,23 +501,6 @@ public:
 private:
     pid_t pid_;
 };
-
-// Comes back once a task sleeps: after it has said that the next thing it does is to wait.
-void untilAsleep(pid_t pid, pid_t task) {
-    for (;;) {
-        char path[64], state = 0;  // 0: ended and gone
-        snprintf(path, sizeof path, "/proc/%d/task/%d/stat", static_cast<int>(pid),
-                 static_cast<int>(task));
-        if (FILE* file = fopen(path, "r")) {
-            if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
-                state = 0;
-            fclose(file);
-        }
-        if (state == 'S' || state == 'Z' || state == 0)
-            return;
-        sched_yield();
-    }
-}
 
 template <typename T>
 T* makeShared() {

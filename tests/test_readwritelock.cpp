@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Z/ZReadWriteLock.h"
+#include "support/Asleep.h"
 #include "support/ExceptionNumber.h"
 #include "support/RecordingService.h"
 
@@ -96,22 +97,6 @@ bool done(std::future<int>& result) {
     return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
-// Whether a thread of this process sleeps: what shows that a request waits, without a clock.
-void untilAsleep(pid_t thread) {
-    for (;;) {
-        char path[64], state = 0;  // 0: ended and gone
-        snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(thread));
-        if (FILE* file = fopen(path, "r")) {
-            if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
-                state = 0;
-            fclose(file);
-        }
-        if (state == 'S' || state == 'Z' || state == 0)
-            return;
-        std::this_thread::yield();
-    }
-}
-
 // Begins a request that is expected to wait, and comes back once its thread sleeps.
 std::future<int> beginWaiting(Hand& hand, std::function<void()> action) {
     std::promise<pid_t> id;
@@ -120,7 +105,7 @@ std::future<int> beginWaiting(Hand& hand, std::function<void()> action) {
         id.set_value(gettid());
         action();
     });
-    untilAsleep(known.get());
+    untilAsleep(getpid(), known.get());
     return result;
 }
 
@@ -363,7 +348,7 @@ TEST(ReadWriteLock, ACancelledWaiterLeavesTheStateAlone) {
             return nullptr;
         },
         &waiter);
-    untilAsleep(known.get());
+    untilAsleep(getpid(), known.get());
     pthread_cancel(thread);
     void* result;
     pthread_join(thread, &result);
