@@ -20,7 +20,7 @@
 /// What can be held to read or to write. Deleted through its class or through ZObject*.
 class ZEXPORT ZReadWriteLockInterface : public ZLockInterface {
 public:
-    enum zlockstate {
+    enum zlockstate : int {  // of a fixed type, since any other value has an answer too
         unset = 0,    ///< nobody holds the lock; asked for, it means release
         read = 1,     ///< one or more readers
         protect = 2,  ///< one holder reads and may write later; readers come and go
