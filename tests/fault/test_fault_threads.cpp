@@ -41,7 +41,15 @@ std::atomic<int> failingCall(kNone), goodCalls(0), badCalls(0);
 // Who asked for it: the sanitizers ask for the attributes of each new thread.
 pthread_t asker;
 
-int failureOf(Call call) {
+// The sanitizers' start-up makes such calls too, before anything can be checked.
+#if defined(__clang__)
+#define UNCHECKED __attribute__((disable_sanitizer_instrumentation))
+#else
+#define UNCHECKED
+#endif
+int armed = 0;  // something is to fail, or was
+
+int failureWhenArmed(Call call) {
     if (failingCall != call || (call <= kAttrDestroy && !pthread_equal(asker, pthread_self())) ||
         goodCalls-- > 0)
         return 0;
@@ -50,10 +58,15 @@ int failureOf(Call call) {
     return EINVAL;
 }
 
+UNCHECKED int failureOf(Call call) {
+    return __atomic_load_n(&armed, __ATOMIC_RELAXED) == 0 ? 0 : failureWhenArmed(call);
+}
+
 void failNext(Call call, int good = 0, int bad = 1) {
     goodCalls = good;
     badCalls = bad;
     asker = pthread_self();
+    __atomic_store_n(&armed, 1, __ATOMIC_RELAXED);
     failingCall = call;
 }
 
@@ -61,14 +74,14 @@ void failNext(Call call, int good = 0, int bad = 1) {
 
 #define WRAP(call, name, parameters, arguments)         \
     extern "C" int __real_##name parameters;            \
-    extern "C" int __wrap_##name parameters {           \
+    extern "C" UNCHECKED int __wrap_##name parameters { \
         const int rc = failureOf(call);                 \
         return rc != 0 ? rc : __real_##name arguments;  \
     }
 // What fails to destroy has destroyed all the same here, so that the checkers find nothing left.
 #define WRAP_DESTROY(call, name, Object)            \
     extern "C" int __real_##name(Object*);          \
-    extern "C" int __wrap_##name(Object* object) {  \
+    extern "C" UNCHECKED int __wrap_##name(Object* object) { \
         const int rc = failureOf(call);             \
         const int real = __real_##name(object);     \
         return rc != 0 ? rc : real;                 \
