@@ -634,12 +634,16 @@ TEST(FileLockProcesses, AnInterruptedWaitFails) {
     sigaction(SIGUSR1, &before, nullptr);
 }
 
+// The address sanitizer doesn't see the frames that a cancelled thread leaves, and takes what is
+// called on the way out for a damaged stack.
+#if !defined(__SANITIZE_ADDRESS__)
 TEST(FileLockProcesses, ACancelledWaitGivesEverythingBack) {
     DisturbedWait wait;
     pthread_cancel(wait.thread);
     wait.expectNothingHeld();
     EXPECT_EQ(wait.result, PTHREAD_CANCELED);
 }
+#endif
 
 TEST(FileLockProcesses, EightProcessesLoseNoIncrement) {
     const int processes = 8, rounds = 1000;
