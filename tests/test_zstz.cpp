@@ -57,139 +57,71 @@ Outcome run(const TempFolder& folder, Words words, const char* output = nullptr)
 const char kText[] = "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = x y\n";
 
 struct Case {
-    const char* what;
     Words words;
     int code;
-    const char* out;
-    const char* err;   // the beginning of it
-    const char* text;  // of the file afterwards; null: as it was
+    const char *out = "", *err = "";  // the beginning of what it says
+    const char *from = "", *to = "";  // what changes in the file
 };
 
 void check(const std::vector<Case>& cases) {
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        string expected = kText;
+        SCOPED_TRACE(::testing::PrintToString(c.words));
         TempFolder folder;
-        const string file = folder.write("f", kText);
+        const string file = folder.write("f", expected);
         const Outcome outcome = run(folder, c.words);
         EXPECT_EQ(outcome.code, c.code);
         EXPECT_EQ(outcome.out, c.out);
         EXPECT_EQ(outcome.err.substr(0, *c.err == '\0' ? string::npos : strlen(c.err)), c.err);
-        EXPECT_EQ(TempFolder::read(file), c.text == nullptr ? kText : c.text);
+        EXPECT_EQ(TempFolder::read(file),
+                  expected.replace(expected.find(c.from), strlen(c.from), c.to));
     }
 }
 
 TEST(Zstz, Reads) {
     check({
-        {"last value", {"get", "f", "s", "k"}, 0, "2\n", "", nullptr},
-        {"all values", {"get", "f", "s", "k", "--all"}, 0, "1\n2\n", "", nullptr},
-        {"no value", {"get", "f", "s", "empty"}, 0, "\n", "", nullptr},
-        {"none of all", {"get", "--all", "f", "s", "empty"}, 0, "", "", nullptr},
-        {"no such key", {"get", "f", "s", "x"}, 1, "", "f: no key x in [s]\n", nullptr},
-        {"no such stanza", {"get", "f", "x", "k"}, 1, "", "f: no stanza [x]\n", nullptr},
-        {"no such file", {"get", "g", "s", "k"}, 3, "", "g: error: fopen(r): No such", nullptr},
-        {"a folder", {"get", ".", "s", "k"}, 3, "", ".: error: Is a directory\n", nullptr},
-        {"stanzas", {"list", "f"}, 0, "s\nt\n", "", nullptr},
-        {"entries", {"list", "f", "s"}, 0, "k = 1\nk = 2\nempty =\n", "", nullptr},
-        {"entries of none", {"list", "f", "x"}, 1, "", "f: no stanza [x]\n", nullptr},
-        {"a good file", {"check", "f"}, 0, "", "", nullptr},
+        {{"get", "f", "s", "k"}, 0, "2\n"},
+        {{"get", "f", "s", "k", "--all"}, 0, "1\n2\n"},
+        {{"get", "f", "s", "empty"}, 0, "\n"},
+        {{"get", "--all", "f", "s", "empty"}, 0},
+        {{"get", "f", "s", "x"}, 1, "", "f: no key x in [s]\n"},
+        {{"get", "f", "x", "k"}, 1, "", "f: no stanza [x]\n"},
+        {{"get", "g", "s", "k"}, 3, "", "g: error: fopen(r): No such"},
+        {{"get", ".", "s", "k"}, 3, "", ".: error: Is a directory\n"},
+        {{"list", "f"}, 0, "s\nt\n"},
+        {{"list", "f", "s"}, 0, "k = 1\nk = 2\nempty =\n"},
+        {{"list", "f", "x"}, 1, "", "f: no stanza [x]\n"},
+        {{"check", "f"}, 0},
     });
 }
 
 TEST(Zstz, Changes) {
     check({
-        {"set replaces all values",
-         {"set", "f", "s", "k", "3"},
+        {{"set", "f", "s", "k", "3"}, 0, "", "", "k = 1\nk = 2\n", "k = 3\n"},
+        // Into the paragraph of the sample.
+        {{"set", "f", "t", "m", "5"}, 0, "", "", "# m = 0\n", "# m = 0\nm = 5\n"},
+        {{"set", "f", "u", "a key", "b = c # d"},
          0,
          "",
          "",
-         "# head\n\n[s]\nk = 3\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"set goes to the sample's paragraph",
-         {"set", "f", "t", "m", "5"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\nm = 5\n\nn = x y\n"},
-        {"set makes the stanza",
-         {"set", "f", "u", "a key", "b = c # d"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = x y\n\n[u]\na key = b = c # "
-         "d\n"},
-        {"an empty value empties",
-         {"set", "f", "t", "n", ""},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn =\n"},
-        {"integer",
-         {"set", "--type", "integer", "f", "t", "n", "0x10"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = 16\n"},
-        {"boolean",
-         {"set", "f", "t", "n", "TRUE", "--type=boolean"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = yes\n"},
-        {"a value that looks like an option",
-         {"set", "--", "f", "t", "n", "--all"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = --all\n"},
-        {"add goes behind the others",
-         {"add", "f", "s", "k", "1"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nk = 1\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"add to a key without value",
-         {"add", "f", "s", "empty", "1"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\nempty = 1\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"unset a value",
-         {"unset", "f", "s", "k", "1"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"unset a key",
-         {"unset", "f", "s", "k"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"unset a stanza", {"unset", "f", "s"}, 0, "", "", "# head\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"unset what isn't there", {"unset", "f", "s", "k", "9"}, 1, "", "f: no value 9", nullptr},
-        {"unset no key", {"unset", "f", "s", "x"}, 1, "", "f: no key x in [s]\n", nullptr},
-        {"unset no stanza", {"unset", "f", "x"}, 1, "", "f: no stanza [x]\n", nullptr},
-        {"comment on the file",
-         {"comment", "f", "c"},
-         0,
-         "",
-         "",
-         "# head\n#c\n\n[s]\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"comment on a stanza",
-         {"comment", "f", "s", "# c"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\n# c\n\nk = 1\nk = 2\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
-        {"comment on a key",
-         {"comment", "f", "s", "empty", "# c"},
-         0,
-         "",
-         "",
-         "# head\n\n[s]\nk = 1\nk = 2\n\n# c\nempty =\n\n[t]\n# m = 0\n\nn = x y\n"},
+         "y\n",
+         "y\n\n[u]\na key = b = c # d\n"},
+        {{"set", "f", "t", "n", ""}, 0, "", "", "n = x y", "n ="},
+        {{"set", "--type", "integer", "f", "t", "n", "0x10"}, 0, "", "", "x y", "16"},
+        {{"set", "f", "t", "n", "TRUE", "--type=boolean"}, 0, "", "", "x y", "yes"},
+        {{"set", "--", "f", "t", "n", "--all"}, 0, "", "", "x y", "--all"},
+        {{"add", "f", "s", "k", "1"}, 0, "", "", "k = 2\n", "k = 2\nk = 1\n"},
+        {{"add", "f", "s", "empty", "1"}, 0, "", "", "empty =", "empty = 1"},
+        {{"unset", "f", "s", "k", "1"}, 0, "", "", "k = 1\n", ""},
+        {{"unset", "f", "s", "k"}, 0, "", "", "k = 1\nk = 2\n", ""},
+        {{"unset", "f", "s"}, 0, "", "", "[s]\nk = 1\nk = 2\nempty =\n\n", ""},
+        {{"unset", "f", "s", "k", "9"}, 1, "", "f: no value 9"},
+        {{"unset", "f", "s", "x"}, 1, "", "f: no key x in [s]\n"},
+        {{"unset", "f", "x"}, 1, "", "f: no stanza [x]\n"},
+        {{"comment", "f", "c"}, 0, "", "", "# head\n", "# head\n#c\n"},
+        {{"comment", "f", "s", "# c"}, 0, "", "", "[s]\n", "[s]\n# c\n\n"},
+        {{"comment", "f", "s", "empty", "# c"}, 0, "", "", "empty", "\n# c\nempty"},
     });
-}
-
-TEST(Zstz, UnsetTakesEveryValueOfThatText) {
     TempFolder folder;
     const string file = folder.write("f", "[s]\nk = 1\nk = 1\nk = 2\nk = 1\n");
     EXPECT_EQ(run(folder, {"unset", "f", "s", "k", "1"}).code, 0);
@@ -198,28 +130,25 @@ TEST(Zstz, UnsetTakesEveryValueOfThatText) {
 
 TEST(Zstz, RefusesWhatTheFileCouldNotGiveBack) {
     const string longest(8191 - 5, 'x');  // "n = " and the line end take the rest
+    std::vector<Words> refused = {
+        {"set", "f", "a]b", "k", "v"},
+        {"set", "f", "", "k", "v"},
+        {"set", "f", "s", "a=b", "v"},
+        {"set", "f", "s", "#a", "v"},
+        {"add", "f", "s", "[a", "v"},
+        {"set", "f", "s", "", "v"},
+        {"set", "f", "s", "a ", "v"},
+        {"add", "f", "s", "k", ""},
+        {"comment", "f", "a\nb = c"},
+        {"set", "f", "s", "k", "1x", "--type=integer"},
+        {"set", "f", "s", "k", "4294967296", "--type=integer"},
+        {"set", "f", "s", "k", "maybe", "--type=boolean"},
+    };
     for (const string& value : {string("a\nb"), string(" a"), string("a\t"), longest + "x"})
         for (const char* command : {"set", "add"})
-            check({{command, {command, "f", "t", "n", value}, 2, "", "zstz: ", nullptr}});
-    check({
-        {"stanza with ]", {"set", "f", "a]b", "k", "v"}, 2, "", "zstz: ", nullptr},
-        {"no stanza", {"set", "f", "", "k", "v"}, 2, "", "zstz: ", nullptr},
-        {"key with =", {"set", "f", "s", "a=b", "v"}, 2, "", "zstz: ", nullptr},
-        {"key like a comment", {"set", "f", "s", "#a", "v"}, 2, "", "zstz: ", nullptr},
-        {"key like a header", {"add", "f", "s", "[a", "v"}, 2, "", "zstz: ", nullptr},
-        {"no key", {"set", "f", "s", "", "v"}, 2, "", "zstz: ", nullptr},
-        {"blank at the key's end", {"set", "f", "s", "a ", "v"}, 2, "", "zstz: ", nullptr},
-        {"nothing to add", {"add", "f", "s", "k", ""}, 2, "", "zstz: ", nullptr},
-        {"a comment of two lines", {"comment", "f", "a\nb = c"}, 2, "", "zstz: ", nullptr},
-        {"no number", {"set", "f", "s", "k", "1x", "--type=integer"}, 2, "", "zstz: ", nullptr},
-        {"too large a number",
-         {"set", "f", "s", "k", "4294967296", "--type=integer"},
-         2,
-         "",
-         "zstz: ",
-         nullptr},
-        {"no truth", {"set", "f", "s", "k", "maybe", "--type=boolean"}, 2, "", "zstz: ", nullptr},
-    });
+            refused.push_back({command, "f", "t", "n", value});
+    for (const Words& words : refused)
+        check({{words, 2, "", "zstz: "}});
     TempFolder folder;
     const string file = folder.write("f", kText);
     EXPECT_EQ(run(folder, {"set", "f", "t", "n", longest}).code, 0);
@@ -228,26 +157,16 @@ TEST(Zstz, RefusesWhatTheFileCouldNotGiveBack) {
 
 TEST(Zstz, Usage) {
     check({
-        {"nothing", {}, 2, "", "zstz: no command; see zstz --help\n", nullptr},
-        {"no such command", {"put", "f"}, 2, "", "zstz: no such command: put", nullptr},
-        {"too few", {"get", "f", "s"}, 2, "", "zstz: wrong number of arguments for get", nullptr},
-        {"too many", {"list", "f", "s", "k"}, 2, "", "zstz: wrong number", nullptr},
-        {"no such option", {"get", "--some", "f", "s", "k"}, 2, "", "zstz: unrec", nullptr},
-        {"no such type",
-         {"set", "--type", "date", "f", "s", "k", "v"},
-         2,
-         "",
-         "zstz: no such type",
-         nullptr},
-        {"an option of another",
-         {"set", "--all", "f", "s", "k", "v"},
-         2,
-         "",
-         "zstz: --all goes",
-         nullptr},
-        {"a type to read", {"get", "--type=string", "f", "s", "k"}, 2, "", "zstz: --type", nullptr},
-        {"create to add", {"add", "--create", "f", "s", "k", "v"}, 2, "", "zstz: --type", nullptr},
-        {"version", {"--version"}, 0, "zstz 6.0\n", "", nullptr},
+        {{}, 2, "", "zstz: no command; see zstz --help\n"},
+        {{"put", "f"}, 2, "", "zstz: no such command: put"},
+        {{"get", "f", "s"}, 2, "", "zstz: wrong number of arguments for get"},
+        {{"list", "f", "s", "k"}, 2, "", "zstz: wrong number"},
+        {{"get", "--some", "f", "s", "k"}, 2, "", "zstz: unrec"},
+        {{"set", "--type", "date", "f", "s", "k", "v"}, 2, "", "zstz: no such type"},
+        {{"set", "--all", "f", "s", "k", "v"}, 2, "", "zstz: --all goes"},
+        {{"get", "--type=string", "f", "s", "k"}, 2, "", "zstz: --type"},
+        {{"add", "--create", "f", "s", "k", "v"}, 2, "", "zstz: --type"},
+        {{"--version"}, 0, "zstz 6.0\n"},
     });
     TempFolder folder;
     const Outcome help = run(folder, {"--help"});
