@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -141,13 +143,10 @@ public:
     }
 
     bool hasLine(const string& s, const string& k) const {
-        string current;
-        for (const ModelLine& line : lines) {
-            if (line.type == ModelLine::stanza)
-                current = line.text;
-            else if (line.type == ModelLine::key && current == s && line.text == k)
+        for (size_t i = behindHeader(s); i < lines.size() && lines[i].type != ModelLine::stanza;
+             ++i)
+            if (lines[i].type == ModelLine::key && lines[i].text == k)
                 return true;
-        }
         return false;
     }
 
@@ -185,14 +184,13 @@ public:
     }
 
     void addFileComment(const string& text) {
-        size_t place = 0;
-        bool atBlank = false;
-        for (size_t i = 0; i < lines.size() && lines[i].type != ModelLine::stanza; ++i)
-            if (lines[i].type == ModelLine::blank) {
-                place = i;
-                atBlank = true;
-                break;
-            }
+        size_t i = 0, place = 0;
+        while (i < lines.size() && lines[i].type != ModelLine::stanza &&
+               lines[i].type != ModelLine::blank)
+            ++i;
+        const bool atBlank = i < lines.size() && lines[i].type == ModelLine::blank;
+        if (atBlank)
+            place = i;
         lines.insert(lines.begin() + place, {ModelLine::comment, text});
         if (!atBlank)
             lines.insert(lines.begin() + place + 1, {ModelLine::blank, ""});
@@ -280,10 +278,10 @@ void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
     cache.getNames(names);
     vector<string> sorted = texts(&names);
     std::sort(sorted.begin(), sorted.end());
-    vector<string> expected;
+    vector<string> wanted;
     for (const auto& s : model.stanzas)
-        expected.push_back(s.first);
-    ASSERT_EQ(sorted, expected);
+        wanted.push_back(s.first);
+    ASSERT_EQ(sorted, wanted);
     for (const auto& s : model.stanzas) {
         ASSERT_EQ(cache.keyCount(s.first.c_str()), static_cast<int>(s.second.order.size()));
         if (makeLists) {
@@ -292,13 +290,12 @@ void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
         for (const auto& k : s.second.keys) {
             const char* stanza = s.first.c_str();
             const char* key = k.first.c_str();
-            const vector<string>& any = k.second.plain.empty() && !k.second.hidden.empty()
-                                            ? k.second.hidden
-                                            : k.second.plain;
+            const ModelKey& expected = k.second;
+            const bool isHidden = expected.plain.empty() && !expected.hidden.empty();
+            const vector<string>& any = isHidden ? expected.hidden : expected.plain;
             ASSERT_TRUE(cache.contains(stanza, key));
             ASSERT_EQ(cache.countValues(stanza, key), static_cast<int>(any.size()));
-            ASSERT_EQ(cache.isObfuscated(stanza, key),
-                      k.second.plain.empty() && !k.second.hidden.empty());
+            ASSERT_EQ(cache.isObfuscated(stanza, key), isHidden);
             const char* text;
             unsigned int length;
             ASSERT_EQ(cache.lastValue(stanza, key, text, length), any.empty() ? 0 : 1);
@@ -307,8 +304,8 @@ void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
             }
             if (makeLists) {
                 ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_ANY)), any);
-                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_PLAIN)), k.second.plain);
-                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_OBFUSCATED)), k.second.hidden);
+                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_PLAIN)), expected.plain);
+                ASSERT_EQ(texts(cache.get(stanza, key, ZPCache::GET_OBFUSCATED)), expected.hidden);
             }
         }
     }
@@ -324,104 +321,71 @@ class RandomOperations : public ::testing::TestWithParam<int> {};
 void step(std::mt19937& random, Model& model, ZSCFData& cache) {
     static const char* const kStanzas[] = {"a", "b", "c", "d", "e"};
     static const char* const kKeys[] = {"x", "y", "z", "w", "long", "k=v", "in ner"};
-    static const char* const kValues[] = {"",           "1",
-                                          "two",        "a longer value here",
-                                          "[odd] # = ", "0123456789012345678901234567890123456789"};
+    static const string kValues[] = {
+        "", "1", "two", "a longer value here", "[odd] # = ", string(40, '0')};
     static const char* const kComments[] = {"# note", "# z = 3",   "#w=",         "# k = v = 1",
                                             "#y = 1", "#long = 3", "# in ner = 4"};
-    const string s = kStanzas[random() % 5], k = kKeys[random() % 7], v = kValues[random() % 6];
-    const string text = kComments[random() % 7];
-    const bool hidden = random() % 3 == 0;
+    const char *s = kStanzas[random() % 5], *k = kKeys[random() % 7];
+    const char *v = kValues[random() % 6].c_str(), *text = kComments[random() % 7];
+    const bool hidden = random() % 3 == 0, rarely = random() % 8 == 0, first = random() % 2 == 0;
+    const auto changeList = [&] {  // a caller changes a list that it was handed
+        ZArrayList* list = cache.get(s, k, hidden ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN);
+        if (list == nullptr)
+            return;
+        ModelKey& key = model.stanzas[s].keys[k];
+        vector<string>& values = hidden ? key.hidden : key.plain;
+        if (first && !values.empty()) {
+            values.erase(values.begin());
+            list->remove(0u);
+        } else {
+            values.push_back("added");
+            const ZLCString added("added");
+            list->add(&added);
+        }
+    };
+    const std::function<void()> addLine = [&] {
+        model.addLine(s, k, v, hidden), cache.addLine(s, k, v, hidden);
+    };
+    const std::function<void()> changes[] = {
+        addLine,
+        addLine,
+        addLine,
+        changeList,
+        [&] { model.add(s, k, v, hidden), cache.add(s, k, v, hidden); },
+        [&] { model.set(s, k, v, false), cache.set(s, k, v); },
+        [&] { model.set(s, k, v, true), cache.setObfuscated(s, k, v); },
+        [&] { model.remove(s, k), cache.remove(s, k); },
+        [&] {
+            if (rarely)
+                model.remove(s), cache.remove(s);
+        },
+        [&] { model.addStanzaLine(s), cache.addStanzaLine(s); },
+        [&] {
+            if (rarely)
+                model.delStanzaLine(s), cache.delStanzaLine(s);
+        },
+        [&] { model.delLine(s, k), cache.delLine(s, k); },
+        [&] { model.addFileComment(text), cache.addFileComment(text); },
+        [&] { model.addStanzaComment(s, text), cache.addStanzaComment(s, text); },
+        [&] { model.addLineComment(s, k, text), cache.addLineComment(s, k, text); },
+    };
     const unsigned int what = random() % 15;
-    SCOPED_TRACE("operation " + std::to_string(what) + " on " + s + " " + k + " = " + v);
-    switch (what) {
-        case 0:
-            model.add(s, k, v, hidden);
-            cache.add(s.c_str(), k.c_str(), v.c_str(), hidden);
-            break;
-        case 1:
-            model.set(s, k, v, false);
-            cache.set(s.c_str(), k.c_str(), v.c_str());
-            break;
-        case 2:
-            model.set(s, k, v, true);
-            cache.setObfuscated(s.c_str(), k.c_str(), v.c_str());
-            break;
-        case 3:
-            model.remove(s, k);
-            cache.remove(s.c_str(), k.c_str());
-            break;
-        case 4:
-            if (random() % 8 == 0) {
-                model.remove(s);
-                cache.remove(s.c_str());
-            }
-            break;
-        case 5:
-            model.addStanzaLine(s);
-            cache.addStanzaLine(s.c_str());
-            break;
-        case 6:
-            if (random() % 8 == 0) {
-                model.delStanzaLine(s);
-                cache.delStanzaLine(s.c_str());
-            }
-            break;
-        case 7:
-            model.delLine(s, k);
-            cache.delLine(s.c_str(), k.c_str());
-            break;
-        case 8:
-            model.addFileComment(text);
-            cache.addFileComment(text.c_str());
-            break;
-        case 9:
-            model.addStanzaComment(s, text);
-            cache.addStanzaComment(s.c_str(), text.c_str());
-            break;
-        case 10:
-            model.addLineComment(s, k, text);
-            cache.addLineComment(s.c_str(), k.c_str(), text.c_str());
-            break;
-        case 11:  // a caller changes a list that it was handed
-            if (ZArrayList* list = cache.get(
-                    s.c_str(), k.c_str(), hidden ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN)) {
-                ModelKey& key = model.stanzas[s].keys[k];
-                vector<string>& values = hidden ? key.hidden : key.plain;
-                if (random() % 2 == 0 && !values.empty()) {
-                    values.erase(values.begin());
-                    list->remove(0u);
-                } else {
-                    values.push_back("added");
-                    const ZLCString added("added");
-                    list->add(&added);
-                }
-            }
-            break;
-        default:
-            model.addLine(s, k, v, hidden);
-            cache.addLine(s.c_str(), k.c_str(), v.c_str(), hidden);
-    }
+    SCOPED_TRACE("change " + std::to_string(what) + " of " + s + " " + k + " = " + v);
+    changes[what]();
 }
 
 void fill(Model& model) {
-    string current;
-    const string start = kStart;
-    for (size_t at = 0; at < start.size();) {
-        const size_t end = start.find('\n', at);
-        const string line = start.substr(at, end - at);
-        at = end + 1;
-        if (line.empty()) {
-            model.lines.push_back({ModelLine::blank, ""});
-        } else if (line[0] == '#') {
-            model.lines.push_back({ModelLine::comment, line});
+    string current, line;
+    for (std::istringstream in(kStart); std::getline(in, line);) {
+        const size_t equals = line.find(" = ");
+        const string key = line.substr(0, equals);
+        if (line.empty() || line[0] == '#') {
+            model.lines.push_back({line.empty() ? ModelLine::blank : ModelLine::comment, line});
         } else if (line[0] == '[') {
             current = line.substr(1, line.size() - 2);
             model.stanzas[current];
             model.lines.push_back({ModelLine::stanza, current});
         } else {
-            const size_t equals = line.find(" = ");
-            const string key = line.substr(0, equals);
             if (!model.contains(current, key))
                 model.lines.push_back({ModelLine::key, key});
             model.add(current, key, line.substr(equals + 3), false);
@@ -507,25 +471,18 @@ TEST(Cache, ManyKeysAndMuchChangeKeepTheTextSmallAndRight) {
 }
 
 TEST(Cache, SampleCommentsAreFoundAmongMany) {
-    string text = "[s]\nfirst = 1\n\n";
-    for (int i = 0; i < 50; ++i)
-        text += "# about " + std::to_string(i) + "\n# k" + std::to_string(i) + " = 0\n\n";
+    string text = "[s]\nfirst = 1\n\n", expected = text;
+    for (int i = 0; i < 50; ++i) {
+        const string n = std::to_string(i), sample = "# about " + n + "\n# k" + n + " = 0\n";
+        text += sample + "\n";
+        expected +=
+            sample + (i % 7 == 0 ? "k" + n + " = 1\n" : "") + (i == 49 ? "other = 1\n\n" : "\n");
+    }
     ZSCFData cache;
     ASSERT_EQ(readText(cache, text), 0);
     for (int i = 49; i >= 0; i -= 7)
         cache.addLine("s", ("k" + std::to_string(i)).c_str(), "1", 0);
     cache.addLine("s", "other", "1", 0);
-    string expected;
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = text.find('\n', at) + 1;
-        expected += text.substr(at, end - at);
-        at = end;
-        int n;
-        if (sscanf(expected.c_str() + expected.rfind('\n', expected.size() - 2) + 1, "# k%d", &n) ==
-                1 &&
-            n % 7 == 0)
-            expected += "k" + std::to_string(n) + " = 1\n" + (n == 49 ? "other = 1\n" : "");
-    }
     EXPECT_EQ(writtenText(cache), expected);
 }
 
