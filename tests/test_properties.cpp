@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -19,6 +20,9 @@
 using std::string;
 
 typedef ZAbstractPropertyValuesIterator Values;
+typedef ZStanzaValueIterator Walk;
+
+const ZPropertyStringType kLocal = ZPROP_STRING_LOCAL;
 
 namespace {
 
@@ -42,10 +46,20 @@ string text(const ZProperties& p, const char* stanza, const char* key) {
 
 TEST(Properties, Integers) {
     static const std::pair<const char*, unsigned int> kNumbers[] = {
-        {"0", 0}, {"42", 42}, {"010", 8}, {"0x10", 16}, {"0XfF", 255}, {"+7", 7},
-        {"-1", 4294967295u}, {"-4294967295", 1}, {"-4294967296", 4294967295u},
-        {"999999999", 999999999}, {"4294967295", 4294967295u}, {"4294967296", 4294967295u},
-        {"99999999999999999999999", 4294967295u}, {"-99999999999999999999999", 4294967295u}};
+        {"0", 0},
+        {"42", 42},
+        {"010", 8},
+        {"0x10", 16},
+        {"0XfF", 255},
+        {"+7", 7},
+        {"-1", 4294967295u},
+        {"-4294967295", 1},
+        {"-4294967296", 4294967295u},
+        {"999999999", 999999999},
+        {"4294967295", 4294967295u},
+        {"4294967296", 4294967295u},
+        {"99999999999999999999999", 4294967295u},
+        {"-99999999999999999999999", 4294967295u}};
     for (const auto& c : kNumbers)
         EXPECT_EQ(Loaded(string("[s]\nk = ") + c.first).getIntegerValue("s", "k", 0, 5), c.second)
             << c.first;
@@ -94,6 +108,7 @@ TEST(Properties, BadArgumentsAreRefusedAndChangeNothing) {
     p.resetModified();
     ZArrayList sharing(1, 0), owning(1, 1);
     const ZLCString member("stays");
+    ZLCString out;
     owning.add(&member);
     const auto badType = static_cast<ZPropertyStringType>(1);
     const std::vector<std::function<void()>> calls = {
@@ -108,11 +123,8 @@ TEST(Properties, BadArgumentsAreRefusedAndChangeNothing) {
         [&] { p.isObfuscated("nodot"); },
         [&] { p.getIntegerValue("s", "k", 1, 1); },
         [&] { p.getBooleanValue("s", "k", 1, 1); },
-        [&] {
-            ZLCString out;
-            p.getValue("s", "k", out, 1, "");
-        },
-        [&] { p.getValues("s", "k", sharing, ZPROP_STRING_LOCAL); },
+        [&] { p.getValue("s", "k", out, 1, ""); },
+        [&] { p.getValues("s", "k", sharing, kLocal); },
         [&] { p.getValues("s", "k", owning, badType); },
         [&] { p.keyNames(sharing); },
         [&] { p.keyNames("s", sharing); },
@@ -133,17 +145,10 @@ TEST(Properties, BadArgumentsAreRefusedAndChangeNothing) {
         [&] { p.addValues("s", "k", ZArrayList(1, 1), 0); },
         [&] { p.getItems(nullptr, 1); },
         [&] { ZStanzaIterator walk(p, nullptr); },
-        [&] {
-            ZStanzaValueIterator walk(p, nullptr, "k", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
-        },
-        [&] { ZStanzaValueIterator walk(p, "s", "k", badType, Values::ZPROP_ITER_AUTO); },
-        [&] {
-            ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_PLAIN);
-        },
-        [&] {
-            ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL,
-                                      Values::ZPROP_ITER_OBFUSCATED);
-        },
+        [&] { Walk(p, nullptr, "k", kLocal, Values::ZPROP_ITER_AUTO); },
+        [&] { Walk(p, "s", "k", badType, Values::ZPROP_ITER_AUTO); },
+        [&] { Walk(p, "s", "h", kLocal, Values::ZPROP_ITER_PLAIN); },
+        [&] { Walk(p, "s", "k", kLocal, Values::ZPROP_ITER_OBFUSCATED); },
         [&] { p.load(""); },
         [&] { p.store(nullptr); },
         [&] { p.reload(nullptr); },
@@ -162,11 +167,11 @@ TEST(Properties, BadArgumentsAreRefusedAndChangeNothing) {
 TEST(Properties, ArgumentsMayBeTextsOfTheirTargets) {
     Loaded p("[s]\ns = k\nk = s\n");
     ZArrayList list(1, 1);
-    p.getValues("s", "k", list, ZPROP_STRING_LOCAL);
+    p.getValues("s", "k", list, kLocal);
     const char* name = static_cast<ZLCString*>(list.get(0))->getChars();
-    p.getValues(name, "s", list, ZPROP_STRING_LOCAL);
+    p.getValues(name, "s", list, kLocal);
     EXPECT_STREQ(static_cast<ZLCString*>(list.get(0))->getChars(), "k");
-    ZPropertiesKVList pairs(ZPROP_STRING_LOCAL);
+    ZPropertiesKVList pairs(kLocal);
     p.getStanza("s", pairs);
     p.getStanza(pairs.getItemKey(0), pairs);
     EXPECT_EQ(pairs.getItemCount(), 2u);
@@ -194,39 +199,37 @@ public:
 };
 
 TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
-    struct Case {
-        void (*change)(Loaded&);
+    const string start = "[s]\nk = 1\nk = 2\n";
+    typedef Loaded& P;
+    const struct {
+        void (*change)(P);
         const char* heard;
-        const char* written;
-    };
-    static const Case kCases[] = {
-        {[](Loaded& p) { p.setValue("s", "k", "v"); }, "modified s.k\n", "[s]\nk = v\n"},
-        {[](Loaded& p) { p.setValue("s", "k", ZLCString("v")); }, "modified s.k\n", "[s]\nk = v\n"},
-        {[](Loaded& p) { p.setValue("s", "k", ZUTF8ConstString("v")); }, "modified s.k\n",
+        string written;
+    } kCases[] = {
+        {[](P p) { p.setValue("s", "k", "v"); }, "modified s.k\n", "[s]\nk = v\n"},
+        {[](P p) { p.setValue("s", "k", ZLCString("v")); }, "modified s.k\n", "[s]\nk = v\n"},
+        {[](P p) { p.setValue("s", "k", ZUTF8ConstString("v")); }, "modified s.k\n",
          "[s]\nk = v\n"},
-        {[](Loaded& p) { p.setValue("s", "k", nullptr); }, "modified s.k\n", "[s]\nk =\n"},
-        {[](Loaded& p) { p.setValue("s", "k", "", 1); }, "modified s.k\n", "[s]\nk =\n"},
-        {[](Loaded& p) { p.setIntegerValue("s", "k", 4294967295u); }, "modified s.k\n",
-         "[s]\nk = 4294967295\n"},
-        {[](Loaded& p) { p.setBooleanValue("s", "n", 7); }, "modified s.n\n",
-         "[s]\nk = 1\nk = 2\nn = yes\n"},
-        {[](Loaded& p) { p.setBooleanValue("s", "k", 0); }, "modified s.k\n", "[s]\nk = no\n"},
-        {[](Loaded& p) { p.deleteKey("s", "k"); }, "deleted s.k\n", "[s]\n"},
-        {[](Loaded& p) { p.deleteKey("t", "k"); }, "deleted t.k\n", "[s]\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addStanza("s"); }, "added s\n", "[s]\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addStanza("t"); }, "added t\n", "[s]\nk = 1\nk = 2\n\n[t]\n"},
-        {[](Loaded& p) { p.deleteStanza("s"); }, "deleted s\n", ""},
-        {[](Loaded& p) { p.addFileComment("c"); }, "", "#c\n\n[s]\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addEntryComment("s", "k", "# c"); }, "", "[s]\n\n# c\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addStanzaComment("s", "c"); }, "", "[s]\n#c\n\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addValue("s", "k", "3", 0); }, "", "[s]\nk = 1\nk = 2\nk = 3\n"},
-        {[](Loaded& p) { p.addValue("s", "k", "1", 0); }, nullptr, "[s]\nk = 1\nk = 2\n"},
-        {[](Loaded& p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n",
-         "[s]\nk = 1\nk = 2\n\n[t]\nk = 1\n"},
+        {[](P p) { p.setValue("s", "k", nullptr); }, "modified s.k\n", "[s]\nk =\n"},
+        {[](P p) { p.setValue("s", "k", "", 1); }, "modified s.k\n", "[s]\nk =\n"},
+        {[](P p) { p.setIntegerValue("s", "k", ~0u); }, "modified s.k\n", "[s]\nk = 4294967295\n"},
+        {[](P p) { p.setBooleanValue("s", "n", 7); }, "modified s.n\n", start + "n = yes\n"},
+        {[](P p) { p.setBooleanValue("s", "k", 0); }, "modified s.k\n", "[s]\nk = no\n"},
+        {[](P p) { p.deleteKey("s", "k"); }, "deleted s.k\n", "[s]\n"},
+        {[](P p) { p.deleteKey("t", "k"); }, "deleted t.k\n", start},
+        {[](P p) { p.addStanza("s"); }, "added s\n", start},
+        {[](P p) { p.addStanza("t"); }, "added t\n", start + "\n[t]\n"},
+        {[](P p) { p.deleteStanza("s"); }, "deleted s\n", ""},
+        {[](P p) { p.addFileComment("c"); }, "", "#c\n\n" + start},
+        {[](P p) { p.addEntryComment("s", "k", "# c"); }, "", "[s]\n\n# c\nk = 1\nk = 2\n"},
+        {[](P p) { p.addStanzaComment("s", "c"); }, "", "[s]\n#c\n\nk = 1\nk = 2\n"},
+        {[](P p) { p.addValue("s", "k", "3", 0); }, "", start + "k = 3\n"},
+        {[](P p) { p.addValue("s", "k", "1", 0); }, nullptr, start},
+        {[](P p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n", start + "\n[t]\nk = 1\n"},
     };
     for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
         SCOPED_TRACE(i);
-        Loaded p("[s]\nk = 1\nk = 2\n");
+        Loaded p(start);
         Recorder recorder;
         p.addObserver(&recorder);
         kCases[i].change(p);
@@ -239,17 +242,14 @@ TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
 
 TEST(Properties, AnObserverMayCallBackWhileAnotherThreadWorks) {
     Loaded p("[s]\nk = 1\n");
-    class CallsBack : public ZObserverInterface {
-    public:
+    struct CallsBack : ZObserverInterface {
         explicit CallsBack(ZProperties& p) : p_(p) {}
         void update(ZObservableInterface*, const ZObservedParm&) override {
             // The lock is free here: another thread gets in.
             std::thread([&] { seen = text(p_, "s", "k"); }).join();
         }
-        string seen;
-
-    private:
         ZProperties& p_;
+        string seen;
     } observer(p);
     p.addObserver(&observer);
     p.setValue("s", "k", "2");
@@ -354,93 +354,48 @@ TEST(KeyWalk, HoldsTheLockForItsLife) {
     EXPECT_EQ(text(p, "s", "k"), "2");
 }
 
-struct ValueWalkCase {
-    const char* what;
-    Values::ZPropIter_valtype type;
-    void (*change)(Values&);
-    std::vector<string> values;
-    int hidden;
-};
-
 TEST(ValueWalk, ChangesInPlace) {
-    auto next = [](Values& w, int times) {
-        for (int i = 0; i < times; ++i)
-            w.nextValue();
+    const struct {
+        const char *what, *steps;  // n: goes on, a: adds, c: changes, r: removes
+        const char* values;        // afterwards
+    } cases[] = {
+        {"adds behind the second", "nnac", "12c3"},
+        {"adds in front of all", "a", "a123"},
+        {"removes the first, goes on with the second", "nrn", "23"},
+        {"removes all, one by one", "nrnrnr", ""},
+        {"fills an emptied one", "nrnrnra", "a"},
+        {"changes at the end", "nnnc", "12c"},
     };
-    static decltype(next)* go = &next;
-    const ValueWalkCase cases[] = {
-        {"adds behind the second",
-         Values::ZPROP_ITER_PLAIN,
-         [](Values& w) {
-             (*go)(w, 2);
-             w.addValue("n");
-             w.changeValue("m");
-         },
-         {"1", "2", "m", "3"},
-         0},
-        {"adds in front of all",
-         Values::ZPROP_ITER_PLAIN,
-         [](Values& w) { w.addValue("n"); },
-         {"n", "1", "2", "3"},
-         0},
-        {"removes the first, goes on with the second",
-         Values::ZPROP_ITER_AUTO,
-         [](Values& w) {
-             (*go)(w, 1);
-             w.removeValue();
-             EXPECT_EQ(w.isValid(), 0);
-             const char* now;
-             EXPECT_STREQ(w.nextValue(now), "2");
-         },
-         {"2", "3"},
-         0},
-        {"removes all, one by one",
-         Values::ZPROP_ITER_PLAIN,
-         [](Values& w) {
-             while (w.hasMore()) {
-                 w.nextValue();
-                 w.removeValue();
-             }
-         },
-         {},
-         0},
-        {"fills an emptied one",
-         Values::ZPROP_ITER_PLAIN,
-         [](Values& w) {
-             while (w.hasMore()) {
-                 w.nextValue();
-                 w.removeValue();
-             }
-             w.addValue("n");
-         },
-         {"n"},
-         0},
-        {"changes at the end",
-         Values::ZPROP_ITER_AUTO,
-         [](Values& w) {
-             while (w.hasMore())
-                 w.nextValue();
-             w.changeValue("c");
-         },
-         {"1", "2", "c"},
-         0},
-    };
-    for (const ValueWalkCase& c : cases) {
-        SCOPED_TRACE(c.what);
-        Loaded p("[s]\nk = 1\nk = 2\nk = 3\n");
-        {
-            ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL, c.type);
-            EXPECT_EQ(numberOf([&] { walk.changeValue("x"); }), 42);
-            EXPECT_EQ(numberOf([&] { walk.removeValue(); }), 42);
-            c.change(walk);
-            EXPECT_EQ(walk.valueCount(), c.values.size());
+    for (const auto& c : cases)
+        for (auto type : {Values::ZPROP_ITER_PLAIN, Values::ZPROP_ITER_AUTO}) {
+            SCOPED_TRACE(c.what);
+            Loaded p("[s]\nk = 1\nk = 2\nk = 3\n");
+            {
+                Walk walk(p, "s", "k", kLocal, type);
+                EXPECT_EQ(numberOf([&] { walk.changeValue("x"); }), 42);
+                EXPECT_EQ(numberOf([&] { walk.removeValue(); }), 42);
+                char next = '1';
+                for (const char* step = c.steps; *step != '\0'; ++step) {
+                    const char* now = nullptr;
+                    if (*step == 'n') {
+                        EXPECT_EQ(walk.hasMore(), 1);
+                        EXPECT_EQ(walk.nextValue(now)[0], next++);
+                    } else if (*step == 'r') {
+                        walk.removeValue();
+                        EXPECT_EQ(walk.isValid(), 0);
+                    } else {
+                        *step == 'a' ? walk.addValue("a") : walk.changeValue("c");
+                    }
+                }
+                EXPECT_EQ(walk.hasMore(), next != '4');
+                EXPECT_EQ(walk.valueCount(), strlen(c.values));
+            }
+            string expected = "[s]\n";
+            for (const char* v = c.values; *v != '\0'; ++v)
+                expected += string("k = ") + *v + "\n";
+            EXPECT_EQ(p.written(), *c.values == '\0' ? "[s]\nk =\n" : expected);
+            EXPECT_EQ(p.isModified(), 1);
         }
-        string expected = "[s]\n";
-        for (const string& v : c.values)
-            expected += "k = " + v + "\n";
-        EXPECT_EQ(p.written(), c.values.empty() ? "[s]\nk =\n" : expected);
-        EXPECT_EQ(p.isModified(), 1);
-    }
 }
 
 TEST(ValueWalk, HiddenValues) {
@@ -448,7 +403,7 @@ TEST(ValueWalk, HiddenValues) {
     p.setValue("s", "h", "1", 1);
     p.addValue("s", "h", "2", 1);
     {
-        ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_OBFUSCATED);
+        Walk walk(p, "s", "h", kLocal, Values::ZPROP_ITER_OBFUSCATED);
         walk.nextValue();
         walk.removeValue();  // the first of a walk over hidden values takes all with it
         EXPECT_EQ(walk.valueCount(), 0u);
@@ -459,7 +414,7 @@ TEST(ValueWalk, HiddenValues) {
     EXPECT_EQ(p.isObfuscated("s", "h"), 1);
     {
         // A walk over whichever values empties in place, and puts hidden ones back as hidden.
-        ZStanzaValueIterator walk(p, "s", "h", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
+        Walk walk(p, "s", "h", kLocal, Values::ZPROP_ITER_AUTO);
         walk.nextValue();
         walk.removeValue();
         EXPECT_EQ(p.data().obfuscatedCount(), 1u);
@@ -475,7 +430,7 @@ TEST(ValueWalk, AMissingKeyIsMadeByTheFirstValue) {
     Recorder recorder;
     p.addObserver(&recorder);
     {
-        ZStanzaValueIterator walk(p, "s", "k", ZPROP_STRING_LOCAL, Values::ZPROP_ITER_AUTO);
+        Walk walk(p, "s", "k", kLocal, Values::ZPROP_ITER_AUTO);
         EXPECT_EQ(walk.hasMore(), 0);
         EXPECT_EQ(numberOf([&] { walk.nextValue(); }), 42);
         walk.addValue("1");
@@ -490,17 +445,16 @@ TEST(ValueWalk, AMissingKeyIsMadeByTheFirstValue) {
 // ---------------------------------------------------------------- stanzas as a whole
 
 TEST(StanzaProperties, AddValuesMatchesInOnePass) {
-    struct Case {
+    const struct {
         std::vector<const char*> add;
         const char* written;
-    };
-    static const Case kCases[] = {
+    } kCases[] = {
         {{"b", "x"}, "[s]\nk = a\nk = b\nk = c\nk = x\n"},
         {{"c", "a"}, "[s]\nk = a\nk = b\nk = c\nk = a\n"},  // what stands before isn't seen
         {{"a", "b", "c"}, "[s]\nk = a\nk = b\nk = c\n"},
         {{"x", "y"}, "[s]\nk = a\nk = b\nk = c\nk = x\nk = y\n"},
     };
-    for (const Case& c : kCases) {
+    for (const auto& c : kCases) {
         Loaded p("[s]\nk = a\nk = b\nk = c\n");
         ZArrayList list(1, 1);
         for (const char* v : c.add)
@@ -531,13 +485,13 @@ TEST(StanzaProperties, ManyRequestsInOneCall) {
     Loaded p("[s]\nb = yes\ni = 0x1F\nt = text\n");
     int truth = -1;
     unsigned int number = 0, second = 77;
-    ZLCString string_;
+    ZLCString given;
     ZArrayList local(1, 1), utf8(1, 1);
-    ZPropertiesKVList pairs(ZPROP_STRING_LOCAL);
+    ZPropertiesKVList pairs(kLocal);
     ZStzFileItem items[] = {
         {ZSTZ_ITEM_BOOLEAN, "s", "b", 1, &truth, {nullptr}},
         {ZSTZ_ITEM_INTEGER, "s", "i", 0, &number, {nullptr}},
-        {ZSTZ_ITEM_STRING, "s", "missing", 0, &string_, {"given"}},
+        {ZSTZ_ITEM_STRING, "s", "missing", 0, &given, {"given"}},
         {ZSTZ_ITEM_VALUES, "s", "t", 0, &local, {nullptr}},
         {ZSTZ_ITEM_UTF8_VALUES, "s", "t", 0, &utf8, {nullptr}},
         {ZSTZ_ITEM_STANZA, "s", nullptr, 0, &pairs, {nullptr}},
@@ -547,7 +501,7 @@ TEST(StanzaProperties, ManyRequestsInOneCall) {
     EXPECT_EQ(numberOf([&] { p.getItems(items, 8); }), 22);
     EXPECT_EQ(truth, 1);
     EXPECT_EQ(number, 31u);
-    EXPECT_EQ(string_, "given");
+    EXPECT_EQ(given, "given");
     EXPECT_EQ(local.size() + utf8.size(), 2u);
     EXPECT_EQ(pairs.getItemCount(), 3u);
     EXPECT_EQ(second, 77u);
