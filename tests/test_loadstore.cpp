@@ -1,9 +1,8 @@
-// Load, store and the registry on real files and beside real processes.
+// Load, store and the registry on real files.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -42,40 +41,18 @@ string ioFailure(const char* call, int error, const string& file) {
     return string(call) + " " + std::to_string(error) + " " + file;
 }
 
-// A process that holds a record lock on a file until it is told to end.
-class LockingProcess {
+// A record lock on a file as another process would hold it: it belongs to its descriptor.
+class Locked {
 public:
-    LockingProcess(const string& file, short type) {
-        int ready[2], end[2];
-        if (pipe(ready) != 0 || pipe(end) != 0)
-            abort();
-        child_ = fork();
-        if (child_ == 0) {
-            close(end[1]);
-            const int descriptor = open(file.c_str(), O_RDWR);
-            struct flock whole = {};
-            whole.l_type = type;
-            char byte = fcntl(descriptor, F_SETLK, &whole) == 0 ? 'y' : 'n';
-            if (write(ready[1], &byte, 1) != 1)
-                _exit(1);
-            _exit(static_cast<int>(read(end[0], &byte, 1)));  // until the other side closes
-        }
-        close(end[0]);
-        close(ready[1]);
-        end_ = end[1];
-        char byte = 'n';
-        if (read(ready[0], &byte, 1) != 1 || byte != 'y')
-            ADD_FAILURE() << "no lock";
-        close(ready[0]);
+    Locked(const string& file, short type) : descriptor_(open(file.c_str(), O_RDWR)) {
+        struct flock whole = {};
+        whole.l_type = type;
+        EXPECT_EQ(fcntl(descriptor_, F_OFD_SETLK, &whole), 0);
     }
-    ~LockingProcess() {
-        close(end_);
-        waitpid(child_, nullptr, 0);
-    }
+    ~Locked() { close(descriptor_); }
 
 private:
-    pid_t child_;
-    int end_;
+    const int descriptor_;
 };
 
 // ---------------------------------------------------------------- load
@@ -97,8 +74,7 @@ TEST(Load, WithoutAPathOrAFileItTellsWhatItTried) {
     EXPECT_EQ(text(p, "s", "k"), "1");
 }
 
-class Counter : public ZObserverInterface {
-public:
+struct Counter : ZObserverInterface {
     void update(ZObservableInterface*, const ZObservedParm&) override { ++count; }
     int count = 0;
 };
@@ -124,20 +100,20 @@ TEST(Load, AFailureKeepsWhatWasReadAndNoticesGoOn) {
     EXPECT_EQ(p.isModified(), 0);
 }
 
-TEST(Locks, OfAnotherProcessMakeThemFailAtOnce) {
+TEST(Locks, OfOthersMakeThemFailAtOnce) {
     TempFolder folder;
     const string path = folder.write("a.conf", "[s]\nk = 1\n");
     ZStanzaFileProperties p(path.c_str(), 1);
     p.setValue("s", "k", "2");
     {
-        LockingProcess reader(path, F_RDLCK);
+        Locked reader(path, F_RDLCK);
         ZStanzaFileProperties other(path.c_str(), 1);  // readers side by side
         EXPECT_EQ(failureOf([&] { p.store(nullptr); }), ioFailure("fcntl()", EAGAIN, path));
         EXPECT_EQ(TempFolder::read(path), "[s]\nk = 1\n");
         EXPECT_EQ(p.isModified(), 1);
     }
     {
-        LockingProcess writer(path, F_WRLCK);
+        Locked writer(path, F_WRLCK);
         EXPECT_EQ(failureOf([&] { ZStanzaFileProperties(path.c_str(), 1); }),
                   ioFailure("fcntl()", EAGAIN, path));
         EXPECT_EQ(failureOf([&] { p.store(nullptr); }), ioFailure("fcntl()", EAGAIN, path));
@@ -145,7 +121,7 @@ TEST(Locks, OfAnotherProcessMakeThemFailAtOnce) {
     p.store(nullptr);
     EXPECT_EQ(TempFolder::read(path), "[s]\nk = 2\n");
     // The lock went with the stream.
-    LockingProcess writer(path, F_WRLCK);
+    Locked writer(path, F_WRLCK);
 }
 
 // ---------------------------------------------------------------- store
@@ -234,26 +210,23 @@ TEST(SideFile, ARelativePathMakesAnAbsoluteName) {
 
 // A side database that can't be one: what a load says, and that a store touches nothing.
 TEST(SideFile, MustBeAFileOfItsOwn) {
-    struct Case {
-        const char* what;
-        const char* name;  // in the folder
-        void (*make)(const string& path);
+    typedef const string& S;
+    const struct {
+        const char *what, *name;  // in the folder
+        void (*make)(S path);
         int loadError;  // message number
         int loadErrno;  // of "mapFile()", 0 for bad data
         bool storeRefuses;
+    } kCases[] = {
+        {"missing", "side", [](S) {}, 43, 22, false},
+        {"empty", "side", [](S s) { std::ofstream(s).flush(); }, 43, 22, false},
+        {"a folder", "side", [](S s) { mkdir(s.c_str(), 0700); }, 43, ENODEV, true},
+        {"a pipe", "side", [](S s) { mkfifo(s.c_str(), 0600); }, 43, 22, true},
+        {"the file itself", "a.conf", [](S) {}, 44, 0, true},
+        {"a link", "side", [](S s) { EXPECT_EQ(symlink("a.conf", s.c_str()), 0); }, 44, 0, true},
+        {"no such stream", "side", [](S s) { std::ofstream(s) << "text"; }, 44, 0, false},
     };
-    static const Case kCases[] = {
-        {"missing", "side", [](const string&) {}, 43, 22, false},
-        {"empty", "side", [](const string& s) { std::ofstream(s).flush(); }, 43, 22, false},
-        {"a folder", "side", [](const string& s) { mkdir(s.c_str(), 0700); }, 43, ENODEV, true},
-        {"a pipe", "side", [](const string& s) { mkfifo(s.c_str(), 0600); }, 43, 22, true},
-        {"the file itself", "a.conf", [](const string&) {}, 44, 0, true},
-        {"a link to it", "side",
-         [](const string& s) { EXPECT_EQ(symlink("a.conf", s.c_str()), 0); }, 44, 0, true},
-        {"no such stream", "side", [](const string& s) { std::ofstream(s) << "text"; }, 44, 0,
-         false},
-    };
-    for (const Case& c : kCases) {
+    for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
         TempFolder folder;
         const string side = folder / c.name;
@@ -364,27 +337,30 @@ TEST(Locales, KeepTheirTextAndGiveUTF8) {
 
 // ---------------------------------------------------------------- registry
 
-void setTime(const string& path, time_t when) {
-    const struct utimbuf times = {when, when};
-    ASSERT_EQ(utime(path.c_str(), &times), 0);
-}
-
-TEST(Registry, SharesOneObjectAndFollowsTheFile) {
-    TempFolder folder;
-    const string path = folder.write("a.conf", "[s]\nk = 1\n");
-    setTime(path, 1000);
-    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
-    auto get = [&](int force) {
+class Registry : public ::testing::Test {
+protected:
+    // Gives the file this content and time.
+    void write(const char* content, time_t when) {
+        const struct utimbuf times = {when, when};
+        ASSERT_EQ(utime(folder.write("a.conf", content).c_str(), &times), 0);
+    }
+    ZProperties* get(int force) {
         return ZProperties::getPropertiesFor(path.c_str(), factory, force);
-    };
+    }
+
+    TempFolder folder;
+    const string path = folder / "a.conf";
+    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+};
+
+TEST_F(Registry, SharesOneObjectAndFollowsTheFile) {
+    write("[s]\nk = 1\n", 1000);
     ZProperties* p = get(0);
     EXPECT_EQ(get(0), p);
-    folder.write("a.conf", "[s]\nk = 2\n");
-    setTime(path, 1000);
+    write("[s]\nk = 2\n", 1000);
     EXPECT_EQ(text(*get(0), "s", "k"), "1");  // the time is all that is looked at
     EXPECT_EQ(text(*get(1), "s", "k"), "2");
-    folder.write("a.conf", "[s]\nk = 3\n");
-    setTime(path, 2000);
+    write("[s]\nk = 3\n", 2000);
     p->setValue("t", "x", "unsaved");
     EXPECT_EQ(text(*get(0), "s", "k"), "2");  // unsaved changes win
     EXPECT_EQ(text(*get(1), "s", "k"), "3");
@@ -397,45 +373,33 @@ TEST(Registry, SharesOneObjectAndFollowsTheFile) {
     delete p;
 }
 
-TEST(Registry, AFailedLoadIsTriedAgain) {
-    TempFolder folder;
-    const string path = folder / "a.conf";
-    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
-    auto get = [&](int force) {
-        return ZProperties::getPropertiesFor(path.c_str(), factory, force);
-    };
+TEST_F(Registry, AFailedLoadIsTriedAgain) {
     EXPECT_EQ(failureOf([&] { get(0); }), ioFailure("fopen(r)", ENOENT, path));
-    folder.write("a.conf", "[s]\nk = 1\n");
-    setTime(path, 1000);
+    write("[s]\nk = 1\n", 1000);
     ZProperties* p = get(0);
-    folder.write("a.conf", "[s]\nbad\n");
-    setTime(path, 2000);
+    write("[s]\nbad\n", 2000);
     for (int i = 0; i < 2; ++i)  // not handed out emptied the second time
         EXPECT_EQ(numberOf([&] { get(0); }), 44);
-    folder.write("a.conf", "[s]\nk = 2\n");
-    setTime(path, 2000);
+    write("[s]\nk = 2\n", 2000);
     EXPECT_EQ(text(*get(0), "s", "k"), "2");
-    folder.write("a.conf", "[s]\nbad\n");
-    setTime(path, 2000);
+    write("[s]\nbad\n", 2000);
     EXPECT_EQ(numberOf([&] { get(1); }), 44);  // forced, and the time is the same
     EXPECT_EQ(numberOf([&] { get(0); }), 44);
     delete p;
     EXPECT_EQ(ZStanzaFileProperties::getFactory(), ZStanzaFileProperties::getFactory());
 }
 
-TEST(Registry, ThreadsThatAskAtOnceGetOneObject) {
-    TempFolder folder;
-    const string path = folder.write("a.conf", "[s]\nk = 1\n");
-    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
+TEST_F(Registry, ThreadsThatAskAtOnceGetOneObject) {
+    write("[s]\nk = 1\n", 1000);
     ZProperties* got[4] = {};
     std::vector<std::thread> threads;
     for (ZProperties*& place : got)
         threads.emplace_back([&] {
-            place = ZProperties::getPropertiesFor(path.c_str(), factory, 0);
+            place = get(0);
             for (int i = 0; i < 50; ++i) {
                 place->setIntegerValue("s", "k", 7);
                 place->getIntegerValue("s", "k", 1, 0);
-                ZProperties::getPropertiesFor(path.c_str(), factory, i % 10 == 0);
+                get(i % 10 == 0);
             }
         });
     for (std::thread& thread : threads)
