@@ -2,11 +2,10 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <algorithm>
-
 #include <cstring>
+#include <set>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "Z/ZBuffer.h"
 #include "Z/ZExceptionText.h"
@@ -17,6 +16,12 @@ using std::string;
 
 namespace {
 
+// A literal with all its NULs, the last written one included.
+template <size_t n>
+string bytes(const char (&literal)[n]) {
+    return string(literal, n - 1);
+}
+
 string value(ZSCFData& cache, const char* stanza, const char* key) {
     const char* text;
     unsigned int length;
@@ -24,53 +29,48 @@ string value(ZSCFData& cache, const char* stanza, const char* key) {
                                                            : string(text, length);
 }
 
-struct EntryCase {
-    const char* what;
-    const char* text;   // the whole file
-    const char* value;  // of key k in stanza s; null: the key is there and has none
-    int badLine;        // 0, or the line at which reading stops
-    const char* out;    // what a store writes; null: the text as it is
+// Key k of stanza s in each file: its value ("": none), and what a store writes (null: the same).
+const struct {
+    const char *text, *value, *out;
+} kGood[] = {
+    {"[s]\n  k  =  v  \n", "v", "[s]\nk = v\n"},
+    {"[s]\nk=v\n", "v", "[s]\nk = v\n"},
+    {"[s]\r\n\tk\t=\tv\r\n", "v", "[s]\nk = v\n"},
+    {"[s]\nk = a = b\n", "a = b", nullptr},
+    {"[s]\nk = v # w\n", "v # w", nullptr},
+    {"[s]\nk = # no comment\n", "# no comment", nullptr},
+    {"[s]\nk =\n", "", nullptr},
+    {"[s]\na key = 1\nk = v\n", "v", nullptr},
+    {"[s]\nk = v", "v", "[s]\nk = v\n"},
+    {"# a\n\n[s]\n# b\n\nk = v\n\n# c\n", "v", nullptr},
+    {"[s]\n   # b\nk = v\n", "v", "[s]\n# b\nk = v\n"},
+    {"[s] tail\nk = v\n", "v", "[s]\nk = v\n"},
+    // Values of one key come together; an empty one among them adds none.
+    {"[s]\nk = 1\nm = 2\nk = v\n", "v", "[s]\nk = 1\nk = v\nm = 2\n"},
+    {"[s]\nk = v\nk =\n", "v", "[s]\nk = v\n"},
+    {"[s]\nk =\nk = v\n", "v", "[s]\nk = v\n"},
+    {"[S]\nk = x\n[s]\nk = v\n", "v", nullptr},  // other case, another stanza
 };
 
-const EntryCase kEntryCases[] = {
-    {"blanks around the =", "[s]\n  k  =  v  \n", "v", 0, "[s]\nk = v\n"},
-    {"none around it", "[s]\nk=v\n", "v", 0, "[s]\nk = v\n"},
-    {"tabs and carriage returns", "[s]\r\n\tk\t=\tv\r\n", "v", 0, "[s]\nk = v\n"},
-    {"only the first = divides", "[s]\nk = a = b\n", "a = b", 0, nullptr},
-    {"# in a value is text", "[s]\nk = v # w\n", "v # w", 0, nullptr},
-    {"a value that reads like a comment", "[s]\nk = # no comment\n", "# no comment", 0, nullptr},
-    {"an empty value makes a key", "[s]\nk =\n", nullptr, 0, nullptr},
-    {"a key with inner blanks, and k", "[s]\na key = 1\nk = v\n", "v", 0, nullptr},
-    {"no newline at the end", "[s]\nk = v", "v", 0, "[s]\nk = v\n"},
-    {"comments and blanks stay", "# a\n\n[s]\n# b\n\nk = v\n\n# c\n", "v", 0, nullptr},
-    {"an indented comment loses its indent", "[s]\n   # b\nk = v\n", "v", 0, "[s]\n# b\nk = v\n"},
-    {"text behind the header goes", "[s] tail\nk = v\n", "v", 0, "[s]\nk = v\n"},
-    {"values of one key come together", "[s]\nk = 1\nm = 2\nk = v\n", "v", 0,
-     "[s]\nk = 1\nk = v\nm = 2\n"},
-    {"an empty one among them adds none", "[s]\nk = v\nk =\n", "v", 0, "[s]\nk = v\n"},
-    {"an empty one first", "[s]\nk =\nk = v\n", "v", 0, "[s]\nk = v\n"},
-    {"entry before any stanza", "k = v\n", nullptr, 1, nullptr},
-    {"entry behind a comment and a blank", "# c\n\n  k = v\n", nullptr, 3, nullptr},
-    {"no =", "[s]\n# c\nk v\n", nullptr, 3, nullptr},
-    {"= first", "[s]\n = v\n", nullptr, 2, nullptr},
-    {"stanza twice", "[s]\nk = v\n[s]\n", nullptr, 3, nullptr},
-    {"no closing bracket", "[s\nk = v\n", nullptr, 1, nullptr},
-    {"an entry in the nameless stanza", "[]\nk = v\n", nullptr, 2, nullptr},
-    {"the nameless stanza twice", "[]\n[s]\n[]\n", nullptr, 3, nullptr},
-    {"other case is another stanza", "[S]\nk = x\n[s]\nk = v\n", "v", 0, nullptr},
-};
+const std::pair<const char*, int> kBad[] = {  // with the line at which reading stops
+    {"k = v\n", 1},     {"# c\n\n  k = v\n", 3},  {"[s]\n# c\nk v\n", 3},
+    {"[s]\n = v\n", 2}, {"[s]\nk = v\n[s]\n", 3}, {"[s\nk = v\n", 1},
+    {"[]\nk = v\n", 2}, {"[]\n[s]\n[]\n", 3}};
 
 TEST(StanzaReader, Entries) {
-    for (const EntryCase& c : kEntryCases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& c : kGood) {
+        SCOPED_TRACE(c.text);
         ZSCFData cache;
-        EXPECT_EQ(readText(cache, c.text), c.badLine);
+        EXPECT_EQ(readText(cache, c.text), 0);
         cache.checkInvariants();
-        if (c.badLine != 0)
-            continue;
         EXPECT_EQ(cache.contains("s", "k"), 1);
-        EXPECT_EQ(value(cache, "s", "k"), c.value == nullptr ? "<none>" : c.value);
+        EXPECT_EQ(value(cache, "s", "k"), *c.value == '\0' ? "<none>" : c.value);
         EXPECT_EQ(writtenText(cache), c.out == nullptr ? c.text : c.out);
+    }
+    for (const auto& c : kBad) {
+        ZSCFData cache;
+        EXPECT_EQ(readText(cache, c.first), c.second) << c.first;
+        cache.checkInvariants();
     }
 }
 
@@ -139,10 +139,7 @@ TEST(StanzaReader, LongLinesAreCutWhereTheBufferEnds) {
 
 TEST(StanzaReader, ANulHidesTheRestOfItsLine) {
     ZSCFData cache;
-    string text = "[s]\nk = v";
-    text += '\0';
-    text += "hidden\n";
-    text += string("m = 2\n\0x\n[t", 11) + "]\n";
+    const string text = bytes("[s]\nk = v\0hidden\nm = 2\n\0x\n[t]\n");
     ASSERT_EQ(readText(cache, text), 0);
     EXPECT_EQ(value(cache, "s", "k"), "v");
     EXPECT_EQ(value(cache, "s", "m"), "2");
@@ -164,56 +161,34 @@ TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
 // A model of the reader, line by line as the format is told, beside files of random pieces. The
 // writer's output must be stable: read again, it is written the same.
 TEST(StanzaReader, RandomFilesReadAsTheModelReads) {
-    static const char* const kPieces[] = {"[a]",
-                                          "[b] x",
-                                          "[ c]",
-                                          "[",
-                                          "k = 1",
-                                          "k=2",
-                                          " m = 3 ",
-                                          "# k = 9",
-                                          "",
-                                          "  ",
-                                          "= 1",
-                                          "plain",
-                                          "long key = v = w",
-                                          "\t#tab",
-                                          "]",
-                                          "[d]",
-                                          "n =",
-                                          "x=#",
-                                          "[]"};
+    // clang-format off
+    static const char* const kPieces[] = {
+        "[a]", "[b] x", "[ c]", "[", "k = 1", "k=2", " m = 3 ", "# k = 9", "", "  ",
+        "= 1", "plain", "long key = v = w", "\t#tab", "]", "[d]", "n =", "x=#", "[]"};
+    // clang-format on
     unsigned int state = 12345;
     for (int round = 0; round < 3000; ++round) {
-        string text;
-        std::vector<string> lines;
-        for (int i = 0; i < 8; ++i) {
-            state = state * 1103515245 + 12345;
-            lines.push_back(kPieces[(state >> 16) % (sizeof kPieces / sizeof *kPieces)]);
-            text += lines.back() + "\n";
-        }
-        SCOPED_TRACE(text);
+        string text, stanza;
+        std::set<string> seen;
         int bad = 0;
-        string stanza;
-        std::vector<string> seen;
-        bool inStanza = false;
-        for (size_t i = 0; i < lines.size() && bad == 0; ++i) {
-            const size_t first = lines[i].find_first_not_of(" \t");
-            if (first == string::npos || lines[i][first] == '#')
+        for (int i = 1; i <= 8; ++i) {
+            state = state * 1103515245 + 12345;
+            const string line = kPieces[(state >> 16) % (sizeof kPieces / sizeof *kPieces)];
+            text += line + "\n";
+            const size_t first = line.find_first_not_of(" \t");
+            if (bad != 0 || first == string::npos || line[first] == '#')
                 continue;
-            const string rest = lines[i].substr(first);
+            const string rest = line.substr(first);
             if (rest[0] == '[') {
                 const size_t close = rest.find(']');
                 stanza = close == string::npos ? "" : rest.substr(1, close - 1);
-                if (close == string::npos ||
-                    std::find(seen.begin(), seen.end(), stanza) != seen.end())
-                    bad = static_cast<int>(i) + 1;
-                seen.push_back(stanza);
-                inStanza = !stanza.empty();
-            } else if (!inStanza || rest.find('=') == string::npos || rest[0] == '=') {
-                bad = static_cast<int>(i) + 1;
+                if (close == string::npos || !seen.insert(stanza).second)
+                    bad = i;
+            } else if (stanza.empty() || rest.find('=') == string::npos || rest[0] == '=') {
+                bad = i;
             }
         }
+        SCOPED_TRACE(text);
         ZSCFData cache;
         ASSERT_EQ(readText(cache, text), bad);
         if (bad != 0)
@@ -225,12 +200,6 @@ TEST(StanzaReader, RandomFilesReadAsTheModelReads) {
 }
 
 // ---------------------------------------------------------------- side database
-
-// A literal with all its NULs, the last written one included.
-template <size_t n>
-string bytes(const char (&literal)[n]) {
-    return string(literal, n - 1);
-}
 
 string packed(const string& records) {
     string out(compressBound(records.size()), '\0');
@@ -331,23 +300,22 @@ TEST(SideDatabase, NothingToWriteLeavesTheBufferAlone) {
 // A key that came from the side database has no line; it gets one with its first plain value, and
 // its stanza a header, or the value would be missing from the file.
 TEST(SideDatabase, KeysWithoutLinesGetThemWithTheirFirstPlainValue) {
-    struct Case {
+    typedef ZSCFData& C;
+    const struct {
         const char* what;
-        void (*change)(ZSCFData&);
+        void (*change)(C);
         const char* out;
+    } kCases[] = {
+        {"hidden again", [](C c) { c.addLine("s", "k", "w", 1); }, "[a]\n"},
+        {"emptied", [](C c) { c.addLine("s", "k", "", 0); }, "[a]\n"},
+        {"plain", [](C c) { c.addLine("s", "k", "w", 0); }, "[a]\n\n[s]\nk = w\n"},
+        {"new", [](C c) { c.addLine("s", "m", "w", 0); }, "[a]\n\n[s]\nm = w\n"},
+        {"remark", [](C c) { c.addStanzaComment("s", "# c"); }, "[a]\n\n[s]\n# c\n\n"},
+        {"a key comment", [](C c) { c.addLineComment("s", "k", "# c"); }, "[a]\n"},
+        {"the stanza", [](C c) { c.addStanzaLine("s"); }, "[a]\n"},
+        {"deleted", [](C c) { c.delStanzaLine("s"); }, "[a]\n"},
     };
-    static const Case kCases[] = {
-        {"hidden again", [](ZSCFData& c) { c.addLine("s", "k", "w", 1); }, "[a]\n"},
-        {"emptied", [](ZSCFData& c) { c.addLine("s", "k", "", 0); }, "[a]\n"},
-        {"plain", [](ZSCFData& c) { c.addLine("s", "k", "w", 0); }, "[a]\n\n[s]\nk = w\n"},
-        {"a new key", [](ZSCFData& c) { c.addLine("s", "m", "w", 0); }, "[a]\n\n[s]\nm = w\n"},
-        {"a stanza comment", [](ZSCFData& c) { c.addStanzaComment("s", "# c"); },
-         "[a]\n\n[s]\n# c\n\n"},
-        {"a key comment", [](ZSCFData& c) { c.addLineComment("s", "k", "# c"); }, "[a]\n"},
-        {"the stanza", [](ZSCFData& c) { c.addStanzaLine("s"); }, "[a]\n"},
-        {"deleted", [](ZSCFData& c) { c.delStanzaLine("s"); }, "[a]\n"},
-    };
-    for (const Case& c : kCases) {
+    for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
         ZSCFData cache;
         ASSERT_EQ(readText(cache, "[a]\n"), 0);
