@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "Z/ZExceptionText.h"
@@ -25,34 +27,14 @@ using std::string;
 
 namespace {
 
-enum Call {
-    kNoCall,
-    kFopen,
-    kFcntl,
-    kFread,
-    kOpen,
-    kFdopen,
-    kMmap,
-    kStat,
-    kAccess,
-    kFwrite,
-    kFflush,
-    kFtruncate,
-    kFclose,
-    kChown,
-    kChmod,
-    kUnlink,
-    kGetcwd,
-};
-
-Call failingCall = kNoCall;
-int failingTime;  // 1: the next one
+const char* failingCall = nullptr;  // its name here, whatever it is called for big files
+int failingTime;                    // 1: the next one
 int failureCode;
 
-bool failsNow(Call call) {
-    if (failingCall != call || --failingTime != 0)
+bool failsNow(const char* call) {
+    if (failingCall == nullptr || strcmp(failingCall, call) != 0 || --failingTime != 0)
         return false;
-    failingCall = kNoCall;
+    failingCall = nullptr;
     errno = failureCode;
     return true;
 }
@@ -60,13 +42,13 @@ bool failsNow(Call call) {
 // Lets the call fail the n-th time with this errno.
 class FailCall {
 public:
-    FailCall(Call call, int time, int code) {
+    FailCall(const char* call, int time, int code) {
         failingCall = call;
         failingTime = time;
         failureCode = code;
     }
-    ~FailCall() { failingCall = kNoCall; }
-    bool happened() const { return failingCall == kNoCall; }
+    ~FailCall() { failingCall = nullptr; }
+    bool happened() const { return failingCall == nullptr; }
 };
 
 }  // namespace
@@ -96,27 +78,26 @@ public:
         return failsNow(call) ? failed : REAL(name) arguments;  \
     }
 
-WRAP(kFopen, FILE*, nullptr, FOPEN, (const char* path, const char* mode), (path, mode))
-WRAP(kFdopen, FILE*, nullptr, fdopen, (int descriptor, const char* mode), (descriptor, mode))
-WRAP(kFread, size_t, 0, fread, (void* data, size_t size, size_t n, FILE* f), (data, size, n, f))
-WRAP(kFwrite, size_t, 0, fwrite, (const void* data, size_t size, size_t n, FILE* f),
+WRAP("fopen", FILE*, nullptr, FOPEN, (const char* path, const char* mode), (path, mode))
+WRAP("fdopen", FILE*, nullptr, fdopen, (int descriptor, const char* mode), (descriptor, mode))
+WRAP("fread", size_t, 0, fread, (void* data, size_t size, size_t n, FILE* f), (data, size, n, f))
+WRAP("fwrite", size_t, 0, fwrite, (const void* data, size_t size, size_t n, FILE* f),
      (data, size, n, f))
-WRAP(kFflush, int, EOF, fflush, (FILE * f), (f))
-WRAP(kMmap, void*, MAP_FAILED, MMAP,
+WRAP("fflush", int, EOF, fflush, (FILE * f), (f))
+WRAP("mmap", void*, MAP_FAILED, MMAP,
      (void* hint, size_t length, int protection, int flags, int descriptor, int64_t offset),
      (hint, length, protection, flags, descriptor, offset))
-WRAP(kStat, int, -1, STAT, (const char* path, void* status), (path, status))
-WRAP(kAccess, int, -1, access, (const char* path, int mode), (path, mode))
-WRAP(kFtruncate, int, -1, FTRUNCATE, (int descriptor, int64_t length), (descriptor, length))
-WRAP(kChown, int, -1, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
-WRAP(kChmod, int, -1, chmod, (const char* path, mode_t mode), (path, mode))
-WRAP(kUnlink, int, -1, unlink, (const char* path), (path))
-WRAP(kGetcwd, char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
+WRAP("stat", int, -1, STAT, (const char* path, void* status), (path, status))
+WRAP("access", int, -1, access, (const char* path, int mode), (path, mode))
+WRAP("ftruncate", int, -1, FTRUNCATE, (int descriptor, int64_t length), (descriptor, length))
+WRAP("chown", int, -1, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
+WRAP("chmod", int, -1, chmod, (const char* path, mode_t mode), (path, mode))
+WRAP("unlink", int, -1, unlink, (const char* path), (path))
 
 extern "C" int REAL(fclose)(FILE*);
 extern "C" int WRAPPED(fclose)(FILE* f) {
     const int real = REAL(fclose)(f);  // a close that fails has closed all the same
-    return failsNow(kFclose) ? EOF : real;
+    return failsNow("fclose") ? EOF : real;
 }
 
 extern "C" int REAL(OPEN)(const char*, int, ...);
@@ -125,7 +106,7 @@ extern "C" int WRAPPED(OPEN)(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const int mode = va_arg(arguments, int);
     va_end(arguments);
-    return failsNow(kOpen) ? -1 : REAL(OPEN)(path, flags, mode);
+    return failsNow("open") ? -1 : REAL(OPEN)(path, flags, mode);
 }
 
 extern "C" int REAL(FCNTL)(int, int, ...);
@@ -135,7 +116,7 @@ extern "C" int WRAPPED(FCNTL)(int descriptor, int command, ...) {
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     // Units for big files say F_SETLK64 where that differs.
-    if ((command == F_SETLK || command == F_SETLK64) && failsNow(kFcntl))
+    if ((command == F_SETLK || command == F_SETLK64) && failsNow("fcntl"))
         return -1;
     return REAL(FCNTL)(descriptor, command, argument);
 }
@@ -169,19 +150,15 @@ struct Files {
 };
 
 struct CallCase {
-    const char* what;
-    Call call;
-    int time;
-    int code;
-    const char*
-        expected;  // "word errno name", name a (file), s (side), d (folder); null: no failure
+    const char *what, *call;
+    int time, code;
+    const char* expected;  // "word errno name" of a (file), s (side), d (folder); null: nothing
 };
 
 // Runs `road` with each case's failure, and expects what it says and an object that works.
 template <typename Road>
-void failCalls(const CallCase* cases, size_t count, Road road, bool storesAgain = false) {
-    for (size_t i = 0; i < count; ++i) {
-        const CallCase& c = cases[i];
+void failCalls(std::initializer_list<CallCase> cases, Road road, bool storesAgain = false) {
+    for (const CallCase& c : cases) {
         SCOPED_TRACE(c.what);
         Files files;
         ZStanzaFileProperties p(files.path.c_str(), 1);
@@ -194,10 +171,10 @@ void failCalls(const CallCase* cases, size_t count, Road road, bool storesAgain 
             try {
                 road(p, files);
             } catch (ZPropertiesIOException& e) {
-                const string name = e.propFile() == files.path   ? "a"
-                                    : e.propFile() == files.side ? "s"
-                                                                 : "d";
-                failure = string(e.api()) + " " + std::to_string(e.excerrno()) + " " + name;
+                const char* name = e.propFile() == files.path ? " a" : " d";
+                if (e.propFile() == files.side)
+                    name = " s";
+                failure = string(e.api()) + " " + std::to_string(e.excerrno()) + name;
             }
             happened = fail.happened();
         }
@@ -214,57 +191,57 @@ void failCalls(const CallCase* cases, size_t count, Road road, bool storesAgain 
 }
 
 TEST(FaultCalls, Load) {
-    static const CallCase kCases[] = {
-        {"open", kFopen, 1, ENFILE, "fopen(r) 23 a"},
-        {"no memory for the stream", kFopen, 1, ENOMEM, "fopen(r) 12 a"},
-        {"lock", kFcntl, 1, ENOLCK, "fcntl() 37 a"},
-        {"locked by another", kFcntl, 1, EACCES, "fcntl() 13 a"},
-        {"a read error is the end", kFread, 1, EIO, nullptr},
-        {"close", kFclose, 1, EIO, nullptr},
-        {"open of the side database", kOpen, 1, EMFILE, "mapFile() 24 s"},
-        {"its mapping", kMmap, 1, ENOMEM, "mapFile() 12 s"},
-        {"its size can't be had", kStat, 1, EIO, "mapFile() 22 s"},
-        {"the time", kAccess, 1, EACCES, nullptr},
-        {"the time, too", kStat, 2, EIO, nullptr},
-    };
-    failCalls(kCases, sizeof kCases / sizeof *kCases,
-              [](ZStanzaFileProperties& p, Files&) { p.reload(nullptr); });
+    failCalls(
+        {
+            {"open", "fopen", 1, ENFILE, "fopen(r) 23 a"},
+            {"no memory for the stream", "fopen", 1, ENOMEM, "fopen(r) 12 a"},
+            {"lock", "fcntl", 1, ENOLCK, "fcntl() 37 a"},
+            {"locked by another", "fcntl", 1, EACCES, "fcntl() 13 a"},
+            {"a read error is the end", "fread", 1, EIO, nullptr},
+            {"close", "fclose", 1, EIO, nullptr},
+            {"open of the side database", "open", 1, EMFILE, "mapFile() 24 s"},
+            {"its mapping", "mmap", 1, ENOMEM, "mapFile() 12 s"},
+            {"its size can't be had", "stat", 1, EIO, "mapFile() 22 s"},
+            {"the time", "access", 1, EACCES, nullptr},
+            {"the time, too", "stat", 2, EIO, nullptr},
+        },
+        [](ZStanzaFileProperties& p, Files&) { p.reload(nullptr); });
 }
 
 TEST(FaultCalls, Store) {
-    static const CallCase kCases[] = {
-        {"access", kAccess, 2, EROFS, "access() 30 a"},
-        {"access of the side database", kAccess, 4, EROFS, "access() 30 s"},
-        {"open", kFopen, 1, EMFILE, "fopen(r+) 24 a"},
-        {"lock", kFcntl, 1, ENOLCK, "fcntl() 37 a"},
-        {"open of the side database", kOpen, 1, EDQUOT, "fopen(w) 122 s"},
-        {"no memory for its stream", kFdopen, 1, ENOMEM, "fopen(w) 12 s"},
-        {"write", kFwrite, 1, ENOSPC, nullptr},
-        {"flush", kFflush, 1, ENOSPC, nullptr},
-        {"truncate", kFtruncate, 1, EIO, nullptr},
-        {"close", kFclose, 2, ENOSPC, nullptr},
-        {"owner", kChown, 1, EPERM, nullptr},
-        {"mode", kChmod, 1, EPERM, nullptr},
-    };
     failCalls(
-        kCases, sizeof kCases / sizeof *kCases,
+        {
+            {"access", "access", 2, EROFS, "access() 30 a"},
+            {"access of the side database", "access", 4, EROFS, "access() 30 s"},
+            {"open", "fopen", 1, EMFILE, "fopen(r+) 24 a"},
+            {"lock", "fcntl", 1, ENOLCK, "fcntl() 37 a"},
+            {"open of the side database", "open", 1, EDQUOT, "fopen(w) 122 s"},
+            {"no memory for its stream", "fdopen", 1, ENOMEM, "fopen(w) 12 s"},
+            {"write", "fwrite", 1, ENOSPC, nullptr},
+            {"flush", "fflush", 1, ENOSPC, nullptr},
+            {"truncate", "ftruncate", 1, EIO, nullptr},
+            {"close", "fclose", 2, ENOSPC, nullptr},
+            {"owner", "chown", 1, EPERM, nullptr},
+            {"mode", "chmod", 1, EPERM, nullptr},
+        },
         [](ZStanzaFileProperties& p, Files&) { p.store(nullptr); }, true);
 }
 
 TEST(FaultCalls, StoreOfANewFile) {
-    static const CallCase kCases[] = {
-        {"its folder", kAccess, 2, EACCES, "access() 13 d"},
-        {"making it", kFopen, 2, ENOSPC, "fopen(r+) 28 a"},
-    };
-    failCalls(kCases, sizeof kCases / sizeof *kCases, [](ZStanzaFileProperties& p, Files& files) {
-        REAL(unlink)(files.path.c_str());
-        try {
-            p.store(nullptr);
-        } catch (...) {
-            p.store(files.path.c_str());  // goes through the second time
-            throw;
-        }
-    });
+    failCalls(
+        {
+            {"its folder", "access", 2, EACCES, "access() 13 d"},
+            {"making it", "fopen", 2, ENOSPC, "fopen(r+) 28 a"},
+        },
+        [](ZStanzaFileProperties& p, Files& files) {
+            REAL(unlink)(files.path.c_str());
+            try {
+                p.store(nullptr);
+            } catch (...) {
+                p.store(files.path.c_str());  // goes through the second time
+                throw;
+            }
+        });
 }
 
 TEST(FaultCalls, ASideDatabaseThatCantBeRemovedDoesntMatter) {
@@ -272,7 +249,7 @@ TEST(FaultCalls, ASideDatabaseThatCantBeRemovedDoesntMatter) {
     ZStanzaFileProperties p(files.path.c_str(), 1);
     p.setValue("s", "secret", "");
     {
-        FailCall fail(kUnlink, 1, EACCES);
+        FailCall fail("unlink", 1, EACCES);
         p.store(nullptr);
         EXPECT_TRUE(fail.happened());
     }
@@ -286,16 +263,17 @@ TEST(FaultCalls, ASideDatabaseThatCantBeRemovedDoesntMatter) {
 const char* inPath;
 const char* outPath;
 
-class Opened : public ZStanzaFileProperties {
-public:
+struct Opened : ZStanzaFileProperties {
     Opened() : ZStanzaFileProperties(1) {}
     ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
 };
 
+const char kLong[] =
+    "a value that is a good deal longer than the one before it was, so much longer that no string "
+    "can hold it inside";
+
 void edit(ZStanzaFileProperties& p) {
-    p.setValue("s", "k",
-               "a value that is a good deal longer than the one before it was, so much "
-               "longer that no string can hold it inside");
+    p.setValue("s", "k", kLong);
     p.setValue("s", "fresh", "1", 1);
     p.setIntegerValue("new", "number", 42);
     p.addValue("s", "m", "second", 0);
