@@ -18,6 +18,15 @@
 
 namespace {
 
+template <typename Work>
+void inFourThreads(Work work) {
+    std::thread threads[4];
+    for (std::thread& thread : threads)
+        thread = std::thread(work);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
 // A codeset handle for a scope.
 class CodesetHandle {
 public:
@@ -66,16 +75,14 @@ std::string byIconv(const char* to, const char* from, std::string text) {
 
 struct ConversionCase {
     const char* codeset;
-    std::string local;
-    std::string utf8;
+    std::string local, utf8;
 };
 
 const ConversionCase kConversions[] = {
     {"UTF8", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"},
-    {"ANSI_X3.4-1968", "plain text, longer than a word or two",
-     "plain text, longer than a word or two"},
-    {"ISO-8859-1", "caf\xE9 and then a long run of ASCII \xFC",
-     "caf\xC3\xA9 and then a long run of ASCII \xC3\xBC"},
+    {"ANSI_X3.4-1968", "longer than a word or two", "longer than a word or two"},
+    {"ISO-8859-1", "\xE9 and a long run of ASCII \xFC",
+     "\xC3\xA9 and a long run of ASCII \xC3\xBC"},
     {"ISO-8859-15", "\xA4 1", "\xE2\x82\xAC 1"},
     {"KOI8-R", "\xD0\xD2", "\xD0\xBF\xD1\x80"},
     {"IBM037", "\xC1\x40\xF1", "A 1"},
@@ -106,10 +113,7 @@ TEST(Codesets, ConvertExactlyWithinTheRoom) {
 }
 
 struct InvalidCase {
-    const char* what;
-    const char* codeset;
-    const char* local;  // null: nothing to try in this direction
-    const char* utf8;
+    const char *what, *codeset, *local, *utf8;  // null: nothing to try in this direction
 };
 
 const InvalidCase kInvalid[] = {
@@ -177,8 +181,7 @@ TEST(Codesets, ConvertLikeIconv) {
 }
 
 struct LengthCase {
-    const char* codeset;
-    const char* text;
+    const char *codeset, *text;
     size_t n;
     int mblen, mbtowc;
     unsigned int wide;
@@ -225,9 +228,8 @@ TEST(Codesets, MeasureCharacters) {
 TEST(Codesets, FindWholeCharactersOnly) {
     const CodesetHandle sjis("CP932");
     const char text[] =
-        "\x95\x5C"
-        "a\\b\x83\x61"
-        "a";  // 表 a \ b ヂ a
+        "\x95\\a\\b\x83"
+        "aa";  // 表 a \ b ヂ a
     EXPECT_EQ(qel_strchr(sjis, text, '\\'), text + 3);
     EXPECT_EQ(qel_strchr(sjis, text + 5, 'a'), text + 7);
     EXPECT_EQ(qel_strrchr(sjis, text, '\\'), text + 3);
@@ -288,14 +290,12 @@ TEST(Child, DISABLED_CaseIsThatOfTheLocaleHandle) {
 
     const struct {
         qel_codeset codeset;
-        const char* text;
-        const char* lower;
-        const char* upper;
+        const char *text, *lower, *upper;
     } cases[] = {
         {utf8, "aZ\xC3\x89\xC3\xA9\xFF!", "az\xC3\xA9\xC3\xA9\xFF!", "AZ\xC3\x89\xC3\x89\xFF!"},
         {utf8, "\xC4\xB1\xC4\xB0", "\xC4\xB1\xC4\xB0", "\xC4\xB1\xC4\xB0"},  // would change length
-        {latin, "\xE9\xC9\xFF", "\xE9\xE9\xFF",
-         "\xC9\xC9\xFF"},  // the upper case of ff isn't there
+        // The upper case of ff isn't there.
+        {latin, "\xE9\xC9\xFF", "\xE9\xE9\xFF", "\xC9\xC9\xFF"},
         {japanese, "a\xA3\xE1\xA3\xC1", "a\xA3\xE1\xA3\xE1", "A\xA3\xC1\xA3\xC1"},
     };
     for (const auto& c : cases) {
@@ -309,17 +309,13 @@ TEST(Child, DISABLED_CaseIsThatOfTheLocaleHandle) {
 
 TEST(Codesets, ServeSeveralThreadsByOneHandle) {
     const CodesetHandle japanese("EUC-JP");
-    std::thread threads[4];
-    for (std::thread& thread : threads)
-        thread = std::thread([&] {
-            for (int i = 0; i < 500; ++i) {
-                EXPECT_EQ(toUTF8(japanese, "a\xC6\xFC\xCB\xDCz"), "a\xE6\x97\xA5\xE6\x9C\xACz");
-                EXPECT_EQ(toUTF8(japanese, "a\xC6"), kFailed);
-                EXPECT_EQ(qel_mblen(japanese, "\xC6\xFC", 4), 2);
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    inFourThreads([&] {
+        for (int i = 0; i < 500; ++i) {
+            EXPECT_EQ(toUTF8(japanese, "a\xC6\xFC\xCB\xDCz"), "a\xE6\x97\xA5\xE6\x9C\xACz");
+            EXPECT_EQ(toUTF8(japanese, "a\xC6"), kFailed);
+            EXPECT_EQ(qel_mblen(japanese, "\xC6\xFC", 4), 2);
+        }
+    });
 }
 
 TEST(TextFunctions, RefuseNothingAndConvertNothing) {
@@ -349,14 +345,11 @@ TEST(TextFunctions, RefuseNothingAndConvertNothing) {
 
 // A locale, and what text is in it.
 struct LocaleCase {
-    const char* locale;
-    const char* codeset;
-    const char* text;      // valid text beyond ASCII, or null
-    const char* utf8;      // the same
-    const char* upper;     // in upper case, if the locale knows it
-    const char* noLocal;   // UTF-8 that this codeset lacks
-    const char* badLocal;  // no valid text
-    int characterLength;   // of the first character of `text`
+    const char *locale, *codeset;
+    const char *text, *utf8;         // valid text beyond ASCII, or null, and the same
+    const char* upper;               // in upper case, if the locale knows it
+    const char *noLocal, *badLocal;  // UTF-8 that this codeset lacks; no valid text
+    int characterLength;             // of the first character of `text`
 };
 
 const LocaleCase kLocales[] = {
@@ -375,15 +368,11 @@ TEST(Child, DISABLED_StringsInALocale) {
         kLocales, kLocales + 3, [&](const auto& each) { return strcmp(each.locale, name) == 0; });
 
     // The first strings of the process, from several threads.
-    std::thread threads[4];
-    for (std::thread& thread : threads)
-        thread = std::thread([] {
-            const ZUTF8String utf8("text");
-            EXPECT_NE(utf8.getCodesetHandle(), 0U);
-            EXPECT_TRUE(ZLCString(utf8) == "text");
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    inFourThreads([] {
+        const ZUTF8String utf8("text");
+        EXPECT_NE(utf8.getCodesetHandle(), 0U);
+        EXPECT_TRUE(ZLCString(utf8) == "text");
+    });
 
     EXPECT_STREQ(zgetlocale(), c.locale);
     EXPECT_STREQ(zgetLocalCodesetName(), c.codeset);
