@@ -180,17 +180,17 @@ void ZAbstractProcessReadWriteFileLock::lock(zlockstate state) {
     dolock(state);
     if (state == unset)
         return;
-    OnFailure giveUp([this] { dolock(unset); });
+    OnFailure giveUp([this] { abandonGrant(); });
     if (getLastSequence() == invalidSequence)
         setLastSequence();
     if (!isCurrent() && countObservers() > 0) {
         // Observers run with everybody else shut out. Protect is held as write already, and what
         // its holder changes counts.
         if (state != write && state != protect) {
-            giveUp.dismiss();
             dolock(unset);
+            giveUp.dismiss();
             dolock(write);
-            OnFailure giveUpAgain([this] { dolock(unset); });
+            OnFailure giveUpAgain([this] { abandonGrant(); });
             setUpdate(0);
             notifyLockObservers();
             giveUpAgain.dismiss();
@@ -253,6 +253,22 @@ void ZAbstractProcessReadWriteFileLock::release() {
     ZAbstractProcessReadWriteLock::lock(unset);
 }
 
+// A release that fails leaves all held. But who is refused a grant has nothing that it could release.
+__attribute__((no_sanitize("null"))) void ZAbstractProcessReadWriteFileLock::abandonGrant() {
+    try {
+        dolock(unset);
+        return;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+    }
+    checkReleasable();
+    const ZResourceLock guard(fileLock_);
+    if (lockState_ == write || getReaderCount() <= 1)
+        giveBack();
+    ZAbstractProcessReadWriteLock::lock(unset);
+}
+
 void ZAbstractProcessReadWriteFileLock::abandonFile() {}
 
 // ---------------------------------------------------------------- the file
@@ -276,6 +292,10 @@ void ZAbstractProcessReadWriteFileLock::unlockFile() {
 }
 
 void ZAbstractProcessReadWriteFileLock::readSequenceNumber(unsigned long* sequence) {
+    if (sequence == nullptr) {
+        readBytes(nullptr, kData, kField);  // which the system refuses
+        return;
+    }
     uint32_t number = static_cast<uint32_t>(*sequence);
     readBytes(&number, kData, kField);
     *sequence = number;
@@ -328,7 +348,8 @@ ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(
 ZUnixProcessReadWriteFileLock& ZUnixProcessReadWriteFileLock::operator=(
     const ZUnixProcessReadWriteFileLock& other) {
     ZAbstractProcessReadWriteFileLock::operator=(other);
-    if (this != &other) {
+    // Copies may share a descriptor: it is no one's to close on its way to itself.
+    if (this != &other && fileHandle_ != other.fileHandle_) {
         closeOwnFile();
         fileHandle_ = other.fileHandle_.load();
     }

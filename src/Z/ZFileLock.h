@@ -120,6 +120,7 @@ private:
     void release();
     void takeFile(zlockstate state);
     void giveBack();
+    void abandonGrant();
 
     std::atomic<int> sequenceLost_;  // a write of it failed: only the file knows it
 };

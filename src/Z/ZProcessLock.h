@@ -133,9 +133,10 @@ public:
     /// `update` isn't 0, and has caught up if the lock is held at all.
     virtual void sync(int update);
 
-    /// Tells the observers a ZSequenceUpdate, with all other threads of this process shut out: the
-    /// lock among threads is held to write afterwards. Nothing happens if this process has caught
-    /// up, or without observers.
+    /// Tells the observers a ZSequenceUpdate. The lock among threads is made one to write first,
+    /// unless the calling thread was the last to take it so; called by a grant, that shuts all other
+    /// threads of this process out. Nothing happens if this process has caught up, or without
+    /// observers.
     void notifyLockObservers();
 
 protected:

@@ -84,6 +84,7 @@ struct ZReadWriteLock::Steps {
                 raise<ZLockResourceException>(5, __LINE__);
         }
         void before() {}
+        void missed() {}
         void becomeHolder() {
             const pthread_t self = pthread_self();
             lock.holder_.store(self, std::memory_order_relaxed);
@@ -158,6 +159,11 @@ struct ZReadWriteLock::Steps {
             if (held)
                 lock.holder_.store(kNobody, std::memory_order_relaxed);
         }
+        // The next try may raise, and then the caller is the holder still.
+        void missed() {
+            if (held)
+                lock.holder_.store(pthread_self(), std::memory_order_relaxed);
+        }
         void after() {}
 
         ZReadWriteLock& lock;
@@ -218,6 +224,7 @@ inline void ZReadWriteLock::run(Step step) {
             step.after();
             return;
         }
+        step.missed();
     }
     runGuarded(step);
 }

@@ -91,8 +91,6 @@ unsigned int ZThread::hash() const {
 
 int ZThread::compare(const ZObject& other) const {
     const pthread_t left = *threadId_, right = static_cast<const ZThread&>(other).getPThreadID();
-    if (left == 0 && right == 0)
-        return ZObject::compare(other);  // neither is a thread yet
     return left == right ? 0 : left < right ? -1 : 1;
 }
 

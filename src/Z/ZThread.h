@@ -129,7 +129,7 @@ private:
     void awaitEnd();
     void noteEnd();
 
-    pthread_t* threadId_;   // owned; the word is written by pthread_create, before the thread runs
+    pthread_t* threadId_;  // owned; the word is written by pthread_create, before the thread runs
     const int detached_;
     const int autoDelete_;
 
@@ -137,8 +137,8 @@ private:
     // cleared at its end, under the pool's mutex; read without it by the thread itself.
     std::atomic<ZThreadPool*> pool_;
 
-    std::atomic<int> joinable_;      // 1: there is a thread that nobody has joined
-    std::atomic<int> running_;       // threads between start() and noteEnd(); awaitEnd() sleeps on it
+    std::atomic<int> joinable_;  // 1: there is a thread that nobody has joined
+    std::atomic<int> running_;   // threads between start() and noteEnd(); awaitEnd() sleeps on it
     std::atomic<unsigned int> holds_;  // 2 for each Hold, 1 once the thread is done with the object
 };
 
@@ -171,7 +171,8 @@ private:
 class ZEXPORT ZSleeperThread : public ZThread {
 public:
     /// Joinable and without a period unless told otherwise. `timeout` is the period in seconds; 0
-    /// is none. The first period may end up to a second early. Raise what ZCondition() raises.
+    /// is none. A period that begins after a start, a wake-up or long work
+    /// may end up to a second early. Raise what ZCondition() raises.
     ZSleeperThread();
     ZSleeperThread(int detached, int autoDelete);
     explicit ZSleeperThread(unsigned long timeout);
@@ -217,8 +218,8 @@ private:
     int working_;                    // inside work(); guarded by the sleeping lock
     unsigned int started_;           // the run that is up; guarded by startCondition_'s lock
     const unsigned long timeout_;
-    ZCondition startCondition_;      // the starter waits here for the thread to be up
-    ZCondition sleepCondition_;      // the thread sleeps here
+    ZCondition startCondition_;  // the starter waits here for the thread to be up
+    ZCondition sleepCondition_;  // the thread sleeps here
 };
 
 #include "ZThreadPool.h"  // one header for the family; each can also be included first

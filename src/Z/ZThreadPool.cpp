@@ -76,7 +76,15 @@ private:
 /// Gives the pool's mutex up for a scope.
 class MutexGap {
 public:
-    explicit MutexGap(MutexGuard& guard) : guard_(guard) { guard_.unlock(); }
+    /// Once more after a failure: the idle threads are out of the pool, and only this caller can
+    /// stop them.
+    explicit MutexGap(MutexGuard& guard) : guard_(guard) {
+        const int rc = guard_.tryUnlock();
+        if (rc == 0)
+            return;
+        zreportCode(__FILE__, __LINE__, 6, rc);
+        guard_.unlock();
+    }
     ~MutexGap() noexcept(false) { guard_.lock(); }
     MutexGap(const MutexGap&) = delete;
     MutexGap& operator=(const MutexGap&) = delete;
