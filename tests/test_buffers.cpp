@@ -15,21 +15,18 @@ std::string bytesOf(const ZBufferInterface& buffer) {
     return std::string(static_cast<const char*>(buffer.getBuffer()), buffer.getLength());
 }
 
-char* copyOf(const char* text) { return strdup(text); }
-
 }  // namespace
 
 TEST(Buffer, ComparesLengthThenUnsignedBytes) {
-    struct Case {
+    const struct {
         std::string a, b;
         int expected;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"", "", 0},       {"a", "a", 0},       {"\xff", "\x01", 1}, {"\x01", "\xff", -1},
         {"\xff", "aa", -1}, {"abcd", "abd", 1}, {"abc", "abd", -1},  {std::string("a\0b", 3),
                                                                       std::string("a\0c", 3), -1},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ZBuffer a(c.a.size(), const_cast<char*>(c.a.data()));
         const ZConstBuffer b(c.b.size(), const_cast<char*>(c.b.data()));
         EXPECT_EQ(a.compare(b), c.expected) << c.a << " " << c.b;
@@ -95,13 +92,12 @@ TEST(Buffer, TakesItsOwnBytesAsArgument) {
 
 TEST(Buffer, HandsItsBytesOverAndTakesOthers) {
     TrackAllocations track;
-    long live;
     {
         ZBuffer buffer("old");
-        char* given = copyOf("given");
+        char* given = strdup("given");
         buffer.setBufferNoCopy(5, given);
         EXPECT_EQ(buffer.getBuffer(), given);
-        buffer.setBufferNoCopy(3, copyOf("abc"));
+        buffer.setBufferNoCopy(3, strdup("abc"));
         unsigned long length;
         void* data;
         buffer.takeBuffer(length, data);
@@ -111,8 +107,7 @@ TEST(Buffer, HandsItsBytesOverAndTakesOthers) {
         free(data);
         buffer.setBuffer(2, const_cast<char*>("xy"));
     }
-    live = track.live();
-    EXPECT_EQ(live, 0);
+    EXPECT_EQ(track.live(), 0);
 }
 
 TEST(Buffer, KeepsItsBytesWhenMemoryRunsOut) {

@@ -3,7 +3,6 @@
 #include <zlib.h>
 
 #include <random>
-#include <string>
 #include <vector>
 
 #include "Z/ZAdler32.h"
@@ -29,10 +28,9 @@ long unsqueeze(Bytes source, unsigned long room, Bytes* out = nullptr) {
     squeeze.setSource(source.data(), source.size());
     Bytes bytes(room);
     const long size = squeeze.unsqueeze(bytes.data(), room);
-    if (out != nullptr) {
-        bytes.resize(size > 0 ? size : 0);
+    bytes.resize(size > 0 ? size : 0);
+    if (out != nullptr)
         *out = bytes;
-    }
     return size;
 }
 
@@ -44,7 +42,14 @@ Bytes randomBytes(size_t count, unsigned int values) {
     return bytes;
 }
 
-Bytes asBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+z_stream streamOf(const void* source, size_t length, Bytes& target) {
+    z_stream stream = {};
+    stream.next_in = static_cast<unsigned char*>(const_cast<void*>(source));
+    stream.avail_in = static_cast<unsigned int>(length);
+    stream.next_out = target.data();
+    stream.avail_out = static_cast<unsigned int>(target.size());
+    return stream;
+}
 
 }  // namespace
 
@@ -84,7 +89,7 @@ TEST(Squeeze, AnyZlibReadsItAndItReadsAnyZlib) {
 TEST(Squeeze, RefusesWhatIsNoStream) {
     const Bytes bytes = randomBytes(500, 256);
     const Bytes stream = squeezed(bytes);
-    EXPECT_EQ(unsqueeze(asBytes("certainly no stream"), 100), Z_DATA_ERROR);
+    EXPECT_EQ(unsqueeze(Bytes(20, 'c'), 100), Z_DATA_ERROR);
     EXPECT_EQ(unsqueeze(Bytes(), 100), Z_BUF_ERROR);
     for (size_t cut = 0; cut < stream.size(); ++cut)
         ASSERT_EQ(unsqueeze(Bytes(stream.begin(), stream.begin() + cut), 1000), Z_BUF_ERROR) << cut;
@@ -93,15 +98,11 @@ TEST(Squeeze, RefusesWhatIsNoStream) {
     EXPECT_EQ(unsqueeze(damaged, 1000), Z_DATA_ERROR);
 
     // A stream that needs a preset dictionary: no success, though zlib's code is above 0.
-    z_stream presetter = {};
     Bytes preset(1000);
-    ASSERT_EQ(deflateInit(&presetter, 9), Z_OK);
     const unsigned char dictionary[] = "dictionary";
+    z_stream presetter = streamOf(dictionary, 10, preset);
+    ASSERT_EQ(deflateInit(&presetter, 9), Z_OK);
     ASSERT_EQ(::deflateSetDictionary(&presetter, dictionary, 10), Z_OK);
-    presetter.next_in = const_cast<unsigned char*>(dictionary);
-    presetter.avail_in = 10;
-    presetter.next_out = preset.data();
-    presetter.avail_out = 1000;
     ASSERT_EQ(::deflate(&presetter, Z_FINISH), Z_STREAM_END);
     preset.resize(presetter.total_out);
     ::deflateEnd(&presetter);
@@ -130,24 +131,16 @@ TEST(Squeeze, StreamOperationsReachZlib) {
     ZSqueeze squeeze;
     const Bytes bytes = randomBytes(2000, 5);
     Bytes out(3000), back(2000);
-    z_stream stream = {};
+    z_stream stream = streamOf(bytes.data(), bytes.size(), out);
     ASSERT_EQ(squeeze.deflateInit_(&stream, 6, ZLIB_VERSION, sizeof(stream)), Z_OK);
-    stream.next_in = const_cast<unsigned char*>(bytes.data());
-    stream.avail_in = 2000;
-    stream.next_out = out.data();
-    stream.avail_out = 3000;
     EXPECT_EQ(squeeze.deflateParams(&stream, 9, Z_DEFAULT_STRATEGY), Z_OK);
     EXPECT_EQ(squeeze.deflate(&stream, Z_FINISH), Z_STREAM_END);
-    const unsigned int size = static_cast<unsigned int>(stream.total_out);
+    const size_t size = stream.total_out;
     EXPECT_EQ(squeeze.deflateReset(&stream), Z_OK);
     EXPECT_EQ(squeeze.deflateEnd(&stream), Z_OK);
 
-    z_stream reader = {};
+    z_stream reader = streamOf(out.data(), size, back);
     ASSERT_EQ(squeeze.inflateInit_(&reader, ZLIB_VERSION, sizeof(reader)), Z_OK);
-    reader.next_in = out.data();
-    reader.avail_in = size;
-    reader.next_out = back.data();
-    reader.avail_out = 2000;
     EXPECT_EQ(squeeze.inflate(&reader, Z_FINISH), Z_STREAM_END);
     EXPECT_EQ(squeeze.inflateReset(&reader), Z_OK);
     EXPECT_EQ(squeeze.inflateEnd(&reader), Z_OK);

@@ -223,8 +223,7 @@ TYPED_TEST(BothFamilies, ClonesAreDeep) {
     EXPECT_TRUE(static_cast<TypeParam&>(*clone) == "abc");
     const TypeParam& itself = s;
     s = itself;
-    s = s.getChars();
-    EXPECT_TRUE(s == "abcd");
+    EXPECT_TRUE((s = s.getChars()) == "abcd");
 }
 
 // Text that is part of the string being changed, inside the object, at its edge and outside.
