@@ -142,18 +142,14 @@ struct SearchCase {
 
 const unsigned int kNone = ZAbstractString::notFound;
 
+// clang-format off
 const SearchCase kSearches[] = {
-    {"abab", "ab", 1, 1, 1, 0, 2},
-    {"aaa", "aa", 1, 1, 1, 0, 0},
-    {"cd", "abcd", 0, 0, 0, kNone, kNone},
-    {"a", "", 1, 0, 1, 0, 1},
-    {"", "", 0, 0, 1, 0, 0},
-    {"", "a", 0, 0, 0, kNone, kNone},
-    {"abc", "bc", 0, 1, 1, 1, 1},
-    {"abc", "abc", 1, 1, 1, 0, 0},
-    {"abc", nullptr, 1, 1, 0, kNone, 3},
-    {"", nullptr, 1, 1, 0, kNone, 0},
+    {"abab", "ab", 1, 1, 1, 0, 2}, {"aaa", "aa", 1, 1, 1, 0, 0},
+    {"cd", "abcd", 0, 0, 0, kNone, kNone}, {"a", "", 1, 0, 1, 0, 1}, {"", "", 0, 0, 1, 0, 0},
+    {"", "a", 0, 0, 0, kNone, kNone}, {"abc", "bc", 0, 1, 1, 1, 1}, {"abc", "abc", 1, 1, 1, 0, 0},
+    {"abc", nullptr, 1, 1, 0, kNone, 3}, {"", nullptr, 1, 1, 0, kNone, 0},
 };
+// clang-format on
 
 TYPED_TEST(BothFamilies, Search) {
     for (const SearchCase& c : kSearches) {

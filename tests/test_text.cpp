@@ -187,23 +187,17 @@ struct LengthCase {
     unsigned int wide;
 };
 
+// clang-format off
 const LengthCase kLengths[] = {
-    {"UTF8", "a", 1, 1, 1, 'a'},
-    {"UTF8", "", 1, 0, 0, 0},
-    {"UTF8", "a", 0, 0, 0, 0},
-    {"UTF8", "\xE2\x82\xAC", 3, 3, 3, 0x20AC},
-    {"UTF8", "\xE2\x82\xAC", 2, -1, -1, 0},
-    {"UTF8", "\xE2", 4, -1, -1, 0},
-    {"UTF8", "\xF0\x9F\x98\x80", 4, 4, -1, 0},
-    {"ISO-8859-15", "\xA4", 9, 1, 1, 0x20AC},
-    {"ISO-8859-7", "\xD2", 1, -1, -1, 0},
-    {"EUC-JP", "\xC6\xFC", 4, 2, 2, 0x65E5},
-    {"EUC-JP", "\xC6\xFC", 1, -1, -1, 0},
-    {"EUC-JP", "\xC6", 4, -1, -1, 0},
-    {"EUC-JP", "\x8F\xB0\xA1", 4, 3, 3, 0x4E02},
-    {"EUC-JP", "\xFF", 4, -1, -1, 0},
-    {"GB18030", "\x94\x39\xFC\x36", 4, 4, -1, 0},
+    {"UTF8", "a", 1, 1, 1, 'a'}, {"UTF8", "", 1, 0, 0, 0}, {"UTF8", "a", 0, 0, 0, 0},
+    {"UTF8", "\xE2\x82\xAC", 3, 3, 3, 0x20AC}, {"UTF8", "\xE2\x82\xAC", 2, -1, -1, 0},
+    {"UTF8", "\xE2", 4, -1, -1, 0}, {"UTF8", "\xF0\x9F\x98\x80", 4, 4, -1, 0},
+    {"ISO-8859-15", "\xA4", 9, 1, 1, 0x20AC}, {"ISO-8859-7", "\xD2", 1, -1, -1, 0},
+    {"EUC-JP", "\xC6\xFC", 4, 2, 2, 0x65E5}, {"EUC-JP", "\xC6\xFC", 1, -1, -1, 0},
+    {"EUC-JP", "\xC6", 4, -1, -1, 0}, {"EUC-JP", "\x8F\xB0\xA1", 4, 3, 3, 0x4E02},
+    {"EUC-JP", "\xFF", 4, -1, -1, 0}, {"GB18030", "\x94\x39\xFC\x36", 4, 4, -1, 0},
 };
+// clang-format on
 
 TEST(Codesets, MeasureCharacters) {
     for (const LengthCase& c : kLengths) {
