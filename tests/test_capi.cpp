@@ -515,12 +515,6 @@ TEST_F(CInterface, WalkOverKeys) {
     EXPECT_EQ(zstzPropIter_addValue(iterator, "x"), ZPROP_ERR_ITERATOR);
     EXPECT_EQ(zstzPropIter_rmvValue(iterator), ZPROP_ERR_ITERATOR);
     EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
-
-    iterator = walk("missing", nullptr);
-    EXPECT_EQ(zstzPropIter_numKeys(iterator, &err), 0);
-    EXPECT_EQ(zstzPropIter_next(iterator, &err), 0);
-    EXPECT_EQ(err, ZPROP_OK);
-    EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
 }
 
 TEST_F(CInterface, WalkOverValues) {
