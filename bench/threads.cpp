@@ -5,8 +5,12 @@
 // until the work has been done ("done"). What comes after belongs to neither: before the next turn
 // the sleeper has gone idle again, and the std::thread has been joined.
 //
-//   bench_threads [ROUNDS [TURNS]]   medians of the turns of each round; the last table tells the
-//                                    median of the rounds
+// Once on one processor, and once wherever the system puts the threads: there, what is measured is
+// mostly what it costs to wake a processor that is idle, which differs from run to run.
+//
+//   bench_threads [ROUNDS [TURNS]]   medians of the turns of each round; the table tells the median
+//                                    of the rounds
+#include <sched.h>
 #include <semaphore.h>
 
 #include <algorithm>
@@ -128,19 +132,13 @@ struct Ratio {
         started.push_back(medianOf(theirs));
         ratio.push_back(pool.back() / started.back());
     }
-    void print() const {
-        printf("%-12s %12.2f %12.2f  %.2f of std::thread\n", what, medianOf(pool),
+    void print(const char* where) const {
+        printf("%-15s %-12s %9.2f %9.2f  %.2f of std::thread\n", where, what, medianOf(pool),
                medianOf(started), medianOf(ratio));
     }
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::max(1, atoi(argv[1])) : 9;
-    const int turns = argc > 2 ? std::max(1, atoi(argv[2])) : 2000;
-    setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
-
+void measure(const char* where, int rounds, int turns) {
     PoolTurns pool;
     StdTurns started;
     Ratio handedOver = {"handed over", {}, {}, {}}, done = {"done", {}, {}, {}};
@@ -153,7 +151,24 @@ int main(int argc, char** argv) {
         handedOver.add(ours.handedOver, theirs.handedOver);
         done.add(ours.done, theirs.done);
     }
-    printf("%-12s %12s %12s  ratio\n", "", "pool (us)", "new (us)");
-    handedOver.print();
-    done.print();
+    handedOver.print(where);
+    done.print(where);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int rounds = argc > 1 ? std::max(1, atoi(argv[1])) : 9;
+    const int turns = argc > 2 ? std::max(1, atoi(argv[2])) : 2000;
+    setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
+
+    cpu_set_t all, first;
+    sched_getaffinity(0, sizeof all, &all);
+    CPU_ZERO(&first);
+    CPU_SET(sched_getcpu(), &first);
+    printf("%-28s %9s %9s  ratio\n", "", "pool (us)", "new (us)");
+    sched_setaffinity(0, sizeof first, &first);
+    measure("one processor", rounds, turns);
+    sched_setaffinity(0, sizeof all, &all);
+    measure("all processors", rounds, turns);
 }
