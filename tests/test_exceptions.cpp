@@ -55,69 +55,60 @@ struct ReportCase {
     std::string text;
 };
 
-// A report by an exception of the class; REPORT: under its name; RESOURCE: under that of all locks.
-#define NAMED(name, number, text, Class, arguments)                  \
-    {                                                                \
-        [] { return Made(new Class arguments); }, name, number, text \
-    }
-#define REPORT(number, text, Class, arguments) NAMED(#Class, number, text, Class, arguments)
-#define RESOURCE(number, text, Class, arguments) \
-    NAMED("ZResourceException", number, text, Class, arguments)
+// A report by an exception of the class: P of properties, R of locks (all by one name), Z the rest.
+#define NAMED(name, number, text, ...) {[] { return Made(new __VA_ARGS__); }, name, number, text}
+#define Z(number, text, Class, ...) NAMED("Z" #Class, number, text, Z##Class(__VA_ARGS__))
+#define P(number, text, Class, ...) Z(number, text, Properties##Class##Exception, __VA_ARGS__)
+#define R(number, text, Class, ...) \
+    NAMED("ZResourceException", number, text, Z##Class##ResourceException(__VA_ARGS__))
 
 const char kNoText[] = "No default text defined in ZMessage for the exception\n";
 
+// clang-format off
 const ReportCase kReports[] = {
-    REPORT(1, "Memory allocation failure.", ZOutOfMemoryException, ()),
-    REPORT(2, "iconv_open failed for codepage A to B conversion. errno = 22.", ZConverterException,
-           (2, 22, "A", "B")),
-    RESOURCE(3, "Unexpected error from pthread_mutex_init().  rc = 12.", ZCreateResourceException,
-             (3, 12)),
-    RESOURCE(5, "Unexpected error from pthread_mutex_lock().  rc = -1.", ZLockResourceException,
-             (5, -1)),
-    REPORT(27, "Unexpected error from pthread_cond_broadcast().  rc = 4.", ZConditionException,
-           (27, 4)),
-    REPORT(20, "Unexpected error from pthread_join().  rc = 3.", ZThreadException, (20, 3)),
-    REPORT(31, "The requested function is not implemented.", ZAbstractNotImplementedException,
-           ("x")),
-    RESOURCE(32, "An unexpected lock state was detected.  The current lock state is read.",
-             ZInvalidResourceStateException, ("read")),
-    RESOURCE(37, "Create failed for a process lock.  rc = 13 and the lock file name is /l.",
-             ZOpenResourceException, (37, 13, "/l")),
-    RESOURCE(38, "Close failed for a process lock.  rc = 5 and the lock file name is /l.",
-             ZCloseResourceException, (38, 5, "/l")),
-    REPORT(28, "The configuration file f is missing the required attribute k in stanza c.",
-           ZPropertiesMissingPropertyException, ("f", "c", "k")),
-    REPORT(39, "The configuration file f has an invalid value v for key k in stanza c.",
-           ZPropertiesInvalidValueException, ("f", "c", "k", "v")),
+    Z(1, "Memory allocation failure.", OutOfMemoryException, ),
+    Z(2, "iconv_open failed for codepage A to B conversion. errno = 22.", ConverterException,
+      2, 22, "A", "B"),
+    R(3, "Unexpected error from pthread_mutex_init().  rc = 12.", Create, 3, 12),
+    R(5, "Unexpected error from pthread_mutex_lock().  rc = -1.", Lock, 5, -1),
+    Z(27, "Unexpected error from pthread_cond_broadcast().  rc = 4.", ConditionException, 27, 4),
+    Z(20, "Unexpected error from pthread_join().  rc = 3.", ThreadException, 20, 3),
+    Z(31, "The requested function is not implemented.", AbstractNotImplementedException, "x"),
+    NAMED("ZResourceException", 32,
+          "An unexpected lock state was detected.  The current lock state is read.",
+          ZInvalidResourceStateException("read")),
+    R(37, "Create failed for a process lock.  rc = 13 and the lock file name is /l.", Open,
+      37, 13, "/l"),
+    R(38, "Close failed for a process lock.  rc = 5 and the lock file name is /l.", Close,
+      38, 5, "/l"),
+    P(28, "The configuration file f is missing the required attribute k in stanza c.",
+      MissingProperty, "f", "c", "k"),
+    P(39, "The configuration file f has an invalid value v for key k in stanza c.",
+      InvalidValue, "f", "c", "k", "v"),
     NAMED("ZPropertiesInvalidValueException", 40,
           "The configuration file f has an invalid numeric value v for key k in stanza c.",
-          ZPropertiesInvalidNumValueException, ("f", "c", "k", "v")),
+          ZPropertiesInvalidNumValueException("f", "c", "k", "v")),
     NAMED("ZPropertiesInvalidValueException", 41,
           "The configuration file f has an invalid boolean value v for key k in stanza c.",
-          ZPropertiesInvalidBoolValueException, ("f", "c", "k", "v")),
-    REPORT(42, "The iterator for  configuration file f is in an invalid state for the operation",
-           ZPropertiesIteratorException, ("f")),
-    REPORT(43,
-           "Access failed for configuration file f.  The access function was fopen(w) and "
-           "return code was 22",
-           ZPropertiesIOException, ("f", "fopen(w)", 22)),
-    REPORT(44, "The configuration file \"f\" contains invalid data at line 7.\nData: \"d\"",
-           ZPropertiesInvalidDataException, ("f", "d", 7)),
-    REPORT(49, "Local codeset LOCAL string could not be converted to UTF-8.", ZToUTF8Exception, ()),
-    REPORT(50, "UTF-8 string could not be converted to the local codeset LOCAL.",
-           ZFromUTF8Exception, ()),
-    REPORT(51, "Shared library load/unload error (l) 2.  m", ZSharedLibraryLoadException,
-           ("l", "m", 2)),
-    REPORT(52, "Shared library resolve error (l:s) 3.  m", ZSharedLibraryResolveException,
-           ("l", "s", "m", 3)),
-    REPORT(53, "Unexpected end of file encounted while reading w.", ZUnexpectedEndOfFile, ("w")),
-    REPORT(54, "Internal error encountered while loading Java property file w.",
-           ZJavaPropertyParseException, ("w")),
-    REPORT(0, kNoText, ZThreadException, (0, 1)),
-    REPORT(23, kNoText, ZThreadException, (23, 1)),
-    REPORT(55, kNoText, ZThreadException, (55, 1)),
-    REPORT(-1, kNoText, ZThreadException, (-1, 1)),
+          ZPropertiesInvalidBoolValueException("f", "c", "k", "v")),
+    P(42, "The iterator for  configuration file f is in an invalid state for the operation",
+      Iterator, "f"),
+    P(43, "Access failed for configuration file f.  The access function was fopen(w) and "
+      "return code was 22", IO, "f", "fopen(w)", 22),
+    P(44, "The configuration file \"f\" contains invalid data at line 7.\nData: \"d\"",
+      InvalidData, "f", "d", 7),
+    Z(49, "Local codeset LOCAL string could not be converted to UTF-8.", ToUTF8Exception, ),
+    Z(50, "UTF-8 string could not be converted to the local codeset LOCAL.", FromUTF8Exception, ),
+    Z(51, "Shared library load/unload error (l) 2.  m", SharedLibraryLoadException, "l", "m", 2),
+    Z(52, "Shared library resolve error (l:s) 3.  m", SharedLibraryResolveException,
+      "l", "s", "m", 3),
+    Z(53, "Unexpected end of file encounted while reading w.", UnexpectedEndOfFile, "w"),
+    Z(54, "Internal error encountered while loading Java property file w.",
+      JavaPropertyParseException, "w"),
+    Z(0, kNoText, ThreadException, 0, 1), Z(23, kNoText, ThreadException, 23, 1),
+    Z(55, kNoText, ThreadException, 55, 1), Z(-1, kNoText, ThreadException, -1, 1),
 };
+// clang-format on
 
 TEST(Exceptions, ReportNameNumberAndInserts) {
     for (const ReportCase& c : kReports) {
