@@ -94,9 +94,8 @@ public:
 
     void remove(const string& s) {
         stanzas.erase(s);
-        items.erase(std::remove_if(items.begin(), items.end(),
-                                   [&](const auto& item) { return item.first == s; }),
-                    items.end());
+        const auto isOfStanza = [&](const auto& item) { return item.first == s; };
+        items.erase(std::remove_if(items.begin(), items.end(), isOfStanza), items.end());
     }
 
     // The index behind the stanza's header, or npos.

@@ -95,6 +95,12 @@ protected:
         return iterator;
     }
 
+    // Waits for ever if somebody has the lock.
+    void expectFree() {
+        std::thread([this] { EXPECT_EQ(zstzPropNumStanzas(handle, &err), 2); }).join();
+        EXPECT_EQ(err, ZPROP_OK);
+    }
+
     TempFolder folder;
     string path;
     ZPROP_handle* handle = nullptr;
@@ -345,10 +351,7 @@ TEST_F(CInterface, TypedValues) {
         const char *stanza, *key;
         int required;
         const char* text;
-        int textError;
-        unsigned int number;
-        int numberError;
-        int truth, truthError;
+        int textError, number, numberError, truth, truthError;
     } const cases[] = {
         {"one", "number", 1, "0x10", 0, 16, 0, 0, 53},
         {"one", "word", 0, "12abc", 0, 0, 53, 0, 53},
@@ -365,7 +368,8 @@ TEST_F(CInterface, TypedValues) {
         int err = kUntouched;
         EXPECT_EQ(taken(zstzPropGetStringValue(handle, c.stanza, c.key, c.required, &err)), c.text);
         EXPECT_EQ(err, c.textError);
-        EXPECT_EQ(zstzPropGetIntegerValue(handle, c.stanza, c.key, c.required, &err), c.number);
+        EXPECT_EQ(zstzPropGetIntegerValue(handle, c.stanza, c.key, c.required, &err),
+                  static_cast<unsigned int>(c.number));
         EXPECT_EQ(err, c.numberError);
         EXPECT_EQ(zstzPropGetBooleanValue(handle, c.stanza, c.key, c.required, &err), c.truth);
         EXPECT_EQ(err, c.truthError);
@@ -635,10 +639,7 @@ TEST_F(CInterface, AWalkIsClosedByItsOwnThreadAlone) {
     Iterator iterator = walk("one", nullptr);
     std::thread([iterator] { EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_ERR_PARAM); }).join();
     EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
-    std::thread([this] {
-        int err = kUntouched;
-        EXPECT_EQ(zstzPropNumStanzas(handle, &err), 2);  // the lock is free
-    }).join();
+    expectFree();
 }
 
 // Runs `body` in a thread, cancels that once `ready` is done, then does `afterwards`.
@@ -681,11 +682,7 @@ TEST_F(CInterface, ACancelledStoreGivesItsLockBack) {
                      }
                  });
     close(reader);
-    std::thread([this] {
-        int err = kUntouched;
-        EXPECT_EQ(zstzPropNumStanzas(handle, &err), 2);  // waits for ever if the lock is held
-        EXPECT_EQ(err, ZPROP_OK);
-    }).join();
+    expectFree();
 }
 #endif
 

@@ -20,13 +20,17 @@ using std::string;
 
 namespace {
 
+string ioFailure(const char* call, int error, const string& file) {
+    return string(call) + " " + std::to_string(error) + " " + file;
+}
+
 // What an I/O failure told: "call errno file", or "" if there was none.
 template <typename Call>
 string failureOf(Call call) {
     try {
         call();
     } catch (ZPropertiesIOException& e) {
-        return string(e.api()) + " " + std::to_string(e.excerrno()) + " " + e.propFile();
+        return ioFailure(e.api(), e.excerrno(), e.propFile());
     }
     return "";
 }
@@ -35,10 +39,6 @@ string text(const ZProperties& p, const char* stanza, const char* key) {
     ZLCString out;
     p.getValue(stanza, key, out, 0, nullptr);
     return out.getChars();
-}
-
-string ioFailure(const char* call, int error, const string& file) {
-    return string(call) + " " + std::to_string(error) + " " + file;
 }
 
 // A record lock on a file as another process would hold it: it belongs to its descriptor.
@@ -252,8 +252,8 @@ TEST(SideFile, MustBeAFileOfItsOwn) {
         // Without hidden keys a store would remove it, with them it would overwrite it.
         for (const char* value : {"", "hidden"}) {
             p.setValue("s", "h", value, 1);
-            const string failure = failureOf([&] { p.store(nullptr); });
-            EXPECT_EQ(failure, c.storeRefuses ? ioFailure("fopen(w)", EINVAL, side) : "");
+            EXPECT_EQ(failureOf([&] { p.store(nullptr); }),
+                      c.storeRefuses ? ioFailure("fopen(w)", EINVAL, side) : "");
             if (c.storeRefuses) {
                 EXPECT_EQ(TempFolder::read(path), content);
                 struct stat status;
@@ -283,10 +283,8 @@ TEST(SideFile, IsReadWithoutStandardInput) {
 // ---------------------------------------------------------------- locales
 
 struct LocaleCase {
-    const char* locale;
-    const char* local;  // a text as the file holds it
-    const char* utf8;
-    const char* foreign;  // UTF-8 that the locale can't hold; null: it holds all
+    const char *locale, *local, *utf8;  // a text as the file holds it, and in UTF-8
+    const char* foreign;                // UTF-8 that the locale can't hold; null: it holds all
 };
 
 const LocaleCase kLocales[] = {
@@ -299,33 +297,31 @@ const LocaleCase kLocales[] = {
 
 // The file's bytes stay what they are; UTF-8 is there at the interface alone.
 TEST(Locales, DISABLED_One) {
-    for (const LocaleCase& c : kLocales) {
-        if (string(c.locale) != getenv("LC_ALL"))
-            continue;
-        TempFolder folder;
-        // The path holds such text too.
-        const string path = folder.write(string("a ") + c.local + ".conf",
-                                         string("[s]\nk = ") + c.local + "\nm = 1\n");
-        ZStanzaFileProperties p(path.c_str(), 1);
-        EXPECT_EQ(text(p, "s", "k"), c.local);
-        ZUTF8String utf8;
-        p.getValue("s", "k", utf8, 1, nullptr);
-        EXPECT_STREQ(utf8.getChars(), c.utf8);
-        p.setValue("s", "m", utf8);
-        p.setValue("s", "h", c.local, 1);
-        p.store(nullptr);
-        EXPECT_EQ(TempFolder::read(path), string("[s]\nk = ") + c.local + "\nm = " + c.local +
-                                              "\n\n[configuration-database]\nfile = " + path +
-                                              ".obf\n");
-        ZStanzaFileProperties again(path.c_str(), 1);
-        EXPECT_EQ(text(again, "s", "h"), c.local);
-        if (c.foreign != nullptr) {
-            again.setValue("s", "m", ZUTF8String(c.foreign));
-            EXPECT_EQ(text(again, "s", "m"), "");
-        }
-        return;
+    const LocaleCase* found = kLocales;
+    while (string(found->locale) != getenv("LC_ALL"))
+        ++found;
+    const LocaleCase& c = *found;
+    TempFolder folder;
+    // The path holds such text too.
+    const string path =
+        folder.write(string("a ") + c.local + ".conf", string("[s]\nk = ") + c.local + "\nm = 1\n");
+    ZStanzaFileProperties p(path.c_str(), 1);
+    EXPECT_EQ(text(p, "s", "k"), c.local);
+    ZUTF8String utf8;
+    p.getValue("s", "k", utf8, 1, nullptr);
+    EXPECT_STREQ(utf8.getChars(), c.utf8);
+    p.setValue("s", "m", utf8);
+    p.setValue("s", "h", c.local, 1);
+    p.store(nullptr);
+    EXPECT_EQ(TempFolder::read(path), string("[s]\nk = ") + c.local + "\nm = " + c.local +
+                                          "\n\n[configuration-database]\nfile = " + path +
+                                          ".obf\n");
+    ZStanzaFileProperties again(path.c_str(), 1);
+    EXPECT_EQ(text(again, "s", "h"), c.local);
+    if (c.foreign != nullptr) {
+        again.setValue("s", "m", ZUTF8String(c.foreign));
+        EXPECT_EQ(text(again, "s", "m"), "");
     }
-    FAIL() << "no such case";
 }
 
 TEST(Locales, KeepTheirTextAndGiveUTF8) {
