@@ -170,8 +170,7 @@ TEST(Properties, ArgumentsMayBeTextsOfTheirTargets) {
 // ---------------------------------------------------------------- changes and notices
 
 // Writes down what it is told.
-class Recorder : public ZObserverInterface {
-public:
+struct Recorder : ZObserverInterface {
     void update(ZObservableInterface*, const ZObservedParm& parm) override {
         const ZPropertyChanged& change = static_cast<const ZPropertyChanged&>(parm);
         static const char* const kTypes[] = {"added", "deleted", "modified"};
@@ -293,9 +292,8 @@ TEST(KeyWalk, GoesInFileOrderAndTellsWhereItIs) {
 }
 
 TEST(KeyWalk, AsksItsOwnGetValues) {
-    class Upper : public ZPropertiesIterator {
-    public:
-        explicit Upper(ZProperties& p) : ZPropertiesIterator(p, "s") {}
+    struct Asked : ZPropertiesIterator {
+        using ZPropertiesIterator::ZPropertiesIterator;
         ZArrayList* getValues(const char* name) override {
             asked += name;
             return ZPropertiesIterator::getValues(name);
@@ -305,7 +303,7 @@ TEST(KeyWalk, AsksItsOwnGetValues) {
     Loaded p("[s]\na = 1\nb = 2\nc = 3\n");
     p.setValue("s", "b", "");
     p.setValue("s", "b", "hidden", 1);
-    Upper walk(p);
+    Asked walk(p, "s");
     walk.nextEntry();
     walk.nextEntry();
     // What it came to is what it shows, though the key changes its kind meanwhile.
