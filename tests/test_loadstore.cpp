@@ -1,4 +1,4 @@
-// Load, store and the registry on real files.
+// Load, store and the registry on real files and beside the locks of others.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
