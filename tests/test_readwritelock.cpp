@@ -6,17 +6,17 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "Z/ZReadWriteLock.h"
 #include "support/Asleep.h"
 #include "support/ExceptionNumber.h"
+#include "support/Gate.h"
 #include "support/RecordingService.h"
 
 namespace {
@@ -31,21 +31,6 @@ State stateOf(const ZAbstractReadWriteLock& lock) {
             return state;
     }
     return static_cast<State>(-1);
-}
-
-// What a request came to.
-enum Outcome { granted, waits, raises5, raises6 };
-
-enum Request { readLock, protectLock, promoteLock, writeLock, unlock };
-
-void request(ZAbstractReadWriteLock& lock, Request what) {
-    switch (what) {
-        case readLock: return lock.readLock();
-        case protectLock: return lock.readWithIntentToWriteLock();
-        case promoteLock: return lock.promoteReadToWriteLock();
-        case writeLock: return lock.writeLock();
-        case unlock: return lock.unlock();
-    }
 }
 
 // A thread that does what it is told, so that a test can hold locks in several.
@@ -67,29 +52,19 @@ public:
     int run(std::function<void()> action) { return begin(action).get(); }
 
 private:
-    void give(std::function<void()> task) {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        tasks_.push_back(task);
-        condition_.notify_one();
-    }
+    void give(std::function<void()> task) { task_ = task, given_.open(); }
     void work() {
         for (;;) {
-            std::function<void()> task;
-            {
-                std::unique_lock<std::mutex> guard(mutex_);
-                condition_.wait(guard, [this] { return !tasks_.empty(); });
-                task = tasks_.front();
-                tasks_.erase(tasks_.begin());
-            }
+            given_.await();
+            const std::function<void()> task = task_;
             if (!task)
                 return;
             task();
         }
     }
 
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    std::vector<std::function<void()>> tasks_;
+    std::function<void()> task_;
+    Gate given_;
     std::thread thread_;
 };
 
@@ -109,108 +84,95 @@ std::future<int> beginWaiting(Hand& hand, std::function<void()> action) {
     return result;
 }
 
+// A state by its letter, and the number of threads that read.
+std::string situationOf(Lock& lock) {
+    return std::string(1, "URPW"[stateOf(lock)]) + std::to_string(lock.getReaderCount());
+}
+
+// What each request comes to: the situation after it, and the number that it raises, if not that it
+// waits.
 struct Row {
-    const char* name;
-    State state;      // that the lock is brought into
-    int readers;      // other threads that read then
-    bool byCaller;    // the caller is who holds protect or write
-    Request what;
-    Outcome outcome;
-    State after;      // where granted
-    int readersAfter;
+    const char* from;
+    bool own;  // the caller is who holds protect or write
+    const char* ends[5];
 };
 
 // The lock is brought into the row's state by the caller or a second thread, and a third one takes
 // the read locks. In write with readers the second thread is one that promotes and waits for them.
 const Row kRows[] = {
-    {"UnsetRead", unset, 0, false, readLock, granted, read, 1},
-    {"UnsetProtect", unset, 0, false, protectLock, granted, protect, 0},
-    {"UnsetPromote", unset, 0, false, promoteLock, raises5, unset, 0},
-    {"UnsetWrite", unset, 0, false, writeLock, granted, write, 0},
-    {"UnsetUnlock", unset, 0, false, unlock, raises6, unset, 0},
-    {"ReadRead", read, 1, false, readLock, granted, read, 2},
-    {"ReadProtect", read, 2, false, protectLock, granted, protect, 2},
-    {"ReadPromote", read, 1, false, promoteLock, raises5, read, 1},
-    {"ReadWrite", read, 1, false, writeLock, waits, read, 1},
-    {"ReadUnlockLast", read, 1, false, unlock, granted, unset, 0},
-    {"ReadUnlock", read, 2, false, unlock, granted, read, 1},
-    {"ProtectRead", protect, 0, false, readLock, granted, protect, 1},
-    {"ProtectReadBehindReaders", protect, 2, false, readLock, granted, protect, 3},
-    {"ProtectProtect", protect, 0, false, protectLock, waits, protect, 0},
-    {"ProtectPromoteByAnother", protect, 0, false, promoteLock, raises5, protect, 0},
-    {"ProtectWrite", protect, 0, false, writeLock, waits, protect, 0},
-    {"ProtectUnlockByAReader", protect, 1, false, unlock, granted, protect, 0},
-    {"ProtectUnlockByNobody", protect, 0, false, unlock, raises6, protect, 0},
-    {"OwnProtectRead", protect, 0, true, readLock, raises5, protect, 0},
-    {"OwnProtectProtect", protect, 1, true, protectLock, raises5, protect, 1},
-    {"OwnProtectPromote", protect, 0, true, promoteLock, granted, write, 0},
-    {"OwnProtectPromoteOverReaders", protect, 1, true, promoteLock, waits, write, 1},
-    {"OwnProtectWrite", protect, 0, true, writeLock, raises5, protect, 0},
-    {"OwnProtectUnlock", protect, 0, true, unlock, granted, unset, 0},
-    {"OwnProtectUnlockOverReaders", protect, 2, true, unlock, granted, read, 2},
-    {"WriteRead", write, 0, false, readLock, waits, write, 0},
-    {"WriteProtect", write, 0, false, protectLock, waits, write, 0},
-    {"WritePromoteByAnother", write, 0, false, promoteLock, raises5, write, 0},
-    {"WriteWrite", write, 0, false, writeLock, waits, write, 0},
-    {"WriteUnlockByNobody", write, 0, false, unlock, raises6, write, 0},
-    {"DrainingRead", write, 1, false, readLock, waits, write, 1},
-    {"DrainingProtect", write, 1, false, protectLock, waits, write, 1},
-    {"DrainingWrite", write, 1, false, writeLock, waits, write, 1},
-    {"DrainingUnlockByAReader", write, 2, false, unlock, granted, write, 1},
-    {"OwnWriteRead", write, 0, true, readLock, raises5, write, 0},
-    {"OwnWriteProtect", write, 0, true, protectLock, raises5, write, 0},
-    {"OwnWritePromote", write, 0, true, promoteLock, raises5, write, 0},
-    {"OwnWriteWrite", write, 0, true, writeLock, raises5, write, 0},
-    {"OwnWriteUnlock", write, 0, true, unlock, granted, unset, 0},
+    //            read        protect     promote     write       unlock
+    {"U0", false, {"R1",       "P0",       "U0 5",     "W0",       "U0 6"}},
+    {"R1", false, {"R2",       "P1",       "R1 5",     "R1 waits", "U0"}},
+    {"R2", false, {"R3",       "P2",       "R2 5",     "R2 waits", "R1"}},
+    {"P0", false, {"P1",       "P0 waits", "P0 5",     "P0 waits", "P0 6"}},
+    {"P1", false, {"P2",       "P1 waits", "P1 5",     "P1 waits", "P0"}},
+    {"P2", false, {"P3",       "P2 waits", "P2 5",     "P2 waits", "P1"}},
+    {"P0", true,  {"P0 5",     "P0 5",     "W0",       "P0 5",     "U0"}},
+    {"P1", true,  {"P1 5",     "P1 5",     "W1 waits", "P1 5",     "R1"}},
+    {"P2", true,  {"P2 5",     "P2 5",     "W2 waits", "P2 5",     "R2"}},
+    {"W0", false, {"W0 waits", "W0 waits", "W0 5",     "W0 waits", "W0 6"}},
+    {"W1", false, {"W1 waits", "W1 waits", "W1 5",     "W1 waits", "W0"}},
+    {"W2", false, {"W2 waits", "W2 waits", "W2 5",     "W2 waits", "W1"}},
+    {"W0", true,  {"W0 5",     "W0 5",     "W0 5",     "W0 5",     "U0"}},
 };
+void (ZAbstractReadWriteLock::*const kRequests[])() = {
+    &ZAbstractReadWriteLock::readLock, &ZAbstractReadWriteLock::readWithIntentToWriteLock,
+    &ZAbstractReadWriteLock::promoteReadToWriteLock, &ZAbstractReadWriteLock::writeLock,
+    &ZAbstractReadWriteLock::unlock};
+const char kGoals[] = "RPWW";  // what a request that waits gets in the end
 
-class Transition : public testing::TestWithParam<Row> {};
-
-TEST_P(Transition, EndsAsTheTableSays) {
-    const Row& row = GetParam();
+void expectEnd(const Row& row, int what) {
+    const std::string end = row.ends[what];
+    SCOPED_TRACE(std::string(row.from) + (row.own ? " own" : "") + ", " + std::to_string(what));
     Lock lock;
     Hand caller, other, reader;
-    for (int i = 0; i < row.readers; ++i)
+    const int readers = row.from[1] - '0';
+    for (int i = 0; i < readers; ++i)
         reader.run([&] { lock.readLock(); });
-    Hand& holder = row.byCaller ? caller : other;
+    Hand& holder = row.own ? caller : other;
+    const auto promote = [&] { lock.promoteReadToWriteLock(); };
     std::future<int> promoted;
-    if (row.state == protect || row.state == write)
+    if (row.from[0] == 'P' || row.from[0] == 'W')
         holder.run([&] { lock.readWithIntentToWriteLock(); });
-    if (row.state == write && row.readers > 0)
-        promoted = beginWaiting(holder, [&] { lock.promoteReadToWriteLock(); });
-    else if (row.state == write)
-        holder.run([&] { lock.promoteReadToWriteLock(); });
-    ASSERT_EQ(stateOf(lock), row.state);
+    if (row.from[0] == 'W')
+        promoted = readers > 0 ? beginWaiting(holder, promote) : holder.begin(promote);
+    if (promoted.valid() && readers == 0)
+        promoted.wait();
+    ASSERT_EQ(situationOf(lock), row.from);
 
-    const auto action = [&] { request(lock, row.what); };
-    std::future<int> result =
-        row.outcome == waits ? beginWaiting(caller, action) : caller.begin(action);
-    if (row.outcome == waits) {
-        EXPECT_FALSE(done(result));
-    } else {
-        EXPECT_EQ(result.get(), row.outcome == granted ? 0 : row.outcome == raises5 ? 5 : 6);
-    }
-    EXPECT_EQ(stateOf(lock), row.after);
-    EXPECT_EQ(lock.getReaderCount(), row.readersAfter);
+    const auto action = [&] { (lock.*kRequests[what])(); };
+    const bool waits = end.find("waits") != std::string::npos;
+    std::future<int> result = waits ? beginWaiting(caller, action) : caller.begin(action);
+    const int raised = waits ? 0 : result.get();
+    EXPECT_EQ(situationOf(lock) + (waits         ? " waits"
+                                   : raised != 0 ? " " + std::to_string(raised)
+                                                 : ""),
+              end);
 
     // What waits is granted once the others have left.
-    if (row.outcome == waits || promoted.valid()) {
-        for (int i = lock.getReaderCount(); i > 0; --i)
+    if (waits || promoted.valid()) {
+        for (int i = lock.getReaderCount(); i > 0; --i) {
+            EXPECT_FALSE(waits && done(result));
             EXPECT_EQ(reader.run([&] { lock.unlock(); }), 0);
+        }
         EXPECT_EQ(promoted.valid() ? promoted.get() : 0, 0);
     }
-    if (row.outcome == waits) {
-        if (!row.byCaller && row.state != read)
+    if (waits) {
+        if (!row.own && row.from[0] != 'R') {
+            EXPECT_FALSE(done(result));
             other.run([&] { lock.unlock(); });
+        }
         EXPECT_EQ(result.get(), 0);
-        EXPECT_EQ(stateOf(lock), row.what == readLock      ? read
-                                 : row.what == protectLock ? protect
-                                                           : write);
+        EXPECT_EQ(situationOf(lock)[0], kGoals[what]);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, Transition, testing::ValuesIn(kRows),
-                         [](const testing::TestParamInfo<Row>& info) { return info.param.name; });
+TEST(ReadWriteLock, EachRequestEndsAsTheTableSaysFromEachState) {
+    for (const Row& row : kRows) {
+        for (int what = 0; what < 5; ++what)
+            expectEnd(row, what);
+    }
+}
 
 TEST(ReadWriteLock, WrongUseCarriesReturnCodeZero) {
     Lock lock;
@@ -222,22 +184,6 @@ TEST(ReadWriteLock, WrongUseCarriesReturnCodeZero) {
     lock.lock(unset);
     lock.lock(static_cast<State>(4));
     EXPECT_EQ(stateOf(lock), unset);
-}
-
-TEST(ReadWriteLock, PromotionStopsNewReadersAndWaitsForTheOldOnes) {
-    Lock lock;
-    Hand promoter, oldReader, newReader;
-    oldReader.run([&] { lock.readLock(); });
-    promoter.run([&] { lock.readWithIntentToWriteLock(); });
-    std::future<int> promoted = beginWaiting(promoter, [&] { lock.promoteReadToWriteLock(); });
-    std::future<int> entered = beginWaiting(newReader, [&] { lock.readLock(); });
-    EXPECT_FALSE(done(promoted));
-    EXPECT_EQ(lock.getReaderCount(), 1);
-    EXPECT_EQ(oldReader.run([&] { lock.unlock(); }), 0);
-    EXPECT_EQ(promoted.get(), 0);
-    EXPECT_FALSE(done(entered));
-    promoter.run([&] { lock.unlock(); });
-    EXPECT_EQ(entered.get(), 0);
 }
 
 TEST(ReadWriteLock, AWaitingWriterIsOvertakenByReaders) {
@@ -291,35 +237,25 @@ TEST(ReadWriteLock, KeepsWritersAloneAmongThreadsInAllModes) {
     Lock lock;
     int words[2] = {0, 0};
     const int rounds = 3000;
-    const auto change = [&] { ++words[0], ++words[1]; };
     std::atomic<int> unequal{0};
-    const auto look = [&] { unequal += words[0] != words[1]; };
+    const auto inside = [&](bool changes) {
+        unequal += words[0] != words[1];
+        if (changes)
+            ++words[0], ++words[1];
+    };
+    const std::function<void(int)> modes[] = {
+        [&](int) { lock.writeLock(), inside(true); },
+        [&](int i) {
+            lock.readWithIntentToWriteLock(), inside(false);
+            if (i % 2 == 0)
+                lock.promoteReadToWriteLock(), inside(true);
+        },
+        [&](int) { lock.readLock(), inside(false); }};
     std::vector<std::thread> team;
-    for (int t = 0; t < 2; ++t) {
-        team.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i) {
-                lock.writeLock();
-                change();
-                lock.unlock();
-            }
-        });
-        team.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i) {
-                lock.readWithIntentToWriteLock();
-                look();
-                if (i % 2 == 0) {
-                    lock.promoteReadToWriteLock();
-                    change();
-                }
-                lock.unlock();
-            }
-        });
-        team.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i) {
-                lock.readLock();
-                look();
-                lock.unlock();
-            }
+    for (int t = 0; t < 6; ++t) {
+        team.emplace_back([&, t] {
+            for (int i = 0; i < rounds; ++i)
+                modes[t % 3](i), lock.unlock();
         });
     }
     for (std::thread& thread : team)
@@ -339,25 +275,20 @@ TEST(ReadWriteLock, ACancelledWaiterLeavesTheStateAlone) {
     } waiter{lock, {}};
     std::future<pid_t> known = waiter.id.get_future();
     pthread_t thread;
-    pthread_create(
-        &thread, nullptr,
-        [](void* argument) -> void* {
-            Waiter& self = *static_cast<Waiter*>(argument);
-            self.id.set_value(gettid());
-            self.lock.writeLock();
-            return nullptr;
-        },
-        &waiter);
+    const auto body = [](void* argument) -> void* {
+        Waiter& self = *static_cast<Waiter*>(argument);
+        self.id.set_value(gettid());
+        return self.lock.writeLock(), nullptr;
+    };
+    pthread_create(&thread, nullptr, body, &waiter);
     untilAsleep(getpid(), known.get());
     pthread_cancel(thread);
     void* result;
     pthread_join(thread, &result);
     EXPECT_EQ(result, PTHREAD_CANCELED);
     EXPECT_EQ(stateOf(lock), write);
-    lock.unlock();
+    lock.unlock(), lock.writeLock(), lock.unlock();
     EXPECT_EQ(stateOf(lock), unset);
-    lock.writeLock();
-    lock.unlock();
 }
 
 TEST(StackReadWriteLock, GivesUpWhatIsHeldAndPassesCallsOn) {
