@@ -2,9 +2,9 @@
 
 #include <pthread.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 // The linker leads calls of malloc to __wrap_malloc, and calls of __real_malloc to the true one.
 extern "C" {
@@ -12,22 +12,15 @@ void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* block, size_t size);
 void __real_free(void* block);
-void* __wrap_malloc(size_t size);
-void* __wrap_calloc(size_t count, size_t size);
-void* __wrap_realloc(void* block, size_t size);
-char* __wrap_strdup(const char* text);
-void __wrap_free(void* block);
 }
 
 namespace {
 
 struct Plan {
-    unsigned long asked;
-    unsigned long nth;  // 0: nothing fails
+    unsigned long asked, nth;  // nth 0: nothing fails
     FailAllocations::Extent extent;
     FailAllocations::Answer answer;
-    bool failed;
-    bool tracks;
+    bool failed, tracks;
 };
 
 thread_local Plan plan;
@@ -43,34 +36,26 @@ bool failsNow() {
     return fails;
 }
 
-// The tracked blocks: open addressing in static memory, since it must not allocate. A slot that was
-// left holds kGone, so that those behind it are still found.
-const size_t kSlots = size_t(1) << 18;
-void* const kGone = reinterpret_cast<void*>(1);
-void* slots[kSlots];
-size_t slotsUsed;  // kGone included
-long liveBlocks;
+/// Takes the memory for the tracked blocks past the functions below.
+template <typename T>
+struct RealAllocator {
+    typedef T value_type;
+    RealAllocator() = default;
+    template <typename Other>
+    RealAllocator(const RealAllocator<Other>&) {}
+    T* allocate(size_t count) { return static_cast<T*>(__real_malloc(count * sizeof(T))); }
+    void deallocate(T* block, size_t) { __real_free(block); }
+};
+
+std::set<const void*, std::less<const void*>, RealAllocator<const void*>> tracked;
 bool isTracking;
 pthread_mutex_t trackLock = PTHREAD_MUTEX_INITIALIZER;
-
-size_t firstSlot(const void* block) {
-    return static_cast<size_t>((reinterpret_cast<uintptr_t>(block) >> 4) * uint64_t(0x9E3779B1)) %
-           kSlots;
-}
 
 void* noteAllocated(void* block) {
     if (block == nullptr || !plan.tracks)
         return block;
     pthread_mutex_lock(&trackLock);
-    if (isTracking) {
-        size_t i = firstSlot(block);
-        while (slots[i] != nullptr && slots[i] != kGone)
-            i = (i + 1) % kSlots;
-        if (slots[i] == nullptr && ++slotsUsed > kSlots / 2)
-            abort();
-        slots[i] = block;
-        ++liveBlocks;
-    }
+    tracked.insert(block);
     pthread_mutex_unlock(&trackLock);
     return block;
 }
@@ -79,15 +64,8 @@ void* noteAllocated(void* block) {
 bool noteFreed(const void* block) {
     if (block == nullptr || !__atomic_load_n(&isTracking, __ATOMIC_RELAXED))
         return false;
-    bool found = false;
     pthread_mutex_lock(&trackLock);
-    for (size_t i = firstSlot(block); !found && slots[i] != nullptr; i = (i + 1) % kSlots) {
-        if (slots[i] == block) {
-            slots[i] = kGone;
-            --liveBlocks;
-            found = true;
-        }
-    }
+    const bool found = tracked.erase(block) != 0;
     pthread_mutex_unlock(&trackLock);
     return found;
 }
@@ -99,29 +77,13 @@ void* allocateForNew(size_t size) {
     return block;
 }
 
-void* allocateForNew(size_t size, const std::nothrow_t&) {
-    return failsNow() ? nullptr : noteAllocated(__real_malloc(size != 0 ? size : 1));
-}
-
-void giveBack(void* block) {
-    noteFreed(block);
-    __real_free(block);
-}
-
 }  // namespace
 
 FailAllocations::FailAllocations(unsigned long nth, Extent extent, Answer answer) {
-    plan.asked = 0;
-    plan.extent = extent;
-    plan.answer = answer;
-    plan.failed = false;
-    plan.nth = nth;
+    plan = {0, nth, extent, answer, false, plan.tracks};
 }
 
-FailAllocations::~FailAllocations() {
-    plan.nth = 0;
-    plan.failed = false;
-}
+FailAllocations::~FailAllocations() { plan.nth = 0, plan.failed = false; }
 
 bool FailAllocations::failed() const { return plan.failed; }
 
@@ -129,10 +91,7 @@ unsigned long FailAllocations::asked() { return plan.asked; }
 
 TrackAllocations::TrackAllocations() {
     pthread_mutex_lock(&trackLock);
-    if (slotsUsed != 0)
-        memset(slots, 0, sizeof(slots));
-    slotsUsed = 0;
-    liveBlocks = 0;
+    tracked.clear();
     __atomic_store_n(&isTracking, true, __ATOMIC_RELAXED);
     pthread_mutex_unlock(&trackLock);
     plan.tracks = true;
@@ -143,7 +102,7 @@ TrackAllocations::~TrackAllocations() {
     __atomic_store_n(&isTracking, false, __ATOMIC_RELAXED);
 }
 
-long TrackAllocations::live() const { return liveBlocks; }
+long TrackAllocations::live() const { return static_cast<long>(tracked.size()); }
 
 extern "C" {
 
@@ -160,10 +119,8 @@ void* __wrap_realloc(void* block, size_t size) {
         return nullptr;
     const bool wasTracked = noteFreed(block);
     void* moved = __real_realloc(block, size);
-    if (moved != nullptr)
-        noteAllocated(moved);
-    else if (wasTracked)
-        noteAllocated(block);
+    if (moved != nullptr || wasTracked)
+        noteAllocated(moved != nullptr ? moved : block);
     return moved;
 }
 
@@ -173,7 +130,10 @@ char* __wrap_strdup(const char* text) {
     return copy != nullptr ? static_cast<char*>(memcpy(copy, text, size)) : nullptr;
 }
 
-void __wrap_free(void* block) { giveBack(block); }
+void __wrap_free(void* block) {
+    noteFreed(block);
+    __real_free(block);
+}
 
 }  // extern "C"
 
@@ -182,13 +142,7 @@ void __wrap_free(void* block) { giveBack(block); }
 
 MAY_GIVE_NULL void* operator new(size_t size) { return allocateForNew(size); }
 MAY_GIVE_NULL void* operator new[](size_t size) { return allocateForNew(size); }
-void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
-    return allocateForNew(size, tag);
-}
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-    return allocateForNew(size, tag);
-}
-void operator delete(void* block) noexcept { giveBack(block); }
-void operator delete[](void* block) noexcept { giveBack(block); }
-void operator delete(void* block, size_t) noexcept { giveBack(block); }
-void operator delete[](void* block, size_t) noexcept { giveBack(block); }
+void operator delete(void* block) noexcept { __wrap_free(block); }
+void operator delete[](void* block) noexcept { __wrap_free(block); }
+void operator delete(void* block, size_t) noexcept { __wrap_free(block); }
+void operator delete[](void* block, size_t) noexcept { __wrap_free(block); }

@@ -27,8 +27,6 @@ public:
 
     explicit FailAllocations(unsigned long nth, Extent extent = once, Answer answer = badAlloc);
     ~FailAllocations();
-    FailAllocations(const FailAllocations&) = delete;
-    FailAllocations& operator=(const FailAllocations&) = delete;
 
     /// Whether any allocation has failed yet.
     bool failed() const;
@@ -37,14 +35,11 @@ public:
     static unsigned long asked();
 };
 
-/// Remembers the blocks that this thread allocates while it lives, some 100,000 of them. One at a
-/// time in the process.
+/// Remembers the blocks that this thread allocates while it lives. One at a time in the process.
 class TrackAllocations {
 public:
     TrackAllocations();
     ~TrackAllocations();
-    TrackAllocations(const TrackAllocations&) = delete;
-    TrackAllocations& operator=(const TrackAllocations&) = delete;
 
     /// How many of them nobody has freed.
     long live() const;
@@ -74,23 +69,11 @@ unsigned long failEachAllocation(Attempt attempt, FailAllocations::Extent extent
                                  FailAllocations::Answer answer) {
     attempt();  // what is made once in a process is made now
     for (unsigned long nth = 1;; ++nth) {
-        bool failed;
-        long left;
-        {
-            TrackAllocations track;
-            {
-                FailAllocations failure(nth, extent, answer);
-                try {
-                    attempt();
-                } catch (ZOutOfMemoryException&) {
-                } catch (std::bad_alloc&) {
-                }
-                failed = failure.failed();
-            }
-            left = track.live();
-        }
+        const TrackAllocations track;
+        endsWithoutMemory(attempt, nth, extent, answer);
+        const long left = track.live();
         EXPECT_EQ(left, 0) << "blocks left when allocation " << nth << " failed";
-        if (!failed || left != 0)
+        if (FailAllocations::asked() < nth || left != 0)
             return nth - 1;
     }
 }
