@@ -13,19 +13,8 @@
 
 namespace {
 
-enum Call {
-    kNone,
-    kMutexInit,
-    kMutexLock,
-    kMutexUnlock,
-    kMutexDestroy,
-    kCondInit,
-    kCondWait,
-    kCondTimedWait,
-    kCondSignal,
-    kCondBroadcast,
-    kCondDestroy,
-};
+enum Call { kNone, kMutexInit, kMutexLock, kMutexUnlock, kMutexDestroy, kCondInit, kCondWait,
+            kCondTimedWait, kCondSignal, kCondBroadcast, kCondDestroy };
 
 // The call that is to fail next, once, and how.
 Call failingCall = kNone;
@@ -61,6 +50,9 @@ WRAP(kCondInit, pthread_cond_init,
      (pthread_cond_t * condition, const pthread_condattr_t* attributes), (condition, attributes))
 WRAP(kCondWait, pthread_cond_wait,
      (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex))
+WRAP((lastLimit = *limit, kCondTimedWait), pthread_cond_timedwait,
+     (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* limit),
+     (condition, mutex, limit))
 WRAP_PLAIN(kCondSignal, pthread_cond_signal, pthread_cond_t)
 WRAP_PLAIN(kCondBroadcast, pthread_cond_broadcast, pthread_cond_t)
 
@@ -74,14 +66,6 @@ WRAP_PLAIN(kCondBroadcast, pthread_cond_broadcast, pthread_cond_t)
     }
 WRAP_DESTROY(kMutexDestroy, pthread_mutex_destroy, pthread_mutex_t)
 WRAP_DESTROY(kCondDestroy, pthread_cond_destroy, pthread_cond_t)
-
-extern "C" int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
-extern "C" int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                                             const timespec* limit) {
-    lastLimit = *limit;
-    const int rc = failureOf(kCondTimedWait);
-    return rc != 0 ? rc : __real_pthread_cond_timedwait(condition, mutex, limit);
-}
 
 extern "C" int __real_clock_gettime(clockid_t clock, timespec* now);
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now) {
@@ -114,8 +98,8 @@ TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
     EXPECT_EQ(raisedWhenFails<ZCreateResourceException>(kMutexInit, EAGAIN, condition), "3/11");
     EXPECT_EQ(raisedWhenFails<ZConditionException>(kCondInit, ENOMEM, condition), "7/12");
     ZLock given;
-    EXPECT_EQ(raisedWhenFails<ZConditionException>(kCondInit, ENOMEM, [&] { ZCondition c(given); }),
-              "7/12");
+    const auto withGiven = [&] { ZCondition c(given); };
+    EXPECT_EQ(raisedWhenFails<ZConditionException>(kCondInit, ENOMEM, withGiven), "7/12");
     given.lock();
     EXPECT_EQ(depthOf(given), 1) << "a caller's lock survives";
     given.unlock();
@@ -124,15 +108,15 @@ TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
 
 TEST(FailingSystem, LeavesOwnerAndDepthOfALockAsTheyWere) {
     const RecordingService service;
-    ZLock lock;
-    EXPECT_EQ(raisedWhenFails<ZLockResourceException>(kMutexLock, EINVAL, [&] { lock.lock(); }),
-              "5/22");
-    EXPECT_EQ(depthOf(lock), 0);
-    lock.lock();
-    EXPECT_EQ(raisedWhenFails<ZUnlockResourceException>(kMutexUnlock, EPERM, [&] { lock.unlock(); }),
-              "6/1");
-    EXPECT_EQ(depthOf(lock), 1);
-    lock.unlock();
+    ZLock held;
+    const auto lock = [&] { held.lock(); };
+    const auto unlock = [&] { held.unlock(); };
+    EXPECT_EQ(raisedWhenFails<ZLockResourceException>(kMutexLock, EINVAL, lock), "5/22");
+    EXPECT_EQ(depthOf(held), 0);
+    lock();
+    EXPECT_EQ(raisedWhenFails<ZUnlockResourceException>(kMutexUnlock, EPERM, unlock), "6/1");
+    EXPECT_EQ(depthOf(held), 1);
+    unlock();
     EXPECT_EQ(service.reports(), Reports{});
 }
 
@@ -149,34 +133,29 @@ TEST(FailingSystem, IsReportedByDestructors) {
 }
 
 TEST(FailingSystem, IsReportedAndRaisedByConditions) {
-    struct Case {
-        const char* what;
-        Call call;
-        void (*action)(ZBooleanCondition&, int&);
-        const char* raised;
-        const char* report;
-    };
     static timespec far = {std::numeric_limits<time_t>::max(), 0};
-    const Case cases[] = {
-        {"wait", kCondWait, [](ZBooleanCondition& c, int&) { c.wait(); }, "9/22", "9: 22"},
-        {"wait for seconds", kCondTimedWait,
-         [](ZBooleanCondition& c, int& flag) { c.wait(100, flag); }, "9/22", "9: 22"},
-        {"wait until", kCondTimedWait,
-         [](ZBooleanCondition& c, int& flag) { c.wait(far, flag); }, "9/22", "9: 22"},
-        {"signal", kCondSignal, [](ZBooleanCondition& c, int&) { c.signal(); }, "10/22", "10: 22"},
-        {"broadcast", kCondBroadcast, [](ZBooleanCondition& c, int&) { c.broadcast(); }, "27/22",
-         "27: 22"},
+    const struct {
+        const char* number;
+        Call call;
+        void (*action)(ZBooleanCondition&, int& flag);
+    } cases[] = {
+        {"9", kCondWait, [](auto& c, auto&) { c.wait(); }},
+        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(100, flag); }},
+        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(far, flag); }},
+        {"10", kCondSignal, [](auto& c, auto&) { c.signal(); }},
+        {"27", kCondBroadcast, [](auto& c, auto&) { c.broadcast(); }},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        const std::string number = c.number;
         ZBooleanCondition condition;
         const ZResourceLock outer(*condition.getResource());
         const ZResourceLock inner(*condition.getResource());
         const RecordingService service;
         int flag = 0;
         const auto action = [&] { c.action(condition, flag); };
-        EXPECT_EQ(raisedWhenFails<ZConditionException>(c.call, EINVAL, action), c.raised);
-        EXPECT_EQ(service.reports(), Reports{c.report});
+        EXPECT_EQ(raisedWhenFails<ZConditionException>(c.call, EINVAL, action), number + "/22");
+        EXPECT_EQ(service.reports(), Reports{number + ": 22"});
         EXPECT_EQ(depthOf(*condition.getResource()), 2);
         EXPECT_EQ(flag, 0);
         EXPECT_EQ(condition.testCondition(), 0);
@@ -195,36 +174,30 @@ TEST(FailingSystem, AReportThatFailsHidesNothing) {
     const Raising service;
     {
         ZCondition condition;
-        EXPECT_EQ(raisedWhenFails<ZConditionException>(kCondSignal, EINVAL,
-                                                       [&] { condition.signal(); }),
-                  "10/22");
+        const auto signal = [&] { condition.signal(); };
+        EXPECT_EQ(raisedWhenFails<ZConditionException>(kCondSignal, EINVAL, signal), "10/22");
         failingCall = kCondDestroy;
     }
     EXPECT_EQ(failingCall, kNone);
 }
 
 TEST(Condition, CountsSecondsFromTheStartOfThePresentOne) {
-    struct Case {
-        long seconds;
-        time_t limit;
-    };
     static const timespec now = {1000000, 999999999};
-    const Case cases[] = {
+    const std::pair<long, time_t> cases[] = {
         {5, 1000005}, {0, 1000000}, {-1, 999999},
-        {std::numeric_limits<long>::max(), std::numeric_limits<time_t>::max()},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.seconds);
+        {std::numeric_limits<long>::max(), std::numeric_limits<time_t>::max()}};
+    for (const auto& [seconds, limit] : cases) {
+        SCOPED_TRACE(seconds);
         ZCondition condition;
         const ZResourceLock guard(*condition.getResource());
         int flag = 0;
         falseTime = &now;
         failingCall = kCondTimedWait;
         failure = ETIMEDOUT;
-        condition.wait(c.seconds, flag);
+        condition.wait(seconds, flag);
         falseTime = nullptr;
         EXPECT_EQ(flag, 1);
-        EXPECT_EQ(lastLimit.tv_sec, c.limit);
+        EXPECT_EQ(lastLimit.tv_sec, limit);
         EXPECT_EQ(lastLimit.tv_nsec, 0);
     }
 }
