@@ -13,8 +13,6 @@
 
 namespace {
 
-using Reports = std::vector<std::string>;
-
 // Runs `action` in a thread of its own and hands on its result: what another thread sees.
 template <typename Action>
 auto elsewhere(Action action) {
@@ -35,6 +33,13 @@ void unlockTimes(ZLock& lock, int times) {
         lock.unlock();
 }
 
+template <typename Action>
+void inFourThreads(Action action) {
+    std::future<void> team[4];
+    for (std::future<void>& member : team)
+        member = std::async(std::launch::async, action);
+}
+
 TEST(Lock, OnlyTheHolderUnlocksAndOnlyAsOftenAsItLocked) {
     ZLock lock;
     EXPECT_EQ(unlockResult(lock), "6/0") << "free";
@@ -48,21 +53,15 @@ TEST(Lock, OnlyTheHolderUnlocksAndOnlyAsOftenAsItLocked) {
 TEST(Lock, KeepsOthersOutUntilTheLastLevel) {
     ZLock lock;
     int shared = 0;  // guarded by lock; lost updates and the race detector show a hole
-    const int threads = 4, rounds = 5000;
-    std::vector<std::thread> team;
-    for (int t = 0; t < threads; ++t) {
-        team.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i) {
-                lockTimes(lock, 3);
-                unlockTimes(lock, 2);
-                ++shared;
-                lock.unlock();
-            }
-        });
-    }
-    for (std::thread& thread : team)
-        thread.join();
-    EXPECT_EQ(shared, threads * rounds);
+    inFourThreads([&] {
+        for (int i = 0; i < 5000; ++i) {
+            lockTimes(lock, 3);
+            unlockTimes(lock, 2);
+            ++shared;
+            lock.unlock();
+        }
+    });
+    EXPECT_EQ(shared, 4 * 5000);
 }
 
 TEST(Lock, CopiesAreFreeAndAssignmentChangesNothing) {
@@ -125,38 +124,33 @@ TEST(ResourceLock, ReportsAFailedUnlockOnlyWhileAnExceptionIsOnItsWay) {
     } catch (int) {
     }
     EXPECT_EQ(inCleanUp, "6/77") << "the guard began after the exception";
-    EXPECT_EQ(service.reports(), Reports{});
+    EXPECT_TRUE(service.reports().empty());
 
     try {
         const ZResourceLock guard(lock);
         throw 1;
     } catch (int) {
     }
-    EXPECT_EQ(service.reports(), Reports{"raised 6/77"});
+    EXPECT_EQ(service.reports(), std::vector<std::string>{"raised 6/77"});
 }
 
 TEST(Condition, RefusesToWaitWithoutTheLock) {
-    struct Case {
-        const char* what;
-        void (*call)(ZBooleanCondition&, int&);
-    };
     static timespec zero;
-    const Case cases[] = {
-        {"wait", [](ZBooleanCondition& c, int&) { c.ZCondition::wait(); }},
-        {"wait for seconds", [](ZBooleanCondition& c, int& flag) { c.ZCondition::wait(0, flag); }},
-        {"wait until", [](ZBooleanCondition& c, int& flag) { c.ZCondition::wait(zero, flag); }},
-        {"predicate wait", [](ZBooleanCondition& c, int& flag) { c.wait(zero, flag); }},
-        {"initCondition", [](ZBooleanCondition& c, int&) { c.initCondition(); }},
-        {"testCondition", [](ZBooleanCondition& c, int&) { c.testCondition(); }},
-        {"setCondition", [](ZBooleanCondition& c, int&) { c.setCondition(1); }},
-        {"validateLock", [](ZBooleanCondition& c, int&) { c.validateLock(); }},
-    };
+    void (*const calls[])(ZBooleanCondition&, int& flag) = {
+        [](auto& c, auto&) { c.ZCondition::wait(); },
+        [](auto& c, auto& flag) { c.ZCondition::wait(0, flag); },
+        [](auto& c, auto& flag) { c.ZCondition::wait(zero, flag); },
+        [](auto& c, auto& flag) { c.wait(zero, flag); },
+        [](auto& c, auto&) { c.initCondition(); },
+        [](auto& c, auto&) { c.testCondition(); },
+        [](auto& c, auto&) { c.setCondition(1); },
+        [](auto& c, auto&) { c.validateLock(); }};
     ZBooleanCondition condition;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& each : calls) {
+        SCOPED_TRACE(&each - calls);
         int flag = 42;
         const auto call = [&] {
-            return raisedBy<ZLockResourceException>([&] { c.call(condition, flag); });
+            return raisedBy<ZLockResourceException>([&] { each(condition, flag); });
         };
         EXPECT_EQ(call(), "5/0") << "free";
         condition.lock();
@@ -167,13 +161,11 @@ TEST(Condition, RefusesToWaitWithoutTheLock) {
 }
 
 TEST(Condition, AWaitGivesUpTheWholeDepthAndASignalBringsItBack) {
-    const auto untilZero = [](ZCondition& c, int& flag) {
-        timespec zero = {0, 0};
-        c.wait(zero, flag);
-    };
-    void (*const waits[])(ZCondition&, int&) = {
-        [](ZCondition& c, int& flag) { flag = 0, c.wait(); }, untilZero,  // no limit
-        [](ZCondition& c, int& flag) { c.wait(std::numeric_limits<long>::max(), flag); }};
+    static timespec zero;  // no limit
+    void (*const waits[])(ZCondition&, int& flag) = {
+        [](auto& c, auto& flag) { flag = 0, c.wait(); },
+        [](auto& c, auto& flag) { c.wait(zero, flag); },
+        [](auto& c, auto& flag) { c.wait(std::numeric_limits<long>::max(), flag); }};
     ZLock lock;
     for (const auto wait : waits) {
         ZCondition condition(lock);
@@ -206,10 +198,9 @@ TEST(Condition, TimesThatHavePassedEndTheWaitAtOnce) {
         int flag = 0, seen = 42, depth = 0;
     };
     static timespec past = {1, 0};
-    void (*const waits[])(ZCondition&, int&) = {
-        [](ZCondition& c, int& flag) { c.wait(0, flag); },
-        [](ZCondition& c, int& flag) { c.wait(past, flag); },
-        [](ZCondition& c, int& flag) { c.wait(std::numeric_limits<long>::min(), flag); }};
+    void (*const waits[])(ZCondition&, int& flag) = {
+        [](auto& c, auto& flag) { c.wait(0, flag); }, [](auto& c, auto& flag) { c.wait(past, flag); },
+        [](auto& c, auto& flag) { c.wait(std::numeric_limits<long>::min(), flag); }};
     for (const auto wait : waits) {
         Hooked condition;
         lockTimes(*condition.getResource(), 2);
@@ -225,27 +216,25 @@ TEST(Condition, ABroadcastWakesAllWhoWait) {
     ZLock lock;
     ZCondition go(lock), ready(lock);  // two conditions, one lock
     int waiting = 0, told = 0, woken = 0;
-    std::vector<std::thread> team;
-    for (int i = 0; i < 3; ++i) {
-        team.emplace_back([&] {
+    std::thread teller([&] {
+        {
             const ZResourceLock guard(lock);
-            ++waiting;
-            ready.signal();
-            while (!told)
-                go.wait();
-            ++woken;
-        });
-    }
-    {
+            while (waiting < 4)
+                ready.wait();
+            told = 1;
+        }
+        go.broadcast();  // without the lock
+    });
+    inFourThreads([&] {
         const ZResourceLock guard(lock);
-        while (waiting < 3)
-            ready.wait();
-        told = 1;
-    }
-    go.broadcast();  // without the lock
-    for (std::thread& thread : team)
-        thread.join();
-    EXPECT_EQ(woken, 3);
+        ++waiting;
+        ready.signal();
+        while (!told)
+            go.wait();
+        ++woken;
+    });
+    teller.join();
+    EXPECT_EQ(woken, 4);
 }
 
 TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
@@ -259,9 +248,8 @@ TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
         };
         static void* body(void* argument) {
             Shared& shared = *static_cast<Shared*>(argument);
-            ZLock& lock = *shared.condition.getResource();
-            const ZResourceLock outer(lock);
-            const ZResourceLock inner(lock);
+            const ZResourceLock outer(*shared.condition.getResource());
+            const ZResourceLock inner(*shared.condition.getResource());
             const AtEnd atEnd{shared};
             shared.waiting = 1;
             for (;;)
