@@ -21,43 +21,17 @@ using Action = std::function<void()>;
 
 void nothing() {}
 
-// Waits to be cancelled.
-void waitForCancellation() {
-    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
-    struct Unlock {
-        ~Unlock() { pthread_mutex_unlock(&mutex); }
-    };
-    pthread_mutex_lock(&mutex);
-    const Unlock unlock;
-    for (;;)
-        pthread_cond_wait(&never, &mutex);
-}
-
 std::string joinResult(ZThread& thread) {
     return raisedBy<ZThreadException>([&] { thread.waitForExit(); });
 }
 
-// Runs `body`, at its end `atExit`; what happens is added to `log`, and the deletion opens `gone`.
+// Runs `body`, at its end `atExit`.
 class Runner : public ZThread {
 public:
     Runner(int detached, int autoDelete, Action body, Action atExit = nothing)
         : ZThread(detached, autoDelete), body_(body), atExit_(atExit) {}
-    ~Runner() noexcept(false) override {
-        if (log)
-            *log += "deleted";
-        if (gone)
-            gone->open();
-    }
     void run() override { body_(); }
-    void exit() override {
-        const Action atExit = atExit_;
-        if (log)
-            *log += "exit ";
-        atExit();
-    }
-    std::string* log = nullptr;
-    Gate* gone = nullptr;
+    void exit() override { [atExit = atExit_] { atExit(); }(); }  // it may outlive the object
 
 private:
     const Action body_, atExit_;
@@ -102,13 +76,11 @@ TEST(Thread, CanBeJoinedAfterItJoinedItselfOrItsJoinerWasCancelled) {
     std::string result;
     Gate leave, joining;
     Runner thread(0, 0, [&] { result = joinResult(thread), joining.open(), leave.await(); });
-    thread.start();
-    joining.await();
+    thread.start(), joining.await();
     EXPECT_EQ(result, "20/" + std::to_string(EDEADLK));
 #if CAN_UNWIND
     Runner joiner(0, 0, [&] { joining.open(), thread.waitForExit(); });
-    joiner.start();
-    joining.await();
+    joiner.start(), joining.await();
     pthread_cancel(joiner.getPThreadID());
     joiner.waitForExit();
 #endif
@@ -130,10 +102,18 @@ const Ending kEndings[] = {
      {"raised 5/3"}, false},
     {"raises something else", [] { throw 1; }, {"19"}, false},
     {"pthread_exit", [] { pthread_exit(nullptr); }, {}, true},
-    {"is cancelled", [] { pthread_cancel(pthread_self()), waitForCancellation(); }, {}, true},
+    {"is cancelled", [] { pthread_cancel(pthread_self()), pthread_testcancel(); }, {}, true},
 };
 
 TEST(Thread, EndsInOrderWhateverItsBodyAndItsExitDo) {
+    struct Ordered : Runner {
+        Ordered(Action body, Action atExit, std::string& log, Gate& gone)
+            : Runner(1, 1, body, atExit), log_(log), gone_(gone) {}
+        ~Ordered() noexcept(false) override { log_ += "deleted", gone_.open(); }
+        void exit() override { log_ += "exit ", Runner::exit(); }
+        std::string& log_;
+        Gate& gone_;
+    };
     std::string log;
     Gate gone;
     for (const Ending& ending : kEndings) {
@@ -145,13 +125,9 @@ TEST(Thread, EndsInOrderWhateverItsBodyAndItsExitDo) {
             SCOPED_TRACE(std::string(ending.what) + ", at exit " + atExit.what);
             Reports reports = ending.reports;
             reports.insert(reports.end(), atExit.reports.begin(), atExit.reports.end());
-
             const RecordingService service;
             log.clear();
-            auto* const runner = new Runner(1, 1, ending.body, atExit.body);
-            runner->log = &log;
-            runner->gone = &gone;
-            runner->start();
+            (new Ordered(ending.body, atExit.body, log, gone))->start();
             gone.await();
             EXPECT_EQ(log, "exit deleted");
             EXPECT_EQ(service.reports(), reports);
@@ -162,13 +138,10 @@ TEST(Thread, EndsInOrderWhateverItsBodyAndItsExitDo) {
 TEST(Thread, IsNotWaitedForWhenDetachedAndTouchesItsObjectNoMoreAfterItsExit) {
     Gate leave, over;
     for (int i = 0; i < 200; ++i) {
-        auto thread = std::make_unique<Runner>(
+        const auto thread = std::make_unique<Runner>(
             1, 0, [&] { leave.await(); }, [&] { over.open(); });
-        thread->start();
-        thread->waitForExit();
-        leave.open();
-        over.await();
-        thread.reset();
+        thread->start(), thread->waitForExit();
+        leave.open(), over.await();
     }
 }
 
@@ -176,8 +149,7 @@ TEST(ThreadObjects, DieWithTheirThread) {
     struct Member : ZObject {
         explicit Member(std::string& log, char name) : log_(log), name_(name) {}
         ~Member() noexcept(false) override {
-            log_ += name_;
-            if (name_ == '!')
+            if ((log_ += name_).back() == '!')
                 throw 1;
         }
         std::string& log_;
@@ -197,10 +169,8 @@ TEST(ThreadObjects, DieWithTheirThread) {
         ZThread::setThreadObject(second, nullptr);
     });
     Runner raising(0, 0, [&] { ZThread::setThreadObject(second, new Member(log, '!')); });
-    for (Runner* runner : {&thread, &raising}) {
-        runner->start();
-        runner->waitForExit();
-    }
+    for (Runner* runner : {&thread, &raising})
+        runner->start(), runner->waitForExit();
     EXPECT_EQ(ZThread::getThreadObject(first), nullptr) << "of another thread";
     ZThread::key_delete_routine(nullptr);
     EXPECT_EQ(log, "k!");
@@ -220,10 +190,7 @@ public:
         body_();
         done.open();
     }
-    void exit() override {
-        const Action atExit = atExit_;
-        atExit();
-    }
+    void exit() override { [atExit = atExit_] { atExit(); }(); }
     Gate done;
 
 private:
@@ -247,15 +214,13 @@ TEST(Sleeper, ServesWakeUpsBeforeRightAfterAndDuringWork) {
     worker.done.reach(2);
     waker.join();
     for (int i = 3; i < 300; ++i) {
-        worker.wakeUp();
-        leave.open();
+        worker.wakeUp(), leave.open();
         worker.done.reach(i);
     }
     worker.waitForExit();
     for (int i = 0; i < 200; ++i) {  // at once after start
         Worker fresh;
-        fresh.start();
-        fresh.wakeUp();
+        fresh.start(), fresh.wakeUp();
         fresh.done.await();
         fresh.waitForExit();
         EXPECT_EQ(fresh.done.opened(), 1);
@@ -269,10 +234,8 @@ TEST(Sleeper, CanNeitherWakeNorStartItselfFromItsWork) {
         result = raisedBy<ZThreadException>([&] { worker.start(); });
     });
     worker.start();
-    for (int i = 1; i < 50; ++i) {
-        worker.wakeUp();
-        worker.done.reach(i);
-    }
+    for (int i = 1; i < 50; ++i)
+        worker.wakeUp(), worker.done.reach(i);
     worker.waitForExit();
     EXPECT_EQ(worker.done.opened(), 49);
     EXPECT_EQ(result, "17/" + std::to_string(EDEADLK));
@@ -290,10 +253,8 @@ TEST(Sleeper, WorksAloneAmongThoseOfOneLock) {
     for (int i = 0; i < 4; ++i)
         team.emplace_back(new Worker(lock, body));
     lock.lock();
-    for (auto& worker : team) {
-        worker->start();  // doesn't wait for the lock, which is ours
-        worker->wakeUp();
-    }
+    for (auto& worker : team)  // a start doesn't wait for the lock, which is ours
+        worker->start(), worker->wakeUp();
     lock.unlock();
     for (auto& worker : team)
         worker->done.reach(1);
@@ -318,21 +279,16 @@ TEST(Sleeper, HearsOthersWhileItsWorkWaitsAndDropsTheirWakeUpForAStop) {
                 waiting.open();
             }
         });
-        worker.start();
-        worker.wakeUp();
+        worker.start(), worker.wakeUp();
         waiting.await();
-        {
-            const ZResourceLock guard(lock);
-            worker.wakeUp();
-            go.setCondition(1);
-            go.signal();
-        }
+        lock.lock();
+        worker.wakeUp(), go.setCondition(1), go.signal();
+        lock.unlock();
         waiting.await();
         if (stops) {
             worker.ZThread::waitForExit();
             EXPECT_EQ(worker.done.opened(), 1);
-            worker.start();
-            worker.wakeUp();
+            worker.start(), worker.wakeUp();
         }
         worker.done.reach(2);
         worker.waitForExit();
@@ -346,11 +302,8 @@ TEST(Sleeper, KeepsAStopRequestThatADetachedThreadHasNotSeen) {
     Worker worker(1, 0, 0, [&] { atWork.open(), leave.await(); }, [&] { over.open(); });
     for (int round = 1; round <= 20; ++round) {
         worker.start();  // waits for the end of the run before
-        worker.wakeUp();
-        atWork.await();
-        leave.open();
-        worker.waitForExit();
-        worker.reset();
+        worker.wakeUp(), atWork.await(), leave.open();
+        worker.waitForExit(), worker.reset();
         EXPECT_EQ(worker.done.opened(), round);
     }
     over.reach(20);
@@ -365,19 +318,14 @@ TEST(Sleeper, LeavesItsLockFreeHoweverItEndsAndStartsAgain) {
         const RecordingService service;
         ZLock lock;
         bool ends = true;
-        Worker worker(lock, [&] {
-            if (ends)
-                ending.body();
-        });
-        worker.start();
-        worker.wakeUp();
+        Worker worker(lock, [&] { (ends ? ending.body : nothing)(); });
+        worker.start(), worker.wakeUp();
         worker.ZThread::waitForExit();
         EXPECT_EQ(service.reports(), ending.reports);
         EXPECT_EQ(worker.done.opened(), 0);
         std::thread([&] { lock.lock(), lock.unlock(); }).join();
         ends = false;
-        worker.start();
-        worker.wakeUp();
+        worker.start(), worker.wakeUp();
         worker.done.await();
         worker.waitForExit();
     }
@@ -391,27 +339,24 @@ TEST(Sleeper, WorksByItsPeriodOrByWakeUps) {
 
     Worker huge(0, 0, std::numeric_limits<unsigned long>::max(), nothing);  // no date is so far
     huge.start();
-    for (int i = 1; i <= 3; ++i) {
-        huge.wakeUp();
-        huge.done.reach(i);
-    }
+    for (int i = 1; i <= 3; ++i)
+        huge.wakeUp(), huge.done.reach(i);
     huge.waitForExit();
     EXPECT_EQ(huge.done.opened(), 3);
 }
 
 TEST(Sleeper, DeletesItselfUnderTheHandsOfWhoStartsWakesAndStopsIt) {
-    std::atomic<int> alive(0);
+    const int workers = 300;
+    std::atomic<int> alive(workers);
     struct Counted : Worker {
-        explicit Counted(std::atomic<int>& alive, Action body)
-            : Worker(1, 1, 0, body), alive_(alive) {
-            ++alive_;
-        }
+        explicit Counted(std::atomic<int>& alive)
+            : Worker(1, 1, 0, [] { throw 1; }), alive_(alive) {}
         ~Counted() noexcept(false) override { --alive_; }
         std::atomic<int>& alive_;
     };
     const RecordingService service;
-    for (int i = 0; i < 300; ++i) {
-        auto* const worker = new Counted(alive, [] { throw 1; });
+    for (int i = 0; i < workers; ++i) {
+        auto* const worker = new Counted(alive);
         if (i % 3 == 0)
             worker->wakeUp();  // it may be gone before start() is over
         worker->start();
