@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "Z/ZThreadPool.h"
 #include "support/Gate.h"
@@ -24,28 +25,26 @@ std::atomic<int> alive(0);  // self-deleting workers
 class Worker : public ZSleeperThread {
 public:
     explicit Worker(Action job, int autoDelete = 1)
-        : ZSleeperThread(1, autoDelete), job_(job) {
-        ++alive;
-    }
+        : ZSleeperThread(1, autoDelete), job_(job) { ++alive; }
     Worker(ZLock& lock, Action job) : ZSleeperThread(lock), job_(job) { ++alive; }
     ~Worker() noexcept(false) override { --alive; }
-    void setJob(Action job) { job_ = job; }
+    void wakeUpFor(Action job) { job_ = job, wakeUp(); }
     void work() override { job_(); }
 
 private:
     Action job_;  // changed only while the thread is idle and taken
 };
 
+// Starts a worker and wakes it up.
+void launch(ZThreadPool& pool, Worker& worker) { pool.start(worker), worker.wakeUp(); }
+
 // Has `job` done by an idle thread, else by a new one.
 void submit(ZThreadPool& pool, Action job) {
-    ZThread* thread;
-    if (pool.getAvailableIdleThread(thread)) {
-        static_cast<Worker*>(thread)->setJob(job);
-    } else {
-        thread = new Worker(job);
-        pool.start(*thread);
-    }
-    static_cast<Worker*>(thread)->wakeUp();
+    ZThread* idle;
+    if (pool.getAvailableIdleThread(idle))
+        static_cast<Worker*>(idle)->wakeUpFor(job);
+    else
+        launch(pool, *new Worker(job));
 }
 
 // Takes an idle thread as soon as there is one.
@@ -63,21 +62,17 @@ void giveBack(ZThreadPool& pool, ZThread& thread) {
     EXPECT_EQ(keep, 1);
 }
 
-void awaitDeletions() {
-    while (alive != 0)
+void awaitDeletions(int left = 0) {
+    while (alive != left)
         std::this_thread::yield();
 }
 
 // A thread of which only the start matters.
 class Plain : public ZThread {
 public:
-    explicit Plain(Action body, Action before = [] {}, Action after = [] {})
-        : ZThread(1, 0), body_(body), before_(before), after_(after) {}
-    void start() override {
-        before_();
-        ZThread::start();
-        after_();
-    }
+    Plain(Action body, Action before = [] {}, Action after = [] {}, int detached = 1)
+        : ZThread(detached, 0), body_(body), before_(before), after_(after) {}
+    void start() override { before_(), ZThread::start(), after_(); }
     void run() override { body_(); }
 
 private:
@@ -88,8 +83,7 @@ TEST(ThreadPool, KeepsItsLimitsThroughManyShortJobsAndCanBeUsedAgain) {
     struct Case {
         unsigned int a, b;
         int most;
-    };
-    const Case cases[] = {{5, 2, 5}, {2, 5, 5}, {3, 0, 3}, {1, 1, 1}, {8, 8, 8}};
+    } const cases[] = {{5, 2, 5}, {2, 5, 5}, {3, 0, 3}, {1, 1, 1}, {8, 8, 8}};
     const int jobs = 2000;  // 10,000 in all
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.a << ", " << c.b);
@@ -99,19 +93,15 @@ TEST(ThreadPool, KeepsItsLimitsThroughManyShortJobsAndCanBeUsedAgain) {
             int now = ++inside, seen = most;
             while (now > seen && !most.compare_exchange_weak(seen, now)) {
             }
-            --inside;
-            ++done;
+            --inside, ++done;
         };
         for (int use = 1; use <= 2; ++use) {
             for (int i = 0; i < jobs / 2; ++i) {
                 // With as many idle threads as threads, a start would wait for an end for ever.
-                if (c.a == c.b && alive == c.most) {
-                    Worker& worker = takeIdle(pool);
-                    worker.setJob(job);
-                    worker.wakeUp();
-                } else {
+                if (c.a == c.b && alive == c.most)
+                    takeIdle(pool).wakeUpFor(job);
+                else
                     submit(pool, job);
-                }
                 if (c.b != 0 && c.a != c.b && i % 50 == 0)
                     pool.waitForExit();  // idle threads take up room
             }
@@ -138,16 +128,13 @@ TEST(ThreadPool, HandsOutEachIdleThreadOnceAndKeepsNoMoreThanItMay) {
         EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
         for (int i = 0; i < 4; ++i)
             leave.open();
-        while (alive != 2)
-            std::this_thread::yield();  // two find no room
+        awaitDeletions(2);  // two find no room
         std::set<Worker*> taken = {&takeIdle(pool), &takeIdle(pool)};
         EXPECT_EQ(taken.size(), 2u);
         EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
         Gate again;
-        for (Worker* worker : taken) {
-            worker->setJob([&] { again.open(); });
-            worker->wakeUp();
-        }
+        for (Worker* worker : taken)
+            worker->wakeUpFor([&] { again.open(); });
         again.reach(2);
         pool.waitForExit();
         EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr) << "stopped ones must not come out";
@@ -160,11 +147,7 @@ TEST(ThreadPool, StartsNoMoreThanItMayUntilAThreadHasEnded) {
     Gate atWork, leave;
     std::atomic<bool> firstOver(false);
     bool overBefore = false;
-    Plain first([&] {
-        atWork.open();
-        leave.await();
-        firstOver = true;
-    });
+    Plain first([&] { atWork.open(), leave.await(), firstOver = true; });
     Plain second([&] { overBefore = firstOver; });
     pool.start(first);
     atWork.await();
@@ -172,8 +155,7 @@ TEST(ThreadPool, StartsNoMoreThanItMayUntilAThreadHasEnded) {
     // Somebody who waits for the end as well must not take the news away from the starter.
     std::thread waiter([&] { pool.waitForExit(); });
     leave.open();
-    starter.join();
-    waiter.join();
+    starter.join(), waiter.join();
     pool.waitForExit();
     EXPECT_TRUE(overBefore);
 }
@@ -181,9 +163,9 @@ TEST(ThreadPool, StartsNoMoreThanItMayUntilAThreadHasEnded) {
 TEST(ThreadPool, CountsThreadsThatEndAtOnce) {
     ZThreadPool pool(3, 0);
     std::atomic<int> runs(0);
+    const Action run = [&] { ++runs; };
     for (int i = 0; i < 300; ++i) {
-        Plain threads[4] = {Plain([&] { ++runs; }), Plain([&] { ++runs; }), Plain([&] { ++runs; }),
-                            Plain([&] { ++runs; })};
+        Plain threads[] = {run, run, run, run};
         for (Plain& thread : threads)
             pool.start(thread);
         pool.waitForExit();  // after it, nobody touches the objects
@@ -197,24 +179,21 @@ TEST(ThreadPool, OnlyReportsAThreadThatCannotStartAndStaysAsItWas) {
         const char* report;
         int runs;  // it counts until its end if it is there in spite of the failure
     };
+    const Action nothing = [] {}, other = [] { throw 1; };
     const Action raise = [] { ZThreadException(17, 11).throwException(__FILE__, __LINE__); };
     const Case cases[] = {
-        {raise, [] {}, "raised 17/11", 0},
-        {[] { throw 1; }, [] {}, "19", 0},
-        {[] {}, raise, "raised 17/11", 1},
-    };
+        {raise, nothing, "raised 17/11", 0},
+        {other, nothing, "19", 0},
+        {nothing, raise, "raised 17/11", 1}};
     for (const Case& c : cases) {
         const RecordingService service;
         ZThreadPool pool(1, 0);
         for (int i = 1; i <= 20; ++i) {
             int runs = 0;
-            Plain bad([&] { ++runs; }, c.before, c.after);
-            pool.start(bad);
-            pool.waitForExit();
+            Plain bad([&] { ++runs; }, c.before, c.after), good([&] { ++runs; });
+            pool.start(bad), pool.waitForExit();
             EXPECT_EQ(runs, c.runs);
-            Plain good([&] { ++runs; });
-            pool.start(good);  // there is room
-            pool.waitForExit();
+            pool.start(good), pool.waitForExit();  // there is room
             EXPECT_EQ(runs, c.runs + 1);
             EXPECT_EQ(service.reports(), Reports(i, c.report));
         }
@@ -225,17 +204,13 @@ TEST(ThreadPool, StopsIdleBusyAndSelfDeletingThreadsAndPutsItsLimitBack) {
     for (int autoDelete = 0; autoDelete <= 1; ++autoDelete) {
         ZThreadPool pool(4, 4);
         pool.waitForExit();  // nothing to do
-        Gate worked, leave;
+        Gate atWork, leave;
         Worker* workers[4];
         for (Worker*& worker : workers) {
-            worker = new Worker([&] { worked.open(); }, autoDelete);
-            pool.start(*worker);
-            worker->wakeUp();
+            worker = new Worker([] {}, autoDelete);
+            launch(pool, *worker);
         }
-        Worker& busy = takeIdle(pool);
-        Gate atWork;
-        busy.setJob([&] { atWork.open(), leave.await(); });
-        busy.wakeUp();
+        takeIdle(pool).wakeUpFor([&] { atWork.open(), leave.await(); });
         atWork.await();
         std::thread waiters[3];
         for (std::thread& waiter : waiters)
@@ -243,8 +218,8 @@ TEST(ThreadPool, StopsIdleBusyAndSelfDeletingThreadsAndPutsItsLimitBack) {
         leave.open();
         for (std::thread& waiter : waiters)
             waiter.join();
-        if (!autoDelete) {
-            for (Worker* worker : workers)
+        for (Worker* worker : workers) {
+            if (!autoDelete)
                 delete worker;
         }
         awaitDeletions();
@@ -259,14 +234,12 @@ TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasRe
     struct Stubborn : Worker {
         using Worker::Worker;
         void waitForExit() override {
-            if (!asked) {
-                asked = true;
+            if (!std::exchange(asked, true))
                 throw 1;
-            }
             Worker::waitForExit();
             while (!gone)
                 std::this_thread::yield();
-            setJob([] {});  // still there
+            asked = false;  // still there
         }
         void exit() override { gone = true; }
         bool asked = false;
@@ -274,16 +247,10 @@ TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasRe
     };
     const RecordingService service;
     ZThreadPool pool(3, 3);
-    for (int i = 0; i < 3; ++i) {
-        Worker* const worker = new Stubborn([] {});
-        pool.start(*worker);
-        worker->wakeUp();
-    }
-    Worker *a = &takeIdle(pool), *b = &takeIdle(pool), *c = &takeIdle(pool);
-    for (Worker* worker : {a, b, c}) {
-        giveBack(pool, *worker);
-        giveBack(pool, *worker);  // idle already: isn't counted again
-    }
+    for (int i = 0; i < 3; ++i)
+        launch(pool, *new Stubborn([] {}));
+    for (Worker* worker : {&takeIdle(pool), &takeIdle(pool), &takeIdle(pool)})
+        giveBack(pool, *worker), giveBack(pool, *worker);  // idle already: isn't counted again
     pool.waitForExit();
     EXPECT_EQ(service.reports(), (Reports{"19", "19", "19"}));
     awaitDeletions();
@@ -292,9 +259,7 @@ TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasRe
 #if CAN_UNWIND
 TEST(ThreadPool, HearsOfThreadsThatAreCancelledIdleOrUnwindFromTheirWork) {
     ZThreadPool pool(1, 1);
-    Worker* const worker = new Worker([] {});
-    pool.start(*worker);
-    worker->wakeUp();
+    launch(pool, *new Worker([] {}));
     Worker& idle = takeIdle(pool);
     const pthread_t id = idle.getPThreadID();
     giveBack(pool, idle);
@@ -315,25 +280,17 @@ TEST(ThreadPool, IsAsBeforeWhenAWaitingCallerIsCancelled) {
     Gate atWork, leave;
     submit(pool, [&] { atWork.open(), leave.await(); });
     atWork.await();
-    struct Waiter : ZThread {
-        Waiter(Action call) : ZThread(0, 0), call_(call) {}
-        void run() override { call_(); }
-        const Action call_;
-    };
     Plain late([] {});
-    Gate begun;
-    Waiter waiter([&] { begun.open(), pool.waitForExit(); });
-    Waiter starter([&] { begun.open(), pool.start(late); });
-    for (Waiter* caller : {&waiter, &starter}) {
-        caller->start();
-        begun.await();
-        pthread_cancel(caller->getPThreadID());
-        caller->waitForExit();
+    const Action calls[] = {[&] { pool.waitForExit(); }, [&] { pool.start(late); }};
+    for (const Action& call : calls) {
+        Gate begun;
+        Plain caller([&] { begun.open(), call(); }, [] {}, [] {}, 0);
+        caller.start(), begun.await();
+        pthread_cancel(caller.getPThreadID());
+        caller.waitForExit();
     }
     leave.open();
-    Worker& worker = takeIdle(pool);  // the limit of idle threads is back, the mutex free
-    worker.setJob([] {});
-    worker.wakeUp();
+    takeIdle(pool).wakeUpFor([] {});  // the limit of idle threads is back, the mutex free
     pool.waitForExit();
     awaitDeletions();
 }
@@ -352,8 +309,7 @@ TEST(ThreadPool, DoesNotHangOnSleepersThatShareALockAndAskThePoolFromTheirWork) 
     std::vector<std::unique_ptr<Worker>> workers;
     for (int i = 0; i < 4; ++i) {
         workers.emplace_back(new Worker(lock, job));
-        pool.start(*workers.back());
-        workers.back()->wakeUp();
+        launch(pool, *workers.back());
     }
     while (done < 50) {
         ZThread* thread;
@@ -372,10 +328,8 @@ TEST(ThreadPool, StartsAnObjectAgainOnceItsEarlierThreadHasEnded) {
     Gate atWork, leave;
     Worker worker([&] { atWork.open(), leave.await(); }, 0);
     for (int round = 0; round < 50; ++round) {
-        pool.start(worker);
-        worker.wakeUp();
-        atWork.await();
-        leave.open();
+        launch(pool, worker);
+        atWork.await(), leave.open();
         worker.waitForExit();  // doesn't wait for the end: it is detached
     }
     pool.waitForExit();
