@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <deque>
 #include <memory>
 #include <random>
 #include <vector>
@@ -36,24 +37,21 @@ class Model {
 public:
     explicit Model(unsigned int buckets) : buckets_(buckets) {}
 
-    void put(int value, unsigned int hash, int tag) {
-        Entries& bucket = bucketOf(hash);
-        const auto entry = entryOf(bucket, value);
+    void put(const Item& key, int tag) {
+        const auto [bucket, entry] = find(key);
         if (entry != bucket.end())
             entry->second = tag;
         else
-            bucket.push_back({value, tag});
+            bucket.push_back({key.value, tag});
     }
-    void remove(int value, unsigned int hash) {
-        Entries& bucket = bucketOf(hash);
-        const auto entry = entryOf(bucket, value);
+    void remove(const Item& key) {
+        const auto [bucket, entry] = find(key);
         if (entry != bucket.end())
             bucket.erase(entry);
     }
     /// -1 if it isn't there.
-    int tagOf(int value, unsigned int hash) {
-        Entries& bucket = bucketOf(hash);
-        const auto entry = entryOf(bucket, value);
+    int tagOf(const Item& key) {
+        const auto [bucket, entry] = find(key);
         return entry != bucket.end() ? entry->second : -1;
     }
     void clear() { buckets_.assign(buckets_.size(), Entries()); }
@@ -65,10 +63,10 @@ public:
     }
 
 private:
-    Entries& bucketOf(unsigned int hash) { return buckets_[hash % buckets_.size()]; }
-    static Entries::iterator entryOf(Entries& bucket, int value) {
-        return std::find_if(bucket.begin(), bucket.end(),
-                            [value](const auto& entry) { return entry.first == value; });
+    std::pair<Entries&, Entries::iterator> find(const Item& key) {
+        Entries& bucket = buckets_[key.hashValue % buckets_.size()];
+        const auto isIt = [&](const auto& entry) { return entry.first == key.value; };
+        return {bucket, std::find_if(bucket.begin(), bucket.end(), isIt)};
     }
 
     std::vector<Entries> buckets_;
@@ -78,29 +76,28 @@ Entries entriesOf(const ZMap& map) {
     ZArrayList list(1, 0);
     map.list(list);
     Entries entries;
-    for (unsigned int i = 0; i < list.size(); ++i) {
-        const Item* item = static_cast<const Item*>(list.get(i));
+    for (ZListIterator iterator(list); const auto* item = static_cast<Item*>(iterator.getNext());)
         entries.push_back({item->value, item->tag});
-    }
     return entries;
+}
+
+void putInto(ZMap& map, std::initializer_list<Item*> items) {
+    for (Item* item : items)
+        map.putEntry(item);
 }
 
 }  // namespace
 
 TEST(HashMap, HasTheBucketsThatItsSizeAsksFor) {
-    struct Case {
-        unsigned int size, buckets;
-    };
-    const Case cases[] = {{0, 3}, {1, 3}, {2, 3}, {3, 4}, {10, 15}, {100, 150}};
-    for (const Case& c : cases) {
+    const std::pair<unsigned int, unsigned int> cases[] = {{0, 3}, {1, 3},   {2, 3},
+                                                           {3, 4}, {10, 15}, {100, 150}};
+    for (const auto& [size, buckets] : cases) {
         // Two entries come out against the order of their hashes exactly if the second one's wraps
         // around into an earlier bucket.
-        ZHashMap map(c.size, 0);
-        Item last(1, c.buckets - 1), wraps(2, c.buckets), first(3, 0);
-        map.putEntry(&last);
-        map.putEntry(&wraps);
-        map.putEntry(&first);
-        EXPECT_EQ(entriesOf(map), (Entries{{2, 0}, {3, 0}, {1, 0}})) << c.size;
+        ZHashMap map(size, 0);
+        Item last(1, buckets - 1), wraps(2, buckets), first(3, 0);
+        putInto(map, {&last, &wraps, &first});
+        EXPECT_EQ(entriesOf(map), (Entries{{2, 0}, {3, 0}, {1, 0}})) << size;
     }
 }
 
@@ -112,26 +109,25 @@ TEST(HashMap, BehavesLikeItsModel) {
                                                 << range << ", seed " << kSeed);
                 NothingLeft check;
                 std::mt19937 random(kSeed);
-                std::vector<std::unique_ptr<Item>> pool;
+                std::deque<Item> pool;
                 for (unsigned int i = 0; i < 2 * range; ++i)
-                    pool.emplace_back(new Item(i % range, hashing.hash(i % range), i / range));
+                    pool.emplace_back(i % range, hashing.hash(i % range), i / range);
                 ZHashMap map(10, owns);
                 Model model(15);
                 for (int step = 0; step < 3000; ++step) {
-                    Item* item = pool[random() % pool.size()].get();
+                    Item& item = pool[random() % pool.size()];
                     const unsigned int kind = random() % 100;
                     if (kind < 55 + 20 * (step / 500 % 2 == 0)) {
-                        map.putEntry(item);
-                        model.put(item->value, item->hashValue, item->tag);
+                        map.putEntry(&item);
+                        model.put(item, item.tag);
                     } else if (kind < 98) {
-                        map.removeEntry(item);
-                        model.remove(item->value, item->hashValue);
+                        map.removeEntry(&item);
+                        model.remove(item);
                     } else if (random() % 40 == 0) {
                         map.removeAll();
                         model.clear();
                     } else if (random() % 8 == 0) {
-                        ZHashMap copy(map);
-                        ZHashMap other(2, owns);
+                        ZHashMap copy(map), other(2, owns);
                         other = copy;
                         map = other;
                     }
@@ -140,9 +136,8 @@ TEST(HashMap, BehavesLikeItsModel) {
                         ASSERT_EQ(map.size(), expected.size()) << "step " << step;
                         ASSERT_EQ(entriesOf(map), expected) << "step " << step;
                         for (unsigned int i = 0; i < range; ++i) {
-                            const Item* found = static_cast<Item*>(map.getEntry(pool[i].get()));
-                            ASSERT_EQ(found != nullptr ? found->tag : -1,
-                                      model.tagOf(i, pool[i]->hashValue));
+                            const Item* found = static_cast<Item*>(map.getEntry(&pool[i]));
+                            ASSERT_EQ(found != nullptr ? found->tag : -1, model.tagOf(pool[i]));
                         }
                     }
                 }
@@ -179,20 +174,18 @@ TEST(HashMap, TakesItsOwnEntriesAndItselfAsArguments) {
         for (int count : {3, 100}) {
             SCOPED_TRACE(testing::Message() << owns << " " << count);
             NothingLeft check;
-            std::vector<std::unique_ptr<Item>> pool;
+            std::deque<Item> pool;
             ZHashMap map(2, owns);
-            for (int i = 0; i < count; ++i) {
-                pool.emplace_back(new Item(i, i));
-                map.putEntry(pool.back().get());
-            }
+            for (int i = 0; i < count; ++i)
+                map.putEntry(&pool.emplace_back(i, i));
             const Entries before = entriesOf(map);
-            for (const auto& item : pool)
-                map.putEntry(map.getEntry(item.get()));
+            for (const Item& item : pool)
+                map.putEntry(map.getEntry(&item));
             map.putAll(map);
             map = *&map;
             EXPECT_EQ(entriesOf(map), before);
-            for (const auto& item : pool)
-                map.removeEntry(map.getEntry(item.get()));
+            for (const Item& item : pool)
+                map.removeEntry(map.getEntry(&item));
             EXPECT_EQ(map.isEmpty(), 1);
         }
     }
@@ -202,10 +195,8 @@ TEST(HashMap, AssignmentTakesBucketsAndOwnershipAndNullIsAbsent) {
     NothingLeft check;
     Item a(1, 4), b(2, 3);
     ZHashMap source(2, 0), target(10, 1);
-    source.putEntry(&a);
-    source.putEntry(&b);
-    target.putEntry(&a);
-    target.putEntry(nullptr);
+    putInto(source, {&a, &b});
+    putInto(target, {&a, nullptr});
     target.removeEntry(nullptr);
     EXPECT_EQ(target.contains(nullptr), 0);
     EXPECT_EQ(target.size(), 1u);
@@ -233,18 +224,15 @@ TEST(ArrayMap, ReplacesInPlaceButAppendsAll) {
     NothingLeft check;
     Item a(1, 0, 0), b(2, 0, 0), newer(1, 0, 9);
     ZArrayMap map(1, 1), other(1, 0);
-    map.putEntry(&a);
-    map.putEntry(&b);
-    map.putEntry(&newer);
+    putInto(map, {&a, &b, &newer});
     map.putEntry(map.getEntry(&b));
     EXPECT_EQ(entriesOf(map), (Entries{{1, 9}, {2, 0}}));
     EXPECT_EQ(map.getIndex(&b), 1);
     other.putEntry(&a);
     map.putAll(other);
     EXPECT_EQ(entriesOf(map), (Entries{{1, 9}, {2, 0}, {1, 0}}));
-    map.removeEntry(&a);
-    map.removeEntry(&a);
-    map.removeEntry(&a);
+    for (int time = 0; time < 3; ++time)
+        map.removeEntry(&a);
     EXPECT_EQ(entriesOf(map), (Entries{{2, 0}}));
     map.putAll(map);
     EXPECT_EQ(map.size(), 2u);
@@ -258,8 +246,7 @@ TEST(MapIterators, OneIsASnapshotTheOtherIsLive) {
     Item a(1, 1), b(2, 2), c(3, 0);
     ZHashMap map(2, 0);
     EXPECT_EQ(ZMapIterator(map).hasMore(), 0);
-    map.putEntry(&a);
-    map.putEntry(&b);
+    putInto(map, {&a, &b});
     ZMapIterator iterator(map);
     map.putEntry(&c);
     EXPECT_EQ(iterator.getNext(), &a);
@@ -303,20 +290,20 @@ TEST(KeyMap, BehavesLikeItsModel) {
                          << hashing.what << ", owns " << owns << ", seed " << kSeed);
             NothingLeft check;
             std::mt19937 random(kSeed);
-            std::vector<std::unique_ptr<Item>> pool;
+            std::deque<Item> pool;
             for (int i = 0; i < 80; ++i)
-                pool.emplace_back(new Item(i, hashing.hash(i)));
+                pool.emplace_back(i, hashing.hash(i));
             ZHashKeyMap map(10, owns);
             Model order(15);
             for (int step = 0; step < 800; ++step) {
-                const Item* key = pool[random() % pool.size()].get();
-                const Item* value = pool[random() % pool.size()].get();
+                const Item& key = pool[random() % pool.size()];
+                const Item& value = pool[random() % pool.size()];
                 if (random() % 3 != 0) {
-                    map.putEntry(key, value);
-                    order.put(key->value, key->hashValue, value->value);
+                    map.putEntry(&key, &value);
+                    order.put(key, value.value);
                 } else {
-                    map.removeEntry(key);
-                    order.remove(key->value, key->hashValue);
+                    map.removeEntry(&key);
+                    order.remove(key);
                 }
                 if (step % 20 != 0)
                     continue;
@@ -324,10 +311,9 @@ TEST(KeyMap, BehavesLikeItsModel) {
                 ASSERT_EQ(pairsOf(map), expected) << "step " << step;
                 const std::unique_ptr<ZObject> copy(map.clone());
                 ASSERT_EQ(pairsOf(*static_cast<ZHashKeyMap*>(copy.get())), expected);
-                for (const auto& each : pool) {
-                    const Item* found = static_cast<Item*>(map.getEntry(each.get()));
-                    ASSERT_EQ(found != nullptr ? found->value : -1,
-                              order.tagOf(each->value, each->hashValue));
+                for (const Item& each : pool) {
+                    const Item* found = static_cast<Item*>(map.getEntry(&each));
+                    ASSERT_EQ(found != nullptr ? found->value : -1, order.tagOf(each));
                 }
             }
         }
@@ -359,12 +345,11 @@ TEST(KeyMap, TakesItsOwnPartsAndItselfAsArguments) {
         ZHashKeyMap map(2, owns);
         map.putEntry(&key, &value);
         map.putEntry(&second, &value);
-        ZArrayList keys(2, 0);
-        map.listKeys(keys);
-        map.putEntry(keys.get(0), map.getEntry(&key));
+        ZArrayList oldKeys(2, 0), keys(2, 0);
+        map.listKeys(oldKeys);
+        map.putEntry(oldKeys.get(0), map.getEntry(&key));
         map.putAll(map);
         EXPECT_EQ(pairsOf(map), (Entries{{1, 2}, {3, 2}}));
-        keys.removeAll();
         map.listKeys(keys);
         map.removeEntry(keys.get(1));
         EXPECT_EQ(pairsOf(map), (Entries{{1, 2}}));
