@@ -16,23 +16,9 @@
 
 namespace {
 
-enum Call {
-    kNone,
-    kAttrInit,
-    kAttrSet,
-    kAttrDestroy,
-    kCreate,
-    kJoin,
-    kKeyCreate,
-    kSetSpecific,
-    kMutexInit,
-    kMutexLock,
-    kMutexUnlock,
-    kMutexDestroy,
-    kCondInit,
-    kCondWait,
-    kCondSignal,
-    kCondDestroy,
+enum Call {  // those that destroy come first, those of attributes side by side
+    kNone, kMutexDestroy, kCondDestroy, kAttrDestroy, kAttrInit, kAttrSet, kCreate, kJoin,
+    kKeyCreate, kSetSpecific, kMutexInit, kMutexLock, kMutexUnlock, kCondInit, kCondWait, kCondSignal,
 };
 
 // The call that is to fail, the number of such calls that go well before, and how often it fails.
@@ -50,7 +36,8 @@ pthread_t asker;
 int armed = 0;  // something is to fail, or was
 
 int failureWhenArmed(Call call) {
-    if (failingCall != call || (call <= kAttrDestroy && !pthread_equal(asker, pthread_self())) ||
+    const bool ofAttributes = call >= kAttrDestroy && call <= kAttrSet;
+    if (failingCall != call || (ofAttributes && !pthread_equal(asker, pthread_self())) ||
         goodCalls-- > 0)
         return 0;
     if (--badCalls == 0)
@@ -72,19 +59,13 @@ void failNext(Call call, int good = 0, int bad = 1) {
 
 }  // namespace
 
-#define WRAP(call, name, parameters, arguments)         \
-    extern "C" int __real_##name parameters;            \
-    extern "C" UNCHECKED int __wrap_##name parameters { \
-        const int rc = failureOf(call);                 \
-        return rc != 0 ? rc : __real_##name arguments;  \
-    }
 // What fails to destroy has destroyed all the same here, so that the checkers find nothing left.
-#define WRAP_DESTROY(call, name, Object)            \
-    extern "C" int __real_##name(Object*);          \
-    extern "C" UNCHECKED int __wrap_##name(Object* object) { \
-        const int rc = failureOf(call);             \
-        const int real = __real_##name(object);     \
-        return rc != 0 ? rc : real;                 \
+#define WRAP(call, name, parameters, arguments)                                        \
+    extern "C" int __real_##name parameters;                                           \
+    extern "C" UNCHECKED int __wrap_##name parameters {                                \
+        const int rc = failureOf(call);                                                \
+        const int real = rc == 0 || call <= kAttrDestroy ? __real_##name arguments : 0;\
+        return rc != 0 ? rc : real;                                                    \
     }
 
 WRAP(kAttrInit, pthread_attr_init, (pthread_attr_t * a), (a))
@@ -101,31 +82,35 @@ WRAP(kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 WRAP(kCondInit, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a))
 WRAP(kCondWait, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
 WRAP(kCondSignal, pthread_cond_signal, (pthread_cond_t * c), (c))
-WRAP_DESTROY(kAttrDestroy, pthread_attr_destroy, pthread_attr_t)
-WRAP_DESTROY(kMutexDestroy, pthread_mutex_destroy, pthread_mutex_t)
-WRAP_DESTROY(kCondDestroy, pthread_cond_destroy, pthread_cond_t)
+WRAP(kAttrDestroy, pthread_attr_destroy, (pthread_attr_t * a), (a))
+WRAP(kMutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * m), (m))
+WRAP(kCondDestroy, pthread_cond_destroy, (pthread_cond_t * c), (c))
 
 namespace {
 
 using Reports = std::vector<std::string>;
 
+using Action = std::function<void()>;
+
 class Plain : public ZThread {
 public:
-    explicit Plain(int detached = 0) : ZThread(detached, 0) {}
-    void run() override { runs.open(); }
+    explicit Plain(int detached = 0, Action body = [] {}, Action atExit = [] {})
+        : ZThread(detached, 0), body_(body), atExit_(atExit) {}
+    void run() override { body_(), runs.open(); }
+    void exit() override { [atExit = atExit_] { atExit(); }(); }  // it may outlive the object
     Gate runs;
+
+private:
+    const Action body_, atExit_;
 };
 
-class Worker : public ZSleeperThread {
-public:
-    Worker() {}
-    Worker(int detached, int autoDelete) : ZSleeperThread(detached, autoDelete) {}
+struct Worker : ZSleeperThread {
     void work() override { done.open(); }
     Gate done;
 };
 
 // What `action` raises while a call fails.
-std::string raisedWhen(Call call, int good, std::function<void()> action) {
+std::string raisedWhen(Call call, Action action, int good = 0) {
     failNext(call, good);
     const std::string result = raisedBy<ZThreadException>(action);
     EXPECT_EQ(failingCall, kNone) << "wasn't called";
@@ -138,21 +123,21 @@ TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
     Plain thread;
     const auto start = [&] { thread.start(); };
     const auto join = [&] { thread.waitForExit(); };
-    EXPECT_EQ(raisedWhen(kAttrInit, 0, start), "15/22");
-    EXPECT_EQ(raisedWhen(kAttrSet, 0, start), "16/22");
-    EXPECT_EQ(raisedWhen(kCreate, 0, start), "17/22");
+    EXPECT_EQ(raisedWhen(kAttrInit, start), "15/22");
+    EXPECT_EQ(raisedWhen(kAttrSet, start), "16/22");
+    EXPECT_EQ(raisedWhen(kCreate, start), "17/22");
     EXPECT_EQ(raisedBy<ZThreadException>(join), "20/3") << "nothing was started";
     EXPECT_EQ(service.reports(), Reports{});
-    EXPECT_EQ(raisedWhen(kAttrDestroy, 0, start), "nothing");
+    EXPECT_EQ(raisedWhen(kAttrDestroy, start), "nothing");
     EXPECT_EQ(service.reports(), Reports{"18: 22"});
-    EXPECT_EQ(raisedWhen(kJoin, 0, join), "20/22");
+    EXPECT_EQ(raisedWhen(kJoin, join), "20/22");
     EXPECT_EQ(raisedBy<ZThreadException>(join), "nothing");
     EXPECT_EQ(thread.runs.opened(), 1);
 
     unsigned int key = 0;
-    EXPECT_EQ(raisedWhen(kKeyCreate, 0, [&] { ZThread::createThreadKey(key); }), "29/22");
+    EXPECT_EQ(raisedWhen(kKeyCreate, [&] { ZThread::createThreadKey(key); }), "29/22");
     ZThread::createThreadKey(key);
-    EXPECT_EQ(raisedWhen(kSetSpecific, 0, [&] { ZThread::setThreadObject(key, &thread); }), "30/22");
+    EXPECT_EQ(raisedWhen(kSetSpecific, [&] { ZThread::setThreadObject(key, &thread); }), "30/22");
     EXPECT_EQ(ZThread::getThreadObject(key), nullptr);
     pthread_key_delete(key);
 }
@@ -160,13 +145,11 @@ TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
 TEST(FailingSleeper, StartsAgainAfterEachFailure) {
     const RecordingService service;
     Worker worker;
-    EXPECT_EQ(raisedWhen(kCreate, 0, [&] { worker.start(); }), "17/22");
+    EXPECT_EQ(raisedWhen(kCreate, [&] { worker.start(); }), "17/22");
     // The thread's own calls: the lock and the signal of its greeting, which it tries again.
     for (const auto& c : {std::make_pair(kMutexLock, 1), std::make_pair(kCondSignal, 0)}) {
         failNext(c.first, c.second);
-        worker.start();
-        worker.wakeUp();
-        worker.done.await();
+        worker.start(), worker.wakeUp(), worker.done.await();
         worker.waitForExit();
         EXPECT_EQ(failingCall, kNone);
     }
@@ -182,21 +165,19 @@ TEST(FailingSleeper, StartsAgainAfterEachFailure) {
         EXPECT_EQ(result, "nothing");
         worker.ZThread::waitForExit();  // it has ended by itself
     }
-    worker.start();
-    worker.wakeUp();
-    worker.done.reach(3);
+    worker.start(), worker.wakeUp(), worker.done.reach(3);
     worker.waitForExit();
 }
 
 TEST(FailingPool, IsNotMadeOrReportsAtItsEnd) {
     const RecordingService service;
     const auto make = [] { ZThreadPool(2, 2); };
-    EXPECT_EQ(raisedWhen(kMutexInit, 0, make), "3/22");
-    EXPECT_EQ(raisedWhen(kCondInit, 0, make), "7/22");
-    EXPECT_EQ(raisedWhen(kCondInit, 1, make), "7/22");
+    EXPECT_EQ(raisedWhen(kMutexInit, make), "3/22");
+    EXPECT_EQ(raisedWhen(kCondInit, make), "7/22");
+    EXPECT_EQ(raisedWhen(kCondInit, make, 1), "7/22");
     EXPECT_EQ(service.reports(), Reports{});
-    EXPECT_EQ(raisedWhen(kCondDestroy, 0, make), "nothing");
-    EXPECT_EQ(raisedWhen(kMutexDestroy, 0, make), "nothing");
+    EXPECT_EQ(raisedWhen(kCondDestroy, make), "nothing");
+    EXPECT_EQ(raisedWhen(kMutexDestroy, make), "nothing");
     EXPECT_EQ(service.reports(), (Reports{"8: 22", "4: 22"}));
 }
 
@@ -204,7 +185,6 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
     struct Case {
         const char* what;
         Call call;
-        int good;
         std::function<void(ZThreadPool&)> action;
         const char* raised;
         Reports reports;
@@ -218,16 +198,16 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
     const auto done = [&](ZThreadPool& pool) { pool.threadDoneNotification(other, keep); };
     const auto death = [&](ZThreadPool& pool) { pool.threadDeathNotification(other); };
     const Case cases[] = {
-        {"start, lock", kMutexLock, 0, start, "5/22", {}},
-        {"start, create", kCreate, 0, start, "nothing", {"raised 17/22"}},
-        {"take, lock", kMutexLock, 0, take, "5/22", {}},
-        {"take, unlock", kMutexUnlock, 0, take, "6/22", {}},
-        {"wait, lock", kMutexLock, 0, wait, "5/22", {}},
-        {"done, lock", kMutexLock, 0, done, "5/22", {}},
-        {"done, unlock", kMutexUnlock, 0, done, "6/22", {}},
-        {"death, lock", kMutexLock, 0, death, "5/22", {}},
-        {"death, signal", kCondSignal, 0, death, "10/22", {}},
-        {"death, unlock", kMutexUnlock, 0, death, "6/22", {}},
+        {"start, lock", kMutexLock, start, "5/22", {}},
+        {"start, create", kCreate, start, "nothing", {"raised 17/22"}},
+        {"take, lock", kMutexLock, take, "5/22", {}},
+        {"take, unlock", kMutexUnlock, take, "6/22", {}},
+        {"wait, lock", kMutexLock, wait, "5/22", {}},
+        {"done, lock", kMutexLock, done, "5/22", {}},
+        {"done, unlock", kMutexUnlock, done, "6/22", {}},
+        {"death, lock", kMutexLock, death, "5/22", {}},
+        {"death, signal", kCondSignal, death, "10/22", {}},
+        {"death, unlock", kMutexUnlock, death, "6/22", {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -235,7 +215,7 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
         pool.threadDoneNotification(idle, keep);
         ASSERT_EQ(keep, 1);
         const RecordingService service;
-        EXPECT_EQ(raisedWhen(c.call, c.good, [&] { c.action(pool); }), c.raised);
+        EXPECT_EQ(raisedWhen(c.call, [&] { c.action(pool); }), c.raised);
         EXPECT_EQ(service.reports(), c.reports);
         EXPECT_EQ(pool.getAvailableIdleThread(taken), &idle) << "no thread is lost";
         EXPECT_EQ(pool.getAvailableIdleThread(taken), nullptr);
@@ -250,19 +230,17 @@ TEST(FailingPool, HearsOfAnEndThoughItsMutexFailedOnce) {
     const RecordingService service;
     for (Call call : {kMutexLock, kMutexUnlock, kCondSignal}) {
         ZThreadPool pool(1, 0);
-        struct Ending : ZThread {
-            explicit Ending(Call call) : ZThread(0, 0), call_(call) {}
-            void run() override {
+        std::atomic<int> go{0}, ended{0};
+        Plain thread(
+            0,
+            [&] {
                 while (!go)
                     std::this_thread::yield();
-            }
-            void exit() override { failNext(call_), ended = 1; }
-            const Call call_;
-            std::atomic<int> go{0}, ended{0};
-        } thread(call);
+            },
+            [&] { failNext(call), ended = 1; });
         pool.start(thread);
-        thread.go = 1;
-        while (failingCall != kNone || thread.ended == 0)
+        go = 1;
+        while (failingCall != kNone || ended == 0)
             std::this_thread::yield();  // a lock here would be the one that fails
         pool.waitForExit();
         thread.waitForExit();  // and the report is out
@@ -274,11 +252,7 @@ TEST(FailingPool, GoesOnAfterAFailedWait) {
     const RecordingService service;
     ZThreadPool pool(1, 0);
     Gate leave;
-    struct Waiting : ZThread {
-        explicit Waiting(Gate& leave) : ZThread(1, 0), leave_(leave) {}
-        void run() override { leave_.await(); }
-        Gate& leave_;
-    } thread(leave);
+    Plain thread(1, [&] { leave.await(); });
     pool.start(thread);
     failNext(kCondWait, 0, 3);
     std::thread opener([&] {
