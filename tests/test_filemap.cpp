@@ -11,6 +11,8 @@
 #include "Z/ZFileMap.h"
 #include "support/TempFolder.h"
 
+using std::string;
+
 namespace {
 
 typedef ZAbstractFileMap::zmapmode Mode;
@@ -20,13 +22,12 @@ const Mode kOther = static_cast<Mode>(7);
 
 class FileMap : public testing::Test {
 protected:
-    std::string path(const char* name) const { return folder / name; }
-    ZLCString named(const char* name) const { return ZLCString(path(name).c_str()); }
-    ZLCString make(const char* name, const char* content) const {
-        return ZLCString(folder.write(name, content).c_str());
-    }
+    FileMap() { folder.write("file", "0123456789"); }
+    ZLCString named(const char* name) const { return ZLCString((folder / name).c_str()); }
 
     const TempFolder folder;
+    const string path = folder / "file";
+    const ZLCString name = named("file");
     int error = -1;
 };
 
@@ -40,60 +41,52 @@ int openDescriptors() {
 }  // namespace
 
 TEST_F(FileMap, ResultsForEachSituation) {
-    struct Case {
-        const char* what;
-        const char* name;
+    const struct {
+        const char *what, *name;
         Mode mode;
         unsigned long length;
-        int error;
-        bool mapped;
-        long sizeAfter;  // -1: no such file
-    };
-    const Case cases[] = {
-        {"whole file", "file", kRead, 0, 0, true, 10},
-        {"part of a file", "file", kRead, 5, 0, true, 10},
-        {"reading past the end", "file", kRead, 100, 0, true, 10},
-        {"updating past the end", "file", kOther, 100, 0, true, 10},
-        {"part, writable", "file", kReadWrite, 5, 0, true, 10},
-        {"longer, writable", "file", kReadWrite, 100, 0, true, 100},
-        {"empty file, whole", "empty", kRead, 0, EINVAL, false, 0},
-        {"empty file, whole, writable", "empty", kReadWrite, 0, EINVAL, false, 0},
-        {"empty file with a length", "empty", kRead, 100, 0, true, 0},
-        {"empty file, writable", "empty", kReadWrite, 100, 0, true, 100},
-        {"missing file, whole", "missing", kRead, 0, EINVAL, false, -1},
-        {"missing file, whole, writable", "missing", kReadWrite, 0, EINVAL, false, -1},
-        {"missing file with a length", "missing", kRead, 100, ENOENT, false, -1},
-        {"missing file, updating", "missing", kOther, 100, ENOENT, false, -1},
-        {"missing file, writable", "missing", kReadWrite, 100, 0, true, 100},
-        {"directory missing", "none/file", kReadWrite, 100, ENOENT, false, -1},
-        {"a directory, writable", ".", kReadWrite, 100, EISDIR, false, -2},
-        {"a directory", ".", kRead, 100, ENODEV, false, -2},
-        {"more than there is room for", "file", kRead, ~0ul, ENOMEM, false, 10},
+        int error, sizeAfter;  // -1: no such file, -2: no file
+    } cases[] = {
+        {"whole file", "file", kRead, 0, 0, 10},
+        {"part of a file", "file", kRead, 5, 0, 10},
+        {"reading past the end", "file", kRead, 100, 0, 10},
+        {"updating past the end", "file", kOther, 100, 0, 10},
+        {"part, writable", "file", kReadWrite, 5, 0, 10},
+        {"longer, writable", "file", kReadWrite, 100, 0, 100},
+        {"empty file, whole", "empty", kRead, 0, EINVAL, 0},
+        {"empty file, whole, writable", "empty", kReadWrite, 0, EINVAL, 0},
+        {"empty file with a length", "empty", kRead, 100, 0, 0},
+        {"empty file, writable", "empty", kReadWrite, 100, 0, 100},
+        {"missing file, whole", "missing", kRead, 0, EINVAL, -1},
+        {"missing file, whole, writable", "missing", kReadWrite, 0, EINVAL, -1},
+        {"missing file with a length", "missing", kRead, 100, ENOENT, -1},
+        {"missing file, updating", "missing", kOther, 100, ENOENT, -1},
+        {"missing file, writable", "missing", kReadWrite, 100, 0, 100},
+        {"directory missing", "none/file", kReadWrite, 100, ENOENT, -1},
+        {"a directory, writable", ".", kReadWrite, 100, EISDIR, -2},
+        {"a directory", ".", kRead, 100, ENODEV, -2},
+        {"more than there is room for", "file", kRead, ~0ul, ENOMEM, 10},
     };
     const mode_t mask = umask(0);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        make("file", "0123456789");
-        make("empty", "");
-        unlink(path("missing").c_str());
+        const bool isMapped = c.error == 0;
+        folder.write("file", "0123456789");
+        folder.write("empty", "");
+        unlink((folder / "missing").c_str());
         const int before = openDescriptors();
         {
             ZUnixFileMap map(named(c.name), c.mode, 1);
             void* const address = map.mapfile(&error, c.length);
             EXPECT_EQ(error, c.error);
-            EXPECT_EQ(address != nullptr, c.mapped);
-            EXPECT_EQ(openDescriptors(), before + c.mapped);
-            if (c.mapped && strcmp(c.name, "file") == 0) {
-                EXPECT_EQ(memcmp(address, "01234", 5), 0);
-            }
+            EXPECT_EQ(address != nullptr, isMapped);
+            EXPECT_EQ(openDescriptors(), before + isMapped);
+            EXPECT_TRUE(!isMapped || c.name != string("file") || !memcmp(address, "01234", 5));
             struct stat status;
-            const bool exists = stat(path(c.name).c_str(), &status) == 0;
-            if (c.sizeAfter != -2) {
-                EXPECT_EQ(exists ? long(status.st_size) : -1, c.sizeAfter);
-            }
-            if (exists && strcmp(c.name, "missing") == 0) {
-                EXPECT_EQ(status.st_mode & 07777, 0600u) << "for its owner alone";
-            }
+            const bool exists = stat((folder / c.name).c_str(), &status) == 0;
+            EXPECT_EQ(c.sizeAfter == -2 ? -2 : exists ? status.st_size : -1, c.sizeAfter);
+            EXPECT_TRUE(!exists || c.name != string("missing") ||
+                        (status.st_mode & 07777) == 0600) << "for its owner alone";
             error = 77;
             for (int time = 0; time < 2; ++time) {
                 map.unmapfile(&error);
@@ -106,7 +99,6 @@ TEST_F(FileMap, ResultsForEachSituation) {
 }
 
 TEST_F(FileMap, ChangesReachTheFileAndTheDestructorUnmaps) {
-    const ZLCString name = make("file", "0123456789");
     const int before = openDescriptors();
     void* address;
     {
@@ -114,7 +106,7 @@ TEST_F(FileMap, ChangesReachTheFileAndTheDestructorUnmaps) {
         address = map.mapfile(&error, 0);
         ASSERT_NE(address, nullptr);
         memcpy(address, "abc", 3);
-        EXPECT_EQ(folder.read(path("file")), "abc3456789");
+        EXPECT_EQ(folder.read(path), "abc3456789");
     }
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(msync(address, 1, MS_ASYNC), -1);  // nothing there any more
@@ -122,7 +114,6 @@ TEST_F(FileMap, ChangesReachTheFileAndTheDestructorUnmaps) {
 }
 
 TEST_F(FileMap, CopiesOfAMappingMapAnew) {
-    const ZLCString name = make("file", "0123456789");
     const int before = openDescriptors();
     ZUnixFileMap map(name, kRead, 1);
     {
@@ -147,11 +138,11 @@ TEST_F(FileMap, AFailedMappingUnmapsNoMoreThanThereWas) {
         static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(pages, MAP_FAILED);
     munmap(pages, page);
-    ZUnixFileMap map(make("file", "0123456789"), kRead, 1);
+    ZUnixFileMap map(name, kRead, 1);
     if (map.mapfile(&error, 10) != pages)
         GTEST_SKIP() << "the system chose another place";
-    unlink(path("file").c_str());
-    ASSERT_EQ(mkdir(path("file").c_str(), 0700), 0);
+    unlink(path.c_str());
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     EXPECT_EQ(map.mapfile(&error, 2 * page), nullptr);
     EXPECT_EQ(error, ENODEV);
     EXPECT_EQ(msync(pages + page, page, MS_ASYNC), 0);
@@ -159,15 +150,14 @@ TEST_F(FileMap, AFailedMappingUnmapsNoMoreThanThereWas) {
 }
 
 TEST_F(FileMap, DescriptorZeroCountsAsNone) {
-    const ZLCString name = make("file", "0123456789");
-    const ZLCString empty = make("empty", "");
+    folder.write("empty", "");
     const int input = dup(0);
     close(0);
     ZUnixFileMap map(name, kRead, 1);
     EXPECT_EQ(map.mapfile(&error, 0), nullptr);
     EXPECT_EQ(error, 0);
     close(0);
-    ZUnixFileMap none(empty, kRead, 1);
+    ZUnixFileMap none(named("empty"), kRead, 1);
     EXPECT_EQ(none.mapfile(&error, 10), nullptr);
     EXPECT_EQ(error, ENOENT);
     dup2(input, 0);
@@ -176,13 +166,12 @@ TEST_F(FileMap, DescriptorZeroCountsAsNone) {
 
 // Beyond 4 GiB a 32-bit process can't map the whole, but any beginning.
 TEST_F(FileMap, BigFilesAreNoTrouble) {
-    make("file", "begin");
-    if (truncate64(path("file").c_str(), (int64_t(1) << 32) + 10) != 0)
+    if (truncate64(path.c_str(), (int64_t(1) << 32) + 10) != 0)
         GTEST_SKIP() << "no file system for big files";
-    ZUnixFileMap map(named("file"), kRead, 1);
+    ZUnixFileMap map(name, kRead, 1);
     void* const address = map.mapfile(&error, 4096);
     ASSERT_NE(address, nullptr);
-    EXPECT_EQ(memcmp(address, "begin", 5), 0);
+    EXPECT_EQ(memcmp(address, "01234", 5), 0);
     map.unmapfile(&error);
     EXPECT_EQ(map.mapfile(&error, 0) != nullptr, sizeof(void*) == 8);
     EXPECT_EQ(error, sizeof(void*) == 8 ? 0 : EOVERFLOW);
