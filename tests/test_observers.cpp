@@ -21,13 +21,11 @@ public:
         if (then)
             then();
     }
+    std::vector<int>& diary_;
+    const int name_;
     std::function<void()> then;
     ZObservableInterface* source_ = nullptr;
     const ZObservedParm* parm_ = nullptr;
-
-private:
-    std::vector<int>& diary_;
-    const int name_;
 };
 
 class Observers : public testing::Test {
@@ -35,6 +33,10 @@ public:
     ~Observers() noexcept override {}  // library objects may raise at their end; these don't
 
 protected:
+    void add(std::initializer_list<Diarist*> observers) {
+        for (Diarist* observer : observers)
+            observable.addObserver(observer);
+    }
     std::vector<int> tell() {
         diary.clear();
         observable.notifyObservers(parm);
@@ -49,8 +51,7 @@ protected:
 
 TEST_F(Observers, AreToldOnceEachInOrderOfRegistration) {
     EXPECT_EQ(tell(), Diary{}) << "nobody";
-    for (Diarist* observer : {&two, &one, &two, &three})
-        observable.addObserver(observer);
+    add({&two, &one, &two, &three});
     EXPECT_EQ(observable.countObservers(), 3u);
     EXPECT_EQ(tell(), (Diary{2, 1, 3}));
     EXPECT_EQ(one.source_, &observable);
@@ -70,50 +71,42 @@ TEST_F(Observers, AreToldOnceEachInOrderOfRegistration) {
 
 TEST_F(Observers, AddedWhileTellingAreToldTheNextTime) {
     observable.addObserver(&one);
-    one.then = [&] {
-        observable.addObserver(&two);  // the lock is recursive
-        observable.addObserver(&one);
-    };
+    one.then = [&] { add({&two, &one}); };  // the lock is recursive
     EXPECT_EQ(tell(), Diary{1});
     EXPECT_EQ(tell(), (Diary{1, 2}));
 }
 
 TEST_F(Observers, RemovedWhileTellingCrashNothing) {
-    for (Diarist* observer : {&one, &two, &three})
-        observable.addObserver(observer);
+    add({&one, &two, &three});
     one.then = [&] { observable.deleteObservers(); };
     EXPECT_EQ(tell(), Diary{1});
 }
 
 TEST_F(Observers, ThatRaiseEndTheNotificationAndFreeTheLock) {
-    for (Diarist* observer : {&one, &two, &three})
-        observable.addObserver(observer);
+    add({&one, &two, &three});
     two.then = [] { throw 7; };
     EXPECT_THROW(tell(), int);
     EXPECT_EQ(diary, (Diary{1, 2}));
-    std::thread other([&] { EXPECT_EQ(observable.countObservers(), 3u); });  // would wait for ever
-    other.join();
+    // Would wait for ever.
+    std::thread([&] { EXPECT_EQ(observable.countObservers(), 3u); }).join();
 }
 
 TEST_F(Observers, AreCopiedAsAListOfTheirOwn) {
-    observable.addObserver(&one);
-    observable.addObserver(&two);
+    add({&one, &two});
     {
         ZAbstractObservable copy(observable);
         copy.deleteObserver(&one);
         copy.addObserver(&three);
         EXPECT_EQ(tell(), (Diary{1, 2}));
         observable = copy;
-        const ZAbstractObservable& same = observable;
-        observable = same;
+        observable = *&observable;
     }
     EXPECT_EQ(tell(), (Diary{2, 3}));
 }
 
 TEST_F(Observers, ToldByTwoThreadsAreToldOneAtATime) {
     // The diary has no lock of its own: the race detector and lost lines show an overlap.
-    observable.addObserver(&one);
-    observable.addObserver(&two);
+    add({&one, &two});
     const auto notify = [&] {
         for (int i = 0; i < 500; ++i)
             observable.notifyObservers(parm);
