@@ -186,10 +186,7 @@ public:
     explicit Worker(ZLock& lock, Action body = nothing) : ZSleeperThread(lock), body_(body) {}
     Worker(int detached, int autoDelete, unsigned long timeout, Action body, Action atExit = nothing)
         : ZSleeperThread(detached, autoDelete, timeout), body_(body), atExit_(atExit) {}
-    void work() override {
-        body_();
-        done.open();
-    }
+    void work() override { body_(), done.open(); }
     void exit() override { [atExit = atExit_] { atExit(); }(); }
     Gate done;
 
@@ -201,27 +198,22 @@ TEST(Sleeper, ServesWakeUpsBeforeRightAfterAndDuringWork) {
     Gate atWork, leave;
     Worker worker([&] { atWork.open(), leave.await(); });
     worker.wakeUp();  // before there is a thread
-    worker.start();
-    atWork.await();
+    worker.start(), atWork.await();
     Gate woken;
     std::thread waker([&] { worker.wakeUp(), woken.open(); });
     EXPECT_EQ(woken.opened(), 0) << "must wait for the work";
     leave.open();
     worker.done.reach(1);
     atWork.await();  // once more, for the wake-up that waited
-    woken.await();
-    leave.open();
+    woken.await(), leave.open();
     worker.done.reach(2);
     waker.join();
-    for (int i = 3; i < 300; ++i) {
-        worker.wakeUp(), leave.open();
-        worker.done.reach(i);
-    }
+    for (int i = 3; i < 300; ++i)
+        worker.wakeUp(), leave.open(), worker.done.reach(i);
     worker.waitForExit();
     for (int i = 0; i < 200; ++i) {  // at once after start
         Worker fresh;
-        fresh.start(), fresh.wakeUp();
-        fresh.done.await();
+        fresh.start(), fresh.wakeUp(), fresh.done.await();
         fresh.waitForExit();
         EXPECT_EQ(fresh.done.opened(), 1);
     }
@@ -325,8 +317,7 @@ TEST(Sleeper, LeavesItsLockFreeHoweverItEndsAndStartsAgain) {
         EXPECT_EQ(worker.done.opened(), 0);
         std::thread([&] { lock.lock(), lock.unlock(); }).join();
         ends = false;
-        worker.start(), worker.wakeUp();
-        worker.done.await();
+        worker.start(), worker.wakeUp(), worker.done.await();
         worker.waitForExit();
     }
 }
