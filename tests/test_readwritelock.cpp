@@ -115,10 +115,12 @@ const Row kRows[] = {
     {"W2", false, {"W2 waits", "W2 waits", "W2 5",     "W2 waits", "W1"}},
     {"W0", true,  {"W0 5",     "W0 5",     "W0 5",     "W0 5",     "U0"}},
 };
-void (ZAbstractReadWriteLock::*const kRequests[])() = {
-    &ZAbstractReadWriteLock::readLock, &ZAbstractReadWriteLock::readWithIntentToWriteLock,
-    &ZAbstractReadWriteLock::promoteReadToWriteLock, &ZAbstractReadWriteLock::writeLock,
-    &ZAbstractReadWriteLock::unlock};
+void (*const kRequests[])(ZAbstractReadWriteLock&) = {
+    [](ZAbstractReadWriteLock& lock) { lock.readLock(); },
+    [](ZAbstractReadWriteLock& lock) { lock.readWithIntentToWriteLock(); },
+    [](ZAbstractReadWriteLock& lock) { lock.promoteReadToWriteLock(); },
+    [](ZAbstractReadWriteLock& lock) { lock.writeLock(); },
+    [](ZAbstractReadWriteLock& lock) { lock.unlock(); }};
 const char kGoals[] = "RPWW";  // what a request that waits gets in the end
 
 void expectEnd(const Row& row, int what) {
@@ -140,7 +142,7 @@ void expectEnd(const Row& row, int what) {
         promoted.wait();
     ASSERT_EQ(situationOf(lock), row.from);
 
-    const auto action = [&] { (lock.*kRequests[what])(); };
+    const auto action = [&] { kRequests[what](lock); };
     const bool waits = end.find("waits") != std::string::npos;
     std::future<int> result = waits ? beginWaiting(caller, action) : caller.begin(action);
     const int raised = waits ? 0 : result.get();
