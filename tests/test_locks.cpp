@@ -238,39 +238,28 @@ TEST(Condition, ABroadcastWakesAllWhoWait) {
 }
 
 TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
-    struct Shared {
-        ZCondition condition;
-        int waiting = 0, depthAtEnd = 0;
-        // Runs while the thread unwinds, when its guards still stand.
-        struct AtEnd {
-            Shared& shared;
-            ~AtEnd() { shared.depthAtEnd = depthOf(*shared.condition.getResource()); }
-        };
-        static void* body(void* argument) {
-            Shared& shared = *static_cast<Shared*>(argument);
-            const ZResourceLock outer(*shared.condition.getResource());
-            const ZResourceLock inner(*shared.condition.getResource());
-            const AtEnd atEnd{shared};
-            shared.waiting = 1;
-            for (;;)
-                shared.condition.wait();
-        }
-    };
     for (int round = 0; round < 20; ++round) {
-        Shared shared;
-        pthread_t thread;
-        ASSERT_EQ(pthread_create(&thread, nullptr, &Shared::body, &shared), 0);
-        for (int waiting = 0; !waiting; std::this_thread::yield()) {
-            const ZResourceLock guard(*shared.condition.getResource());
-            waiting = shared.waiting;
+        ZCondition condition;
+        ZLock& lock = *condition.getResource();
+        int waiting = 0, depthAtEnd = 0;
+        std::thread thread([&] {
+            const ZResourceLock outer(lock);
+            const ZResourceLock inner(lock);
+            // Runs while the thread unwinds, when its guards still stand.
+            const std::shared_ptr<void> atEnd(nullptr, [&](void*) { depthAtEnd = depthOf(lock); });
+            waiting = 1;
+            for (;;)
+                condition.wait();
+        });
+        for (int seen = 0; !seen; std::this_thread::yield()) {
+            const ZResourceLock guard(lock);
+            seen = waiting;
         }
-        pthread_cancel(thread);
-        void* result = nullptr;
-        pthread_join(thread, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-        EXPECT_EQ(shared.depthAtEnd, 2);
-        shared.condition.lock();  // is free
-        shared.condition.unlock();
+        pthread_cancel(thread.native_handle());
+        thread.join();  // its cancellation alone ends it
+        EXPECT_EQ(depthAtEnd, 2);
+        lock.lock();  // is free
+        lock.unlock();
     }
 }
 
