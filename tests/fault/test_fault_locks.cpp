@@ -57,12 +57,10 @@ WRAP_PLAIN(kCondSignal, pthread_cond_signal, pthread_cond_t)
 WRAP_PLAIN(kCondBroadcast, pthread_cond_broadcast, pthread_cond_t)
 
 // A destroy that fails has destroyed all the same here, so that the checkers find nothing left.
-#define WRAP_DESTROY(call, name, Object)            \
-    extern "C" int __real_##name(Object*);          \
-    extern "C" int __wrap_##name(Object* object) {  \
-        const int rc = failureOf(call);             \
-        const int real = __real_##name(object);     \
-        return rc != 0 ? rc : real;                 \
+#define WRAP_DESTROY(call, name, Object)                      \
+    extern "C" int __real_##name(Object*);                    \
+    extern "C" int __wrap_##name(Object* object) {            \
+        return __real_##name(object) | failureOf(call);       \
     }
 WRAP_DESTROY(kMutexDestroy, pthread_mutex_destroy, pthread_mutex_t)
 WRAP_DESTROY(kCondDestroy, pthread_cond_destroy, pthread_cond_t)
@@ -76,8 +74,6 @@ extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now) {
 }
 
 namespace {
-
-using Reports = std::vector<std::string>;
 
 // Lets the next `call` fail with `rc` during `action`: what that raised.
 template <typename Exception, typename Action>
@@ -103,7 +99,7 @@ TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
     given.lock();
     EXPECT_EQ(depthOf(given), 1) << "a caller's lock survives";
     given.unlock();
-    EXPECT_EQ(service.reports(), Reports{});
+    EXPECT_TRUE(service.reports().empty());
 }
 
 TEST(FailingSystem, LeavesOwnerAndDepthOfALockAsTheyWere) {
@@ -117,7 +113,7 @@ TEST(FailingSystem, LeavesOwnerAndDepthOfALockAsTheyWere) {
     EXPECT_EQ(raisedWhenFails<ZUnlockResourceException>(kMutexUnlock, EPERM, unlock), "6/1");
     EXPECT_EQ(depthOf(held), 1);
     unlock();
-    EXPECT_EQ(service.reports(), Reports{});
+    EXPECT_TRUE(service.reports().empty());
 }
 
 TEST(FailingSystem, IsReportedByDestructors) {
@@ -129,7 +125,7 @@ TEST(FailingSystem, IsReportedByDestructors) {
     auto condition = std::make_unique<ZCondition>();
     failingCall = kCondDestroy;
     condition.reset();
-    EXPECT_EQ(service.reports(), (Reports{"4: 16", "8: 16"}));
+    EXPECT_EQ(service.reports(), (std::vector<std::string>{"4: 16", "8: 16"}));
 }
 
 TEST(FailingSystem, IsReportedAndRaisedByConditions) {
@@ -155,7 +151,7 @@ TEST(FailingSystem, IsReportedAndRaisedByConditions) {
         int flag = 0;
         const auto action = [&] { c.action(condition, flag); };
         EXPECT_EQ(raisedWhenFails<ZConditionException>(c.call, EINVAL, action), number + "/22");
-        EXPECT_EQ(service.reports(), Reports{number + ": 22"});
+        EXPECT_EQ(service.reports(), std::vector<std::string>{number + ": 22"});
         EXPECT_EQ(depthOf(*condition.getResource()), 2);
         EXPECT_EQ(flag, 0);
         EXPECT_EQ(condition.testCondition(), 0);
