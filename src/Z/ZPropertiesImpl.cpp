@@ -24,9 +24,8 @@
 #include "ZProperties.h"
 #include "zinternal.h"
 #include "zqelutil.h"
+#include "zsidenames.h"
 
-static const char kSideStanza[] = "configuration-database";
-static const char kSideKey[] = "file";
 static const long kNoTime = LONG_MIN;
 
 [[noreturn]] static void raise(const char* name, const char* api, int error, int line) {

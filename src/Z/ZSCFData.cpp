@@ -31,12 +31,11 @@
 #include "ZExceptionText.h"
 #include "ZSqueeze.h"
 #include "zpstore.h"
+#include "zsidenames.h"
 
 typedef ZPStore::Id Id;
 
 static const size_t kPiece = 8191;
-static const char kSideStanza[] = "configuration-database";
-static const char kSideKey[] = "file";
 
 ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
 

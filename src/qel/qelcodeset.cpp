@@ -122,6 +122,18 @@ public:
     }
 };
 
+// Copies the run of ASCII at source + i, and moves both positions on. False if it doesn't fit.
+inline bool copyASCII(const char* source, size_t length, size_t& i, char* target, size_t room,
+                      size_t& used) {
+    const size_t run = asciiRun(source + i, length - i);
+    if (run > room - used)
+        return false;
+    memcpy(target + used, source + i, run);
+    used += run;
+    i += run;
+    return true;
+}
+
 class ByteCodeset : public Codeset {
 public:
     // The codes of the bytes, all below 0x10000 or kNoCode.
@@ -134,12 +146,8 @@ public:
         size_t used = 0;
         for (size_t i = 0; i < length;) {
             if (beginsWithASCII_) {
-                const size_t run = asciiRun(source + i, length - i);
-                if (run > room - used)
+                if (!copyASCII(source, length, i, target, room, used))
                     return -1;
-                memcpy(target + used, source + i, run);
-                used += run;
-                i += run;
                 if (i == length)
                     break;
             }
@@ -156,12 +164,8 @@ public:
         size_t used = 0;
         for (size_t i = 0; i < length;) {
             if (beginsWithASCII_) {
-                const size_t run = asciiRun(source + i, length - i);
-                if (run > room - used)
+                if (!copyASCII(source, length, i, target, room, used))
                     return -1;
-                memcpy(target + used, source + i, run);
-                used += run;
-                i += run;
                 if (i == length)
                     break;
             }

@@ -1,0 +1,9 @@
+// zsidenames.h: the entry of a stanza file that names its side database, for who reads it and who
+// writes it. Never installed.
+#ifndef Z_ZSIDENAMES_H
+#define Z_ZSIDENAMES_H
+
+static const char kSideStanza[] = "configuration-database";
+static const char kSideKey[] = "file";
+
+#endif
