@@ -96,6 +96,10 @@ public:
     ZAbstractMutableString& upper();
     ZAbstractMutableString& lower();
 
+    /// Puts the formatted text, which may be of any length, in place of the own one: zvsprintf() with
+    /// `fmt`. Arguments may be of the string's own text. An invalid format changes nothing.
+    ZAbstractMutableString& format(const char* fmt, ...);
+
     ZAbstractMutableString& operator=(const ZAbstractMutableString& other) {
         ZAbstractString::operator=(other);
         return *this;

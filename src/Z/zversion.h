@@ -88,6 +88,18 @@
 #define zisalpha zisalpha_6_0
 #define zisspace zisspace_6_0
 #define zmbtowc zmbtowc_6_0
+#define zsnprintf zsnprintf_6_0
+#define zvsnprintf zvsnprintf_6_0
+#define zsprintf zsprintf_6_0
+#define zvsprintf zvsprintf_6_0
+#define zasprintf zasprintf_6_0
+#define zvasprintf zvasprintf_6_0
+#define zasprintf_free zasprintf_free_6_0
+#define zvsnprintf_parse zvsnprintf_parse_6_0
+#define zvsnprintf_render zvsnprintf_render_6_0
+#define zvsnprintf_done zvsnprintf_done_6_0
+#define zhex_dump zhex_dump_6_0
+#define zconvert_UTF16_to_UTF8 zconvert_UTF16_to_UTF8_6_0
 
 /* Strings */
 #define ZAbstractString ZAbstractString_6_0
@@ -97,6 +109,11 @@
 #define ZLCConstString ZLCConstString_6_0
 #define ZUTF8String ZUTF8String_6_0
 #define ZUTF8ConstString ZUTF8ConstString_6_0
+#define ZStringIterator ZStringIterator_6_0
+#define ZStringTokenizer ZStringTokenizer_6_0
+#define ZUTF8ConverterInterface ZUTF8ConverterInterface_6_0
+#define ZAbstractUTF8Converter ZAbstractUTF8Converter_6_0
+#define ZQELUTF8Converter ZQELUTF8Converter_6_0
 
 /* Containers and buffers */
 #define ZIterator ZIterator_6_0
@@ -179,6 +196,7 @@
 #define ZKVEntry ZKVEntry_6_0
 #define ZPropertiesKVList ZPropertiesKVList_6_0
 #define ZStzFileItem ZStzFileItem_6_0
+#define ZJavaProperties ZJavaProperties_6_0
 
 /* C interface */
 #define zstzPropOpen zstzPropOpen_6_0
@@ -221,5 +239,16 @@
 #define ZUnixFileMap ZUnixFileMap_6_0
 #define ZSqueeze ZSqueeze_6_0
 #define ZAdler32 ZAdler32_6_0
+#define ZAbstractSharedLibrary ZAbstractSharedLibrary_6_0
+#define ZSharedLibrary ZSharedLibrary_6_0
+#define zdlopen zdlopen_6_0
+#define zdlsym zdlsym_6_0
+#define zdlclose zdlclose_6_0
+#define zdlerror zdlerror_6_0
+#define ZLocalHostName ZLocalHostName_6_0
+#define ZWinRegistry ZWinRegistry_6_0
+#define zsetfileinheritance zsetfileinheritance_6_0
+#define zinet_pton zinet_pton_6_0
+#define zinet_ntop zinet_ntop_6_0
 
 #endif
