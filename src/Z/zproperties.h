@@ -154,7 +154,7 @@ ZEXPORT int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, co
 /* Writes "yes" or "no". */
 ZEXPORT int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                     int value);
-/* What isn't there is no error. */
+/* Remove a key with its values, a stanza with its keys. What isn't there is no error. */
 ZEXPORT int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key);
 ZEXPORT int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza);
 /* A comment behind those below the stanza's header, at the end of the file's first paragraph, or in

@@ -63,8 +63,8 @@ ZEXPORT char* zstrncat(zcodeset_handle h, char* a, const char* b, size_t n);
 /* As strtok_r: `c` holds the place between calls. */
 ZEXPORT char* zstrtok(zcodeset_handle h, char* a, const char* b, char** c);
 
-/* Below 0, 0 or above 0: the order of the texts (of their first `n` bytes) without regard to case,
- * by the rules of the process's locale. */
+/* Compare the texts (their first `n` bytes) without regard to case, by the rules of the process's
+ * locale: below 0, 0 or above 0. */
 ZEXPORT int zstricmp(zcodeset_handle h, const char* a, const char* b);
 ZEXPORT int zstrnicmp(zcodeset_handle h, const char* a, const char* b, size_t n);
 
