@@ -5,7 +5,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <iosfwd>
+
 #include "ZAbstractString.h"
+
+class ZStringIterator;
 
 /// A string that owns its text: up to 95 bytes inside the object, more in a block of its own.
 ///
@@ -35,6 +39,37 @@ public:
 
     /// Copies the text of `other`, by convertFromCodeSet() when it is of another codeset.
     ZAbstractMutableString& setChars(const ZAbstractString& other) override;
+
+    /// The next calls rewrite the text by what is in it. `set` is a text whose characters are meant
+    /// one by one. A null or empty text to look for, and a null set, change nothing; a null text to
+    /// put in is empty. Each is one pass: linear in the text and the result.
+
+    /// Writes `c` over each byte that is in `set`, or takes it out where `c` is NUL. Goes by bytes,
+    /// so only with characters of one byte in `set` is the text safe.
+    virtual ZAbstractMutableString& replaceAll(const char* set, char c);
+
+    /// Writes `b` over each character that is `a`, or takes it out where `b` is NUL.
+    virtual ZAbstractMutableString& replace(char a, char b);
+
+    /// Puts `to` in place of each `from`, from the front and without overlap; what has been put in
+    /// isn't searched again. Hits begin where a character does, but in UTF-8, where bytes count.
+    virtual ZAbstractMutableString& replace(const char* from, const char* to);
+
+    /// Puts `to` in place of each character that is in `set`: replace(), for one after the other,
+    /// so that what one puts in is searched for the next. Raises ZQELMBLenException (46) at a
+    /// character of `set` that isn't valid, having done those before it.
+    virtual ZAbstractMutableString& replaceAll(const char* set, const char* to) = 0;
+
+    /// Puts `to` in place of each character that isn't in `set`: replace(), for each character that
+    /// the text had at first. Where `to` holds such a character itself, and the text holds it more
+    /// than once, it is therefore put in several times over. Raises ZQELMBLenException (46) at a
+    /// character that isn't valid, having done those before it.
+    virtual ZAbstractMutableString& replaceOther(const char* set, const char* to) = 0;
+
+    /// Take white space of one byte a character, as isspace() has it, off one end. In a codeset of
+    /// one byte a character and in UTF-8 stripTrailing() leaves the first byte alone.
+    virtual ZAbstractMutableString& stripLeading();
+    virtual ZAbstractMutableString& stripTrailing();
 
     /// Puts the converted text of `other` in place of the own one: into UTF-8 from the local
     /// codeset, else from UTF-8, whatever codeset `other` says it is. Text that can't be converted
@@ -95,6 +130,20 @@ public:
     /// Change the case in place, by the rules of the process's locale.
     ZAbstractMutableString& upper();
     ZAbstractMutableString& lower();
+
+    /// replace() by `to` of each character that `characters` still delivers, or of each that it
+    /// delivers and `set` lacks. Its source must not be this string.
+    ZAbstractMutableString& replaceAllOf(ZStringIterator& characters, const char* to);
+    ZAbstractMutableString& replaceNoneOf(ZStringIterator& characters, const char* set,
+                                          const char* to);
+
+    /// stripLeading(), then stripTrailing().
+    ZAbstractMutableString& stripWhiteSpace();
+
+    /// Puts the next line of `in` in place of the text. "\n", "\r" and NUL each end a line; they are
+    /// taken from the stream and not stored, so that "\r\n" reads as a line and an empty line. A
+    /// `flag` sets the stream's skipws, to no effect on what is read.
+    std::istream& readLine(std::istream& in, int flag = 0);
 
     /// Puts the formatted text, which may be of any length, in place of the own one: zvsprintf() with
     /// `fmt`. Arguments may be of the string's own text. An invalid format changes nothing.
@@ -214,6 +263,8 @@ private:
     }
     ZAbstractMutableString& setUnsigned(unsigned long n, int negative);
     void grow(uint64_t n, int exact);
+    const char* find(const char* text, const char* part) const;
+    bool isBytewise() const;
     int isOwn(const char* s) const;
 
     // (1) chars_[length_] is NUL, and length_ <= capacity_.

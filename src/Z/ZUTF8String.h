@@ -13,11 +13,13 @@
 #define Z_OTHER_STRING ZLCString
 #define Z_OTHER_CONST_STRING ZLCConstString
 #define Z_CODESET utf8_handle_
+#define Z_ASCII_HALF
 #include "zstringfamily.h"
 #undef Z_STRING
 #undef Z_CONST_STRING
 #undef Z_OTHER_STRING
 #undef Z_OTHER_CONST_STRING
 #undef Z_CODESET
+#undef Z_ASCII_HALF
 
 #endif

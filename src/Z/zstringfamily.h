@@ -4,6 +4,8 @@
 //   Z_STRING, Z_CONST_STRING             the classes to declare
 //   Z_OTHER_STRING, Z_OTHER_CONST_STRING those of the other codeset
 //   Z_CODESET                            the static of ZAbstractString that holds the handle
+//   Z_ASCII_HALF                         defined where a byte below 0x80 is ASCII wherever it
+//                                        stands, so that some edits need no codeset service
 //
 // The classes are classes, not one template, since each is derived directly from the abstract one
 // and has a link name of its own.
@@ -81,6 +83,22 @@ public:
     zcodeset_handle getCodesetHandle() const override {
         return Z_CODESET.load(std::memory_order_relaxed);
     }
+
+    Z_STRING& replaceAll(const char* set, char c) override;
+#ifdef Z_ASCII_HALF
+    /// Writes `b` over each byte that is `a`; a `b` of NUL too, and the length stays. Raises
+    /// ZInvalidParameterException (22) for an `a` of 0x80 or above, which is never a character.
+    Z_STRING& replace(char a, char b) override;
+    Z_STRING& replace(const char* from, const char* to) override;
+#endif
+    Z_STRING& replaceAll(const char* set, const char* to) override;
+    Z_STRING& replaceOther(const char* set, const char* to) override;
+#ifdef Z_ASCII_HALF
+    /// Change the case in place: of the leading ASCII by itself, of the rest by the rules of the
+    /// process's locale.
+    Z_STRING& upper();
+    Z_STRING& lower();
+#endif
 
     int compare(const Z_STRING& s) const { return compare(s.getChars()); }
     int compare(const Z_CONST_STRING& s) const { return compare(s.getChars()); }

@@ -1,0 +1,52 @@
+#include "ZStringIterator.h"
+
+#include <cstdlib>
+
+#include "ZException.h"
+
+ZStringIterator::ZStringIterator(const ZLCConstString& source, ZLCString& target)
+    : cursor_(source.getChars()),
+      source_(&source),
+      target_(&target),
+      mbMax_(static_cast<int>(MB_CUR_MAX)) {}
+
+ZStringIterator::ZStringIterator(const ZLCString& source, ZLCString& target)
+    : cursor_(source.getChars()),
+      source_(&source),
+      target_(&target),
+      mbMax_(static_cast<int>(MB_CUR_MAX)) {}
+
+ZStringIterator::ZStringIterator(const ZUTF8ConstString& source, ZUTF8String& target)
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(0) {}
+
+ZStringIterator::ZStringIterator(const ZUTF8String& source, ZUTF8String& target)
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(0) {}
+
+ZStringIterator::ZStringIterator(const ZStringIterator& other) = default;
+ZStringIterator& ZStringIterator::operator=(const ZStringIterator& other) = default;
+ZStringIterator::~ZStringIterator() noexcept {}
+
+ZObject* ZStringIterator::clone() const { return new ZStringIterator(*this); }
+
+int ZStringIterator::hasMore() { return cursor_ != nullptr && *cursor_ != '\0'; }
+
+ZObject* ZStringIterator::getNext() {
+    if (cursor_ == nullptr)
+        return nullptr;
+    target_->clear();
+    if (*cursor_ == '\0')
+        return target_;
+    int n = 1;
+    const bool isASCII = mbMax_ == 0 && static_cast<unsigned char>(*cursor_) < 0x80;
+    if (mbMax_ != 1 && !isASCII) {
+        const size_t offset = static_cast<size_t>(cursor_ - source_->getChars());
+        n = zmblen(source_->getCodesetHandle(), cursor_, source_->getLength() - offset);
+        if (n < 0)
+            ZQELMBLenException().throwException(__FILE__, __LINE__);
+    }
+    target_->append(cursor_, static_cast<unsigned int>(n));
+    cursor_ += n;
+    return target_;
+}
+
+void ZStringIterator::reset() { cursor_ = source_->getChars(); }
