@@ -1,26 +1,19 @@
 #include "ZStringIterator.h"
 
-#include <cstdlib>
-
 #include "ZException.h"
+#include "ztextwalk.h"
 
 ZStringIterator::ZStringIterator(const ZLCConstString& source, ZLCString& target)
-    : cursor_(source.getChars()),
-      source_(&source),
-      target_(&target),
-      mbMax_(static_cast<int>(MB_CUR_MAX)) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zlocalTextStep()) {}
 
 ZStringIterator::ZStringIterator(const ZLCString& source, ZLCString& target)
-    : cursor_(source.getChars()),
-      source_(&source),
-      target_(&target),
-      mbMax_(static_cast<int>(MB_CUR_MAX)) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zlocalTextStep()) {}
 
 ZStringIterator::ZStringIterator(const ZUTF8ConstString& source, ZUTF8String& target)
-    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(0) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepUTF8) {}
 
 ZStringIterator::ZStringIterator(const ZUTF8String& source, ZUTF8String& target)
-    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(0) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepUTF8) {}
 
 ZStringIterator::ZStringIterator(const ZStringIterator& other) = default;
 ZStringIterator& ZStringIterator::operator=(const ZStringIterator& other) = default;
@@ -36,14 +29,10 @@ ZObject* ZStringIterator::getNext() {
     target_->clear();
     if (*cursor_ == '\0')
         return target_;
-    int n = 1;
-    const bool isASCII = mbMax_ == 0 && static_cast<unsigned char>(*cursor_) < 0x80;
-    if (mbMax_ != 1 && !isASCII) {
-        const size_t offset = static_cast<size_t>(cursor_ - source_->getChars());
-        n = zmblen(source_->getCodesetHandle(), cursor_, source_->getLength() - offset);
-        if (n < 0)
-            ZQELMBLenException().throwException(__FILE__, __LINE__);
-    }
+    const size_t left = source_->getLength() - static_cast<size_t>(cursor_ - source_->getChars());
+    const int n = zcharacterLength(mbMax_, source_->getCodesetHandle(), cursor_, left);
+    if (n < 0)
+        ZQELMBLenException().throwException(__FILE__, __LINE__);
     target_->append(cursor_, static_cast<unsigned int>(n));
     cursor_ += n;
     return target_;
