@@ -1,0 +1,29 @@
+#include "ZLocalHostName.h"
+
+#include <netdb.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include "ZException.h"
+#include "zreport.h"
+
+static const size_t kRoom = 256;
+
+ZLCString ZLocalHostName::getLocalHostName() {
+    const std::unique_ptr<char, decltype(&free)> name(static_cast<char*>(malloc(kRoom)), &free);
+    if (name == nullptr)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    if (gethostname(name.get(), kRoom) != 0) {
+        zreportCode(__FILE__, __LINE__, 25, errno);
+        return ZLCString();
+    }
+    const hostent* host = gethostbyname(name.get());
+    if (host == nullptr) {
+        zreportCode(__FILE__, __LINE__, 26, errno);
+        return ZLCString();
+    }
+    return ZLCString(host->h_name);
+}

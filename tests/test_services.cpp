@@ -1,0 +1,323 @@
+// The dump, UTF-16, the loader, and the small services.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Z/ZExceptionText.h"
+#include "Z/ZLocalHostName.h"
+#include "Z/ZSharedLibrary.h"
+#include "Z/ZWinRegistry.h"
+#include "Z/zfileinherit.h"
+#include "Z/zinet_ntop.h"
+#include "Z/zinet_pton.h"
+#include "Z/zshlib.h"
+#include "Z/zutfconvert.h"
+#include "Z/zutils.h"
+#include "support/ExceptionNumber.h"
+#include "support/RecordingService.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+// ---------------------------------------------------------------- failing system calls
+
+static const char* failingCall = "";
+
+static bool fails(const char* call) {
+    if (strcmp(failingCall, call) != 0)
+        return false;
+    errno = EIO;
+    return true;
+}
+
+extern "C" int __wrap_gethostname(char* name, size_t size) {
+    snprintf(name, size, "this-host");
+    return fails("gethostname") ? -1 : 0;
+}
+extern "C" hostent* __wrap_gethostbyname(const char* name) {
+    static string fullName;
+    static hostent host = {};
+    fullName = string(name) + ".example";
+    host.h_name = &fullName[0];
+    return fails("gethostbyname") ? nullptr : &host;
+}
+extern "C" int __real_dlclose(void* handle);
+extern "C" int __wrap_dlclose(void* handle) { return fails("dlclose") ? 1 : __real_dlclose(handle); }
+
+namespace {
+
+// ---------------------------------------------------------------- dump
+
+string dumpOf(const string& bytes, int count, const char* title) {
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* f = open_memstream(&text, &size);
+    zhex_dump(f, count, reinterpret_cast<const unsigned char*>(bytes.data()), title);
+    fclose(f);
+    const string dump(text, size);
+    free(text);
+    return dump;
+}
+
+TEST(Dump, RowsAreFilledUp) {
+    EXPECT_EQ(dumpOf("", 0, "title"), "\n\ttitle\n\n");
+    EXPECT_EQ(dumpOf("abc", -1, nullptr), "\n");
+    EXPECT_EQ(dumpOf("abc", 3, nullptr),
+              "\n0000   61 62 63                                          *abc             *\n");
+    EXPECT_EQ(dumpOf("0123456789abcde\x1F\xFD\xFE\x80", 19, "t"),
+              "\n\tt\n"
+              "\n0000   30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 1f  *0123456789abcde.*"
+              "\n0010   fd fe 80                                          *\xFD.\x80             *\n");
+}
+
+TEST(Dump, ThoseOfSeveralThreadsStandOneAfterTheOther) {
+    const string bytes[] = {string(40, 'a'), string(70, 'b')};
+    const string dumps[] = {dumpOf(bytes[0], 40, "a"), dumpOf(bytes[1], 70, "b")};
+    const TempFolder folder;
+    FILE* f = fopen((folder / "dumps").c_str(), "w");
+    std::vector<std::thread> threads;
+    for (int i : {0, 1})
+        threads.emplace_back([&, i] {
+            for (int times = 0; times < 50; ++times)
+                zhex_dump(f, static_cast<int>(bytes[i].size()),
+                          reinterpret_cast<const unsigned char*>(bytes[i].data()), i ? "b" : "a");
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    fclose(f);
+    const string text = TempFolder::read(folder / "dumps");
+    size_t at = 0;
+    for (int i = 0; i < 100; ++i) {
+        const string& dump = dumps[text.compare(at, dumps[1].size(), dumps[1]) == 0];
+        ASSERT_EQ(text.substr(at, dump.size()), dump);
+        at += dump.size();
+    }
+    EXPECT_EQ(at, text.size());
+}
+
+// ---------------------------------------------------------------- UTF-16
+
+TEST(Utf16, EveryRoomGivesWholeCharactersAndTheRightPlace) {
+    const struct {
+        std::vector<unsigned short> units;
+        std::vector<string> characters;
+    } kCases[] = {
+        {{}, {}},
+        {{0, 0x7F, 0x80, 0x7FF, 0x800, 0xFFFF},
+         {string(1, '\0'), "\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xEF\xBF\xBF"}},
+        {{0xD800, 0xDC00, 0xDBFF, 0xDFFF}, {"\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}},
+        {{0xDC00, 'a', 0xD800, 'b', 0xD800, 0xD800, 0xDC00, 0xDBFF},
+         {"\xED\xB0\x80", "a", "\xED\xA0\x80", "b", "\xED\xA0\x80", "\xF0\x90\x80\x80", "\xED\xAF\xBF"}},
+    };
+    for (const auto& c : kCases) {
+        string all;
+        for (const string& character : c.characters)
+            all += character;
+        for (size_t room = 0; room <= all.size(); ++room) {
+            string fits;
+            size_t units = 0;
+            for (const string& character : c.characters) {
+                if (fits.size() + character.size() > room)
+                    break;
+                fits += character;
+                units += character.size() == 4 ? 2 : 1;
+            }
+            std::vector<unsigned char> bytes(room + 1, '#');
+            const unsigned short* src = c.units.data();
+            unsigned char* dst = bytes.data();
+            EXPECT_EQ(zconvert_UTF16_to_UTF8(&src, src + c.units.size(), &dst, dst + room),
+                      fits == all ? 0 : 2);
+            EXPECT_EQ(src - c.units.data(), static_cast<long>(units));
+            EXPECT_EQ(string(bytes.data(), dst), fits);
+            EXPECT_EQ(*dst, '#');
+        }
+    }
+}
+
+// ---------------------------------------------------------------- loader
+
+const string kLibrary = LOADED_LIBRARY;
+const string kStem = kLibrary.substr(0, kLibrary.size() - 3);
+
+// What the default service prints of what a call raises.
+template <typename Call>
+string printedBy(Call call) {
+    try {
+        call();
+    } catch (ZException& e) {
+        testing::internal::CaptureStderr();
+        e.print();
+        return testing::internal::GetCapturedStderr();
+    }
+    return "nothing raised";
+}
+
+bool endsWith(const string& text, const string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+TEST(PlainLoader, TellsErrorsOnlyWhereTheyAreWanted) {
+    int error = 99;
+    EXPECT_EQ(zdlopen(nullptr, 0, &error), nullptr);
+    EXPECT_EQ(error, 2);
+    EXPECT_EQ(zdlerror(), nullptr);
+    EXPECT_EQ(zdlopen((kStem + ".none").c_str(), RTLD_LAZY, nullptr), nullptr);
+    char* text = zdlerror();
+    EXPECT_NE(strstr(text, ".none"), nullptr);
+    free(text);
+    void* handle = zdlopen(kLibrary.c_str(), 0, &error);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(error, 0);
+    EXPECT_NE(zdlsym(handle, "answer", nullptr), nullptr);
+    for (const auto& [from, symbol] : {std::pair<void*, const char*>{nullptr, "answer"},
+                                       {handle, nullptr}, {handle, "nothing"}}) {
+        errno = 77;
+        EXPECT_EQ(zdlsym(from, symbol, &error), nullptr);
+        EXPECT_EQ(error, 77);
+    }
+    zdlclose(handle, &error);
+    EXPECT_EQ(error, 0);
+    zdlclose(nullptr, &error);
+    EXPECT_EQ(error, 2);
+}
+
+TEST(SharedLibrary, CompletesItsName) {
+    const TempFolder folder;
+    const string bare = folder.write("bare", TempFolder::read(kLibrary));
+    ZSharedLibrary whole(kLibrary.c_str()), stem(kStem.c_str()), suffixed((bare + ".so").c_str());
+    for (ZSharedLibrary* library : {&whole, &stem, &suffixed}) {
+        library->loadLibrary();
+        EXPECT_NE(library->getHandle(), nullptr);
+        EXPECT_EQ(reinterpret_cast<int (*)()>(library->resolveSymbol("answer"))(), 42);
+        library->unloadLibrary();
+        EXPECT_EQ(library->getHandle(), nullptr);
+    }
+    // The failure of the first name stays on record.
+    EXPECT_STREQ(whole.getLastErrorMessage().getChars(), "");
+    EXPECT_TRUE(stem.getLastErrorMessage().beginsWith((kStem + ": ").c_str()));
+    EXPECT_TRUE(suffixed.getLastErrorMessage().beginsWith((bare + ".so: ").c_str()));
+}
+
+TEST(SharedLibrary, FailuresCarryTheLoadersWordsAndNoOlderOnes) {
+    const string missing = kStem + ".none";
+    ZSharedLibrary library(missing.c_str());
+    const string load = printedBy([&] { library.loadLibrary(); });
+    const string first = library.getLastErrorMessage().getChars();
+    EXPECT_EQ(first.find(missing + ": "), 0u);
+    EXPECT_TRUE(endsWith(load, "load/unload error (" + missing + ") " +
+                                   std::to_string(library.getLastErrorNumber()) + ".  " + first));
+    // Nothing is loaded, and what the loader said of the later tries isn't said of this.
+    EXPECT_TRUE(endsWith(printedBy([&] { library.unloadLibrary(); }),
+                         "load/unload error (" + missing + ") 2.  "));
+    EXPECT_EQ(library.getLastErrorNumber(), 2);
+    EXPECT_TRUE(library.getLastErrorMessage().isEmpty());
+    EXPECT_EQ(numberOf([&] { library.loadLibrary(); }), 51);
+    errno = 77;
+    EXPECT_TRUE(endsWith(printedBy([&] { library.resolveSymbol("answer"); }),
+                         "resolve error (" + missing + ":answer) 77.  "));
+
+    ZSharedLibrary loaded(kLibrary.c_str());
+    loaded.loadLibrary();
+    EXPECT_EQ(numberOf([&] { loaded.resolveSymbol("none"); }), 52);
+    EXPECT_TRUE(loaded.getLastErrorMessage().contains("none"));
+    EXPECT_EQ(numberOf([&] { loaded.resolveSymbol("nothing"); }), 52);
+    EXPECT_EQ(numberOf([&] { loaded.resolveSymbol(nullptr); }), 52);
+    EXPECT_TRUE(loaded.getLastErrorMessage().isEmpty());
+    failingCall = "dlclose";
+    EXPECT_EQ(numberOf([&] { loaded.unloadLibrary(); }), 51);
+    failingCall = "";
+    EXPECT_EQ(loaded.getLastErrorNumber(), EIO);
+    EXPECT_NE(loaded.getHandle(), nullptr);
+    loaded.unloadLibrary();
+}
+
+TEST(SharedLibrary, AFailedInitializeLeavesItLoaded) {
+    struct Refusing : ZSharedLibrary {
+        using ZSharedLibrary::ZSharedLibrary;
+        int initialize() override { return getHandle() != nullptr; }
+    } library(kLibrary.c_str());
+    library.setLastErrorNumber(5);
+    EXPECT_TRUE(endsWith(printedBy([&] { library.loadLibrary(); }), ") 5.  initialize"));
+    EXPECT_NE(library.getHandle(), nullptr);
+    library.unloadLibrary();
+}
+
+TEST(SharedLibrary, FlagsAndCopies) {
+    ZSharedLibrary library(kLibrary.c_str());
+    library.setLocalScope(1);
+    EXPECT_EQ(library.getFlags(), 0);
+    EXPECT_EQ(library.getLocalScope(), 0);  // 0 stands for a global load
+    EXPECT_EQ(library.getLazyResolution(), 0);
+    library.setLazyResolution(1);
+    EXPECT_EQ(library.getLocalScope(), 1);
+    library.setLocalScope(0);
+    EXPECT_EQ(library.getFlags(), RTLD_LAZY | RTLD_GLOBAL);
+    EXPECT_EQ(library.getLazyResolution(), RTLD_LAZY);
+    library.setLazyResolution(0);
+    EXPECT_EQ(library.getFlags(), RTLD_NOW | RTLD_GLOBAL);
+
+    library.loadLibrary();
+    ZSharedLibrary copy(library), assigned;
+    EXPECT_EQ(copy.getHandle(), nullptr);
+    EXPECT_EQ(copy.getFlags(), 0);
+    EXPECT_EQ(copy.hash(), library.hash());
+    EXPECT_EQ(copy.compare(library), 0);
+    EXPECT_NE(assigned.compare(library), 0);
+    assigned = library;
+    assigned = *&assigned;
+    EXPECT_STREQ(assigned.getLibraryName(), kLibrary.c_str());
+    EXPECT_EQ(assigned.getFlags(), library.getFlags());
+    EXPECT_EQ(assigned.getHandle(), nullptr);
+    library = *&library;
+    EXPECT_NE(library.getHandle(), nullptr);
+    library.unloadLibrary();
+}
+
+// ---------------------------------------------------------------- small services
+
+TEST(LocalHostName, FailuresAreReportedAndGiveNoName) {
+    EXPECT_STREQ(ZLocalHostName::getLocalHostName().getChars(), "this-host.example");
+    const RecordingService service;
+    for (const char* call : {"gethostname", "gethostbyname"}) {
+        failingCall = call;
+        EXPECT_TRUE(ZLocalHostName::getLocalHostName().isEmpty());
+    }
+    failingCall = "";
+    EXPECT_EQ(service.reports(), (std::vector<string>{"25: 5", "26: 5"}));
+}
+
+TEST(SmallServices, DoAsTheSystemDoes) {
+    const int fd = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(zsetfileinheritance(fd, 0), 1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(zsetfileinheritance(fd, 7), 1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), 0);
+    close(fd);
+    EXPECT_EQ(zsetfileinheritance(fd, 1), 0);
+    EXPECT_EQ(errno, EBADF);
+
+    unsigned char address[16];
+    char text[INET6_ADDRSTRLEN];
+    EXPECT_EQ(zinet_pton(AF_INET6, "0:0::1", address), 1);
+    EXPECT_STREQ(zinet_ntop(AF_INET6, address, text, sizeof text), "::1");
+    EXPECT_EQ(zinet_ntop(AF_INET6, address, text, 3), nullptr);
+    EXPECT_EQ(zinet_pton(AF_INET, "1.2.3", address), 0);
+    EXPECT_EQ(zinet_pton(-1, "1.2.3.4", address), -1);
+
+    ZLCString out;
+    EXPECT_EQ(numberOf([] { ZWinRegistry::exists(nullptr, nullptr); }), 11);
+    EXPECT_EQ(numberOf([&] { ZWinRegistry::getValue("k", "v", out); }), 11);
+}
+
+}  // namespace
