@@ -22,6 +22,7 @@
 #include "ZExceptionText.h"
 #include "ZFileMap.h"
 #include "ZProperties.h"
+#include "zfilestream.h"
 #include "zinternal.h"
 #include "zqelutil.h"
 #include "zsidenames.h"
@@ -92,13 +93,10 @@ static ZLCString choosePath(const char* file, const ZLCString& own) {
     return own;
 }
 
-// A record lock on the whole file, without waiting.
 static void lockFile(FILE* stream, short type, const char* path) {
-    struct flock whole = {};
-    whole.l_type = type;
-    whole.l_whence = SEEK_SET;
-    if (fcntl(fileno(stream), F_SETLK, &whole) == -1)
-        raise(path, "fcntl()", errno, __LINE__);
+    const int error = zlockWholeFile(stream, type);
+    if (error != 0)
+        raise(path, "fcntl()", error, __LINE__);
 }
 
 // Cuts off what lies behind the stream's position. Where nothing does, the system isn't asked to,
@@ -113,12 +111,6 @@ static void truncateHere(FILE* stream) {
         // A tail of the old text may stay; the result isn't looked at by design.
     }
 }
-
-// Room for a stream's buffer, which would cost a block and a system call for each stream.
-struct StreamRoom {
-    char bytes[4096];
-    void lendTo(FILE* stream) { setvbuf(stream, bytes, _IOFBF, sizeof bytes); }
-};
 
 namespace {
 
@@ -185,7 +177,7 @@ void ZProperties::load(const char* file) {
     FILE* opened = fopen(path.getChars(), "r");
     if (opened == nullptr)
         raise(path.getChars(), "fopen(r)", errno, __LINE__);
-    StreamRoom room;  // outlives the stream
+    ZStreamRoom room;
     ZStreamGuard stream(opened);
     room.lendTo(opened);
     lockFile(stream.get(), F_RDLCK, path.getChars());
@@ -277,7 +269,7 @@ void ZProperties::store(const char* file) {
         opened = fopen(path.getChars(), "w+");
     if (opened == nullptr)
         raise(path.getChars(), "fopen(r+)", errno, __LINE__);
-    StreamRoom room;  // outlives the stream
+    ZStreamRoom room;
     ZStreamGuard stream(opened);
     room.lendTo(opened);
     lockFile(stream.get(), F_WRLCK, path.getChars());  // a new stream stands at the start

@@ -142,6 +142,9 @@ void __wrap_free(void* block) {
 
 MAY_GIVE_NULL void* operator new(size_t size) { return allocateForNew(size); }
 MAY_GIVE_NULL void* operator new[](size_t size) { return allocateForNew(size); }
+// Neither fails nor is counted, but what it gives goes to the operators below.
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return __real_malloc(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return __real_malloc(size); }
 void operator delete(void* block) noexcept { __wrap_free(block); }
 void operator delete[](void* block) noexcept { __wrap_free(block); }
 void operator delete(void* block, size_t) noexcept { __wrap_free(block); }

@@ -1,0 +1,45 @@
+// What Java itself reads from property files, for those texts on which the library promises the same.
+// Makes the table that the library's tests include:
+//
+//   java PropertiesTable.java > properties.inc
+import java.io.StringReader;
+import java.nio.charset.StandardCharsets;
+import java.util.Properties;
+import java.util.TreeMap;
+
+public class PropertiesTable {
+    static final String[] TEXTS = {
+        "k=v\n", "k = v\n", "k:v\n", "k : v\n", "k v\n", "k\tv\n", "k\f=\fv\n", "  k =  v  \n",
+        "\n \n# a = 1\n! b = 2\n  # c = 3\nk = v # w\n", "a=1\rb=2\r\nc=3\n", "k = a = b : c\n",
+        "k ==v\n", "k : = v\n", "k =\n", "k:\nl=m\n", "k=1\nk=2\n",
+        "a\\ b=1\na\\:b=2\na\\=b=3\na\\\\b=4\na\\\tb=5\n", "k#!=#!\n",
+        "k = a\\\\b \\: \\\" \\' \\  c\n", "k = a\\\n   b\\\r\n\t c\n", "k = \\\n  v\n", "k = a\\\n\nl = m\n",
+        "k = \\u00e9\\u20AC\\u0041\\u000a\\u000d\\uFFfd.\n", "k = \u00e9 \u20ac \ud83d\ude00 \u007f\n",
+        "\u00fc = \u00e9\n", "#\na = b\\:c\n", "#\nk = v\\u00e9 = \\\\ \\u000a\\u000d\\u20ac.\n",
+    };
+
+    static String literal(String s) {
+        StringBuilder out = new StringBuilder("\"");
+        for (byte b : s.getBytes(StandardCharsets.UTF_8)) {
+            int c = b & 0xFF;
+            if (c < 32 || c > 126 || c == '"' || c == '\\')
+                out.append(String.format("\\%03o", c));
+            else
+                out.append((char) c);
+        }
+        return out.append('"').toString();
+    }
+
+    public static void main(String[] arguments) throws Exception {
+        System.out.println("// Made by PropertiesTable.java: a file's text, and what Java reads from it.");
+        for (String text : TEXTS) {
+            Properties properties = new Properties();
+            properties.load(new StringReader(text));
+            StringBuilder entries = new StringBuilder();
+            for (var entry : new TreeMap<Object, Object>(properties).entrySet())
+                entries.append("{" + literal((String) entry.getKey()) + ", "
+                    + literal((String) entry.getValue()) + "}, ");
+            System.out.println("{" + literal(text) + ",\n {" + entries + "}},");
+        }
+    }
+}
