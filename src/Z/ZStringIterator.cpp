@@ -29,10 +29,13 @@ ZObject* ZStringIterator::getNext() {
     target_->clear();
     if (*cursor_ == '\0')
         return target_;
-    const size_t left = source_->getLength() - static_cast<size_t>(cursor_ - source_->getChars());
-    const int n = zcharacterLength(mbMax_, source_->getCodesetHandle(), cursor_, left);
-    if (n < 0)
-        ZQELMBLenException().throwException(__FILE__, __LINE__);
+    int n = 1;
+    if (!zstepsByOne(mbMax_, *cursor_)) {
+        const size_t offset = static_cast<size_t>(cursor_ - source_->getChars());
+        n = zmblen(source_->getCodesetHandle(), cursor_, source_->getLength() - offset);
+        if (n < 0)
+            ZQELMBLenException().throwException(__FILE__, __LINE__);
+    }
     target_->append(cursor_, static_cast<unsigned int>(n));
     cursor_ += n;
     return target_;

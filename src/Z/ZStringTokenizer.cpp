@@ -92,7 +92,7 @@ size_t ZStringTokenizer::skip(const ZAbstractString& delims, bool delimiters) co
     size_t left = source_->getLength();
     const char* at = cursor_;
     while (*at != '\0') {
-        const int length = zcharacterLength(mbMax_, codeset, at, left);
+        const int length = zstepsByOne(mbMax_, *at) ? 1 : zmblen(codeset, at, left);
         if (length < 0)
             return kInvalid;
         if (length == 0)

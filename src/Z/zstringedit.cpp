@@ -52,7 +52,7 @@ char* rewrite(char* target, const char* source, const char* end, Next next, size
     }
 }
 
-/// Characters that need no further pass, as many as fit: each has one place where it may stand.
+/// Characters for which nothing is left to do, as many as fit: each has one place where it may stand.
 class DoneCharacters {
 public:
     bool contains(const char* character) const {
@@ -82,8 +82,9 @@ private:
 
 const char* ZAbstractMutableString::find(const char* text, const char* part) const {
     const zcodeset_handle codeset = getCodesetHandle();
-    return codeset == utf8_handle_.load(std::memory_order_relaxed) ? strstr(text, part)
-                                                                   : zstrstr(codeset, text, part);
+    if (codeset != utf8_handle_.load(std::memory_order_relaxed))
+        return zstrstr(codeset, text, part);
+    return part[0] != '\0' && part[1] == '\0' ? strchr(text, part[0]) : strstr(text, part);
 }
 
 // Whether stripping looks at bytes.
@@ -192,8 +193,12 @@ ZAbstractMutableString& ZAbstractMutableString::replaceNoneOf(ZStringIterator& c
     while (characters.hasMore()) {
         const char* const character =
             static_cast<ZAbstractString*>(characters.getNext())->getChars();
-        if (done.contains(character) || find(members, character) != nullptr)
+        if (done.contains(character))
             continue;
+        if (find(members, character) != nullptr) {
+            done.add(character);
+            continue;
+        }
         replace(character, substitute);
         if (stayGone && find(substitute, character) == nullptr)
             done.add(character);
@@ -282,6 +287,10 @@ std::istream& ZAbstractMutableString::readLine(std::istream& in, int flag) {
         const unsigned int n = static_cast<unsigned int>(at - begin);
         append(begin, n);
         ReadArea::skip(buffer, n);
+        if (at != end && endsLine(*at)) {
+            in.get();
+            return in;
+        }
     }
 }
 

@@ -15,12 +15,10 @@ enum ztextstep {
 /// How walks over text of the local codeset step.
 inline int zlocalTextStep() { return static_cast<int>(MB_CUR_MAX); }
 
-/// Bytes of the character at `text`, which isn't the terminator and has `left` bytes; -1 if no valid
-/// character stands there.
-inline int zcharacterLength(int step, zcodeset_handle codeset, const char* text, size_t left) {
-    if (step == zstepBytes || (step == zstepUTF8 && static_cast<unsigned char>(*text) < 0x80))
-        return 1;
-    return zmblen(codeset, text, left);
+/// Whether a character that begins with `byte`, which isn't the terminator, is that byte alone without
+/// asking the codeset service.
+inline bool zstepsByOne(int step, char byte) {
+    return step == zstepBytes || (step == zstepUTF8 && static_cast<unsigned char>(byte) < 0x80);
 }
 
 #endif

@@ -399,7 +399,11 @@ int qel_from_utf8(qel_codeset codeset, const char* source, size_t length, char* 
 int qel_mblen(qel_codeset codeset, const char* text, size_t n) {
     if (text == nullptr || n == 0 || *text == '\0')
         return 0;
-    return codeset == 0 ? -1 : codesetOf(codeset)->decode(text, n).length;
+    if (codeset == 0)
+        return -1;
+    Codeset* const own = codesetOf(codeset);
+    const bool isASCII = static_cast<unsigned char>(*text) < 0x80 && own->beginsWithASCII();
+    return isASCII ? 1 : own->decode(text, n).length;
 }
 
 int qel_mbtowc(qel_codeset codeset, qel_wide* wide, const char* text, size_t n) {
