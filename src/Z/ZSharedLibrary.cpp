@@ -88,8 +88,8 @@ void ZSharedLibrary::setLazyResolution(int lazy) {
     flags_ = lazy != 0 ? (flags_ & ~RTLD_NOW) | RTLD_LAZY : (flags_ & ~RTLD_LAZY) | RTLD_NOW;
 }
 
-// Null if no name leads to a library. Of the failures the first is recorded: it is the one of the name
-// that the caller knows.
+// Null if no name leads to a library. Of the failures the first is recorded: it is the one of the
+// name that the caller knows.
 void* ZSharedLibrary::openByAnyName() {
     int error = 0;
     void* handle = zdlopen(libraryName_.getChars(), flags_, &error);

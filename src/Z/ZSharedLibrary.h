@@ -84,8 +84,8 @@ public:
     /// Flags of 0 stand for a global load, so they give 0.
     int getLocalScope() const override;
 
-    /// Clears RTLD_GLOBAL, or sets it for 0. On flags of 0 clearing changes nothing, and the load is
-    /// still a global one: call setLazyResolution() as well for a local load.
+    /// Clears RTLD_GLOBAL, or sets it for 0. On flags of 0 clearing changes nothing, and the load
+    /// is still a global one: call setLazyResolution() as well for a local load.
     void setLocalScope(int local) override;
 
     /// RTLD_LAZY if it is among the flags, else 0.
@@ -98,8 +98,8 @@ public:
     /// taken off where the name ends in it. Then initialize() runs.
     ///
     /// The first failure is recorded, even when a later try succeeds, and it is what is raised (51)
-    /// when none does. 51 with the text "initialize" when that gives a nonzero value; the library is
-    /// loaded then. Loading again counts up in the loader and keeps the new handle.
+    /// when none does. 51 with the text "initialize" when that gives a nonzero value; the library
+    /// is loaded then. Loading again counts up in the loader and keeps the new handle.
     void loadLibrary() override;
 
     /// Unloads, after which nothing is loaded. Raises 51 if the loader refuses or nothing is loaded

@@ -4,9 +4,9 @@
 
 #include "Z.h"
 
-/// Reads a registry that this platform doesn't have. The class exists so that one source compiles on
-/// all platforms: every call raises ZInvalidPlatformException (11), whatever its arguments, which
-/// aren't looked at. Threads: any.
+/// Reads a registry that this platform doesn't have. The class exists so that one source compiles
+/// on all platforms: every call raises ZInvalidPlatformException (11), whatever its arguments,
+/// which aren't looked at. Threads: any.
 class ZEXPORT ZWinRegistry {
 public:
     [[noreturn]] static int exists(const char* key, const char* value);

@@ -1,5 +1,5 @@
-// zfilestream.h: what the streams on configuration files share. For units that are built with 64-bit
-// file offsets. Never installed.
+// zfilestream.h: what the streams on configuration files share. For units that are built with
+// 64-bit file offsets. Never installed.
 #ifndef Z_ZFILESTREAM_H
 #define Z_ZFILESTREAM_H
 
@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 
-/// Locks the whole file for this process, F_RDLCK or F_WRLCK, without waiting: 0, or the errno of the
-/// refusal. The lock goes when the process closes any descriptor of the file.
+/// Locks the whole file for this process, F_RDLCK or F_WRLCK, without waiting: 0, or the errno of
+/// the refusal. The lock goes when the process closes any descriptor of the file.
 static inline int zlockWholeFile(FILE* stream, short type) {
     struct flock whole = {};
     whole.l_type = type;

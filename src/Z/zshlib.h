@@ -1,8 +1,8 @@
 /* zshlib.h: the dynamic loader with error numbers instead of globals. Valid C99.
  *
- * Each call that takes `error` first sets it to 0 and then to the number of a failure; null means that
- * nobody wants to know. The number is errno after the loader's call. The loader needn't have set it, so
- * a failure may carry 0 or an older number; its own words are in zdlerror().
+ * Each call that takes `error` first sets it to 0 and then to the number of a failure; null means
+ * that nobody wants to know. The number is errno after the loader's call. The loader needn't have
+ * set it, so a failure may carry 0 or an older number; its own words are in zdlerror().
  *
  * Threads: any. What zdlerror() gives is that of the calling thread. */
 #ifndef Z_ZSHLIB_H
@@ -16,9 +16,9 @@ Z_BEGIN_C
  * RTLD_NOW | RTLD_GLOBAL. A null name is failure 2 and doesn't reach the loader. */
 ZEXPORT void* zdlopen(const char* name, int mode, int* error);
 
-/* The address of a symbol; null if it isn't found, and for a null handle or symbol, which don't reach
- * the loader: the number is errno as it stood then. A symbol whose value is null isn't told from one
- * that isn't there. */
+/* The address of a symbol; null if it isn't found, and for a null handle or symbol, which don't
+ * reach the loader: the number is errno as it stood then. A symbol whose value is null isn't told
+ * from one that isn't there. */
 ZEXPORT void* zdlsym(void* handle, const char* symbol, int* error);
 
 /* Gives a handle back. A null handle is failure 2 and doesn't reach the loader. */

@@ -1,11 +1,10 @@
-// What Java itself reads from property files, for those texts on which the library promises the same.
-// Makes the table that the library's tests include:
+// What Java itself reads from property files, for texts on which the library promises the same. Makes
+// the table that the library's tests include:
 //
 //   java PropertiesTable.java > properties.inc
 import java.io.StringReader;
 import java.nio.charset.StandardCharsets;
-import java.util.Properties;
-import java.util.TreeMap;
+import java.util.*;
 
 public class PropertiesTable {
     static final String[] TEXTS = {
@@ -18,15 +17,11 @@ public class PropertiesTable {
         "\u00fc = \u00e9\n", "#\na = b\\:c\n", "#\nk = v\\u00e9 = \\\\ \\u000a\\u000d\\u20ac.\n",
     };
 
-    static String literal(String s) {
+    static String literal(Object s) {
         StringBuilder out = new StringBuilder("\"");
-        for (byte b : s.getBytes(StandardCharsets.UTF_8)) {
-            int c = b & 0xFF;
-            if (c < 32 || c > 126 || c == '"' || c == '\\')
-                out.append(String.format("\\%03o", c));
-            else
-                out.append((char) c);
-        }
+        for (byte b : s.toString().getBytes(StandardCharsets.UTF_8))
+            out.append(b < 32 || b > 126 || b == '"' || b == '\\' ? String.format("\\%03o", b & 0xFF)
+                                                                  : "" + (char) b);
         return out.append('"').toString();
     }
 
@@ -35,11 +30,10 @@ public class PropertiesTable {
         for (String text : TEXTS) {
             Properties properties = new Properties();
             properties.load(new StringReader(text));
-            StringBuilder entries = new StringBuilder();
-            for (var entry : new TreeMap<Object, Object>(properties).entrySet())
-                entries.append("{" + literal((String) entry.getKey()) + ", "
-                    + literal((String) entry.getValue()) + "}, ");
-            System.out.println("{" + literal(text) + ",\n {" + entries + "}},");
+            System.out.print("{" + literal(text) + ", {");
+            new TreeMap<>(properties).forEach(
+                (key, value) -> System.out.print("{" + literal(key) + ", " + literal(value) + "}, "));
+            System.out.println("}},");
         }
     }
 }
