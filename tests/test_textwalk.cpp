@@ -260,6 +260,9 @@ TEST(Editing, LeavesOddArgumentsAlone) {
     EXPECT_EQ(std::string(u.getChars(), u.getLength()), std::string("b\0n\0n\0", 6));
     EXPECT_EQ(numberOf([&] { u.replace('\x80', 'x'); }), 22);
     EXPECT_STREQ((u = "A\xC3\xA9z").replace('z', '\xFF'), "A\xC3\xA9\xFF");
+    EXPECT_STREQ((u = "\xC3\xA9xy\xC3\xA9").replaceOther("", "\xA9\xC3"),
+                 "\xA9\xA9\xC3\xA9\xC3\xA9\xC3\xC3")
+        << "stray bytes that make the character anew";
     EXPECT_STREQ((u = "[a@zZ`{").upper(), "[A@ZZ`{");
     EXPECT_STREQ(u.lower(), "[a@zz`{");
     EXPECT_STREQ((u = "a\xFFz").upper(), "A\xFFZ") << "the rest is the locale's";
