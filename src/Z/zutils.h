@@ -16,8 +16,8 @@ Z_BEGIN_C
  *
  *   0000   61 62 63                                          *abc             *
  *
- * Failure: failures of writing are ignored. Without memory for the lock of the first dump, or if the
- * system refuses that lock, the C++ exception of ZLock passes through.
+ * Failure: failures of writing are ignored. Without memory for the lock of the first dump, or if
+ * the system refuses that lock, the C++ exception of ZLock passes through.
  * Threads: any. One dump is written after the other, whatever the streams. */
 ZEXPORT void zhex_dump(FILE* f, int count, const unsigned char* bytes, const char* title);
 
