@@ -200,7 +200,9 @@ ZAbstractMutableString& ZAbstractMutableString::replaceNoneOf(ZStringIterator& c
             continue;
         }
         replace(character, substitute);
-        if (stayGone && find(substitute, character) == nullptr)
+        // An iterator over text of the other codeset may deliver what is no character here.
+        const int n = zmblen(codeset, character, SIZE_MAX);
+        if (stayGone && n > 0 && character[n] == '\0' && find(substitute, character) == nullptr)
             done.add(character);
     }
     return *this;
