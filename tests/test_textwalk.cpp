@@ -281,7 +281,7 @@ TEST(Editing, RaisesWhenMemoryOrFourGigabytesRunOut) {
 
     const auto all = [] {
         ZLCString text(
-            "many words and 96 bytes aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"
+            "many words and 96 bytes eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee"
             "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb cc"),
             target;
         text.replace("a", text.getChars()).replaceOther(text.getChars(), "x");
