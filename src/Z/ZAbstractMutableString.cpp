@@ -1,6 +1,10 @@
 #include "ZAbstractMutableString.h"
 
+#include <cstdarg>
+#include <memory>
+
 #include "ZException.h"
+#include "zasprintf.h"
 
 const unsigned int ZAbstractMutableString::kInlineLength;
 
@@ -216,4 +220,14 @@ ZAbstractMutableString& ZAbstractMutableString::lower() {
 
 ZAbstractMutableString& ZAbstractMutableString::operator=(char c) {
     return assignBytes(&c, c != '\0');
+}
+
+ZAbstractMutableString& ZAbstractMutableString::format(const char* fmt, ...) {
+    char* made = nullptr;
+    va_list ap;
+    va_start(ap, fmt);
+    zvsprintf(&made, fmt, ap);
+    va_end(ap);
+    const std::unique_ptr<char, void (*)(void*)> block(made, zasprintf_free);
+    return block == nullptr ? *this : setChars(block.get());
 }

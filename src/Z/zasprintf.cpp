@@ -1,0 +1,63 @@
+#include "zasprintf.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "zformat.h"
+
+// Writes what `c` holds into a block for `*out`, which stays as it was if there is no length to ask
+// a block for. Most texts are short: the pass that measures writes already, on the stack, so that a
+// second one, and a second conversion of floating-point numbers, is only for long ones.
+static int formatBlock(const format_context& c, char** out) {
+    char text[1024];
+    const int length = zformatInto(c, text, sizeof text);
+    if (length < 0)
+        return -1;
+    const size_t size = static_cast<size_t>(length) + 1;
+    *out = static_cast<char*>(malloc(size));
+    if (*out == nullptr)
+        return -1;
+    if (size <= sizeof text) {
+        memcpy(*out, text, size);
+    } else if (zformatInto(c, *out, size) < 0) {
+        free(*out);
+        *out = nullptr;
+        return -1;
+    }
+    return length;
+}
+
+int zvasprintf(char** out, const char* fmt, va_list ap) {
+    format_context c;
+    const int parsed = zvsnprintf_parse(&c, zgetLCSHandle(), fmt, ap);
+    const int length = parsed == 0 ? formatBlock(c, out) : -1;
+    zvsnprintf_done(&c);
+    return length;
+}
+
+int zvsprintf(char** out, const char* fmt, va_list ap) {
+    if (out == nullptr)
+        return -1;
+    *out = nullptr;
+    return fmt == nullptr ? -1 : zvasprintf(out, fmt, ap);
+}
+
+int zsprintf(char** out, const char* fmt, ...) {
+    if (out == nullptr || fmt == nullptr)
+        return -1;
+    va_list ap;
+    va_start(ap, fmt);
+    const int length = zvsprintf(out, fmt, ap);
+    va_end(ap);
+    return length;
+}
+
+int zasprintf(char** out, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    const int length = zvasprintf(out, fmt, ap);
+    va_end(ap);
+    return length;
+}
+
+void zasprintf_free(void* p) { free(p); }
