@@ -8,13 +8,12 @@ import java.util.*;
 
 public class PropertiesTable {
     static final String[] TEXTS = {
-        "k=v\n", "k = v\n", "k:v\n", "k : v\n", "k v\n", "k\tv\n", "k\f=\fv\n", "  k =  v  \n",
-        "\n \n# a = 1\n! b = 2\n  # c = 3\nk = v # w\n", "a=1\rb=2\r\nc=3\n", "k = a = b : c\n",
-        "k ==v\n", "k : = v\n", "k =\n", "k:\nl=m\n", "k=1\nk=2\n",
-        "a\\ b=1\na\\:b=2\na\\=b=3\na\\\\b=4\na\\\tb=5\n", "k#!=#!\n",
-        "k = a\\\\b \\: \\\" \\' \\  c\n", "k = a\\\n   b\\\r\n\t c\n", "k = \\\n  v\n", "k = a\\\n\nl = m\n",
-        "k = \\u00e9\\u20AC\\u0041\\u000a\\u000d\\uFFfd.\n", "k = \u00e9 \u20ac \ud83d\ude00 \u007f\n",
-        "\u00fc = \u00e9\n", "#\na = b\\:c\n", "#\nk = v\\u00e9 = \\\\ \\u000a\\u000d\\u20ac.\n",
+        "a=1\nb = 2\nc:3\nd : 4\ne 5\nf\t6\ng\f=\f7\n  h =  8  \ni =\nj:\nk#!=#!\nl=1\nl=2\n",
+        "\n \n# a = 1\n! b = 2\n  # c = 3\nk = v # w\n", "a=1\rb=2\r\nc=3\n",
+        "a = a = b : c\nb ==v\nc : = v\n", "a\\ b=1\na\\:b=2\na\\=b=3\na\\\\b=4\na\\\tb=5\n",
+        "a = a\\\\b \\: \\\" \\' \\  c\nb = a\\\n   b\\\r\n\t c\nc = \\\n  v\nd = a\\\n\ne = m\n",
+        "k = \\u00e9\\u20AC\\u0041\\u000a\\u000d\\uFFfd.\n\u00fc = \u00e9 \u20ac \ud83d\ude00 \u007f\n",
+        "#\na = b\\:c\nk = v\\u00e9 = \\\\ \\u000a\\u000d\\u20ac.\n",
     };
 
     static String literal(Object s) {
