@@ -28,9 +28,10 @@
 ///   - Values lose leading blanks. Overlong UTF-8 becomes the character that it stands for, and a
 ///     NUL in that shape (C0 80) is lost.
 ///
-/// Ownership: keeps copies of all texts, in UTF-8. Has no copies itself.
+/// Ownership: keeps copies of all texts, in UTF-8. An object can't be copied.
 /// Failure: load() raises nothing; store() and clone() raise as they say. Any call raises
-///   ZOutOfMemoryException (1), except load(), which prints it.
+///   ZOutOfMemoryException (1), except load(), which prints it. A text that can't be converted
+///   between codesets counts as an empty one.
 /// Threads: no lock inside; one object belongs to one thread at a time. Processes meet in a record
 ///   lock on the file, for which nobody waits.
 class ZEXPORT ZJavaProperties : public ZObject {
@@ -66,7 +67,8 @@ public:
     ///
     /// Raises ZInvalidParameterException (22) for a null or empty path or a key that holds a line
     /// end, and ZPropertiesIOException (43) if the file can't be opened for writing ("fopen(wt)")
-    /// or another process uses it ("fcntl()"). An old file is left as it was in all these cases.
+    /// or another process uses it ("fcntl()"). An old file is left as it was in all these cases,
+    /// and when memory runs out.
     int store(const char* path) const;
 
 private:
