@@ -298,18 +298,27 @@ int64_t placeNumber(const format_directive& d, const format_arg* args, const Num
     uint64_t front = 0, behind = 0;
     (d.flags & ZFORMAT_ZERO ? zeros : d.flags & ZFORMAT_LEFT ? behind : front) += pad;
 
+    if (total <= available) {
+        char* at = target;
+        fillBytes(at, ' ', static_cast<size_t>(front));
+        at += front;
+        for (uint64_t i = 0; i < prefix; ++i)
+            *at++ = n.prefix[i];
+        fillBytes(at, '0', static_cast<size_t>(zeros));
+        at += zeros + count;
+        if (count != 0)
+            writeDigits(n, at);
+        fillBytes(at, ' ', static_cast<size_t>(behind));
+        return static_cast<int64_t>(total);
+    }
+    char digits[kDigitsRoom];
+    if (count != 0)
+        writeDigits(n, digits + count);
     Clip out(target, available);
     out.fill(' ', front);
     out.put(n.prefix, prefix);
     out.fill('0', zeros);
-    if (count != 0 && count <= out.left()) {
-        writeDigits(n, out.at() + count);
-        out.pass(count);
-    } else if (count != 0) {
-        char digits[kDigitsRoom];
-        writeDigits(n, digits + count);
-        out.put(digits, count);
-    }
+    out.put(digits, count);
     out.fill(' ', behind);
     return static_cast<int64_t>(total);
 }

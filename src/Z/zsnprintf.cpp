@@ -42,19 +42,18 @@ int scanNumber(const char*& at) {
 // Each of these gives the place behind what it read, or null for a bad directive.
 
 const char* readPosition(const char* at, format_directive& d) {
-    const char* const digits = at;
-    const int number = scanNumber(at);
-    if (number < 0)
-        return nullptr;  // as a width it would be just as bad
-    if (*at != '$' || at == digits)
-        return digits;
-    d.arg_index = number;
+    const char* behind = at;
+    while (isDigit(*behind))
+        ++behind;
+    if (*behind != '$' || behind == at)
+        return at;
+    d.arg_index = scanNumber(at);
     d.flags |= ZFORMAT_NUMBERED;
-    return number == 0 ? nullptr : at + 1;
+    return d.arg_index > 0 ? behind + 1 : nullptr;
 }
 
 const char* readFlags(const char* at, format_directive& d) {
-    for (;; ++at) {
+    for (; *at <= '0'; ++at) {  // as all flags are
         switch (*at) {
             case '#':
                 d.flags |= ZFORMAT_ALTERNATE;
@@ -81,6 +80,7 @@ const char* readFlags(const char* at, format_directive& d) {
                 return at;
         }
     }
+    return at;
 }
 
 /// Digits, or * with or without a position, into `value`; the flag for what it was, and the next
@@ -430,6 +430,8 @@ bool fetchByNumber(format_context& c, Arguments& from) {
     if (!assignPositions(c, highest, highestNumber) || !growArgs(c, highest))
         return false;
     format_arg* const args = c.args;
+    // A directive may read more of an argument than another one fetched: zeros then.
+    memset(args, 0, (static_cast<size_t>(highest) + 1) * sizeof *args);
     for (int position = 0; position <= highest; ++position)
         args[position].type = kUnnamed;
 
