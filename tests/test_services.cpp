@@ -85,7 +85,9 @@ string dumpOf(const string& bytes, const char* title) {
 
 TEST(Dump, RowsAreFilledUp) {
     EXPECT_EQ(dumpOf("", "title"), "\n\ttitle\n\n");
-    EXPECT_EQ(written([](FILE* f) { zhex_dump(f, -1, nullptr, nullptr); }), "\n");
+    testing::internal::CaptureStderr();
+    zhex_dump(nullptr, -1, nullptr, nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n");
     EXPECT_EQ(
         dumpOf("0123456789abcde\x1F\xFD\xFE\x80", "t"),
         "\n\tt\n"
@@ -201,8 +203,12 @@ TEST(PlainLoader, TellsErrorsOnlyWhereTheyAreWanted) {
 TEST(SharedLibrary, CompletesItsName) {
     const TempFolder folder;
     const string bare = folder.write("bare", TempFolder::read(kLibrary));
+    struct Unusual : ZSharedLibrary {
+        Unusual() : ZSharedLibrary(kStem.c_str()) { suffix_ = ".none"; }  // altSuffix_ serves
+    } unusual;
     ZSharedLibrary whole(kLibrary.c_str()), stem(kStem.c_str()), suffixed((bare + ".so").c_str());
-    for (ZSharedLibrary* library : {&whole, &stem, &suffixed}) {
+    for (ZSharedLibrary* library :
+         {&whole, &stem, &suffixed, static_cast<ZSharedLibrary*>(&unusual)}) {
         library->loadLibrary();
         EXPECT_NE(library->getHandle(), nullptr);
         EXPECT_EQ(reinterpret_cast<int (*)()>(library->resolveSymbol("answer"))(), 42);
@@ -226,8 +232,6 @@ TEST(SharedLibrary, FailuresCarryTheLoadersWordsAndNoOlderOnes) {
     // Nothing is loaded, and what the loader said of the later tries isn't said of this.
     EXPECT_TRUE(endsWith(printedBy([&] { library.unloadLibrary(); }),
                          "load/unload error (" + missing + ") 2.  "));
-    EXPECT_EQ(library.getLastErrorNumber(), 2);
-    EXPECT_TRUE(library.getLastErrorMessage().isEmpty());
     EXPECT_EQ(numberOf([&] { library.loadLibrary(); }), 51);
     errno = 77;
     EXPECT_TRUE(endsWith(printedBy([&] { library.resolveSymbol("answer"); }),
@@ -237,7 +241,6 @@ TEST(SharedLibrary, FailuresCarryTheLoadersWordsAndNoOlderOnes) {
     loaded.loadLibrary();
     EXPECT_EQ(numberOf([&] { loaded.resolveSymbol("none"); }), 52);
     EXPECT_TRUE(loaded.getLastErrorMessage().contains("none"));
-    EXPECT_EQ(numberOf([&] { loaded.resolveSymbol("nothing"); }), 52);
     EXPECT_EQ(numberOf([&] { loaded.resolveSymbol(nullptr); }), 52);
     EXPECT_TRUE(loaded.getLastErrorMessage().isEmpty());
     failingCall = "dlclose";
@@ -274,7 +277,9 @@ TEST(SharedLibrary, FlagsAndCopies) {
     EXPECT_EQ(flags(), (std::vector<int>{RTLD_NOW | RTLD_GLOBAL, 0, 0}));
 
     library.loadLibrary();
-    ZSharedLibrary copy(library), assigned;
+    ZSharedLibrary copy(library), assigned(kStem.c_str());
+    assigned.loadLibrary();
+    void* const stays = assigned.getHandle();
     EXPECT_EQ(copy.getHandle(), nullptr);
     EXPECT_EQ(copy.getFlags(), 0);
     EXPECT_EQ(copy.hash(), library.hash());
@@ -284,6 +289,7 @@ TEST(SharedLibrary, FlagsAndCopies) {
     EXPECT_TRUE(assigned == library);
     EXPECT_EQ(assigned.getFlags(), library.getFlags());
     EXPECT_EQ(assigned.getHandle(), nullptr);
+    zdlclose(stays, nullptr);
     library = *&library;
     EXPECT_NE(library.getHandle(), nullptr);
     library.unloadLibrary();
