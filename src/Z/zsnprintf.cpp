@@ -83,17 +83,8 @@ const char* readFlags(const char* at, format_directive& d) {
     return at;
 }
 
-/// Digits, or * with or without a position, into `value`; the flag for what it was, and the next
-/// one for a position.
-const char* readSize(const char* at, format_directive& d, int& value, unsigned int digitsFlag,
-                     unsigned int argFlag) {
-    if (isDigit(*at)) {
-        d.flags |= digitsFlag;
-        value = scanNumber(at);
-        return value < 0 || *at == '*' ? nullptr : at;
-    }
-    if (*at != '*')
-        return at;
+/// The * of a size from the arguments, with or without a position.
+const char* readStar(const char* at, format_directive& d, int& value, unsigned int argFlag) {
     d.flags |= argFlag;
     for (++at; isDigit(*at); ++at) {  // of several positions the last one holds
         value = scanNumber(at);
@@ -102,6 +93,17 @@ const char* readSize(const char* at, format_directive& d, int& value, unsigned i
         d.flags |= argFlag << 1;
     }
     return at;
+}
+
+/// Digits or a *, into `value`; the flag tells which it was, the one behind it a position.
+inline const char* readSize(const char* at, format_directive& d, int& value,
+                            unsigned int digitsFlag, unsigned int argFlag) {
+    if (isDigit(*at)) {
+        d.flags |= digitsFlag;
+        value = scanNumber(at);
+        return value < 0 || *at == '*' ? nullptr : at;
+    }
+    return *at == '*' ? readStar(at, d, value, argFlag) : at;
 }
 
 int typeOfInteger(unsigned int flags, int isUnsigned) {
