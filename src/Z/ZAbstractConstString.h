@@ -30,6 +30,7 @@ public:
         return length_;
     }
 
+    /// Looks at `s` from now on, or at the empty text for null; copies nothing.
     ZAbstractConstString& operator=(const char* s) {
         chars_ = s == nullptr ? zemptyString : s;
         length_ = 0;
@@ -51,6 +52,7 @@ public:
 
 protected:
     ZAbstractConstString() : chars_(zemptyString), length_(0) {}
+    /// Over `s`, or the empty text for null.
     explicit ZAbstractConstString(const char* s)
         : chars_(s == nullptr ? zemptyString : s), length_(0) {}
     ZAbstractConstString(const ZAbstractConstString& other)

@@ -99,6 +99,7 @@ public:
         return capacity_;
     }
 
+    /// Adds one byte, all of a text, or `n` bytes at the end.
     ZAbstractMutableString& append(char c) {
         if (length_ == capacity_)
             growForOne();
@@ -182,11 +183,13 @@ public:
 
 protected:
     ZAbstractMutableString() { init(); }
+    /// Empty, for a process without codesets.
     explicit ZAbstractMutableString(BeforeSetup tag) : ZAbstractString(tag) { init(); }
     ZAbstractMutableString(const ZAbstractMutableString& other) : ZAbstractString(other) {
         init();
         construct(other.chars_, other.length_);
     }
+    /// A copy of `s`; null is the empty text.
     explicit ZAbstractMutableString(const char* s) {
         init();
         if (s != nullptr)
@@ -221,6 +224,7 @@ protected:
         inline_chars_[0] = '\0';
     }
 
+    /// Adds `n` bytes at the end, which may be part of the text.
     ZAbstractMutableString& appendBytes(const char* s, size_t n) {
         if (n > capacity_ - length_)
             return growAndAppend(s, n);
@@ -240,6 +244,7 @@ protected:
         return *this;
     }
 
+    /// Bytes of text that need no block.
     static const unsigned int kInlineLength = 95;
 
 private:

@@ -56,6 +56,7 @@ public:
     /// Takes the text of `other`. What happens across codesets stands with the derived classes.
     virtual ZAbstractString& setChars(const ZAbstractString& other) = 0;
 
+    /// Bytes of text, without the terminator.
     virtual unsigned int getLength() const = 0;
 
     /// The bytes taken by the leading run of valid characters.
@@ -86,6 +87,7 @@ public:
     /// 1 when the bytes are the same; 0 for null.
     virtual int equals(const char* s) const;
 
+    /// Whether there is no text.
     virtual int isEmpty() const;
 
     /// getChars() under other names.
@@ -95,6 +97,7 @@ public:
     /// The handle of the codeset that the text is in.
     virtual zcodeset_handle getCodesetHandle() const = 0;
 
+    /// The same with the text of another string.
     int beginsWith(const ZAbstractString& other) const { return beginsWith(other.getChars()); }
     int endsWith(const ZAbstractString& other) const { return endsWith(other.getChars()); }
 
@@ -118,6 +121,7 @@ protected:
         if (utf8_handle_.load(std::memory_order_acquire) == 0)
             fetchHandles();
     }
+    /// For text in a process without codesets: asks for none.
     explicit ZAbstractString(BeforeSetup) {}
     ZAbstractString(const ZAbstractString& other) : ZObject(other) {}
 

@@ -4,7 +4,8 @@
 
 #include "ZObject.h"
 
-/// What an array of objects offers. An interface without ZObject: never delete through it.
+/// What an array of objects offers; ZArray tells what each call does. An interface without ZObject:
+/// never delete through it.
 class ZEXPORT ZArrayInterface {
 public:
     virtual unsigned int size() const = 0;

@@ -4,7 +4,8 @@
 
 #include "ZObject.h"
 
-/// What a buffer offers. An interface without ZObject: never delete through it.
+/// What a buffer offers; ZBuffer tells what each call does. An interface without ZObject: never delete
+/// through it.
 class ZEXPORT ZBufferInterface {
 public:
     virtual void setLength(unsigned long length) = 0;
@@ -34,6 +35,7 @@ public:
 class ZEXPORT ZConstBuffer : public ZAbstractBuffer {
 public:
     ZConstBuffer();
+    /// Over `length` bytes at `data`.
     ZConstBuffer(unsigned long length, void* data);
 
     /// Shares the same bytes.
@@ -52,6 +54,7 @@ public:
     /// Hands out both fields and sets them to 0 and null.
     void takeBuffer(unsigned long& length, void*& data) override;
 
+    /// getBuffer() by another name.
     operator void*() const { return getBuffer(); }
 
 private:
@@ -68,6 +71,7 @@ private:
 class ZEXPORT ZBuffer : public ZAbstractBuffer {
 public:
     ZBuffer();
+    /// As after setBuffer().
     ZBuffer(unsigned long length, void* data);
 
     /// The text with its terminating zero byte, which counts in the length. Null: empty.
@@ -103,6 +107,7 @@ public:
     /// Hands out the bytes, which the caller releases with free(). The buffer is empty then.
     void takeBuffer(unsigned long& length, void*& data) override;
 
+    /// getBuffer() by another name.
     operator void*() const { return getBuffer(); }
 
 private:

@@ -72,6 +72,7 @@ protected:
 /// The library's own base: one road from print() to the message service.
 class ZEXPORT ZZException : public ZException {
 public:
+    /// `name` is a static text. No location yet.
     ZZException(int number, const char* name);
     ~ZZException() noexcept override;
 

@@ -168,6 +168,7 @@ public:
     Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesIOException)
 
     const char* api() const { return api_.getChars(); }
+    /// The errno of that call.
     int excerrno() const { return excerrno_; }
 
 protected:
@@ -183,6 +184,7 @@ public:
     Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesInvalidDataException)
 
     const char* baddata() const { return baddata_.getChars(); }
+    /// The line of the file, from 1; 0 where it is no text.
     int badline() const { return badline_; }
 
 protected:

@@ -135,6 +135,7 @@ private:
 class ZEXPORT ZUnixProcessReadWriteFileLock : public ZAbstractProcessReadWriteFileLock {
 public:
     ZUnixProcessReadWriteFileLock();
+    /// By this name, in the folder "." or this one. No file is touched.
     explicit ZUnixProcessReadWriteFileLock(const char* name);
     ZUnixProcessReadWriteFileLock(const char* name, const char* dir);
     ZUnixProcessReadWriteFileLock(const ZUnixProcessReadWriteFileLock& other);
@@ -175,6 +176,7 @@ private:
 class ZEXPORT ZStubProcessReadWriteFileLock : public ZAbstractProcessReadWriteFileLock {
 public:
     ZStubProcessReadWriteFileLock();
+    /// By this name, in the folder "." or this one.
     explicit ZStubProcessReadWriteFileLock(const char* name);
     ZStubProcessReadWriteFileLock(const char* name, const char* dir);
     ZStubProcessReadWriteFileLock(const ZStubProcessReadWriteFileLock& other);

@@ -18,6 +18,7 @@ public:
     /// `option` is kept and copied with the object; nothing depends on it. No file is touched.
     ZAbstractFileMap(const ZLCString& name, zmapmode mode, int option);
 
+    /// Map and unmap the file, as ZUnixFileMap does.
     virtual void* mapfile(int* error, unsigned long length) = 0;
     virtual void unmapfile(int* error) = 0;
 
@@ -39,6 +40,7 @@ protected:
 /// Threads: one object is used by one thread at a time.
 class ZEXPORT ZUnixFileMap : public ZAbstractFileMap {
 public:
+    /// Keeps the name; touches no file.
     ZUnixFileMap(const ZLCString& name, zmapmode mode, int option);
 
     /// Same name, mode and option. If `other` is mapped, the whole file is mapped anew; a failure

@@ -6,7 +6,8 @@
 
 struct ZKeyMapMember;
 
-/// What a dictionary offers. An interface without ZObject: never delete through it.
+/// What a dictionary offers; ZHashKeyMap tells what each call does. An interface without ZObject:
+/// never delete through it.
 class ZEXPORT ZKeyMap {
 public:
     virtual unsigned int size() const = 0;

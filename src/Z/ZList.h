@@ -174,6 +174,7 @@ private:
 /// skip a member. The list must outlive the iterator and keeps its members.
 class ZEXPORT ZListIterator : public ZAbstractIterator {
 public:
+    /// Stands in front of the first member. The list must outlive the walk.
     explicit ZListIterator(const ZList& list);
     ZListIterator(const ZListIterator& other);
 

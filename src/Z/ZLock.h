@@ -90,6 +90,7 @@ private:
 /// Threads: built and destroyed by one thread.
 class ZEXPORT ZResourceLock : public ZObject {
 public:
+    /// Waits for the lock, which must outlive the scope.
     explicit ZResourceLock(ZLock& lock);
     ~ZResourceLock() noexcept(false) override;
 

@@ -8,8 +8,8 @@ template <typename Member>
 class ZHashTable;
 struct ZMapMember;
 
-/// What a set of self-identifying objects offers: an entry is found with a probe that equals it. An
-/// interface without ZObject: never delete through it.
+/// What a set of self-identifying objects offers: an entry is found with a probe that equals it.
+/// ZHashMap tells what each call does. An interface without ZObject: never delete through it.
 class ZEXPORT ZMap {
 public:
     virtual unsigned int size() const = 0;
@@ -138,6 +138,7 @@ private:
 /// holds pointers: entries that the map has deleted since must not be touched.
 class ZEXPORT ZMapIterator : public ZAbstractIterator {
 public:
+    /// Stands in front of the first entry. The map must outlive the walk.
     explicit ZMapIterator(const ZMap& map);
 
     /// The same entries at the same position, in a snapshot of its own.
@@ -163,6 +164,7 @@ private:
 /// Walks a ZArrayMap live, as a list: entries added behind the position will be seen.
 class ZEXPORT ZArrayMapIterator : public ZListIterator {
 public:
+    /// Stands in front of the first entry. The map must outlive the walk.
     explicit ZArrayMapIterator(const ZArrayMap& map);
     ~ZArrayMapIterator() noexcept override;
 

@@ -13,7 +13,7 @@
 /// ready for vfprintf. A struct, since a va_list itself is an array on some platforms and a pointer
 /// on others.
 struct ZMessageArguments {
-    va_list list;
+    va_list list;  ///< as vprintf takes it
 };
 
 /// Where reports go. The library only ever talks to the current service; a program puts its own in

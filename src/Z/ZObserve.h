@@ -87,8 +87,8 @@ private:
 /// The entry that makes an observer's address a member of a list. It doesn't own the observer.
 class ZEXPORT Voyeur : public ZObject {
 public:
+    /// An entry for this observer, and which one it is for.
     explicit Voyeur(ZObserverInterface* observer) : observer_(observer) {}
-
     ZObserverInterface* observer() const { return observer_; }
 
     /// The observer's address, its upper half folded in where addresses are wider.

@@ -27,6 +27,7 @@ public:
     int compare(const ZObject& other) const override;
     ZObject* clone() const override;
 
+    /// The number of the last change, and the one that this process had caught up with.
     virtual unsigned long getSequence() const;
     virtual unsigned long getLastSequence() const;
 
@@ -110,6 +111,7 @@ public:
     /// The state towards other processes.
     virtual zlockstate getLockState() const;
 
+    /// The name by which processes find the lock; the lock's own.
     virtual const ZLCString& getLockName() const;
 
     /// Takes the name, after an unlock() if the lock isn't unset. The same name changes nothing.
@@ -160,6 +162,7 @@ private:
 class ZEXPORT ZStubProcessReadWriteLock : public ZAbstractProcessReadWriteLock {
 public:
     ZStubProcessReadWriteLock();
+    /// By this name, which leads nowhere.
     explicit ZStubProcessReadWriteLock(const char* name);
 
     /// A new lock with the name of `other`.

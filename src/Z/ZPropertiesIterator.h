@@ -15,6 +15,7 @@
 
 #include "ZProperties.h"
 
+/// A walk over keys; ZPropertiesIterator tells what each call does.
 class ZEXPORT ZPropertiesIteratorInterface {
 public:
     virtual int hasMore() = 0;
@@ -26,6 +27,7 @@ public:
     virtual ~ZPropertiesIteratorInterface() noexcept(false) {}
 };
 
+/// Adds nothing.
 class ZEXPORT ZAbstractPropertiesIterator : public ZPropertiesIteratorInterface {};
 
 /// Walks the keys of a stanza in the order of the file.
@@ -75,6 +77,7 @@ private:
     const ZLCString* currentKey_;
 };
 
+/// A walk over values; ZAbstractPropertyValuesIterator tells what each call does.
 class ZEXPORT ZPropertyValuesIteratorInterface {
 public:
     virtual int hasMore() = 0;

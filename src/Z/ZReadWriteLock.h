@@ -20,7 +20,8 @@
 /// What can be held to read or to write. Deleted through its class or through ZObject*.
 class ZEXPORT ZReadWriteLockInterface : public ZLockInterface {
 public:
-    enum zlockstate : int {  // of a fixed type, since any other value has an answer too
+    /// How a lock is held. Of a fixed type, since any other value has an answer too.
+    enum zlockstate : int {
         unset = 0,    ///< nobody holds the lock; asked for, it means release
         read = 1,     ///< one or more readers
         protect = 2,  ///< one holder reads and may write later; readers come and go
@@ -36,6 +37,7 @@ public:
     /// Takes the lock in this state; `unset` gives it up.
     virtual void lock(zlockstate state) = 0;
 
+    /// Take the lock in the state that each is named for; the third one in protect.
     virtual void readLock() = 0;
     virtual void writeLock() = 0;
     virtual void readWithIntentToWriteLock() = 0;
@@ -177,7 +179,7 @@ public:
     ZStackReadWriteLock(const ZStackReadWriteLock&) = delete;
     ZStackReadWriteLock& operator=(const ZStackReadWriteLock&) = delete;
 
-    // Each calls that of the lock.
+    /// Each of these calls that of the lock.
     virtual void readLock();
     virtual void writeLock();
     virtual void readWithIntentToWriteLock();
@@ -186,6 +188,7 @@ public:
     virtual int getUpdate();
     virtual void setUpdate(int update);
 
+    /// The lock of this scope.
     virtual ZAbstractReadWriteLock& getReadWriteLock();
 
 private:

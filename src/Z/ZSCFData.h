@@ -19,6 +19,7 @@ public:
     ZSCFData() {}
     ZSCFData(const ZSCFData& other) : ZPCategoryBasedCache(other) {}
 
+    /// A copy of map, lines and attributes.
     ZPCache* clone() const override;
 
     /// Adds what the stream holds from its position to its end, or to a read error.

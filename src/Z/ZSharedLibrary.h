@@ -14,6 +14,7 @@
 class ZEXPORT ZAbstractSharedLibrary {
 public:
     ZAbstractSharedLibrary();
+    /// By this name; nothing is loaded.
     explicit ZAbstractSharedLibrary(const char* name);
     virtual ~ZAbstractSharedLibrary() noexcept;
 
@@ -30,6 +31,7 @@ public:
     virtual const ZLCString& getLastErrorMessage() const;
     virtual int getLastErrorNumber() const;
 
+    /// ZSharedLibrary tells what each of these does.
     virtual int getLocalScope() const = 0;
     virtual void setLocalScope(int local) = 0;
     virtual int getLazyResolution() const = 0;
@@ -67,6 +69,7 @@ protected:
 class ZEXPORT ZSharedLibrary : public ZAbstractSharedLibrary, public ZObject {
 public:
     ZSharedLibrary();
+    /// By this name; nothing is loaded.
     explicit ZSharedLibrary(const char* name);
     ZSharedLibrary(const ZSharedLibrary& other);
 

@@ -34,8 +34,8 @@ public:
     int uncompress(unsigned char* dest, unsigned long* destLength, const unsigned char* source,
                    unsigned long sourceLength);
 
-    // zlib's stream operations, with its arguments and results. deflateInit_ and inflateInit_ take
-    // the window bits from this object.
+    /// zlib's stream operations, with its arguments and results. deflateInit_ and inflateInit_ take
+    /// the window bits from this object.
     int deflateInit_(z_stream_s* stream, int level, const char* version, int streamSize);
     int deflateInit2_(z_stream_s* stream, int level, int method, int windowBits, int memLevel,
                       int strategy, const char* version, int streamSize);

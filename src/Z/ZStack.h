@@ -4,7 +4,8 @@
 
 #include "ZList.h"
 
-/// What a stack of objects offers. An interface without ZObject: never delete through it.
+/// What a stack of objects offers; ZArrayStack tells what each call does. An interface without
+/// ZObject: never delete through it.
 class ZEXPORT ZStack {
 public:
     virtual void push(ZObject* object) = 0;

@@ -23,6 +23,7 @@ public:
 
     ZObject* clone() const override;
 
+    /// The two texts; the entry's own.
     const ZAbstractString& key() const { return *key_; }
     const ZAbstractString& value() const { return *value_; }
 
@@ -70,15 +71,15 @@ enum {
 
 /// One request of getItems.
 struct ZStzFileItem {
-    int kind;
-    const char* stanza;
-    const char* key;
-    int required;  ///< not 0: the entry must have a value
-    void* result;
+    int kind;            ///< one of the numbers above
+    const char* stanza;  ///< where to look
+    const char* key;     ///< likewise; not used for a whole stanza
+    int required;        ///< not 0: the entry must have a value
+    void* result;        ///< where the answer goes
     union {
-        const char* text;
-        unsigned int number;
-    } default_;  ///< for kinds 1 to 3; must be 0 where the entry is required
+        const char* text;     ///< of a string
+        unsigned int number;  ///< of an integer or a truth
+    } default_;               ///< for kinds 1 to 3; must be 0 where the entry is required
 };
 
 /// The configuration of a stanza file. See ZProperties for ownership, failure and threads.
@@ -151,6 +152,7 @@ private:
 /// Walks the keys of a stanza; see ZPropertiesIterator.
 class ZEXPORT ZStanzaIterator : public ZPropertiesIterator {
 public:
+    /// As ZPropertiesIterator's.
     ZStanzaIterator(ZStanzaFileProperties& properties, const char* stanza)
         : ZPropertiesIterator(properties, stanza) {}
     ~ZStanzaIterator() noexcept(false) override;
@@ -159,6 +161,7 @@ public:
 /// Walks the values of a key; see ZAbstractPropertyValuesIterator.
 class ZEXPORT ZStanzaValueIterator : public ZAbstractPropertyValuesIterator {
 public:
+    /// As ZAbstractPropertyValuesIterator's.
     ZStanzaValueIterator(ZStanzaFileProperties& properties, const char* stanza, const char* key,
                          ZPropertyStringType stringType, ZPropIter_valtype valueType)
         : ZAbstractPropertyValuesIterator(properties, stanza, key, stringType, valueType) {}

@@ -9,6 +9,7 @@
 /// which aren't looked at. Threads: any.
 class ZEXPORT ZWinRegistry {
 public:
+    /// Both raise ZInvalidPlatformException (11), whatever the arguments.
     [[noreturn]] static int exists(const char* key, const char* value);
     [[noreturn]] static int getValue(const char* key, const char* value,
                                      ZAbstractMutableString& result);

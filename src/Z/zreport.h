@@ -1,5 +1,5 @@
-// zreport.h: reports from places that can't raise, or that report before they raise. Never
-// installed.
+// zreport.h: reports from places that can't raise, or that report before they raise.
+// Never installed.
 #ifndef Z_ZREPORT_H
 #define Z_ZREPORT_H
 

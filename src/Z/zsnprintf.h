@@ -39,34 +39,34 @@
 #include "zqelutil.h"
 
 /* Bits of format_directive.flags. */
-#define ZFORMAT_NUMBERED 0x1U            /* the value has a POSITION$ */
-#define ZFORMAT_ALTERNATE 0x2U           /* # */
-#define ZFORMAT_LEFT 0x4U                /* - */
-#define ZFORMAT_ZERO 0x8U                /* 0 */
-#define ZFORMAT_BLANK 0x10U              /* blank */
-#define ZFORMAT_PLUS 0x20U               /* + */
-#define ZFORMAT_GROUP 0x40U              /* ' */
-#define ZFORMAT_WIDTH 0x80U              /* the width is digits */
-#define ZFORMAT_WIDTH_ARG 0x100U         /* the width is an argument */
-#define ZFORMAT_WIDTH_NUMBERED 0x200U    /* and has a POSITION$ */
-#define ZFORMAT_PRECISION 0x400U         /* the same three for the precision */
+#define ZFORMAT_NUMBERED 0x1U         /* the value has a POSITION$ */
+#define ZFORMAT_ALTERNATE 0x2U        /* # */
+#define ZFORMAT_LEFT 0x4U             /* - */
+#define ZFORMAT_ZERO 0x8U             /* 0 */
+#define ZFORMAT_BLANK 0x10U           /* blank */
+#define ZFORMAT_PLUS 0x20U            /* + */
+#define ZFORMAT_GROUP 0x40U           /* ' */
+#define ZFORMAT_WIDTH 0x80U           /* the width is digits */
+#define ZFORMAT_WIDTH_ARG 0x100U      /* the width is an argument */
+#define ZFORMAT_WIDTH_NUMBERED 0x200U /* and has a POSITION$ */
+#define ZFORMAT_PRECISION 0x400U      /* the same three for the precision */
 #define ZFORMAT_PRECISION_ARG 0x800U
 #define ZFORMAT_PRECISION_NUMBERED 0x1000U
-#define ZFORMAT_SHORT 0x2000U            /* h */
-#define ZFORMAT_LONG 0x4000U             /* l */
-#define ZFORMAT_LONGLONG 0x8000U         /* ll, L, q */
-#define ZFORMAT_OCTAL 0x10000U           /* o */
-#define ZFORMAT_HEX 0x20000U             /* x, p */
-#define ZFORMAT_UPPER_HEX 0x40000U       /* X */
-#define ZFORMAT_UPPER_FLOAT 0x80000U     /* E, G */
-#define ZFORMAT_PERCENT 0x100000U        /* % */
+#define ZFORMAT_SHORT 0x2000U        /* h */
+#define ZFORMAT_LONG 0x4000U         /* l */
+#define ZFORMAT_LONGLONG 0x8000U     /* ll, L, q */
+#define ZFORMAT_OCTAL 0x10000U       /* o */
+#define ZFORMAT_HEX 0x20000U         /* x, p */
+#define ZFORMAT_UPPER_HEX 0x40000U   /* X */
+#define ZFORMAT_UPPER_FLOAT 0x80000U /* E, G */
+#define ZFORMAT_PERCENT 0x100000U    /* % */
 
 /* format_directive.type and format_arg.type: what an argument is fetched as. */
-#define ZFORMAT_TYPE_CHAR 0       /* int, its low byte */
-#define ZFORMAT_TYPE_WIDE 1       /* int, its low 16 bits */
-#define ZFORMAT_TYPE_TEXT 2       /* const char* */
-#define ZFORMAT_TYPE_WIDE_TEXT 3  /* const zwide_char* */
-#define ZFORMAT_TYPE_SHORT 4      /* int, its low 16 bits, signed; the next one unsigned, and so on */
+#define ZFORMAT_TYPE_CHAR 0      /* int, its low byte */
+#define ZFORMAT_TYPE_WIDE 1      /* int, its low 16 bits */
+#define ZFORMAT_TYPE_TEXT 2      /* const char* */
+#define ZFORMAT_TYPE_WIDE_TEXT 3 /* const zwide_char* */
+#define ZFORMAT_TYPE_SHORT 4 /* int, its low 16 bits, signed; the next one unsigned, and so on */
 #define ZFORMAT_TYPE_USHORT 5
 #define ZFORMAT_TYPE_INT 6
 #define ZFORMAT_TYPE_UINT 7
@@ -75,28 +75,28 @@
 #define ZFORMAT_TYPE_LONGLONG 10
 #define ZFORMAT_TYPE_ULONGLONG 11
 #define ZFORMAT_TYPE_POINTER 12
-#define ZFORMAT_TYPE_E 13         /* double */
+#define ZFORMAT_TYPE_E 13 /* double */
 #define ZFORMAT_TYPE_F 14
 #define ZFORMAT_TYPE_G 15
-#define ZFORMAT_TYPE_LONG_E 16    /* long double */
+#define ZFORMAT_TYPE_LONG_E 16 /* long double */
 #define ZFORMAT_TYPE_LONG_F 17
 #define ZFORMAT_TYPE_LONG_G 18
-#define ZFORMAT_TYPE_PERCENT 19   /* nothing is fetched */
+#define ZFORMAT_TYPE_PERCENT 19 /* nothing is fetched */
 
 /* One directive of a format. */
 typedef struct format_directive {
     const char* start;  /* its % */
     const char* end;    /* the byte behind its conversion */
-    int type;
-    unsigned int flags;
-    int arg_index;  /* position of the value, from 1 */
-    int width;      /* the width itself, or the position of its argument */
-    int precision;  /* likewise */
+    int type;           /* one of ZFORMAT_TYPE_... */
+    unsigned int flags; /* ZFORMAT_..., joined */
+    int arg_index;      /* position of the value, from 1 */
+    int width;          /* the width itself, or the position of its argument */
+    int precision;      /* likewise */
 } format_directive;
 
 /* One argument. All 64 bits of an integer are set, whatever was fetched. */
 typedef struct format_arg {
-    int type;
+    int type; /* one of ZFORMAT_TYPE_... */
     union {
         char c;
         zwide_char wide;
@@ -105,19 +105,19 @@ typedef struct format_arg {
         uint64_t u;
         double d;
         long double ld;
-    } value;
+    } value; /* as the type says */
 } format_arg;
 
 /* One call's state, on the caller's stack. It isn't to be copied: it may point into itself. */
 typedef struct format_context {
-    zcodeset_handle codeset;
-    format_directive inline_directives[10];
-    format_directive* directives;  /* the inline ones, or a block */
-    int directive_count;
-    format_arg inline_args[10];
-    format_arg* args;  /* by position, from 1; the inline ones, or a block */
-    const char* format;
-    const char* format_end; /* its NUL */
+    zcodeset_handle codeset;                /* of wide text */
+    format_directive inline_directives[10]; /* enough for most */
+    format_directive* directives;           /* the inline ones, or a block */
+    int directive_count;                    /* in use */
+    format_arg inline_args[10];             /* enough for most */
+    format_arg* args;                       /* by position, from 1; the inline ones, or a block */
+    const char* format;                     /* the caller's */
+    const char* format_end;                 /* its NUL */
 } format_context;
 
 Z_BEGIN_C

@@ -36,6 +36,7 @@ public:
         return Z_CODESET.load(std::memory_order_relaxed);
     }
 
+    /// Looks at the other text from now on.
     Z_CONST_STRING& operator=(const char* s) {
         ZAbstractConstString::operator=(s);
         return *this;
@@ -44,6 +45,7 @@ public:
         ZAbstractConstString::operator=(other);
         return *this;
     }
+    /// The same; good only while `other` keeps its text where it is.
     Z_CONST_STRING& operator=(const Z_STRING& other);
 
     /// Equality of bytes; null is unequal to everything.
@@ -60,6 +62,7 @@ public:
 /// taken as it is.
 class ZEXPORT Z_STRING : public ZAbstractMutableString {
 public:
+    /// Empty, or a copy of the text; from the other codeset it is converted.
     Z_STRING() {}
     Z_STRING(const Z_STRING& other) : ZAbstractMutableString(other) {}
     Z_STRING(const Z_CONST_STRING& other) : ZAbstractMutableString(other.getChars()) {}
@@ -100,11 +103,13 @@ public:
     Z_STRING& lower();
 #endif
 
+    /// As the calls with a text.
     int compare(const Z_STRING& s) const { return compare(s.getChars()); }
     int compare(const Z_CONST_STRING& s) const { return compare(s.getChars()); }
     int compareignorecase(const Z_STRING& s) const { return compareignorecase(s.getChars()); }
     int compareignorecase(const Z_CONST_STRING& s) const { return compareignorecase(s.getChars()); }
 
+    /// Takes a copy of the text.
     Z_STRING& operator=(const Z_STRING& other) {
         assignBytes(other.getChars(), other.getLength());
         return *this;
@@ -148,6 +153,7 @@ public:
     Z_STRING operator+(const Z_CONST_STRING& s) const;
     Z_STRING operator+(const char* s) const;
 
+    /// Adds the bytes at the end. Null adds nothing.
     Z_STRING& operator+=(const Z_STRING& s) {
         appendBytes(s.getChars(), s.getLength());
         return *this;

@@ -12,7 +12,7 @@ Z_BEGIN_C
  * is null, then rows of sixteen bytes, each with its offset in front and its characters behind. A
  * byte outside 32 to 253 shows as a dot. Nothing but title and newline for a count of 0 or less.
  *
- *   <tab>title
+ *   (tab) title
  *
  *   0000   61 62 63                                          *abc             *
  *

@@ -7,6 +7,7 @@
 #ifndef Z_ZVERSION_H
 #define Z_ZVERSION_H
 
+/* The version of the library that these headers belong to. */
 #define ZBASE_VERSION "6.0"
 
 /* Frame */
