@@ -10,7 +10,7 @@
  *
  * Width and precision are digits, or * for an int from the arguments; in a directive with a
  * POSITION$ also *POSITION$. Arguments without a number follow the one before them, of whatever
- * kind that was.
+ * kind that was. %% takes a position like the others, but no argument.
  *
  * What differs from printf
  *   The format is read to its end first: one bad directive anywhere, and nothing is written.
