@@ -248,6 +248,7 @@ TEST(Codesets, FindWholeCharactersOnly) {
     const char* const euro = kAEuroB.c_str();
     EXPECT_EQ(qel_strstr(utf8, euro, kEuro.c_str()), euro + 1);
     EXPECT_EQ(qel_strstr(utf8, euro, "\x82\xAC"), nullptr) << "part of a character";
+    EXPECT_EQ(qel_strstr(utf8, euro, "\xE2\x82"), nullptr) << "another part";
     EXPECT_EQ(qel_strspn(utf8, euro, (kEuro + "a").c_str()), 4U);
 }
 

@@ -169,6 +169,7 @@ TEST(Child, DISABLED_EditsInALocale) {
     // A character's own bytes aren't characters; the one between two others isn't there.
     EXPECT_STREQ((first = "\xA4\xA4\xCF\xA4").replace("\xA4\xCF", "x"), "\xA4\xA4\xCF\xA4");
     EXPECT_STREQ((first = "\xA4\xA4z").replace('\xA4', 'x'), "\xA4\xA4z");
+    EXPECT_STREQ((first = "z\xA4\xA4z\xA4").replace("z\xA4", "x"), "z\xA4\xA4x");
     EXPECT_STREQ((first = "az").replaceAll("\xA4\xA4z", '\xA4'), "a\xA4");
 
     // Delimiters of the other codeset are converted, once and for each of the tokenizer's copies.

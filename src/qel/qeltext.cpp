@@ -91,6 +91,14 @@ const char* firstWhole(Codeset* codeset, const char* at, Next next) {
     }
 }
 
+// Whether a character ends behind the `length` bytes at `text`, one of which begins there.
+bool endsWhole(Codeset* codeset, const char* text, size_t length) {
+    const char* const end = text + length;
+    while (text < end)
+        text += step(codeset, text);
+    return text == end;
+}
+
 // Whether the character of `length` bytes at `text` is in `set`.
 bool isMember(Codeset* codeset, const char* text, size_t length, const char* set) {
     while (*set != '\0') {
@@ -234,11 +242,17 @@ const char* qel_strrchr(qel_codeset codeset, const char* text, int c) {
 }
 
 const char* qel_strstr(qel_codeset codeset, const char* text, const char* part) {
-    const auto plain = [part](const char* at) -> const char* { return strstr(at, part); };
     if (isBytewise(codeset) || *part == '\0' ||
         (isUTF8(codeset) && isValid(codesetOf(codeset), part)))
-        return plain(text);
-    return firstWhole(codesetOf(codeset), text, plain);
+        return strstr(text, part);
+    const size_t length = strlen(part);
+    return firstWhole(codesetOf(codeset), text, [&](const char* at) -> const char* {
+        // A part that isn't whole characters may end in the middle of one: that is no hit.
+        const char* hit = strstr(at, part);
+        while (hit != nullptr && !endsWhole(codesetOf(codeset), hit, length))
+            hit = strstr(hit + 1, part);
+        return hit;
+    });
 }
 
 const char* qel_strpbrk(qel_codeset codeset, const char* text, const char* set) {
