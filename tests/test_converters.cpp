@@ -96,6 +96,18 @@ TEST(Converters, NeedNoEnvironmentWithADirectory) {
     EXPECT_TRUE(child.passed()) << child.output;
 }
 
+TEST(Child, DISABLED_FirstInTheProcess) {
+    const ZQELUTF8Converter system(nullptr, nullptr);
+    EXPECT_STREQ(system.getLocalCodeSet(), "EUC-JP");
+    EXPECT_EQ(converted(system, kToLocal, "\xE6\x97\xA5"), whole("\xC6\xFC"));
+}
+
+TEST(Converters, TakeTheLocaleOfTheEnvironment) {
+    const SelfChild child = runSelf("Child.DISABLED_FirstInTheProcess",
+                                    {{"LC_ALL", "ja_JP.EUC-JP"}, {"QELDIR", kDirectory}});
+    EXPECT_TRUE(child.passed()) << child.output;
+}
+
 TEST(Converters, ServeSeveralThreads) {
     for (const ConversionCase& c : kConversions) {
         const ZQELUTF8Converter converter(c.codeset, kDirectory);

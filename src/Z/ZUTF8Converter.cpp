@@ -1,8 +1,7 @@
 // ZUTF8Converter.cpp: conversion by the codeset service.
 //
-// A converter that is given a directory needs nothing of the text set-up, and works in a process
-// where that would fail. So no string is made here but the name, by the constructor that doesn't
-// ask for the set-up.
+// A converter that is given a directory works in a process without QELDIR too, which has no text. So
+// its name is made by the constructor that doesn't ask for the set-up of text.
 #include "ZUTF8Converter.h"
 
 #include <climits>
@@ -16,22 +15,25 @@ ZUTF8ConverterInterface::~ZUTF8ConverterInterface() noexcept {}
 
 ZAbstractUTF8Converter::~ZAbstractUTF8Converter() noexcept {}
 
-static void requireEnvironment() {
-    if (getenv("QELDIR") == nullptr)
+// Sets text up, the process's locale with it, as the first string of a process does. Raises if the
+// process can't have text, or leaves that be.
+static void setTextUp(bool isRequired) {
+    if (getenv("QELDIR") != nullptr)
+        const ZLCString string;
+    else if (isRequired)
         ZNoQELEnvironmentException().throwException(__FILE__, __LINE__);
 }
 
 ZQELUTF8Converter::ZQELUTF8Converter()
     : localCodeSet_(ZAbstractString::BeforeSetup(), nullptr), csHandle_(0) {
-    requireEnvironment();
+    setTextUp(true);
 }
 
 ZQELUTF8Converter::ZQELUTF8Converter(const char* localCodeSet, const char* dir)
     : localCodeSet_(ZAbstractString::BeforeSetup(), localCodeSet), csHandle_(0) {
+    setTextUp(dir == nullptr);
     if (dir != nullptr)
-        qel_set_dir(dir);
-    else
-        requireEnvironment();
+        qel_set_dir(dir);  // after the set-up, which has a directory of its own
     char systemCodeSet[32] = "";
     if (localCodeSet == nullptr && qel_os_cs_name(systemCodeSet, sizeof systemCodeSet) == 0)
         localCodeSet_ = systemCodeSet;
