@@ -2,7 +2,8 @@
 //
 //   UTF8Codeset   strict: no overlong forms, no surrogates, nothing past U+10FFFF
 //   ByteCodeset   one byte a character; tables made once from iconv
-//   IconvCodeset  everything else, through pairs that are opened once and used one call at a time
+//   IconvCodeset  everything else, through pairs that are opened once and used one call at a time;
+//                 what its characters of two bytes are is remembered
 //
 // Text is ASCII nearly always, so all of them pass runs of it in words.
 #include "qelcodeset.h"
@@ -10,6 +11,7 @@
 #include <iconv.h>
 #include <strings.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -257,6 +259,42 @@ private:
     iconv_t pair_;
 };
 
+// The characters of two bytes that iconv has been asked for. What two bytes are depends on nothing
+// else, since every question begins anew. Readers take no lock: a row is published when it is empty,
+// and an entry is one word.
+class KnownPairs {
+public:
+    ~KnownPairs() {
+        for (std::atomic<Row*>& row : rows_)
+            delete row.load(std::memory_order_relaxed);
+    }
+
+    /// The code, which may be kNoCode; 0 if it isn't known.
+    uint32_t codeOf(unsigned char first, unsigned char second) const {
+        const Row* row = rows_[first].load(std::memory_order_acquire);
+        return row == nullptr ? 0 : row->codes[second].load(std::memory_order_relaxed);
+    }
+
+    /// One call at a time. Without memory the pair stays unknown.
+    void add(unsigned char first, unsigned char second, uint32_t code) {
+        Row* row = rows_[first].load(std::memory_order_relaxed);
+        if (row == nullptr) {
+            row = new (std::nothrow) Row();
+            if (row == nullptr)
+                return;
+            rows_[first].store(row, std::memory_order_release);
+        }
+        row->codes[second].store(code, std::memory_order_relaxed);
+    }
+
+private:
+    struct Row {
+        std::atomic<uint32_t> codes[256];
+    };
+
+    std::atomic<Row*> rows_[256] = {};
+};
+
 class IconvCodeset : public Codeset {
 public:
     explicit IconvCodeset(const char* name)
@@ -302,9 +340,14 @@ public:
     }
 
     Character decode(const char* text, size_t n) override {
-        const uint32_t alone = codes_[static_cast<unsigned char>(text[0])];
-        if (alone != kNoCode)
-            return {1, alone};
+        const unsigned char first = static_cast<unsigned char>(text[0]);
+        if (codes_[first] != kNoCode)
+            return {1, codes_[first]};
+        if (n > 1) {
+            const uint32_t known = pairs_.codeOf(first, static_cast<unsigned char>(text[1]));
+            if (known != 0)
+                return {2, known};
+        }
         const std::lock_guard<std::mutex> guard(mutex_);
         for (size_t length = 1; length <= n && length <= kLongest; ++length) {
             if (length > 1 && text[length - 1] == '\0')
@@ -312,8 +355,12 @@ public:
             uint32_t wide[4];
             const long bytes =
                 toWide_.convert(text, length, reinterpret_cast<char*>(wide), sizeof wide);
-            if (bytes > 0)
-                return {static_cast<int>(length), bytes == 4 ? wide[0] : kNoCode};
+            if (bytes > 0) {
+                const uint32_t code = bytes == 4 ? wide[0] : kNoCode;
+                if (length == 2)
+                    pairs_.add(first, static_cast<unsigned char>(text[1]), code);
+                return {static_cast<int>(length), code};
+            }
             if (bytes != 0 && bytes != -EINVAL)
                 break;
         }
@@ -345,6 +392,7 @@ private:
     std::mutex mutex_;
     IconvPair toUTF8_, fromUTF8_, toWide_;  // guarded by mutex_
     uint32_t codes_[256];                   // of bytes that are a character by themselves
+    KnownPairs pairs_;                      // added to under mutex_
 };
 
 static bool isOneOf(const char* name, const char* const* names) {
