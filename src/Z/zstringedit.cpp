@@ -6,6 +6,7 @@
 // since the gap between them is what the hits to come will fill.
 //
 // Arguments may lie in the text that the edit changes; KeptText copies those.
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <istream>
@@ -252,6 +253,9 @@ namespace {
 
 /// What a stream buffer holds already, which only buffers themselves may see.
 struct ReadArea : std::streambuf {
+    static bool hasText(std::istream& in) {
+        return in.good() && begin(*in.rdbuf()) != end(*in.rdbuf());
+    }
     static const char* begin(std::streambuf& buffer) { return (buffer.*&ReadArea::gptr)(); }
     static const char* end(std::streambuf& buffer) { return (buffer.*&ReadArea::egptr)(); }
     static void skip(std::streambuf& buffer, unsigned int n) {
@@ -260,6 +264,21 @@ struct ReadArea : std::streambuf {
 };
 
 bool endsLine(int c) { return c == '\n' || c == '\r' || c == '\0'; }
+
+/// The first line end from `at` on, or `end`.
+const char* findLineEnd(const char* at, const char* end) {
+    const uint64_t kOnes = 0x0101010101010101U;
+    while (end - at >= 8) {
+        uint64_t word;
+        memcpy(&word, at, sizeof word);
+        // Line ends are below 0x0E, and hardly anything else is.
+        const bool hasLow = ((word - kOnes * 0x0E) & ~word & kOnes * 0x80) != 0;
+        if (hasLow && std::any_of(at, at + 8, endsLine))
+            break;
+        at += 8;
+    }
+    return std::find_if(at, end, endsLine);
+}
 
 }  // namespace
 
@@ -270,15 +289,15 @@ std::istream& ZAbstractMutableString::readLine(std::istream& in, int flag) {
     for (;;) {
         // The stream itself reads on, finds the end and takes the line end, so that its state is
         // that of reading one by one; what it has buffered is taken in one go.
-        if (in.peek() == std::istream::traits_type::eof())
+        if (!ReadArea::hasText(in) && in.peek() == std::istream::traits_type::eof())
             return in;
         std::streambuf& buffer = *in.rdbuf();
         const char* const begin = ReadArea::begin(buffer);
         const char* const end = ReadArea::end(buffer);
         // No more at once than fits, so that the string grows as it would one by one.
-        const char* at = begin;
-        while (at != end && !endsLine(*at) && static_cast<size_t>(at - begin) < capacity_ - length_)
-            ++at;
+        const size_t room = capacity_ - length_;
+        const char* const at =
+            findLineEnd(begin, static_cast<size_t>(end - begin) < room ? end : begin + room);
         if (at == begin) {
             const int c = in.get();
             if (endsLine(c))
