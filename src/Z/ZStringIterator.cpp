@@ -10,10 +10,10 @@ ZStringIterator::ZStringIterator(const ZLCString& source, ZLCString& target)
     : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zlocalTextStep()) {}
 
 ZStringIterator::ZStringIterator(const ZUTF8ConstString& source, ZUTF8String& target)
-    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepUTF8) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepASCII) {}
 
 ZStringIterator::ZStringIterator(const ZUTF8String& source, ZUTF8String& target)
-    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepUTF8) {}
+    : cursor_(source.getChars()), source_(&source), target_(&target), mbMax_(zstepASCII) {}
 
 ZStringIterator::ZStringIterator(const ZStringIterator& other) = default;
 ZStringIterator& ZStringIterator::operator=(const ZStringIterator& other) = default;

@@ -43,7 +43,7 @@ private:
     const char* cursor_;  // the next byte; null for a source without text
     const ZAbstractString* source_;
     ZAbstractMutableString* target_;
-    int mbMax_;  // most bytes that a character of the source can have; 0 for UTF-8
+    int mbMax_;  // most bytes of a character of the source; 0 where ASCII stands for itself
 };
 
 #endif

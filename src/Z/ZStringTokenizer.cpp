@@ -51,7 +51,7 @@ ZStringTokenizer::ZStringTokenizer(const ZAbstractString& source, ZAbstractMutab
       source_(&source),
       target_(&target),
       delimiters_(nullptr),
-      mbMax_(zstepUTF8) {
+      mbMax_(zstepASCII) {
     const zcodeset_handle codeset = source.getCodesetHandle();
     if (codeset != target.getCodesetHandle())
         ZUnsupportedException().throwException(__FILE__, __LINE__);

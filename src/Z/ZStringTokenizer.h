@@ -69,7 +69,7 @@ private:
     const ZAbstractString* source_;
     ZAbstractMutableString* target_;
     ZAbstractMutableString* delimiters_;  // owned, of the source's codeset
-    int mbMax_;  // most bytes that a character of the source can have; 0 for UTF-8
+    int mbMax_;  // most bytes of a character of the source; 0 where ASCII stands for itself
 };
 
 #endif

@@ -37,6 +37,9 @@ int qel_to_utf8(qel_codeset codeset, const char* source, size_t length, char* ta
 int qel_from_utf8(qel_codeset codeset, const char* source, size_t length, char* target,
                   size_t room);
 
+/// Whether a byte below 0x80 that begins a character is that ASCII character; 0 for no codeset.
+int qel_begins_with_ascii(qel_codeset codeset);
+
 /// Bytes of the first character, of which `n` bytes are there: 0 at the end, -1 if invalid.
 int qel_mblen(qel_codeset codeset, const char* text, size_t n);
 /// The same, and the character; -1 too for one that doesn't fit into 16 bits.

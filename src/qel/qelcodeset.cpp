@@ -444,14 +444,18 @@ int qel_from_utf8(qel_codeset codeset, const char* source, size_t length, char* 
     return codeset == 0 ? -1 : codesetOf(codeset)->fromUTF8(source, length, target, room);
 }
 
+int qel_begins_with_ascii(qel_codeset codeset) {
+    return codeset != 0 && codesetOf(codeset)->beginsWithASCII();
+}
+
 int qel_mblen(qel_codeset codeset, const char* text, size_t n) {
     if (text == nullptr || n == 0 || *text == '\0')
         return 0;
     if (codeset == 0)
         return -1;
-    Codeset* const own = codesetOf(codeset);
-    const bool isASCII = static_cast<unsigned char>(*text) < 0x80 && own->beginsWithASCII();
-    return isASCII ? 1 : own->decode(text, n).length;
+    if (static_cast<unsigned char>(*text) < 0x80 && qel_begins_with_ascii(codeset))
+        return 1;
+    return codesetOf(codeset)->decode(text, n).length;
 }
 
 int qel_mbtowc(qel_codeset codeset, qel_wide* wide, const char* text, size_t n) {
