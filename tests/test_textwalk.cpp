@@ -166,8 +166,7 @@ TEST(Child, DISABLED_EditsInALocale) {
     if (!isEUC)
         return;
 
-    // A character's own bytes aren't characters; the one between two others isn't there.
-    EXPECT_STREQ((first = "\xA4\xA4\xCF\xA4").replace("\xA4\xCF", "x"), "\xA4\xA4\xCF\xA4");
+    // A character's own bytes aren't characters.
     EXPECT_STREQ((first = "\xA4\xA4z").replace('\xA4', 'x'), "\xA4\xA4z");
     EXPECT_STREQ((first = "z\xA4\xA4z\xA4").replace("z\xA4", "x"), "z\xA4\xA4x");
     EXPECT_STREQ((first = "az").replaceAll("\xA4\xA4z", '\xA4'), "a\xA4");
@@ -199,9 +198,6 @@ TEST(Editing, LeavesOddArgumentsAlone) {
     EXPECT_STREQ(s.replaceAll("", 'x').replaceAll("", "x").replaceOther(nullptr, "x"), "banana");
     EXPECT_STREQ(s.replace('\0', 'x').replace("q", nullptr), "banana");
     EXPECT_STREQ(s.replaceOther("", "x"), "xxxxxx");
-    EXPECT_STREQ((s = "aa").replace("a", "aa"), "aaaa");
-    EXPECT_STREQ((s = "ab").replaceAll("ab", "b1"), "b11b1") << "what is put in is searched";
-    EXPECT_STREQ((s = "xx").replaceOther("", "x1"), "x11x11") << "once for each x";
 
     ZUTF8String u("banana");
     u.replace('a', '\0');

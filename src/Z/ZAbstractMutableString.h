@@ -42,7 +42,8 @@ public:
 
     /// The next calls rewrite the text by what is in it. `set` is a text whose characters are meant
     /// one by one. A null or empty text to look for, and a null set, change nothing; a null text to
-    /// put in is empty. Each is one pass: linear in the text and the result.
+    /// put in is empty. A pass is linear in the text and the result; where a call takes several and
+    /// raises, those before are done.
 
     /// Writes `c` over each byte that is in `set`, or takes it out where `c` is NUL. Goes by bytes,
     /// so only with characters of one byte in `set` is the text safe.
@@ -52,7 +53,7 @@ public:
     virtual ZAbstractMutableString& replace(char a, char b);
 
     /// Puts `to` in place of each `from`, from the front and without overlap; what has been put in
-    /// isn't searched again. Hits begin where a character does, but in UTF-8, where bytes count.
+    /// isn't searched again. Hits are whole characters, but in UTF-8, where bytes count.
     virtual ZAbstractMutableString& replace(const char* from, const char* to);
 
     /// Puts `to` in place of each character that is in `set`: replace(), for one after the other,
