@@ -179,6 +179,7 @@ TEST(Format, TextsCharactersAndPointersInAllCombinations) {
 }
 
 TEST(Format, RealsInAllCombinations) {
+    zgetLCSHandle();  // which sets the locale for both
     checkAll<double>({"f", "e", "E", "g", "G"}, {0.0, -1.5, 1e15, HUGE_VAL, -NAN}, agreeOnReals);
     checkAll<long double>({"Lf", "llE", "qg", "LG"}, {-2.25L, 1e25L}, neverAgree);
     checkAll<double>({"lf", "he", "F", "a"}, {1.0}, neverAgree);
@@ -186,6 +187,12 @@ TEST(Format, RealsInAllCombinations) {
     check(everywhere, "%f|%.*f|%400f", -DBL_MAX, 120, DBL_MAX, 1.0);
     check(some, "%-500.350f|%099.98f|%100.99f|%.100f", DBL_MIN, 0.1, 0.1, 0.1);
     check(some, "%Lf %Lf", LDBL_MAX, -LDBL_MIN);
+}
+
+TEST(Format, RealsWithADecimalPointOfTwoBytes) {
+    const SelfChild child =
+        runSelf("Format.RealsInAllCombinations", {{"LC_ALL", "ps_AF.UTF-8"}});
+    EXPECT_TRUE(child.passed()) << child.output;
 }
 
 struct KnownAnswer {
@@ -277,6 +284,7 @@ TEST(Format, ManyDirectivesAndArguments) {
     check(everywhere, "%s %f %lld %d %Lf %c %s %g %lu %hd %e %p %f %Lg %d", "a", 1.5, 1LL << 40, -1,
           2.5L, 'c', "b", 0.25, 7UL, -3, 1e10, nullptr, 3.5, 4.5L, 99);
     check(everywhere, "%3$f %1$s %2$d %4$Lf %5$lld", "a", 1, 2.5, 3.5L, 1LL << 50);
+    check(some, "%1$d %1$p", -42);  // of an int only what a pointer has
     std::string format;
     for (int i = 0; i < 1000; ++i)
         format += "%1$d,";

@@ -5,6 +5,8 @@
 // the NUL follows the available ones if there are any at all.
 #include "zformat.h"
 
+#include <langinfo.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -342,8 +344,11 @@ int64_t renderSigned(zcodeset_handle, const format_directive& d, const format_ar
 
 int64_t renderUnsigned(zcodeset_handle, const format_directive& d, const format_arg* args,
                        char* target, size_t available) {
-    const uint64_t value = args[d.arg_index].value.u;
-    const int precision = precisionOf(d, args, d.type == ZFORMAT_TYPE_POINTER ? 0 : 1);
+    const bool isPointer = d.type == ZFORMAT_TYPE_POINTER;
+    uint64_t value = args[d.arg_index].value.u;
+    if (isPointer)
+        value = static_cast<uintptr_t>(value);  // another directive may have fetched a negative int
+    const int precision = precisionOf(d, args, isPointer ? 0 : 1);
     const bool isUpper = d.flags & ZFORMAT_UPPER_HEX;
     Number n;
     n.value = value;
@@ -437,9 +442,11 @@ int64_t renderFloat(const format_directive& d, const format_arg* args, Float val
     const int precision = precisionOf(d, args, -1);
     const size_t room = available > 0 ? available + 1 : 0;
     const bool padsInFront = width > 0 && !(d.flags & ZFORMAT_LEFT);
-    // Text that has to be moved behind its padding must be there as a whole.
+    // Text that has to be moved behind its padding must be there as a whole. A decimal point of
+    // several bytes counts as one in the system's padding.
     if (d.flags & kFlags || width < 0 || precision > kPlainPrecision ||
-        (padsInFront && static_cast<size_t>(width) > available))
+        (padsInFront && static_cast<size_t>(width) > available) ||
+        (width > 0 && nl_langinfo(RADIXCHAR)[1] != '\0'))
         return renderFlaggedFloat(d, width, precision, value, target, room);
 
     const int64_t length = renderPlainFloat(d, precision, value, target, room);

@@ -203,7 +203,8 @@ std::string integerText(const Directive& d, int64_t value, int64_t width, bool h
     const bool isNegative = isSigned && value < 0;
     if (!hasPrecision)
         precision = d.conversion == 'p' ? 0 : 1;
-    const uint64_t bits = static_cast<uint64_t>(value);
+    const uint64_t bits =
+        d.conversion == 'p' ? static_cast<uintptr_t>(value) : static_cast<uint64_t>(value);
     std::string digits = digitsOf(isNegative ? 0 - bits : bits,
                                   isHex                 ? 16
                                   : d.conversion == 'o' ? 8
