@@ -27,11 +27,19 @@ static int formatBlock(const format_context& c, char** out) {
     return length;
 }
 
-int zvasprintf(char** out, const char* fmt, va_list ap) {
+static int formatArguments(char** out, const char* fmt, ZFormatArguments& from) {
     format_context c;
-    const int parsed = zvsnprintf_parse(&c, zgetLCSHandle(), fmt, ap);
+    const int parsed = zformatParse(c, fmt, from);
     const int length = parsed == 0 ? formatBlock(c, out) : -1;
     zvsnprintf_done(&c);
+    return length;
+}
+
+int zvasprintf(char** out, const char* fmt, va_list ap) {
+    ZFormatArguments from;
+    va_copy(from.list, ap);
+    const int length = formatArguments(out, fmt, from);
+    va_end(from.list);
     return length;
 }
 
@@ -53,10 +61,10 @@ int zsprintf(char** out, const char* fmt, ...) {
 }
 
 int zasprintf(char** out, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    const int length = zvasprintf(out, fmt, ap);
-    va_end(ap);
+    ZFormatArguments from;
+    va_start(from.list, fmt);
+    const int length = formatArguments(out, fmt, from);
+    va_end(from.list);
     return length;
 }
 

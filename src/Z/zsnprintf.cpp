@@ -269,7 +269,7 @@ bool readDirectives(format_context& c, Census& census) {
         at = findDirective(at);
         if (*at == '\0')
             break;
-        if (c.directive_count % kGrowth == 0 && c.directive_count >= kInlineDirectives &&
+        if (c.directive_count >= kInlineDirectives && c.directive_count % kGrowth == 0 &&
             !growDirectives(c))
             return false;
         format_directive& d = c.directives[c.directive_count];
@@ -288,12 +288,7 @@ bool readDirectives(format_context& c, Census& census) {
 
 // Arguments
 
-/// A va_list in a struct can be handed on by reference, whatever type the platform makes it.
-struct Arguments {
-    va_list list;
-};
-
-inline void fetch(format_arg& arg, int type, Arguments& from) {
+inline void fetch(format_arg& arg, int type, ZFormatArguments& from) {
     arg.type = type;
     switch (type) {
         case ZFORMAT_TYPE_CHAR:
@@ -360,7 +355,7 @@ bool growArgs(format_context& c, int64_t highest) {
 }
 
 /// No number anywhere: positions follow each other.
-bool fetchInOrder(format_context& c, int64_t highest, Arguments& from) {
+bool fetchInOrder(format_context& c, int64_t highest, ZFormatArguments& from) {
     if (!growArgs(c, highest))
         return false;
     format_arg* const args = c.args;
@@ -427,7 +422,7 @@ void forEachName(const format_directive& d, See see) {
 
 /// Numbers somewhere: the first directive that names a position decides its type, but a % only if
 /// nobody else wants the argument.
-bool fetchByNumber(format_context& c, Arguments& from) {
+bool fetchByNumber(format_context& c, ZFormatArguments& from) {
     int highest = 0, highestNumber = 0;
     if (!assignPositions(c, highest, highestNumber) || !growArgs(c, highest))
         return false;
@@ -461,7 +456,7 @@ bool fetchByNumber(format_context& c, Arguments& from) {
     return true;
 }
 
-int parse(format_context& c, zcodeset_handle handle, const char* fmt, Arguments& from) {
+int parse(format_context& c, zcodeset_handle handle, const char* fmt, ZFormatArguments& from) {
     c.codeset = handle;
     c.directives = c.inline_directives;
     c.directive_count = 0;
@@ -487,9 +482,9 @@ void done(format_context& c) {
 
 size_t roomOf(int size) { return size > 0 ? static_cast<size_t>(size) : 0; }
 
-int formatInto(char* buf, int size, const char* fmt, Arguments& from) {
+int formatInto(char* buf, int size, const char* fmt, ZFormatArguments& from) {
     format_context c;
-    const int parsed = parse(c, zgetLCSHandle(), fmt, from);
+    const int parsed = zformatParse(c, fmt, from);
     const int length = parsed == 0 ? zformatInto(c, buf, roomOf(size)) : -1;
     done(c);
     return length;
@@ -497,8 +492,12 @@ int formatInto(char* buf, int size, const char* fmt, Arguments& from) {
 
 }  // namespace
 
+int zformatParse(format_context& c, const char* fmt, ZFormatArguments& from) {
+    return parse(c, zgetLCSHandle(), fmt, from);
+}
+
 int zvsnprintf_parse(format_context* c, zcodeset_handle handle, const char* fmt, va_list ap) {
-    Arguments from;
+    ZFormatArguments from;
     va_copy(from.list, ap);
     const int parsed = parse(*c, handle, fmt, from);
     va_end(from.list);
@@ -512,7 +511,7 @@ int zvsnprintf_render(format_context* c, char* buf, int size) {
 void zvsnprintf_done(format_context* c) { done(*c); }
 
 int zvsnprintf(char* buf, int size, const char* fmt, va_list ap) {
-    Arguments from;
+    ZFormatArguments from;
     va_copy(from.list, ap);
     const int length = formatInto(buf, size, fmt, from);
     va_end(from.list);
@@ -520,7 +519,7 @@ int zvsnprintf(char* buf, int size, const char* fmt, va_list ap) {
 }
 
 int zsnprintf(char* buf, int size, const char* fmt, ...) {
-    Arguments from;
+    ZFormatArguments from;
     va_start(from.list, fmt);
     const int length = formatInto(buf, size, fmt, from);
     va_end(from.list);
