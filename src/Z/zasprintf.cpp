@@ -1,5 +1,6 @@
 #include "zasprintf.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -7,18 +8,21 @@
 
 // Writes what `c` holds into a block for `*out`, which stays as it was if there is no length to ask
 // a block for. Most texts are short: the pass that measures writes already, on the stack, so that a
-// second one, and a second conversion of floating-point numbers, is only for long ones.
+// second one, and a second conversion of floating-point numbers, is only for long ones. A format
+// without directives is its own text: measured, a tenth less for these.
 static int formatBlock(const format_context& c, char** out) {
     char text[1024];
-    const int length = zformatInto(c, text, sizeof text);
+    const bool isLiteral = c.directive_count == 0 && c.format_end - c.format < INT_MAX;
+    const int length = isLiteral ? static_cast<int>(c.format_end - c.format)
+                                 : zformatInto(c, text, sizeof text);
     if (length < 0)
         return -1;
     const size_t size = static_cast<size_t>(length) + 1;
     *out = static_cast<char*>(malloc(size));
     if (*out == nullptr)
         return -1;
-    if (size <= sizeof text) {
-        memcpy(*out, text, size);
+    if (isLiteral || size <= sizeof text) {
+        memcpy(*out, isLiteral ? c.format : text, size);
     } else if (zformatInto(c, *out, size) < 0) {
         free(*out);
         *out = nullptr;
