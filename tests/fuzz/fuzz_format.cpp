@@ -1,5 +1,6 @@
 // Any bytes as a format: nothing is read behind its NUL, nothing written behind the target, and the
-// three ways to format agree. The first byte chooses the target's size.
+// three ways to format agree. The first byte chooses the target's size; if it is odd, the rest makes
+// floating-point formats and numbers instead, and the system library is asked for the same.
 //
 // Every argument is a pointer to text, so that any directive finds what it may follow. The pointers'
 // low halves are small, as they are widths and precisions too. What is bounded: the system library
@@ -120,6 +121,79 @@ void formatPointers(const char* text, size_t length, size_t size) {
     zasprintf_free(made);
 }
 
+/// Takes values from the input; zeros when it has ended.
+class Input {
+public:
+    Input(const char* data, size_t size) : data_(data), left_(size) {}
+    template <typename T>
+    T take() {
+        T value = {};
+        const size_t n = std::min(left_, sizeof value);
+        memcpy(&value, data_, n);
+        data_ += n;
+        left_ -= n;
+        return value;
+    }
+    bool isEmpty() const { return left_ == 0; }
+
+private:
+    const char* data_;
+    size_t left_;
+};
+
+template <typename Float>
+void compare(const char* format, size_t size, int width, int precision, Float value) {
+    char ours[9000], system[9000];
+    const int length = snprintf(system, sizeof system, format, width, precision, value);
+    require(zsnprintf(ours, sizeof ours, format, width, precision, value) == length);
+    require(strcmp(ours, system) == 0);
+    const std::unique_ptr<char[]> target(new char[size + 1]);
+    target[size] = '#';
+    require(zsnprintf(target.get(), static_cast<int>(size), format, width, precision, value) ==
+            length);
+    require(target[size] == '#');
+    const size_t shown = std::min<size_t>(size - 1, length);
+    require(memcmp(target.get(), system, shown) == 0 && target[shown] == '\0');
+    char* made;
+    require(zasprintf(&made, format, width, precision, value) == length);
+    require(strcmp(made, system) == 0);
+    zasprintf_free(made);
+}
+
+void formatFloats(const char* data, size_t length, size_t size) {
+    Input input(data, length);
+    while (!input.isEmpty()) {
+        const unsigned int bits = input.take<uint16_t>();
+        const int width = input.take<uint16_t>() % 4000 - 2000;
+        const int precision = input.take<uint16_t>() % 1400;
+        std::string text = "<%";  // without the flag 0: a precision ends it here and not there
+        for (int i = 0; i < 5; ++i) {
+            if (bits >> i & 1)
+                text += "#- +'"[i];
+        }
+        text += "*.*";
+        const bool isLong = bits & 0x80;
+        if (isLong)
+            text += 'L';
+        text += "eEfgG"[(bits >> 8) % 5];
+        text += '>';
+        const char* const format = placed(text.data(), text.size());
+        long double value = input.take<double>();
+        if (isLong) {
+            // Any exponent, and a significand as the processor wants it.
+            value = 0;
+            const uint64_t significand = input.take<uint64_t>() | 1ULL << 63;
+            const uint16_t exponent = input.take<uint16_t>();
+            memcpy(&value, &significand, sizeof significand);
+            memcpy(reinterpret_cast<char*>(&value) + 8, &exponent, sizeof exponent);
+        }
+        if (isLong)
+            compare(format, size + 1, width, precision, value);
+        else
+            compare(format, size + 1, width, precision, static_cast<double>(value));
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -141,6 +215,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0 || size > kMostBytes)
         return 0;
     const char* const text = reinterpret_cast<const char*>(data) + 1;
-    formatPointers(text, size - 1, data[0]);
+    if (data[0] & 1)
+        formatFloats(text, size - 1, data[0] / 2);
+    else
+        formatPointers(text, size - 1, data[0] / 2);
     return 0;
 }
