@@ -71,7 +71,7 @@ static void text() {
 static void containers() {
     ZArrayList list(4, 1);
     for (const char* word : {"pear", "apple", "plum"})
-        list.add(new ZLCString(word));
+        list.addNoCopy(new ZLCString(word));
     list.sort(*ZSortCompare::defaultSortCompare(), ZSortCompare::sortAscending);
     ZHashKeyMap map(10, 1);
     ZArrayStack stack(4);
