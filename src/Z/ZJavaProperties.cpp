@@ -29,6 +29,7 @@
 #include "ZExceptionText.h"
 #include "zcheck.h"
 #include "zfilestream.h"
+#include "zwholefile.h"
 #include "zinternal.h"
 #include "zreport.h"
 #include "zutfconvert.h"
@@ -370,7 +371,7 @@ __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
 }
 
 static void lockFile(FILE* stream, short type, const char* path) {
-    const int error = zlockWholeFile(stream, type);
+    const int error = zlockWholeFile(fileno(stream), type, zlockOfProcess, 0);
     if (error != 0)
         raise(path, "fcntl()", error, __LINE__);
 }

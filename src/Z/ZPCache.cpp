@@ -8,6 +8,7 @@
 
 #include "ZException.h"
 #include "zpstore.h"
+#include "zstrict.h"
 
 typedef ZPStore::Id Id;
 
@@ -319,7 +320,18 @@ void ZPCategoryBasedCache::remove(const char* category) {
 
 // ---------------------------------------------------------------- changes of map and lines
 
+void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int mayBeEmpty) const {
+    if (!isStrict())
+        return;
+    if (obfuscated != 0)
+        zrequireHidden(value);
+    else
+        zrequireValue(key, value, mayBeEmpty != 0);
+}
+
 int ZPCategoryBasedCache::addStanzaLine(const char* category) {
+    if (isStrict())
+        zrequireStanza(category);
     const Text name(category);
     if (store().stanzaInMap(name.chars, name.length) != ZPStore::none)
         return 1;
@@ -344,6 +356,11 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
     if (key == nullptr) {
         addStanzaLine(category);
         return;
+    }
+    if (isStrict()) {
+        zrequireStanza(category);
+        zrequireKey(key);
+        checkValue(key, value, obfuscated, 1);
     }
     ZPStore& model = store();
     const Text stanza(category), name(key), text(value);
@@ -383,11 +400,15 @@ void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
 }
 
 void ZPCategoryBasedCache::addFileComment(const char* text) {
+    if (isStrict())
+        zrequireComment(text);
     const Text comment(text);
     store().addFileComment(comment.chars, comment.length);
 }
 
 void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* text) {
+    if (isStrict())
+        zrequireComment(text);
     addStanzaLine(category);
     const Text name(category), comment(text);
     const Id stanza = store().stanzaInMap(name.chars, name.length);
@@ -397,6 +418,8 @@ void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* te
 }
 
 void ZPCategoryBasedCache::addLineComment(const char* category, const char* key, const char* text) {
+    if (isStrict())
+        zrequireComment(text);
     if (contains(category, key) == 0)
         addLine(category, key, nullptr, 0);
     const Id id = findKey(store(), category, key);

@@ -12,11 +12,9 @@
 #include "ZBuffer.h"
 #include "ZLCString.h"
 #include "ZList.h"
+#include "zstoremodes.h"
 
 class ZPStore;
-
-/// Attribute bit: the reader keeps comment and blank lines, so that a store writes them back.
-enum { ZPCACHE_KEEP_COMMENTS = 1 };
 
 /// The model behind a properties object. It answers look-ups from a two-level map of stanzas and
 /// keys, remembers the layout of the file as a list of retained lines, so that a store writes back
@@ -50,6 +48,7 @@ public:
     static void* operator new(size_t size) { return ZObject::operator new(size); }
     static void operator delete(void* memory) noexcept { ZObject::operator delete(memory); }
 
+    /// A copy of map, lines and attributes, as the constructor makes it.
     virtual ZPCache* clone() const = 0;
 
     /// The values of a key in order, as ZLCString members of a list that the cache owns: the same
@@ -79,6 +78,7 @@ public:
     virtual int countValues(const char* key) const = 0;
     virtual int countValues(const char* category, const char* key) const = 0;
 
+    /// The number of a stanza's keys; whether it exists.
     virtual int keyCount(const char* category) const;
     virtual int contains(const char* category) const;
     /// Whether the key exists, with or without values.
@@ -130,6 +130,8 @@ public:
     virtual void clear();
     /// Sets further attribute bits and stores the data word.
     virtual void setAttributes(unsigned long flags, void* data);
+    /// The bits that are set: ZPCACHE_KEEP_COMMENTS and the others of zstoremodes.h.
+    unsigned long attributes() const { return attributes_; }
     /// Makes the composite key "category.key".
     virtual void makeKey(ZAbstractMutableString& out, const char* category, const char* key) const;
 
@@ -141,6 +143,11 @@ public:
     /// Adds copies of all values that get with GET_ANY would list to an owning `list`.
     virtual void copyValues(const char* category, const char* key, ZArrayList& list) const;
 
+    /// With ZPCACHE_STRICT set, raises ZInvalidParameterException for a value of this key that a load
+    /// wouldn't give back. `mayBeEmpty`: a key without a value is meant too.
+    void checkValue(const char* key, const char* value, int obfuscated, int mayBeEmpty) const;
+    int isStrict() const { return (attributes_ & ZPCACHE_STRICT) != 0; }
+
     /// The path of the side database, empty while there is none.
     const ZLCString& obfuscatedDBName() const { return obfuscatedDBName_; }
     void setObfuscatedDBName(const char* name) { obfuscatedDBName_ = name; }
@@ -151,6 +158,7 @@ public:
     static const ZLCString& emptyText() { return *empty_; }
 
 protected:
+    /// Where map and lines are.
     ZPStore& store() const { return *store_; }
 
     ZLCString obfuscatedDBName_;

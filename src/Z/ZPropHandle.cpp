@@ -20,9 +20,11 @@ Z_ANY_POINTER bool ZPROP_handle::isGood(const ZPROP_handle* handle) {
            handle->secondGuard_ == kSecondGuard;
 }
 
-ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode) : ZPROP_handle(mode), properties(1) {}
+ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode)
+    : ZPROP_handle(mode), properties(1), update(nullptr), updater(pthread_self()), updates(false) {}
 
-ZPROP_stz_handle::~ZPROP_stz_handle() {}
+// Requires: no other thread has an update open.
+ZPROP_stz_handle::~ZPROP_stz_handle() { delete update; }
 
 ZPROP_iter_handle::ZPROP_iter_handle(Kind kind)
     : kind_(kind), firstGuard_(kFirstGuard), secondGuard_(kSecondGuard), thread_(pthread_self()) {}

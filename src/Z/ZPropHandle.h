@@ -13,11 +13,16 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
+#include "ZPropertiesUpdate.h"
 #include "ZStanzaFileProperties.h"
 #include "zproperties.h"
 
+/// The root of the handles.
 class ZEXPORT ZPROP_handle {
 public:
+    /// A live handle of this mode.
     explicit ZPROP_handle(ZPROPOpenMode mode);
     virtual ~ZPROP_handle();
     ZPROP_handle(const ZPROP_handle&) = delete;
@@ -37,18 +42,30 @@ private:
     volatile uint32_t secondGuard_;
 };
 
+/// A handle with an object that keeps comments.
 class ZEXPORT ZPROP_stz_handle : public ZPROP_handle {
 public:
+    /// Nothing is loaded yet.
     explicit ZPROP_stz_handle(ZPROPOpenMode mode);
     ~ZPROP_stz_handle() override;
 
-    ZStanzaFileProperties properties;
+    /// Whether the calling thread has an update open.
+    bool updatesHere() const { return updates && pthread_equal(updater, pthread_self()) != 0; }
+
+    ZStanzaFileProperties properties;  ///< what the calls are made on
+    // Set by the thread that begins an update and holds the object's lock.
+    ZPropertiesUpdate* update;  ///< the open one, or null
+    pthread_t updater;          ///< whose it is
+    std::atomic<bool> updates;  ///< whether there is one; any thread may ask
 };
 
+/// The root of the walks.
 class ZEXPORT ZPROP_iter_handle {
 public:
+    /// What is walked.
     enum Kind { walksKeys = 1, walksValues = 2 };
 
+    /// A live walk of this kind, the calling thread's.
     explicit ZPROP_iter_handle(Kind kind);
     virtual ~ZPROP_iter_handle() noexcept(false);
     ZPROP_iter_handle(const ZPROP_iter_handle&) = delete;
@@ -60,6 +77,7 @@ public:
 
     /// Likewise, and whether the kind is one.
     static bool isGood(const ZPROP_iter_handle* handle);
+    /// 1 or 2.
     int kind() const { return kind_; }
     /// Whether the calling thread has made it.
     bool isOwn() const { return pthread_equal(thread_, pthread_self()) != 0; }
@@ -71,23 +89,27 @@ private:
     const pthread_t thread_;
 };
 
+/// A walk over keys.
 class ZEXPORT ZPROP_stz_iter_handle : public ZPROP_iter_handle {
 public:
+    /// Takes the object's lock.
     ZPROP_stz_iter_handle(ZStanzaFileProperties& properties, const char* stanza);
     ~ZPROP_stz_iter_handle() noexcept(false) override;
 
-    ZStanzaIterator iterator;
+    ZStanzaIterator iterator;  ///< the walk itself
 };
 
+/// A walk over values.
 class ZEXPORT ZPROP_stzvalue_iter_handle : public ZPROP_iter_handle {
 public:
+    /// Takes the object's lock.
     ZPROP_stzvalue_iter_handle(ZStanzaFileProperties& properties, const char* stanza,
                                const char* key);
     ~ZPROP_stzvalue_iter_handle() noexcept(false) override;
 
-    ZStanzaValueIterator iterator;
-    ZLCString value;  // of the walk's place; empty at the start
-    ZLCString key;
+    ZStanzaValueIterator iterator;  ///< the walk itself
+    ZLCString value;                ///< of the walk's place; empty at the start
+    ZLCString key;                  ///< the one that is walked
 };
 
 #endif

@@ -9,9 +9,16 @@
 
 #include "ZExceptionText.h"
 #include "zcheck.h"
+#include "zpropoptions.h"
 
 ZProperties::ZProperties(ZPCache* cache)
-    : cache_(cache), modified_(0), loading_(0), timeStamp_(0) {}
+    : cache_(cache),
+      modified_(0),
+      loading_(0),
+      timeStamp_(0),
+      options_(nullptr),
+      loadFailed_(0),
+      changeTest_(0) {}
 
 ZProperties::ZProperties(const ZProperties& other)
     : ZAbstractProperties(other),
@@ -20,12 +27,15 @@ ZProperties::ZProperties(const ZProperties& other)
       cache_(nullptr),
       modified_(0),
       loading_(0),
-      timeStamp_(0) {
+      timeStamp_(0),
+      options_(nullptr),
+      loadFailed_(0),
+      changeTest_(0) {
     ZResourceLock guard(other.lock_);
     cache_ = other.cache_->clone();
 }
 
-ZProperties::~ZProperties() noexcept {}
+ZProperties::~ZProperties() noexcept { delete options_; }
 
 // ---------------------------------------------------------------- look-ups
 
@@ -288,12 +298,21 @@ void ZProperties::setValue(const char* category, const char* key, const ZLCConst
     setValue(category, key, value.getChars());
 }
 
+void ZProperties::convertToStored(const ZAbstractString& text, ZLCString& out) const {
+    out.setChars(text);
+    Z_REQUIRE(out.getLength() != 0 || text.getLength() == 0 || cache_->isStrict() == 0);
+}
+
 void ZProperties::setValue(const char* category, const char* key, const ZUTF8String& value) {
-    setValue(category, key, ZLCString(value).getChars());
+    ZLCString text;
+    convertToStored(value, text);
+    setValue(category, key, text.getChars());
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZUTF8ConstString& value) {
-    setValue(category, key, ZLCString(value).getChars());
+    ZLCString text;
+    convertToStored(value, text);
+    setValue(category, key, text.getChars());
 }
 
 void ZProperties::setIntegerValue(const char* category, const char* key, unsigned int value) {

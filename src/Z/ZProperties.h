@@ -9,7 +9,8 @@
 //                                make and register the shared objects of getPropertiesFor
 //   ZPropRegistry                holds the process-wide registry lock for a scope
 //
-// Load, store and the registry stand in ZPropertiesImpl.cpp, all else in ZProperties.cpp.
+// Load, store and the registry stand in ZPropertiesImpl.cpp, what differs from the plain ways in
+// zpropoptions.cpp, all else in ZProperties.cpp.
 #ifndef Z_ZPROPERTIES_H
 #define Z_ZPROPERTIES_H
 
@@ -24,6 +25,9 @@
 #include "ZUTF8String.h"
 
 class ZAbstractPropertiesFactory;
+struct ZPropertiesOptions;
+struct ZUpdatedFile;
+class ZStreamGuard;
 
 /// The codeset in which text is given out. All stored text is in the local codeset.
 enum ZPropertyStringType { ZPROP_STRING_LOCAL = 0, ZPROP_STRING_UTF8 = 8 };
@@ -68,17 +72,19 @@ public:
 /// it was, good only during the notice; `key` is null for a notice about a stanza.
 class ZEXPORT ZPropertyChanged : public ZObservedParm {
 public:
+    /// What kind of property it is, and what has become of it.
     enum PropertyStyle { StanzaProperty = 0 };
     enum PropertyChangeType { PropertyAdded = 0, PropertyDeleted = 1, PropertyModified = 2 };
 
+    /// Keeps the pointers.
     ZPropertyChanged(const char* stanzaName, const char* keyName, PropertyStyle propertyStyle,
                      PropertyChangeType type)
         : stanza(stanzaName), key(keyName), style(propertyStyle), changeType(type) {}
 
-    const char* stanza;
-    const char* key;
-    PropertyStyle style;
-    PropertyChangeType changeType;
+    const char* stanza;             ///< its name
+    const char* key;                ///< null where the stanza is meant
+    PropertyStyle style;            ///< StanzaProperty
+    PropertyChangeType changeType;  ///< added, deleted or modified
 };
 
 /// Adds the lock that makes a configuration safe to share.
@@ -87,6 +93,7 @@ public:
     /// Holds any lock for a scope.
     class ZEXPORT ZPropResourceLock {
     public:
+        /// Waits for the lock.
         explicit ZPropResourceLock(ZLockInterface& lock) : lock_(lock) { lock_.lock(); }
         ~ZPropResourceLock() noexcept(false) { lock_.unlock(); }
         ZPropResourceLock(const ZPropResourceLock&) = delete;
@@ -182,6 +189,27 @@ public:
     /// Prints stanzas, keys and plain values to standard output.
     void list() const override;
 
+    /// How stores are made from now on: ZPROP_STORE_PLAIN, as above and the default; CHECKED, where
+    /// whatever fails raises ZPropertiesIOException and leaves the object modified; SAFE, which also
+    /// leaves the old or the new content after a crash at any moment, by way of a journal beside the
+    /// file. In the last two, locks belong to the open file and not to the process, so that threads
+    /// and objects of one process exclude each other, and a store after a load that failed raises
+    /// ZInvalidParameterException until a load succeeds or allowStoreAfterFailedLoad() is called;
+    /// SAFE refuses a file with a second hard link ("link()"), and needs a folder that it may write
+    /// to. Another number raises ZInvalidParameterException.
+    void setStoreMode(int mode);
+    int storeMode() const;
+    /// How long loads and stores go on trying while somebody else holds the file's lock; 0, the
+    /// default, fails at once. The object's lock is held meanwhile. getPropertiesFor never waits.
+    void setLockWait(unsigned long milliseconds);
+    /// By what getPropertiesFor finds out that somebody else has stored this object's file:
+    /// ZPROP_CHANGE_SECONDS, the default, or ZPROP_CHANGE_EXACT, for which a file that was changed
+    /// less than 50 ms before the load counts as changed since. Another number raises
+    /// ZInvalidParameterException.
+    void setChangeTest(int test);
+    /// Lets the next store put what the object holds in place of a file that it couldn't read.
+    void allowStoreAfterFailedLoad();
+
     /// The value becomes the only one of its key; null or empty empties the key and keeps it. With
     /// `obfuscated` it goes into the side database; a key that has values of the other kind raises
     /// ZInvalidParameterException. Notice: PropertyModified.
@@ -232,11 +260,17 @@ public:
 protected:
     friend class ZPropertiesIterator;
     friend class ZAbstractPropertyValuesIterator;
+    friend class ZPropertiesUpdate;
+    friend class ZPropertiesWatcher;
 
     /// Tells the observers, unless a load is under way. Call it without the lock.
     void sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                           ZPropertyChanged::PropertyChangeType type, const char* category,
                           const char* key);
+
+    /// `text` as it is stored, in the local codeset. With ZPCACHE_STRICT set, raises
+    /// ZInvalidParameterException for what that codeset can't hold; else it becomes the empty text.
+    void convertToStored(const ZAbstractString& text, ZLCString& out) const;
 
     /// The last value of the key, not terminated and good under the lock; 0 if there is none.
     /// Raises ZPropertiesMissingPropertyException then if it is required.
@@ -251,6 +285,28 @@ protected:
     std::atomic<int> modified_;
     std::atomic<int> loading_;
     std::atomic<long> timeStamp_;  // modification time of the file at the last load or store
+
+private:
+    ZPropertiesOptions& options();  // made at first use
+    const ZPropertiesOptions& optionsNow() const;
+    const ZUpdatedFile* updateOf(const ZLCString& path) const;
+    bool testsExactly() const;
+    bool isOutdated(const char* file) const;
+    void readContent(ZPCache& cache, const ZLCString& path, int descriptor,
+                     ZStreamGuard& stream) const;
+    void readFile(const ZLCString& path, int descriptor, FILE* stream);
+    void noteContent(const ZLCString& path);
+    bool prepareSideDatabase(const ZLCString& path, ZLCString& side);
+    void addSideLine(const ZLCString& side);
+    void storePlainly(const ZLCString& path);
+    void storeCarefully(const ZLCString& path);
+    void storeTo(int descriptor, const ZLCString& path);
+
+    // Guarded by lock_.
+    ZPropertiesOptions* options_;  // null until something differs from the plain ways
+    int loadFailed_;
+    // Read without the lock by getPropertiesFor.
+    std::atomic<int> changeTest_;
 };
 
 /// Makes the objects that getPropertiesFor hands out.

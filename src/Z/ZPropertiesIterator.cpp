@@ -167,9 +167,10 @@ const char* ZAbstractPropertyValuesIterator::nextValue(const char*& text) {
 // A text in the iterator's codeset as it is stored.
 void ZAbstractPropertyValuesIterator::convert(const char* text, ZLCString& out) const {
     if (stringType_ == ZPROP_STRING_UTF8)
-        out = ZUTF8ConstString(text);
+        properties_->convertToStored(ZUTF8ConstString(text), out);
     else
         out.setChars(text);
+    properties_->cache_->checkValue(key_.getChars(), out.getChars(), walksHidden(), 0);
 }
 
 void ZAbstractPropertyValuesIterator::changeValue(const char* text) {

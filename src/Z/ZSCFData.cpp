@@ -71,10 +71,12 @@ namespace {
 // them is a cache miss.
 class StanzaReader {
 public:
-    StanzaReader(ZPStore& store, const char* file, bool keepComments, ZLCString& sideDatabase)
+    StanzaReader(ZPStore& store, const char* file, unsigned long attributes,
+                 ZLCString& sideDatabase)
         : store_(store),
           file_(file),
-          keepComments_(keepComments),
+          keepComments_((attributes & ZPCACHE_KEEP_COMMENTS) != 0),
+          strict_((attributes & ZPCACHE_STRICT) != 0),
           sideDatabase_(sideDatabase),
           group_(store.lastGroup()),
           stanza_(ZPStore::none),
@@ -94,17 +96,20 @@ public:
             const char* newline = static_cast<const char*>(memchr(piece, '\n', room));
             const size_t length = newline == nullptr ? room : newline - piece + 1;
             const char* stop = piece + length;
-            if (hasNul) {
-                const void* nul = memchr(piece, 0, length);
-                stop = nul == nullptr ? stop : static_cast<const char*>(nul);
-            }
+            const char* nul =
+                hasNul ? static_cast<const char*>(memchr(piece, 0, length)) : nullptr;
+            if (nul != nullptr)
+                stop = nul;
             ++line;
             while (stop > piece && isSpace(stop[-1]))
                 --stop;
             const char* first = piece;
             while (first < stop && isSpace(*first))
                 ++first;
-            if (!classify(first, stop)) {
+            const bool refused =
+                strict_ && ((newline == nullptr && length < end - at) || nul != nullptr ||
+                            startsWithMark(start, at));
+            if (refused || !classify(first, stop)) {
                 flush();
                 const ZLCString data(piece, static_cast<unsigned int>(stop - piece));
                 store_.truncateText(at);  // nothing refers to the rest
@@ -126,6 +131,13 @@ private:
         ZPSlice value;
         uint32_t hash;
     };
+
+    // Whether the text begins with a byte-order mark, which would become part of its first line.
+    bool startsWithMark(size_t start, size_t at) const {
+        static const char kMark[] = "\xEF\xBB\xBF";
+        return at == start && store_.textSize() - at >= 3 &&
+               memcmp(store_.text(static_cast<uint32_t>(at)), kMark, 3) == 0;
+    }
 
     // As isspace, whose table is asked for once a load.
     bool isSpace(char c) const {
@@ -245,6 +257,7 @@ private:
     ZPStore& store_;
     const char* file_;
     const bool keepComments_;
+    const bool strict_;  // what would be taken apart is bad data
     ZLCString& sideDatabase_;
     Id group_;
     Id stanza_;  // none before the first header and behind an empty name
@@ -260,7 +273,7 @@ private:
 void ZSCFData::be_read(const char* file, FILE* stream) {
     const size_t start = store().textSize();
     readAll(store(), stream);
-    StanzaReader(store(), file, (attributes_ & ZPCACHE_KEEP_COMMENTS) != 0, obfuscatedDBName_)
+    StanzaReader(store(), file, attributes_, obfuscatedDBName_)
         .read(start);
 }
 

@@ -184,12 +184,16 @@ void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
 
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const ZUTF8String& value,
                                      int obfuscated) {
-    addValue(stanza, key, ZLCString(value).getChars(), obfuscated);
+    ZLCString text;
+    convertToStored(value, text);
+    addValue(stanza, key, text.getChars(), obfuscated);
 }
 
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
                                      const ZUTF8ConstString& value, int obfuscated) {
-    addValue(stanza, key, ZLCString(value).getChars(), obfuscated);
+    ZLCString text;
+    convertToStored(value, text);
+    addValue(stanza, key, text.getChars(), obfuscated);
 }
 
 void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const ZArrayList& list,
@@ -202,7 +206,7 @@ void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const
     const unsigned int count = list.size();  // it may be a list that grows on the way
     for (unsigned int i = 0; i < count; ++i) {
         ZLCString wanted;
-        wanted.setChars(*static_cast<const ZAbstractString*>(list.get(i)));
+        convertToStored(*static_cast<const ZAbstractString*>(list.get(i)), wanted);
         bool found = false;
         while (!found && value.hasMore())
             found = value.nextValue()->equals(wanted) != 0;

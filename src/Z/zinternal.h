@@ -45,6 +45,13 @@ public:
 
     FILE* get() const { return stream_; }
 
+    /// Hands the stream on.
+    FILE* release() {
+        FILE* stream = stream_;
+        stream_ = nullptr;
+        return stream;
+    }
+
     /// Closes now. 0, or the errno of the failure. Again, or with a null stream: 0.
     int close() {
         FILE* stream = stream_;

@@ -1,163 +1,25 @@
 // zproperties.cpp: the C interface on ZStanzaFileProperties. Exceptions become result numbers in one
-// place, and cancellation alone passes through.
+// place, zproperror.cpp, and cancellation alone passes through.
 #include "zproperties.h"
 
-#include <cxxabi.h>
-#include <pthread.h>
-
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 
 #include "ZExceptionText.h"
-#include "ZMessage.h"
 #include "ZPropHandle.h"
+#include "zproperror.h"
 
-// ---------------------------------------------------------------- the last error
-
-namespace {
-
-// What the thread's last failing call has met. It has no destructor, since other destructors of the
-// thread may still make calls: a pthread key gives the texts back, and is asked once more if a
-// call was made after that.
-struct LastError {
-    ZPROP_error error;
-    char* file;
-    char* text;
-
-    void clear() { error = {0, nullptr, 0, nullptr}; }
-
-    void freeTexts() {
-        free(file);
-        free(text);
-        file = text = nullptr;
-        clear();
-    }
-
-    // Without memory the texts are missing; the number is there.
-    void set(int number, const char* newFile, int line, const char* newText);
-};
-
-thread_local LastError lastError;
-
-pthread_once_t keyOnce = PTHREAD_ONCE_INIT;
-pthread_key_t textsKey;
-bool hasTextsKey = false;
-
-void makeTextsKey() {
-    hasTextsKey = pthread_key_create(&textsKey, [](void* last) {
-                      static_cast<LastError*>(last)->freeTexts();
-                  }) == 0;
-}
-
-void LastError::set(int number, const char* newFile, int line, const char* newText) {
-    freeTexts();
-    // Where there is no key the texts stay behind when the thread ends.
-    pthread_once(&keyOnce, makeTextsKey);
-    if (hasTextsKey)
-        pthread_setspecific(textsKey, this);
-    file = newFile == nullptr ? nullptr : strdup(newFile);
-    text = newText == nullptr ? nullptr : strdup(newText);
-    error = {number, file, line, text};
-}
-
-// Reads the number of any exception, as a message service may.
-class NumberReader : public ZDefaultMessageService {
-public:
-    static int numberOf(const ZException& e) { return static_cast<int>(exceptionNumber(e)); }
-    static const char* nameOf(const ZException& e) { return exceptionName(e); }
-};
-
-// What a failure is called in each group of functions.
-enum Group { fileGroup, changeGroup, readGroup };
-
-}  // namespace
-
-static void noteIO(const ZPropertiesIOException& e) {
-    char reason[128];
-    const char* why = strerror_r(e.excerrno(), reason, sizeof reason);
-    char text[256];
-    snprintf(text, sizeof text, "%s: %s", e.api(), why);
-    lastError.set(NumberReader::numberOf(e), e.propFile(), 0, text);
-}
-
-// Turns the exception in flight into a result number, and notes what it was about. A cancelled
-// thread has no exception object, which the sanitizer takes for a null reference.
-__attribute__((no_sanitize("null"))) static int resultOfException(Group group) {
-    int result = ZPROP_ERR_PARAM;
-    try {
-        throw;
-    } catch (abi::__forced_unwind&) {
-        throw;  // a cancelled thread must go on unwinding, or the whole process ends
-    } catch (const ZPropertiesMissingPropertyException& e) {
-        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, e.key());
-        result = ZPROP_ERR_MISSING;
-    } catch (const ZPropertiesInvalidValueException& e) {
-        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, e.value());
-        result = ZPROP_ERR_VALUE;
-    } catch (const ZPropertiesIteratorException& e) {
-        lastError.set(NumberReader::numberOf(e), e.propFile(), 0, nullptr);
-        result = ZPROP_ERR_ITERATOR;
-    } catch (const ZPropertiesInvalidDataException& e) {
-        lastError.set(NumberReader::numberOf(e), e.propFile(), e.badline(), e.baddata());
-    } catch (const ZPropertiesIOException& e) {
-        noteIO(e);
-    } catch (const ZOutOfMemoryException& e) {
-        lastError.set(NumberReader::numberOf(e), nullptr, 0, NumberReader::nameOf(e));
-        result = ZPROP_ERR_VALUE;
-    } catch (const std::bad_alloc&) {
-        lastError.set(1, nullptr, 0, "bad_alloc");
-        result = ZPROP_ERR_VALUE;
-    } catch (const ZException& e) {
-        lastError.set(NumberReader::numberOf(e), nullptr, 0, NumberReader::nameOf(e));
-    } catch (...) {
-        lastError.set(19, nullptr, 0, "unknown exception");
-    }
-    return group == fileGroup ? ZPROP_ERR_FILE : group == changeGroup ? ZPROP_ERR_UPDATE : result;
-}
-
-static int parameterError() {
-    lastError.set(22, nullptr, 0, "bad handle or argument");
-    return ZPROP_ERR_PARAM;
-}
-
-// Runs a call and gives its result number.
-template <typename Call>
-static int guarded(Group group, Call call) {
-    try {
-        call();
-    } catch (...) {
-        return resultOfException(group);
-    }
-    return ZPROP_OK;
-}
-
-int zstzPropLastError(ZPROP_error* error) {
-    if (error == nullptr)
-        return 0;
-    *error = lastError.error;
-    return error->number;
-}
+int zstzPropLastError(ZPROP_error* error) { return zlastError(error); }
 
 // ---------------------------------------------------------------- handles
 
-// The object behind a live handle, or null. Calls come by here first, so that the last error ends
-// here.
-static ZStanzaFileProperties* liveProperties(ZPROP_handle* handle) {
-    lastError.clear();
-    if (!ZPROP_handle::isGood(handle))
-        return nullptr;
-    return &static_cast<ZPROP_stz_handle*>(handle)->properties;
-}
-
 int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode) {
-    lastError.clear();
+    zclearLastError();
     if (out == nullptr || file == nullptr || (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE))
-        return parameterError();
+        return zparameterError();
     *out = nullptr;
-    return guarded(fileGroup, [&] {
+    return zguarded(zfileGroup, [&] {
         std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(mode));
         handle->properties.load(file);
         *out = handle.release();
@@ -165,15 +27,19 @@ int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode) {
 }
 
 void zstzPropClose(ZPROP_handle* handle) {
-    if (liveProperties(handle) != nullptr)
+    if (zliveProperties(handle) == nullptr)
+        return;
+    // Another thread's update holds the object, and only that thread can let it go.
+    const ZPROP_stz_handle* opened = static_cast<ZPROP_stz_handle*>(handle);
+    if (!opened->updates || opened->updatesHere())
         delete handle;
 }
 
 int zstzPropStore(ZPROP_handle* handle, const char* file) {
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr)
-        return parameterError();
-    return guarded(fileGroup, [&] { properties->store(file); });
+        return zparameterError();
+    return zguarded(zfileGroup, [&] { properties->store(file); });
 }
 
 // ---------------------------------------------------------------- reading
@@ -185,23 +51,29 @@ template <typename Answer, typename Question>
 static Answer ask(ZPROP_handle* handle, int* err, bool complete, Answer incompleteAnswer,
                   Question question) {
     if (!complete || err == nullptr) {
-        parameterError();
+        zparameterError();
         return incompleteAnswer;
     }
     const Answer nothing = Answer();
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr) {
-        *err = parameterError();
+        *err = zparameterError();
         return nothing;
     }
     Answer answer = nothing;
-    *err = guarded(readGroup, [&] { answer = question(*properties); });
+    *err = zguarded(zreadGroup, [&] { answer = question(*properties); });
     return *err == ZPROP_OK ? answer : nothing;
 }
 
 int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
     return ask(handle, err, stanza != nullptr, 0, [&](ZStanzaFileProperties& p) {
         return key == nullptr ? p.exists(stanza) : p.exists(stanza, key);
+    });
+}
+
+int zstzPropIsHidden(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
+    return ask(handle, err, stanza != nullptr && key != nullptr, 0, [&](ZStanzaFileProperties& p) {
+        return p.exists(stanza, key) != 0 ? p.isObfuscated(stanza, key) : 0;
     });
 }
 
@@ -255,7 +127,7 @@ static void myStrFree(char* string) {
 }
 
 void zstzPropFree(char* string) {
-    lastError.clear();
+    zclearLastError();
     if (string != nullptr)
         myStrFree(string);
 }
@@ -347,10 +219,10 @@ static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
 }
 
 int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count) {
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr || (items == nullptr && count != 0))
-        return parameterError();
-    return guarded(readGroup, [&] {
+        return zparameterError();
+    return zguarded(zreadGroup, [&] {
         const ObjectLock lock(*properties);
         for (int i = 0; i < count; ++i)
             answerItem(*properties, items[i]);
@@ -358,7 +230,7 @@ int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count) {
 }
 
 void zstzPropFreeValuesList(ZPROP_handle* handle, ZPROP_item* items, int count) {
-    if (liveProperties(handle) == nullptr || items == nullptr)
+    if (zliveProperties(handle) == nullptr || items == nullptr)
         return;
     for (int i = 0; i < count; ++i) {
         if (items[i].result == nullptr)
@@ -376,11 +248,11 @@ void zstzPropFreeValuesList(ZPROP_handle* handle, ZPROP_item* items, int count) 
 }
 
 int zstzPropGetStanzas(ZPROP_handle* handle, char*** names) {
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr || names == nullptr)
-        return parameterError();
+        return zparameterError();
     *names = nullptr;
-    return guarded(readGroup, [&] {
+    return zguarded(zreadGroup, [&] {
         const ObjectLock lock(*properties);  // keyNames takes none
         ZArrayList list(10, 1);
         properties->keyNames(list);
@@ -389,7 +261,7 @@ int zstzPropGetStanzas(ZPROP_handle* handle, char*** names) {
 }
 
 void zstzPropFreeStanzas(char** names) {
-    lastError.clear();
+    zclearLastError();
     freeTexts(names);
 }
 
@@ -399,10 +271,10 @@ void zstzPropFreeStanzas(char** names) {
 /// `complete`: none of the arguments that are needed is null.
 template <typename Change>
 static int applyChange(ZPROP_handle* handle, bool complete, Change change) {
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr || !complete)
-        return parameterError();
-    return guarded(changeGroup, [&] { change(*properties); });
+        return zparameterError();
+    return zguarded(zchangeGroup, [&] { change(*properties); });
 }
 
 int zstzPropSetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
@@ -458,7 +330,7 @@ struct Walk {
     ZPROP_stzvalue_iter_handle* values = nullptr;
 
     explicit Walk(ZPROP_iter_handle* iterator) {
-        lastError.clear();
+        zclearLastError();
         if (!ZPROP_iter_handle::isGood(iterator))
             return;
         if (iterator->kind() == ZPROP_iter_handle::walksKeys)
@@ -472,17 +344,17 @@ struct Walk {
 }  // namespace
 
 static int unsuitable() {
-    lastError.set(42, nullptr, 0, "not for this walk");
+    znoteLastError(42, nullptr, 0, "not for this walk");
     return ZPROP_ERR_ITERATOR;
 }
 
 int zstzPropIter_init(ZPROP_handle* handle, const char* stanza, const char* key,
                       ZPROP_iter_handle** out) {
-    ZStanzaFileProperties* properties = liveProperties(handle);
+    ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr || stanza == nullptr || out == nullptr)
-        return parameterError();
+        return zparameterError();
     *out = nullptr;
-    return guarded(readGroup, [&] {
+    return zguarded(zreadGroup, [&] {
         if (key == nullptr)
             *out = new ZPROP_stz_iter_handle(*properties, stanza);
         else
@@ -496,13 +368,13 @@ static Answer askWalk(ZPROP_iter_handle* iterator, int* err, Answer nothing, OfK
                       OfValues ofValues) {
     const Walk walk(iterator);
     if (!walk.isGood() || err == nullptr) {
-        const int error = parameterError();
+        const int error = zparameterError();
         if (err != nullptr)
             *err = error;
         return nothing;
     }
     Answer answer = nothing;
-    *err = guarded(readGroup, [&] {
+    *err = zguarded(zreadGroup, [&] {
         answer = walk.keys != nullptr ? ofKeys(*walk.keys) : ofValues(*walk.values);
     });
     return *err == ZPROP_OK ? answer : nothing;
@@ -563,10 +435,10 @@ template <typename Change>
 static int changeWalk(ZPROP_iter_handle* iterator, Change change) {
     const Walk walk(iterator);
     if (!walk.isGood())
-        return parameterError();
+        return zparameterError();
     if (walk.keys != nullptr)
         return unsuitable();
-    return guarded(readGroup, [&] { change(*walk.values); });
+    return zguarded(zreadGroup, [&] { change(*walk.values); });
 }
 
 int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text) {
@@ -584,9 +456,9 @@ int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator) {
 int zstzPropIter_close(ZPROP_iter_handle* iterator) {
     const Walk walk(iterator);
     if (!walk.isGood())
-        return parameterError();
+        return zparameterError();
     // The lock belongs to the thread that made the walk, and could never be given back otherwise.
     if (!iterator->isOwn())
-        return parameterError();
-    return guarded(readGroup, [&] { delete iterator; });
+        return zparameterError();
+    return zguarded(zreadGroup, [&] { delete iterator; });
 }

@@ -15,26 +15,33 @@
  * Files: a load or store holds a record lock on the stanza file and doesn't wait for one. Such
  * locks belong to the process: closing any descriptor of the file drops them.
  *
+ * Shared edits: what a program reads, changes and stores is safe from other writers between
+ * zstzPropBegin and zstzPropCommit. zstzPropOpenWith says what a store does about failures and
+ * crashes, how long locks are waited for, and what is refused because it wouldn't come back.
+ *
  * The environment variable QELDIR must be set, or the process ends at the first call that handles
  * text. The first such call also runs setlocale(LC_ALL, ""). */
 #ifndef Z_ZPROPERTIES_LOWER_H
 #define Z_ZPROPERTIES_LOWER_H
 
-#include "z.h"
+#include "zstoremodes.h"
 
 /* Results. 56 isn't used. */
-#define ZPROP_OK 0            /* done */
-#define ZPROP_ERR_FILE 51     /* open or store failed */
-#define ZPROP_ERR_UPDATE 52   /* a change failed */
-#define ZPROP_ERR_VALUE 53    /* a value can't be converted, or memory ran out */
-#define ZPROP_ERR_MISSING 54  /* a required value is missing */
-#define ZPROP_ERR_PARAM 55    /* a bad handle or argument */
-#define ZPROP_ERR_ITERATOR 57 /* the call doesn't suit this iterator or its place */
+#define ZPROP_OK 0             /* done */
+#define ZPROP_ERR_FILE 51      /* open or store failed */
+#define ZPROP_ERR_UPDATE 52    /* a change failed */
+#define ZPROP_ERR_VALUE 53     /* a value can't be converted, or memory ran out */
+#define ZPROP_ERR_MISSING 54   /* a required value is missing */
+#define ZPROP_ERR_PARAM 55     /* a bad handle or argument */
+#define ZPROP_ERR_ITERATOR 57  /* the call doesn't suit this iterator or its place */
+#define ZPROP_ERR_LOCKED 60    /* somebody else holds the file's lock */
+#define ZPROP_ERR_UNSAVED 61   /* there are unsaved changes, or an update is open already */
+#define ZPROP_ERR_NO_UPDATE 62 /* the thread has no update open */
 
 /* How a file is opened: 1 or 2. The two don't differ today; use the one that says what you mean. */
 typedef int ZPROPOpenMode;
-#define ZPROP_OPEN_READ 1
-#define ZPROP_OPEN_UPDATE 2
+#define ZPROP_OPEN_READ 1   /* to look things up */
+#define ZPROP_OPEN_UPDATE 2 /* to change and store them too */
 
 /* Kinds of ZPROP_item, and where `result` then points. */
 #define ZPROP_ITEM_BOOLEAN 1 /* an int */
@@ -48,18 +55,28 @@ typedef int ZPROPOpenMode;
 #ifdef __cplusplus
 class ZPROP_handle;
 class ZPROP_iter_handle;
+class ZPROP_watch_handle;
 #else
 typedef struct ZPROP_handle ZPROP_handle;
 typedef struct ZPROP_iter_handle ZPROP_iter_handle;
+typedef struct ZPROP_watch_handle ZPROP_watch_handle;
 #endif
+
+/* What zstzPropWatch_process tells of a key, or of a stanza where `key` is null. The texts are good
+ * during the call. */
+#define ZPROP_ADDED 0
+#define ZPROP_DELETED 1
+#define ZPROP_MODIFIED 2 /* has other values */
+/* The function to call for each change. */
+typedef void (*ZPROP_change_callback)(void* data, const char* stanza, const char* key, int change);
 
 /* One request of zstzPropGetValues. */
 typedef struct ZPROP_item {
-    int kind;
-    const char* stanza;
-    const char* key;
-    int flag;
-    void* result;
+    int kind;           /* one of the numbers above */
+    const char* stanza; /* where to look */
+    const char* key;    /* likewise */
+    int flag;           /* ZPROP_ITEM_OPTIONAL or another */
+    void* result;       /* where the answer goes */
 } ZPROP_item;
 
 /* What a failing call has met. The texts belong to the library and are good until the thread's next
@@ -80,7 +97,8 @@ Z_BEGIN_C
  * null then. */
 ZEXPORT int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode);
 
-/* Closes without storing. A bad handle, null too, is ignored. */
+/* Closes without storing. A bad handle, null too, is ignored, and so is one in which another thread
+ * has an update open. */
 ZEXPORT void zstzPropClose(ZPROP_handle* handle);
 
 /* Writes to `file`, or to the opened path if that is null. 0; 55 for a bad handle; 51. */
@@ -93,6 +111,10 @@ ZEXPORT int zstzPropStore(ZPROP_handle* handle, const char* file);
 
 /* Whether the key exists, or the stanza if `key` is null. */
 ZEXPORT int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err);
+
+/* Whether the key's values are hidden: they stand in the side database and not in the text. 0 for a
+ * missing key. */
+ZEXPORT int zstzPropIsHidden(ZPROP_handle* handle, const char* stanza, const char* key, int* err);
 
 /* The number of stanzas, of a stanza's keys, of a key's values. */
 ZEXPORT int zstzPropNumStanzas(ZPROP_handle* handle, int* err);
@@ -202,6 +224,57 @@ ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);
 /* Ends the walk and frees the iterator. 0; 55 for a bad one or another thread's, which is left
  * alone. */
 ZEXPORT int zstzPropIter_close(ZPROP_iter_handle* iterator);
+
+/* --- Shared edits ---
+ *
+ * The numbers of `attributes` and `storeMode` stand in zstoremodes.h. */
+
+/* As zstzPropOpen, with `attributes` besides ZPCACHE_KEEP_COMMENTS (ZPCACHE_STRICT,
+ * ZPCACHE_KEEP_LINES), stores in `storeMode` (ZPROP_STORE_PLAIN, ..._CHECKED, ..._SAFE), and loads and
+ * stores that wait up to `wait` milliseconds for the file's lock. 0; 55 for a null argument or an
+ * unknown mode, *out untouched; 60 if the lock didn't come in time, 51 if the file can't be loaded,
+ * *out null then. */
+ZEXPORT int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
+                             unsigned long attributes, int storeMode, unsigned long wait);
+
+/* Begins an update: locks the file against all other writers, waiting up to `milliseconds`, and reads
+ * it anew if it has changed since it was loaded. From here to the end of the update other threads wait
+ * at any call with this handle. 0; 55 for a bad handle; 60 if the lock didn't come in time; 61 if
+ * there are unsaved changes or an update is open already; 51 if the file can't be opened or read. */
+ZEXPORT int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds);
+
+/* Stores and ends the update. 0; 55 for a bad handle; 62 if the calling thread has no update open; 51
+ * if it can't be stored, and the update is still open then. */
+ZEXPORT int zstzPropCommit(ZPROP_handle* handle);
+
+/* Forgets what was changed since the update began, and ends it. zstzPropClose does the same. 0; 55 for
+ * a bad handle; 62 if the calling thread has no update open; 53 without memory, and what is in memory
+ * is undefined until the next update then. */
+ZEXPORT int zstzPropRollback(ZPROP_handle* handle);
+
+/* --- Watching ---
+ *
+ * One thread at a time may call with a watch, which has to be closed before its handle. */
+
+/* Watches the handle's file for other processes' stores. The watch goes to *out, and is closed by
+ * zstzPropWatch_close. 0; 55 for a bad handle or a null `out`; 51 if the file's folder can't be
+ * watched; 53 without memory. */
+ZEXPORT int zstzPropWatch_open(ZPROP_handle* handle, ZPROP_watch_handle** out);
+
+/* A descriptor for poll, readable when zstzPropWatch_process has something to do. It belongs to the
+ * watch. -1 for a bad one. */
+ZEXPORT int zstzPropWatch_fd(ZPROP_watch_handle* watch);
+
+/* Looks, without waiting, whether the file has other content than the handle. If so, loads it, calls
+ * `changed` (null: nothing) with `data` once for each key that was added, deleted or has other values
+ * and for each stanza that came or went, and returns the number of these. While there are unsaved
+ * changes or an update is open, or a writer holds the file, 0, and the next call tries again. *err,
+ * which must not be null, is 0; 55 for a bad watch; 51 if the file can't be loaded. */
+ZEXPORT int zstzPropWatch_process(ZPROP_watch_handle* watch, ZPROP_change_callback changed,
+                                  void* data, int* err);
+
+/* Ends the watch. 0; 55 for a bad one. */
+ZEXPORT int zstzPropWatch_close(ZPROP_watch_handle* watch);
 
 Z_END_C
 

@@ -41,70 +41,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ZException.h"
 #include "ZLCString.h"
 #include "ZList.h"
-#include "zmemory.h"
+#include "zpblock.h"
 
 /// A piece of the store's text.
 struct ZPSlice {
     uint32_t offset;
     uint32_t length;
-};
-
-/// A growing block of records that are moved as bytes. Growth raises ZOutOfMemoryException and
-/// leaves the block as it was.
-template <typename T>
-class ZPBlock {
-public:
-    ZPBlock() : data_(nullptr), size_(0), room_(0) {}
-    ~ZPBlock() { free(data_); }
-    ZPBlock(const ZPBlock&) = delete;
-    ZPBlock& operator=(const ZPBlock&) = delete;
-
-    T& operator[](size_t i) { return data_[i]; }
-    const T& operator[](size_t i) const { return data_[i]; }
-    T* data() { return data_; }
-    const T* data() const { return data_; }
-    size_t size() const { return size_; }
-    void setSize(size_t size) { size_ = size; }
-
-    /// Room for `more` records behind the last; grows by half at least.
-    void reserveMore(size_t more) {
-        if (room_ - size_ >= more)
-            return;
-        const size_t step = size_ / 2 < kFirstRoom ? size_t(kFirstRoom) : size_ / 2;
-        reserveExactly(size_ + (more > step ? more : step));
-    }
-    bool isFull() const { return size_ == room_; }
-
-    void reserveExactly(size_t room) {
-        if (room <= room_)
-            return;
-        void* grown = room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(data_, room * sizeof(T));
-        if (grown == nullptr)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
-        zadviseSpread(grown, room * sizeof(T));
-        data_ = static_cast<T*>(grown);
-        room_ = room;
-    }
-
-    /// Needs room made before.
-    void push(const T& record) { data_[size_++] = record; }
-
-    void swap(ZPBlock& other) {
-        T* data = data_;
-        size_t size = size_, room = room_;
-        data_ = other.data_, size_ = other.size_, room_ = other.room_;
-        other.data_ = data, other.size_ = size, other.room_ = room;
-    }
-
-private:
-    static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
-
-    T* data_;
-    size_t size_;
-    size_t room_;
 };
 
 /// Open addressing from a 32-bit hash to a record id. The place of a hash is a multiplication and

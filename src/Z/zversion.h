@@ -185,6 +185,8 @@
 #define ZPropertyChanged ZPropertyChanged_6_0
 #define ZPropertiesFactoryInterface ZPropertiesFactoryInterface_6_0
 #define ZAbstractPropertiesFactory ZAbstractPropertiesFactory_6_0
+#define ZPropertiesUpdate ZPropertiesUpdate_6_0
+#define ZPropertiesWatcher ZPropertiesWatcher_6_0
 #define ZPropRegistry ZPropRegistry_6_0
 #define ZPropertiesIteratorInterface ZPropertiesIteratorInterface_6_0
 #define ZAbstractPropertiesIterator ZAbstractPropertiesIterator_6_0
@@ -204,6 +206,7 @@
 #define zstzPropClose zstzPropClose_6_0
 #define zstzPropStore zstzPropStore_6_0
 #define zstzPropExists zstzPropExists_6_0
+#define zstzPropIsHidden zstzPropIsHidden_6_0
 #define zstzPropNumStanzas zstzPropNumStanzas_6_0
 #define zstzPropNumKeys zstzPropNumKeys_6_0
 #define zstzPropNumValues zstzPropNumValues_6_0
@@ -234,6 +237,14 @@
 #define zstzPropGetStanzas zstzPropGetStanzas_6_0
 #define zstzPropFreeStanzas zstzPropFreeStanzas_6_0
 #define zstzPropLastError zstzPropLastError_6_0
+#define zstzPropOpenWith zstzPropOpenWith_6_0
+#define zstzPropBegin zstzPropBegin_6_0
+#define zstzPropCommit zstzPropCommit_6_0
+#define zstzPropRollback zstzPropRollback_6_0
+#define zstzPropWatch_open zstzPropWatch_open_6_0
+#define zstzPropWatch_fd zstzPropWatch_fd_6_0
+#define zstzPropWatch_process zstzPropWatch_process_6_0
+#define zstzPropWatch_close zstzPropWatch_close_6_0
 
 /* Platform services */
 #define ZAbstractFileMap ZAbstractFileMap_6_0

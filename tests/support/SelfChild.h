@@ -5,6 +5,7 @@
 #ifndef TESTS_SUPPORT_SELF_CHILD_H
 #define TESTS_SUPPORT_SELF_CHILD_H
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,6 +53,21 @@ inline SelfChild runSelf(const std::string& test,
     if (result.passed() && result.output.find("[  PASSED  ] 1 test.") == std::string::npos)
         result.status = -1;  // the filter found no test
     return result;
+}
+
+/// Runs it and expects that it passes.
+inline void expectChildPasses(const std::string& test,
+                              const std::vector<std::pair<std::string, const char*>>& environment = {}) {
+    const SelfChild child = runSelf(test, environment);
+    EXPECT_TRUE(child.passed()) << test << "\n" << child.output;
+}
+
+/// The same in each kind of locale: ASCII, UTF-8, bytes that are characters, characters of bytes.
+inline void expectChildPassesInEachLocale(const std::string& test) {
+    for (const char* locale : {"C", "C.UTF-8", "en_US.ISO-8859-1", "ja_JP.EUC-JP"}) {
+        SCOPED_TRACE(locale);
+        expectChildPasses(test, {{"LC_ALL", locale}, {"QELDIR", "/tables"}});
+    }
 }
 
 #endif

@@ -1,0 +1,182 @@
+// zpropedits.cpp: shared edits in the C interface: opening with options, updates, and watching.
+#include <fcntl.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "ZExceptionText.h"
+#include "ZPropHandle.h"
+#include "ZPropertiesWatcher.h"
+#include "zmemory.h"
+#include "zproperror.h"
+
+// The result of a call that takes the file's lock: a lock that didn't come in time has its own.
+template <typename Call>
+static int guardedByLock(Call call) {
+    bool locked = false;
+    const int result = zguarded(zfileGroup, [&] {
+        try {
+            call();
+        } catch (const ZPropertiesIOException& e) {
+            const ZLCConstString word(e.api());
+            locked = word == "fcntl()" && (e.excerrno() == EAGAIN || e.excerrno() == EACCES);
+            throw;
+        }
+    });
+    return locked ? ZPROP_ERR_LOCKED : result;
+}
+
+// ---------------------------------------------------------------- updates
+
+int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
+                     unsigned long attributes, int storeMode, unsigned long wait) {
+    zclearLastError();
+    static const unsigned long kKnown =
+        ZPCACHE_KEEP_COMMENTS | ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
+    if (out == nullptr || file == nullptr ||
+        (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE) || (attributes & ~kKnown) != 0 ||
+        storeMode < ZPROP_STORE_PLAIN || storeMode > ZPROP_STORE_SAFE)
+        return zparameterError();
+    *out = nullptr;
+    return guardedByLock([&] {
+        std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(mode));
+        handle->properties.setAttributes(attributes, nullptr);
+        handle->properties.setStoreMode(storeMode);
+        handle->properties.setLockWait(wait);
+        handle->properties.load(file);
+        *out = handle.release();
+    });
+}
+
+int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds) {
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr)
+        return zparameterError();
+    ZPROP_stz_handle* opened = static_cast<ZPROP_stz_handle*>(handle);
+    bool ready = true;
+    const int result = guardedByLock([&] {
+        try {
+            opened->update = new ZPropertiesUpdate(*properties, milliseconds);
+        } catch (const ZInvalidParameterException&) {
+            ready = false;
+            throw;
+        }
+        opened->updater = pthread_self();
+        opened->updates = true;
+    });
+    if (ready)
+        return result;
+    znoteLastError(22, nullptr, 0, "unsaved changes, or an update that is open");
+    return ZPROP_ERR_UNSAVED;
+}
+
+// The calling thread's update, or null.
+static ZPROP_stz_handle* updatedHandle(ZPROP_handle* handle) {
+    ZPROP_stz_handle* opened = static_cast<ZPROP_stz_handle*>(handle);
+    if (opened->updatesHere())
+        return opened;
+    znoteLastError(22, nullptr, 0, "no update is open");
+    return nullptr;
+}
+
+static void endUpdate(ZPROP_stz_handle* opened) {
+    std::unique_ptr<ZPropertiesUpdate> ended(opened->update);
+    opened->update = nullptr;
+    opened->updates = false;
+}
+
+int zstzPropCommit(ZPROP_handle* handle) {
+    if (zliveProperties(handle) == nullptr)
+        return zparameterError();
+    ZPROP_stz_handle* opened = updatedHandle(handle);
+    if (opened == nullptr)
+        return ZPROP_ERR_NO_UPDATE;
+    const int result = zguarded(zfileGroup, [&] { opened->update->commit(); });
+    // A failed close has ended it, too.
+    if (opened->update->isOpen() == 0)
+        endUpdate(opened);
+    return result;
+}
+
+int zstzPropRollback(ZPROP_handle* handle) {
+    if (zliveProperties(handle) == nullptr)
+        return zparameterError();
+    ZPROP_stz_handle* opened = updatedHandle(handle);
+    if (opened == nullptr)
+        return ZPROP_ERR_NO_UPDATE;
+    const int result = zguarded(zreadGroup, [&] { opened->update->rollback(); });
+    endUpdate(opened);
+    return result;
+}
+
+// ---------------------------------------------------------------- watching
+
+static const uint32_t kWatchGuard = 0xFEEDBEEFu;
+
+class ZPROP_watch_handle : public ZAllocated, public ZPropertiesWatcher {
+public:
+    explicit ZPROP_watch_handle(ZProperties& properties)
+        : ZPropertiesWatcher(properties), guard_(kWatchGuard), changed_(nullptr), data_(nullptr) {}
+    ~ZPROP_watch_handle() noexcept override { guard_ = 0; }
+
+    // What the pointer leads to may be anything.
+    __attribute__((no_sanitize("vptr"))) static bool isGood(const ZPROP_watch_handle* watch) {
+        return watch != nullptr && watch->guard_ == kWatchGuard;
+    }
+
+    int processWith(ZPROP_change_callback changed, void* data) {
+        changed_ = changed;
+        data_ = data;
+        return process();
+    }
+
+protected:
+    void tell(const ZPropertyChanged& change) override {
+        ZPropertiesWatcher::tell(change);
+        if (changed_ != nullptr)
+            changed_(data_, change.stanza, change.key, change.changeType);
+    }
+
+private:
+    volatile uint32_t guard_;  // tells a live watch from a closed one
+    ZPROP_change_callback changed_;
+    void* data_;
+};
+
+int zstzPropWatch_open(ZPROP_handle* handle, ZPROP_watch_handle** out) {
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr || out == nullptr)
+        return zparameterError();
+    *out = nullptr;
+    return zguarded(zfileGroup, [&] { *out = new ZPROP_watch_handle(*properties); });
+}
+
+int zstzPropWatch_fd(ZPROP_watch_handle* watch) {
+    zclearLastError();
+    if (ZPROP_watch_handle::isGood(watch))
+        return watch->descriptor();
+    zparameterError();
+    return -1;
+}
+
+int zstzPropWatch_process(ZPROP_watch_handle* watch, ZPROP_change_callback changed, void* data,
+                          int* err) {
+    zclearLastError();
+    if (err == nullptr || !ZPROP_watch_handle::isGood(watch)) {
+        const int error = zparameterError();
+        if (err != nullptr)
+            *err = error;
+        return 0;
+    }
+    int count = 0;
+    *err = zguarded(zfileGroup, [&] { count = watch->processWith(changed, data); });
+    return count;
+}
+
+int zstzPropWatch_close(ZPROP_watch_handle* watch) {
+    zclearLastError();
+    if (!ZPROP_watch_handle::isGood(watch))
+        return zparameterError();
+    delete watch;
+    return ZPROP_OK;
+}

@@ -1,0 +1,37 @@
+// zproperror.h: how the C interface tells failures: exceptions become result numbers, and what they
+// were about is kept for the thread. Never installed.
+#ifndef Z_ZPROPERROR_H
+#define Z_ZPROPERROR_H
+
+#include "ZPropHandle.h"
+
+/// What a failure is called in each group of functions.
+enum ZPropGroup { zfileGroup, zchangeGroup, zreadGroup };
+
+/// The last error of the calling thread: nothing; this; what it is.
+void zclearLastError();
+void znoteLastError(int number, const char* file, int line, const char* text);
+int zlastError(ZPROP_error* error);
+
+/// Notes a bad handle or argument: 55.
+int zparameterError();
+
+/// Inside a handler: notes the exception and gives its number. A cancelled thread goes on unwinding.
+int zresultOfException(ZPropGroup group);
+
+/// The object behind a live handle, or null. Calls come by here first, so that the last error ends
+/// here.
+ZStanzaFileProperties* zliveProperties(ZPROP_handle* handle);
+
+/// Runs a call and gives its result number.
+template <typename Call>
+static int zguarded(ZPropGroup group, Call call) {
+    try {
+        call();
+    } catch (...) {
+        return zresultOfException(group);
+    }
+    return ZPROP_OK;
+}
+
+#endif
