@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# check-tutorial.sh BUILD: the programs of docs/tutorial.md are those in examples/tutorial to the letter,
+# and they do one after the other what the page says.
+set -euo pipefail
+
+build=$(cd "${1:?usage: check-tutorial.sh BUILD}" && pwd)
+cd "$(dirname "$0")"
+page=$PWD/../docs/tutorial.md
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+export QELDIR=${QELDIR:-/opt/Quillmere/nls/QEL}
+
+# program NAME: what the page has below its mark.
+program() { sed -n "/^<!-- $1 -->\$/,/^\`\`\`\$/{/^<!--/d;/^\`\`\`/d;p}" "$page"; }
+# said TEXT: whether the page shows these lines.
+shown() {
+    local line
+    while IFS= read -r line; do
+        grep -qxF "    $line" "$page" || { echo "the page doesn't show: $line" && exit 1; }
+    done <<<"$1"
+}
+
+for source in tutorial/*.cpp; do
+    diff <(program "$(basename "$source")") "$source"
+done
+
+run() { "$build/examples/tutorial_$1"; }
+cp service.conf "$folder/"
+cd "$folder"
+shown "$(run read)"
+run change
+shown "$(grep -A2 '^# timeout = 90' service.conf)"
+! grep -q '^tls' service.conf
+shown "$(run values)"
+for _ in 1 2 3 4; do run share & done
+wait
+[ "$("$build/zstz" get service.conf queue jobs)" = 40 ]
+run watch >watched &
+until [ "$(cat watched)" = watching ]; do sleep 0.02; done
+"$build/zstz" set service.conf queue jobs 41
+until [ "$(wc -l <watched)" -eq 2 ]; do sleep 0.02; done
+"$build/zstz" set service.conf queue stop now
+wait
+shown "$(cat watched)"
+[ "$(wc -l <watched)" -eq 3 ]
