@@ -141,12 +141,17 @@ public:
         return true;
     }
 
+    // The index of a key's line, or of what ends its stanza.
+    size_t lineOf(const string& s, const string& k) const {
+        size_t i = behindHeader(s);
+        while (i < lines.size() && lines[i].type != ModelLine::stanza &&
+               (lines[i].type != ModelLine::key || lines[i].text != k))
+            ++i;
+        return i;
+    }
     bool hasLine(const string& s, const string& k) const {
-        for (size_t i = behindHeader(s); i < lines.size() && lines[i].type != ModelLine::stanza;
-             ++i)
-            if (lines[i].type == ModelLine::key && lines[i].text == k)
-                return true;
-        return false;
+        const size_t i = lineOf(s, k);
+        return i < lines.size() && lines[i].type == ModelLine::key;
     }
 
     void addLine(const string& s, const string& k, const string& v, bool hidden) {
@@ -174,12 +179,8 @@ public:
 
     void delLine(const string& s, const string& k) {
         remove(s, k);
-        for (size_t i = behindHeader(s); i < lines.size() && lines[i].type != ModelLine::stanza;) {
-            if (lines[i].type == ModelLine::key && lines[i].text == k)
-                lines.erase(lines.begin() + i);
-            else
-                ++i;
-        }
+        while (hasLine(s, k))
+            lines.erase(lines.begin() + lineOf(s, k));
     }
 
     void addFileComment(const string& text) {
@@ -275,12 +276,9 @@ void compareAll(const Model& model, ZSCFData& cache, bool makeLists) {
     ASSERT_EQ(cache.obfuscatedCount(), model.items.size());
     ZArrayList names(1, 1);
     cache.getNames(names);
-    vector<string> sorted = texts(&names);
-    std::sort(sorted.begin(), sorted.end());
-    vector<string> wanted;
-    for (const auto& s : model.stanzas)
-        wanted.push_back(s.first);
-    ASSERT_EQ(sorted, wanted);
+    for (const string& name : texts(&names))
+        ASSERT_TRUE(model.contains(name)) << name;
+    ASSERT_EQ(names.size(), model.stanzas.size());
     for (const auto& s : model.stanzas) {
         ASSERT_EQ(cache.keyCount(s.first.c_str()), static_cast<int>(s.second.order.size()));
         if (makeLists) {
@@ -342,14 +340,9 @@ void step(std::mt19937& random, Model& model, ZSCFData& cache) {
             list->add(&added);
         }
     };
-    const std::function<void()> addLine = [&] {
-        model.addLine(s, k, v, hidden), cache.addLine(s, k, v, hidden);
-    };
     const std::function<void()> changes[] = {
-        addLine,
-        addLine,
-        addLine,
         changeList,
+        [&] { model.addLine(s, k, v, hidden), cache.addLine(s, k, v, hidden); },
         [&] { model.add(s, k, v, hidden), cache.add(s, k, v, hidden); },
         [&] { model.set(s, k, v, false), cache.set(s, k, v); },
         [&] { model.set(s, k, v, true), cache.setObfuscated(s, k, v); },
@@ -368,9 +361,9 @@ void step(std::mt19937& random, Model& model, ZSCFData& cache) {
         [&] { model.addStanzaComment(s, text), cache.addStanzaComment(s, text); },
         [&] { model.addLineComment(s, k, text), cache.addLineComment(s, k, text); },
     };
-    const unsigned int what = random() % 15;
+    const unsigned int what = random() % 15;  // addLine more often than others
     SCOPED_TRACE("change " + std::to_string(what) + " of " + s + " " + k + " = " + v);
-    changes[what]();
+    changes[what < 13 ? what : 1]();
 }
 
 void fill(Model& model) {
@@ -491,10 +484,8 @@ TEST(Cache, CompositeKeysAreSplitAtTheFirstDot) {
     EXPECT_EQ(writtenText(cache), "\n[s]\nk.l = 1\n");
     EXPECT_EQ(cache.countValues("s.k.l"), 1);
     EXPECT_EQ(cache.countValues("s.k"), 0);
-    for (const char* bad : {static_cast<const char*>(nullptr), "nodot"}) {
-        EXPECT_THROW(cache.get(bad, ZPCache::GET_ANY), ZInvalidParameterException);
+    for (const char* bad : {static_cast<const char*>(nullptr), "nodot"})
         EXPECT_THROW(cache.addLineComment(bad, "#"), ZInvalidParameterException);
-    }
 }
 
 }  // namespace

@@ -1,15 +1,15 @@
 // Conversion between UTF-8 and codesets named at run time.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "Z/ZUTF8Converter.h"
 #include "support/ExceptionNumber.h"
 #include "support/FailingAllocator.h"
 #include "support/SelfChild.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -92,8 +92,7 @@ TEST(Child, DISABLED_NoEnvironment) {
 }
 
 TEST(Converters, NeedNoEnvironmentWithADirectory) {
-    const SelfChild child = runSelf("Child.DISABLED_NoEnvironment", {{"QELDIR", nullptr}});
-    EXPECT_TRUE(child.passed()) << child.output;
+    expectChildPasses("Child.DISABLED_NoEnvironment", {{"QELDIR", nullptr}});
 }
 
 TEST(Child, DISABLED_FirstInTheProcess) {
@@ -103,26 +102,23 @@ TEST(Child, DISABLED_FirstInTheProcess) {
 }
 
 TEST(Converters, TakeTheLocaleOfTheEnvironment) {
-    const SelfChild child = runSelf("Child.DISABLED_FirstInTheProcess",
-                                    {{"LC_ALL", "ja_JP.EUC-JP"}, {"QELDIR", kDirectory}});
-    EXPECT_TRUE(child.passed()) << child.output;
+    expectChildPasses("Child.DISABLED_FirstInTheProcess",
+                      {{"LC_ALL", "ja_JP.EUC-JP"}, {"QELDIR", kDirectory}});
 }
 
 TEST(Converters, ServeSeveralThreads) {
     for (const ConversionCase& c : kConversions) {
         const ZQELUTF8Converter converter(c.codeset, kDirectory);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t)
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < 300; ++i) {
-                    EXPECT_EQ(converted(converter, kToUTF8, c.local), whole(c.utf8));
-                    EXPECT_EQ(converted(converter, kToLocal, c.utf8), whole(c.local));
-                    if (t == 0)  // fails in the middle of a shift
-                        converted(converter, kToLocal, "\xE6\x97\xA5\xFF");
-                }
-            });
-        for (std::thread& thread : threads)
-            thread.join();
+        std::atomic<int> threads(0);
+        inFourThreads([&] {
+            const bool fails = threads++ == 0;  // in the middle of a shift
+            for (int i = 0; i < 300; ++i) {
+                EXPECT_EQ(converted(converter, kToUTF8, c.local), whole(c.utf8));
+                EXPECT_EQ(converted(converter, kToLocal, c.utf8), whole(c.local));
+                if (fails)
+                    converted(converter, kToLocal, "\xE6\x97\xA5\xFF");
+            }
+        });
     }
 }
 

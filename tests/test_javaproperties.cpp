@@ -1,7 +1,6 @@
 // Java property files: the reader beside Java, the writer beside the reader.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "Z/ZKeyMap.h"
 #include "support/ExceptionNumber.h"
 #include "support/FailingAllocator.h"
+#include "support/FileState.h"
 #include "support/RecordingService.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
@@ -189,14 +189,9 @@ TEST(JavaWriter, WhatItWritesReadsBackAndHasTheOrderOfAKeyMap) {
 
 // ---------------------------------------------------------------- failures
 
-// The call that failed, with its errno, as store raises it.
 string refusal(const ZJavaProperties& properties, const string& path) {
-    try {
-        properties.store(path.c_str());
-    } catch (const ZPropertiesIOException& e) {
-        return string(e.api()) + " " + std::to_string(e.excerrno());
-    }
-    return "none";
+    const string failure = failureOf([&] { properties.store(path.c_str()); });
+    return failure.substr(0, failure.rfind(' '));
 }
 
 TEST(JavaFailures, OfALoadArePrintedAndGoNoFurther) {
@@ -221,20 +216,16 @@ TEST(JavaFailures, OfAStoreLeaveTheOldFile) {
     EXPECT_EQ(refusal(properties, folder / "no/f"), "fopen(wt) " + std::to_string(ENOENT));
     EXPECT_EQ(refusal(properties, folder / ""), "fopen(wt) " + std::to_string(EISDIR));
     {
-        // As another process would hold it: this kind of lock belongs to the descriptor.
-        const int reader = open(path.c_str(), O_RDWR);
-        struct flock whole = {};
-        whole.l_type = F_RDLCK;
-        ASSERT_EQ(fcntl(reader, F_OFD_SETLK, &whole), 0);
+        const Locked reader(path, F_RDLCK);
         EXPECT_EQ(refusal(properties, path), "fcntl() " + std::to_string(EAGAIN));
         EXPECT_EQ(properties.load(path.c_str()), 1);
-        whole.l_type = F_WRLCK;
-        ASSERT_EQ(fcntl(reader, F_OFD_SETLK, &whole), 0);
+    }
+    {
+        const Locked writer(path, F_WRLCK);
         testing::internal::CaptureStderr();
         EXPECT_EQ(properties.load(path.c_str()), 0);
         const string printed = testing::internal::GetCapturedStderr();
         EXPECT_NE(printed.find("fcntl() and return code was 11"), string::npos) << printed;
-        close(reader);
     }
     for (const char* key : {"a\nb", "a\r"}) {
         ZJavaProperties bad;
@@ -278,9 +269,7 @@ TEST(JavaCodesets, DISABLED_LocalText) {
 }
 
 TEST(JavaCodesets, LocalTextIsConverted) {
-    const SelfChild child =
-        runSelf("JavaCodesets.DISABLED_LocalText", {{"LC_ALL", "en_US.ISO-8859-1"}});
-    EXPECT_TRUE(child.passed()) << child.output;
+    expectChildPasses("JavaCodesets.DISABLED_LocalText", {{"LC_ALL", "en_US.ISO-8859-1"}});
 }
 
 }  // namespace

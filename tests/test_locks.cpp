@@ -1,8 +1,6 @@
 // Locks, guards and conditions among threads. What the system makes fail is in fault/.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <future>
 #include <limits>
 #include <memory>
 #include <thread>
@@ -10,14 +8,9 @@
 #include "Z/ZCondition.h"
 #include "Z/ZLock.h"
 #include "support/RecordingService.h"
+#include "support/Threads.h"
 
 namespace {
-
-// Runs `action` in a thread of its own and hands on its result: what another thread sees.
-template <typename Action>
-auto elsewhere(Action action) {
-    return std::async(std::launch::async, action).get();
-}
 
 std::string unlockResult(ZLock& lock) {
     return raisedBy<ZUnlockResourceException>([&] { lock.unlock(); });
@@ -31,13 +24,6 @@ void lockTimes(ZLock& lock, int times) {
 void unlockTimes(ZLock& lock, int times) {
     for (int i = 0; i < times; ++i)
         lock.unlock();
-}
-
-template <typename Action>
-void inFourThreads(Action action) {
-    std::future<void> team[4];
-    for (std::future<void>& member : team)
-        member = std::async(std::launch::async, action);
 }
 
 TEST(Lock, OnlyTheHolderUnlocksAndOnlyAsOftenAsItLocked) {
@@ -241,22 +227,15 @@ TEST(Condition, ACancelledWaiterHoldsTheLockWhileItUnwinds) {
     for (int round = 0; round < 20; ++round) {
         ZCondition condition;
         ZLock& lock = *condition.getResource();
-        int waiting = 0, depthAtEnd = 0;
-        std::thread thread([&] {
+        int depthAtEnd = 0;
+        cancelAsleep([&] {
             const ZResourceLock outer(lock);
             const ZResourceLock inner(lock);
             // Runs while the thread unwinds, when its guards still stand.
             const std::shared_ptr<void> atEnd(nullptr, [&](void*) { depthAtEnd = depthOf(lock); });
-            waiting = 1;
             for (;;)
                 condition.wait();
         });
-        for (int seen = 0; !seen; std::this_thread::yield()) {
-            const ZResourceLock guard(lock);
-            seen = waiting;
-        }
-        pthread_cancel(thread.native_handle());
-        thread.join();  // its cancellation alone ends it
         EXPECT_EQ(depthAtEnd, 2);
         lock.lock();  // is free
         lock.unlock();

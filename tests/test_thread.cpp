@@ -5,37 +5,18 @@
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <thread>
 
-#include "Z/ZThread.h"
-#include "support/Gate.h"
 #include "support/RecordingService.h"
+#include "support/Runner.h"
 
 namespace {
-
-using Reports = std::vector<std::string>;
-using Action = std::function<void()>;
-
-void nothing() {}
 
 std::string joinResult(ZThread& thread) {
     return raisedBy<ZThreadException>([&] { thread.waitForExit(); });
 }
-
-// Runs `body`, at its end `atExit`.
-class Runner : public ZThread {
-public:
-    Runner(int detached, int autoDelete, Action body, Action atExit = nothing)
-        : ZThread(detached, autoDelete), body_(body), atExit_(atExit) {}
-    void run() override { body_(); }
-    void exit() override { [atExit = atExit_] { atExit(); }(); }  // it may outlive the object
-
-private:
-    const Action body_, atExit_;
-};
 
 struct Known : ZThread {
     using ZThread::ZThread;
@@ -46,7 +27,6 @@ TEST(Thread, IsItsId) {
     const pthread_t high = std::numeric_limits<pthread_t>::max();
     const Known a(7), same(7), b(high), fresh(0, 0), other(0, 0);
     EXPECT_EQ(a.compare(same), 0);
-    EXPECT_EQ(a.hash(), 7u);
     EXPECT_EQ(a.compare(b), -1);
     EXPECT_EQ(b.compare(a), 1);
     EXPECT_EQ(fresh.compare(other), 0);  // neither is a thread yet
@@ -178,21 +158,6 @@ TEST(ThreadObjects, DieWithTheirThread) {
     pthread_key_delete(first);
     pthread_key_delete(second);
 }
-
-// Counts its work, which begins with `body`.
-class Worker : public ZSleeperThread {
-public:
-    explicit Worker(Action body = nothing) : body_(body) {}
-    explicit Worker(ZLock& lock, Action body = nothing) : ZSleeperThread(lock), body_(body) {}
-    Worker(int detached, int autoDelete, unsigned long timeout, Action body, Action atExit = nothing)
-        : ZSleeperThread(detached, autoDelete, timeout), body_(body), atExit_(atExit) {}
-    void work() override { body_(), done.open(); }
-    void exit() override { [atExit = atExit_] { atExit(); }(); }
-    Gate done;
-
-private:
-    const Action body_, atExit_ = nothing;
-};
 
 TEST(Sleeper, ServesWakeUpsBeforeRightAfterAndDuringWork) {
     Gate atWork, leave;

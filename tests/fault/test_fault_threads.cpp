@@ -6,13 +6,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <thread>
 
-#include "Z/ZThread.h"
-#include "support/Gate.h"
 #include "support/RecordingService.h"
+#include "support/Runner.h"
 
 namespace {
 
@@ -88,27 +86,6 @@ WRAP(kCondDestroy, pthread_cond_destroy, (pthread_cond_t * c), (c))
 
 namespace {
 
-using Reports = std::vector<std::string>;
-
-using Action = std::function<void()>;
-
-class Plain : public ZThread {
-public:
-    explicit Plain(int detached = 0, Action body = [] {}, Action atExit = [] {})
-        : ZThread(detached, 0), body_(body), atExit_(atExit) {}
-    void run() override { body_(), runs.open(); }
-    void exit() override { [atExit = atExit_] { atExit(); }(); }  // it may outlive the object
-    Gate runs;
-
-private:
-    const Action body_, atExit_;
-};
-
-struct Worker : ZSleeperThread {
-    void work() override { done.open(); }
-    Gate done;
-};
-
 // What `action` raises while a call fails.
 std::string raisedWhen(Call call, Action action, int good = 0) {
     failNext(call, good);
@@ -120,7 +97,7 @@ std::string raisedWhen(Call call, Action action, int good = 0) {
 
 TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
     const RecordingService service;
-    Plain thread;
+    Runner thread;
     const auto start = [&] { thread.start(); };
     const auto join = [&] { thread.waitForExit(); };
     EXPECT_EQ(raisedWhen(kAttrInit, start), "15/22");
@@ -189,7 +166,7 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
         const char* raised;
         Reports reports;
     };
-    Plain thread(1), idle(1), other(1);
+    Runner thread(1), idle(1), other(1);
     ZThread* taken = nullptr;
     int keep = 0;
     const auto start = [&](ZThreadPool& pool) { pool.start(thread); };
@@ -219,7 +196,7 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
         EXPECT_EQ(service.reports(), c.reports);
         EXPECT_EQ(pool.getAvailableIdleThread(taken), &idle) << "no thread is lost";
         EXPECT_EQ(pool.getAvailableIdleThread(taken), nullptr);
-        Plain fresh(1);
+        Runner fresh(1);
         pool.start(fresh);  // the mutex is free, and there is room
         fresh.runs.await();
         pool.waitForExit();
@@ -231,13 +208,11 @@ TEST(FailingPool, HearsOfAnEndThoughItsMutexFailedOnce) {
     for (Call call : {kMutexLock, kMutexUnlock, kCondSignal}) {
         ZThreadPool pool(1, 0);
         std::atomic<int> go{0}, ended{0};
-        Plain thread(
-            0,
-            [&] {
-                while (!go)
-                    std::this_thread::yield();
-            },
-            [&] { failNext(call), ended = 1; });
+        const auto body = [&] {
+            while (!go)
+                std::this_thread::yield();
+        };
+        Runner thread(0, 0, body, [&] { failNext(call), ended = 1; });
         pool.start(thread);
         go = 1;
         while (failingCall != kNone || ended == 0)
@@ -252,7 +227,7 @@ TEST(FailingPool, GoesOnAfterAFailedWait) {
     const RecordingService service;
     ZThreadPool pool(1, 0);
     Gate leave;
-    Plain thread(1, [&] { leave.await(); });
+    Runner thread(1, 0, [&] { leave.await(); });
     pool.start(thread);
     failNext(kCondWait, 0, 3);
     std::thread opener([&] {

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 
 static char folder[] = "/tmp/zbase-fuzz-XXXXXX";
@@ -82,16 +83,10 @@ void walk(ZPROP_handle* handle, const char* stanza, const char* key, const char*
         zstzPropIter_getValue(iterator, 0, &err);
         zstzPropIter_numKeys(iterator, &err);
         zstzPropIter_numValues(iterator, &err);
-        switch (step++ % 3) {
-            case 0:
-                zstzPropIter_chgValue(iterator, text);
-                break;
-            case 1:
-                zstzPropIter_addValue(iterator, text);
-                break;
-            default:
-                zstzPropIter_rmvValue(iterator);
-        }
+        const int change = step++ % 3;
+        change == 0   ? zstzPropIter_chgValue(iterator, text)
+        : change == 1 ? zstzPropIter_addValue(iterator, text)
+                      : zstzPropIter_rmvValue(iterator);
     }
     zstzPropIter_addValue(iterator, text);
     if (zstzPropIter_close(iterator) != ZPROP_OK)
@@ -116,40 +111,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const char* stanza = program.text();
         const char* key = program.text();
         const char* text = program.text();
-        switch (operation % 10) {
-            case 0:
-            case 1:
-                zstzPropSetStringValue(handle, stanza, key, text);
-                break;
-            case 2:
-                zstzPropSetIntegerValue(handle, stanza, key, static_cast<unsigned int>(size));
-                break;
-            case 3:
-                zstzPropRemoveKey(handle, stanza, key);
-                break;
-            case 4:
-                zstzPropRemoveStanza(handle, stanza);
-                break;
-            case 5:
+        const std::function<void()> calls[] = {
+            [&] { zstzPropSetStringValue(handle, stanza, key, text); },
+            [&] { zstzPropSetStringValue(handle, stanza, key, text); },
+            [&] { zstzPropSetIntegerValue(handle, stanza, key, static_cast<unsigned int>(size)); },
+            [&] { zstzPropRemoveKey(handle, stanza, key); },
+            [&] { zstzPropRemoveStanza(handle, stanza); },
+            [&] {
                 zstzPropAddLineComment(handle, stanza, key, text);
                 zstzPropAddStanzaComment(handle, stanza, text);
-                break;
-            case 6:
-                zstzPropAddFileComment(handle, text);
-                break;
-            case 7:
-                walk(handle, stanza, key, text);
-                break;
-            case 8:
-                zstzPropStore(handle, nullptr);
-                break;
-            default:
+            },
+            [&] { zstzPropAddFileComment(handle, text); },
+            [&] { walk(handle, stanza, key, text); },
+            [&] { zstzPropStore(handle, nullptr); },
+            [&] {
                 read(handle, stanza, key);
                 char** names = nullptr;
                 if (zstzPropGetStanzas(handle, &names) != ZPROP_OK)
                     abort();
                 zstzPropFreeStanzas(names);
-        }
+            },
+        };
+        calls[operation % 10]();
     }
     zstzPropClose(handle);
     return 0;

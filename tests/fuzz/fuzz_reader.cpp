@@ -33,19 +33,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         cache.getNames(stanza.getChars(), keys);
         for (unsigned int k = 0; k < keys.size() && k < 8; ++k) {
             const ZLCString key(*static_cast<const ZLCString*>(keys.get(k)));
-            switch ((i + k) % 4) {
-                case 0:
-                    cache.addLine(stanza.getChars(), key.getChars(), "changed", 0);
-                    break;
-                case 1:
-                    cache.delLine(stanza.getChars(), key.getChars());
-                    break;
-                case 2:
-                    cache.addLineComment(stanza.getChars(), key.getChars(), "# note");
-                    break;
-                default:
-                    cache.get(stanza.getChars(), key.getChars(), ZPCache::GET_ANY)->removeAll();
-            }
+            const unsigned int change = (i + k) % 4;
+            if (change == 0)
+                cache.addLine(stanza.getChars(), key.getChars(), "changed", 0);
+            else if (change == 1)
+                cache.delLine(stanza.getChars(), key.getChars());
+            else if (change == 2)
+                cache.addLineComment(stanza.getChars(), key.getChars(), "# note");
+            else
+                cache.get(stanza.getChars(), key.getChars(), ZPCache::GET_ANY)->removeAll();
         }
         cache.addLine(stanza.getChars(), "fresh", "value", i % 3 == 0);
         if (i % 5 == 4)
