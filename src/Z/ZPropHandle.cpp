@@ -23,6 +23,12 @@ Z_ANY_POINTER bool ZPROP_handle::isGood(const ZPROP_handle* handle) {
 ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode)
     : ZPROP_handle(mode), properties(1), update(nullptr), updater(pthread_self()), updates(false) {}
 
+bool ZPROP_stz_handle::updatesHere() const {
+    return updates && pthread_equal(updater, pthread_self()) != 0;
+}
+
+bool ZPROP_stz_handle::updatesElsewhere() const { return updates && !updatesHere(); }
+
 // Requires: no other thread has an update open.
 ZPROP_stz_handle::~ZPROP_stz_handle() { delete update; }
 

@@ -50,7 +50,9 @@ public:
     ~ZPROP_stz_handle() override;
 
     /// Whether the calling thread has an update open.
-    bool updatesHere() const { return updates && pthread_equal(updater, pthread_self()) != 0; }
+    bool updatesHere() const;
+    /// Whether another one has.
+    bool updatesElsewhere() const;
 
     ZStanzaFileProperties properties;  ///< what the calls are made on
     // Set by the thread that begins an update and holds the object's lock.

@@ -30,8 +30,7 @@ void zstzPropClose(ZPROP_handle* handle) {
     if (zliveProperties(handle) == nullptr)
         return;
     // Another thread's update holds the object, and only that thread can let it go.
-    const ZPROP_stz_handle* opened = static_cast<ZPROP_stz_handle*>(handle);
-    if (!opened->updates || opened->updatesHere())
+    if (!static_cast<ZPROP_stz_handle*>(handle)->updatesElsewhere())
         delete handle;
 }
 
