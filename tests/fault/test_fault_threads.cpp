@@ -1,11 +1,13 @@
-// Threads, sleepers and the pool when the thread services of the system fail, and what stays taken
-// then. The linker leads the calls of this program to the functions below (--wrap); its threads
+// Locks, conditions, threads, sleepers and the pool when the thread services of the system fail, and
+// what stays taken then. The linker leads the calls of this program to the functions below (--wrap); its threads
 // start with ZThread and pthread_create.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <time.h>
 
 #include <atomic>
 #include <cerrno>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -16,11 +18,17 @@ namespace {
 
 enum Call {  // those that destroy come first, those of attributes side by side
     kNone, kMutexDestroy, kCondDestroy, kAttrDestroy, kAttrInit, kAttrSet, kCreate, kJoin,
-    kKeyCreate, kSetSpecific, kMutexInit, kMutexLock, kMutexUnlock, kCondInit, kCondWait, kCondSignal,
+    kKeyCreate, kSetSpecific, kMutexInit, kMutexLock, kMutexUnlock, kCondInit, kCondWait,
+    kCondTimedWait, kCondSignal, kCondBroadcast,
 };
 
 // The call that is to fail, the number of such calls that go well before, and how often it fails.
 std::atomic<int> failingCall(kNone), goodCalls(0), badCalls(0);
+int timedWaitFailure = EINVAL;
+
+// What the last timed wait was given, and the time of day while there is a false one.
+timespec lastLimit;
+const timespec* falseTime = nullptr;
 
 // Who asked for it: the sanitizers ask for the attributes of each new thread.
 pthread_t asker;
@@ -40,7 +48,7 @@ int failureWhenArmed(Call call) {
         return 0;
     if (--badCalls == 0)
         failingCall = kNone;
-    return EINVAL;
+    return call == kCondTimedWait ? timedWaitFailure : EINVAL;
 }
 
 UNCHECKED int failureOf(Call call) {
@@ -58,9 +66,10 @@ void failNext(Call call, int good = 0, int bad = 1) {
 }  // namespace
 
 // What fails to destroy has destroyed all the same here, so that the checkers find nothing left.
-#define WRAP(call, name, parameters, arguments)                                        \
+#define WRAP(which, name, parameters, arguments)                                       \
     extern "C" int __real_##name parameters;                                           \
     extern "C" UNCHECKED int __wrap_##name parameters {                                \
+        const Call call = which;                                                       \
         const int rc = failureOf(call);                                                \
         const int real = rc == 0 || call <= kAttrDestroy ? __real_##name arguments : 0;\
         return rc != 0 ? rc : real;                                                    \
@@ -79,20 +88,144 @@ WRAP(kMutexLock, pthread_mutex_lock, (pthread_mutex_t * m), (m))
 WRAP(kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 WRAP(kCondInit, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a))
 WRAP(kCondWait, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
+WRAP((lastLimit = *limit, kCondTimedWait), pthread_cond_timedwait,
+     (pthread_cond_t * c, pthread_mutex_t* m, const timespec* limit), (c, m, limit))
 WRAP(kCondSignal, pthread_cond_signal, (pthread_cond_t * c), (c))
+WRAP(kCondBroadcast, pthread_cond_broadcast, (pthread_cond_t * c), (c))
 WRAP(kAttrDestroy, pthread_attr_destroy, (pthread_attr_t * a), (a))
 WRAP(kMutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * m), (m))
 WRAP(kCondDestroy, pthread_cond_destroy, (pthread_cond_t * c), (c))
 
+extern "C" int __real_clock_gettime(clockid_t clock, timespec* now);
+extern "C" UNCHECKED int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    if (falseTime == nullptr || clock != CLOCK_REALTIME)
+        return __real_clock_gettime(clock, now);
+    *now = *falseTime;
+    return 0;
+}
+
 namespace {
 
 // What `action` raises while a call fails.
+template <typename Exception = ZThreadException>
 std::string raisedWhen(Call call, Action action, int good = 0) {
     failNext(call, good);
-    const std::string result = raisedBy<ZThreadException>(action);
+    const std::string result = raisedBy<Exception>(action);
     EXPECT_EQ(failingCall, kNone) << "wasn't called";
     failingCall = kNone;
     return result;
+}
+
+TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
+    const RecordingService service;
+    const auto lock = [] { ZLock(); };
+    const auto condition = [] { ZCondition(); };
+    EXPECT_EQ(raisedWhen<ZCreateResourceException>(kMutexInit, lock), "3/22");
+    EXPECT_EQ(raisedWhen<ZCreateResourceException>(kMutexInit, condition), "3/22");
+    EXPECT_EQ(raisedWhen<ZConditionException>(kCondInit, condition), "7/22");
+    ZLock given;
+    const auto withGiven = [&] { ZCondition c(given); };
+    EXPECT_EQ(raisedWhen<ZConditionException>(kCondInit, withGiven), "7/22");
+    given.lock();
+    EXPECT_EQ(depthOf(given), 1) << "a caller's lock survives";
+    given.unlock();
+    EXPECT_TRUE(service.reports().empty());
+}
+
+TEST(FailingSystem, LeavesOwnerAndDepthOfALockAsTheyWere) {
+    const RecordingService service;
+    ZLock held;
+    const auto lock = [&] { held.lock(); };
+    const auto unlock = [&] { held.unlock(); };
+    EXPECT_EQ(raisedWhen<ZLockResourceException>(kMutexLock, lock), "5/22");
+    EXPECT_EQ(depthOf(held), 0);
+    lock();
+    EXPECT_EQ(raisedWhen<ZUnlockResourceException>(kMutexUnlock, unlock), "6/22");
+    EXPECT_EQ(depthOf(held), 1);
+    unlock();
+    EXPECT_TRUE(service.reports().empty());
+}
+
+TEST(FailingSystem, IsReportedByDestructors) {
+    const RecordingService service;
+    auto lock = std::make_unique<ZLock>();
+    failNext(kMutexDestroy);
+    lock.reset();
+    auto condition = std::make_unique<ZCondition>();
+    failNext(kCondDestroy);
+    condition.reset();
+    EXPECT_EQ(service.reports(), (std::vector<std::string>{"4: 22", "8: 22"}));
+}
+
+TEST(FailingSystem, IsReportedAndRaisedByConditions) {
+    static timespec far = {std::numeric_limits<time_t>::max(), 0};
+    const struct {
+        const char* number;
+        Call call;
+        void (*action)(ZBooleanCondition&, int& flag);
+    } cases[] = {
+        {"9", kCondWait, [](auto& c, auto&) { c.wait(); }},
+        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(100, flag); }},
+        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(far, flag); }},
+        {"10", kCondSignal, [](auto& c, auto&) { c.signal(); }},
+        {"27", kCondBroadcast, [](auto& c, auto&) { c.broadcast(); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        const std::string number = c.number;
+        ZBooleanCondition condition;
+        const ZResourceLock outer(*condition.getResource());
+        const ZResourceLock inner(*condition.getResource());
+        const RecordingService service;
+        int flag = 0;
+        const auto action = [&] { c.action(condition, flag); };
+        EXPECT_EQ(raisedWhen<ZConditionException>(c.call, action), number + "/22");
+        EXPECT_EQ(service.reports(), std::vector<std::string>{number + ": 22"});
+        EXPECT_EQ(depthOf(*condition.getResource()), 2);
+        EXPECT_EQ(flag, 0);
+        EXPECT_EQ(condition.testCondition(), 0);
+    }
+}
+
+TEST(FailingSystem, AReportThatFailsHidesNothing) {
+    class Raising : public RecordingService {
+    public:
+        int outputMessage(const char*, int, int, int, const ZLCString*, const ZLCString*,
+                          const ZLCString*, const ZLCString*, const ZLCString*,
+                          const ZLCString*) const override {
+            throw 1;
+        }
+    };
+    const Raising service;
+    {
+        ZCondition condition;
+        const auto signal = [&] { condition.signal(); };
+        EXPECT_EQ(raisedWhen<ZConditionException>(kCondSignal, signal), "10/22");
+        failNext(kCondDestroy);
+    }
+    EXPECT_EQ(failingCall, kNone);
+}
+
+TEST(Condition, CountsSecondsFromTheStartOfThePresentOne) {
+    static const timespec now = {1000000, 999999999};
+    const std::pair<long, time_t> cases[] = {
+        {5, 1000005}, {0, 1000000}, {-1, 999999},
+        {std::numeric_limits<long>::max(), std::numeric_limits<time_t>::max()}};
+    for (const auto& [seconds, limit] : cases) {
+        SCOPED_TRACE(seconds);
+        ZCondition condition;
+        const ZResourceLock guard(*condition.getResource());
+        int flag = 0;
+        falseTime = &now;
+        failNext(kCondTimedWait);
+        timedWaitFailure = ETIMEDOUT;
+        condition.wait(seconds, flag);
+        falseTime = nullptr;
+        timedWaitFailure = EINVAL;
+        EXPECT_EQ(flag, 1);
+        EXPECT_EQ(lastLimit.tv_sec, limit);
+        EXPECT_EQ(lastLimit.tv_nsec, 0);
+    }
 }
 
 TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
