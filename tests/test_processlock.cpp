@@ -133,6 +133,20 @@ TEST(StubProcessLock, SequenceSkipsTheInvalidNumber) {
     EXPECT_EQ(lock.incSequence(), 0ul);
 }
 
+TEST(StubProcessLock, ObserversAreToldWithOthersShutOut) {
+    ZStubProcessReadWriteLock lock("name");
+    Observer observer;
+    observer.inside = [](ZAbstractProcessReadWriteLock& lock) {
+        EXPECT_EQ(elsewhere([&] { return numberOf([&] { lock.unlock(); }); }), 6);
+    };
+    lock.addObserver(&observer);
+    lock.readLock();
+    lock.setLastSequence(7);
+    lock.notifyLockObservers();
+    EXPECT_EQ(observer.told, (Observer::Told{{0, 7}}));
+    lock.unlock();
+}
+
 TEST(StubProcessLock, CopiesAreFreeAndAssignmentTakesNameAndNumber) {
     ZStubProcessReadWriteLock lock("one"), other("two");
     lock.writeLock();
@@ -181,9 +195,6 @@ TEST(FileLockGrant, TellsObserversInAWriteLockThatDoesNotCountUnlessOneRaises) {
         EXPECT_EQ(lock.getLockState(), asked == read ? read : write);
         lock.unlock(0);
         lock.writeSequenceNumber(8);
-        observer.inside = [](ZAbstractProcessReadWriteLock& lock) {
-            EXPECT_EQ(elsewhere([&] { return numberOf([&] { lock.unlock(); }); }), 6) << "shut out";
-        };
         lock.lock(asked);
         EXPECT_EQ(observer.told, (Observer::Told{{8, 7}}));
         EXPECT_EQ(lock.ownWriteLock(), 1);
