@@ -33,7 +33,8 @@ class Worker : public ZSleeperThread {
 public:
     explicit Worker(Action body = nothing) : body(body) {}
     explicit Worker(ZLock& lock, Action body = nothing) : ZSleeperThread(lock), body(body) {}
-    Worker(int detached, int autoDelete, unsigned long timeout, Action body, Action atExit = nothing)
+    Worker(int detached, int autoDelete, unsigned long timeout, Action body,
+           Action atExit = nothing)
         : ZSleeperThread(detached, autoDelete, timeout), body(body), atExit_(atExit) {}
     void work() override { body(), done.open(); }
     void exit() override { [atExit = atExit_] { atExit(); }(); }

@@ -56,8 +56,9 @@ inline SelfChild runSelf(const std::string& test,
 }
 
 /// Runs it and expects that it passes.
-inline void expectChildPasses(const std::string& test,
-                              const std::vector<std::pair<std::string, const char*>>& environment = {}) {
+inline void expectChildPasses(
+    const std::string& test,
+    const std::vector<std::pair<std::string, const char*>>& environment = {}) {
     const SelfChild child = runSelf(test, environment);
     EXPECT_TRUE(child.passed()) << test << "\n" << child.output;
 }
