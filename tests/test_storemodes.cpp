@@ -21,6 +21,7 @@
 #include "Z/zkeeplines.h"
 #include "Z/zproperties.h"
 #include "Z/zwholefile.h"
+#include "support/Raised.h"
 #include "support/TempFolder.h"
 
 using std::string;
@@ -31,21 +32,6 @@ namespace {
 const int kLocale = setenv("LC_ALL", "C", 1);
 
 const unsigned long kKeep = ZPCACHE_KEEP_LINES;
-
-// "" or what was raised: "22", "fcntl() 11", "line 3".
-template <typename Action>
-string raised(Action action) {
-    try {
-        action();
-    } catch (ZPropertiesIOException& e) {
-        return string(e.api()) + " " + std::to_string(e.excerrno());
-    } catch (ZPropertiesInvalidDataException& e) {
-        return "line " + std::to_string(e.badline());
-    } catch (ZInvalidParameterException&) {
-        return "22";
-    }
-    return "";
-}
 
 struct Config : ZStanzaFileProperties {
     explicit Config(unsigned long attributes = 0, int mode = ZPROP_STORE_PLAIN)

@@ -23,26 +23,12 @@
 #include "Z/ZStanzaFileProperties.h"
 #include "Z/zproperties.h"
 #include "Z/zwholefile.h"
+#include "support/Raised.h"
 #include "support/TempFolder.h"
 
 using std::string;
 
 namespace {
-
-// "" or what was raised: "22", "fcntl() 11", "line 3".
-template <typename Action>
-string raised(Action action) {
-    try {
-        action();
-    } catch (ZPropertiesIOException& e) {
-        return string(e.api()) + " " + std::to_string(e.excerrno());
-    } catch (ZPropertiesInvalidDataException& e) {
-        return "line " + std::to_string(e.badline());
-    } catch (ZInvalidParameterException&) {
-        return "22";
-    }
-    return "";
-}
 
 struct Config : ZStanzaFileProperties {
     explicit Config(const string& path, int mode = ZPROP_STORE_PLAIN) : ZStanzaFileProperties(1) {

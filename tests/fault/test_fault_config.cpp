@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -20,6 +19,7 @@
 #include "support/FailingAllocator.h"
 #include "support/FileState.h"
 #include "support/TempFolder.h"
+#include "support/Wrapped.h"
 
 using std::string;
 
@@ -53,25 +53,6 @@ public:
 
 }  // namespace
 
-#if __SIZEOF_POINTER__ == 4  // the units that touch files are built for big files and late dates
-#define FOPEN fopen64
-#define FCNTL __fcntl_time64
-#define OPEN open64
-#define MMAP mmap64
-#define STAT __stat64_time64
-#define FTRUNCATE ftruncate64
-#else
-#define FOPEN fopen
-#define FCNTL fcntl
-#define OPEN open
-#define MMAP mmap
-#define STAT stat
-#define FTRUNCATE ftruncate
-#endif
-
-#define PASTE(a, b) a##b
-#define WRAPPED(name) PASTE(__wrap_, name)
-#define REAL(name) PASTE(__real_, name)
 #define WRAP(call, Result, failed, name, parameters, arguments) \
     extern "C" Result REAL(name) parameters;                    \
     extern "C" Result WRAPPED(name) parameters {                \
@@ -100,26 +81,9 @@ extern "C" int WRAPPED(fclose)(FILE* f) {
     return failsNow("fclose") ? EOF : real;
 }
 
-extern "C" int REAL(OPEN)(const char*, int, ...);
-extern "C" int WRAPPED(OPEN)(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const int mode = va_arg(arguments, int);
-    va_end(arguments);
-    return failsNow("open") ? -1 : REAL(OPEN)(path, flags, mode);
-}
-
-extern "C" int REAL(FCNTL)(int, int, ...);
-extern "C" int WRAPPED(FCNTL)(int descriptor, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    // Units for big files say F_SETLK64 where that differs.
-    if ((command == F_SETLK || command == F_SETLK64) && failsNow("fcntl"))
-        return -1;
-    return REAL(FCNTL)(descriptor, command, argument);
-}
+WRAP_OPEN
+// Units for big files say F_SETLK64 where that differs.
+WRAP_FCNTL(command == F_SETLK || command == F_SETLK64)
 
 namespace {
 

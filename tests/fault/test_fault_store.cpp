@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <string>
 
@@ -16,7 +15,9 @@
 #include "Z/ZPropertiesWatcher.h"
 #include "Z/ZStanzaFileProperties.h"
 #include "support/FailingAllocator.h"
+#include "support/FileState.h"
 #include "support/TempFolder.h"
+#include "support/Wrapped.h"
 
 using std::string;
 
@@ -85,31 +86,6 @@ public:
 
 }  // namespace
 
-#if __SIZEOF_POINTER__ == 4  // the units that touch files are built for big files and late dates
-#define FCNTL __fcntl_time64
-#define FSTAT __fstat64_time64
-#define STAT __stat64_time64
-#define OPEN open64
-#define PREAD pread64
-#define PWRITE pwrite64
-#define FTRUNCATE ftruncate64
-#define TRUNCATE truncate64
-#define FALLOCATE fallocate64
-#else
-#define FCNTL fcntl
-#define FSTAT fstat
-#define STAT stat
-#define OPEN open
-#define PREAD pread
-#define PWRITE pwrite
-#define FTRUNCATE ftruncate
-#define TRUNCATE truncate
-#define FALLOCATE fallocate
-#endif
-
-#define PASTE(a, b) a##b
-#define WRAPPED(name) PASTE(__wrap_, name)
-#define REAL(name) PASTE(__real_, name)
 #define WRAP_AND(also, name, parameters, arguments)         \
     extern "C" int REAL(name) parameters;                   \
     extern "C" int WRAPPED(name) parameters {               \
@@ -138,25 +114,8 @@ extern "C" int WRAPPED(close)(int file) {
     return failsNow("close") ? -1 : real;
 }
 
-extern "C" int REAL(OPEN)(const char*, int, ...);
-extern "C" int WRAPPED(OPEN)(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const int mode = va_arg(arguments, int);
-    va_end(arguments);
-    return failsNow("open") ? -1 : REAL(OPEN)(path, flags, mode);
-}
-
-extern "C" int REAL(FCNTL)(int, int, ...);
-extern "C" int WRAPPED(FCNTL)(int file, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (command == F_OFD_SETLK && failsNow("fcntl"))
-        return -1;
-    return REAL(FCNTL)(file, command, argument);
-}
+WRAP_OPEN
+WRAP_FCNTL(command == F_OFD_SETLK)
 
 extern "C" ssize_t REAL(PREAD)(int, void*, size_t, int64_t);
 extern "C" ssize_t WRAPPED(PREAD)(int file, void* to, size_t size, int64_t at) {
@@ -188,15 +147,6 @@ extern "C" ssize_t WRAPPED(PWRITE)(int file, const void* from, size_t size, int6
 namespace {
 
 // ---------------------------------------------------------------- what a store has left
-
-int openDescriptors() {
-    int count = 0;
-    DIR* folder = opendir("/proc/self/fd");
-    while (readdir(folder) != nullptr)
-        ++count;
-    closedir(folder);
-    return count;
-}
 
 // A file with or without a side database, an object that has other values for both, and what each of
 // the two contents is.
