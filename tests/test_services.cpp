@@ -25,6 +25,7 @@
 #include "Z/zutfconvert.h"
 #include "Z/zutils.h"
 #include "support/ExceptionNumber.h"
+#include "support/Gate.h"
 #include "support/RecordingService.h"
 #include "support/TempFolder.h"
 
@@ -99,8 +100,10 @@ TEST(Dump, ThoseOfSeveralThreadsStandOneAfterTheOther) {
     const string bytes[] = {string(40, 'a'), string(70, 'b')};
     const string text = written([&](FILE* f) {
         std::vector<std::thread> threads;
+        Gate begun;
         for (const string& each : bytes)
-            threads.emplace_back([f, &each] {
+            threads.emplace_back([f, &each, &begun] {
+                begun.open(), begun.reach(2);  // side by side
                 for (int times = 0; times < 500; ++times)
                     dump(f, each, "title");
             });
