@@ -43,9 +43,7 @@ void checkFileAccess(const char* file) {
         return;
     }
     ZLCString directory;
-    // On whole characters: the last byte of a multi-byte character may look like a slash.
-    const char* slash = zstrrchr(zgetLCSHandle(), file, '/');
-    if (slash == nullptr) {
+    if (znameOf(file) == file) {
         static const size_t kRoom = 1024;
         std::unique_ptr<char, decltype(&free)> room(static_cast<char*>(malloc(kRoom)), &free);
         if (room == nullptr)
@@ -53,10 +51,8 @@ void checkFileAccess(const char* file) {
         if (getcwd(room.get(), kRoom) == nullptr)
             Z_RAISE_IO(".", "access()", errno);
         directory = room.get();
-    } else if (slash == file) {
-        directory = "/";
     } else {
-        directory = ZLCString(file, static_cast<unsigned int>(slash - file));
+        directory = zfolderOf(file);
     }
     if (access(directory.getChars(), R_OK | W_OK) != 0) {
         const int error = errno;
@@ -384,13 +380,6 @@ void ZProperties::store(const char* file) {
 
 // ---------------------------------------------------------------- store with options
 
-// The real file behind a link, so that a rename leaves the link alone.
-static void followLink(ZLCString& path) {
-    std::unique_ptr<char, decltype(&free)> real(realpath(path.getChars(), nullptr), &free);
-    if (real != nullptr)
-        path = real.get();
-}
-
 void ZProperties::storeCarefully(const ZLCString& path) {
     ZLockedFile file(path.getChars(), optionsNow().lockOwner(), optionsNow().wait(), true);
     storeTo(file.descriptor(), path);
@@ -417,8 +406,9 @@ void ZProperties::storeTo(int descriptor, const ZLCString& path) {
             work.sideAction = zsideRemoved;
         cache_->delLine(kSideStanza, kSideKey);
     }
+    // A rename leaves a link alone then.
     if (work.sideAction != zsideUntouched)
-        followLink(work.sideName);
+        zfollowLinks(work.sideName);
 
     ZJournal journal(path.getChars());
     if (journal.find(descriptor))

@@ -12,33 +12,20 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "zcheck.h"
 #include "zpropdiff.h"
 #include "zinternal.h"
+#include "zjournal.h"
 #include "zlockedfile.h"
 #include "zpropoptions.h"
-#include "zqelutil.h"
 
 static const uint32_t kFileEvents =
     IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
 static const uint32_t kFolderEvents =
     IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE | IN_ONLYDIR;
-
-// The folder and the last part of a path.
-static void split(const ZLCString& path, ZLCString& folder, ZLCString& name) {
-    const char* chars = path.getChars();
-    // On whole characters: the last byte of a longer one may look like a slash.
-    const char* slash = zstrrchr(zgetLCSHandle(), chars, '/');
-    name = slash == nullptr ? chars : slash + 1;
-    if (slash == nullptr)
-        folder = ".";
-    else
-        folder = ZLCString(chars, static_cast<unsigned int>(slash - chars + (slash == chars)));
-}
 
 ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
     : properties_(properties),
@@ -67,15 +54,14 @@ ZPropertiesWatcher::~ZPropertiesWatcher() noexcept { close(descriptor_); }
 
 // Watching what is watched already changes nothing.
 void ZPropertiesWatcher::watch() {
-    ZLCString folder;
-    split(path_, folder, name_);
+    const ZLCString folder(zfolderOf(path_.getChars()));
     if (inotify_add_watch(descriptor_, folder.getChars(), kFolderEvents) < 0)
         Z_RAISE_IO(folder.getChars(), "inotify_add_watch()", errno);
-    target_ = name_;
-    std::unique_ptr<char, decltype(&free)> real(realpath(path_.getChars(), nullptr), &free);
-    if (real != nullptr) {
-        split(real.get(), folder, target_);
-        inotify_add_watch(descriptor_, folder.getChars(), kFolderEvents);
+    name_ = target_ = znameOf(path_.getChars());
+    ZLCString real(path_);
+    if (zfollowLinks(real)) {
+        target_ = znameOf(real.getChars());
+        inotify_add_watch(descriptor_, zfolderOf(real.getChars()).getChars(), kFolderEvents);
     }
     fileWatch_ = inotify_add_watch(descriptor_, path_.getChars(), kFileEvents);
 }
@@ -86,7 +72,7 @@ bool ZPropertiesWatcher::concerns(const char* name) const {
     for (const ZLCString* own : {&name_, &target_}) {
         const unsigned int length = own->getLength();
         if (strncmp(name, own->getChars(), length) == 0 &&
-            (name[length] == '\0' || strcmp(name + length, ".zjournal") == 0))
+            (name[length] == '\0' || strcmp(name + length, kJournalSuffix) == 0))
             return true;
     }
     return false;
@@ -142,8 +128,7 @@ int ZPropertiesWatcher::process() {
             close(descriptor);
             Z_RAISE_IO(path_.getChars(), "fopen(r)", error);
         }
-        const int error =
-            zlockWholeFile(descriptor, F_RDLCK, properties_.options().lockOwner(), 0);
+        const int error = zlockWholeFile(descriptor, F_RDLCK, properties_.options().lockOwner(), 0);
         if (error == EAGAIN || error == EACCES)
             return 0;
         if (error != 0)
@@ -170,10 +155,9 @@ int ZPropertiesWatcher::process() {
         static const ZPropertyChanged::PropertyChangeType kTypes[] = {
             ZPropertyChanged::PropertyAdded, ZPropertyChanged::PropertyDeleted,
             ZPropertyChanged::PropertyModified};
-        tell(ZPropertyChanged(
-            difference.stanza.getChars(),
-            difference.key.getLength() == 0 ? nullptr : difference.key.getChars(),
-            ZPropertyChanged::StanzaProperty, kTypes[difference.type]));
+        tell(ZPropertyChanged(difference.stanza.getChars(),
+                              difference.key.getLength() == 0 ? nullptr : difference.key.getChars(),
+                              ZPropertyChanged::StanzaProperty, kTypes[difference.type]));
     }
     return static_cast<int>(differences.size());
 }

@@ -9,7 +9,7 @@
 //   else             entry "key = value": the first "=" divides; blanks around it are cut; no
 //                    quoting, no escapes, no continuation
 //
-// A line is read in pieces of at most kPiece bytes, its newline counted; a longer one counts as
+// A line is read in pieces of at most kLongestLine bytes, its newline counted; a longer one counts as
 // several, and a NUL hides the rest of its piece. A stanza appears once. A key may appear often:
 // each entry adds a value, an empty one adds none. Written, every entry is "key = value".
 //
@@ -32,10 +32,9 @@
 #include "ZSqueeze.h"
 #include "zpstore.h"
 #include "zsidenames.h"
+#include "zstrict.h"
 
 typedef ZPStore::Id Id;
-
-static const size_t kPiece = 8191;
 
 ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
 
@@ -92,7 +91,7 @@ public:
         int line = 0;
         for (size_t at = start; at < end;) {
             const char* piece = store_.text(static_cast<uint32_t>(at));
-            const size_t room = end - at < kPiece ? end - at : kPiece;
+            const size_t room = end - at < kLongestLine ? end - at : kLongestLine;
             const char* newline = static_cast<const char*>(memchr(piece, '\n', room));
             const size_t length = newline == nullptr ? room : newline - piece + 1;
             const char* stop = piece + length;

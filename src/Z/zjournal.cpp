@@ -8,11 +8,8 @@
 #include <zlib.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
-#include <memory>
 
-#include "zqelutil.h"
 #include "zwholefile.h"
 
 static const char kMagic[8] = {'Z', 'B', 'A', 'S', 'E', 'J', '1', '\n'};
@@ -33,21 +30,6 @@ struct Header {
     uint32_t adler;
 };
 static_assert(sizeof(Header) == 64, "the layout is the same on both word sizes");
-
-// Closes a descriptor at the end of a scope.
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0)
-            close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-private:
-    int number_;
-};
 
 // Both sums of the header, taken as if they were 0, and of what follows it. zlib counts in ints.
 struct Sums {
@@ -115,23 +97,10 @@ ZJournal::ZJournal(const char* path)
       oldLength_(0),
       oldFrom_(0) {
     char link;
-    if (readlink(path, &link, 1) >= 0) {
-        std::unique_ptr<char, decltype(&free)> real(realpath(path, nullptr), &free);
-        if (real != nullptr)
-            target_ = real.get();
-    }
+    if (readlink(path, &link, 1) >= 0)  // seldom, and cheaper to ask than to follow
+        zfollowLinks(target_);
     name_ = target_;
-    name_.append(".zjournal");
-}
-
-static ZLCString folderOf(const ZLCString& path) {
-    // On whole characters: the last byte of a longer one may look like a slash.
-    const char* slash = zstrrchr(zgetLCSHandle(), path.getChars(), '/');
-    if (slash == nullptr)
-        return ZLCString(".");
-    const ptrdiff_t length = slash - path.getChars();
-    return length == 0 ? ZLCString("/")
-                       : ZLCString(path.getChars(), static_cast<unsigned int>(length));
+    name_.append(kJournalSuffix);
 }
 
 // ---------------------------------------------------------------- reading
@@ -145,11 +114,12 @@ bool ZJournal::find(int descriptor) {
         const int error = errno;
         // Its writer has just finished, or it is a link and none of ours, or was just begun: it gets
         // the file's access ahead of its content.
-        if (error == ENOENT || error == ELOOP || (stat(name(), &status) == 0 && status.st_size == 0))
+        if (error == ENOENT || error == ELOOP ||
+            (stat(name(), &status) == 0 && status.st_size == 0))
             return false;
         Z_RAISE_IO(name(), "fopen(r)", error);
     }
-    Descriptor guard(journal);
+    ZOpenFile guard(journal);
     if (fstat(journal, &status) != 0)
         Z_RAISE_IO(name(), "stat()", errno);
     if (!S_ISREG(status.st_mode) || status.st_size < static_cast<off_t>(sizeof(Header)) ||
@@ -166,7 +136,7 @@ bool ZJournal::find(int descriptor) {
 // somebody who can write the file anyway.
 bool ZJournal::mayComeFrom(uid_t writer, int descriptor) const {
     struct stat folder, file;
-    if (stat(folderOf(target_).getChars(), &folder) != 0 || fstat(descriptor, &file) != 0)
+    if (stat(zfolderOf(target()).getChars(), &folder) != 0 || fstat(descriptor, &file) != 0)
         Z_RAISE_IO(target(), "stat()", errno);
     return (folder.st_mode & S_ISVTX) == 0 || writer == 0 || writer == geteuid() ||
            writer == file.st_uid || writer == folder.st_uid;
@@ -190,8 +160,8 @@ bool ZJournal::parse() {
         sum += length;
     }
     // Old bytes that aren't kept are the new text's, so those must exist.
-    const bool keptToEnd = header.oldFrom <= header.oldLength &&
-                           header.oldCount == header.oldLength - header.oldFrom;
+    const bool keptToEnd =
+        header.oldFrom <= header.oldLength && header.oldCount == header.oldLength - header.oldFrom;
     const bool keptInside = header.oldLength == header.textLength &&
                             header.oldFrom <= header.oldLength &&
                             header.oldCount <= header.oldLength - header.oldFrom;
@@ -263,10 +233,11 @@ static size_t lastDifference(ZSpan a, ZSpan b, size_t from) {
 
 // Syncs the folder in which `path` stands. 0 or errno.
 static int syncFolder(const ZLCString& path) {
-    const int descriptor = open(folderOf(path).getChars(), O_RDONLY | O_CLOEXEC | O_DIRECTORY);
+    const int descriptor =
+        open(zfolderOf(path.getChars()).getChars(), O_RDONLY | O_CLOEXEC | O_DIRECTORY);
     if (descriptor < 0)
         return errno;
-    Descriptor guard(descriptor);
+    ZOpenFile guard(descriptor);
     return fsync(descriptor) == 0 ? 0 : errno;
 }
 
@@ -275,10 +246,8 @@ void ZJournal::write(int descriptor, ZSpan text, ZSpan oldText, ZSideAction acti
     const size_t from = zfirstDifference(text, oldText);
     const size_t to =
         text.size == oldText.size ? lastDifference(text, oldText, from) : oldText.size;
-    const ZSpan parts[] = {text,
-                           {oldText.data + from, to - from},
-                           {sideName.getChars(), sideName.getLength()},
-                           side};
+    const ZSpan parts[] = {
+        text, {oldText.data + from, to - from}, {sideName.getChars(), sideName.getLength()}, side};
     Header header = {};
     memcpy(header.magic, kMagic, sizeof kMagic);
     header.textLength = text.size;
@@ -300,7 +269,7 @@ void ZJournal::write(int descriptor, ZSpan text, ZSpan oldText, ZSideAction acti
     const int journal = open(name(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (journal < 0)
         Z_RAISE_IO(name(), "fopen(w)", errno);
-    Descriptor guard(journal);
+    ZOpenFile guard(journal);
     zcopyAccess(journal, descriptor);
     const char* call = "write()";
     int error = zwriteAt(journal, reinterpret_cast<const char*>(&header), sizeof header, 0);

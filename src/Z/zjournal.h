@@ -37,6 +37,9 @@
 #include "ZLCString.h"
 #include "zpblock.h"
 
+/// What a journal's name has behind the file's.
+static const char kJournalSuffix[] = ".zjournal";
+
 /// What a store makes of the side database.
 enum ZSideAction { zsideUntouched = 0, zsideReplaced = 1, zsideRemoved = 2 };
 

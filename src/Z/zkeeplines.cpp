@@ -19,22 +19,21 @@
 #include <cstring>
 
 #include "zpstore.h"
+#include "zstrict.h"
 
 namespace {
 
 typedef uint32_t Id;
 const Id kNone = 0xFFFFFFFFu;
-const size_t kPiece = 8191;  // as the reader cuts longer lines
-
 enum Kind : uint8_t { kBlank, kComment, kHeader, kEntry };
 
 struct Line {
     ZSpan raw;
-    ZSpan name;   // comment, stanza's name or key
-    ZSpan value;  // of an entry
-    Id stanza;    // its header's line; kNone ahead of the first
-    Id nextSame;  // the next line that says the same in the same stanza
-    Id nextOfKey; // of an entry: the next line of its key
+    ZSpan name;    // comment, stanza's name or key
+    ZSpan value;   // of an entry
+    Id stanza;     // its header's line; kNone ahead of the first
+    Id nextSame;   // the next line that says the same in the same stanza
+    Id nextOfKey;  // of an entry: the next line of its key
     Kind kind;
     bool used;
     bool putOff;
@@ -71,7 +70,8 @@ void classify(Line& line) {
         if (close == nullptr)
             return;
         line.kind = kHeader;
-        line.name = {text.data + 1, static_cast<size_t>(static_cast<const char*>(close) - text.data - 1)};
+        line.name = {text.data + 1,
+                     static_cast<size_t>(static_cast<const char*>(close) - text.data - 1)};
         return;
     }
     const void* equals = memchr(text.data, '=', text.size);
@@ -95,8 +95,7 @@ public:
             return false;
         const size_t room = static_cast<size_t>(end_ - at_) < most_ ? end_ - at_ : most_;
         const void* newline = memchr(at_, '\n', room);
-        const size_t size =
-            newline == nullptr ? room : static_cast<const char*>(newline) - at_ + 1;
+        const size_t size = newline == nullptr ? room : static_cast<const char*>(newline) - at_ + 1;
         line = Line();
         line.raw = {at_, size};
         classify(line);
@@ -169,7 +168,7 @@ private:
     }
 
     void readOriginal(ZSpan original) {
-        readLines(original, kPiece, lines_);
+        readLines(original, kLongestLine, lines_);
         index_.reserve(lines_.size());
         keys_.reserve(lines_.size());
         size_t ended = 0, returned = 0;
@@ -202,7 +201,8 @@ private:
 
     // A header is the same whatever stands ahead of it.
     static uint64_t wideHashOfName(const Line& line, Id stanza) {
-        return mix((line.kind == kHeader ? 0 : stanza) * 0x9E3779B97F4A7C15u + line.kind, line.name);
+        return mix((line.kind == kHeader ? 0 : stanza) * 0x9E3779B97F4A7C15u + line.kind,
+                   line.name);
     }
     static uint32_t hashOfName(const Line& line, Id stanza) {
         return fold(wideHashOfName(line, stanza));
@@ -417,7 +417,7 @@ private:
         const bool ended = line.raw.data[size - 1] == '\n';
         append(line.raw.data, ended ? size - 1 : size);
         // A carriage return must not be the byte that makes the line too long to be read whole.
-        if (ended && size >= kPiece)
+        if (ended && size >= kLongestLine)
             append("\n", 1);
         else if (ended)
             endLine();

@@ -39,25 +39,6 @@ const Failure kNone = {"", 0};
 
 Failure failed(const char* call) { return {call, errno}; }
 
-class OpenFile {
-public:
-    explicit OpenFile(int descriptor) : descriptor_(descriptor) {}
-    ~OpenFile() { close(); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    int get() const { return descriptor_; }
-    /// 0 or errno; again: 0.
-    int close() {
-        const int descriptor = descriptor_;
-        descriptor_ = -1;
-        return descriptor < 0 || ::close(descriptor) == 0 ? 0 : errno;
-    }
-
-private:
-    int descriptor_;
-};
-
 }  // namespace
 
 // Makes sure of the disk's blocks for a text that grows. Its length stays, so that nobody sees it.
@@ -127,7 +108,7 @@ void zstoreInPlace(const ZStoreWork& work, bool checked) {
     const bool hasSide = work.sideAction == zsideReplaced;
     NewFile made(sideName);
     // A new side database is its owner's alone until it has the text's access.
-    OpenFile side(hasSide ? made.open() : -1);
+    ZOpenFile side(hasSide ? made.open() : -1);
     uint64_t oldSide = 0;
     if (hasSide) {
         struct stat status;
@@ -167,8 +148,8 @@ public:
     Failure write(ZSpan bytes, int model) {
         if (unlink(temporary_.getChars()) != 0 && errno != ENOENT)
             return failed("unlink()");
-        OpenFile file(open(temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                           S_IRUSR | S_IWUSR));
+        ZOpenFile file(open(temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                            S_IRUSR | S_IWUSR));
         if (file.get() < 0)
             return failed("fopen(w)");
         written_ = true;
@@ -203,7 +184,7 @@ struct OldSide {
     ZBytes bytes;
 
     Failure read(const ZLCString& name) {
-        OpenFile file(open(name.getChars(), O_RDONLY | O_CLOEXEC));
+        ZOpenFile file(open(name.getChars(), O_RDONLY | O_CLOEXEC));
         if (file.get() < 0)
             return errno == ENOENT ? kNone : failed("fopen(r)");
         exists = true;
@@ -229,7 +210,7 @@ static Failure syncAll(int descriptor, ZSideAction action, const ZLCString& side
         stat(sideName.getChars(), &side) != 0 || text.st_dev == side.st_dev)
         return kNone;
     // On another file system.
-    OpenFile file(open(sideName.getChars(), O_RDONLY | O_CLOEXEC));
+    ZOpenFile file(open(sideName.getChars(), O_RDONLY | O_CLOEXEC));
     return file.get() >= 0 && syncfs(file.get()) == 0 ? kNone : failed("syncfs()");
 }
 
@@ -248,8 +229,7 @@ static Failure putInPlace(const ZStoreWork& work, size_t from, SideReplacement& 
 
 // The old content again, from wherever steps 3 and 4 got to. A side database that is the old one still
 // is left alone, since a full disk has no room for another.
-static Failure undo(const ZStoreWork& work, size_t from, const OldSide& oldSide,
-                    bool sideChanged) {
+static Failure undo(const ZStoreWork& work, size_t from, const OldSide& oldSide, bool sideChanged) {
     const uint64_t longest =
         work.text.size > work.oldText.size ? work.text.size : work.oldText.size;
     Failure failure = overwrite(work.descriptor, work.oldText, from, longest);
@@ -257,8 +237,8 @@ static Failure undo(const ZStoreWork& work, size_t from, const OldSide& oldSide,
         SideReplacement side(work.sideName);
         if (!oldSide.exists)
             failure = removeSide(work.sideName.getChars());
-        else if (!(failure = side.write({oldSide.bytes.data(), oldSide.bytes.size()},
-                                        work.descriptor)))
+        else if (!(failure =
+                       side.write({oldSide.bytes.data(), oldSide.bytes.size()}, work.descriptor)))
             failure = side.takePlace();
     }
     return failure ? failure : syncAll(work.descriptor, work.sideAction, work.sideName);
@@ -277,8 +257,8 @@ void zstoreSafely(const ZStoreWork& given, ZJournal& journal) {
     if (work.sideAction != zsideUntouched) {
         if (const Failure failure = oldSide.read(work.sideName))
             Z_RAISE_IO(work.sideName.getChars(), failure.call, failure.error);
-        const bool same = work.sideAction == zsideRemoved ? !oldSide.exists
-                                                          : oldSide.equals(work.side);
+        const bool same =
+            work.sideAction == zsideRemoved ? !oldSide.exists : oldSide.equals(work.side);
         if (same)
             work.sideAction = zsideUntouched;
     }
@@ -315,9 +295,9 @@ void zfinishJournal(int descriptor, ZJournal& journal) {
     const int error = zreadWholeFile(descriptor, file);
     if (error != 0)
         Z_RAISE_IO(journal.target(), "read()", error);
-    ZStoreWork work = {descriptor,          journal.target(),   journal.text(),
-                       {file.data(), file.size()}, file.size(), journal.sideAction(),
-                       journal.sideName(),  journal.side()};
+    ZStoreWork work = {
+        descriptor,  journal.target(),     journal.text(),     {file.data(), file.size()},
+        file.size(), journal.sideAction(), journal.sideName(), journal.side()};
     SideReplacement side(work.sideName);
     Failure failure = kNone;
     bool sideChanged;

@@ -5,8 +5,6 @@
 
 #include "zcheck.h"
 
-static const size_t kLongestLine = 8191;
-
 static bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
 static bool hasLineEnd(const char* text) { return strpbrk(text, "\n\r") != nullptr; }

@@ -1,9 +1,13 @@
 // zstrict.h: what a stanza file gives back as it was put in. Never installed.
 //
-// Each raises ZInvalidParameterException for what it wouldn't. A line is at most 8191 bytes, its
-// newline counted.
+// Each raises ZInvalidParameterException for what it wouldn't.
 #ifndef Z_ZSTRICT_H
 #define Z_ZSTRICT_H
+
+#include <cstddef>
+
+/// Bytes of a line, its newline counted; a longer one is read as several.
+static const size_t kLongestLine = 8191;
 
 /// Not empty, no line end, no "]".
 void zrequireStanza(const char* name);

@@ -7,6 +7,42 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include "zqelutil.h"
+
+// ---------------------------------------------------------------- descriptors and names
+
+int ZOpenFile::close() {
+    const int descriptor = descriptor_;
+    descriptor_ = -1;
+    return descriptor < 0 || ::close(descriptor) == 0 ? 0 : errno;
+}
+
+const char* znameOf(const char* path) {
+    const char* slash = zstrrchr(zgetLCSHandle(), path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
+ZLCString zfolderOf(const char* path) {
+    const char* name = znameOf(path);
+    if (name == path)
+        return ZLCString(".");
+    // The root keeps its slash.
+    const ptrdiff_t length = name - path - 1;
+    return ZLCString(path, static_cast<unsigned int>(length == 0 ? 1 : length));
+}
+
+bool zfollowLinks(ZLCString& path) {
+    const std::unique_ptr<char, decltype(&free)> real(realpath(path.getChars(), nullptr), &free);
+    if (real == nullptr)
+        return false;
+    path = real.get();
+    return true;
+}
+
+// ---------------------------------------------------------------- time
 
 static const int64_t kSecond = 1000000000;
 

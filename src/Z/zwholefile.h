@@ -15,6 +15,30 @@
 #define Z_RAISE_IO(path, call, error) \
     ZPropertiesIOException(path, call, error).throwException(__FILE__, __LINE__)
 
+/// Owns a descriptor for a scope; a negative one is none.
+class ZOpenFile {
+public:
+    explicit ZOpenFile(int descriptor) : descriptor_(descriptor) {}
+    ~ZOpenFile() { close(); }
+    ZOpenFile(const ZOpenFile&) = delete;
+    ZOpenFile& operator=(const ZOpenFile&) = delete;
+
+    int get() const { return descriptor_; }
+    /// 0 or errno; again: 0.
+    int close();
+
+private:
+    int descriptor_;
+};
+
+/// The part of a path behind its last slash, on whole characters: the last byte of a longer one may
+/// look like a slash.
+const char* znameOf(const char* path);
+/// The folder in which a path stands: "." without a slash.
+ZLCString zfolderOf(const char* path);
+/// Makes a path the real file's, all links followed; false, and nothing changed, if there is none.
+bool zfollowLinks(ZLCString& path);
+
 /// Whose a lock is. A process's lock doesn't exclude its own threads, and goes when any descriptor of
 /// the file is closed; a description's lock belongs to one open. The two exclude each other.
 enum ZLockOwner { zlockOfProcess, zlockOfDescription };
