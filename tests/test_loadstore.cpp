@@ -185,19 +185,35 @@ TEST(SideFile, MustBeAFileOfItsOwn) {
     const struct {
         const char *what, *name;  // in the folder
         void (*make)(S path);
-        int loadErrno;  // of "mapFile()", 0 for bad data
-        bool storeRefuses;
+        int loadErrno;   // of "mapFile()", 0 for bad data
+        int storeErrno;  // of "fopen(w)", 0 where a store goes through
     } kCases[] = {
-        {"missing", "side", [](S) {}, 22, false},
-        {"empty", "side", [](S s) { std::ofstream(s).flush(); }, 22, false},
-        {"a folder", "side", [](S s) { mkdir(s.c_str(), 0700); }, ENODEV, true},
-        {"a pipe", "side", [](S s) { mkfifo(s.c_str(), 0600); }, 22, true},
-        {"the file itself", "a.conf", [](S) {}, 0, true},
-        {"a link", "side", [](S s) { EXPECT_EQ(symlink("a.conf", s.c_str()), 0); }, 0, true},
-        {"no such stream", "side", [](S s) { std::ofstream(s) << "text"; }, 0, false},
+        {"missing", "side", [](S) {}, 22, 0},
+        {"empty", "side", [](S s) { std::ofstream(s).flush(); }, 22, 0},
+        {"a folder", "side", [](S s) { mkdir(s.c_str(), 0700); }, ENODEV, EINVAL},
+        {"a pipe", "side", [](S s) { mkfifo(s.c_str(), 0600); }, 22, EINVAL},
+        {"the file itself", "a.conf", [](S) {}, 0, EINVAL},
+        {"a link", "side", [](S s) { EXPECT_EQ(symlink("a.conf", s.c_str()), 0); }, ELOOP, ELOOP},
+        {"a link to nothing", "side", [](S s) { EXPECT_EQ(symlink("x", s.c_str()), 0); }, ELOOP,
+         ELOOP},
+        {"a second name of a file", "side",
+         [](S s) {
+             std::ofstream(s + "1") << "text";
+             EXPECT_EQ(link((s + "1").c_str(), s.c_str()), 0);
+         },
+         EMLINK, EMLINK},
+        {"no such stream", "side", [](S s) { std::ofstream(s) << "text"; }, 0, 0},
+        {"somebody else's", "side",
+         [](S s) {
+             std::ofstream(s) << "text";
+             EXPECT_EQ(chown(s.c_str(), 12, 34), 0);
+         },
+         EPERM, EPERM},  // the last one: root can make it
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
+        if (c.loadErrno == EPERM && geteuid() != 0)
+            break;
         TempFolder folder;
         const string side = folder / c.name;
         const string content = "[s]\nk = 1\n[configuration-database]\nfile = " + side + "\n";
@@ -218,8 +234,8 @@ TEST(SideFile, MustBeAFileOfItsOwn) {
         for (const char* value : {"", "hidden"}) {
             p.setValue("s", "h", value, 1);
             EXPECT_EQ(failureOf([&] { p.store(nullptr); }),
-                      c.storeRefuses ? ioFailure("fopen(w)", EINVAL, side) : "");
-            if (c.storeRefuses) {
+                      c.storeErrno != 0 ? ioFailure("fopen(w)", c.storeErrno, side) : "");
+            if (c.storeErrno != 0) {
                 EXPECT_EQ(TempFolder::read(path), content);
                 struct stat status;
                 EXPECT_EQ(lstat(side.c_str(), &status), 0);

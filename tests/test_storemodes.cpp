@@ -633,26 +633,35 @@ struct Journaled {
 
     Journaled() {
         const int file = open(path.c_str(), O_RDWR);
-        ZJournal journal(path.c_str());
-        journal.write(file, span(newText), span(oldText), zsideUntouched, ZLCString(), {"", 0});
+        ZJournal journal(path.c_str(), file);
+        journal.write(span(newText), span(oldText), zsideUntouched, {"", 0});
         close(file);
         bytes = TempFolder::read(name);
+        putFile(newText.substr(0, 20) + oldText.substr(20));
     }
     static ZSpan span(const string& s) { return {s.data(), s.size()}; }
 
     string loaded() { return Config(path).value("s", "k"); }
     bool counts() {
         const int file = open(path.c_str(), O_RDONLY);
-        const bool found = ZJournal(path.c_str()).find(file);
+        const bool found = ZJournal(path.c_str(), file).find();
         close(file);
         return found;
     }
-    // As new files: to empty an old one can take the disk milliseconds.
-    void putJournal(const string& content) { put("f.zjournal", content); }
-    void putFile(const string& content) { put("f", content); }
-    void put(const char* file, const string& content) {
-        unlink((folder / file).c_str());
-        folder.write(file, content);
+    // As a new file: to empty an old one can take the disk milliseconds.
+    void putJournal(const string& content) {
+        unlink(name.c_str());
+        folder.write("f.zjournal", content);
+    }
+    void putFile(const string& content) { folder.write("f", content); }
+    // Lets the store of the journal come so far.
+    void mark(ZJournal::Progress progress) {
+        const int file = open(path.c_str(), O_RDONLY);
+        ZJournal journal(path.c_str(), file);
+        ASSERT_TRUE(journal.find());
+        ASSERT_FALSE(journal.openForMarks());
+        ASSERT_FALSE(journal.mark(progress));
+        close(file);
     }
 };
 
@@ -669,6 +678,7 @@ TEST(Journal, ATornOneMeansTheOldContent) {
         j.putJournal(torn);
         ASSERT_FALSE(j.counts()) << at;
     }
+    j.putFile(j.oldText);
     EXPECT_EQ(j.loaded(), "1");
     j.putJournal(j.bytes + "x");
     EXPECT_EQ(j.loaded(), "1");
@@ -684,8 +694,10 @@ TEST(Journal, ATornOneMeansTheOldContent) {
 TEST(Journal, AWholeOneCountsWhileTheFileIsWhatItsStoreLeft) {
     Journaled j;
     for (size_t put = 0; put <= j.newText.size(); ++put) {
-        j.putFile(j.newText.substr(0, put) + (put < j.oldText.size() ? j.oldText.substr(put) : ""));
-        ASSERT_TRUE(j.counts()) << put;
+        const string file =
+            j.newText.substr(0, put) + (put < j.oldText.size() ? j.oldText.substr(put) : "");
+        j.putFile(file);
+        ASSERT_EQ(j.counts(), file != j.oldText) << put;
     }
     // Sectors in any order, and a length that came ahead of its bytes.
     j.putFile(j.oldText.substr(0, 512) + j.newText.substr(512));
@@ -713,31 +725,108 @@ TEST(Journal, AWholeOneCountsWhileTheFileIsWhatItsStoreLeft) {
         }
 }
 
+// A text that gets shorter: the page behind its new end is cleared, which may come to the disk first.
+TEST(Journal, KnowsWhatATruncationLeaves) {
+    Journaled j;
+    std::swap(j.oldText, j.newText);
+    j.putFile(j.oldText);
+    const int file = open(j.path.c_str(), O_RDWR);
+    ZJournal(j.path.c_str(), file)
+        .write(Journaled::span(j.newText), Journaled::span(j.oldText), zsideUntouched, {"", 0});
+    close(file);
+    const size_t more = j.oldText.size() - j.newText.size();
+    for (size_t zeros = 0; zeros <= more; ++zeros) {
+        j.putFile(j.newText + string(zeros, '\0') + j.oldText.substr(j.newText.size() + zeros));
+        ASSERT_TRUE(j.counts()) << zeros;
+    }
+    j.putFile(j.newText + string(more + 1, '\0'));
+    EXPECT_FALSE(j.counts());
+}
+
+// Who takes a stopped store back, by any kind of editor, has the last word.
+TEST(Journal, YieldsToWhoeverWritesTheFile) {
+    const auto partly = [](const Journaled& j) {
+        string text = j.newText;
+        return text.replace(text.find("k = 2"), 5, "k = 1");
+    };
+    {
+        Journaled j;  // the old text, in place and as another file
+        j.putFile(j.oldText);
+        EXPECT_EQ(j.loaded(), "1");
+        j.putFile(partly(j));
+        EXPECT_TRUE(j.counts());  // may as well be a crash
+        j.folder.write("new", partly(j));
+        rename((j.folder / "new").c_str(), j.path.c_str());
+        EXPECT_EQ(j.loaded(), "1");
+    }
+    Journaled j;
+    j.putFile(j.newText);
+    j.mark(ZJournal::placed);
+    EXPECT_TRUE(j.counts());
+    const timespec later[] = {{4000000000, 0}, {4000000000, 0}};
+    utimensat(AT_FDCWD, j.path.c_str(), later, 0);
+    EXPECT_TRUE(j.counts());
+    const timespec earlier[] = {{1, 0}, {1, 0}};
+    j.putFile(partly(j));
+    utimensat(AT_FDCWD, j.path.c_str(), earlier, 0);
+    EXPECT_TRUE(j.counts());
+    utimensat(AT_FDCWD, j.path.c_str(), later, 0);
+    EXPECT_EQ(j.loaded(), "1");
+    j.putFile(j.newText);
+    j.mark(ZJournal::onDisk);
+    j.putFile(partly(j));
+    utimensat(AT_FDCWD, j.path.c_str(), earlier, 0);
+    EXPECT_EQ(j.loaded(), "1");
+}
+
 TEST(Journal, AnUpdateBeginsWithIt) {
     Journaled j;
-    unlink(j.name.c_str());
-    usleep(60000);
     Config p(j.path, 0, ZPROP_STORE_SAFE);
-    p.reload(nullptr);  // with a stamp that the file still has
     j.putJournal(j.bytes);
     ZPropertiesUpdate update(p, 0);
     EXPECT_EQ(p.value("s", "k"), "2");
 }
 
-TEST(Journal, InATemporaryFolderAStrangersDoesntCount) {
+TEST(Journal, AStrangersDoesntCountAndIsntOpened) {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to make another user's file";
     Journaled j;
-    chmod((j.folder / "").c_str(), 01777);
     EXPECT_EQ(j.loaded(), "2");
     ASSERT_EQ(chown(j.name.c_str(), 12, 34), 0);
-    EXPECT_EQ(j.loaded(), "1");
+    EXPECT_FALSE(j.counts());
     ASSERT_EQ(chown(j.path.c_str(), 12, 34), 0);
-    EXPECT_EQ(j.loaded(), "2");
-    // Nor does a link, which leads who knows where.
+    EXPECT_TRUE(j.counts());
+    // Nor does what leads who knows where, or nowhere.
     rename(j.name.c_str(), (j.folder / "real").c_str());
-    ASSERT_EQ(symlink("real", j.name.c_str()), 0);
-    EXPECT_EQ(j.loaded(), "1");
+    const string victim = j.folder.write("victim", "precious");
+    struct Fake {
+        const char* what;
+        std::function<int()> make;
+    } const fakes[] = {
+        {"a link to a journal", [&] { return symlink("real", j.name.c_str()); }},
+        {"a link to somebody's file", [&] { return symlink("victim", j.name.c_str()); }},
+        {"another name of it", [&] { return link(victim.c_str(), j.name.c_str()); }},
+        {"a pipe", [&] { return mkfifo(j.name.c_str(), 0600); }},
+        {"a folder", [&] { return mkdir(j.name.c_str(), 0700); }},
+    };
+    for (const Fake& fake : fakes) {
+        SCOPED_TRACE(fake.what);
+        j.putFile(j.oldText);
+        ASSERT_EQ(fake.make(), 0);
+        for (int mode = ZPROP_STORE_PLAIN; mode <= ZPROP_STORE_SAFE; ++mode) {
+            Config p(j.path, 0, mode);
+            EXPECT_EQ(p.value("s", "k"), "1");
+            p.setValue("s", "new", std::to_string(mode).c_str());
+            if (mode == ZPROP_STORE_SAFE && string(fake.what) == "a folder") {
+                EXPECT_NE(raised([&] { p.store(nullptr); }).find("user 0"), string::npos);
+                rmdir(j.name.c_str());
+            } else {
+                EXPECT_NO_THROW(p.store(nullptr));
+            }
+        }
+        EXPECT_EQ(TempFolder::read(victim), "precious");
+        EXPECT_NE(access(j.name.c_str(), F_OK), 0);
+    }
 }
 
 TEST(Journal, CarriesTheSideDatabase) {
@@ -756,10 +845,12 @@ TEST(Journal, CarriesTheSideDatabase) {
 
         folder.write("f", oldText), folder.write("f.obf", oldSide);
         const int file = open(path.c_str(), O_RDWR);
-        ZJournal(path.c_str()).write(file, Journaled::span(newText), Journaled::span(oldText),
-                                     removed ? zsideRemoved : zsideReplaced, ZLCString(side.c_str()),
-                                     removed ? ZSpan{"", 0} : Journaled::span(newSide));
+        ZJournal(path.c_str(), file)
+            .write(Journaled::span(newText), Journaled::span(oldText),
+                   removed ? zsideRemoved : zsideReplaced,
+                   removed ? ZSpan{"", 0} : Journaled::span(newSide));
         close(file);
+        folder.write("f", newText);
         // A load sees the new values while the old side database still lies there; so it does without.
         EXPECT_EQ(Config(path).value("s", "h"), removed ? "<none>" : "two");
         EXPECT_EQ(TempFolder::read(side), oldSide);

@@ -127,6 +127,8 @@ void ZPCache::copyValues(const char* category, const char* key, ZArrayList& list
 
 unsigned int ZPCache::obfuscatedCount() const { return store_->itemCount(); }
 
+int ZPCache::readError() const { return store_->readError(); }
+
 // ---------------------------------------------------------------- look-ups
 
 static Id findKey(const ZPStore& store, const char* category, const char* key) {

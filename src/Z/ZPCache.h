@@ -103,6 +103,8 @@ public:
     /// Reads or writes the file's format at the stream's position; `file` is for messages.
     virtual void be_read(const char* file, FILE* stream) = 0;
     virtual void be_write(const char* file, FILE* stream) = 0;
+    /// The errno at which the last be_read's stream failed, or 0. What was read until then was added.
+    int readError() const;
     /// Adds what the side database's bytes hold, or fills `buffer` with them; leaves `buffer`
     /// alone if there is nothing to write.
     virtual void be_read_obfuscated(ZBuffer& buffer) = 0;

@@ -27,7 +27,7 @@
 class ZAbstractPropertiesFactory;
 struct ZPropertiesOptions;
 struct ZUpdatedFile;
-class ZStreamGuard;
+struct ZFileContent;
 
 /// The codeset in which text is given out. All stored text is in the local codeset.
 enum ZPropertyStringType { ZPROP_STRING_LOCAL = 0, ZPROP_STRING_UTF8 = 8 };
@@ -199,6 +199,10 @@ public:
     /// to. Another number raises ZInvalidParameterException.
     void setStoreMode(int mode);
     int storeMode() const;
+    /// In which mode the last store was made: ZPROP_STORE_CHECKED in place of SAFE where the journal can't be
+    /// given the file's owner, group and access list, as when neither the owner nor root stores. A crash may
+    /// then have left a part of the new content.
+    int lastStoreMode() const;
     /// How long loads and stores go on trying while somebody else holds the file's lock; 0, the
     /// default, fails at once. The object's lock is held meanwhile. getPropertiesFor never waits.
     void setLockWait(unsigned long milliseconds);
@@ -289,18 +293,26 @@ protected:
 private:
     ZPropertiesOptions& options();  // made at first use
     const ZPropertiesOptions& optionsNow() const;
-    const ZUpdatedFile* updateOf(const ZLCString& path) const;
+    ZUpdatedFile* updateOf(const ZLCString& path) const;
     bool testsExactly() const;
     bool isOutdated(const char* file) const;
-    void readContent(ZPCache& cache, const ZLCString& path, int descriptor,
-                     ZStreamGuard& stream) const;
-    void readFile(const ZLCString& path, int descriptor, FILE* stream);
+    bool isCareful() const;
+    int readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
+                    ZFileContent* content) const;
+    template <typename Close>
+    void readFile(const ZLCString& path, int descriptor, FILE* stream, ZFileContent* content,
+                  Close close);
+    void readUpdatedFile(const ZLCString& path, ZUpdatedFile& file);
+    void readAndUnlock(const ZLCString& path, int descriptor, int owner);
     void noteContent(const ZLCString& path);
     bool prepareSideDatabase(const ZLCString& path, ZLCString& side);
     void addSideLine(const ZLCString& side);
     void storePlainly(const ZLCString& path);
     void storeCarefully(const ZLCString& path);
-    void storeTo(int descriptor, const ZLCString& path);
+    void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);
+
+    // How the last reading ended: an incomplete one has met a failure that plain objects pass over.
+    enum LoadOutcome { kLoaded = 0, kFailed = 1, kIncomplete = 2 };
 
     // Guarded by lock_.
     ZPropertiesOptions* options_;  // null until something differs from the plain ways

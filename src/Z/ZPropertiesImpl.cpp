@@ -17,20 +17,21 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "ZExceptionText.h"
-#include "ZFileMap.h"
 #include "ZProperties.h"
 #include "zcheck.h"
-#include "zfilestream.h"
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zlockedfile.h"
 #include "zpropoptions.h"
 #include "zqelutil.h"
 #include "zsafestore.h"
+#include "zsidefile.h"
 #include "zsidenames.h"
+#include "zstrict.h"
 
 static const long kNoTime = LONG_MIN;
 
@@ -76,7 +77,7 @@ void makeObfuscatedDBName(const char* file, ZLCString& out) {
     out.clear();
     if (*file != '/' && getcwd(directory, sizeof directory) != nullptr)
         out.append(directory).append('/');
-    out.append(file).append(".obf");
+    out.append(file).append(kSideSuffix);
 }
 
 // ---------------------------------------------------------------- shared by load and store
@@ -90,17 +91,9 @@ static ZLCString choosePath(const char* file, const ZLCString& own) {
     return own;
 }
 
-// Locks the whole file as the object's options say.
-static void lockFile(int descriptor, short type, const char* path,
-                     const ZPropertiesOptions& options) {
-    const int error = zlockWholeFile(descriptor, type, options.lockOwner(), options.wait());
-    if (error != 0)
-        Z_RAISE_IO(path, "fcntl()", error);
-}
-
 // The open update through whose stream this path is reached, or null.
-const ZUpdatedFile* ZProperties::updateOf(const ZLCString& path) const {
-    const ZUpdatedFile* update = optionsNow().update;
+ZUpdatedFile* ZProperties::updateOf(const ZLCString& path) const {
+    ZUpdatedFile* update = optionsNow().update;
     return update != nullptr && zleadsTo(path.getChars(), update->descriptor) ? update : nullptr;
 }
 
@@ -117,6 +110,10 @@ static void truncateHere(FILE* stream) {
     }
 }
 
+static ZSpan spanOf(const ZBuffer& buffer) {
+    return {static_cast<const char*>(buffer.getBuffer()), buffer.getLength()};
+}
+
 namespace {
 
 // Counts as loading for a scope: no change notice goes out meanwhile.
@@ -131,91 +128,82 @@ private:
     std::atomic<int>& loading_;
 };
 
-// Keeps descriptor 0 occupied for a scope: a file map takes a 0 from open for none.
-class InputOccupied {
-public:
-    InputOccupied() : opened_(-1) {
-        if (fcntl(0, F_GETFD) == -1)
-            opened_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    }
-    ~InputOccupied() {
-        if (opened_ >= 0)
-            close(opened_);
-    }
-    InputOccupied(const InputOccupied&) = delete;
-    InputOccupied& operator=(const InputOccupied&) = delete;
-
-private:
-    int opened_;
-};
-
-class SideMap : public ZUnixFileMap {
-public:
-    explicit SideMap(const ZLCString& name) : ZUnixFileMap(name, mapRead, 1) {}
-    unsigned long length() const { return length_; }
-};
-
 }  // namespace
 
 // ---------------------------------------------------------------- load
 
-static void readSideDatabase(ZPCache& cache) {
-    const ZLCString name(cache.obfuscatedDBName());
-    ZBuffer buffer;
-    {
-        InputOccupied occupied;
-        SideMap map(name);
-        int error = 0;
-        void* bytes = map.mapfile(&error, 0);
-        if (error != 0 || bytes == nullptr)
-            Z_RAISE_IO(name.getChars(), "mapFile()", error);
-        buffer.setBuffer(map.length(), bytes);
-    }
-    cache.be_read_obfuscated(buffer);
-}
-
 // Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
-// stopped had written down for it. `stream` is the plain way to the bytes, empty where the descriptor
-// alone is at hand; it is closed as soon as nothing needs the lock any more.
-void ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descriptor,
-                              ZStreamGuard& stream) const {
-    ZJournal journal(path.getChars());
-    const bool unfinished = journal.find(descriptor);
-    if (unfinished) {
-        zreadText(cache, path.getChars(), journal.text());
-    } else if (stream.get() != nullptr) {
-        cache.be_read(path.getChars(), stream.get());
+// stopped had written down for it; and its side database. `stream` is the plain way to the bytes, null
+// where the descriptor alone is at hand or the bytes are wanted in `content` too. 0, or the errno of a
+// reading by the stream that came to no end.
+int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
+                             ZFileContent* content) const {
+    ZFileContent own;
+    ZFileContent& bytes = content != nullptr ? *content : own;
+    bytes.side.setSize(0);
+    int incomplete = 0;
+    ZJournal journal(path.getChars(), descriptor);
+    const bool unfinished = journal.find();
+    if (!unfinished && stream != nullptr) {
+        cache.be_read(path.getChars(), stream);
+        incomplete = cache.readError();
+        if (incomplete == 0 && ferror(stream) != 0)
+            incomplete = EIO;
+        if (incomplete != 0)
+            return incomplete;
     } else {
-        ZBytes bytes;
-        const int error = zreadWholeFile(descriptor, bytes);
-        if (error != 0)
+        if (unfinished) {
+            zcopyBytes(journal.text(), bytes.text);
+        } else if (const int error = zreadWholeFile(descriptor, bytes.text)) {
             Z_RAISE_IO(path.getChars(), "read()", error);
-        zreadText(cache, path.getChars(), {bytes.data(), bytes.size()});
+        }
+        zreadText(cache, path.getChars(), zspanOf(bytes.text));
     }
-    // A plain reader has never kept others waiting while it reads the side database.
-    if (optionsNow().storeMode == ZPROP_STORE_PLAIN)
-        stream.close();
-    if (cache.obfuscatedDBName().getLength() == 0)
-        return;
+    const ZLCString name(cache.obfuscatedDBName());
+    if (name.getLength() == 0 || (unfinished && journal.sideAction() == zsideRemoved))
+        return 0;
     if (unfinished && journal.sideAction() == zsideReplaced)
-        zreadSide(cache, journal.side());
-    else if (!unfinished || journal.sideAction() == zsideUntouched)
-        readSideDatabase(cache);
+        zcopyBytes(journal.side(), bytes.side);
+    else
+        Z_CHECK_IO(name.getChars(), zreadSideFile(name.getChars(), descriptor, bytes.side));
+    zreadSide(cache, zspanOf(bytes.side));
+    return 0;
 }
 
-// The same into the object's own cache, as the end of a load.
-void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream) {
-    ZStreamGuard guard(stream);
+// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to others.
+template <typename Close>
+void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
+                           ZFileContent* content, Close close) {
     LoadingScope loading(loading_);
     if (options_ != nullptr)
         options_->keepStamp(descriptor);
-    readContent(*cache_, path, descriptor, guard);
-    guard.close();
+    const int incomplete = readContent(*cache_, path, descriptor, stream, content);
+    if (incomplete != 0 && isCareful()) {
+        loadFailed_ = kIncomplete;
+        Z_RAISE_IO(path.getChars(), "read()", incomplete);
+    }
+    close();
     postLoad(path.getChars());
     noteContent(path);
-    loadFailed_ = 0;
+    loadFailed_ = incomplete != 0 ? kIncomplete : kLoaded;
     if (options_ != nullptr)
         options_->storeAllowed = false;
+}
+
+void ZProperties::readUpdatedFile(const ZLCString& path, ZUpdatedFile& file) {
+    loadFailed_ = kFailed;
+    readFile(path, file.descriptor, nullptr, &file.content, [] {});
+}
+
+void ZProperties::readAndUnlock(const ZLCString& path, int descriptor, int owner) {
+    loadFailed_ = kFailed;
+    readFile(path, descriptor, nullptr, nullptr,
+             [=] { zunlockWholeFile(descriptor, static_cast<ZLockOwner>(owner)); });
+}
+
+// Whether failures are told that plain objects pass over.
+bool ZProperties::isCareful() const {
+    return optionsNow().storeMode != ZPROP_STORE_PLAIN || cache_->isStrict() != 0;
 }
 
 // The object holds what the file holds.
@@ -231,19 +219,13 @@ void ZProperties::load(const char* file) {
     const ZLCString path(choosePath(file, fileName_));
     if (fileName_.getLength() == 0)
         fileName_ = path;
-    loadFailed_ = 1;
-    if (const ZUpdatedFile* update = updateOf(path)) {
-        readFile(path, update->descriptor, nullptr);
+    loadFailed_ = kFailed;
+    if (ZUpdatedFile* update = updateOf(path)) {
+        readUpdatedFile(path, *update);
         return;
     }
-    FILE* opened = fopen(path.getChars(), "r");
-    if (opened == nullptr)
-        Z_RAISE_IO(path.getChars(), "fopen(r)", errno);
-    ZStreamRoom room;
-    ZStreamGuard stream(opened);
-    room.lendTo(opened);
-    lockFile(fileno(opened), F_RDLCK, path.getChars(), optionsNow());
-    readFile(path, fileno(opened), stream.release());
+    ZReadFile opened(path.getChars(), isCareful(), optionsNow().lockOwner(), optionsNow().wait());
+    readFile(path, opened.descriptor(), opened.stream(), nullptr, [&opened] { opened.close(); });
 }
 
 void ZProperties::reload(const char* file) {
@@ -255,45 +237,6 @@ void ZProperties::reload(const char* file) {
 
 // ---------------------------------------------------------------- store
 
-// Neither the stanza file itself nor anything but a regular file may be removed or overwritten as
-// a side database.
-static void requireSideFile(const char* name, const char* path) {
-    struct stat side, text;
-    if (stat(name, &side) != 0)
-        return;
-    const bool same =
-        stat(path, &text) == 0 && side.st_dev == text.st_dev && side.st_ino == text.st_ino;
-    if (same || !S_ISREG(side.st_mode))
-        Z_RAISE_IO(name, "fopen(w)", EINVAL);
-}
-
-// Writes the side database under the stanza file's lock, with the stanza file's owner and mode. A
-// new one is made for its owner alone first, so that its values are never readable in between.
-static void writeSideDatabase(const char* name, const char* path, const ZBuffer& buffer) {
-    requireSideFile(name, path);
-    const int descriptor = open(name, O_WRONLY | O_CREAT | O_TRUNC, S_IRUSR | S_IWUSR);
-    if (descriptor == -1)
-        Z_RAISE_IO(name, "fopen(w)", errno);
-    FILE* opened = fdopen(descriptor, "wb");
-    if (opened == nullptr) {
-        const int error = errno;
-        close(descriptor);
-        Z_RAISE_IO(name, "fopen(w)", error);
-    }
-    ZStreamGuard stream(opened);
-    fwrite(buffer.getBuffer(), 1, buffer.getLength(), stream.get());
-    truncateHere(stream.get());
-    stream.close();
-    struct stat status;
-    if (stat(path, &status) != 0)
-        return;
-    // As far as it is allowed: who may not give it away may still open it to the same people.
-    const int given = chown(name, status.st_uid, status.st_gid);
-    const int granted = chmod(name, status.st_mode & 07777);
-    (void)given;
-    (void)granted;
-}
-
 // What becomes of the side database, whose path is settled here.
 bool ZProperties::prepareSideDatabase(const ZLCString& path, ZLCString& side) {
     side = cache_->obfuscatedDBName();
@@ -303,11 +246,8 @@ bool ZProperties::prepareSideDatabase(const ZLCString& path, ZLCString& side) {
             cache_->setObfuscatedDBName(side.getChars());
         }
         checkFileAccess(side.getChars());
-        requireSideFile(side.getChars(), path.getChars());
         return true;
     }
-    if (side.getLength() != 0)
-        requireSideFile(side.getChars(), path.getChars());
     return false;
 }
 
@@ -317,40 +257,65 @@ void ZProperties::addSideLine(const ZLCString& side) {
         cache_->addLine(kSideStanza, kSideKey, side.getChars(), 0);
 }
 
+// Asks whether the side database, if there is a name for one, may be what a store removes or writes, ahead
+// of both; and removes one that isn't wanted any more, whatever comes of it. A text that isn't there yet
+// will be the caller's.
+static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted) {
+    if (name.getLength() == 0)
+        return;
+    const ZOpenFile text(zopenFile(path.getChars(), O_PATH));  // which no lock goes with
+    ZSideFile side(name.getChars(), text.get());
+    Z_CHECK_IO(side.name(), side.examine());
+    if (!isWanted)
+        side.remove();
+}
+
+static FILE* openPlainly(const char* path) {
+    ZCancelGuard uncancelled;
+    FILE* opened = fopen(path, "r+e");
+    return opened == nullptr && errno == ENOENT ? fopen(path, "w+e") : opened;
+}
+
 void ZProperties::storePlainly(const ZLCString& path) {
-    ZLCString side;
-    if (!prepareSideDatabase(path, side)) {
-        if (side.getLength() != 0)
-            unlink(side.getChars());
+    ZSizeSignalGuard noSignal;
+    ZLCString name;
+    const bool hasHidden = prepareSideDatabase(path, name);
+    requireSideFile(name, path, hasHidden);
+    if (!hasHidden)
         cache_->delLine(kSideStanza, kSideKey);
-    }
-    FILE* opened = fopen(path.getChars(), "r+");
-    if (opened == nullptr && errno == ENOENT)
-        opened = fopen(path.getChars(), "w+");
-    if (opened == nullptr)
-        Z_RAISE_IO(path.getChars(), "fopen(r+)", errno);
     ZStreamRoom room;
-    ZStreamGuard stream(opened);
-    room.lendTo(opened);
+    ZStreamGuard stream(openPlainly(path.getChars()));
+    if (stream.get() == nullptr)
+        Z_RAISE_IO(path.getChars(), "fopen(r+)", errno);
+    room.lendTo(stream.get());
+    const int descriptor = fileno(stream.get());
     // A new stream stands at the start.
-    lockFile(fileno(opened), F_WRLCK, path.getChars(), optionsNow());
-    if (cache_->obfuscatedCount() != 0) {
+    const int error =
+        zlockWholeFile(descriptor, F_WRLCK, optionsNow().lockOwner(), optionsNow().wait());
+    if (error != 0)
+        Z_RAISE_IO(path.getChars(), "fcntl()", error);
+    // A thread that is cancelled leaves the old content, or the new one.
+    ZCancelGuard uncancelled;
+    if (hasHidden) {
         ZBuffer buffer;
         cache_->be_write_obfuscated(buffer);
+        ZSideFile side(name.getChars(), descriptor);
+        Z_CHECK_IO(side.name(), side.examine());
         if (buffer.getLength() == 0) {
-            unlink(side.getChars());
+            side.remove();
             cache_->delLine(kSideStanza, kSideKey);
         } else {
-            writeSideDatabase(side.getChars(), path.getChars(), buffer);
-            addSideLine(side);
+            Z_CHECK_IO(side.name(), side.prepare(spanOf(buffer), ZPROP_STORE_PLAIN));
+            side.takePlace();
+            addSideLine(name);
         }
     }
     cache_->be_write(path.getChars(), stream.get());
     truncateHere(stream.get());
     if (options_ != nullptr)
-        options_->keepStamp(fileno(opened));
+        options_->keepStamp(descriptor);
     // What a store that was stopped had in mind is void now.
-    ZJournal(path.getChars()).remove();
+    ZJournal(path.getChars(), descriptor).remove();
     stream.close();
 }
 
@@ -362,18 +327,22 @@ void ZProperties::store(const char* file) {
     }
     checkFileAccess(path.getChars());
     ZResourceLock guard(lock_);
-    Z_REQUIRE(optionsNow().storeMode == ZPROP_STORE_PLAIN || loadFailed_ == 0 ||
-              optionsNow().storeAllowed);
-    if (const ZUpdatedFile* update = updateOf(path))
-        storeTo(update->descriptor, path);
+    const bool mayReplace =
+        loadFailed_ == kLoaded ||
+        (loadFailed_ == kFailed && optionsNow().storeMode == ZPROP_STORE_PLAIN) ||
+        optionsNow().storeAllowed;
+    Z_REQUIRE(mayReplace);
+    static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
+    if (ZUpdatedFile* update = updateOf(path))
+        storeTo(update->descriptor, path, &update->content);
     else if (optionsNow().storeMode == ZPROP_STORE_PLAIN &&
-             (cache_->attributes() & ZPCACHE_KEEP_LINES) == 0)
+             (cache_->attributes() & kOwnText) == 0)
         storePlainly(path);
     else
         storeCarefully(path);
     noteContent(path);
     loading_ = 0;
-    loadFailed_ = 0;
+    loadFailed_ = kLoaded;
     if (options_ != nullptr)
         options_->storeAllowed = false;
 }
@@ -382,71 +351,82 @@ void ZProperties::store(const char* file) {
 
 void ZProperties::storeCarefully(const ZLCString& path) {
     ZLockedFile file(path.getChars(), optionsNow().lockOwner(), optionsNow().wait(), true);
-    storeTo(file.descriptor(), path);
+    storeTo(file.descriptor(), path, nullptr);
     const int error = file.finish();
     // A synced file has nothing left to lose.
     if (error != 0 && optionsNow().storeMode == ZPROP_STORE_CHECKED)
         Z_RAISE_IO(path.getChars(), "close()", error);
 }
 
-// Puts the object's content into the file under the lock that its descriptor has.
-void ZProperties::storeTo(int descriptor, const ZLCString& path) {
+// The line of a text that a load would take apart, as bad data.
+static void requireShortLines(const char* path, ZSpan text) {
+    int line = 0;
+    for (size_t at = 0; at < text.size;) {
+        const size_t left = text.size - at;
+        const void* newline = memchr(text.data + at, '\n', left);
+        const size_t length =
+            newline == nullptr ? left : static_cast<const char*>(newline) - (text.data + at) + 1;
+        ++line;
+        if (length > kLongestLine) {
+            const ZLCString data(text.data + at, static_cast<unsigned int>(length));
+            ZPropertiesInvalidDataException(path, data.getChars(), line)
+                .throwException(__FILE__, __LINE__);
+        }
+        at += length;
+    }
+}
+
+// Puts the object's content into the file under the lock that its descriptor has; `content` is what the
+// file holds then.
+void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
+    ZCancelGuard uncancelled;
     const int mode = optionsNow().storeMode;
-    ZStoreWork work = {descriptor, path.getChars(), {nullptr, 0}, {nullptr, 0}, 0,
-                       zsideUntouched, ZLCString(), {nullptr, 0}};
+    ZStoreWork work(descriptor, path.getChars());
     ZBuffer packed;
     if (prepareSideDatabase(path, work.sideName))
         cache_->be_write_obfuscated(packed);
+    requireSideFile(work.sideName, path, true);
     if (packed.getLength() != 0) {
         work.sideAction = zsideReplaced;
-        work.side = {static_cast<const char*>(packed.getBuffer()), packed.getLength()};
+        work.side = spanOf(packed);
         addSideLine(work.sideName);
     } else {
         if (work.sideName.getLength() != 0)
             work.sideAction = zsideRemoved;
         cache_->delLine(kSideStanza, kSideKey);
     }
-    // A rename leaves a link alone then.
-    if (work.sideAction != zsideUntouched)
-        zfollowLinks(work.sideName);
 
-    ZJournal journal(path.getChars());
-    if (journal.find(descriptor))
-        zfinishJournal(descriptor, journal);
+    ZJournal journal(path.getChars(), descriptor);
+    if (journal.find())
+        zfinishJournal(path.getChars(), descriptor, journal);
     ZMemoryStream stream;
     cache_->be_write(path.getChars(), stream.get());
     work.text = stream.finish();
-    ZBytes oldText;
+    ZBytes oldText, kept;
     const bool keepsLines = (cache_->attributes() & ZPCACHE_KEEP_LINES) != 0;
-    if (keepsLines || mode == ZPROP_STORE_SAFE) {
+    if (keepsLines || mode != ZPROP_STORE_PLAIN) {
         const int error = zreadWholeFile(descriptor, oldText);
         if (error != 0)
             Z_RAISE_IO(path.getChars(), "read()", error);
-        work.oldText = {oldText.data(), oldText.size()};
+        work.oldText = zspanOf(oldText);
     }
-    ZBytes kept;
     if (keepsLines) {
         zkeepLines(work.oldText, work.text, kept);
-        work.text = {kept.data(), kept.size()};
+        work.text = zspanOf(kept);
     }
-    ZFileStamp before;
-    const int error = zstampFile(descriptor, before);
-    if (error != 0 && mode != ZPROP_STORE_PLAIN)
-        Z_RAISE_IO(path.getChars(), "stat()", error);
-    work.oldSize = error == 0 ? before.size : UINT64_MAX;  // a tail is cut off in any case
-    if (mode == ZPROP_STORE_SAFE)
-        zstoreSafely(work, journal);
-    else
-        zstoreInPlace(work, mode == ZPROP_STORE_CHECKED);
-    if (mode != ZPROP_STORE_SAFE) {
-        const int left = journal.remove();
-        if (left != 0 && mode == ZPROP_STORE_CHECKED)
-            Z_RAISE_IO(journal.name(), "unlink()", left);
+    if (cache_->isStrict() != 0)
+        requireShortLines(path.getChars(), work.text);
+    ZFileContent stored;  // made ahead: what is in place can't fail for want of memory
+    if (content != nullptr) {
+        zcopyBytes(work.text, stored.text);
+        zcopyBytes(work.side, stored.side);
     }
+    const int storedMode = zstore(work, journal, mode);
+    if (content != nullptr)
+        content->swap(stored);
     if (options_ != nullptr) {
+        options_->lastStoreMode = storedMode;
         options_->keepStamp(descriptor);
-        if (options_->update != nullptr && options_->update->descriptor == descriptor)
-            options_->update->stored = true;
     }
 }
 

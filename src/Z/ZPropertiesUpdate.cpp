@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "zcheck.h"
-#include "zjournal.h"
 #include "zlockedfile.h"
 #include "zpropoptions.h"
 #include "zreport.h"
@@ -22,11 +21,10 @@ public:
         const int error = zstampFile(updated_.descriptor, updated_.stamp);
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "stat()", error);
-        if (isOutdated())
-            readAnew();
-        takeSnapshot();
+        // Always: what a stamp doesn't tell would be overwritten.
+        properties_.cache_->clear();
+        properties_.readUpdatedFile(path_, updated_);
         updated_.thread = pthread_self();
-        updated_.stored = false;
         znoteUpdate(updated_);
         options().update = &updated_;
     }
@@ -56,26 +54,22 @@ public:
 
     const char* path() const { return path_.getChars(); }
 
-    // What the object was at the beginning, or what was stored since.
+    // What the object was at the beginning, or what was stored since: from memory, whatever has become of
+    // the file.
     void restore() {
-        if (updated_.stored) {
-            readAnew();
-            return;
-        }
         ZPCache& cache = *properties_.cache_;
         properties_.loading_ = 1;
         try {
             cache.clear();
-            zreadText(cache, path(), text_.bytes());
-            if (side_.getLength() != 0)
-                zreadSide(cache, {static_cast<const char*>(side_.getBuffer()), side_.getLength()});
-            cache.setObfuscatedDBName(sideName_.getChars());
+            zreadText(cache, path(), zspanOf(updated_.content.text));
+            if (updated_.content.side.size() != 0)
+                zreadSide(cache, zspanOf(updated_.content.side));
         } catch (...) {
             properties_.loading_ = 0;
-            // The object isn't what the file holds any more: the next update reads it anew, and no
-            // store but a plain one puts it in the file's place.
+            // The object isn't what the file holds any more: no store but a plain one puts it in the
+            // file's place.
             options().hasStamp = false;
-            properties_.loadFailed_ = 1;
+            properties_.loadFailed_ = ZProperties::kFailed;
             throw;
         }
         properties_.loading_ = 0;
@@ -85,45 +79,10 @@ public:
 private:
     ZPropertiesOptions& options() { return properties_.options(); }
 
-    bool isOutdated() {
-        return !options().hasStamp || !zsameContent(options().stamp, updated_.stamp) ||
-               properties_.loadFailed_ != 0 || ZJournal(path()).find(updated_.descriptor);
-    }
-
-    void readAnew() {
-        properties_.loadFailed_ = 1;
-        properties_.cache_->clear();
-        properties_.readFile(path_, updated_.descriptor, nullptr);
-    }
-
-    void takeSnapshot() {
-        ZPCache& cache = *properties_.cache_;
-        cache.be_write(path(), text_.stream());
-        text_.finish();
-        cache.be_write_obfuscated(side_);
-        sideName_ = cache.obfuscatedDBName();
-    }
-
-    // A text in memory, first written and then read.
-    class Text {
-    public:
-        Text() : bytes_{nullptr, 0} {}
-        FILE* stream() const { return stream_.get(); }
-        void finish() { bytes_ = stream_.finish(); }
-        ZSpan bytes() const { return bytes_; }
-
-    private:
-        ZMemoryStream stream_;
-        ZSpan bytes_;
-    };
-
     ZProperties& properties_;
     const ZLCString path_;
     ZLockedFile file_;
     ZUpdatedFile updated_;
-    Text text_;
-    ZBuffer side_;
-    ZLCString sideName_;
 };
 
 ZPropertiesUpdate::ZPropertiesUpdate(ZProperties& properties, unsigned long waitMilliseconds)

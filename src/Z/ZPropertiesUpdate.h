@@ -11,8 +11,7 @@
 ///     file.setIntegerValue("jobs", "done", file.getIntegerValue("jobs", "done", 0, 0) + 1);
 ///     update.commit();
 ///
-/// The constructor reads the file anew if it has changed since the object was loaded or stored, so
-/// that changes are made to what the file holds. They are made with the object's usual calls. What
+/// The constructor reads the file anew, so that changes are made to what the file holds. They are made with the object's usual calls. What
 /// isn't committed is forgotten: the destructor takes the object back to what it was at the
 /// beginning, or at the last store inside; file and observers see nothing of it but the notices that
 /// were sent.
@@ -29,8 +28,8 @@
 ///   inside an update of an object that it hands out, or the two threads wait for each other. The file's
 ///   lock belongs to the open file, so that neither another thread or object of this process slips
 ///   by it nor another descriptor of the file breaks it.
-/// Cost: a snapshot of the content at the beginning. Lists that the object handed out earlier are
-///   gone after it was read anew or taken back, as after a reload.
+/// Cost: a load at the beginning, and the file's bytes in memory. Lists that the object handed out
+///   earlier are gone, as after a reload, and again where it was taken back.
 class ZEXPORT ZPropertiesUpdate {
 public:
     /// Begins an update of the file that `properties` belongs to, which must exist. Waits up to

@@ -117,19 +117,14 @@ int ZPropertiesWatcher::process() {
         ZProperties::ZPropResourceLock guard(properties_.lock_);
         if (properties_.isModified() != 0 || properties_.options().update != nullptr)
             return 0;
-        const int descriptor = open(path_.getChars(), O_RDONLY | O_CLOEXEC);
-        if (descriptor < 0 && errno == ENOENT)
+        ZOpenFile file(zopenRegularFile(path_.getChars(), O_RDONLY));
+        if (file.get() < 0 && errno == ENOENT)
             return 0;
-        if (descriptor < 0)
+        if (file.get() < 0)
             Z_RAISE_IO(path_.getChars(), "fopen(r)", errno);
-        ZStreamGuard file(fdopen(descriptor, "r"));
-        if (file.get() == nullptr) {
-            const int error = errno;
-            close(descriptor);
-            Z_RAISE_IO(path_.getChars(), "fopen(r)", error);
-        }
-        const int error = zlockWholeFile(descriptor, F_RDLCK, properties_.options().lockOwner(), 0);
-        if (error == EAGAIN || error == EACCES)
+        const ZLockOwner owner = properties_.options().lockOwner();
+        const int error = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
+        if (zisLockedByOthers(error))
             return 0;
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "fcntl()", error);
@@ -137,17 +132,16 @@ int ZPropertiesWatcher::process() {
         pending_ = false;
         std::unique_ptr<ZPCache> fresh(properties_.cache_->clone());
         fresh->clear();
-        ZStreamGuard none(nullptr);
-        properties_.readContent(*fresh, path_, descriptor, none);
+        properties_.readContent(*fresh, path_, file.get(), nullptr, nullptr);
         zfindDifferences(*properties_.cache_, *fresh, differences);
         if (differences.empty() && wouldStoreTheSame(*properties_.cache_, *fresh)) {
-            properties_.options().keepStamp(descriptor);
+            properties_.options().keepStamp(file.get());
+            zunlockWholeFile(file.get(), owner);
         } else {
             // Should this reading fail, the next call tries again, and nobody stores what is left.
             pending_ = true;
-            properties_.loadFailed_ = 1;
             properties_.cache_->clear();
-            properties_.readFile(path_, descriptor, file.release());
+            properties_.readAndUnlock(path_, file.get(), owner);
             pending_ = false;
         }
     }

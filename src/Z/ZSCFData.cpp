@@ -24,6 +24,7 @@
 #include <sys/stat.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -53,10 +54,22 @@ static void readAll(ZPStore& store, FILE* stream) {
         room = size < SIZE_MAX ? static_cast<size_t>(size) : SIZE_MAX;
         isWhole = true;
     }
+    store.setReadError(0);
     for (;;) {
         char* target = store.textRoom(room);
         const size_t got = fread(target, 1, room, stream);
+        const int error = errno;
         store.commitText(got);
+        if (got < room && feof(stream) == 0) {
+            // A signal that came in between is no failure: the rest follows.
+            if (error == EINTR) {
+                clearerr(stream);
+                room -= got;
+                continue;
+            }
+            store.setReadError(error);
+            return;
+        }
         if (got < room || isWhole)
             return;
         room = store.textSize() / 2 + 64 * 1024;

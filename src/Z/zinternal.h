@@ -45,6 +45,12 @@ public:
 
     FILE* get() const { return stream_; }
 
+    /// Another stream in place of its own.
+    void reset(FILE* stream) {
+        close();
+        stream_ = stream;
+    }
+
     /// Hands the stream on.
     FILE* release() {
         FILE* stream = stream_;
@@ -52,10 +58,11 @@ public:
         return stream;
     }
 
-    /// Closes now. 0, or the errno of the failure. Again, or with a null stream: 0.
+    /// Closes now. 0, or the errno of the failure. Again, or with a null stream: 0. No thread is
+    /// cancelled in it.
     int close() {
-        FILE* stream = stream_;
-        stream_ = nullptr;
+        ZCancelGuard uncancelled;
+        FILE* stream = release();
         return stream == nullptr || fclose(stream) == 0 ? 0 : errno;
     }
 

@@ -2,18 +2,18 @@
 #include "zjournal.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/xattr.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 #include <zlib.h>
 
-#include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 
-#include "zwholefile.h"
+#include "zkeeplines.h"
+#include "zsidenames.h"
 
-static const char kMagic[8] = {'Z', 'B', 'A', 'S', 'E', 'J', '1', '\n'};
-static const size_t kSector = 512;
+static const char kMagic[8] = {'Z', 'B', 'A', 'S', 'E', 'J', '2', '\n'};
 
 namespace {
 
@@ -24,20 +24,29 @@ struct Header {
     uint64_t oldFrom;
     uint64_t oldCount;
     uint64_t sideLength;
+    uint64_t inode;
+    int64_t birth;
     uint32_t sideAction;
-    uint32_t sideNameLength;
     uint32_t crc;
     uint32_t adler;
+    uint32_t progress;
+    int64_t placedAt;
+    uint32_t progressCrc;
+    uint32_t zero;
 };
-static_assert(sizeof(Header) == 64, "the layout is the same on both word sizes");
+static_assert(sizeof(Header) == 96, "the layout is the same on both word sizes");
+static const size_t kProgressAt = offsetof(Header, progress);
+static const size_t kProgressSize = offsetof(Header, zero) - kProgressAt;
 
-// Both sums of the header, taken as if they were 0, and of what follows it. zlib counts in ints.
+// Both sums of the header, taken as if they and the progress were 0, and of what follows it. zlib counts
+// in ints.
 struct Sums {
     uLong crc = crc32(0, nullptr, 0);
     uLong adler = adler32(0, nullptr, 0);
 
     explicit Sums(Header header) {
-        header.crc = header.adler = 0;
+        header.crc = header.adler = header.progress = header.progressCrc = 0;
+        header.placedAt = 0;
         add({reinterpret_cast<const char*>(&header), sizeof header});
     }
     void add(ZSpan bytes) {
@@ -52,94 +61,133 @@ struct Sums {
     }
 };
 
+uint32_t progressCrc(const Header& header) {
+    uLong crc = crc32(0, nullptr, 0);
+    crc = crc32(crc, reinterpret_cast<const Bytef*>(&header.progress), sizeof header.progress);
+    crc = crc32(crc, reinterpret_cast<const Bytef*>(&header.placedAt), sizeof header.placedAt);
+    return static_cast<uint32_t>(crc);
+}
+
+// Which file an open one is, for as long as it exists. 0 for what can't be known for longer than the
+// file system is mounted.
+struct Identity {
+    uint64_t inode = 0;
+    int64_t birth = 0;
+
+    explicit Identity(int descriptor) {
+        struct statx status;
+        if (statx(descriptor, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0)
+            return;
+        if (numbersLast(descriptor))
+            inode = status.stx_ino;
+        if ((status.stx_mask & STATX_BTIME) != 0)
+            birth = status.stx_btime.tv_sec * INT64_C(1000000000) + status.stx_btime.tv_nsec;
+    }
+    // Whether both can be of one file.
+    bool agrees(uint64_t otherInode, int64_t otherBirth) const {
+        return (inode == 0 || otherInode == 0 || inode == otherInode) &&
+               (birth == 0 || otherBirth == 0 || birth == otherBirth);
+    }
+
+private:
+    // Some file systems number their files anew with each mount.
+    static bool numbersLast(int descriptor) {
+        static const uint32_t kAnew[] = {0x4D44 /* FAT */, 0x2011BAB0 /* exFAT */,
+                                         0x65735546 /* FUSE */};
+        struct statfs system;
+        if (fstatfs(descriptor, &system) != 0)
+            return false;
+        for (const uint32_t type : kAnew)
+            if (static_cast<uint32_t>(system.f_type) == type)
+                return false;
+        return true;
+    }
+};
+
 }  // namespace
 
-size_t zfirstDifference(ZSpan a, ZSpan b) {
-    const size_t most = a.size < b.size ? a.size : b.size;
-    size_t at = 0;
-    while (most - at >= kSector && memcmp(a.data + at, b.data + at, kSector) == 0)
-        at += kSector;
-    while (at < most && a.data[at] == b.data[at])
-        ++at;
-    return at;
-}
-
-void zcopyAccess(int descriptor, int model) {
-    struct stat status;
-    if (fstat(model, &status) != 0)
-        return;
-    // Who may not give a file away may still open it to the same people, but to no other group.
-    struct stat own;
-    mode_t mode = status.st_mode & 07777;
-    if (fchown(descriptor, status.st_uid, status.st_gid) != 0 &&
-        fchown(descriptor, static_cast<uid_t>(-1), status.st_gid) != 0 &&
-        (fstat(descriptor, &own) != 0 || own.st_gid != status.st_gid))
-        mode &= ~static_cast<mode_t>(S_IRWXG);
-    const int granted = fchmod(descriptor, mode);
-    (void)granted;
-    static const char kAccessList[] = "system.posix_acl_access";
-    char list[1024];
-    const ssize_t length = fgetxattr(model, kAccessList, list, sizeof list);
-    if (length > 0) {
-        const int copied = fsetxattr(descriptor, kAccessList, list, static_cast<size_t>(length), 0);
-        (void)copied;
-    } else if (length < 0 && errno == ENODATA) {
-        fremovexattr(descriptor, kAccessList);  // what the folder gives to new files
-    }
-}
-
-ZJournal::ZJournal(const char* path)
-    : target_(path),
+ZJournal::ZJournal(const char* path, int descriptor)
+    : filePath_(path),
+      file_descriptor_(descriptor),
+      placeIsKnown_(false),
+      isKnown_(false),
       text_{nullptr, 0},
       oldPart_{nullptr, 0},
       side_{nullptr, 0},
       sideAction_(zsideUntouched),
       oldLength_(0),
-      oldFrom_(0) {
-    char link;
-    if (readlink(path, &link, 1) >= 0)  // seldom, and cheaper to ask than to follow
-        zfollowLinks(target_);
-    name_ = target_;
-    name_.append(kJournalSuffix);
+      oldFrom_(0),
+      inode_(0),
+      birth_(0),
+      progress_(underWay),
+      placedAt_(0) {}
+
+ZLCString ZJournal::path() const {
+    return placeIsKnown_ ? place_.pathOf(name_.getChars()) : zbesideName(filePath_, kJournalSuffix);
 }
 
 // ---------------------------------------------------------------- reading
 
-bool ZJournal::find(int descriptor) {
-    if (access(name(), F_OK) != 0)
-        return false;
-    const int journal = open(name(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    struct stat status;
-    if (journal < 0) {
-        const int error = errno;
-        // Its writer has just finished, or it is a link and none of ours, or was just begun: it gets
-        // the file's access ahead of its content.
-        if (error == ENOENT || error == ELOOP ||
-            (stat(name(), &status) == 0 && status.st_size == 0))
+// Whether anything has the journal's name; errno where not. Mostly nothing has, and a look by name tells.
+bool ZJournal::isThere(struct stat& status) {
+    if (!placeIsKnown_) {
+        char link;
+        if (readlink(filePath_, &link, 1) < 0) {
+            const char* name = znameOf(filePath_);
+            ZLCString probe(filePath_, static_cast<unsigned int>(name - filePath_));
+            probe.append(zbesideName(name, kJournalSuffix));
+            if (lstat(probe.getChars(), &status) != 0)
+                return false;
+        }
+        // If the file isn't there any more, what lies there isn't its journal.
+        if (place_.find(filePath_, file_descriptor_) != 0) {
+            errno = ENOENT;
             return false;
-        Z_RAISE_IO(name(), "fopen(r)", error);
+        }
+        name_ = zbesideName(place_.name(), kJournalSuffix);
+        placeIsKnown_ = true;
     }
-    ZOpenFile guard(journal);
-    if (fstat(journal, &status) != 0)
-        Z_RAISE_IO(name(), "stat()", errno);
-    if (!S_ISREG(status.st_mode) || status.st_size < static_cast<off_t>(sizeof(Header)) ||
-        !mayComeFrom(status.st_uid, descriptor))
-        return false;
-    const int error = zreadWholeFile(journal, bytes_);
-    if (error != 0)
-        Z_RAISE_IO(name(), "read()", error);
-    return parse() && belongsTo(descriptor);
+    return fstatat(place_.folder(), name_.getChars(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-// Whoever can make a file in the folder can put another one in the place of the stanza file, unless
-// the folder keeps everybody from other people's files, as /tmp does. There a journal must come from
-// somebody who can write the file anyway.
-bool ZJournal::mayComeFrom(uid_t writer, int descriptor) const {
-    struct stat folder, file;
-    if (stat(zfolderOf(target()).getChars(), &folder) != 0 || fstat(descriptor, &file) != 0)
-        Z_RAISE_IO(target(), "stat()", errno);
-    return (folder.st_mode & S_ISVTX) == 0 || writer == 0 || writer == geteuid() ||
-           writer == file.st_uid || writer == folder.st_uid;
+// Who may write to a file may change its content in any case. Nobody but its owner and root has a journal
+// of it: others can't give theirs to the owner.
+bool ZJournal::mayBeOurs(const struct stat& status) const {
+    struct stat file;
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 && fstat(file_descriptor_, &file) == 0 &&
+           (status.st_uid == file.st_uid || status.st_uid == 0);
+}
+
+bool ZJournal::find() {
+    struct stat status;
+    if (!isThere(status)) {
+        // A name that can't be looked at may be a journal's all the same.
+        if (errno == EIO || errno == ENOMEM)
+            Z_RAISE_IO(path().getChars(), "stat()", errno);
+        return false;
+    }
+    if (!mayBeOurs(status) || status.st_size < static_cast<off_t>(sizeof(Header)))
+        return false;
+    ZOpenFile journal(
+        zopenFileAt(place_.folder(), name_.getChars(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (journal.get() < 0 && (errno == ENOENT || errno == ELOOP))
+        return false;  // its writer has just finished, or somebody plays with us
+    if (journal.get() < 0)
+        Z_RAISE_IO(path().getChars(), "fopen(r)", errno);
+    if (fstat(journal.get(), &status) != 0)
+        Z_RAISE_IO(path().getChars(), "stat()", errno);
+    if (!mayBeOurs(status))
+        return false;
+    int error = zreadWholeFile(journal.get(), bytes_);
+    if (error != 0)
+        Z_RAISE_IO(path().getChars(), "read()", error);
+    if (!parse() || !isOfThisFile() || !findSideName())
+        return false;
+    error = zreadWholeFile(file_descriptor_, file_);
+    if (error != 0)
+        Z_RAISE_IO(filePath_, "read()", error);
+    isKnown_ = true;
+    return canBeLeft();
 }
 
 // Finds the parts. False for what isn't a whole journal.
@@ -151,8 +199,7 @@ bool ZJournal::parse() {
     if (memcmp(header.magic, kMagic, sizeof kMagic) != 0)
         return false;
     const uint64_t left = bytes_.size() - sizeof header;
-    const uint64_t lengths[] = {header.textLength, header.oldCount, header.sideNameLength,
-                                header.sideLength};
+    const uint64_t lengths[] = {header.textLength, header.oldCount, header.sideLength};
     uint64_t sum = 0;
     for (const uint64_t length : lengths) {
         if (length > left - sum)
@@ -166,56 +213,91 @@ bool ZJournal::parse() {
                             header.oldFrom <= header.oldLength &&
                             header.oldCount <= header.oldLength - header.oldFrom;
     if (sum != left || header.sideAction > zsideRemoved || header.oldFrom > header.textLength ||
-        !(keptToEnd || keptInside))
+        !(keptToEnd || keptInside) || header.zero != 0 ||
+        (header.sideAction == zsideReplaced) != (header.sideLength != 0))
         return false;
     Sums sums(header);
     sums.add({bytes_.data() + sizeof header, static_cast<size_t>(left)});
-    if (sums.crc != header.crc || sums.adler != header.adler)
+    if (sums.crc != header.crc || sums.adler != header.adler || header.progress > onDisk ||
+        header.progressCrc != progressCrc(header))
         return false;
 
     const char* at = bytes_.data() + sizeof header;
     text_ = {at, static_cast<size_t>(header.textLength)};
     oldPart_ = {at += text_.size, static_cast<size_t>(header.oldCount)};
-    at += oldPart_.size;
-    sideName_ = ZLCString(at, header.sideNameLength);
-    side_ = {at + header.sideNameLength, static_cast<size_t>(header.sideLength)};
+    side_ = {at + oldPart_.size, static_cast<size_t>(header.sideLength)};
     sideAction_ = static_cast<ZSideAction>(header.sideAction);
     oldLength_ = header.oldLength;
     oldFrom_ = header.oldFrom;
+    inode_ = header.inode;
+    birth_ = header.birth;
+    progress_ = static_cast<Progress>(header.progress);
+    placedAt_ = header.placedAt;
     return true;
 }
 
-// Whether each sector of the file can be what the store left of it. Behind the old text's end a
-// sector may also be empty: the file's length can reach the disk before its bytes.
-bool ZJournal::belongsTo(int descriptor) const {
-    ZBytes file;
-    const int error = zreadWholeFile(descriptor, file);
-    if (error != 0)
-        Z_RAISE_IO(target(), "read()", error);
-    const uint64_t size = file.size();
-    if (size < (oldLength_ < text_.size ? oldLength_ : text_.size) ||
-        size > (oldLength_ > text_.size ? oldLength_ : text_.size))
+bool ZJournal::isOfThisFile() const { return Identity(file_descriptor_).agrees(inode_, birth_); }
+
+// The parts must agree: a side database comes with a text that names it, and goes with one that did.
+bool ZJournal::findSideName() {
+    if (sideAction_ == zsideUntouched)
+        return true;
+    ZBytes old;
+    ZSpan text = text_, value;
+    if (sideAction_ == zsideRemoved) {
+        oldText(old);
+        text = {old.data(), old.size()};
+    }
+    if (!zfindValue(text, kSideStanza, kSideKey, value) || value.size == 0)
         return false;
-    // The byte that the old text had there; -1 behind its end.
-    const auto oldByte = [&](uint64_t i) -> int {
-        if (i >= oldLength_)
-            return -1;
-        const bool kept = i >= oldFrom_ && i - oldFrom_ < oldPart_.size;
-        return static_cast<unsigned char>(kept ? oldPart_.data[i - oldFrom_] : text_.data[i]);
-    };
-    // What lies ahead of the first difference is the same in both.
-    const ZSpan all = {file.data(), file.size()};
-    for (uint64_t start = zfirstDifference(all, text_) / kSector * kSector; start < size;
-         start += kSector) {
-        const uint64_t end = size - start < kSector ? size : start + kSector;
-        uint64_t i = start;
-        while (i < end && i < text_.size && file[i] == text_.data[i])
-            ++i;
-        while (i < end && static_cast<unsigned char>(file[i]) == oldByte(i))
-            ++i;
-        while (i < end && i >= oldLength_ && file[i] == 0)
-            ++i;
-        if (i != end)
+    sideName_ = ZLCString(value.data, static_cast<unsigned int>(value.size));
+    return true;
+}
+
+bool ZJournal::isSideBesideFile() const {
+    ZPlace side;
+    struct stat sideFolder, folder;
+    ZLCString name(place_.name());
+    name.append(kSideSuffix);
+    return side.find(sideName_.getChars()) == 0 && fstat(side.folder(), &sideFolder) == 0 &&
+           fstat(place_.folder(), &folder) == 0 && sideFolder.st_dev == folder.st_dev &&
+           sideFolder.st_ino == folder.st_ino && name.equals(side.name());
+}
+
+// Bytes of the new text that are the old one's too aren't kept.
+void ZJournal::oldText(ZBytes& out) const {
+    out.setSize(0);
+    out.reserveMore(static_cast<size_t>(oldLength_));
+    // What is kept lies behind a beginning, and ahead of an end, that the new text has as well.
+    const size_t keptEnd = static_cast<size_t>(oldFrom_) + oldPart_.size;
+    memcpy(out.data(), text_.data, static_cast<size_t>(oldFrom_));
+    memcpy(out.data() + oldFrom_, oldPart_.data, oldPart_.size);
+    memcpy(out.data() + keptEnd, text_.data + keptEnd, static_cast<size_t>(oldLength_) - keptEnd);
+    out.setSize(static_cast<size_t>(oldLength_));
+}
+
+bool ZJournal::canBeLeft() const {
+    const ZSpan now = file();
+    if (zequals(now, text_))
+        return true;
+    ZBytes bytes;
+    oldText(bytes);
+    const ZSpan old = {bytes.data(), bytes.size()};
+    if (progress_ == onDisk || zequals(now, old))
+        return false;
+    ZFileStamp stamp;
+    if (progress_ == placed &&
+        (zstampFile(file_descriptor_, stamp) != 0 || stamp.modified > placedAt_))
+        return false;
+    const size_t least = text_.size < old.size ? text_.size : old.size;
+    const size_t most = text_.size > old.size ? text_.size : old.size;
+    if (now.size < least || now.size > most)
+        return false;
+    for (size_t i = zfirstDifference(now, text_); i < now.size; ++i) {
+        const char byte = now.data[i];
+        const bool isNew = i < text_.size && byte == text_.data[i];
+        const bool isOld = i < old.size && byte == old.data[i];
+        if (!isNew && !isOld && (byte != 0 || i < least))
             return false;
     }
     return true;
@@ -231,23 +313,26 @@ static size_t lastDifference(ZSpan a, ZSpan b, size_t from) {
     return end;
 }
 
-// Syncs the folder in which `path` stands. 0 or errno.
-static int syncFolder(const ZLCString& path) {
-    const int descriptor =
-        open(zfolderOf(path.getChars()).getChars(), O_RDONLY | O_CLOEXEC | O_DIRECTORY);
-    if (descriptor < 0)
-        return errno;
-    ZOpenFile guard(descriptor);
-    return fsync(descriptor) == 0 ? 0 : errno;
+// What has the journal's name goes, or it is told whose it is.
+ZFailure ZJournal::makeWay(const struct stat& status) {
+    if (unlinkat(place_.folder(), name_.getChars(), 0) == 0 || errno == ENOENT)
+        return zdone;
+    const ZFailure failure = zfailed("unlink()");
+    if (isKnown_ || mayBeOurs(status))
+        return failure;
+    char call[64];
+    snprintf(call, sizeof call, "unlink() of what belongs to user %lu",
+             static_cast<unsigned long>(status.st_uid));
+    ZPropertiesIOException raised(path().getChars(), call, failure.error);
+    raised.throwException(__FILE__, __LINE__);
 }
 
-void ZJournal::write(int descriptor, ZSpan text, ZSpan oldText, ZSideAction action,
-                     const ZLCString& sideName, ZSpan side) {
+bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) {
     const size_t from = zfirstDifference(text, oldText);
     const size_t to =
         text.size == oldText.size ? lastDifference(text, oldText, from) : oldText.size;
-    const ZSpan parts[] = {
-        text, {oldText.data + from, to - from}, {sideName.getChars(), sideName.getLength()}, side};
+    const ZSpan parts[] = {text, {oldText.data + from, to - from}, side};
+    const Identity identity(file_descriptor_);
     Header header = {};
     memcpy(header.magic, kMagic, sizeof kMagic);
     header.textLength = text.size;
@@ -255,48 +340,96 @@ void ZJournal::write(int descriptor, ZSpan text, ZSpan oldText, ZSideAction acti
     header.oldFrom = from;
     header.oldCount = to - from;
     header.sideLength = side.size;
+    header.inode = identity.inode;
+    header.birth = identity.birth;
     header.sideAction = action;
-    header.sideNameLength = sideName.getLength();
     Sums sums(header);
     for (const ZSpan& part : parts)
         sums.add(part);
     header.crc = static_cast<uint32_t>(sums.crc);
     header.adler = static_cast<uint32_t>(sums.adler);
+    header.progressCrc = progressCrc(header);
 
-    // A torn one that lies there doesn't count, whoever it belongs to: it makes way.
-    if (unlink(name()) != 0 && errno != ENOENT)
-        Z_RAISE_IO(name(), "unlink()", errno);
-    const int journal = open(name(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (journal < 0)
-        Z_RAISE_IO(name(), "fopen(w)", errno);
-    ZOpenFile guard(journal);
-    zcopyAccess(journal, descriptor);
-    const char* call = "write()";
-    int error = zwriteAt(journal, reinterpret_cast<const char*>(&header), sizeof header, 0);
+    Z_CHECK_IO(path().getChars(), remove(true));
+    if (!placeIsKnown_) {
+        const int error = place_.find(filePath_, file_descriptor_);
+        if (error != 0)
+            Z_RAISE_IO(filePath_, "open() of the folder", error);
+        name_ = zbesideName(place_.name(), kJournalSuffix);
+        placeIsKnown_ = true;
+    }
+    journal_.reset(zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
+                               S_IRUSR | S_IWUSR));
+    if (journal_.get() < 0)
+        Z_RAISE_IO(path().getChars(), "fopen(w)", errno);
+    isKnown_ = true;
+    // Its content comes behind its access.
+    if (zcopyAccess(journal_.get(), file_descriptor_) != 0) {
+        Z_CHECK_IO(path().getChars(), remove());
+        return false;
+    }
+    ZFailure failure = {"write()", zwriteAt(journal_.get(), reinterpret_cast<const char*>(&header),
+                                            sizeof header, 0)};
     uint64_t at = sizeof header;
     for (const ZSpan& part : parts) {
-        if (error == 0)
-            error = zwriteAt(journal, part.data, part.size, at);
+        if (!failure)
+            failure.error = zwriteAt(journal_.get(), part.data, part.size, at);
         at += part.size;
     }
-    if (error == 0) {
-        call = "fsync()";
-        error = fsync(journal) == 0 ? 0 : errno;
-    }
-    if (error == 0)
-        error = syncFolder(target_);
-    if (error != 0) {
+    if (!failure)
+        failure = sync();
+    if (!failure)
+        failure = place_.sync();
+    if (failure) {
         remove();
-        Z_RAISE_IO(name(), call, error);
+        Z_RAISE_IO(path().getChars(), failure.call, failure.error);
     }
+    return true;
 }
 
-int ZJournal::remove() {
-    if (unlink(name()) == 0 || errno == ENOENT)
-        return 0;
-    const int error = errno;
-    if (truncate(name(), 0) != 0)
-        return error;
-    unlink(name());  // an empty one may lie there
-    return 0;
+ZFailure ZJournal::openForMarks() {
+    struct stat status;
+    journal_.reset(
+        zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (journal_.get() < 0 || fstat(journal_.get(), &status) != 0)
+        return zfailed("fopen(w)");
+    return mayBeOurs(status) ? zdone : ZFailure{"fopen(w)", EPERM};
+}
+
+ZFailure ZJournal::mark(Progress progress) {
+    Header header = {};
+    header.progress = progress;
+    if (progress == placed) {
+        ZFileStamp stamp;
+        const int error = zstampFile(file_descriptor_, stamp);
+        if (error != 0)
+            return {"stat()", error};
+        header.placedAt = stamp.modified;
+    }
+    header.progressCrc = progressCrc(header);
+    return {"write()",
+            zwriteAt(journal_.get(), reinterpret_cast<const char*>(&header) + kProgressAt,
+                     kProgressSize, kProgressAt)};
+}
+
+ZFailure ZJournal::sync() const { return fsync(journal_.get()) == 0 ? zdone : zfailed("fsync()"); }
+
+ZFailure ZJournal::remove(bool mustGo) {
+    struct stat status = {};
+    journal_.close();
+    if (!isKnown_ && (!isThere(status) || (!mustGo && !mayBeOurs(status))))
+        return zdone;
+    const ZFailure failure = makeWay(status);
+    // What is told as failed may have been done.
+    if (!failure ||
+        (fstatat(place_.folder(), name_.getChars(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+         errno == ENOENT))
+        return zdone;
+    ZOpenFile left(
+        zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (left.get() < 0 || fstat(left.get(), &status) != 0 || !mayBeOurs(status) ||
+        ftruncate(left.get(), 0) != 0)
+        return failure;
+    unlinkat(place_.folder(), name_.getChars(), 0);  // an empty one may lie there
+    return zdone;
 }

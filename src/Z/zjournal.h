@@ -6,36 +6,50 @@
 // content in place, and after that only if the storing process or the machine was stopped. Layout,
 // numbers in the machine's order:
 //
-//   0   8 bytes  "ZBASEJ1\n"
+//   0   8 bytes  "ZBASEJ2\n"
 //   8   uint64   length of the new text
 //   16  uint64   length of the old text
 //   24  uint64   first byte in which the two differ
 //   32  uint64   bytes of the old text from there on that are kept here; any others are the new's
 //   40  uint64   length of the side database
-//   48  uint32   what becomes of the side database: 0 nothing, 1 it is replaced, 2 it is removed
-//   52  uint32   length of the side database's path
-//   56  uint32   CRC-32 of all other bytes
-//   60  uint32   Adler-32 of all other bytes
-//   64  the new text, the old text's part, the side database's path, the side database
+//   48  uint64   inode of the file
+//   56  int64    when that inode was made, in nanoseconds; 0 where the file system doesn't tell
+//   64  uint32   what becomes of the side database: 0 nothing, 1 it is replaced, 2 it is removed
+//   68  uint32   CRC-32 of all bytes but these sums and the progress
+//   72  uint32   Adler-32 of the same
+//   76  uint32   progress: 0 under way, 1 the text is placed, 2 it is on the disk
+//   80  int64    with progress 1: the file's time of modification then, in nanoseconds
+//   88  uint32   CRC-32 of the progress and that time
+//   92  uint32   0
+//   96  the new text, the old text's part, the side database
 //
-// In a folder in which nobody may touch other people's files, it must belong to the file's owner, the
-// folder's, the reader or root.
+// Only the progress is written a second time, within one sector.
 //
-// A journal whose length or sums are wrong was never finished, so that the file still is the old one.
-// A whole one counts as long as the file can be what this store left of it: of each sector either
-// the old or the new bytes, or the new ones' beginning and the old ones' end. (Bytes reach the file
-// in order; sectors reach the disk in any.) Else somebody else has rewritten the file since, and the
-// journal is stale.
+// Whose journal counts. It says nothing that the file doesn't say too: the side database is the one that
+// the new text names, or the old one where it goes. It must be a regular file with one name that belongs to
+// the file's owner or to root, and that is asked before it is opened: what a stranger has put there is no
+// journal. The inode must be the file's, so that a file that an editor has put in its place is safe from
+// it. (The device isn't asked: it changes when a disk is mounted anew.)
+//
+// When it counts. One whose length or sums are wrong was never finished, so that the file is still the old
+// one. A whole one counts if the file is what its store can have left:
+//   - all of the new text;
+//   - or, unless the progress is 2, each byte the old or the new one, or 0 behind either's end: bytes and
+//     length reach the disk in any order. But not
+//       all of the old text. The store has then put nothing in place, or somebody has taken it back;
+//       a file that was modified after the text was placed. Somebody else has written to it.
+// Else it is stale. What this can't see: somebody who writes to the file in place, sets its time of
+// modification back or writes within the same tick of the clock, and leaves a mixture of both texts.
 //
 // Who reads the file under a read lock takes the content from a journal that counts and leaves it
 // alone. Who holds the write lock puts it in place or removes it.
 #ifndef Z_ZJOURNAL_H
 #define Z_ZJOURNAL_H
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
-#include "ZLCString.h"
 #include "zpblock.h"
+#include "zwholefile.h"
 
 /// What a journal's name has behind the file's.
 static const char kJournalSuffix[] = ".zjournal";
@@ -45,51 +59,76 @@ enum ZSideAction { zsideUntouched = 0, zsideReplaced = 1, zsideRemoved = 2 };
 
 class ZJournal {
 public:
-    /// The journal of the file `path`.
-    explicit ZJournal(const char* path);
+    enum Progress : uint32_t { underWay = 0, placed = 1, onDisk = 2 };
 
-    const char* name() const { return name_.getChars(); }
-    /// The file itself, links followed.
-    const char* target() const { return target_.getChars(); }
+    /// The journal of the file that is open as `descriptor`, to which `path` has led. Both must outlive
+    /// it.
+    ZJournal(const char* path, int descriptor);
 
-    /// Whether a journal is there that counts for the file open as `descriptor`; its content is at
-    /// hand then. Raises ZPropertiesIOException if there is one that can't be read.
-    bool find(int descriptor);
+    /// Its path, for messages.
+    ZLCString path() const;
+
+    /// Whether a journal is there that counts; its content is at hand then. Raises
+    /// ZPropertiesIOException if there is one that can't be read.
+    bool find();
     ZSpan text() const { return text_; }
     ZSideAction sideAction() const { return sideAction_; }
     ZSpan side() const { return side_; }
+    /// The side database's name, as the text that has it says it.
     const ZLCString& sideName() const { return sideName_; }
+    /// Whether that is the one that a store makes by itself, beside the file.
+    bool isSideBesideFile() const;
+    /// Makes `out` the old text.
+    void oldText(ZBytes& out) const;
+    /// The file as find has read it.
+    ZSpan file() const { return {file_.data(), file_.size()}; }
 
-    /// Writes a journal, with owner, mode and access list of `descriptor`'s file, and syncs it and
-    /// its folder. Raises ZPropertiesIOException, and then there is none.
-    void write(int descriptor, ZSpan text, ZSpan oldText, ZSideAction action,
-               const ZLCString& sideName, ZSpan side);
+    /// Writes a journal with the file's owner, group, mode and access list, and syncs it and its folder.
+    /// False, with nothing left, if it can't have those: then it would bar people from the content, or
+    /// let them at it. Raises ZPropertiesIOException, and then there is none; with a word that tells
+    /// whose it is where the name is taken.
+    bool write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side);
 
-    /// Removes the journal, whole or not, or makes it one that doesn't count. 0 or errno.
-    int remove();
+    /// Notes how far its store has come. Not synced.
+    ZFailure mark(Progress progress);
+    ZFailure sync() const;
+
+    /// Lets a journal that was found be marked. 0 or errno.
+    ZFailure openForMarks();
+
+    /// Removes the journal, whole or not, or makes it one that doesn't count. What can't be this file's
+    /// journal stays, unless `mustGo`.
+    ZFailure remove(bool mustGo = false);
 
 private:
+    bool isThere(struct stat& status);
+    bool mayBeOurs(const struct stat& status) const;
+    ZFailure makeWay(const struct stat& status);
     bool parse();
-    bool mayComeFrom(uid_t writer, int descriptor) const;
-    bool belongsTo(int descriptor) const;
+    bool isOfThisFile() const;
+    bool findSideName();
+    bool canBeLeft() const;
 
-    ZLCString target_;
+    const char* const filePath_;
+    const int file_descriptor_;
+    bool placeIsKnown_;
+    bool isKnown_;  // found or written here
+    ZPlace place_;
     ZLCString name_;
-    ZBytes bytes_;  // the whole journal, once found; the spans lead into it
+    ZOpenFile journal_;  // for marks
+    ZBytes bytes_;       // the whole journal, once found; the spans lead into it
+    ZBytes file_;
     ZSpan text_;
     ZSpan oldPart_;
     ZSpan side_;
-    ZLCString sideName_;
     ZSideAction sideAction_;
+    ZLCString sideName_;
     uint64_t oldLength_;
     uint64_t oldFrom_;
+    uint64_t inode_;
+    int64_t birth_;
+    Progress progress_;
+    int64_t placedAt_;
 };
-
-/// The first byte in which two texts differ, or the length of the shorter one.
-size_t zfirstDifference(ZSpan a, ZSpan b);
-
-/// Gives the file open as `descriptor` the owner, mode and access list of `model`'s, as far as the
-/// process may.
-void zcopyAccess(int descriptor, int model);
 
 #endif

@@ -445,3 +445,19 @@ void zkeepLines(ZSpan original, ZSpan written, ZBytes& out) {
     out.reserveMore(written.size + written.size / 8 + 64);
     LineKeeper(original, out).write(written);
 }
+
+bool zfindValue(ZSpan text, const char* stanza, const char* key, ZSpan& value) {
+    const ZSpan wantedStanza = {stanza, strlen(stanza)}, wantedKey = {key, strlen(key)};
+    LineReader reader(text, kLongestLine);
+    Line line;
+    bool isInside = false;
+    while (reader.next(line, 0)) {
+        if (line.kind == kHeader)
+            isInside = equal(line.name, wantedStanza);
+        else if (isInside && line.kind == kEntry && equal(line.name, wantedKey)) {
+            value = line.value;
+            return true;
+        }
+    }
+    return false;
+}

@@ -9,16 +9,16 @@
 
 ZLockedFile::ZLockedFile(const char* path, ZLockOwner owner, unsigned long waitMilliseconds,
                          bool mayCreate)
-    : path_(path), descriptor_(-1), created_(false) {
+    : path_(path), owner_(owner), created_(false) {
     for (;;) {
         open(mayCreate);
-        const int error = zlockWholeFile(descriptor_, F_WRLCK, owner, waitMilliseconds);
-        if (error == 0 && zleadsTo(path_.getChars(), descriptor_))
+        const int error = zlockWholeFile(descriptor(), F_WRLCK, owner, waitMilliseconds);
+        if (error == 0 && zleadsTo(path_.getChars(), descriptor()))
             return;
         // An empty file that somebody else has locked meanwhile is his.
-        if (error != 0 && created_ && error != EAGAIN && error != EACCES)
-            unlink(path_.getChars());
-        close(descriptor_);
+        if (error != 0 && !zisLockedByOthers(error))
+            forgetCreated();
+        finish();
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "fcntl()", error);
     }
@@ -27,29 +27,72 @@ ZLockedFile::ZLockedFile(const char* path, ZLockOwner owner, unsigned long waitM
 void ZLockedFile::open(bool mayCreate) {
     const char* path = path_.getChars();
     created_ = false;
-    descriptor_ = ::open(path, O_RDWR | O_CLOEXEC);
-    if (descriptor_ < 0 && errno == ENOENT && mayCreate) {
-        descriptor_ = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        created_ = descriptor_ >= 0;
+    file_.reset(zopenRegularFile(path, O_RDWR));
+    if (descriptor() < 0 && errno == ENOENT && mayCreate) {
+        file_.reset(zopenFile(path, O_RDWR | O_CREAT | O_EXCL, 0666));
+        created_ = descriptor() >= 0;
         // Somebody was faster, or the path is a link that leads nowhere yet.
-        if (descriptor_ < 0 && errno == EEXIST)
-            descriptor_ = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (descriptor() < 0 && errno == EEXIST)
+            file_.reset(zopenRegularFile(path, O_RDWR | O_CREAT, 0666));
     }
-    if (descriptor_ < 0)
+    if (descriptor() < 0)
         Z_RAISE_IO(path, "fopen(r+)", errno);
 }
 
+// What was made here goes, if it is empty still, and what the path leads to.
+void ZLockedFile::forgetCreated() {
+    ZPlace place;
+    ZFileStamp stamp;
+    if (created_ && zstampFile(descriptor(), stamp) == 0 && stamp.size == 0 &&
+        place.find(path_.getChars(), descriptor()) == 0)
+        unlinkat(place.folder(), place.name(), 0);
+    created_ = false;
+}
+
 ZLockedFile::~ZLockedFile() {
-    if (descriptor_ >= 0 && created_)
-        unlink(path_.getChars());
+    if (descriptor() >= 0)
+        forgetCreated();
     finish();
 }
 
 int ZLockedFile::finish() {
-    const int descriptor = descriptor_;
-    descriptor_ = -1;
-    return descriptor < 0 || close(descriptor) == 0 ? 0 : errno;
+    if (descriptor() >= 0)
+        zunlockWholeFile(descriptor(), owner_);
+    return file_.close();
 }
+
+// ---------------------------------------------------------------- reading
+
+ZReadFile::ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner,
+                     unsigned long waitMilliseconds)
+    : owner_(owner), stream_(nullptr) {
+    {
+        ZCancelGuard uncancelled;
+        if (onlyRegular) {
+            ZOpenFile file(zopenRegularFile(path, O_RDONLY));
+            stream_.reset(file.get() < 0 ? nullptr : fdopen(file.get(), "r"));
+            if (stream_.get() != nullptr)
+                file.release();
+        } else {
+            stream_.reset(fopen(path, "re"));
+        }
+    }
+    if (stream_.get() == nullptr)
+        Z_RAISE_IO(path, "fopen(r)", errno);
+    room_.lendTo(stream_.get());
+    const int error = zlockWholeFile(descriptor(), F_RDLCK, owner, waitMilliseconds);
+    if (error != 0)
+        Z_RAISE_IO(path, "fcntl()", error);
+}
+
+void ZReadFile::close() {
+    // A process's lock goes with the descriptor.
+    if (stream_.get() != nullptr && owner_ == zlockOfDescription)
+        zunlockWholeFile(descriptor(), owner_);
+    stream_.close();
+}
+
+// ---------------------------------------------------------------- memory
 
 // The C library's own memory stream takes a text that it had no room for as written.
 ssize_t ZMemoryStream::take(void* self, const char* bytes, size_t size) {

@@ -6,11 +6,13 @@
 #include <cstdio>
 
 #include "ZPCache.h"
+#include "zfilestream.h"
 #include "zinternal.h"
 #include "zwholefile.h"
 
 /// A stanza file that is open for a store, under its write lock, and the one to which the path leads:
-/// while the lock was awaited, an editor may have put another file in its place.
+/// while the lock was awaited, an editor may have put another file in its place. Only a regular file is
+/// taken.
 class ZLockedFile {
 public:
     /// Opens and locks. A missing file is made if `mayCreate`. Raises ZPropertiesIOException with
@@ -21,17 +23,40 @@ public:
     ZLockedFile(const ZLockedFile&) = delete;
     ZLockedFile& operator=(const ZLockedFile&) = delete;
 
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return file_.get(); }
 
-    /// The content is in place: closes, and so unlocks. 0 or errno.
+    /// The content is in place: unlocks and closes. 0 or errno.
     int finish();
 
 private:
     void open(bool mayCreate);
+    void forgetCreated();
 
     const ZLCString path_;
-    int descriptor_;
+    const ZLockOwner owner_;
+    ZOpenFile file_;
     bool created_;
+};
+
+/// A stanza file that is open for a load, under its read lock.
+class ZReadFile {
+public:
+    /// Opens and locks. With `onlyRegular`, anything else is refused, and nothing hangs at a pipe. Raises
+    /// ZPropertiesIOException with "fopen(r)" or "fcntl()".
+    ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner, unsigned long waitMilliseconds);
+    ~ZReadFile() { close(); }
+    ZReadFile(const ZReadFile&) = delete;
+    ZReadFile& operator=(const ZReadFile&) = delete;
+
+    FILE* stream() const { return stream_.get(); }
+    int descriptor() const { return fileno(stream_.get()); }
+    /// Unlocks and closes.
+    void close();
+
+private:
+    const ZLockOwner owner_;
+    ZStreamRoom room_;
+    ZStreamGuard stream_;
 };
 
 /// A stream into memory. Its failures are of memory: ZOutOfMemoryException.

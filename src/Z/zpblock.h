@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "ZException.h"
 #include "zmemory.h"
@@ -73,5 +74,17 @@ struct ZSpan {
     const char* data;
     size_t size;
 };
+
+inline ZSpan zspanOf(const ZBytes& bytes) { return {bytes.data(), bytes.size()}; }
+
+/// Makes `to` a copy. ZOutOfMemoryException leaves it as it was.
+inline void zcopyBytes(ZSpan from, ZBytes& to) {
+    ZBytes copy;
+    copy.reserveExactly(from.size);
+    if (from.size != 0)
+        memcpy(copy.data(), from.data, from.size);
+    copy.setSize(from.size);
+    to.swap(copy);
+}
 
 #endif

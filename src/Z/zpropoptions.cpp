@@ -74,6 +74,11 @@ int ZProperties::storeMode() const {
     return optionsNow().storeMode;
 }
 
+int ZProperties::lastStoreMode() const {
+    ZResourceLock guard(lock_);
+    return optionsNow().lastStoreMode;
+}
+
 void ZProperties::setLockWait(unsigned long milliseconds) {
     ZResourceLock guard(lock_);
     options().lockWait = milliseconds;

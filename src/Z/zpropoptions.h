@@ -7,15 +7,27 @@
 
 #include "zmemory.h"
 #include "zstoremodes.h"
+#include "zpblock.h"
 #include "zwholefile.h"
+
+/// What a file holds, as bytes.
+struct ZFileContent {
+    ZBytes text;
+    ZBytes side;  // empty where there is no side database
+
+    void swap(ZFileContent& other) {
+        text.swap(other.text);
+        side.swap(other.side);
+    }
+};
 
 /// The file of an update that is open: the one way to it while it lasts.
 struct ZUpdatedFile {
     int descriptor;  // write-locked
     ZFileStamp stamp;
     pthread_t thread;
-    bool stored;         // since the update began
-    ZUpdatedFile* next;  // in the process's list of open updates
+    ZFileContent content;  // at the beginning, or at the last store since
+    ZUpdatedFile* next;    // in the process's list of open updates
 };
 
 /// The process's list of open updates. Any thread may call these.
@@ -27,6 +39,7 @@ bool zisUpdatedHere(const char* path);
 /// Guarded by the object's lock.
 struct ZPropertiesOptions : ZAllocated {
     int storeMode = ZPROP_STORE_PLAIN;
+    int lastStoreMode = ZPROP_STORE_PLAIN;  // how the last store was made
     unsigned long lockWait = 0;     // milliseconds
     bool waits = true;              // false while getPropertiesFor is at work
     bool storeAllowed = false;      // although the last load failed

@@ -339,6 +339,9 @@ public:
     /// Room for `more` bytes behind the text, to read into; commitText makes them part of it.
     char* textRoom(size_t more);
     void commitText(size_t bytes) { text_.setSize(text_.size() + bytes); }
+    /// The errno at which the last reading failed, or 0.
+    int readError() const { return readError_; }
+    void setReadError(int error) { readError_ = error; }
     /// Takes bytes at the end back that nothing refers to.
     void truncateText(size_t size) { text_.setSize(size); }
     /// Makes room for what a file of that many lines brings at most.
@@ -485,6 +488,7 @@ private:
     bool isFree(Id key) const { return keys_[key].stanza == none; }
     bool isCommentWeWant(const ZPSlice& key, Id line) const;
 
+    int readError_ = 0;
     ZPBlock<char> text_;
     size_t dead_;  // bytes of text_ that nothing refers to
     ZPBlock<Key> keys_;

@@ -1,16 +1,23 @@
 // zsafestore.cpp: the order in which a store touches the disk.
 //
-// Checked: room for both files, then the text, then the side database.
+//   1. room for the text
+//   2. safe: the journal, synced with its folder       a crash until here leaves the old content,
+//   3. the new side database under a name of its own   from the first byte of 4 on the new one,
+//   4. the text in place; safe: synced                 by the journal
+//   5. the side database moved, or removed; safe: its folder synced
+//   6. the journal goes
 //
-// Safe
-//   1. room for the text; the new side database complete under a name of its own
-//   2. the journal, synced with its folder            a crash until here leaves the old content,
-//   3. the text in place, the side database renamed   from here on the new one, by the journal
-//   4. one sync of all that
-//   5. the journal goes
+// The text is on the disk before the side database changes: so a file that holds all of the old text has
+// the old side database, and a journal need not count for it. Three syncs where the text alone changes.
+// A mixture may be on the disk meanwhile: of old and new bytes, and where the text gets shorter, of zeros
+// behind its new end, since the page at that end is cleared. The journal knows all of these.
 //
-// What fails in 3 or 4 is undone: the old text's bytes and the old side database are put back, and
-// then the journal goes. Only if that fails too does the journal stay, and with it the new content.
+// What fails up to the move in 5 is undone: the old bytes are put back, and then the journal goes. Only
+// if that fails too does the journal stay, and with it the new content. What fails behind it leaves the
+// new content, and the journal, which the next store finishes.
+//
+// Checked stores take the same way without journal and syncs, and write a side database that exists in
+// place: then the undoing is all there is.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "zsafestore.h"
@@ -19,295 +26,269 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <memory>
 
-#include "zwholefile.h"
-
-namespace {
-
-// The call that failed, and how.
-struct Failure {
-    const char* call;
-    int error;
-
-    explicit operator bool() const { return error != 0; }
-};
-
-const Failure kNone = {"", 0};
-
-Failure failed(const char* call) { return {call, errno}; }
-
-}  // namespace
-
-// Makes sure of the disk's blocks for a text that grows. Its length stays, so that nobody sees it.
-static Failure secureRoom(int descriptor, uint64_t oldSize, uint64_t newSize) {
-    if (newSize <= oldSize)
-        return kNone;
-    if (fallocate(descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(oldSize),
-                  static_cast<off_t>(newSize - oldSize)) == 0)
-        return kNone;
-    // Not every file system can.
-    const bool cannot = errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
-    return cannot ? kNone : failed("fallocate()");
-}
+#include "ZSCFData.h"
+#include "zsidefile.h"
 
 // Puts `text` in place of a text of `oldSize` bytes, of which those before `from` are the same.
-static Failure overwrite(int descriptor, ZSpan text, size_t from, uint64_t oldSize) {
+static ZFailure overwrite(int descriptor, ZSpan text, size_t from, uint64_t oldSize) {
     const int error = zwriteAt(descriptor, text.data + from, text.size - from, from);
     if (error != 0)
         return {"write()", error};
     if (text.size < oldSize && ftruncate(descriptor, static_cast<off_t>(text.size)) != 0)
-        return failed("ftruncate()");
-    return kNone;
+        return zfailed("ftruncate()");
+    return zdone;
 }
-
-static Failure removeSide(const char* name) {
-    return unlink(name) == 0 || errno == ENOENT ? kNone : failed("unlink()");
-}
-
-// ---------------------------------------------------------------- in place
 
 namespace {
 
-// Removes a file that it had to make, unless it is kept.
-class NewFile {
+// A store that looks at its results.
+class Store {
 public:
-    explicit NewFile(const char* name) : name_(name), made_(false) {}
-    ~NewFile() {
-        if (made_)
-            unlink(name_);
+    Store(const ZStoreWork& work, ZJournal& journal, int mode)
+        : work_(work),
+          journal_(journal),
+          isSafe_(mode == ZPROP_STORE_SAFE),
+          textChanges_(!zequals(work.text, work.oldText)),
+          from_(zfirstDifference(work.text, work.oldText)),
+          action_(work.sideAction),
+          isBegun_(false) {}
+    ~Store() {
+        // Room that was made by zeros behind the text's end.
+        if (!isBegun_ && !isSafe_ && work_.text.size > work_.oldText.size)
+            takeRoomBack();
     }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
 
-    int open() {
-        int descriptor = ::open(name_, O_WRONLY | O_CLOEXEC);
-        if (descriptor >= 0 || errno != ENOENT)
-            return descriptor;
-        descriptor = ::open(name_, O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-        made_ = descriptor >= 0;
-        return descriptor;
+    /// What the side database is now, and whether it may be written to.
+    void examineSide() {
+        if (action_ == zsideUntouched)
+            return;
+        side_.reset(new ZSideFile(work_.sideName.getChars(), work_.descriptor));
+        Z_CHECK_IO(side_->name(), side_->examine());
+        Z_CHECK_IO(side_->name(), side_->clearLeft());
+        if (side_->exists())
+            Z_CHECK_IO(side_->name(), side_->read(oldBytes_));
+        const bool isSame = action_ == zsideRemoved
+                                ? !side_->exists()
+                                : side_->exists() && zequals(oldSide(), work_.side);
+        if (isSame)
+            action_ = zsideUntouched;
     }
-    void keep() { made_ = false; }
+
+    bool hasNothingToDo() const { return action_ == zsideUntouched && !textChanges_; }
+
+    void secureText() {
+        Z_CHECK_IO(work_.path,
+                   zsecureRoom(work_.descriptor, work_.oldText.size, work_.text.size, !isSafe_));
+    }
+
+    /// False if the journal can't have the file's access.
+    bool writeJournal() {
+        // What somebody else has written to the file without a sync goes to the disk ahead of the
+        // journal, or a crash could leave an older text still.
+        const unsigned int flags =
+            SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+        if (sync_file_range(work_.descriptor, 0, 0, flags) != 0 &&
+            (errno == EIO || errno == ENOSPC || errno == EDQUOT))
+            Z_RAISE_IO(work_.path, "sync_file_range()", errno);
+        static const ZSpan kNothing = {"", 0};
+        return journal_.write(work_.text, work_.oldText, action_,
+                              action_ == zsideReplaced ? work_.side : kNothing);
+    }
+
+    void prepareSide() {
+        if (action_ != zsideReplaced)
+            return;
+        const ZFailure failure =
+            side_->prepare(work_.side, isSafe_ ? ZPROP_STORE_SAFE : ZPROP_STORE_CHECKED);
+        if (!failure)
+            return;
+        if (isSafe_)
+            journal_.remove();
+        Z_CHECK_IO(side_->name(), failure);
+    }
+
+    void putInPlace() {
+        isBegun_ = true;
+        if (const ZFailure failure = placeText())
+            giveUp(work_.path, failure);
+        if (action_ == zsideReplaced) {
+            if (const ZFailure failure = side_->takePlace())
+                giveUp(side_->name(), failure);
+        } else if (action_ == zsideRemoved) {
+            Z_CHECK_IO(side_->name(), side_->remove());
+        }
+        if (isSafe_ && action_ != zsideUntouched)
+            Z_CHECK_IO(side_->name(), side_->syncFolder());
+    }
 
 private:
-    const char* name_;
-    bool made_;
-};
+    ZSpan oldSide() const { return {oldBytes_.data(), oldBytes_.size()}; }
 
-}  // namespace
-
-void zstoreInPlace(const ZStoreWork& work, bool checked) {
-    const char* sideName = work.sideName.getChars();
-    const auto check = [checked](const char* path, const Failure& failure) {
-        if (checked && failure)
-            Z_RAISE_IO(path, failure.call, failure.error);
-    };
-    const bool hasSide = work.sideAction == zsideReplaced;
-    NewFile made(sideName);
-    // A new side database is its owner's alone until it has the text's access.
-    ZOpenFile side(hasSide ? made.open() : -1);
-    uint64_t oldSide = 0;
-    if (hasSide) {
+    void takeRoomBack() {
         struct stat status;
-        if (side.get() < 0 || fstat(side.get(), &status) != 0)
-            Z_RAISE_IO(sideName, "fopen(w)", errno);
-        oldSide = static_cast<uint64_t>(status.st_size);
-        check(sideName, secureRoom(side.get(), oldSide, work.side.size));
-    }
-    check(work.path, secureRoom(work.descriptor, work.oldSize, work.text.size));
-    made.keep();
-
-    check(work.path, overwrite(work.descriptor, work.text, 0, work.oldSize));
-    if (hasSide) {
-        const Failure failure = overwrite(side.get(), work.side, 0, oldSide);
-        zcopyAccess(side.get(), work.descriptor);
-        const int error = side.close();
-        check(sideName, failure ? failure : Failure{"close()", error});
-    } else if (work.sideAction == zsideRemoved) {
-        check(sideName, removeSide(sideName));
-    }
-}
-
-// ---------------------------------------------------------------- safe
-
-namespace {
-
-// A side database that is complete under another name and takes its place by a rename.
-class SideReplacement {
-public:
-    explicit SideReplacement(const ZLCString& name) : name_(name), temporary_(name) {
-        temporary_.append(".ztmp");
-    }
-    ~SideReplacement() { discard(); }
-    SideReplacement(const SideReplacement&) = delete;
-    SideReplacement& operator=(const SideReplacement&) = delete;
-
-    Failure write(ZSpan bytes, int model) {
-        if (unlink(temporary_.getChars()) != 0 && errno != ENOENT)
-            return failed("unlink()");
-        ZOpenFile file(open(temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                            S_IRUSR | S_IWUSR));
-        if (file.get() < 0)
-            return failed("fopen(w)");
-        written_ = true;
-        int error = zwriteAt(file.get(), bytes.data, bytes.size, 0);
-        if (error != 0)
-            return {"write()", error};
-        zcopyAccess(file.get(), model);
-        error = file.close();
-        return error == 0 ? kNone : Failure{"close()", error};
-    }
-    Failure takePlace() {
-        if (rename(temporary_.getChars(), name_.getChars()) != 0)
-            return failed("rename()");
-        written_ = false;
-        return kNone;
+        const off_t size = static_cast<off_t>(work_.oldText.size);
+        if (fstat(work_.descriptor, &status) == 0 && status.st_size > size)
+            overwrite(work_.descriptor, work_.oldText, work_.oldText.size, UINT64_MAX);
     }
 
-private:
-    void discard() {
-        if (written_)
-            unlink(temporary_.getChars());
+    ZFailure placeText() {
+        if (!textChanges_)
+            return zdone;
+        ZFailure failure = overwrite(work_.descriptor, work_.text, from_, work_.oldText.size);
+        if (failure || !isSafe_)
+            return failure;
+        failure = journal_.mark(ZJournal::placed);
+        if (!failure && fsync(work_.descriptor) != 0)
+            failure = zfailed("fsync()");
+        return failure ? failure : journal_.mark(ZJournal::onDisk);
     }
 
-    const ZLCString name_;
-    ZLCString temporary_;
-    bool written_ = false;
-};
-
-// What the side database held before the store.
-struct OldSide {
-    bool exists = false;
-    ZBytes bytes;
-
-    Failure read(const ZLCString& name) {
-        ZOpenFile file(open(name.getChars(), O_RDONLY | O_CLOEXEC));
-        if (file.get() < 0)
-            return errno == ENOENT ? kNone : failed("fopen(r)");
-        exists = true;
-        const int error = zreadWholeFile(file.get(), bytes);
-        return error == 0 ? kNone : Failure{"read()", error};
+    ZFailure undo() {
+        // From here on the file is modified behind the mark, by us.
+        if (isSafe_) {
+            ZFailure failure = journal_.mark(ZJournal::underWay);
+            if (!failure)
+                failure = journal_.sync();
+            if (failure)
+                return failure;
+        }
+        ZFailure failure = overwrite(work_.descriptor, work_.oldText, from_, UINT64_MAX);
+        if (!failure && isSafe_ && fsync(work_.descriptor) != 0)
+            failure = zfailed("fsync()");
+        if (!failure && side_ != nullptr && side_->isWrittenInPlace())
+            failure = side_->putBack(oldSide());
+        return failure;
     }
-    bool equals(ZSpan other) const {
-        return exists && bytes.size() == other.size &&
-               (other.size == 0 || memcmp(bytes.data(), other.data, other.size) == 0);
+
+    [[noreturn]] void giveUp(const char* path, const ZFailure& failure) {
+        if (!undo() && isSafe_)
+            journal_.remove();
+        ZPropertiesIOException raised(path, failure.call, failure.error);
+        raised.throwException(__FILE__, __LINE__);
     }
+
+    const ZStoreWork& work_;
+    ZJournal& journal_;
+    const bool isSafe_;
+    const bool textChanges_;
+    const size_t from_;
+    ZSideAction action_;
+    std::unique_ptr<ZSideFile> side_;
+    ZBytes oldBytes_;  // of the side database
+    bool isBegun_;     // bytes of the old text may be gone
 };
 
 }  // namespace
 
-// One sync for the text, and where the side database has changed, for that and its folder too.
-static Failure syncAll(int descriptor, ZSideAction action, const ZLCString& sideName) {
-    if (action == zsideUntouched)
-        return fsync(descriptor) == 0 ? kNone : failed("fsync()");
-    if (syncfs(descriptor) != 0)
-        return failed("syncfs()");
-    struct stat text, side;
-    if (action == zsideRemoved || fstat(descriptor, &text) != 0 ||
-        stat(sideName.getChars(), &side) != 0 || text.st_dev == side.st_dev)
-        return kNone;
-    // On another file system.
-    ZOpenFile file(open(sideName.getChars(), O_RDONLY | O_CLOEXEC));
-    return file.get() >= 0 && syncfs(file.get()) == 0 ? kNone : failed("syncfs()");
+// Whose file it is, that is looked at. What the disk does with the bytes isn't.
+static void storePlainly(const ZStoreWork& work) {
+    ZSideFile side(work.sideName.getChars(), work.descriptor);
+    if (work.sideAction != zsideUntouched)
+        Z_CHECK_IO(side.name(), side.examine());
+    if (work.sideAction == zsideReplaced)
+        Z_CHECK_IO(side.name(), side.prepare(work.side, ZPROP_STORE_PLAIN));
+    overwrite(work.descriptor, work.text, 0, UINT64_MAX);
+    if (work.sideAction == zsideReplaced)
+        side.takePlace();
+    else if (work.sideAction == zsideRemoved)
+        side.remove();
 }
 
-// Steps 3 and 4. `sideChanged` tells whether the side database is the new one.
-static Failure putInPlace(const ZStoreWork& work, size_t from, SideReplacement& side,
-                          bool& sideChanged) {
-    sideChanged = false;
-    Failure failure = overwrite(work.descriptor, work.text, from, work.oldSize);
-    if (!failure && work.sideAction != zsideUntouched) {
-        failure = work.sideAction == zsideReplaced ? side.takePlace()
-                                                   : removeSide(work.sideName.getChars());
-        sideChanged = !failure;
+static void storeChecked(const ZStoreWork& work, ZJournal& journal) {
+    Store store(work, journal, ZPROP_STORE_CHECKED);
+    store.examineSide();
+    if (!store.hasNothingToDo()) {
+        store.secureText();
+        store.prepareSide();
+        store.putInPlace();
     }
-    return failure ? failure : syncAll(work.descriptor, work.sideAction, work.sideName);
 }
 
-// The old content again, from wherever steps 3 and 4 got to. A side database that is the old one still
-// is left alone, since a full disk has no room for another.
-static Failure undo(const ZStoreWork& work, size_t from, const OldSide& oldSide, bool sideChanged) {
-    const uint64_t longest =
-        work.text.size > work.oldText.size ? work.text.size : work.oldText.size;
-    Failure failure = overwrite(work.descriptor, work.oldText, from, longest);
-    if (!failure && sideChanged) {
-        SideReplacement side(work.sideName);
-        if (!oldSide.exists)
-            failure = removeSide(work.sideName.getChars());
-        else if (!(failure =
-                       side.write({oldSide.bytes.data(), oldSide.bytes.size()}, work.descriptor)))
-            failure = side.takePlace();
-    }
-    return failure ? failure : syncAll(work.descriptor, work.sideAction, work.sideName);
-}
-
-void zstoreSafely(const ZStoreWork& given, ZJournal& journal) {
-    ZStoreWork work = given;
+// False if it can't be safe.
+static bool storeSafely(const ZStoreWork& work, ZJournal& journal) {
     struct stat status;
     if (fstat(work.descriptor, &status) != 0)
         Z_RAISE_IO(work.path, "stat()", errno);
     // A crash would be mended under one of the names only.
     if (status.st_nlink > 1)
         Z_RAISE_IO(work.path, "link()", EMLINK);
-
-    OldSide oldSide;
-    if (work.sideAction != zsideUntouched) {
-        if (const Failure failure = oldSide.read(work.sideName))
-            Z_RAISE_IO(work.sideName.getChars(), failure.call, failure.error);
-        const bool same =
-            work.sideAction == zsideRemoved ? !oldSide.exists : oldSide.equals(work.side);
-        if (same)
-            work.sideAction = zsideUntouched;
+    Store store(work, journal, ZPROP_STORE_SAFE);
+    store.examineSide();
+    if (!store.hasNothingToDo()) {
+        store.secureText();
+        if (!store.writeJournal())
+            return false;
+        store.prepareSide();
+        store.putInPlace();
     }
-    const size_t from = zfirstDifference(work.text, work.oldText);
-    const bool sameText = from == work.text.size && from == work.oldText.size;
-    if (sameText && work.sideAction == zsideUntouched) {
-        journal.remove();  // a stale one
-        return;
-    }
-
-    if (const Failure failure = secureRoom(work.descriptor, work.oldSize, work.text.size))
-        Z_RAISE_IO(work.path, failure.call, failure.error);
-    SideReplacement side(work.sideName);
-    if (work.sideAction == zsideReplaced)
-        if (const Failure failure = side.write(work.side, work.descriptor))
-            Z_RAISE_IO(work.sideName.getChars(), failure.call, failure.error);
-    static const ZSpan kNothing = {"", 0};
-    journal.write(work.descriptor, work.text, work.oldText, work.sideAction, work.sideName,
-                  work.sideAction == zsideReplaced ? work.side : kNothing);
-    bool sideChanged;
-    Failure failure = putInPlace(work, from, side, sideChanged);
-    if (failure) {
-        if (!undo(work, from, oldSide, sideChanged))
-            journal.remove();
-        Z_RAISE_IO(work.path, failure.call, failure.error);
-    }
-    const int error = journal.remove();
-    if (error != 0)
-        Z_RAISE_IO(journal.name(), "unlink()", error);
+    return true;
 }
 
-void zfinishJournal(int descriptor, ZJournal& journal) {
-    ZBytes file;
-    const int error = zreadWholeFile(descriptor, file);
-    if (error != 0)
-        Z_RAISE_IO(journal.target(), "read()", error);
-    ZStoreWork work = {
-        descriptor,  journal.target(),     journal.text(),     {file.data(), file.size()},
-        file.size(), journal.sideAction(), journal.sideName(), journal.side()};
-    SideReplacement side(work.sideName);
-    Failure failure = kNone;
-    bool sideChanged;
-    if (work.sideAction == zsideReplaced)
-        failure = side.write(work.side, descriptor);
-    if (!failure)
-        failure = putInPlace(work, zfirstDifference(work.text, work.oldText), side, sideChanged);
-    if (failure)
-        Z_RAISE_IO(work.path, failure.call, failure.error);
-    const int left = journal.remove();
-    if (left != 0)
-        Z_RAISE_IO(journal.name(), "unlink()", left);
+int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
+    ZSizeSignalGuard noSignal;
+    if (mode == ZPROP_STORE_SAFE && !storeSafely(work, journal))
+        mode = ZPROP_STORE_CHECKED;
+    if (mode == ZPROP_STORE_PLAIN)
+        storePlainly(work);
+    else if (mode == ZPROP_STORE_CHECKED)
+        storeChecked(work, journal);
+    const ZFailure failure = journal.remove();
+    if (mode != ZPROP_STORE_PLAIN)
+        Z_CHECK_IO(journal.path().getChars(), failure);
+    return mode;
+}
+
+// ---------------------------------------------------------------- after a crash
+
+// What has another name than a store gives by itself is overwritten and removed only if it is a side
+// database: a file that somebody else has named in a journal of his own isn't.
+static void requireSideDatabase(const ZSideFile& side) {
+    ZBytes bytes;
+    Z_CHECK_IO(side.name(), side.read(bytes));
+    ZBuffer buffer;
+    buffer.setBuffer(bytes.size(), bytes.data());
+    ZSCFData scratch;
+    scratch.setObfuscatedDBName(side.name());
+    scratch.be_read_obfuscated(buffer);
+}
+
+static void finishSide(int descriptor, ZJournal& journal) {
+    ZSideFile side(journal.sideName().getChars(), descriptor);
+    Z_CHECK_IO(side.name(), side.examine());
+    if (side.exists() && !journal.isSideBesideFile())
+        requireSideDatabase(side);
+    Z_CHECK_IO(side.name(), side.clearLeft());
+    if (journal.sideAction() == zsideReplaced) {
+        ZFailure failure = side.prepare(journal.side(), ZPROP_STORE_SAFE);
+        // Who can't give a new file to the owner may still write to the old one.
+        if (failure && side.exists())
+            failure = side.prepare(journal.side(), ZPROP_STORE_CHECKED);
+        Z_CHECK_IO(side.name(), failure);
+        Z_CHECK_IO(side.name(), side.takePlace());
+    } else {
+        Z_CHECK_IO(side.name(), side.remove());
+    }
+    Z_CHECK_IO(side.name(), side.syncFolder());
+}
+
+void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
+    ZSizeSignalGuard noSignal;
+    const ZLCString name(journal.path());
+    Z_CHECK_IO(name.getChars(), journal.openForMarks());
+    if (!zequals(journal.file(), journal.text())) {
+        // Should this be cut off too, the file is modified behind an old mark.
+        Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::underWay));
+        Z_CHECK_IO(name.getChars(), journal.sync());
+        Z_CHECK_IO(path, overwrite(descriptor, journal.text(),
+                                   zfirstDifference(journal.file(), journal.text()), UINT64_MAX));
+        Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::placed));
+    }
+    if (fsync(descriptor) != 0)
+        Z_RAISE_IO(path, "fsync()", errno);
+    Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::onDisk));
+    if (journal.sideAction() != zsideUntouched)
+        finishSide(descriptor, journal);
+    Z_CHECK_IO(name.getChars(), journal.remove());
 }

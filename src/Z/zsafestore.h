@@ -7,29 +7,34 @@
 #define Z_ZSAFESTORE_H
 
 #include "zjournal.h"
+#include "zstoremodes.h"
 
 /// What is to be put into place, and where.
 struct ZStoreWork {
-    int descriptor;       // the stanza file, open for reading and writing
-    const char* path;     // its path, for messages
-    ZSpan text;           // the new text
-    ZSpan oldText;        // what the file holds; without data where nobody has asked
-    uint64_t oldSize;     // its length
+    ZStoreWork(int file, const char* filePath)
+        : descriptor(file),
+          path(filePath),
+          text{"", 0},
+          oldText{"", 0},
+          sideAction(zsideUntouched),
+          side{"", 0} {}
+
+    int descriptor;    // the stanza file, open for reading and writing
+    const char* path;  // its path, for messages
+    ZSpan text;        // the new text
+    ZSpan oldText;     // what the file holds
     ZSideAction sideAction;
     ZLCString sideName;
-    ZSpan side;           // the new side database
+    ZSpan side;  // the new side database
 };
 
-/// In place. With `checked`, what fails before the first byte of the old text is overwritten leaves
-/// all as it was: room on the disk is made first, for both files. Without, only a side database that
-/// can't be opened is a failure.
-void zstoreInPlace(const ZStoreWork& work, bool checked);
-
-/// By way of the journal. A failure, too, leaves the old content. Refuses a file with several
-/// links. Three syncs at most: the journal, its folder, and all that was put in place.
-void zstoreSafely(const ZStoreWork& work, ZJournal& journal);
+/// Stores in this mode. Plainly: only a side database that can't be what is to be written is a failure.
+/// Checked: any failure leaves the old content, as far as it can be put back. Safe: see zsafestore.cpp; a
+/// file with several links is refused. The mode in which it was done: where the journal can't have the
+/// file's owner, group and access, a safe one becomes a checked one.
+int zstore(const ZStoreWork& work, ZJournal& journal, int mode);
 
 /// Puts the content of a journal that counts into place and removes it.
-void zfinishJournal(int descriptor, ZJournal& journal);
+void zfinishJournal(const char* path, int descriptor, ZJournal& journal);
 
 #endif

@@ -5,5 +5,7 @@
 
 static const char kSideStanza[] = "configuration-database";
 static const char kSideKey[] = "file";
+/// What the default name has behind the stanza file's.
+static const char kSideSuffix[] = ".obf";
 
 #endif

@@ -2,23 +2,93 @@
 #include "zwholefile.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
+#include "zinternal.h"
 #include "zqelutil.h"
 
 // ---------------------------------------------------------------- descriptors and names
 
 int ZOpenFile::close() {
-    const int descriptor = descriptor_;
-    descriptor_ = -1;
+    ZCancelGuard uncancelled;
+    const int descriptor = release();
     return descriptor < 0 || ::close(descriptor) == 0 ? 0 : errno;
 }
+
+void ZOpenFile::reset(int descriptor) {
+    close();
+    descriptor_ = descriptor;
+}
+
+int ZOpenFile::release() {
+    const int descriptor = descriptor_;
+    descriptor_ = -1;
+    return descriptor;
+}
+
+int zopenFile(const char* path, int flags, unsigned int mode) {
+    ZCancelGuard uncancelled;
+    return open(path, flags | O_CLOEXEC, mode);
+}
+
+int zopenFileAt(int folder, const char* name, int flags, unsigned int mode) {
+    ZCancelGuard uncancelled;
+    return openat(folder, name, flags | O_CLOEXEC, mode);
+}
+
+int zopenRegularFile(const char* path, int flags, unsigned int mode) {
+    ZOpenFile file(zopenFile(path, flags | O_NONBLOCK, mode));
+    struct stat status;
+    if (file.get() < 0)
+        return -1;
+    int error = fstat(file.get(), &status) == 0 ? 0 : errno;
+    if (error == 0 && !S_ISREG(status.st_mode))
+        error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    if (error == 0)
+        return file.release();
+    file.close();
+    errno = error;
+    return -1;
+}
+
+// ---------------------------------------------------------------- the signal of a size limit
+
+static sigset_t sizeSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGXFSZ);
+    return set;
+}
+
+ZSizeSignalGuard::ZSizeSignalGuard() : isMine_(false) {
+    const sigset_t set = sizeSignal();
+    sigset_t pending;
+    const bool wasPending = sigpending(&pending) == 0 && sigismember(&pending, SIGXFSZ) == 1;
+    if (pthread_sigmask(SIG_BLOCK, &set, &before_) == 0)
+        isMine_ = !wasPending && sigismember(&before_, SIGXFSZ) == 0;
+}
+
+ZSizeSignalGuard::~ZSizeSignalGuard() {
+    if (!isMine_)
+        return;
+    const sigset_t set = sizeSignal();
+    const struct timespec atOnce = {0, 0};
+    ZCancelGuard uncancelled;
+    while (sigtimedwait(&set, nullptr, &atOnce) == -1 && errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+// ---------------------------------------------------------------- places
 
 const char* znameOf(const char* path) {
     const char* slash = zstrrchr(zgetLCSHandle(), path, '/');
@@ -40,6 +110,69 @@ bool zfollowLinks(ZLCString& path) {
         return false;
     path = real.get();
     return true;
+}
+
+ZLCString zbesideName(const char* name, const char* suffix) {
+    const size_t length = strlen(name), more = strlen(suffix);
+    ZLCString out(name);
+    if (length + more > NAME_MAX) {
+        uint64_t number = UINT64_C(0xCBF29CE484222325);
+        for (const char* at = name; *at != '\0'; ++at)
+            number = (number ^ static_cast<unsigned char>(*at)) * UINT64_C(0x100000001B3);
+        char text[24];
+        const int digits =
+            snprintf(text, sizeof text, "~%016llx", static_cast<unsigned long long>(number));
+        out = ZLCString(name, static_cast<unsigned int>(NAME_MAX - more - digits));
+        out.append(text);
+    }
+    out.append(suffix);
+    return out;
+}
+
+int ZPlace::find(const char* path, int descriptor) {
+    char link[32];
+    char real[PATH_MAX];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+    const ssize_t length = readlink(link, real, sizeof real);
+    int error;
+    if (length > 0 && length < static_cast<ssize_t>(sizeof real) && *real == '/') {
+        real[length] = '\0';
+        error = find(real);
+    } else {
+        ZLCString followed(path);
+        zfollowLinks(followed);
+        error = find(followed.getChars());
+    }
+    if (error != 0)
+        return error == ENOENT ? ESTALE : error;
+    struct stat open, named;
+    if (fstat(descriptor, &open) != 0 ||
+        fstatat(folder(), name(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        open.st_dev != named.st_dev || open.st_ino != named.st_ino)
+        return ESTALE;
+    return 0;
+}
+
+int ZPlace::find(const char* path) {
+    folderPath_ = zfolderOf(path);
+    name_ = znameOf(path);
+    folder_.reset(zopenFile(folderPath_.getChars(), O_PATH | O_DIRECTORY));
+    return folder() < 0 ? errno : 0;
+}
+
+ZLCString ZPlace::pathOf(const char* name) const {
+    ZLCString path(folderPath_);
+    if (strcmp(path.getChars(), "/") != 0)
+        path.append('/');
+    path.append(name);
+    return path;
+}
+
+ZFailure ZPlace::sync() const {
+    ZOpenFile readable(zopenFileAt(folder(), ".", O_RDONLY | O_DIRECTORY));
+    if (readable.get() < 0)
+        return zfailed("open() of the folder");
+    return fsync(readable.get()) == 0 ? zdone : zfailed("fsync()");
 }
 
 // ---------------------------------------------------------------- time
@@ -107,7 +240,7 @@ int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long w
     const uint64_t wait = waitMilliseconds < kLongest ? waitMilliseconds : kLongest;
     const int64_t end = now(CLOCK_MONOTONIC) + static_cast<int64_t>(wait) * (kSecond / 1000);
     Pauses pauses;
-    while (error == EAGAIN || error == EACCES) {
+    while (zisLockedByOthers(error)) {
         const int64_t left = end - now(CLOCK_MONOTONIC);
         if (left <= 0)
             break;
@@ -116,6 +249,8 @@ int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long w
     }
     return error;
 }
+
+void zunlockWholeFile(int descriptor, ZLockOwner owner) { tryLock(descriptor, F_UNLCK, owner); }
 
 // ---------------------------------------------------------------- stamp
 
@@ -199,4 +334,53 @@ int zwriteAt(int descriptor, const char* bytes, size_t size, uint64_t offset) {
         offset += static_cast<uint64_t>(put);
     }
     return 0;
+}
+
+size_t zfirstDifference(ZSpan a, ZSpan b) {
+    static const size_t kStep = 512;
+    const size_t most = a.size < b.size ? a.size : b.size;
+    size_t at = 0;
+    while (most - at >= kStep && memcmp(a.data + at, b.data + at, kStep) == 0)
+        at += kStep;
+    while (at < most && a.data[at] == b.data[at])
+        ++at;
+    return at;
+}
+
+// ---------------------------------------------------------------- access
+
+// The list that grants more than owner, group and mode can say, or takes what a folder gives to new
+// files away. Before the mode: with a list, the mode's middle bits are its mask.
+static int copyAccessList(int descriptor, int model) {
+    static const char kAccessList[] = "system.posix_acl_access";
+    ZBytes list;
+    ssize_t length = fgetxattr(model, kAccessList, nullptr, 0);
+    if (length > 0) {
+        list.reserveMore(static_cast<size_t>(length));
+        length = fgetxattr(model, kAccessList, list.data(), list.room());
+    }
+    if (length > 0)
+        return fsetxattr(descriptor, kAccessList, list.data(), static_cast<size_t>(length), 0) == 0
+                   ? 0
+                   : errno;
+    if (length < 0 && errno != ENODATA && errno != EOPNOTSUPP)
+        return errno;
+    fremovexattr(descriptor, kAccessList);
+    return 0;
+}
+
+int zcopyAccess(int descriptor, int model) {
+    struct stat wanted, own;
+    if (fstat(model, &wanted) != 0 || fstat(descriptor, &own) != 0)
+        return errno;
+    if ((own.st_uid != wanted.st_uid || own.st_gid != wanted.st_gid) &&
+        fchown(descriptor, wanted.st_uid, wanted.st_gid) != 0)
+        return errno;
+    const int error = copyAccessList(descriptor, model);
+    if (error != 0)
+        return error;
+    // Some file systems have one mode for all files and refuse even that.
+    if (fstat(descriptor, &own) == 0 && ((own.st_mode ^ wanted.st_mode) & 07777) == 0)
+        return 0;
+    return fchmod(descriptor, wanted.st_mode & 07777) == 0 ? 0 : errno;
 }

@@ -13,24 +13,26 @@
 #define FCNTL __fcntl_time64
 #define FSTAT __fstat64_time64
 #define STAT __stat64_time64
+#define FSTATAT __fstatat64_time64
 #define OPEN open64
+#define OPENAT openat64
 #define MMAP mmap64
 #define PREAD pread64
 #define PWRITE pwrite64
 #define FTRUNCATE ftruncate64
-#define TRUNCATE truncate64
 #define FALLOCATE fallocate64
 #else
 #define FOPEN fopen
 #define FCNTL fcntl
 #define FSTAT fstat
 #define STAT stat
+#define FSTATAT fstatat
 #define OPEN open
+#define OPENAT openat
 #define MMAP mmap
 #define PREAD pread
 #define PWRITE pwrite
 #define FTRUNCATE ftruncate
-#define TRUNCATE truncate
 #define FALLOCATE fallocate
 #endif
 
@@ -38,7 +40,7 @@
 #define WRAPPED(name) PASTE(__wrap_, name)
 #define REAL(name) PASTE(__real_, name)
 
-// The two that take what their other arguments say.
+// Those that take what their other arguments say.
 #define WRAP_OPEN                                                     \
     extern "C" int REAL(OPEN)(const char*, int, ...);                 \
     extern "C" int WRAPPED(OPEN)(const char* path, int flags, ...) {  \
@@ -47,6 +49,15 @@
         const int mode = va_arg(arguments, int);                      \
         va_end(arguments);                                            \
         return failsNow("open") ? -1 : REAL(OPEN)(path, flags, mode); \
+    }
+#define WRAP_OPENAT                                                                   \
+    extern "C" int REAL(OPENAT)(int, const char*, int, ...);                          \
+    extern "C" int WRAPPED(OPENAT)(int folder, const char* path, int flags, ...) {    \
+        va_list arguments;                                                            \
+        va_start(arguments, flags);                                                   \
+        const int mode = va_arg(arguments, int);                                      \
+        va_end(arguments);                                                            \
+        return failsNow("openat") ? -1 : REAL(OPENAT)(folder, path, flags, mode);     \
     }
 #define WRAP_FCNTL(isMeant)                                     \
     extern "C" int REAL(FCNTL)(int, int, ...);                  \

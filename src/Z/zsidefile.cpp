@@ -1,0 +1,240 @@
+// Built with 64-bit file offsets and times on 32-bit machines too.
+#include "zsidefile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "zstoremodes.h"
+
+// ---------------------------------------------------------------- rules
+
+// What is known of the text; one that isn't there will be the caller's.
+static int statusOf(int text, struct stat& status) {
+    if (text >= 0)
+        return fstat(text, &status);
+    status = {};
+    status.st_uid = geteuid();
+    return 0;
+}
+
+// 0, or why a file of this status isn't the side database of a text of that one.
+static int refusal(const struct stat& side, const struct stat& text) {
+    if (S_ISLNK(side.st_mode))
+        return ELOOP;
+    if (!S_ISREG(side.st_mode) || (side.st_dev == text.st_dev && side.st_ino == text.st_ino))
+        return EINVAL;
+    if (side.st_nlink > 1)
+        return EMLINK;
+    return side.st_uid == text.st_uid ? 0 : EPERM;
+}
+
+// ---------------------------------------------------------------- looking
+
+ZSideFile::ZSideFile(const char* name, int text)
+    : name_(name),
+      text_(text),
+      exists_(false),
+      inode_(0),
+      prepared_{nullptr, 0},
+      inPlace_(false),
+      written_(false) {}
+
+ZSideFile::~ZSideFile() { discard(); }
+
+ZFailure ZSideFile::examine() {
+    int error = place_.find(name());
+    if (error != 0)
+        return {"fopen(w)", error};
+    temporary_ = zbesideName(place_.name(), ".ztmp");
+    struct stat side, text;
+    if (statusOf(text_, text) != 0)
+        return zfailed("stat()");
+    exists_ = fstatat(place_.folder(), place_.name(), &side, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!exists_ && errno != ENOENT)
+        return zfailed("stat()");
+    if (!exists_)
+        return isOwnersPlace() ? zdone : ZFailure{"fopen(w)", EPERM};
+    inode_ = side.st_ino;
+    error = refusal(side, text);
+    return error == 0 ? zdone : ZFailure{"fopen(w)", error};
+}
+
+// Whether the text's owner can be meant to have a new file in this folder.
+bool ZSideFile::isOwnersPlace() const {
+    struct stat folder, text;
+    if (fstat(place_.folder(), &folder) != 0 || statusOf(text_, text) != 0)
+        return false;
+    const bool othersWrite = (text.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    if (!othersWrite &&
+        (text.st_uid == 0 || text.st_uid == geteuid() || folder.st_uid == text.st_uid))
+        return true;
+    ZPlace own;
+    struct stat ownFolder;
+    return own.find("", text_) == 0 && fstat(own.folder(), &ownFolder) == 0 &&
+           ownFolder.st_dev == folder.st_dev && ownFolder.st_ino == folder.st_ino;
+}
+
+// Opens the one that was examined, and no other that has taken its place.
+ZFailure ZSideFile::openExisting(int flags, ZOpenFile& file) const {
+    struct stat side, text;
+    file.reset(zopenFileAt(place_.folder(), place_.name(), flags | O_NOFOLLOW | O_NONBLOCK));
+    const char* call = (flags & O_ACCMODE) == O_RDONLY ? "fopen(r)" : "fopen(w)";
+    if (file.get() < 0)
+        return zfailed(call);
+    if (fstat(file.get(), &side) != 0 || statusOf(text_, text) != 0)
+        return zfailed("stat()");
+    return {call, side.st_ino != inode_ ? ESTALE : refusal(side, text)};
+}
+
+ZFailure ZSideFile::read(ZBytes& bytes) const {
+    ZOpenFile file;
+    if (const ZFailure failure = openExisting(O_RDONLY, file))
+        return failure;
+    return {"read()", zreadWholeFile(file.get(), bytes)};
+}
+
+// ---------------------------------------------------------------- room
+
+ZFailure zsecureRoom(int descriptor, uint64_t oldSize, uint64_t newSize, bool mayLengthen) {
+    if (newSize <= oldSize)
+        return zdone;
+    if (fallocate(descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(oldSize),
+                  static_cast<off_t>(newSize - oldSize)) == 0)
+        return zdone;
+    ZFailure failure = zfailed("fallocate()");
+    if (failure.error != EOPNOTSUPP && failure.error != ENOSYS && failure.error != EINVAL)
+        return failure;
+    if (!mayLengthen)
+        return zdone;
+    static const char kZeros[4096] = {};
+    failure = {"write()", 0};
+    for (uint64_t at = oldSize; at < newSize && !failure;) {
+        const size_t size =
+            newSize - at < sizeof kZeros ? static_cast<size_t>(newSize - at) : sizeof kZeros;
+        failure.error = zwriteAt(descriptor, kZeros, size, at);
+        at += size;
+    }
+    // Some find out only when it comes to the disk.
+    if (!failure && fdatasync(descriptor) != 0)
+        failure = zfailed("fdatasync()");
+    if (failure && ftruncate(descriptor, static_cast<off_t>(oldSize)) != 0)
+        return zfailed("ftruncate()");
+    return failure;
+}
+
+// ---------------------------------------------------------------- writing
+
+ZFailure ZSideFile::clearLeft() {
+    if (unlinkat(place_.folder(), temporary_.getChars(), 0) == 0 || errno == ENOENT)
+        return zdone;
+    return zfailed("unlink()");
+}
+
+void ZSideFile::discard() {
+    if (written_)
+        unlinkat(place_.folder(), temporary_.getChars(), 0);
+    written_ = false;
+}
+
+ZFailure ZSideFile::fill(ZSpan bytes) const {
+    const int error = zwriteAt(target_.get(), bytes.data, bytes.size, 0);
+    if (error != 0)
+        return {"write()", error};
+    return ftruncate(target_.get(), static_cast<off_t>(bytes.size)) == 0 ? zdone
+                                                                         : zfailed("ftruncate()");
+}
+
+ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
+    prepared_ = bytes;
+    inPlace_ = mode != ZPROP_STORE_SAFE && exists_;
+    if (inPlace_) {
+        if (const ZFailure failure = openExisting(O_WRONLY, target_))
+            return failure;
+        // What the text gives now, as far as it is allowed; nobody gets at more by a failure.
+        zcopyAccess(target_.get(), text_);
+        struct stat side;
+        if (mode == ZPROP_STORE_PLAIN)
+            return zdone;
+        if (fstat(target_.get(), &side) != 0)
+            return zfailed("stat()");
+        return zsecureRoom(target_.get(), static_cast<uint64_t>(side.st_size), bytes.size, true);
+    }
+    if (const ZFailure failure = clearLeft())
+        return failure;
+    target_.reset(zopenFileAt(place_.folder(), temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
+                              S_IRUSR | S_IWUSR));
+    if (target_.get() < 0)
+        return zfailed("fopen(w)");
+    written_ = true;
+    ZFailure failure = {"fchown()", zcopyAccess(target_.get(), text_)};
+    if (!failure) {
+        failure = fill(bytes);
+        if (!failure && mode == ZPROP_STORE_SAFE && fsync(target_.get()) != 0)
+            failure = zfailed("fsync()");
+        const int error = target_.close();
+        if (!failure)
+            failure = {"close()", error};
+        if (mode == ZPROP_STORE_PLAIN)
+            return zdone;
+    }
+    if (failure)
+        discard();
+    return failure;
+}
+
+ZFailure ZSideFile::putBack(ZSpan old) {
+    const ZFailure failure = openExisting(O_WRONLY, target_);
+    return failure ? failure : fill(old);
+}
+
+ZFailure ZSideFile::takePlace() {
+    if (inPlace_) {
+        const ZFailure failure = fill(prepared_);
+        const int error = target_.close();
+        return failure ? failure : ZFailure{"close()", error};
+    }
+    if (renameat(place_.folder(), temporary_.getChars(), place_.folder(), place_.name()) != 0) {
+        const ZFailure failure = zfailed("rename()");
+        // What is told as failed may have been done.
+        struct stat left;
+        if (fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0 ||
+            errno != ENOENT)
+            return failure;
+    }
+    written_ = false;
+    return zdone;
+}
+
+ZFailure ZSideFile::remove() {
+    if (unlinkat(place_.folder(), place_.name(), 0) == 0 || errno == ENOENT)
+        return zdone;
+    const ZFailure failure = zfailed("unlink()");
+    struct stat left;
+    const bool isGone =
+        fstatat(place_.folder(), place_.name(), &left, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+    return isGone ? zdone : failure;
+}
+
+// ---------------------------------------------------------------- loading
+
+ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
+    const auto failed = [](int error) { return ZFailure{"mapFile()", error}; };
+    ZOpenFile file(zopenFile(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (file.get() < 0)
+        return failed(errno == ENOENT ? EINVAL : errno);
+    struct stat side, owner;
+    if (fstat(file.get(), &side) != 0 || statusOf(text, owner) != 0)
+        return failed(errno);
+    if (S_ISDIR(side.st_mode))
+        return failed(ENODEV);
+    if (!S_ISREG(side.st_mode) || side.st_size == 0)
+        return failed(EINVAL);
+    // The text itself as its own side database is bad data.
+    const int error = refusal(side, owner);
+    if (error != 0 && error != EINVAL)
+        return failed(error);
+    return failed(zreadWholeFile(file.get(), bytes));
+}
