@@ -6,6 +6,7 @@
 //                               of the stanza "new" are: prints "kept 100 torn 0 comments 0", the
 //                               last two being the numbers of old keys and of comments that are wrong
 //   count FILE TIMES            adds 1 to the key "n" of the stanza "count", so often, in updates
+//   hide FILE MODE VALUE        sets the hidden key "word" of the stanza "secrets" by a store of this mode
 //   full FILE MODE              stores more and more until there is no room: prints how it failed and
 //                               what is loaded then
 #include <cstdio>
@@ -82,6 +83,21 @@ static int count(const char* file, int times) {
     return 0;
 }
 
+static int hide(const char* file, int mode, const char* value) {
+    ZStanzaFileProperties p(1);
+    p.setStoreMode(mode);
+    try {
+        p.load(file);
+    } catch (ZPropertiesIOException&) {
+        // What can't be read is asked of the store too.
+        if (mode != ZPROP_STORE_PLAIN)
+            p.allowStoreAfterFailedLoad();
+    }
+    p.setValue("secrets", "word", value, 1);
+    p.store(nullptr);
+    return 0;
+}
+
 static int fill(const char* file, int mode) {
     ZStanzaFileProperties p(1);
     p.setStoreMode(mode);
@@ -115,6 +131,8 @@ int main(int argc, char** argv) {
             return check(argv[2], number(3), number(4) != 0, number(5));
         if (command == "count")
             return count(argv[2], number(3));
+        if (command == "hide" && argc > 4)
+            return hide(argv[2], number(3), argv[4]);
         if (command == "full")
             return fill(argv[2], number(3));
     } catch (ZPropertiesIOException& e) {

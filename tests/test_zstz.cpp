@@ -71,7 +71,7 @@ TEST(Zstz, Reads) {
         {{"get", "--all", "f", "s", "empty"}, 0},
         {{"get", "f", "s", "x"}, 1, "", "f: no key x in [s]\n"},
         {{"get", "g", "s", "k"}, 3, "", "g: error: fopen(r): No such"},
-        {{"get", ".", "s", "k"}, 3, "", ".: error: Is a directory\n"},
+        {{"get", ".", "s", "k"}, 3, "", ".: error: fopen(r): Is a directory\n"},
         {{"list", "f"}, 0, "s\nt\n"},
         {{"list", "f", "s"}, 0, "k = 1\nk = 2\nempty =\n"},
         {{"list", "f", "x"}, 1, "", "f: no stanza [x]\n"},

@@ -113,7 +113,7 @@ static int add(ZPROP_handle* handle, const char* file, const char* stanza, const
 
 // Removes every such value of the key.
 static int unsetValue(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
-               const char* value) {
+                      const char* value) {
     Walk walk;
     if (const int failed = walkValues(handle, file, stanza, key, walk))
         return failed;
@@ -148,10 +148,10 @@ static int unset(ZPROP_handle* handle, const char* file, const Change& change) {
 static int comment(ZPROP_handle* handle, const char* file, const Change& change) {
     const char* text = change.words.back().c_str();
     const size_t names = change.words.size() - 2;
-    const int result = names == 0   ? zstzPropAddFileComment(handle, text)
-                       : names == 1 ? zstzPropAddStanzaComment(handle, change.word(1), text)
-                                    : zstzPropAddLineComment(handle, change.word(1),
-                                                             change.word(2), text);
+    const int result = names == 0 ? zstzPropAddFileComment(handle, text)
+                       : names == 1
+                           ? zstzPropAddStanzaComment(handle, change.word(1), text)
+                           : zstzPropAddLineComment(handle, change.word(1), change.word(2), text);
     return result == ZPROP_OK ? done
                               : refuse(handle, file, names > 0 ? change.word(1) : "",
                                        names > 1 ? change.word(2) : "");
@@ -190,7 +190,15 @@ static int update(const char* file, const Options& options, Changes changes) {
         return reportLastError(file);
     if (const int failed = changes(handle.get()))
         return failed;  // closing takes back what was done
-    return zstzPropCommit(handle.get()) == ZPROP_OK ? done : reportLastError(file);
+    if (zstzPropCommit(handle.get()) != ZPROP_OK)
+        return reportLastError(file);
+    int stored = options.storeMode;
+    if (zstzPropLastStoreMode(handle.get(), &stored) == ZPROP_OK && stored < options.storeMode)
+        fprintf(stderr,
+                "%s: note: changed in place, without a journal: it couldn't be given the "
+                "file's owner and access\n",
+                file);
+    return done;
 }
 
 int change(const Words& words, const Options& options) {
@@ -201,8 +209,7 @@ int change(const Words& words, const Options& options) {
     if (const int failed = checkChange(change))
         return failed;
     const char* file = words[1].c_str();
-    return update(file, options,
-                  [&](ZPROP_handle* handle) { return apply(handle, file, change); });
+    return update(file, options, [&](ZPROP_handle* handle) { return apply(handle, file, change); });
 }
 
 // ---------------------------------------------------------------- edit
@@ -355,8 +362,8 @@ int merge(const Words& words, const Options& options) {
             if (const int failed = keysOf(over.get(), overFile, stanza.c_str(), keys))
                 return failed;
             for (const std::string& key : keys)
-                if (const int failed = takeOver(base, over.get(), file, overFile, stanza.c_str(),
-                                                key.c_str()))
+                if (const int failed =
+                        takeOver(base, over.get(), file, overFile, stanza.c_str(), key.c_str()))
                     return failed;
         }
         return options.remove ? removeOthers(base, over.get(), file) : done;

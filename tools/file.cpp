@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,12 +33,6 @@ int reportLastError(const char* file) {
 }
 
 int openFile(const char* file, const Options& options, Handle& handle) {
-    // The library would read a folder as an empty file.
-    struct stat status;
-    if (stat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
-        fprintf(stderr, "%s: error: %s\n", file, strerror(EISDIR));
-        return fileError;
-    }
     ZPROP_handle* opened = nullptr;
     const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE,
                                         ZPCACHE_STRICT | ZPCACHE_KEEP_LINES, options.storeMode,

@@ -294,9 +294,8 @@ void ZProperties::storePlainly(const ZLCString& path) {
         zlockWholeFile(descriptor, F_WRLCK, optionsNow().lockOwner(), optionsNow().wait());
     if (error != 0)
         Z_RAISE_IO(path.getChars(), "fcntl()", error);
-    // A thread that is cancelled leaves the old content, or the new one.
-    ZCancelGuard uncancelled;
     if (hasHidden) {
+        ZCancelGuard uncancelled;
         ZBuffer buffer;
         cache_->be_write_obfuscated(buffer);
         ZSideFile side(name.getChars(), descriptor);

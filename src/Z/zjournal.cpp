@@ -264,6 +264,11 @@ bool ZJournal::isSideBesideFile() const {
            sideFolder.st_ino == folder.st_ino && name.equals(side.name());
 }
 
+bool ZJournal::isSideNamedInFile() const {
+    return memmem(file_.data(), file_.size(), sideName_.getChars(), sideName_.getLength()) !=
+           nullptr;
+}
+
 // Bytes of the new text that are the old one's too aren't kept.
 void ZJournal::oldText(ZBytes& out) const {
     out.setSize(0);

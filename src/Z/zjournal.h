@@ -76,8 +76,10 @@ public:
     ZSpan side() const { return side_; }
     /// The side database's name, as the text that has it says it.
     const ZLCString& sideName() const { return sideName_; }
-    /// Whether that is the one that a store makes by itself, beside the file.
+    /// Whether that is the one that a store makes by itself, beside the file; or else whether the file, as
+    /// it was found, has that name in it.
     bool isSideBesideFile() const;
+    bool isSideNamedInFile() const;
     /// Makes `out` the old text.
     void oldText(ZBytes& out) const;
     /// The file as find has read it.

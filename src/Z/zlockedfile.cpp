@@ -2,6 +2,7 @@
 #include "zlockedfile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -63,20 +64,30 @@ int ZLockedFile::finish() {
 
 // ---------------------------------------------------------------- reading
 
+// A thread that is cancelled loses no stream; but it may be while it waits for somebody to open the other
+// end of a pipe.
+static FILE* openStream(const char* path, bool onlyRegular) {
+    {
+        ZCancelGuard uncancelled;
+        struct stat status;
+        ZOpenFile file(onlyRegular ? zopenRegularFile(path, O_RDONLY)
+                                   : zopenFile(path, O_RDONLY | O_NONBLOCK));
+        if (file.get() < 0)
+            return nullptr;
+        if (onlyRegular || fstat(file.get(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
+            FILE* stream = fdopen(file.get(), "r");
+            if (stream != nullptr)
+                file.release();
+            return stream;
+        }
+    }
+    return fopen(path, "re");
+}
+
 ZReadFile::ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner,
                      unsigned long waitMilliseconds)
     : owner_(owner), stream_(nullptr) {
-    {
-        ZCancelGuard uncancelled;
-        if (onlyRegular) {
-            ZOpenFile file(zopenRegularFile(path, O_RDONLY));
-            stream_.reset(file.get() < 0 ? nullptr : fdopen(file.get(), "r"));
-            if (stream_.get() != nullptr)
-                file.release();
-        } else {
-            stream_.reset(fopen(path, "re"));
-        }
-    }
+    stream_.reset(openStream(path, onlyRegular));
     if (stream_.get() == nullptr)
         Z_RAISE_IO(path, "fopen(r)", errno);
     room_.lendTo(stream_.get());

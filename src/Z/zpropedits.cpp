@@ -9,6 +9,7 @@
 #include "ZPropertiesWatcher.h"
 #include "zmemory.h"
 #include "zproperror.h"
+#include "zwholefile.h"
 
 // The result of a call that takes the file's lock: a lock that didn't come in time has its own.
 template <typename Call>
@@ -19,7 +20,7 @@ static int guardedByLock(Call call) {
             call();
         } catch (const ZPropertiesIOException& e) {
             const ZLCConstString word(e.api());
-            locked = word == "fcntl()" && (e.excerrno() == EAGAIN || e.excerrno() == EACCES);
+            locked = word == "fcntl()" && zisLockedByOthers(e.excerrno());
             throw;
         }
     });
@@ -107,6 +108,14 @@ int zstzPropRollback(ZPROP_handle* handle) {
     const int result = zguarded(zreadGroup, [&] { opened->update->rollback(); });
     endUpdate(opened);
     return result;
+}
+
+int zstzPropLastStoreMode(ZPROP_handle* handle, int* storeMode) {
+    const ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr || storeMode == nullptr)
+        return zparameterError();
+    *storeMode = properties->lastStoreMode();
+    return ZPROP_OK;
 }
 
 // ---------------------------------------------------------------- watching

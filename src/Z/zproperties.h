@@ -238,14 +238,19 @@ ZEXPORT int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode
                              unsigned long attributes, int storeMode, unsigned long wait);
 
 /* Begins an update: locks the file against all other writers, waiting up to `milliseconds`, and reads
- * it anew if it has changed since it was loaded. From here to the end of the update other threads wait
- * at any call with this handle. 0; 55 for a bad handle; 60 if the lock didn't come in time; 61 if
+ * it anew. From here to the end of the update other threads wait at any call with this handle. 0; 55 for a bad handle; 60 if the lock didn't come in time; 61 if
  * there are unsaved changes or an update is open already; 51 if the file can't be opened or read. */
 ZEXPORT int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds);
 
 /* Stores and ends the update. 0; 55 for a bad handle; 62 if the calling thread has no update open; 51
  * if it can't be stored, and the update is still open then. */
 ZEXPORT int zstzPropCommit(ZPROP_handle* handle);
+
+/* In which way the handle's last store was made, into *storeMode: the one it was opened with, but
+ * ZPROP_STORE_CHECKED in place of ZPROP_STORE_SAFE where what a safe store writes beside the file can't be
+ * given the file's owner, group and access, as when neither its owner nor root stores. A crash in the
+ * middle may then leave a part of the new content. Results: ZPROP_OK, ZPROP_ERR_PARAM. Any thread. */
+ZEXPORT int zstzPropLastStoreMode(ZPROP_handle* handle, int* storeMode);
 
 /* Forgets what was changed since the update began, and ends it. zstzPropClose does the same. 0; 55 for
  * a bad handle; 62 if the calling thread has no update open; 53 without memory, and what is in memory

@@ -242,9 +242,14 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
 
 // ---------------------------------------------------------------- after a crash
 
-// What has another name than a store gives by itself is overwritten and removed only if it is a side
-// database: a file that somebody else has named in a journal of his own isn't.
-static void requireSideDatabase(const ZSideFile& side) {
+// A side database that has another name than a store gives by itself: the file must say that name too, so
+// that a journal that somebody has made up leads nowhere; and what is overwritten or removed must be a
+// side database.
+static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
+    if (!journal.isSideNamedInFile())
+        Z_RAISE_IO(journal.path().getChars(), "a side database that the file doesn't name", EPERM);
+    if (!side.exists())
+        return;
     ZBytes bytes;
     Z_CHECK_IO(side.name(), side.read(bytes));
     ZBuffer buffer;
@@ -254,11 +259,7 @@ static void requireSideDatabase(const ZSideFile& side) {
     scratch.be_read_obfuscated(buffer);
 }
 
-static void finishSide(int descriptor, ZJournal& journal) {
-    ZSideFile side(journal.sideName().getChars(), descriptor);
-    Z_CHECK_IO(side.name(), side.examine());
-    if (side.exists() && !journal.isSideBesideFile())
-        requireSideDatabase(side);
+static void finishSide(ZJournal& journal, ZSideFile& side) {
     Z_CHECK_IO(side.name(), side.clearLeft());
     if (journal.sideAction() == zsideReplaced) {
         ZFailure failure = side.prepare(journal.side(), ZPROP_STORE_SAFE);
@@ -276,6 +277,14 @@ static void finishSide(int descriptor, ZJournal& journal) {
 void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
     ZSizeSignalGuard noSignal;
     const ZLCString name(journal.path());
+    ZSideFile side(journal.sideName().getChars(), descriptor);
+    const bool hasSide = journal.sideAction() != zsideUntouched;
+    // Ahead of any change.
+    if (hasSide) {
+        Z_CHECK_IO(side.name(), side.examine());
+        if (!journal.isSideBesideFile())
+            requireSideDatabase(journal, side);
+    }
     Z_CHECK_IO(name.getChars(), journal.openForMarks());
     if (!zequals(journal.file(), journal.text())) {
         // Should this be cut off too, the file is modified behind an old mark.
@@ -288,7 +297,7 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
     if (fsync(descriptor) != 0)
         Z_RAISE_IO(path, "fsync()", errno);
     Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::onDisk));
-    if (journal.sideAction() != zsideUntouched)
-        finishSide(descriptor, journal);
+    if (hasSide)
+        finishSide(journal, side);
     Z_CHECK_IO(name.getChars(), journal.remove());
 }

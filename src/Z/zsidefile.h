@@ -14,10 +14,11 @@
 #define Z_ZSIDEFILE_H
 
 #include "ZLCString.h"
+#include "zmemory.h"
 #include "zpblock.h"
 #include "zwholefile.h"
 
-class ZSideFile {
+class ZSideFile : public ZAllocated {
 public:
     /// The side database `name` of the text that is open as `text` and must outlive this; -1: of one that
     /// the caller is about to make, for a look.
