@@ -525,15 +525,88 @@ TEST(Watcher, WaitsForWhatStandsInItsWay) {
     EXPECT_EQ(w.told(), kChanged);
     ZStanzaFileProperties unnamed(1);
     EXPECT_EQ(raised([&] { ZPropertiesWatcher none(unnamed); }), "22");
-    Config elsewhere(w.path);
-    EXPECT_EQ(raised([&] {
-                  ZStanzaFileProperties lost(1);
-                  try {
-                      lost.load((w.folder / "no/such").c_str());
-                  } catch (ZPropertiesIOException&) {
-                  }
-                  ZPropertiesWatcher none(lost);
-              }), "inotify_add_watch() 2");
+}
+
+// A file is reached by folders and links, any of which may be another one in a moment.
+TEST(Watcher, FollowsEachPartOfThePath) {
+    const TempFolder folder;
+    const auto text = [](int k) { return "[s]\nk = " + std::to_string(k) + "\n"; };
+    const auto release = [&](const char* name, int k) {
+        mkdir((folder / name).c_str(), 0700);
+        mkdir((folder / name + "/conf").c_str(), 0700);
+        folder.write(string(name) + "/conf/f", text(k));
+    };
+    const auto turn = [&](const char* to) {
+        EXPECT_EQ(symlink(to, (folder / "next").c_str()), 0);
+        rename((folder / "next").c_str(), (folder / "current").c_str());
+    };
+    release("release1", 1), release("release2", 2);
+    turn("release1");
+    Config p(folder / "current/conf/f");
+    ZPropertiesWatcher watcher(p);
+    EXPECT_EQ(watcher.process(), 0);
+    const auto told = [&] {
+        struct pollfd ready = {watcher.descriptor(), POLLIN, 0};
+        EXPECT_EQ(poll(&ready, 1, 0), 1);
+        return watcher.process();
+    };
+    turn("release2");
+    EXPECT_EQ(told(), 1);
+    turn((folder / "release1").c_str());
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(p.number("k"), 1u);
+    // A folder goes and comes back, first without the file.
+    rename((folder / "release1").c_str(), (folder / "away").c_str());
+    EXPECT_EQ(told(), 0);
+    mkdir((folder / "release1").c_str(), 0700);
+    EXPECT_EQ(told(), 0);
+    mkdir((folder / "release1/conf").c_str(), 0700);
+    EXPECT_EQ(told(), 0);
+    folder.write("release1/conf/f", text(3));
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(p.number("k"), 3u);
+    // A file in the place of a folder, and a link that leads to itself.
+    rename((folder / "release1").c_str(), (folder / "away2").c_str());
+    folder.write("release1", "");
+    EXPECT_EQ(told(), 0);
+    turn("current");
+    EXPECT_EQ(raised([&] { told(); }), "fopen(r) " + std::to_string(ELOOP));
+    turn("release2");
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(p.number("k"), 2u);
+    if (mount("none", (folder / "release2").c_str(), "tmpfs", 0, nullptr) == 0) {
+        EXPECT_EQ(told(), 0);
+        release("release2", 4);
+        EXPECT_EQ(told(), 1);
+        umount((folder / "release2").c_str());
+        EXPECT_EQ(told(), 1);
+        EXPECT_EQ(p.number("k"), 2u);
+    }
+}
+
+// What an editor writes in place is read when he has done.
+TEST(Watcher, WaitsForAWriterInPlace) {
+    Watched w;
+    w.watcher.setSettlingTime(1000000000);
+    // Also where it is waited for anyway.
+    rename(w.path.c_str(), (w.folder / "old").c_str());
+    EXPECT_EQ(w.told(), Watched::List{});
+    rename((w.folder / "old").c_str(), w.path.c_str());
+    w.watcher.process();
+    const int editor = open(w.path.c_str(), O_WRONLY | O_TRUNC);
+    EXPECT_EQ(w.told(), Watched::List{});
+    EXPECT_EQ(w.p.count(), 2);
+    const string text = "[s]\nk = 2\nm = 1\nm = 2\n[gone]\nx = 1\n";
+    EXPECT_EQ(write(editor, text.data(), 9), 9);
+    EXPECT_EQ(w.told(), Watched::List{});
+    EXPECT_EQ(write(editor, text.data() + 9, text.size() - 9), static_cast<ssize_t>(text.size()) - 9);
+    close(editor);
+    EXPECT_EQ(w.told(), Watched::List{"~s.k"});
+    w.watcher.setSettlingTime(0);
+    const int log = open(w.path.c_str(), O_WRONLY | O_APPEND);
+    EXPECT_EQ(write(log, "y = 1\n", 6), 6);
+    EXPECT_EQ(w.told(), Watched::List{"+gone.y"});
+    close(log);
 }
 
 TEST(CWatch, TellsACallback) {

@@ -28,6 +28,7 @@ class ZAbstractPropertiesFactory;
 struct ZPropertiesOptions;
 struct ZUpdatedFile;
 struct ZFileContent;
+class ZLockScope;
 
 /// The codeset in which text is given out. All stored text is in the local codeset.
 enum ZPropertyStringType { ZPROP_STRING_LOCAL = 0, ZPROP_STRING_UTF8 = 8 };
@@ -303,7 +304,7 @@ private:
     void readFile(const ZLCString& path, int descriptor, FILE* stream, ZFileContent* content,
                   Close close);
     void readUpdatedFile(const ZLCString& path, ZUpdatedFile& file);
-    void readAndUnlock(const ZLCString& path, int descriptor, int owner);
+    void readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock);
     void noteContent(const ZLCString& path);
     bool prepareSideDatabase(const ZLCString& path, ZLCString& side);
     void addSideLine(const ZLCString& side);

@@ -195,10 +195,9 @@ void ZProperties::readUpdatedFile(const ZLCString& path, ZUpdatedFile& file) {
     readFile(path, file.descriptor, nullptr, &file.content, [] {});
 }
 
-void ZProperties::readAndUnlock(const ZLCString& path, int descriptor, int owner) {
+void ZProperties::readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock) {
     loadFailed_ = kFailed;
-    readFile(path, descriptor, nullptr, nullptr,
-             [=] { zunlockWholeFile(descriptor, static_cast<ZLockOwner>(owner)); });
+    readFile(path, descriptor, nullptr, nullptr, [&lock] { lock.unlock(); });
 }
 
 // Whether failures are told that plain objects pass over.

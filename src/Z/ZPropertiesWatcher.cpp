@@ -1,17 +1,14 @@
-// ZPropertiesWatcher.cpp: watches the file's inode, for writers that open it under any name, and the
-// folders of its path and of the real file, for those who put another file in its place.
+// ZPropertiesWatcher.cpp: reads the file when the way to it or its bytes have changed, and tells the
+// differences.
 //
-// An event only says that something may have changed. Whether it has, the file's stamp and content
-// tell: so the events of the object's own stores, and those that many writers pile up, cost no notice.
+// A notice only says that something may have changed. Whether it has, the file's stamp and content
+// tell: so the notices of the object's own stores, and those that many writers pile up, cost nothing.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesWatcher.h"
 
 #include <fcntl.h>
-#include <sys/inotify.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -20,81 +17,25 @@
 #include "zinternal.h"
 #include "zjournal.h"
 #include "zlockedfile.h"
+#include "zpathwatch.h"
 #include "zpropoptions.h"
 
-static const uint32_t kFileEvents =
-    IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
-static const uint32_t kFolderEvents =
-    IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE | IN_ONLYDIR;
-
 ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
-    : properties_(properties),
-      descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
-      fileWatch_(-1),
-      pending_(true) {
-    const int error = errno;
-    try {
-        {
-            ZProperties::ZPropResourceLock guard(properties.lock_);
-            path_ = properties.fileName_;
-            properties.options();  // from now on a stamp is kept
-        }
-        Z_REQUIRE(path_.getLength() != 0);
-        if (descriptor_ < 0)
-            Z_RAISE_IO(path_.getChars(), "inotify_init1()", error);
-        watch();
-    } catch (...) {
-        if (descriptor_ >= 0)
-            close(descriptor_);
-        throw;
+    : properties_(properties), watch_(nullptr), descriptor_(-1), pending_(false) {
+    {
+        ZProperties::ZPropResourceLock guard(properties.lock_);
+        path_ = properties.fileName_;
+        properties.options();  // from now on a stamp is kept
     }
+    Z_REQUIRE(path_.getLength() != 0);
+    watch_ = new ZPathWatch(path_.getChars(), kJournalSuffix);
+    descriptor_ = watch_->descriptor();
 }
 
-ZPropertiesWatcher::~ZPropertiesWatcher() noexcept { close(descriptor_); }
+ZPropertiesWatcher::~ZPropertiesWatcher() noexcept { delete watch_; }
 
-// Watching what is watched already changes nothing.
-void ZPropertiesWatcher::watch() {
-    const ZLCString folder(zfolderOf(path_.getChars()));
-    if (inotify_add_watch(descriptor_, folder.getChars(), kFolderEvents) < 0)
-        Z_RAISE_IO(folder.getChars(), "inotify_add_watch()", errno);
-    name_ = target_ = znameOf(path_.getChars());
-    ZLCString real(path_);
-    if (zfollowLinks(real)) {
-        target_ = znameOf(real.getChars());
-        inotify_add_watch(descriptor_, zfolderOf(real.getChars()).getChars(), kFolderEvents);
-    }
-    fileWatch_ = inotify_add_watch(descriptor_, path_.getChars(), kFileEvents);
-}
-
-// Whether a name in one of the folders is the file's, or its journal's: a store that was stopped
-// leaves its content there.
-bool ZPropertiesWatcher::concerns(const char* name) const {
-    for (const ZLCString* own : {&name_, &target_}) {
-        const unsigned int length = own->getLength();
-        if (strncmp(name, own->getChars(), length) == 0 &&
-            (name[length] == '\0' || strcmp(name + length, kJournalSuffix) == 0))
-            return true;
-    }
-    return false;
-}
-
-// Reads all that has come; whether any of it concerns the file.
-bool ZPropertiesWatcher::readEvents() {
-    alignas(struct inotify_event) char buffer[4096];
-    bool found = false;
-    for (;;) {
-        const ssize_t size = read(descriptor_, buffer, sizeof buffer);
-        if (size < 0 && errno == EINTR)
-            continue;
-        if (size <= 0)
-            return found;
-        for (const char* at = buffer; at < buffer + size;) {
-            const struct inotify_event* event = reinterpret_cast<const struct inotify_event*>(at);
-            at += sizeof *event + event->len;
-            found = found || event->wd == fileWatch_ || (event->mask & IN_Q_OVERFLOW) != 0 ||
-                    (event->len != 0 && concerns(event->name));
-        }
-    }
+void ZPropertiesWatcher::setSettlingTime(unsigned long milliseconds) {
+    watch_->setSettlingTime(milliseconds);
 }
 
 // Comments and their places make no difference to tell, but one to who stores.
@@ -108,17 +49,16 @@ static bool wouldStoreTheSame(ZPCache& a, ZPCache& b) {
 }
 
 int ZPropertiesWatcher::process() {
-    pending_ = readEvents() || pending_;
-    if (!pending_)
+    pending_ = watch_->hasNews() || pending_;
+    if (!pending_ || watch_->isBeingWritten())
         return 0;
-    watch();  // the path may lead to another file now
-    std::vector<ZPropDifference> differences;
+    ZVector<ZPropDifference> differences;
     {
         ZProperties::ZPropResourceLock guard(properties_.lock_);
         if (properties_.isModified() != 0 || properties_.options().update != nullptr)
             return 0;
         ZOpenFile file(zopenRegularFile(path_.getChars(), O_RDONLY));
-        if (file.get() < 0 && errno == ENOENT)
+        if (file.get() < 0 && (errno == ENOENT || errno == ENOTDIR))
             return 0;
         if (file.get() < 0)
             Z_RAISE_IO(path_.getChars(), "fopen(r)", errno);
@@ -128,6 +68,8 @@ int ZPropertiesWatcher::process() {
             return 0;
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "fcntl()", error);
+        ZLockScope lock(file.get(), owner);
+        watch_->noteReading(file.get());
         // A content that can't be read raises here, before the object is touched, and once.
         pending_ = false;
         std::unique_ptr<ZPCache> fresh(properties_.cache_->clone());
@@ -136,12 +78,11 @@ int ZPropertiesWatcher::process() {
         zfindDifferences(*properties_.cache_, *fresh, differences);
         if (differences.empty() && wouldStoreTheSame(*properties_.cache_, *fresh)) {
             properties_.options().keepStamp(file.get());
-            zunlockWholeFile(file.get(), owner);
         } else {
             // Should this reading fail, the next call tries again, and nobody stores what is left.
             pending_ = true;
             properties_.cache_->clear();
-            properties_.readAndUnlock(path_, file.get(), owner);
+            properties_.readAndUnlock(path_, file.get(), lock);
             pending_ = false;
         }
     }

@@ -4,6 +4,8 @@
 
 #include "ZProperties.h"
 
+class ZPathWatch;
+
 /// Watches the file of a properties object, keeps the object up to date and its observers informed.
 /// There is no thread in it: the caller polls the descriptor, beside others that he waits for, and
 /// calls process() when there is something to read.
@@ -16,7 +18,10 @@
 ///
 /// The first call deals with what has happened between the object's load and the watcher's beginning.
 ///
-/// The file may be rewritten in place or replaced by another one, as editors do; links are followed.
+/// The file may be rewritten in place or replaced by another one, as editors do; links anywhere on its path
+/// may be turned, folders replaced, taken away and brought back, or mounted over. Where the system can't
+/// tell of all that (inotify's limits, a folder that may not be read), the descriptor becomes readable once a
+/// second, to look.
 ///
 /// Ownership: the properties object must outlive the watcher.
 /// Failure: as each call says.
@@ -25,9 +30,9 @@
 /// Cost: reading the file twice and comparing it with the object, for each change of the file.
 class ZEXPORT ZPropertiesWatcher {
 public:
-    /// Begins to watch. Raises ZInvalidParameterException (22) for an object without a file, and
-    /// ZPropertiesIOException (43) with "inotify_init1()", or with "inotify_add_watch()" where the
-    /// file's folder can't be watched.
+    /// Begins to watch; the file needn't be there. Raises ZInvalidParameterException (22) for an object
+    /// without a file, and ZPropertiesIOException (43) with "epoll_create1()" where there are no descriptors
+    /// left.
     explicit ZPropertiesWatcher(ZProperties& properties);
     virtual ~ZPropertiesWatcher() noexcept;
 
@@ -36,6 +41,10 @@ public:
 
     /// For poll or epoll: readable when something has happened around the file. The watcher's own.
     int descriptor() const { return descriptor_; }
+
+    /// How long a file that somebody writes to, and hasn't closed, must have got no byte before it is read: 50
+    /// milliseconds at first; 0 waits for nobody.
+    void setSettlingTime(unsigned long milliseconds);
 
     /// Reads what has come, without waiting. If the file has other content than the object, the
     /// object is loaded anew, and tell() is called once for each key that was added, deleted or has
@@ -54,17 +63,11 @@ protected:
     ZProperties& properties() const { return properties_; }
 
 private:
-    void watch();
-    bool readEvents();
-    bool concerns(const char* name) const;
-
     ZProperties& properties_;
+    ZPathWatch* watch_;
     int descriptor_;
-    int fileWatch_;    // of the file itself; -1 while there is none
-    bool pending_;     // something has happened that process() hasn't dealt with
-    ZLCString path_;   // as the object says it
-    ZLCString name_;   // its last part
-    ZLCString target_; // the last part of the real file's path
+    bool pending_;    // something has happened that process() hasn't dealt with
+    ZLCString path_;  // as the object says it
 };
 
 #endif

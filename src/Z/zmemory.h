@@ -7,8 +7,10 @@
 #include <new>
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "ZObject.h"
 
@@ -35,6 +37,27 @@ std::unique_ptr<T, ZUnmake> zmake(Arguments&&... arguments) {
     void* memory = ZObject::operator new(sizeof(T));
     return std::unique_ptr<T, ZUnmake>(new (memory) T(std::forward<Arguments>(arguments)...));
 }
+
+/// Vectors by the same road.
+template <typename T>
+struct ZVectorMemory {
+    typedef T value_type;
+
+    ZVectorMemory() {}
+    template <typename U>
+    ZVectorMemory(const ZVectorMemory<U>&) {}
+    T* allocate(size_t count) {
+        return static_cast<T*>(
+            ZObject::operator new(count > SIZE_MAX / sizeof(T) ? SIZE_MAX : count * sizeof(T)));
+    }
+    void deallocate(T* memory, size_t) noexcept { ZObject::operator delete(memory); }
+    template <typename U>
+    bool operator==(const ZVectorMemory<U>&) const { return true; }
+    template <typename U>
+    bool operator!=(const ZVectorMemory<U>&) const { return false; }
+};
+template <typename T>
+using ZVector = std::vector<T, ZVectorMemory<T>>;
 
 /// Tells the system that a large block is used all over, so that it may lie in huge pages: that
 /// saves most page faults on filling it and most address look-ups on reading. The advice can't

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-typedef std::vector<ZPropDifference> Differences;
+typedef ZVector<ZPropDifference> Differences;
 
 static const char* text(const ZArrayList& list, unsigned int i) {
     return static_cast<const ZLCString*>(list.get(i))->getChars();

@@ -2,10 +2,9 @@
 #ifndef Z_ZPROPDIFF_H
 #define Z_ZPROPDIFF_H
 
-#include <vector>
-
 #include "ZLCString.h"
 #include "ZPCache.h"
+#include "zmemory.h"
 
 /// One difference, as an observer is told of it. An empty key means the stanza.
 struct ZPropDifference {
@@ -20,7 +19,6 @@ struct ZPropDifference {
 /// what is gone, a stanza behind its keys, then what is new or has other values, a stanza ahead of
 /// its keys. Two keys differ if their values do, in number, order or kind.
 /// Cost: linear in both.
-void zfindDifferences(const ZPCache& before, const ZPCache& after,
-                      std::vector<ZPropDifference>& out);
+void zfindDifferences(const ZPCache& before, const ZPCache& after, ZVector<ZPropDifference>& out);
 
 #endif

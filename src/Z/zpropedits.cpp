@@ -168,6 +168,14 @@ int zstzPropWatch_fd(ZPROP_watch_handle* watch) {
     return -1;
 }
 
+int zstzPropWatch_setSettlingTime(ZPROP_watch_handle* watch, unsigned long milliseconds) {
+    zclearLastError();
+    if (!ZPROP_watch_handle::isGood(watch))
+        return zparameterError();
+    watch->setSettlingTime(milliseconds);
+    return ZPROP_OK;
+}
+
 int zstzPropWatch_process(ZPROP_watch_handle* watch, ZPROP_change_callback changed, void* data,
                           int* err) {
     zclearLastError();

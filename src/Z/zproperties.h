@@ -262,13 +262,17 @@ ZEXPORT int zstzPropRollback(ZPROP_handle* handle);
  * One thread at a time may call with a watch, which has to be closed before its handle. */
 
 /* Watches the handle's file for other processes' stores. The watch goes to *out, and is closed by
- * zstzPropWatch_close. 0; 55 for a bad handle or a null `out`; 51 if the file's folder can't be
- * watched; 53 without memory. */
+ * zstzPropWatch_close. 0; 55 for a bad handle or a null `out`; 51 if there are no descriptors
+ * left; 53 without memory. */
 ZEXPORT int zstzPropWatch_open(ZPROP_handle* handle, ZPROP_watch_handle** out);
 
 /* A descriptor for poll, readable when zstzPropWatch_process has something to do. It belongs to the
  * watch. -1 for a bad one. */
 ZEXPORT int zstzPropWatch_fd(ZPROP_watch_handle* watch);
+
+/* How long a file that somebody writes to, and hasn't closed, must have got no byte before it is read: 50
+ * milliseconds at first; 0 waits for nobody. 0; 55 for a bad watch. */
+ZEXPORT int zstzPropWatch_setSettlingTime(ZPROP_watch_handle* watch, unsigned long milliseconds);
 
 /* Looks, without waiting, whether the file has other content than the handle. If so, loads it, calls
  * `changed` (null: nothing) with `data` once for each key that was added, deleted or has other values

@@ -240,6 +240,7 @@
 #define zstzPropOpenWith zstzPropOpenWith_6_0
 #define zstzPropBegin zstzPropBegin_6_0
 #define zstzPropCommit zstzPropCommit_6_0
+#define zstzPropWatch_setSettlingTime zstzPropWatch_setSettlingTime_6_0
 #define zstzPropLastStoreMode zstzPropLastStoreMode_6_0
 #define zstzPropRollback zstzPropRollback_6_0
 #define zstzPropWatch_open zstzPropWatch_open_6_0

@@ -124,6 +124,24 @@ enum ZLockOwner { zlockOfProcess, zlockOfDescription };
 int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long waitMilliseconds);
 /// Gives it up. Closing alone doesn't end a description's lock where a forked child has it too.
 void zunlockWholeFile(int descriptor, ZLockOwner owner);
+/// Gives a lock up at the end of a scope, or before.
+class ZLockScope {
+public:
+    ZLockScope(int descriptor, ZLockOwner owner) : descriptor_(descriptor), owner_(owner) {}
+    ~ZLockScope() { unlock(); }
+    ZLockScope(const ZLockScope&) = delete;
+    ZLockScope& operator=(const ZLockScope&) = delete;
+
+    void unlock() {
+        if (descriptor_ >= 0)
+            zunlockWholeFile(descriptor_, owner_);
+        descriptor_ = -1;
+    }
+
+private:
+    int descriptor_;
+    const ZLockOwner owner_;
+};
 /// Whether this errno of a lock says that somebody else holds it.
 inline bool zisLockedByOthers(int error) { return error == EAGAIN || error == EACCES; }
 
