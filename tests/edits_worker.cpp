@@ -5,7 +5,8 @@
 //   check FILE KEYS HIDDEN SETS whether all of that is still there, and how many of the keys 0, 1, ...
 //                               of the stanza "new" are: prints "kept 100 torn 0 comments 0", the
 //                               last two being the numbers of old keys and of comments that are wrong
-//   count FILE TIMES            adds 1 to the key "n" of the stanza "count", so often, in updates
+//   count FILE TIMES MODE       adds 1 to the key "n" of the stanza "count", so often, in updates that
+//                               store in this mode
 //   hide FILE MODE VALUE        sets the hidden key "word" of the stanza "secrets" by a store of this mode
 //   full FILE MODE              stores more and more until there is no room: prints how it failed and
 //                               what is loaded then
@@ -70,9 +71,9 @@ static int check(const char* file, int keys, bool hidden, int sets) {
     return kept == sets && torn + spelt == 0 && comments == 0 ? 0 : 1;
 }
 
-static int count(const char* file, int times) {
+static int count(const char* file, int times, int mode) {
     ZStanzaFileProperties p(1);
-    p.setStoreMode(ZPROP_STORE_CHECKED);
+    p.setStoreMode(mode);
     p.setLockWait(600000);
     p.load(file);
     for (int i = 0; i < times; ++i) {
@@ -130,7 +131,7 @@ int main(int argc, char** argv) {
         if (command == "check")
             return check(argv[2], number(3), number(4) != 0, number(5));
         if (command == "count")
-            return count(argv[2], number(3));
+            return count(argv[2], number(3), number(4));
         if (command == "hide" && argc > 4)
             return hide(argv[2], number(3), argv[4]);
         if (command == "full")
