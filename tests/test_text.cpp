@@ -250,6 +250,31 @@ TEST(Codesets, CopyWholeCharactersOnly) {
         target = std::string("x\0##########", 12);
         EXPECT_EQ(qel_strncat(utf8, target.data(), kAEuroB.c_str(), n), "x" + whole);
     }
+
+    // Bytes behind which nothing may be read: what the end cuts off is left out, what is no character
+    // anyhow isn't.
+    const struct {
+        const char *codeset, *bytes;
+        size_t whole;
+    } kUnterminated[] = {
+        {"UTF8", "a\xC3", 1},         {"UTF8", "a\xE2\x82", 1}, {"UTF8", "\xF0\x9F\x98", 0},
+        {"UTF8", "a\xE0\x80", 3},     {"UTF8", "a\xED\xA0", 3}, {"UTF8", "\xE2z\x82", 3},
+        {"UTF8", "\xF4\x90", 2},      {"UTF8", "\xFF\xC1", 2},  {"EUC-JP", "a\xC6", 1},
+        {"EUC-JP", "\xC6\xFC\x8F", 2}, {"EUC-JP", "\x8F\xA2", 0}, {"EUC-JP", "\xFFz", 2},
+    };
+    for (const auto& c : kUnterminated) {
+        SCOPED_TRACE(testing::Message() << c.codeset << testing::PrintToString(c.bytes));
+        const CodesetHandle codeset(c.codeset);
+        const std::vector<char> bytes(c.bytes, c.bytes + strlen(c.bytes));
+        std::string target(8, '\0');
+        qel_strncpy(codeset, target.data(), bytes.data(), bytes.size());
+        EXPECT_EQ(target.c_str(), std::string(c.bytes, c.whole));
+        target.assign(8, '\0');
+        qel_strncat(codeset, target.data(), bytes.data(), bytes.size());
+        EXPECT_EQ(target.c_str(), std::string(c.bytes, c.whole));
+        EXPECT_LE(qel_mblen(codeset, c.bytes + c.whole, strlen(c.bytes) - c.whole), 0);
+        EXPECT_GE(qel_mblen(codeset, c.bytes + c.whole, strlen(c.bytes) - c.whole), -1);
+    }
 }
 
 TEST(Child, DISABLED_CaseIsThatOfTheLocaleHandle) {

@@ -35,7 +35,15 @@ size_t asciiRun(const char* text, size_t n) {
     return i;
 }
 
+// Whether a code of which `missing` bytes of six bits aren't there yet can become a character's.
+static bool canBecome(uint32_t code, size_t missing, uint32_t least) {
+    const uint32_t first = code << 6 * missing;
+    const uint32_t last = first | ((uint32_t(1) << 6 * missing) - 1);
+    return last >= least && first <= 0x10FFFF && !(first >= 0xD800 && last <= 0xDFFF);
+}
+
 static Character decodeUTF8(const char* text, size_t n) {
+    static const uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
     const Character kInvalid = {-1, kNoCode};
     const unsigned char* s = reinterpret_cast<const unsigned char*>(text);
     const unsigned char lead = s[0];
@@ -48,11 +56,12 @@ static Character decodeUTF8(const char* text, size_t n) {
     for (size_t i = 1; i < length; ++i) {
         // One byte after the other: a text's terminator is no continuation, so nobody reads past
         // it.
-        if (i >= n || (s[i] & 0xC0) != 0x80)
+        if (i >= n)
+            return canBecome(code, length - i, kLeast[length]) ? Character{kCut, kNoCode} : kInvalid;
+        if ((s[i] & 0xC0) != 0x80)
             return kInvalid;
         code = code << 6 | (s[i] & 0x3F);
     }
-    static const uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
     if (code < kLeast[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
         return kInvalid;
     return {static_cast<int>(length), code};
@@ -349,7 +358,9 @@ public:
                 return {2, known};
         }
         const std::lock_guard<std::mutex> guard(mutex_);
-        for (size_t length = 1; length <= n && length <= kLongest; ++length) {
+        for (size_t length = 1; length <= kLongest; ++length) {
+            if (length > n)
+                return {kCut, kNoCode};
             if (length > 1 && text[length - 1] == '\0')
                 break;  // nothing reads past the terminator
             uint32_t wide[4];
@@ -455,7 +466,8 @@ int qel_mblen(qel_codeset codeset, const char* text, size_t n) {
         return -1;
     if (static_cast<unsigned char>(*text) < 0x80 && qel_begins_with_ascii(codeset))
         return 1;
-    return codesetOf(codeset)->decode(text, n).length;
+    const int length = codesetOf(codeset)->decode(text, n).length;
+    return length < 0 ? -1 : length;
 }
 
 int qel_mbtowc(qel_codeset codeset, qel_wide* wide, const char* text, size_t n) {

@@ -9,7 +9,10 @@ namespace qel {
 /// The code of a character that isn't one Unicode character.
 const uint32_t kNoCode = 0xFFFFFFFFU;
 
-/// A character met in a text: its bytes, -1 if what stands there is none, and its Unicode code.
+/// The length of what begins a character that the end of the bytes at hand cuts off.
+const int kCut = -2;
+
+/// A character met in a text: its bytes, -1 or kCut if what stands there is none, and its Unicode code.
 struct Character {
     int length;
     uint32_t code;

@@ -122,17 +122,18 @@ size_t span(Codeset* codeset, const char* text, const char* set, bool member) {
     return static_cast<size_t>(at - text);
 }
 
-// The most bytes, up to `n`, that whole characters of `text` take.
+// The most bytes, up to `n`, that whole characters of `text` take, which need not have a terminator
+// in its first `n` bytes.
 size_t wholeLength(qel_codeset codeset, const char* text, size_t n) {
     const size_t length = strnlen(text, n);
     if (length < n || isBytewise(codeset))
         return length;
     size_t whole = 0;
-    while (whole < n && text[whole] != '\0') {
-        const size_t bytes = step(codesetOf(codeset), text + whole);
-        if (bytes > n - whole)
+    while (whole < n) {
+        const int bytes = codesetOf(codeset)->decode(text + whole, n - whole).length;
+        if (bytes == qel::kCut)
             break;
-        whole += bytes;
+        whole += bytes < 1 ? 1 : static_cast<size_t>(bytes);
     }
     return whole;
 }
