@@ -89,6 +89,14 @@ TEST(Child, DISABLED_NoEnvironment) {
     EXPECT_EQ(converted(latin, kToLocal, "\xC3\xA9"), whole("\xE9"));
     EXPECT_EQ(strcmp(system.getLocalCodeSet().getChars(), "ANSI_X3.4-1968"), 0);
     EXPECT_EQ(converted(system, kToUTF8, "a"), whole("a"));
+
+    // Text has been asked for in vain, and for good.
+    EXPECT_EQ(zgetlocale(), nullptr);
+    setenv("QELDIR", kDirectory, 1);
+    for (const char* directory : {kDirectory, static_cast<const char*>(nullptr)}) {
+        const ZQELUTF8Converter late("ISO-8859-1", directory);
+        EXPECT_EQ(converted(late, kToUTF8, "\xE9"), whole("\xC3\xA9"));
+    }
 }
 
 TEST(Converters, NeedNoEnvironmentWithADirectory) {

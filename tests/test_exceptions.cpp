@@ -219,6 +219,32 @@ TEST(Messages, GoThroughTheServiceThatIsSet) {
     EXPECT_EQ(ZMessageService::messageService(), ZMessageService::defaultMessageService());
 }
 
+// Passes each report on, keeps a text of its own, and needs strings for that.
+class LoggingService : public ZDefaultMessageService {
+public:
+    using ZDefaultMessageService::outputException;
+    int outputException(const ZZException* exception, char* args) const override {
+        ZDefaultMessageService::outputException(exception, args);
+        vsnprintf(text, sizeof text, "%d", reinterpret_cast<ZMessageArguments*>(args)->list);
+        log += text;
+        return 0;
+    }
+
+    static char text[16];
+    mutable ZLCString log;
+};
+char LoggingService::text[16];
+
+TEST(Messages, LeaveTheInsertsToWhoPassedThemOn) {
+    const LoggingService service;
+    ZMessageService::setMessageService(&service);
+    const std::string written =
+        standardError([] { ZThreadException(5, 4711).print(); });
+    ZMessageService::setMessageService(nullptr);
+    EXPECT_NE(written.find("rc = 4711."), std::string::npos);
+    EXPECT_STREQ(service.log, "4711");
+}
+
 // In processes of their own, where nothing has been used yet.
 
 TEST(Child, DISABLED_ServiceIsTheDefaultOneAtFirst) {
@@ -236,6 +262,44 @@ TEST(Child, DISABLED_ServiceIsSetBeforeAnyUse) {
 }
 
 TEST(Child, DISABLED_FirstString) { ZLCString string("text"); }
+
+// In a process without text, a service that asks for text while it reports just that.
+template <typename Ask>
+class AskingService : public Service {
+    int outputException(const ZZException*, char*) const override {
+        Ask()();
+        return 0;
+    }
+};
+template <typename Ask>
+void setAskingService() {
+    static const AskingService<Ask> service;
+    ZMessageService::setMessageService(&service);
+}
+struct AskForString {
+    void operator()() const { ZLCString string("text"); }
+};
+struct AskForName {
+    void operator()() const { EXPECT_EQ(zgetlocale(), nullptr); }
+};
+struct Raise {
+    void operator()() const { throw 1; }
+};
+
+TEST(Child, DISABLED_ServiceMakesStrings) {
+    setAskingService<AskForString>();
+    EXPECT_EQ(zgetlocale(), nullptr);
+}
+
+TEST(Child, DISABLED_ServiceRaises) {
+    setAskingService<Raise>();
+    ZLCString string("text");
+}
+
+TEST(Child, DISABLED_ServiceAsksForNames) {
+    setAskingService<AskForName>();
+    EXPECT_EQ(zgetlocale(), nullptr);
+}
 
 TEST(Child, DISABLED_NamesWithoutQELDIR) {
     EXPECT_EQ(zgetlocale(), nullptr);
@@ -275,6 +339,9 @@ TEST(Setup, WithoutTablesEndsTheProcessOrGivesNoNames) {
                  {{"LC_ALL", "en_US.ISO-8859-1"}, {"QELDIR", "/tables"}},
                  {"Exception: ZCodesetException\n",
                   "create failed for codeset \"ISO-8859-1\".  QELDIR is \"/tables\""});
+    for (const char* test : {"Child.DISABLED_ServiceMakesStrings", "Child.DISABLED_ServiceRaises"})
+        expectAborts(test, {{"QELDIR", nullptr}}, {unset});
+    expectChildPasses("Child.DISABLED_ServiceAsksForNames", {{"QELDIR", nullptr}});
     const SelfChild child = runSelf("Child.DISABLED_NamesWithoutQELDIR", {{"QELDIR", nullptr}});
     EXPECT_TRUE(child.passed() && child.wrote(unset)) << child.output;
     expectChildPasses("Child.DISABLED_CodesetExceptionWithoutQELDIR", {{"QELDIR", nullptr}});

@@ -120,8 +120,18 @@ void ZMessageService::setMessageService(const ZMessageService* service) {
     store(ms_, service == nullptr ? standard : const_cast<ZMessageService*>(service));
 }
 
+// Set while this thread's reports are the default service's, whichever is current.
+static thread_local bool isByDefault = false;
+
 int ZMessageService::routeZZException(const ZZException* exception, char* args) {
-    return messageService()->outputException(exception, args);
+    ZMessageService* service = isByDefault ? defaultMessageService() : messageService();
+    return service->outputException(exception, args);
+}
+
+void zprintByDefault(ZException& exception) {
+    isByDefault = true;
+    exception.print();
+    isByDefault = false;
 }
 
 unsigned long ZMessageService::exceptionNumber(const ZException& exception) {
@@ -131,6 +141,14 @@ unsigned long ZMessageService::exceptionNumber(const ZException& exception) {
 const char* ZMessageService::exceptionName(const ZException& exception) { return exception.name_; }
 
 ZObject* ZDefaultMessageService::clone() const { return new ZDefaultMessageService; }
+
+// Reads a copy: who passed the report on may still want the inserts for a log of his own.
+static void printInserts(const char* text, const ZMessageArguments& arguments) {
+    va_list list;
+    va_copy(list, const_cast<ZMessageArguments&>(arguments).list);
+    vfprintf(stderr, text, list);
+    va_end(list);
+}
 
 int ZDefaultMessageService::outputException(const ZZException* exception, char* args) const {
     const unsigned long number = exceptionNumber(*exception);
@@ -143,7 +161,7 @@ int ZDefaultMessageService::outputException(const ZZException* exception, char* 
     if (text == nullptr)
         fputs(kNoText, stderr);
     else
-        vfprintf(stderr, text, reinterpret_cast<ZMessageArguments*>(args)->list);
+        printInserts(text, *reinterpret_cast<ZMessageArguments*>(args));
     return 0;
 }
 

@@ -12,6 +12,10 @@
 /// What the opaque `args` of outputException leads to: the inserts of the exception's message,
 /// ready for vfprintf. A struct, since a va_list itself is an array on some platforms and a pointer
 /// on others.
+///
+/// Reading uses a va_list up. The default service reads a copy, so that a service may pass a report
+/// on to it first and read the list itself afterwards. A service that reads the list before it
+/// passes the report on, or that others pass reports on to, reads a copy (va_copy) likewise.
 struct ZMessageArguments {
     va_list list;  ///< as vprintf takes it
 };
@@ -21,6 +25,9 @@ struct ZMessageArguments {
 ///
 /// Ownership: a service that is set stays its owner's, who keeps it alive while it is installed
 ///   and until reports that other threads have begun through it have ended.
+/// Strings: a service may use them in its reports, but for one: in a process that can't have any
+///   (see zqelutil.h) the report of that goes to the service too, and as soon as the service then
+///   makes a string, the default service reports the same and the process ends.
 /// Threads: the static calls may run in any thread; concurrent first uses make one default
 ///   service. The lines of one report are written by separate calls: reports can interleave.
 class ZEXPORT ZMessageService {
@@ -41,7 +48,8 @@ public:
     /// An exception that is to be reported; the service asks it to print itself. 0 when done.
     virtual int outputException(ZException& exception) const = 0;
 
-    /// An exception with its inserts: `args` is a ZMessageArguments*. 0 when done.
+    /// An exception with its inserts: `args` is a ZMessageArguments*, good for this call. 0 when
+    /// done.
     virtual int outputException(const ZZException* exception, char* args) const = 0;
 
     /// The current service, never null.

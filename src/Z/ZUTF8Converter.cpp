@@ -10,16 +10,17 @@
 
 #include "ZException.h"
 #include "qel/qel.h"
+#include "zcodesetfailure.h"
 
 ZUTF8ConverterInterface::~ZUTF8ConverterInterface() noexcept {}
 
 ZAbstractUTF8Converter::~ZAbstractUTF8Converter() noexcept {}
 
-// Sets text up, the process's locale with it, as the first string of a process does. Raises if the
-// process can't have text, or leaves that be.
+// Sets text up, the process's locale with it, as the first string of a process does. It may have
+// failed for good before QELDIR was set: a converter can do without, having a codeset of its own.
 static void setTextUp(bool isRequired) {
     if (getenv("QELDIR") != nullptr)
-        const ZLCString string;
+        zsetTextUp();
     else if (isRequired)
         ZNoQELEnvironmentException().throwException(__FILE__, __LINE__);
 }

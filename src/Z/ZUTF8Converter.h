@@ -47,7 +47,8 @@ public:
     /// Converts between UTF-8 and `localCodeSet`; null is the codeset of the process's locale as it
     /// is now. `dir` is where the codeset service finds its tables, from now on and for the whole
     /// process; only without it QELDIR must be set, as above. Where QELDIR is set, the text of the
-    /// process is set up first, as by its first string. A codeset that can't be opened makes every
+    /// process is set up first, as by its first string; if that fails or has failed before, nothing is
+    /// reported, and the converter works all the same. A codeset that can't be opened makes every
     /// conversion fail.
     ZQELUTF8Converter(const char* localCodeSet, const char* dir);
     ZQELUTF8Converter(const ZQELUTF8Converter&) = delete;

@@ -14,4 +14,8 @@ inline void zprintThreadLine() {
     fprintf(stderr, " Thread: %d\n", static_cast<int>(static_cast<uintptr_t>(pthread_self())));
 }
 
+/// Has the default service report the exception, whichever service is current: for what the current
+/// one can't report.
+void zprintByDefault(ZException& exception);
+
 #endif

@@ -1,8 +1,10 @@
 #include "zqelutil.h"
 
+#include <cxxabi.h>
 #include <pthread.h>
 
 #include <atomic>
+#include <climits>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +12,8 @@
 #include "ZException.h"
 #include "qel/qel.h"
 #include "zcodesetfailure.h"
+#include "zinternal.h"
+#include "zmessageformats.h"
 
 // Written once, by the set-up; names live for ever. The four that callers read without passing
 // pthread_once are atomics; what set-up wrote before them can be seen by whoever sees them.
@@ -24,6 +28,7 @@ static const char* qeldir_ = nullptr;  // only whether it is null matters
 static const char kDefaultDirectory[] = "/opt/Quillmere/nls/QEL";
 
 static void zonce_init() {
+    const ZCancelGuard guard;  // half of it would count as a failure for good
     if (locstring_.load(std::memory_order_relaxed) != nullptr)
         return;
     setlocale(LC_ALL, "");
@@ -58,7 +63,40 @@ static void commonInit() {
         zraiseCodesetFailure("UTF8");
 }
 
-// `word` once set-up is done. A failure of set-up is reported; who can't do without ends here.
+bool zsetTextUp() {
+    pthread_once(&qel_once, zonce_init);
+    return zlocal_codeset_.load(std::memory_order_relaxed) != 0 &&
+           zutf8_codeset_.load(std::memory_order_relaxed) != 0;
+}
+
+// Set while this thread reports that set-up failed.
+static thread_local bool isReporting = false;
+
+// Reports that set-up failed; who can't do without it ends here. A message service may come back here
+// from within its report, for a string or a name: there is nothing more to tell it then. Who can't do
+// without is told by the default service, which needs no string, and what ended it is seen.
+static void reportFailure(ZException& failure, bool indispensable) {
+    if (isReporting) {
+        if (indispensable)
+            zprintByDefault(failure);
+    } else {
+        struct Mark {
+            Mark() { isReporting = true; }
+            ~Mark() { isReporting = false; }
+        } mark;
+        try {
+            failure.print();
+        } catch (abi::__forced_unwind&) {
+            throw;  // pthread_exit in a service: the thread must go on ending
+        } catch (...) {
+            zprintByDefault(failure);  // a service that can't report
+        }
+    }
+    if (indispensable)
+        abort();
+}
+
+// `word` once set-up is done, or empty if it failed and that isn't the end.
 template <typename Word>
 static Word afterSetup(const std::atomic<Word>& word, bool indispensable) {
     const Word value = word.load(std::memory_order_acquire);
@@ -67,9 +105,7 @@ static Word afterSetup(const std::atomic<Word>& word, bool indispensable) {
     try {
         commonInit();
     } catch (ZException& failure) {
-        failure.print();
-        if (indispensable)
-            abort();
+        reportFailure(failure, indispensable);
     }
     return word.load(std::memory_order_acquire);
 }
@@ -163,10 +199,11 @@ int zmblen(zcodeset_handle h, const char* s, size_t n) {
 unsigned int zstrcount(zcodeset_handle h, const char* s) {
     if (s == nullptr)
         return 0;
+    const size_t most = UINT_MAX;
     if (isLocalOfOneByte(h))
-        return static_cast<unsigned int>(strlen(s));
+        return static_cast<unsigned int>(strnlen(s, most));
     const char* at = s;
-    while (*at != '\0') {
+    while (*at != '\0' && static_cast<size_t>(at - s) < most - 8) {  // no character takes 8 bytes
         const int n = qel_mblen(h, at, 4);
         if (n < 1)
             break;

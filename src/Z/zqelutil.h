@@ -26,13 +26,15 @@ typedef uint16_t zwide_char;
 Z_BEGIN_C
 
 /* The canonical name of the process's locale, or of its codeset. A failure of set-up is reported
- * to the message service; the result is null then, unless set-up got that far. Lives for ever. */
+ * to the message service, but not again within that report; the result is null then, unless set-up
+ * got that far. Lives for ever. */
 ZEXPORT const char* zgetlocale(void);
 ZEXPORT const char* zgetLocalCodesetName(void);
 
 /* The handles of UTF-8 and of the local codeset, the same at each call and never the same as each
  * other, even where the local codeset is UTF-8. A failure of set-up is reported, then the process
- * ends with abort(): no string can exist without them. */
+ * ends with abort(): no string can exist without them. Within that report (a message service makes a
+ * string) and where the service itself fails, the default service reports. */
 ZEXPORT zcodeset_handle zgetUTF8Handle(void);
 ZEXPORT zcodeset_handle zgetLCSHandle(void);
 
@@ -56,7 +58,8 @@ ZEXPORT char* zstrpbrk(zcodeset_handle h, const char* s, const char* t);
 ZEXPORT size_t zstrspn(zcodeset_handle h, const char* s, const char* t);
 ZEXPORT size_t zstrcspn(zcodeset_handle h, const char* s, const char* t);
 
-/* As strncpy and strncat, `n` in bytes, but a character that doesn't fit whole is left out. */
+/* As strncpy and strncat, `n` in bytes, but a character that doesn't fit whole is left out. No more
+ * than `n` bytes of `b` are read, which needs no terminator then. */
 ZEXPORT char* zstrncpy(zcodeset_handle h, char* a, const char* b, size_t n);
 ZEXPORT char* zstrncat(zcodeset_handle h, char* a, const char* b, size_t n);
 
@@ -89,7 +92,8 @@ ZEXPORT int ziswupper(zwide_char c);
  * character: 1, and `s` isn't looked at. */
 ZEXPORT int zmblen(zcodeset_handle h, const char* s, size_t n);
 
-/* Bytes taken by the leading run of valid characters of `s`; 0 for null. */
+/* Bytes taken by the leading run of valid characters of `s`; 0 for null. The count of longer text ends
+ * below 4 GiB. */
 ZEXPORT unsigned int zstrcount(zcodeset_handle h, const char* s);
 
 /* Bytes of the first character of `s`, of which `n` bytes are there, if it is a letter (white
