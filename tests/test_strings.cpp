@@ -1,6 +1,9 @@
 // Strings: what they hold, how they grow and what they find, beside std::string as the model.
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <climits>
 #include <functional>
 #include <memory>
@@ -212,6 +215,59 @@ TEST(ConstStrings, PointAtTheTextOfOthers) {
     EXPECT_EQ(view == longer, 0);
 }
 
+#if UINTPTR_MAX > 0xFFFFFFFFU
+// A text of so many 'x' that needs little memory: the same pages stand behind all of it but its end.
+class HugeText {
+public:
+    explicit HugeText(size_t length) : size_((length / kPiece + 1) * kPiece) {
+        begin_ = static_cast<char*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE,
+                                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        if (!isThere())
+            return;
+        const std::string piece(kPiece, 'x');
+        const int file = memfd_create("x", MFD_CLOEXEC);
+        bool fits = write(file, piece.data(), kPiece) == static_cast<ssize_t>(kPiece);
+        for (size_t at = 0; fits && at + kPiece < size_; at += kPiece)
+            fits =
+                mmap(begin_ + at, kPiece, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0) != MAP_FAILED;
+        close(file);
+        memset(begin_ + size_ - kPiece, 'x', length % kPiece);
+        if (!fits) {
+            munmap(begin_, size_);
+            begin_ = static_cast<char*>(MAP_FAILED);
+        }
+    }
+    ~HugeText() {
+        if (isThere())
+            munmap(begin_, size_);
+    }
+    bool isThere() const { return begin_ != MAP_FAILED; }
+    const char* text() const { return begin_; }
+
+private:
+    static const size_t kPiece = 4 << 20;
+    const size_t size_;
+    char* begin_;
+};
+
+TEST(ConstStrings, RaiseWhereTheLengthDoesNotFit) {
+    const HugeText huge((size_t(1) << 32) + 5);
+    if (!huge.isThere())
+        GTEST_SKIP() << "no room for 4 GiB of addresses";
+    const ZLCConstString view(huge.text());
+    ZLCString s("old");
+    EXPECT_THROW(view.getLength(), ZOutOfMemoryException);
+    EXPECT_THROW(s = view, ZOutOfMemoryException);
+    EXPECT_THROW(s += view, ZOutOfMemoryException);
+    EXPECT_THROW(s.setChars(ZUTF8ConstString(huge.text())), ZOutOfMemoryException);
+    EXPECT_THROW(view.getCharCount(), ZOutOfMemoryException);
+    EXPECT_THROW(view.lastIndexOf('x'), ZOutOfMemoryException);
+    EXPECT_THROW(ZLCString{view}, ZOutOfMemoryException);
+    EXPECT_EQ(view == s, 0);
+    EXPECT_LE(s.getLength(), 3U) << "what it was, or empty where it was to be converted";
+}
+#endif
+
 // Text that is part of the string being changed, inside the object, at its edge and outside.
 TYPED_TEST(BothFamilies, TakeTheirOwnText) {
     for (const unsigned int length : {1U, 4U, 47U, 48U, 60U, 94U, 95U, 96U, 115U, 116U, 300U}) {
@@ -238,6 +294,67 @@ TYPED_TEST(BothFamilies, TakeTheirOwnText) {
                           std::string(model).insert(pos, part));
         }
     }
+}
+
+// Views of the other codeset on the text that the conversion replaces, their length counted before or
+// not; ASCII, so that the text stays.
+template <typename String, typename View>
+void expectConvertsItself(void (*change)(String&, const View&)) {
+    for (const size_t length : {1, 40, 95, 96, 300}) {
+        for (const bool counted : {false, true}) {
+            SCOPED_TRACE(testing::Message() << length << counted);
+            std::string model(length, 'x');
+            model.back() = 'y';
+            String s(model.c_str());
+            const View view(s.getChars());
+            if (counted)
+                view.getLength();
+            change(s, view);
+            EXPECT_EQ(textOf(s), model);
+        }
+    }
+}
+
+template <typename String, typename View>
+void expectEachConvertsItself() {
+    expectConvertsItself<String, View>([](String& s, const View& v) { s = v; });
+    expectConvertsItself<String, View>([](String& s, const View& v) { s.setChars(v); });
+    expectConvertsItself<String, View>([](String& s, const View& v) { s.convertFromCodeSet(v); });
+    expectConvertsItself<String, View>([](String& s, const View&) { s.convertFromCodeSet(s); });
+}
+
+TEST(Strings, ConvertTheirOwnText) {
+    expectEachConvertsItself<ZLCString, ZUTF8ConstString>();
+    expectEachConvertsItself<ZUTF8String, ZLCConstString>();
+    expectEachConvertsItself<ZUTF8String, ZUTF8ConstString>();
+}
+
+// Decides for itself what is equal, whatever class it is seen as.
+template <typename String>
+struct Lenient : String {
+    using String::equals;
+    using String::String;
+    int equals(const ZObject&) const override { return 1; }
+};
+
+template <typename String>
+void expectObeysEquals() {
+    const Lenient<String> lenient("a");
+    const String& own = lenient;
+    const ZAbstractString& any = lenient;
+    const ZLCString local("b");
+    const ZUTF8String utf8("c");
+    EXPECT_TRUE(own == String("b") && !(own != String("b")));
+    EXPECT_TRUE(own == ZLCConstString(local) && own == local && own == utf8 && lenient == utf8);
+    EXPECT_TRUE(any == local && any == static_cast<const ZAbstractString&>(utf8) && !(any != utf8));
+    EXPECT_FALSE(local == lenient) << "the left one decides";
+}
+
+TEST(Strings, EqualityIsThatOfTheLeftOne) {
+    expectObeysEquals<ZLCString>();
+    expectObeysEquals<ZLCConstString>();
+    expectObeysEquals<ZUTF8String>();
+    expectObeysEquals<ZUTF8ConstString>();
 }
 
 TYPED_TEST(BothFamilies, AgreeWithAModel) {

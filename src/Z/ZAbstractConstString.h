@@ -10,7 +10,8 @@
 ///
 /// Ownership: none; the text has to outlive the string. Laid over a mutable string, it is good
 ///   until that string changes. Copies share the text.
-/// Failure: none; null counts as the empty text.
+/// Failure: null counts as the empty text. Text of 4 GiB and more has no length here:
+///   ZOutOfMemoryException (1) from getLength() and all that needs the length, copies included.
 /// Threads: as ZAbstractString; note that getLength() writes its cache.
 /// Cost: construction constant, nothing is allocated; the length is counted once, so it goes stale
 ///   when the owner changes the text.
@@ -25,8 +26,12 @@ public:
     ZAbstractConstString& setChars(const ZAbstractString& other) override;
 
     unsigned int getLength() const final {
-        if (length_ == 0 && chars_ != zemptyString)
-            length_ = static_cast<unsigned int>(strlen(chars_));
+        if (length_ == 0 && chars_ != zemptyString) {
+            const size_t length = strlen(chars_);
+            if (length >= notFound)
+                raiseTooLong();
+            length_ = static_cast<unsigned int>(length);
+        }
         return length_;
     }
 
@@ -42,13 +47,10 @@ public:
         return *this;
     }
 
-    /// Equality of bytes; null is unequal to everything.
-    int operator==(const char* s) const { return equals(s); }
-    int operator!=(const char* s) const { return !equals(s); }
-    int operator==(const ZAbstractConstString& s) const { return equals(s.getChars()); }
-    int operator!=(const ZAbstractConstString& s) const { return !equals(s.getChars()); }
-
     using ZAbstractString::equals;
+
+    /// By equals(const char*), which a derived class may override alone.
+    int equals(const ZObject& other) const override;
 
 protected:
     ZAbstractConstString() : chars_(zemptyString), length_(0) {}
@@ -62,6 +64,8 @@ protected:
     static const char* const zemptyString;
 
 private:
+    [[noreturn]] static void raiseTooLong();
+
     const char* chars_;            // never null
     mutable unsigned int length_;  // 0: not counted yet
 };

@@ -112,13 +112,45 @@ int ZAbstractMutableString::equals(const ZObject& other) const {
     return length_ == string.getLength() && memcmp(chars_, string.getChars(), length_) == 0;
 }
 
+namespace {
+
+/// A string's text of the moment, in the codeset that the string says.
+class TextCopy : public ZAbstractString {
+public:
+    explicit TextCopy(const ZAbstractString& other)
+        : length_(other.getLength()),
+          block_(allocateBlock(length_), free),
+          codeset_(other.getCodesetHandle()) {
+        memcpy(block_.get(), other.getChars(), length_);
+        block_.get()[length_] = '\0';
+    }
+    ZObject* clone() const override { return nullptr; }
+    const char* getChars() const override { return block_.get(); }
+    unsigned int getLength() const override { return length_; }
+    zcodeset_handle getCodesetHandle() const override { return codeset_; }
+    TextCopy& setChars(const ZAbstractString&) override { return *this; }
+
+private:
+    const unsigned int length_;
+    const std::unique_ptr<char, void (*)(void*)> block_;
+    const zcodeset_handle codeset_;
+};
+
+}  // namespace
+
 ZAbstractMutableString& ZAbstractMutableString::setChars(const ZAbstractString& other) {
     if (&other == this)
         return *this;
     if (getCodesetHandle() == other.getCodesetHandle())
         return assignBytes(other.getChars(), other.getLength());
-    clear();
-    convertFromCodeSet(other);
+    if (isOwn(other.getChars())) {
+        const TextCopy copy(other);
+        clear();
+        convertFromCodeSet(copy);
+    } else {
+        clear();
+        convertFromCodeSet(other);
+    }
     return *this;
 }
 
@@ -126,6 +158,8 @@ void ZAbstractMutableString::convertFromCodeSet(const ZAbstractString& other) {
     const unsigned int length = other.getLength();
     if (length == 0)
         return;
+    if (isOwn(other.getChars()))  // neither room nor result may touch what is still to be read
+        return ZAbstractMutableString::convertFromCodeSet(TextCopy(other));
     const bool toUTF8 = getCodesetHandle() == utf8_handle_.load(std::memory_order_relaxed);
     // No character takes more than three bytes of UTF-8 a byte, or two bytes a byte of UTF-8.
     grow(uint64_t(length) * (toUTF8 ? 3 : 2) + 1, 1);

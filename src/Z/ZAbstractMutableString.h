@@ -171,12 +171,6 @@ public:
     ZAbstractMutableString& operator+=(const char* s) { return append(s); }
     ZAbstractMutableString& operator+=(char c) { return append(c); }
 
-    /// Equality of bytes; null is unequal to everything.
-    int operator==(const char* s) const { return equals(s); }
-    int operator!=(const char* s) const { return !equals(s); }
-    int operator==(const ZAbstractMutableString& s) const { return equals(s.getChars()); }
-    int operator!=(const ZAbstractMutableString& s) const { return !equals(s.getChars()); }
-
     using ZAbstractString::equals;
 
     /// As the base's, with this side's text at hand: containers ask for little else.

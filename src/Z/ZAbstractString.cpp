@@ -24,7 +24,12 @@ static const char* orEmpty(const char* s) { return s == nullptr ? "" : s; }
 
 // The position of a hit in `text`, or notFound.
 static unsigned int positionOf(const char* hit, const char* text) {
-    return hit == nullptr ? ZAbstractString::notFound : static_cast<unsigned int>(hit - text);
+    if (hit == nullptr)
+        return ZAbstractString::notFound;
+    const size_t position = static_cast<size_t>(hit - text);
+    if (position >= ZAbstractString::notFound)
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    return static_cast<unsigned int>(position);
 }
 
 unsigned int ZAbstractString::hash() const {
@@ -56,6 +61,7 @@ int ZAbstractString::compareignorecase(const char* s) const {
 }
 
 unsigned int ZAbstractString::getCharCount() const {
+    getLength();  // raises where the count wouldn't fit either
     return zstrcount(getCodesetHandle(), getChars());
 }
 

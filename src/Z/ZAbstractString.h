@@ -9,6 +9,8 @@
 #define Z_ZABSTRACTSTRING_H
 
 #include <atomic>
+#include <type_traits>
+#include <typeinfo>
 
 #include "ZObject.h"
 #include "zqelutil.h"
@@ -112,6 +114,41 @@ public:
         return *this;
     }
 
+    /// Equality of bytes between strings of any classes: equals() of the left one, so that a derived
+    /// class decides for itself, whatever class it is seen as. With a const char* on either side
+    /// equals(const char*) of the string: null is unequal to everything.
+    ///
+    /// The order of strings and of texts: compare() of the string.
+    ///
+    /// Templates, for then both sides fit exactly and no conversion, of a string into a const char*
+    /// above all, and no operand order of C++20's can ever compete.
+#define Z_STRING_OPERATOR(op, Result, ofString, ofText)                            \
+    template <typename A, typename B>                                              \
+    friend typename std::enable_if<std::is_base_of<ZAbstractString, A>::value &&   \
+                                       std::is_base_of<ZAbstractString, B>::value, \
+                                   Result>::type                                   \
+    operator op(const A& left, const B& right) {                                   \
+        const ZAbstractString &a = left, &b = right;                               \
+        return ofString;                                                           \
+    }                                                                              \
+    friend Result operator op(const ZAbstractString& a, const char* b) { return ofText; }
+#define Z_TEXT_OPERATOR(op, Result, ofText) \
+    friend Result operator op(const char* b, const ZAbstractString& a) { return ofText; }
+    Z_STRING_OPERATOR(==, int, a.equals(static_cast<const ZObject&>(b)), a.equals(b))
+    Z_STRING_OPERATOR(!=, int, !a.equals(static_cast<const ZObject&>(b)), !a.equals(b))
+    Z_STRING_OPERATOR(<, bool, a.compare(static_cast<const ZObject&>(b)) < 0, a.compare(b) < 0)
+    Z_STRING_OPERATOR(>, bool, a.compare(static_cast<const ZObject&>(b)) > 0, a.compare(b) > 0)
+    Z_STRING_OPERATOR(<=, bool, a.compare(static_cast<const ZObject&>(b)) <= 0, a.compare(b) <= 0)
+    Z_STRING_OPERATOR(>=, bool, a.compare(static_cast<const ZObject&>(b)) >= 0, a.compare(b) >= 0)
+    Z_TEXT_OPERATOR(==, int, a.equals(b))
+    Z_TEXT_OPERATOR(!=, int, !a.equals(b))
+    Z_TEXT_OPERATOR(<, bool, 0 < a.compare(b))
+    Z_TEXT_OPERATOR(>, bool, a.compare(b) < 0)
+    Z_TEXT_OPERATOR(<=, bool, a.compare(b) >= 0)
+    Z_TEXT_OPERATOR(>=, bool, a.compare(b) <= 0)
+#undef Z_STRING_OPERATOR
+#undef Z_TEXT_OPERATOR
+
     /// Asks for the one constructor of a class that needs no set-up. The exception that reports a
     /// failed set-up holds strings itself; nobody else has a use for it.
     struct BeforeSetup {};
@@ -124,6 +161,17 @@ protected:
     /// For text in a process without codesets: asks for none.
     explicit ZAbstractString(BeforeSetup) {}
     ZAbstractString(const ZAbstractString& other) : ZObject(other) {}
+
+    /// Whether `object` is of `Class` itself and of no derived class, which might override equals().
+    /// May miss it, but costs less than the virtual call that it saves.
+    template <typename Class>
+    static bool isExactly(const Class& object) {
+#ifdef __cpp_rtti
+        return &typeid(object) == &typeid(Class);
+#else
+        return static_cast<void>(object), false;
+#endif
+    }
 
     /// The locale's order of two texts; a null `b` is the empty one.
     static int collate(const char* a, const char* b);

@@ -8,6 +8,7 @@
 // Arguments may lie in the text that the edit changes; KeptText copies those.
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstring>
 #include <istream>
 #include <typeinfo>
@@ -251,6 +252,9 @@ ZAbstractMutableString& ZAbstractMutableString::stripWhiteSpace() {
 
 namespace {
 
+/// What a step in a stream buffer, an int, can hold.
+const unsigned int kMostSkipped = INT_MAX;
+
 /// What a stream buffer holds already, which only buffers themselves may see.
 struct ReadArea : std::streambuf {
     static bool hasText(std::istream& in) {
@@ -258,6 +262,7 @@ struct ReadArea : std::streambuf {
     }
     static const char* begin(std::streambuf& buffer) { return (buffer.*&ReadArea::gptr)(); }
     static const char* end(std::streambuf& buffer) { return (buffer.*&ReadArea::egptr)(); }
+    /// Passes `n` bytes, at most kMostSkipped.
     static void skip(std::streambuf& buffer, unsigned int n) {
         (buffer.*&ReadArea::gbump)(static_cast<int>(n));
     }
@@ -294,8 +299,9 @@ std::istream& ZAbstractMutableString::readLine(std::istream& in, int flag) {
         std::streambuf& buffer = *in.rdbuf();
         const char* const begin = ReadArea::begin(buffer);
         const char* const end = ReadArea::end(buffer);
-        // No more at once than fits, so that the string grows as it would one by one.
-        const size_t room = capacity_ - length_;
+        // No more at once than fits, so that the string grows as it would one by one, and than the
+        // buffer takes as a step.
+        const size_t room = std::min(capacity_ - length_, kMostSkipped);
         const char* const at =
             findLineEnd(begin, static_cast<size_t>(end - begin) < room ? end : begin + room);
         if (at == begin) {

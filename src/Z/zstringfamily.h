@@ -48,13 +48,18 @@ public:
     /// The same; good only while `other` keeps its text where it is.
     Z_CONST_STRING& operator=(const Z_STRING& other);
 
-    /// Equality of bytes; null is unequal to everything.
+    /// As for all strings (see ZAbstractString), but for speed.
     int operator==(const char* s) const { return equals(s); }
     int operator!=(const char* s) const { return !equals(s); }
-    int operator==(const Z_CONST_STRING& s) const { return equals(s.getChars()); }
-    int operator!=(const Z_CONST_STRING& s) const { return !equals(s.getChars()); }
+    int operator==(const Z_CONST_STRING& s) const {
+        return isExactly(*this) ? strcmp(getChars(), s.getChars()) == 0
+                                : equals(static_cast<const ZObject&>(s));
+    }
+    int operator!=(const Z_CONST_STRING& s) const { return !(*this == s); }
     int operator==(const Z_STRING& s) const;
     int operator!=(const Z_STRING& s) const;
+    friend int operator==(const char* s, const Z_CONST_STRING& t) { return t.equals(s); }
+    friend int operator!=(const char* s, const Z_CONST_STRING& t) { return !t.equals(s); }
 };
 
 /// Owns text of this codeset: see ZAbstractMutableString. Text from a string of the other codeset
@@ -171,17 +176,16 @@ public:
         return *this;
     }
 
-    /// Equality of bytes; null is unequal to everything.
+    /// As for all strings (see ZAbstractString), but for speed, and for a number or a character,
+    /// which becomes a string.
     int operator==(const char* s) const { return equals(s); }
     int operator!=(const char* s) const { return !equals(s); }
-    int operator==(const Z_STRING& s) const { return equalBytes(s.getChars(), s.getLength()); }
-    int operator!=(const Z_STRING& s) const { return !equalBytes(s.getChars(), s.getLength()); }
-    int operator==(const Z_CONST_STRING& s) const {
-        return equalBytes(s.getChars(), s.getLength());
-    }
-    int operator!=(const Z_CONST_STRING& s) const {
-        return !equalBytes(s.getChars(), s.getLength());
-    }
+    int operator==(const Z_STRING& s) const { return equalString(s); }
+    int operator!=(const Z_STRING& s) const { return !equalString(s); }
+    int operator==(const Z_CONST_STRING& s) const { return equalString(s); }
+    int operator!=(const Z_CONST_STRING& s) const { return !equalString(s); }
+    friend int operator==(const char* s, const Z_STRING& t) { return t.equals(s); }
+    friend int operator!=(const char* s, const Z_STRING& t) { return !t.equals(s); }
 
     /// At most `count` bytes from `start` on; less where the text ends. Bytes, so a longer
     /// character may be cut.
@@ -194,9 +198,13 @@ private:
     friend class ZQELUTF8Converter;
     Z_STRING(BeforeSetup tag, const char* s) : ZAbstractMutableString(tag) { append(s); }
 
-    // In place and not through the virtual equals(), which costs several times as much.
-    int equalBytes(const char* s, unsigned int n) const {
-        return n == getLength() && memcmp(getChars(), s, n) == 0;
+    // In place where the virtual equals(), which costs several times as much, does the same.
+    template <typename Other>
+    int equalString(const Other& s) const {
+        if (!isExactly(*this))
+            return equals(static_cast<const ZObject&>(s));
+        const unsigned int n = s.getLength();
+        return n == getLength() && memcmp(getChars(), s.getChars(), n) == 0;
     }
 };
 
@@ -209,6 +217,8 @@ inline Z_CONST_STRING& Z_CONST_STRING::operator=(const Z_STRING& other) {
     return *this;
 }
 
-inline int Z_CONST_STRING::operator==(const Z_STRING& s) const { return equals(s.getChars()); }
+inline int Z_CONST_STRING::operator==(const Z_STRING& s) const {
+    return equals(static_cast<const ZObject&>(s));
+}
 
-inline int Z_CONST_STRING::operator!=(const Z_STRING& s) const { return !equals(s.getChars()); }
+inline int Z_CONST_STRING::operator!=(const Z_STRING& s) const { return !(*this == s); }

@@ -31,14 +31,12 @@ int Z_STRING::compareignorecase(const char* s) const {
 }
 
 Z_STRING& Z_STRING::operator=(const Z_OTHER_STRING& other) {
-    clear();
-    convertFromCodeSet(other);
+    ZAbstractMutableString::setChars(other);
     return *this;
 }
 
 Z_STRING& Z_STRING::operator=(const Z_OTHER_CONST_STRING& other) {
-    clear();
-    convertFromCodeSet(other);
+    ZAbstractMutableString::setChars(other);
     return *this;
 }
 
