@@ -238,8 +238,7 @@ char LoggingService::text[16];
 TEST(Messages, LeaveTheInsertsToWhoPassedThemOn) {
     const LoggingService service;
     ZMessageService::setMessageService(&service);
-    const std::string written =
-        standardError([] { ZThreadException(5, 4711).print(); });
+    const std::string written = standardError([] { ZThreadException(5, 4711).print(); });
     ZMessageService::setMessageService(nullptr);
     EXPECT_NE(written.find("rc = 4711."), std::string::npos);
     EXPECT_STREQ(service.log, "4711");

@@ -257,9 +257,9 @@ TEST(Codesets, CopyWholeCharactersOnly) {
         const char *codeset, *bytes;
         size_t whole;
     } kUnterminated[] = {
-        {"UTF8", "a\xC3", 1},         {"UTF8", "a\xE2\x82", 1}, {"UTF8", "\xF0\x9F\x98", 0},
-        {"UTF8", "a\xE0\x80", 3},     {"UTF8", "a\xED\xA0", 3}, {"UTF8", "\xE2z\x82", 3},
-        {"UTF8", "\xF4\x90", 2},      {"UTF8", "\xFF\xC1", 2},  {"EUC-JP", "a\xC6", 1},
+        {"UTF8", "a\xC3", 1},          {"UTF8", "a\xE2\x82", 1},  {"UTF8", "\xF0\x9F\x98", 0},
+        {"UTF8", "a\xE0\x80", 3},      {"UTF8", "a\xED\xA0", 3},  {"UTF8", "\xE2z\x82", 3},
+        {"UTF8", "\xF4\x90", 2},       {"UTF8", "\xFF\xC1", 2},   {"EUC-JP", "a\xC6", 1},
         {"EUC-JP", "\xC6\xFC\x8F", 2}, {"EUC-JP", "\x8F\xA2", 0}, {"EUC-JP", "\xFFz", 2},
     };
     for (const auto& c : kUnterminated) {

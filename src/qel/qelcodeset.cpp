@@ -57,7 +57,8 @@ static Character decodeUTF8(const char* text, size_t n) {
         // One byte after the other: a text's terminator is no continuation, so nobody reads past
         // it.
         if (i >= n)
-            return canBecome(code, length - i, kLeast[length]) ? Character{kCut, kNoCode} : kInvalid;
+            return canBecome(code, length - i, kLeast[length]) ? Character{kCut, kNoCode}
+                                                               : kInvalid;
         if ((s[i] & 0xC0) != 0x80)
             return kInvalid;
         code = code << 6 | (s[i] & 0x3F);
