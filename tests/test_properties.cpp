@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,6 +16,8 @@
 #include "Z/ZStanzaFileProperties.h"
 #include "support/CacheText.h"
 #include "support/ExceptionNumber.h"
+#include "support/Gate.h"
+#include "support/RecordingService.h"
 #include "support/TempFolder.h"
 
 using std::string;
@@ -34,6 +37,17 @@ public:
     }
     ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
     string written() { return writtenText(data()); }
+    ZLock& lock() { return lock_; }
+    /// Whether the calling thread holds the object.
+    bool isLocked() {
+        try {
+            lock_.unlock();
+        } catch (ZUnlockResourceException&) {
+            return false;
+        }
+        lock_.lock();
+        return true;
+    }
 };
 
 string text(const ZProperties& p, const char* stanza, const char* key) {
@@ -226,6 +240,124 @@ TEST(Properties, AnObserverMayCallBackWhileAnotherThreadWorks) {
     p.addObserver(&observer);
     p.setValue("s", "k", "2");
     EXPECT_EQ(observer.seen, "2");
+}
+
+// Says of each notice whether the object was locked by its teller; what it does then is the test's.
+struct Listener : ZObserverInterface {
+    void update(ZObservableInterface* source, const ZObservedParm& parm) override {
+        recorder.update(source, parm);
+        EXPECT_FALSE(static_cast<Loaded*>(source)->isLocked());
+        const std::function<void()> now = then;
+        if (now)
+            now();
+    }
+    Recorder recorder;
+    std::function<void()> then;
+};
+
+TEST(Properties, NoticesWaitForTheLastHoldOfTheLock) {
+    typedef Loaded& P;
+    const struct {
+        void (*change)(P);
+        const char* heard;
+    } kCases[] = {
+        {[](P p) {
+             ZStanzaIterator walk(p, "s");
+             walk.nextEntry();
+             p.setValue("s", "n", "1");
+             p.setIntegerValue("s", "n", 1);
+             Walk(p, "t", "k", kLocal, Values::ZPROP_ITER_AUTO).addValue("1");
+             p.addStanza("u");
+             p.deleteStanza("u");
+             p.deleteKey("s", walk.entryName());
+         },
+         "modified s.n\nmodified s.n\nmodified t.k\nadded u\ndeleted u\ndeleted s.k\n"},
+        {[](P p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n"},
+        // The names go with what they name.
+        {[](P p) {
+             p.deleteKey("s", static_cast<ZLCString*>(p.keyNames("s")->get(0))->getChars());
+         },
+         "deleted s.k\n"},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.heard);
+        Loaded p("[s]\nk = 1\n");
+        Listener listener;
+        p.addObserver(&listener);
+        c.change(p);
+        EXPECT_EQ(listener.recorder.heard, c.heard);
+    }
+}
+
+TEST(Properties, AnObserverThatReadsAndAWalkThatChangesDontWaitForEachOther) {
+    Loaded p("[s]\nk = 1\n");
+    Listener listener;
+    Gate walking, told;
+    std::thread walker;
+    string seen;
+    listener.then = [&] {
+        listener.then = nullptr;
+        told.open();
+        walking.await();
+        seen = text(p, "s", "k");
+    };
+    p.addObserver(&listener);
+    walker = std::thread([&] {
+        told.await();
+        ZStanzaIterator walk(p, "s");
+        walking.open();
+        p.setValue("s", "k", "3");
+    });
+    p.setValue("s", "k", "2");
+    walker.join();
+    EXPECT_EQ(seen, "3");
+    EXPECT_EQ(listener.recorder.heard, "modified s.k\nmodified s.k\n");
+}
+
+TEST(Properties, AnObserverThatRaisesStopsNobodyElsesNotice) {
+    Loaded p("[s]\nk = 1\n");
+    Listener listener;
+    p.addObserver(&listener);
+    listener.then = [] { ZInvalidParameterException().throwException(__FILE__, __LINE__); };
+    const auto change = [&] {
+        ZStanzaIterator walk(p, "s");
+        p.setValue("s", "a", "1");
+        p.setValue("s", "b", "1");
+    };
+    RecordingService service;
+    EXPECT_EQ(numberOf(change), 22);
+    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\n");
+    EXPECT_EQ(service.reports(), std::vector<string>{"raised 22"});
+    // On the way out of a failure it is reported: the failure goes on.
+    for (bool byWalk : {true, false})
+        EXPECT_THROW(
+            {
+                std::unique_ptr<ZStanzaIterator> walk(byWalk ? new ZStanzaIterator(p, "s")
+                                                             : nullptr);
+                Loaded::ZPropResourceLock guard(p.lock());
+                p.setValue("s", "a", "2");
+                throw 1;
+            },
+            int);
+    EXPECT_EQ(service.reports().size(), 3u);
+    EXPECT_FALSE(p.isLocked());
+    // What an observer changes is told after what was changed before.
+    listener.recorder.heard.clear();
+    listener.then = [&] {
+        listener.then = nullptr;
+        p.setValue("s", "c", "1");
+    };
+    change();
+    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\nmodified s.c\n");
+#if CAN_UNWIND
+    listener.recorder.heard.clear();
+    listener.then = [&] {
+        listener.then = nullptr;
+        pthread_exit(nullptr);
+    };
+    std::thread(change).join();
+    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\n");
+#endif
 }
 
 TEST(Properties, ACopyHasItsOwnContentAndNoObservers) {

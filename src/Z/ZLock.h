@@ -67,6 +67,10 @@ public:
     /// Never raises: a lock that can't be destroyed, as when it is held, is reported (4).
     ~ZLock() noexcept override;
 
+protected:
+    /// How deep the calling thread holds it; 0 if it doesn't.
+    int depth() const;
+
 private:
     friend class ZCondition;  // a wait gives up the whole depth and takes it back
 

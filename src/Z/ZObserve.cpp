@@ -52,7 +52,7 @@ unsigned int ZAbstractObservable::countObservers() {
 }
 
 void ZAbstractObservable::notifyObservers(const ZObservedParm& parm) {
-    if (count_.load(std::memory_order_acquire) == 0)
+    if (!hasObservers())
         return;
     const ZResourceLock guard(observersLock_);
     const unsigned int size = observers_.size();

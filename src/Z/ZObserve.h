@@ -60,7 +60,8 @@ protected:
 /// Failure: registering raises ZOutOfMemoryException and changes nothing then. What an observer
 ///   raises goes to the notifier; those behind it aren't called.
 /// Threads: any thread, any call. The lock is recursive and held through a whole notification:
-///   notifications are serial, and other threads' calls wait for their end.
+///   notifications are serial, and other threads' calls wait for their end. So hold no lock that an
+///   observer may want while calling one of these.
 /// Cost: registering and removing are linear in the number of observers.
 class ZEXPORT ZAbstractObservable : public ZObservableInterface {
 public:
@@ -75,6 +76,10 @@ public:
     void deleteObservers() override;
     unsigned int countObservers() override;
     void notifyObservers(const ZObservedParm& parm) override;
+
+protected:
+    /// Whether there is any observer, without waiting for a notification's end.
+    bool hasObservers() const { return count_.load(std::memory_order_acquire) != 0; }
 
 private:
     ZArrayList observers_;  // of Voyeur, owned, in order of registration; guarded by observersLock_

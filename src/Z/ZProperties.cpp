@@ -9,7 +9,16 @@
 
 #include "ZExceptionText.h"
 #include "zcheck.h"
+#include "zpropnotices.h"
 #include "zpropoptions.h"
+#include "zreport.h"
+
+ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
+    if (std::uncaught_exceptions() == 0)
+        lock_.unlock();
+    else
+        zrunReported(__FILE__, __LINE__, [this] { lock_.unlock(); });
+}
 
 ZProperties::ZProperties(ZPCache* cache)
     : cache_(cache),
@@ -260,8 +269,13 @@ ZArrayList* ZProperties::keyNames(const char* category) const {
 void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                                    ZPropertyChanged::PropertyChangeType type, const char* category,
                                    const char* key) {
-    if (loading_.load(std::memory_order_relaxed) == 0)
-        notifyObservers(ZPropertyChanged(category, key, style, type));
+    if (loading_.load(std::memory_order_relaxed) != 0)
+        return;
+    const ZPropertyChanged notice(category, key, style, type);
+    if (!zkeepsNotices(lock_))
+        notifyObservers(notice);
+    else if (hasObservers())
+        zkeepNotice(lock_, *this, notice);
 }
 
 void ZProperties::checkAccess(const char* category, const char* key, int obfuscated) const {
@@ -279,6 +293,7 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
 void ZProperties::setValue(const char* category, const char* key, const char* value,
                            int obfuscated) {
     Z_REQUIRE(zhasText(category) && zhasText(key));
+    const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
         if (zhasText(value))
@@ -286,8 +301,8 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
         cache_->addLine(category, key, value, obfuscated);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
-                     key);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
+                     names.stanza(), names.key());
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZLCString& value) {
@@ -317,6 +332,7 @@ void ZProperties::setValue(const char* category, const char* key, const ZUTF8Con
 
 void ZProperties::setIntegerValue(const char* category, const char* key, unsigned int value) {
     Z_REQUIRE(zhasText(category) && zhasText(key));
+    const ZChangeNames names(hasObservers(), category, key);
     char text[16];
     snprintf(text, sizeof text, "%u", value);
     {
@@ -325,31 +341,33 @@ void ZProperties::setIntegerValue(const char* category, const char* key, unsigne
         cache_->addLine(category, key, text, 0);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
-                     key);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
+                     names.stanza(), names.key());
 }
 
 void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
     Z_REQUIRE(zhasText(category) && zhasText(key));
+    const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
         checkAccess(category, key, 0);
         cache_->addLine(category, key, value != 0 ? "yes" : "no", 0);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified, category,
-                     key);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
+                     names.stanza(), names.key());
 }
 
 void ZProperties::deleteKey(const char* category, const char* key) {
     Z_REQUIRE(zhasText(category) && zhasText(key));
+    const ZChangeNames names(true, category, key);
     {
         ZResourceLock guard(lock_);
         cache_->delLine(category, key);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted, category,
-                     key);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted,
+                     names.stanza(), names.key());
 }
 
 void ZProperties::addFileComment(const char* text) {

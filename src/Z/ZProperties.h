@@ -2,7 +2,8 @@
 //
 //   ZPropertiesInterface         the read side and the file side, for clients
 //   ZPropertiesMutableInterface  the write side, for clients
-//   ZAbstractProperties          adds the lock
+//   ZPropertiesLock              the lock of a configuration
+//   ZAbstractProperties          adds it
 //     ZProperties                look-ups, changes, notices, load and store on a cache
 //   ZPropertyChanged             what observers are told
 //   ZPropertiesFactoryInterface, ZAbstractPropertiesFactory
@@ -10,7 +11,7 @@
 //   ZPropRegistry                holds the process-wide registry lock for a scope
 //
 // Load, store and the registry stand in ZPropertiesImpl.cpp, what differs from the plain ways in
-// zpropoptions.cpp, all else in ZProperties.cpp.
+// zpropoptions.cpp, notices in zpropnotices.cpp, all else in ZProperties.cpp.
 #ifndef Z_ZPROPERTIES_H
 #define Z_ZPROPERTIES_H
 
@@ -69,8 +70,8 @@ public:
     virtual ~ZPropertiesMutableInterface() noexcept {}
 };
 
-/// What an observer of a properties object is told. The texts are those of the caller whose change
-/// it was, good only during the notice; `key` is null for a notice about a stanza.
+/// What an observer of a properties object is told. The texts are good only during the notice; `key`
+/// is null for a notice about a stanza.
 class ZEXPORT ZPropertyChanged : public ZObservedParm {
 public:
     /// What kind of property it is, and what has become of it.
@@ -88,15 +89,28 @@ public:
     PropertyChangeType changeType;  ///< added, deleted or modified
 };
 
+/// The lock of a configuration. A thread that gives up its last hold sends the notices that were kept
+/// back meanwhile, in their order, when the lock is free; unlock() then raises what an observer raises
+/// first, and the others are told all the same.
+class ZEXPORT ZPropertiesLock : public ZLock {
+public:
+    void unlock() override;
+    /// Forgets what is kept.
+    ~ZPropertiesLock() noexcept override;
+
+    /// Whether the calling thread holds it.
+    bool isHeld() const { return depth() != 0; }
+};
+
 /// Adds the lock that makes a configuration safe to share.
 class ZEXPORT ZAbstractProperties : public ZObject, public ZPropertiesInterface {
 public:
-    /// Holds any lock for a scope.
+    /// Holds any lock for a scope. What its unlock raises is reported if an exception is on its way.
     class ZEXPORT ZPropResourceLock {
     public:
         /// Waits for the lock.
         explicit ZPropResourceLock(ZLockInterface& lock) : lock_(lock) { lock_.lock(); }
-        ~ZPropResourceLock() noexcept(false) { lock_.unlock(); }
+        ~ZPropResourceLock() noexcept(false);
         ZPropResourceLock(const ZPropResourceLock&) = delete;
         ZPropResourceLock& operator=(const ZPropResourceLock&) = delete;
 
@@ -110,7 +124,7 @@ public:
     ~ZAbstractProperties() noexcept override {}
 
 protected:
-    mutable ZLock lock_;
+    mutable ZPropertiesLock lock_;
 };
 
 /// One configuration file as an object: typed look-ups and changes, notices for observers, load
@@ -122,7 +136,8 @@ protected:
 ///   a call says so; the classes and numbers of the other exceptions stand with the calls. After a
 ///   failure the object is usable.
 /// Threads: any. One recursive lock covers each call; a thread that keeps an iterator open holds it
-///   meanwhile. Notices go out after it is released. `get`, `keyNames` and `list` take no lock:
+///   meanwhile. Notices go out after it is released: those of changes under an open iterator or update
+///   when that has ended, from its destructor, which raises what an observer raises. `get`, `keyNames` and `list` take no lock:
 ///   they are for a caller who holds an iterator or knows that nobody changes the object.
 /// Between processes: a load takes a read lock on the whole file, a store a write lock, by fcntl,
 ///   and neither waits. They are advisory, and a process that closes any descriptor of a file loses
@@ -268,7 +283,9 @@ protected:
     friend class ZPropertiesUpdate;
     friend class ZPropertiesWatcher;
 
-    /// Tells the observers, unless a load is under way. Call it without the lock.
+    /// Tells the observers, unless a load is under way. While the calling thread holds the lock, the
+    /// notice waits for its end; it is told to those who are registered then, and not kept if there
+    /// is nobody now.
     void sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                           ZPropertyChanged::PropertyChangeType type, const char* category,
                           const char* key);

@@ -13,8 +13,8 @@
 ///
 /// The constructor reads the file anew, so that changes are made to what the file holds. They are made with the object's usual calls. What
 /// isn't committed is forgotten: the destructor takes the object back to what it was at the
-/// beginning, or at the last store inside; file and observers see nothing of it but the notices that
-/// were sent.
+/// beginning, or at the last store inside, and the file sees nothing of it. Observers are told of each
+/// change when the object's lock is free again, of those that were taken back too.
 ///
 /// Load, reload and store of that file by this object go through the update's own lock meanwhile;
 /// a store is a commit that leaves the update open. getPropertiesFor of the file in this thread

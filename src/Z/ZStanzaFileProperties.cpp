@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "zcheck.h"
+#include "zpropnotices.h"
 
 // ---------------------------------------------------------------- pairs
 
@@ -120,24 +121,26 @@ void ZStanzaFileProperties::checkComment(ZLCString& text) {
 
 void ZStanzaFileProperties::addStanza(const char* stanza) {
     Z_REQUIRE(zhasText(stanza));
+    const ZChangeNames names(hasObservers(), stanza, nullptr);
     {
         ZResourceLock guard(lock_);
         data().addStanzaLine(stanza);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyAdded, stanza,
-                     nullptr);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyAdded,
+                     names.stanza(), nullptr);
 }
 
 void ZStanzaFileProperties::deleteStanza(const char* stanza) {
     Z_REQUIRE(zhasText(stanza));
+    const ZChangeNames names(true, stanza, nullptr);
     {
         ZResourceLock guard(lock_);
         data().delStanzaLine(stanza);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted, stanza,
-                     nullptr);
+    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted,
+                     names.stanza(), nullptr);
 }
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {

@@ -180,6 +180,7 @@
 #define ZSCFData ZSCFData_6_0
 #define ZPropertiesInterface ZPropertiesInterface_6_0
 #define ZPropertiesMutableInterface ZPropertiesMutableInterface_6_0
+#define ZPropertiesLock ZPropertiesLock_6_0
 #define ZAbstractProperties ZAbstractProperties_6_0
 #define ZProperties ZProperties_6_0
 #define ZPropertyChanged ZPropertyChanged_6_0
