@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <future>
 #include <string>
 #include <thread>
 
 #include "Z/ZExceptionText.h"
 #include "Z/ZStanzaFileProperties.h"
+#include "support/Asleep.h"
 #include "support/ExceptionNumber.h"
 #include "support/FileState.h"
 #include "support/SelfChild.h"
@@ -358,6 +360,33 @@ TEST_F(Registry, AFailedLoadIsTriedAgain) {
     EXPECT_EQ(numberOf([&] { get(0); }), 44);
     delete p;
     EXPECT_EQ(ZStanzaFileProperties::getFactory(), ZStanzaFileProperties::getFactory());
+}
+
+TEST_F(Registry, WhoWaitsForAnObjectKeepsItsChangesAndNobodyElseWaiting) {
+    write("[s]\nk = 1\n", 1000);
+    ZProperties* p = get(0);
+    const string other = folder.write("b.conf", "[s]\nk = other\n");
+    write("[s]\nk = 2\n", 2000);
+    std::promise<pid_t> id;
+    std::thread asks;
+    ZProperties* second = nullptr;
+    {
+        ZPropertiesIterator walk(*p, "s");
+        asks = std::thread([&] {
+            id.set_value(gettid());
+            get(0);
+        });
+        untilAsleep(getpid(), id.get_future().get());
+        second = ZProperties::getPropertiesFor(other.c_str(), factory, 0);
+        p->setValue("s", "k", "unsaved");
+    }
+    asks.join();
+    EXPECT_EQ(text(*p, "s", "k"), "unsaved");
+    EXPECT_EQ(text(*second, "s", "k"), "other");
+    p->resetModified();
+    EXPECT_EQ(text(*get(0), "s", "k"), "2");  // the file is still news
+    delete p;
+    delete second;
 }
 
 TEST_F(Registry, ThreadsThatAskAtOnceGetOneObject) {

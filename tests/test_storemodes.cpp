@@ -539,7 +539,7 @@ TEST(Waiting, EndsWithTheLockOrTheTime) {
             EXPECT_EQ(raised([&] { p.reload(nullptr); }), "fcntl() 11");
             p.allowStoreAfterFailedLoad();
             EXPECT_EQ(raised([&] { p.store(nullptr); }), "fcntl() 11");
-            // All registries wait for one that waits, so that none does.
+            // All first loads wait for one that waits, so that none does.
             EXPECT_EQ(raised([&] { ZProperties::getPropertiesFor(path.c_str(), patient, 0); }),
                       "fcntl() 11");
             p.setLockWait(static_cast<unsigned long>(-1));

@@ -274,6 +274,10 @@ public:
     /// The shared object of `file` in this registry, the exact text of the path deciding. Loaded
     /// at first, and anew when the file's time has changed and there are no unsaved changes, or
     /// always with `forceReload`. Nobody deletes it. Raises as load.
+    ///
+    /// A reload waits for whoever holds the object, and keeps nobody waiting who asks for another
+    /// file. What was changed meanwhile counts: unsaved changes win. A first load, with the factory's
+    /// call and postLoad, keeps other first loads waiting.
     static ZProperties* getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                          int forceReload);
 
@@ -322,6 +326,8 @@ private:
                   Close close);
     void readUpdatedFile(const ZLCString& path, ZUpdatedFile& file);
     void readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock);
+    void follow(const char* file, int forceReload);
+    static ZProperties* makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
     void noteContent(const ZLCString& path);
     bool prepareSideDatabase(const ZLCString& path, ZLCString& side);
     void addSideLine(const ZLCString& side);

@@ -4,7 +4,9 @@
 // The lock is taken without waiting. It belongs to the process and to the file: closing any
 // descriptor of that file drops it, so nothing here opens the file a second time while it is held.
 //
-// Order of locks: ZPropRegistry, an object's lock_, the record lock.
+// Order of locks: ZPropRegistry, the lock_ of an object that nobody else has yet, the record lock.
+// Nobody waits for the lock_ of an object in use while he holds the registry: its holder may want the
+// registry, too.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesImpl.h"
@@ -448,8 +450,7 @@ ZPropRegistry::~ZPropRegistry() noexcept(false) { res_->unlock(); }
 
 namespace {
 
-// Keeps an object from waiting for a file's lock: the registry's lock is held, for all files. Needs
-// the object's lock for as long.
+// Keeps an object from waiting for a file's lock. Needs the object's lock for as long.
 class NoWait {
 public:
     explicit NoWait(ZPropertiesOptions* options) : options_(options) {
@@ -478,34 +479,55 @@ bool ZProperties::isOutdated(const char* file) const {
     return options_ == nullptr || !options_->hasStamp || !zsameContent(options_->stamp, now);
 }
 
+// Brings a shared object up to date. Whether there is anything to do is asked twice: before the wait
+// for the object, so that who needs no reload doesn't wait, and under its lock, since whoever held it
+// may have changed or reloaded it.
+void ZProperties::follow(const char* file, int forceReload) {
+    const auto isCurrent = [&](long& stamp) {
+        if (forceReload == 0 && isModified() != 0)
+            return true;
+        stamp = timeStamp_;
+        const int otherSecond = checkAndSetTimeStamp(file, stamp);
+        return forceReload == 0 && !(testsExactly() ? isOutdated(file) : otherSecond);
+    };
+    long stamp;
+    if (isCurrent(stamp))
+        return;
+    ZResourceLock guard(lock_);
+    if (isCurrent(stamp))
+        return;
+    const long before = timeStamp_;
+    timeStamp_ = stamp;
+    NoWait noWait(options_);
+    try {
+        reload(file);
+    } catch (...) {
+        // The next caller tries again, instead of being handed an emptied object: by the old time, or
+        // where that is the file's still, by one that no file has.
+        timeStamp_ = stamp != before ? before : kNoTime;
+        throw;
+    }
+}
+
 ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                            int forceReload) {
     // The file is this thread's own to change: what it would get here is half done.
     Z_REQUIRE(!zisUpdatedHere(file));
-    ZPropRegistry registry;
     const ZLCConstString probe(file);
-    ZProperties* known = static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
-    if (known != nullptr) {
-        if (forceReload == 0 && known->isModified() != 0)
-            return known;
-        const long before = known->timeStamp_;
-        long stamp = before;
-        const int otherSecond = checkAndSetTimeStamp(file, stamp);
-        if (forceReload == 0 && !(known->testsExactly() ? known->isOutdated(file) : otherSecond))
-            return known;
-        known->timeStamp_ = stamp;
-        ZResourceLock guard(known->lock_);
-        NoWait noWait(known->options_);
-        try {
-            known->reload(file);
-        } catch (...) {
-            // The next caller tries again, instead of being handed an emptied object: by the old
-            // time, or where that is the file's still, by one that no file has.
-            known->timeStamp_ = stamp != before ? before : kNoTime;
-            throw;
-        }
-        return known;
+    ZProperties* known;
+    {
+        ZPropRegistry registry;
+        known = static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
+        if (known == nullptr)
+            return makePropertiesFor(file, factory);
     }
+    // Objects of a registry stay: none is removed from it.
+    known->follow(file, forceReload);
+    return known;
+}
+
+// Under the registry's lock: threads that ask for a new file at once get one object, read once.
+ZProperties* ZProperties::makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory) {
     std::unique_ptr<ZProperties> made(factory.makePropertiesInstance());
     {
         ZResourceLock guard(made->lock_);

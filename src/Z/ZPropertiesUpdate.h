@@ -24,10 +24,8 @@
 /// Failure: as each call says. An update that couldn't begin has changed nothing, but that the object
 ///   may have been read anew, or be empty after a reading that failed.
 /// Threads: begin and end belong to one thread. Other threads' calls on the object wait, a reload by
-///   getPropertiesFor too, which holds its registry meanwhile: so don't call that for another file
-///   inside an update of an object that it hands out, or the two threads wait for each other. The file's
-///   lock belongs to the open file, so that neither another thread or object of this process slips
-///   by it nor another descriptor of the file breaks it.
+///   getPropertiesFor too. The file's lock belongs to the open file, so that neither another thread or
+///   object of this process slips by it nor another descriptor of the file breaks it.
 /// Cost: a load at the beginning, and the file's bytes in memory. Lists that the object handed out
 ///   earlier are gone, as after a reload, and again where it was taken back.
 class ZEXPORT ZPropertiesUpdate {
