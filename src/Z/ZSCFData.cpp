@@ -55,14 +55,14 @@ static void readAll(ZPStore& store, FILE* stream) {
         isWhole = true;
     }
     store.setReadError(0);
-    for (;;) {
+    for (int interrupted = 0;;) {
         char* target = store.textRoom(room);
         const size_t got = fread(target, 1, room, stream);
         const int error = errno;
         store.commitText(got);
         if (got < room && feof(stream) == 0) {
             // A signal that came in between is no failure: the rest follows.
-            if (error == EINTR) {
+            if (error == EINTR && ++interrupted < 1000) {
                 clearerr(stream);
                 room -= got;
                 continue;

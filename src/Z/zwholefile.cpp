@@ -300,7 +300,11 @@ bool zleadsTo(const char* path, int descriptor) {
 
 // ---------------------------------------------------------------- bytes
 
+// A call that a signal has interrupted is made again; but not for ever, should something else be behind it.
+static bool isToBeRepeated(int error, int& times) { return error == EINTR && ++times < 1000; }
+
 int zreadWholeFile(int descriptor, ZBytes& bytes) {
+    int times = 0;
     bytes.setSize(0);
     struct stat status;
     if (fstat(descriptor, &status) != 0)
@@ -315,15 +319,16 @@ int zreadWholeFile(int descriptor, ZBytes& bytes) {
             return 0;
         if (got > 0)
             bytes.setSize(bytes.size() + static_cast<size_t>(got));
-        else if (errno != EINTR)
+        else if (!isToBeRepeated(errno, times))
             return errno;
     }
 }
 
 int zwriteAt(int descriptor, const char* bytes, size_t size, uint64_t offset) {
+    int times = 0;
     while (size > 0) {
         const ssize_t put = pwrite(descriptor, bytes, size, static_cast<off_t>(offset));
-        if (put < 0 && errno == EINTR)
+        if (put < 0 && isToBeRepeated(errno, times))
             continue;
         if (put < 0)
             return errno;

@@ -35,6 +35,7 @@ enum Extent { never, once, onward, shortWrites, fullDisk };
 Extent extent = never;
 int countdown;        // 1: the next call
 int failureCode;
+bool isDone;          // what fails is done all the same
 bool hasFailed;
 ino_t stanzaFile;     // whose first overwritten byte is noted
 int64_t oldSize;      // its size
@@ -78,11 +79,14 @@ ino_t inodeOf(int file) { return statusOf(file).st_ino; }
 // Lets the n-th call fail, in a scope.
 class FailCalls {
 public:
-    FailCalls(Extent how, int nth, int code) {
-        countdown = nth, failureCode = code, hasFailed = false, overwritten = false;
+    FailCalls(Extent how, int nth, int code, bool done = false) {
+        countdown = nth, failureCode = code, hasFailed = false, overwritten = false, isDone = done;
         extent = how;
     }
-    ~FailCalls() { extent = never; }
+    ~FailCalls() {
+        extent = never;
+        isDone = false;
+    }
 };
 
 }  // namespace
@@ -91,7 +95,11 @@ public:
     extern "C" int REAL(name) parameters;                   \
     extern "C" int WRAPPED(name) parameters {               \
         also;                                               \
-        return failsNow(#name) ? -1 : REAL(name) arguments; \
+        const bool fails = failsNow(#name);                 \
+        const int result = !fails || isDone ? REAL(name) arguments : -1; \
+        if (fails)                                          \
+            errno = failureCode;                            \
+        return fails ? -1 : result;                         \
     }
 #define WRAP(name, parameters, arguments) WRAP_AND(, name, parameters, arguments)
 
@@ -136,8 +144,12 @@ extern "C" ssize_t WRAPPED(PWRITE)(int file, const void* from, size_t size, int6
         errno = ENOSPC;
         return -1;
     }
-    if (failsNow("pwrite"))
+    if (failsNow("pwrite")) {
+        if (isDone)
+            REAL(PWRITE)(file, from, size, at);
+        errno = failureCode;
         return -1;
+    }
     const ssize_t put =
         REAL(PWRITE)(file, from, extent == once || extent == shortWrites ? (size + 2) / 3 : size, at);
     if (put > 0 && inodeOf(file) == stanzaFile) {
@@ -237,7 +249,8 @@ const Variant kVariants[] = {{"no side database", false, false},
 
 // Lets each call of a store fail, one store after the other, until one goes through. Returns how many
 // failed.
-int failEachCall(int mode, const Variant& v, Extent how, int code) {
+int failEachCall(int mode, const Variant& v, Extent how, int code, bool done = false) {
+    static int failures = 0;
     int forward = 0;  // failures that left the new content, behind the last step that can be undone
     for (int nth = 1;; ++nth) {
         Scene scene(mode, v.hidden, v.startsHidden);
@@ -247,7 +260,7 @@ int failEachCall(int mode, const Variant& v, Extent how, int code) {
         string failure;
         bool failed;
         {
-            FailCalls fail(how, nth, code);
+            FailCalls fail(how, nth, code, done);
             try {
                 scene.p.store(nullptr);
             } catch (ZPropertiesIOException& e) {
@@ -274,6 +287,8 @@ int failEachCall(int mode, const Variant& v, Extent how, int code) {
         EXPECT_TRUE(scene.isTidy());
         if (!failed || ::testing::Test::HasFailure()) {
             EXPECT_LE(forward, how == onward ? nth : 10);
+            failures += nth - 1;
+            printf("%d failing calls\n", failures);
             return nth - 1;
         }
     }
@@ -282,14 +297,21 @@ int failEachCall(int mode, const Variant& v, Extent how, int code) {
 TEST(FaultStore, EachCallFailsOnce) {
     for (int mode : {ZPROP_STORE_CHECKED, ZPROP_STORE_SAFE})
         for (const Variant& v : kVariants)
-            for (int code : {ENOSPC, EIO, EDQUOT})
+            for (int code : {ENOSPC, EIO, EDQUOT, EINTR})
                 EXPECT_GT(failEachCall(mode, v, once, code), mode == ZPROP_STORE_SAFE ? 30 : 15);
 }
 
 TEST(FaultStore, EachCallAndAllAfterItFail) {
     for (int mode : {ZPROP_STORE_CHECKED, ZPROP_STORE_SAFE})
         for (const Variant& v : kVariants)
-            failEachCall(mode, v, onward, ENOSPC);
+            for (int code : {ENOSPC, EINTR})
+                failEachCall(mode, v, onward, code);
+}
+
+TEST(FaultStore, EachCallIsDoneAndToldAsFailed) {
+    for (int mode : {ZPROP_STORE_CHECKED, ZPROP_STORE_SAFE})
+        for (const Variant& v : kVariants)
+            EXPECT_GT(failEachCall(mode, v, once, EIO, true), 15);
 }
 
 TEST(FaultStore, AFullDiskHasRoomForTheOldContent) {
