@@ -31,7 +31,9 @@ public:
         if (room_ - size_ >= more)
             return;
         const size_t step = size_ / 2 < kFirstRoom ? size_t(kFirstRoom) : size_ / 2;
-        reserveExactly(size_ + (more > step ? more : step));
+        if (more > SIZE_MAX - size_)
+            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        reserveExactly(size_ + (more > step ? more : step));  // size_ is at most half of the largest
     }
     bool isFull() const { return size_ == room_; }
     /// Records that fit behind the last.

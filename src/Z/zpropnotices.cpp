@@ -10,6 +10,7 @@
 
 #include <exception>
 
+#include "ZException.h"
 #include "zreport.h"
 
 namespace {
@@ -75,7 +76,9 @@ static void unlinkKept(const Kept* kept) {
 void ZChangeNames::copy() {
     const size_t stanzaSize = strlen(stanza_) + 1, keySize = key_ == nullptr ? 0 : strlen(key_) + 1;
     char* target = room_;
-    if (keySize > sizeof room_ || stanzaSize > sizeof room_ - keySize)
+    if (stanzaSize > SIZE_MAX - keySize)  // they may be one text
+        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+    if (stanzaSize + keySize > sizeof room_)
         target = made_ = static_cast<char*>(ZObject::operator new(stanzaSize + keySize));
     memcpy(target, stanza_, stanzaSize);
     stanza_ = target;

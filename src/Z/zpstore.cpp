@@ -338,6 +338,9 @@ bool ZPStore::moveText(ZPBlock<char>& target) {
                 for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
                     needed += key.extra->values[kind][i].length;
     });
+    // The signs that the writer puts between them may make it longer than offsets reach.
+    if (needed > kMaxText)
+        return false;
     target.reserveExactly(needed);
 
     auto copy = [&](ZPSlice& slice) {
