@@ -276,8 +276,8 @@ public:
     /// always with `forceReload`. Nobody deletes it. Raises as load.
     ///
     /// A reload waits for whoever holds the object, and keeps nobody waiting who asks for another
-    /// file. What was changed meanwhile counts: unsaved changes win. A first load, with the factory's
-    /// call and postLoad, keeps other first loads waiting.
+    /// file. What was changed meanwhile counts: unsaved changes win. First loads, each with the factory's
+    /// call and postLoad, are made one by one.
     static ZProperties* getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                          int forceReload);
 
@@ -327,6 +327,7 @@ private:
     void readUpdatedFile(const ZLCString& path, ZUpdatedFile& file);
     void readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock);
     void follow(const char* file, int forceReload);
+    static ZProperties* findPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
     static ZProperties* makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
     void noteContent(const ZLCString& path);
     bool prepareSideDatabase(const ZLCString& path, ZLCString& side);

@@ -4,9 +4,9 @@
 // The lock is taken without waiting. It belongs to the process and to the file: closing any
 // descriptor of that file drops it, so nothing here opens the file a second time while it is held.
 //
-// Order of locks: ZPropRegistry, the lock_ of an object that nobody else has yet, the record lock.
-// Nobody waits for the lock_ of an object in use while he holds the registry: its holder may want the
-// registry, too.
+// Order of locks: an object's lock_, ZPropRegistry; an object's lock_, the record lock. The registry is
+// held to look or to enter something, and never while an object is made, loaded or waited for: who holds
+// that object may want the registry, too.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesImpl.h"
@@ -468,6 +468,43 @@ private:
     ZPropertiesOptions* const options_;
 };
 
+// The turn to make and load an object for a new file, for a scope: one thread at a time, so that threads
+// that ask for a file at once get one object, read once, and factories are called one by one. It is no
+// lock of the order above: a thread that waits for it keeps nobody from ending his turn.
+class FirstLoad {
+public:
+    FirstLoad() {
+        const Mutex guard;
+        while (depth_ != 0 && pthread_equal(thread_, pthread_self()) == 0)
+            pthread_cond_wait(&ended_, &mutex_);
+        thread_ = pthread_self();
+        ++depth_;
+    }
+    ~FirstLoad() {
+        const Mutex guard;
+        if (--depth_ == 0)
+            pthread_cond_signal(&ended_);
+    }
+    FirstLoad(const FirstLoad&) = delete;
+    FirstLoad& operator=(const FirstLoad&) = delete;
+
+private:
+    struct Mutex {
+        Mutex() { pthread_mutex_lock(&mutex_); }
+        ~Mutex() { pthread_mutex_unlock(&mutex_); }
+    };
+
+    static pthread_mutex_t mutex_;
+    static pthread_cond_t ended_;
+    static pthread_t thread_;  // whose turn it is; guarded by mutex_
+    static int depth_;         // a load may ask for another file; guarded by mutex_
+};
+
+pthread_mutex_t FirstLoad::mutex_ = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t FirstLoad::ended_ = PTHREAD_COND_INITIALIZER;
+pthread_t FirstLoad::thread_;
+int FirstLoad::depth_;
+
 }  // namespace
 
 // Whether the file may have changed since this object was loaded or stored, by all that can be known.
@@ -509,15 +546,20 @@ void ZProperties::follow(const char* file, int forceReload) {
     }
 }
 
+ZProperties* ZProperties::findPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory) {
+    const ZLCConstString probe(file);
+    ZPropRegistry registry;
+    return static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
+}
+
 ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                            int forceReload) {
     // The file is this thread's own to change: what it would get here is half done.
     Z_REQUIRE(!zisUpdatedHere(file));
-    const ZLCConstString probe(file);
-    ZProperties* known;
-    {
-        ZPropRegistry registry;
-        known = static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
+    ZProperties* known = findPropertiesFor(file, factory);
+    if (known == nullptr) {
+        FirstLoad turn;
+        known = findPropertiesFor(file, factory);
         if (known == nullptr)
             return makePropertiesFor(file, factory);
     }
@@ -526,7 +568,6 @@ ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractProperties
     return known;
 }
 
-// Under the registry's lock: threads that ask for a new file at once get one object, read once.
 ZProperties* ZProperties::makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory) {
     std::unique_ptr<ZProperties> made(factory.makePropertiesInstance());
     {
@@ -535,6 +576,7 @@ ZProperties* ZProperties::makePropertiesFor(const char* file, ZAbstractPropertie
         made->load(file);
     }
     std::unique_ptr<ZLCString> name(new ZLCString(file));
+    ZPropRegistry registry;
     factory.names_.addNoCopy(name.get());
     factory.instances_.putEntry(name.release(), made.get());
     return made.release();
