@@ -494,10 +494,18 @@ TEST_F(CInterface, WalkOverValues) {
     EXPECT_EQ(zstzPropIter_chgValue(iterator, "x"), ZPROP_ERR_ITERATOR);
     EXPECT_EQ(zstzPropIter_next(iterator, &err), 1);
     EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "1");
+    EXPECT_EQ(zstzPropIter_chgValue(iterator, "changed"), ZPROP_OK);
+    EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "changed");
     EXPECT_EQ(zstzPropIter_chgValue(iterator, nullptr), ZPROP_OK);  // the empty text
+    EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "");
     EXPECT_EQ(zstzPropIter_addValue(iterator, "half"), ZPROP_OK);
+    EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "half");
     EXPECT_EQ(values("one", "many"), (Texts{"", "half", "2", "3"}));
-    EXPECT_EQ(zstzPropIter_rmvValue(iterator), ZPROP_OK);  // the one added
+    EXPECT_EQ(zstzPropIter_chgValue(iterator, "last"), ZPROP_OK);
+    EXPECT_EQ(zstzPropIter_addValue(iterator, "added"), ZPROP_OK);
+    EXPECT_EQ(zstzPropIter_rmvValue(iterator), ZPROP_OK);  // back to the one in front
+    EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "last");
+    EXPECT_EQ(zstzPropIter_rmvValue(iterator), ZPROP_OK);
     EXPECT_EQ(zstzPropIter_next(iterator, &err), 1);
     EXPECT_EQ(zstzPropIter_next(iterator, &err), 1);
     EXPECT_EQ(str(zstzPropIter_getValue(iterator, 0, &err)), "3");
@@ -505,6 +513,47 @@ TEST_F(CInterface, WalkOverValues) {
     EXPECT_EQ(err, ZPROP_OK);
     EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
     EXPECT_EQ(values("one", "many"), (Texts{"", "2", "3"}));
+}
+
+TEST_F(CInterface, AWalkOutlivesWhatItWalks) {
+    Iterator keys = walk("one", nullptr), values = walk("one", "many");
+    EXPECT_EQ(zstzPropIter_next(values, &err), 1);
+    string gone;
+    while (zstzPropIter_next(keys, &err) != 0) {
+        const char* key = zstzPropIter_getKey(keys, &err);
+        gone += str(key) + " ";
+        EXPECT_EQ(zstzPropRemoveKey(handle, "one", key), ZPROP_OK);
+        EXPECT_EQ(zstzPropIter_getKey(keys, &err), nullptr);
+        EXPECT_EQ(err, ZPROP_ERR_ITERATOR);
+    }
+    EXPECT_EQ(gone, "number word truth many empty ");
+    EXPECT_EQ(str(zstzPropIter_getValue(values, 0, &err)), "");
+    EXPECT_EQ(zstzPropIter_chgValue(values, "x"), ZPROP_ERR_ITERATOR);
+    EXPECT_EQ(zstzPropRemoveStanza(handle, "one"), ZPROP_OK);
+    EXPECT_EQ(zstzPropIter_numKeys(keys, &err), 0);
+    EXPECT_EQ(zstzPropIter_addValue(values, "anew"), ZPROP_OK);
+    EXPECT_EQ(str(zstzPropIter_getValue(values, 0, &err)), "anew");
+    EXPECT_EQ(zstzPropIter_close(values), ZPROP_OK);
+    EXPECT_EQ(zstzPropIter_close(keys), ZPROP_OK);
+
+    // A store takes the side database's entry away with the last hidden value.
+    const string hidden = folder / "hidden.conf";
+    zstzPropClose(handle);
+    handle = nullptr;
+    {
+        ZStanzaFileProperties properties(1);
+        properties.setValue("s", "h", "1", 1);
+        properties.store(hidden.c_str());
+    }
+    ASSERT_EQ(zstzPropOpen(&handle, hidden.c_str(), ZPROP_OPEN_UPDATE), ZPROP_OK);
+    keys = walk("configuration-database", nullptr);
+    EXPECT_EQ(zstzPropIter_next(keys, &err), 1);
+    EXPECT_EQ(str(zstzPropIter_getKey(keys, &err)), "file");
+    EXPECT_EQ(zstzPropRemoveKey(handle, "s", "h"), ZPROP_OK);
+    EXPECT_EQ(zstzPropStore(handle, nullptr), ZPROP_OK);
+    EXPECT_EQ(zstzPropIter_getValue(keys, 0, &err), nullptr);
+    EXPECT_EQ(zstzPropIter_next(keys, &err), 0);
+    EXPECT_EQ(zstzPropIter_close(keys), ZPROP_OK);
 }
 
 // ---------------------------------------------------------------- the last error

@@ -415,9 +415,12 @@ TEST(KeyWalk, AsksItsOwnGetValues) {
     Asked walk(p, "s");
     walk.nextEntry();
     walk.nextEntry();
-    // What it came to is what it shows, though the key changes its kind meanwhile.
+    // What it came to is what it shows, though the key changes its kind meanwhile; who asks for
+    // the values is told what they are now.
     p.setValue("s", "b", "");
     p.setValue("s", "b", "plain");
+    EXPECT_EQ(walk.getValues("b"), p.get("s", "b"));
+    walk.asked.clear();
     EXPECT_EQ(walk.valueCount(), 0u);
     walk.nextEntry();
     EXPECT_STREQ(walk.entryValue(0), "3");
@@ -464,6 +467,130 @@ TEST(ValueWalk, ChangesInPlace) {
                 expected += string("k = ") + *v + "\n";
             EXPECT_EQ(p.written(), *c.values == '\0' ? "[s]\nk =\n" : expected);
             EXPECT_EQ(p.isModified(), 1);
+        }
+}
+
+TEST(ValueWalk, WhatItAcceptsIsThere) {
+    typedef Walk& W;
+    typedef Loaded& P;
+    const struct {
+        const char* what;
+        void (*change)(P, W);
+        const char* values;  // afterwards; the place is on the last
+    } cases[] = {
+        {"an empty one first",
+         [](P, W w) {
+             for (const char* text : {"", "a", "b", "c"})
+                 w.addValue(text);
+         },
+         "abc"},
+        {"set during the walk",
+         [](P p, W w) {
+             for (const char* text : {"a", "b", "c"})
+                 w.addValue(text);
+             p.setValue("s", "k", "x");
+             w.addValue("d");
+             w.addValue("e");
+         },
+         "xde"},
+        {"made during the walk",
+         [](P p, W w) {
+             p.setValue("s", "k", "a");
+             w.nextValue();
+             w.addValue("b");
+         },
+         "ab"},
+        {"removed during the walk",
+         [](P p, W w) {
+             w.addValue("a");
+             w.addValue("b");
+             p.deleteKey("s", "k");
+             w.addValue("c");
+             w.addValue("d");
+         },
+         "cd"},
+    };
+    for (const auto& c : cases)
+        for (auto type : {Values::ZPROP_ITER_PLAIN, Values::ZPROP_ITER_AUTO}) {
+            SCOPED_TRACE(c.what);
+            Loaded p("[s]\n");
+            Walk walk(p, "s", "k", kLocal, type);
+            c.change(p, walk);
+            string expected = "[s]\n";
+            for (const char* v = c.values; *v != '\0'; ++v)
+                expected += string("k = ") + *v + "\n";
+            EXPECT_EQ(p.written(), expected);
+            EXPECT_EQ(walk.isValid(), 1);
+            EXPECT_STREQ(walk.currentValue()->getChars(), c.values + strlen(c.values) - 1);
+        }
+}
+
+// A model that isn't the library's own, for all that walks know.
+class OtherModel : public ZSCFData {
+public:
+    ZPCache* clone() const override { return new OtherModel(*this); }
+};
+
+TEST(Walks, GoOnBehindWhateverIsRemoved) {
+    typedef ZSCFData& C;
+    const struct {
+        const char* what;
+        void (*change)(C);  // while the walk over keys is on b
+        const char* rest;   // of that walk, "-" where it stands on none
+        const char* other;  // the same in another model, which can't tell a key from one made anew
+    } cases[] = {
+        {"its key", [](C c) { c.delLine("s", "b"); }, "-cd", "-cd"},
+        {"it and the next", [](C c) { c.delLine("s", "b"), c.delLine("s", "c"); }, "-d", "-d"},
+        {"it and both beside",
+         [](C c) { c.delLine("s", "a"), c.delLine("s", "b"), c.delLine("s", "c"); }, "-d", "-"},
+        {"all but it", [](C c) { c.delLine("s", "c"), c.delLine("s", "d"), c.delLine("s", "a"); },
+         "b", "b"},
+        {"one in front", [](C c) { c.delLine("s", "a"); }, "bcd", "bcd"},
+        {"it, made anew", [](C c) { c.delLine("s", "b"), c.addLine("s", "b", "5", 0); }, "-cdb",
+         "b"},
+        {"its stanza", [](C c) { c.delStanzaLine("s"); }, "-", "-"},
+        {"all", [](C c) { c.clear(); }, "-", "-"},
+    };
+    for (const auto& c : cases)
+        for (const bool isOther : {false, true}) {
+            SCOPED_TRACE(c.what);
+            ZSCFData own;
+            OtherModel other;
+            ZSCFData& cache = isOther ? other : own;
+            ASSERT_EQ(readText(cache, "[s]\na = 1\nb = 2\nb = 3\nc = 3\nd = 4\n"), 0);
+            ZProperties p(&cache);
+            ZPropertiesIterator walk(p, "s");
+            Values value(p, "s", "b", kLocal, Values::ZPROP_ITER_AUTO);
+            walk.nextEntry();
+            walk.nextEntry();
+            EXPECT_EQ(walk.valueCount(), 2u);
+            value.nextValue();
+            const string key = walk.entryName();
+            c.change(cache);
+            cache.checkInvariants();
+            const bool isThere = cache.contains("s", "b") != 0;
+            EXPECT_EQ(walk.keyCount(), static_cast<unsigned int>(cache.keyCount("s")));
+            string rest;
+            const auto look = [&] {
+                const int number = numberOf([&] { rest += walk.entryName(); });
+                EXPECT_EQ(numberOf([&] { walk.entryValue(0); }), number);
+                EXPECT_EQ(numberOf([&] { walk.valueCount(); }), number);
+                if (number != 0) {
+                    EXPECT_EQ(number, 42);
+                    rest += "-";
+                }
+            };
+            for (look(); walk.hasMore(); look())
+                walk.nextEntry();
+            EXPECT_EQ(rest, isOther ? c.other : c.rest);
+            EXPECT_EQ(value.valueCount(), static_cast<unsigned int>(cache.countValues("s", "b")));
+            EXPECT_EQ(value.isValid(), (isOther ? c.other : c.rest)[0] == 'b');
+            if (!isThere) {
+                EXPECT_EQ(value.hasMore(), 0);
+                EXPECT_EQ(numberOf([&] { value.removeValue(); }), 42);
+            }
+            value.addValue("anew");
+            EXPECT_STREQ(value.currentValue()->getChars(), "anew");
         }
 }
 

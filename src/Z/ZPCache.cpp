@@ -230,7 +230,16 @@ void ZPCategoryBasedCache::getNames(const char* category, ZArrayList& list) cons
     if (stanza == ZPStore::none)
         return;
     list.removeAll();
-    list.addList(*store().keyList(stanza));
+    if (!list.ownsMembers() || store().hasKeyList(stanza)) {
+        list.addList(*store().keyList(stanza));
+        return;
+    }
+    // Copies are made from the names themselves: a list that is handed out has to be kept current.
+    for (Id k = store().stanza(stanza).first; k != ZPStore::none; k = store().key(k).next) {
+        const ZPSlice& slice = store().key(k).name;
+        const ZLCString key(store().text(slice), slice.length);
+        list.add(&key);
+    }
 }
 
 ZArrayList* ZPCategoryBasedCache::getNames(const char* category) const {

@@ -170,6 +170,10 @@ protected:
     static ZLCString* empty_;  // made once, by the first constructor
 
 private:
+    // Walks know the store, to keep their places.
+    friend class ZPropertiesIterator;
+    friend class ZAbstractPropertyValuesIterator;
+
     static void makeEmpty();
     static unsigned long firstAttributes();  // sees to empty_ before anything needs giving back
 

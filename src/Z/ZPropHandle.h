@@ -110,7 +110,7 @@ public:
     ~ZPROP_stzvalue_iter_handle() noexcept(false) override;
 
     ZStanzaValueIterator iterator;  ///< the walk itself
-    ZLCString value;                ///< of the walk's place; empty at the start
+    ZLCString value;                ///< what was handed out last of the walk's place
     ZLCString key;                  ///< the one that is walked
 };
 

@@ -1,19 +1,49 @@
+// ZPropertiesIterator.cpp: the walks.
+//
+// No walk keeps a pointer into what a call of its own thread may remove. In the file's own model it
+// keeps a cursor, which the store moves when it takes the key away; in any other cache it asks for
+// the list anew at each call.
 #include "ZPropertiesIterator.h"
 
+#include <cstring>
+#include <memory>
+#include <typeinfo>
+
 #include "ZExceptionText.h"
+#include "ZSCFData.h"
+#include "zcheck.h"
+#include "zpstore.h"
 
 [[noreturn]] static void raiseMisplaced(const ZLCString& file, int line) {
     ZPropertiesIteratorException(file.getChars()).throwException(__FILE__, line);
 }
 
+// Whether store and cache tell the same: a class of somebody else's may answer otherwise.
+static bool isOwnModel(const ZPCache& cache) { return typeid(cache) == typeid(ZSCFData); }
+
 // ---------------------------------------------------------------- keys
+
+class ZPropertiesIterator::Place : public ZPStore::Cursor {
+public:
+    static Place* make(const ZProperties& properties, const char* stanza) {
+        Z_REQUIRE(zhasText(stanza));
+        if (!isOwnModel(*properties.cache_))
+            return nullptr;
+        ZPStore& store = properties.cache_->store();
+        return new Place(store, store.stanzaInMap(stanza, strlen(stanza)));
+    }
+
+private:
+    using ZPStore::Cursor::Cursor;
+};
 
 ZPropertiesIterator::ZPropertiesIterator(ZProperties& properties)
     : properties_(&properties),
       guard_(properties.lock_),
-      keys_(nullptr),
+      place_(nullptr),
       values_(nullptr),
       valuesPending_(false),
+      valuesAsked_(false),
       valuesKind_(ZPCache::GET_ANY),
       index_(0xFFFFFFFFu),
       currentKey_(nullptr) {}
@@ -22,51 +52,93 @@ ZPropertiesIterator::ZPropertiesIterator(ZProperties& properties, const char* st
     : stanza_(stanza),
       properties_(&properties),
       guard_(properties.lock_),
-      keys_(properties.keyNames(stanza)),
+      place_(Place::make(properties, stanza)),
       values_(nullptr),
       valuesPending_(false),
+      valuesAsked_(false),
       valuesKind_(ZPCache::GET_ANY),
       index_(0xFFFFFFFFu),
       currentKey_(nullptr) {}
 
-ZPropertiesIterator::~ZPropertiesIterator() noexcept(false) {}
+ZPropertiesIterator::~ZPropertiesIterator() noexcept(false) {
+    delete currentKey_;
+    delete place_;
+}
 
-int ZPropertiesIterator::hasMore() { return keys_ != nullptr && index_ + 1 < keys_->size(); }
+// The keys of another cache, or null. A current key that isn't where it was any more is looked for;
+// once it has gone, the walk stands behind the one in front of it.
+const ZArrayList* ZPropertiesIterator::keys() {
+    if (stanza_.getLength() == 0)
+        return nullptr;
+    const ZArrayList* list = properties_->keyNames(stanza_.getChars());
+    if (currentKey_ == nullptr)
+        return list;
+    const ZObject* there = list == nullptr ? nullptr : list->get(index_);
+    if (there != nullptr && currentKey_->equals(*there) != 0)
+        return list;
+    const int found = list == nullptr ? -1 : list->indexOf(currentKey_);
+    if (found >= 0) {
+        index_ = static_cast<unsigned int>(found);
+    } else {
+        --index_;
+        delete currentKey_;
+        currentKey_ = nullptr;
+    }
+    return list;
+}
+
+int ZPropertiesIterator::hasMore() {
+    if (place_ != nullptr)
+        return place_->nextKey() != ZPStore::none;
+    const ZArrayList* list = keys();
+    return list != nullptr && index_ + 1 < list->size();
+}
 
 void ZPropertiesIterator::nextEntry() {
     if (!hasMore())
         raiseMisplaced(properties_->fileName_, __LINE__);
     values_ = nullptr;
-    ++index_;
-    currentKey_ = static_cast<const ZLCString*>(keys_->get(index_));
-    // The working model says of which kind the values are now and makes their list when it is
-    // needed; another cache is asked at once.
-    const ZPCategoryBasedCache* cache =
-        stanza_.getLength() == 0 ? nullptr
-                                 : dynamic_cast<const ZPCategoryBasedCache*>(properties_->cache_);
-    valuesPending_ = cache != nullptr;
-    if (cache == nullptr)
-        values_ = getValues(currentKey_->getChars());
-    else
-        valuesKind_ = cache->isObfuscated(stanza_.getChars(), currentKey_->getChars()) != 0
-                          ? ZPCache::GET_OBFUSCATED
-                          : ZPCache::GET_PLAIN;
+    if (place_ == nullptr) {
+        std::unique_ptr<ZLCString> name(new ZLCString(
+            static_cast<const ZAbstractString*>(keys()->get(index_ + 1))->getChars()));
+        ++index_;
+        delete currentKey_;
+        currentKey_ = name.release();
+        return;
+    }
+    place_->moveTo(place_->nextKey());
+    valuesPending_ = true;
+    valuesKind_ = place_->store().anyKind(place_->key()) == ZPStore::hidden
+                      ? ZPCache::GET_OBFUSCATED
+                      : ZPCache::GET_PLAIN;
 }
 
-void ZPropertiesIterator::requireEntry() const {
-    if (currentKey_ == nullptr)
+void ZPropertiesIterator::requireEntry() {
+    if (place_ == nullptr)
+        keys();
+    if (place_ == nullptr ? currentKey_ == nullptr : place_->key() == ZPStore::none)
         raiseMisplaced(properties_->fileName_, __LINE__);
 }
 
 const char* ZPropertiesIterator::entryName() {
     requireEntry();
-    return currentKey_->getChars();
+    return place_ == nullptr ? currentKey_->getChars() : place_->store().nameText(place_->key());
 }
 
+// Requires: on an entry. The list goes with the key alone.
 const ZArrayList* ZPropertiesIterator::values() {
+    if (place_ == nullptr)
+        return getValues(currentKey_->getChars());
     if (valuesPending_) {
-        values_ = getValues(currentKey_->getChars());
-        valuesPending_ = false;
+        const char* name = entryName();
+        valuesAsked_ = true;
+        try {
+            values_ = getValues(name);
+        } catch (...) {
+            valuesAsked_ = false;
+            throw;
+        }
+        valuesAsked_ = valuesPending_ = false;
     }
     return values_;
 }
@@ -76,12 +148,17 @@ const char* ZPropertiesIterator::entryValue(unsigned int i) {
     const ZArrayList* list = values();
     if (list == nullptr)
         return nullptr;
-    if (i >= list->size())
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    Z_REQUIRE(i < list->size());
     return static_cast<const ZAbstractString*>(list->get(i))->getChars();
 }
 
-unsigned int ZPropertiesIterator::keyCount() { return keys_ == nullptr ? 0 : keys_->size(); }
+unsigned int ZPropertiesIterator::keyCount() {
+    if (place_ != nullptr)
+        return place_->stanza() == ZPStore::none ? 0
+                                                 : place_->store().stanza(place_->stanza()).count;
+    const ZArrayList* list = keys();
+    return list == nullptr ? 0 : list->size();
+}
 
 unsigned int ZPropertiesIterator::valueCount() {
     requireEntry();
@@ -93,18 +170,33 @@ ZArrayList* ZPropertiesIterator::getValues(const char* name) {
     const ZPCache& cache = *properties_->cache_;
     if (stanza_.getLength() == 0)
         return cache.get(name, ZPCache::GET_ANY);
-    const bool isPending = valuesPending_ && name == currentKey_->getChars();
-    return cache.get(stanza_.getChars(), name, isPending ? valuesKind_ : ZPCache::GET_ANY);
+    return cache.get(stanza_.getChars(), name, valuesAsked_ ? valuesKind_ : ZPCache::GET_ANY);
 }
 
 // ---------------------------------------------------------------- values
+
+class ZAbstractPropertyValuesIterator::Place : public ZPStore::Cursor {
+public:
+    Place(ZPStore& store, const ZLCString& stanza, const ZLCString& key)
+        : Cursor(store, ZPStore::none) {
+        find(stanza, key);
+    }
+    // Whether it is on a key, which is looked for if it isn't.
+    bool find(const ZLCString& stanza, const ZLCString& name) {
+        const ZPStore::Id found = store().keyInMap(stanza.getChars(), stanza.getLength(),
+                                                   name.getChars(), name.getLength());
+        if (found != ZPStore::none)
+            moveTo(found);
+        return found != ZPStore::none;
+    }
+};
 
 ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& properties,
                                                                  const char* stanza,
                                                                  const char* key,
                                                                  ZPropertyStringType stringType,
                                                                  ZPropIter_valtype valueType)
-    : values_(nullptr),
+    : place_(nullptr),
       index_(-1),
       properties_(&properties),
       guard_(properties.lock_),
@@ -123,39 +215,64 @@ ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& pr
         foundHidden_ = properties.cache_->isObfuscated(stanza, key) != 0;
     else
         properties.checkAccess(stanza, key, valueType == ZPROP_ITER_OBFUSCATED);
-    values_ = properties.cache_->get(stanza, key,
-                                     walksHidden() ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN);
+    std::unique_ptr<ZAbstractString> current;
     if (stringType == ZPROP_STRING_UTF8)
-        current_ = new ZUTF8String;
+        current.reset(new ZUTF8String);
     else
-        current_ = new ZLCConstString;
+        current.reset(new ZLCConstString);
+    if (isOwnModel(*properties.cache_))
+        place_ = new Place(properties.cache_->store(), stanza_, key_);
+    current_ = current.release();
 }
 
 ZAbstractPropertyValuesIterator::~ZAbstractPropertyValuesIterator() noexcept(false) {
     delete current_;
+    delete place_;
 }
 
 bool ZAbstractPropertyValuesIterator::walksHidden() const {
     return valueType_ == ZPROP_ITER_OBFUSCATED || foundHidden_;
 }
 
+// The values now, the cache's own, or null. A key that was removed and made anew is walked from its
+// first value.
+ZArrayList* ZAbstractPropertyValuesIterator::values() const {
+    if (place_ != nullptr && place_->key() == ZPStore::none) {
+        index_ = -1;
+        if (!place_->find(stanza_, key_))
+            return nullptr;
+    }
+    return properties_->cache_->get(stanza_.getChars(), key_.getChars(),
+                                    walksHidden() ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN);
+}
+
 int ZAbstractPropertyValuesIterator::hasMore() {
-    return values_ != nullptr && static_cast<unsigned int>(index_ + 1) < values_->size();
+    const ZArrayList* list = values();
+    return list != nullptr && static_cast<unsigned int>(index_ + 1) < list->size();
 }
 
 unsigned int ZAbstractPropertyValuesIterator::valueCount() {
-    return values_ == nullptr ? 0 : values_->size();
+    const ZArrayList* list = values();
+    return list == nullptr ? 0 : list->size();
+}
+
+const ZLCString* ZAbstractPropertyValuesIterator::currentValue() const {
+    const ZArrayList* list = values();
+    return list == nullptr || index_ < 0
+               ? nullptr
+               : static_cast<const ZLCString*>(list->get(static_cast<unsigned int>(index_)));
 }
 
 int ZAbstractPropertyValuesIterator::isValid() const {
-    return index_ >= 0 && values_ != nullptr && static_cast<unsigned int>(index_) < values_->size();
+    const ZArrayList* list = values();
+    return list != nullptr && index_ >= 0 && static_cast<unsigned int>(index_) < list->size();
 }
 
 const ZLCString* ZAbstractPropertyValuesIterator::nextValue() {
     if (!hasMore())
         raiseMisplaced(properties_->fileName_, __LINE__);
     ++index_;
-    return static_cast<const ZLCString*>(values_->get(static_cast<unsigned int>(index_)));
+    return currentValue();
 }
 
 const char* ZAbstractPropertyValuesIterator::nextValue(const char*& text) {
@@ -178,25 +295,26 @@ void ZAbstractPropertyValuesIterator::changeValue(const char* text) {
         raiseMisplaced(properties_->fileName_, __LINE__);
     ZLCString value;
     convert(text, value);
-    values_->set(static_cast<unsigned int>(index_), &value);
+    values()->set(static_cast<unsigned int>(index_), &value);
     properties_->setModified();
 }
 
 void ZAbstractPropertyValuesIterator::addValue(const char* text) {
     ZLCString value;
     convert(text, value);
-    if (values_ != nullptr && values_->size() != 0) {
-        values_->add(static_cast<unsigned int>(index_ + 1), &value);
-        ++index_;
+    ZArrayList* list = values();
+    if (list != nullptr && list->size() != 0) {
+        // Behind the end there is no place, and the list would take nothing.
+        const unsigned int behind = static_cast<unsigned int>(index_ + 1);
+        const unsigned int place = behind < list->size() ? behind : list->size();
+        list->add(place, &value);
+        index_ = static_cast<int>(place);
     } else {
         // What a whichever-walk has found decides here too, or a hidden value would be written as
         // text after its key was emptied.
         properties_->setValue(stanza_.getChars(), key_.getChars(), value.getChars(), walksHidden());
-        ++index_;
-        if (values_ == nullptr)
-            values_ = properties_->cache_->get(
-                stanza_.getChars(), key_.getChars(),
-                walksHidden() ? ZPCache::GET_OBFUSCATED : ZPCache::GET_PLAIN);
+        list = values();
+        index_ = list == nullptr ? -1 : static_cast<int>(list->size()) - 1;
     }
     properties_->setModified();
 }
@@ -208,8 +326,8 @@ void ZAbstractPropertyValuesIterator::removeValue() {
         properties_->setValue(stanza_.getChars(), key_.getChars(), "");
         index_ = -1;
     } else {
+        values()->remove(static_cast<unsigned int>(index_));
         --index_;
-        values_->remove(static_cast<unsigned int>(index_ + 1));
     }
     properties_->setModified();
 }

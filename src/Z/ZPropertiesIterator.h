@@ -7,9 +7,10 @@
 //
 // An iterator holds its object's lock from construction to destruction: the walk sees a stable
 // object, other threads wait, and it has to be destroyed in the thread that made it. That thread
-// may go on calling the object, but must not delete the stanza or key that is being walked. The
-// object must outlive its iterators. There is no way back and no copy: a new walk takes a new
-// iterator.
+// may go on calling the object, and change and remove whatever it likes. A walk whose key has gone
+// stands on none, and goes on behind the place where it was; a walk over keys ends when its stanza
+// goes, as with a reload. What it had handed out of the removed goes too. The object must outlive its
+// iterators. There is no way back and no copy: a new walk takes a new iterator.
 #ifndef Z_ZPROPERTIESITERATOR_H
 #define Z_ZPROPERTIESITERATOR_H
 
@@ -32,7 +33,9 @@ class ZEXPORT ZAbstractPropertiesIterator : public ZPropertiesIteratorInterface 
 
 /// Walks the keys of a stanza in the order of the file.
 ///
-/// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs.
+/// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs: in
+///   front of the first key, behind the last, or where a key has been removed.
+/// Cost: each call constant, whatever is added or removed meanwhile.
 class ZEXPORT ZPropertiesIterator : public ZAbstractPropertiesIterator {
 public:
     /// A walk over nothing; its entries would be composite keys.
@@ -47,34 +50,39 @@ public:
     int hasMore() override;
     /// Moves to the next key; raises at the end.
     void nextEntry() override;
-    /// The current key, good while the key is there. Raises before the first nextEntry.
+    /// The current key, good while the key is there. Raises when on none.
     const char* entryName() override;
-    /// Value `i`, from 0, of the current key, good while it is there. Raises before the first
-    /// nextEntry, and ZInvalidParameterException if there is no such value.
+    /// Value `i`, from 0, of the current key, good while it is there: of the kind that the key had
+    /// when the walk came to it. Raises when on no key, and ZInvalidParameterException if there is no
+    /// such value.
     const char* entryValue(unsigned int i) override;
     /// The number of keys.
     unsigned int keyCount() override;
-    /// The number of the current key's values. Raises before the first nextEntry.
+    /// The number of the current key's values. Raises when on none.
     unsigned int valueCount() override;
 
-    /// The cache's list of the values of `name` in this stanza, or null.
+    /// The cache's list of the values of `name` in this stanza as they are now, or null.
     virtual ZArrayList* getValues(const char* name);
 
 private:
-    void requireEntry() const;
+    class Place;
+
+    const ZArrayList* keys();
+    void requireEntry();
     const ZArrayList* values();
 
     ZLCString stanza_;
     ZProperties* properties_;
     ZResourceLock guard_;
-    const ZArrayList* keys_;  // the stanza's own list
-    ZArrayList* values_;      // of the current key, once somebody has asked
-    // Whether values_ has still to be fetched, and which values the current key had when the walk
-    // came to it; their list isn't made before it is needed.
+    Place* place_;        // owned; null in a walk over nothing
+    ZArrayList* values_;  // of the current key, once somebody has asked
+    // Whether values_ has still to be fetched, whether that is under way, and which values the
+    // current key had when the walk came to it; their list isn't made before it is needed.
     bool valuesPending_;
+    bool valuesAsked_;
     ZPCache::get_type_e valuesKind_;
-    unsigned int index_;  // all ones before the first entry
-    const ZLCString* currentKey_;
+    unsigned int index_;     // of the current key in another cache's list; all ones in front of all
+    ZLCString* currentKey_;  // owned; its name there, null when on none
 };
 
 /// A walk over values; ZAbstractPropertyValuesIterator tells what each call does.
@@ -91,6 +99,9 @@ public:
 };
 
 /// Walks the values of a key and changes them in place.
+///
+/// Whoever else changes the values meanwhile: the walk keeps its index, and stands on no value where
+/// that is behind the last one.
 ///
 /// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs.
 class ZEXPORT ZAbstractPropertyValuesIterator : public ZPropertyValuesIteratorInterface {
@@ -117,8 +128,9 @@ public:
     const char* nextValue(const char*& text) override;
     /// Replaces the current value; `text` is in the iterator's codeset. Raises when on none.
     void changeValue(const char* text) override;
-    /// Adds behind the current value and moves there. A key without values is set to it, with its
-    /// stanza and line if need be, and a notice goes out.
+    /// Adds behind the current value, or at the end if the values have become fewer, and moves there.
+    /// A key without values is set to it, with its stanza and line if need be, and a notice goes out;
+    /// an empty text leaves it without values.
     void addValue(const char* text) override;
     /// Removes the current value and moves back, so that the walk goes on behind it. Removing the
     /// first of a walk over hidden values removes them all. Raises when on none.
@@ -127,13 +139,18 @@ public:
 
     /// Whether the iterator is on a value.
     int isValid() const;
+    /// That value as it is stored, the list's own; null when on none.
+    const ZLCString* currentValue() const;
 
 private:
+    class Place;
+
     bool walksHidden() const;
+    ZArrayList* values() const;
     void convert(const char* text, ZLCString& out) const;
 
-    ZArrayList* values_;  // the cache's own; null while the key doesn't exist
-    int index_;           // -1 before the first value
+    Place* place_;       // owned; null where the cache is no working one
+    mutable int index_;  // -1 before the first value
     ZProperties* properties_;
     ZResourceLock guard_;
     ZLCString stanza_;

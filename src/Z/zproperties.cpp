@@ -394,7 +394,7 @@ int zstzPropIter_next(ZPROP_iter_handle* iterator, int* err) {
         [](ValueWalk& walk) {
             if (!walk.iterator.hasMore())
                 return 0;
-            walk.value = *walk.iterator.nextValue();
+            walk.iterator.nextValue();
             return 1;
         });
 }
@@ -410,7 +410,11 @@ const char* zstzPropIter_getKey(ZPROP_iter_handle* iterator, int* err) {
 const char* zstzPropIter_getValue(ZPROP_iter_handle* iterator, int, int* err) {
     return askWalk(
         iterator, err, kNoText, [](KeyWalk& walk) { return walk.iterator.entryValue(0); },
-        [](ValueWalk& walk) { return walk.value.getChars(); });
+        [](ValueWalk& walk) {
+            const ZLCString* now = walk.iterator.currentValue();
+            walk.value.setChars(now == nullptr ? "" : now->getChars());
+            return walk.value.getChars();
+        });
 }
 
 int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err) {

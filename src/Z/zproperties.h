@@ -189,7 +189,9 @@ ZEXPORT int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, con
 /* --- Walking ---
  *
  * A bad iterator gives 55, in *err with the answer 0 or null, or as the result. `err` must not be
- * null. 53 where memory runs out. */
+ * null. 53 where memory runs out. The thread may change and remove what it likes meanwhile: a walk
+ * whose key has gone stands on none, and goes on behind its place; where its stanza has gone, or all
+ * was read anew, it is at its end. */
 
 /* A walk over the keys of the stanza in file order if `key` is null, else over the values of that
  * key. It goes to *out, and is closed by zstzPropIter_close. 0; 55. */
@@ -200,12 +202,12 @@ ZEXPORT int zstzPropIter_init(ZPROP_handle* handle, const char* stanza, const ch
 ZEXPORT int zstzPropIter_next(ZPROP_iter_handle* iterator, int* err);
 
 /* The key of the walk's place. It belongs to the iterator and is good until its next call. Null
- * with 57 before a walk over keys has begun. */
+ * with 57 where a walk over keys stands on none. */
 ZEXPORT const char* zstzPropIter_getKey(ZPROP_iter_handle* iterator, int* err);
 
-/* The value of the walk's place, or the first value of its key, owned likewise. `unused` is read by
- * nothing. Before a walk over values has begun, the empty text; before one over keys has, null with
- * 57; null with 55 for a key without values. */
+/* The value of the walk's place as it is now, or the first value of its key, owned likewise. `unused`
+ * is read by nothing. Where a walk over values stands on none, the empty text; where one over keys
+ * does, null with 57; null with 55 for a key without values. */
 ZEXPORT const char* zstzPropIter_getValue(ZPROP_iter_handle* iterator, int unused, int* err);
 
 /* The number of keys, 1 in a walk over values. */

@@ -161,6 +161,7 @@ ZPStore::ZPStore()
       itemFirst_(none),
       itemLast_(none),
       itemCount_(0),
+      cursors_(nullptr),
       mayHaveHidden_(false),
       mayHaveExtras_(false) {
     groups_.reserveExactly(4);
@@ -240,6 +241,8 @@ ZPStore::~ZPStore() {
         free(groups_[i].samples);
     for (size_t i = 0; mayHaveExtras_ && i < keys_.size(); ++i)
         delete keys_[i].extra;  // null in records that are free
+    for (size_t i = 0; i < nameTexts_.size(); ++i)
+        free(nameTexts_[i]);
     stanzaIndex_.forEach([&](Id stanza) {
         delete stanzas_[stanza].keyList;
         delete stanzas_[stanza].nameObject;
@@ -256,6 +259,7 @@ static void swapValues(T& a, T& b) {
 void ZPStore::clear() {
     // A fresh store takes the place of this one; the old content goes with it.
     ZPStore fresh;
+    endCursors(none);
     text_.swap(fresh.text_);
     keys_.swap(fresh.keys_);
     stanzas_.swap(fresh.stanzas_);
@@ -273,6 +277,7 @@ void ZPStore::clear() {
     swapValues(itemFirst_, fresh.itemFirst_);
     swapValues(itemLast_, fresh.itemLast_);
     swapValues(itemCount_, fresh.itemCount_);
+    nameTexts_.swap(fresh.nameTexts_);
     swapValues(mayHaveHidden_, fresh.mayHaveHidden_);
     swapValues(mayHaveExtras_, fresh.mayHaveExtras_);
 }
@@ -438,6 +443,7 @@ void ZPStore::removeStanza(Id id) {
     Stanza& stanza = stanzas_[id];
     if (!stanza.inMap)
         return;
+    endCursors(id);
     // The handed-out list goes first: it would be shortened key by key otherwise.
     delete stanza.keyList;
     stanza.keyList = nullptr;
@@ -544,6 +550,12 @@ void ZPStore::removeKey(Id id) {
         else
             stanza.keyList->remove(&name);
     }
+    for (Cursor* c = cursors_; c != nullptr; c = c->next_)
+        if (c->key_ == id) {
+            c->key_ = key.prev;
+            c->isOnKey_ = false;
+        }
+    dropNameText(id);
     removeItem(id);
     dropValues(id, plain);
     dropValues(id, hidden);
@@ -742,6 +754,58 @@ ZLCString* ZPStore::nameObject(Id id) const {
         return name;
     return publish(stanza.nameObject, std::unique_ptr<ZLCString>(
                                           new ZLCString(text(stanza.name), stanza.name.length)));
+}
+
+const char* ZPStore::nameText(Id id) {
+    if (id >= nameTexts_.size()) {
+        nameTexts_.reserveMore(keys_.size() - nameTexts_.size());
+        while (nameTexts_.size() < keys_.size())
+            nameTexts_.push(nullptr);
+    }
+    if (nameTexts_[id] == nullptr) {
+        const ZPSlice& name = keys_[id].name;
+        char* copy = static_cast<char*>(malloc(name.length + size_t(1)));
+        if (copy == nullptr)
+            raiseOutOfMemory(__LINE__);
+        memcpy(copy, text(name), name.length);
+        copy[name.length] = '\0';
+        nameTexts_[id] = copy;
+    }
+    return nameTexts_[id];
+}
+
+// ---------------------------------------------------------------- cursors
+
+ZPStore::Cursor::Cursor(ZPStore& store, Id stanza)
+    : store_(store), next_(store.cursors_), stanza_(stanza), key_(none), isOnKey_(false) {
+    store.cursors_ = this;
+}
+
+ZPStore::Cursor::~Cursor() {
+    Cursor** at = &store_.cursors_;
+    while (*at != this)
+        at = &(*at)->next_;
+    *at = next_;
+}
+
+ZPStore::Id ZPStore::Cursor::nextKey() const {
+    if (stanza_ == none)
+        return none;
+    return key_ == none ? store_.stanzas_[stanza_].first : store_.keys_[key_].next;
+}
+
+void ZPStore::Cursor::moveTo(Id key) {
+    stanza_ = store_.keys_[key].stanza;
+    key_ = key;
+    isOnKey_ = true;
+}
+
+void ZPStore::endCursors(Id stanza) {
+    for (Cursor* c = cursors_; c != nullptr; c = c->next_)
+        if (stanza == none || c->stanza_ == stanza) {
+            c->stanza_ = c->key_ = none;
+            c->isOnKey_ = false;
+        }
 }
 
 // ---------------------------------------------------------------- items

@@ -29,6 +29,8 @@
 // (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
 //     is the first of its groups in file order, the others follow by Group::nextSame.
 // (6) The item chain holds the keys that the side database follows, in its order.
+// (7) A cursor of cursors_ stands on an attached key of its stanza, or in front of all keys; what
+//     takes a key or stanza out of the map moves its cursors first.
 //
 // Threads: changes need the owner's lock. Look-ups may run side by side, also while one of them
 // makes a list: lists are published by compare-and-swap and change no other field.
@@ -212,6 +214,35 @@ public:
 
     struct Samples;
 
+    /// A walk's place in the keys of a stanza that stays right whatever is removed meanwhile. Made,
+    /// used and destroyed under the owner's lock.
+    class Cursor : public ZAllocated {
+    public:
+        /// In front of the stanza's keys. None: there is nothing to walk.
+        Cursor(ZPStore& store, Id stanza);
+        ~Cursor();
+        Cursor(const Cursor&) = delete;
+        Cursor& operator=(const Cursor&) = delete;
+
+        /// None once the stanza has left the map: the walk has ended.
+        Id stanza() const { return stanza_; }
+        /// The key it was moved to last, or none: it hasn't been moved, or that key has left the map.
+        Id key() const { return isOnKey_ ? key_ : none; }
+        /// The key behind the place, or none.
+        Id nextKey() const;
+        /// Moves to this attached key.
+        void moveTo(Id key);
+        ZPStore& store() const { return store_; }
+
+    private:
+        friend class ZPStore;
+        ZPStore& store_;
+        Cursor* next_;  // the store's other cursors
+        Id stanza_;
+        Id key_;  // the key, or the one in front of it once it has gone
+        bool isOnKey_;
+    };
+
     struct Group {
         Id stanza;  // none in group 0
         Id first, last;
@@ -297,8 +328,14 @@ public:
     ZArrayList* valueList(Id key, Kind kind) const;
     /// The list object of the stanza's keys; made at first use.
     ZArrayList* keyList(Id stanza) const;
+    bool hasKeyList(Id stanza) const {
+        return __atomic_load_n(&stanzas_[stanza].keyList, __ATOMIC_ACQUIRE) != nullptr;
+    }
     /// The stanza's name as an object, for lists that don't own; made at first use.
     ZLCString* nameObject(Id stanza) const;
+    /// The key's name with a NUL behind it, good until the key leaves the map; made at first use.
+    /// Needs the owner's lock.
+    const char* nameText(Id key);
 
     // --- Items: the keys that the side database follows ---
 
@@ -444,6 +481,13 @@ private:
     KeyExtra& extraOf(Id key);
     void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
     void dropValues(Id key, Kind kind);
+    void dropNameText(Id key) {
+        if (key < nameTexts_.size()) {
+            free(nameTexts_[key]);
+            nameTexts_[key] = nullptr;
+        }
+    }
+    void endCursors(Id stanza);  // those of the stanza, or all if it is none
 
     Id newLine(LineType type, uint32_t ref, uint32_t length);  // needs room made before
     Id newGroup(Id stanza);
@@ -503,6 +547,8 @@ private:
     uint32_t stanzasInMap_;
     Id itemFirst_, itemLast_;
     uint32_t itemCount_;
+    ZPBlock<char*> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
+    Cursor* cursors_;
     mutable bool mayHaveHidden_;  // set by whoever makes room for hidden values, never cleared
     mutable bool mayHaveExtras_;  // likewise, for any KeyExtra
 };

@@ -546,4 +546,9 @@ void ZPStore::checkInvariants() const {
         ++items;
     }
     REQUIRE(items == itemCount_ && itemLast_ == previous);
+    for (const Cursor* c = cursors_; c != nullptr; c = c->next_) {
+        REQUIRE(c->stanza_ != none || c->key_ == none);
+        REQUIRE(c->key_ == none || (attached(c->key_) && keys_[c->key_].stanza == c->stanza_));
+        REQUIRE(c->key_ != none || !c->isOnKey_);
+    }
 }
