@@ -419,7 +419,7 @@ TEST(KeyWalk, AsksItsOwnGetValues) {
     // the values is told what they are now.
     p.setValue("s", "b", "");
     p.setValue("s", "b", "plain");
-    EXPECT_EQ(walk.getValues("b"), p.get("s", "b"));
+    EXPECT_EQ(walk.getValues(walk.entryName()), p.get("s", "b"));
     walk.asked.clear();
     EXPECT_EQ(walk.valueCount(), 0u);
     walk.nextEntry();

@@ -238,7 +238,7 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
 
 ZPStore::~ZPStore() {
     for (size_t i = 0; i < groups_.size(); ++i)
-        free(groups_[i].samples);
+        forgetSamples(groups_[i]);
     for (size_t i = 0; mayHaveExtras_ && i < keys_.size(); ++i)
         delete keys_[i].extra;  // null in records that are free
     for (size_t i = 0; i < nameTexts_.size(); ++i)

@@ -165,7 +165,7 @@ public:
     static constexpr Id none = 0xFFFFFFFFu;
     static constexpr Id many = 0xFFFFFFFEu;      // Key::line: more than one, to be looked for
     static constexpr Id detached = 0xFFFFFFFEu;  // Key::next: not in the map
-    static constexpr Id unknown = 0xFFFFFFFEu;   // Group::lastKey: to be looked for
+    static constexpr Id stale = 0xFFFFFFFDu;     // a sample's line: to be looked for
 
     enum LineType : uint32_t { lineComment = 0, lineBlank = 1, lineKey = 2 };
     enum Kind { plain = 0, hidden = 1 };
@@ -206,7 +206,7 @@ public:
 
     struct Line {
         Id next, prev;
-        uint32_t ref;   // key line: the key's id; comment: offset of its text
+        uint32_t ref;   // key line: the key's id; comment: offset of its text; blank: its paragraph
         uint32_t meta;  // LineType in the low 2 bits, length of a comment's text above
         LineType type() const { return static_cast<LineType>(meta & 3); }
         uint32_t length() const { return meta >> 2; }
@@ -248,10 +248,10 @@ public:
         Id first, last;
         Id next, prev;
         Id nextSame;
-        Id lastKey;  // the last key line, none, or unknown
+        Id lastKey;  // no key line stands behind this line: the last one, or later, or none
         uint32_t comments, blanks;
-        uint32_t sampleCount;  // comments that read like entries; unknown until a key is added
-        Samples* samples;      // their index; null while there are none
+        bool knowsSamples;  // the comments that read like entries; not before a key is added
+        Samples* samples;   // their index; null while there are none
     };
 
     /// The values of one kind of a key: a list that was handed out, or slices of the text.
@@ -524,8 +524,13 @@ private:
     Id insertComment(Id group, Id before, ZPSlice text);
     Id lastKeyLine(Id group);
     Id findParagraphEnd(Id group, Id key);
-    void addSample(Group& group, Id line, Id closing);
+    bool nameTheSame(Id comment, Id other) const;
+    void addSample(Group& group, Id line);
     void findSamples(Group& group);
+    void forgetSamples(Group& group);
+    uint32_t paragraphOf(const Group& group, Id comment) const;
+    void splitParagraph(Group& group, Id blank);
+    void moveSamples(Samples& samples, Id from, Id to, uint32_t paragraph);
     /// The key has got one more line.
     void noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
     void countLines(Id key);

@@ -2,50 +2,74 @@
 //
 // A new key goes behind the last key line of its stanza, unless a comment of the stanza reads like
 // an entry for this key ("# port = 80"): then it goes to the end of that paragraph. Walking the
-// stanza for each new key would make adding many keys quadratic, so a group remembers its last key
-// line and, once it has comments and a key is added, an index of the comments that read like
-// entries, by the text between "#" and the first "=".
+// stanza for each new key would make adding many keys quadratic, so a group remembers where its keys
+// end and, once it has comments and a key is added, an index of the comments that read like entries,
+// by the text between "#" and the first "=". The index knows the paragraph of each: a blank line that
+// is added later splits one, and the smaller part gets a new number.
 #include "zpstore.h"
 
 #include <cstdio>
+#include <memory>
 
-// Comments that read like entries, by the hash of what they name. Open addressing; `line` is the
-// only such comment, or `many`; `closing` is the blank line that closes its paragraph, none, or
-// unknown: to be looked for.
-struct ZPStore::Samples {
-    uint32_t capacity;
-    uint32_t count;
+// The paragraphs of a group, and its comments that read like entries, by the hash of what they name.
+//
+// (1) A blank line closes each paragraph but the last, and has its number as `ref`. `first` is the
+//     first paragraph, `open` the last, `next` leads from one to the other.
+// (2) `isTail`: no key line stands behind the closing line. It may be missing between Group::lastKey
+//     and the last key line, and nowhere else.
+// (3) Open addressing; a slot's line is the first comment that names this, `many` where different
+//     names have one hash, or `stale`: a second one has come, and which is first isn't known.
+struct ZPStore::Samples : ZAllocated {
     struct Slot {
         uint32_t hash;
         Id line;
+        uint32_t paragraph;
+    };
+    struct Paragraph {
         Id closing;
-    } slots[1];
+        uint32_t next;
+        bool isTail;
+    };
 
-    static Samples* make(uint32_t capacity) {
-        const size_t bytes = sizeof(Samples) + sizeof(Slot) * capacity;
-        Samples* samples = static_cast<Samples*>(malloc(bytes));
-        if (samples == nullptr)
-            return nullptr;
-        samples->capacity = capacity;
-        samples->count = 0;
-        for (uint32_t i = 0; i < capacity; ++i)
-            samples->slots[i].line = none;
-        return samples;
-    }
+    ZPBlock<Slot> slots;
+    uint32_t count = 0;
+    ZPBlock<Paragraph> paragraphs;
+    uint32_t first = 0, open = 0;
+    // The comment that came last and its paragraph, for those who pile many up.
+    Id recent = none;
+    uint32_t recentParagraph = 0;
 
     Slot& find(uint32_t hash) {
-        for (uint32_t i = hash % capacity;; i = i + 1 == capacity ? 0 : i + 1)
+        const size_t capacity = slots.size();
+        for (size_t i = hash % capacity;; i = i + 1 == capacity ? 0 : i + 1)
             if (slots[i].line == none || slots[i].hash == hash)
                 return slots[i];
     }
 
-    void add(uint32_t hash, Id line, Id closing) {
+    // The slot of this hash where there is room for one more.
+    Slot& findOrMake(uint32_t hash) {
+        if ((count + size_t(1)) * 2 > slots.size()) {
+            ZPBlock<Slot> old;
+            old.reserveExactly(slots.size() < 4 ? size_t(8) : slots.size() * 2);
+            while (old.room() != 0)
+                old.push({0, none, 0});
+            old.swap(slots);
+            for (size_t i = 0; i < old.size(); ++i)
+                if (old[i].line != none)
+                    find(old[i].hash) = old[i];
+        }
         Slot& slot = find(hash);
-        if (slot.line == none)
+        if (slot.line == none) {
+            slot.hash = hash;
             ++count;
-        slot.line = slot.line == none ? line : many;
-        slot.hash = hash;
-        slot.closing = closing;
+        }
+        return slot;
+    }
+
+    uint32_t addParagraph(Id closing, uint32_t next, bool isTail) {
+        paragraphs.reserveMore(1);
+        paragraphs.push({closing, next, isTail});
+        return static_cast<uint32_t>(paragraphs.size() - 1);
     }
 };
 
@@ -101,25 +125,25 @@ ZPStore::Id ZPStore::newLine(LineType type, uint32_t ref, uint32_t length) {
     return id;
 }
 
-// The group has got one more comment or blank line.
+// The group has got one more comment or blank line. Without memory the index goes, and is made anew
+// when it is needed.
 void ZPStore::noteOtherLine(Group& group, Id id) {
-    if (lines_[id].type() == lineComment) {
-        ++group.comments;
-        if (group.sampleCount != unknown)
-            addSample(group, id, unknown);
+    const bool isComment = lines_[id].type() == lineComment;
+    ++(isComment ? group.comments : group.blanks);
+    if (!group.knowsSamples)
         return;
-    }
-    ++group.blanks;
-    if (group.samples != nullptr) {
-        // It closes paragraphs anew: the index is made again when it is needed.
-        free(group.samples);
-        group.samples = nullptr;
-        group.sampleCount = unknown;
+    try {
+        if (isComment)
+            addSample(group, id);
+        else if (group.samples != nullptr)
+            splitParagraph(group, id);
+    } catch (ZOutOfMemoryException&) {
+        forgetSamples(group);
     }
 }
 
 ZPStore::Id ZPStore::newGroup(Id stanza) {
-    const Group fresh = {stanza, none, none, none, none, none, none, 0, 0, unknown, nullptr};
+    const Group fresh = {stanza, none, none, none, none, none, none, 0, 0, false, nullptr};
     Id id = freeGroups_;
     if (id != none) {
         freeGroups_ = groups_[id].next;
@@ -156,9 +180,7 @@ void ZPStore::insertLine(Id groupId, Id before, Id id) {
         lines_[before].prev = id;
     else
         group.last = id;
-    if (line.type() == lineKey)
-        group.lastKey = before == none ? id : unknown;
-    else
+    if (line.type() != lineKey)
         noteOtherLine(group, id);
 }
 
@@ -174,7 +196,7 @@ void ZPStore::unlinkLine(Id groupId, Id id) {
     else
         group.last = line.prev;
     if (group.lastKey == id)
-        group.lastKey = unknown;
+        group.lastKey = line.prev;
     line.next = freeLines_;
     freeLines_ = id;
     ++freeLineCount_;
@@ -190,15 +212,14 @@ void ZPStore::countLines(Id key) {
     keys_[key].line = found;
 }
 
+// The last key line, or none.
 ZPStore::Id ZPStore::lastKeyLine(Id groupId) {
     Group& group = groups_[groupId];
-    if (group.lastKey == unknown) {
-        Id l = group.last;
-        while (l != none && lines_[l].type() != lineKey)
-            l = lines_[l].prev;
-        group.lastKey = l;
-    }
-    return group.lastKey;
+    Id l = group.lastKey;
+    for (; l != none && lines_[l].type() != lineKey; l = lines_[l].prev)
+        if (group.samples != nullptr && lines_[l].type() == lineBlank)
+            group.samples->paragraphs[lines_[l].ref].isTail = true;
+    return group.lastKey = l;
 }
 
 void ZPStore::addHeader(Id stanza) {
@@ -243,12 +264,11 @@ void ZPStore::removeGroup(Id stanza) {
         ++freeLineCount_;
         l = line.next;
     }
-    free(group.samples);
+    forgetSamples(group);
     group.next = freeGroups_;
     freeGroups_ = id;
     group.stanza = none;
     group.first = none;
-    group.samples = nullptr;
     freeStanzaIfUnneeded(stanza);
     compactIfWorthwhile();
 }
@@ -298,45 +318,144 @@ bool ZPStore::isCommentWeWant(const ZPSlice& key, Id line) const {
     return true;
 }
 
-// Notes a comment if it reads like an entry. Without memory the index goes, and is made anew when it
-// is needed.
-void ZPStore::addSample(Group& group, Id id, Id closing) {
-    uint32_t hash;
-    const Line& line = lines_[id];
-    if (!sampleHash(text(line.ref), line.length(), hash))
-        return;
-    Samples* samples = group.samples;
-    const bool isFull = samples == nullptr || (samples->count + 1) * 2 > samples->capacity;
-    if (isFull) {
-        Samples* grown = Samples::make(samples == nullptr ? 8 : samples->capacity * 2);
-        for (uint32_t i = 0; grown != nullptr && samples != nullptr && i < samples->capacity; ++i)
-            if (samples->slots[i].line != none) {
-                grown->find(samples->slots[i].hash) = samples->slots[i];
-                ++grown->count;
-            }
-        free(samples);
-        group.samples = samples = grown;
-        if (samples == nullptr) {
-            group.sampleCount = unknown;
+// Whether two comments that read like entries name the same.
+bool ZPStore::nameTheSame(Id comment, Id other) const {
+    const char *a = text(lines_[comment].ref), *b = text(lines_[other].ref);
+    for (;; ++a, ++b) {  // each has a "="
+        while (*a == ' ')
+            ++a;
+        while (*b == ' ')
+            ++b;
+        if (*a != *b)
+            return false;
+        if (*a == '=')
+            return true;
+    }
+}
+
+void ZPStore::forgetSamples(Group& group) {
+    delete group.samples;
+    group.samples = nullptr;
+    group.knowsSamples = false;
+}
+
+// The paragraph in which a comment is that the index doesn't know yet.
+uint32_t ZPStore::paragraphOf(const Group& group, Id comment) const {
+    const Samples& samples = *group.samples;
+    // The nearer end of the paragraph tells.
+    Id behind = lines_[comment].next, before = lines_[comment].prev;
+    for (;; behind = lines_[behind].next, before = lines_[before].prev) {
+        if (behind == none)
+            return samples.open;
+        if (lines_[behind].type() == lineBlank)
+            return lines_[behind].ref;
+        if (before == none)
+            return samples.first;
+        if (lines_[before].type() == lineBlank)
+            return samples.paragraphs[lines_[before].ref].next;
+    }
+}
+
+// The samples between two lines, the second excluded, are in this paragraph now.
+void ZPStore::moveSamples(Samples& samples, Id from, Id to, uint32_t paragraph) {
+    for (Id l = from; l != to; l = lines_[l].next) {
+        uint32_t hash;
+        if (lines_[l].type() != lineComment ||
+            !sampleHash(text(lines_[l].ref), lines_[l].length(), hash))
+            continue;
+        Samples::Slot& slot = samples.find(hash);
+        if (slot.line == l)
+            slot.paragraph = paragraph;
+    }
+}
+
+// A blank line has come into a paragraph. Only the shorter part is walked: however a group is cut up,
+// each line is walked a few times.
+void ZPStore::splitParagraph(Group& group, Id blank) {
+    Samples& samples = *group.samples;
+    samples.recent = none;
+    Id key = lines_[blank].next;
+    while (key != none && lines_[key].type() == lineComment)
+        key = lines_[key].next;
+    const bool isTail = key == none;
+    samples.paragraphs.reserveMore(1);
+    Id behind = lines_[blank].next, before = lines_[blank].prev;
+    for (;; behind = lines_[behind].next, before = lines_[before].prev) {
+        if (behind == none || lines_[behind].type() == lineBlank) {
+            uint32_t& last = behind == none ? samples.open : lines_[behind].ref;
+            const uint32_t old = last;
+            const Samples::Paragraph whole = samples.paragraphs[old];
+            last = samples.addParagraph(behind, whole.next, whole.isTail);
+            samples.paragraphs[old] = {blank, last, isTail};
+            lines_[blank].ref = old;
+            moveSamples(samples, lines_[blank].next, behind, last);
+            return;
+        }
+        if (before == none || lines_[before].type() == lineBlank) {
+            uint32_t& first =
+                before == none ? samples.first : samples.paragraphs[lines_[before].ref].next;
+            const uint32_t added = samples.addParagraph(blank, first, isTail);
+            first = added;
+            lines_[blank].ref = added;
+            moveSamples(samples, before == none ? group.first : lines_[before].next, blank, added);
             return;
         }
     }
-    ++group.sampleCount;
-    samples->add(hash, id, closing);
 }
 
-// Indexes the comments that read like entries, with the blank lines that close their paragraphs.
-void ZPStore::findSamples(Group& group) {
-    if (group.sampleCount != unknown)
+// Notes a comment that has come if it reads like an entry.
+void ZPStore::addSample(Group& group, Id id) {
+    Samples* samples = group.samples;
+    const Line& line = lines_[id];
+    uint32_t hash;
+    const bool isSample = sampleHash(text(line.ref), line.length(), hash);
+    if (samples == nullptr) {
+        // Nothing is known of paragraphs yet.
+        group.knowsSamples = !isSample;
         return;
-    group.sampleCount = 0;
-    Id closing = none;
-    for (Id l = group.last; l != none && group.sampleCount != unknown; l = lines_[l].prev) {
-        if (lines_[l].type() == lineBlank)
-            closing = l;
-        else if (lines_[l].type() == lineComment)
-            addSample(group, l, closing);
     }
+    const bool isPiled = samples->recent != none && samples->recent == line.prev;
+    if (isPiled)
+        samples->recent = id;
+    if (!isSample)
+        return;
+    Samples::Slot& slot = samples->findOrMake(hash);
+    if (slot.line != none) {
+        slot.line = slot.line == many ? many : stale;
+        return;
+    }
+    slot.line = id;
+    slot.paragraph = samples->recentParagraph =
+        isPiled ? samples->recentParagraph : paragraphOf(group, id);
+    samples->recent = id;
+}
+
+// Indexes the comments that read like entries. From the end, so that the first of a name stays.
+void ZPStore::findSamples(Group& group) {
+    if (group.knowsSamples)
+        return;
+    std::unique_ptr<Samples> samples(new Samples);
+    uint32_t paragraph = samples->addParagraph(none, none, true);
+    bool isTail = true;
+    for (Id l = group.last; l != none; l = lines_[l].prev) {
+        Line& line = lines_[l];
+        uint32_t hash;
+        if (line.type() == lineKey) {
+            isTail = false;
+        } else if (line.type() == lineBlank) {
+            paragraph = line.ref = samples->addParagraph(l, paragraph, isTail);
+        } else if (sampleHash(text(line.ref), line.length(), hash)) {
+            Samples::Slot& slot = samples->findOrMake(hash);
+            const bool isOther =
+                slot.line == many || (slot.line != none && !nameTheSame(slot.line, l));
+            slot.line = isOther ? many : l;
+            slot.paragraph = paragraph;
+        }
+    }
+    samples->first = paragraph;
+    group.knowsSamples = true;
+    if (samples->count != 0)
+        group.samples = samples.release();
 }
 
 // The blank line that closes the paragraph of the first comment that reads like an entry for this
@@ -345,41 +464,48 @@ ZPStore::Id ZPStore::findParagraphEnd(Id groupId, Id keyId) {
     Group& group = groups_[groupId];
     if (group.comments == 0 || group.blanks == 0)
         return none;
-    findSamples(group);
-    if (group.sampleCount == 0)
-        return none;
     const ZPSlice key = keys_[keyId].name;
-    Id sample = many;
-    if (group.samples != nullptr) {
-        const Samples::Slot& slot = group.samples->find(keySampleHash(text(key), key.length));
-        if (slot.line == none || (slot.line != many && !isCommentWeWant(key, slot.line)))
-            return none;
-        if (slot.line != many && slot.closing != unknown)
-            return slot.closing;
-        sample = slot.line;
+    const uint32_t hash = keySampleHash(text(key), key.length);
+    findSamples(group);
+    if (group.samples != nullptr && group.samples->find(hash).line == stale) {
+        forgetSamples(group);
+        findSamples(group);
     }
-    if (sample == many)
-        for (sample = group.first; sample != none; sample = lines_[sample].next)
-            if (lines_[sample].type() == lineComment && isCommentWeWant(key, sample))
-                break;
-    while (sample != none && lines_[sample].type() != lineBlank)
-        sample = lines_[sample].next;
-    return sample;
+    if (group.samples == nullptr)
+        return none;
+    const Samples::Slot& slot = group.samples->find(hash);
+    if (slot.line == none)
+        return none;
+    // A comment is known by the text before its first "=": a key that goes on behind one is looked for.
+    if (slot.line != many && memchr(text(key), '=', key.length) == nullptr)
+        return isCommentWeWant(key, slot.line) ? group.samples->paragraphs[slot.paragraph].closing
+                                               : none;
+    Id l = group.first;
+    while (l != none && (lines_[l].type() != lineComment || !isCommentWeWant(key, l)))
+        l = lines_[l].next;
+    while (l != none && lines_[l].type() != lineBlank)
+        l = lines_[l].next;
+    return l;
 }
 
 void ZPStore::placeKeyLine(Id key) {
-    const Id group = stanzas_[keys_[key].stanza].group;
+    const Id groupId = stanzas_[keys_[key].stanza].group;
     reserveLines(1);
-    Id before = findParagraphEnd(group, key);
-    const bool inParagraph = before != none;
-    if (!inParagraph) {
-        const Id last = lastKeyLine(group);
-        before = last == none ? groups_[group].first : lines_[last].next;
-    }
+    const Id closing = findParagraphEnd(groupId, key);
+    const Id last = lastKeyLine(groupId);
+    Group& group = groups_[groupId];
+    const Id behindLast = last == none ? group.first : lines_[last].next;
     const Id line = newLine(lineKey, key, 0);
-    insertLine(group, before, line);
-    if (!inParagraph)
-        groups_[group].lastKey = line;
+    insertLine(groupId, closing == none ? behindLast : closing, line);
+    if (closing == none) {
+        group.lastKey = line;
+    } else if (group.samples->paragraphs[lines_[closing].ref].isTail) {
+        // Each blank line loses its mark once, however many keys come.
+        for (Id l = last == none ? group.first : lines_[last].next; l != line; l = lines_[l].next)
+            if (lines_[l].type() == lineBlank)
+                group.samples->paragraphs[lines_[l].ref].isTail = false;
+        group.lastKey = line;
+    }
     noteLine(key, line);
 }
 
@@ -518,6 +644,8 @@ void ZPStore::checkInvariants() const {
         REQUIRE(g == 0 || group.prev == lastGroupSeen);
         lastGroupSeen = g;
         Id previous = none, lastKeySeen = none;
+        bool isBehindKeys = group.lastKey == none;
+        uint32_t paragraph = group.samples == nullptr ? 0 : group.samples->first;
         uint32_t comments = 0, blanks = 0;
         for (Id l = group.first; l != none; l = lines_[l].next) {
             REQUIRE(lines_[l].prev == previous);
@@ -525,16 +653,38 @@ void ZPStore::checkInvariants() const {
             ++linesSeen;
             comments += lines_[l].type() == lineComment ? 1 : 0;
             blanks += lines_[l].type() == lineBlank ? 1 : 0;
+            if (group.samples != nullptr) {
+                uint32_t hash;
+                if (lines_[l].type() == lineBlank) {
+                    REQUIRE(lines_[l].ref == paragraph);
+                    REQUIRE(group.samples->paragraphs[paragraph].closing == l);
+                    paragraph = group.samples->paragraphs[paragraph].next;
+                } else if (lines_[l].type() == lineComment &&
+                           sampleHash(text(lines_[l].ref), lines_[l].length(), hash)) {
+                    const Samples::Slot& slot = group.samples->find(hash);
+                    REQUIRE(slot.line != none);
+                    REQUIRE(slot.line != l || slot.paragraph == paragraph);
+                }
+            }
             if (lines_[l].type() == lineKey) {
+                REQUIRE(!isBehindKeys);
                 lastKeySeen = l;
                 const Key& key = keys_[lines_[l].ref];
                 REQUIRE(key.stanza == group.stanza);
                 REQUIRE(key.line == l || key.line == many);
             }
+            isBehindKeys = isBehindKeys || group.lastKey == l;
         }
+        REQUIRE(isBehindKeys || group.first == none);
+        REQUIRE(group.samples == nullptr || paragraph == group.samples->open);
+        for (Id l = group.last; group.samples != nullptr && l != group.lastKey; l = lines_[l].prev)
+            if (lines_[l].type() == lineBlank)
+                REQUIRE(group.samples->paragraphs[lines_[l].ref].isTail);
+        for (Id l = lastKeySeen; group.samples != nullptr && l != none; l = lines_[l].prev)
+            if (lines_[l].type() == lineBlank)
+                REQUIRE(!group.samples->paragraphs[lines_[l].ref].isTail);
         REQUIRE(group.last == previous && group.comments == comments);
         REQUIRE(group.blanks == blanks);
-        REQUIRE(group.lastKey == unknown || group.lastKey == lastKeySeen);
     }
     REQUIRE(groups_[0].prev == lastGroupSeen);
     REQUIRE(linesSeen + freeLineCount_ == lines_.size());
