@@ -114,7 +114,11 @@ public:
         if (const ZFailure failure = placeText())
             giveUp(work_.path, failure);
         if (action_ == zsideReplaced) {
-            if (const ZFailure failure = side_->takePlace())
+            const ZFailure failure = side_->takePlace();
+            // To be finished by the journal, whether it was moved or not.
+            if (failure && isSafe_ && side_->mayHaveMoved())
+                Z_CHECK_IO(side_->name(), failure);
+            if (failure)
                 giveUp(side_->name(), failure);
         } else if (action_ == zsideRemoved) {
             Z_CHECK_IO(side_->name(), side_->remove());

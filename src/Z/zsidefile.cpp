@@ -40,7 +40,8 @@ ZSideFile::ZSideFile(const char* name, int text)
       inode_(0),
       prepared_{nullptr, 0},
       inPlace_(false),
-      written_(false) {}
+      written_(false),
+      mayHaveMoved_(false) {}
 
 ZSideFile::~ZSideFile() { discard(); }
 
@@ -196,12 +197,16 @@ ZFailure ZSideFile::takePlace() {
         const int error = target_.close();
         return failure ? failure : ZFailure{"close()", error};
     }
+    mayHaveMoved_ = false;
     if (renameat(place_.folder(), temporary_.getChars(), place_.folder(), place_.name()) != 0) {
         const ZFailure failure = zfailed("rename()");
         // What is told as failed may have been done.
         struct stat left;
-        if (fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0 ||
-            errno != ENOENT)
+        const int error =
+            fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0 ? 0
+                                                                                             : errno;
+        mayHaveMoved_ = error != 0 && error != ENOENT;
+        if (error != ENOENT)
             return failure;
     }
     written_ = false;

@@ -42,6 +42,8 @@ public:
     ZFailure prepare(ZSpan bytes, int mode);
     /// Puts what was prepared into place.
     ZFailure takePlace();
+    /// Whether the move may have been made although it has failed, since nobody tells.
+    bool mayHaveMoved() const { return mayHaveMoved_; }
     /// Whether takePlace writes to the one that exists, so that a failure may leave a part.
     bool isWrittenInPlace() const { return inPlace_; }
     /// Writes what existed to its place again.
@@ -69,6 +71,7 @@ private:
     ZOpenFile target_;  // of what is to be written in place, or of the new file
     bool inPlace_;
     bool written_;  // the new file is there under its own name
+    bool mayHaveMoved_;
 };
 
 /// Makes sure of the disk's blocks for a file that grows. Where the file system can't promise them, nothing

@@ -312,6 +312,9 @@ TEST(FaultStore, EachCallIsDoneAndToldAsFailed) {
     for (int mode : {ZPROP_STORE_CHECKED, ZPROP_STORE_SAFE})
         for (const Variant& v : kVariants)
             EXPECT_GT(failEachCall(mode, v, once, EIO, true), 15);
+    // Nobody can be asked either.
+    for (const Variant& v : kVariants)
+        failEachCall(ZPROP_STORE_SAFE, v, onward, EINTR, true);
 }
 
 TEST(FaultStore, AFullDiskHasRoomForTheOldContent) {
