@@ -1,5 +1,6 @@
 // edits.cpp: what shared edits cost: store modes beside each other, an update of one key beside what
-// others do for one, a load's look for a journal. A file of 1000 keys in stanzas of 20.
+// others do for one, a load's look for a journal. A file of 1000 keys in stanzas of 20. Last, how the
+// keeping of lines grows with the text.
 //
 // Each figure is the median of many runs, those that are compared taking turns.
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include "Z/ZPropertiesUpdate.h"
 #include "Z/ZStanzaFileProperties.h"
 #include "Z/zjournal.h"
+#include "Z/zkeeplines.h"
 #include "adapters.h"
 
 using std::string;
@@ -125,6 +127,22 @@ static void editWithGLib(const char* path, GFileSetContentsFlags flags) {
     g_key_file_free(file);
 }
 
+// Takes old lines over into a new text of so many: the values of one key stand all together, as a store
+// writes them, and all of them are others if `changed`.
+static Work keepLines(int lines, bool changed) {
+    string old = "[s]\n", now = "[s]\n";
+    for (int i = 0; i < lines; ++i) {
+        old += i % 2 ? "\n# c\n" : "\nk=1\n";
+        now += i % 2 ? "\n# c\n" : "\nk = 1\n";
+    }
+    for (int i = 0; changed && i < lines; ++i)
+        old += "m = " + std::to_string(i) + "\n", now += "m = a" + std::to_string(i) + "\n";
+    return [=] {
+        ZBytes kept;
+        zkeepLines({old.data(), old.size()}, {now.data(), now.size()}, kept);
+    };
+}
+
 int main(int argc, char** argv) {
     char folder[] = "edits-XXXXXX";
     if (mkdtemp(folder) == nullptr || chdir(folder) != 0)
@@ -178,6 +196,13 @@ int main(int argc, char** argv) {
     compare("load, with the look for a journal", t[0], "without: less what the look takes", t[0] - look,
             1.05);
     printf("%-40s %10.2f us\n", "the look", look);
+
+    // A walk in a walk would take hundred times as long for ten times the lines.
+    for (const bool changed : {false, true}) {
+        t = measure(11, {keepLines(100000, changed), keepLines(10000, changed)});
+        compare(changed ? "keeping lines, changed, 100,000" : "keeping lines, 100,000", t[0], "10,000",
+                t[1], 30);
+    }
 
     for (const string& name : names)
         unlink(name.c_str());

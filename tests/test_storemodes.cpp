@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <random>
 #include <string>
@@ -349,28 +348,6 @@ TEST(KeepLines, RandomFilesKeepWhatWasntChanged) {
             at = found + line.size();
             from = end;
         }
-    }
-}
-
-TEST(KeepLines, IsLinear) {
-    const auto seconds = [](int lines, bool changed) {
-        string old = "[s]\n", now = "[s]\n";
-        for (int i = 0; i < lines; ++i) {
-            old += i % 2 ? "\n# c\n" : "\nk=1\n";
-            now += i % 2 ? "\n# c\n" : "\nk = 1\n";
-        }
-        // The values of one key, all together as a store writes them, and all of them others.
-        for (int i = 0; changed && i < lines; ++i)
-            old += "m = " + std::to_string(i) + "\n", now += "m = a" + std::to_string(i) + "\n";
-        ZBytes kept;
-        const auto start = std::chrono::steady_clock::now();
-        zkeepLines({old.data(), old.size()}, {now.data(), now.size()}, kept);
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    };
-    for (bool changed : {false, true}) {
-        seconds(10000, changed);
-        // A walk in a walk would take hundred times as long.
-        EXPECT_LT(seconds(100000, changed), 30 * seconds(10000, changed) + 0.05);
     }
 }
 
