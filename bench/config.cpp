@@ -5,7 +5,8 @@
 // copied into the caller's string, look-up as a number, setting an existing key, adding and deleting
 // keys, storing after one change, memory held after a load. The libraries take turns within each
 // repetition, since machines are noisy, and the best time of each counts. Printed: microseconds or
-// nanoseconds a piece, and ours as a share of the better peer's.
+// nanoseconds a piece, and ours as a share of the better peer's. Then what must grow with the number of
+// keys and no faster, ours alone: where comments read like entries, and during walks.
 //
 //   config [--quick] [number of keys ...]
 #include <spawn.h>
@@ -234,6 +235,70 @@ void runSize(const std::string& folder, size_t keys, size_t perStanza, int repet
     fflush(stdout);
 }
 
+// ---------------------------------------------------------------- what must be linear
+
+typedef ZStanzaFileProperties Ours;
+
+std::string numbered(const char* name, size_t i) { return name + std::to_string(i); }
+
+void addSamples(Ours& file, size_t keys) {
+    file.setValue("s", "first", "1");
+    for (size_t i = keys; i-- > 0;) {
+        const std::string name = numbered("at", i);
+        file.setValue("s", name.c_str(), "1");
+        file.addEntryComment("s", name.c_str(), numbered("sample", i).append(" = 0").c_str());
+    }
+}
+
+struct Growth {
+    const char* what;
+    void (*prepare)(Ours&, size_t keys);
+    void (*work)(Ours&, size_t keys);
+};
+
+const Growth kGrowth[] = {
+    {"add keys, each with a comment that reads like an entry", [](Ours&, size_t) {}, addSamples},
+    {"add keys that have samples and keys that have none", addSamples,
+     [](Ours& file, size_t keys) {
+         for (size_t i = 0; i < keys; ++i)
+             file.setValue("s", numbered(i % 2 == 0 ? "sample" : "other", i).c_str(), "1");
+     }},
+    {"change all keys during a walk", addSamples,
+     [](Ours& file, size_t) {
+         for (ZStanzaIterator walk(file, "s"); walk.hasMore();) {
+             walk.nextEntry();
+             file.setValue("s", walk.entryName(), "2");
+         }
+     }},
+    {"delete all keys during a walk", addSamples,
+     [](Ours& file, size_t) {
+         for (ZStanzaIterator walk(file, "s"); walk.hasMore();) {
+             walk.nextEntry();
+             file.deleteKey("s", walk.entryName());
+         }
+     }},
+};
+
+void runGrowth(int repetitions) {
+    printf("ns/key at 5000, 10000, 20000, 40000 and 80000 keys\n");
+    for (const Growth& growth : kGrowth) {
+        printf("  %-56s", growth.what);
+        for (size_t keys = 5000; keys <= 80000; keys *= 2) {
+            double best = 1e9;
+            for (int i = 0; i < repetitions; ++i) {
+                Ours file(1);
+                growth.prepare(file, keys);
+                const double start = now();
+                growth.work(file, keys);
+                best = std::min(best, now() - start);
+            }
+            printf(" %7.0f", best * 1e9 / static_cast<double>(keys));
+        }
+        printf("\n");
+    }
+    printf("\n");
+}
+
 // ---------------------------------------------------------------- one edit as a whole process
 
 double spawnEdit(const std::string& program, const std::string& path) {
@@ -294,6 +359,7 @@ int main(int argc, char** argv) {
         runSize(folder, keys, keys, rounds);
     }
     if (all) {
+        runGrowth(repetitions);
         std::string here = argv[0];
         here.resize(here.rfind('/') == std::string::npos ? 0 : here.rfind('/'));
         runProcesses(folder, here.empty() ? "." : here, repetitions);

@@ -143,8 +143,8 @@ protected:
 ///   and neither waits. They are advisory, and a process that closes any descriptor of a file loses
 ///   its locks on it.
 /// Cost: look-ups and changes constant on average, whatever the number of keys. Once a stanza's key
-///   list has been handed out, by a walk too, deleting one of its keys is linear in their number,
-///   the last one excepted. A comment costs a walk over the comments that it joins.
+///   list has been handed out, deleting one of its keys is linear in their number, the last one
+///   excepted; a walk hands out none. A comment costs a walk over the comments that it joins.
 class ZEXPORT ZProperties : public ZAbstractProperties,
                             public ZAbstractObservable,
                             public ZPropertiesMutableInterface {

@@ -50,7 +50,8 @@ public:
     int hasMore() override;
     /// Moves to the next key; raises at the end.
     void nextEntry() override;
-    /// The current key, good while the key is there. Raises when on none.
+    /// The current key, good while the key is there; where the cache isn't a ZSCFData, until the next
+    /// call. Raises when on none.
     const char* entryName() override;
     /// Value `i`, from 0, of the current key, good while it is there: of the kind that the key had
     /// when the walk came to it. Raises when on no key, and ZInvalidParameterException if there is no

@@ -434,12 +434,21 @@ void ZPStore::addSample(Group& group, Id id) {
 void ZPStore::findSamples(Group& group) {
     if (group.knowsSamples)
         return;
+    // Most groups have none, and then no index.
+    uint32_t hash;
+    Id sample = group.first;
+    while (sample != none && (lines_[sample].type() != lineComment ||
+                              !sampleHash(text(lines_[sample].ref), lines_[sample].length(), hash)))
+        sample = lines_[sample].next;
+    if (sample == none) {
+        group.knowsSamples = true;
+        return;
+    }
     std::unique_ptr<Samples> samples(new Samples);
     uint32_t paragraph = samples->addParagraph(none, none, true);
     bool isTail = true;
     for (Id l = group.last; l != none; l = lines_[l].prev) {
         Line& line = lines_[l];
-        uint32_t hash;
         if (line.type() == lineKey) {
             isTail = false;
         } else if (line.type() == lineBlank) {
@@ -453,9 +462,8 @@ void ZPStore::findSamples(Group& group) {
         }
     }
     samples->first = paragraph;
+    group.samples = samples.release();
     group.knowsSamples = true;
-    if (samples->count != 0)
-        group.samples = samples.release();
 }
 
 // The blank line that closes the paragraph of the first comment that reads like an entry for this
