@@ -29,7 +29,7 @@
 #include <cstdint>
 
 #include "ZExceptionText.h"
-#include "zinternal.h"
+#include "zuncancelled.h"
 
 static const char kPrefix[] = "._zpl";
 static const mode_t kMode = S_ISGID | S_IRUSR | S_IWUSR;
@@ -53,7 +53,7 @@ static void raiseState(const char* name, int line) {
 // closing are places where a thread may be cancelled: not in a clean-up.
 template <typename CleanUp>
 static void whateverHappens(CleanUp cleanUp) {
-    const ZCancelGuard guard;
+    const ZUncancelled guard;
     try {
         cleanUp();
     } catch (abi::__forced_unwind&) {
@@ -243,7 +243,7 @@ void ZAbstractProcessReadWriteFileLock::giveBack() {
 void ZAbstractProcessReadWriteFileLock::release() {
     checkReleasable();
     // A thread that is cancelled between the steps would leave half a lock behind.
-    const ZCancelGuard noCancel;
+    const ZUncancelled noCancel;
     const ZResourceLock guard(fileLock_);
     // The reader count includes the caller.
     if (lockState_ == write || getReaderCount() <= 1) {

@@ -13,8 +13,8 @@
 #include <exception>
 
 #include "ZExceptionText.h"
-#include "zinternal.h"
 #include "zreport.h"
+#include "zuncancelled.h"
 
 const unsigned long ZAbstractProcessReadWriteLock::invalidSequence;
 
@@ -185,7 +185,7 @@ void ZAbstractProcessReadWriteLock::unlock() { unlock(getUpdate()); }
 
 void ZAbstractProcessReadWriteLock::unlock(int update) {
     checkReleasable();
-    const ZCancelGuard guard;  // counted and given up, or neither
+    const ZUncancelled guard;  // counted and given up, or neither
     sync(update);
     lock(unset);
 }

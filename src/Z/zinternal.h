@@ -2,8 +2,6 @@
 #ifndef Z_ZINTERNAL_H
 #define Z_ZINTERNAL_H
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <cstdio>
 
@@ -21,18 +19,6 @@ inline int zaddressCompare(const void* a, const void* b) {
     const uintptr_t right = reinterpret_cast<uintptr_t>(b);
     return left == right ? 0 : left < right ? -1 : 1;
 }
-
-/// Keeps the calling thread from being cancelled while it lives.
-class ZCancelGuard {
-public:
-    ZCancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~ZCancelGuard() { pthread_setcancelstate(before_, nullptr); }
-    ZCancelGuard(const ZCancelGuard&) = delete;
-    ZCancelGuard& operator=(const ZCancelGuard&) = delete;
-
-private:
-    int before_;
-};
 
 /// Owns a stdio stream for a scope. Closing it ends the process's record locks on that file, so
 /// the guard lives exactly as long as the lock has to.

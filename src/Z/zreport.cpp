@@ -5,12 +5,12 @@
 #include "ZException.h"
 #include "ZLCString.h"
 #include "ZMessage.h"
-#include "zinternal.h"
+#include "zuncancelled.h"
 
 // A report is the last resort: what fails in it has nowhere to go.
 template <typename Report>
 static void reportWhateverHappens(Report report) {
-    const ZCancelGuard guard;
+    const ZUncancelled guard;
     try {
         report();
     } catch (abi::__forced_unwind&) {
