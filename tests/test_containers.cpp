@@ -141,6 +141,27 @@ TEST(List, TakesItsOwnMembersAndItselfAsArguments) {
     }
 }
 
+TEST(List, AndArrayAreAssignedFromWhatTheirMembersHold) {
+    const NothingLeft check;
+    const Item first(1), second(2);
+    ZArrayList inner(1, 1), list(3, 1);
+    inner.add(&first), inner.add(&second);
+    ZArrayList middle(1, 1);
+    middle.add(&inner);
+    list.add(&middle);
+    list = static_cast<ZArrayList&>(*static_cast<ZArrayList&>(*list.get(0)).get(0));
+    EXPECT_EQ(valuesOf(list), (std::vector<int>{1, 2}));
+    EXPECT_EQ(list.capacity(), 3u);
+
+    ZArray array(1, 1);
+    auto* const member = new ZArray(2, 1);
+    member->set(1, &second);
+    array.setNoCopy(0, member);
+    array = *member;
+    EXPECT_EQ(array.size(), 2u);
+    EXPECT_EQ(static_cast<Item*>(array.get(1))->value, 2);
+}
+
 TEST(List, BehavesLikeAVector) {
     NothingLeft check;
     for (int owns = 0; owns <= 1; ++owns) {

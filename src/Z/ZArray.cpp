@@ -1,9 +1,11 @@
 #include "ZArray.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "ZException.h"
 #include "zmembers.h"
+#include "zuncancelled.h"
 
 static ZObject** emptySlots(unsigned int count) {
     ZObject** slots = static_cast<ZObject**>(zallocateBlock(count, sizeof(ZObject*)));
@@ -33,16 +35,13 @@ ZArray::ZArray(const ZArray& other) : ZArray(other.size_, other.ownsMembers_) {
 ZArray& ZArray::operator=(const ZArray& other) {
     if (this == &other)
         return *this;
-    // New slots first: without memory for them the old members must still be there.
-    ZObject** slots = other.size_ == size_ ? nullptr : emptySlots(other.size_);
-    removeAll();
-    if (slots != nullptr) {
-        zreleaseBlock(slots_);
-        slots_ = slots;
-        size_ = other.size_;
-    }
-    for (unsigned int i = 0; i < size_; ++i)
-        set(i, other.get(i));
+    // The old members go last: `other` may be inside one of them, and if there isn't memory for the
+    // new ones, they stay.
+    ZArray copy(other.size_, ownsMembers_);
+    for (unsigned int i = 0; i < copy.size_; ++i)
+        copy.set(i, other.get(i));
+    std::swap(slots_, copy.slots_);
+    std::swap(size_, copy.size_);
     return *this;
 }
 
@@ -66,6 +65,7 @@ void ZArray::remove(unsigned int index) {
 }
 
 void ZArray::removeAll() {
+    const ZUncancelled uncancelled;
     for (unsigned int i = 0; i < size_; ++i)
         ZArray::remove(i);
 }

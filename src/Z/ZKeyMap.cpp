@@ -68,9 +68,10 @@ ZHashKeyMap::ZHashKeyMap(const ZHashKeyMap& other)
 ZHashKeyMap& ZHashKeyMap::operator=(const ZHashKeyMap& other) {
     if (this == &other)
         return *this;
-    Table* copy = new Table(*other.table_);
-    delete table_;
-    table_ = copy;
+    // The old table goes last, when nobody who comes here out of a member's destructor finds it.
+    Table* old = table_;
+    table_ = new Table(*other.table_);
+    delete old;
     return *this;
 }
 

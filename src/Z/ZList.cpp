@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "ZException.h"
 #include "zmembers.h"
+#include "zuncancelled.h"
 
 // An interface can't ask its own iterator from the header, where the class isn't known yet.
 void ZList::backUp(ZListIterator& iterator) const { iterator.backUp(); }
@@ -123,8 +125,13 @@ ZArrayList::ZArrayList(const ZArrayList& other)
 ZArrayList& ZArrayList::operator=(const ZArrayList& other) {
     if (this == &other)
         return *this;
-    removeAll();
-    addList(other);
+    // The old members go last: `other` may be inside one of them, and if there isn't memory for the
+    // new ones, they stay.
+    ZArrayList copy(capacity_, ownsMembers_);
+    copy.addList(other);
+    std::swap(capacity_, copy.capacity_);
+    std::swap(members_, copy.members_);
+    std::swap(size_, copy.size_);
     return *this;
 }
 
@@ -222,8 +229,9 @@ void ZArrayList::remove(ZListIterator& iterator) {
 
 void ZArrayList::removeAll() {
     // A member leaves its slot before it is deleted, so that nobody who comes here out of its
-    // destructor, or after its thread was cancelled in there, finds it again.
+    // destructor finds it again.
     if (ownsMembers_) {
+        const ZUncancelled uncancelled;
         for (unsigned int i = 0; i < size_; ++i) {
             ZObject* member = members_[i];
             members_[i] = nullptr;

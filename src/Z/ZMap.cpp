@@ -62,9 +62,10 @@ ZHashMap::ZHashMap(const ZHashMap& other)
 ZHashMap& ZHashMap::operator=(const ZHashMap& other) {
     if (this == &other)
         return *this;
-    Table* copy = new Table(*other.table_);
-    delete table_;
-    table_ = copy;
+    // The old table goes last, when nobody who comes here out of a member's destructor finds it.
+    Table* old = table_;
+    table_ = new Table(*other.table_);
+    delete old;
     return *this;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "ZException.h"
+#include "zuncancelled.h"
 
 static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 bits");
 
@@ -264,6 +265,7 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
 
 template <typename Member>
 void ZHashTable<Member>::removeAll() {
+    const ZUncancelled uncancelled;
     // Without slots the chains alone tell what is there, at each moment on the way.
     zreleaseBlock(slots_);
     slots_ = nullptr;

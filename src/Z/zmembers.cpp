@@ -7,6 +7,7 @@
 #include "ZException.h"
 #include "zmemory.h"
 #include "zreport.h"
+#include "zuncancelled.h"
 
 // Compilers assume that the global allocator never gives null and drop the test for it. A volatile
 // pointer keeps them from knowing whom we call; it is constant-initialised.
@@ -30,6 +31,9 @@ void* zallocateSpread(uint64_t count, size_t width) {
 void zreleaseBlock(void* block) noexcept { ::operator delete[](block); }
 
 void zdeleteMember(ZObject* member) {
+    if (member == nullptr)
+        return;
+    const ZUncancelled uncancelled;
     try {
         delete member;
     } catch (abi::__forced_unwind&) {
