@@ -218,6 +218,32 @@ TEST(FileLockGrant, TellsObserversInAWriteLockThatDoesNotCountUnlessOneRaises) {
     }
 }
 
+TEST(FileLockGrant, ThatFailsLeavesNothingToAReaderWhoCameAndWentMeanwhile) {
+    struct Failing : ZStubProcessReadWriteFileLock {
+        Failing() : ZStubProcessReadWriteFileLock("name") {}
+        void lockFile(State) override {
+            if (!failed.exchange(true))
+                ZLockResourceException(33, 4).throwException(__FILE__, __LINE__);
+        }
+        // The last step: the failed reader gives the lock among threads back.
+        void setUpdate(int update) override {
+            if (failed && !asked.exchange(true)) {
+                std::promise<pid_t> id;
+                other = std::thread([&, this] { id.set_value(gettid()), readLock(), unlock(); });
+                untilAsleep(getpid(), id.get_future().get());
+            }
+            ZStubProcessReadWriteFileLock::setUpdate(update);
+        }
+        std::atomic<bool> failed{false}, asked{false};
+        std::thread other;
+    } lock;
+    EXPECT_EQ(numberOf([&] { lock.readLock(); }), 33);
+    lock.other.join();
+    EXPECT_EQ(lock.getLockState(), unset);
+    EXPECT_EQ(lock.getReaderCount(), 0);
+    EXPECT_EQ(numberOf([&] { lock.unlock(); }), 6);
+}
+
 // ---------------------------------------------------------------- the file
 
 std::string bytes(uint32_t first, uint32_t second) {
@@ -502,6 +528,47 @@ TEST(FileLockProcesses, AWriterAtTheGateGoesBeforeLaterReaders) {
     EXPECT_EQ(order->turns[0], 1);
     EXPECT_EQ(order->turns[1], 2);
     munmap(order, sizeof *order);
+}
+
+TEST(FileLockProcesses, AChildOwnsNothingOfWhatItsParentHolds) {
+    const auto isFree = [](Lock& lock) {
+        return lock.getLockState() == unset && lock.ownWriteLock() == 0 &&
+               lock.haveLock(unset) == 1 && lock.getFileHandle() == -1;
+    };
+    // What a child does first with the lock that it has inherited: 0 if that was nothing to the parent.
+    const std::function<int(Lock&)> actions[] = {
+        [&](Lock& lock) { return isFree(lock) ? 0 : 1; },
+        [&](Lock& lock) { return lock.unlock(), isFree(lock) ? 0 : 1; },
+        [&](Lock& lock) { return numberOf([&] { lock.incSequence(); }) == 32 ? 0 : 1; },
+        [&](Lock& lock) { return numberOf([&] { lock.writeSequenceNumber(9); }) == 36 ? 0 : 1; },
+        [&](Lock& lock) { return lock.closeLockFile(), isFree(lock) ? 0 : 1; },
+        [&](Lock& lock) { return Lock(lock).getFileHandle() == -1 ? 0 : 1; },
+        [&](Lock& lock) { return lock.~Lock(), 0; },
+    };
+    for (State state : {read, write}) {
+        Place place;
+        Lock lock = place.make();
+        for (const auto& action : actions) {
+            SCOPED_TRACE(testing::Message() << state << ", action " << &action - actions);
+            lock.lock(state);
+            EXPECT_EQ(Child([&] { return action(lock); }).wait(), 0);
+            EXPECT_EQ(lock.getLockState(), state);
+            EXPECT_EQ(Child([&] {
+                          struct flock data = {};
+                          data.l_type = F_WRLCK, data.l_len = 4;
+                          const int file = open(place.path.c_str(), O_RDWR);
+                          return fcntl(file, F_GETLK, &data) == 0 && data.l_pid == getppid() ? 0 : 1;
+                      }).wait(),
+                      0) << "the record lock is there";
+            lock.unlock();
+        }
+        EXPECT_EQ(lock.getSequence(), state == write ? std::size(actions) : 0);
+        EXPECT_EQ(Child([&] {  // an object of its own once it has given the copy up
+                      lock.lock(state), lock.unlock();
+                      return 0;
+                  }).wait(),
+                  0);
+    }
 }
 
 TEST(FileLockProcesses, AnInterruptedOrCancelledWaitGivesEverythingBack) {

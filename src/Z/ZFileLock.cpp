@@ -18,15 +18,19 @@
 //     drops all record locks that the process has on it.
 // (4) The file is never deleted: a process that had opened it would go on locking a file that the
 //     next one can't find.
+// (5) A child process inherits object and descriptor, but no record lock: what its parent held is
+//     none of its own. process_ tells the two apart, and what needs the file forgets it first.
 #include "ZFileLock.h"
 
 #include <cxxabi.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 
 #include "ZExceptionText.h"
 #include "zuncancelled.h"
@@ -43,6 +47,27 @@ static const unsigned int kGate = kData + kField;
 // 64 bits on a 32-bit system the header promises that fcntl raises nothing, and compilers then leave
 // out the clean-up. A pointer makes no such promise, as long as they can't see through it.
 static int (*const volatile recordLock)(int, int, ...) = fcntl;
+
+// The process's id, without asking the system each time: read without a lock, written where there is
+// one thread. 0 until it was asked for once.
+static std::atomic<int> processId(0);
+
+// Told by the C library in each child that fork() makes.
+static void noteChild() { processId = getpid(); }
+
+static int currentProcess() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    const int known = processId.load(std::memory_order_relaxed);
+    if (known != 0)
+        return known;
+    pthread_once(&once, [] {
+        // Where nobody will tell, it is asked for each time.
+        if (pthread_atfork(nullptr, nullptr, noteChild) == 0)
+            noteChild();
+    });
+    const int noted = processId.load(std::memory_order_relaxed);
+    return noted != 0 ? noted : getpid();
+}
 
 static void raiseState(const char* name, int line) {
     ZInvalidResourceStateException failure(name);
@@ -155,7 +180,7 @@ void ZAbstractProcessReadWriteFileLock::setLockDirName(const char* dir) {
         ZInvalidParameterException().throwException(__FILE__, __LINE__);
     if (lockDirName_ == (dir == nullptr ? "" : dir))
         return;
-    if (lockState_ != unset)
+    if (getLockState() != unset)
         raiseState(getLockStateName(lockState_), __LINE__);
     lockDirName_ = dir;
     setLockFileName(getLockName().getChars());
@@ -210,15 +235,31 @@ void ZAbstractProcessReadWriteFileLock::dolock(zlockstate state) {
 
 void ZAbstractProcessReadWriteFileLock::grant(zlockstate state) {
     ZAbstractProcessReadWriteLock::lock(state);
-    OnFailure giveUp([this] { ZAbstractProcessReadWriteLock::lock(unset); });
+    OnFailure leaveThreads([this] { ZAbstractProcessReadWriteLock::lock(unset); });
     if (state == write && getLockState() != unset)
         raiseState(getLockStateName(lockState_), __LINE__);
+    leaveThreads.dismiss();
+    OnFailure leave([this] { leaveGrant(); });
     {
         const ZResourceLock guard(fileLock_);
+        OnFailure leaveAtOnce([&] {
+            leave.dismiss();
+            leaveGrant();
+        });
         if (lockState_ == unset)
             takeFile(state);
+        leaveAtOnce.dismiss();
     }
-    giveUp.dismiss();
+    leave.dismiss();
+}
+
+// One step under fileLock_: between two, another reader could take the file, see this one among the
+// readers, and leave the file to it.
+void ZAbstractProcessReadWriteFileLock::leaveGrant() {
+    const ZResourceLock guard(fileLock_);
+    if (lockState_ == write || getReaderCount() <= 1)
+        giveBack();
+    ZAbstractProcessReadWriteLock::lock(unset);
 }
 
 // Requires: fileLock_ is held.
@@ -245,8 +286,9 @@ void ZAbstractProcessReadWriteFileLock::release() {
     // A thread that is cancelled between the steps would leave half a lock behind.
     const ZUncancelled noCancel;
     const ZResourceLock guard(fileLock_);
-    // The reader count includes the caller.
-    if (lockState_ == write || getReaderCount() <= 1) {
+    // The reader count includes the caller. A child process that gives up what it has inherited has
+    // no file to give up.
+    if (lockState_ == write || (lockState_ != unset && getReaderCount() <= 1)) {
         unlockFile();
         lockState_ = unset;
     }
@@ -263,10 +305,7 @@ __attribute__((no_sanitize("null"))) void ZAbstractProcessReadWriteFileLock::aba
     } catch (...) {
     }
     checkReleasable();
-    const ZResourceLock guard(fileLock_);
-    if (lockState_ == write || getReaderCount() <= 1)
-        giveBack();
-    ZAbstractProcessReadWriteLock::lock(unset);
+    leaveGrant();
 }
 
 void ZAbstractProcessReadWriteFileLock::abandonFile() {}
@@ -331,33 +370,38 @@ unsigned long ZAbstractProcessReadWriteFileLock::incSequence() {
 
 // ---------------------------------------------------------------- on a file
 
-ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock() : fileHandle_(-1), opened_(0) {}
+ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock() : fileHandle_(-1), process_(0) {}
 
 ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(const char* name)
-    : ZAbstractProcessReadWriteFileLock(name), fileHandle_(-1), opened_(0) {}
+    : ZAbstractProcessReadWriteFileLock(name), fileHandle_(-1), process_(0) {}
 
 ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(const char* name, const char* dir)
-    : ZAbstractProcessReadWriteFileLock(name, dir), fileHandle_(-1), opened_(0) {}
+    : ZAbstractProcessReadWriteFileLock(name, dir), fileHandle_(-1), process_(0) {}
 
 ZUnixProcessReadWriteFileLock::ZUnixProcessReadWriteFileLock(
     const ZUnixProcessReadWriteFileLock& other)
-    : ZAbstractProcessReadWriteFileLock(other),
-      fileHandle_(other.fileHandle_.load()),
-      opened_(0) {}
+    : ZAbstractProcessReadWriteFileLock(other), fileHandle_(-1), process_(0) {
+    shareFile(other);
+    lockState_ = unset;  // as that of `other` is, or would be if it weren't inherited
+}
 
 ZUnixProcessReadWriteFileLock& ZUnixProcessReadWriteFileLock::operator=(
     const ZUnixProcessReadWriteFileLock& other) {
     ZAbstractProcessReadWriteFileLock::operator=(other);
+    if (this == &other)
+        return *this;
+    forgetParent();
     // Copies may share a descriptor: it is no one's to close on its way to itself.
-    if (this != &other && fileHandle_ != other.fileHandle_) {
+    if (fileHandle_ != other.fileHandle_) {
         closeOwnFile();
-        fileHandle_ = other.fileHandle_.load();
+        shareFile(other);
     }
     return *this;
 }
 
 // The base raises if the lock is held, after this.
 ZUnixProcessReadWriteFileLock::~ZUnixProcessReadWriteFileLock() noexcept(false) {
+    forgetParent();
     closeOwnFile();
     if (lockState_ != unset)
         ZUnixProcessReadWriteFileLock::closeLockFile();
@@ -367,26 +411,86 @@ ZObject* ZUnixProcessReadWriteFileLock::clone() const {
     return new ZUnixProcessReadWriteFileLock(*this);
 }
 
-int ZUnixProcessReadWriteFileLock::getFileHandle() { return fileHandle_; }
+// ---------------------------------------------------------------- in a child process
+
+int ZUnixProcessReadWriteFileLock::isInherited() const {
+    const int process = process_;
+    return process != 0 && abs(process) != currentProcess();
+}
+
+// The descriptor is the child's own copy: that it goes takes nothing from the parent. fileLock_ may be
+// held by a thread that the child doesn't have, so threads of the child are kept apart otherwise.
+void ZUnixProcessReadWriteFileLock::forgetParent() {
+    static pthread_mutex_t oneAtATime = PTHREAD_MUTEX_INITIALIZER;
+    if (!isInherited())
+        return;
+    const ZUncancelled uncancelled;
+    pthread_mutex_lock(&oneAtATime);
+    if (isInherited()) {
+        if (process_ > 0)
+            close(fileHandle_);
+        fileHandle_ = -1;
+        lockState_ = unset;
+        process_ = 0;
+    }
+    pthread_mutex_unlock(&oneAtATime);
+}
+
+// Takes the number of another object's descriptor, which that one closes.
+void ZUnixProcessReadWriteFileLock::shareFile(const ZUnixProcessReadWriteFileLock& other) {
+    fileHandle_ = other.isInherited() ? -1 : other.fileHandle_.load();
+    process_ = fileHandle_ == -1 ? 0 : -currentProcess();
+}
+
+ZReadWriteLockInterface::zlockstate ZUnixProcessReadWriteFileLock::getLockState() const {
+    return isInherited() ? unset : ZAbstractProcessReadWriteFileLock::getLockState();
+}
+
+int ZUnixProcessReadWriteFileLock::haveLock(zlockstate state) const {
+    return getLockState() == state;
+}
+
+int ZUnixProcessReadWriteFileLock::ownWriteLock() const { return getLockState() == write; }
+
+void ZUnixProcessReadWriteFileLock::dolock(zlockstate state) {
+    forgetParent();
+    ZAbstractProcessReadWriteFileLock::dolock(state);
+}
+
+unsigned long ZUnixProcessReadWriteFileLock::incSequence() {
+    forgetParent();
+    return ZAbstractProcessReadWriteFileLock::incSequence();
+}
+
+// ---------------------------------------------------------------- the open file
+
+int ZUnixProcessReadWriteFileLock::getFileHandle() {
+    forgetParent();
+    return fileHandle_;
+}
 
 int ZUnixProcessReadWriteFileLock::createLockFile() {
+    forgetParent();
     if (fileHandle_ == -1) {
+        const ZUncancelled uncancelled;
         fileHandle_ = open(lockFileName_.getChars(), O_RDWR | O_CREAT | O_DSYNC, kMode);
-        opened_ = fileHandle_ != -1;
+        process_ = fileHandle_ == -1 ? 0 : currentProcess();
     }
     return fileHandle_;
 }
 
 void ZUnixProcessReadWriteFileLock::closeLockFile() {
+    forgetParent();
     if (fileHandle_ == -1)
         return;
+    const ZUncancelled uncancelled;
     close(fileHandle_);
     fileHandle_ = -1;
-    opened_ = 0;
+    process_ = 0;
 }
 
 void ZUnixProcessReadWriteFileLock::closeOwnFile() {
-    if (opened_)
+    if (process_ > 0)
         ZUnixProcessReadWriteFileLock::closeLockFile();
 }
 
@@ -399,6 +503,7 @@ void ZUnixProcessReadWriteFileLock::unlockFile() {
 
 void ZUnixProcessReadWriteFileLock::lockFileRange(zlockstate state, unsigned int offset,
                                                   unsigned int length) {
+    forgetParent();
     errno = 0;
     // If it can't be opened, the record lock fails, which is what callers are told.
     if (fileHandle_ == -1)
@@ -435,6 +540,7 @@ void ZUnixProcessReadWriteFileLock::unlockFileRange(unsigned int offset, unsigne
 
 void ZUnixProcessReadWriteFileLock::writeBytes(void* bytes, unsigned int offset,
                                                unsigned int length) {
+    forgetParent();
     errno = 0;
     const ssize_t written = pwrite(fileHandle_, bytes, length, offset);
     if (written >= 0 && static_cast<size_t>(written) == length)
@@ -446,6 +552,7 @@ void ZUnixProcessReadWriteFileLock::writeBytes(void* bytes, unsigned int offset,
 
 void ZUnixProcessReadWriteFileLock::readBytes(void* bytes, unsigned int offset,
                                               unsigned int length) {
+    forgetParent();
     errno = 0;
     const ssize_t count = pread(fileHandle_, bytes, length, offset);
     if (count >= 0 && static_cast<size_t>(count) == length)

@@ -34,7 +34,13 @@
 /// A process must use one object for one lock file: closing any descriptor of a file gives up all
 /// record locks that the process has on it.
 ///
-/// Failure: a grant that fails, or whose thread is cancelled, gives back all that it had taken.
+/// A child process owns nothing of what its parent held when it forked: to it the lock is in no state,
+/// an unlock() there gives up the object's copy alone, and neither counts nor touches the file. After
+/// that it can use the object for itself. If another thread than the forking one was in a call or held
+/// the lock, the child can only make an object of its own.
+///
+/// Failure: a grant that fails, or whose thread is cancelled, gives back all that it had taken. Opening
+///   and closing the file is never cancelled half-way; waiting for a record lock is.
 ///   ZLockResourceException (33) with the system's number: the lock can't be taken; 9 if the file
 ///   can't be opened. ZUnlockResourceException (34): it can't be given up, and is still held.
 ///   ZReadResourceException (35) and ZWriteResourceException (36): the file can't be read or
@@ -117,6 +123,7 @@ protected:
 
 private:
     void grant(zlockstate state);
+    void leaveGrant();
     void release();
     void takeFile(zlockstate state);
     void giveBack();
@@ -145,6 +152,13 @@ public:
 
     ZObject* clone() const override;
 
+    // Those of the base; in a child process, of what is its own.
+    zlockstate getLockState() const override;
+    int haveLock(zlockstate state) const override;
+    int ownWriteLock() const override;
+    void dolock(zlockstate state) override;
+    unsigned long incSequence() override;
+
     /// The descriptor, or -1 while the file is closed.
     virtual int getFileHandle();
 
@@ -165,10 +179,15 @@ protected:
     void abandonFile() override;
 
 private:
+    int isInherited() const;
+    void forgetParent();
+    void shareFile(const ZUnixProcessReadWriteFileLock& other);
     void closeOwnFile();
 
     std::atomic<int> fileHandle_;
-    int opened_;  // this object has opened it, and not one that it was copied from
+    // The process in which fileHandle_ means something, negative if the file was opened by an object
+    // that this one was copied from; 0 while there is none.
+    std::atomic<int> process_;
 };
 
 /// The same steps without a file: threads are kept apart, processes aren't, and the number lives in
