@@ -11,6 +11,7 @@
 
 #include "support/RecordingService.h"
 #include "support/Runner.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -265,6 +266,32 @@ TEST(Sleeper, KeepsAStopRequestThatADetachedThreadHasNotSeen) {
     }
     over.reach(20);
     EXPECT_EQ(worker.done.opened(), 20);
+}
+
+TEST(Sleeper, IsStartedAgainBehindItsExitUnlessTheStarterIsCancelledBefore) {
+    for (bool cancels : {false, true}) {
+        if (cancels && !CAN_UNWIND)
+            continue;
+        const RecordingService service;
+        Gate atExit, leave;
+        Worker worker(0, 0, 0, [] { throw 1; }, [&] { atExit.open(), leave.await(); });
+        worker.start(), worker.wakeUp(), atExit.await();
+        std::promise<pid_t> id;
+        std::atomic<bool> started(false);
+        std::thread starter([&] { id.set_value(gettid()), worker.start(), started = true; });
+        untilAsleep(getpid(), id.get_future().get());
+        EXPECT_FALSE(started);
+        if (cancels)
+            pthread_cancel(starter.native_handle());
+        leave.open();
+        starter.join();
+        EXPECT_EQ(started, !cancels);
+        if (cancels)
+            worker.start();
+        leave.open();
+        worker.waitForExit();
+        EXPECT_EQ(service.reports(), Reports{"19"});
+    }
 }
 
 TEST(Sleeper, LeavesItsLockFreeHoweverItEndsAndStartsAgain) {

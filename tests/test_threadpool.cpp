@@ -234,6 +234,29 @@ TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasRe
     awaitDeletions();
 }
 
+TEST(ThreadPool, HandsOutNoSleeperThatWorksUnaskedOrIsAtItsEnd) {
+    ZThreadPool pool(2, 2);
+    Gate atWork, leave, atExit, leaveExit;
+    Worker worker(1, 0, 0, [&] { atWork.open(), leave.await(); },
+                  [&] { atExit.open(), leaveExit.await(); });
+    ZThread* thread;
+    launch(pool, worker), atWork.await(), leave.open();
+    while (!pool.getAvailableIdleThread(thread))
+        std::this_thread::yield();
+    giveBack(pool, worker);
+    worker.wakeUp(), atWork.await();  // past the pool
+    EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+    leave.open();
+    while (!pool.getAvailableIdleThread(thread))
+        std::this_thread::yield();
+    giveBack(pool, worker);
+    worker.waitForExit();  // likewise
+    EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+    atExit.await();
+    leaveExit.open();
+    pool.waitForExit();
+}
+
 #if CAN_UNWIND
 TEST(ThreadPool, HearsOfThreadsThatAreCancelledIdleOrUnwindFromTheirWork) {
     ZThreadPool pool(1, 1);

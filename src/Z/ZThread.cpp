@@ -1,12 +1,16 @@
 // ZThread.cpp: threads, their end, and sleepers.
 //
 // The life of an object against that of its threads
-// (1) running_ counts the threads between start() and noteEnd(). noteEnd() is the last that a thread
-//     does with an object that outlives it: before exit(), for who learns from exit() may destroy
-//     the object; or, in a pool, under the pool's mutex, which whoever waits for the pool needs.
+// (1) Life counts the threads between start() and noteEnd(), which comes behind exit(). It is a block
+//     of its own, and goes with the last of object and threads: who learns of the end in exit() may
+//     destroy the object. In a pool noteEnd() is under the pool's mutex, which whoever waits for the
+//     pool needs.
 // (2) A self-deleting object is deleted by the last of its thread and the Holds on it: start() of a
 //     sleeper and the pool are still inside the object when its thread may have ended.
-// (3) pool_ is set before the thread is made, and cleared when the pool has counted the end.
+// (3) pool_ is set before the thread is made, and cleared when the pool has counted the end. So the
+//     pool of a thread that sleeps in run() is alive.
+// (4) A sleeper is in its pool's idle set only while it sleeps, isn't asked to end and isn't promised
+//     to anybody.
 #include "ZThread.h"
 
 #include <cxxabi.h>
@@ -23,6 +27,16 @@
 #include "zinternal.h"
 #include "zmemory.h"
 #include "zreport.h"
+#include "zuncancelled.h"
+
+// Sleeps while the word has this value, as a place where the thread can be cancelled. It unwinds out of
+// the system call then, wherever that is interrupted: so nothing in here may have to be cleaned up.
+[[gnu::noinline]] static void waitWhile(std::atomic<int>& word, int value) {
+    int before;
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
+    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, nullptr, nullptr, 0);
+    pthread_setcanceltype(before, nullptr);
+}
 
 // Runs `step`, then `rest` on whatever way `step` was left.
 template <typename Step, typename Rest>
@@ -43,6 +57,51 @@ static void* threadMain(void* thread) {
 static void deleteThreadObject(void* object) {
     ZThread::key_delete_routine(static_cast<ZObject*>(object));
 }
+}
+
+/// The id of the last thread, and how many threads run the object. Every step on `word` may be the last
+/// on the block.
+struct ZThread::Life {
+    static const int kObject = 1;  // the object is there
+    static const int kThread = 2;  // for each thread
+
+    explicit Life(pthread_t id) noexcept : id(id), word(kObject) {}
+
+    int threads() const { return word.load() / kThread; }
+    void noteStart() { word.fetch_add(kThread); }
+    void noteEnd();
+    void noteObjectGone();
+    void awaitEnd();
+
+    pthread_t id;  // written by pthread_create, before the thread runs
+    std::atomic<int> word;
+};
+
+// The kernel compares before it sleeps, so no end is missed.
+void ZThread::Life::awaitEnd() {
+    for (int now = word.load(); now / kThread != 0; now = word.load())
+        waitWhile(word, now);
+}
+
+// The block may be gone, and its address have another use, when the kernel gets that: then somebody
+// wakes for nothing, which waiting in a loop allows for.
+void ZThread::Life::noteEnd() {
+    int* const address = reinterpret_cast<int*>(&word);
+    int now = word.load();
+    do {
+        if (now < kThread)
+            return;  // a notification that was sent by hand
+    } while (!word.compare_exchange_weak(now, now - kThread));
+    if (now == kThread)
+        ZUnmake()(this);
+    else
+        syscall(SYS_futex, address, FUTEX_WAKE_PRIVATE, std::numeric_limits<int>::max(), nullptr,
+                nullptr, 0);
+}
+
+void ZThread::Life::noteObjectGone() {
+    if (word.fetch_sub(kObject) == kObject)
+        ZUnmake()(this);
 }
 
 namespace {
@@ -68,29 +127,29 @@ private:
 }  // namespace
 
 ZThread::ZThread(pthread_t id) : ZThread(0, 0) {
-    *threadId_ = id;
+    life_->id = id;
     joinable_ = 1;
 }
 
 ZThread::ZThread(int detached, int autoDelete)
-    : threadId_(zmake<pthread_t>(pthread_t()).release()),
+    : life_(zmake<Life>(pthread_t()).release()),
       detached_(detached),
       autoDelete_(autoDelete),
       pool_(nullptr),
       joinable_(0),
-      running_(0),
+      promised_(0),
       holds_(0) {}
 
-ZThread::~ZThread() noexcept(false) { ZUnmake()(threadId_); }
+ZThread::~ZThread() noexcept(false) { life_->noteObjectGone(); }
 
-pthread_t ZThread::getPThreadID() const { return *threadId_; }
+pthread_t ZThread::getPThreadID() const { return life_->id; }
 
 unsigned int ZThread::hash() const {
-    return zaddressHash(reinterpret_cast<const void*>(*threadId_));
+    return zaddressHash(reinterpret_cast<const void*>(life_->id));
 }
 
 int ZThread::compare(const ZObject& other) const {
-    const pthread_t left = *threadId_, right = static_cast<const ZThread&>(other).getPThreadID();
+    const pthread_t left = life_->id, right = static_cast<const ZThread&>(other).getPThreadID();
     return left == right ? 0 : left < right ? -1 : 1;
 }
 
@@ -104,14 +163,14 @@ void ZThread::start() {
 
     // All that the object has to know stands before there is a thread: a self-deleting one may be
     // gone when pthread_create returns.
-    const pthread_t earlier = *threadId_;
+    const pthread_t earlier = life_->id;
     const int earlierUnjoined = joinable_.exchange(detached_ ? 0 : 1);
-    running_.fetch_add(1);
-    const int rc = pthread_create(threadId_, attributes.get(), threadMain, this);
+    life_->noteStart();
+    const int rc = pthread_create(&life_->id, attributes.get(), threadMain, this);
     if (rc != 0) {
-        *threadId_ = earlier;
+        life_->id = earlier;
         joinable_ = earlierUnjoined;
-        noteEnd();
+        life_->noteEnd();
         Z_CHECK_THREAD(17, rc);
     }
     if (earlierUnjoined)
@@ -139,7 +198,7 @@ void ZThread::waitForExit() {
     if (detached_)
         return;
     JoinRight right(joinable_);
-    Z_CHECK_THREAD(20, right.held() ? pthread_join(*threadId_, nullptr) : ESRCH);
+    Z_CHECK_THREAD(20, right.held() ? pthread_join(life_->id, nullptr) : ESRCH);
     right.use();
 }
 
@@ -152,12 +211,14 @@ void* ZThread::start_routine(ZThread* thread) {
 
 void ZThread::cancel_routine(ZThread* thread) {
     ZThreadPool* const pool = thread->pool_;
+    Life* const life = thread->life_;
     const int deletesItself = thread->deletesItself();
-    if (pool == nullptr)
-        thread->noteEnd();
+    thread->leaveIdle();  // during exit() it is of no use to anybody
 
-    const auto tellPool = [=] {
+    const auto tell = [=] {
         bool heard = pool == nullptr;
+        if (heard)
+            life->noteEnd();
         // An end that the pool doesn't hear of would keep its place taken for ever, so that one
         // failed lock is not enough.
         for (int tries = 0; !heard && tries < 2; ++tries)
@@ -165,7 +226,7 @@ void ZThread::cancel_routine(ZThread* thread) {
         if (deletesItself)
             thread->deleteWhenReleased();
     };
-    runThen([=] { thread->exit(); }, tellPool);
+    runThen([=] { thread->exit(); }, tell);
 }
 
 void ZThread::createThreadKey(unsigned int& key) {
@@ -181,6 +242,7 @@ void ZThread::setThreadObject(unsigned int& key, ZObject* object) {
 }
 
 void ZThread::key_delete_routine(ZObject* object) {
+    const ZUncancelled uncancelled;
     zrunReported(__FILE__, __LINE__, [=] { delete object; });
 }
 
@@ -188,34 +250,33 @@ void ZThread::hold() { holds_.fetch_add(2); }
 
 void ZThread::release() {
     if (holds_.fetch_sub(2) == 2 + 1)
-        zrunReported(__FILE__, __LINE__, [this] { delete this; });
+        deleteNow();
 }
 
 void ZThread::deleteWhenReleased() {
     if (holds_.fetch_or(1) == 0)
-        zrunReported(__FILE__, __LINE__, [this] { delete this; });
+        deleteNow();
 }
 
-int ZThread::isRunning() { return running_.load() != 0; }
+void ZThread::deleteNow() {
+    const ZUncancelled uncancelled;
+    zrunReported(__FILE__, __LINE__, [this] { delete this; });
+}
+
+int ZThread::isRunning() { return life_->threads() != 0; }
 
 // Whether the calling thread is the object's own.
-int ZThread::runsCaller() { return isRunning() && pthread_equal(*threadId_, pthread_self()); }
+int ZThread::runsCaller() { return isRunning() && pthread_equal(life_->id, pthread_self()); }
 
-// Sleeps until no thread runs the object. The kernel compares before it sleeps, so no end is missed.
-void ZThread::awaitEnd() {
-    while (const int running = running_.load())
-        syscall(SYS_futex, &running_, FUTEX_WAIT_PRIVATE, running, nullptr, nullptr, 0);
-}
+// Sleeps until no thread runs the object; the caller may be cancelled.
+void ZThread::awaitEnd() { life_->awaitEnd(); }
 
-// The last access to an object that outlives its thread. Its address may have another use when the
-// kernel gets it: then somebody wakes for nothing, which waiting in a loop allows for.
-void ZThread::noteEnd() {
-    int* const word = reinterpret_cast<int*>(&running_);
-    int running = 1;  // none: a notification that was sent by hand
-    while (running > 0 && !running_.compare_exchange_weak(running, running - 1)) {
-    }
-    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, std::numeric_limits<int>::max(), nullptr, nullptr,
-            0);
+void ZThread::noteEnd() { life_->noteEnd(); }
+
+// Takes the thread out of its pool's idle set. Requires: the thread can't tell the pool its end meanwhile.
+void ZThread::leaveIdle() {
+    if (ZThreadPool* const pool = pool_)
+        zrunReported(__FILE__, __LINE__, [=] { pool->noteNotIdle(*this); });
 }
 
 static const unsigned int kNoRun = std::numeric_limits<unsigned int>::max();
@@ -232,7 +293,7 @@ ZSleeperThread::ZSleeperThread(int detached, int autoDelete, unsigned long timeo
       run_(0),
       exit_(kNoRun),
       wake_(0),
-      working_(0),
+      doing_(somethingElse),
       started_(kNoRun),
       timeout_(timeout) {}
 
@@ -241,7 +302,7 @@ ZSleeperThread::ZSleeperThread(ZLock& lock)
       run_(0),
       exit_(kNoRun),
       wake_(0),
-      working_(0),
+      doing_(somethingElse),
       started_(kNoRun),
       timeout_(0),
       sleepCondition_(lock) {}
@@ -267,6 +328,8 @@ void ZSleeperThread::waitForExit() {
         autoDelete = autoDelete_;
         exit_ = run_;
         wake_ = 0;  // what comes later is for the next run
+        if (doing_ == sleeping)
+            leaveIdle();
         sleepCondition_.signal();
     }
     // A self-deleting object may be gone from here on.
@@ -302,13 +365,30 @@ void ZSleeperThread::run() {
             sleep();
         if (!wake_ || exit_ == run)
             continue;
+        leaveIdle();  // woken by its period, or past the pool
         workOnce();
+        // Somebody counts on it, or it is to end: not idle.
+        if (wake_ || promised_ || exit_ == run)
+            continue;
         if (ZThreadPool* const pool = pool_)
             pool->threadDoneNotification(*this, keep);
     }
 }
 
+// Notes what the thread does for a scope.
+class ZSleeperThread::While {
+public:
+    While(ZSleeperThread& thread, Doing doing) : thread_(thread) { thread_.doing_ = doing; }
+    ~While() { thread_.doing_ = somethingElse; }
+    While(const While&) = delete;
+    While& operator=(const While&) = delete;
+
+private:
+    ZSleeperThread& thread_;
+};
+
 void ZSleeperThread::sleep() {
+    const While asleep(*this, sleeping);
     if (timeout_ == 0) {
         sleepCondition_.wait();
         return;
@@ -321,20 +401,16 @@ void ZSleeperThread::sleep() {
 }
 
 void ZSleeperThread::workOnce() {
-    struct AtWork {
-        int& flag;
-        explicit AtWork(int& working) : flag(working) { flag = 1; }
-        ~AtWork() { flag = 0; }
-    };
-    const AtWork atWork(working_);
+    const While atWork(*this, working);
     wake_ = 0;  // before: work() may give the lock up, and then others may set it
     work();
 }
 
 void ZSleeperThread::wakeUp() {
     const ZResourceLock guard(*sleepCondition_.getResource());
-    if (working_ && runsCaller())
+    if (doing_ == working && runsCaller())
         return;
+    promised_ = 0;
     wake_ = 1;
     sleepCondition_.signal();
 }

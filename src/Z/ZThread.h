@@ -35,7 +35,7 @@ class ZThreadPool;
 /// exit(), then the pool hears of it, then a self-deleting object is deleted. Each of these happens
 /// whatever the one before raised; that is reported. A detached thread doesn't touch its object
 /// after exit() unless a pool or the deletion needs it, so who learns of the end there may destroy
-/// the object.
+/// the object. The destructors of the object itself and of those under thread keys aren't cancelled.
 ///
 /// Ownership: the object doesn't own the thread: its destructor joins, stops and cancels nothing.
 ///   Self-deleting (detached and autoDelete) objects come from new and belong to their thread from
@@ -120,16 +120,20 @@ private:
         ZThread& thread_;
     };
 
+    struct Life;
+
     int deletesItself() const { return detached_ && autoDelete_; }
     void hold();
     void release();
     void deleteWhenReleased();
+    void deleteNow();
     int isRunning();
     int runsCaller();
     void awaitEnd();
     void noteEnd();
+    void leaveIdle();
 
-    pthread_t* threadId_;  // owned; the word is written by pthread_create, before the thread runs
+    Life* life_;  // shared with the running threads, which may outlive the object
     const int detached_;
     const int autoDelete_;
 
@@ -138,7 +142,7 @@ private:
     std::atomic<ZThreadPool*> pool_;
 
     std::atomic<int> joinable_;  // 1: there is a thread that nobody has joined
-    std::atomic<int> running_;   // threads between start() and noteEnd(); awaitEnd() sleeps on it
+    std::atomic<int> promised_;  // 1: handed out by a pool, and not woken since
     std::atomic<unsigned int> holds_;  // 2 for each Hold, 1 once the thread is done with the object
 };
 
@@ -182,9 +186,10 @@ public:
     explicit ZSleeperThread(ZLock& lock);
     ~ZSleeperThread() noexcept(false) override;
 
-    /// Waits for the end of an earlier run, then until the new thread is up. Raises as
-    /// ZThread::start(), 17 with EDEADLK if called by the object's own thread, and what the
-    /// handshake raises (5, 9): in that last case the thread may be running.
+    /// Waits for the end of an earlier run, exit() included, then until the new thread is up. Raises
+    /// as ZThread::start(), 17 with EDEADLK if called by the object's own thread, and what the
+    /// handshake raises (5, 9): in that last case, and when the caller is cancelled after the earlier
+    /// run's end, the thread may be running.
     void start() override;
 
     /// Asks the thread to end, and waits for the end unless it is detached. A self-deleting object
@@ -206,6 +211,9 @@ public:
     void reset();
 
 private:
+    enum Doing { somethingElse, sleeping, working };
+    class While;
+
     void noteStarted(unsigned int run);
     void sleep();
     void workOnce();
@@ -215,7 +223,7 @@ private:
     std::atomic<unsigned int> run_;  // the last that was started; written by start() alone
     unsigned int exit_;              // the run that is to end; guarded by the sleeping lock
     int wake_;                       // there is work to do; guarded by the sleeping lock
-    int working_;                    // inside work(); guarded by the sleeping lock
+    int doing_;                      // what the thread does; guarded by the sleeping lock
     unsigned int started_;           // the run that is up; guarded by startCondition_'s lock
     const unsigned long timeout_;
     ZCondition startCondition_;  // the starter waits here for the thread to be up

@@ -3,7 +3,8 @@
 // Invariants, while mutex_ is free
 // (1) activeCount_ is the number of threads that start() has made and that have not told their end;
 //     each has its pool_ set. It is counted before it exists, so that its end can't come too early.
-// (2) idleThreads_ holds idleCount_ threads, all alive: one that ends takes itself out.
+// (2) idleThreads_ holds idleCount_ threads, all alive: one that is asked to end, works or ends is
+//     taken out at once.
 // (3) maxIdle_ is 0 while closing_ isn't, and idleThreads_ is empty then; else it is idleLimit_.
 //
 // Order of locks: the lock that a sleeper works under, then mutex_, then the start lock of a thread.
@@ -101,6 +102,7 @@ public:
     Booking(ZThreadPool& pool, ZThread& thread) : pool_(pool), thread_(thread), failed_(true) {
         ++pool_.activeCount_;
         thread_.pool_ = &pool_;
+        thread_.promised_ = 0;
     }
     ~Booking() {
         // A start that failed after it had made its thread: that will tell its end.
@@ -257,9 +259,11 @@ ZThread* ZThreadPool::getAvailableIdleThread(ZThread*& thread) {
         if (thread != nullptr) {
             idleThreads_.removeEntry(thread);
             --idleCount_;
+            thread->promised_ = 1;
         }
         const int rc = guard.tryUnlock();
         if (rc != 0 && thread != nullptr) {  // back, since the caller gets an exception
+            thread->promised_ = 0;
             ++idleCount_;
             idleThreads_.putEntry(thread);
             thread = nullptr;
@@ -296,6 +300,7 @@ void ZThreadPool::threadDoneNotification(ZThread& thread, int& keep) {
     if (joins) {
         idleThreads_.putEntry(&thread);
         ++idleCount_;
+        thread.promised_ = 0;
     }
     keep = joins || present == &thread;
     const int rc = guard.tryUnlock();
@@ -335,7 +340,13 @@ void ZThreadPool::noteDeath(ZThread& thread, bool& heard) {
     guard.unlock();
 }
 
-// A thread that ended while it was idle, as by cancellation, must not be handed out.
+void ZThreadPool::noteNotIdle(ZThread& thread) {
+    MutexGuard guard(mutex_);
+    forgetIdle(thread);
+    guard.unlock();
+}
+
+// A thread that doesn't sleep, or won't for long, must not be handed out.
 void ZThreadPool::forgetIdle(ZThread& thread) {
     if (idleCount_ == 0 || idleThreads_.getEntry(&thread) != &thread)
         return;

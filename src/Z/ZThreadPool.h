@@ -19,7 +19,10 @@
 ///   step in a thread's life             active   idle
 ///   start() succeeds                    + 1
 ///   work() is over, there is room                + 1   sleeps until it is taken or stopped
-///   getAvailableIdleThread() takes it            - 1
+///   getAvailableIdleThread() takes it            - 1   stays, whatever its period does, until it
+///                                                      has been woken and has worked
+///   its period or anybody else wakes it          - 1   at work
+///   it is asked to end                           - 1   ends
 ///   work() is over, no room                            ends
 ///   the thread ends                     - 1      - 1 if it was idle
 ///
@@ -56,7 +59,7 @@ public:
     /// Starts `thread`, once the thread that the object ran before has ended and there is room.
     /// Starts are one after the other: a sleeper is up before the next. A failure of the thread's
     /// own start() is only reported: the pool is as before, and the object still the caller's. A
-    /// failed wait is reported (9), and the waiting goes on. Raises 5, 6.
+    /// failed wait is reported (9), and the waiting goes on. Raises 5, 6. Both waits can be cancelled.
     void start(ZThread& thread);
 
     /// The idle thread that comes first in the order of the map of threads, else what
@@ -65,14 +68,15 @@ public:
     ZThread* getAvailableIdleThread(ZThread*& thread);
 
     /// Stops the idle threads, has all others end when their work is over, and waits until none is
-    /// left; a thread that was started but never woken has to be woken. While it waits nothing stays
+    /// left; a thread that was started or taken but never woken has to be woken. While it waits nothing stays
     /// idle; the limit comes back when the last of overlapping calls is done, and the pool can be
     /// used again. What stopping a thread raises is reported. Raises 5, 6, and what memory raises.
     void waitForExit();
 
     /// By a sleeper after each work(): `keep` becomes 1 if it stays as an idle thread, 0 if it is
-    /// to end. One that is idle already, woken by its period, stays and isn't counted again. Raises
-    /// 5, 6, and what memory raises: the thread isn't kept then.
+    /// to end. One that is idle already stays and isn't counted again. A sleeper that was asked to end,
+    /// or that somebody has taken or woken by then, doesn't ask. Raises 5, 6, and what memory raises:
+    /// the thread isn't kept then.
     void threadDoneNotification(ZThread& thread, int& keep);
 
     /// By a thread that ends. Raises 5, 6, 10.
@@ -85,6 +89,7 @@ private:
     class Closing;
     class StopList;
 
+    void noteNotIdle(ZThread& thread);
     void noteDeath(ZThread& thread, bool& heard);
     void forgetIdle(ZThread& thread);
 

@@ -30,6 +30,12 @@ int timedWaitFailure = EINVAL;
 timespec lastLimit;
 const timespec* falseTime = nullptr;
 
+// The condition that was last waited for with a limit; and whether that wait is to end as if its time
+// had passed.
+std::atomic<pthread_cond_t*> lastCondition(nullptr);
+std::atomic<pthread_mutex_t*> lastMutex(nullptr);
+std::atomic<bool> periodOver(false);
+
 // Who asked for it: the sanitizers ask for the attributes of each new thread.
 pthread_t asker;
 
@@ -88,13 +94,22 @@ WRAP(kMutexLock, pthread_mutex_lock, (pthread_mutex_t * m), (m))
 WRAP(kMutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 WRAP(kCondInit, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a))
 WRAP(kCondWait, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
-WRAP((lastLimit = *limit, kCondTimedWait), pthread_cond_timedwait,
-     (pthread_cond_t * c, pthread_mutex_t* m, const timespec* limit), (c, m, limit))
 WRAP(kCondSignal, pthread_cond_signal, (pthread_cond_t * c), (c))
 WRAP(kCondBroadcast, pthread_cond_broadcast, (pthread_cond_t * c), (c))
 WRAP(kAttrDestroy, pthread_attr_destroy, (pthread_attr_t * a), (a))
 WRAP(kMutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * m), (m))
 WRAP(kCondDestroy, pthread_cond_destroy, (pthread_cond_t * c), (c))
+
+extern "C" int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+extern "C" UNCHECKED int __wrap_pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m,
+                                                       const timespec* limit) {
+    lastLimit = *limit;
+    lastCondition = c;
+    lastMutex = m;
+    const int rc = failureOf(kCondTimedWait);
+    const int real = rc == 0 ? __real_pthread_cond_timedwait(c, m, limit) : 0;
+    return rc == 0 && periodOver.exchange(false) ? ETIMEDOUT : rc != 0 ? rc : real;
+}
 
 extern "C" int __real_clock_gettime(clockid_t clock, timespec* now);
 extern "C" UNCHECKED int __wrap_clock_gettime(clockid_t clock, timespec* now) {
@@ -277,6 +292,25 @@ TEST(FailingSleeper, StartsAgainAfterEachFailure) {
     }
     worker.start(), worker.wakeUp(), worker.done.reach(3);
     worker.waitForExit();
+}
+
+TEST(Pool, HandsASleeperWithAPeriodToOneCallerOnly) {
+    Gate atWork, leave;
+    Worker worker(1, 0, 1000000, [&] { atWork.open(), leave.await(); });
+    ZThreadPool pool(1, 1);
+    ZThread* thread;
+    pool.start(worker), worker.wakeUp(), atWork.await(), leave.open();
+    while (!pool.getAvailableIdleThread(thread))
+        std::this_thread::yield();
+    pthread_mutex_lock(lastMutex);  // so it is asleep
+    periodOver = true;
+    pthread_cond_broadcast(lastCondition);
+    pthread_mutex_unlock(lastMutex);
+    atWork.await(), leave.open();
+    worker.wakeUp(), atWork.await();  // the job of the one caller
+    EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr);
+    leave.open();
+    pool.waitForExit();
 }
 
 TEST(FailingPool, IsNotMadeOrReportsAtItsEnd) {
