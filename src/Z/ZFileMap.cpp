@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <climits>
 
+#include "zuncancelled.h"
+
 ZAbstractFileMap::ZAbstractFileMap(const ZLCString& name, zmapmode mode, int option)
     : name_(name), mode_(mode), option_(option), address_(nullptr), length_(0) {}
 
@@ -46,6 +48,7 @@ static void extendTo(int handle, unsigned long length) {
 }
 
 void* ZUnixFileMap::mapfile(int* error, unsigned long length) {
+    const ZUncancelled uncancelled;  // until the object owns descriptor and mapping
     *error = 0;
     struct stat status = {};
     if (stat(name_.getChars(), &status) == -1)
@@ -90,6 +93,7 @@ void* ZUnixFileMap::mapfile(int* error, unsigned long length) {
 }
 
 void ZUnixFileMap::unmapfile(int* error) {
+    const ZUncancelled uncancelled;
     if (address_ != nullptr) {
         if (munmap(address_, length_) == -1)
             *error = errno;

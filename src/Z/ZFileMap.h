@@ -37,7 +37,7 @@ protected:
 /// Ownership: the object unmaps and closes at its end.
 /// Failure: raises nothing of its own; failures come as errno values through `error`, which must
 ///   not be null.
-/// Threads: one object is used by one thread at a time.
+/// Threads: one object is used by one thread at a time. No call is cancelled half-way.
 class ZEXPORT ZUnixFileMap : public ZAbstractFileMap {
 public:
     /// Keeps the name; touches no file.

@@ -376,12 +376,19 @@ static void lockFile(FILE* stream, short type, const char* path) {
         raise(path, "fcntl()", error, __LINE__);
 }
 
+static FILE* openForReading(const char* path, int& error) {
+    const ZUncancelled uncancelled;  // the caller owns the stream before it can be cancelled
+    FILE* const stream = fopen(path, "r");
+    error = errno;
+    return stream;
+}
+
 int ZJavaProperties::load(const char* path) {
     if (!zhasText(path))
         return 1;
-    FILE* opened = fopen(path, "r");
-    const int error = errno;
     ZStreamRoom room;
+    int error = 0;
+    FILE* const opened = openForReading(path, error);
     const ZStreamGuard stream(opened);
     const bool ready = runPrinted([&] {
         if (opened == nullptr)
@@ -523,7 +530,7 @@ static void truncateFile(FILE* stream, const char* path) {
 }
 
 // The entries are listed before the file is touched; after that nothing takes memory, so that
-// nothing is raised over a file of which only a part is written.
+// nothing is raised over a file of which only a part is written, and no thread cancelled.
 int ZJavaProperties::store(const char* path) const {
     Z_REQUIRE(zhasText(path));
     ZArrayList entries(2, 0);
@@ -532,6 +539,7 @@ int ZJavaProperties::store(const char* path) const {
     for (unsigned int i = 0; i < entries.size(); ++i)
         Z_REQUIRE(strpbrk(entryAt(i)->key.getChars(), "\r\n") == nullptr);
 
+    const ZUncancelled uncancelled;
     ZStreamRoom room;
     ZStreamGuard stream(openForWriting(path));
     FILE* f = stream.get();

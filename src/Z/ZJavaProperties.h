@@ -55,7 +55,8 @@ public:
     /// which nothing is read; 0 if the file can't be opened or another process is writing it, which
     /// is printed as ZPropertiesIOException (43). What fails while reading is printed, too
     /// (ZUnexpectedEndOfFile, 53, for a read error); the entries read so far stay, and the result
-    /// is 1. The file is read in passing and never held whole in memory.
+    /// is 1. The file is read in passing and never held whole in memory. A thread may be cancelled
+    /// while it reads; the entries read so far stay.
     int load(const char* path);
 
     /// The same, but stops behind the entry of `key` (UTF-8; the locale's collation decides whether
@@ -63,7 +64,7 @@ public:
     int load(const char* path, const char* key);
 
     /// Writes all entries, in the order of a ZHashKeyMap that was made for ten, behind one comment
-    /// line. 0, or EOF if writing or closing failed, after which the file isn't whole.
+    /// line. 0, or EOF if writing or closing failed, after which the file isn't whole. Not cancelled.
     ///
     /// Raises ZInvalidParameterException (22) for a null or empty path or a key that holds a line
     /// end, and ZPropertiesIOException (43) if the file can't be opened for writing ("fopen(wt)")

@@ -9,6 +9,7 @@
 
 #include "ZException.h"
 #include "zreport.h"
+#include "zuncancelled.h"
 
 static const size_t kRoom = 256;
 
@@ -20,6 +21,8 @@ ZLCString ZLocalHostName::getLocalHostName() {
         zreportCode(__FILE__, __LINE__, 25, errno);
         return ZLCString();
     }
+    // A thread that is cancelled in there leaves the resolver locked for the whole process.
+    const ZUncancelled uncancelled;
     const hostent* host = gethostbyname(name.get());
     if (host == nullptr) {
         zreportCode(__FILE__, __LINE__, 26, errno);

@@ -13,7 +13,7 @@ public:
     ///
     /// Failure: raises ZOutOfMemoryException (1) alone.
     /// Threads: the resolver keeps its answer in one place for the whole process, so callers must
-    ///   see to it that only one of them asks at a time.
+    ///   see to it that only one of them asks at a time. Asking isn't cancelled.
     static ZLCString getLocalHostName();
 };
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "Z.h"
+#include "zuncancelled.h"
 
 /// An address as a 32-bit hash: wider addresses have their upper half folded in.
 inline unsigned int zaddressHash(const void* address) {
@@ -47,7 +48,7 @@ public:
     /// Closes now. 0, or the errno of the failure. Again, or with a null stream: 0. No thread is
     /// cancelled in it.
     int close() {
-        ZCancelGuard uncancelled;
+        const ZUncancelled uncancelled;
         FILE* stream = release();
         return stream == nullptr || fclose(stream) == 0 ? 0 : errno;
     }

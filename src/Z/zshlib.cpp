@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "zuncancelled.h"
+
 static const int kNoName = 2;  // ENOENT's number, which callers know as 2
 static const int kDefaultMode = RTLD_NOW | RTLD_GLOBAL;
 
@@ -19,6 +21,7 @@ void* zdlopen(const char* name, int mode, int* error) {
         tell(error, kNoName);
         return nullptr;
     }
+    const ZUncancelled uncancelled;  // the library's own set-up may be a place for it
     void* handle = dlopen(name, mode != 0 ? mode : kDefaultMode);
     if (handle == nullptr)
         tell(error, errno);
@@ -35,6 +38,7 @@ void* zdlsym(void* handle, const char* symbol, int* error) {
 
 void zdlclose(void* handle, int* error) {
     tell(error, 0);
+    const ZUncancelled uncancelled;
     if (handle == nullptr)
         tell(error, kNoName);
     else if (dlclose(handle) != 0)
