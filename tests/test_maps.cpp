@@ -328,6 +328,13 @@ TEST(KeyMap, TakesItsOwnPartsAndItselfAsArguments) {
         map.removeEntry(keys.get(1));
         EXPECT_EQ(entriesOf(map), (Entries{{1, 2}}));
     }
+    NothingLeft check;
+    Item key(1, 1), value(7, 0, 2), second(3, 4);
+    ZHashKeyMap inner(2, 1), map(2, 1);
+    inner.putEntry(&key, &value), inner.putEntry(&second, &value);
+    map.putEntry(&key, &inner);
+    map.putAll(static_cast<ZHashKeyMap&>(*map.getEntry(&key)));
+    EXPECT_EQ(entriesOf(map), (Entries{{1, 2}, {3, 2}}));
 }
 
 // Memory

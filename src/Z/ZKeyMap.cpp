@@ -1,5 +1,7 @@
 #include "ZKeyMap.h"
 
+#include <memory>
+
 #include "zhashtable.h"
 
 ZAbstractKeyMap::~ZAbstractKeyMap() noexcept {}
@@ -95,10 +97,20 @@ void ZHashKeyMap::putEntry(const ZObject* key, const ZObject* value) {
 }
 
 void ZHashKeyMap::putAll(const ZKeyMap& other) {
-    ZArrayList keys(10, 0);
+    ZArrayList keys(10, 0), pairs(10, 1);
     other.listKeys(keys);
-    for (unsigned int i = 0; i < keys.size(); ++i)
-        putEntry(keys.get(i), other.getEntry(keys.get(i)));
+    // All of them before the first is put, for that may replace a value which holds `other`.
+    for (unsigned int i = 0; i < keys.size(); ++i) {
+        ZObject* const key = keys.get(i);
+        std::unique_ptr<ZKeyEntry> pair(
+            new ZKeyEntry(key, other.getEntry(key), table_->ownsMembers()));
+        pairs.addNoCopy(pair.get());
+        pair.release();
+    }
+    for (unsigned int i = 0; i < pairs.size(); ++i) {
+        const ZKeyEntry* const pair = static_cast<const ZKeyEntry*>(pairs.get(i));
+        putEntry(pair->key(), pair->value());
+    }
 }
 
 void ZHashKeyMap::removeEntry(const ZObject* key) {

@@ -80,6 +80,7 @@ public:
     static uint64_t bucketsFor(unsigned int size);
 
     unsigned int size() const { return size_; }
+    int ownsMembers() const { return ownsMembers_; }
 
     /// The member that `probe`, whose hash is given, equals; one with a null object when there is
     /// none.
