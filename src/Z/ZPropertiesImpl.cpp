@@ -272,7 +272,7 @@ static void requireSideFile(const ZLCString& name, const ZLCString& path, bool i
 }
 
 static FILE* openPlainly(const char* path) {
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     FILE* opened = fopen(path, "r+e");
     return opened == nullptr && errno == ENOENT ? fopen(path, "w+e") : opened;
 }
@@ -296,7 +296,7 @@ void ZProperties::storePlainly(const ZLCString& path) {
     if (error != 0)
         Z_RAISE_IO(path.getChars(), "fcntl()", error);
     if (hasHidden) {
-        ZCancelGuard uncancelled;
+        const ZUncancelled uncancelled;
         ZBuffer buffer;
         cache_->be_write_obfuscated(buffer);
         ZSideFile side(name.getChars(), descriptor);
@@ -379,7 +379,7 @@ static void requireShortLines(const char* path, ZSpan text) {
 // Puts the object's content into the file under the lock that its descriptor has; `content` is what the
 // file holds then.
 void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     const int mode = optionsNow().storeMode;
     ZStoreWork work(descriptor, path.getChars());
     ZBuffer packed;

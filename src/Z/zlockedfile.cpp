@@ -68,7 +68,7 @@ int ZLockedFile::finish() {
 // end of a pipe.
 static FILE* openStream(const char* path, bool onlyRegular) {
     {
-        ZCancelGuard uncancelled;
+        const ZUncancelled uncancelled;
         struct stat status;
         ZOpenFile file(onlyRegular ? zopenRegularFile(path, O_RDONLY)
                                    : zopenFile(path, O_RDONLY | O_NONBLOCK));

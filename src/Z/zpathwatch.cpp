@@ -220,7 +220,7 @@ void ZPathWatch::readNotices() {
     while (notices_.get() >= 0) {
         ssize_t size;
         {
-            ZCancelGuard uncancelled;
+            const ZUncancelled uncancelled;
             size = read(notices_.get(), buffer, sizeof buffer);
         }
         if (size < 0 && errno == EINTR)
@@ -246,7 +246,7 @@ bool ZPathWatch::isAsRead() const {
 
 bool ZPathWatch::hasNews() {
     struct epoll_event events[4];
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     const int count = epoll_wait(all_.get(), events, 4, 0);
     bool isNotice = false;
     for (int i = 0; i < count; ++i) {

@@ -28,7 +28,7 @@ static const char* qeldir_ = nullptr;  // only whether it is null matters
 static const char kDefaultDirectory[] = "/opt/Quillmere/nls/QEL";
 
 static void zonce_init() {
-    const ZCancelGuard guard;  // half of it would count as a failure for good
+    const ZUncancelled guard;  // half of it would count as a failure for good
     if (locstring_.load(std::memory_order_relaxed) != nullptr)
         return;
     setlocale(LC_ALL, "");

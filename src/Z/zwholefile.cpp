@@ -19,7 +19,7 @@
 // ---------------------------------------------------------------- descriptors and names
 
 int ZOpenFile::close() {
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     const int descriptor = release();
     return descriptor < 0 || ::close(descriptor) == 0 ? 0 : errno;
 }
@@ -36,12 +36,12 @@ int ZOpenFile::release() {
 }
 
 int zopenFile(const char* path, int flags, unsigned int mode) {
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     return open(path, flags | O_CLOEXEC, mode);
 }
 
 int zopenFileAt(int folder, const char* name, int flags, unsigned int mode) {
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     return openat(folder, name, flags | O_CLOEXEC, mode);
 }
 
@@ -82,7 +82,7 @@ ZSizeSignalGuard::~ZSizeSignalGuard() {
         return;
     const sigset_t set = sizeSignal();
     const struct timespec atOnce = {0, 0};
-    ZCancelGuard uncancelled;
+    const ZUncancelled uncancelled;
     while (sigtimedwait(&set, nullptr, &atOnce) == -1 && errno == EINTR) {
     }
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
