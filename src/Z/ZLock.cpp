@@ -73,10 +73,6 @@ ZLock::~ZLock() noexcept {
         zreportCode(__FILE__, __LINE__, 4, rc);
 }
 
-int ZLock::depth() const {
-    return owner_->load(std::memory_order_relaxed) == currentThread() ? count_ : 0;
-}
-
 void ZLock::lock() {
     if (rarely(owner_->load(std::memory_order_relaxed) == currentThread())) {
         ++count_;

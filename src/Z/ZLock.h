@@ -69,7 +69,10 @@ public:
 
 protected:
     /// How deep the calling thread holds it; 0 if it doesn't.
-    int depth() const;
+    int depth() const {
+        const pthread_t owner = owner_->load(std::memory_order_relaxed);
+        return owner != static_cast<pthread_t>(-1) && owner == pthread_self() ? count_ : 0;
+    }
 
 private:
     friend class ZCondition;  // a wait gives up the whole depth and takes it back

@@ -278,6 +278,12 @@ void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
         zkeepNotice(lock_, *this, notice);
 }
 
+void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyChangeType type,
+                                   const ZChangeNames& names) {
+    if (names.areKept() || !hasObservers())
+        sendChangeNotice(ZPropertyChanged::StanzaProperty, type, names.stanza(), names.key());
+}
+
 void ZProperties::checkAccess(const char* category, const char* key, int obfuscated) const {
     ZResourceLock guard(lock_);
     // A key without values may take either kind; a hidden one has values.
@@ -301,8 +307,7 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
         cache_->addLine(category, key, value, obfuscated);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
-                     names.stanza(), names.key());
+    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZLCString& value) {
@@ -341,8 +346,7 @@ void ZProperties::setIntegerValue(const char* category, const char* key, unsigne
         cache_->addLine(category, key, text, 0);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
-                     names.stanza(), names.key());
+    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
 }
 
 void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
@@ -354,20 +358,18 @@ void ZProperties::setBooleanValue(const char* category, const char* key, int val
         cache_->addLine(category, key, value != 0 ? "yes" : "no", 0);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyModified,
-                     names.stanza(), names.key());
+    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
 }
 
 void ZProperties::deleteKey(const char* category, const char* key) {
     Z_REQUIRE(zhasText(category) && zhasText(key));
-    const ZChangeNames names(true, category, key);
+    const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
         cache_->delLine(category, key);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted,
-                     names.stanza(), names.key());
+    sendChangeNotice(ZPropertyChanged::PropertyDeleted, names);
 }
 
 void ZProperties::addFileComment(const char* text) {

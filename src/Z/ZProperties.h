@@ -29,6 +29,7 @@ class ZAbstractPropertiesFactory;
 struct ZPropertiesOptions;
 struct ZUpdatedFile;
 struct ZFileContent;
+class ZChangeNames;
 class ZLockScope;
 
 /// The codeset in which text is given out. All stored text is in the local codeset.
@@ -293,6 +294,8 @@ protected:
     void sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                           ZPropertyChanged::PropertyChangeType type, const char* category,
                           const char* key);
+    /// The same of a change by this object. Who has come since it began isn't told.
+    void sendChangeNotice(ZPropertyChanged::PropertyChangeType type, const ZChangeNames& names);
 
     /// `text` as it is stored, in the local codeset. With ZPCACHE_STRICT set, raises
     /// ZInvalidParameterException for what that codeset can't hold; else it becomes the empty text.

@@ -232,8 +232,9 @@ void ZProperties::load(const char* file) {
 void ZProperties::reload(const char* file) {
     ZResourceLock guard(lock_);
     choosePath(file, fileName_);
+    const ZLCString path(file);  // whose text may be the cache's
     cache_->clear();
-    load(file);
+    load(path.getChars());
 }
 
 // ---------------------------------------------------------------- store
@@ -393,6 +394,8 @@ void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* c
     } else {
         if (work.sideName.getLength() != 0)
             work.sideAction = zsideRemoved;
+        else
+            makeObfuscatedDBName(path.getChars(), work.sideName);
         cache_->delLine(kSideStanza, kSideKey);
     }
 

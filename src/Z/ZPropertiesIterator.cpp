@@ -219,7 +219,7 @@ ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& pr
     if (stringType == ZPROP_STRING_UTF8)
         current.reset(new ZUTF8String);
     else
-        current.reset(new ZLCConstString);
+        current.reset(new ZLCString);  // a copy: the value may go before the walk goes on
     if (isOwnModel(*properties.cache_))
         place_ = new Place(properties.cache_->store(), stanza_, key_);
     current_ = current.release();

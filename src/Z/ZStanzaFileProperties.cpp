@@ -127,20 +127,18 @@ void ZStanzaFileProperties::addStanza(const char* stanza) {
         data().addStanzaLine(stanza);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyAdded,
-                     names.stanza(), nullptr);
+    sendChangeNotice(ZPropertyChanged::PropertyAdded, names);
 }
 
 void ZStanzaFileProperties::deleteStanza(const char* stanza) {
     Z_REQUIRE(zhasText(stanza));
-    const ZChangeNames names(true, stanza, nullptr);
+    const ZChangeNames names(hasObservers(), stanza, nullptr);
     {
         ZResourceLock guard(lock_);
         data().delStanzaLine(stanza);
         setModified();
     }
-    sendChangeNotice(ZPropertyChanged::StanzaProperty, ZPropertyChanged::PropertyDeleted,
-                     names.stanza(), nullptr);
+    sendChangeNotice(ZPropertyChanged::PropertyDeleted, names);
 }
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {

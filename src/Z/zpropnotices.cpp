@@ -29,13 +29,15 @@ struct Notice : ZAllocated {
     Notice* next;
 };
 
+}  // namespace
+
 // What one thread keeps for one lock.
-struct Kept : ZAllocated {
-    explicit Kept(const ZPropertiesLock& held)
+struct ZKeptNotices : ZAllocated {
+    explicit ZKeptNotices(const ZPropertiesLock& held)
         : lock(&held), first(nullptr), last(nullptr), isSending(false), next(nullptr) {}
-    ~Kept() { forget(); }
-    Kept(const Kept&) = delete;
-    Kept& operator=(const Kept&) = delete;
+    ~ZKeptNotices() { forget(); }
+    ZKeptNotices(const ZKeptNotices&) = delete;
+    ZKeptNotices& operator=(const ZKeptNotices&) = delete;
 
     std::unique_ptr<Notice> take() {
         std::unique_ptr<Notice> taken(first);
@@ -52,22 +54,22 @@ struct Kept : ZAllocated {
     const ZPropertiesLock* lock;
     Notice *first, *last;
     bool isSending;
-    Kept* next;
+    ZKeptNotices* next;
 };
 
-}  // namespace
+typedef ZKeptNotices Kept;
 
-static thread_local Kept* keptHere __attribute__((tls_model("initial-exec")));
+__thread ZKeptNotices* zkeptNotices __attribute__((tls_model("initial-exec")));
 
 static Kept* findKept(const ZPropertiesLock& lock) {
-    Kept* kept = keptHere;
+    Kept* kept = zkeptNotices;
     while (kept != nullptr && kept->lock != &lock)
         kept = kept->next;
     return kept;
 }
 
 static void unlinkKept(const Kept* kept) {
-    Kept** at = &keptHere;
+    Kept** at = &zkeptNotices;
     while (*at != kept)
         at = &(*at)->next;
     *at = kept->next;
@@ -88,9 +90,9 @@ void ZChangeNames::copy() {
     key_ = target + stanzaSize;
 }
 
-bool zkeepsNotices(const ZPropertiesLock& lock) {
+bool zsendsNotices(const ZPropertiesLock& lock) {
     const Kept* kept = findKept(lock);
-    return lock.isHeld() || (kept != nullptr && kept->isSending);
+    return kept != nullptr && kept->isSending;
 }
 
 void zkeepNotice(const ZPropertiesLock& lock, ZAbstractObservable& observable,
@@ -99,8 +101,8 @@ void zkeepNotice(const ZPropertiesLock& lock, ZAbstractObservable& observable,
     Kept* kept = findKept(lock);
     if (kept == nullptr) {
         kept = new Kept(lock);
-        kept->next = keptHere;
-        keptHere = kept;
+        kept->next = zkeptNotices;
+        zkeptNotices = kept;
     }
     Notice** end = kept->last == nullptr ? &kept->first : &kept->last->next;
     kept->last = *end = notice.release();
@@ -164,7 +166,7 @@ ZPropertiesLock::~ZPropertiesLock() noexcept {
 }
 
 void ZPropertiesLock::unlock() {
-    if (__builtin_expect(keptHere == nullptr, true)) {
+    if (__builtin_expect(zkeptNotices == nullptr, true)) {
         ZLock::unlock();
         return;
     }

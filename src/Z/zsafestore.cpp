@@ -62,8 +62,11 @@ public:
 
     /// What the side database is now, and whether it may be written to.
     void examineSide() {
-        if (action_ == zsideUntouched)
+        if (action_ == zsideUntouched) {
+            // A store that was stopped may have begun to make one.
+            ZSideFile(work_.sideName.getChars(), work_.descriptor).clearLeft();
             return;
+        }
         side_.reset(new ZSideFile(work_.sideName.getChars(), work_.descriptor));
         Z_CHECK_IO(side_->name(), side_->examine());
         Z_CHECK_IO(side_->name(), side_->clearLeft());

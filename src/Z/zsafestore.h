@@ -24,8 +24,8 @@ struct ZStoreWork {
     ZSpan text;        // the new text
     ZSpan oldText;     // what the file holds
     ZSideAction sideAction;
-    ZLCString sideName;
-    ZSpan side;  // the new side database
+    ZLCString sideName;  // where it is, or would be
+    ZSpan side;          // the new side database
 };
 
 /// Stores in this mode. Plainly: only a side database that can't be what is to be written is a failure.

@@ -45,11 +45,19 @@ ZSideFile::ZSideFile(const char* name, int text)
 
 ZSideFile::~ZSideFile() { discard(); }
 
+ZFailure ZSideFile::find() {
+    if (temporary_.getLength() != 0)
+        return zdone;
+    const int error = place_.find(name());
+    if (error == 0)
+        temporary_ = zbesideName(place_.name(), ".ztmp");
+    return {"fopen(w)", error};
+}
+
 ZFailure ZSideFile::examine() {
-    int error = place_.find(name());
-    if (error != 0)
-        return {"fopen(w)", error};
-    temporary_ = zbesideName(place_.name(), ".ztmp");
+    if (const ZFailure failure = find())
+        return failure;
+    int error;
     struct stat side, text;
     if (statusOf(text_, text) != 0)
         return zfailed("stat()");
@@ -129,6 +137,8 @@ ZFailure zsecureRoom(int descriptor, uint64_t oldSize, uint64_t newSize, bool ma
 // ---------------------------------------------------------------- writing
 
 ZFailure ZSideFile::clearLeft() {
+    if (const ZFailure failure = find())
+        return failure;
     if (unlinkat(place_.folder(), temporary_.getChars(), 0) == 0 || errno == ENOENT)
         return zdone;
     return zfailed("unlink()");
@@ -203,8 +213,9 @@ ZFailure ZSideFile::takePlace() {
         // What is told as failed may have been done.
         struct stat left;
         const int error =
-            fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0 ? 0
-                                                                                             : errno;
+            fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0
+                ? 0
+                : errno;
         mayHaveMoved_ = error != 0 && error != ENOENT;
         if (error != ENOENT)
             return failure;

@@ -56,6 +56,7 @@ public:
     ZFailure clearLeft();
 
 private:
+    ZFailure find();
     bool isOwnersPlace() const;
     ZFailure openExisting(int flags, ZOpenFile& file) const;
     ZFailure fill(ZSpan bytes) const;
