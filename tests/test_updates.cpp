@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -139,7 +140,10 @@ TEST(Update, RollbackTakesTheObjectBack) {
                 p.deleteKey("s", "h");
                 p.setValue("t", "x", "1");
                 p.addFileComment("e");
+                rename((path + ".obf").c_str(),
+                       (folder / "away").c_str());  // it can't be read anew
             }
+            rename((folder / "away").c_str(), (path + ".obf").c_str());
             EXPECT_EQ(p.isModified(), 0);
             EXPECT_EQ(p.numValues("s", "k"), 2);
             EXPECT_EQ(p.text("m"), stores ? "2" : "1");
@@ -151,6 +155,56 @@ TEST(Update, RollbackTakesTheObjectBack) {
             p.store(nullptr);  // comments, order and the side database's name are what they were
             EXPECT_EQ(TempFolder::read(path), stored);
         }
+}
+
+// Locks of open files are a child's too.
+TEST(Update, AChildThatLivesOnKeepsNoLock) {
+    for (int mode : kModes) {
+        const TempFolder folder;
+        Config p(folder.write("f", "[s]\nk = 1\n"), mode);
+        int pipes[2];
+        ASSERT_EQ(pipe(pipes), 0);
+        pid_t child;
+        {
+            ZPropertiesUpdate update(p, 0);
+            child = fork();
+            if (child == 0) {
+                close(pipes[1]);
+                char byte;
+                _exit(read(pipes[0], &byte, 1) == 0 ? 0 : 1);
+            }
+            update.commit();
+        }
+        EXPECT_NO_THROW(increment(p, 0));
+        close(pipes[0]), close(pipes[1]);
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+}
+
+TEST(CarefulFiles, AreRegularAndWithinTheLimitForFileSizes) {
+    const TempFolder folder;
+    const string pipe = folder / "pipe", file = folder.write("f", "[s]\nk = 1\n");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (int mode : {ZPROP_STORE_CHECKED, ZPROP_STORE_SAFE}) {
+        EXPECT_EQ(raised([&] { Config p(folder / "", mode); }),
+                  "fopen(r) " + std::to_string(EISDIR));
+        EXPECT_EQ(raised([&] { Config p(pipe, mode); }), "fopen(r) " + std::to_string(EINVAL));
+        EXPECT_EQ(inChild([&] {
+                      const rlimit limit = {1024, 1024};
+                      Config p(file, mode);
+                      p.setValue("s", "k", string(2000, 'x').c_str());
+                      if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                          return 1;
+                      return raised([&] { p.store(nullptr); }).find(std::to_string(EFBIG)) !=
+                                     string::npos
+                                 ? 0
+                                 : 2;
+                  }),
+                  0);
+        EXPECT_EQ(TempFolder::read(file), "[s]\nk = 1\n");
+    }
 }
 
 TEST(Update, LoadReloadAndStoreInsideUseItsLock) {
@@ -177,14 +231,15 @@ TEST(Update, LoadReloadAndStoreInsideUseItsLock) {
         EXPECT_EQ(inChild([&] { return raised([&] { Config other(path); }) == "fcntl() 11"; }), 1);
         ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
         EXPECT_EQ(raised([&] { ZProperties::getPropertiesFor(path.c_str(), factory, 0); }), "22");
-        EXPECT_EQ(raised([&] {
-                      ZProperties::getPropertiesFor((folder / "link").c_str(), factory, 0);
-                  }), "22");
+        EXPECT_EQ(
+            raised([&] { ZProperties::getPropertiesFor((folder / "link").c_str(), factory, 0); }),
+            "22");
         delete ZProperties::getPropertiesFor(copy.c_str(), factory, 0);
         std::thread([&] {  // for others it is locked, that is all
             EXPECT_EQ(raised([&] { ZProperties::getPropertiesFor(path.c_str(), factory, 0); }),
                       "fcntl() 11");
-        }).join();
+        })
+            .join();
         update.commit();
         EXPECT_EQ(Config(copy).text("k"), "2");
         EXPECT_EQ(Config(path).text("k"), "3");
@@ -386,7 +441,8 @@ struct Watched {
                       change(other);
                       other.store(nullptr);
                       return 0;
-                  }), 0);
+                  }),
+                  0);
     }
 };
 
@@ -404,8 +460,15 @@ TEST(Watcher, TellsEachDifferenceOnce) {
                 c.deleteStanza("gone");
             },
             mode);
-        const Watched::List kAll = {"-gone.x", "-gone", "~s.k", "~s.m", "+s.h", "+new", "+new.y",
-                                    "+empty",  "+configuration-database",
+        const Watched::List kAll = {"-gone.x",
+                                    "-gone",
+                                    "~s.k",
+                                    "~s.m",
+                                    "+s.h",
+                                    "+new",
+                                    "+new.y",
+                                    "+empty",
+                                    "+configuration-database",
                                     "+configuration-database.file"};
         Watched::List all = w.told();
         EXPECT_EQ(std::set<string>(all.begin(), all.end()),
@@ -599,7 +662,8 @@ TEST(Watcher, WaitsForAWriterInPlace) {
     const string text = "[s]\nk = 2\nm = 1\nm = 2\n[gone]\nx = 1\n";
     EXPECT_EQ(write(editor, text.data(), 9), 9);
     EXPECT_EQ(w.told(), Watched::List{});
-    EXPECT_EQ(write(editor, text.data() + 9, text.size() - 9), static_cast<ssize_t>(text.size()) - 9);
+    EXPECT_EQ(write(editor, text.data() + 9, text.size() - 9),
+              static_cast<ssize_t>(text.size()) - 9);
     close(editor);
     EXPECT_EQ(w.told(), Watched::List{"~s.k"});
     w.watcher.setSettlingTime(0);
@@ -622,8 +686,8 @@ TEST(CWatch, TellsACallback) {
     EXPECT_EQ(zstzPropWatch_fd(nullptr), -1);
     string told;
     const auto tell = [](void* data, const char* stanza, const char* key, int change) {
-        *static_cast<string*>(data) += std::to_string(change) + stanza +
-                                       (key == nullptr ? "" : key) + " ";
+        *static_cast<string*>(data) +=
+            std::to_string(change) + stanza + (key == nullptr ? "" : key) + " ";
     };
     int err = -1;
     EXPECT_EQ(zstzPropWatch_process(watch, tell, &told, &err), 0);
@@ -653,9 +717,9 @@ string storeAndUpdate(const string& path, int mode) {
         p.store(nullptr);
     });
     result += "|" + raised([&] {
-        Config p(path, mode);
-        increment(p, 0);
-    });
+                  Config p(path, mode);
+                  increment(p, 0);
+              });
     return result;
 }
 
@@ -751,8 +815,8 @@ TEST(Meeting, AnEditorThatRenames) {
         close(old);
         waiting.join();
         // A plain one has stored into the file that is gone.
-        EXPECT_EQ(TempFolder::read(path), mode == ZPROP_STORE_PLAIN ? "[s]\nk = 5\n[a longer text]\n"
-                                                                    : "[s]\nk = 9\n");
+        EXPECT_EQ(TempFolder::read(path),
+                  mode == ZPROP_STORE_PLAIN ? "[s]\nk = 5\n[a longer text]\n" : "[s]\nk = 9\n");
     }
 }
 
@@ -761,8 +825,8 @@ string asNobody(const std::function<string()>& action) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     inChild([&] {
-        if (geteuid() == 0 && (setresgid(12345, 12345, 12345) != 0 ||
-                               setresuid(12345, 12345, 12345) != 0))
+        if (geteuid() == 0 &&
+            (setresgid(12345, 12345, 12345) != 0 || setresuid(12345, 12345, 12345) != 0))
             return 1;
         const string result = action();
         return write(ends[1], result.data(), result.size()) < 0 ? 1 : 0;
@@ -798,8 +862,7 @@ TEST(Meeting, AFolderWithoutWritePermission) {
 TEST(Meeting, AReadOnlyMount) {
     const TempFolder folder;
     const string path = folder.write("f", "[s]\nk = 1\n"), place = folder / "";
-    const bool mounted =
-        mount(place.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    const bool mounted = mount(place.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
     if (!mounted)
         GTEST_SKIP() << "may not mount here";
     if (mount(nullptr, place.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0)
