@@ -18,5 +18,5 @@ int ZAbstractConstString::equals(const ZObject& other) const {
     const ZAbstractString& string = static_cast<const ZAbstractString&>(other);
     const char* const text = string.getChars();
     // A mutable string may hold NULs, which no text of ours does.
-    return strlen(text) == string.getLength() && equals(text);
+    return equals(text) && strlen(text) == string.getLength();
 }

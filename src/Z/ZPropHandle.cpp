@@ -1,5 +1,7 @@
 #include "ZPropHandle.h"
 
+#include "zreport.h"
+
 static const uint32_t kFirstGuard = 0xBEEFF00Du;
 static const uint32_t kSecondGuard = 0xD00FFEEBu;
 
@@ -30,7 +32,9 @@ bool ZPROP_stz_handle::updatesHere() const {
 bool ZPROP_stz_handle::updatesElsewhere() const { return updates && !updatesHere(); }
 
 // Requires: no other thread has an update open.
-ZPROP_stz_handle::~ZPROP_stz_handle() { delete update; }
+ZPROP_stz_handle::~ZPROP_stz_handle() {
+    zrunReported(__FILE__, __LINE__, [this] { delete update; });
+}
 
 ZPROP_iter_handle::ZPROP_iter_handle(Kind kind)
     : kind_(kind), firstGuard_(kFirstGuard), secondGuard_(kSecondGuard), thread_(pthread_self()) {}

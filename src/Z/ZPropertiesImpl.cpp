@@ -192,14 +192,15 @@ void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
         options_->storeAllowed = false;
 }
 
+// Should these fail, nobody stores what is left.
 void ZProperties::readUpdatedFile(const ZLCString& path, ZUpdatedFile& file) {
-    loadFailed_ = kFailed;
+    loadFailed_ = kIncomplete;
     readFile(path, file.descriptor, nullptr, &file.content, [] {});
 }
 
 void ZProperties::readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock) {
-    loadFailed_ = kFailed;
-    readFile(path, descriptor, nullptr, nullptr, [&lock] { lock.unlock(); });
+    loadFailed_ = kIncomplete;
+    readFile(path, descriptor, nullptr, nullptr, [&lock] { lock.close(); });
 }
 
 // Whether failures are told that plain objects pass over.
@@ -262,13 +263,14 @@ void ZProperties::addSideLine(const ZLCString& side) {
 // Asks whether the side database, if there is a name for one, may be what a store removes or writes, ahead
 // of both; and removes one that isn't wanted any more, whatever comes of it. A text that isn't there yet
 // will be the caller's.
-static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted) {
+static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted,
+                            bool isToGo) {
     if (name.getLength() == 0)
         return;
     const ZOpenFile text(zopenFile(path.getChars(), O_PATH));  // which no lock goes with
     ZSideFile side(name.getChars(), text.get());
-    Z_CHECK_IO(side.name(), side.examine());
-    if (!isWanted)
+    Z_CHECK_IO(side.name(), side.examine(isWanted));
+    if (!isWanted && isToGo)
         side.remove();
 }
 
@@ -282,7 +284,7 @@ void ZProperties::storePlainly(const ZLCString& path) {
     ZSizeSignalGuard noSignal;
     ZLCString name;
     const bool hasHidden = prepareSideDatabase(path, name);
-    requireSideFile(name, path, hasHidden);
+    requireSideFile(name, path, hasHidden, true);
     if (!hasHidden)
         cache_->delLine(kSideStanza, kSideKey);
     ZStreamRoom room;
@@ -301,7 +303,7 @@ void ZProperties::storePlainly(const ZLCString& path) {
         ZBuffer buffer;
         cache_->be_write_obfuscated(buffer);
         ZSideFile side(name.getChars(), descriptor);
-        Z_CHECK_IO(side.name(), side.examine());
+        Z_CHECK_IO(side.name(), side.examine(true));
         if (buffer.getLength() == 0) {
             side.remove();
             cache_->delLine(kSideStanza, kSideKey);
@@ -315,7 +317,11 @@ void ZProperties::storePlainly(const ZLCString& path) {
     truncateHere(stream.get());
     if (options_ != nullptr)
         options_->keepStamp(descriptor);
-    // What a store that was stopped had in mind is void now.
+    // What a store that was stopped had in mind is void now, and what it has left goes.
+    ZLCString sideName(name);
+    if (sideName.getLength() == 0)
+        makeObfuscatedDBName(path.getChars(), sideName);
+    ZSideFile(sideName.getChars(), descriptor).clearLeft();
     ZJournal(path.getChars(), descriptor).remove();
     stream.close();
 }
@@ -334,7 +340,11 @@ void ZProperties::store(const char* file) {
         optionsNow().storeAllowed;
     Z_REQUIRE(mayReplace);
     static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
-    if (ZUpdatedFile* update = updateOf(path))
+    ZUpdatedFile* update = updateOf(path);
+    // What was made of one file isn't put in the place of another.
+    if (update == nullptr && optionsNow().update != nullptr && path.equals(fileName_))
+        Z_RAISE_IO(path.getChars(), "stat()", ESTALE);
+    if (update != nullptr)
         storeTo(update->descriptor, path, &update->content);
     else if (optionsNow().storeMode == ZPROP_STORE_PLAIN &&
              (cache_->attributes() & kOwnText) == 0)
@@ -386,7 +396,7 @@ void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* c
     ZBuffer packed;
     if (prepareSideDatabase(path, work.sideName))
         cache_->be_write_obfuscated(packed);
-    requireSideFile(work.sideName, path, true);
+    requireSideFile(work.sideName, path, packed.getLength() != 0, false);
     if (packed.getLength() != 0) {
         work.sideAction = zsideReplaced;
         work.side = spanOf(packed);
@@ -472,8 +482,8 @@ private:
 };
 
 // The turn to make and load an object for a new file, for a scope: one thread at a time, so that threads
-// that ask for a file at once get one object, read once, and factories are called one by one. It is no
-// lock of the order above: a thread that waits for it keeps nobody from ending his turn.
+// that ask for a file at once get one object, read once, and factories are called one by one. A factory, or
+// a postLoad, that waits for an object which a thread holds that asks for a new file, waits for ever.
 class FirstLoad {
 public:
     FirstLoad() {
@@ -545,6 +555,7 @@ void ZProperties::follow(const char* file, int forceReload) {
         // The next caller tries again, instead of being handed an emptied object: by the old time, or
         // where that is the file's still, by one that no file has.
         timeStamp_ = stamp != before ? before : kNoTime;
+        resetModified();  // these changes are gone
         throw;
     }
 }

@@ -63,12 +63,12 @@ int ZPropertiesWatcher::process() {
         if (file.get() < 0)
             Z_RAISE_IO(path_.getChars(), "fopen(r)", errno);
         const ZLockOwner owner = properties_.options().lockOwner();
+        ZLockScope lock(file, owner);
         const int error = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
         if (zisLockedByOthers(error))
             return 0;
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "fcntl()", error);
-        ZLockScope lock(file.get(), owner);
         watch_->noteReading(file.get());
         // A content that can't be read raises here, before the object is touched, and once.
         pending_ = false;

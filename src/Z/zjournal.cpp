@@ -123,7 +123,12 @@ ZJournal::ZJournal(const char* path, int descriptor)
       placedAt_(0) {}
 
 ZLCString ZJournal::path() const {
-    return placeIsKnown_ ? place_.pathOf(name_.getChars()) : zbesideName(filePath_, kJournalSuffix);
+    if (placeIsKnown_)
+        return place_.pathOf(name_.getChars());
+    const char* name = znameOf(filePath_);
+    ZLCString path(filePath_, static_cast<unsigned int>(name - filePath_));
+    path.append(zbesideName(name, kJournalSuffix));
+    return path;
 }
 
 // ---------------------------------------------------------------- reading
@@ -133,10 +138,7 @@ bool ZJournal::isThere(struct stat& status) {
     if (!placeIsKnown_) {
         char link;
         if (readlink(filePath_, &link, 1) < 0) {
-            const char* name = znameOf(filePath_);
-            ZLCString probe(filePath_, static_cast<unsigned int>(name - filePath_));
-            probe.append(zbesideName(name, kJournalSuffix));
-            if (lstat(probe.getChars(), &status) != 0)
+            if (lstat(path().getChars(), &status) != 0)
                 return false;
         }
         // If the file isn't there any more, what lies there isn't its journal.
@@ -163,7 +165,7 @@ bool ZJournal::find() {
     if (!isThere(status)) {
         // A name that can't be looked at may be a journal's all the same.
         if (errno == EIO || errno == ENOMEM)
-            Z_RAISE_IO(path().getChars(), "stat()", errno);
+            Z_CHECK_IO(path().getChars(), zfailed("stat()"));
         return false;
     }
     if (!mayBeOurs(status) || status.st_size < static_cast<off_t>(sizeof(Header)))
@@ -173,9 +175,9 @@ bool ZJournal::find() {
     if (journal.get() < 0 && (errno == ENOENT || errno == ELOOP))
         return false;  // its writer has just finished, or somebody plays with us
     if (journal.get() < 0)
-        Z_RAISE_IO(path().getChars(), "fopen(r)", errno);
+        Z_CHECK_IO(path().getChars(), zfailed("fopen(r)"));
     if (fstat(journal.get(), &status) != 0)
-        Z_RAISE_IO(path().getChars(), "stat()", errno);
+        Z_CHECK_IO(path().getChars(), zfailed("stat()"));
     if (!mayBeOurs(status))
         return false;
     int error = zreadWholeFile(journal.get(), bytes_);
@@ -366,7 +368,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
     journal_.reset(zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
                                S_IRUSR | S_IWUSR));
     if (journal_.get() < 0)
-        Z_RAISE_IO(path().getChars(), "fopen(w)", errno);
+        Z_CHECK_IO(path().getChars(), zfailed("fopen(w)"));
     isKnown_ = true;
     // Its content comes behind its access.
     if (zcopyAccess(journal_.get(), file_descriptor_) != 0) {

@@ -10,18 +10,26 @@
 
 ZLockedFile::ZLockedFile(const char* path, ZLockOwner owner, unsigned long waitMilliseconds,
                          bool mayCreate)
-    : path_(path), owner_(owner), created_(false) {
+    : path_(path), lock_(file_, owner), created_(false) {
     for (;;) {
         open(mayCreate);
         const int error = zlockWholeFile(descriptor(), F_WRLCK, owner, waitMilliseconds);
-        if (error == 0 && zleadsTo(path_.getChars(), descriptor()))
+        ZFileStamp open = {}, named = {};
+        int lost = error;
+        if (error == 0)
+            lost = zstampFile(descriptor(), open);
+        if (lost == 0)
+            lost = zstampFile(path_.getChars(), named);
+        if (lost == 0 && zsameFile(open, named))
             return;
         // An empty file that somebody else has locked meanwhile is his.
-        if (error != 0 && !zisLockedByOthers(error))
+        if ((error != 0 && !zisLockedByOthers(error)) || (error == 0 && lost != 0 && lost != ENOENT))
             forgetCreated();
         finish();
         if (error != 0)
             Z_RAISE_IO(path_.getChars(), "fcntl()", error);
+        if (lost != 0 && lost != ENOENT)
+            Z_RAISE_IO(path_.getChars(), "stat()", lost);
     }
 }
 
@@ -56,11 +64,7 @@ ZLockedFile::~ZLockedFile() {
     finish();
 }
 
-int ZLockedFile::finish() {
-    if (descriptor() >= 0)
-        zunlockWholeFile(descriptor(), owner_);
-    return file_.close();
-}
+int ZLockedFile::finish() { return lock_.close(); }
 
 // ---------------------------------------------------------------- reading
 
@@ -70,12 +74,11 @@ static FILE* openStream(const char* path, bool onlyRegular) {
     {
         const ZUncancelled uncancelled;
         struct stat status;
-        ZOpenFile file(onlyRegular ? zopenRegularFile(path, O_RDONLY)
-                                   : zopenFile(path, O_RDONLY | O_NONBLOCK));
-        if (file.get() < 0)
-            return nullptr;
-        if (onlyRegular || fstat(file.get(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
-            FILE* stream = fdopen(file.get(), "r");
+        if (!onlyRegular && stat(path, &status) == 0 && S_ISREG(status.st_mode))
+            return fopen(path, "re");
+        if (onlyRegular) {
+            ZOpenFile file(zopenRegularFile(path, O_RDONLY));
+            FILE* stream = file.get() < 0 ? nullptr : fdopen(file.get(), "r");
             if (stream != nullptr)
                 file.release();
             return stream;
@@ -86,7 +89,7 @@ static FILE* openStream(const char* path, bool onlyRegular) {
 
 ZReadFile::ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner,
                      unsigned long waitMilliseconds)
-    : owner_(owner), stream_(nullptr) {
+    : owner_(owner), forks_(zforkCount()), stream_(nullptr) {
     stream_.reset(openStream(path, onlyRegular));
     if (stream_.get() == nullptr)
         Z_RAISE_IO(path, "fopen(r)", errno);
@@ -97,9 +100,8 @@ ZReadFile::ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner,
 }
 
 void ZReadFile::close() {
-    // A process's lock goes with the descriptor.
-    if (stream_.get() != nullptr && owner_ == zlockOfDescription)
-        zunlockWholeFile(descriptor(), owner_);
+    if (stream_.get() != nullptr)
+        zunlockSharedFile(descriptor(), owner_, forks_);
     stream_.close();
 }
 
@@ -136,6 +138,7 @@ ZSpan ZMemoryStream::finish() {
 
 void zreadText(ZPCache& cache, const char* path, ZSpan text) {
     // A stream over no bytes at all can't be had from fmemopen.
+    const ZUncancelled uncancelled;
     FILE* opened = text.size == 0 ? fopen("/dev/null", "r")
                                   : fmemopen(const_cast<char*>(text.data), text.size, "r");
     if (opened == nullptr)

@@ -33,8 +33,8 @@ private:
     void forgetCreated();
 
     const ZLCString path_;
-    const ZLockOwner owner_;
     ZOpenFile file_;
+    ZLockScope lock_;
     bool created_;
 };
 
@@ -55,6 +55,7 @@ public:
 
 private:
     const ZLockOwner owner_;
+    const unsigned int forks_;
     ZStreamRoom room_;
     ZStreamGuard stream_;
 };

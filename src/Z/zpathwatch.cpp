@@ -66,7 +66,7 @@ void ZPathWatch::setTimer(unsigned long milliseconds, bool again) {
     time.it_value.tv_sec = static_cast<time_t>(milliseconds / 1000);
     time.it_value.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000;
     if (again)
-        time.it_interval = time.it_value;
+        time.it_interval.tv_sec = static_cast<time_t>(kOften / 1000);
     timerfd_settime(timer_.get(), 0, &time, nullptr);
 }
 
@@ -142,7 +142,11 @@ bool ZPathWatch::followOnce() {
             folder = target;
         }
     }
+    if (fileBefore >= 0)
+        before.push_back({fileBefore, ZLCString()});
     forgetOthers(before);
+    if (fileBefore >= 0)
+        before.pop_back();
     bool isSame = before.size() == names_.size() && fileBefore == fileWatch_;
     for (size_t i = 0; isSame && i < before.size(); ++i)
         isSame = before[i].watch == names_[i].watch && before[i].name.equals(names_[i].name);
@@ -188,6 +192,13 @@ bool ZPathWatch::concerns(int watch, const char* name) const {
     return false;
 }
 
+bool ZPathWatch::isOnTheWay(int watch) const {
+    for (const Name& own : names_)
+        if (own.watch == watch)
+            return true;
+    return false;
+}
+
 void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
     if ((mask & IN_Q_OVERFLOW) != 0) {
         pathChanged_ = true;
@@ -209,7 +220,7 @@ void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
         return;
     }
     const bool isOwn = (mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT)) != 0;
-    if (isOwn || concerns(watch, name)) {
+    if (isOwn ? isOnTheWay(watch) : concerns(watch, name)) {
         pathChanged_ = true;
         pending_ = hasChanged;
     }
@@ -262,6 +273,7 @@ bool ZPathWatch::hasNews() {
         pending_ = mayHaveChanged;
     if (pathChanged_ || (looksOften_ && pending_ != noNews))
         follow();
+    readNotices();  // of watches that were given up
     if (isWritten_) {
         const int64_t now = milliseconds(), settling = static_cast<int64_t>(settling_);
         // Who writes without an end isn't waited for for ever.

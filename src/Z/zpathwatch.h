@@ -55,6 +55,7 @@ private:
     void readNotices();
     bool isAsRead() const;
     void note(int watch, uint32_t mask, const char* name);
+    bool isOnTheWay(int watch) const;
     bool concerns(int watch, const char* name) const;
     void setTimer(unsigned long milliseconds, bool again);
     void watchWith(int descriptor, uint32_t events);

@@ -81,9 +81,11 @@ static ZPROP_stz_handle* updatedHandle(ZPROP_handle* handle) {
 }
 
 static void endUpdate(ZPROP_stz_handle* opened) {
-    std::unique_ptr<ZPropertiesUpdate> ended(opened->update);
+    ZPropertiesUpdate* ended = opened->update;
     opened->update = nullptr;
     opened->updates = false;
+    // Notices that waited for its end go out here, and an observer may raise.
+    zguarded(zchangeGroup, [ended] { delete ended; });
 }
 
 int zstzPropCommit(ZPROP_handle* handle) {

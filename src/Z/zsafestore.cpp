@@ -68,8 +68,14 @@ public:
             return;
         }
         side_.reset(new ZSideFile(work_.sideName.getChars(), work_.descriptor));
-        Z_CHECK_IO(side_->name(), side_->examine());
+        Z_CHECK_IO(side_->name(), side_->examine(action_ == zsideReplaced));
+        if (action_ == zsideRemoved && !side_->exists()) {
+            action_ = zsideUntouched;
+            return;
+        }
         Z_CHECK_IO(side_->name(), side_->clearLeft());
+        if (isSafe_)
+            Z_CHECK_IO(side_->name(), side_->checkFolder());
         if (side_->exists())
             Z_CHECK_IO(side_->name(), side_->read(oldBytes_));
         const bool isSame = action_ == zsideRemoved
@@ -119,12 +125,16 @@ public:
         if (action_ == zsideReplaced) {
             const ZFailure failure = side_->takePlace();
             // To be finished by the journal, whether it was moved or not.
-            if (failure && isSafe_ && side_->mayHaveMoved())
+            if (failure && isSafe_ && side_->isUnclear())
                 Z_CHECK_IO(side_->name(), failure);
             if (failure)
                 giveUp(side_->name(), failure);
         } else if (action_ == zsideRemoved) {
-            Z_CHECK_IO(side_->name(), side_->remove());
+            const ZFailure failure = side_->remove();
+            if (failure && side_->isUnclear())
+                Z_CHECK_IO(side_->name(), failure);
+            if (failure)
+                giveUp(side_->name(), failure);
         }
         if (isSafe_ && action_ != zsideUntouched)
             Z_CHECK_IO(side_->name(), side_->syncFolder());
@@ -164,8 +174,10 @@ private:
         ZFailure failure = overwrite(work_.descriptor, work_.oldText, from_, UINT64_MAX);
         if (!failure && isSafe_ && fsync(work_.descriptor) != 0)
             failure = zfailed("fsync()");
-        if (!failure && side_ != nullptr && side_->isWrittenInPlace())
-            failure = side_->putBack(oldSide());
+        if (side_ != nullptr && side_->isWrittenInPlace()) {
+            const ZFailure ofSide = side_->putBack(oldSide());
+            failure = failure ? failure : ofSide;
+        }
         return failure;
     }
 
@@ -192,8 +204,9 @@ private:
 // Whose file it is, that is looked at. What the disk does with the bytes isn't.
 static void storePlainly(const ZStoreWork& work) {
     ZSideFile side(work.sideName.getChars(), work.descriptor);
+    side.clearLeft();
     if (work.sideAction != zsideUntouched)
-        Z_CHECK_IO(side.name(), side.examine());
+        Z_CHECK_IO(side.name(), side.examine(work.sideAction == zsideReplaced));
     if (work.sideAction == zsideReplaced)
         Z_CHECK_IO(side.name(), side.prepare(work.side, ZPROP_STORE_PLAIN));
     overwrite(work.descriptor, work.text, 0, UINT64_MAX);
@@ -229,6 +242,9 @@ static bool storeSafely(const ZStoreWork& work, ZJournal& journal) {
             return false;
         store.prepareSide();
         store.putInPlace();
+    } else if (fsync(work.descriptor) != 0) {
+        // Somebody else may have written the same.
+        Z_RAISE_IO(work.path, "fsync()", errno);
     }
     return true;
 }
@@ -274,7 +290,7 @@ static void finishSide(ZJournal& journal, ZSideFile& side) {
         if (failure && side.exists())
             failure = side.prepare(journal.side(), ZPROP_STORE_CHECKED);
         Z_CHECK_IO(side.name(), failure);
-        Z_CHECK_IO(side.name(), side.takePlace());
+        Z_CHECK_IO(side.name(), side.takePlace(true));
     } else {
         Z_CHECK_IO(side.name(), side.remove());
     }
@@ -285,13 +301,14 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
     ZSizeSignalGuard noSignal;
     const ZLCString name(journal.path());
     ZSideFile side(journal.sideName().getChars(), descriptor);
-    const bool hasSide = journal.sideAction() != zsideUntouched;
+    bool hasSide = journal.sideAction() != zsideUntouched;
+    const bool isElsewhere = hasSide && !journal.isSideBesideFile();
+    // What is to go and isn't named any more lies there by itself from now on.
+    if (isElsewhere && journal.sideAction() == zsideRemoved && !journal.isSideNamedInFile())
+        hasSide = false;
     // Ahead of any change.
-    if (hasSide) {
-        Z_CHECK_IO(side.name(), side.examine());
-        if (!journal.isSideBesideFile())
-            requireSideDatabase(journal, side);
-    }
+    if (hasSide)
+        Z_CHECK_IO(side.name(), side.examine(journal.sideAction() == zsideReplaced));
     Z_CHECK_IO(name.getChars(), journal.openForMarks());
     if (!zequals(journal.file(), journal.text())) {
         // Should this be cut off too, the file is modified behind an old mark.
@@ -304,6 +321,9 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
     if (fsync(descriptor) != 0)
         Z_RAISE_IO(path, "fsync()", errno);
     Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::onDisk));
+    // Where the name was torn, the file has it from now on, and the next store goes on here.
+    if (hasSide && isElsewhere)
+        requireSideDatabase(journal, side);
     if (hasSide)
         finishSide(journal, side);
     Z_CHECK_IO(name.getChars(), journal.remove());

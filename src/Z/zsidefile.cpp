@@ -41,7 +41,8 @@ ZSideFile::ZSideFile(const char* name, int text)
       prepared_{nullptr, 0},
       inPlace_(false),
       written_(false),
-      mayHaveMoved_(false) {}
+      newInode_(0),
+      isUnclear_(false) {}
 
 ZSideFile::~ZSideFile() { discard(); }
 
@@ -54,9 +55,9 @@ ZFailure ZSideFile::find() {
     return {"fopen(w)", error};
 }
 
-ZFailure ZSideFile::examine() {
+ZFailure ZSideFile::examine(bool wanted) {
     if (const ZFailure failure = find())
-        return failure;
+        return wanted || (failure.error != ENOENT && failure.error != ENOTDIR) ? failure : zdone;
     int error;
     struct stat side, text;
     if (statusOf(text_, text) != 0)
@@ -65,7 +66,7 @@ ZFailure ZSideFile::examine() {
     if (!exists_ && errno != ENOENT)
         return zfailed("stat()");
     if (!exists_)
-        return isOwnersPlace() ? zdone : ZFailure{"fopen(w)", EPERM};
+        return !wanted || isOwnersPlace() ? zdone : ZFailure{"fopen(w)", EPERM};
     inode_ = side.st_ino;
     error = refusal(side, text);
     return error == 0 ? zdone : ZFailure{"fopen(w)", error};
@@ -165,8 +166,10 @@ ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
         if (const ZFailure failure = openExisting(O_WRONLY, target_))
             return failure;
         // What the text gives now, as far as it is allowed; nobody gets at more by a failure.
-        zcopyAccess(target_.get(), text_);
-        struct stat side;
+        struct stat side, text;
+        if (zcopyAccess(target_.get(), text_) != 0 && fstat(target_.get(), &side) == 0 &&
+            fstat(text_, &text) == 0)
+            fchmod(target_.get(), side.st_mode & text.st_mode & 07777);
         if (mode == ZPROP_STORE_PLAIN)
             return zdone;
         if (fstat(target_.get(), &side) != 0)
@@ -174,12 +177,14 @@ ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
         return zsecureRoom(target_.get(), static_cast<uint64_t>(side.st_size), bytes.size, true);
     }
     if (const ZFailure failure = clearLeft())
-        return failure;
+        return {"fopen(w)", failure.error};
     target_.reset(zopenFileAt(place_.folder(), temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
                               S_IRUSR | S_IWUSR));
     if (target_.get() < 0)
         return zfailed("fopen(w)");
     written_ = true;
+    struct stat made;
+    newInode_ = fstat(target_.get(), &made) == 0 ? made.st_ino : 0;
     ZFailure failure = {"fchown()", zcopyAccess(target_.get(), text_)};
     if (!failure) {
         failure = fill(bytes);
@@ -201,23 +206,25 @@ ZFailure ZSideFile::putBack(ZSpan old) {
     return failure ? failure : fill(old);
 }
 
-ZFailure ZSideFile::takePlace() {
+ZFailure ZSideFile::takePlace(bool synced) {
+    isUnclear_ = false;
     if (inPlace_) {
-        const ZFailure failure = fill(prepared_);
+        ZFailure failure = fill(prepared_);
+        if (!failure && synced && fsync(target_.get()) != 0)
+            failure = zfailed("fsync()");
         const int error = target_.close();
         return failure ? failure : ZFailure{"close()", error};
     }
-    mayHaveMoved_ = false;
     if (renameat(place_.folder(), temporary_.getChars(), place_.folder(), place_.name()) != 0) {
-        const ZFailure failure = zfailed("rename()");
         // What is told as failed may have been done.
-        struct stat left;
-        const int error =
-            fstatat(place_.folder(), temporary_.getChars(), &left, AT_SYMLINK_NOFOLLOW) == 0
-                ? 0
-                : errno;
-        mayHaveMoved_ = error != 0 && error != ENOENT;
-        if (error != ENOENT)
+        const ZFailure failure = zfailed("rename()");
+        struct stat now;
+        const bool isKnown =
+            fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 || errno == ENOENT;
+        isUnclear_ = !isKnown;
+        if (!isKnown || newInode_ == 0 ||
+            fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
+            now.st_ino != newInode_)
             return failure;
     }
     written_ = false;
@@ -225,19 +232,26 @@ ZFailure ZSideFile::takePlace() {
 }
 
 ZFailure ZSideFile::remove() {
-    if (unlinkat(place_.folder(), place_.name(), 0) == 0 || errno == ENOENT)
+    isUnclear_ = false;
+    if (temporary_.getLength() == 0 || unlinkat(place_.folder(), place_.name(), 0) == 0 ||
+        errno == ENOENT)
         return zdone;
     const ZFailure failure = zfailed("unlink()");
     struct stat left;
-    const bool isGone =
-        fstatat(place_.folder(), place_.name(), &left, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
-    return isGone ? zdone : failure;
+    if (fstatat(place_.folder(), place_.name(), &left, AT_SYMLINK_NOFOLLOW) == 0)
+        return failure;
+    isUnclear_ = errno != ENOENT;
+    return isUnclear_ ? failure : zdone;
 }
 
 // ---------------------------------------------------------------- loading
 
 ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
     const auto failed = [](int error) { return ZFailure{"mapFile()", error}; };
+    // Asked ahead: to open a device may do something.
+    struct stat named;
+    if (lstat(name, &named) == 0 && !S_ISREG(named.st_mode))
+        return failed(S_ISLNK(named.st_mode) ? ELOOP : S_ISDIR(named.st_mode) ? ENODEV : EINVAL);
     ZOpenFile file(zopenFile(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
     if (file.get() < 0)
         return failed(errno == ENOENT ? EINVAL : errno);

@@ -29,21 +29,22 @@ public:
 
     const char* name() const { return name_.getChars(); }
 
-    /// Looks what is there, as the rules demand. The failures' words are a store's.
-    ZFailure examine();
+    /// Looks what is there, as the rules demand; one that isn't there is fine if it isn't `wanted`. The
+    /// failures' words are a store's.
+    ZFailure examine(bool wanted);
     /// After examine.
     bool exists() const { return exists_; }
     /// All bytes of the one that exists.
     ZFailure read(ZBytes& bytes) const;
 
     /// Makes the next content ready for a store of this mode: by itself, to be moved into place; or if one
-    /// exists and the store isn't safe, by making room there. Plainly, what fails behind the opening is no
+    /// exists and the store isn't safe, by making room there. Plainly, what fails with the bytes is no
     /// failure. Safe: it is on the disk then.
     ZFailure prepare(ZSpan bytes, int mode);
-    /// Puts what was prepared into place.
-    ZFailure takePlace();
-    /// Whether the move may have been made although it has failed, since nobody tells.
-    bool mayHaveMoved() const { return mayHaveMoved_; }
+    /// Puts what was prepared into place; `synced`: what is written in place is on the disk then.
+    ZFailure takePlace(bool synced = false);
+    /// Whether a move or removal may have been made although it has failed, since nobody tells.
+    bool isUnclear() const { return isUnclear_; }
     /// Whether takePlace writes to the one that exists, so that a failure may leave a part.
     bool isWrittenInPlace() const { return inPlace_; }
     /// Writes what existed to its place again.
@@ -52,6 +53,8 @@ public:
     ZFailure remove();
     /// Makes moves and removals last.
     ZFailure syncFolder() const { return place_.sync(); }
+    /// Whether that can be done.
+    ZFailure checkFolder() const { return place_.checkSync(); }
     /// Removes what a store that was stopped has left.
     ZFailure clearLeft();
 
@@ -72,7 +75,8 @@ private:
     ZOpenFile target_;  // of what is to be written in place, or of the new file
     bool inPlace_;
     bool written_;  // the new file is there under its own name
-    bool mayHaveMoved_;
+    uint64_t newInode_;  // of the new file
+    bool isUnclear_;
 };
 
 /// Makes sure of the disk's blocks for a file that grows. Where the file system can't promise them, nothing

@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,6 +169,11 @@ ZLCString ZPlace::pathOf(const char* name) const {
     return path;
 }
 
+ZFailure ZPlace::checkSync() const {
+    const ZOpenFile readable(zopenFileAt(folder(), ".", O_RDONLY | O_DIRECTORY));
+    return readable.get() < 0 ? zfailed("open() of the folder") : zdone;
+}
+
 ZFailure ZPlace::sync() const {
     ZOpenFile readable(zopenFileAt(folder(), ".", O_RDONLY | O_DIRECTORY));
     if (readable.get() < 0)
@@ -250,7 +256,25 @@ int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long w
     return error;
 }
 
-void zunlockWholeFile(int descriptor, ZLockOwner owner) { tryLock(descriptor, F_UNLCK, owner); }
+static std::atomic<unsigned int> forks(0);
+static pthread_once_t forksCounted = PTHREAD_ONCE_INIT;
+
+unsigned int zforkCount() {
+    const auto count = [] { ++forks; };
+    static void (*const kCount)() = count;
+    pthread_once(&forksCounted, [] { pthread_atfork(nullptr, kCount, kCount); });
+    return forks;
+}
+
+void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore) {
+    if (descriptor >= 0 && owner == zlockOfDescription && forksBefore != zforkCount())
+        tryLock(descriptor, F_UNLCK, owner);
+}
+
+int ZLockScope::close() {
+    zunlockSharedFile(file_.get(), owner_, forks_);
+    return file_.close();
+}
 
 // ---------------------------------------------------------------- stamp
 

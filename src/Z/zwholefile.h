@@ -108,6 +108,8 @@ public:
     ZLCString pathOf(const char* name) const;
     /// Makes what was made, moved and removed in the folder last. Needs a folder that may be read.
     ZFailure sync() const;
+    /// Whether that can be done.
+    ZFailure checkSync() const;
 
 private:
     ZOpenFile folder_;  // O_PATH: it needn't be readable
@@ -122,26 +124,31 @@ enum ZLockOwner { zlockOfProcess, zlockOfDescription };
 /// Locks the whole file, `type` being F_RDLCK or F_WRLCK. While somebody else holds it, it is tried
 /// again, with growing pauses that no two processes share, until the time is over. 0 or errno.
 int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long waitMilliseconds);
-/// Gives it up. Closing alone doesn't end a description's lock where a forked child has it too.
-void zunlockWholeFile(int descriptor, ZLockOwner owner);
-/// Gives a lock up at the end of a scope, or before.
+/// How often this process has forked, as far as it matters: counted from the first call on.
+unsigned int zforkCount();
+
+/// Closes a locked file at the end of a scope, or before. A description's lock that a forked child has too
+/// isn't ended by that and is given up first; but only then, for between the two a thread of this process
+/// may take a process's lock on the file, which closing drops.
 class ZLockScope {
 public:
-    ZLockScope(int descriptor, ZLockOwner owner) : descriptor_(descriptor), owner_(owner) {}
-    ~ZLockScope() { unlock(); }
+    /// Ahead of the locking.
+    ZLockScope(ZOpenFile& file, ZLockOwner owner)
+        : file_(file), owner_(owner), forks_(zforkCount()) {}
+    ~ZLockScope() { close(); }
     ZLockScope(const ZLockScope&) = delete;
     ZLockScope& operator=(const ZLockScope&) = delete;
 
-    void unlock() {
-        if (descriptor_ >= 0)
-            zunlockWholeFile(descriptor_, owner_);
-        descriptor_ = -1;
-    }
+    /// 0 or errno.
+    int close();
 
 private:
-    int descriptor_;
+    ZOpenFile& file_;
     const ZLockOwner owner_;
+    const unsigned int forks_;
 };
+/// Gives the lock up where that is needed ahead of closing.
+void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore);
 /// Whether this errno of a lock says that somebody else holds it.
 inline bool zisLockedByOthers(int error) { return error == EAGAIN || error == EACCES; }
 

@@ -142,14 +142,14 @@ void failCalls(std::initializer_list<CallCase> cases, Road road, bool storesAgai
 TEST(FaultCalls, Load) {
     failCalls(
         {
-            {"open", "open", 1, ENFILE, "fopen(r) 23 a"},
+            {"open", "fopen", 1, ENFILE, "fopen(r) 23 a"},
             {"lock", "fcntl", 1, ENOLCK, "fcntl() 37 a"},
             {"locked by another", "fcntl", 1, EACCES, "fcntl() 13 a"},
             {"a read error isn't told", "fread", 1, EIO, nullptr},
             {"close", "fclose", 1, EIO, nullptr},
-            {"open of the side database", "open", 2, EMFILE, "mapFile() 24 s"},
+            {"open of the side database", "open", 1, EMFILE, "mapFile() 24 s"},
             {"its bytes", "pread", 1, EIO, "mapFile() 5 s"},
-            {"its size can't be had", "fstat", 3, EIO, "mapFile() 5 s"},
+            {"its size can't be had", "fstat", 2, EIO, "mapFile() 5 s"},
             {"the time", "access", 1, EACCES, nullptr},
             {"the time, too", "stat", 1, EIO, nullptr},
         },
