@@ -266,9 +266,21 @@ bool ZJournal::isSideBesideFile() const {
            sideFolder.st_ino == folder.st_ino && name.equals(side.name());
 }
 
+// As a whole value: not as the end of another name.
 bool ZJournal::isSideNamedInFile() const {
-    return memmem(file_.data(), file_.size(), sideName_.getChars(), sideName_.getLength()) !=
-           nullptr;
+    const char* const end = file_.data() + file_.size();
+    const size_t length = sideName_.getLength();
+    for (const char* at = file_.data(); at != end; ++at) {
+        at = static_cast<const char*>(
+            memmem(at, static_cast<size_t>(end - at), sideName_.getChars(), length));
+        if (at == nullptr)
+            return false;
+        const char before = at == file_.data() ? '\0' : at[-1];
+        const char behind = at + length == end ? '\n' : at[length];
+        if ((before == ' ' || before == '=' || before == '\t') && (behind == '\n' || behind == '\r'))
+            return true;
+    }
+    return false;
 }
 
 // Bytes of the new text that are the old one's too aren't kept.

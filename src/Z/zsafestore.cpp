@@ -309,6 +309,8 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
     // Ahead of any change.
     if (hasSide)
         Z_CHECK_IO(side.name(), side.examine(journal.sideAction() == zsideReplaced));
+    if (hasSide && journal.sideAction() == zsideRemoved && !side.exists())
+        hasSide = false;
     Z_CHECK_IO(name.getChars(), journal.openForMarks());
     if (!zequals(journal.file(), journal.text())) {
         // Should this be cut off too, the file is modified behind an old mark.
