@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,9 +74,10 @@ const Variant kVariants[] = {{"no side database", false, false, false},
                              {"no more", false, true, false},
                              {"an update", true, true, true}};
 
-// All that a killed process leaves: the three files' content.
+// All that a killed process leaves: the files' content, and the text's time.
 struct Files {
     string text, side, journal, temporary;
+    timespec modified;
     bool operator<(const Files& other) const {
         return std::tie(text, side, journal, temporary) <
                std::tie(other.text, other.side, other.journal, other.temporary);
@@ -144,12 +146,19 @@ public:
     }
 
     Files files() const {
+        struct stat status = {};
+        stat(path_.c_str(), &status);
         return {TempFolder::read(path_), TempFolder::read(path_ + ".obf"),
-                TempFolder::read(path_ + ".zjournal"), TempFolder::read(path_ + ".obf.ztmp")};
+                TempFolder::read(path_ + ".zjournal"), TempFolder::read(path_ + ".obf.ztmp"),
+                status.st_mtim};
     }
+    // The text stays the same file with the same time: the journal knows both.
     void put(const Files& files) const {
-        put("f", files.text), put("f.obf", files.side);
-        put("f.zjournal", files.journal), put("f.obf.ztmp", files.temporary);
+        folder_.write("f", files.text);
+        const timespec times[] = {files.modified, files.modified};
+        utimensat(AT_FDCWD, path_.c_str(), times, 0);
+        put("f.obf", files.side), put("f.zjournal", files.journal);
+        put("f.obf.ztmp", files.temporary);
     }
 
     bool hidden() const { return variant_.hidden; }
