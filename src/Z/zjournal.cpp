@@ -108,7 +108,7 @@ private:
 
 ZJournal::ZJournal(const char* path, int descriptor)
     : filePath_(path),
-      file_descriptor_(descriptor),
+      descriptor_(descriptor),
       placeIsKnown_(false),
       isKnown_(false),
       text_{nullptr, 0},
@@ -142,7 +142,7 @@ bool ZJournal::isThere(struct stat& status) {
                 return false;
         }
         // If the file isn't there any more, what lies there isn't its journal.
-        if (place_.find(filePath_, file_descriptor_) != 0) {
+        if (place_.find(filePath_, descriptor_) != 0) {
             errno = ENOENT;
             return false;
         }
@@ -156,7 +156,7 @@ bool ZJournal::isThere(struct stat& status) {
 // of it: others can't give theirs to the owner.
 bool ZJournal::mayBeOurs(const struct stat& status) const {
     struct stat file;
-    return S_ISREG(status.st_mode) && status.st_nlink == 1 && fstat(file_descriptor_, &file) == 0 &&
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 && fstat(descriptor_, &file) == 0 &&
            (status.st_uid == file.st_uid || status.st_uid == 0);
 }
 
@@ -185,7 +185,7 @@ bool ZJournal::find() {
         Z_RAISE_IO(path().getChars(), "read()", error);
     if (!parse() || !isOfThisFile() || !findSideName())
         return false;
-    error = zreadWholeFile(file_descriptor_, file_);
+    error = zreadWholeFile(descriptor_, file_);
     if (error != 0)
         Z_RAISE_IO(filePath_, "read()", error);
     isKnown_ = true;
@@ -238,7 +238,7 @@ bool ZJournal::parse() {
     return true;
 }
 
-bool ZJournal::isOfThisFile() const { return Identity(file_descriptor_).agrees(inode_, birth_); }
+bool ZJournal::isOfThisFile() const { return Identity(descriptor_).agrees(inode_, birth_); }
 
 // The parts must agree: a side database comes with a text that names it, and goes with one that did.
 bool ZJournal::findSideName() {
@@ -306,7 +306,7 @@ bool ZJournal::canBeLeft() const {
         return false;
     ZFileStamp stamp;
     if (progress_ == placed &&
-        (zstampFile(file_descriptor_, stamp) != 0 || stamp.modified > placedAt_))
+        (zstampFile(descriptor_, stamp) != 0 || stamp.modified > placedAt_))
         return false;
     const size_t least = text_.size < old.size ? text_.size : old.size;
     const size_t most = text_.size > old.size ? text_.size : old.size;
@@ -351,7 +351,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
     const size_t to =
         text.size == oldText.size ? lastDifference(text, oldText, from) : oldText.size;
     const ZSpan parts[] = {text, {oldText.data + from, to - from}, side};
-    const Identity identity(file_descriptor_);
+    const Identity identity(descriptor_);
     Header header = {};
     memcpy(header.magic, kMagic, sizeof kMagic);
     header.textLength = text.size;
@@ -371,7 +371,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
 
     Z_CHECK_IO(path().getChars(), remove(true));
     if (!placeIsKnown_) {
-        const int error = place_.find(filePath_, file_descriptor_);
+        const int error = place_.find(filePath_, descriptor_);
         if (error != 0)
             Z_RAISE_IO(filePath_, "open() of the folder", error);
         name_ = zbesideName(place_.name(), kJournalSuffix);
@@ -383,7 +383,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
         Z_CHECK_IO(path().getChars(), zfailed("fopen(w)"));
     isKnown_ = true;
     // Its content comes behind its access.
-    if (zcopyAccess(journal_.get(), file_descriptor_) != 0) {
+    if (zcopyAccess(journal_.get(), descriptor_) != 0) {
         Z_CHECK_IO(path().getChars(), remove());
         return false;
     }
@@ -420,7 +420,7 @@ ZFailure ZJournal::mark(Progress progress) {
     header.progress = progress;
     if (progress == placed) {
         ZFileStamp stamp;
-        const int error = zstampFile(file_descriptor_, stamp);
+        const int error = zstampFile(descriptor_, stamp);
         if (error != 0)
             return {"stat()", error};
         header.placedAt = stamp.modified;

@@ -112,7 +112,7 @@ private:
     bool canBeLeft() const;
 
     const char* const filePath_;
-    const int file_descriptor_;
+    const int descriptor_;
     bool placeIsKnown_;
     bool isKnown_;  // found or written here
     ZPlace place_;

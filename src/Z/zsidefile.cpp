@@ -219,12 +219,10 @@ ZFailure ZSideFile::takePlace(bool synced) {
         // What is told as failed may have been done.
         const ZFailure failure = zfailed("rename()");
         struct stat now;
-        const bool isKnown =
-            fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 || errno == ENOENT;
-        isUnclear_ = !isKnown;
-        if (!isKnown || newInode_ == 0 ||
-            fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
-            now.st_ino != newInode_)
+        const bool isThere =
+            fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) == 0;
+        isUnclear_ = !isThere && errno != ENOENT;
+        if (!isThere || newInode_ == 0 || now.st_ino != newInode_)
             return failure;
     }
     written_ = false;
