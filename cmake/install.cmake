@@ -3,17 +3,6 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Headers say themselves when they stay inside.
-file(GLOB ZBASE_HEADERS CONFIGURE_DEPENDS src/Z/*.h)
-set(ZBASE_INSTALLED_HEADERS)
-foreach(header ${ZBASE_HEADERS})
-  file(STRINGS ${header} first_lines LIMIT_COUNT 6)
-  string(REPLACE ";// " " " first_lines "${first_lines}")
-  if(NOT first_lines MATCHES "Never installed")
-    list(APPEND ZBASE_INSTALLED_HEADERS ${header})
-  endif()
-endforeach()
-
 install(TARGETS zbase_shared EXPORT zbaseTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
