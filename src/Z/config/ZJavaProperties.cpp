@@ -27,7 +27,7 @@
 #include <cstring>
 
 #include "ZExceptionText.h"
-#include "zcheck.h"
+#include "zraise.h"
 #include "zfilestream.h"
 #include "zwholefile.h"
 #include "zinternal.h"
@@ -121,7 +121,7 @@ ZJavaProperties::ZJavaProperties() : entries_(10, 1), unicodeChar_(0) {}
 ZJavaProperties::~ZJavaProperties() noexcept {}
 
 ZObject* ZJavaProperties::clone() const {
-    ZAbstractNotImplementedException("ZJavaProperties::clone").throwException(__FILE__, __LINE__);
+    zraise(ZAbstractNotImplementedException("ZJavaProperties::clone"));
 }
 
 void ZJavaProperties::getValue(const ZAbstractString& key, ZAbstractMutableString& value) const {
@@ -303,7 +303,7 @@ int ZJavaProperties::doUU3State(char c) {
     unsigned char bytes[8] = {};  // all NUL behind what is written
     unsigned char* end = bytes;
     if (zconvert_UTF16_to_UTF8(&unit, unit + 1, &end, bytes + sizeof bytes - 1) != 0)
-        ZToUTF8Exception().throwException(__FILE__, __LINE__);
+        zraise(ZToUTF8Exception());
     value_.append(reinterpret_cast<const char*>(bytes));
     return valChars;
 }
@@ -360,20 +360,20 @@ __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (ZException& failure) {
-        zrunReported(__FILE__, __LINE__, [&] { failure.print(); });
+        zrunReported([&] { failure.print(); });
     } catch (...) {
     }
     return false;
 }
 
-[[noreturn]] static void raise(const char* path, const char* api, int error, int line) {
-    ZPropertiesIOException(path, api, error).throwException(__FILE__, line);
+[[noreturn]] static void raise(const char* path, const char* api, int error, ZSite site = ZSite()) {
+    zraise(ZPropertiesIOException(path, api, error), site);
 }
 
 static void lockFile(FILE* stream, short type, const char* path) {
     const int error = zlockWholeFile(fileno(stream), type, zlockOfProcess, 0);
     if (error != 0)
-        raise(path, "fcntl()", error, __LINE__);
+        raise(path, "fcntl()", error);
 }
 
 static FILE* openForReading(const char* path, int& error) {
@@ -392,7 +392,7 @@ int ZJavaProperties::load(const char* path) {
     const ZStreamGuard stream(opened);
     const bool ready = runPrinted([&] {
         if (opened == nullptr)
-            raise(path, "fopen(r)", error, __LINE__);
+            raise(path, "fopen(r)", error);
         room.lendTo(opened);
         lockFile(opened, F_RDLCK, path);
     });
@@ -417,7 +417,7 @@ void ZJavaProperties::loadProperties(FILE* f, const char* path) {
         const int c = readRun(f, state, previous);
         if (c == EOF) {
             if (ferror(f))
-                ZUnexpectedEndOfFile(path).throwException(__FILE__, __LINE__);
+                zraise(ZUnexpectedEndOfFile(path));
             if (!key_.isEmpty() && isSought())
                 putEntry(key_, value_);
             return;
@@ -429,7 +429,7 @@ void ZJavaProperties::loadProperties(FILE* f, const char* path) {
             continue;
         const StateHandler handler = stateTable_[state];
         if (handler == nullptr)
-            ZJavaPropertyParseException(path).throwException(__FILE__, __LINE__);
+            zraise(ZJavaPropertyParseException(path));
         state = (this->*handler)(static_cast<char>(c));
         if (state == badLine)
             state = commentLine;
@@ -520,24 +520,24 @@ static FILE* openForWriting(const char* path) {
     const int error = errno;
     if (descriptor != -1)
         close(descriptor);
-    raise(path, "fopen(wt)", error, __LINE__);
+    raise(path, "fopen(wt)", error);
 }
 
 static void truncateFile(FILE* stream, const char* path) {
     // What has no length, a pipe or a terminal, refuses by EINVAL and needs no truncation.
     if (ftruncate(fileno(stream), 0) != 0 && errno != EINVAL)
-        raise(path, "fopen(wt)", errno, __LINE__);
+        raise(path, "fopen(wt)", errno);
 }
 
 // The entries are listed before the file is touched; after that nothing takes memory, so that
 // nothing is raised over a file of which only a part is written, and no thread cancelled.
 int ZJavaProperties::store(const char* path) const {
-    Z_REQUIRE(zhasText(path));
+    zrequire(zhasText(path));
     ZArrayList entries(2, 0);
     entries_.list(entries);
     const auto entryAt = [&](unsigned int i) { return static_cast<const Entry*>(entries.get(i)); };
     for (unsigned int i = 0; i < entries.size(); ++i)
-        Z_REQUIRE(strpbrk(entryAt(i)->key.getChars(), "\r\n") == nullptr);
+        zrequire(strpbrk(entryAt(i)->key.getChars(), "\r\n") == nullptr);
 
     const ZUncancelled uncancelled;
     ZStreamRoom room;

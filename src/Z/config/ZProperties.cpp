@@ -8,7 +8,8 @@
 #include <memory>
 
 #include "ZExceptionText.h"
-#include "zcheck.h"
+#include "zinternal.h"
+#include "zraise.h"
 #include "zpropnotices.h"
 #include "zpropoptions.h"
 #include "zreport.h"
@@ -17,7 +18,7 @@ ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
     if (std::uncaught_exceptions() == 0)
         lock_.unlock();
     else
-        zrunReported(__FILE__, __LINE__, [this] { lock_.unlock(); });
+        zrunReported([this] { lock_.unlock(); });
 }
 
 ZProperties::ZProperties(ZPCache* cache)
@@ -49,31 +50,31 @@ ZProperties::~ZProperties() noexcept { delete options_; }
 // ---------------------------------------------------------------- look-ups
 
 int ZProperties::exists(const char* category, const char* key) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     ZResourceLock guard(lock_);
     return cache_->contains(category, key);
 }
 
 int ZProperties::exists(const char* category) const {
-    Z_REQUIRE(zhasText(category));
+    zrequire(zhasText(category));
     ZResourceLock guard(lock_);
     return cache_->contains(category);
 }
 
 int ZProperties::isObfuscated(const char* category, const char* key) const {
     ZResourceLock guard(lock_);
-    Z_REQUIRE(exists(category, key) != 0);
+    zrequire(exists(category, key) != 0);
     return cache_->isObfuscated(category, key);
 }
 
 int ZProperties::isObfuscated(const char* key) const {
-    Z_REQUIRE(zhasText(key));
+    zrequire(zhasText(key));
     ZResourceLock guard(lock_);
     // A stanza of that whole name counts as existing too; the answer is the composite key's.
     if (exists(key) == 0) {
         ZLCString category, name;
         ZPCategoryBasedCache::validateKey(key, category, name);
-        Z_REQUIRE(cache_->contains(category.getChars(), name.getChars()) != 0);
+        zrequire(cache_->contains(category.getChars(), name.getChars()) != 0);
     }
     return cache_->isObfuscated(key);
 }
@@ -83,15 +84,14 @@ int ZProperties::extractValue(const char* category, const char* key, int require
     if (cache_->lastValue(category, key, text, length) != 0)
         return 1;
     if (required != 0)
-        ZPropertiesMissingPropertyException(fileName_.getChars(), category, key)
-            .throwException(__FILE__, __LINE__);
+        zraise(ZPropertiesMissingPropertyException(fileName_.getChars(), category, key));
     return 0;
 }
 
 void ZProperties::getValue(const char* category, const char* key, ZAbstractMutableString& out,
                            int required, const char* defaultValue) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
-    Z_REQUIRE(required == 0 || defaultValue == nullptr);
+    zrequire(zhasText(category) && zhasText(key));
+    zrequire(required == 0 || defaultValue == nullptr);
     ZResourceLock guard(lock_);
     const char* text;
     unsigned int length;
@@ -161,8 +161,8 @@ static bool convertToBoolean(const ZLCString& text, int& result) {
 
 unsigned int ZProperties::getIntegerValue(const char* category, const char* key, int required,
                                           unsigned int defaultValue) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
-    Z_REQUIRE(required == 0 || defaultValue == 0);
+    zrequire(zhasText(category) && zhasText(key));
+    zrequire(required == 0 || defaultValue == 0);
     ZResourceLock guard(lock_);
     const char* text;
     unsigned int length;
@@ -173,15 +173,15 @@ unsigned int ZProperties::getIntegerValue(const char* category, const char* key,
         return result;
     const ZLCString value(text, length);
     if (!convertToInt(value, result))
-        ZPropertiesInvalidNumValueException(fileName_.getChars(), category, key, value.getChars())
-            .throwException(__FILE__, __LINE__);
+        zraise(ZPropertiesInvalidNumValueException(fileName_.getChars(), category, key,
+                                                   value.getChars()));
     return result;
 }
 
 int ZProperties::getBooleanValue(const char* category, const char* key, int required,
                                  int defaultValue) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
-    Z_REQUIRE(required == 0 || defaultValue == 0);
+    zrequire(zhasText(category) && zhasText(key));
+    zrequire(required == 0 || defaultValue == 0);
     ZResourceLock guard(lock_);
     const char* text;
     unsigned int length;
@@ -190,16 +190,16 @@ int ZProperties::getBooleanValue(const char* category, const char* key, int requ
     const ZLCString value(text, length);
     int result;
     if (!convertToBoolean(value, result))
-        ZPropertiesInvalidBoolValueException(fileName_.getChars(), category, key, value.getChars())
-            .throwException(__FILE__, __LINE__);
+        zraise(ZPropertiesInvalidBoolValueException(fileName_.getChars(), category, key,
+                                                    value.getChars()));
     return result;
 }
 
 void ZProperties::getValues(const char* category, const char* key, ZArrayList& list,
                             ZPropertyStringType type) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
-    Z_REQUIRE(list.ownsMembers() != 0);
-    Z_REQUIRE(type == ZPROP_STRING_LOCAL || type == ZPROP_STRING_UTF8);
+    zrequire(zhasText(category) && zhasText(key));
+    zrequire(list.ownsMembers() != 0);
+    zrequire(type == ZPROP_STRING_LOCAL || type == ZPROP_STRING_UTF8);
     ZResourceLock guard(lock_);
     // The names may be texts of members that go.
     const ZLCString stanzaName(category), keyName(key);
@@ -219,13 +219,13 @@ void ZProperties::getValues(const char* category, const char* key, ZArrayList& l
 }
 
 int ZProperties::numValues(const char* key) const {
-    Z_REQUIRE(zhasText(key));
+    zrequire(zhasText(key));
     ZResourceLock guard(lock_);
     return cache_->countValues(key);
 }
 
 int ZProperties::numValues(const char* category, const char* key) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     ZResourceLock guard(lock_);
     return cache_->countValues(category, key);
 }
@@ -236,7 +236,7 @@ int ZProperties::count() const {
 }
 
 int ZProperties::count(const char* category) const {
-    Z_REQUIRE(zhasText(category));
+    zrequire(zhasText(category));
     ZResourceLock guard(lock_);
     return cache_->keyCount(category);
 }
@@ -244,23 +244,23 @@ int ZProperties::count(const char* category) const {
 void ZProperties::list() const { cache_->list(stdout); }
 
 ZArrayList* ZProperties::get(const char* category, const char* key) const {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     return cache_->get(category, key, ZPCache::GET_ANY);
 }
 
 void ZProperties::keyNames(ZArrayList& list) const {
-    Z_REQUIRE(list.ownsMembers() != 0);
+    zrequire(list.ownsMembers() != 0);
     cache_->getNames(list);
 }
 
 void ZProperties::keyNames(const char* category, ZArrayList& list) const {
-    Z_REQUIRE(zhasText(category));
-    Z_REQUIRE(list.ownsMembers() != 0);
+    zrequire(zhasText(category));
+    zrequire(list.ownsMembers() != 0);
     cache_->getNames(category, list);
 }
 
 ZArrayList* ZProperties::keyNames(const char* category) const {
-    Z_REQUIRE(zhasText(category));
+    zrequire(zhasText(category));
     return cache_->getNames(category);
 }
 
@@ -288,8 +288,7 @@ void ZProperties::checkAccess(const char* category, const char* key, int obfusca
     ZResourceLock guard(lock_);
     // A key without values may take either kind; a hidden one has values.
     const bool isHidden = cache_->isObfuscated(category, key) != 0;
-    Z_REQUIRE(obfuscated == 0 ? !isHidden
-                              : isHidden || cache_->countValues(category, key) == 0);
+    zrequire(obfuscated == 0 ? !isHidden : isHidden || cache_->countValues(category, key) == 0);
 }
 
 void ZProperties::setValue(const char* category, const char* key, const char* value) {
@@ -298,7 +297,7 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
 
 void ZProperties::setValue(const char* category, const char* key, const char* value,
                            int obfuscated) {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
@@ -320,7 +319,7 @@ void ZProperties::setValue(const char* category, const char* key, const ZLCConst
 
 void ZProperties::convertToStored(const ZAbstractString& text, ZLCString& out) const {
     out.setChars(text);
-    Z_REQUIRE(out.getLength() != 0 || text.getLength() == 0 || cache_->isStrict() == 0);
+    zrequire(out.getLength() != 0 || text.getLength() == 0 || cache_->isStrict() == 0);
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZUTF8String& value) {
@@ -336,7 +335,7 @@ void ZProperties::setValue(const char* category, const char* key, const ZUTF8Con
 }
 
 void ZProperties::setIntegerValue(const char* category, const char* key, unsigned int value) {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     const ZChangeNames names(hasObservers(), category, key);
     char text[16];
     snprintf(text, sizeof text, "%u", value);
@@ -350,7 +349,7 @@ void ZProperties::setIntegerValue(const char* category, const char* key, unsigne
 }
 
 void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
@@ -362,7 +361,7 @@ void ZProperties::setBooleanValue(const char* category, const char* key, int val
 }
 
 void ZProperties::deleteKey(const char* category, const char* key) {
-    Z_REQUIRE(zhasText(category) && zhasText(key));
+    zrequire(zhasText(category) && zhasText(key));
     const ZChangeNames names(hasObservers(), category, key);
     {
         ZResourceLock guard(lock_);
@@ -373,7 +372,7 @@ void ZProperties::deleteKey(const char* category, const char* key) {
 }
 
 void ZProperties::addFileComment(const char* text) {
-    Z_REQUIRE(zhasText(text));
+    zrequire(zhasText(text));
     ZResourceLock guard(lock_);
     ZLCString comment(text);
     checkComment(comment);
@@ -382,7 +381,7 @@ void ZProperties::addFileComment(const char* text) {
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
-    Z_REQUIRE(zhasText(category) && zhasText(key) && zhasText(text));
+    zrequire(zhasText(category) && zhasText(key) && zhasText(text));
     ZResourceLock guard(lock_);
     ZLCString comment(text);
     checkComment(comment);

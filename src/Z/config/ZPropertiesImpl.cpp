@@ -24,7 +24,7 @@
 
 #include "ZExceptionText.h"
 #include "ZProperties.h"
-#include "zcheck.h"
+#include "zraise.h"
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zlockedfile.h"
@@ -42,7 +42,7 @@ static const long kNoTime = LONG_MIN;
 void checkFileAccess(const char* file) {
     if (access(file, F_OK) == 0) {
         if (access(file, R_OK | W_OK) != 0)
-            Z_RAISE_IO(file, "access()", errno);
+            zraiseIO(file, "access()", errno);
         return;
     }
     ZLCString directory;
@@ -50,16 +50,16 @@ void checkFileAccess(const char* file) {
         static const size_t kRoom = 1024;
         std::unique_ptr<char, decltype(&free)> room(static_cast<char*>(malloc(kRoom)), &free);
         if (room == nullptr)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         if (getcwd(room.get(), kRoom) == nullptr)
-            Z_RAISE_IO(".", "access()", errno);
+            zraiseIO(".", "access()", errno);
         directory = room.get();
     } else {
         directory = zfolderOf(file);
     }
     if (access(directory.getChars(), R_OK | W_OK) != 0) {
         const int error = errno;
-        Z_RAISE_IO(directory.getChars(), "access()", error);
+        zraiseIO(directory.getChars(), "access()", error);
     }
 }
 
@@ -89,7 +89,7 @@ static ZLCString choosePath(const char* file, const ZLCString& own) {
     if (file != nullptr && *file != '\0')
         return ZLCString(file);
     if (own.getLength() == 0)
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        zraise(ZInvalidParameterException());
     return own;
 }
 
@@ -157,7 +157,7 @@ int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descript
         if (unfinished) {
             zcopyBytes(journal.text(), bytes.text);
         } else if (const int error = zreadWholeFile(descriptor, bytes.text)) {
-            Z_RAISE_IO(path.getChars(), "read()", error);
+            zraiseIO(path.getChars(), "read()", error);
         }
         zreadText(cache, path.getChars(), zspanOf(bytes.text));
     }
@@ -167,7 +167,7 @@ int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descript
     if (unfinished && journal.sideAction() == zsideReplaced)
         zcopyBytes(journal.side(), bytes.side);
     else
-        Z_CHECK_IO(name.getChars(), zreadSideFile(name.getChars(), descriptor, bytes.side));
+        zcheckIO(name.getChars(), zreadSideFile(name.getChars(), descriptor, bytes.side));
     zreadSide(cache, zspanOf(bytes.side));
     return 0;
 }
@@ -182,7 +182,7 @@ void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
     const int incomplete = readContent(*cache_, path, descriptor, stream, content);
     if (incomplete != 0 && isCareful()) {
         loadFailed_ = kIncomplete;
-        Z_RAISE_IO(path.getChars(), "read()", incomplete);
+        zraiseIO(path.getChars(), "read()", incomplete);
     }
     close();
     postLoad(path.getChars());
@@ -269,7 +269,7 @@ static void requireSideFile(const ZLCString& name, const ZLCString& path, bool i
         return;
     const ZOpenFile text(zopenFile(path.getChars(), O_PATH));  // which no lock goes with
     ZSideFile side(name.getChars(), text.get());
-    Z_CHECK_IO(side.name(), side.examine(isWanted));
+    zcheckIO(side.name(), side.examine(isWanted));
     if (!isWanted && isToGo)
         side.remove();
 }
@@ -290,25 +290,25 @@ void ZProperties::storePlainly(const ZLCString& path) {
     ZStreamRoom room;
     ZStreamGuard stream(openPlainly(path.getChars()));
     if (stream.get() == nullptr)
-        Z_RAISE_IO(path.getChars(), "fopen(r+)", errno);
+        zraiseIO(path.getChars(), "fopen(r+)", errno);
     room.lendTo(stream.get());
     const int descriptor = fileno(stream.get());
     // A new stream stands at the start.
     const int error =
         zlockWholeFile(descriptor, F_WRLCK, optionsNow().lockOwner(), optionsNow().wait());
     if (error != 0)
-        Z_RAISE_IO(path.getChars(), "fcntl()", error);
+        zraiseIO(path.getChars(), "fcntl()", error);
     if (hasHidden) {
         const ZUncancelled uncancelled;
         ZBuffer buffer;
         cache_->be_write_obfuscated(buffer);
         ZSideFile side(name.getChars(), descriptor);
-        Z_CHECK_IO(side.name(), side.examine(true));
+        zcheckIO(side.name(), side.examine(true));
         if (buffer.getLength() == 0) {
             side.remove();
             cache_->delLine(kSideStanza, kSideKey);
         } else {
-            Z_CHECK_IO(side.name(), side.prepare(spanOf(buffer), ZPROP_STORE_PLAIN));
+            zcheckIO(side.name(), side.prepare(spanOf(buffer), ZPROP_STORE_PLAIN));
             side.takePlace();
             addSideLine(name);
         }
@@ -338,16 +338,15 @@ void ZProperties::store(const char* file) {
         loadFailed_ == kLoaded ||
         (loadFailed_ == kFailed && optionsNow().storeMode == ZPROP_STORE_PLAIN) ||
         optionsNow().storeAllowed;
-    Z_REQUIRE(mayReplace);
+    zrequire(mayReplace);
     static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
     ZUpdatedFile* update = updateOf(path);
     // What was made of one file isn't put in the place of another.
     if (update == nullptr && optionsNow().update != nullptr && path.equals(fileName_))
-        Z_RAISE_IO(path.getChars(), "stat()", ESTALE);
+        zraiseIO(path.getChars(), "stat()", ESTALE);
     if (update != nullptr)
         storeTo(update->descriptor, path, &update->content);
-    else if (optionsNow().storeMode == ZPROP_STORE_PLAIN &&
-             (cache_->attributes() & kOwnText) == 0)
+    else if (optionsNow().storeMode == ZPROP_STORE_PLAIN && (cache_->attributes() & kOwnText) == 0)
         storePlainly(path);
     else
         storeCarefully(path);
@@ -366,7 +365,7 @@ void ZProperties::storeCarefully(const ZLCString& path) {
     const int error = file.finish();
     // A synced file has nothing left to lose.
     if (error != 0 && optionsNow().storeMode == ZPROP_STORE_CHECKED)
-        Z_RAISE_IO(path.getChars(), "close()", error);
+        zraiseIO(path.getChars(), "close()", error);
 }
 
 // The line of a text that a load would take apart, as bad data.
@@ -380,8 +379,7 @@ static void requireShortLines(const char* path, ZSpan text) {
         ++line;
         if (length > kLongestLine) {
             const ZLCString data(text.data + at, static_cast<unsigned int>(length));
-            ZPropertiesInvalidDataException(path, data.getChars(), line)
-                .throwException(__FILE__, __LINE__);
+            zraise(ZPropertiesInvalidDataException(path, data.getChars(), line));
         }
         at += length;
     }
@@ -420,7 +418,7 @@ void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* c
     if (keepsLines || mode != ZPROP_STORE_PLAIN) {
         const int error = zreadWholeFile(descriptor, oldText);
         if (error != 0)
-            Z_RAISE_IO(path.getChars(), "read()", error);
+            zraiseIO(path.getChars(), "read()", error);
         work.oldText = zspanOf(oldText);
     }
     if (keepsLines) {
@@ -569,7 +567,7 @@ ZProperties* ZProperties::findPropertiesFor(const char* file, ZAbstractPropertie
 ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                            int forceReload) {
     // The file is this thread's own to change: what it would get here is half done.
-    Z_REQUIRE(!zisUpdatedHere(file));
+    zrequire(!zisUpdatedHere(file));
     ZProperties* known = findPropertiesFor(file, factory);
     if (known == nullptr) {
         FirstLoad turn;

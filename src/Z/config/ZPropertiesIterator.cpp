@@ -11,11 +11,12 @@
 
 #include "ZExceptionText.h"
 #include "ZSCFData.h"
-#include "zcheck.h"
+#include "zinternal.h"
+#include "zraise.h"
 #include "zpstore.h"
 
-[[noreturn]] static void raiseMisplaced(const ZLCString& file, int line) {
-    ZPropertiesIteratorException(file.getChars()).throwException(__FILE__, line);
+[[noreturn]] static void raiseMisplaced(const ZLCString& file, ZSite site = ZSite()) {
+    zraise(ZPropertiesIteratorException(file.getChars()), site);
 }
 
 // Whether store and cache tell the same: a class of somebody else's may answer otherwise.
@@ -26,7 +27,7 @@ static bool isOwnModel(const ZPCache& cache) { return typeid(cache) == typeid(ZS
 class ZPropertiesIterator::Place : public ZPStore::Cursor {
 public:
     static Place* make(const ZProperties& properties, const char* stanza) {
-        Z_REQUIRE(zhasText(stanza));
+        zrequire(zhasText(stanza));
         if (!isOwnModel(*properties.cache_))
             return nullptr;
         ZPStore& store = properties.cache_->store();
@@ -96,7 +97,7 @@ int ZPropertiesIterator::hasMore() {
 
 void ZPropertiesIterator::nextEntry() {
     if (!hasMore())
-        raiseMisplaced(properties_->fileName_, __LINE__);
+        raiseMisplaced(properties_->fileName_);
     values_ = nullptr;
     if (place_ == nullptr) {
         std::unique_ptr<ZLCString> name(new ZLCString(
@@ -117,7 +118,7 @@ void ZPropertiesIterator::requireEntry() {
     if (place_ == nullptr)
         keys();
     if (place_ == nullptr ? currentKey_ == nullptr : place_->key() == ZPStore::none)
-        raiseMisplaced(properties_->fileName_, __LINE__);
+        raiseMisplaced(properties_->fileName_);
 }
 
 const char* ZPropertiesIterator::entryName() {
@@ -148,7 +149,7 @@ const char* ZPropertiesIterator::entryValue(unsigned int i) {
     const ZArrayList* list = values();
     if (list == nullptr)
         return nullptr;
-    Z_REQUIRE(i < list->size());
+    zrequire(i < list->size());
     return static_cast<const ZAbstractString*>(list->get(i))->getChars();
 }
 
@@ -210,7 +211,7 @@ ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& pr
                        (stringType == ZPROP_STRING_LOCAL || stringType == ZPROP_STRING_UTF8) &&
                        valueType >= ZPROP_ITER_AUTO && valueType <= ZPROP_ITER_OBFUSCATED;
     if (!valid)
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        zraise(ZInvalidParameterException());
     if (valueType == ZPROP_ITER_AUTO)
         foundHidden_ = properties.cache_->isObfuscated(stanza, key) != 0;
     else
@@ -270,7 +271,7 @@ int ZAbstractPropertyValuesIterator::isValid() const {
 
 const ZLCString* ZAbstractPropertyValuesIterator::nextValue() {
     if (!hasMore())
-        raiseMisplaced(properties_->fileName_, __LINE__);
+        raiseMisplaced(properties_->fileName_);
     ++index_;
     return currentValue();
 }
@@ -292,7 +293,7 @@ void ZAbstractPropertyValuesIterator::convert(const char* text, ZLCString& out) 
 
 void ZAbstractPropertyValuesIterator::changeValue(const char* text) {
     if (!isValid())
-        raiseMisplaced(properties_->fileName_, __LINE__);
+        raiseMisplaced(properties_->fileName_);
     ZLCString value;
     convert(text, value);
     values()->set(static_cast<unsigned int>(index_), &value);
@@ -321,7 +322,7 @@ void ZAbstractPropertyValuesIterator::addValue(const char* text) {
 
 void ZAbstractPropertyValuesIterator::removeValue() {
     if (!isValid())
-        raiseMisplaced(properties_->fileName_, __LINE__);
+        raiseMisplaced(properties_->fileName_);
     if (index_ == 0 && valueType_ == ZPROP_ITER_OBFUSCATED) {
         properties_->setValue(stanza_.getChars(), key_.getChars(), "");
         index_ = -1;

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "zcheck.h"
+#include "zraise.h"
 #include "zlockedfile.h"
 #include "zpropoptions.h"
 #include "zreport.h"
@@ -20,7 +20,7 @@ public:
         updated_.descriptor = file_.descriptor();
         const int error = zstampFile(updated_.descriptor, updated_.stamp);
         if (error != 0)
-            Z_RAISE_IO(path_.getChars(), "stat()", error);
+            zraiseIO(path_.getChars(), "stat()", error);
         // Always: what a stamp doesn't tell would be overwritten.
         properties_.cache_->clear();
         properties_.readUpdatedFile(path_, updated_);
@@ -38,7 +38,7 @@ public:
         // Somebody has put another file in its place, without asking for the lock. What he wrote isn't
         // overwritten with what was made of the old one.
         if (!zleadsTo(path(), updated_.descriptor))
-            Z_RAISE_IO(path(), "stat()", ESTALE);
+            zraiseIO(path(), "stat()", ESTALE);
         properties_.store(path());
     }
 
@@ -49,7 +49,7 @@ public:
         if (error == 0 || options().storeMode != ZPROP_STORE_CHECKED)
             return;
         properties_.setModified();
-        Z_RAISE_IO(path(), "close()", error);
+        zraiseIO(path(), "close()", error);
     }
 
     const char* path() const { return path_.getChars(); }
@@ -87,19 +87,19 @@ private:
 
 ZPropertiesUpdate::ZPropertiesUpdate(ZProperties& properties, unsigned long waitMilliseconds)
     : guard_(properties.lock_), progress_(nullptr) {
-    Z_REQUIRE(properties.isModified() == 0);
-    Z_REQUIRE(properties.fileName_.getLength() != 0);
-    Z_REQUIRE(properties.options().update == nullptr);
+    zrequire(properties.isModified() == 0);
+    zrequire(properties.fileName_.getLength() != 0);
+    zrequire(properties.options().update == nullptr);
     progress_ = new Progress(properties, waitMilliseconds);
 }
 
 ZPropertiesUpdate::~ZPropertiesUpdate() noexcept(false) {
     // The way out may be one after a failure: what fails here is reported and goes no further.
-    zrunReported(__FILE__, __LINE__, [this] { rollback(); });
+    zrunReported([this] { rollback(); });
 }
 
 void ZPropertiesUpdate::commit() {
-    Z_REQUIRE(progress_ != nullptr);
+    zrequire(progress_ != nullptr);
     progress_->store();
     const std::unique_ptr<Progress> ended(progress_);
     progress_ = nullptr;

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <memory>
 
-#include "zcheck.h"
+#include "zraise.h"
 #include "zpropdiff.h"
 #include "zinternal.h"
 #include "zjournal.h"
@@ -27,7 +27,7 @@ ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
         path_ = properties.fileName_;
         properties.options();  // from now on a stamp is kept
     }
-    Z_REQUIRE(path_.getLength() != 0);
+    zrequire(path_.getLength() != 0);
     watch_ = new ZPathWatch(path_.getChars(), kJournalSuffix);
     descriptor_ = watch_->descriptor();
 }
@@ -61,14 +61,14 @@ int ZPropertiesWatcher::process() {
         if (file.get() < 0 && (errno == ENOENT || errno == ENOTDIR))
             return 0;
         if (file.get() < 0)
-            Z_RAISE_IO(path_.getChars(), "fopen(r)", errno);
+            zraiseIO(path_.getChars(), "fopen(r)", errno);
         const ZLockOwner owner = properties_.options().lockOwner();
         ZLockScope lock(file, owner);
         const int error = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
         if (zisLockedByOthers(error))
             return 0;
         if (error != 0)
-            Z_RAISE_IO(path_.getChars(), "fcntl()", error);
+            zraiseIO(path_.getChars(), "fcntl()", error);
         watch_->noteReading(file.get());
         // A content that can't be read raises here, before the object is touched, and once.
         pending_ = false;

@@ -4,7 +4,8 @@
 
 #include <memory>
 
-#include "zcheck.h"
+#include "zinternal.h"
+#include "zraise.h"
 #include "zpropnotices.h"
 
 // ---------------------------------------------------------------- pairs
@@ -120,7 +121,7 @@ void ZStanzaFileProperties::checkComment(ZLCString& text) {
 }
 
 void ZStanzaFileProperties::addStanza(const char* stanza) {
-    Z_REQUIRE(zhasText(stanza));
+    zrequire(zhasText(stanza));
     const ZChangeNames names(hasObservers(), stanza, nullptr);
     {
         ZResourceLock guard(lock_);
@@ -131,7 +132,7 @@ void ZStanzaFileProperties::addStanza(const char* stanza) {
 }
 
 void ZStanzaFileProperties::deleteStanza(const char* stanza) {
-    Z_REQUIRE(zhasText(stanza));
+    zrequire(zhasText(stanza));
     const ZChangeNames names(hasObservers(), stanza, nullptr);
     {
         ZResourceLock guard(lock_);
@@ -142,7 +143,7 @@ void ZStanzaFileProperties::deleteStanza(const char* stanza) {
 }
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
-    Z_REQUIRE(zhasText(stanza) && zhasText(text));
+    zrequire(zhasText(stanza) && zhasText(text));
     ZResourceLock guard(lock_);
     ZLCString comment(text);
     checkComment(comment);
@@ -151,7 +152,7 @@ void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* tex
 }
 
 void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {
-    Z_REQUIRE(zhasText(stanza));
+    zrequire(zhasText(stanza));
     const ZLCString name(stanza);  // which may be a text of the list
     list.clear();
     ZResourceLock guard(lock_);
@@ -166,7 +167,7 @@ void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& lis
 
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const char* value,
                                      int obfuscated) {
-    Z_REQUIRE(zhasText(stanza) && zhasText(key) && zhasText(value));
+    zrequire(zhasText(stanza) && zhasText(key) && zhasText(value));
     ZArrayList list(1, 0);
     const ZLCConstString text(value);
     list.addNoCopy(&text);
@@ -199,7 +200,7 @@ void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
 
 void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const ZArrayList& list,
                                       int obfuscated) {
-    Z_REQUIRE(zhasText(stanza) && zhasText(key) && list.size() != 0);
+    zrequire(zhasText(stanza) && zhasText(key) && list.size() != 0);
     typedef ZAbstractPropertyValuesIterator Iterator;
     ZStanzaValueIterator value(
         *this, stanza, key, ZPROP_STRING_LOCAL,
@@ -217,7 +218,7 @@ void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const
 }
 
 void ZStanzaFileProperties::getItems(ZStzFileItem* items, unsigned int count) const {
-    Z_REQUIRE(items != nullptr && count != 0);
+    zrequire(items != nullptr && count != 0);
     ZResourceLock guard(lock_);
     for (unsigned int i = 0; i < count; ++i) {
         const ZStzFileItem& item = items[i];
@@ -245,7 +246,7 @@ void ZStanzaFileProperties::getItems(ZStzFileItem* items, unsigned int count) co
                     item.stanza, *static_cast<ZPropertiesKVList*>(item.result));
                 break;
             default:
-                ZInvalidParameterException().throwException(__FILE__, __LINE__);
+                zraise(ZInvalidParameterException());
         }
     }
 }

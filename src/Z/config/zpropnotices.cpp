@@ -79,7 +79,7 @@ void ZChangeNames::copy() {
     const size_t stanzaSize = strlen(stanza_) + 1, keySize = key_ == nullptr ? 0 : strlen(key_) + 1;
     char* target = room_;
     if (stanzaSize > SIZE_MAX - keySize)  // they may be one text
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     if (stanzaSize + keySize > sizeof room_)
         target = made_ = static_cast<char*>(ZObject::operator new(stanzaSize + keySize));
     memcpy(target, stanza_, stanzaSize);
@@ -118,7 +118,7 @@ public:
     // The thread may be ending, with notices left: they are no less true for that.
     ~Sending() {
         while (kept_->first != nullptr)
-            zrunReported(__FILE__, __LINE__, [this] { sendNext(); });
+            zrunReported([this] { sendNext(); });
         unlinkKept(kept_);
         delete kept_;
     }
@@ -137,7 +137,7 @@ public:
             }
         }
         while (kept_->first != nullptr)
-            zrunReported(__FILE__, __LINE__, [this] { sendNext(); });
+            zrunReported([this] { sendNext(); });
         if (raised != nullptr)
             std::rethrow_exception(raised);
     }

@@ -2,12 +2,12 @@
 #include "zpropoptions.h"
 
 #include "ZProperties.h"
-#include "zcheck.h"
+#include "zraise.h"
 
 // ---------------------------------------------------------------- open updates
 
 static pthread_mutex_t updatesMutex = PTHREAD_MUTEX_INITIALIZER;
-static ZUpdatedFile* updates;             // guarded by updatesMutex
+static ZUpdatedFile* updates;            // guarded by updatesMutex
 static std::atomic<int> updateCount(0);  // so that who has none pays nothing
 
 namespace {
@@ -64,7 +64,7 @@ const ZPropertiesOptions& ZProperties::optionsNow() const {
 }
 
 void ZProperties::setStoreMode(int mode) {
-    Z_REQUIRE(mode >= ZPROP_STORE_PLAIN && mode <= ZPROP_STORE_SAFE);
+    zrequire(mode >= ZPROP_STORE_PLAIN && mode <= ZPROP_STORE_SAFE);
     ZResourceLock guard(lock_);
     options().storeMode = mode;
 }
@@ -85,7 +85,7 @@ void ZProperties::setLockWait(unsigned long milliseconds) {
 }
 
 void ZProperties::setChangeTest(int test) {
-    Z_REQUIRE(test == ZPROP_CHANGE_SECONDS || test == ZPROP_CHANGE_EXACT);
+    zrequire(test == ZPROP_CHANGE_SECONDS || test == ZPROP_CHANGE_EXACT);
     ZResourceLock guard(lock_);
     options();  // from now on a stamp is kept
     changeTest_ = test;

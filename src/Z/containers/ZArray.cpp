@@ -5,6 +5,7 @@
 
 #include "ZException.h"
 #include "zmembers.h"
+#include "zraise.h"
 #include "zuncancelled.h"
 
 static ZObject** emptySlots(unsigned int count) {
@@ -13,10 +14,9 @@ static ZObject** emptySlots(unsigned int count) {
     return slots;
 }
 
-// Each call names its own line, which is the location that the exception tells.
-static void checkIndex(unsigned int index, unsigned int size, int line) {
-    if (index >= size)
-        ZInvalidParameterException().throwException(__FILE__, line);
+// The exception tells the line of the call.
+static void checkIndex(unsigned int index, unsigned int size, ZSite site = ZSite()) {
+    zrequire(index < size, site);
 }
 
 ZAbstractArray::~ZAbstractArray() noexcept {}
@@ -57,7 +57,7 @@ int ZArray::ownsMembers() const { return ownsMembers_; }
 int ZArray::contains(const ZObject* object) const { return indexOf(object) >= 0; }
 
 void ZArray::remove(unsigned int index) {
-    checkIndex(index, size_, __LINE__);
+    checkIndex(index, size_);
     ZObject* old = slots_[index];
     slots_[index] = nullptr;
     if (ownsMembers_)
@@ -71,12 +71,12 @@ void ZArray::removeAll() {
 }
 
 ZObject* ZArray::get(unsigned int index) const {
-    checkIndex(index, size_, __LINE__);
+    checkIndex(index, size_);
     return slots_[index];
 }
 
 void ZArray::set(unsigned int index, const ZObject* object) {
-    checkIndex(index, size_, __LINE__);
+    checkIndex(index, size_);
     if (object == nullptr) {
         setNoCopy(index, nullptr);
         return;
@@ -87,7 +87,7 @@ void ZArray::set(unsigned int index, const ZObject* object) {
 }
 
 void ZArray::setNoCopy(unsigned int index, const ZObject* object) {
-    checkIndex(index, size_, __LINE__);
+    checkIndex(index, size_);
     ZObject* old = slots_[index];
     slots_[index] = const_cast<ZObject*>(object);
     if (ownsMembers_ && old != object)
@@ -113,7 +113,7 @@ int ZArray::lastIndexOf(const ZObject* object) const {
 }
 
 void ZArray::swap(unsigned int a, unsigned int b) {
-    checkIndex(a, size_, __LINE__);
-    checkIndex(b, size_, __LINE__);
+    checkIndex(a, size_);
+    checkIndex(b, size_);
     std::swap(slots_[a], slots_[b]);
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZException.h"
+#include "zraise.h"
 
 ZAbstractBuffer::~ZAbstractBuffer() noexcept {}
 
@@ -87,7 +88,7 @@ void ZBuffer::setLength(unsigned long length) {
     } else if (length > length_) {
         void* data = realloc(data_, length);
         if (data == nullptr)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         data_ = data;
     }
     length_ = length;
@@ -105,7 +106,7 @@ void ZBuffer::setBuffer(unsigned long length, void* data) {
     // the source may lie in the old one.
     void* bytes = malloc(length);
     if (bytes == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     memcpy(bytes, data, length);
     free(data_);
     data_ = bytes;

@@ -10,6 +10,7 @@
 
 #include "ZException.h"
 #include "zmembers.h"
+#include "zraise.h"
 #include "zuncancelled.h"
 
 // An interface can't ask its own iterator from the header, where the class isn't known yet.
@@ -117,8 +118,7 @@ ZArrayList::ZArrayList(unsigned int capacity, int ownsMembers)
       ownsMembers_(ownsMembers) {}
 
 // Delegating, so that the destructor gives everything back when a clone fails on the way.
-ZArrayList::ZArrayList(const ZArrayList& other)
-    : ZArrayList(other.capacity_, other.ownsMembers_) {
+ZArrayList::ZArrayList(const ZArrayList& other) : ZArrayList(other.capacity_, other.ownsMembers_) {
     addList(other);
 }
 
@@ -198,7 +198,7 @@ void ZArrayList::addNoCopy(unsigned int index, const ZObject* object) {
 void ZArrayList::grow() {
     const uint64_t capacity = uint64_t(size_) + std::max(size_ / 2, 1u);
     if (capacity > UINT_MAX)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     ZObject** members = allocateSlots(static_cast<unsigned int>(capacity));
     memcpy(members, members_, size_ * sizeof(ZObject*));
     zreleaseBlock(members_);

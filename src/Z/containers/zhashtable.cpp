@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "ZException.h"
+#include "zraise.h"
 #include "zuncancelled.h"
 
 static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 bits");
@@ -168,7 +169,7 @@ void ZHashTable<Member>::reserve() {
 template <typename Member>
 void ZHashTable<Member>::growNodes() {
     if (capacity_ == UINT32_MAX)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     const uint64_t capacity =
         std::min<uint64_t>(std::max<uint64_t>(uint64_t(capacity_) * 2, kFirstNodes), UINT32_MAX);
     Node* nodes = static_cast<Node*>(zallocateSpread(capacity, sizeof(Node)));
@@ -184,7 +185,7 @@ void ZHashTable<Member>::growNodes() {
 template <typename Member>
 void ZHashTable<Member>::growSlots() {
     if (shift_ == 32)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     const int shift = slots_ != nullptr ? shift_ - 1 : 64 - kFirstSlotBits;
     const uint64_t count = uint64_t(1) << (64 - shift);
     Slot* old = slots_;

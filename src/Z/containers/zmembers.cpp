@@ -18,7 +18,7 @@ void* zallocateBlock(uint64_t count, size_t width) {
     if (count <= PTRDIFF_MAX / width)
         block = globalArrayAllocator(static_cast<size_t>(count) * width);
     if (block == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     return block;
 }
 
@@ -39,6 +39,6 @@ void zdeleteMember(ZObject* member) {
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (...) {
-        zreportCaught(__FILE__, __LINE__);
+        zreportCaught();
     }
 }

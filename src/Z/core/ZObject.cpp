@@ -4,15 +4,16 @@
 
 #include "ZException.h"
 #include "zinternal.h"
+#include "zraise.h"
 
 // Compilers assume that the global allocator never gives null and drop the test for it. A volatile
 // pointer keeps them from knowing whom we call; it is constant-initialised.
 static void* (*volatile globalAllocator)(size_t) = &::operator new;
 
-static void* allocate(size_t size, int line) {
+static void* allocate(size_t size, ZSite site = ZSite()) {
     void* memory = globalAllocator(size);
     if (memory == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, line);
+        zraise(ZOutOfMemoryException(), site);
     return memory;
 }
 
@@ -24,9 +25,9 @@ ZObject* ZObject::clone() const { return nullptr; }
 
 int ZObject::equals(const ZObject& other) const { return compare(other) == 0; }
 
-void* ZObject::operator new(size_t size) { return allocate(size, __LINE__); }
+void* ZObject::operator new(size_t size) { return allocate(size); }
 
-void* ZObject::operator new[](size_t size) { return allocate(size, __LINE__); }
+void* ZObject::operator new[](size_t size) { return allocate(size); }
 
 void ZObject::operator delete(void* memory) noexcept { ::operator delete(memory); }
 

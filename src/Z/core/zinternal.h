@@ -8,6 +8,9 @@
 #include "Z.h"
 #include "zuncancelled.h"
 
+/// Neither null nor empty.
+inline bool zhasText(const char* s) { return s != nullptr && *s != '\0'; }
+
 /// An address as a 32-bit hash: wider addresses have their upper half folded in.
 inline unsigned int zaddressHash(const void* address) {
     const uint64_t value = reinterpret_cast<uintptr_t>(address);

@@ -1,6 +1,7 @@
 #include "ZAbstractConstString.h"
 
 #include "ZException.h"
+#include "zraise.h"
 
 const char* const ZAbstractConstString::zemptyString = "";
 
@@ -10,9 +11,7 @@ ZAbstractConstString& ZAbstractConstString::setChars(const ZAbstractString& othe
     return *this;
 }
 
-void ZAbstractConstString::raiseTooLong() {
-    ZOutOfMemoryException().throwException(__FILE__, __LINE__);
-}
+void ZAbstractConstString::raiseTooLong() { zraise(ZOutOfMemoryException()); }
 
 int ZAbstractConstString::equals(const ZObject& other) const {
     const ZAbstractString& string = static_cast<const ZAbstractString&>(other);

@@ -5,16 +5,12 @@
 
 #include "ZException.h"
 #include "zasprintf.h"
+#include "zraise.h"
 
 const unsigned int ZAbstractMutableString::kInlineLength;
 
 // One below what the length field can hold, so that the terminator still counts.
 static const uint64_t kMostCapacity = 0xFFFFFFFEU;
-
-[[noreturn]] static void raiseOutOfMemory(int line) {
-    ZOutOfMemoryException failure;
-    failure.throwException(__FILE__, line);
-}
 
 // The capacity that a string of `capacity` grows to for `n` bytes; never less than it has.
 static uint64_t grownCapacity(uint64_t capacity, uint64_t inlineLength, uint64_t n, int exact) {
@@ -22,7 +18,7 @@ static uint64_t grownCapacity(uint64_t capacity, uint64_t inlineLength, uint64_t
     if (target <= inlineLength)
         return capacity;
     if (target > kMostCapacity)
-        raiseOutOfMemory(__LINE__);
+        zraise(ZOutOfMemoryException());
     if (!exact)
         target += (n + 7) / 5;
     return target > kMostCapacity ? kMostCapacity : target;
@@ -31,7 +27,7 @@ static uint64_t grownCapacity(uint64_t capacity, uint64_t inlineLength, uint64_t
 static char* allocateBlock(uint64_t capacity) {
     char* block = static_cast<char*>(malloc(static_cast<size_t>(capacity) + 1));
     if (block == nullptr)
-        raiseOutOfMemory(__LINE__);
+        zraise(ZOutOfMemoryException());
     return block;
 }
 
@@ -52,7 +48,7 @@ void ZAbstractMutableString::grow(uint64_t n, int exact) {
     } else {
         block = static_cast<char*>(realloc(chars_, static_cast<size_t>(target) + 1));
         if (block == nullptr)
-            raiseOutOfMemory(__LINE__);
+            zraise(ZOutOfMemoryException());
     }
     chars_ = block;
     capacity_ = static_cast<unsigned int>(target);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZException.h"
+#include "zraise.h"
 
 std::atomic<zcodeset_handle> ZAbstractString::utf8_handle_{0};
 std::atomic<zcodeset_handle> ZAbstractString::lcs_handle_{0};
@@ -28,7 +29,7 @@ static unsigned int positionOf(const char* hit, const char* text) {
         return ZAbstractString::notFound;
     const size_t position = static_cast<size_t>(hit - text);
     if (position >= ZAbstractString::notFound)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     return static_cast<unsigned int>(position);
 }
 
@@ -42,7 +43,7 @@ unsigned int ZAbstractString::hash() const {
 int ZAbstractString::compare(const ZObject& other) const {
     const ZAbstractString& string = asString(other);
     if (getCodesetHandle() != string.getCodesetHandle())
-        ZUnsupportedException().throwException(__FILE__, __LINE__);
+        zraise(ZUnsupportedException());
     return compare(string.getChars());
 }
 
@@ -100,7 +101,7 @@ unsigned int ZAbstractString::lastIndexOf(int c) const {
             return last;
         const int bytes = zmblen(codeset, text + hit, length - hit);
         if (bytes < 0)
-            ZQELMBLenException().throwException(__FILE__, __LINE__);
+            zraise(ZQELMBLenException());
         last = hit;
         from = hit + static_cast<unsigned int>(bytes);
     }

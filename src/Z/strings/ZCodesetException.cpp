@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "zcodesetfailure.h"
+#include "zraise.h"
 
 ZCodesetException::ZCodesetException(const char* codeset)
     : ZZException(47, "ZCodesetException"),
@@ -22,6 +23,4 @@ int ZCodesetException::print() {
     return printinternal(this, codesetName_.getChars(), qelDir_.getChars());
 }
 
-void zraiseCodesetFailure(const char* codeset) {
-    ZCodesetException(codeset).throwException(__FILE__, __LINE__);
-}
+void zraiseCodesetFailure(const char* codeset) { zraise(ZCodesetException(codeset)); }

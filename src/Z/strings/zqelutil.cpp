@@ -14,6 +14,7 @@
 #include "zcodesetfailure.h"
 #include "zinternal.h"
 #include "zmessageformats.h"
+#include "zraise.h"
 
 // Written once, by the set-up; names live for ever. The four that callers read without passing
 // pthread_once are atomics; what set-up wrote before them can be seen by whoever sees them.
@@ -56,7 +57,7 @@ static void zonce_init() {
 static void commonInit() {
     pthread_once(&qel_once, zonce_init);
     if (qeldir_ == nullptr)
-        ZNoQELEnvironmentException().throwException(__FILE__, __LINE__);
+        zraise(ZNoQELEnvironmentException());
     if (zlocal_codeset_.load(std::memory_order_relaxed) == 0)
         zraiseCodesetFailure(csname_.load(std::memory_order_relaxed));
     if (zutf8_codeset_.load(std::memory_order_relaxed) == 0)

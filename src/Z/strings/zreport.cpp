@@ -19,15 +19,15 @@ static void reportWhateverHappens(Report report) {
     }
 }
 
-void zreportCode(const char* file, int line, int number, int rc) {
+void zreportCode(int number, int rc, ZSite site) {
     reportWhateverHappens([=] {
         const ZLCString text(rc);
-        ZMessageService::messageService()->outputMessage(file, line, number, 1, &text, nullptr,
-                                                         nullptr, nullptr, nullptr, nullptr);
+        ZMessageService::messageService()->outputMessage(
+            site.file, site.line, number, 1, &text, nullptr, nullptr, nullptr, nullptr, nullptr);
     });
 }
 
-void zreportCaught(const char* file, int line) {
+void zreportCaught(ZSite site) {
     reportWhateverHappens([=] {
         try {
             throw;
@@ -36,8 +36,8 @@ void zreportCaught(const char* file, int line) {
         } catch (abi::__forced_unwind&) {
             throw;
         } catch (...) {
-            ZMessageService::messageService()->outputMessage(file, line, 19, 0, nullptr, nullptr,
-                                                             nullptr, nullptr, nullptr, nullptr);
+            ZMessageService::messageService()->outputMessage(
+                site.file, site.line, 19, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
         }
     });
 }

@@ -5,31 +5,31 @@
 
 #include <cxxabi.h>
 
-#include "Z.h"
+#include "zraise.h"
 
 /// Sends the plain message `number` with the return code of a failed call as its one insert to the
-/// current message service. `file` and `line` are those of the call.
+/// current message service. The place that it tells is that of this call.
 ///
 /// Raises nothing, whatever the service does: the report of a failure must not hide the failure.
 /// A cancellation request waits until the report is out, so that destructors may report.
-void zreportCode(const char* file, int line, int number, int rc);
+void zreportCode(int number, int rc, ZSite site = ZSite());
 
 /// Inside a handler: reports the exception that is being handled, in the same way. One of the
 /// library prints itself; of any other, only that it came is known (number 19). Requires: forced
 /// unwinding has been let through before.
-void zreportCaught(const char* file, int line);
+void zreportCaught(ZSite site = ZSite());
 
 /// Runs `step`. What it raises is reported; only the end of the thread goes on. Whether nothing was
 /// raised. A forced unwind has no exception object, which the sanitizer takes for a null reference.
 template <typename Step>
-__attribute__((no_sanitize("null"))) bool zrunReported(const char* file, int line, Step step) {
+__attribute__((no_sanitize("null"))) bool zrunReported(Step step, ZSite site = ZSite()) {
     try {
         step();
         return true;
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (...) {
-        zreportCaught(file, line);
+        zreportCaught(site);
         return false;
     }
 }

@@ -16,16 +16,16 @@ static const size_t kRoom = 256;
 ZLCString ZLocalHostName::getLocalHostName() {
     const std::unique_ptr<char, decltype(&free)> name(static_cast<char*>(malloc(kRoom)), &free);
     if (name == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     if (gethostname(name.get(), kRoom) != 0) {
-        zreportCode(__FILE__, __LINE__, 25, errno);
+        zreportCode(25, errno);
         return ZLCString();
     }
     // A thread that is cancelled in there leaves the resolver locked for the whole process.
     const ZUncancelled uncancelled;
     const hostent* host = gethostbyname(name.get());
     if (host == nullptr) {
-        zreportCode(__FILE__, __LINE__, 26, errno);
+        zreportCode(26, errno);
         return ZLCString();
     }
     return ZLCString(host->h_name);

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "ZExceptionText.h"
+#include "zraise.h"
 #include "zshlib.h"
 
 // ZAbstractSharedLibrary
@@ -113,13 +114,12 @@ void ZSharedLibrary::loadLibrary() {
     dropLoaderText();
     void* handle = openByAnyName();
     if (handle == nullptr)
-        ZSharedLibraryLoadException(libraryName_.getChars(), lastErrorMessage_.getChars(),
-                                    lastErrorNumber_)
-            .throwException(__FILE__, __LINE__);
+        zraise(ZSharedLibraryLoadException(libraryName_.getChars(), lastErrorMessage_.getChars(),
+                                           lastErrorNumber_));
     handle_ = handle;
     if (initialize() != 0)
-        ZSharedLibraryLoadException(libraryName_.getChars(), "initialize", lastErrorNumber_)
-            .throwException(__FILE__, __LINE__);
+        zraise(
+            ZSharedLibraryLoadException(libraryName_.getChars(), "initialize", lastErrorNumber_));
 }
 
 void ZSharedLibrary::unloadLibrary() {
@@ -131,9 +131,8 @@ void ZSharedLibrary::unloadLibrary() {
         return;
     }
     setLastError(error);
-    ZSharedLibraryLoadException(libraryName_.getChars(), lastErrorMessage_.getChars(),
-                                lastErrorNumber_)
-        .throwException(__FILE__, __LINE__);
+    zraise(ZSharedLibraryLoadException(libraryName_.getChars(), lastErrorMessage_.getChars(),
+                                       lastErrorNumber_));
 }
 
 void* ZSharedLibrary::resolveSymbol(const char* symbol) {
@@ -143,9 +142,8 @@ void* ZSharedLibrary::resolveSymbol(const char* symbol) {
     if (address != nullptr)
         return address;
     setLastError(error);
-    ZSharedLibraryResolveException(libraryName_.getChars(), symbol, lastErrorMessage_.getChars(),
-                                   lastErrorNumber_)
-        .throwException(__FILE__, __LINE__);
+    zraise(ZSharedLibraryResolveException(libraryName_.getChars(), symbol,
+                                          lastErrorMessage_.getChars(), lastErrorNumber_));
 }
 
 void* ZSharedLibrary::getHandle() const { return handle_; }

@@ -1,11 +1,10 @@
 #include "ZWinRegistry.h"
 
 #include "ZException.h"
+#include "zraise.h"
 
-int ZWinRegistry::exists(const char*, const char*) {
-    ZInvalidPlatformException().throwException(__FILE__, __LINE__);
-}
+int ZWinRegistry::exists(const char*, const char*) { zraise(ZInvalidPlatformException()); }
 
 int ZWinRegistry::getValue(const char*, const char*, ZAbstractMutableString&) {
-    ZInvalidPlatformException().throwException(__FILE__, __LINE__);
+    zraise(ZInvalidPlatformException());
 }

@@ -1,6 +1,7 @@
 #include "ZStringIterator.h"
 
 #include "ZException.h"
+#include "zraise.h"
 #include "ztextwalk.h"
 
 ZStringIterator::ZStringIterator(const ZLCConstString& source, ZLCString& target)
@@ -34,7 +35,7 @@ ZObject* ZStringIterator::getNext() {
         const size_t offset = static_cast<size_t>(cursor_ - source_->getChars());
         n = zmblen(source_->getCodesetHandle(), cursor_, source_->getLength() - offset);
         if (n < 0)
-            ZQELMBLenException().throwException(__FILE__, __LINE__);
+            zraise(ZQELMBLenException());
     }
     target_->append(cursor_, static_cast<unsigned int>(n));
     cursor_ += n;

@@ -5,6 +5,7 @@
 
 #include "ZException.h"
 #include "ZList.h"
+#include "zraise.h"
 #include "ztextwalk.h"
 
 namespace {
@@ -54,7 +55,7 @@ ZStringTokenizer::ZStringTokenizer(const ZAbstractString& source, ZAbstractMutab
       mbMax_(zstepASCII) {
     const zcodeset_handle codeset = source.getCodesetHandle();
     if (codeset != target.getCodesetHandle())
-        ZUnsupportedException().throwException(__FILE__, __LINE__);
+        zraise(ZUnsupportedException());
     if (codeset == zgetLCSHandle())
         mbMax_ = zlocalTextStep();
     delimiters_ = newStringLike(source, delimiters);
@@ -110,7 +111,7 @@ size_t ZStringTokenizer::skip(const ZAbstractString& delims, bool delimiters) co
 size_t ZStringTokenizer::skipAll(const ZAbstractString& delims) const {
     const size_t n = skip(delims, true);
     if (n == kInvalid)
-        ZQELMBLenException().throwException(__FILE__, __LINE__);
+        zraise(ZQELMBLenException());
     return n;
 }
 
@@ -118,7 +119,7 @@ size_t ZStringTokenizer::skipOther(const ZAbstractString& delims) const {
     const size_t n = skip(delims, false);
     if (n == kInvalid) {
         target_->setChars(cursor_);
-        ZQELMBLenException().throwException(__FILE__, __LINE__);
+        zraise(ZQELMBLenException());
     }
     return n;
 }

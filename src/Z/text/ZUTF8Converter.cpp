@@ -11,6 +11,7 @@
 #include "ZException.h"
 #include "qel/qel.h"
 #include "zcodesetfailure.h"
+#include "zraise.h"
 
 ZUTF8ConverterInterface::~ZUTF8ConverterInterface() noexcept {}
 
@@ -22,7 +23,7 @@ static void setTextUp(bool isRequired) {
     if (getenv("QELDIR") != nullptr)
         zsetTextUp();
     else if (isRequired)
-        ZNoQELEnvironmentException().throwException(__FILE__, __LINE__);
+        zraise(ZNoQELEnvironmentException());
 }
 
 ZQELUTF8Converter::ZQELUTF8Converter()
@@ -66,7 +67,7 @@ static void convert(Conversion* conversion, unsigned long bytesPerByte, qel_code
     }
     const size_t length = strlen(text);
     if (length > (ULONG_MAX - 1) / bytesPerByte)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     out.setLength(bytesPerByte * length + 1);
     const int n =
         conversion(codeset, text, length + 1, static_cast<char*>(out.getBuffer()), out.getLength());

@@ -16,7 +16,8 @@
 #include "ZAbstractMutableString.h"
 #include "ZBuffer.h"
 #include "ZStringIterator.h"
-#include "zcheck.h"
+#include "zinternal.h"
+#include "zraise.h"
 
 namespace {
 
@@ -383,7 +384,7 @@ ZUTF8String& ZUTF8String::replaceOther(const char* set, const char* to) {
 }
 
 ZUTF8String& ZUTF8String::replace(char a, char b) {
-    Z_REQUIRE(static_cast<unsigned char>(a) < 0x80);
+    zrequire(static_cast<unsigned char>(a) < 0x80);
     if (a == '\0')
         return *this;  // the search would find the terminator
     for (char* hit = strchr(bump(0, 1), a); hit != nullptr; hit = strchr(hit + 1, a))

@@ -14,15 +14,15 @@ static pthread_cond_t* makeCondition() {
     auto condition = zmake<pthread_cond_t>();
     const int rc = pthread_cond_init(condition.get(), nullptr);
     if (rc != 0)
-        ZConditionException(7, rc).throwException(__FILE__, __LINE__);
+        zraise(ZConditionException(7, rc));
     return condition.release();
 }
 
 // Failures of a condition are told twice: whoever catches the exception may not print it, and a
 // waiter that stopped waiting is worth a line.
-static void reportAndRaise(int number, int rc, int line) {
-    zreportCode(__FILE__, line, number, rc);
-    ZConditionException(number, rc).throwException(__FILE__, line);
+static void reportAndRaise(int number, int rc, ZSite site = ZSite()) {
+    zreportCode(number, rc, site);
+    zraise(ZConditionException(number, rc), site);
 }
 
 ZCondition::ZCondition() : lock_(nullptr), ownLock_(1), cond_(nullptr) {
@@ -37,7 +37,7 @@ ZCondition::~ZCondition() noexcept {
     const int rc = pthread_cond_destroy(cond_);
     ZUnmake()(cond_);
     if (rc != 0)
-        zreportCode(__FILE__, __LINE__, 8, rc);
+        zreportCode(8, rc);
     if (ownLock_)
         delete lock_;
 }
@@ -66,7 +66,9 @@ void ZCondition::wait(timespec& absolute, int& timedOut) {
     class DepthGuard {
     public:
         explicit DepthGuard(ZLock& lock)
-            : lock_(lock), depth_(lock.count_), owner_(lock.owner_->load(std::memory_order_relaxed)) {
+            : lock_(lock),
+              depth_(lock.count_),
+              owner_(lock.owner_->load(std::memory_order_relaxed)) {
             lock_.count_ = 0;
             lock_.owner_->store(static_cast<pthread_t>(-1), std::memory_order_relaxed);
         }
@@ -94,20 +96,20 @@ void ZCondition::wait(timespec& absolute, int& timedOut) {
         waitTimedOut();
         timedOut = 1;
     } else if (rc != 0) {
-        reportAndRaise(9, rc, __LINE__);
+        reportAndRaise(9, rc);
     }
 }
 
 void ZCondition::signal() {
     const int rc = pthread_cond_signal(cond_);
     if (rc != 0)
-        reportAndRaise(10, rc, __LINE__);
+        reportAndRaise(10, rc);
 }
 
 void ZCondition::broadcast() {
     const int rc = pthread_cond_broadcast(cond_);
     if (rc != 0)
-        reportAndRaise(27, rc, __LINE__);
+        reportAndRaise(27, rc);
 }
 
 void ZCondition::lock() { lock_->lock(); }
@@ -122,7 +124,7 @@ void ZCondition::validateLock() {
     // The owner first: the depth is the holder's alone to read.
     if (!pthread_equal(lock_->owner_->load(std::memory_order_relaxed), pthread_self()) ||
         lock_->count_ <= 0)
-        ZLockResourceException(5, 0).throwException(__FILE__, __LINE__);
+        zraise(ZLockResourceException(5, 0));
 }
 
 ZBooleanCondition::ZBooleanCondition() : condition_(0) {}

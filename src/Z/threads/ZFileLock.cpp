@@ -33,6 +33,7 @@
 #include <cstdlib>
 
 #include "ZExceptionText.h"
+#include "zraise.h"
 #include "zuncancelled.h"
 
 static const char kPrefix[] = "._zpl";
@@ -69,9 +70,8 @@ static int currentProcess() {
     return noted != 0 ? noted : getpid();
 }
 
-static void raiseState(const char* name, int line) {
-    ZInvalidResourceStateException failure(name);
-    failure.throwException(__FILE__, line);
+static void raiseState(const char* name, ZSite site = ZSite()) {
+    zraise(ZInvalidResourceStateException(name), site);
 }
 
 // Runs a clean-up whose failure mustn't hide the one that led here. Giving a record lock up and
@@ -116,7 +116,7 @@ private:
 static const ZAbstractProcessReadWriteFileLock& checkedFree(
     const ZAbstractProcessReadWriteFileLock& lock) {
     if (lock.getLockState() != ZReadWriteLockInterface::unset)
-        raiseState(lock.getLockStateName(lock.getLockState()), __LINE__);
+        raiseState(lock.getLockStateName(lock.getLockState()));
     return lock;
 }
 
@@ -177,11 +177,11 @@ void ZAbstractProcessReadWriteFileLock::setLockDirName(const char* dir) {
     struct stat status;
     if (dir != nullptr &&
         (stat(dir, &status) != 0 || (status.st_mode & kUsableFolder) != kUsableFolder))
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        zraise(ZInvalidParameterException());
     if (lockDirName_ == (dir == nullptr ? "" : dir))
         return;
     if (getLockState() != unset)
-        raiseState(getLockStateName(lockState_), __LINE__);
+        raiseState(getLockStateName(lockState_));
     lockDirName_ = dir;
     setLockFileName(getLockName().getChars());
 }
@@ -197,9 +197,7 @@ void ZAbstractProcessReadWriteFileLock::setLockFileName(const char* name) {
 
 // ---------------------------------------------------------------- grants and releases
 
-void ZAbstractProcessReadWriteFileLock::lock() {
-    ZAbstractProcessReadWriteFileLock::lock(write);
-}
+void ZAbstractProcessReadWriteFileLock::lock() { ZAbstractProcessReadWriteFileLock::lock(write); }
 
 void ZAbstractProcessReadWriteFileLock::lock(zlockstate state) {
     dolock(state);
@@ -237,7 +235,7 @@ void ZAbstractProcessReadWriteFileLock::grant(zlockstate state) {
     ZAbstractProcessReadWriteLock::lock(state);
     OnFailure leaveThreads([this] { ZAbstractProcessReadWriteLock::lock(unset); });
     if (state == write && getLockState() != unset)
-        raiseState(getLockStateName(lockState_), __LINE__);
+        raiseState(getLockStateName(lockState_));
     leaveThreads.dismiss();
     OnFailure leave([this] { leaveGrant(); });
     {
@@ -352,7 +350,7 @@ void ZAbstractProcessReadWriteFileLock::writePid() {
 
 unsigned long ZAbstractProcessReadWriteFileLock::incSequence() {
     if (lockState_ != write)
-        raiseState(getLockStateName(lockState_), __LINE__);
+        raiseState(getLockStateName(lockState_));
     unsigned long number = sequence_;
     if (sequenceLost_) {
         number = 0;
@@ -521,7 +519,7 @@ void ZUnixProcessReadWriteFileLock::lockFileRange(zlockstate state, unsigned int
             range.l_type = F_WRLCK;
             break;
         default:
-            raiseState(getLockStateName(state), __LINE__);
+            raiseState(getLockStateName(state));
     }
     range.l_whence = SEEK_SET;
     range.l_start = offset;
@@ -530,8 +528,8 @@ void ZUnixProcessReadWriteFileLock::lockFileRange(zlockstate state, unsigned int
         return;
     const int error = errno;
     if (state == unset)
-        ZUnlockResourceException(34, error).throwException(__FILE__, __LINE__);
-    ZLockResourceException(33, error).throwException(__FILE__, __LINE__);
+        zraise(ZUnlockResourceException(34, error));
+    zraise(ZLockResourceException(33, error));
 }
 
 void ZUnixProcessReadWriteFileLock::unlockFileRange(unsigned int offset, unsigned int length) {
@@ -547,7 +545,7 @@ void ZUnixProcessReadWriteFileLock::writeBytes(void* bytes, unsigned int offset,
         return;
     const int error = errno;
     sequence_ = 0;
-    ZWriteResourceException(36, error).throwException(__FILE__, __LINE__);
+    zraise(ZWriteResourceException(36, error));
 }
 
 void ZUnixProcessReadWriteFileLock::readBytes(void* bytes, unsigned int offset,
@@ -560,10 +558,10 @@ void ZUnixProcessReadWriteFileLock::readBytes(void* bytes, unsigned int offset,
     struct stat status;
     if (errno != 0 || stat(lockFileName_.getChars(), &status) != 0) {
         const int error = errno;
-        ZReadResourceException(35, error).throwException(__FILE__, __LINE__);
+        zraise(ZReadResourceException(35, error));
     }
     if (status.st_size != 0)
-        ZReadResourceException(35, -1).throwException(__FILE__, __LINE__);
+        zraise(ZReadResourceException(35, -1));
 }
 
 // ---------------------------------------------------------------- without a file

@@ -47,18 +47,12 @@ static int exceptionsOnTheirWay() {
 
 static inline bool rarely(bool condition) { return __builtin_expect(condition, false); }
 
-// Out of line, so that locking needs no room for an exception on its stack.
-template <typename Exception>
-[[noreturn, gnu::cold, gnu::noinline]] static void raise(int number, int rc, int line) {
-    Exception(number, rc).throwException(__FILE__, line);
-}
-
 ZLock::ZLock() : mutex_(nullptr), owner_(nullptr), count_(0) {
     auto mutex = zmake<pthread_mutex_t>();
     auto owner = zmake<std::atomic<pthread_t>>(kNobody);
     const int rc = pthread_mutex_init(mutex.get(), nullptr);
     if (rc != 0)
-        raise<ZCreateResourceException>(3, rc, __LINE__);
+        zraiseCode<ZCreateResourceException>(3, rc);
     mutex_ = mutex.release();
     owner_ = owner.release();
 }
@@ -70,7 +64,7 @@ ZLock::~ZLock() noexcept {
     ZUnmake()(owner_);
     ZUnmake()(mutex_);
     if (rc != 0)
-        zreportCode(__FILE__, __LINE__, 4, rc);
+        zreportCode(4, rc);
 }
 
 void ZLock::lock() {
@@ -80,14 +74,14 @@ void ZLock::lock() {
     }
     const int rc = pthread_mutex_lock(mutex_);
     if (rarely(rc != 0))
-        raise<ZLockResourceException>(5, rc, __LINE__);
+        zraiseCode<ZLockResourceException>(5, rc);
     count_ = 1;
     owner_->store(currentThread(), std::memory_order_relaxed);
 }
 
 void ZLock::unlock() {
     if (rarely(owner_->load(std::memory_order_relaxed) != currentThread() || count_ <= 0))
-        raise<ZUnlockResourceException>(6, 0, __LINE__);
+        zraiseCode<ZUnlockResourceException>(6, 0);
     if (--count_ > 0)
         return;
     // Before the mutex is free: afterwards it belongs to the next holder, as count_ does.
@@ -96,7 +90,7 @@ void ZLock::unlock() {
     if (rarely(rc != 0)) {
         count_ = 1;
         owner_->store(currentThread(), std::memory_order_relaxed);
-        raise<ZUnlockResourceException>(6, rc, __LINE__);
+        zraiseCode<ZUnlockResourceException>(6, rc);
     }
 }
 
@@ -112,6 +106,6 @@ ZResourceLock::~ZResourceLock() noexcept(false) {
     } catch (...) {
         if (exceptionsOnTheirWay() == exceptions_)
             throw;
-        zreportCaught(__FILE__, __LINE__);
+        zreportCaught();
     }
 }

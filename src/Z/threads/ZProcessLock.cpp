@@ -106,11 +106,11 @@ ZAbstractProcessReadWriteLock::~ZAbstractProcessReadWriteLock() noexcept(false) 
         return;
     try {
         ZInvalidResourceStateException failure(getLockStateName(state));
-        failure.throwException(__FILE__, __LINE__);
+        zraise(failure);
     } catch (ZException&) {
         if (std::uncaught_exceptions() <= exceptions_)
             throw;
-        zreportCaught(__FILE__, __LINE__);
+        zreportCaught();
     }
 }
 
@@ -124,7 +124,7 @@ int ZAbstractProcessReadWriteLock::compare(const ZObject& other) const {
 
 ZObject* ZAbstractProcessReadWriteLock::clone() const {
     ZAbstractNotImplementedException failure("ZAbstractProcessReadWriteLock::clone");
-    failure.throwException(__FILE__, __LINE__);
+    zraise(failure);
 }
 
 // ---------------------------------------------------------------- grants and releases
@@ -154,7 +154,7 @@ private:
 
 void ZAbstractProcessReadWriteLock::checkReleasable() const {
     if (!threadLock_.mayUnlock())
-        ZUnlockResourceException(6, 0).throwException(__FILE__, __LINE__);
+        zraise(ZUnlockResourceException(6, 0));
 }
 
 void ZAbstractProcessReadWriteLock::lock(zlockstate state) {

@@ -46,12 +46,6 @@ static inline ZReadWriteLockInterface::zlockstate stateOf(unsigned int word) {
 
 static inline bool rarely(bool condition) { return __builtin_expect(condition, false); }
 
-// Out of line, so that a grant needs no room for an exception on its stack.
-template <typename Exception>
-[[noreturn, gnu::cold, gnu::noinline]] static void raise(int number, int line) {
-    Exception(number, 0).throwException(__FILE__, line);
-}
-
 // Valgrind's race detectors know mutexes but no atomics, so under them each request takes the
 // condition's lock and what it guards is seen in order. The thread sanitizer knows both.
 static int underValgrind() {
@@ -81,7 +75,7 @@ struct ZReadWriteLock::Steps {
 
         void checkNotHeld(unsigned int word) const {
             if (rarely((word & kHeld) != 0 && heldByCaller(lock)))
-                raise<ZLockResourceException>(5, __LINE__);
+                zraiseCode<ZLockResourceException>(5, 0);
         }
         void before() {}
         void missed() {}
@@ -126,7 +120,7 @@ struct ZReadWriteLock::Steps {
         using Request::Request;
         Move of(unsigned int word) const {
             if (stateOf(word) != protect || !heldByCaller(lock))
-                raise<ZLockResourceException>(5, __LINE__);
+                zraiseCode<ZLockResourceException>(5, 0);
             return {Move::go, word | write, false};
         }
         void after() {}
@@ -149,7 +143,7 @@ struct ZReadWriteLock::Steps {
             if (held)
                 return {Move::go, word & ~kState, true};
             if (rarely(readersOf(word) < 1))
-                raise<ZUnlockResourceException>(6, __LINE__);
+                zraiseCode<ZUnlockResourceException>(6, 0);
             // Waited for are the last reader's leaving, by a writer or a draining promoter, and the
             // end of protect and write.
             return {Move::go, word - kReader,
@@ -388,7 +382,7 @@ ZStackReadWriteLock::~ZStackReadWriteLock() noexcept(false) {
     } catch (...) {
         if (std::uncaught_exceptions() <= exceptions_)
             throw;
-        zreportCaught(__FILE__, __LINE__);
+        zreportCaught();
     }
 }
 

@@ -23,7 +23,7 @@
 #include <limits>
 
 #include "ZException.h"
-#include "zcheck.h"
+#include "zraise.h"
 #include "zinternal.h"
 #include "zmemory.h"
 #include "zreport.h"
@@ -42,7 +42,7 @@
 template <typename Step, typename Rest>
 __attribute__((no_sanitize("null"))) static void runThen(Step step, Rest rest) {
     try {
-        zrunReported(__FILE__, __LINE__, step);
+        zrunReported(step);
     } catch (abi::__forced_unwind&) {
         rest();
         throw;
@@ -109,11 +109,11 @@ namespace {
 /// The attributes of a thread that is to be made.
 class Attributes {
 public:
-    Attributes() { Z_CHECK_THREAD(15, pthread_attr_init(&attributes_)); }
+    Attributes() { zcheckThread(15, pthread_attr_init(&attributes_)); }
     ~Attributes() {
         const int rc = pthread_attr_destroy(&attributes_);
         if (rc != 0)
-            zreportCode(__FILE__, __LINE__, 18, rc);
+            zreportCode(18, rc);
     }
     Attributes(const Attributes&) = delete;
     Attributes& operator=(const Attributes&) = delete;
@@ -153,11 +153,11 @@ int ZThread::compare(const ZObject& other) const {
     return left == right ? 0 : left < right ? -1 : 1;
 }
 
-ZObject* ZThread::clone() const { ZNotClonableException().throwException(__FILE__, __LINE__); }
+ZObject* ZThread::clone() const { zraise(ZNotClonableException()); }
 
 void ZThread::start() {
     Attributes attributes;
-    Z_CHECK_THREAD(
+    zcheckThread(
         16, pthread_attr_setdetachstate(
                 attributes.get(), detached_ ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE));
 
@@ -171,7 +171,7 @@ void ZThread::start() {
         life_->id = earlier;
         joinable_ = earlierUnjoined;
         life_->noteEnd();
-        Z_CHECK_THREAD(17, rc);
+        zcheckThread(17, rc);
     }
     if (earlierUnjoined)
         pthread_detach(earlier);  // nobody knows its id any more
@@ -198,7 +198,7 @@ void ZThread::waitForExit() {
     if (detached_)
         return;
     JoinRight right(joinable_);
-    Z_CHECK_THREAD(20, right.held() ? pthread_join(life_->id, nullptr) : ESRCH);
+    zcheckThread(20, right.held() ? pthread_join(life_->id, nullptr) : ESRCH);
     right.use();
 }
 
@@ -222,7 +222,7 @@ void ZThread::cancel_routine(ZThread* thread) {
         // An end that the pool doesn't hear of would keep its place taken for ever, so that one
         // failed lock is not enough.
         for (int tries = 0; !heard && tries < 2; ++tries)
-            zrunReported(__FILE__, __LINE__, [&] { pool->noteDeath(*thread, heard); });
+            zrunReported([&] { pool->noteDeath(*thread, heard); });
         if (deletesItself)
             thread->deleteWhenReleased();
     };
@@ -230,7 +230,7 @@ void ZThread::cancel_routine(ZThread* thread) {
 }
 
 void ZThread::createThreadKey(unsigned int& key) {
-    Z_CHECK_THREAD(29, pthread_key_create(&key, deleteThreadObject));
+    zcheckThread(29, pthread_key_create(&key, deleteThreadObject));
 }
 
 ZObject* ZThread::getThreadObject(unsigned int& key) {
@@ -238,12 +238,12 @@ ZObject* ZThread::getThreadObject(unsigned int& key) {
 }
 
 void ZThread::setThreadObject(unsigned int& key, ZObject* object) {
-    Z_CHECK_THREAD(30, pthread_setspecific(key, object));
+    zcheckThread(30, pthread_setspecific(key, object));
 }
 
 void ZThread::key_delete_routine(ZObject* object) {
     const ZUncancelled uncancelled;
-    zrunReported(__FILE__, __LINE__, [=] { delete object; });
+    zrunReported([=] { delete object; });
 }
 
 void ZThread::hold() { holds_.fetch_add(2); }
@@ -260,7 +260,7 @@ void ZThread::deleteWhenReleased() {
 
 void ZThread::deleteNow() {
     const ZUncancelled uncancelled;
-    zrunReported(__FILE__, __LINE__, [this] { delete this; });
+    zrunReported([this] { delete this; });
 }
 
 int ZThread::isRunning() { return life_->threads() != 0; }
@@ -276,7 +276,7 @@ void ZThread::noteEnd() { life_->noteEnd(); }
 // Takes the thread out of its pool's idle set. Requires: the thread can't tell the pool its end meanwhile.
 void ZThread::leaveIdle() {
     if (ZThreadPool* const pool = pool_)
-        zrunReported(__FILE__, __LINE__, [=] { pool->noteNotIdle(*this); });
+        zrunReported([=] { pool->noteNotIdle(*this); });
 }
 
 static const unsigned int kNoRun = std::numeric_limits<unsigned int>::max();
@@ -310,7 +310,7 @@ ZSleeperThread::ZSleeperThread(ZLock& lock)
 ZSleeperThread::~ZSleeperThread() noexcept(false) {}
 
 void ZSleeperThread::start() {
-    Z_CHECK_THREAD(17, runsCaller() ? EDEADLK : 0);
+    zcheckThread(17, runsCaller() ? EDEADLK : 0);
     const Hold hold(*this);
     awaitEnd();
     const ZResourceLock guard(*startCondition_.getResource());
@@ -349,7 +349,7 @@ void ZSleeperThread::noteStarted(unsigned int run) {
         started_ = run;
         startCondition_.signal();
     };
-    if (!zrunReported(__FILE__, __LINE__, note))
+    if (!zrunReported(note))
         note();
 }
 

@@ -18,7 +18,7 @@
 #include <cerrno>
 
 #include "ZException.h"
-#include "zcheck.h"
+#include "zraise.h"
 #include "zmemory.h"
 #include "zreport.h"
 
@@ -34,7 +34,7 @@ public:
     ~MutexGuard() {
         const int rc = tryUnlock();
         if (rc != 0) {
-            zreportCode(__FILE__, __LINE__, 6, rc);
+            zreportCode(6, rc);
             tryUnlock();
         }
     }
@@ -43,12 +43,12 @@ public:
 
     /// Raises 5.
     void lock() {
-        Z_CHECK_THREAD(5, pthread_mutex_lock(mutex_));
+        zcheckThread(5, pthread_mutex_lock(mutex_));
         held_ = true;
     }
 
     /// Raises 6: the mutex is still held then, and the destructor tries again.
-    void unlock() { Z_CHECK_THREAD(6, tryUnlock()); }
+    void unlock() { zcheckThread(6, tryUnlock()); }
 
     /// The same with the return code as result; 0 if the mutex isn't held.
     int tryUnlock() {
@@ -63,7 +63,7 @@ public:
         const int rc = pthread_cond_wait(condition, mutex_);
         if (rc == 0)
             return;
-        zreportCode(__FILE__, __LINE__, 9, rc);
+        zreportCode(9, rc);
         unlock();
         usleep(10000);
         lock();
@@ -83,7 +83,7 @@ public:
         const int rc = guard_.tryUnlock();
         if (rc == 0)
             return;
-        zreportCode(__FILE__, __LINE__, 6, rc);
+        zreportCode(6, rc);
         guard_.unlock();
     }
     ~MutexGap() noexcept(false) { guard_.lock(); }
@@ -172,8 +172,8 @@ private:
         const Release release{thread};
         const auto stopOnce = [&] { thread.waitForExit(); };
         // Once more after a failure: a thread that isn't stopped would be waited for for ever.
-        if (!zrunReported(__FILE__, __LINE__, stopOnce))
-            zrunReported(__FILE__, __LINE__, stopOnce);
+        if (!zrunReported(stopOnce))
+            zrunReported(stopOnce);
     }
 
     ZArrayList threads_;
@@ -181,7 +181,7 @@ private:
 
 static pthread_cond_t* makeCondition() {
     auto condition = zmake<pthread_cond_t>();
-    Z_CHECK_THREAD(7, pthread_cond_init(condition.get(), nullptr));
+    zcheckThread(7, pthread_cond_init(condition.get(), nullptr));
     return condition.release();
 }
 
@@ -189,14 +189,14 @@ static void destroyCondition(pthread_cond_t* condition) {
     const int rc = pthread_cond_destroy(condition);
     ZUnmake()(condition);
     if (rc != 0)
-        zreportCode(__FILE__, __LINE__, 8, rc);
+        zreportCode(8, rc);
 }
 
 static void destroyMutex(pthread_mutex_t* mutex) {
     const int rc = pthread_mutex_destroy(mutex);
     ZUnmake()(mutex);
     if (rc != 0)
-        zreportCode(__FILE__, __LINE__, 4, rc);
+        zreportCode(4, rc);
 }
 
 ZThreadPool::ZThreadPool(unsigned int a, unsigned int b)
@@ -211,7 +211,7 @@ ZThreadPool::ZThreadPool(unsigned int a, unsigned int b)
       idleCount_(0),
       closing_(0) {
     auto mutex = zmake<pthread_mutex_t>();
-    Z_CHECK_THREAD(3, pthread_mutex_init(mutex.get(), nullptr));
+    zcheckThread(3, pthread_mutex_init(mutex.get(), nullptr));
     std::unique_ptr<pthread_mutex_t, void (*)(pthread_mutex_t*)> made(mutex.release(),
                                                                       destroyMutex);
     std::unique_ptr<pthread_cond_t, void (*)(pthread_cond_t*)> death(makeCondition(),
@@ -227,13 +227,13 @@ ZThreadPool::~ZThreadPool() noexcept(false) {
     destroyMutex(mutex_);
 }
 
-ZObject* ZThreadPool::clone() const { ZNotClonableException().throwException(__FILE__, __LINE__); }
+ZObject* ZThreadPool::clone() const { zraise(ZNotClonableException()); }
 
 ZThread* ZThreadPool::createThread() { return nullptr; }
 
 void ZThreadPool::start(ZThread& thread) {
     if (thread.runsCaller()) {  // would wait for itself
-        zrunReported(__FILE__, __LINE__, [] { Z_CHECK_THREAD(17, EDEADLK); });
+        zrunReported([] { zcheckThread(17, EDEADLK); });
         return;
     }
     const ZThread::Hold hold(thread);
@@ -243,7 +243,7 @@ void ZThreadPool::start(ZThread& thread) {
     while (activeCount_ >= maxThreads_)
         guard.wait(cond_);
     Booking booking(*this, thread);
-    if (!zrunReported(__FILE__, __LINE__, [&] { thread.start(); }))
+    if (!zrunReported([&] { thread.start(); }))
         return;
     booking.succeed();
     guard.unlock();
@@ -268,7 +268,7 @@ ZThread* ZThreadPool::getAvailableIdleThread(ZThread*& thread) {
             idleThreads_.putEntry(thread);
             thread = nullptr;
         }
-        Z_CHECK_THREAD(6, rc);
+        zcheckThread(6, rc);
     }
     if (thread == nullptr)
         thread = createThread();
@@ -308,7 +308,7 @@ void ZThreadPool::threadDoneNotification(ZThread& thread, int& keep) {
         forgetIdle(thread);
         keep = 0;
     }
-    Z_CHECK_THREAD(6, rc);
+    zcheckThread(6, rc);
 }
 
 void ZThreadPool::threadDeathNotification(ZThread& thread) {
@@ -336,7 +336,7 @@ void ZThreadPool::noteDeath(ZThread& thread, bool& heard) {
         const int told = pthread_cond_broadcast(exitCond_);
         rc = rc != 0 ? rc : told;
     }
-    Z_CHECK_THREAD(10, rc);
+    zcheckThread(10, rc);
     guard.unlock();
 }
 

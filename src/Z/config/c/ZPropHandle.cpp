@@ -33,7 +33,7 @@ bool ZPROP_stz_handle::updatesElsewhere() const { return updates && !updatesHere
 
 // Requires: no other thread has an update open.
 ZPROP_stz_handle::~ZPROP_stz_handle() {
-    zrunReported(__FILE__, __LINE__, [this] { delete update; });
+    zrunReported([this] { delete update; });
 }
 
 ZPROP_iter_handle::ZPROP_iter_handle(Kind kind)

@@ -9,6 +9,7 @@
 #include "ZExceptionText.h"
 #include "ZPropHandle.h"
 #include "zproperror.h"
+#include "zraise.h"
 
 int zstzPropLastError(ZPROP_error* error) { return zlastError(error); }
 
@@ -97,7 +98,7 @@ static char* myStrDup(const ZLCString& text) {
     const size_t length = text.getLength();
     char* block = static_cast<char*>(malloc(sizeof kStringMark + length + 1));
     if (block == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     memcpy(block, &kStringMark, sizeof kStringMark);
     memcpy(block + sizeof kStringMark, text.getChars(), length + 1);
     return block + sizeof kStringMark;
@@ -171,7 +172,7 @@ typedef ZPropertiesIterator ObjectLock;
 static char* duplicate(const char* text) {
     char* copy = strdup(text);
     if (copy == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     return copy;
 }
 
@@ -181,7 +182,7 @@ static char** duplicateAll(const ZArrayList& strings) {
     std::unique_ptr<char*, decltype(&freeTexts)> texts(
         static_cast<char**>(calloc(count + 1, sizeof(char*))), &freeTexts);
     if (texts == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     for (unsigned int i = 0; i < count; ++i)
         texts.get()[i] = duplicate(static_cast<const ZAbstractString*>(strings.get(i))->getChars());
     return texts.release();
@@ -190,7 +191,7 @@ static char** duplicateAll(const ZArrayList& strings) {
 static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
     const int required = item.flag != ZPROP_ITEM_OPTIONAL;
     if (item.result == nullptr)
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        zraise(ZInvalidParameterException());
     switch (item.kind) {
         case ZPROP_ITEM_BOOLEAN:
             *static_cast<int*>(item.result) = p.getBooleanValue(item.stanza, item.key, required, 0);
@@ -213,7 +214,7 @@ static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
             break;
         }
         default:
-            ZInvalidParameterException().throwException(__FILE__, __LINE__);
+            zraise(ZInvalidParameterException());
     }
 }
 

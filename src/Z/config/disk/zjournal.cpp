@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "zkeeplines.h"
+#include "zraise.h"
 #include "zsidenames.h"
 
 static const char kMagic[8] = {'Z', 'B', 'A', 'S', 'E', 'J', '2', '\n'};
@@ -165,7 +166,7 @@ bool ZJournal::find() {
     if (!isThere(status)) {
         // A name that can't be looked at may be a journal's all the same.
         if (errno == EIO || errno == ENOMEM)
-            Z_CHECK_IO(path().getChars(), zfailed("stat()"));
+            zcheckIO(path().getChars(), zfailed("stat()"));
         return false;
     }
     if (!mayBeOurs(status) || status.st_size < static_cast<off_t>(sizeof(Header)))
@@ -175,19 +176,19 @@ bool ZJournal::find() {
     if (journal.get() < 0 && (errno == ENOENT || errno == ELOOP))
         return false;  // its writer has just finished, or somebody plays with us
     if (journal.get() < 0)
-        Z_CHECK_IO(path().getChars(), zfailed("fopen(r)"));
+        zcheckIO(path().getChars(), zfailed("fopen(r)"));
     if (fstat(journal.get(), &status) != 0)
-        Z_CHECK_IO(path().getChars(), zfailed("stat()"));
+        zcheckIO(path().getChars(), zfailed("stat()"));
     if (!mayBeOurs(status))
         return false;
     int error = zreadWholeFile(journal.get(), bytes_);
     if (error != 0)
-        Z_RAISE_IO(path().getChars(), "read()", error);
+        zraiseIO(path().getChars(), "read()", error);
     if (!parse() || !isOfThisFile() || !findSideName())
         return false;
     error = zreadWholeFile(descriptor_, file_);
     if (error != 0)
-        Z_RAISE_IO(filePath_, "read()", error);
+        zraiseIO(filePath_, "read()", error);
     isKnown_ = true;
     return canBeLeft();
 }
@@ -277,7 +278,8 @@ bool ZJournal::isSideNamedInFile() const {
             return false;
         const char before = at == file_.data() ? '\0' : at[-1];
         const char behind = at + length == end ? '\n' : at[length];
-        if ((before == ' ' || before == '=' || before == '\t') && (behind == '\n' || behind == '\r'))
+        if ((before == ' ' || before == '=' || before == '\t') &&
+            (behind == '\n' || behind == '\r'))
             return true;
     }
     return false;
@@ -305,8 +307,7 @@ bool ZJournal::canBeLeft() const {
     if (progress_ == onDisk || zequals(now, old))
         return false;
     ZFileStamp stamp;
-    if (progress_ == placed &&
-        (zstampFile(descriptor_, stamp) != 0 || stamp.modified > placedAt_))
+    if (progress_ == placed && (zstampFile(descriptor_, stamp) != 0 || stamp.modified > placedAt_))
         return false;
     const size_t least = text_.size < old.size ? text_.size : old.size;
     const size_t most = text_.size > old.size ? text_.size : old.size;
@@ -343,7 +344,7 @@ ZFailure ZJournal::makeWay(const struct stat& status) {
     snprintf(call, sizeof call, "unlink() of what belongs to user %lu",
              static_cast<unsigned long>(status.st_uid));
     ZPropertiesIOException raised(path().getChars(), call, failure.error);
-    raised.throwException(__FILE__, __LINE__);
+    zraise(raised);
 }
 
 bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) {
@@ -369,22 +370,22 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
     header.adler = static_cast<uint32_t>(sums.adler);
     header.progressCrc = progressCrc(header);
 
-    Z_CHECK_IO(path().getChars(), remove(true));
+    zcheckIO(path().getChars(), remove(true));
     if (!placeIsKnown_) {
         const int error = place_.find(filePath_, descriptor_);
         if (error != 0)
-            Z_RAISE_IO(filePath_, "open() of the folder", error);
+            zraiseIO(filePath_, "open() of the folder", error);
         name_ = zbesideName(place_.name(), kJournalSuffix);
         placeIsKnown_ = true;
     }
     journal_.reset(zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
                                S_IRUSR | S_IWUSR));
     if (journal_.get() < 0)
-        Z_CHECK_IO(path().getChars(), zfailed("fopen(w)"));
+        zcheckIO(path().getChars(), zfailed("fopen(w)"));
     isKnown_ = true;
     // Its content comes behind its access.
     if (zcopyAccess(journal_.get(), descriptor_) != 0) {
-        Z_CHECK_IO(path().getChars(), remove());
+        zcheckIO(path().getChars(), remove());
         return false;
     }
     ZFailure failure = {"write()", zwriteAt(journal_.get(), reinterpret_cast<const char*>(&header),
@@ -401,7 +402,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
         failure = place_.sync();
     if (failure) {
         remove();
-        Z_RAISE_IO(path().getChars(), failure.call, failure.error);
+        zraiseIO(path().getChars(), failure.call, failure.error);
     }
     return true;
 }

@@ -1,5 +1,6 @@
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "zlockedfile.h"
+#include "zraise.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,13 +24,14 @@ ZLockedFile::ZLockedFile(const char* path, ZLockOwner owner, unsigned long waitM
         if (lost == 0 && zsameFile(open, named))
             return;
         // An empty file that somebody else has locked meanwhile is his.
-        if ((error != 0 && !zisLockedByOthers(error)) || (error == 0 && lost != 0 && lost != ENOENT))
+        if ((error != 0 && !zisLockedByOthers(error)) ||
+            (error == 0 && lost != 0 && lost != ENOENT))
             forgetCreated();
         finish();
         if (error != 0)
-            Z_RAISE_IO(path_.getChars(), "fcntl()", error);
+            zraiseIO(path_.getChars(), "fcntl()", error);
         if (lost != 0 && lost != ENOENT)
-            Z_RAISE_IO(path_.getChars(), "stat()", lost);
+            zraiseIO(path_.getChars(), "stat()", lost);
     }
 }
 
@@ -45,7 +47,7 @@ void ZLockedFile::open(bool mayCreate) {
             file_.reset(zopenRegularFile(path, O_RDWR | O_CREAT, 0666));
     }
     if (descriptor() < 0)
-        Z_RAISE_IO(path, "fopen(r+)", errno);
+        zraiseIO(path, "fopen(r+)", errno);
 }
 
 // What was made here goes, if it is empty still, and what the path leads to.
@@ -92,11 +94,11 @@ ZReadFile::ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner,
     : owner_(owner), forks_(zforkCount()), stream_(nullptr) {
     stream_.reset(openStream(path, onlyRegular));
     if (stream_.get() == nullptr)
-        Z_RAISE_IO(path, "fopen(r)", errno);
+        zraiseIO(path, "fopen(r)", errno);
     room_.lendTo(stream_.get());
     const int error = zlockWholeFile(descriptor(), F_RDLCK, owner, waitMilliseconds);
     if (error != 0)
-        Z_RAISE_IO(path, "fcntl()", error);
+        zraiseIO(path, "fcntl()", error);
 }
 
 void ZReadFile::close() {
@@ -124,7 +126,7 @@ ssize_t ZMemoryStream::take(void* self, const char* bytes, size_t size) {
 ZMemoryStream::ZMemoryStream()
     : failed_(false), stream_(fopencookie(this, "w", {nullptr, take, nullptr, nullptr})) {
     if (stream_.get() == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     setvbuf(stream_.get(), nullptr, _IONBF, 0);  // writers collect their lines themselves
 }
 
@@ -132,7 +134,7 @@ ZMemoryStream::~ZMemoryStream() { stream_.close(); }
 
 ZSpan ZMemoryStream::finish() {
     if (stream_.close() != 0 || failed_)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     return {bytes_.data(), bytes_.size()};
 }
 
@@ -142,7 +144,7 @@ void zreadText(ZPCache& cache, const char* path, ZSpan text) {
     FILE* opened = text.size == 0 ? fopen("/dev/null", "r")
                                   : fmemopen(const_cast<char*>(text.data), text.size, "r");
     if (opened == nullptr)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     ZStreamGuard stream(opened);
     cache.be_read(path, opened);
 }

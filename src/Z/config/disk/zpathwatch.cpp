@@ -46,7 +46,7 @@ ZPathWatch::ZPathWatch(const char* path, const char* suffix)
       lastByte_(0),
       firstByte_(0) {
     if (all_.get() < 0 || timer_.get() < 0)
-        Z_RAISE_IO(path, "epoll_create1()", errno);
+        zraiseIO(path, "epoll_create1()", errno);
     watchWith(notices_.get(), EPOLLIN);
     watchWith(timer_.get(), EPOLLIN);
     watchWith(mounts_.get(), EPOLLPRI);

@@ -29,6 +29,7 @@
 #include <memory>
 
 #include "ZSCFData.h"
+#include "zraise.h"
 #include "zsidefile.h"
 
 // Puts `text` in place of a text of `oldSize` bytes, of which those before `from` are the same.
@@ -68,16 +69,16 @@ public:
             return;
         }
         side_.reset(new ZSideFile(work_.sideName.getChars(), work_.descriptor));
-        Z_CHECK_IO(side_->name(), side_->examine(action_ == zsideReplaced));
+        zcheckIO(side_->name(), side_->examine(action_ == zsideReplaced));
         if (action_ == zsideRemoved && !side_->exists()) {
             action_ = zsideUntouched;
             return;
         }
-        Z_CHECK_IO(side_->name(), side_->clearLeft());
+        zcheckIO(side_->name(), side_->clearLeft());
         if (isSafe_)
-            Z_CHECK_IO(side_->name(), side_->checkFolder());
+            zcheckIO(side_->name(), side_->checkFolder());
         if (side_->exists())
-            Z_CHECK_IO(side_->name(), side_->read(oldBytes_));
+            zcheckIO(side_->name(), side_->read(oldBytes_));
         const bool isSame = action_ == zsideRemoved
                                 ? !side_->exists()
                                 : side_->exists() && zequals(oldSide(), work_.side);
@@ -88,8 +89,8 @@ public:
     bool hasNothingToDo() const { return action_ == zsideUntouched && !textChanges_; }
 
     void secureText() {
-        Z_CHECK_IO(work_.path,
-                   zsecureRoom(work_.descriptor, work_.oldText.size, work_.text.size, !isSafe_));
+        zcheckIO(work_.path,
+                 zsecureRoom(work_.descriptor, work_.oldText.size, work_.text.size, !isSafe_));
     }
 
     /// False if the journal can't have the file's access.
@@ -100,7 +101,7 @@ public:
             SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
         if (sync_file_range(work_.descriptor, 0, 0, flags) != 0 &&
             (errno == EIO || errno == ENOSPC || errno == EDQUOT))
-            Z_RAISE_IO(work_.path, "sync_file_range()", errno);
+            zraiseIO(work_.path, "sync_file_range()", errno);
         static const ZSpan kNothing = {"", 0};
         return journal_.write(work_.text, work_.oldText, action_,
                               action_ == zsideReplaced ? work_.side : kNothing);
@@ -115,7 +116,7 @@ public:
             return;
         if (isSafe_)
             journal_.remove();
-        Z_CHECK_IO(side_->name(), failure);
+        zcheckIO(side_->name(), failure);
     }
 
     void putInPlace() {
@@ -126,18 +127,18 @@ public:
             const ZFailure failure = side_->takePlace();
             // To be finished by the journal, whether it was moved or not.
             if (failure && isSafe_ && side_->isUnclear())
-                Z_CHECK_IO(side_->name(), failure);
+                zcheckIO(side_->name(), failure);
             if (failure)
                 giveUp(side_->name(), failure);
         } else if (action_ == zsideRemoved) {
             const ZFailure failure = side_->remove();
             if (failure && side_->isUnclear())
-                Z_CHECK_IO(side_->name(), failure);
+                zcheckIO(side_->name(), failure);
             if (failure)
                 giveUp(side_->name(), failure);
         }
         if (isSafe_ && action_ != zsideUntouched)
-            Z_CHECK_IO(side_->name(), side_->syncFolder());
+            zcheckIO(side_->name(), side_->syncFolder());
     }
 
 private:
@@ -185,7 +186,7 @@ private:
         if (!undo() && isSafe_)
             journal_.remove();
         ZPropertiesIOException raised(path, failure.call, failure.error);
-        raised.throwException(__FILE__, __LINE__);
+        zraise(raised);
     }
 
     const ZStoreWork& work_;
@@ -206,9 +207,9 @@ static void storePlainly(const ZStoreWork& work) {
     ZSideFile side(work.sideName.getChars(), work.descriptor);
     side.clearLeft();
     if (work.sideAction != zsideUntouched)
-        Z_CHECK_IO(side.name(), side.examine(work.sideAction == zsideReplaced));
+        zcheckIO(side.name(), side.examine(work.sideAction == zsideReplaced));
     if (work.sideAction == zsideReplaced)
-        Z_CHECK_IO(side.name(), side.prepare(work.side, ZPROP_STORE_PLAIN));
+        zcheckIO(side.name(), side.prepare(work.side, ZPROP_STORE_PLAIN));
     overwrite(work.descriptor, work.text, 0, UINT64_MAX);
     if (work.sideAction == zsideReplaced)
         side.takePlace();
@@ -230,10 +231,10 @@ static void storeChecked(const ZStoreWork& work, ZJournal& journal) {
 static bool storeSafely(const ZStoreWork& work, ZJournal& journal) {
     struct stat status;
     if (fstat(work.descriptor, &status) != 0)
-        Z_RAISE_IO(work.path, "stat()", errno);
+        zraiseIO(work.path, "stat()", errno);
     // A crash would be mended under one of the names only.
     if (status.st_nlink > 1)
-        Z_RAISE_IO(work.path, "link()", EMLINK);
+        zraiseIO(work.path, "link()", EMLINK);
     Store store(work, journal, ZPROP_STORE_SAFE);
     store.examineSide();
     if (!store.hasNothingToDo()) {
@@ -244,7 +245,7 @@ static bool storeSafely(const ZStoreWork& work, ZJournal& journal) {
         store.putInPlace();
     } else if (fsync(work.descriptor) != 0) {
         // Somebody else may have written the same.
-        Z_RAISE_IO(work.path, "fsync()", errno);
+        zraiseIO(work.path, "fsync()", errno);
     }
     return true;
 }
@@ -259,7 +260,7 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
         storeChecked(work, journal);
     const ZFailure failure = journal.remove();
     if (mode != ZPROP_STORE_PLAIN)
-        Z_CHECK_IO(journal.path().getChars(), failure);
+        zcheckIO(journal.path().getChars(), failure);
     return mode;
 }
 
@@ -270,11 +271,11 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
 // side database.
 static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
     if (!journal.isSideNamedInFile())
-        Z_RAISE_IO(journal.path().getChars(), "a side database that the file doesn't name", EPERM);
+        zraiseIO(journal.path().getChars(), "a side database that the file doesn't name", EPERM);
     if (!side.exists())
         return;
     ZBytes bytes;
-    Z_CHECK_IO(side.name(), side.read(bytes));
+    zcheckIO(side.name(), side.read(bytes));
     ZBuffer buffer;
     buffer.setBuffer(bytes.size(), bytes.data());
     ZSCFData scratch;
@@ -283,18 +284,18 @@ static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
 }
 
 static void finishSide(ZJournal& journal, ZSideFile& side) {
-    Z_CHECK_IO(side.name(), side.clearLeft());
+    zcheckIO(side.name(), side.clearLeft());
     if (journal.sideAction() == zsideReplaced) {
         ZFailure failure = side.prepare(journal.side(), ZPROP_STORE_SAFE);
         // Who can't give a new file to the owner may still write to the old one.
         if (failure && side.exists())
             failure = side.prepare(journal.side(), ZPROP_STORE_CHECKED);
-        Z_CHECK_IO(side.name(), failure);
-        Z_CHECK_IO(side.name(), side.takePlace(true));
+        zcheckIO(side.name(), failure);
+        zcheckIO(side.name(), side.takePlace(true));
     } else {
-        Z_CHECK_IO(side.name(), side.remove());
+        zcheckIO(side.name(), side.remove());
     }
-    Z_CHECK_IO(side.name(), side.syncFolder());
+    zcheckIO(side.name(), side.syncFolder());
 }
 
 void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
@@ -308,25 +309,25 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
         hasSide = false;
     // Ahead of any change.
     if (hasSide)
-        Z_CHECK_IO(side.name(), side.examine(journal.sideAction() == zsideReplaced));
+        zcheckIO(side.name(), side.examine(journal.sideAction() == zsideReplaced));
     if (hasSide && journal.sideAction() == zsideRemoved && !side.exists())
         hasSide = false;
-    Z_CHECK_IO(name.getChars(), journal.openForMarks());
+    zcheckIO(name.getChars(), journal.openForMarks());
     if (!zequals(journal.file(), journal.text())) {
         // Should this be cut off too, the file is modified behind an old mark.
-        Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::underWay));
-        Z_CHECK_IO(name.getChars(), journal.sync());
-        Z_CHECK_IO(path, overwrite(descriptor, journal.text(),
-                                   zfirstDifference(journal.file(), journal.text()), UINT64_MAX));
-        Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::placed));
+        zcheckIO(name.getChars(), journal.mark(ZJournal::underWay));
+        zcheckIO(name.getChars(), journal.sync());
+        zcheckIO(path, overwrite(descriptor, journal.text(),
+                                 zfirstDifference(journal.file(), journal.text()), UINT64_MAX));
+        zcheckIO(name.getChars(), journal.mark(ZJournal::placed));
     }
     if (fsync(descriptor) != 0)
-        Z_RAISE_IO(path, "fsync()", errno);
-    Z_CHECK_IO(name.getChars(), journal.mark(ZJournal::onDisk));
+        zraiseIO(path, "fsync()", errno);
+    zcheckIO(name.getChars(), journal.mark(ZJournal::onDisk));
     // Where the name was torn, the file has it from now on, and the next store goes on here.
     if (hasSide && isElsewhere)
         requireSideDatabase(journal, side);
     if (hasSide)
         finishSide(journal, side);
-    Z_CHECK_IO(name.getChars(), journal.remove());
+    zcheckIO(name.getChars(), journal.remove());
 }

@@ -14,16 +14,7 @@
 #include "ZExceptionText.h"
 #include "ZLCString.h"
 #include "zpblock.h"
-
-/// Raises ZPropertiesIOException for this file, call and errno, at this line.
-#define Z_RAISE_IO(path, call, error) \
-    ZPropertiesIOException(path, call, error).throwException(__FILE__, __LINE__)
-/// The same for a failure, if it is one.
-#define Z_CHECK_IO(path, failure)                            \
-    do {                                                     \
-        if (const ZFailure failure_ = (failure))             \
-            Z_RAISE_IO(path, failure_.call, failure_.error); \
-    } while (0)
+#include "zraise.h"
 
 /// A call that failed, and its errno; 0 where none did.
 struct ZFailure {
@@ -32,6 +23,18 @@ struct ZFailure {
 
     explicit operator bool() const { return error != 0; }
 };
+
+/// Raises ZPropertiesIOException for this file, call and errno.
+[[noreturn]] inline void zraiseIO(const char* path, const char* call, int error,
+                                  ZSite site = ZSite()) {
+    zraise(ZPropertiesIOException(path, call, error), site);
+}
+
+/// The same for a failure, if it is one.
+inline void zcheckIO(const char* path, const ZFailure& failure, ZSite site = ZSite()) {
+    if (failure)
+        zraiseIO(path, failure.call, failure.error, site);
+}
 static const ZFailure zdone = {"", 0};
 /// The call that has just set errno.
 inline ZFailure zfailed(const char* call) { return {call, errno}; }

@@ -8,6 +8,7 @@
 
 #include "ZException.h"
 #include "zpstore.h"
+#include "zraise.h"
 #include "zstrict.h"
 
 typedef ZPStore::Id Id;
@@ -447,9 +448,9 @@ void ZPCategoryBasedCache::checkInvariants() const { store().checkInvariants(); 
 void ZPCategoryBasedCache::validateKey(const char* composite, ZLCString& category, ZLCString& key) {
     const char* dot = composite == nullptr ? nullptr : strchr(composite, '.');
     if (dot == nullptr)
-        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+        zraise(ZInvalidParameterException());
     if (static_cast<size_t>(dot - composite) > 0xFFFFFFF0u)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
     const ZLCString stanza(composite, static_cast<unsigned int>(dot - composite));
     key.setChars(dot + 1);
     category = stanza;

@@ -32,6 +32,7 @@
 #include "ZExceptionText.h"
 #include "ZSqueeze.h"
 #include "zpstore.h"
+#include "zraise.h"
 #include "zsidenames.h"
 #include "zstrict.h"
 
@@ -108,8 +109,7 @@ public:
             const char* newline = static_cast<const char*>(memchr(piece, '\n', room));
             const size_t length = newline == nullptr ? room : newline - piece + 1;
             const char* stop = piece + length;
-            const char* nul =
-                hasNul ? static_cast<const char*>(memchr(piece, 0, length)) : nullptr;
+            const char* nul = hasNul ? static_cast<const char*>(memchr(piece, 0, length)) : nullptr;
             if (nul != nullptr)
                 stop = nul;
             ++line;
@@ -118,15 +118,13 @@ public:
             const char* first = piece;
             while (first < stop && isSpace(*first))
                 ++first;
-            const bool refused =
-                strict_ && ((newline == nullptr && length < end - at) || nul != nullptr ||
-                            startsWithMark(start, at));
+            const bool refused = strict_ && ((newline == nullptr && length < end - at) ||
+                                             nul != nullptr || startsWithMark(start, at));
             if (refused || !classify(first, stop)) {
                 flush();
                 const ZLCString data(piece, static_cast<unsigned int>(stop - piece));
                 store_.truncateText(at);  // nothing refers to the rest
-                ZPropertiesInvalidDataException(file_, data.getChars(), line)
-                    .throwException(__FILE__, __LINE__);
+                zraise(ZPropertiesInvalidDataException(file_, data.getChars(), line));
             }
             at += length;
         }
@@ -285,8 +283,7 @@ private:
 void ZSCFData::be_read(const char* file, FILE* stream) {
     const size_t start = store().textSize();
     readAll(store(), stream);
-    StanzaReader(store(), file, attributes_, obfuscatedDBName_)
-        .read(start);
+    StanzaReader(store(), file, attributes_, obfuscatedDBName_).read(start);
 }
 
 // ---------------------------------------------------------------- writing text
@@ -446,7 +443,7 @@ void ZSCFData::be_read_obfuscated(ZBuffer& buffer) {
     bool failed = packed == 0;
     for (unsigned long factor = 8; !failed; factor *= 2) {
         if (packed > (~0UL >> 1) / factor)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         expanded.setLength(packed * factor);
         const long result = static_cast<long>(squeeze.unsqueeze(
             static_cast<unsigned char*>(expanded.getBuffer()), expanded.getLength()));
@@ -473,8 +470,7 @@ void ZSCFData::be_read_obfuscated(ZBuffer& buffer) {
         ++at;  // the separator; missing behind the last record, which ends the walk as well
     }
     if (failed)
-        ZPropertiesInvalidDataException(obfuscatedDBName_.getChars(), "", 0)
-            .throwException(__FILE__, __LINE__);
+        zraise(ZPropertiesInvalidDataException(obfuscatedDBName_.getChars(), "", 0));
 }
 
 namespace {
@@ -508,7 +504,7 @@ private:
     void grow(size_t room) {
         void* grown = realloc(data_, room);
         if (grown == nullptr)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         data_ = static_cast<unsigned char*>(grown);
         room_ = room;
     }
@@ -561,7 +557,7 @@ void ZSCFData::be_write_obfuscated(ZBuffer& buffer) {
         }
         if (size > enough) {
             buffer.setLength(0);
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         }
     }
 }

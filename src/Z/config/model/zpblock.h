@@ -8,6 +8,7 @@
 
 #include "ZException.h"
 #include "zmemory.h"
+#include "zraise.h"
 
 /// A growing block of records that are moved as bytes. Growth raises ZOutOfMemoryException and
 /// leaves the block as it was.
@@ -32,8 +33,9 @@ public:
             return;
         const size_t step = size_ / 2 < kFirstRoom ? size_t(kFirstRoom) : size_ / 2;
         if (more > SIZE_MAX - size_)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
-        reserveExactly(size_ + (more > step ? more : step));  // size_ is at most half of the largest
+            zraise(ZOutOfMemoryException());
+        reserveExactly(size_ +
+                       (more > step ? more : step));  // size_ is at most half of the largest
     }
     bool isFull() const { return size_ == room_; }
     /// Records that fit behind the last.
@@ -44,7 +46,7 @@ public:
             return;
         void* grown = room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(data_, room * sizeof(T));
         if (grown == nullptr)
-            ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+            zraise(ZOutOfMemoryException());
         zadviseSpread(grown, room * sizeof(T));
         data_ = static_cast<T*>(grown);
         room_ = room;

@@ -1,4 +1,5 @@
 #include "zpstore.h"
+#include "zraise.h"
 
 #include <initializer_list>
 #include <memory>
@@ -8,14 +9,10 @@ static const size_t kCompactFrom = 64 * 1024;
 // Offsets are 32 bits wide; the last values stay free as marks.
 static const size_t kMaxText = 0xFFFFFFF0u;
 
-[[noreturn]] static void raiseOutOfMemory(int line) {
-    ZOutOfMemoryException().throwException(__FILE__, line);
-}
-
 // Lengths are 32 bits wide, in lists too.
 static void requireLength(size_t length) {
     if (length > kMaxText)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
 }
 
 static void addString(ZArrayList& list, const char* bytes, uint32_t length) {
@@ -94,10 +91,10 @@ void ZPIndex::reserve(size_t count) {
     if (count_ != 0 && wanted < static_cast<size_t>(capacity_) * 2)
         wanted = static_cast<size_t>(capacity_) * 2;
     if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
-        raiseOutOfMemory(__LINE__);
+        zraise(ZOutOfMemoryException());
     Slot* fresh = static_cast<Slot*>(calloc(wanted, sizeof(Slot)));
     if (fresh == nullptr)
-        raiseOutOfMemory(__LINE__);
+        zraise(ZOutOfMemoryException());
     zadviseSpread(fresh, wanted * sizeof(Slot));
     Slot* old = slots_;
     const size_t oldCapacity = capacity_;
@@ -286,7 +283,7 @@ void ZPStore::clear() {
 
 void ZPStore::reserveText(size_t more) {
     if (more > kMaxText - text_.size())
-        raiseOutOfMemory(__LINE__);
+        zraise(ZOutOfMemoryException());
     text_.reserveMore(more);
 }
 
@@ -766,7 +763,7 @@ const char* ZPStore::nameText(Id id) {
         const ZPSlice& name = keys_[id].name;
         char* copy = static_cast<char*>(malloc(name.length + size_t(1)));
         if (copy == nullptr)
-            raiseOutOfMemory(__LINE__);
+            zraise(ZOutOfMemoryException());
         memcpy(copy, text(name), name.length);
         copy[name.length] = '\0';
         nameTexts_[id] = copy;

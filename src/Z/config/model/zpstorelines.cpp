@@ -7,6 +7,7 @@
 // by the text between "#" and the first "=". The index knows the paragraph of each: a blank line that
 // is added later splits one, and the smaller part gets a new number.
 #include "zpstore.h"
+#include "zraise.h"
 
 #include <cstdio>
 #include <memory>
@@ -527,7 +528,7 @@ ZPStore::Id ZPStore::insertComment(Id group, Id before, ZPSlice text) {
 
 static void requireCommentLength(size_t length) {
     if (length >= 0x3FFFFFFFu)
-        ZOutOfMemoryException().throwException(__FILE__, __LINE__);
+        zraise(ZOutOfMemoryException());
 }
 
 void ZPStore::addFileComment(const char* comment, size_t length) {

@@ -3,7 +3,8 @@
 #include <cctype>
 #include <cstring>
 
-#include "zcheck.h"
+#include "zinternal.h"
+#include "zraise.h"
 
 static bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -14,28 +15,28 @@ static bool hasBlankEnds(const char* text) {
 }
 
 void zrequireStanza(const char* name) {
-    Z_REQUIRE(zhasText(name) && !hasLineEnd(name) && strchr(name, ']') == nullptr);
-    Z_REQUIRE(strlen(name) + strlen("[]\n") <= kLongestLine);
+    zrequire(zhasText(name) && !hasLineEnd(name) && strchr(name, ']') == nullptr);
+    zrequire(strlen(name) + strlen("[]\n") <= kLongestLine);
 }
 
 void zrequireKey(const char* name) {
-    Z_REQUIRE(zhasText(name) && !hasLineEnd(name) && !hasBlankEnds(name));
-    Z_REQUIRE(strchr(name, '=') == nullptr && *name != '#' && *name != '[');
-    Z_REQUIRE(strlen(name) + strlen(" =\n") <= kLongestLine);
+    zrequire(zhasText(name) && !hasLineEnd(name) && !hasBlankEnds(name));
+    zrequire(strchr(name, '=') == nullptr && *name != '#' && *name != '[');
+    zrequire(strlen(name) + strlen(" =\n") <= kLongestLine);
 }
 
 void zrequireValue(const char* key, const char* value, bool mayBeEmpty) {
     if (!zhasText(value)) {
-        Z_REQUIRE(mayBeEmpty);
+        zrequire(mayBeEmpty);
         return;
     }
-    Z_REQUIRE(!hasLineEnd(value) && !hasBlankEnds(value));
-    Z_REQUIRE(strlen(key) + strlen(value) + strlen(" = \n") <= kLongestLine);
+    zrequire(!hasLineEnd(value) && !hasBlankEnds(value));
+    zrequire(strlen(key) + strlen(value) + strlen(" = \n") <= kLongestLine);
 }
 
-void zrequireHidden(const char* value) { Z_REQUIRE(zhasText(value)); }
+void zrequireHidden(const char* value) { zrequire(zhasText(value)); }
 
 void zrequireComment(const char* text) {
-    Z_REQUIRE(zhasText(text) && *text == '#' && !hasLineEnd(text) && !hasBlankEnds(text));
-    Z_REQUIRE(strlen(text) + strlen("\n") <= kLongestLine);
+    zrequire(zhasText(text) && *text == '#' && !hasLineEnd(text) && !hasBlankEnds(text));
+    zrequire(strlen(text) + strlen("\n") <= kLongestLine);
 }
