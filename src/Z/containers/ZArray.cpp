@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "ZException.h"
-#include "zmembers.h"
+#include "zownership.h"
 #include "zraise.h"
 #include "zuncancelled.h"
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "ZException.h"
-#include "zmembers.h"
+#include "zownership.h"
 #include "zraise.h"
 #include "zuncancelled.h"
 

@@ -4,7 +4,7 @@
 
 #include <new>
 
-#include "zmembers.h"
+#include "zownership.h"
 
 static pthread_once_t sc_once = PTHREAD_ONCE_INIT;
 

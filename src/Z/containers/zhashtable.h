@@ -30,7 +30,7 @@
 #ifndef Z_ZHASHTABLE_H
 #define Z_ZHASHTABLE_H
 
-#include "zmembers.h"
+#include "zownership.h"
 
 /// The member of a map whose objects carry their own key.
 struct ZMapMember {

@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "ZException.h"
-#include "zmessageformats.h"
+#include "zreportformats.h"
 
 // Indexed by message number. The conversions of each text fit the inserts that the exception of
 // that number hands over.

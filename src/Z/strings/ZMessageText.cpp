@@ -3,7 +3,7 @@
 
 #include "ZMessage.h"
 #include "ZString.h"
-#include "zmessageformats.h"
+#include "zreportformats.h"
 
 static const int kMostInserts = 6;
 

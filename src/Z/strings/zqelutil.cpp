@@ -13,7 +13,7 @@
 #include "qel/qel.h"
 #include "zcodesetfailure.h"
 #include "zinternal.h"
-#include "zmessageformats.h"
+#include "zreportformats.h"
 #include "zraise.h"
 
 // Written once, by the set-up; names live for ever. The four that callers read without passing

@@ -1,6 +1,6 @@
-// zmessageformats.h: what reports of exceptions and plain messages have in common. Never installed.
-#ifndef Z_ZMESSAGEFORMATS_H
-#define Z_ZMESSAGEFORMATS_H
+// zreportformats.h: what reports of exceptions and plain messages have in common. Never installed.
+#ifndef Z_ZREPORTFORMATS_H
+#define Z_ZREPORTFORMATS_H
 
 #include <pthread.h>
 

@@ -1,4 +1,4 @@
-#include "zmembers.h"
+#include "zownership.h"
 
 #include <cxxabi.h>
 

@@ -1,7 +1,7 @@
-// zmembers.h: what the containers share: blocks of memory, and members that are deleted or on
+// zownership.h: what the containers share: blocks of memory, and members that are deleted or on
 // their way in. Never installed.
-#ifndef Z_ZMEMBERS_H
-#define Z_ZMEMBERS_H
+#ifndef Z_ZOWNERSHIP_H
+#define Z_ZOWNERSHIP_H
 
 #include "ZObject.h"
 

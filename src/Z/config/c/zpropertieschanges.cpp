@@ -1,4 +1,4 @@
-// zpropedits.cpp: shared edits in the C interface: opening with options, updates, and watching.
+// zpropertieschanges.cpp: shared edits in the C interface: opening with options, updates, and watching.
 #include <fcntl.h>
 
 #include <cerrno>
