@@ -1,8 +1,8 @@
 // base.cpp: maps, strings, locks and conversion beside what a program could use instead.
 //
 // Each measurement comes in pairs, "<what>/zbase/<size>" and "<what>/<peer>/<size>"; behind the
-// figures stands a table of their ratios, of processor time. With --benchmark_repetitions=n the ratios are those of
-// the medians.
+// figures stands a table of their ratios, of processor time. With --benchmark_repetitions=n the
+// ratios are those of the medians.
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 #include <pthread.h>

@@ -2,11 +2,12 @@
 //
 // For each number of keys and each layout (stanzas of 20 keys, one big stanza) a file with comments
 // is written, and the same work is done with each library, comments kept: load, look-up of a value
-// copied into the caller's string, look-up as a number, setting an existing key, adding and deleting
-// keys, storing after one change, memory held after a load. The libraries take turns within each
-// repetition, since machines are noisy, and the best time of each counts. Printed: microseconds or
-// nanoseconds a piece, and ours as a share of the better peer's. Then what must grow with the number of
-// keys and no faster, ours alone: where comments read like entries, and during walks.
+// copied into the caller's string, look-up as a number, setting an existing key, adding and
+// deleting keys, storing after one change, memory held after a load. The libraries take turns
+// within each repetition, since machines are noisy, and the best time of each counts. Printed:
+// microseconds or nanoseconds a piece, and ours as a share of the better peer's. Then what must
+// grow with the number of keys and no faster, ours alone: where comments read like entries, and
+// during walks.
 //
 //   config [--quick] [number of keys ...]
 #include <spawn.h>

@@ -1,6 +1,6 @@
-// edits.cpp: what shared edits cost: store modes beside each other, an update of one key beside what
-// others do for one, a load's look for a journal. A file of 1000 keys in stanzas of 20. Last, how the
-// keeping of lines grows with the text.
+// edits.cpp: what shared edits cost: store modes beside each other, an update of one key beside
+// what others do for one, a load's look for a journal. A file of 1000 keys in stanzas of 20. Last,
+// how the keeping of lines grows with the text.
 //
 // Each figure is the median of many runs, those that are compared taking turns.
 #include <fcntl.h>
@@ -22,14 +22,15 @@
 
 using std::string;
 
-// ---------------------------------------------------------------- syncs, counted by the linker's help
+// ---------------------------------------------------------------- syncs, counted by the linker's
+// help
 
 static int syncs;
-#define COUNT_SYNC(name)                       \
-    extern "C" int __real_##name(int);         \
-    extern "C" int __wrap_##name(int file) {   \
-        ++syncs;                               \
-        return __real_##name(file);            \
+#define COUNT_SYNC(name)                     \
+    extern "C" int __real_##name(int);       \
+    extern "C" int __wrap_##name(int file) { \
+        ++syncs;                             \
+        return __real_##name(file);          \
     }
 COUNT_SYNC(fsync)
 COUNT_SYNC(fdatasync)
@@ -59,7 +60,8 @@ static std::vector<double> measure(int runs, const std::vector<Work>& works) {
 }
 
 static void compare(const char* what, double ours, const char* peer, double theirs, double mark) {
-    printf("%-40s %10.1f us  %-34s %10.1f us  ratio %5.2f", what, ours, peer, theirs, ours / theirs);
+    printf("%-40s %10.1f us  %-34s %10.1f us  ratio %5.2f", what, ours, peer, theirs,
+           ours / theirs);
     if (mark > 0)
         printf("  mark %.2f%s", mark, ours / theirs > mark ? "  MISSED" : "");
     printf("\n");
@@ -127,8 +129,8 @@ static void editWithGLib(const char* path, GFileSetContentsFlags flags) {
     g_key_file_free(file);
 }
 
-// Takes old lines over into a new text of so many: the values of one key stand all together, as a store
-// writes them, and all of them are others if `changed`.
+// Takes old lines over into a new text of so many: the values of one key stand all together, as a
+// store writes them, and all of them are others if `changed`.
 static Work keepLines(int lines, bool changed) {
     string old = "[s]\n", now = "[s]\n";
     for (int i = 0; i < lines; ++i) {
@@ -159,8 +161,8 @@ int main(int argc, char** argv) {
     safe.store();
     syncs = 0;
     safe.store();
-    printf("%-40s %10d                                          mark 3%s\n", "syncs of a safe store",
-           syncs, syncs > 3 ? "  MISSED" : "");
+    printf("%-40s %10d                                          mark 3%s\n",
+           "syncs of a safe store", syncs, syncs > 3 ? "  MISSED" : "");
     t = measure(101, {[&] { safe.store(); },
                       [&] { editWithGLib("glib", G_FILE_SET_CONTENTS_CONSISTENT); }});
     compare("safe store", t[0], "GLib's load, set, synced save", t[1], 0);
@@ -168,8 +170,8 @@ int main(int argc, char** argv) {
                       [&] { editWithGLib("glib", G_FILE_SET_CONTENTS_CONSISTENT); }});
     compare("safe update", t[0], "GLib's load, set, synced save", t[1], 0);
 
-    t = measure(2001, {[&] { checked.update(); },
-                       [&] { editWithGLib("glib", G_FILE_SET_CONTENTS_NONE); }});
+    t = measure(
+        2001, {[&] { checked.update(); }, [&] { editWithGLib("glib", G_FILE_SET_CONTENTS_NONE); }});
     compare("checked update", t[0], "GLib's load, set, unsynced save", t[1], 0.7);
 
     const char* zstz = argc > 1 ? argv[1] : "zstz";
@@ -178,30 +180,37 @@ int main(int argc, char** argv) {
         if (!runProcess(words))
             printf("%s can't be run\n", program);
     };
-    t = measure(31, {[&] { setWith(zstz, {"set", "zstz", "section1", "setting25", "1"}); },
-                     [&] { setWith(zstz, {"set", "--store", "checked", "zstz", "section1",
-                                          "setting25", "2"}); },
-                     [&] { setWith("crudini", {"--set", "crudini", "section1", "setting25", "1"}); }});
+    t = measure(
+        31, {[&] {
+                 setWith(zstz, {"set", "zstz", "section1", "setting25", "1"});
+             },
+             [&] {
+                 setWith(zstz, {"set", "--store", "checked", "zstz", "section1", "setting25", "2"});
+             },
+             [&] {
+                 setWith("crudini", {"--set", "crudini", "section1", "setting25", "1"});
+             }});
     compare("zstz set, safe, a process", t[0], "crudini --set", t[2], 0.1);
     compare("zstz set, checked, a process", t[1], "crudini --set", t[2], 0.1);
 
     // The look alone, made many times, since it is lost in the noise of whole loads.
     const int file = open("plain", O_RDONLY);
-    t = measure(2001, {[&] { plain.file.reload(nullptr); }, [&] {
+    t = measure(2001, {[&] { plain.file.reload(nullptr); },
+                       [&] {
                            for (int i = 0; i < 100; ++i)
                                ZJournal("plain").find(file);
                        }});
     close(file);
     const double look = t[1] / 100;
-    compare("load, with the look for a journal", t[0], "without: less what the look takes", t[0] - look,
-            1.05);
+    compare("load, with the look for a journal", t[0], "without: less what the look takes",
+            t[0] - look, 1.05);
     printf("%-40s %10.2f us\n", "the look", look);
 
     // A walk in a walk would take hundred times as long for ten times the lines.
     for (const bool changed : {false, true}) {
         t = measure(11, {keepLines(100000, changed), keepLines(10000, changed)});
-        compare(changed ? "keeping lines, changed, 100,000" : "keeping lines, 100,000", t[0], "10,000",
-                t[1], 30);
+        compare(changed ? "keeping lines, changed, 100,000" : "keeping lines, 100,000", t[0],
+                "10,000", t[1], 30);
     }
 
     for (const string& name : names)

@@ -2,8 +2,8 @@
 //
 //   bench_format [ROUNDS]
 //
-// Rounds of the two take turns, and the median of each counts. First zsnprintf beside snprintf, into
-// a buffer; then zasprintf beside asprintf, block and free included.
+// Rounds of the two take turns, and the median of each counts. First zsnprintf beside snprintf,
+// into a buffer; then zasprintf beside asprintf, block and free included.
 #include <algorithm>
 #include <chrono>
 #include <clocale>

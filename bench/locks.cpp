@@ -141,7 +141,8 @@ double waitersTime() {
     return used;
 }
 
-double fileCycle(ZUnixProcessReadWriteFileLock& lock, void (*pair)(ZUnixProcessReadWriteFileLock&)) {
+double fileCycle(ZUnixProcessReadWriteFileLock& lock,
+                 void (*pair)(ZUnixProcessReadWriteFileLock&)) {
     const int pairs = 2000;
     const double begin = seconds(CLOCK_MONOTONIC);
     for (int i = 0; i < pairs; ++i)
@@ -172,21 +173,27 @@ int main(int argc, char** argv) {
     ZReadWriteLock ours;
     SystemLock systems;
     Mutex mutex;
-    compare("read grant and release", "pthread_rwlock",
-            [&] { return pairTime(ours, readPair<ZReadWriteLock>); },
-            [&] { return pairTime(systems, readPair<SystemLock>); });
-    compare("write grant and release", "pthread_rwlock",
-            [&] { return pairTime(ours, writePair<ZReadWriteLock>); },
-            [&] { return pairTime(systems, writePair<SystemLock>); });
-    compare("read grant and release", "a mutex",
-            [&] { return pairTime(ours, readPair<ZReadWriteLock>); },
-            [&] { return pairTime(mutex, readPair<Mutex>); });
-    compare("read grants from two threads", "a mutex", [&] { return twoThreads(ours); },
-            [&] { return twoThreads(mutex); });
-    compare("read grants from two threads", "pthread_rwlock", [&] { return twoThreads(ours); },
-            [&] { return twoThreads(systems); });
-    compare("writer among readers", "pthread_rwlock", [&] { return writerAmongReaders(ours); },
-            [&] { return writerAmongReaders(systems); });
+    compare(
+        "read grant and release", "pthread_rwlock",
+        [&] { return pairTime(ours, readPair<ZReadWriteLock>); },
+        [&] { return pairTime(systems, readPair<SystemLock>); });
+    compare(
+        "write grant and release", "pthread_rwlock",
+        [&] { return pairTime(ours, writePair<ZReadWriteLock>); },
+        [&] { return pairTime(systems, writePair<SystemLock>); });
+    compare(
+        "read grant and release", "a mutex",
+        [&] { return pairTime(ours, readPair<ZReadWriteLock>); },
+        [&] { return pairTime(mutex, readPair<Mutex>); });
+    compare(
+        "read grants from two threads", "a mutex", [&] { return twoThreads(ours); },
+        [&] { return twoThreads(mutex); });
+    compare(
+        "read grants from two threads", "pthread_rwlock", [&] { return twoThreads(ours); },
+        [&] { return twoThreads(systems); });
+    compare(
+        "writer among readers", "pthread_rwlock", [&] { return writerAmongReaders(ours); },
+        [&] { return writerAmongReaders(systems); });
     printf("%-44s %8.3f ms of processor time\n", "half a second's wait", waitersTime() * 1e3);
 
     const std::string folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";

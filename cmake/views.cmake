@@ -1,5 +1,5 @@
-# The headers stand in folders by subsystem and are included by their names alone, as clients do. Two
-# folders of links in the build folder show them so:
+# The headers stand in folders by subsystem and are included by their names alone, as clients do.
+# Two folders of links in the build folder show them so:
 #   include/Z    what gets installed: for examples, tools, benchmarks and tests
 #   internal/Z   all headers: for the library, and for tests of what stays inside
 file(GLOB_RECURSE ZBASE_HEADERS CONFIGURE_DEPENDS src/Z/*.h)

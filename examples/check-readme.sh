@@ -35,7 +35,8 @@ for program in readme_c readme_cpp; do
             expect debug "$build/zstz" get service.conf log level
             ;;
         readme_cpp)
-            expect $'127.0.0.1\n10.20.0.15\n::1' "$build/zstz" get --all service.conf listener address
+            expect $'127.0.0.1\n10.20.0.15\n::1' \
+                "$build/zstz" get --all service.conf listener address
             expect swordfish "$build/zstz" get service.conf mail password
             expect "" sed -n /swordfish/p service.conf
             ;;

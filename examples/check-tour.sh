@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check-tour.sh BUILD: the programs that touch each subsystem once find what they should, in C++ and in
-# C.
+# check-tour.sh BUILD: the programs that touch each subsystem once find what they should, in C++ and
+# in C.
 set -euo pipefail
 
 build=$1

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check-tutorial.sh BUILD: the programs of docs/tutorial.md are those in examples/tutorial to the letter,
-# and they do one after the other what the page says.
+# check-tutorial.sh BUILD: the programs of docs/tutorial.md are those in examples/tutorial to the
+# letter, and they do one after the other what the page says.
 set -euo pipefail
 
 build=$(cd "${1:?usage: check-tutorial.sh BUILD}" && pwd)
@@ -30,7 +30,7 @@ cd "$folder"
 shown "$(run read)"
 run change
 shown "$(grep -A2 '^# timeout = 90' service.conf)"
-! grep -q '^tls' service.conf
+if grep -q '^tls' service.conf; then exit 1; fi
 shown "$(run values)"
 for _ in 1 2 3 4; do run share & done
 wait

@@ -1,5 +1,5 @@
-// tour.cpp: each subsystem of the library once, in the order in which they stand on each other. Prints
-// what it finds; works in a folder of its own, which is the argument.
+// tour.cpp: each subsystem of the library once, in the order in which they stand on each other.
+// Prints what it finds; works in a folder of its own, which is the argument.
 #include <Z/ZAdler32.h>
 #include <Z/ZException.h>
 #include <Z/ZFileLock.h>
@@ -123,7 +123,8 @@ static void services(const std::string& folder) {
 // A thread of a pool: adds its number to a sum. Detached and self-deleting, as a pool wants them.
 class Adder : public ZThread {
 public:
-    Adder(int number, ZLock& lock, int& sum) : ZThread(1, 1), number_(number), lock_(lock), sum_(sum) {}
+    Adder(int number, ZLock& lock, int& sum)
+        : ZThread(1, 1), number_(number), lock_(lock), sum_(sum) {}
 
 protected:
     void run() override {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# common.sh: what ./run, ./check and .ci/run share: builds, test runs and the counting. Sourced, with
-# the root of the tree as current folder.
+# common.sh: what ./run, ./check and .ci/run share: builds, test runs and the counting. Sourced,
+# with the root of the tree as current folder.
 
 passed=0
 failed=0
@@ -105,5 +105,6 @@ run_tests() {
             count "${good:-0}" "$bad"
             echo "FAILED  $name: ${good:-0} passed, $bad failed (see $results/log)"
         fi
-    done < <(sed -n 's/.*<testcase name="\([^"]*\)".* status="\([^"]*\)".*/\1 \2/p' "$results/ctest.xml")
+    done < <(sed -n 's/.*<testcase name="\([^"]*\)".* status="\([^"]*\)".*/\1 \2/p' \
+        "$results/ctest.xml")
 }

@@ -68,8 +68,8 @@ static int checkChange(const Change& change) {
     return complain(usage, "no such change: %s; see zstz --help", change.word(0));
 }
 
-// A change that failed for another reason than the file. With names and values that are checked, what
-// can be wrong with it is that text would go where hidden values are.
+// A change that failed for another reason than the file. With names and values that are checked,
+// what can be wrong with it is that text would go where hidden values are.
 static int refuse(ZPROP_handle* handle, const char* file, const char* stanza, const char* key) {
     ZPROP_error error;
     zstzPropLastError(&error);

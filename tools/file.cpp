@@ -34,9 +34,9 @@ int reportLastError(const char* file) {
 
 int openFile(const char* file, const Options& options, Handle& handle) {
     ZPROP_handle* opened = nullptr;
-    const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE,
-                                        ZPCACHE_STRICT | ZPCACHE_KEEP_LINES, options.storeMode,
-                                        options.wait);
+    const int result =
+        zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, ZPCACHE_STRICT | ZPCACHE_KEEP_LINES,
+                         options.storeMode, options.wait);
     if (result != ZPROP_OK)
         return reportLastError(file);
     handle.reset(opened);

@@ -42,7 +42,8 @@ static const char kHelp[] =
     "run at once.\n"
     "\n"
     "Exit status: 0 done, 1 stanza, key or value not found, or files that differ, 2 wrong usage,\n"
-    "3 the file can't be read, locked or written, 4 the file holds bad data, or hidden values that\n"
+    "3 the file can't be read, locked or written, 4 the file holds bad data, or hidden values "
+    "that\n"
     "bar the change.\n";
 
 namespace {
@@ -54,10 +55,10 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"get", 3, 3, get},         {"set", 4, 4, change},        {"add", 4, 4, change},
-    {"unset", 2, 4, change},    {"comment", 2, 4, change},    {"list", 1, 2, list},
+    {"get", 3, 3, get},           {"set", 4, 4, change},      {"add", 4, 4, change},
+    {"unset", 2, 4, change},      {"comment", 2, 4, change},  {"list", 1, 2, list},
     {"check", 1, 1 << 20, check}, {"edit", 1, 1 << 20, edit}, {"diff", 2, 2, diff},
-    {"merge", 2, 2, merge},     {"watch", 1, 2, watch},
+    {"merge", 2, 2, merge},       {"watch", 1, 2, watch},
 };
 
 }  // namespace
@@ -114,12 +115,15 @@ static int finish(int result) {
 int main(int argc, char** argv) {
     // The library wants it set; a command should work without.
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
-    static const option kOptions[] = {
-        {"all", no_argument, nullptr, 'a'},         {"create", no_argument, nullptr, 'c'},
-        {"type", required_argument, nullptr, 't'},  {"delete", no_argument, nullptr, 'd'},
-        {"wait", required_argument, nullptr, 'w'},  {"store", required_argument, nullptr, 's'},
-        {"help", no_argument, nullptr, 'h'},        {"version", no_argument, nullptr, 'v'},
-        {nullptr, 0, nullptr, 0}};
+    static const option kOptions[] = {{"all", no_argument, nullptr, 'a'},
+                                      {"create", no_argument, nullptr, 'c'},
+                                      {"type", required_argument, nullptr, 't'},
+                                      {"delete", no_argument, nullptr, 'd'},
+                                      {"wait", required_argument, nullptr, 'w'},
+                                      {"store", required_argument, nullptr, 's'},
+                                      {"help", no_argument, nullptr, 'h'},
+                                      {"version", no_argument, nullptr, 'v'},
+                                      {nullptr, 0, nullptr, 0}};
     Options options;
     int letter;
     while ((letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {

@@ -1,5 +1,5 @@
-// zstz.h: what the commands of zstz share. The command stands on the C interface and on nothing below
-// it.
+// zstz.h: what the commands of zstz share. The command stands on the C interface and on nothing
+// below it.
 //
 //   zstz.cpp    command line and help
 //   file.cpp    opening, reporting, and what the format can hold
@@ -21,10 +21,10 @@ enum Exit { done = 0, notFound = 1, usage = 2, fileError = 3, badData = 4 };
 struct Options {
     bool all = false;
     bool create = false;
-    bool remove = false;                // of merge: what OVER lacks goes
-    const char* type = nullptr;         // of set
+    bool remove = false;         // of merge: what OVER lacks goes
+    const char* type = nullptr;  // of set
     int storeMode = ZPROP_STORE_SAFE;
-    unsigned long wait = 10000;         // milliseconds
+    unsigned long wait = 10000;  // milliseconds
 };
 
 typedef std::vector<std::string> Words;
@@ -43,7 +43,8 @@ int get(const Words& words, const Options& options);
 int list(const Words& words, const Options& options);
 int check(const Words& words, const Options& options);
 int diff(const Words& words, const Options& options);
-int change(const Words& words, const Options& options);  // set, add, unset, comment: words[0] says which
+int change(const Words& words,
+           const Options& options);  // set, add, unset, comment: words[0] says which
 int edit(const Words& words, const Options& options);
 int merge(const Words& words, const Options& options);
 int watch(const Words& words, const Options& options);
@@ -64,7 +65,8 @@ int walkValues(ZPROP_handle* handle, const char* file, const char* stanza, const
 int stanzasOf(ZPROP_handle* handle, const char* file, Words& out);
 int keysOf(ZPROP_handle* handle, const char* file, const char* stanza, Words& out);
 /// All values of a key, in order.
-int valuesOf(ZPROP_handle* handle, const char* file, const char* stanza, const char* key, Words& out);
+int valuesOf(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
+             Words& out);
 
 // What would be read back as something else is refused before anything is written.
 int checkStanza(const char* stanza);

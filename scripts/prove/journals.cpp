@@ -2,12 +2,13 @@
 //
 //   journals FOLDER USER COUNT SEED
 //
-// FOLDER, which must be fresh, gets a file and a side database of USER's and, beside them, files that nobody
-// may touch. Then COUNT journals are put there, one after the other: real ones cut at each length, with
-// each byte changed, and made up with good sums: other texts, other names of side databases, other
-// owners, links, pipes. Each is met by what a load does and by what a store does with it. Every file that
-// is opened for writing, moved or removed meanwhile must be FILE, FILE.obf, FILE.obf.ztmp or FILE.zjournal.
-// The calls are led to the functions below by the linker (--wrap). Prints what was done.
+// FOLDER, which must be fresh, gets a file and a side database of USER's and, beside them, files
+// that nobody may touch. Then COUNT journals are put there, one after the other: real ones cut at
+// each length, with each byte changed, and made up with good sums: other texts, other names of side
+// databases, other owners, links, pipes. Each is met by what a load does and by what a store does
+// with it. Every file that is opened for writing, moved or removed meanwhile must be FILE,
+// FILE.obf, FILE.obf.ztmp or FILE.zjournal. The calls are led to the functions below by the linker
+// (--wrap). Prints what was done.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -2,18 +2,20 @@
 //
 //   prove_power KIND STATES SEED
 //
-// KIND: ext4, ext4-1k, ext4-writeback, ext4-nodelalloc, xfs, btrfs. A file system of that kind is made in a
-// file that a FUSE server keeps in memory, and mounted through a loop device. The server logs the bytes
-// of each write, and each flush of the disk's cache, in their order. Processes make safe stores there, one
-// scene after the other: texts that grow, shrink, stay, come and go, side databases that do, two and
-// three stores one behind the other. Then the disk is made anew as a power cut leaves it: all writes up to
-// the last flush before it, and of those behind it all, none, or by chance some, in pieces of 512 bytes.
-// It is mounted, the file is loaded, and the next edit made and loaded. The content must be the old
-// or the new one of the store that was under way, and where a store's process had ended, its new one.
-// Some of the states are cut once more while the next edit mends them.
+// KIND: ext4, ext4-1k, ext4-writeback, ext4-nodelalloc, xfs, btrfs. A file system of that kind is
+// made in a file that a FUSE server keeps in memory, and mounted through a loop device. The server
+// logs the bytes of each write, and each flush of the disk's cache, in their order. Processes make
+// safe stores there, one scene after the other: texts that grow, shrink, stay, come and go, side
+// databases that do, two and three stores one behind the other. Then the disk is made anew as a
+// power cut leaves it: all writes up to the last flush before it, and of those behind it all, none,
+// or by chance some, in pieces of 512 bytes. It is mounted, the file is loaded, and the next edit
+// made and loaded. The content must be the old or the new one of the store that was under way, and
+// where a store's process had ended, its new one. Some of the states are cut once more while the
+// next edit mends them.
 //
-// Prints how many states there were, and the first that is wrong; 3: may not mount here. A disk that the
-// file system itself takes for broken, since a block of its own was torn, says nothing of its files.
+// Prints how many states there were, and the first that is wrong; 3: may not mount here. A disk
+// that the file system itself takes for broken, since a block of its own was torn, says nothing of
+// its files.
 #define FUSE_USE_VERSION 31
 #include <fcntl.h>
 #include <fuse.h>
@@ -356,7 +358,8 @@ Log logWhile(const Kind& kind, const std::vector<char>& image, const std::functi
 
 // ---------------------------------------------------------------- states
 
-// One power cut: behind how many records, and which of the writes since the last flush went through.
+// One power cut: behind how many records, and which of the writes since the last flush went
+// through.
 struct Cut {
     size_t behind;
     enum Rest { all, none, some } rest;
@@ -400,8 +403,8 @@ string fileOf(size_t scene) { return base + "/mnt/f" + std::to_string(scene); }
 unsigned long states, before, after, mended;
 unsigned long givenUp;  // disks whose own records were torn within a block, which no mount takes
 
-// What is wrong with a file after a cut in its scene, with `done` stores ended; "" for nothing. `found` is the
-// content.
+// What is wrong with a file after a cut in its scene, with `done` stores ended; "" for nothing.
+// `found` is the content.
 string check(const string& path, const Scene& scene, size_t done, size_t& found) {
     size_t allowed[2] = {done, done + 1 < scene.size() ? done + 1 : done};
     try {

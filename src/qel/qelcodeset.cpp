@@ -270,8 +270,8 @@ private:
 };
 
 // The characters of two bytes that iconv has been asked for. What two bytes are depends on nothing
-// else, since every question begins anew. Readers take no lock: a row is published when it is empty,
-// and an entry is one word.
+// else, since every question begins anew. Readers take no lock: a row is published when it is
+// empty, and an entry is one word.
 class KnownPairs {
 public:
     ~KnownPairs() {

@@ -12,7 +12,8 @@ const uint32_t kNoCode = 0xFFFFFFFFU;
 /// The length of what begins a character that the end of the bytes at hand cuts off.
 const int kCut = -2;
 
-/// A character met in a text: its bytes, -1 or kCut if what stands there is none, and its Unicode code.
+/// A character met in a text: its bytes, -1 or kCut if what stands there is none, and its Unicode
+/// code.
 struct Character {
     int length;
     uint32_t code;

@@ -64,7 +64,8 @@ public:
     int load(const char* path, const char* key);
 
     /// Writes all entries, in the order of a ZHashKeyMap that was made for ten, behind one comment
-    /// line. 0, or EOF if writing or closing failed, after which the file isn't whole. Not cancelled.
+    /// line. 0, or EOF if writing or closing failed, after which the file isn't whole. Not
+    /// cancelled.
     ///
     /// Raises ZInvalidParameterException (22) for a null or empty path or a key that holds a line
     /// end, and ZPropertiesIOException (43) if the file can't be opened for writing ("fopen(wt)")

@@ -71,8 +71,8 @@ public:
     virtual ~ZPropertiesMutableInterface() noexcept {}
 };
 
-/// What an observer of a properties object is told. The texts are good only during the notice; `key`
-/// is null for a notice about a stanza.
+/// What an observer of a properties object is told. The texts are good only during the notice;
+/// `key` is null for a notice about a stanza.
 class ZEXPORT ZPropertyChanged : public ZObservedParm {
 public:
     /// What kind of property it is, and what has become of it.
@@ -90,9 +90,9 @@ public:
     PropertyChangeType changeType;  ///< added, deleted or modified
 };
 
-/// The lock of a configuration. A thread that gives up its last hold sends the notices that were kept
-/// back meanwhile, in their order, when the lock is free; unlock() then raises what an observer raises
-/// first, and the others are told all the same.
+/// The lock of a configuration. A thread that gives up its last hold sends the notices that were
+/// kept back meanwhile, in their order, when the lock is free; unlock() then raises what an
+/// observer raises first, and the others are told all the same.
 class ZEXPORT ZPropertiesLock : public ZLock {
 public:
     void unlock() override;
@@ -106,7 +106,8 @@ public:
 /// Adds the lock that makes a configuration safe to share.
 class ZEXPORT ZAbstractProperties : public ZObject, public ZPropertiesInterface {
 public:
-    /// Holds any lock for a scope. What its unlock raises is reported if an exception is on its way.
+    /// Holds any lock for a scope. What its unlock raises is reported if an exception is on its
+    /// way.
     class ZEXPORT ZPropResourceLock {
     public:
         /// Waits for the lock.
@@ -137,9 +138,10 @@ protected:
 ///   a call says so; the classes and numbers of the other exceptions stand with the calls. After a
 ///   failure the object is usable.
 /// Threads: any. One recursive lock covers each call; a thread that keeps an iterator open holds it
-///   meanwhile. Notices go out after it is released: those of changes under an open iterator or update
-///   when that has ended, from its destructor, which raises what an observer raises. `get`, `keyNames` and `list` take no lock:
-///   they are for a caller who holds an iterator or knows that nobody changes the object.
+///   meanwhile. Notices go out after it is released: those of changes under an open iterator or
+///   update when that has ended, from its destructor, which raises what an observer raises. `get`,
+///   `keyNames` and `list` take no lock: they are for a caller who holds an iterator or knows that
+///   nobody changes the object.
 /// Between processes: a load takes a read lock on the whole file, a store a write lock, by fcntl,
 ///   and neither waits. They are advisory, and a process that closes any descriptor of a file loses
 ///   its locks on it.
@@ -160,8 +162,8 @@ public:
     /// Whether the key or stanza exists; a key exists with or without values.
     int exists(const char* category, const char* key) const override;
     int exists(const char* category) const override;
-    /// 1 if the key's values are hidden: they stand in the side database and not in the text. Raises
-    /// ZInvalidParameterException for a key that doesn't exist. The one-argument form takes
+    /// 1 if the key's values are hidden: they stand in the side database and not in the text.
+    /// Raises ZInvalidParameterException for a key that doesn't exist. The one-argument form takes
     /// "stanza.key".
     virtual int isObfuscated(const char* category, const char* key) const;
     virtual int isObfuscated(const char* key) const;
@@ -207,18 +209,19 @@ public:
     void list() const override;
 
     /// How stores are made from now on: ZPROP_STORE_PLAIN, as above and the default; CHECKED, where
-    /// whatever fails raises ZPropertiesIOException and leaves the object modified; SAFE, which also
-    /// leaves the old or the new content after a crash at any moment, by way of a journal beside the
-    /// file. In the last two, locks belong to the open file and not to the process, so that threads
-    /// and objects of one process exclude each other, and a store after a load that failed raises
-    /// ZInvalidParameterException until a load succeeds or allowStoreAfterFailedLoad() is called;
-    /// SAFE refuses a file with a second hard link ("link()"), and needs a folder that it may write
-    /// to. Another number raises ZInvalidParameterException.
+    /// whatever fails raises ZPropertiesIOException and leaves the object modified; SAFE, which
+    /// also leaves the old or the new content after a crash at any moment, by way of a journal
+    /// beside the file. In the last two, locks belong to the open file and not to the process, so
+    /// that threads and objects of one process exclude each other, and a store after a load that
+    /// failed raises ZInvalidParameterException until a load succeeds or
+    /// allowStoreAfterFailedLoad() is called; SAFE refuses a file with a second hard link
+    /// ("link()"), and needs a folder that it may write to. Another number raises
+    /// ZInvalidParameterException.
     void setStoreMode(int mode);
     int storeMode() const;
-    /// In which mode the last store was made: ZPROP_STORE_CHECKED in place of SAFE where the journal can't be
-    /// given the file's owner, group and access list, as when neither the owner nor root stores. A crash may
-    /// then have left a part of the new content.
+    /// In which mode the last store was made: ZPROP_STORE_CHECKED in place of SAFE where the
+    /// journal can't be given the file's owner, group and access list, as when neither the owner
+    /// nor root stores. A crash may then have left a part of the new content.
     int lastStoreMode() const;
     /// How long loads and stores go on trying while somebody else holds the file's lock; 0, the
     /// default, fails at once. The object's lock is held meanwhile. getPropertiesFor never waits.
@@ -277,8 +280,8 @@ public:
     /// always with `forceReload`. Nobody deletes it. Raises as load.
     ///
     /// A reload waits for whoever holds the object, and keeps nobody waiting who asks for another
-    /// file. What was changed meanwhile counts: unsaved changes win. First loads, each with the factory's
-    /// call and postLoad, are made one by one.
+    /// file. What was changed meanwhile counts: unsaved changes win. First loads, each with the
+    /// factory's call and postLoad, are made one by one.
     static ZProperties* getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
                                          int forceReload);
 
@@ -288,9 +291,9 @@ protected:
     friend class ZPropertiesUpdate;
     friend class ZPropertiesWatcher;
 
-    /// Tells the observers, unless a load is under way. While the calling thread holds the lock, the
-    /// notice waits for its end; it is told to those who are registered then, and not kept if there
-    /// is nobody now.
+    /// Tells the observers, unless a load is under way. While the calling thread holds the lock,
+    /// the notice waits for its end; it is told to those who are registered then, and not kept if
+    /// there is nobody now.
     void sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                           ZPropertyChanged::PropertyChangeType type, const char* category,
                           const char* key);

@@ -4,9 +4,9 @@
 // The lock is taken without waiting. It belongs to the process and to the file: closing any
 // descriptor of that file drops it, so nothing here opens the file a second time while it is held.
 //
-// Order of locks: an object's lock_, ZPropRegistry; an object's lock_, the record lock. The registry is
-// held to look or to enter something, and never while an object is made, loaded or waited for: who holds
-// that object may want the registry, too.
+// Order of locks: an object's lock_, ZPropRegistry; an object's lock_, the record lock. The
+// registry is held to look or to enter something, and never while an object is made, loaded or
+// waited for: who holds that object may want the registry, too.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesImpl.h"
@@ -135,9 +135,9 @@ private:
 // ---------------------------------------------------------------- load
 
 // Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
-// stopped had written down for it; and its side database. `stream` is the plain way to the bytes, null
-// where the descriptor alone is at hand or the bytes are wanted in `content` too. 0, or the errno of a
-// reading by the stream that came to no end.
+// stopped had written down for it; and its side database. `stream` is the plain way to the bytes,
+// null where the descriptor alone is at hand or the bytes are wanted in `content` too. 0, or the
+// errno of a reading by the stream that came to no end.
 int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
                              ZFileContent* content) const {
     ZFileContent own;
@@ -172,7 +172,8 @@ int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descript
     return 0;
 }
 
-// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to others.
+// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to
+// others.
 template <typename Close>
 void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
                            ZFileContent* content, Close close) {
@@ -260,9 +261,9 @@ void ZProperties::addSideLine(const ZLCString& side) {
         cache_->addLine(kSideStanza, kSideKey, side.getChars(), 0);
 }
 
-// Asks whether the side database, if there is a name for one, may be what a store removes or writes, ahead
-// of both; and removes one that isn't wanted any more, whatever comes of it. A text that isn't there yet
-// will be the caller's.
+// Asks whether the side database, if there is a name for one, may be what a store removes or
+// writes, ahead of both; and removes one that isn't wanted any more, whatever comes of it. A text
+// that isn't there yet will be the caller's.
 static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted,
                             bool isToGo) {
     if (name.getLength() == 0)
@@ -385,8 +386,8 @@ static void requireShortLines(const char* path, ZSpan text) {
     }
 }
 
-// Puts the object's content into the file under the lock that its descriptor has; `content` is what the
-// file holds then.
+// Puts the object's content into the file under the lock that its descriptor has; `content` is what
+// the file holds then.
 void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
     const ZUncancelled uncancelled;
     const int mode = optionsNow().storeMode;
@@ -479,9 +480,10 @@ private:
     ZPropertiesOptions* const options_;
 };
 
-// The turn to make and load an object for a new file, for a scope: one thread at a time, so that threads
-// that ask for a file at once get one object, read once, and factories are called one by one. A factory, or
-// a postLoad, that waits for an object which a thread holds that asks for a new file, waits for ever.
+// The turn to make and load an object for a new file, for a scope: one thread at a time, so that
+// threads that ask for a file at once get one object, read once, and factories are called one by
+// one. A factory, or a postLoad, that waits for an object which a thread holds that asks for a new
+// file, waits for ever.
 class FirstLoad {
 public:
     FirstLoad() {
@@ -518,7 +520,8 @@ int FirstLoad::depth_;
 
 }  // namespace
 
-// Whether the file may have changed since this object was loaded or stored, by all that can be known.
+// Whether the file may have changed since this object was loaded or stored, by all that can be
+// known.
 bool ZProperties::isOutdated(const char* file) const {
     ZResourceLock guard(lock_);
     ZFileStamp now;
@@ -527,9 +530,9 @@ bool ZProperties::isOutdated(const char* file) const {
     return options_ == nullptr || !options_->hasStamp || !zsameContent(options_->stamp, now);
 }
 
-// Brings a shared object up to date. Whether there is anything to do is asked twice: before the wait
-// for the object, so that who needs no reload doesn't wait, and under its lock, since whoever held it
-// may have changed or reloaded it.
+// Brings a shared object up to date. Whether there is anything to do is asked twice: before the
+// wait for the object, so that who needs no reload doesn't wait, and under its lock, since whoever
+// held it may have changed or reloaded it.
 void ZProperties::follow(const char* file, int forceReload) {
     const auto isCurrent = [&](long& stamp) {
         if (forceReload == 0 && isModified() != 0)
@@ -550,8 +553,8 @@ void ZProperties::follow(const char* file, int forceReload) {
     try {
         reload(file);
     } catch (...) {
-        // The next caller tries again, instead of being handed an emptied object: by the old time, or
-        // where that is the file's still, by one that no file has.
+        // The next caller tries again, instead of being handed an emptied object: by the old time,
+        // or where that is the file's still, by one that no file has.
         timeStamp_ = stamp != before ? before : kNoTime;
         resetModified();  // these changes are gone
         throw;

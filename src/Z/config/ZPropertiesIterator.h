@@ -9,8 +9,8 @@
 // object, other threads wait, and it has to be destroyed in the thread that made it. That thread
 // may go on calling the object, and change and remove whatever it likes. A walk whose key has gone
 // stands on none, and goes on behind the place where it was; a walk over keys ends when its stanza
-// goes, as with a reload. What it had handed out of the removed goes too. The object must outlive its
-// iterators. There is no way back and no copy: a new walk takes a new iterator.
+// goes, as with a reload. What it had handed out of the removed goes too. The object must outlive
+// its iterators. There is no way back and no copy: a new walk takes a new iterator.
 #ifndef Z_ZPROPERTIESITERATOR_H
 #define Z_ZPROPERTIESITERATOR_H
 
@@ -33,7 +33,8 @@ class ZEXPORT ZAbstractPropertiesIterator : public ZPropertiesIteratorInterface 
 
 /// Walks the keys of a stanza in the order of the file.
 ///
-/// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs: in
+/// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs:
+/// in
 ///   front of the first key, behind the last, or where a key has been removed.
 /// Cost: each call constant, whatever is added or removed meanwhile.
 class ZEXPORT ZPropertiesIterator : public ZAbstractPropertiesIterator {
@@ -50,12 +51,12 @@ public:
     int hasMore() override;
     /// Moves to the next key; raises at the end.
     void nextEntry() override;
-    /// The current key, good while the key is there; where the cache isn't a ZSCFData, until the next
-    /// call. Raises when on none.
+    /// The current key, good while the key is there; where the cache isn't a ZSCFData, until the
+    /// next call. Raises when on none.
     const char* entryName() override;
     /// Value `i`, from 0, of the current key, good while it is there: of the kind that the key had
-    /// when the walk came to it. Raises when on no key, and ZInvalidParameterException if there is no
-    /// such value.
+    /// when the walk came to it. Raises when on no key, and ZInvalidParameterException if there is
+    /// no such value.
     const char* entryValue(unsigned int i) override;
     /// The number of keys.
     unsigned int keyCount() override;
@@ -101,18 +102,14 @@ public:
 
 /// Walks the values of a key and changes them in place.
 ///
-/// Whoever else changes the values meanwhile: the walk keeps its index, and stands on no value where
-/// that is behind the last one.
+/// Whoever else changes the values meanwhile: the walk keeps its index, and stands on no value
+/// where that is behind the last one.
 ///
 /// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs.
 class ZEXPORT ZAbstractPropertyValuesIterator : public ZPropertyValuesIteratorInterface {
 public:
     /// Which values are walked: whichever the key holds, the plain ones, the hidden ones.
-    enum ZPropIter_valtype {
-        ZPROP_ITER_AUTO = 0,
-        ZPROP_ITER_PLAIN = 1,
-        ZPROP_ITER_OBFUSCATED = 2
-    };
+    enum ZPropIter_valtype { ZPROP_ITER_AUTO = 0, ZPROP_ITER_PLAIN = 1, ZPROP_ITER_OBFUSCATED = 2 };
 
     /// A missing key has no values. Raises ZInvalidParameterException for a null name, a type that
     /// is none, or a key whose values are of the other kind than asked for.
@@ -129,9 +126,9 @@ public:
     const char* nextValue(const char*& text) override;
     /// Replaces the current value; `text` is in the iterator's codeset. Raises when on none.
     void changeValue(const char* text) override;
-    /// Adds behind the current value, or at the end if the values have become fewer, and moves there.
-    /// A key without values is set to it, with its stanza and line if need be, and a notice goes out;
-    /// an empty text leaves it without values.
+    /// Adds behind the current value, or at the end if the values have become fewer, and moves
+    /// there. A key without values is set to it, with its stanza and line if need be, and a notice
+    /// goes out; an empty text leaves it without values.
     void addValue(const char* text) override;
     /// Removes the current value and moves back, so that the walk goes on behind it. Removing the
     /// first of a walk over hidden values removes them all. Raises when on none.

@@ -1,5 +1,5 @@
-// ZPropertiesUpdate.cpp: an update is a descriptor under the write lock that the object's options know,
-// and a snapshot of the content, as the bytes of text and side database.
+// ZPropertiesUpdate.cpp: an update is a descriptor under the write lock that the object's options
+// know, and a snapshot of the content, as the bytes of text and side database.
 //
 // Order of locks: the object's lock, the file's lock.
 #include "ZPropertiesUpdate.h"
@@ -35,8 +35,8 @@ public:
     }
 
     void store() {
-        // Somebody has put another file in its place, without asking for the lock. What he wrote isn't
-        // overwritten with what was made of the old one.
+        // Somebody has put another file in its place, without asking for the lock. What he wrote
+        // isn't overwritten with what was made of the old one.
         if (!zleadsTo(path(), updated_.descriptor))
             zraiseIO(path(), "stat()", ESTALE);
         properties_.store(path());
@@ -54,8 +54,8 @@ public:
 
     const char* path() const { return path_.getChars(); }
 
-    // What the object was at the beginning, or what was stored since: from memory, whatever has become of
-    // the file.
+    // What the object was at the beginning, or what was stored since: from memory, whatever has
+    // become of the file.
     void restore() {
         ZPCache& cache = *properties_.cache_;
         properties_.loading_ = 1;
@@ -66,8 +66,8 @@ public:
                 zreadSide(cache, zspanOf(updated_.content.side));
         } catch (...) {
             properties_.loading_ = 0;
-            // The object isn't what the file holds any more: no store but a plain one puts it in the
-            // file's place.
+            // The object isn't what the file holds any more: no store but a plain one puts it in
+            // the file's place.
             options().hasStamp = false;
             properties_.loadFailed_ = ZProperties::kFailed;
             throw;

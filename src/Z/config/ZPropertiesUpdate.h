@@ -11,30 +11,33 @@
 ///     file.setIntegerValue("jobs", "done", file.getIntegerValue("jobs", "done", 0, 0) + 1);
 ///     update.commit();
 ///
-/// The constructor reads the file anew, so that changes are made to what the file holds. They are made with the object's usual calls. What
-/// isn't committed is forgotten: the destructor takes the object back to what it was at the
-/// beginning, or at the last store inside, and the file sees nothing of it. Observers are told of each
-/// change when the object's lock is free again, of those that were taken back too.
+/// The constructor reads the file anew, so that changes are made to what the file holds. They are
+/// made with the object's usual calls. What isn't committed is forgotten: the destructor takes the
+/// object back to what it was at the beginning, or at the last store inside, and the file sees
+/// nothing of it. Observers are told of each change when the object's lock is free again, of those
+/// that were taken back too.
 ///
 /// Load, reload and store of that file by this object go through the update's own lock meanwhile;
 /// a store is a commit that leaves the update open. getPropertiesFor of the file in this thread
 /// raises ZInvalidParameterException (22).
 ///
 /// Ownership: a scope object, on the stack. The properties object must outlive it.
-/// Failure: as each call says. An update that couldn't begin has changed nothing, but that the object
+/// Failure: as each call says. An update that couldn't begin has changed nothing, but that the
+/// object
 ///   may have been read anew, or be empty after a reading that failed.
-/// Threads: begin and end belong to one thread. Other threads' calls on the object wait, a reload by
-///   getPropertiesFor too. The file's lock belongs to the open file, so that neither another thread or
-///   object of this process slips by it nor another descriptor of the file breaks it.
+/// Threads: begin and end belong to one thread. Other threads' calls on the object wait, a reload
+/// by
+///   getPropertiesFor too. The file's lock belongs to the open file, so that neither another thread
+///   or object of this process slips by it nor another descriptor of the file breaks it.
 /// Cost: a load at the beginning, and the file's bytes in memory. Lists that the object handed out
 ///   earlier are gone, as after a reload, and again where it was taken back.
 class ZEXPORT ZPropertiesUpdate {
 public:
     /// Begins an update of the file that `properties` belongs to, which must exist. Waits up to
     /// `waitMilliseconds` for the file's lock, whatever the object's own wait is. Raises
-    /// ZInvalidParameterException if the object has unsaved changes, has no file, or is in an update
-    /// already; ZPropertiesIOException with "fopen(r+)" or, where the lock didn't come in time,
-    /// "fcntl()"; and what load raises.
+    /// ZInvalidParameterException if the object has unsaved changes, has no file, or is in an
+    /// update already; ZPropertiesIOException with "fopen(r+)" or, where the lock didn't come in
+    /// time, "fcntl()"; and what load raises.
     ZPropertiesUpdate(ZProperties& properties, unsigned long waitMilliseconds);
 
     /// Ends the update. What wasn't committed is forgotten.

@@ -1,8 +1,9 @@
-// ZPropertiesWatcher.cpp: reads the file when the way to it or its bytes have changed, and tells the
-// differences.
+// ZPropertiesWatcher.cpp: reads the file when the way to it or its bytes have changed, and tells
+// the differences.
 //
 // A notice only says that something may have changed. Whether it has, the file's stamp and content
-// tell: so the notices of the object's own stores, and those that many writers pile up, cost nothing.
+// tell: so the notices of the object's own stores, and those that many writers pile up, cost
+// nothing.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesWatcher.h"

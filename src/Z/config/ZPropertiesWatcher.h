@@ -16,23 +16,25 @@ class ZPathWatch;
 ///         watcher.process();
 ///     while (poll(&ready, 1, -1) >= 0);
 ///
-/// The first call deals with what has happened between the object's load and the watcher's beginning.
+/// The first call deals with what has happened between the object's load and the watcher's
+/// beginning.
 ///
-/// The file may be rewritten in place or replaced by another one, as editors do; links anywhere on its path
-/// may be turned, folders replaced, taken away and brought back, or mounted over. Where the system can't
-/// tell of all that (inotify's limits, a folder that may not be read), the descriptor becomes readable once a
-/// second, to look.
+/// The file may be rewritten in place or replaced by another one, as editors do; links anywhere on
+/// its path may be turned, folders replaced, taken away and brought back, or mounted over. Where
+/// the system can't tell of all that (inotify's limits, a folder that may not be read), the
+/// descriptor becomes readable once a second, to look.
 ///
 /// Ownership: the properties object must outlive the watcher.
 /// Failure: as each call says.
-/// Threads: one at a time may call a watcher; the object's lock is taken where it is needed. Observers
+/// Threads: one at a time may call a watcher; the object's lock is taken where it is needed.
+/// Observers
 ///   are told by the thread that calls process(), when it has released the lock.
 /// Cost: reading the file twice and comparing it with the object, for each change of the file.
 class ZEXPORT ZPropertiesWatcher {
 public:
-    /// Begins to watch; the file needn't be there. Raises ZInvalidParameterException (22) for an object
-    /// without a file, and ZPropertiesIOException (43) with "epoll_create1()" where there are no descriptors
-    /// left.
+    /// Begins to watch; the file needn't be there. Raises ZInvalidParameterException (22) for an
+    /// object without a file, and ZPropertiesIOException (43) with "epoll_create1()" where there
+    /// are no descriptors left.
     explicit ZPropertiesWatcher(ZProperties& properties);
     virtual ~ZPropertiesWatcher() noexcept;
 
@@ -42,8 +44,8 @@ public:
     /// For poll or epoll: readable when something has happened around the file. The watcher's own.
     int descriptor() const { return descriptor_; }
 
-    /// How long a file that somebody writes to, and hasn't closed, must have got no byte before it is read: 50
-    /// milliseconds at first; 0 waits for nobody.
+    /// How long a file that somebody writes to, and hasn't closed, must have got no byte before it
+    /// is read: 50 milliseconds at first; 0 waits for nobody.
     void setSettlingTime(unsigned long milliseconds);
 
     /// Reads what has come, without waiting. If the file has other content than the object, the

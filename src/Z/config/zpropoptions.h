@@ -1,5 +1,5 @@
-// zpropoptions.h: what a properties object has beyond the plain ways of loading and storing; most have
-// none of it. Never installed.
+// zpropoptions.h: what a properties object has beyond the plain ways of loading and storing; most
+// have none of it. Never installed.
 #ifndef Z_ZPROPOPTIONS_H
 #define Z_ZPROPOPTIONS_H
 
@@ -40,10 +40,10 @@ bool zisUpdatedHere(const char* path);
 struct ZPropertiesOptions : ZAllocated {
     int storeMode = ZPROP_STORE_PLAIN;
     int lastStoreMode = ZPROP_STORE_PLAIN;  // how the last store was made
-    unsigned long lockWait = 0;     // milliseconds
-    bool waits = true;              // false while getPropertiesFor is at work
-    bool storeAllowed = false;      // although the last load failed
-    bool hasStamp = false;          // of the last load or store
+    unsigned long lockWait = 0;             // milliseconds
+    bool waits = true;                      // false while getPropertiesFor is at work
+    bool storeAllowed = false;              // although the last load failed
+    bool hasStamp = false;                  // of the last load or store
     ZFileStamp stamp = {};
     ZUpdatedFile* update = nullptr;  // the update's
 

@@ -39,8 +39,8 @@ public:
 ///   member's destructor raises is reported to the message service and goes no further.
 /// Failure: an index that is not below size() raises ZInvalidParameterException (22), from every
 ///   call that takes one, and changes nothing. Memory: ZOutOfMemoryException (1) or what the global
-///   allocator raises; a call for one slot then leaves the array as it was. A thread isn't cancelled
-///   while it deletes members.
+///   allocator raises; a call for one slot then leaves the array as it was. A thread isn't
+///   cancelled while it deletes members.
 /// Threads: no lock inside. Calls on const arrays may run side by side; a change needs the
 ///   caller's lock against all other calls.
 class ZEXPORT ZArray : public ZAbstractArray {

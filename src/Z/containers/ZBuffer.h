@@ -4,8 +4,8 @@
 
 #include "ZObject.h"
 
-/// What a buffer offers; ZBuffer tells what each call does. An interface without ZObject: never delete
-/// through it.
+/// What a buffer offers; ZBuffer tells what each call does. An interface without ZObject: never
+/// delete through it.
 class ZEXPORT ZBufferInterface {
 public:
     virtual void setLength(unsigned long length) = 0;

@@ -106,8 +106,8 @@ public:
     /// its place in the order.
     void putEntry(const ZObject* key, const ZObject* value) override;
 
-    /// Puts each pair of `other`, in the order of its listKeys(). `other` may be this map, or be held
-    /// by one of its values.
+    /// Puts each pair of `other`, in the order of its listKeys(). `other` may be this map, or be
+    /// held by one of its values.
     void putAll(const ZKeyMap& other) override;
 
     /// Removes the pair; nothing when there is none.

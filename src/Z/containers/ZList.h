@@ -67,8 +67,8 @@ public:
 ///   member's destructor raises is reported to the message service and goes no further.
 /// Failure: a bad index reads as null and writes nothing. What can fail is memory:
 ///   ZOutOfMemoryException (1) or what the global allocator raises; a call for one member then
-///   leaves the list as it was, a call for several has done the first ones. A thread isn't cancelled
-///   while it deletes members.
+///   leaves the list as it was, a call for several has done the first ones. A thread isn't
+///   cancelled while it deletes members.
 /// Threads: no lock inside. Calls on const lists may run side by side; a change needs the
 ///   caller's lock against all other calls. shuffle() uses the process's rand().
 /// Cost: get and set constant; adding at the end constant on average (the block grows by half);

@@ -56,8 +56,7 @@ typedef ZHashTable<ZMapMember> Table;
 ZHashMap::ZHashMap(unsigned int size, int ownsMembers)
     : table_(new Table(Table::bucketsFor(size), ownsMembers)) {}
 
-ZHashMap::ZHashMap(const ZHashMap& other)
-    : ZAbstractMap(other), table_(new Table(*other.table_)) {}
+ZHashMap::ZHashMap(const ZHashMap& other) : ZAbstractMap(other), table_(new Table(*other.table_)) {}
 
 ZHashMap& ZHashMap::operator=(const ZHashMap& other) {
     if (this == &other)

@@ -118,8 +118,8 @@ public:
     /// as the last of its bucket. An owning map deletes the entry that was replaced.
     void putEntry(ZObject* entry) override;
 
-    /// Puts each entry of `other`, in the order of its list(). Requires: none of the entries that are
-    /// replaced holds `other`.
+    /// Puts each entry of `other`, in the order of its list(). Requires: none of the entries that
+    /// are replaced holds `other`.
     void putAll(ZMap& other) override;
 
     /// Removes the entry that `probe` equals; nothing when there is none.

@@ -15,10 +15,10 @@
 // A small map is searched by walking the chain.
 //
 // A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
-// look-up. The place in slots_ is taken from the top bits of an odd constant times the hash, so that
-// hashes which differ in the high bits only, or by multiples of something, spread all the same. The
-// last three bits of the hash stay out of that and choose among neighbours: of numbers in sequence,
-// eight share two cache lines.
+// look-up. The place in slots_ is taken from the top bits of an odd constant times the hash, so
+// that hashes which differ in the high bits only, or by multiples of something, spread all the
+// same. The last three bits of the hash stay out of that and choose among neighbours: of numbers in
+// sequence, eight share two cache lines.
 //
 // Invariants
 // (1) Each record in use stands in exactly one chain, that of hash % bucketCount_; size_ counts

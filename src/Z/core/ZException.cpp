@@ -26,7 +26,9 @@ const char* ZException::who() const { return file_; }
 
 unsigned long ZException::where() const { return line_; }
 
-int ZException::dumpException() { return ZMessageService::messageService()->outputException(*this); }
+int ZException::dumpException() {
+    return ZMessageService::messageService()->outputException(*this);
+}
 
 ZZException::ZZException(int number, const char* name)
     : ZException(static_cast<unsigned long>(number), name) {}
@@ -38,19 +40,20 @@ int ZZException::print() { return printinternal(this); }
 int ZZException::printinternal(const ZZException* exception, ...) {
     ZMessageArguments arguments;
     va_start(arguments.list, exception);
-    const int result = ZMessageService::routeZZException(exception, reinterpret_cast<char*>(&arguments));
+    const int result =
+        ZMessageService::routeZZException(exception, reinterpret_cast<char*>(&arguments));
     va_end(arguments.list);
     return result;
 }
 
 // What every concrete class has: its copy on the heap, and the raise. The copy that is raised has
 // exactly this class, so that a handler for it catches it.
-#define Z_CONCRETE(Class)                                       \
-    Class::~Class() noexcept {}                                 \
-    ZObject* Class::clone() const { return new Class(*this); }  \
-    void Class::throwException(const char* file, int line) {    \
-        addLocation(file, static_cast<unsigned long>(line));    \
-        throw Class(*this);                                     \
+#define Z_CONCRETE(Class)                                      \
+    Class::~Class() noexcept {}                                \
+    ZObject* Class::clone() const { return new Class(*this); } \
+    void Class::throwException(const char* file, int line) {   \
+        addLocation(file, static_cast<unsigned long>(line));   \
+        throw Class(*this);                                    \
     }
 
 #define Z_PLAIN(Class, number)                      \
@@ -58,9 +61,9 @@ int ZZException::printinternal(const ZZException* exception, ...) {
     Z_CONCRETE(Class)                               \
     int Class::print() { return printinternal(this); }
 
-#define Z_CODE(Class)                                                    \
+#define Z_CODE(Class)                                                          \
     Class::Class(int number, int rc) : ZZException(number, #Class), rc_(rc) {} \
-    Z_CONCRETE(Class)                                                    \
+    Z_CONCRETE(Class)                                                          \
     int Class::print() { return printinternal(this, rc_); }
 
 #define Z_RESOURCE(Class)                                                \

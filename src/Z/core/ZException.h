@@ -86,14 +86,14 @@ protected:
 
 // The classes of this family differ in name, number and base alone; this writes out what each of
 // them has. A class of its own, not a template, so that each has a link name of its own.
-#define Z_PLAIN_EXCEPTION(Class)                                           \
-    class ZEXPORT Class : public ZZException {                             \
-    public:                                                                \
-        Class();                                                           \
-        ~Class() noexcept override;                                        \
-        ZObject* clone() const override;                                   \
+#define Z_PLAIN_EXCEPTION(Class)                                               \
+    class ZEXPORT Class : public ZZException {                                 \
+    public:                                                                    \
+        Class();                                                               \
+        ~Class() noexcept override;                                            \
+        ZObject* clone() const override;                                       \
         [[noreturn]] void throwException(const char* file, int line) override; \
-        int print() override;                                              \
+        int print() override;                                                  \
     };
 
 /// Memory ran out (1). Making, copying and raising it needs none of the library's allocators.
@@ -113,17 +113,17 @@ Z_PLAIN_EXCEPTION(ZUnsupportedException)
 
 #undef Z_PLAIN_EXCEPTION
 
-#define Z_CODE_EXCEPTION(Class)                                            \
-    class ZEXPORT Class : public ZZException {                             \
-    public:                                                                \
-        Class(int number, int rc);                                         \
-        ~Class() noexcept override;                                        \
-        ZObject* clone() const override;                                   \
+#define Z_CODE_EXCEPTION(Class)                                                \
+    class ZEXPORT Class : public ZZException {                                 \
+    public:                                                                    \
+        Class(int number, int rc);                                             \
+        ~Class() noexcept override;                                            \
+        ZObject* clone() const override;                                       \
         [[noreturn]] void throwException(const char* file, int line) override; \
-        int print() override;                                              \
-                                                                           \
-    protected:                                                             \
-        int rc_;                                                           \
+        int print() override;                                                  \
+                                                                               \
+    protected:                                                                 \
+        int rc_;                                                               \
     };
 
 /// A thread service failed: `number` tells which, `rc` is its return code.
@@ -146,12 +146,12 @@ protected:
     int rc_;
 };
 
-#define Z_RESOURCE_EXCEPTION(Class)                                        \
-    class ZEXPORT Class : public ZResourceException {                      \
-    public:                                                                \
-        Class(int number, int rc);                                         \
-        ~Class() noexcept override;                                        \
-        ZObject* clone() const override;                                   \
+#define Z_RESOURCE_EXCEPTION(Class)                                            \
+    class ZEXPORT Class : public ZResourceException {                          \
+    public:                                                                    \
+        Class(int number, int rc);                                             \
+        ~Class() noexcept override;                                            \
+        ZObject* clone() const override;                                       \
         [[noreturn]] void throwException(const char* file, int line) override; \
     };
 

@@ -52,9 +52,13 @@ struct ZVectorMemory {
     }
     void deallocate(T* memory, size_t) noexcept { ZObject::operator delete(memory); }
     template <typename U>
-    bool operator==(const ZVectorMemory<U>&) const { return true; }
+    bool operator==(const ZVectorMemory<U>&) const {
+        return true;
+    }
     template <typename U>
-    bool operator!=(const ZVectorMemory<U>&) const { return false; }
+    bool operator!=(const ZVectorMemory<U>&) const {
+        return false;
+    }
 };
 template <typename T>
 using ZVector = std::vector<T, ZVectorMemory<T>>;

@@ -16,8 +16,8 @@ struct ZSite {
         : file(calledFrom), line(atLine) {}
 };
 
-/// Raises the exception, with the place of this call as its location. Requires: the class named here
-/// is the object's own.
+/// Raises the exception, with the place of this call as its location. Requires: the class named
+/// here is the object's own.
 template <typename Exception>
 [[noreturn]] inline void zraise(Exception&& failure, ZSite site = ZSite()) {
     using Class [[maybe_unused]] = typename std::remove_reference<Exception>::type;

@@ -142,13 +142,13 @@ public:
     /// stripLeading(), then stripTrailing().
     ZAbstractMutableString& stripWhiteSpace();
 
-    /// Puts the next line of `in` in place of the text. "\n", "\r" and NUL each end a line; they are
-    /// taken from the stream and not stored, so that "\r\n" reads as a line and an empty line. A
-    /// `flag` sets the stream's skipws, to no effect on what is read.
+    /// Puts the next line of `in` in place of the text. "\n", "\r" and NUL each end a line; they
+    /// are taken from the stream and not stored, so that "\r\n" reads as a line and an empty line.
+    /// A `flag` sets the stream's skipws, to no effect on what is read.
     std::istream& readLine(std::istream& in, int flag = 0);
 
-    /// Puts the formatted text, which may be of any length, in place of the own one: zvsprintf() with
-    /// `fmt`. Arguments may be of the string's own text. An invalid format changes nothing.
+    /// Puts the formatted text, which may be of any length, in place of the own one: zvsprintf()
+    /// with `fmt`. Arguments may be of the string's own text. An invalid format changes nothing.
     ZAbstractMutableString& format(const char* fmt, ...);
 
     ZAbstractMutableString& operator=(const ZAbstractMutableString& other) {

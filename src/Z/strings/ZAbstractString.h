@@ -114,9 +114,9 @@ public:
         return *this;
     }
 
-    /// Equality of bytes between strings of any classes: equals() of the left one, so that a derived
-    /// class decides for itself, whatever class it is seen as. With a const char* on either side
-    /// equals(const char*) of the string: null is unequal to everything.
+    /// Equality of bytes between strings of any classes: equals() of the left one, so that a
+    /// derived class decides for itself, whatever class it is seen as. With a const char* on either
+    /// side equals(const char*) of the string: null is unequal to everything.
     ///
     /// The order of strings and of texts: compare() of the string.
     ///
@@ -162,8 +162,8 @@ protected:
     explicit ZAbstractString(BeforeSetup) {}
     ZAbstractString(const ZAbstractString& other) : ZObject(other) {}
 
-    /// Whether `object` is of `Class` itself and of no derived class, which might override equals().
-    /// May miss it, but costs less than the virtual call that it saves.
+    /// Whether `object` is of `Class` itself and of no derived class, which might override
+    /// equals(). May miss it, but costs less than the virtual call that it saves.
     template <typename Class>
     static bool isExactly(const Class& object) {
 #ifdef __cpp_rtti

@@ -45,8 +45,7 @@
         Z_CONCRETE_TEXT_EXCEPTION(Class)                         \
         reader                                                   \
                                                                  \
-    protected:                                                   \
-        ZLCString field;                                         \
+            protected : ZLCString field;                         \
     };
 #define Z_VALUE_READER \
     const char* value() const { return value_.getChars(); }

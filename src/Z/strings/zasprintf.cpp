@@ -13,8 +13,8 @@
 static int formatBlock(const format_context& c, char** out) {
     char text[1024];
     const bool isLiteral = c.directive_count == 0 && c.format_end - c.format < INT_MAX;
-    const int length = isLiteral ? static_cast<int>(c.format_end - c.format)
-                                 : zformatInto(c, text, sizeof text);
+    const int length =
+        isLiteral ? static_cast<int>(c.format_end - c.format) : zformatInto(c, text, sizeof text);
     if (length < 0)
         return -1;
     const size_t size = static_cast<size_t>(length) + 1;

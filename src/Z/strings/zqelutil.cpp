@@ -73,9 +73,10 @@ bool zsetTextUp() {
 // Set while this thread reports that set-up failed.
 static thread_local bool isReporting = false;
 
-// Reports that set-up failed; who can't do without it ends here. A message service may come back here
-// from within its report, for a string or a name: there is nothing more to tell it then. Who can't do
-// without is told by the default service, which needs no string, and what ended it is seen.
+// Reports that set-up failed; who can't do without it ends here. A message service may come back
+// here from within its report, for a string or a name: there is nothing more to tell it then. Who
+// can't do without is told by the default service, which needs no string, and what ended it is
+// seen.
 static void reportFailure(ZException& failure, bool indispensable) {
     if (isReporting) {
         if (indispensable)

@@ -33,8 +33,8 @@ ZEXPORT const char* zgetLocalCodesetName(void);
 
 /* The handles of UTF-8 and of the local codeset, the same at each call and never the same as each
  * other, even where the local codeset is UTF-8. A failure of set-up is reported, then the process
- * ends with abort(): no string can exist without them. Within that report (a message service makes a
- * string) and where the service itself fails, the default service reports. */
+ * ends with abort(): no string can exist without them. Within that report (a message service makes
+ * a string) and where the service itself fails, the default service reports. */
 ZEXPORT zcodeset_handle zgetUTF8Handle(void);
 ZEXPORT zcodeset_handle zgetLCSHandle(void);
 
@@ -92,8 +92,8 @@ ZEXPORT int ziswupper(zwide_char c);
  * character: 1, and `s` isn't looked at. */
 ZEXPORT int zmblen(zcodeset_handle h, const char* s, size_t n);
 
-/* Bytes taken by the leading run of valid characters of `s`; 0 for null. The count of longer text ends
- * below 4 GiB. */
+/* Bytes taken by the leading run of valid characters of `s`; 0 for null. The count of longer text
+ * ends below 4 GiB. */
 ZEXPORT unsigned int zstrcount(zcodeset_handle h, const char* s);
 
 /* Bytes of the first character of `s`, of which `n` bytes are there, if it is a letter (white

@@ -63,8 +63,7 @@ void* ZUnixFileMap::mapfile(int* error, unsigned long length) {
     const unsigned long wanted = length != 0 ? length : static_cast<unsigned long>(size);
 
     const bool creates = mode_ == mapReadWrite && *error == ENOENT;
-    const int flags =
-        O_NONBLOCK | (mode_ == mapRead ? O_RDONLY : O_RDWR) | (creates ? O_CREAT : 0);
+    const int flags = O_NONBLOCK | (mode_ == mapRead ? O_RDONLY : O_RDWR) | (creates ? O_CREAT : 0);
     const int handle = open(name_.getChars(), flags, 0600);
     if (handle < 0)
         *error = errno;

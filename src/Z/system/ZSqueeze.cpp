@@ -63,8 +63,8 @@ static int runToEnd(z_stream& stream, unsigned char* dest, unsigned long destLen
     }
 }
 
-int ZSqueeze::compress(unsigned char* dest, unsigned long* destLength,
-                       const unsigned char* source, unsigned long sourceLength) {
+int ZSqueeze::compress(unsigned char* dest, unsigned long* destLength, const unsigned char* source,
+                       unsigned long sourceLength) {
     z_stream stream = {};
     const int refused = deflateInit_(&stream, level_, ZLIB_VERSION, sizeof(stream));
     if (refused != Z_OK)
@@ -111,8 +111,8 @@ int ZSqueeze::inflateInit_(z_stream_s* stream, const char* version, int streamSi
 
 // The rest hands its arguments on as they are.
 
-int ZSqueeze::deflateInit2_(z_stream_s* stream, int level, int method, int windowBits,
-                            int memLevel, int strategy, const char* version, int streamSize) {
+int ZSqueeze::deflateInit2_(z_stream_s* stream, int level, int method, int windowBits, int memLevel,
+                            int strategy, const char* version, int streamSize) {
     return ::deflateInit2_(stream, level, method, windowBits, memLevel, strategy, version,
                            streamSize);
 }

@@ -11,7 +11,8 @@ struct z_stream_s;  // zlib's stream; include <zlib.h> to make one
 ///
 /// Failure: raises nothing. Results below 0 are zlib's codes: -5 the destination is too small or
 ///   the stream ends early, -4 no memory, -3 the bytes are no valid stream, or one that needs a
-///   preset dictionary. Nothing is left allocated. What `dest` holds after a failure doesn't matter.
+///   preset dictionary. Nothing is left allocated. What `dest` holds after a failure doesn't
+///   matter.
 /// Threads: each call works on a stream of its own; one object is used by one thread at a time.
 class ZEXPORT ZSqueeze {
 public:

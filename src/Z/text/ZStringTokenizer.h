@@ -12,7 +12,8 @@ class ZArrayList;
 /// counts as one, those at the ends of the text as none: no token is empty.
 ///
 /// A delimiter is one character, and a character of the text is one if its bytes stand somewhere in
-/// the text of the delimiters; so none is if that is empty. Delimiters may change from call to call.
+/// the text of the delimiters; so none is if that is empty. Delimiters may change from call to
+/// call.
 ///
 /// Ownership: source and target stay the caller's and must outlive the tokenizer; delimiters are
 ///   copied. The source must not change during the walk.
@@ -53,8 +54,9 @@ public:
     /// Goes back to the beginning, of the text that the source has now.
     virtual void reset();
 
-    /// Adds all tokens that still follow to `out`, each as a string of its own. One that doesn't own
-    /// its members gets them all the same: the caller deletes them. The target holds the last one.
+    /// Adds all tokens that still follow to `out`, each as a string of its own. One that doesn't
+    /// own its members gets them all the same: the caller deletes them. The target holds the last
+    /// one.
     virtual void list(ZArrayList& out);
 
 private:

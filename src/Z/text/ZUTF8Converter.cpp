@@ -1,7 +1,7 @@
 // ZUTF8Converter.cpp: conversion by the codeset service.
 //
-// A converter that is given a directory works in a process without QELDIR too, which has no text. So
-// its name is made by the constructor that doesn't ask for the set-up of text.
+// A converter that is given a directory works in a process without QELDIR too, which has no text.
+// So its name is made by the constructor that doesn't ask for the set-up of text.
 #include "ZUTF8Converter.h"
 
 #include <climits>

@@ -11,7 +11,8 @@ public:
     /// The name of the codeset on the side that isn't UTF-8; empty when none is known.
     virtual const ZLCString& getLocalCodeSet() const = 0;
 
-    /// Converts a text and its terminator into `out`, from UTF-8 or into it. Null is the empty text.
+    /// Converts a text and its terminator into `out`, from UTF-8 or into it. Null is the empty
+    /// text.
     virtual void convertToLocal(const char* utf8, ZBuffer& out) const = 0;
     virtual void convertToUTF8(const char* local, ZBuffer& out) const = 0;
 
@@ -47,9 +48,9 @@ public:
     /// Converts between UTF-8 and `localCodeSet`; null is the codeset of the process's locale as it
     /// is now. `dir` is where the codeset service finds its tables, from now on and for the whole
     /// process; only without it QELDIR must be set, as above. Where QELDIR is set, the text of the
-    /// process is set up first, as by its first string; if that fails or has failed before, nothing is
-    /// reported, and the converter works all the same. A codeset that can't be opened makes every
-    /// conversion fail.
+    /// process is set up first, as by its first string; if that fails or has failed before, nothing
+    /// is reported, and the converter works all the same. A codeset that can't be opened makes
+    /// every conversion fail.
     ZQELUTF8Converter(const char* localCodeSet, const char* dir);
     ZQELUTF8Converter(const ZQELUTF8Converter&) = delete;
     ZQELUTF8Converter& operator=(const ZQELUTF8Converter&) = delete;

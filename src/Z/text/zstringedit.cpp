@@ -1,9 +1,9 @@
 // zstringedit.cpp: the editing of mutable strings by what is in the text.
 //
-// Every edit is one pass over the text where it lies, with a read and a write position. An edit that
-// makes the text longer counts its hits first, makes room once, and moves the part behind the first
-// hit to the end of that room: what is written then never catches up with what is still to be read,
-// since the gap between them is what the hits to come will fill.
+// Every edit is one pass over the text where it lies, with a read and a write position. An edit
+// that makes the text longer counts its hits first, makes room once, and moves the part behind the
+// first hit to the end of that room: what is written then never catches up with what is still to be
+// read, since the gap between them is what the hits to come will fill.
 //
 // Arguments may lie in the text that the edit changes; KeptText copies those.
 #include <algorithm>
@@ -55,7 +55,8 @@ char* rewrite(char* target, const char* source, const char* end, Next next, size
     }
 }
 
-/// Characters for which nothing is left to do, as many as fit: each has one place where it may stand.
+/// Characters for which nothing is left to do, as many as fit: each has one place where it may
+/// stand.
 class DoneCharacters {
 public:
     bool contains(const char* character) const {
@@ -183,10 +184,10 @@ ZAbstractMutableString& ZAbstractMutableString::replaceNoneOf(ZStringIterator& c
     const KeptText members(set, isOwn(set));
     const KeptText substitute(to == nullptr ? "" : to, isOwn(to));
 
-    // A character that has been replaced once is gone for good if `to` lacks it, and its bytes can't
-    // come together anew as long as text and substitute are whole characters. So most texts take a
-    // pass for each different character instead of one for each. A class of its own may have a
-    // replace() of its own, which then sees each.
+    // A character that has been replaced once is gone for good if `to` lacks it, and its bytes
+    // can't come together anew as long as text and substitute are whole characters. So most texts
+    // take a pass for each different character instead of one for each. A class of its own may have
+    // a replace() of its own, which then sees each.
     const zcodeset_handle codeset = getCodesetHandle();
     const bool stayGone =
         (typeid(*this) == typeid(ZLCString) || typeid(*this) == typeid(ZUTF8String)) &&

@@ -19,8 +19,8 @@ inline int zlocalTextStep() {
     return most != zstepBytes && qel_begins_with_ascii(zgetLCSHandle()) ? zstepASCII : most;
 }
 
-/// Whether a character that begins with `byte`, which isn't the terminator, is that byte alone without
-/// asking the codeset service.
+/// Whether a character that begins with `byte`, which isn't the terminator, is that byte alone
+/// without asking the codeset service.
 inline bool zstepsByOne(int step, char byte) {
     return step == zstepBytes || (step == zstepASCII && static_cast<unsigned char>(byte) < 0x80);
 }

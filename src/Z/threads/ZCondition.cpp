@@ -1,5 +1,5 @@
-// ZCondition.cpp: a condition variable beside a recursive lock. The system's wait gives up and takes
-// back the mutex; what the lock keeps beside it, owner and depth, is this unit's care.
+// ZCondition.cpp: a condition variable beside a recursive lock. The system's wait gives up and
+// takes back the mutex; what the lock keeps beside it, owner and depth, is this unit's care.
 #include "ZCondition.h"
 
 #include <cerrno>

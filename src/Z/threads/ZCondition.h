@@ -100,9 +100,9 @@ public:
     virtual void validateLock();
 
 private:
-    ZLock* lock_;            // set by the constructor
-    int ownLock_;            // 1: lock_ is deleted with the condition
-    pthread_cond_t* cond_;   // owned; its address never changes
+    ZLock* lock_;           // set by the constructor
+    int ownLock_;           // 1: lock_ is deleted with the condition
+    pthread_cond_t* cond_;  // owned; its address never changes
 };
 
 /// A condition with its predicate, an int: a wait ends when that isn't 0. The holder of the lock

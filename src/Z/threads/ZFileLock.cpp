@@ -44,13 +44,13 @@ static const unsigned int kField = sizeof(uint32_t);  // both fields and their r
 static const unsigned int kData = 0;
 static const unsigned int kGate = kData + kField;
 
-// A thread that is cancelled while it waits for a record lock unwinds from here, but where times have
-// 64 bits on a 32-bit system the header promises that fcntl raises nothing, and compilers then leave
-// out the clean-up. A pointer makes no such promise, as long as they can't see through it.
+// A thread that is cancelled while it waits for a record lock unwinds from here, but where times
+// have 64 bits on a 32-bit system the header promises that fcntl raises nothing, and compilers then
+// leave out the clean-up. A pointer makes no such promise, as long as they can't see through it.
 static int (*const volatile recordLock)(int, int, ...) = fcntl;
 
-// The process's id, without asking the system each time: read without a lock, written where there is
-// one thread. 0 until it was asked for once.
+// The process's id, without asking the system each time: read without a lock, written where there
+// is one thread. 0 until it was asked for once.
 static std::atomic<int> processId(0);
 
 // Told by the C library in each child that fork() makes.
@@ -293,7 +293,8 @@ void ZAbstractProcessReadWriteFileLock::release() {
     ZAbstractProcessReadWriteLock::lock(unset);
 }
 
-// A release that fails leaves all held. But who is refused a grant has nothing that it could release.
+// A release that fails leaves all held. But who is refused a grant has nothing that it could
+// release.
 __attribute__((no_sanitize("null"))) void ZAbstractProcessReadWriteFileLock::abandonGrant() {
     try {
         dolock(unset);
@@ -416,8 +417,9 @@ int ZUnixProcessReadWriteFileLock::isInherited() const {
     return process != 0 && abs(process) != currentProcess();
 }
 
-// The descriptor is the child's own copy: that it goes takes nothing from the parent. fileLock_ may be
-// held by a thread that the child doesn't have, so threads of the child are kept apart otherwise.
+// The descriptor is the child's own copy: that it goes takes nothing from the parent. fileLock_ may
+// be held by a thread that the child doesn't have, so threads of the child are kept apart
+// otherwise.
 void ZUnixProcessReadWriteFileLock::forgetParent() {
     static pthread_mutex_t oneAtATime = PTHREAD_MUTEX_INITIALIZER;
     if (!isInherited())

@@ -13,9 +13,9 @@
 #include "ZLock.h"
 #include "ZProcessLock.h"
 
-/// A process lock on a file of 8 bytes, which 32-bit and 64-bit processes share: the sequence number
-/// and the id of the process that passed last. The file is "<folder>/._zpl<name>"; the first grant
-/// makes it, and nobody deletes it.
+/// A process lock on a file of 8 bytes, which 32-bit and 64-bit processes share: the sequence
+/// number and the id of the process that passed last. The file is "<folder>/._zpl<name>"; the first
+/// grant makes it, and nobody deletes it.
 ///
 ///   this process  another process reads  another process writes or waits to write
 ///   read          granted                waits
@@ -34,12 +34,13 @@
 /// A process must use one object for one lock file: closing any descriptor of a file gives up all
 /// record locks that the process has on it.
 ///
-/// A child process owns nothing of what its parent held when it forked: to it the lock is in no state,
-/// an unlock() there gives up the object's copy alone, and neither counts nor touches the file. After
-/// that it can use the object for itself. If another thread than the forking one was in a call or held
-/// the lock, the child can only make an object of its own.
+/// A child process owns nothing of what its parent held when it forked: to it the lock is in no
+/// state, an unlock() there gives up the object's copy alone, and neither counts nor touches the
+/// file. After that it can use the object for itself. If another thread than the forking one was in
+/// a call or held the lock, the child can only make an object of its own.
 ///
-/// Failure: a grant that fails, or whose thread is cancelled, gives back all that it had taken. Opening
+/// Failure: a grant that fails, or whose thread is cancelled, gives back all that it had taken.
+/// Opening
 ///   and closing the file is never cancelled half-way; waiting for a record lock is.
 ///   ZLockResourceException (33) with the system's number: the lock can't be taken; 9 if the file
 ///   can't be opened. ZUnlockResourceException (34): it can't be given up, and is still held.
@@ -101,7 +102,8 @@ public:
     /// Makes the file's name from the folder and `name`.
     virtual void setLockFileName(const char* name);
 
-    /// Takes a lock on a range of the file, or with `unset` gives it up. Offset and length in bytes.
+    /// Takes a lock on a range of the file, or with `unset` gives it up. Offset and length in
+    /// bytes.
     virtual void lockFileRange(zlockstate state, unsigned int offset, unsigned int length) = 0;
     virtual void unlockFileRange(unsigned int offset, unsigned int length) = 0;
 
@@ -185,8 +187,8 @@ private:
     void closeOwnFile();
 
     std::atomic<int> fileHandle_;
-    // The process in which fileHandle_ means something, negative if the file was opened by an object
-    // that this one was copied from; 0 while there is none.
+    // The process in which fileHandle_ means something, negative if the file was opened by an
+    // object that this one was copied from; 0 while there is none.
     std::atomic<int> process_;
 };
 

@@ -45,8 +45,8 @@ private:
 ///   read     read      waits                   unset, or read while other readers are in
 ///   write    waits     waits                   unset; with the update flag: the number moves
 ///
-///   A thread that holds write and asks for anything but unlock: raises 5. Protect is held as write,
-///   so promoting does nothing.
+///   A thread that holds write and asks for anything but unlock: raises 5. Protect is held as
+///   write, so promoting does nothing.
 ///
 /// The update flag tells whether a release counts as a change. A grant of write sets it, any other
 /// grant and every release clear it: who wrote nothing calls setUpdate(0) before unlock(), or
@@ -57,8 +57,8 @@ private:
 ///   return code 0) before anything else if no thread holds the lock, or another one holds it to
 ///   write. The destructor raises ZInvalidResourceStateException (32) with the state's name if the
 ///   lock isn't unset; if an exception that began after the construction is on its way, it reports
-///   instead. Cancellation isn't visible to it: a thread that is cancelled must have given up a lock
-///   that goes with its scopes, or the process ends. A release isn't cancelled half-way.
+///   instead. Cancellation isn't visible to it: a thread that is cancelled must have given up a
+///   lock that goes with its scopes, or the process ends. A release isn't cancelled half-way.
 /// Threads: any thread, any call, but for construction, assignment, destruction and setLockName.
 ///   Numbers and update flag belong to whoever holds the lock; others read them a moment late.
 class ZEXPORT ZAbstractProcessReadWriteLock : public ZAbstractReadWriteLock {
@@ -74,8 +74,8 @@ public:
     /// Observers, name, numbers, state and update flag are copied; the lock among threads is free.
     ZAbstractProcessReadWriteLock(const ZAbstractProcessReadWriteLock& other);
 
-    /// Takes over name, numbers and update flag; the state, the lock among threads and the observers
-    /// stay.
+    /// Takes over name, numbers and update flag; the state, the lock among threads and the
+    /// observers stay.
     ZAbstractProcessReadWriteLock& operator=(const ZAbstractProcessReadWriteLock& other);
 
     ~ZAbstractProcessReadWriteLock() noexcept(false) override;
@@ -136,8 +136,8 @@ public:
     virtual void sync(int update);
 
     /// Tells the observers a ZSequenceUpdate. The lock among threads is made one to write first,
-    /// unless the calling thread was the last to take it so; called by a grant, that shuts all other
-    /// threads of this process out. Nothing happens if this process has caught up, or without
+    /// unless the calling thread was the last to take it so; called by a grant, that shuts all
+    /// other threads of this process out. Nothing happens if this process has caught up, or without
     /// observers.
     void notifyLockObservers();
 

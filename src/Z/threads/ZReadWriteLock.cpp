@@ -1,5 +1,6 @@
 // ZReadWriteLock.cpp: many readers or one writer among threads. The whole state is one word, and
-// each request is one exchange of it; only who must wait, or wake others, takes the condition's lock.
+// each request is one exchange of it; only who must wait, or wake others, takes the condition's
+// lock.
 //
 //   bits 0-1   0: unset, or read if there are readers; 2: protect; 3: write
 //   bit 2      threads wait

@@ -1,4 +1,5 @@
-// ZReadWriteLock.h: the lock that many may hold to read or one to write, and the scope object on it.
+// ZReadWriteLock.h: the lock that many may hold to read or one to write, and the scope object on
+// it.
 //
 //   ZLockInterface
 //     ZReadWriteLockInterface      the states, and how each is asked for
@@ -107,7 +108,8 @@ public:
 ///   thread that is cancelled while it waits leaves as after a failure.
 /// Threads: any thread, any call, except that the destructor must be the last one. It checks
 ///   nothing.
-/// Cost: what needn't wait and wakes nobody is one atomic exchange, without a system call. Who waits
+/// Cost: what needn't wait and wakes nobody is one atomic exchange, without a system call. Who
+/// waits
 ///   sleeps.
 class ZEXPORT ZReadWriteLock : public ZAbstractReadWriteLock {
 public:
@@ -142,8 +144,8 @@ public:
 
 private:
     friend class ZAbstractProcessReadWriteLock;  // asks mayUnlock before it touches more
-    struct Steps;    // what each request makes of word_
-    class Waiting;   // counts a thread among waiters_
+    struct Steps;                                // what each request makes of word_
+    class Waiting;                               // counts a thread among waiters_
 
     int mayUnlock() const;
     template <typename Step>

@@ -1,15 +1,17 @@
 // ZThread.cpp: threads, their end, and sleepers.
 //
 // The life of an object against that of its threads
-// (1) Life counts the threads between start() and noteEnd(), which comes behind exit(). It is a block
+// (1) Life counts the threads between start() and noteEnd(), which comes behind exit(). It is a
+// block
 //     of its own, and goes with the last of object and threads: who learns of the end in exit() may
-//     destroy the object. In a pool noteEnd() is under the pool's mutex, which whoever waits for the
-//     pool needs.
+//     destroy the object. In a pool noteEnd() is under the pool's mutex, which whoever waits for
+//     the pool needs.
 // (2) A self-deleting object is deleted by the last of its thread and the Holds on it: start() of a
 //     sleeper and the pool are still inside the object when its thread may have ended.
 // (3) pool_ is set before the thread is made, and cleared when the pool has counted the end. So the
 //     pool of a thread that sleeps in run() is alive.
-// (4) A sleeper is in its pool's idle set only while it sleeps, isn't asked to end and isn't promised
+// (4) A sleeper is in its pool's idle set only while it sleeps, isn't asked to end and isn't
+// promised
 //     to anybody.
 #include "ZThread.h"
 
@@ -29,8 +31,9 @@
 #include "zreport.h"
 #include "zuncancelled.h"
 
-// Sleeps while the word has this value, as a place where the thread can be cancelled. It unwinds out of
-// the system call then, wherever that is interrupted: so nothing in here may have to be cleaned up.
+// Sleeps while the word has this value, as a place where the thread can be cancelled. It unwinds
+// out of the system call then, wherever that is interrupted: so nothing in here may have to be
+// cleaned up.
 [[gnu::noinline]] static void waitWhile(std::atomic<int>& word, int value) {
     int before;
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
@@ -59,8 +62,8 @@ static void deleteThreadObject(void* object) {
 }
 }
 
-/// The id of the last thread, and how many threads run the object. Every step on `word` may be the last
-/// on the block.
+/// The id of the last thread, and how many threads run the object. Every step on `word` may be the
+/// last on the block.
 struct ZThread::Life {
     static const int kObject = 1;  // the object is there
     static const int kThread = 2;  // for each thread
@@ -273,7 +276,8 @@ void ZThread::awaitEnd() { life_->awaitEnd(); }
 
 void ZThread::noteEnd() { life_->noteEnd(); }
 
-// Takes the thread out of its pool's idle set. Requires: the thread can't tell the pool its end meanwhile.
+// Takes the thread out of its pool's idle set. Requires: the thread can't tell the pool its end
+// meanwhile.
 void ZThread::leaveIdle() {
     if (ZThreadPool* const pool = pool_)
         zrunReported([=] { pool->noteNotIdle(*this); });

@@ -35,7 +35,8 @@ class ZThreadPool;
 /// exit(), then the pool hears of it, then a self-deleting object is deleted. Each of these happens
 /// whatever the one before raised; that is reported. A detached thread doesn't touch its object
 /// after exit() unless a pool or the deletion needs it, so who learns of the end there may destroy
-/// the object. The destructors of the object itself and of those under thread keys aren't cancelled.
+/// the object. The destructors of the object itself and of those under thread keys aren't
+/// cancelled.
 ///
 /// Ownership: the object doesn't own the thread: its destructor joins, stops and cancels nothing.
 ///   Self-deleting (detached and autoDelete) objects come from new and belong to their thread from
@@ -98,7 +99,8 @@ public:
     static ZObject* getThreadObject(unsigned int& key);
 
     /// Makes `object`, or null, the calling thread's; it belongs to the thread from then on. What
-    /// was there before isn't deleted. Raises ZThreadException (30); `object` is still the caller's.
+    /// was there before isn't deleted. Raises ZThreadException (30); `object` is still the
+    /// caller's.
     static void setThreadObject(unsigned int& key, ZObject* object);
 
     /// Deletes `object`, unless it is null; what its destructor raises is reported.
@@ -141,8 +143,8 @@ private:
     // cleared at its end, under the pool's mutex; read without it by the thread itself.
     std::atomic<ZThreadPool*> pool_;
 
-    std::atomic<int> joinable_;  // 1: there is a thread that nobody has joined
-    std::atomic<int> promised_;  // 1: handed out by a pool, and not woken since
+    std::atomic<int> joinable_;        // 1: there is a thread that nobody has joined
+    std::atomic<int> promised_;        // 1: handed out by a pool, and not woken since
     std::atomic<unsigned int> holds_;  // 2 for each Hold, 1 once the thread is done with the object
 };
 
@@ -186,10 +188,10 @@ public:
     explicit ZSleeperThread(ZLock& lock);
     ~ZSleeperThread() noexcept(false) override;
 
-    /// Waits for the end of an earlier run, exit() included, then until the new thread is up. Raises
-    /// as ZThread::start(), 17 with EDEADLK if called by the object's own thread, and what the
-    /// handshake raises (5, 9): in that last case, and when the caller is cancelled after the earlier
-    /// run's end, the thread may be running.
+    /// Waits for the end of an earlier run, exit() included, then until the new thread is up.
+    /// Raises as ZThread::start(), 17 with EDEADLK if called by the object's own thread, and what
+    /// the handshake raises (5, 9): in that last case, and when the caller is cancelled after the
+    /// earlier run's end, the thread may be running.
     void start() override;
 
     /// Asks the thread to end, and waits for the end unless it is detached. A self-deleting object

@@ -7,8 +7,8 @@
 //     taken out at once.
 // (3) maxIdle_ is 0 while closing_ isn't, and idleThreads_ is empty then; else it is idleLimit_.
 //
-// Order of locks: the lock that a sleeper works under, then mutex_, then the start lock of a thread.
-// So no thread is woken or stopped with mutex_ held.
+// Order of locks: the lock that a sleeper works under, then mutex_, then the start lock of a
+// thread. So no thread is woken or stopped with mutex_ held.
 #include "ZThreadPool.h"
 
 #include <cxxabi.h>

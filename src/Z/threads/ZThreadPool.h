@@ -59,7 +59,8 @@ public:
     /// Starts `thread`, once the thread that the object ran before has ended and there is room.
     /// Starts are one after the other: a sleeper is up before the next. A failure of the thread's
     /// own start() is only reported: the pool is as before, and the object still the caller's. A
-    /// failed wait is reported (9), and the waiting goes on. Raises 5, 6. Both waits can be cancelled.
+    /// failed wait is reported (9), and the waiting goes on. Raises 5, 6. Both waits can be
+    /// cancelled.
     void start(ZThread& thread);
 
     /// The idle thread that comes first in the order of the map of threads, else what
@@ -68,15 +69,16 @@ public:
     ZThread* getAvailableIdleThread(ZThread*& thread);
 
     /// Stops the idle threads, has all others end when their work is over, and waits until none is
-    /// left; a thread that was started or taken but never woken has to be woken. While it waits nothing stays
-    /// idle; the limit comes back when the last of overlapping calls is done, and the pool can be
-    /// used again. What stopping a thread raises is reported. Raises 5, 6, and what memory raises.
+    /// left; a thread that was started or taken but never woken has to be woken. While it waits
+    /// nothing stays idle; the limit comes back when the last of overlapping calls is done, and the
+    /// pool can be used again. What stopping a thread raises is reported. Raises 5, 6, and what
+    /// memory raises.
     void waitForExit();
 
     /// By a sleeper after each work(): `keep` becomes 1 if it stays as an idle thread, 0 if it is
-    /// to end. One that is idle already stays and isn't counted again. A sleeper that was asked to end,
-    /// or that somebody has taken or woken by then, doesn't ask. Raises 5, 6, and what memory raises:
-    /// the thread isn't kept then.
+    /// to end. One that is idle already stays and isn't counted again. A sleeper that was asked to
+    /// end, or that somebody has taken or woken by then, doesn't ask. Raises 5, 6, and what memory
+    /// raises: the thread isn't kept then.
     void threadDoneNotification(ZThread& thread, int& keep);
 
     /// By a thread that ends. Raises 5, 6, 10.

@@ -16,7 +16,8 @@ int zlastError(ZPROP_error* error);
 /// Notes a bad handle or argument: 55.
 int zparameterError();
 
-/// Inside a handler: notes the exception and gives its number. A cancelled thread goes on unwinding.
+/// Inside a handler: notes the exception and gives its number. A cancelled thread goes on
+/// unwinding.
 int zresultOfException(ZPropGroup group);
 
 /// The object behind a live handle, or null. Calls come by here first, so that the last error ends

@@ -1,5 +1,5 @@
-// zproperties.cpp: the C interface on ZStanzaFileProperties. Exceptions become result numbers in one
-// place, zproperror.cpp, and cancellation alone passes through.
+// zproperties.cpp: the C interface on ZStanzaFileProperties. Exceptions become result numbers in
+// one place, zproperror.cpp, and cancellation alone passes through.
 #include "zproperties.h"
 
 #include <cstdlib>

@@ -158,8 +158,8 @@ ZEXPORT int zstzPropGetStanzas(ZPROP_handle* handle, char*** names);
 /* Frees a list of zstzPropGetStanzas. Null is ignored. */
 ZEXPORT void zstzPropFreeStanzas(char** names);
 
-/* What the calling thread's last zstzProp call has met if it failed; all zero and null if it didn't.
- * Returns error->number, 0 also for a null `error`. This call itself doesn't count. */
+/* What the calling thread's last zstzProp call has met if it failed; all zero and null if it
+ * didn't. Returns error->number, 0 also for a null `error`. This call itself doesn't count. */
 ZEXPORT int zstzPropLastError(ZPROP_error* error);
 
 /* --- Changing ---
@@ -190,8 +190,8 @@ ZEXPORT int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, con
  *
  * A bad iterator gives 55, in *err with the answer 0 or null, or as the result. `err` must not be
  * null. 53 where memory runs out. The thread may change and remove what it likes meanwhile: a walk
- * whose key has gone stands on none, and goes on behind its place; where its stanza has gone, or all
- * was read anew, it is at its end. */
+ * whose key has gone stands on none, and goes on behind its place; where its stanza has gone, or
+ * all was read anew, it is at its end. */
 
 /* A walk over the keys of the stanza in file order if `key` is null, else over the values of that
  * key. It goes to *out, and is closed by zstzPropIter_close. 0; 55. */
@@ -205,9 +205,9 @@ ZEXPORT int zstzPropIter_next(ZPROP_iter_handle* iterator, int* err);
  * with 57 where a walk over keys stands on none. */
 ZEXPORT const char* zstzPropIter_getKey(ZPROP_iter_handle* iterator, int* err);
 
-/* The value of the walk's place as it is now, or the first value of its key, owned likewise. `unused`
- * is read by nothing. Where a walk over values stands on none, the empty text; where one over keys
- * does, null with 57; null with 55 for a key without values. */
+/* The value of the walk's place as it is now, or the first value of its key, owned likewise.
+ * `unused` is read by nothing. Where a walk over values stands on none, the empty text; where one
+ * over keys does, null with 57; null with 55 for a key without values. */
 ZEXPORT const char* zstzPropIter_getValue(ZPROP_iter_handle* iterator, int unused, int* err);
 
 /* The number of keys, 1 in a walk over values. */
@@ -217,8 +217,8 @@ ZEXPORT int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err);
 ZEXPORT int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err);
 
 /* Replaces the value of the walk's place; adds one behind it and moves there; removes it and moves
- * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on. A null text
- * is the empty one. */
+ * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on. A null
+ * text is the empty one. */
 ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);
@@ -232,31 +232,34 @@ ZEXPORT int zstzPropIter_close(ZPROP_iter_handle* iterator);
  * The numbers of `attributes` and `storeMode` stand in zstoremodes.h. */
 
 /* As zstzPropOpen, with `attributes` besides ZPCACHE_KEEP_COMMENTS (ZPCACHE_STRICT,
- * ZPCACHE_KEEP_LINES), stores in `storeMode` (ZPROP_STORE_PLAIN, ..._CHECKED, ..._SAFE), and loads and
- * stores that wait up to `wait` milliseconds for the file's lock. 0; 55 for a null argument or an
- * unknown mode, *out untouched; 60 if the lock didn't come in time, 51 if the file can't be loaded,
+ * ZPCACHE_KEEP_LINES), stores in `storeMode` (ZPROP_STORE_PLAIN, ..._CHECKED, ..._SAFE), and loads
+ * and stores that wait up to `wait` milliseconds for the file's lock. 0; 55 for a null argument or
+ * an unknown mode, *out untouched; 60 if the lock didn't come in time, 51 if the file can't be
+ * loaded,
  * *out null then. */
 ZEXPORT int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
                              unsigned long attributes, int storeMode, unsigned long wait);
 
-/* Begins an update: locks the file against all other writers, waiting up to `milliseconds`, and reads
- * it anew. From here to the end of the update other threads wait at any call with this handle. 0; 55 for a bad handle; 60 if the lock didn't come in time; 61 if
- * there are unsaved changes or an update is open already; 51 if the file can't be opened or read. */
+/* Begins an update: locks the file against all other writers, waiting up to `milliseconds`, and
+ * reads it anew. From here to the end of the update other threads wait at any call with this
+ * handle. 0; 55 for a bad handle; 60 if the lock didn't come in time; 61 if there are unsaved
+ * changes or an update is open already; 51 if the file can't be opened or read. */
 ZEXPORT int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds);
 
-/* Stores and ends the update. 0; 55 for a bad handle; 62 if the calling thread has no update open; 51
- * if it can't be stored, and the update is still open then. */
+/* Stores and ends the update. 0; 55 for a bad handle; 62 if the calling thread has no update open;
+ * 51 if it can't be stored, and the update is still open then. */
 ZEXPORT int zstzPropCommit(ZPROP_handle* handle);
 
 /* In which way the handle's last store was made, into *storeMode: the one it was opened with, but
- * ZPROP_STORE_CHECKED in place of ZPROP_STORE_SAFE where what a safe store writes beside the file can't be
- * given the file's owner, group and access, as when neither its owner nor root stores. A crash in the
- * middle may then leave a part of the new content. Results: ZPROP_OK, ZPROP_ERR_PARAM. Any thread. */
+ * ZPROP_STORE_CHECKED in place of ZPROP_STORE_SAFE where what a safe store writes beside the file
+ * can't be given the file's owner, group and access, as when neither its owner nor root stores. A
+ * crash in the middle may then leave a part of the new content. Results: ZPROP_OK, ZPROP_ERR_PARAM.
+ * Any thread. */
 ZEXPORT int zstzPropLastStoreMode(ZPROP_handle* handle, int* storeMode);
 
-/* Forgets what was changed since the update began, and ends it. zstzPropClose does the same. 0; 55 for
- * a bad handle; 62 if the calling thread has no update open; 53 without memory, and what is in memory
- * is undefined until the next update then. */
+/* Forgets what was changed since the update began, and ends it. zstzPropClose does the same. 0; 55
+ * for a bad handle; 62 if the calling thread has no update open; 53 without memory, and what is in
+ * memory is undefined until the next update then. */
 ZEXPORT int zstzPropRollback(ZPROP_handle* handle);
 
 /* --- Watching ---
@@ -272,15 +275,15 @@ ZEXPORT int zstzPropWatch_open(ZPROP_handle* handle, ZPROP_watch_handle** out);
  * watch. -1 for a bad one. */
 ZEXPORT int zstzPropWatch_fd(ZPROP_watch_handle* watch);
 
-/* How long a file that somebody writes to, and hasn't closed, must have got no byte before it is read: 50
- * milliseconds at first; 0 waits for nobody. 0; 55 for a bad watch. */
+/* How long a file that somebody writes to, and hasn't closed, must have got no byte before it is
+ * read: 50 milliseconds at first; 0 waits for nobody. 0; 55 for a bad watch. */
 ZEXPORT int zstzPropWatch_setSettlingTime(ZPROP_watch_handle* watch, unsigned long milliseconds);
 
-/* Looks, without waiting, whether the file has other content than the handle. If so, loads it, calls
- * `changed` (null: nothing) with `data` once for each key that was added, deleted or has other values
- * and for each stanza that came or went, and returns the number of these. While there are unsaved
- * changes or an update is open, or a writer holds the file, 0, and the next call tries again. *err,
- * which must not be null, is 0; 55 for a bad watch; 51 if the file can't be loaded. */
+/* Looks, without waiting, whether the file has other content than the handle. If so, loads it,
+ * calls `changed` (null: nothing) with `data` once for each key that was added, deleted or has
+ * other values and for each stanza that came or went, and returns the number of these. While there
+ * are unsaved changes or an update is open, or a writer holds the file, 0, and the next call tries
+ * again. *err, which must not be null, is 0; 55 for a bad watch; 51 if the file can't be loaded. */
 ZEXPORT int zstzPropWatch_process(ZPROP_watch_handle* watch, ZPROP_change_callback changed,
                                   void* data, int* err);
 

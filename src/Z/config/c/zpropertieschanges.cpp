@@ -1,4 +1,5 @@
-// zpropertieschanges.cpp: shared edits in the C interface: opening with options, updates, and watching.
+// zpropertieschanges.cpp: shared edits in the C interface: opening with options, updates, and
+// watching.
 #include <fcntl.h>
 
 #include <cerrno>
@@ -32,8 +33,7 @@ static int guardedByLock(Call call) {
 int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
                      unsigned long attributes, int storeMode, unsigned long wait) {
     zclearLastError();
-    static const unsigned long kKnown =
-        ZPCACHE_KEEP_COMMENTS | ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
+    static const unsigned long kKnown = ZPCACHE_KEEP_COMMENTS | ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
     if (out == nullptr || file == nullptr ||
         (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE) || (attributes & ~kKnown) != 0 ||
         storeMode < ZPROP_STORE_PLAIN || storeMode > ZPROP_STORE_SAFE)

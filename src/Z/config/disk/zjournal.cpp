@@ -39,8 +39,8 @@ static_assert(sizeof(Header) == 96, "the layout is the same on both word sizes")
 static const size_t kProgressAt = offsetof(Header, progress);
 static const size_t kProgressSize = offsetof(Header, zero) - kProgressAt;
 
-// Both sums of the header, taken as if they and the progress were 0, and of what follows it. zlib counts
-// in ints.
+// Both sums of the header, taken as if they and the progress were 0, and of what follows it. zlib
+// counts in ints.
 struct Sums {
     uLong crc = crc32(0, nullptr, 0);
     uLong adler = adler32(0, nullptr, 0);
@@ -69,8 +69,8 @@ uint32_t progressCrc(const Header& header) {
     return static_cast<uint32_t>(crc);
 }
 
-// Which file an open one is, for as long as it exists. 0 for what can't be known for longer than the
-// file system is mounted.
+// Which file an open one is, for as long as it exists. 0 for what can't be known for longer than
+// the file system is mounted.
 struct Identity {
     uint64_t inode = 0;
     int64_t birth = 0;
@@ -134,7 +134,8 @@ ZLCString ZJournal::path() const {
 
 // ---------------------------------------------------------------- reading
 
-// Whether anything has the journal's name; errno where not. Mostly nothing has, and a look by name tells.
+// Whether anything has the journal's name; errno where not. Mostly nothing has, and a look by name
+// tells.
 bool ZJournal::isThere(struct stat& status) {
     if (!placeIsKnown_) {
         char link;
@@ -153,8 +154,8 @@ bool ZJournal::isThere(struct stat& status) {
     return fstatat(place_.folder(), name_.getChars(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-// Who may write to a file may change its content in any case. Nobody but its owner and root has a journal
-// of it: others can't give theirs to the owner.
+// Who may write to a file may change its content in any case. Nobody but its owner and root has a
+// journal of it: others can't give theirs to the owner.
 bool ZJournal::mayBeOurs(const struct stat& status) const {
     struct stat file;
     return S_ISREG(status.st_mode) && status.st_nlink == 1 && fstat(descriptor_, &file) == 0 &&
@@ -241,7 +242,8 @@ bool ZJournal::parse() {
 
 bool ZJournal::isOfThisFile() const { return Identity(descriptor_).agrees(inode_, birth_); }
 
-// The parts must agree: a side database comes with a text that names it, and goes with one that did.
+// The parts must agree: a side database comes with a text that names it, and goes with one that
+// did.
 bool ZJournal::findSideName() {
     if (sideAction_ == zsideUntouched)
         return true;

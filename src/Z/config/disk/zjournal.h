@@ -1,5 +1,5 @@
-// zjournal.h: the journal of a stanza file: the content that a store was about to put in place. Never
-// installed.
+// zjournal.h: the journal of a stanza file: the content that a store was about to put in place.
+// Never installed.
 //
 // It stands beside the file, under the file's name with ".zjournal" behind it; symbolic links are
 // followed first, so that it is beside the real file. It is there while a safe store puts its
@@ -25,21 +25,23 @@
 //
 // Only the progress is written a second time, within one sector.
 //
-// Whose journal counts. It says nothing that the file doesn't say too: the side database is the one that
-// the new text names, or the old one where it goes. It must be a regular file with one name that belongs to
-// the file's owner or to root, and that is asked before it is opened: what a stranger has put there is no
-// journal. The inode must be the file's, so that a file that an editor has put in its place is safe from
-// it. (The device isn't asked: it changes when a disk is mounted anew.)
+// Whose journal counts. It says nothing that the file doesn't say too: the side database is the one
+// that the new text names, or the old one where it goes. It must be a regular file with one name
+// that belongs to the file's owner or to root, and that is asked before it is opened: what a
+// stranger has put there is no journal. The inode must be the file's, so that a file that an editor
+// has put in its place is safe from it. (The device isn't asked: it changes when a disk is mounted
+// anew.)
 //
-// When it counts. One whose length or sums are wrong was never finished, so that the file is still the old
-// one. A whole one counts if the file is what its store can have left:
+// When it counts. One whose length or sums are wrong was never finished, so that the file is still
+// the old one. A whole one counts if the file is what its store can have left:
 //   - all of the new text;
-//   - or, unless the progress is 2, each byte the old or the new one, or 0 behind either's end: bytes and
-//     length reach the disk in any order. But not
-//       all of the old text. The store has then put nothing in place, or somebody has taken it back;
-//       a file that was modified after the text was placed. Somebody else has written to it.
+//   - or, unless the progress is 2, each byte the old or the new one, or 0 behind either's end:
+//     bytes and length reach the disk in any order. But not
+//       all of the old text. The store has then put nothing in place, or somebody has taken it
+//       back; a file that was modified after the text was placed. Somebody else has written to it.
 // Else it is stale. What this can't see: somebody who writes to the file in place, sets its time of
-// modification back or writes within the same tick of the clock, and leaves a mixture of both texts.
+// modification back or writes within the same tick of the clock, and leaves a mixture of both
+// texts.
 //
 // Who reads the file under a read lock takes the content from a journal that counts and leaves it
 // alone. Who holds the write lock puts it in place or removes it.
@@ -61,8 +63,8 @@ class ZJournal {
 public:
     enum Progress : uint32_t { underWay = 0, placed = 1, onDisk = 2 };
 
-    /// The journal of the file that is open as `descriptor`, to which `path` has led. Both must outlive
-    /// it.
+    /// The journal of the file that is open as `descriptor`, to which `path` has led. Both must
+    /// outlive it.
     ZJournal(const char* path, int descriptor);
 
     /// Its path, for messages.
@@ -76,8 +78,8 @@ public:
     ZSpan side() const { return side_; }
     /// The side database's name, as the text that has it says it.
     const ZLCString& sideName() const { return sideName_; }
-    /// Whether that is the one that a store makes by itself, beside the file; or else whether the file, as
-    /// it was found, has that name in it.
+    /// Whether that is the one that a store makes by itself, beside the file; or else whether the
+    /// file, as it was found, has that name in it.
     bool isSideBesideFile() const;
     bool isSideNamedInFile() const;
     /// Makes `out` the old text.
@@ -85,10 +87,10 @@ public:
     /// The file as find has read it.
     ZSpan file() const { return {file_.data(), file_.size()}; }
 
-    /// Writes a journal with the file's owner, group, mode and access list, and syncs it and its folder.
-    /// False, with nothing left, if it can't have those: then it would bar people from the content, or
-    /// let them at it. Raises ZPropertiesIOException, and then there is none; with a word that tells
-    /// whose it is where the name is taken.
+    /// Writes a journal with the file's owner, group, mode and access list, and syncs it and its
+    /// folder. False, with nothing left, if it can't have those: then it would bar people from the
+    /// content, or let them at it. Raises ZPropertiesIOException, and then there is none; with a
+    /// word that tells whose it is where the name is taken.
     bool write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side);
 
     /// Notes how far its store has come. Not synced.
@@ -98,8 +100,8 @@ public:
     /// Lets a journal that was found be marked. 0 or errno.
     ZFailure openForMarks();
 
-    /// Removes the journal, whole or not, or makes it one that doesn't count. What can't be this file's
-    /// journal stays, unless `mustGo`.
+    /// Removes the journal, whole or not, or makes it one that doesn't count. What can't be this
+    /// file's journal stays, unless `mustGo`.
     ZFailure remove(bool mustGo = false);
 
 private:

@@ -70,8 +70,8 @@ int ZLockedFile::finish() { return lock_.close(); }
 
 // ---------------------------------------------------------------- reading
 
-// A thread that is cancelled loses no stream; but it may be while it waits for somebody to open the other
-// end of a pipe.
+// A thread that is cancelled loses no stream; but it may be while it waits for somebody to open the
+// other end of a pipe.
 static FILE* openStream(const char* path, bool onlyRegular) {
     {
         const ZUncancelled uncancelled;

@@ -1,5 +1,5 @@
-// zlockedfile.h: what stores and updates share: a stanza file under its write lock, and the content of
-// a cache as bytes in memory. Never installed.
+// zlockedfile.h: what stores and updates share: a stanza file under its write lock, and the content
+// of a cache as bytes in memory. Never installed.
 #ifndef Z_ZLOCKEDFILE_H
 #define Z_ZLOCKEDFILE_H
 
@@ -10,9 +10,9 @@
 #include "zinternal.h"
 #include "zwholefile.h"
 
-/// A stanza file that is open for a store, under its write lock, and the one to which the path leads:
-/// while the lock was awaited, an editor may have put another file in its place. Only a regular file is
-/// taken.
+/// A stanza file that is open for a store, under its write lock, and the one to which the path
+/// leads: while the lock was awaited, an editor may have put another file in its place. Only a
+/// regular file is taken.
 class ZLockedFile {
 public:
     /// Opens and locks. A missing file is made if `mayCreate`. Raises ZPropertiesIOException with
@@ -41,8 +41,8 @@ private:
 /// A stanza file that is open for a load, under its read lock.
 class ZReadFile {
 public:
-    /// Opens and locks. With `onlyRegular`, anything else is refused, and nothing hangs at a pipe. Raises
-    /// ZPropertiesIOException with "fopen(r)" or "fcntl()".
+    /// Opens and locks. With `onlyRegular`, anything else is refused, and nothing hangs at a pipe.
+    /// Raises ZPropertiesIOException with "fopen(r)" or "fcntl()".
     ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner, unsigned long waitMilliseconds);
     ~ZReadFile() { close(); }
     ZReadFile(const ZReadFile&) = delete;

@@ -153,8 +153,8 @@ bool ZPathWatch::followOnce() {
     return !isSame;
 }
 
-// Watching what is watched already changes nothing. A folder that is gone is no matter; one that can't be
-// watched is.
+// Watching what is watched already changes nothing. A folder that is gone is no matter; one that
+// can't be watched is.
 bool ZPathWatch::watchFolder(const ZLCString& path, int& watch) {
     if (notices_.get() < 0)
         return false;

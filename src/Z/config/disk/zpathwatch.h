@@ -1,13 +1,13 @@
-// zpathwatch.h: watches the way to a file: each folder of its path, each link on it, the file. Never
-// installed.
+// zpathwatch.h: watches the way to a file: each folder of its path, each link on it, the file.
+// Never installed.
 //
-// Somebody may turn a link anywhere on the path, put another folder in the place of one, take it away and
-// bring it back, mount something over it, or write to the file. The watch follows the path as the
-// system does, asks to be told of just these names, and follows it anew when one of them has changed. Of a
-// part that is missing its folder is watched until it comes back.
+// Somebody may turn a link anywhere on the path, put another folder in the place of one, take it
+// away and bring it back, mount something over it, or write to the file. The watch follows the path
+// as the system does, asks to be told of just these names, and follows it anew when one of them has
+// changed. Of a part that is missing its folder is watched until it comes back.
 //
-// Where the system's own notices end (too many watches, a folder that may not be read), a timer has the
-// caller look once a second.
+// Where the system's own notices end (too many watches, a folder that may not be read), a timer has
+// the caller look once a second.
 #ifndef Z_ZPATHWATCH_H
 #define Z_ZPATHWATCH_H
 
@@ -19,16 +19,17 @@
 
 class ZPathWatch : public ZAllocated {
 public:
-    /// Begins to watch. Something that stands beside the file under its name and `suffix` counts as the file.
-    /// Raises ZPropertiesIOException with "epoll_create1()" if there are no descriptors left.
+    /// Begins to watch. Something that stands beside the file under its name and `suffix` counts as
+    /// the file. Raises ZPropertiesIOException with "epoll_create1()" if there are no descriptors
+    /// left.
     ZPathWatch(const char* path, const char* suffix);
 
     /// Readable when news() has something to read.
     int descriptor() const { return all_.get(); }
 
-    /// Reads what has come, without waiting, and follows the path anew where that is needed. Whether the file
-    /// is to be read. While somebody writes to it, who hasn't closed it, nothing counts until no byte has come
-    /// for the settling time; the descriptor becomes readable then.
+    /// Reads what has come, without waiting, and follows the path anew where that is needed.
+    /// Whether the file is to be read. While somebody writes to it, who hasn't closed it, nothing
+    /// counts until no byte has come for the settling time; the descriptor becomes readable then.
     bool hasNews();
     /// Whether that is waited for.
     bool isBeingWritten() const { return isWritten_; }

@@ -7,17 +7,18 @@
 //   5. the side database moved, or removed; safe: its folder synced
 //   6. the journal goes
 //
-// The text is on the disk before the side database changes: so a file that holds all of the old text has
-// the old side database, and a journal need not count for it. Three syncs where the text alone changes.
-// A mixture may be on the disk meanwhile: of old and new bytes, and where the text gets shorter, of zeros
-// behind its new end, since the page at that end is cleared. The journal knows all of these.
+// The text is on the disk before the side database changes: so a file that holds all of the old
+// text has the old side database, and a journal need not count for it. Three syncs where the text
+// alone changes.
+// A mixture may be on the disk meanwhile: of old and new bytes, and where the text gets shorter, of
+// zeros behind its new end, since the page at that end is cleared. The journal knows all of these.
 //
-// What fails up to the move in 5 is undone: the old bytes are put back, and then the journal goes. Only
-// if that fails too does the journal stay, and with it the new content. What fails behind it leaves the
-// new content, and the journal, which the next store finishes.
+// What fails up to the move in 5 is undone: the old bytes are put back, and then the journal goes.
+// Only if that fails too does the journal stay, and with it the new content. What fails behind it
+// leaves the new content, and the journal, which the next store finishes.
 //
-// Checked stores take the same way without journal and syncs, and write a side database that exists in
-// place: then the undoing is all there is.
+// Checked stores take the same way without journal and syncs, and write a side database that exists
+// in place: then the undoing is all there is.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "zsafestore.h"
@@ -266,9 +267,9 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
 
 // ---------------------------------------------------------------- after a crash
 
-// A side database that has another name than a store gives by itself: the file must say that name too, so
-// that a journal that somebody has made up leads nowhere; and what is overwritten or removed must be a
-// side database.
+// A side database that has another name than a store gives by itself: the file must say that name
+// too, so that a journal that somebody has made up leads nowhere; and what is overwritten or
+// removed must be a side database.
 static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
     if (!journal.isSideNamedInFile())
         zraiseIO(journal.path().getChars(), "a side database that the file doesn't name", EPERM);

@@ -1,8 +1,8 @@
 // zsafestore.h: puts a stanza file's new text and side database into place with every result looked
 // at, or so that a crash at any moment leaves the old or the new content. Never installed.
 //
-// The caller holds the write lock on the file and has the new content at hand in memory. Failures are
-// ZPropertiesIOException with the system's word and errno.
+// The caller holds the write lock on the file and has the new content at hand in memory. Failures
+// are ZPropertiesIOException with the system's word and errno.
 #ifndef Z_ZSAFESTORE_H
 #define Z_ZSAFESTORE_H
 
@@ -28,10 +28,11 @@ struct ZStoreWork {
     ZSpan side;          // the new side database
 };
 
-/// Stores in this mode. Plainly: only a side database that can't be what is to be written is a failure.
-/// Checked: any failure leaves the old content, as far as it can be put back. Safe: see zsafestore.cpp; a
-/// file with several links is refused. The mode in which it was done: where the journal can't have the
-/// file's owner, group and access, a safe one becomes a checked one.
+/// Stores in this mode. Plainly: only a side database that can't be what is to be written is a
+/// failure.
+/// Checked: any failure leaves the old content, as far as it can be put back. Safe: see
+/// zsafestore.cpp; a file with several links is refused. The mode in which it was done: where the
+/// journal can't have the file's owner, group and access, a safe one becomes a checked one.
 int zstore(const ZStoreWork& work, ZJournal& journal, int mode);
 
 /// Puts the content of a journal that counts into place and removes it.

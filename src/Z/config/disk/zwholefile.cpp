@@ -324,7 +324,8 @@ bool zleadsTo(const char* path, int descriptor) {
 
 // ---------------------------------------------------------------- bytes
 
-// A call that a signal has interrupted is made again; but not for ever, should something else be behind it.
+// A call that a signal has interrupted is made again; but not for ever, should something else be
+// behind it.
 static bool isToBeRepeated(int error, int& times) { return error == EINTR && ++times < 1000; }
 
 int zreadWholeFile(int descriptor, ZBytes& bytes) {

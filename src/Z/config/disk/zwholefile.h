@@ -60,17 +60,17 @@ private:
     int descriptor_;
 };
 
-/// As open, and openat in the folder that is open as `folder` (AT_FDCWD: the current one), always with
-/// O_CLOEXEC. No thread is cancelled in it, so that what is opened always finds its owner.
+/// As open, and openat in the folder that is open as `folder` (AT_FDCWD: the current one), always
+/// with O_CLOEXEC. No thread is cancelled in it, so that what is opened always finds its owner.
 int zopenFile(const char* path, int flags, unsigned int mode = 0);
 int zopenFileAt(int folder, const char* name, int flags, unsigned int mode = 0);
 
-/// As zopenFile, but waits for nobody at a pipe or device, and takes nothing but a regular file: EISDIR,
-/// or EINVAL, otherwise.
+/// As zopenFile, but waits for nobody at a pipe or device, and takes nothing but a regular file:
+/// EISDIR, or EINVAL, otherwise.
 int zopenRegularFile(const char* path, int flags, unsigned int mode = 0);
 
-/// Keeps the signal of a write beyond the process's limit for file sizes from the calling thread while
-/// it lives: the write fails with EFBIG, and that is enough.
+/// Keeps the signal of a write beyond the process's limit for file sizes from the calling thread
+/// while it lives: the write fails with EFBIG, and that is enough.
 class ZSizeSignalGuard {
 public:
     ZSizeSignalGuard();
@@ -91,16 +91,16 @@ ZLCString zfolderOf(const char* path);
 /// Makes a path the real file's, all links followed; false, and nothing changed, if there is none.
 bool zfollowLinks(ZLCString& path);
 
-/// A name with a suffix, for what is to stand beside a file of that name. Where the whole would be longer
-/// than a name can be, the name's end makes way for a number made of it.
+/// A name with a suffix, for what is to stand beside a file of that name. Where the whole would be
+/// longer than a name can be, the name's end makes way for a number made of it.
 ZLCString zbesideName(const char* name, const char* suffix);
 
-/// A name in a folder that is opened once: what is done to files of that folder can't be led elsewhere by
-/// who turns links on the way to it.
+/// A name in a folder that is opened once: what is done to files of that folder can't be led
+/// elsewhere by who turns links on the way to it.
 class ZPlace {
 public:
-    /// Where the file open as `descriptor`, to which `path` has led, stands itself, links followed. 0 or
-    /// errno: ESTALE if it isn't there any more.
+    /// Where the file open as `descriptor`, to which `path` has led, stands itself, links followed.
+    /// 0 or errno: ESTALE if it isn't there any more.
     int find(const char* path, int descriptor);
     /// The place that `path` names; its last part may be a link, which isn't followed. 0 or errno.
     int find(const char* path);
@@ -120,8 +120,8 @@ private:
     ZLCString name_;
 };
 
-/// Whose a lock is. A process's lock doesn't exclude its own threads, and goes when any descriptor of
-/// the file is closed; a description's lock belongs to one open. The two exclude each other.
+/// Whose a lock is. A process's lock doesn't exclude its own threads, and goes when any descriptor
+/// of the file is closed; a description's lock belongs to one open. The two exclude each other.
 enum ZLockOwner { zlockOfProcess, zlockOfDescription };
 
 /// Locks the whole file, `type` being F_RDLCK or F_WRLCK. While somebody else holds it, it is tried
@@ -130,9 +130,9 @@ int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long w
 /// How often this process has forked, as far as it matters: counted from the first call on.
 unsigned int zforkCount();
 
-/// Closes a locked file at the end of a scope, or before. A description's lock that a forked child has too
-/// isn't ended by that and is given up first; but only then, for between the two a thread of this process
-/// may take a process's lock on the file, which closing drops.
+/// Closes a locked file at the end of a scope, or before. A description's lock that a forked child
+/// has too isn't ended by that and is given up first; but only then, for between the two a thread
+/// of this process may take a process's lock on the file, which closing drops.
 class ZLockScope {
 public:
     /// Ahead of the locking.
@@ -190,8 +190,8 @@ inline bool zequals(ZSpan a, ZSpan b) {
 }
 
 /// Gives a file that was just made for its owner alone the owner, group, mode and access list of
-/// `model`'s, so that at no moment anybody may do more with it than the model lets him. 0 or errno; what
-/// was given until then stays.
+/// `model`'s, so that at no moment anybody may do more with it than the model lets him. 0 or errno;
+/// what was given until then stays.
 int zcopyAccess(int descriptor, int model);
 
 #endif

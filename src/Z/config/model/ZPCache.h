@@ -103,7 +103,8 @@ public:
     /// Reads or writes the file's format at the stream's position; `file` is for messages.
     virtual void be_read(const char* file, FILE* stream) = 0;
     virtual void be_write(const char* file, FILE* stream) = 0;
-    /// The errno at which the last be_read's stream failed, or 0. What was read until then was added.
+    /// The errno at which the last be_read's stream failed, or 0. What was read until then was
+    /// added.
     int readError() const;
     /// Adds what the side database's bytes hold, or fills `buffer` with them; leaves `buffer`
     /// alone if there is nothing to write.
@@ -145,8 +146,8 @@ public:
     /// Adds copies of all values that get with GET_ANY would list to an owning `list`.
     virtual void copyValues(const char* category, const char* key, ZArrayList& list) const;
 
-    /// With ZPCACHE_STRICT set, raises ZInvalidParameterException for a value of this key that a load
-    /// wouldn't give back. `mayBeEmpty`: a key without a value is meant too.
+    /// With ZPCACHE_STRICT set, raises ZInvalidParameterException for a value of this key that a
+    /// load wouldn't give back. `mayBeEmpty`: a key without a value is meant too.
     void checkValue(const char* key, const char* value, int obfuscated, int mayBeEmpty) const;
     int isStrict() const { return (attributes_ & ZPCACHE_STRICT) != 0; }
 

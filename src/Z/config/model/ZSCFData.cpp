@@ -9,8 +9,8 @@
 //   else             entry "key = value": the first "=" divides; blanks around it are cut; no
 //                    quoting, no escapes, no continuation
 //
-// A line is read in pieces of at most kLongestLine bytes, its newline counted; a longer one counts as
-// several, and a NUL hides the rest of its piece. A stanza appears once. A key may appear often:
+// A line is read in pieces of at most kLongestLine bytes, its newline counted; a longer one counts
+// as several, and a NUL hides the rest of its piece. A stanza appears once. A key may appear often:
 // each entry adds a value, an empty one adds none. Written, every entry is "key = value".
 //
 // Side database: one zlib stream over records, one for each value of each key in it,

@@ -1,18 +1,18 @@
 // zkeeplines.cpp: which line of the old text a line of the new one is.
 //
-// The old text is cut into lines as the reader cuts it, the new one at its line ends. The old lines are
-// found by two indexes over stanza and what a line says: all of it, or the key of an entry alone. A
-// walk over the new lines then takes each old line at most once. It remembers the place in the old
-// stanza up to which lines were taken.
+// The old text is cut into lines as the reader cuts it, the new one at its line ends. The old lines
+// are found by two indexes over stanza and what a line says: all of it, or the key of an entry
+// alone. A walk over the new lines then takes each old line at most once. It remembers the place in
+// the old stanza up to which lines were taken.
 //
-// Entries whose key has a line ahead of that place are fixed points. Between two of them comments and
-// blank lines are only ever added, so that the old ones are found by taking each new one for the next
-// old one if they say the same. Where that leaves old ones over, somebody else has changed the file:
-// then the nearest that says the same is taken.
+// Entries whose key has a line ahead of that place are fixed points. Between two of them comments
+// and blank lines are only ever added, so that the old ones are found by taking each new one for
+// the next old one if they say the same. Where that leaves old ones over, somebody else has changed
+// the file: then the nearest that says the same is taken.
 //
 // A store writes all values of a key behind each other. Where they are the old ones, in that order,
-// the second and the later lines are put off until the walk passes their old places; and so are lines
-// without a value, which the model doesn't keep.
+// the second and the later lines are put off until the walk passes their old places; and so are
+// lines without a value, which the model doesn't keep.
 #include "zkeeplines.h"
 
 #include <cctype>
@@ -299,8 +299,8 @@ private:
 
     // --- comments and blank lines, and entries of other keys between them ---
 
-    // The next new line that is an entry whose key has its first line ahead of the place; or the next
-    // header, or the end.
+    // The next new line that is an entry whose key has its first line ahead of the place; or the
+    // next header, or the end.
     Id nextFixedPoint(const ZPBlock<Line>& lines, Id at) const {
         while (at < lines.size() && lines[at].kind != kHeader &&
                (lines[at].kind != kEntry || fixedAt(lines[at]) == kNone))
@@ -312,8 +312,8 @@ private:
         return id != kNone && id >= place_ && !lines_[id].used ? id : kNone;
     }
 
-    // Finds the old lines of new comments and blank lines from `at` up to the fixed point. In the new
-    // lines nextSame is what was found.
+    // Finds the old lines of new comments and blank lines from `at` up to the fixed point. In the
+    // new lines nextSame is what was found.
     void matchBetween(ZPBlock<Line>& lines, Id at, Id fixed) {
         const bool atEntry = fixed < lines.size() && lines[fixed].kind == kEntry;
         limit_ = atEntry ? fixedAt(lines[fixed]) : endStanza_;

@@ -12,8 +12,8 @@
 /// of the old lines have them. Cost: linear in both texts. Raises ZOutOfMemoryException.
 void zkeepLines(ZSpan original, ZSpan written, ZBytes& out);
 
-/// The first value that a text has for a key, as it stands in its line. False if it has no such line.
-/// Whether the other lines are good ones doesn't matter.
+/// The first value that a text has for a key, as it stands in its line. False if it has no such
+/// line. Whether the other lines are good ones doesn't matter.
 bool zfindValue(ZSpan text, const char* stanza, const char* key, ZSpan& value);
 
 #endif

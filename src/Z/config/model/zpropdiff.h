@@ -15,9 +15,9 @@ struct ZPropDifference {
     Type type;
 };
 
-/// Appends what has to be told of the way from `before` to `after`, in the order of the files: first
-/// what is gone, a stanza behind its keys, then what is new or has other values, a stanza ahead of
-/// its keys. Two keys differ if their values do, in number, order or kind.
+/// Appends what has to be told of the way from `before` to `after`, in the order of the files:
+/// first what is gone, a stanza behind its keys, then what is new or has other values, a stanza
+/// ahead of its keys. Two keys differ if their values do, in number, order or kind.
 /// Cost: linear in both.
 void zfindDifferences(const ZPCache& before, const ZPCache& after, ZVector<ZPropDifference>& out);
 

@@ -226,7 +226,8 @@ public:
 
         /// None once the stanza has left the map: the walk has ended.
         Id stanza() const { return stanza_; }
-        /// The key it was moved to last, or none: it hasn't been moved, or that key has left the map.
+        /// The key it was moved to last, or none: it hasn't been moved, or that key has left the
+        /// map.
         Id key() const { return isOnKey_ ? key_ : none; }
         /// The key behind the place, or none.
         Id nextKey() const;
@@ -454,9 +455,8 @@ private:
 
     bool isNamed(const Stanza& stanza, const char* name, size_t length) const {
         return stanza.name.length == length &&
-               (length <= sizeof stanza.head
-                    ? memcmp(stanza.head, name, length) == 0
-                    : memcmp(text(stanza.name), name, length) == 0);
+               (length <= sizeof stanza.head ? memcmp(stanza.head, name, length) == 0
+                                             : memcmp(text(stanza.name), name, length) == 0);
     }
     uint32_t hashOf(Id key) const;
     Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before

@@ -2,21 +2,23 @@
 //
 // A new key goes behind the last key line of its stanza, unless a comment of the stanza reads like
 // an entry for this key ("# port = 80"): then it goes to the end of that paragraph. Walking the
-// stanza for each new key would make adding many keys quadratic, so a group remembers where its keys
-// end and, once it has comments and a key is added, an index of the comments that read like entries,
-// by the text between "#" and the first "=". The index knows the paragraph of each: a blank line that
-// is added later splits one, and the smaller part gets a new number.
+// stanza for each new key would make adding many keys quadratic, so a group remembers where its
+// keys end and, once it has comments and a key is added, an index of the comments that read like
+// entries, by the text between "#" and the first "=". The index knows the paragraph of each: a
+// blank line that is added later splits one, and the smaller part gets a new number.
 #include "zpstore.h"
 #include "zraise.h"
 
 #include <cstdio>
 #include <memory>
 
-// The paragraphs of a group, and its comments that read like entries, by the hash of what they name.
+// The paragraphs of a group, and its comments that read like entries, by the hash of what they
+// name.
 //
 // (1) A blank line closes each paragraph but the last, and has its number as `ref`. `first` is the
 //     first paragraph, `open` the last, `next` leads from one to the other.
-// (2) `isTail`: no key line stands behind the closing line. It may be missing between Group::lastKey
+// (2) `isTail`: no key line stands behind the closing line. It may be missing between
+// Group::lastKey
 //     and the last key line, and nowhere else.
 // (3) Open addressing; a slot's line is the first comment that names this, `many` where different
 //     names have one hash, or `stale`: a second one has come, and which is first isn't known.
@@ -370,8 +372,8 @@ void ZPStore::moveSamples(Samples& samples, Id from, Id to, uint32_t paragraph) 
     }
 }
 
-// A blank line has come into a paragraph. Only the shorter part is walked: however a group is cut up,
-// each line is walked a few times.
+// A blank line has come into a paragraph. Only the shorter part is walked: however a group is cut
+// up, each line is walked a few times.
 void ZPStore::splitParagraph(Group& group, Id blank) {
     Samples& samples = *group.samples;
     samples.recent = none;
@@ -485,7 +487,8 @@ ZPStore::Id ZPStore::findParagraphEnd(Id groupId, Id keyId) {
     const Samples::Slot& slot = group.samples->find(hash);
     if (slot.line == none)
         return none;
-    // A comment is known by the text before its first "=": a key that goes on behind one is looked for.
+    // A comment is known by the text before its first "=": a key that goes on behind one is looked
+    // for.
     if (slot.line != many && memchr(text(key), '=', key.length) == nullptr)
         return isCommentWeWant(key, slot.line) ? group.samples->paragraphs[slot.paragraph].closing
                                                : none;

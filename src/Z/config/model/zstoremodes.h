@@ -20,10 +20,11 @@ enum {
 
 /* Attribute bits: what the reader keeps and what the setters refuse. */
 enum {
-    ZPCACHE_KEEP_COMMENTS = 1, /* comments and blank lines are read, so that a store writes them back */
-    ZPCACHE_STRICT = 2,        /* what a load would not give back is refused, and so are files that a
+    ZPCACHE_KEEP_COMMENTS =
+        1,                 /* comments and blank lines are read, so that a store writes them back */
+    ZPCACHE_STRICT = 2,    /* what a load would not give back is refused, and so are files that a
                                   load would take apart */
-    ZPCACHE_KEEP_LINES = 4     /* a line whose value wasn't changed is stored byte for byte */
+    ZPCACHE_KEEP_LINES = 4 /* a line whose value wasn't changed is stored byte for byte */
 };
 
 #endif
