@@ -1,5 +1,5 @@
-// SelfChild.h: runs one test of this very program in a process of its own, for what a process has
-// only once: its locale, its first string, its default message service.
+// SelfChild.h: runs something in a process of its own; and one test of this very program in one, for
+// what a process has only once: its locale, its first string, its default message service.
 //
 // Such a test is named DISABLED_..., so that it runs in children alone.
 #ifndef TESTS_SUPPORT_SELF_CHILD_H
@@ -10,9 +10,27 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
+
+/// Begins `action` in a child, which ends with what it gives. What it raises aborts the child.
+inline pid_t startChild(const std::function<int()>& action) {
+    const pid_t child = fork();
+    if (child == 0)
+        [&]() noexcept { _exit(action()); }();
+    return child;
+}
+
+/// What a child has ended with; -1 if it was killed.
+inline int endOf(pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+inline int inChild(const std::function<int()>& action) { return endOf(startChild(action)); }
 
 struct SelfChild {
     int status;          // as waitpid gives it

@@ -2,10 +2,12 @@
 #ifndef TESTS_SUPPORT_TEMPFOLDER_H
 #define TESTS_SUPPORT_TEMPFOLDER_H
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 
 class TempFolder {
@@ -30,6 +32,20 @@ public:
     std::string write(const std::string& name, const std::string& text) const {
         std::ofstream(*this / name, std::ios::binary) << text;
         return *this / name;
+    }
+
+    /// The same, as another file that takes its place.
+    std::string replace(const std::string& name, const std::string& text) const {
+        rename(write(name + ".new", text).c_str(), (*this / name).c_str());
+        return *this / name;
+    }
+
+    /// What lies in the folder.
+    std::set<std::string> names() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path_))
+            names.insert(entry.path().filename().string());
+        return names;
     }
 
     /// A file's bytes; "<none>" if it can't be read.

@@ -1,0 +1,40 @@
+// Config.h: a configuration under test, and what it holds.
+#ifndef TESTS_SUPPORT_CONFIG_H
+#define TESTS_SUPPORT_CONFIG_H
+
+#include <string>
+
+#include "Z/ZSCFData.h"
+#include "Z/ZStanzaFileProperties.h"
+
+const int kPlain = ZPROP_STORE_PLAIN, kChecked = ZPROP_STORE_CHECKED, kSafe = ZPROP_STORE_SAFE;
+const int kModes[] = {kPlain, kChecked, kSafe};
+const int kCarefulModes[] = {kChecked, kSafe};
+
+/// The last value of a key, or `none`.
+inline std::string valueIn(const ZProperties& p, const char* stanza, const char* key,
+                           const char* none = "<none>") {
+    ZLCString out("before");
+    p.getValue(stanza, key, out, 0, none);
+    return out.getChars();
+}
+
+struct Config : ZStanzaFileProperties {
+    explicit Config(int mode = kPlain, unsigned long attributes = 0) : ZStanzaFileProperties(1) {
+        setAttributes(attributes, nullptr);
+        setStoreMode(mode);
+    }
+    /// Loaded from this file.
+    explicit Config(const std::string& path, int mode = kPlain, unsigned long attributes = 0)
+        : Config(mode, attributes) {
+        load(path.c_str());
+    }
+
+    std::string value(const char* stanza, const char* key) const {
+        return valueIn(*this, stanza, key);
+    }
+    unsigned int number(const char* key) const { return getIntegerValue("s", key, 0, 0); }
+    ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
+};
+
+#endif
