@@ -173,11 +173,36 @@ TEST(Cancelled, WhileMembersAreDeletedAThreadGoesOn) {
         Action body;
         int live;
     } cases[] = {
-        {"~ZArray", [&] { ZArray a(2, 1); a.set(0, m), a.set(1, m), cancel(); }, 1},
-        {"~ZArrayList", [&] { ZArrayList a(2, 1); a.add(m), a.add(m), cancel(); }, 1},
-        {"~ZHashMap", [&] { ZHashMap a(2, 1); a.putEntry(m), cancel(); }, 1},
-        {"~ZHashKeyMap", [&] { ZHashKeyMap a(2, 1); a.putEntry(m, m), cancel(); }, 1},
-        {"~ZKeyEntry", [&] { ZKeyEntry a(m, m, 1); cancel(); }, 1},
+        {"~ZArray",
+         [&] {
+             ZArray a(2, 1);
+             a.set(0, m), a.set(1, m), cancel();
+         },
+         1},
+        {"~ZArrayList",
+         [&] {
+             ZArrayList a(2, 1);
+             a.add(m), a.add(m), cancel();
+         },
+         1},
+        {"~ZHashMap",
+         [&] {
+             ZHashMap a(2, 1);
+             a.putEntry(m), cancel();
+         },
+         1},
+        {"~ZHashKeyMap",
+         [&] {
+             ZHashKeyMap a(2, 1);
+             a.putEntry(m, m), cancel();
+         },
+         1},
+        {"~ZKeyEntry",
+         [&] {
+             ZKeyEntry a(m, m, 1);
+             cancel();
+         },
+         1},
         {"under a key", [&] { cancel(), ZThread::key_delete_routine(m->clone()); }, 1},
         {"set", [&] { array.set(0, m), array.set(1, m), cancel(), array.set(0, m); }, 3},
         {"removeAll", [&] { cancel(), array.removeAll(); }, 1},

@@ -17,9 +17,24 @@
 namespace {
 
 enum Call {  // those that destroy come first, those of attributes side by side
-    kNone, kMutexDestroy, kCondDestroy, kAttrDestroy, kAttrInit, kAttrSet, kCreate, kJoin,
-    kKeyCreate, kSetSpecific, kMutexInit, kMutexLock, kMutexUnlock, kCondInit, kCondWait,
-    kCondTimedWait, kCondSignal, kCondBroadcast,
+    kNone,
+    kMutexDestroy,
+    kCondDestroy,
+    kAttrDestroy,
+    kAttrInit,
+    kAttrSet,
+    kCreate,
+    kJoin,
+    kKeyCreate,
+    kSetSpecific,
+    kMutexInit,
+    kMutexLock,
+    kMutexUnlock,
+    kCondInit,
+    kCondWait,
+    kCondTimedWait,
+    kCondSignal,
+    kCondBroadcast,
 };
 
 // The call that is to fail, the number of such calls that go well before, and how often it fails.
@@ -72,13 +87,13 @@ void failNext(Call call, int good = 0, int bad = 1) {
 }  // namespace
 
 // What fails to destroy has destroyed all the same here, so that the checkers find nothing left.
-#define WRAP(which, name, parameters, arguments)                                       \
-    extern "C" int __real_##name parameters;                                           \
-    extern "C" UNCHECKED int __wrap_##name parameters {                                \
-        const Call call = which;                                                       \
-        const int rc = failureOf(call);                                                \
-        const int real = rc == 0 || call <= kAttrDestroy ? __real_##name arguments : 0;\
-        return rc != 0 ? rc : real;                                                    \
+#define WRAP(which, name, parameters, arguments)                                        \
+    extern "C" int __real_##name parameters;                                            \
+    extern "C" UNCHECKED int __wrap_##name parameters {                                 \
+        const Call call = which;                                                        \
+        const int rc = failureOf(call);                                                 \
+        const int real = rc == 0 || call <= kAttrDestroy ? __real_##name arguments : 0; \
+        return rc != 0 ? rc : real;                                                     \
     }
 
 WRAP(kAttrInit, pthread_attr_init, (pthread_attr_t * a), (a))
@@ -224,7 +239,9 @@ TEST(FailingSystem, AReportThatFailsHidesNothing) {
 TEST(Condition, CountsSecondsFromTheStartOfThePresentOne) {
     static const timespec now = {1000000, 999999999};
     const std::pair<long, time_t> cases[] = {
-        {5, 1000005}, {0, 1000000}, {-1, 999999},
+        {5, 1000005},
+        {0, 1000000},
+        {-1, 999999},
         {std::numeric_limits<long>::max(), std::numeric_limits<time_t>::max()}};
     for (const auto& [seconds, limit] : cases) {
         SCOPED_TRACE(seconds);
