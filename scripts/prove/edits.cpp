@@ -1,10 +1,5 @@
-// edits_worker.cpp: what scripts/prove-edits lets several processes do at once.
+// edits.cpp: what scripts/prove-edits lets several processes do at once, and zstz has no word for.
 //
-//   make FILE KEYS HIDDEN       a file of so many keys in stanzas of 20, a comment above each stanza;
-//                               with HIDDEN 1, one key more, whose value is hidden
-//   check FILE KEYS HIDDEN SETS whether all of that is still there, and how many of the keys 0, 1, ...
-//                               of the stanza "new" are: prints "kept 100 torn 0 comments 0", the
-//                               last two being the numbers of old keys and of comments that are wrong
 //   count FILE TIMES MODE       adds 1 to the key "n" of the stanza "count", so often, in updates that
 //                               store in this mode
 //   hide FILE MODE VALUE        sets the hidden key "word" of the stanza "secrets" by a store of this mode
@@ -13,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "Z/ZExceptionText.h"
@@ -21,55 +15,6 @@
 #include "Z/ZStanzaFileProperties.h"
 
 using std::string;
-
-static const char kComment[] = "# kept by everybody, stanza ";
-
-static string stanzaOf(int key) { return "stanza" + std::to_string(key / 20); }
-static string keyOf(int key) { return "key" + std::to_string(key); }
-static string valueOf(int key) { return "value number " + std::to_string(key); }
-
-static string valueIn(const ZProperties& p, const char* stanza, const char* key) {
-    ZLCString out;
-    p.getValue(stanza, key, out, 0, "none");
-    return out.getChars();
-}
-
-static int make(const char* file, int keys, bool hidden) {
-    std::ofstream out(file);
-    for (int i = 0; i < keys; ++i) {
-        if (i % 20 == 0)
-            out << "\n" << kComment << i / 20 << "\n  [" << stanzaOf(i) << "]\n";
-        out << "  " << keyOf(i) << "=" << valueOf(i) << "\n";
-    }
-    out.close();
-    if (!hidden)
-        return 0;
-    ZStanzaFileProperties p(file, 1);
-    p.setAttributes(ZPCACHE_KEEP_LINES, nullptr);
-    p.setValue("secrets", "word", "hush", 1);
-    p.store(nullptr);
-    return 0;
-}
-
-static int check(const char* file, int keys, bool hidden, int sets) {
-    ZStanzaFileProperties p(1);
-    p.setAttributes(ZPCACHE_STRICT, nullptr);
-    p.setStoreMode(ZPROP_STORE_SAFE);
-    p.load(file);
-    int kept = 0, torn = 0, comments = (keys + 19) / 20, spelt = keys;
-    for (int i = 0; i < sets; ++i)
-        kept += valueIn(p, "new", std::to_string(i).c_str()) == std::to_string(i);
-    for (int i = 0; i < keys; ++i)
-        torn += valueIn(p, stanzaOf(i).c_str(), keyOf(i).c_str()) != valueOf(i);
-    torn += hidden && (valueIn(p, "secrets", "word") != "hush" || !p.isObfuscated("secrets", "word"));
-    std::ifstream in(file);
-    for (string line; std::getline(in, line);) {
-        comments -= line.compare(0, sizeof kComment - 1, kComment) == 0;
-        spelt -= line.compare(0, 5, "  key") == 0;
-    }
-    printf("kept %d torn %d comments %d\n", kept, torn + spelt, comments);
-    return kept == sets && torn + spelt == 0 && comments == 0 ? 0 : 1;
-}
 
 static int count(const char* file, int times, int mode) {
     ZStanzaFileProperties p(1);
@@ -86,6 +31,7 @@ static int count(const char* file, int times, int mode) {
 
 static int hide(const char* file, int mode, const char* value) {
     ZStanzaFileProperties p(1);
+    p.setAttributes(ZPCACHE_KEEP_LINES, nullptr);
     p.setStoreMode(mode);
     try {
         p.load(file);
@@ -126,10 +72,6 @@ int main(int argc, char** argv) {
     const string command = argc > 2 ? argv[1] : "";
     const auto number = [&](int i) { return i < argc ? atoi(argv[i]) : 0; };
     try {
-        if (command == "make")
-            return make(argv[2], number(3), number(4) != 0);
-        if (command == "check")
-            return check(argv[2], number(3), number(4) != 0, number(5));
         if (command == "count")
             return count(argv[2], number(3), number(4));
         if (command == "hide" && argc > 4)
