@@ -1,10 +1,7 @@
 // The two file formats: what a line is, what is refused and with which line, what comes back out.
-#include <gtest/gtest.h>
-#include <zlib.h>
+#include "support/Prelude.h"
 
-#include <cstring>
 #include <set>
-#include <string>
 
 #include "Z/ZBuffer.h"
 #include "Z/ZExceptionText.h"
@@ -58,8 +55,10 @@ TEST(StanzaReader, Entries) {
     }
 }
 
-TEST(StanzaReader, NamesKeepTheirBlanksAndCommentsMayBeLeftOut) {
-    ZSCFData cache, bare;
+TEST(StanzaReader, NamesKeepTheirBlanksNulsHideAndCommentsMayBeLeftOut) {
+    ZSCFData cache, bare, cut;
+    ASSERT_EQ(readText(cut, bytes("[s]\nk = v\0hidden\n\0x\n[t]\n")), 0);
+    EXPECT_EQ(writtenText(cut), "[s]\nk = v\n\n[t]\n");
     ASSERT_EQ(readText(cache, "[ name ]\nk = 1\n[]\n"), 0);
     EXPECT_EQ(value(cache, " name ", "k"), "1");
     EXPECT_EQ(cache.contains("name"), 0);
@@ -115,15 +114,6 @@ TEST(StanzaReader, LongLinesAreCutWhereTheBufferEnds) {
     EXPECT_EQ(value(cache, "s", "m"), "b");
     // A comment that is cut goes on as an entry without "=".
     EXPECT_EQ(readText(cache, "[t]\n#" + string(8190, 'c') + "d\n"), 3);
-}
-
-TEST(StanzaReader, ANulHidesTheRestOfItsLine) {
-    ZSCFData cache;
-    const string text = bytes("[s]\nk = v\0hidden\nm = 2\n\0x\n[t]\n");
-    ASSERT_EQ(readText(cache, text), 0);
-    EXPECT_EQ(value(cache, "s", "k"), "v");
-    EXPECT_EQ(value(cache, "s", "m"), "2");
-    EXPECT_EQ(cache.contains("t"), 1);
 }
 
 TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
@@ -182,15 +172,6 @@ TEST(StanzaReader, RandomFilesReadAsTheModelReads) {
 
 // ---------------------------------------------------------------- side database
 
-string packed(const string& records) {
-    string out(compressBound(records.size()), '\0');
-    uLongf size = out.size();
-    compress(reinterpret_cast<Bytef*>(&out[0]), &size,
-             reinterpret_cast<const Bytef*>(records.data()), records.size());
-    out.resize(size);
-    return out;
-}
-
 // Reads the bytes as a side database. False if they are refused.
 bool readSide(ZSCFData& cache, const string& bytes) {
     ZBuffer buffer(bytes.size(), const_cast<char*>(bytes.data()));
@@ -221,7 +202,7 @@ TEST(SideDatabase, RecordsHaveASeparatorBetweenThemAlone) {
 TEST(SideDatabase, ComesBackAndTwiceDoublesItsValues) {
     ZSCFData cache;
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(readSide(cache, packed(bytes("s\0k\0v\0\0s\0k\0w\0"))));
+        ASSERT_TRUE(readSide(cache, compressed(bytes("s\0k\0v\0\0s\0k\0w\0"))));
         EXPECT_EQ(cache.countValues("s", "k"), 2 * round);
         EXPECT_EQ(cache.isObfuscated("s", "k"), 1);
         EXPECT_EQ(cache.obfuscatedCount(), 1u);
@@ -235,10 +216,10 @@ TEST(SideDatabase, EveryCutOfItsRecordsAndOfItsStreamIsRefused) {
         SCOPED_TRACE(length);
         ZSCFData cache;
         const bool whole = length == 0 || length == 6 || length == 7 || length == records.size();
-        EXPECT_EQ(readSide(cache, packed(records.substr(0, length))), whole);
+        EXPECT_EQ(readSide(cache, compressed(records.substr(0, length))), whole);
         cache.checkInvariants();
     }
-    const string stream = packed(records);
+    const string stream = compressed(records);
     for (size_t length = 0; length < stream.size(); ++length) {
         SCOPED_TRACE(length);
         ZSCFData cache;
@@ -300,7 +281,7 @@ TEST(SideDatabase, KeysWithoutLinesGetThemWithTheirFirstPlainValue) {
         SCOPED_TRACE(c.what);
         ZSCFData cache;
         ASSERT_EQ(readText(cache, "[a]\n"), 0);
-        ASSERT_TRUE(readSide(cache, packed(bytes("s\0k\0v\0"))));
+        ASSERT_TRUE(readSide(cache, compressed(bytes("s\0k\0v\0"))));
         c.change(cache);
         cache.checkInvariants();
         EXPECT_EQ(writtenText(cache), c.out);

@@ -1,5 +1,7 @@
 #include "support/CacheText.h"
 
+#include <zlib.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -51,4 +53,13 @@ std::string sideRecords(ZSCFData& cache) {
         abort();
     result.resize(static_cast<size_t>(size));
     return result;
+}
+
+std::string compressed(const std::string& records) {
+    std::string out(compressBound(records.size()), '\0');
+    uLongf size = out.size();
+    compress(reinterpret_cast<Bytef*>(&out[0]), &size,
+             reinterpret_cast<const Bytef*>(records.data()), records.size());
+    out.resize(size);
+    return out;
 }

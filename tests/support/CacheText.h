@@ -15,4 +15,7 @@ std::string writtenText(ZSCFData& cache);
 /// What the side database would hold, expanded; empty if there would be none.
 std::string sideRecords(ZSCFData& cache);
 
+/// What a side database of these records is.
+std::string compressed(const std::string& records);
+
 #endif
