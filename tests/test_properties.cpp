@@ -1,24 +1,11 @@
 // The properties object: typed look-ups, changes, notices, walks, and the object of a stanza file.
-#include "Z/ZProperties.h"
+#include "support/Prelude.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "Z/ZExceptionText.h"
-#include "Z/ZStanzaFileProperties.h"
 #include "support/CacheText.h"
+#include "support/Config.h"
 #include "support/ExceptionNumber.h"
 #include "support/Gate.h"
 #include "support/RecordingService.h"
-#include "support/TempFolder.h"
 
 using std::string;
 
@@ -30,12 +17,9 @@ const ZPropertyStringType kLocal = ZPROP_STRING_LOCAL;
 namespace {
 
 // A stanza file object with this content.
-class Loaded : public ZStanzaFileProperties {
+class Loaded : public Config {
 public:
-    explicit Loaded(const string& text) : ZStanzaFileProperties(1) {
-        EXPECT_EQ(readText(data(), text), 0);
-    }
-    ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
+    explicit Loaded(const string& text) { EXPECT_EQ(readText(data(), text), 0); }
     string written() { return writtenText(data()); }
     ZLock& lock() { return lock_; }
     /// Whether the calling thread holds the object.
@@ -51,9 +35,15 @@ public:
 };
 
 string text(const ZProperties& p, const char* stanza, const char* key) {
-    ZLCString out("before");
-    p.getValue(stanza, key, out, 0, nullptr);
-    return out.getChars();
+    return valueIn(p, stanza, key, nullptr);
+}
+
+// A stanza with these values of one letter each.
+string stanzaOf(const char* values) {
+    string text = "[s]\n";
+    for (; *values != '\0'; ++values)
+        text += string("k = ") + *values + "\n";
+    return text;
 }
 
 // ---------------------------------------------------------------- look-ups
@@ -95,9 +85,8 @@ TEST(Properties, TheLastValueWinsAndAnAbsentOneGivesTheDefault) {
     for (const char* key : {"empty", "missing"}) {
         SCOPED_TRACE(key);
         EXPECT_EQ(text(p, "s", key), "");
+        EXPECT_EQ(valueIn(p, "s", key, "default"), "default");
         ZLCString out;
-        p.getValue("s", key, out, 0, "default");
-        EXPECT_EQ(out, "default");
         EXPECT_EQ(p.getIntegerValue("s", key, 0, 9), 9u);
         EXPECT_EQ(p.getBooleanValue("s", key, 0, 3), 3);
         EXPECT_EQ(numberOf([&] { p.getIntegerValue("s", key, 1, 0); }), 28);
@@ -226,33 +215,16 @@ TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
     }
 }
 
-TEST(Properties, AnObserverMayCallBackWhileAnotherThreadWorks) {
-    Loaded p("[s]\nk = 1\n");
-    struct CallsBack : ZObserverInterface {
-        explicit CallsBack(ZProperties& p) : p_(p) {}
-        void update(ZObservableInterface*, const ZObservedParm&) override {
-            // The lock is free here: another thread gets in.
-            std::thread([&] { seen = text(p_, "s", "k"); }).join();
-        }
-        ZProperties& p_;
-        string seen;
-    } observer(p);
-    p.addObserver(&observer);
-    p.setValue("s", "k", "2");
-    EXPECT_EQ(observer.seen, "2");
-}
-
 // Says of each notice whether the object was locked by its teller; what it does then is the test's.
 struct Listener : ZObserverInterface {
     void update(ZObservableInterface* source, const ZObservedParm& parm) override {
         recorder.update(source, parm);
         EXPECT_FALSE(static_cast<Loaded*>(source)->isLocked());
-        const std::function<void()> now = then;
-        if (now)
-            now();
+        std::exchange(then, nothing)();
     }
+    static void nothing() {}
     Recorder recorder;
-    std::function<void()> then;
+    std::function<void()> then = nothing;  // the next time only
 };
 
 TEST(Properties, NoticesWaitForTheLastHoldOfTheLock) {
@@ -296,7 +268,6 @@ TEST(Properties, AnObserverThatReadsAndAWalkThatChangesDontWaitForEachOther) {
     std::thread walker;
     string seen;
     listener.then = [&] {
-        listener.then = nullptr;
         told.open();
         walking.await();
         seen = text(p, "s", "k");
@@ -318,7 +289,11 @@ TEST(Properties, AnObserverThatRaisesStopsNobodyElsesNotice) {
     Loaded p("[s]\nk = 1\n");
     Listener listener;
     p.addObserver(&listener);
-    listener.then = [] { ZInvalidParameterException().throwException(__FILE__, __LINE__); };
+    const std::function<void()> raises = [&] {
+        listener.then = raises;  // each time
+        ZInvalidParameterException().throwException(__FILE__, __LINE__);
+    };
+    listener.then = raises;
     const auto change = [&] {
         ZStanzaIterator walk(p, "s");
         p.setValue("s", "a", "1");
@@ -343,18 +318,12 @@ TEST(Properties, AnObserverThatRaisesStopsNobodyElsesNotice) {
     EXPECT_FALSE(p.isLocked());
     // What an observer changes is told after what was changed before.
     listener.recorder.heard.clear();
-    listener.then = [&] {
-        listener.then = nullptr;
-        p.setValue("s", "c", "1");
-    };
+    listener.then = [&] { p.setValue("s", "c", "1"); };
     change();
     EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\nmodified s.c\n");
 #if CAN_UNWIND
     listener.recorder.heard.clear();
-    listener.then = [&] {
-        listener.then = nullptr;
-        pthread_exit(nullptr);
-    };
+    listener.then = [] { pthread_exit(nullptr); };
     std::thread(change).join();
     EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\n");
 #endif
@@ -364,11 +333,9 @@ TEST(Properties, ACopyHasItsOwnContentAndNoObservers) {
     Loaded p("[s]\nk = 1\n");
     Recorder recorder;
     p.addObserver(&recorder);
-    ZStanzaFileProperties copy(p);
+    Loaded copy(p);
     copy.setValue("s", "k", "2");
-    EXPECT_EQ(text(p, "s", "k"), "1");
-    EXPECT_EQ(text(copy, "s", "k"), "2");
-    EXPECT_EQ(recorder.heard, "");
+    EXPECT_EQ(p.value("s", "k") + copy.value("s", "k") + recorder.heard, "12");
 }
 
 // ---------------------------------------------------------------- walks
@@ -432,16 +399,14 @@ TEST(ValueWalk, ChangesInPlace) {
         const char *what, *steps;  // n: goes on, a: adds, c: changes, r: removes
         const char* values;        // afterwards
     } cases[] = {
-        {"adds behind the second", "nnac", "12c3"},
-        {"adds in front of all", "a", "a123"},
-        {"removes all, one by one", "nrnrnr", ""},
-        {"fills an emptied one", "nrnrnra", "a"},
+        {"adds behind the second", "nnac", "12c3"}, {"adds in front of all", "a", "a123"},
+        {"removes all, one by one", "nrnrnr", ""},  {"fills an emptied one", "nrnrnra", "a"},
         {"changes at the end", "nnnc", "12c"},
     };
     for (const auto& c : cases)
         for (auto type : {Values::ZPROP_ITER_PLAIN, Values::ZPROP_ITER_AUTO}) {
             SCOPED_TRACE(c.what);
-            Loaded p("[s]\nk = 1\nk = 2\nk = 3\n");
+            Loaded p(stanzaOf("123"));
             {
                 Walk walk(p, "s", "k", kLocal, type);
                 EXPECT_EQ(numberOf([&] { walk.changeValue("x"); }), 42);
@@ -462,64 +427,40 @@ TEST(ValueWalk, ChangesInPlace) {
                 EXPECT_EQ(walk.hasMore(), next != '4');
                 EXPECT_EQ(walk.valueCount(), strlen(c.values));
             }
-            string expected = "[s]\n";
-            for (const char* v = c.values; *v != '\0'; ++v)
-                expected += string("k = ") + *v + "\n";
-            EXPECT_EQ(p.written(), *c.values == '\0' ? "[s]\nk =\n" : expected);
+            EXPECT_EQ(p.written(), *c.values == '\0' ? "[s]\nk =\n" : stanzaOf(c.values));
             EXPECT_EQ(p.isModified(), 1);
         }
 }
 
 TEST(ValueWalk, WhatItAcceptsIsThere) {
-    typedef Walk& W;
-    typedef Loaded& P;
     const struct {
-        const char* what;
-        void (*change)(P, W);
+        const char *what,
+            *steps;  // of the walk: >: goes on, else adds; of the object: =x: sets, -: deletes
         const char* values;  // afterwards; the place is on the last
     } cases[] = {
-        {"an empty one first",
-         [](P, W w) {
-             for (const char* text : {"", "a", "b", "c"})
-                 w.addValue(text);
-         },
-         "abc"},
-        {"set during the walk",
-         [](P p, W w) {
-             for (const char* text : {"a", "b", "c"})
-                 w.addValue(text);
-             p.setValue("s", "k", "x");
-             w.addValue("d");
-             w.addValue("e");
-         },
-         "xde"},
-        {"made during the walk",
-         [](P p, W w) {
-             p.setValue("s", "k", "a");
-             w.nextValue();
-             w.addValue("b");
-         },
-         "ab"},
-        {"removed during the walk",
-         [](P p, W w) {
-             w.addValue("a");
-             w.addValue("b");
-             p.deleteKey("s", "k");
-             w.addValue("c");
-             w.addValue("d");
-         },
-         "cd"},
+        {"an empty one first", " abc", "abc"},
+        {"set during the walk", "abc=xde", "xde"},
+        {"made during the walk", "=a>b", "ab"},
+        {"removed during the walk", "ab-cd", "cd"},
     };
     for (const auto& c : cases)
         for (auto type : {Values::ZPROP_ITER_PLAIN, Values::ZPROP_ITER_AUTO}) {
             SCOPED_TRACE(c.what);
             Loaded p("[s]\n");
             Walk walk(p, "s", "k", kLocal, type);
-            c.change(p, walk);
-            string expected = "[s]\n";
-            for (const char* v = c.values; *v != '\0'; ++v)
-                expected += string("k = ") + *v + "\n";
-            EXPECT_EQ(p.written(), expected);
+            EXPECT_EQ(walk.hasMore(), 0);
+            EXPECT_EQ(numberOf([&] { walk.nextValue(); }), 42);
+            for (const char* step = c.steps; *step != '\0'; ++step) {
+                if (*step == '=')
+                    p.setValue("s", "k", string(1, *++step).c_str());
+                else if (*step == '-')
+                    p.deleteKey("s", "k");
+                else if (*step == '>')
+                    walk.nextValue();
+                else
+                    walk.addValue(*step == ' ' ? "" : string(1, *step).c_str());
+            }
+            EXPECT_EQ(p.written(), stanzaOf(c.values));
             EXPECT_EQ(walk.isValid(), 1);
             EXPECT_STREQ(walk.currentValue()->getChars(), c.values + strlen(c.values) - 1);
         }
@@ -621,41 +562,18 @@ TEST(ValueWalk, HiddenValues) {
     EXPECT_EQ(p.written(), "[s]\n");
 }
 
-TEST(ValueWalk, AMissingKeyIsMadeByTheFirstValue) {
-    Loaded p("");
-    Recorder recorder;
-    p.addObserver(&recorder);
-    {
-        Walk walk(p, "s", "k", kLocal, Values::ZPROP_ITER_AUTO);
-        EXPECT_EQ(walk.hasMore(), 0);
-        EXPECT_EQ(numberOf([&] { walk.nextValue(); }), 42);
-        walk.addValue("1");
-        EXPECT_EQ(walk.valueCount(), 1u);
-        EXPECT_EQ(walk.isValid(), 1);
-        walk.addValue("2");
-    }
-    EXPECT_EQ(p.written(), "\n[s]\nk = 1\nk = 2\n");
-    EXPECT_EQ(recorder.heard, "modified s.k\n");
-}
-
 // ---------------------------------------------------------------- stanzas as a whole
 
 TEST(StanzaProperties, AddValuesMatchesInOnePass) {
-    const struct {
-        std::vector<const char*> add;
-        const char* more;
-    } kCases[] = {
-        {{"b", "x"}, "k = x\n"},
-        {{"c", "a"}, "k = a\n"},  // what stands before isn't seen
-        {{"a", "b", "c"}, ""},
-    };
-    for (const auto& c : kCases) {
-        Loaded p("[s]\nk = a\nk = b\nk = c\n");
+    // What stands before the last match isn't seen.
+    const char* const kCases[][2] = {{"bx", "abcx"}, {"ca", "abca"}, {"abc", "abc"}};
+    for (const auto& [added, values] : kCases) {
+        Loaded p(stanzaOf("abc"));
         ZArrayList list(1, 1);
-        for (const char* v : c.add)
-            list.addNoCopy(new ZUTF8String(v));
+        for (const char* v = added; *v != '\0'; ++v)
+            list.addNoCopy(new ZUTF8String(string(1, *v).c_str()));
         p.addValues("s", "k", list, 0);
-        EXPECT_EQ(p.written(), string("[s]\nk = a\nk = b\nk = c\n") + c.more);
+        EXPECT_EQ(p.written(), stanzaOf(values));
     }
 }
 
@@ -705,26 +623,22 @@ TEST(StanzaProperties, ManyRequestsInOneCall) {
     EXPECT_EQ(numberOf([&] { p.getItems(items, 1); }), 28);
 }
 
-// Writers stamp pairs of keys with one number; no reader may ever see a pair that is torn, nor a
-// number that goes back.
+// No reader may ever see a number that goes back, nor a key without its value.
 TEST(Properties, ThreadsSeeWholeChanges) {
     Loaded p("[s]\na = 0\n");
     std::atomic<bool> stop{false};
-    std::vector<std::thread> readers;
-    for (int r = 0; r < 2; ++r)
-        readers.emplace_back([&] {
-            unsigned int last = 0;
-            while (!stop) {
-                const unsigned int now = p.getIntegerValue("s", "a", 1, 0);
-                EXPECT_GE(now, last);
-                last = now;
-                ZStanzaIterator walk(p, "s");
-                while (walk.hasMore()) {
-                    walk.nextEntry();
-                    EXPECT_EQ(walk.valueCount(), 1u);
-                }
+    const auto read = [&] {
+        for (unsigned int last = 0, now; !stop; last = now) {
+            now = p.getIntegerValue("s", "a", 1, 0);
+            EXPECT_GE(now, last);
+            ZStanzaIterator walk(p, "s");
+            while (walk.hasMore()) {
+                walk.nextEntry();
+                EXPECT_EQ(walk.valueCount(), 1u);
             }
-        });
+        }
+    };
+    std::thread first(read), second(read);
     for (unsigned int i = 1; i <= 2000; ++i) {
         p.setIntegerValue("s", "a", i);
         const string key = "k" + std::to_string(i % 50);
@@ -734,27 +648,24 @@ TEST(Properties, ThreadsSeeWholeChanges) {
             p.deleteKey("s", key.c_str());
     }
     stop = true;
-    for (std::thread& reader : readers)
-        reader.join();
+    first.join(), second.join();
 }
 
 // Look-ups without the lock may make lists side by side; whoever comes second gets the first one's.
 TEST(Properties, ListsAreMadeOnceHoweverManyAsk) {
     for (int round = 0; round < 50; ++round) {
         Loaded p("[s]\nk = 1\nm = 2\n");
-        const ZArrayList* values[2];
-        const ZArrayList* keys[2];
-        std::thread other([&] {
-            values[1] = p.get("s", "k");
-            keys[1] = p.keyNames("s");
+        typedef std::pair<const ZArrayList*, const ZArrayList*> Lists;
+        const auto ask = [&] {
+            const Lists lists(p.get("s", "k"), p.keyNames("s"));
             p.getIntegerValue("s", "k", 1, 0);
-        });
-        values[0] = p.get("s", "k");
-        keys[0] = p.keyNames("s");
-        p.getIntegerValue("s", "k", 1, 0);
+            return lists;
+        };
+        Lists others;
+        std::thread other([&] { others = ask(); });
+        const Lists own = ask();
         other.join();
-        EXPECT_EQ(values[0], values[1]);
-        EXPECT_EQ(keys[0], keys[1]);
+        EXPECT_EQ(own, others);
     }
 }
 
