@@ -1,17 +1,9 @@
 // The property cache against a plain model of it: a vector of lines beside a map of lists. Random
 // operations run on both, and after each of them all that a caller can see has to agree.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
-#include <algorithm>
-#include <functional>
-#include <map>
-#include <memory>
-#include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "Z/ZException.h"
 #include "Z/ZExceptionText.h"
 #include "Z/ZSCFData.h"
 #include "support/CacheText.h"

@@ -1,12 +1,7 @@
 // Files mapped into memory.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "support/Prelude.h"
 
-#include <cerrno>
-#include <cstring>
+#include <sys/mman.h>
 
 #include "Z/ZFileMap.h"
 #include "support/FileState.h"
@@ -73,8 +68,8 @@ TEST_F(FileMap, ResultsForEachSituation) {
             struct stat status;
             const bool exists = stat((folder / c.name).c_str(), &status) == 0;
             EXPECT_EQ(c.sizeAfter == -2 ? -2 : exists ? status.st_size : -1, c.sizeAfter);
-            EXPECT_TRUE(!exists || c.name != string("missing") ||
-                        (status.st_mode & 07777) == 0600) << "for its owner alone";
+            EXPECT_TRUE(!exists || c.name != string("missing") || (status.st_mode & 07777) == 0600)
+                << "for its owner alone";
             error = 77;
             for (int time = 0; time < 2; ++time) {
                 map.unmapfile(&error);
