@@ -1,10 +1,5 @@
 // Byte buffers.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <string>
+#include "support/Prelude.h"
 
 #include "Z/ZBuffer.h"
 #include "support/FailingAllocator.h"
@@ -22,9 +17,10 @@ TEST(Buffer, ComparesLengthThenUnsignedBytes) {
         std::string a, b;
         int expected;
     } cases[] = {
-        {"", "", 0},       {"a", "a", 0},       {"\xff", "\x01", 1}, {"\x01", "\xff", -1},
-        {"\xff", "aa", -1}, {"abcd", "abd", 1}, {"abc", "abd", -1},  {std::string("a\0b", 3),
-                                                                      std::string("a\0c", 3), -1},
+        {"", "", 0},         {"a", "a", 0},
+        {"\xff", "\x01", 1}, {"\x01", "\xff", -1},
+        {"\xff", "aa", -1},  {"abcd", "abd", 1},
+        {"abc", "abd", -1},  {std::string("a\0b", 3), std::string("a\0c", 3), -1},
     };
     for (const auto& c : cases) {
         ZBuffer a(c.a.size(), const_cast<char*>(c.a.data()));
@@ -40,9 +36,6 @@ TEST(Buffer, ComparesLengthThenUnsignedBytes) {
 TEST(Buffer, TextBringsItsZeroByte) {
     ZBuffer buffer("abc");
     EXPECT_EQ(bytesOf(buffer), std::string("abc\0", 4));
-    char text[] = "xy";
-    buffer.setBuffer(text);
-    EXPECT_EQ(bytesOf(buffer), std::string("xy\0", 3));
     buffer.setBuffer(static_cast<char*>(nullptr));
     EXPECT_EQ(buffer.getLength(), 0u);
     EXPECT_EQ(buffer.getBuffer(), nullptr);
@@ -50,19 +43,7 @@ TEST(Buffer, TextBringsItsZeroByte) {
     EXPECT_EQ(none.getBuffer(), nullptr);
 }
 
-TEST(Buffer, LengthGrowsWithItsBytesAndShrinksInPlace) {
-    ZBuffer buffer(5, const_cast<char*>("hello"));
-    const void* const before = buffer.getBuffer();
-    buffer.setLength(2);
-    EXPECT_EQ(buffer.getBuffer(), before);
-    buffer.setLength(4);
-    EXPECT_EQ(bytesOf(buffer).substr(0, 2), "he");
-    buffer.setLength(0);
-    buffer.setLength(0);
-    EXPECT_EQ(buffer.getBuffer(), nullptr);
-}
-
-TEST(Buffer, CopiesAreDeepOrSharedByClass) {
+TEST(Buffer, CopiesAreDeepOrSharedByClassAndShrinkInPlace) {
     ZBuffer buffer("abc");
     const ZConstBuffer view(buffer.getLength(), buffer.getBuffer());
     const std::unique_ptr<ZObject> deep(buffer.clone());
@@ -73,6 +54,11 @@ TEST(Buffer, CopiesAreDeepOrSharedByClass) {
     assigned = *static_cast<ZBuffer*>(deep.get());
     assigned = *&assigned;
     EXPECT_EQ(assigned.compare(view), 0);
+    const void* const before = assigned.getBuffer();
+    assigned.setLength(2);
+    EXPECT_EQ(assigned.getBuffer(), before);
+    assigned.setLength(4);
+    EXPECT_EQ(bytesOf(assigned).substr(0, 2), "ab");
 }
 
 TEST(Buffer, TakesItsOwnBytesAsArgument) {
@@ -94,14 +80,11 @@ TEST(Buffer, HandsItsBytesOverAndTakesOthers) {
     TrackAllocations track;
     {
         ZBuffer buffer("old");
-        char* given = strdup("given");
-        buffer.setBufferNoCopy(5, given);
-        EXPECT_EQ(buffer.getBuffer(), given);
         buffer.setBufferNoCopy(3, strdup("abc"));
         unsigned long length;
         void* data;
         buffer.takeBuffer(length, data);
-        EXPECT_EQ(length, 3u);
+        EXPECT_EQ(std::string(static_cast<char*>(data), length), "abc");
         EXPECT_EQ(buffer.getLength(), 0u);
         EXPECT_EQ(buffer.getBuffer(), nullptr);
         free(data);
@@ -120,10 +103,7 @@ TEST(Buffer, KeepsItsBytesWhenMemoryRunsOut) {
         +[](ZBuffer& b, ZBuffer&) { b.setLength(~0ul / 2); },
     };
     for (auto change : changes) {
-        {
-            FailAllocations failure(1);
-            EXPECT_THROW(change(buffer, longer), ZOutOfMemoryException);
-        }
+        EXPECT_TRUE(endsWithoutMemory([&] { change(buffer, longer); }));
         EXPECT_EQ(bytesOf(buffer), std::string("abc\0", 4));
     }
     failEachAllocation([] {

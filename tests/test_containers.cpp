@@ -1,12 +1,8 @@
 // Arrays, lists, the sort, iterators and stacks.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
-#include <algorithm>
 #include <deque>
-#include <memory>
-#include <random>
 #include <tuple>
-#include <vector>
 
 #include "Z/ZArray.h"
 #include "Z/ZStack.h"

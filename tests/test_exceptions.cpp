@@ -1,12 +1,8 @@
 // Exceptions, the message service and what reports look like, byte for byte.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
+
 #include <dlfcn.h>
 #include <iconv.h>
-#include <pthread.h>
-
-#include <cerrno>
-#include <functional>
-#include <memory>
 
 #include "Z/ZCodesetException.h"
 #include "Z/ZExceptionText.h"
@@ -56,7 +52,10 @@ struct ReportCase {
 };
 
 // A report by an exception of the class: P of properties, R of locks (all by one name), Z the rest.
-#define NAMED(name, number, text, ...) {[] { return Made(new __VA_ARGS__); }, name, number, text}
+#define NAMED(name, number, text, ...)                           \
+    {                                                            \
+        [] { return Made(new __VA_ARGS__); }, name, number, text \
+    }
 #define Z(number, text, Class, ...) NAMED("Z" #Class, number, text, Z##Class(__VA_ARGS__))
 #define P(number, text, Class, ...) Z(number, text, Properties##Class##Exception, __VA_ARGS__)
 #define R(number, text, Class, ...) \
@@ -137,7 +136,6 @@ TEST(Exceptions, ReportNameNumberAndInserts) {
 }
 
 TEST(Exceptions, HaveOneLocationTheLatest) {
-    ZInvalidParameterException exception;
     const auto locationOf = [](const ZException& e) {
         const char* file = "";
         int line = -1;
@@ -147,16 +145,14 @@ TEST(Exceptions, HaveOneLocationTheLatest) {
         EXPECT_EQ(static_cast<unsigned long>(line), e.where());
         return (file == nullptr ? "none" : file) + std::to_string(line);
     };
+    ZInvalidParameterException exception;
     EXPECT_EQ(locationOf(exception), "none0");
     exception.addLocation("a", 1);
     try {
-        try {
-            exception.throwException("b", 2);
-        } catch (ZException& caught) {
-            EXPECT_EQ(locationOf(caught), "b2");
-            caught.throwException("c", 3);
-        }
-    } catch (ZInvalidParameterException& caught) {
+        exception.throwException("b", 2);
+    } catch (ZException& caught) {
+        EXPECT_EQ(locationOf(caught), "b2");
+        caught.addLocation("c", 3);
         EXPECT_EQ(locationOf(caught), "c3");
     }
     EXPECT_EQ(locationOf(exception), "b2") << "what was raised keeps its own";
@@ -178,21 +174,20 @@ TEST(Exceptions, NumberAndTruthValuesAreRaisedAsTheirBase) {
 TEST(Messages, PlainMessagesShowNumberAndInserts) {
     ZMessageService* service = ZMessageService::defaultMessageService();
     const ZLCString a("one"), b("two");
-    const std::string header = "Error: 25\n File: \"src/Z/ZLocalHostName\" 69\n" + threadLine();
-    const auto send = [&](int count) {
-        return standardError([&] {
-            service->outputMessage("src/Z/ZLocalHostName", 69, 25, count, &a, &b, nullptr, nullptr,
-                                   nullptr, nullptr);
-        });
-    };
-    EXPECT_EQ(send(0), header);
-    EXPECT_EQ(send(-1), header);
-    EXPECT_EQ(send(2), header + "Additional Information:\none\ntwo\n");
-
     const ZUTF8String u("three");
+    const ZUTF8String* const none = nullptr;
+    const std::string header = "Error: 25\n File: \"a/file\" 69\n" + threadLine();
+    const std::pair<int, const char*> cases[] = {
+        {0, ""}, {-1, ""}, {2, "Additional Information:\none\ntwo\n"}};
+    for (const auto& [count, inserts] : cases) {
+        EXPECT_EQ(standardError([&, count = count] {
+                      service->outputMessage("a/file", 69, 25, count, &a, &b, nullptr, nullptr,
+                                             nullptr, nullptr);
+                  }),
+                  header + inserts);
+    }
     EXPECT_EQ(standardError([&] {
-                  service->outputMessageUTF8("src/Z/ZLocalHostName", 69, 25, 1, &u, nullptr,
-                                             nullptr, nullptr, nullptr, nullptr);
+                  service->outputMessageUTF8("a/file", 69, 25, 1, &u, none, none, none, none, none);
               }),
               header + "Additional Information:\nthree\n");
 }
@@ -224,16 +219,14 @@ class LoggingService : public ZDefaultMessageService {
 public:
     using ZDefaultMessageService::outputException;
     int outputException(const ZZException* exception, char* args) const override {
+        char text[16];
         ZDefaultMessageService::outputException(exception, args);
         vsnprintf(text, sizeof text, "%d", reinterpret_cast<ZMessageArguments*>(args)->list);
         log += text;
         return 0;
     }
-
-    static char text[16];
     mutable ZLCString log;
 };
-char LoggingService::text[16];
 
 TEST(Messages, LeaveTheInsertsToWhoPassedThemOn) {
     const LoggingService service;
@@ -248,8 +241,7 @@ TEST(Messages, LeaveTheInsertsToWhoPassedThemOn) {
 
 TEST(Child, DISABLED_ServiceIsTheDefaultOneAtFirst) {
     inFourThreads([] {
-        ZMessageService* const service = ZMessageService::messageService();
-        EXPECT_EQ(service, ZMessageService::defaultMessageService());
+        EXPECT_EQ(ZMessageService::messageService(), ZMessageService::defaultMessageService());
     });
 }
 
@@ -263,40 +255,27 @@ TEST(Child, DISABLED_ServiceIsSetBeforeAnyUse) {
 TEST(Child, DISABLED_FirstString) { ZLCString string("text"); }
 
 // In a process without text, a service that asks for text while it reports just that.
-template <typename Ask>
-class AskingService : public Service {
-    int outputException(const ZZException*, char*) const override {
-        Ask()();
-        return 0;
-    }
-};
-template <typename Ask>
-void setAskingService() {
-    static const AskingService<Ask> service;
-    ZMessageService::setMessageService(&service);
-}
-struct AskForString {
-    void operator()() const { ZLCString string("text"); }
-};
-struct AskForName {
-    void operator()() const { EXPECT_EQ(zgetlocale(), nullptr); }
-};
-struct Raise {
-    void operator()() const { throw 1; }
+class AskingService : public ZDefaultMessageService {
+public:
+    explicit AskingService(void (*ask)()) : ask_(ask) { setMessageService(this); }
+    int outputException(const ZZException*, char*) const override { return ask_(), 0; }
+
+private:
+    void (*const ask_)();
 };
 
 TEST(Child, DISABLED_ServiceMakesStrings) {
-    setAskingService<AskForString>();
+    static const AskingService service([] { ZLCString string("text"); });
     EXPECT_EQ(zgetlocale(), nullptr);
 }
 
 TEST(Child, DISABLED_ServiceRaises) {
-    setAskingService<Raise>();
+    static const AskingService service([] { throw 1; });
     ZLCString string("text");
 }
 
 TEST(Child, DISABLED_ServiceAsksForNames) {
-    setAskingService<AskForName>();
+    static const AskingService service([] { EXPECT_EQ(zgetlocale(), nullptr); });
     EXPECT_EQ(zgetlocale(), nullptr);
 }
 

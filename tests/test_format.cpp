@@ -1,17 +1,10 @@
-// The formatter beside a model of its rules, beside the system library where both agree, and at its
-// edges: cuts, memory, broken formats, codesets.
-#include <gtest/gtest.h>
-#include <pthread.h>
+// The formatter beside a model of its rules, and at its edges: cuts, memory, broken formats, codesets.
+#include "support/Prelude.h"
+
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cfloat>
-#include <climits>
 #include <cmath>
-#include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "Z/ZLCString.h"
 #include "Z/ZUTF8String.h"
@@ -23,63 +16,15 @@
 
 namespace {
 
-FormatModel modelOf(const char* format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    FormatModel model(format, ap);
-    va_end(ap);
-    return model;
-}
-
-/// Whether a target of `size` bytes gets what the model has, and nothing behind it is touched.
-template <typename... Args>
-bool fillsLike(const FormatModel& model, const std::string& whole, size_t size, const char* format,
-               Args... args) {
-    std::string target(whole.size() + 8, '#');
-    const int length = zsnprintf(&target[0], static_cast<int>(size), format, args...);
-    if (length != static_cast<int>(whole.size()))
-        return false;
-    if (size == 0)
-        return target.find_first_not_of('#') == std::string::npos;
-    const std::string text = model.cut(size - 1) + '\0';
-    return target.compare(0, text.size(), text) == 0 &&
-           target[std::min(size - 1, whole.size())] == '\0' &&
-           target.find_first_not_of('#', size) == std::string::npos;
-}
-
-enum Cuts { everywhere, some };
+enum Cuts { everywhere = 1, some = 10 };
 
 /// Expects every way to format to do what the model does.
-template <typename... Args>
-void check(Cuts cuts, const char* format, Args... args) {
-    const FormatModel model = modelOf(format, args...);
-    char untouched[] = "untouched";
-    char* out = untouched;
-    if (!model.good) {
-        ASSERT_EQ(zasprintf(&out, format, args...), -1) << format;
-        ASSERT_EQ(out, untouched) << format;
-        ASSERT_EQ(zsprintf(&out, format, args...), -1) << format;
-        ASSERT_EQ(out, nullptr) << format;
-        return;
-    }
-    const std::string whole = model.output();
-    const size_t step = cuts == everywhere && whole.size() < 500 ? 1 : whole.size() / 3 + 1;
-    for (size_t size = 0; size <= whole.size() + 1; size += step)
-        ASSERT_TRUE(fillsLike(model, whole, size, format, args...))
-            << '"' << format << "\" into " << size << " bytes, whole \"" << whole << '"';
-    ASSERT_EQ(zasprintf(&out, format, args...), static_cast<int>(whole.size())) << format;
-    ASSERT_EQ(std::string(out, whole.size() + 1), whole + '\0') << format;
-    zasprintf_free(out);
-}
-
-/// And what the system library does, for a format whose meaning is the same there.
-template <typename... Args>
-void checkWithSystem(const char* format, Args... args) {
-    char ours[400], system[400];
-    ASSERT_EQ(zsnprintf(ours, sizeof ours, format, args...),
-              snprintf(system, sizeof system, format, args...))
-        << format;
-    ASSERT_STREQ(ours, system) << format;
+void check(Cuts cuts, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    const std::string fault = formatFault(format, ap, cuts);
+    va_end(ap);
+    ASSERT_EQ(fault, "");
 }
 
 const char* const kWidths[] = {"", "1", "9", "*"};
@@ -87,9 +32,7 @@ const char* const kPrecisions[] = {"", ".", ".0", ".1", ".6", ".*"};
 
 /// Every combination of flags, width, precision and the given endings.
 template <typename Value>
-void checkAll(const std::vector<std::string>& endings, const std::vector<Value>& values,
-              bool (*agrees)(const std::string& flags, const std::string& precision,
-                             const std::string& ending, Value value)) {
+void checkAll(const std::vector<std::string>& endings, const std::vector<Value>& values) {
     for (unsigned int set = 0; set < 64; ++set) {
         std::string flags;
         for (int bit = 0; bit < 6; ++bit) {
@@ -101,23 +44,15 @@ void checkAll(const std::vector<std::string>& endings, const std::vector<Value>&
                 for (const std::string& ending : endings) {
                     const std::string format = "<%" + flags + width + precision + ending + ">";
                     const char* const f = format.c_str();
-                    const bool hasWidth = width == "*", hasPrecision = precision == ".*";
                     for (Value value : values) {
-                        const bool both = agrees(flags, precision, ending, value);
-                        if (hasWidth && hasPrecision) {
+                        if (width == "*" && precision == ".*") {
                             check(some, f, 7, 3, value);
                             check(some, f, -7, -1, value);
-                            if (both)
-                                checkWithSystem(f, 7, 3, value);
-                        } else if (hasWidth || hasPrecision) {
+                        } else if (width == "*" || precision == ".*") {
                             check(some, f, 4, value);
                             check(some, f, -4, value);
-                            if (both)
-                                checkWithSystem(f, 4, value);
                         } else {
                             check(everywhere, f, value);
-                            if (both)
-                                checkWithSystem(f, value);
                         }
                         if (testing::Test::HasFatalFailure())
                             return;
@@ -128,51 +63,20 @@ void checkAll(const std::vector<std::string>& endings, const std::vector<Value>&
     }
 }
 
-bool has(const std::string& text, char c) { return text.find(c) != std::string::npos; }
-
-template <typename Value>
-bool agreeOnIntegers(const std::string& flags, const std::string& precision,
-                     const std::string& ending, Value value) {
-    if (has(ending, 'h'))
-        value = static_cast<short>(value);
-    const bool isZeroWithPrefix = value == 0 && has(flags, '#') && !has(ending, 'd');
-    return precision != "." && !isZeroWithPrefix && !has(flags, '\'') && ending != "p";
-}
-
-template <typename Value>
-bool agreeOnReals(const std::string& flags, const std::string& precision, const std::string&,
-                  Value) {
-    return precision != "." && !(has(flags, '0') && !precision.empty());
-}
-
-bool agreeOnTexts(const std::string& flags, const std::string& precision, const std::string& ending,
-                  const char* text) {
-    return precision != "." && flags.find_first_of("#0 +'") == std::string::npos && ending == "s" &&
-           text != nullptr;
-}
-
-template <typename Value>
-bool neverAgree(const std::string&, const std::string&, const std::string&, Value) {
-    return false;
-}
-
 }  // namespace
 
 TEST(Format, IntegersInAllCombinations) {
-    checkAll<int>({"d", "u", "o", "x", "X", "hd", "hu", "hx", "i"}, {0, 8, -42, 65535, INT_MIN},
-                  agreeOnIntegers);
-    checkAll<long>({"ld", "lu", "lo", "lX"}, {0, 255, LONG_MIN}, agreeOnIntegers);
+    checkAll<int>({"d", "u", "o", "x", "X", "hd", "hu", "hx", "i"}, {0, 8, -42, 10000, 65535, INT_MIN});
+    checkAll<long>({"ld", "lu", "lo", "lX"}, {0, 255, LONG_MIN});
     checkAll<long long>({"lld", "Lu", "qo", "llx"},
-                        {0, 99999999999LL, LLONG_MIN, static_cast<long long>(100000000ULL << 32)},
-                        agreeOnIntegers);
+                        {0, 99999999999LL, LLONG_MIN, static_cast<long long>(100000000ULL << 32)});
 }
 
 TEST(Format, TextsCharactersAndPointersInAllCombinations) {
-    checkAll<const char*>({"s", "ls", "hs", "p", "Lp"}, {"", "text", nullptr, "more of it"},
-                          agreeOnTexts);
+    checkAll<const char*>({"s", "ls", "hs", "p", "Lp"}, {"", "text", nullptr, "more of it"});
     static const zwide_char kWide[] = {'w', 'i', 'd', 'e', 0};
-    checkAll<const zwide_char*>({"S", "lS"}, {kWide, kWide + 4, nullptr}, neverAgree);
-    checkAll<int>({"c", "C", "lc", "%"}, {'x', '\n'}, neverAgree);
+    checkAll<const zwide_char*>({"S", "lS"}, {kWide, kWide + 4, nullptr});
+    checkAll<int>({"c", "C", "lc", "%"}, {'x', '\n'});
     check(everywhere, "a%cb%-3cc", 0, 0);  // NULs are written and counted
     check(everywhere, "%p %p %30.5p %-20p", static_cast<void*>(nullptr),
           reinterpret_cast<void*>(UINTPTR_MAX), reinterpret_cast<void*>(0x1000), nullptr);
@@ -180,9 +84,9 @@ TEST(Format, TextsCharactersAndPointersInAllCombinations) {
 
 TEST(Format, RealsInAllCombinations) {
     zgetLCSHandle();  // which sets the locale for both
-    checkAll<double>({"f", "e", "E", "g", "G"}, {0.0, -1.5, 1e15, HUGE_VAL, -NAN}, agreeOnReals);
-    checkAll<long double>({"Lf", "llE", "qg", "LG"}, {-2.25L, 1e25L}, neverAgree);
-    checkAll<double>({"lf", "he", "F", "a"}, {1.0}, neverAgree);
+    checkAll<double>({"f", "e", "E", "g", "G"}, {0.0, -1.5, 1e15, HUGE_VAL, -NAN});
+    checkAll<long double>({"Lf", "llE", "qg", "LG"}, {-2.25L, 1e25L});
+    checkAll<double>({"lf", "he", "F", "a"}, {1.0});
     // Longer than any estimate from width and precision.
     check(everywhere, "%f|%.*f|%400f", -DBL_MAX, 120, DBL_MAX, 1.0);
     check(some, "%-500.350f|%099.98f|%100.99f|%.100f", DBL_MIN, 0.1, 0.1, 0.1);
@@ -190,8 +94,7 @@ TEST(Format, RealsInAllCombinations) {
 }
 
 TEST(Format, RealsWithADecimalPointOfTwoBytes) {
-    const SelfChild child =
-        runSelf("Format.RealsInAllCombinations", {{"LC_ALL", "ps_AF.UTF-8"}});
+    const SelfChild child = runSelf("Format.RealsInAllCombinations", {{"LC_ALL", "ps_AF.UTF-8"}});
     EXPECT_TRUE(child.passed()) << child.output;
 }
 
@@ -202,28 +105,77 @@ struct KnownAnswer {
 
 TEST(Format, KnownAnswersForTwoArguments) {
     const KnownAnswer kAnswers[] = {
-        {"%d", "5"},        {"%2$d %1$d", "-42 5"}, {"%2$d", nullptr},    {"%1$d %d", "5 -42"},
-        {"%d %2$d", nullptr},                       {"%*d", "  -42"},     {"%2$*1$d", "  -42"},
-        {"%2$0*1$d", "-0042"},                      {"%1$*2$d", "5"},     {"%5*d", nullptr},
-        {"%*5d", nullptr},  {"%1$*5d", nullptr},    {"%*1$d", nullptr},   {"%2$.*1$d", "-00042"},
-        {"%5%", "    %"},   {"%-3%|", "%  |"},      {"%%%d", "%5"},       {"%1$%%1$d", "%5"},
-        {"%1$d%1$%", "5%"}, {"%1$%%2$d", "%5"},     {"%1$*1$%", "    %"}, {"%0$d", nullptr},
-        {"%1$*0$d", nullptr},                       {"%2$*0$d", nullptr},
-        {"%0$d %2$d", nullptr},                     {"%00d", "5"},        {"%004d", "0005"},
-        {"%-04d|", "5   |"},                        {"%0-4d|", "5   |"},  {"%.d", "5"},
-        {"%04.d", "0005"},  {"%.3d", "005"},        {"%04.2d", "  05"},   {"%+d", "+5"},
-        {"% d", " 5"},      {"%#x", "0x5"},         {"%#06x", "0x0005"},  {"%#o", "05"},
-        {"%hhd", nullptr},  {"%lld%", nullptr},     {"%lll", nullptr},    {"%hld", nullptr},
-        {"%Lld", nullptr},  {"%n", nullptr},        {"%a", nullptr},      {"%jd", nullptr},
-        {"%zd", nullptr},   {"%td", nullptr},       {"%D", nullptr},      {"%", nullptr},
-        {"text %", nullptr},                        {"%5", nullptr},      {"%1$", nullptr},
-        {"%..d", nullptr},  {"%5-d", nullptr},      {"%.-5d", nullptr},   {"%$d", nullptr},
-        {"%1$1$d", nullptr},                        {"%1$*2$*2$d", nullptr},
-        {"%1$*1$2$d", "5"}, {"", ""},               {"%2147483648d", nullptr},
-        {"%.2147483648d", nullptr},                 {"%2147483648$d", nullptr},
-        {"%2147483647$d", nullptr},                 {"%2147483647$d %d", nullptr},
-        {"%1$*99999999999$d", nullptr},             {"%18446744073709551617d", nullptr},
-        {"%00000000000000000003d", "005"},          {"%\xFF", nullptr},   {"\xFF%c", "\xFF\x05"},
+        {"%d", "5"},
+        {"%2$d %1$d", "-42 5"},
+        {"%2$d", nullptr},
+        {"%1$d %d", "5 -42"},
+        {"%d %2$d", nullptr},
+        {"%*d", "  -42"},
+        {"%2$*1$d", "  -42"},
+        {"%2$0*1$d", "-0042"},
+        {"%1$*2$d", "5"},
+        {"%5*d", nullptr},
+        {"%*5d", nullptr},
+        {"%1$*5d", nullptr},
+        {"%*1$d", nullptr},
+        {"%2$.*1$d", "-00042"},
+        {"%5%", "    %"},
+        {"%-3%|", "%  |"},
+        {"%%%d", "%5"},
+        {"%1$%%1$d", "%5"},
+        {"%1$d%1$%", "5%"},
+        {"%1$%%2$d", "%5"},
+        {"%1$*1$%", "    %"},
+        {"%0$d", nullptr},
+        {"%1$*0$d", nullptr},
+        {"%2$*0$d", nullptr},
+        {"%0$d %2$d", nullptr},
+        {"%00d", "5"},
+        {"%004d", "0005"},
+        {"%-04d|", "5   |"},
+        {"%0-4d|", "5   |"},
+        {"%.d", "5"},
+        {"%04.d", "0005"},
+        {"%.3d", "005"},
+        {"%04.2d", "  05"},
+        {"%+d", "+5"},
+        {"% d", " 5"},
+        {"%#x", "0x5"},
+        {"%#06x", "0x0005"},
+        {"%#o", "05"},
+        {"%hhd", nullptr},
+        {"%lld%", nullptr},
+        {"%lll", nullptr},
+        {"%hld", nullptr},
+        {"%Lld", nullptr},
+        {"%n", nullptr},
+        {"%a", nullptr},
+        {"%jd", nullptr},
+        {"%zd", nullptr},
+        {"%td", nullptr},
+        {"%D", nullptr},
+        {"%", nullptr},
+        {"text %", nullptr},
+        {"%5", nullptr},
+        {"%1$", nullptr},
+        {"%..d", nullptr},
+        {"%5-d", nullptr},
+        {"%.-5d", nullptr},
+        {"%$d", nullptr},
+        {"%1$1$d", nullptr},
+        {"%1$*2$*2$d", nullptr},
+        {"%1$*1$2$d", "5"},
+        {"", ""},
+        {"%2147483648d", nullptr},
+        {"%.2147483648d", nullptr},
+        {"%2147483648$d", nullptr},
+        {"%2147483647$d", nullptr},
+        {"%2147483647$d %d", nullptr},
+        {"%1$*99999999999$d", nullptr},
+        {"%18446744073709551617d", nullptr},
+        {"%00000000000000000003d", "005"},
+        {"%\xFF", nullptr},
+        {"\xFF%c", "\xFF\x05"},
     };
     for (const KnownAnswer& c : kAnswers) {
         char text[64] = "untouched";
@@ -331,8 +283,8 @@ TEST(Format, NothingIsReadBehindTheNul) {
 }
 
 static void* formatHugeSizes(void*) {
-    const char* const kWhole[] = {"%2147483647d",   "%-2147483647s",     "%02147483647x",
-                                  "%.2147483647u",  "%2147483646.5d\n",  "%2147483647.2147483647o"};
+    const char* const kWhole[] = {"%2147483647d",  "%-2147483647s",    "%02147483647x",
+                                  "%.2147483647u", "%2147483646.5d\n", "%2147483647.2147483647o"};
     for (const char* format : kWhole) {
         char text[8] = "1234567";
         EXPECT_EQ(zsnprintf(nullptr, 0, format, 0), INT_MAX) << format;
@@ -509,8 +461,8 @@ TEST(Format, WideTextsInEachCodeset) {
     };
     for (const Codeset& c : {Codeset{"en_US.ISO-8859-1", "228"}, Codeset{"en_US.UTF-8", "228"},
                              Codeset{"en_US.UTF-8", "26085"}, Codeset{"ja_JP.EUC-JP", "26085"}}) {
-        const SelfChild child = runSelf("Format.DISABLED_WideTexts",
-                                        {{"LC_ALL", c.locale}, {"TEST_LETTER", c.letter}});
+        const SelfChild child =
+            runSelf("Format.DISABLED_WideTexts", {{"LC_ALL", c.locale}, {"TEST_LETTER", c.letter}});
         EXPECT_TRUE(child.passed()) << c.locale << ' ' << c.letter << '\n' << child.output;
     }
 }

@@ -1,9 +1,7 @@
 // Locks, guards and conditions among threads. What the system makes fail is in fault/.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
 #include <limits>
-#include <memory>
-#include <thread>
 
 #include "Z/ZCondition.h"
 #include "Z/ZLock.h"

@@ -1,11 +1,7 @@
 // Maps and key maps: the promised order, independently computed, and the index behind it.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
-#include <algorithm>
 #include <deque>
-#include <memory>
-#include <random>
-#include <vector>
 
 #include "Z/ZKeyMap.h"
 #include "support/FailingAllocator.h"

@@ -1,10 +1,5 @@
 // Who is told, in which order, and what observers may do meanwhile.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <thread>
-#include <vector>
+#include "support/Prelude.h"
 
 #include "Z/ZObserve.h"
 
@@ -16,16 +11,17 @@ public:
     Diarist(std::vector<int>& diary, int name) : diary_(diary), name_(name) {}
     void update(ZObservableInterface* source, const ZObservedParm& parm) override {
         diary_.push_back(name_);
-        source_ = source;
-        parm_ = &parm;
+        source_ = source, parm_ = &parm;
         if (then)
             then();
     }
-    std::vector<int>& diary_;
-    const int name_;
     std::function<void()> then;
     ZObservableInterface* source_ = nullptr;
     const ZObservedParm* parm_ = nullptr;
+
+private:
+    std::vector<int>& diary_;
+    const int name_;
 };
 
 class Observers : public testing::Test {
@@ -56,8 +52,6 @@ TEST_F(Observers, AreToldOnceEachInOrderOfRegistration) {
     EXPECT_EQ(tell(), (Diary{2, 1, 3}));
     EXPECT_EQ(one.source_, &observable);
     EXPECT_EQ(one.parm_, &parm);
-    EXPECT_EQ(two.parm_, &parm);
-
     observable.deleteObserver(&one);
     observable.deleteObserver(&one);
     observable.deleteObserver(nullptr);
@@ -69,15 +63,11 @@ TEST_F(Observers, AreToldOnceEachInOrderOfRegistration) {
     EXPECT_EQ(tell(), Diary{});
 }
 
-TEST_F(Observers, AddedWhileTellingAreToldTheNextTime) {
+TEST_F(Observers, MayAddAndRemoveWhileTheyAreTold) {
     observable.addObserver(&one);
     one.then = [&] { add({&two, &one}); };  // the lock is recursive
     EXPECT_EQ(tell(), Diary{1});
-    EXPECT_EQ(tell(), (Diary{1, 2}));
-}
-
-TEST_F(Observers, RemovedWhileTellingCrashNothing) {
-    add({&one, &two, &three});
+    EXPECT_EQ(tell(), (Diary{1, 2})) << "the next time";
     one.then = [&] { observable.deleteObservers(); };
     EXPECT_EQ(tell(), Diary{1});
 }
@@ -111,9 +101,9 @@ TEST_F(Observers, ToldByTwoThreadsAreToldOneAtATime) {
         for (int i = 0; i < 500; ++i)
             observable.notifyObservers(parm);
     };
-    std::thread first(notify), second(notify);
+    std::thread first(notify);
+    notify();
     first.join();
-    second.join();
     ASSERT_EQ(diary.size(), 2000u);
     for (size_t i = 0; i < diary.size(); i += 2)
         ASSERT_EQ(diary[i] * 10 + diary[i + 1], 12) << i;

@@ -1,27 +1,14 @@
 // Locks among processes: the stubs for the order of steps, and the lock file against real processes,
 // killed ones included. ZBASE_KILL_ROUNDS sets the number of kills.
-#include <gtest/gtest.h>
-#include <fcntl.h>
-#include <pthread.h>
+#include "support/Prelude.h"
+
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
-#include <functional>
 #include <future>
-#include <memory>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Z/ZExceptionText.h"
 #include "Z/ZFileLock.h"

@@ -1,15 +1,9 @@
 // The read/write lock among threads: its table of states, each row from its state, and what threads
 // do to each other through it.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Z/ZReadWriteLock.h"
 #include "support/ExceptionNumber.h"

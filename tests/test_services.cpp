@@ -1,18 +1,9 @@
 // The dump, UTF-16, the loader, and the small services.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <netdb.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Z/ZExceptionText.h"
 #include "Z/ZLocalHostName.h"

@@ -1,15 +1,7 @@
 // Strings: what they hold, how they grow and what they find, beside std::string as the model.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
-
-#include <climits>
-#include <functional>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "Z/ZException.h"
 #include "Z/ZString.h"

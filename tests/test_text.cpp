@@ -1,13 +1,9 @@
 // Codesets and locales: conversion, text functions on whole characters, and strings in each locale.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
+
 #include <iconv.h>
 
-#include <algorithm>
 #include <clocale>
-#include <cstdlib>
-#include <cstring>
-#include <random>
-#include <string>
 
 #include "Z/ZException.h"
 #include "Z/ZGetLocale.h"

@@ -1,13 +1,7 @@
 // Walks over characters and tokens, and the editing of strings by what is in them.
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "Z/ZList.h"
 #include "Z/ZStringIterator.h"

@@ -1,13 +1,8 @@
 // Threads and sleepers: how they begin, are woken and end. They start through ZThread, some through
 // std::thread. What the system makes fail is in fault/.
-#include <gtest/gtest.h>
-#include <pthread.h>
+#include "support/Prelude.h"
 
-#include <atomic>
-#include <cerrno>
 #include <limits>
-#include <memory>
-#include <thread>
 
 #include "support/RecordingService.h"
 #include "support/Runner.h"

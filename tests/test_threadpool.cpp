@@ -1,10 +1,7 @@
 // The pool: its limits, its idle threads, and that no thread and no end is lost. Threads start
 // through the pool, some through std::thread. What the system makes fail is in fault/.
-#include <gtest/gtest.h>
-#include <pthread.h>
+#include "support/Prelude.h"
 
-#include <atomic>
-#include <memory>
 #include <set>
 #include <utility>
 

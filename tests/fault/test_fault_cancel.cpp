@@ -1,19 +1,10 @@
 // Threads that are cancelled inside the calls that make something: descriptors, streams, mappings; and
 // while members are deleted. The linker leads such calls to the functions below (--wrap), which do the
 // work first: a result is there then that nobody has. Threads begin with std::thread.
-#include <gtest/gtest.h>
-#include <dirent.h>
-#include <pthread.h>
-#include <sys/mman.h>
+#include "support/Prelude.h"
 
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
+#include <dirent.h>
+#include <sys/mman.h>
 
 #include "Z/ZArray.h"
 #include "Z/ZFileLock.h"

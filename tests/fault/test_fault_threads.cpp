@@ -1,15 +1,11 @@
 // Locks, conditions, threads, sleepers and the pool when the thread services of the system fail, and
 // what stays taken then. The linker leads the calls of this program to the functions below (--wrap); its threads
 // start with ZThread and pthread_create.
-#include <gtest/gtest.h>
-#include <pthread.h>
+#include "support/Prelude.h"
+
 #include <time.h>
 
-#include <atomic>
-#include <cerrno>
 #include <limits>
-#include <memory>
-#include <thread>
 
 #include "support/RecordingService.h"
 #include "support/Runner.h"

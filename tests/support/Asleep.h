@@ -2,10 +2,10 @@
 #ifndef TESTS_SUPPORT_ASLEEP_H
 #define TESTS_SUPPORT_ASLEEP_H
 
+#include "support/Prelude.h"
+
 #include <sched.h>
 #include <sys/types.h>
-
-#include <cstdio>
 
 /// Comes back once a thread of a process sleeps or has ended: after it has said that what it does
 /// next may wait.

@@ -7,7 +7,7 @@
 #ifndef TESTS_SUPPORT_FAILINGALLOCATOR_H
 #define TESTS_SUPPORT_FAILINGALLOCATOR_H
 
-#include <gtest/gtest.h>
+#include "support/Prelude.h"
 
 #include <new>
 

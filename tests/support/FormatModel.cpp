@@ -1,402 +1,297 @@
 #include "FormatModel.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <map>
+#include <regex>
+#include <vector>
+
+#include "Z/zasprintf.h"
+#include "Z/zsnprintf.h"
 
 namespace {
 
-/// A width, a precision or a value: which argument it is, or the number itself.
+/// A width, a precision or a value.
 struct Part {
-    enum { none, literal, argument } kind = none;
-    bool numbered = false;
-    int64_t number = 0;  // the literal, or the position
+    bool isArgument = false, isNumbered = false;
+    int64_t number = -1;  // the position of an argument, or the literal; -1: there is none
 };
 
 struct Directive {
+    std::string literalBefore, flags;
     Part value, width, precision;
-    std::string flags;
-    std::string length;  // "", "h", "l" or "L"
-    char conversion = 0;
-    std::string literalBefore;
+    char length = 0, conversion = 0;  // a long long is L
 
+    bool is(const char* conversions) const { return strchr(conversions, conversion) != nullptr; }
+    bool hasPrecision() const { return precision.isArgument || precision.number >= 0; }
     bool has(char flag) const { return flags.find(flag) != std::string::npos; }
     void drop(char flag) {
-        for (size_t at; (at = flags.find(flag)) != std::string::npos;)
-            flags.erase(at, 1);
+        flags.erase(std::remove(flags.begin(), flags.end(), flag), flags.end());
     }
 };
 
-struct Argument {
-    int64_t integer = 0;
-    long double real = 0;
-    const void* pointer = nullptr;
+union Argument {
+    uint64_t bits;
+    const void* pointer;
+    double real;
+    long double longReal;
 };
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-/// The machine, one character a step. False for a bad directive; else `at` is behind it.
-bool readDirective(const char*& at, Directive& d) {
-    enum { position, flags, width, widthStar, precision, precisionStar, length, conversion };
-    int state = position;
-    const auto readNumber = [&at](int64_t& number) {  // false: not for an int
-        for (number = 0; isDigit(*at); ++at) {
-            number = number * 10 + (*at - '0');
-            if (number > INT_MAX)
-                return false;
-        }
-        return true;
-    };
-    const auto starStep = [&](Part& part, char behind) {  // the next state, or -1
-        if (isDigit(*at)) {
-            if (!readNumber(part.number) || *at != '$' || !d.value.numbered || part.number == 0)
-                return -1;
-            part.numbered = true;
-            ++at;
-            return state;
-        }
-        if (*at == behind) {
-            ++at;
-            return static_cast<int>(precision);
-        }
-        return static_cast<int>(length);
-    };
-    const auto sizeStep = [&](Part& part, int star) {
-        if (*at == '*') {
-            if (part.kind == Part::literal)
-                return -1;
-            part.kind = Part::argument;
-            ++at;
-            return star;
-        }
-        if (isDigit(*at)) {
-            part.kind = Part::literal;
-            part.number = part.number * 10 + (*at - '0');
-            ++at;
-            return part.number > INT_MAX ? -1 : state;
-        }
-        if (*at == '.' && star == widthStar) {
-            ++at;
-            return static_cast<int>(precision);
-        }
-        return static_cast<int>(length);
-    };
-    while (*at != '\0' && state >= 0) {
-        switch (state) {
-            case position: {
-                const char* const digits = at;
-                if (!readNumber(d.value.number))
-                    return false;
-                if (at != digits && *at == '$') {
-                    if (d.value.number == 0)
-                        return false;
-                    d.value.numbered = true;
-                    ++at;
-                } else {
-                    at = digits;
-                }
-                state = flags;
-                break;
-            }
-            case flags:
-                if (strchr("# '+", *at) != nullptr) {
-                    d.flags += *at++;
-                } else if (*at == '-') {
-                    d.flags += *at++;
-                    d.drop('0');
-                } else if (*at == '0' && !d.has('0')) {
-                    if (!d.has('-'))
-                        d.flags += '0';
-                    ++at;
-                } else {
-                    state = width;  // which knows the . and hands all else on
-                }
-                break;
-            case width:
-                state = sizeStep(d.width, widthStar);
-                break;
-            case widthStar:
-                state = starStep(d.width, '.');
-                break;
-            case precision:
-                state = sizeStep(d.precision, precisionStar);
-                if (d.precision.kind != Part::none)
-                    d.drop('0');
-                break;
-            case precisionStar:
-                state = starStep(d.precision, '\0');
-                break;
-            case length:
-                if (*at == 'l' && d.length == "l")
-                    d.length = "L";
-                else if (strchr("hlLq", *at) != nullptr && !d.length.empty())
-                    return false;
-                else if (strchr("hlLq", *at) != nullptr)
-                    d.length = *at == 'q' ? 'L' : *at;
-                else
-                    state = conversion;
-                at += state == length;
-                break;
-            default:
-                if (strchr("cCsSdiuoxXpeEfgG%", *at) == nullptr)
-                    return false;
-                if (strchr("eEfgG", *at) != nullptr && (d.length == "h" || d.length == "l"))
-                    return false;
-                d.conversion = *at++;
-                if (d.conversion == 'p')
-                    d.flags += "#0";
-                return true;
-        }
+/// "12", "*" or "*1$": where several numbers stand, the last counts. False for a bad one.
+bool readPart(std::string text, bool mayBeNumbered, Part& part) {
+    part.isArgument = text[0] == '*';
+    text.erase(0, part.isArgument);
+    part.isNumbered = part.isArgument && !text.empty();
+    for (const char* at = text.c_str(); *at != '\0';) {
+        char* behind;
+        part.number = strtoll(at, &behind, 10);
+        at = behind + part.isNumbered;
+        if (part.number > INT_MAX || (part.isNumbered && part.number == 0))
+            return false;
     }
-    return false;
+    return mayBeNumbered || !part.isNumbered;
 }
 
+/// False for a bad directive; else `at` is behind it.
+bool readDirective(const char*& at, Directive& d) {
+    // A second 0 begins the width, unless a - has switched the flag off.
+    static const std::regex kDirective(
+        R"(%(?:(\d+\$))?([#' +]*(?:0[#' +]*)?(?:-[-#' +0]*)?)(\d+|\*(?:\d+\$)*)?)"
+        R"((?:\.(\d+|\*(?:\d+\$)*)?)?(?:(h|ll?|[Lq])?([cCsSdiuoxXp%])|(ll|[Lq])?([eEfgG])))");
+    std::cmatch match;
+    if (!std::regex_search(at, match, kDirective, std::regex_constants::match_continuous))
+        return false;
+    d.flags = match[2];
+    const std::string length = match[5].str() + match[7].str();
+    d.length = length == "ll" || length == "q" ? 'L' : length[0];
+    d.conversion = (match[6].str() + match[8].str())[0];
+    at = match[0].second;
+    const bool isNumbered = match[1].matched;
+    if (d.has('-') || match[4].matched)
+        d.drop('0');
+    return readPart("*" + match[1].str(), true, d.value) &&
+           readPart(match[3], isNumbered, d.width) && readPart(match[4], isNumbered, d.precision);
+}
+
+/// A part that is no value is a size.
 Argument fetch(const Directive& d, bool isSize, va_list* ap) {
-    Argument a;
-    const char c = isSize ? 'u' : d.conversion;
-    const std::string length = isSize ? "" : d.length;
-    if (strchr("sSp", c) != nullptr) {
+    Argument a = {};
+    const char length = isSize ? 0 : d.length;
+    if (isSize || d.is("diuoxX")) {
+        const bool isSigned = !isSize && d.is("di");
+        int64_t number = length == 'L'   ? va_arg(*ap, long long)
+                         : length == 'l' ? va_arg(*ap, long)
+                                         : va_arg(*ap, int);
+        if (!isSigned && length != 'L')
+            number &= length == 'l' ? ULONG_MAX : UINT_MAX;
+        if (length == 'h')
+            number = isSigned ? static_cast<int16_t>(number) : static_cast<uint16_t>(number);
+        a.bits = static_cast<uint64_t>(number);
+    } else if (d.is("sSp")) {
         a.pointer = va_arg(*ap, const void*);
-        a.integer = static_cast<int64_t>(reinterpret_cast<uintptr_t>(a.pointer));
-    } else if (strchr("eEfgG", c) != nullptr) {
-        a.real = length == "L" ? va_arg(*ap, long double) : va_arg(*ap, double);
-    } else if (c == 'c') {
-        a.integer = static_cast<unsigned char>(va_arg(*ap, int));
-    } else if (c == 'C') {
-        a.integer = static_cast<uint16_t>(va_arg(*ap, int));
+    } else if (d.is("cC")) {
+        a.bits = va_arg(*ap, unsigned int) & (d.conversion == 'c' ? 0xFF : 0xFFFF);
+    } else if (length == 'L') {
+        a.longReal = va_arg(*ap, long double);
     } else {
-        const bool isSigned = c == 'd' || c == 'i';
-        if (length == "L")
-            a.integer = va_arg(*ap, long long);
-        else if (length == "l")
-            a.integer =
-                isSigned ? va_arg(*ap, long) : static_cast<int64_t>(va_arg(*ap, unsigned long));
-        else if (length == "h")
-            a.integer = isSigned ? static_cast<int16_t>(va_arg(*ap, int))
-                                 : static_cast<uint16_t>(va_arg(*ap, int));
-        else
-            a.integer = isSigned ? va_arg(*ap, int) : static_cast<int64_t>(va_arg(*ap, unsigned));
+        a.real = va_arg(*ap, double);
     }
     return a;
 }
 
-std::string blanks(int64_t count, char c = ' ') {
-    return std::string(count > 0 ? static_cast<size_t>(count) : 0, c);
-}
-
-std::string digitsOf(uint64_t value, unsigned base, bool isUpper) {
-    const char* const digits = isUpper ? "0123456789ABCDEF" : "0123456789abcdef";
-    std::string text;
-    for (; value != 0; value /= base)
-        text.insert(0, 1, digits[value % base]);
+template <typename... Args>
+std::string printed(const std::string& format, Args... args) {
+    std::string text(static_cast<size_t>(snprintf(nullptr, 0, format.c_str(), args...)), ' ');
+    snprintf(&text[0], text.size() + 1, format.c_str(), args...);
     return text;
 }
 
-/// `precision` is -1 where there is none.
-std::string integerText(const Directive& d, int64_t value, int64_t width, bool hasPrecision,
-                        int64_t precision) {
-    const bool isSigned = d.conversion == 'd' || d.conversion == 'i';
-    const bool isHex = strchr("xXp", d.conversion) != nullptr;
-    const bool isNegative = isSigned && value < 0;
-    if (!hasPrecision)
-        precision = d.conversion == 'p' ? 0 : 1;
-    const uint64_t bits =
-        d.conversion == 'p' ? static_cast<uintptr_t>(value) : static_cast<uint64_t>(value);
-    std::string digits = digitsOf(isNegative ? 0 - bits : bits,
-                                  isHex                 ? 16
-                                  : d.conversion == 'o' ? 8
-                                                        : 10,
-                                  d.conversion == 'X');
-    if (value == 0 && precision != 0)
-        digits = "0";
-    const bool addsZero = d.conversion == 'o' && d.has('#') && value != 0 &&
-                          static_cast<int64_t>(digits.size()) >= precision;
-    digits = blanks(precision - static_cast<int64_t>(digits.size()), '0') + digits;
-    if (addsZero)
-        digits = "0" + digits;
+std::string integerText(Directive d, uint64_t value, int width, int precision) {
+    d.drop('\'');
+    width = std::max(width, 0);
     std::string prefix;
-    if (isSigned)
-        prefix = isNegative ? "-" : d.has('+') ? "+" : d.has(' ') ? " " : "";
-    else if (isHex && d.has('#'))
-        prefix = d.conversion == 'X' ? "0X" : "0x";
-    const size_t counted = isHex && value == 0 ? 0 : prefix.size();
-    const int64_t pad = width - static_cast<int64_t>(digits.size() + counted);
-    if (d.has('0'))
-        return prefix + blanks(pad, '0') + digits;
-    return d.has('-') ? prefix + digits + blanks(pad) : blanks(pad) + prefix + digits;
+    if (d.conversion == 'p') {
+        // Zeros up to the width, whatever the flags, and none of its own for null.
+        value = static_cast<uintptr_t>(value);
+        precision = !d.hasPrecision() ? 0 : precision < 0 ? 1 : precision;
+        precision = std::max(precision, width - (value != 0 ? 2 : 0));
+        return "0x" + printed("%.*llx", precision, value);
+    }
+    if (value == 0 && d.has('#')) {
+        // The prefix of a 0 takes no place in the width.
+        prefix = d.conversion == 'x' ? "0x" : d.conversion == 'X' ? "0X" : "";
+        if (d.is("oxX"))
+            d.drop('#');
+    }
+    const std::string text =
+        printed("%" + d.flags + "*.*ll" + d.conversion, width, precision, value);
+    const size_t blanks = d.has('-') ? 0 : std::min(text.find_first_not_of(' '), text.size());
+    return text.substr(0, blanks) + prefix + text.substr(blanks);
 }
 
-std::string realText(const Directive& d, long double value, const Part& width, int64_t widthNumber,
-                     const Part& precision, int64_t precisionNumber) {
-    std::string format = "%";
-    for (char flag : std::string("0#- +'")) {
-        if (d.has(flag))
-            format += flag;
+/// The characters of a %c, %s, %C or %S, each in its bytes. False if the codeset lacks one.
+bool readCharacters(const Directive& d, const Argument& value, int64_t most,
+                    std::vector<std::string>& characters) {
+    if (d.is("%c")) {
+        characters.emplace_back(1, d.conversion == '%' ? '%' : static_cast<char>(value.bits));
+    } else if (d.conversion == 's') {
+        const char* s = static_cast<const char*>(value.pointer);
+        for (; s != nullptr && most > 0 && *s != '\0'; ++s, --most)
+            characters.emplace_back(1, *s);
+    } else {
+        const uint16_t letter = static_cast<uint16_t>(value.bits);
+        const bool isText = d.conversion == 'S';
+        const uint16_t* w = isText ? static_cast<const uint16_t*>(value.pointer) : &letter;
+        for (; w != nullptr && (!isText || (most > 0 && *w != 0)); ++w) {
+            char bytes[MB_LEN_MAX];
+            mbstate_t state = {};
+            const size_t n = wcrtomb(bytes, *w, &state);
+            if (n == static_cast<size_t>(-1))
+                return false;
+            most -= static_cast<int64_t>(n);
+            if (isText && most < 0)
+                break;
+            characters.emplace_back(bytes, n);
+            if (!isText)
+                break;
+        }
     }
-    if (width.kind != Part::none)  // a negative one reads as the flag and a width
-        format += std::to_string(widthNumber);
-    if (precision.kind != Part::none && precisionNumber >= 0)
-        format += "." + std::to_string(precisionNumber);
-    format += d.length + d.conversion;
-    char text[10000];
-    const int n = d.length == "L"
-                      ? snprintf(text, sizeof text, format.c_str(), value)
-                      : snprintf(text, sizeof text, format.c_str(), static_cast<double>(value));
-    return std::string(text, static_cast<size_t>(n));
+    return true;
 }
 
 }  // namespace
 
-FormatModel::FormatModel(const char* format, va_list ap) {
-    std::vector<Directive> directives;
-    std::string literal;
+FormatModel::FormatModel(const char* format, va_list ap) : good(false) {
+    std::vector<Directive> directives(1);  // the last holds the tail
     for (const char* at = format; *at != '\0';) {
-        if (*at != '%') {
-            literal += *at++;
-            continue;
-        }
-        Directive d;
-        d.literalBefore.swap(literal);
-        if (good = readDirective(++at, d); !good)
+        if (*at != '%')
+            directives.back().literalBefore += *at++;
+        else if (!readDirective(at, directives.back()))
             return;
-        directives.push_back(d);
+        else
+            directives.emplace_back();
     }
+    const std::string tail = directives.back().literalBefore;
+    directives.pop_back();
 
-    // Positions, and who names each.
-    struct Name {
-        const Directive* directive;
-        bool isSize;
-    };
-    std::map<int64_t, std::vector<Name>> names;
-    std::map<int64_t, bool> numbered;
+    // Which directive says first what an argument is, and whether as a size.
+    std::map<int64_t, std::pair<const Directive*, bool>> namers;
+    std::set<int64_t> numbered;
     int64_t counter = 0;
     for (Directive& d : directives) {
-        d.value.kind = Part::argument;
         for (Part* part : {&d.width, &d.precision, &d.value}) {
-            if (part->kind != Part::argument)
+            if (!part->isArgument)
                 continue;
-            if (!part->numbered)
-                part->number = counter + 1;
+            if (part->isNumbered)
+                numbered.insert(part->number);
             else
-                numbered[part->number] = true;
+                part->number = counter + 1;
             counter = part->number;
         }
-        for (Part* part : {&d.value, &d.width, &d.precision}) {
-            if (part->kind == Part::argument)
-                names[part->number].push_back({&d, part != &d.value});
+        for (const Part* part : {&d.value, &d.width, &d.precision}) {
+            if (part->isArgument && (part != &d.value || d.conversion != '%'))
+                namers.insert({part->number, {&d, part != &d.value}});
         }
     }
-    if (!numbered.empty() && numbered.rbegin()->first != static_cast<int64_t>(numbered.size())) {
-        good = false;
+    if (!numbered.empty() && *numbered.rbegin() != static_cast<int64_t>(numbered.size()))
         return;
-    }
-
     std::map<int64_t, Argument> args;
     va_list copy;
     va_copy(copy, ap);
-    for (const auto& [position, who] : names) {
-        for (const Name& name : who) {
-            if (!name.isSize && name.directive->conversion == '%')
-                continue;
-            args[position] = fetch(*name.directive, name.isSize, &copy);
-            break;
-        }
-    }
+    for (const auto& [position, namer] : namers)
+        args[position] = fetch(*namer.first, namer.second, &copy);
     va_end(copy);
 
-    const auto bytes = [this](const std::string& text) {
-        for (char c : text)
-            atoms.emplace_back(1, c);
-    };
-    const auto numberOf = [&args](const Part& part) {
-        return part.kind != Part::argument ? part.number
-                                           : static_cast<int32_t>(args[part.number].integer);
-    };
     for (const Directive& d : directives) {
-        bytes(d.literalBefore);
+        text += d.literalBefore;
+        const auto sizeOf = [&args](const Part& part) {
+            return static_cast<int>(part.isArgument ? args[part.number].bits : part.number);
+        };
+        const int width = sizeOf(d.width), precision = sizeOf(d.precision);
         const Argument& value = args[d.value.number];
-        const int64_t width = numberOf(d.width);
-        const int64_t precision = numberOf(d.precision);
-        const bool hasPrecision = d.precision.kind != Part::none;
-        std::vector<std::string> pieces;
-        size_t length = 0;
-        switch (d.conversion) {
-            case '%':
-                pieces.push_back("%");
-                break;
-            case 'c':
-                pieces.emplace_back(1, static_cast<char>(value.integer));
-                break;
-            case 's':
-                for (const char* s = static_cast<const char*>(value.pointer);
-                     s != nullptr && !(hasPrecision && static_cast<int64_t>(length) >= precision) &&
-                     *s != '\0';
-                     ++s, ++length)
-                    pieces.emplace_back(1, *s);
-                break;
-            case 'C':
-            case 'S': {
-                const uint16_t one[] = {static_cast<uint16_t>(value.integer), 0};
-                const bool isText = d.conversion == 'S';
-                const uint16_t* w = isText ? static_cast<const uint16_t*>(value.pointer) : one;
-                for (; w != nullptr; ++w) {
-                    if (isText && hasPrecision && static_cast<int64_t>(length) >= precision)
-                        break;  // not read: it needn't be there
-                    if (isText ? *w == 0 : !pieces.empty())
-                        break;
-                    char out[MB_LEN_MAX];
-                    mbstate_t state = {};
-                    const size_t n = wcrtomb(out, *w, &state);
-                    if (n == static_cast<size_t>(-1)) {
-                        good = false;
-                        return;
-                    }
-                    if (isText && hasPrecision && static_cast<int64_t>(length + n) > precision)
-                        break;
-                    length += n;
-                    if (isText)
-                        pieces.emplace_back(out, n);
-                    else
-                        for (size_t i = 0; i < n; ++i)
-                            pieces.emplace_back(1, out[i]);
-                }
-                break;
+        if (d.is("eEfgG")) {
+            const std::string conversion{d.conversion};
+            // A negative width is the system's matter; without one there is none.
+            const int column = d.width.isArgument ? width : std::max(width, 0);
+            text += d.length == 'L' ? printed("%" + d.flags + "*.*L" + conversion, column,
+                                              precision, value.longReal)
+                                    : printed("%" + d.flags + "*.*" + conversion, column, precision,
+                                              value.real);
+        } else if (d.is("diuoxXp")) {
+            text += integerText(d, value.bits, width, precision);
+        } else {
+            std::vector<std::string> characters;
+            if (!readCharacters(d, value, d.hasPrecision() ? precision : INT64_MAX, characters))
+                return;
+            std::string all;
+            for (const std::string& character : characters)
+                all += character;
+            const std::string pad(
+                static_cast<size_t>(std::max<int64_t>(width - static_cast<int64_t>(all.size()), 0)),
+                ' ');
+            text += d.has('-') ? "" : pad;
+            for (const std::string& character : characters) {
+                for (size_t i = 1; i < character.size() && d.conversion == 'S'; ++i)
+                    inside_.insert(text.size() + i);
+                text += character;
             }
-            case 'e':
-            case 'E':
-            case 'f':
-            case 'g':
-            case 'G':
-                bytes(realText(d, value.real, d.width, width, d.precision, precision));
-                continue;
-            default:
-                bytes(integerText(d, value.integer, width, hasPrecision, precision));
-                continue;
+            text += d.has('-') ? pad : "";
         }
-        size_t size = 0;
-        for (const std::string& piece : pieces)
-            size += piece.size();
-        const std::string pad = blanks(width - static_cast<int64_t>(size));
-        if (!d.has('-'))
-            bytes(pad);
-        atoms.insert(atoms.end(), pieces.begin(), pieces.end());
-        if (d.has('-'))
-            bytes(pad);
     }
-    bytes(literal);
+    text += tail;
+    good = true;
 }
 
-std::string FormatModel::output() const { return cut(SIZE_MAX); }
-
 std::string FormatModel::cut(size_t available) const {
-    std::string text;
-    for (const std::string& atom : atoms) {
-        if (text.size() + atom.size() > available)
+    size_t end = std::min(available, text.size());
+    while (inside_.count(end) != 0)
+        --end;
+    return text.substr(0, end);
+}
+
+std::string formatFault(const char* format, va_list ap, size_t step) {
+    const FormatModel model(format, ap);
+    const std::string& whole = model.text;
+    const int length = model.good ? static_cast<int>(whole.size()) : -1;
+    const std::string about = std::string(": \"") + format + "\", expected \"" + whole + "\"";
+    // Calls with a va_list leave it unusable.
+    const auto with = [&ap](auto call, auto... front) {
+        va_list copy;
+        va_copy(copy, ap);
+        const int result = call(front..., copy);
+        va_end(copy);
+        return result;
+    };
+    if (whole.size() > 500)
+        step = whole.size() / 3 + 1;
+    for (size_t size = 0, last = model.good ? whole.size() + 2 : 0;;
+         size = std::min(size + step, last)) {
+        std::string target(size + 8, '#');
+        const int result = with(zvsnprintf, &target[0], static_cast<int>(size), format);
+        std::string filled = size != 0 ? model.cut(size - 1) : "";
+        const size_t nul = size != 0 ? std::min(size - 1, whole.size()) : 0;
+        if (result != length || target.compare(0, filled.size(), filled) != 0 ||
+            (size != 0 && (target[filled.size()] != '\0' || target[nul] != '\0')) ||
+            target.find_first_not_of('#', size) != std::string::npos)
+            return "into " + std::to_string(size) + " bytes" + about;
+        if (size == last)
             break;
-        text += atom;
     }
-    return text;
+    char untouched[] = "";
+    for (const bool clears : {false, true}) {
+        char* out = untouched;
+        if (with(clears ? zvsprintf : zvasprintf, &out, format) != length)
+            return "into a block" + about;
+        if (model.good ? std::string(out, whole.size() + 1) != whole + '\0'
+                       : out != (clears ? nullptr : untouched))
+            return "block" + about;
+        if (model.good)
+            zasprintf_free(out);
+    }
+    return "";
 }

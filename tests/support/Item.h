@@ -2,9 +2,7 @@
 #ifndef TESTS_SUPPORT_ITEM_H
 #define TESTS_SUPPORT_ITEM_H
 
-#include <gtest/gtest.h>
-
-#include <vector>
+#include "support/Prelude.h"
 
 #include "Z/ZException.h"
 #include "Z/ZList.h"

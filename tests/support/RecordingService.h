@@ -3,11 +3,10 @@
 #ifndef TESTS_SUPPORT_RECORDING_SERVICE_H
 #define TESTS_SUPPORT_RECORDING_SERVICE_H
 
-#include <cstdarg>
+#include "support/Prelude.h"
+
 #include <mutex>
-#include <string>
 #include <typeinfo>
-#include <vector>
 
 #include "Z/ZException.h"
 #include "Z/ZLCString.h"

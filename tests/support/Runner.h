@@ -2,9 +2,7 @@
 #ifndef TESTS_SUPPORT_RUNNER_H
 #define TESTS_SUPPORT_RUNNER_H
 
-#include <functional>
-#include <string>
-#include <vector>
+#include "support/Prelude.h"
 
 #include "Z/ZThread.h"
 #include "support/Gate.h"

@@ -2,13 +2,9 @@
 #ifndef TESTS_SUPPORT_THREADS_H
 #define TESTS_SUPPORT_THREADS_H
 
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <unistd.h>
+#include "support/Prelude.h"
 
-#include <functional>
 #include <future>
-#include <thread>
 
 #include "support/Asleep.h"
 
