@@ -12,6 +12,7 @@
 
 namespace {
 
+// clang-format off
 enum Call {  // those that destroy come first, those of attributes side by side
     kNone,
     kMutexDestroy,
@@ -32,6 +33,7 @@ enum Call {  // those that destroy come first, those of attributes side by side
     kCondSignal,
     kCondBroadcast,
 };
+// clang-format on
 
 // The call that is to fail, the number of such calls that go well before, and how often it fails.
 std::atomic<int> failingCall(kNone), goodCalls(0), badCalls(0);
@@ -78,6 +80,11 @@ void failNext(Call call, int good = 0, int bad = 1) {
     asker = pthread_self();
     __atomic_store_n(&armed, 1, __ATOMIC_RELAXED);
     failingCall = call;
+}
+
+void untilFailed() {
+    while (failingCall != kNone)
+        std::this_thread::yield();
 }
 
 }  // namespace
@@ -133,8 +140,8 @@ extern "C" UNCHECKED int __wrap_clock_gettime(clockid_t clock, timespec* now) {
 namespace {
 
 // What `action` raises while a call fails.
-template <typename Exception = ZThreadException>
-std::string raisedWhen(Call call, Action action, int good = 0) {
+template <typename Exception>
+std::string raisedWhen(Call call, const Action& action, int good) {
     failNext(call, good);
     const std::string result = raisedBy<Exception>(action);
     EXPECT_EQ(failingCall, kNone) << "wasn't called";
@@ -142,75 +149,65 @@ std::string raisedWhen(Call call, Action action, int good = 0) {
     return result;
 }
 
-TEST(FailingSystem, MakesNoLockAndLeaksNothing) {
-    const RecordingService service;
-    const auto lock = [] { ZLock(); };
-    const auto condition = [] { ZCondition(); };
-    EXPECT_EQ(raisedWhen<ZCreateResourceException>(kMutexInit, lock), "3/22");
-    EXPECT_EQ(raisedWhen<ZCreateResourceException>(kMutexInit, condition), "3/22");
-    EXPECT_EQ(raisedWhen<ZConditionException>(kCondInit, condition), "7/22");
-    ZLock given;
-    const auto withGiven = [&] { ZCondition c(given); };
-    EXPECT_EQ(raisedWhen<ZConditionException>(kCondInit, withGiven), "7/22");
-    given.lock();
-    EXPECT_EQ(depthOf(given), 1) << "a caller's lock survives";
-    given.unlock();
-    EXPECT_TRUE(service.reports().empty());
-}
-
-TEST(FailingSystem, LeavesOwnerAndDepthOfALockAsTheyWere) {
-    const RecordingService service;
-    ZLock held;
-    const auto lock = [&] { held.lock(); };
-    const auto unlock = [&] { held.unlock(); };
-    EXPECT_EQ(raisedWhen<ZLockResourceException>(kMutexLock, lock), "5/22");
-    EXPECT_EQ(depthOf(held), 0);
-    lock();
-    EXPECT_EQ(raisedWhen<ZUnlockResourceException>(kMutexUnlock, unlock), "6/22");
-    EXPECT_EQ(depthOf(held), 1);
-    unlock();
-    EXPECT_TRUE(service.reports().empty());
-}
-
-TEST(FailingSystem, IsReportedByDestructors) {
-    const RecordingService service;
-    auto lock = std::make_unique<ZLock>();
-    failNext(kMutexDestroy);
-    lock.reset();
-    auto condition = std::make_unique<ZCondition>();
-    failNext(kCondDestroy);
-    condition.reset();
-    EXPECT_EQ(service.reports(), (std::vector<std::string>{"4: 22", "8: 22"}));
-}
-
-TEST(FailingSystem, IsReportedAndRaisedByConditions) {
+TEST(FailingSystem, IsRaisedOrReportedAndLeavesAllAsItWas) {
     static timespec far = {std::numeric_limits<time_t>::max(), 0};
+    int flag = 0;
+    ZLock free, held;
+    ZBooleanCondition condition;
+    ZLock& resource = *condition.getResource();
+    const ZResourceLock one(held), outer(resource), inner(resource);
+    Runner thread;
+    const auto lock = [] { ZLock(); };
+    const auto own = [] { ZCondition(); };
+    const auto given = [&] { ZCondition c(held); };
+    const auto pool = [] { ZThreadPool(2, 2); };
+    const auto start = [&] { thread.start(); };
+    const auto creates = raisedWhen<ZCreateResourceException>;
+    const auto locks = raisedWhen<ZLockResourceException>;
+    const auto unlocks = raisedWhen<ZUnlockResourceException>;
+    const auto waits = raisedWhen<ZConditionException>;
+    const auto runs = raisedWhen<ZThreadException>;
     const struct {
-        const char* number;
         Call call;
-        void (*action)(ZBooleanCondition&, int& flag);
+        Action action;
+        std::string (*raisedWhen)(Call, const Action&, int);
+        const char* raised;
+        Reports reports;
     } cases[] = {
-        {"9", kCondWait, [](auto& c, auto&) { c.wait(); }},
-        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(100, flag); }},
-        {"9", kCondTimedWait, [](auto& c, auto& flag) { c.wait(far, flag); }},
-        {"10", kCondSignal, [](auto& c, auto&) { c.signal(); }},
-        {"27", kCondBroadcast, [](auto& c, auto&) { c.broadcast(); }},
+        {kMutexInit, lock, creates, "3/22", {}},
+        {kMutexInit, own, creates, "3/22", {}},
+        {kCondInit, own, waits, "7/22", {}},
+        {kCondInit, given, waits, "7/22", {}},
+        {kMutexLock, [&] { free.lock(); }, locks, "5/22", {}},
+        {kMutexUnlock, [&] { held.unlock(); }, unlocks, "6/22", {}},
+        {kMutexDestroy, lock, creates, "nothing", {"4: 22"}},
+        {kCondDestroy, own, waits, "nothing", {"8: 22"}},
+        {kCondWait, [&] { condition.wait(); }, waits, "9/22", {"9: 22"}},
+        {kCondTimedWait, [&] { condition.wait(100, flag); }, waits, "9/22", {"9: 22"}},
+        {kCondTimedWait, [&] { condition.wait(far, flag); }, waits, "9/22", {"9: 22"}},
+        {kCondSignal, [&] { condition.signal(); }, waits, "10/22", {"10: 22"}},
+        {kCondBroadcast, [&] { condition.broadcast(); }, waits, "27/22", {"27: 22"}},
+        {kMutexInit, pool, runs, "3/22", {}},
+        {kCondInit, pool, runs, "7/22", {}},
+        {kCondDestroy, pool, runs, "nothing", {"8: 22"}},
+        {kMutexDestroy, pool, runs, "nothing", {"4: 22"}},
+        {kAttrInit, start, runs, "15/22", {}},
+        {kAttrSet, start, runs, "16/22", {}},
+        {kCreate, start, runs, "17/22", {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        const std::string number = c.number;
-        ZBooleanCondition condition;
-        const ZResourceLock outer(*condition.getResource());
-        const ZResourceLock inner(*condition.getResource());
         const RecordingService service;
-        int flag = 0;
-        const auto action = [&] { c.action(condition, flag); };
-        EXPECT_EQ(raisedWhen<ZConditionException>(c.call, action), number + "/22");
-        EXPECT_EQ(service.reports(), std::vector<std::string>{number + ": 22"});
-        EXPECT_EQ(depthOf(*condition.getResource()), 2);
+        EXPECT_EQ(c.raisedWhen(c.call, c.action, 0), c.raised);
+        EXPECT_EQ(service.reports(), c.reports);
+        EXPECT_EQ(depthOf(free), 0);
+        EXPECT_EQ(depthOf(held), 1);
+        EXPECT_EQ(depthOf(resource), 2);
         EXPECT_EQ(flag, 0);
         EXPECT_EQ(condition.testCondition(), 0);
     }
+    EXPECT_EQ(raisedBy<ZThreadException>([&] { thread.waitForExit(); }), "20/3") << "not started";
+    EXPECT_EQ(runs(kCondInit, pool, 1), "7/22") << "the second one of a pool";
 }
 
 TEST(FailingSystem, AReportThatFailsHidesNothing) {
@@ -226,7 +223,7 @@ TEST(FailingSystem, AReportThatFailsHidesNothing) {
     {
         ZCondition condition;
         const auto signal = [&] { condition.signal(); };
-        EXPECT_EQ(raisedWhen<ZConditionException>(kCondSignal, signal), "10/22");
+        EXPECT_EQ(raisedWhen<ZConditionException>(kCondSignal, signal, 0), "10/22");
         failNext(kCondDestroy);
     }
     EXPECT_EQ(failingCall, kNone);
@@ -256,26 +253,26 @@ TEST(Condition, CountsSecondsFromTheStartOfThePresentOne) {
     }
 }
 
-TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
+// Most of threads and pools raise this.
+std::string threadRaisesWhen(Call call, const Action& action) {
+    return raisedWhen<ZThreadException>(call, action, 0);
+}
+
+TEST(FailingThread, CanBeJoinedAfterwards) {
     const RecordingService service;
     Runner thread;
-    const auto start = [&] { thread.start(); };
     const auto join = [&] { thread.waitForExit(); };
-    EXPECT_EQ(raisedWhen(kAttrInit, start), "15/22");
-    EXPECT_EQ(raisedWhen(kAttrSet, start), "16/22");
-    EXPECT_EQ(raisedWhen(kCreate, start), "17/22");
-    EXPECT_EQ(raisedBy<ZThreadException>(join), "20/3") << "nothing was started";
-    EXPECT_EQ(service.reports(), Reports{});
-    EXPECT_EQ(raisedWhen(kAttrDestroy, start), "nothing");
+    EXPECT_EQ(threadRaisesWhen(kAttrDestroy, [&] { thread.start(); }), "nothing");
     EXPECT_EQ(service.reports(), Reports{"18: 22"});
-    EXPECT_EQ(raisedWhen(kJoin, join), "20/22");
+    EXPECT_EQ(threadRaisesWhen(kJoin, join), "20/22");
     EXPECT_EQ(raisedBy<ZThreadException>(join), "nothing");
     EXPECT_EQ(thread.runs.opened(), 1);
 
     unsigned int key = 0;
-    EXPECT_EQ(raisedWhen(kKeyCreate, [&] { ZThread::createThreadKey(key); }), "29/22");
+    EXPECT_EQ(threadRaisesWhen(kKeyCreate, [&] { ZThread::createThreadKey(key); }), "29/22");
     ZThread::createThreadKey(key);
-    EXPECT_EQ(raisedWhen(kSetSpecific, [&] { ZThread::setThreadObject(key, &thread); }), "30/22");
+    EXPECT_EQ(threadRaisesWhen(kSetSpecific, [&] { ZThread::setThreadObject(key, &thread); }),
+              "30/22");
     EXPECT_EQ(ZThread::getThreadObject(key), nullptr);
     pthread_key_delete(key);
 }
@@ -283,7 +280,7 @@ TEST(FailingThread, RaisesAndCanBeStartedAndJoinedAfterwards) {
 TEST(FailingSleeper, StartsAgainAfterEachFailure) {
     const RecordingService service;
     Worker worker;
-    EXPECT_EQ(raisedWhen(kCreate, [&] { worker.start(); }), "17/22");
+    EXPECT_EQ(threadRaisesWhen(kCreate, [&] { worker.start(); }), "17/22");
     // The thread's own calls: the lock and the signal of its greeting, which it tries again.
     for (const auto& c : {std::make_pair(kMutexLock, 1), std::make_pair(kCondSignal, 0)}) {
         failNext(c.first, c.second);
@@ -295,8 +292,7 @@ TEST(FailingSleeper, StartsAgainAfterEachFailure) {
     // Whichever of the two threads it is that fails to wait, the object can be used again.
     failNext(kCondWait);
     const std::string result = raisedBy<ZConditionException>([&] { worker.start(); });
-    while (failingCall != kNone)
-        std::this_thread::yield();
+    untilFailed();
     if (result == "9/22") {
         worker.waitForExit();
     } else {
@@ -326,21 +322,8 @@ TEST(Pool, HandsASleeperWithAPeriodToOneCallerOnly) {
     pool.waitForExit();
 }
 
-TEST(FailingPool, IsNotMadeOrReportsAtItsEnd) {
-    const RecordingService service;
-    const auto make = [] { ZThreadPool(2, 2); };
-    EXPECT_EQ(raisedWhen(kMutexInit, make), "3/22");
-    EXPECT_EQ(raisedWhen(kCondInit, make), "7/22");
-    EXPECT_EQ(raisedWhen(kCondInit, make, 1), "7/22");
-    EXPECT_EQ(service.reports(), Reports{});
-    EXPECT_EQ(raisedWhen(kCondDestroy, make), "nothing");
-    EXPECT_EQ(raisedWhen(kMutexDestroy, make), "nothing");
-    EXPECT_EQ(service.reports(), (Reports{"8: 22", "4: 22"}));
-}
-
 TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
     struct Case {
-        const char* what;
         Call call;
         std::function<void(ZThreadPool&)> action;
         const char* raised;
@@ -355,24 +338,19 @@ TEST(FailingPool, LeavesItsMutexFreeWhateverFails) {
     const auto done = [&](ZThreadPool& pool) { pool.threadDoneNotification(other, keep); };
     const auto death = [&](ZThreadPool& pool) { pool.threadDeathNotification(other); };
     const Case cases[] = {
-        {"start, lock", kMutexLock, start, "5/22", {}},
-        {"start, create", kCreate, start, "nothing", {"raised 17/22"}},
-        {"take, lock", kMutexLock, take, "5/22", {}},
-        {"take, unlock", kMutexUnlock, take, "6/22", {}},
-        {"wait, lock", kMutexLock, wait, "5/22", {}},
-        {"done, lock", kMutexLock, done, "5/22", {}},
-        {"done, unlock", kMutexUnlock, done, "6/22", {}},
-        {"death, lock", kMutexLock, death, "5/22", {}},
-        {"death, signal", kCondSignal, death, "10/22", {}},
-        {"death, unlock", kMutexUnlock, death, "6/22", {}},
+        {kMutexLock, start, "5/22", {}},   {kCreate, start, "nothing", {"raised 17/22"}},
+        {kMutexLock, take, "5/22", {}},    {kMutexUnlock, take, "6/22", {}},
+        {kMutexLock, wait, "5/22", {}},    {kMutexLock, done, "5/22", {}},
+        {kMutexUnlock, done, "6/22", {}},  {kMutexLock, death, "5/22", {}},
+        {kCondSignal, death, "10/22", {}}, {kMutexUnlock, death, "6/22", {}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(&c - cases);
         ZThreadPool pool(2, 3);
         pool.threadDoneNotification(idle, keep);
         ASSERT_EQ(keep, 1);
         const RecordingService service;
-        EXPECT_EQ(raisedWhen(c.call, [&] { c.action(pool); }), c.raised);
+        EXPECT_EQ(threadRaisesWhen(c.call, [&] { c.action(pool); }), c.raised);
         EXPECT_EQ(service.reports(), c.reports);
         EXPECT_EQ(pool.getAvailableIdleThread(taken), &idle) << "no thread is lost";
         EXPECT_EQ(pool.getAvailableIdleThread(taken), nullptr);
@@ -387,16 +365,17 @@ TEST(FailingPool, HearsOfAnEndThoughItsMutexFailedOnce) {
     const RecordingService service;
     for (Call call : {kMutexLock, kMutexUnlock, kCondSignal}) {
         ZThreadPool pool(1, 0);
-        std::atomic<int> go{0}, ended{0};
-        const auto body = [&] {
-            while (!go)
+        std::atomic<bool> go{false}, ended{false};
+        // By looking: a lock would be the one that fails.
+        const auto until = [](const std::atomic<bool>& flag) {
+            while (!flag)
                 std::this_thread::yield();
         };
-        Runner thread(0, 0, body, [&] { failNext(call), ended = 1; });
+        Runner thread(
+            0, 0, [&] { until(go); }, [&] { failNext(call), ended = true; });
         pool.start(thread);
-        go = 1;
-        while (failingCall != kNone || ended == 0)
-            std::this_thread::yield();  // a lock here would be the one that fails
+        go = true;
+        until(ended), untilFailed();
         pool.waitForExit();
         thread.waitForExit();  // and the report is out
     }
@@ -410,11 +389,7 @@ TEST(FailingPool, GoesOnAfterAFailedWait) {
     Runner thread(1, 0, [&] { leave.await(); });
     pool.start(thread);
     failNext(kCondWait, 0, 3);
-    std::thread opener([&] {
-        while (failingCall != kNone)
-            std::this_thread::yield();
-        leave.open();
-    });
+    std::thread opener([&] { untilFailed(), leave.open(); });
     pool.waitForExit();
     opener.join();
     EXPECT_EQ(service.reports(), (Reports{"9: 22", "9: 22", "9: 22"}));
