@@ -2,7 +2,7 @@
 #include "support/Prelude.h"
 
 #include "Z/ZUTF8Converter.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/FailingAllocator.h"
 #include "support/SelfChild.h"
 #include "support/Threads.h"

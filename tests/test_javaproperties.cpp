@@ -4,7 +4,7 @@
 #include "Z/ZExceptionText.h"
 #include "Z/ZJavaProperties.h"
 #include "Z/ZKeyMap.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/FailingAllocator.h"
 #include "support/FileState.h"
 #include "support/RecordingService.h"

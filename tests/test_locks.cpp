@@ -5,7 +5,7 @@
 
 #include "Z/ZCondition.h"
 #include "Z/ZLock.h"
-#include "support/RecordingService.h"
+#include "support/Raised.h"
 #include "support/Threads.h"
 
 namespace {

@@ -13,9 +13,8 @@
 #include "Z/ZExceptionText.h"
 #include "Z/ZFileLock.h"
 #include "Z/ZProcessLock.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/Gate.h"
-#include "support/RecordingService.h"
 #include "support/TempFolder.h"
 #include "support/Threads.h"
 
@@ -213,11 +212,8 @@ TEST(FileLockGrant, ThatFailsLeavesNothingToAReaderWhoCameAndWentMeanwhile) {
         }
         // The last step: the failed reader gives the lock among threads back.
         void setUpdate(int update) override {
-            if (failed && !asked.exchange(true)) {
-                std::promise<pid_t> id;
-                other = std::thread([&, this] { id.set_value(gettid()), readLock(), unlock(); });
-                untilAsleep(getpid(), id.get_future().get());
-            }
+            if (failed && !asked.exchange(true))
+                other = startAsleep([this] { readLock(), unlock(); });
             ZStubProcessReadWriteFileLock::setUpdate(update);
         }
         std::atomic<bool> failed{false}, asked{false};
@@ -560,13 +556,10 @@ TEST(FileLockProcesses, AnInterruptedOrCancelledWaitGivesEverythingBack) {
         if (cancel) {
             cancelAsleep([&] { lock.writeLock(); });
         } else {
-            std::promise<pid_t> id;
-            std::thread waiter([&] {
-                id.set_value(gettid());
+            std::thread waiter = startAsleep([&] {
                 EXPECT_EQ(raisedBy<ZLockResourceException>([&] { lock.writeLock(); }),
                           "33/" + std::to_string(EINTR));
             });
-            untilAsleep(getpid(), id.get_future().get());
             pthread_kill(waiter.native_handle(), SIGUSR1);
             waiter.join();
         }

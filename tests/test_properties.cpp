@@ -3,7 +3,7 @@
 
 #include "support/CacheText.h"
 #include "support/Config.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/Gate.h"
 #include "support/RecordingService.h"
 

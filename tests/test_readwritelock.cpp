@@ -6,9 +6,8 @@
 #include <future>
 
 #include "Z/ZReadWriteLock.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/Gate.h"
-#include "support/RecordingService.h"
 #include "support/Threads.h"
 
 namespace {
@@ -36,7 +35,8 @@ public:
 
     // Begins an action; the future tells the number that it raised, or 0.
     std::future<int> begin(std::function<void()> action) {
-        auto task = std::make_shared<std::packaged_task<int()>>([action] { return numberOf(action); });
+        auto task =
+            std::make_shared<std::packaged_task<int()>>([action] { return numberOf(action); });
         std::future<int> result = task->get_future();
         give([task] { (*task)(); });
         return result;
@@ -93,19 +93,19 @@ struct Row {
 // the read locks. In write with readers the second thread is one that promotes and waits for them.
 const Row kRows[] = {
     //            read        protect     promote     write       unlock
-    {"U0", false, {"R1",       "P0",       "U0 5",     "W0",       "U0 6"}},
-    {"R1", false, {"R2",       "P1",       "R1 5",     "R1 waits", "U0"}},
-    {"R2", false, {"R3",       "P2",       "R2 5",     "R2 waits", "R1"}},
-    {"P0", false, {"P1",       "P0 waits", "P0 5",     "P0 waits", "P0 6"}},
-    {"P1", false, {"P2",       "P1 waits", "P1 5",     "P1 waits", "P0"}},
-    {"P2", false, {"P3",       "P2 waits", "P2 5",     "P2 waits", "P1"}},
-    {"P0", true,  {"P0 5",     "P0 5",     "W0",       "P0 5",     "U0"}},
-    {"P1", true,  {"P1 5",     "P1 5",     "W1 waits", "P1 5",     "R1"}},
-    {"P2", true,  {"P2 5",     "P2 5",     "W2 waits", "P2 5",     "R2"}},
-    {"W0", false, {"W0 waits", "W0 waits", "W0 5",     "W0 waits", "W0 6"}},
-    {"W1", false, {"W1 waits", "W1 waits", "W1 5",     "W1 waits", "W0"}},
-    {"W2", false, {"W2 waits", "W2 waits", "W2 5",     "W2 waits", "W1"}},
-    {"W0", true,  {"W0 5",     "W0 5",     "W0 5",     "W0 5",     "U0"}},
+    {"U0", false, {"R1", "P0", "U0 5", "W0", "U0 6"}},
+    {"R1", false, {"R2", "P1", "R1 5", "R1 waits", "U0"}},
+    {"R2", false, {"R3", "P2", "R2 5", "R2 waits", "R1"}},
+    {"P0", false, {"P1", "P0 waits", "P0 5", "P0 waits", "P0 6"}},
+    {"P1", false, {"P2", "P1 waits", "P1 5", "P1 waits", "P0"}},
+    {"P2", false, {"P3", "P2 waits", "P2 5", "P2 waits", "P1"}},
+    {"P0", true, {"P0 5", "P0 5", "W0", "P0 5", "U0"}},
+    {"P1", true, {"P1 5", "P1 5", "W1 waits", "P1 5", "R1"}},
+    {"P2", true, {"P2 5", "P2 5", "W2 waits", "P2 5", "R2"}},
+    {"W0", false, {"W0 waits", "W0 waits", "W0 5", "W0 waits", "W0 6"}},
+    {"W1", false, {"W1 waits", "W1 waits", "W1 5", "W1 waits", "W0"}},
+    {"W2", false, {"W2 waits", "W2 waits", "W2 5", "W2 waits", "W1"}},
+    {"W0", true, {"W0 5", "W0 5", "W0 5", "W0 5", "U0"}},
 };
 void (*const kRequests[])(ZAbstractReadWriteLock&) = {
     [](ZAbstractReadWriteLock& lock) { lock.readLock(); },
@@ -237,14 +237,13 @@ TEST(ReadWriteLock, KeepsWritersAloneAmongThreadsInAllModes) {
         if (changes)
             ++words[0], ++words[1];
     };
-    const std::function<void(int)> modes[] = {
-        [&](int) { lock.writeLock(), inside(true); },
-        [&](int i) {
-            lock.readWithIntentToWriteLock(), inside(false);
-            if (i % 2 == 0)
-                lock.promoteReadToWriteLock(), inside(true);
-        },
-        [&](int) { lock.readLock(), inside(false); }};
+    const std::function<void(int)> modes[] = {[&](int) { lock.writeLock(), inside(true); },
+                                              [&](int i) {
+                                                  lock.readWithIntentToWriteLock(), inside(false);
+                                                  if (i % 2 == 0)
+                                                      lock.promoteReadToWriteLock(), inside(true);
+                                              },
+                                              [&](int) { lock.readLock(), inside(false); }};
     std::vector<std::thread> team;
     for (int t = 0; t < 6; ++t) {
         team.emplace_back([&, t] {

@@ -15,7 +15,7 @@
 #include "Z/zshlib.h"
 #include "Z/zutfconvert.h"
 #include "Z/zutils.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/Gate.h"
 #include "support/RecordingService.h"
 #include "support/TempFolder.h"

@@ -6,7 +6,7 @@
 #include "Z/ZList.h"
 #include "Z/ZStringIterator.h"
 #include "Z/ZStringTokenizer.h"
-#include "support/ExceptionNumber.h"
+#include "support/Raised.h"
 #include "support/FailingAllocator.h"
 #include "support/SelfChild.h"
 

@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "support/RecordingService.h"
+#include "support/Raised.h"
 #include "support/Runner.h"
 #include "support/Threads.h"
 
@@ -74,8 +74,10 @@ struct Ending {
 
 const Ending kEndings[] = {
     {"returns", nothing, {}, false},
-    {"raises", [] { ZLockResourceException(5, 3).throwException(__FILE__, __LINE__); },
-     {"raised 5/3"}, false},
+    {"raises",
+     [] { ZLockResourceException(5, 3).throwException(__FILE__, __LINE__); },
+     {"raised 5/3"},
+     false},
     {"raises something else", [] { throw 1; }, {"19"}, false},
     {"pthread_exit", [] { pthread_exit(nullptr); }, {}, true},
     {"is cancelled", [] { pthread_cancel(pthread_self()), pthread_testcancel(); }, {}, true},
@@ -252,7 +254,8 @@ TEST(Sleeper, HearsOthersWhileItsWorkWaitsAndDropsTheirWakeUpForAStop) {
 
 TEST(Sleeper, KeepsAStopRequestThatADetachedThreadHasNotSeen) {
     Gate atWork, leave, over;
-    Worker worker(1, 0, 0, [&] { atWork.open(), leave.await(); }, [&] { over.open(); });
+    Worker worker(
+        1, 0, 0, [&] { atWork.open(), leave.await(); }, [&] { over.open(); });
     for (int round = 1; round <= 20; ++round) {
         worker.start();  // waits for the end of the run before
         worker.wakeUp(), atWork.await(), leave.open();
@@ -269,12 +272,11 @@ TEST(Sleeper, IsStartedAgainBehindItsExitUnlessTheStarterIsCancelledBefore) {
             continue;
         const RecordingService service;
         Gate atExit, leave;
-        Worker worker(0, 0, 0, [] { throw 1; }, [&] { atExit.open(), leave.await(); });
+        Worker worker(
+            0, 0, 0, [] { throw 1; }, [&] { atExit.open(), leave.await(); });
         worker.start(), worker.wakeUp(), atExit.await();
-        std::promise<pid_t> id;
         std::atomic<bool> started(false);
-        std::thread starter([&] { id.set_value(gettid()), worker.start(), started = true; });
-        untilAsleep(getpid(), id.get_future().get());
+        std::thread starter = startAsleep([&] { worker.start(), started = true; });
         EXPECT_FALSE(started);
         if (cancels)
             pthread_cancel(starter.native_handle());
@@ -309,18 +311,13 @@ TEST(Sleeper, LeavesItsLockFreeHoweverItEndsAndStartsAgain) {
     }
 }
 
-TEST(Sleeper, WorksByItsPeriodOrByWakeUps) {
-    Worker second(0, 0, 1, nothing);
-    second.start();
-    second.done.reach(2);  // nobody wakes it
-    second.waitForExit();
-
-    Worker huge(0, 0, std::numeric_limits<unsigned long>::max(), nothing);  // no date is so far
-    huge.start();
+TEST(Sleeper, WaitsForWakeUpsThroughAPeriodThatHasNoDate) {
+    Worker worker(0, 0, std::numeric_limits<unsigned long>::max(), nothing);
+    worker.start();
     for (int i = 1; i <= 3; ++i)
-        huge.wakeUp(), huge.done.reach(i);
-    huge.waitForExit();
-    EXPECT_EQ(huge.done.opened(), 3);
+        worker.wakeUp(), worker.done.reach(i);
+    worker.waitForExit();
+    EXPECT_EQ(worker.done.opened(), 3);
 }
 
 TEST(Sleeper, DeletesItselfUnderTheHandsOfWhoStartsWakesAndStopsIt) {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Z/ZThreadPool.h"
-#include "support/RecordingService.h"
+#include "support/Raised.h"
 #include "support/Runner.h"
 #include "support/Threads.h"
 
@@ -137,9 +137,7 @@ TEST(ThreadPool, StartsNoMoreThanItMayUntilAThreadHasEnded) {
     Plain second([&] { overBefore = firstOver; });
     pool.start(first);
     atWork.await();
-    std::promise<pid_t> id;
-    std::thread starter([&] { id.set_value(gettid()), pool.start(second); });
-    untilAsleep(getpid(), id.get_future().get());
+    std::thread starter = startAsleep([&] { pool.start(second); });
     // Somebody who waits for the end as well must not take the news away from the starter.
     std::thread waiter([&] { pool.waitForExit(); });
     leave.open();
@@ -156,10 +154,9 @@ TEST(ThreadPool, OnlyReportsAThreadThatCannotStartAndStaysAsItWas) {
     };
     const Action other = [] { throw 1; };
     const Action raise = [] { ZThreadException(17, 11).throwException(__FILE__, __LINE__); };
-    const Case cases[] = {
-        {raise, nothing, "raised 17/11", 0},
-        {other, nothing, "19", 0},
-        {nothing, raise, "raised 17/11", 1}};
+    const Case cases[] = {{raise, nothing, "raised 17/11", 0},
+                          {other, nothing, "19", 0},
+                          {nothing, raise, "raised 17/11", 1}};
     for (const Case& c : cases) {
         const RecordingService service;
         ZThreadPool pool(1, 0);
@@ -234,8 +231,8 @@ TEST(ThreadPool, StopsTheOthersWhenAStopFailsAndKeepsEachObjectUntilItsStopHasRe
 TEST(ThreadPool, HandsOutNoSleeperThatWorksUnaskedOrIsAtItsEnd) {
     ZThreadPool pool(2, 2);
     Gate atWork, leave, atExit, leaveExit;
-    Worker worker(1, 0, 0, [&] { atWork.open(), leave.await(); },
-                  [&] { atExit.open(), leaveExit.await(); });
+    Worker worker(
+        1, 0, 0, [&] { atWork.open(), leave.await(); }, [&] { atExit.open(), leaveExit.await(); });
     ZThread* thread;
     launch(pool, worker), atWork.await(), leave.open();
     while (!pool.getAvailableIdleThread(thread))

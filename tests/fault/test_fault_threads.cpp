@@ -7,7 +7,7 @@
 
 #include <limits>
 
-#include "support/RecordingService.h"
+#include "support/Raised.h"
 #include "support/Runner.h"
 
 namespace {

@@ -1,6 +1,5 @@
 // Asleep.h: how a test sees that somebody waits, without a clock.
-#ifndef TESTS_SUPPORT_ASLEEP_H
-#define TESTS_SUPPORT_ASLEEP_H
+#pragma once
 
 #include "support/Prelude.h"
 
@@ -24,5 +23,3 @@ inline void untilAsleep(pid_t process, pid_t thread) {
         sched_yield();
     }
 }
-
-#endif

@@ -4,8 +4,7 @@
 // at link time, see tests/CMakeLists.txt) and its own operator new and delete. They see what the
 // library and the test allocate; what shared libraries do by malloc passes them by, raising an
 // exception included. Everything works the same under the sanitizers.
-#ifndef TESTS_SUPPORT_FAILINGALLOCATOR_H
-#define TESTS_SUPPORT_FAILINGALLOCATOR_H
+#pragma once
 
 #include "support/Prelude.h"
 
@@ -86,5 +85,3 @@ unsigned long failEachAllocation(Attempt attempt) {
     failEachAllocation(attempt, FailAllocations::onward, FailAllocations::badAlloc);
     return failEachAllocation(attempt, FailAllocations::once, FailAllocations::badAlloc);
 }
-
-#endif

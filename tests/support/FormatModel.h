@@ -1,6 +1,5 @@
 // FormatModel.h: the formatter's rules a second time, each directive put into one of the system's.
-#ifndef TESTS_SUPPORT_FORMATMODEL_H
-#define TESTS_SUPPORT_FORMATMODEL_H
+#pragma once
 
 #include <cstdarg>
 #include <set>
@@ -23,5 +22,3 @@ private:
 /// "", or where the library differs from the model: in a target of `step` bytes, of two, three and
 /// so on times as many until all fits (of a long text, some of these), or in a block of its own.
 std::string formatFault(const char* format, va_list ap, size_t step);
-
-#endif

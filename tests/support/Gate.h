@@ -1,6 +1,5 @@
 // Gate.h: what tests of threads wait for, in place of sleeping, and what the sanitizers can't bear.
-#ifndef TESTS_SUPPORT_GATE_H
-#define TESTS_SUPPORT_GATE_H
+#pragma once
 
 #include <condition_variable>
 #include <mutex>
@@ -54,6 +53,4 @@ private:
 #define CAN_JOIN_AGAIN 0
 #else
 #define CAN_JOIN_AGAIN 1
-#endif
-
 #endif

@@ -1,6 +1,5 @@
 // Item.h: a member for the containers under test, which counts itself.
-#ifndef TESTS_SUPPORT_ITEM_H
-#define TESTS_SUPPORT_ITEM_H
+#pragma once
 
 #include "support/Prelude.h"
 
@@ -77,5 +76,3 @@ inline std::vector<int> valuesOf(const ZList& list) {
     }
     return values;
 }
-
-#endif

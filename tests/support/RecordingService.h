@@ -1,16 +1,12 @@
-// RecordingService.h: a message service that keeps what it is told, and what tests ask about raised
-// exceptions.
-#ifndef TESTS_SUPPORT_RECORDING_SERVICE_H
-#define TESTS_SUPPORT_RECORDING_SERVICE_H
+// RecordingService.h: a message service that keeps what it is told.
+#pragma once
 
 #include "support/Prelude.h"
 
 #include <mutex>
-#include <typeinfo>
 
 #include "Z/ZException.h"
 #include "Z/ZLCString.h"
-#include "Z/ZLock.h"
 #include "Z/ZMessage.h"
 
 /// The current message service from its construction to its end. Each report becomes one text:
@@ -45,7 +41,8 @@ public:
         if (dynamic_cast<const ZResourceException*>(exception) ||
             dynamic_cast<const ZConditionException*>(exception) ||
             dynamic_cast<const ZThreadException*>(exception))
-            text += "/" + std::to_string(va_arg(reinterpret_cast<ZMessageArguments*>(args)->list, int));
+            text +=
+                "/" + std::to_string(va_arg(reinterpret_cast<ZMessageArguments*>(args)->list, int));
         return add(text);
     }
 
@@ -60,31 +57,3 @@ private:
     mutable std::mutex mutex_;
     mutable std::vector<std::string> reports_;  // guarded by mutex_
 };
-
-/// "6/0", number and return code of what `action` raised; "nothing"; "another class" for a library
-/// exception whose class isn't exactly `Exception`.
-template <typename Exception, typename Action>
-std::string raisedBy(Action action) {
-    try {
-        action();
-    } catch (ZException& exception) {
-        if (typeid(exception) != typeid(Exception))
-            return "another class";
-        const RecordingService service;
-        exception.print();
-        return service.reports().at(0).substr(sizeof "raised " - 1);
-    }
-    return "nothing";
-}
-
-/// How often the calling thread can unlock: the depth at which it holds the lock.
-inline int depthOf(ZLock& lock) {
-    int depth = 0;
-    while (raisedBy<ZUnlockResourceException>([&] { lock.unlock(); }) == "nothing")
-        ++depth;
-    for (int i = 0; i < depth; ++i)
-        lock.lock();
-    return depth;
-}
-
-#endif

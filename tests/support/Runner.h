@@ -1,6 +1,5 @@
 // Runner.h: threads whose work is a function.
-#ifndef TESTS_SUPPORT_RUNNER_H
-#define TESTS_SUPPORT_RUNNER_H
+#pragma once
 
 #include "support/Prelude.h"
 
@@ -19,7 +18,9 @@ public:
                     Action atExit = nothing)
         : ZThread(detached, autoDelete), body_(body), atExit_(atExit) {}
     void run() override { body_(), runs.open(); }
-    void exit() override { [atExit = atExit_] { atExit(); }(); }  // it may outlive the object
+    void exit() override {
+        [atExit = atExit_] { atExit(); }();
+    }  // it may outlive the object
     Gate runs;
 
 private:
@@ -35,12 +36,12 @@ public:
            Action atExit = nothing)
         : ZSleeperThread(detached, autoDelete, timeout), body(body), atExit_(atExit) {}
     void work() override { body(), done.open(); }
-    void exit() override { [atExit = atExit_] { atExit(); }(); }
+    void exit() override {
+        [atExit = atExit_] { atExit(); }();
+    }
     Action body;  // to be changed only while the thread is idle
     Gate done;
 
 private:
     const Action atExit_ = nothing;
 };
-
-#endif

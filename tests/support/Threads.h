@@ -1,6 +1,5 @@
 // Threads.h: what tests do in other threads than their own.
-#ifndef TESTS_SUPPORT_THREADS_H
-#define TESTS_SUPPORT_THREADS_H
+#pragma once
 
 #include "support/Prelude.h"
 
@@ -24,8 +23,9 @@ void inFourThreads(Work work) {
 
 /// Runs `body` in a thread, cancels that once `ready` is done, then does `afterwards`. It must not
 /// end by itself.
-inline void cancelWithin(const std::function<void()>& body, const std::function<void()>& ready,
-                         const std::function<void()>& afterwards = [] {}) {
+inline void cancelWithin(
+    const std::function<void()>& body, const std::function<void()>& ready,
+    const std::function<void()>& afterwards = [] {}) {
     bool returned = false;
     std::thread thread([&] { body(), returned = true; });
     ready();
@@ -35,12 +35,19 @@ inline void cancelWithin(const std::function<void()>& body, const std::function<
     EXPECT_FALSE(returned);
 }
 
-/// The same for a body that will sleep: that is waited for.
-inline void cancelAsleep(const std::function<void()>& body) {
+/// A thread that runs `body`, once that sleeps.
+inline std::thread startAsleep(const std::function<void()>& body) {
     std::promise<pid_t> id;
-    std::future<pid_t> known = id.get_future();
-    cancelWithin([&] { id.set_value(gettid()), body(); },
-                 [&] { untilAsleep(getpid(), known.get()); });
+    std::thread thread([&id, body] { id.set_value(gettid()), body(); });
+    untilAsleep(getpid(), id.get_future().get());
+    return thread;
 }
 
-#endif
+/// Runs `body` in a thread and cancels that once it sleeps.
+inline void cancelAsleep(const std::function<void()>& body) {
+    bool returned = false;
+    std::thread thread = startAsleep([&] { body(), returned = true; });
+    EXPECT_EQ(pthread_cancel(thread.native_handle()), 0);
+    thread.join();
+    EXPECT_FALSE(returned);
+}

@@ -1,8 +1,7 @@
 // Wrapped.h: names of the system calls that the linker leads to a test's own functions (--wrap), as the
 // units that touch files call them: on 32 bits those are built for big files and late dates. For one
 // source of a program, which says failsNow(call) first.
-#ifndef TESTS_SUPPORT_WRAPPED_H
-#define TESTS_SUPPORT_WRAPPED_H
+#pragma once
 
 #include <fcntl.h>
 
@@ -70,5 +69,3 @@
             return -1;                                          \
         return REAL(FCNTL)(file, command, argument);            \
     }
-
-#endif
