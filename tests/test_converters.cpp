@@ -5,7 +5,6 @@
 #include "support/Raised.h"
 #include "support/FailingAllocator.h"
 #include "support/SelfChild.h"
-#include "support/Threads.h"
 
 namespace {
 
@@ -106,22 +105,6 @@ TEST(Child, DISABLED_FirstInTheProcess) {
 TEST(Converters, TakeTheLocaleOfTheEnvironment) {
     expectChildPasses("Child.DISABLED_FirstInTheProcess",
                       {{"LC_ALL", "ja_JP.EUC-JP"}, {"QELDIR", kDirectory}});
-}
-
-TEST(Converters, ServeSeveralThreads) {
-    for (const ConversionCase& c : kConversions) {
-        const ZQELUTF8Converter converter(c.codeset, kDirectory);
-        std::atomic<int> threads(0);
-        inFourThreads([&] {
-            const bool fails = threads++ == 0;  // in the middle of a shift
-            for (int i = 0; i < 300; ++i) {
-                EXPECT_EQ(converted(converter, kToUTF8, c.local), whole(c.utf8));
-                EXPECT_EQ(converted(converter, kToLocal, c.utf8), whole(c.local));
-                if (fails)
-                    converted(converter, kToLocal, "\xE6\x97\xA5\xFF");
-            }
-        });
-    }
 }
 
 }  // namespace

@@ -183,7 +183,8 @@ TEST(Condition, TimesThatHavePassedEndTheWaitAtOnce) {
     };
     static timespec past = {1, 0};
     void (*const waits[])(ZCondition&, int& flag) = {
-        [](auto& c, auto& flag) { c.wait(0, flag); }, [](auto& c, auto& flag) { c.wait(past, flag); },
+        [](auto& c, auto& flag) { c.wait(0, flag); },
+        [](auto& c, auto& flag) { c.wait(past, flag); },
         [](auto& c, auto& flag) { c.wait(std::numeric_limits<long>::min(), flag); }};
     for (const auto wait : waits) {
         Hooked condition;

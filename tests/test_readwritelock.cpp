@@ -91,22 +91,24 @@ struct Row {
 
 // The lock is brought into the row's state by the caller or a second thread, and a third one takes
 // the read locks. In write with readers the second thread is one that promotes and waits for them.
+// clang-format off
 const Row kRows[] = {
     //            read        protect     promote     write       unlock
-    {"U0", false, {"R1", "P0", "U0 5", "W0", "U0 6"}},
-    {"R1", false, {"R2", "P1", "R1 5", "R1 waits", "U0"}},
-    {"R2", false, {"R3", "P2", "R2 5", "R2 waits", "R1"}},
-    {"P0", false, {"P1", "P0 waits", "P0 5", "P0 waits", "P0 6"}},
-    {"P1", false, {"P2", "P1 waits", "P1 5", "P1 waits", "P0"}},
-    {"P2", false, {"P3", "P2 waits", "P2 5", "P2 waits", "P1"}},
-    {"P0", true, {"P0 5", "P0 5", "W0", "P0 5", "U0"}},
-    {"P1", true, {"P1 5", "P1 5", "W1 waits", "P1 5", "R1"}},
-    {"P2", true, {"P2 5", "P2 5", "W2 waits", "P2 5", "R2"}},
-    {"W0", false, {"W0 waits", "W0 waits", "W0 5", "W0 waits", "W0 6"}},
-    {"W1", false, {"W1 waits", "W1 waits", "W1 5", "W1 waits", "W0"}},
-    {"W2", false, {"W2 waits", "W2 waits", "W2 5", "W2 waits", "W1"}},
-    {"W0", true, {"W0 5", "W0 5", "W0 5", "W0 5", "U0"}},
+    {"U0", false, {"R1",       "P0",       "U0 5",     "W0",       "U0 6"}},
+    {"R1", false, {"R2",       "P1",       "R1 5",     "R1 waits", "U0"}},
+    {"R2", false, {"R3",       "P2",       "R2 5",     "R2 waits", "R1"}},
+    {"P0", false, {"P1",       "P0 waits", "P0 5",     "P0 waits", "P0 6"}},
+    {"P1", false, {"P2",       "P1 waits", "P1 5",     "P1 waits", "P0"}},
+    {"P2", false, {"P3",       "P2 waits", "P2 5",     "P2 waits", "P1"}},
+    {"P0", true,  {"P0 5",     "P0 5",     "W0",       "P0 5",     "U0"}},
+    {"P1", true,  {"P1 5",     "P1 5",     "W1 waits", "P1 5",     "R1"}},
+    {"P2", true,  {"P2 5",     "P2 5",     "W2 waits", "P2 5",     "R2"}},
+    {"W0", false, {"W0 waits", "W0 waits", "W0 5",     "W0 waits", "W0 6"}},
+    {"W1", false, {"W1 waits", "W1 waits", "W1 5",     "W1 waits", "W0"}},
+    {"W2", false, {"W2 waits", "W2 waits", "W2 5",     "W2 waits", "W1"}},
+    {"W0", true,  {"W0 5",     "W0 5",     "W0 5",     "W0 5",     "U0"}},
 };
+// clang-format on
 void (*const kRequests[])(ZAbstractReadWriteLock&) = {
     [](ZAbstractReadWriteLock& lock) { lock.readLock(); },
     [](ZAbstractReadWriteLock& lock) { lock.readWithIntentToWriteLock(); },

@@ -176,6 +176,7 @@ const LengthCase kLengths[] = {
     {"ISO-8859-15", "\xA4", 9, 1, 1, 0x20AC}, {"ISO-8859-7", "\xD2", 1, -1, -1, 0},
     {"EUC-JP", "\xC6\xFC", 4, 2, 2, 0x65E5}, {"EUC-JP", "\xC6\xFC", 1, -1, -1, 0},
     {"EUC-JP", "\xC6", 4, -1, -1, 0}, {"EUC-JP", "\x8F\xB0\xA1", 4, 3, 3, 0x4E02},
+    {"UTF8", "\xE0\xA0\x80", 3, 3, 3, 0x800}, {"UTF8", "\xEF\xBF\xBF", 3, 3, 3, 0xFFFF},
     {"EUC-JP", "\xFF", 4, -1, -1, 0}, {"GB18030", "\x94\x39\xFC\x36", 4, 4, -1, 0},
 };
 // clang-format on
@@ -307,9 +308,11 @@ TEST(Child, DISABLED_CaseIsThatOfTheLocaleHandle) {
 }
 
 TEST(Codesets, ServeSeveralThreadsByOneHandle) {
-    const CodesetHandle japanese("EUC-JP");
+    const CodesetHandle japanese("EUC-JP"), shifting("ISO-2022-JP");
     inFourThreads([&] {
         for (int i = 0; i < 500; ++i) {
+            EXPECT_EQ(fromUTF8(shifting, "\xE6\x97\xA5"), "\x1B$BF|\x1B(B");
+            EXPECT_EQ(fromUTF8(shifting, "\xE6\x97\xA5\xFF"), kFailed) << "when shifted";
             EXPECT_EQ(toUTF8(japanese, "a\xC6\xFC\xCB\xDCz"), "a\xE6\x97\xA5\xE6\x9C\xACz");
             EXPECT_EQ(toUTF8(japanese, "a\xC6"), kFailed);
             // Each asks first for some of the pairs that are remembered.

@@ -49,14 +49,14 @@
         va_end(arguments);                                            \
         return failsNow("open") ? -1 : REAL(OPEN)(path, flags, mode); \
     }
-#define WRAP_OPENAT                                                                   \
-    extern "C" int REAL(OPENAT)(int, const char*, int, ...);                          \
-    extern "C" int WRAPPED(OPENAT)(int folder, const char* path, int flags, ...) {    \
-        va_list arguments;                                                            \
-        va_start(arguments, flags);                                                   \
-        const int mode = va_arg(arguments, int);                                      \
-        va_end(arguments);                                                            \
-        return failsNow("openat") ? -1 : REAL(OPENAT)(folder, path, flags, mode);     \
+#define WRAP_OPENAT                                                                \
+    extern "C" int REAL(OPENAT)(int, const char*, int, ...);                       \
+    extern "C" int WRAPPED(OPENAT)(int folder, const char* path, int flags, ...) { \
+        va_list arguments;                                                         \
+        va_start(arguments, flags);                                                \
+        const int mode = va_arg(arguments, int);                                   \
+        va_end(arguments);                                                         \
+        return failsNow("openat") ? -1 : REAL(OPENAT)(folder, path, flags, mode);  \
     }
 #define WRAP_FCNTL(isMeant)                                     \
     extern "C" int REAL(FCNTL)(int, int, ...);                  \
