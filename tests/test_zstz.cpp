@@ -137,18 +137,6 @@ TEST(Zstz, TellsDifferencesAndAppliesThem) {
     EXPECT_EQ(TempFolder::read(folder / "a"), "[s]\nk = 1\nl = 3\nl = 4\n[new]\nempty =\n");
 }
 
-TEST(Zstz, ManyAtOnceLoseNothing) {
-    TempFolder folder;
-    folder.write("f", kText);
-    string line = "cd '" + (folder / "") + "'; for i in $(seq 30); do '" + getenv("ZBASE_BUILD") +
-                  "/zstz' set f n key$i $i & done; wait";
-    ASSERT_EQ(system(line.c_str()), 0);
-    for (int i = 1; i <= 30; ++i)
-        EXPECT_EQ(run(folder, {"get", "f", "n", "key" + std::to_string(i)}).out,
-                  std::to_string(i) + "\n");
-    EXPECT_EQ(TempFolder::read(folder / "f").substr(0, strlen(kText)), kText);
-}
-
 TEST(Zstz, WatchesAFile) {
     TempFolder folder;
     folder.write("f", kText);
