@@ -637,14 +637,6 @@ TEST_F(CInterface, ACancelledStoreGivesItsLockBack) {
 }
 #endif
 
-TEST_F(CInterface, ACancelledOpenLeavesNothing) {
-    const string pipe = folder / "pipe";
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    ZPROP_handle* out = nullptr;
-    // Before the open or in it: nobody ever writes.
-    cancelWithin([&] { zstzPropOpen(&out, pipe.c_str(), ZPROP_OPEN_READ); }, [] {});
-}
-
 // ---------------------------------------------------------------- memory runs out
 
 int openAgain(const string& path) {
