@@ -3,6 +3,7 @@
 #include "support/Prelude.h"
 
 #include <optional>
+#include <sstream>
 #include <tuple>
 
 #include "Z/ZPropertiesUpdate.h"
@@ -297,18 +298,11 @@ TEST(KeepLines, RandomFilesKeepWhatWasntChanged) {
         p.addFileComment("# a");
         p.setValue("s2", "added", "1");
         p.store(nullptr);
-        const string now = TempFolder::read(path);
-        size_t at = 0;
-        const string old = model.text();
-        for (size_t from = 0; from < old.size();) {
-            const size_t end = std::min(old.find('\n', from), old.size() - 1) + 1;
-            const string line = old.substr(from, end - from);
-            const size_t found = now.find(line, at);
-            ASSERT_NE(found, string::npos) << "round " << round << ": " << line << "of\n"
-                                           << old << "in\n"
-                                           << now;
-            at = found + line.size();
-            from = end;
+        std::istringstream old(model.text()), now(TempFolder::read(path));
+        for (string line, found; std::getline(old, line);) {
+            do
+                ASSERT_TRUE(std::getline(now, found)) << "round " << round << ": " << line;
+            while (found != line);
         }
     }
 }

@@ -48,19 +48,16 @@ inline SelfChild runSelf(const std::string& test,
     int ends[2];
     if (pipe(ends) != 0)
         return {-1, "pipe failed"};
-    const pid_t child = fork();
-    if (child == 0) {
+    const pid_t child = startChild([&] {
         for (const auto& [name, value] : environment)
             value == nullptr ? unsetenv(name.c_str()) : setenv(name.c_str(), value, 1);
         dup2(ends[1], STDOUT_FILENO);
         dup2(ends[1], STDERR_FILENO);
-        close(ends[0]);
-        close(ends[1]);
+        close(ends[0]), close(ends[1]);
         const std::string filter = "--gtest_filter=" + test;
-        execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests", filter.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
+        return execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests", filter.c_str(),
+                     static_cast<char*>(nullptr));
+    });
     close(ends[1]);
     SelfChild result = {-1, ""};
     char buffer[4096];
