@@ -293,9 +293,9 @@ string content(int k) {
     return "[s]\nk = " + std::to_string(k) + "\nm = 1\nm = 2\n[gone]\nx = 1\n";
 }
 
-bool isReadable(const ZPropertiesWatcher& watcher) {
+bool isReadable(const ZPropertiesWatcher& watcher, int milliseconds = 0) {
     struct pollfd ready = {watcher.descriptor(), POLLIN, 0};
-    return poll(&ready, 1, 0) == 1;
+    return poll(&ready, 1, milliseconds) == 1;
 }
 
 // Collects what observers are told, as "+s.k", "-s", "~s.k".
@@ -472,7 +472,7 @@ TEST(Watcher, FollowsEveryWayToReplaceAFileOrAPartOfItsPath) {
          8},
     };
     const auto expect = [&](int told, unsigned int k) {
-        EXPECT_TRUE(isReadable(watcher));
+        EXPECT_TRUE(isReadable(watcher, 10000));
         EXPECT_EQ(watcher.process(), told);
         EXPECT_EQ(p.number("k"), k);
     };
