@@ -32,6 +32,7 @@
 #include "zwholefile.h"
 #include "zinternal.h"
 #include "zreport.h"
+#include "zscope.h"
 #include "zutfconvert.h"
 
 // ---------------------------------------------------------------- bytes
@@ -323,34 +324,6 @@ int ZJavaProperties::isSought() const {
 
 // ---------------------------------------------------------------- load
 
-namespace {
-
-/// Holds a stream's lock for a scope, so that reading a byte needn't take it.
-class StreamLock {
-public:
-    explicit StreamLock(FILE* stream) : stream_(stream) { flockfile(stream); }
-    ~StreamLock() { funlockfile(stream_); }
-    StreamLock(const StreamLock&) = delete;
-    StreamLock& operator=(const StreamLock&) = delete;
-
-private:
-    FILE* const stream_;
-};
-
-/// Empties a string at the end of a scope.
-class ClearAtEnd {
-public:
-    explicit ClearAtEnd(ZUTF8String& s) : s_(s) {}
-    ~ClearAtEnd() { s_.clear(); }
-    ClearAtEnd(const ClearAtEnd&) = delete;
-    ClearAtEnd& operator=(const ClearAtEnd&) = delete;
-
-private:
-    ZUTF8String& s_;
-};
-
-}  // namespace
-
 // Runs a step of a load: whether it went without an exception. One of the library prints itself.
 template <typename Step>
 __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
@@ -403,14 +376,15 @@ int ZJavaProperties::load(const char* path) {
 }
 
 int ZJavaProperties::load(const char* path, const char* key) {
-    const ClearAtEnd clear(searchKey_);
+    const ZAtEnd clear([this] { searchKey_.clear(); });
     if (!runPrinted([&] { searchKey_ = key; }))
         return 0;
     return load(path);
 }
 
 void ZJavaProperties::loadProperties(FILE* f, const char* path) {
-    const StreamLock lock(f);
+    flockfile(f);  // so that reading or writing a byte needn't take it
+    const ZAtEnd unlock([=] { funlockfile(f); });
     int previous = 0;
     int state = startLine;
     while (state >= startLine && state <= uu3) {
@@ -547,7 +521,8 @@ int ZJavaProperties::store(const char* path) const {
     lockFile(f, F_WRLCK, path);
     truncateFile(f, path);
     {
-        const StreamLock lock(f);
+        flockfile(f);  // so that reading or writing a byte needn't take it
+        const ZAtEnd unlock([=] { funlockfile(f); });
         fputs("#\n", f);
         for (unsigned int i = 0; i < entries.size(); ++i) {
             const Entry* entry = entryAt(i);

@@ -31,6 +31,7 @@
 #include "zpropoptions.h"
 #include "zqelutil.h"
 #include "zsafestore.h"
+#include "zscope.h"
 #include "zsidefile.h"
 #include "zsidenames.h"
 #include "zstrict.h"
@@ -116,22 +117,6 @@ static ZSpan spanOf(const ZBuffer& buffer) {
     return {static_cast<const char*>(buffer.getBuffer()), buffer.getLength()};
 }
 
-namespace {
-
-// Counts as loading for a scope: no change notice goes out meanwhile.
-class LoadingScope {
-public:
-    explicit LoadingScope(std::atomic<int>& loading) : loading_(loading) { loading_ = 1; }
-    ~LoadingScope() { loading_ = 0; }
-    LoadingScope(const LoadingScope&) = delete;
-    LoadingScope& operator=(const LoadingScope&) = delete;
-
-private:
-    std::atomic<int>& loading_;
-};
-
-}  // namespace
-
 // ---------------------------------------------------------------- load
 
 // Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
@@ -177,7 +162,8 @@ int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descript
 template <typename Close>
 void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
                            ZFileContent* content, Close close) {
-    LoadingScope loading(loading_);
+    loading_ = 1;  // no change notice goes out meanwhile
+    const ZAtEnd loaded([this] { loading_ = 0; });
     if (options_ != nullptr)
         options_->keepStamp(descriptor);
     const int incomplete = readContent(*cache_, path, descriptor, stream, content);
@@ -487,14 +473,14 @@ private:
 class FirstLoad {
 public:
     FirstLoad() {
-        const Mutex guard;
+        const ZMutexScope guard(mutex_);
         while (depth_ != 0 && pthread_equal(thread_, pthread_self()) == 0)
             pthread_cond_wait(&ended_, &mutex_);
         thread_ = pthread_self();
         ++depth_;
     }
     ~FirstLoad() {
-        const Mutex guard;
+        const ZMutexScope guard(mutex_);
         if (--depth_ == 0)
             pthread_cond_signal(&ended_);
     }
@@ -502,11 +488,6 @@ public:
     FirstLoad& operator=(const FirstLoad&) = delete;
 
 private:
-    struct Mutex {
-        Mutex() { pthread_mutex_lock(&mutex_); }
-        ~Mutex() { pthread_mutex_unlock(&mutex_); }
-    };
-
     static pthread_mutex_t mutex_;
     static pthread_cond_t ended_;
     static pthread_t thread_;  // whose turn it is; guarded by mutex_

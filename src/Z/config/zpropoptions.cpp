@@ -3,6 +3,7 @@
 
 #include "ZProperties.h"
 #include "zraise.h"
+#include "zscope.h"
 
 // ---------------------------------------------------------------- open updates
 
@@ -10,27 +11,15 @@ static pthread_mutex_t updatesMutex = PTHREAD_MUTEX_INITIALIZER;
 static ZUpdatedFile* updates;            // guarded by updatesMutex
 static std::atomic<int> updateCount(0);  // so that who has none pays nothing
 
-namespace {
-
-class UpdatesGuard {
-public:
-    UpdatesGuard() { pthread_mutex_lock(&updatesMutex); }
-    ~UpdatesGuard() { pthread_mutex_unlock(&updatesMutex); }
-    UpdatesGuard(const UpdatesGuard&) = delete;
-    UpdatesGuard& operator=(const UpdatesGuard&) = delete;
-};
-
-}  // namespace
-
 void znoteUpdate(ZUpdatedFile& file) {
-    UpdatesGuard guard;
+    const ZMutexScope guard(updatesMutex);
     file.next = updates;
     updates = &file;
     ++updateCount;
 }
 
 void zforgetUpdate(ZUpdatedFile& file) {
-    UpdatesGuard guard;
+    const ZMutexScope guard(updatesMutex);
     for (ZUpdatedFile** at = &updates; *at != nullptr; at = &(*at)->next)
         if (*at == &file) {
             *at = file.next;
@@ -43,7 +32,7 @@ bool zisUpdatedHere(const char* path) {
     ZFileStamp stamp;
     if (updateCount == 0 || path == nullptr || zstampFile(path, stamp) != 0)
         return false;
-    UpdatesGuard guard;
+    const ZMutexScope guard(updatesMutex);
     for (const ZUpdatedFile* file = updates; file != nullptr; file = file->next)
         if (pthread_equal(file->thread, pthread_self()) && zsameFile(file->stamp, stamp))
             return true;

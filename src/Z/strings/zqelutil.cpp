@@ -15,6 +15,7 @@
 #include "zinternal.h"
 #include "zreportformats.h"
 #include "zraise.h"
+#include "zscope.h"
 
 // Written once, by the set-up; names live for ever. The four that callers read without passing
 // pthread_once are atomics; what set-up wrote before them can be seen by whoever sees them.
@@ -82,10 +83,8 @@ static void reportFailure(ZException& failure, bool indispensable) {
         if (indispensable)
             zprintByDefault(failure);
     } else {
-        struct Mark {
-            Mark() { isReporting = true; }
-            ~Mark() { isReporting = false; }
-        } mark;
+        isReporting = true;
+        const ZAtEnd reported([] { isReporting = false; });
         try {
             failure.print();
         } catch (abi::__forced_unwind&) {

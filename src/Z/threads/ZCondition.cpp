@@ -9,6 +9,7 @@
 #include "ZException.h"
 #include "zmemory.h"
 #include "zreport.h"
+#include "zscope.h"
 
 static pthread_cond_t* makeCondition() {
     auto condition = zmake<pthread_cond_t>();
@@ -60,34 +61,21 @@ void ZCondition::wait(long seconds, int& timedOut) {
 }
 
 void ZCondition::wait(timespec& absolute, int& timedOut) {
-    /// Takes owner and depth off the lock for as long as the mutex is given up, and puts them back
-    /// on whatever way the wait ends: a cancelled thread leaves it by unwinding, with the mutex in
-    /// its hands, and runs the destructors of scopes that unlock.
-    class DepthGuard {
-    public:
-        explicit DepthGuard(ZLock& lock)
-            : lock_(lock),
-              depth_(lock.count_),
-              owner_(lock.owner_->load(std::memory_order_relaxed)) {
-            lock_.count_ = 0;
-            lock_.owner_->store(static_cast<pthread_t>(-1), std::memory_order_relaxed);
-        }
-        ~DepthGuard() {
-            lock_.count_ = depth_;
-            lock_.owner_->store(owner_, std::memory_order_relaxed);
-        }
-
-    private:
-        ZLock& lock_;
-        const int depth_;
-        const pthread_t owner_;
-    };
-
     validateLock();
     timedOut = 0;
     int rc;
     {
-        const DepthGuard guard(*lock_);
+        // Owner and depth are off the lock for as long as the mutex is given up, and come back on
+        // whatever way the wait ends: a cancelled thread leaves it by unwinding, with the mutex in
+        // its hands, and runs the destructors of scopes that unlock.
+        const int depth = lock_->count_;
+        const pthread_t owner = lock_->owner_->load(std::memory_order_relaxed);
+        lock_->count_ = 0;
+        lock_->owner_->store(static_cast<pthread_t>(-1), std::memory_order_relaxed);
+        const ZAtEnd putBack([&] {
+            lock_->count_ = depth;
+            lock_->owner_->store(owner, std::memory_order_relaxed);
+        });
         rc = absolute.tv_sec == 0 && absolute.tv_nsec == 0
                  ? pthread_cond_wait(cond_, lock_->mutex_)
                  : pthread_cond_timedwait(cond_, lock_->mutex_, &absolute);

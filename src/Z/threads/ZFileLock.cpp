@@ -34,6 +34,7 @@
 
 #include "ZExceptionText.h"
 #include "zraise.h"
+#include "zscope.h"
 #include "zuncancelled.h"
 
 static const char kPrefix[] = "._zpl";
@@ -87,28 +88,11 @@ static void whateverHappens(CleanUp cleanUp) {
     }
 }
 
-namespace {
-
-/// Runs a clean-up at the end of the scope, on whatever way it ends, unless it was dismissed.
+// Runs a clean-up at the end of the scope, whatever happens in it, unless it is dismissed.
 template <typename CleanUp>
-class OnFailure {
-public:
-    explicit OnFailure(CleanUp cleanUp) : cleanUp_(cleanUp) {}
-    ~OnFailure() {
-        if (!dismissed_)
-            whateverHappens(cleanUp_);
-    }
-    OnFailure(const OnFailure&) = delete;
-    OnFailure& operator=(const OnFailure&) = delete;
-
-    void dismiss() { dismissed_ = true; }
-
-private:
-    CleanUp cleanUp_;
-    bool dismissed_ = false;
-};
-
-}  // namespace
+static auto onFailure(CleanUp cleanUp) {
+    return ZAtEnd([=] { whateverHappens(cleanUp); });
+}
 
 // ---------------------------------------------------------------- construction and names
 
@@ -203,7 +187,7 @@ void ZAbstractProcessReadWriteFileLock::lock(zlockstate state) {
     dolock(state);
     if (state == unset)
         return;
-    OnFailure giveUp([this] { abandonGrant(); });
+    auto giveUp = onFailure([this] { abandonGrant(); });
     if (getLastSequence() == invalidSequence)
         setLastSequence();
     if (!isCurrent() && countObservers() > 0) {
@@ -213,7 +197,7 @@ void ZAbstractProcessReadWriteFileLock::lock(zlockstate state) {
             dolock(unset);
             giveUp.dismiss();
             dolock(write);
-            OnFailure giveUpAgain([this] { abandonGrant(); });
+            auto giveUpAgain = onFailure([this] { abandonGrant(); });
             setUpdate(0);
             notifyLockObservers();
             giveUpAgain.dismiss();
@@ -233,14 +217,14 @@ void ZAbstractProcessReadWriteFileLock::dolock(zlockstate state) {
 
 void ZAbstractProcessReadWriteFileLock::grant(zlockstate state) {
     ZAbstractProcessReadWriteLock::lock(state);
-    OnFailure leaveThreads([this] { ZAbstractProcessReadWriteLock::lock(unset); });
+    auto leaveThreads = onFailure([this] { ZAbstractProcessReadWriteLock::lock(unset); });
     if (state == write && getLockState() != unset)
         raiseState(getLockStateName(lockState_));
     leaveThreads.dismiss();
-    OnFailure leave([this] { leaveGrant(); });
+    auto leave = onFailure([this] { leaveGrant(); });
     {
         const ZResourceLock guard(fileLock_);
-        OnFailure leaveAtOnce([&] {
+        auto leaveAtOnce = onFailure([&] {
             leave.dismiss();
             leaveGrant();
         });
@@ -262,7 +246,7 @@ void ZAbstractProcessReadWriteFileLock::leaveGrant() {
 
 // Requires: fileLock_ is held.
 void ZAbstractProcessReadWriteFileLock::takeFile(zlockstate state) {
-    OnFailure abandon([this] { giveBack(); });
+    auto abandon = onFailure([this] { giveBack(); });
     lockFile(state);
     lockState_ = state;
     unsigned long sequence = 0;
@@ -313,10 +297,10 @@ void ZAbstractProcessReadWriteFileLock::abandonFile() {}
 
 void ZAbstractProcessReadWriteFileLock::lockFile(zlockstate state) {
     lockFileRange(write, kGate, kField);
-    OnFailure leaveGate([this] { unlockFileRange(kGate, kField); });
+    auto leaveGate = onFailure([this] { unlockFileRange(kGate, kField); });
     writePid();
     lockFileRange(state, kData, kField);
-    OnFailure leaveData([this] { unlockFileRange(kData, kField); });
+    auto leaveData = onFailure([this] { unlockFileRange(kData, kField); });
     if (state == read)
         unlockFileRange(kGate, kField);
     leaveData.dismiss();

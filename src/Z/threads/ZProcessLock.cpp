@@ -14,6 +14,7 @@
 
 #include "ZExceptionText.h"
 #include "zreport.h"
+#include "zscope.h"
 #include "zuncancelled.h"
 
 const unsigned long ZAbstractProcessReadWriteLock::invalidSequence;
@@ -129,29 +130,6 @@ ZObject* ZAbstractProcessReadWriteLock::clone() const {
 
 // ---------------------------------------------------------------- grants and releases
 
-namespace {
-
-/// Puts a value back at the end of the scope, unless what it was changed for went well.
-template <typename T>
-class PutBack {
-public:
-    PutBack(std::atomic<T>& place, T value) : place_(&place), value_(value) {}
-    ~PutBack() {
-        if (place_ != nullptr)
-            *place_ = value_;
-    }
-    PutBack(const PutBack&) = delete;
-    PutBack& operator=(const PutBack&) = delete;
-
-    void dismiss() { place_ = nullptr; }
-
-private:
-    std::atomic<T>* place_;
-    const T value_;
-};
-
-}  // namespace
-
 void ZAbstractProcessReadWriteLock::checkReleasable() const {
     if (!threadLock_.mayUnlock())
         zraise(ZUnlockResourceException(6, 0));
@@ -160,10 +138,10 @@ void ZAbstractProcessReadWriteLock::checkReleasable() const {
 void ZAbstractProcessReadWriteLock::lock(zlockstate state) {
     if (state == unset) {
         checkReleasable();
-        PutBack<int> update(update_, getUpdate());
+        ZAtEnd putBack([this, update = getUpdate()] { update_ = update; });
         setUpdate(0);
         threadLock_.lock(unset);
-        update.dismiss();
+        putBack.dismiss();
         return;
     }
     const zlockstate wanted = state == protect ? write : state;
@@ -280,8 +258,8 @@ void ZStubProcessReadWriteLock::lock(zlockstate state) {
         return;
     }
     checkReleasable();
-    PutBack<zlockstate> before(lockState_, lockState_);
+    ZAtEnd putBack([this, before = getLockState()] { lockState_ = before; });
     lockState_ = unset;
     ZAbstractProcessReadWriteLock::lock(unset);
-    before.dismiss();
+    putBack.dismiss();
 }

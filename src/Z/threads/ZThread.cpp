@@ -29,6 +29,7 @@
 #include "zinternal.h"
 #include "zmemory.h"
 #include "zreport.h"
+#include "zscope.h"
 #include "zuncancelled.h"
 
 // Sleeps while the word has this value, as a place where the thread can be cancelled. It unwinds
@@ -107,28 +108,6 @@ void ZThread::Life::noteObjectGone() {
         ZUnmake()(this);
 }
 
-namespace {
-
-/// The attributes of a thread that is to be made.
-class Attributes {
-public:
-    Attributes() { zcheckThread(15, pthread_attr_init(&attributes_)); }
-    ~Attributes() {
-        const int rc = pthread_attr_destroy(&attributes_);
-        if (rc != 0)
-            zreportCode(18, rc);
-    }
-    Attributes(const Attributes&) = delete;
-    Attributes& operator=(const Attributes&) = delete;
-
-    pthread_attr_t* get() { return &attributes_; }
-
-private:
-    pthread_attr_t attributes_;
-};
-
-}  // namespace
-
 ZThread::ZThread(pthread_t id) : ZThread(0, 0) {
     life_->id = id;
     joinable_ = 1;
@@ -159,17 +138,22 @@ int ZThread::compare(const ZObject& other) const {
 ZObject* ZThread::clone() const { zraise(ZNotClonableException()); }
 
 void ZThread::start() {
-    Attributes attributes;
-    zcheckThread(
-        16, pthread_attr_setdetachstate(
-                attributes.get(), detached_ ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE));
+    pthread_attr_t attributes;
+    zcheckThread(15, pthread_attr_init(&attributes));
+    const ZAtEnd destroy([&] {
+        const int rc = pthread_attr_destroy(&attributes);
+        if (rc != 0)
+            zreportCode(18, rc);
+    });
+    zcheckThread(16, pthread_attr_setdetachstate(&attributes, detached_ ? PTHREAD_CREATE_DETACHED
+                                                                        : PTHREAD_CREATE_JOINABLE));
 
     // All that the object has to know stands before there is a thread: a self-deleting one may be
     // gone when pthread_create returns.
     const pthread_t earlier = life_->id;
     const int earlierUnjoined = joinable_.exchange(detached_ ? 0 : 1);
     life_->noteStart();
-    const int rc = pthread_create(&life_->id, attributes.get(), threadMain, this);
+    const int rc = pthread_create(&life_->id, &attributes, threadMain, this);
     if (rc != 0) {
         life_->id = earlier;
         joinable_ = earlierUnjoined;
@@ -181,28 +165,15 @@ void ZThread::start() {
 }
 
 void ZThread::waitForExit() {
-    /// The right to join, given back unless the thread was joined.
-    class JoinRight {
-    public:
-        explicit JoinRight(std::atomic<int>& joinable)
-            : joinable_(joinable), held_(joinable.exchange(0)) {}
-        ~JoinRight() {
-            if (held_)
-                joinable_ = 1;
-        }
-        int held() const { return held_; }
-        void use() { held_ = 0; }
-
-    private:
-        std::atomic<int>& joinable_;
-        int held_;
-    };
-
     if (detached_)
         return;
-    JoinRight right(joinable_);
-    zcheckThread(20, right.held() ? pthread_join(life_->id, nullptr) : ESRCH);
-    right.use();
+    const int mayJoin = joinable_.exchange(0);
+    ZAtEnd giveBack([=] {
+        if (mayJoin)
+            joinable_ = 1;
+    });
+    zcheckThread(20, mayJoin ? pthread_join(life_->id, nullptr) : ESRCH);
+    giveBack.dismiss();
 }
 
 void ZThread::exit() {}
@@ -379,20 +350,9 @@ void ZSleeperThread::run() {
     }
 }
 
-// Notes what the thread does for a scope.
-class ZSleeperThread::While {
-public:
-    While(ZSleeperThread& thread, Doing doing) : thread_(thread) { thread_.doing_ = doing; }
-    ~While() { thread_.doing_ = somethingElse; }
-    While(const While&) = delete;
-    While& operator=(const While&) = delete;
-
-private:
-    ZSleeperThread& thread_;
-};
-
 void ZSleeperThread::sleep() {
-    const While asleep(*this, sleeping);
+    doing_ = sleeping;
+    const ZAtEnd awake([this] { doing_ = somethingElse; });
     if (timeout_ == 0) {
         sleepCondition_.wait();
         return;
@@ -405,7 +365,8 @@ void ZSleeperThread::sleep() {
 }
 
 void ZSleeperThread::workOnce() {
-    const While atWork(*this, working);
+    doing_ = working;
+    const ZAtEnd done([this] { doing_ = somethingElse; });
     wake_ = 0;  // before: work() may give the lock up, and then others may set it
     work();
 }

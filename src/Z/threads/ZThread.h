@@ -214,7 +214,6 @@ public:
 
 private:
     enum Doing { somethingElse, sleeping, working };
-    class While;
 
     void noteStarted(unsigned int run);
     void sleep();

@@ -21,6 +21,7 @@
 #include "zraise.h"
 #include "zmemory.h"
 #include "zreport.h"
+#include "zscope.h"
 
 namespace {
 
@@ -120,22 +121,6 @@ private:
     bool failed_;
 };
 
-/// One caller in waitForExit(), with the mutex held at both ends.
-class ZThreadPool::Closing {
-public:
-    explicit Closing(ZThreadPool& pool) : pool_(pool) {
-        ++pool_.closing_;
-        pool_.maxIdle_ = 0;
-    }
-    ~Closing() {
-        if (--pool_.closing_ == 0)
-            pool_.maxIdle_ = pool_.idleLimit_;
-    }
-
-private:
-    ZThreadPool& pool_;
-};
-
 /// The idle threads that waitForExit() has taken out, kept alive until each was stopped.
 class ZThreadPool::StopList {
 public:
@@ -165,11 +150,7 @@ private:
     ZThread& get(unsigned int index) const { return static_cast<ZThread&>(*threads_.get(index)); }
 
     static void stop(ZThread& thread) {
-        struct Release {
-            ZThread& thread;
-            ~Release() { thread.release(); }
-        };
-        const Release release{thread};
+        const ZAtEnd release([&] { thread.release(); });
         const auto stopOnce = [&] { thread.waitForExit(); };
         // Once more after a failure: a thread that isn't stopped would be waited for for ever.
         if (!zrunReported(stopOnce))
@@ -278,7 +259,12 @@ ZThread* ZThreadPool::getAvailableIdleThread(ZThread*& thread) {
 void ZThreadPool::waitForExit() {
     MutexGuard guard(mutex_);
     {
-        const Closing closing(*this);
+        ++closing_;
+        maxIdle_ = 0;
+        const ZAtEnd closed([this] {
+            if (--closing_ == 0)
+                maxIdle_ = idleLimit_;
+        });
         StopList idle(*this);
         if (!idle.isEmpty()) {
             const MutexGap gap(guard);

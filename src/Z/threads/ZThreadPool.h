@@ -88,7 +88,6 @@ private:
     friend class ZThread;
 
     class Booking;
-    class Closing;
     class StopList;
 
     void noteNotIdle(ZThread& thread);
