@@ -164,17 +164,6 @@ TEST(Properties, ArgumentsMayBeTextsOfTheirTargets) {
 
 // ---------------------------------------------------------------- changes and notices
 
-// Writes down what it is told.
-struct Recorder : ZObserverInterface {
-    void update(ZObservableInterface*, const ZObservedParm& parm) override {
-        const ZPropertyChanged& change = static_cast<const ZPropertyChanged&>(parm);
-        static const char* const kTypes[] = {"added", "deleted", "modified"};
-        heard += string(kTypes[change.changeType]) + " " + change.stanza +
-                 (change.key == nullptr ? "" : string(".") + change.key) + "\n";
-    }
-    string heard;
-};
-
 TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
     const string start = "[s]\nk = 1\nk = 2\n";
     typedef Loaded& P;
@@ -183,47 +172,45 @@ TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
         const char* heard;
         string written;
     } kCases[] = {
-        {[](P p) { p.setValue("s", "k", "v"); }, "modified s.k\n", "[s]\nk = v\n"},
-        {[](P p) { p.setValue("s", "k", ZUTF8ConstString("v")); }, "modified s.k\n",
-         "[s]\nk = v\n"},
-        {[](P p) { p.setValue("s", "k", nullptr); }, "modified s.k\n", "[s]\nk =\n"},
-        {[](P p) { p.setValue("s", "k", "", 1); }, "modified s.k\n", "[s]\nk =\n"},
-        {[](P p) { p.setIntegerValue("s", "k", ~0u); }, "modified s.k\n", "[s]\nk = 4294967295\n"},
-        {[](P p) { p.setBooleanValue("s", "n", 7); }, "modified s.n\n", start + "n = yes\n"},
-        {[](P p) { p.deleteKey("s", "k"); }, "deleted s.k\n", "[s]\n"},
-        {[](P p) { p.deleteKey("t", "k"); }, "deleted t.k\n", start},
-        {[](P p) { p.addStanza("s"); }, "added s\n", start},
-        {[](P p) { p.addStanza("t"); }, "added t\n", start + "\n[t]\n"},
-        {[](P p) { p.deleteStanza("s"); }, "deleted s\n", ""},
+        {[](P p) { p.setValue("s", "k", "v"); }, "~s.k ", "[s]\nk = v\n"},
+        {[](P p) { p.setValue("s", "k", ZUTF8ConstString("v")); }, "~s.k ", "[s]\nk = v\n"},
+        {[](P p) { p.setValue("s", "k", nullptr); }, "~s.k ", "[s]\nk =\n"},
+        {[](P p) { p.setValue("s", "k", "", 1); }, "~s.k ", "[s]\nk =\n"},
+        {[](P p) { p.setIntegerValue("s", "k", ~0u); }, "~s.k ", "[s]\nk = 4294967295\n"},
+        {[](P p) { p.setBooleanValue("s", "n", 7); }, "~s.n ", start + "n = yes\n"},
+        {[](P p) { p.deleteKey("s", "k"); }, "-s.k ", "[s]\n"},
+        {[](P p) { p.deleteKey("t", "k"); }, "-t.k ", start},
+        {[](P p) { p.addStanza("s"); }, "+s ", start},
+        {[](P p) { p.addStanza("t"); }, "+t ", start + "\n[t]\n"},
+        {[](P p) { p.deleteStanza("s"); }, "-s ", ""},
         {[](P p) { p.addFileComment("c"); }, "", "#c\n\n" + start},
         {[](P p) { p.addEntryComment("s", "k", "# c"); }, "", "[s]\n\n# c\nk = 1\nk = 2\n"},
         {[](P p) { p.addStanzaComment("s", "c"); }, "", "[s]\n#c\n\nk = 1\nk = 2\n"},
         {[](P p) { p.addValue("s", "k", "3", 0); }, "", start + "k = 3\n"},
         {[](P p) { p.addValue("s", "k", "1", 0); }, nullptr, start},
-        {[](P p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n", start + "\n[t]\nk = 1\n"},
+        {[](P p) { p.addValue("t", "k", "1", 0); }, "~t.k ", start + "\n[t]\nk = 1\n"},
     };
     for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
         SCOPED_TRACE(i);
         Loaded p(start);
-        Recorder recorder;
-        p.addObserver(&recorder);
+        Notices notices;
+        p.addObserver(&notices);
         kCases[i].change(p);
         // Null: nothing changed at all, and the object says so.
-        EXPECT_EQ(recorder.heard, kCases[i].heard == nullptr ? "" : kCases[i].heard);
+        EXPECT_EQ(notices.told, kCases[i].heard == nullptr ? "" : kCases[i].heard);
         EXPECT_EQ(p.isModified(), kCases[i].heard == nullptr ? 0 : 1);
         EXPECT_EQ(p.written(), kCases[i].written);
     }
 }
 
 // Says of each notice whether the object was locked by its teller; what it does then is the test's.
-struct Listener : ZObserverInterface {
+struct Listener : Notices {
     void update(ZObservableInterface* source, const ZObservedParm& parm) override {
-        recorder.update(source, parm);
+        Notices::update(source, parm);
         EXPECT_FALSE(static_cast<Loaded*>(source)->isLocked());
         std::exchange(then, nothing)();
     }
     static void nothing() {}
-    Recorder recorder;
     std::function<void()> then = nothing;  // the next time only
 };
 
@@ -243,13 +230,13 @@ TEST(Properties, NoticesWaitForTheLastHoldOfTheLock) {
              p.deleteStanza("u");
              p.deleteKey("s", walk.entryName());
          },
-         "modified s.n\nmodified s.n\nmodified t.k\nadded u\ndeleted u\ndeleted s.k\n"},
-        {[](P p) { p.addValue("t", "k", "1", 0); }, "modified t.k\n"},
+         "~s.n ~s.n ~t.k +u -u -s.k "},
+        {[](P p) { p.addValue("t", "k", "1", 0); }, "~t.k "},
         // The names go with what they name.
         {[](P p) {
              p.deleteKey("s", static_cast<ZLCString*>(p.keyNames("s")->get(0))->getChars());
          },
-         "deleted s.k\n"},
+         "-s.k "},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.heard);
@@ -257,7 +244,7 @@ TEST(Properties, NoticesWaitForTheLastHoldOfTheLock) {
         Listener listener;
         p.addObserver(&listener);
         c.change(p);
-        EXPECT_EQ(listener.recorder.heard, c.heard);
+        EXPECT_EQ(listener.told, c.heard);
     }
 }
 
@@ -277,7 +264,7 @@ TEST(Properties, AnObserverThatRaisesStopsNobodyElsesNotice) {
     };
     RecordingService service;
     EXPECT_EQ(numberOf(change), 22);
-    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\n");
+    EXPECT_EQ(listener.told, "~s.a ~s.b ");
     EXPECT_EQ(service.reports(), std::vector<string>{"raised 22"});
     // On the way out of a failure it is reported: the failure goes on.
     for (bool byWalk : {true, false})
@@ -293,25 +280,25 @@ TEST(Properties, AnObserverThatRaisesStopsNobodyElsesNotice) {
     EXPECT_EQ(service.reports().size(), 3u);
     EXPECT_FALSE(p.isLocked());
     // What an observer changes is told after what was changed before.
-    listener.recorder.heard.clear();
+    listener.told.clear();
     listener.then = [&] { p.setValue("s", "c", "1"); };
     change();
-    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\nmodified s.c\n");
+    EXPECT_EQ(listener.told, "~s.a ~s.b ~s.c ");
 #if CAN_UNWIND
-    listener.recorder.heard.clear();
+    listener.told.clear();
     listener.then = [] { pthread_exit(nullptr); };
     std::thread(change).join();
-    EXPECT_EQ(listener.recorder.heard, "modified s.a\nmodified s.b\n");
+    EXPECT_EQ(listener.told, "~s.a ~s.b ");
 #endif
 }
 
 TEST(Properties, ACopyHasItsOwnContentAndNoObservers) {
     Loaded p("[s]\nk = 1\n");
-    Recorder recorder;
-    p.addObserver(&recorder);
+    Notices notices;
+    p.addObserver(&notices);
     Loaded copy(p);
     copy.setValue("s", "k", "2");
-    EXPECT_EQ(p.value("s", "k") + copy.value("s", "k") + recorder.heard, "12");
+    EXPECT_EQ(p.value("s", "k") + copy.value("s", "k") + notices.told, "12");
 }
 
 // ---------------------------------------------------------------- walks

@@ -48,4 +48,14 @@ struct Config : ZStanzaFileProperties {
     ZSCFData& data() { return *static_cast<ZSCFData*>(cache_); }
 };
 
+/// Collects what observers are told, as "+s.k ", "-s ", "~s.k ".
+struct Notices : ZObserverInterface {
+    void update(ZObservableInterface*, const ZObservedParm& parameter) override {
+        const auto& change = static_cast<const ZPropertyChanged&>(parameter);
+        told += "+-~"[change.changeType] + std::string(change.stanza) +
+                (change.key == nullptr ? "" : std::string(".") + change.key) + " ";
+    }
+    std::string told;
+};
+
 #endif
