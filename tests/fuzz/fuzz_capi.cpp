@@ -3,30 +3,18 @@
 // texts, each ended by a newline byte or the end of the input.
 #include <Z/zproperties.h>
 
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
 
-static char folder[] = "/tmp/zbase-fuzz-XXXXXX";
-static std::string path;
+#include "support/TempFolder.h"
 
-static void removeFiles() {
-    unlink(path.c_str());
-    unlink((path + ".obf").c_str());
-    rmdir(folder);
-}
+static const TempFolder folder;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
-    if (mkdtemp(folder) == nullptr)
-        abort();
-    path = std::string(folder) + "/a.conf";
-    atexit(removeFiles);
     return 0;
 }
 
@@ -99,9 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The first text, up to a form feed, is the file.
     const void* feed = memchr(data, '\f', size);
     const size_t head = feed == nullptr ? 0 : static_cast<const uint8_t*>(feed) - data;
-    FILE* file = fopen(path.c_str(), "w");
-    fwrite(data, 1, head, file);
-    fclose(file);
+    const std::string path =
+        folder.write("a.conf", std::string(reinterpret_cast<const char*>(data), head));
     ZPROP_handle* handle = nullptr;
     if (zstzPropOpen(&handle, path.c_str(), ZPROP_OPEN_UPDATE) != ZPROP_OK)
         return 0;
