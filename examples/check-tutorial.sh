@@ -24,18 +24,18 @@ for source in tutorial/*.cpp; do
     diff <(program "$(basename "$source")") "$source"
 done
 
-run() { "$build/examples/tutorial_$1"; }
+step() { "$build/examples/tutorial_$1"; }
 cp service.conf "$folder/"
 cd "$folder"
-shown "$(run read)"
-run change
+shown "$(step read)"
+step change
 shown "$(grep -A2 '^# timeout = 90' service.conf)"
 if grep -q '^tls' service.conf; then exit 1; fi
-shown "$(run values)"
-for _ in 1 2 3 4; do run share & done
+shown "$(step values)"
+for _ in 1 2 3 4; do step share & done
 wait
 [ "$("$build/zstz" get service.conf queue jobs)" = 40 ]
-run watch >watched &
+step watch >watched &
 until [ "$(cat watched)" = watching ]; do sleep 0.02; done
 "$build/zstz" set service.conf queue jobs 41
 until [ "$(wc -l <watched)" -eq 2 ]; do sleep 0.02; done

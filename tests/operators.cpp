@@ -1,5 +1,6 @@
-// operators.cpp: strings compared as clients write it: each pair of classes compiles and compares texts,
-// in every standard that the headers promise. scripts/check-operators builds and runs it in each.
+// operators.cpp: strings compared as clients write it: each pair of classes compiles and compares
+// texts, in every standard that the headers promise. scripts/check-operators builds and runs it in
+// each.
 #include <Z/ZException.h>
 #include <Z/ZString.h>
 

@@ -111,8 +111,8 @@ TEST_F(CInterface, OpenTouchesItsHandleOnlyOnceTheArgumentsAreGood) {
     EXPECT_EQ(zstzPropOpen(nullptr, path.c_str(), ZPROP_OPEN_READ), 55);
 }
 
-// *err of a reader, whose answer is the good one, or nothing where it fails; what *err was before, where
-// it was left alone.
+// *err of a reader, whose answer is the good one, or nothing where it fails; what *err was before,
+// where it was left alone.
 template <typename Answer, typename Call>
 int errOf(Answer good, Call call) {
     int err = kUntouched;
@@ -123,8 +123,8 @@ int errOf(Answer good, Call call) {
     return err;
 }
 
-// Every function that takes a handle: its result number, or *err. The names are good ones; each may be
-// missing where the function needs it.
+// Every function that takes a handle: its result number, or *err. The names are good ones; each may
+// be missing where the function needs it.
 struct HandleCall {
     const char* name;
     int (*call)(Handle, const char* stanza, const char* key);

@@ -1,4 +1,5 @@
-// The formatter beside a model of its rules, and at its edges: cuts, memory, broken formats, codesets.
+// The formatter beside a model of its rules, and at its edges: cuts, memory, broken formats,
+// codesets.
 #include "support/Prelude.h"
 
 #include <sys/mman.h>

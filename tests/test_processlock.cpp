@@ -1,5 +1,5 @@
-// Locks among processes: the stubs for the order of steps, and the lock file against real processes,
-// killed ones included. ZBASE_KILL_ROUNDS sets the number of kills.
+// Locks among processes: the stubs for the order of steps, and the lock file against real
+// processes, killed ones included. ZBASE_KILL_ROUNDS sets the number of kills.
 #include "support/Prelude.h"
 
 #include <signal.h>
@@ -504,7 +504,8 @@ TEST(FileLockProcesses, AChildOwnsNothingOfWhatItsParentHolds) {
         return lock.getLockState() == unset && lock.ownWriteLock() == 0 &&
                lock.haveLock(unset) == 1 && lock.getFileHandle() == -1;
     };
-    // What a child does first with the lock that it has inherited: 0 if that was nothing to the parent.
+    // What a child does first with the lock that it has inherited: 0 if that was nothing to the
+    // parent.
     const std::function<int(Lock&)> actions[] = {
         [&](Lock& lock) { return isFree(lock) ? 0 : 1; },
         [&](Lock& lock) { return lock.unlock(), isFree(lock) ? 0 : 1; },

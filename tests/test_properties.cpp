@@ -357,8 +357,8 @@ TEST(KeyWalk, AsksItsOwnGetValues) {
     EXPECT_EQ(walk.asked, "bc");
 }
 
-// n: goes on to the next, which must be there, +x: adds, ~x: changes, !: removes; and past the walk,
-// =x: sets the key, -: deletes it.
+// n: goes on to the next, which must be there, +x: adds, ~x: changes, !: removes; and past the
+// walk, =x: sets the key, -: deletes it.
 void take(Walk& walk, Loaded& p, const char*& step) {
     const char* now = nullptr;
     const auto text = [&] { return string(1, *++step); };

@@ -128,7 +128,8 @@ TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
     EXPECT_EQ(cache.obfuscatedDBName(), "");
 }
 
-// What is refused, the number of the bad line, and that what is written of the rest reads back to the same.
+// What is refused, the number of the bad line, and that what is written of the rest reads back to
+// the same.
 TEST(StanzaReader, BadLines) {
     const std::pair<const char*, int> kBad[] = {
         {"k = v\n", 1},

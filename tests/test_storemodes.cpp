@@ -1,5 +1,5 @@
-// What is refused, what is kept byte for byte, and what stores leave on the disk: strict, keep lines,
-// store modes, waiting, the exact change test, journals.
+// What is refused, what is kept byte for byte, and what stores leave on the disk: strict, keep
+// lines, store modes, waiting, the exact change test, journals.
 #include "support/Prelude.h"
 
 #include <optional>
@@ -638,7 +638,8 @@ TEST(Journal, AWholeOneCountsWhileTheFileIsWhatItsStoreLeft) {
         }
 }
 
-// A text that gets shorter: the page behind its new end is cleared, which may come to the disk first.
+// A text that gets shorter: the page behind its new end is cleared, which may come to the disk
+// first.
 TEST(Journal, KnowsWhatATruncationLeaves) {
     const Journaled j(false);
     const size_t more = j.oldText.size() - j.newText.size();

@@ -193,8 +193,8 @@ TEST(ConstStrings, PointAtTheTextOfOthers) {
 }
 
 #if UINTPTR_MAX > 0xFFFFFFFFU
-// A text of so many 'x' and a bit that needs little memory, since the same pages stand behind all of
-// it; null if there is no room. It stays to the end.
+// A text of so many 'x' and a bit that needs little memory, since the same pages stand behind all
+// of it; null if there is no room. It stays to the end.
 const char* hugeText(size_t length) {
     const size_t piece = 4 << 20, size = (length / piece + 1) * piece;
     char* const begin =
@@ -255,8 +255,8 @@ TYPED_TEST(BothFamilies, TakeTheirOwnText) {
     }
 }
 
-// Views of the other codeset on the text that the conversion replaces, their length counted before or
-// not; ASCII, so that the text stays.
+// Views of the other codeset on the text that the conversion replaces, their length counted before
+// or not; ASCII, so that the text stays.
 template <typename String, typename View>
 void expectConvertsItself() {
     void (*const changes[])(String&, const View&) = {

@@ -248,8 +248,8 @@ TEST(Codesets, CopyWholeCharactersOnly) {
         EXPECT_EQ(qel_strncat(utf8, target.data(), kAEuroB.c_str(), n), "x" + whole);
     }
 
-    // Bytes behind which nothing may be read: what the end cuts off is left out, what is no character
-    // anyhow isn't.
+    // Bytes behind which nothing may be read: what the end cuts off is left out, what is no
+    // character anyhow isn't.
     const struct {
         const char *codeset, *bytes;
         size_t whole;

@@ -550,8 +550,8 @@ TEST(CWatch, TellsACallback) {
 
 // ---------------------------------------------------------------- who meets on a file
 
-// Loads all the while, until the other end of the pipe is closed. The number of loads that failed or
-// gave values that were never stored together.
+// Loads all the while, until the other end of the pipe is closed. The number of loads that failed
+// or gave values that were never stored together.
 int countTorn(ZProperties& p, int end) {
     int torn = 0;
     fcntl(end, F_SETFL, O_NONBLOCK);

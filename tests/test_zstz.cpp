@@ -17,7 +17,8 @@ struct Outcome {
     string out, err;
 };
 
-// Runs a line of the shell in a folder, where zstz is the command, without QELDIR and in the C locale.
+// Runs a line of the shell in a folder, where zstz is the command, without QELDIR and in the C
+// locale.
 int shell(const TempFolder& folder, const string& line) {
     const char* build = getenv("ZBASE_BUILD");
     const int status =

@@ -1,10 +1,10 @@
 // edits.cpp: what scripts/prove-edits lets several processes do at once, and zstz has no word for.
 //
-//   count FILE TIMES MODE       adds 1 to the key "n" of the stanza "count", so often, in updates that
-//                               store in this mode
-//   hide FILE MODE VALUE        sets the hidden key "word" of the stanza "secrets" by a store of this mode
-//   full FILE MODE              stores more and more until there is no room: prints how it failed and
-//                               what is loaded then
+//   count FILE TIMES MODE   adds 1 to the key "n" of the stanza "count", so often, in updates that
+//                           store in this mode
+//   hide FILE MODE VALUE    sets the hidden key "word" of the stanza "secrets" by such a store
+//   full FILE MODE          stores more and more until there is no room: prints how it failed, and
+//                           what is loaded then
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,6 @@
-// Threads that are cancelled inside the calls that make something: descriptors, streams, mappings; and
-// while members are deleted. The linker leads such calls to the functions below (--wrap), which do the
-// work first: a result is there then that nobody has. Threads begin with std::thread.
+// Threads that are cancelled inside the calls that make something: descriptors, streams, mappings;
+// and while members are deleted. The linker leads such calls to the functions below (--wrap), which
+// do the work first: a result is there then that nobody has. Threads begin with std::thread.
 #include "support/Prelude.h"
 
 #include <dirent.h>

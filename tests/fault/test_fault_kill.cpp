@@ -1,8 +1,8 @@
-// Processes that are killed at each system call of a safe store, and of the store that mends what the
-// first has left: what is loaded then is the old or the new content, and nothing else.
+// Processes that are killed at each system call of a safe store, and of the store that mends what
+// the first has left: what is loaded then is the old or the new content, and nothing else.
 //
-// With ZBASE_FULL set, at all of them; else at every third, and in every fifth of what those leave: a
-// fork takes long under the sanitizers.
+// With ZBASE_FULL set, at all of them; else at every third, and in every fifth of what those leave:
+// a fork takes long under the sanitizers.
 //
 // A child stops itself ahead of the store; its parent counts its system calls from there on, their
 // beginnings and ends, and kills it at the n-th.
@@ -90,8 +90,8 @@ void store(const Scene& scene, const char* value, bool stops) {
     scene.store(p, value);
 }
 
-// Kills a store of `value` at each `step`-th stop. What is loaded then must be one of `allowed`. Collects what lay
-// there, and the number of kills.
+// Kills a store of `value` at each `step`-th stop. What is loaded then must be one of `allowed`.
+// Collects what lay there, and the number of kills.
 void sweep(const Scene& scene, const Files& start, const char* value,
            const std::set<string>& allowed, int step, std::set<Files>& left, int& kills) {
     for (int nth = 0;; nth += step) {

@@ -1,5 +1,6 @@
-// Loads and stores where the system refuses: for checked and safe stores each system call of theirs, once
-// or from some time on; and where memory runs out. System calls are led to the functions below by the linker (--wrap).
+// Loads and stores where the system refuses: for checked and safe stores each system call of
+// theirs, once or from some time on; and where memory runs out. System calls are led to the
+// functions below by the linker (--wrap).
 #include "support/Prelude.h"
 
 #include "Z/ZPropertiesWatcher.h"
@@ -35,7 +36,8 @@ void note(const char* step) {
 }
 
 bool failsNow(const char* call) {
-    // No file system of the test's has to be full: what can't promise room finds out when it writes.
+    // No file system of the test's has to be full: what can't promise room finds out when it
+    // writes.
     if (extent == fullDisk && strcmp(call, "fallocate") == 0) {
         errno = EOPNOTSUPP;
         return true;
@@ -180,8 +182,8 @@ struct Storing : Scene {
     }
 };
 
-// Lets each call of a store fail, one store after the other, until one goes through. Returns how many
-// failed.
+// Lets each call of a store fail, one store after the other, until one goes through. Returns how
+// many failed.
 int failEachCall(int mode, const Variant& v, Extent how, int code, bool done = false) {
     static int failures = 0;
     int forward = 0;  // failures that left the new content, behind the last step that can be undone
@@ -281,9 +283,9 @@ TEST(FaultStore, ShortWritesGoOn) {
             EXPECT_EQ(failEachCall(mode, v, shortWrites, 0), 0);
 }
 
-// What a power cut would leave can't be tried here; the order on which it depends can: the journal and
-// its folder are on the disk ahead of the first byte in place, the text ahead of the side database, and
-// all that before the journal goes.
+// What a power cut would leave can't be tried here; the order on which it depends can: the journal
+// and its folder are on the disk ahead of the first byte in place, the text ahead of the side
+// database, and all that before the journal goes.
 TEST(FaultStore, SafeStoresSyncInOrder) {
     // Beside the text: header and parts of the journal, the side database, marks.
     const char* const kOrders[] = {

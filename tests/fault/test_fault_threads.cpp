@@ -1,6 +1,6 @@
-// Locks, conditions, threads, sleepers and the pool when the thread services of the system fail, and
-// what stays taken then. The linker leads the calls of this program to the functions below (--wrap); its threads
-// start with ZThread and pthread_create.
+// Locks, conditions, threads, sleepers and the pool when the thread services of the system fail,
+// and what stays taken then. The linker leads the calls of this program to the functions below
+// (--wrap); its threads start with ZThread and pthread_create.
 #include "support/Prelude.h"
 
 #include <time.h>
@@ -43,8 +43,8 @@ int timedWaitFailure = EINVAL;
 timespec lastLimit;
 const timespec* falseTime = nullptr;
 
-// The condition that was last waited for with a limit; and whether that wait is to end as if its time
-// had passed.
+// The condition that was last waited for with a limit; and whether that wait is to end as if its
+// time had passed.
 std::atomic<pthread_cond_t*> lastCondition(nullptr);
 std::atomic<pthread_mutex_t*> lastMutex(nullptr);
 std::atomic<bool> periodOver(false);

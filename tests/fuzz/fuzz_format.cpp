@@ -1,11 +1,11 @@
 // Any bytes as a format: nothing is read behind its NUL, nothing written behind the target, and all
-// ways to format do what the model does. The first byte chooses the target's size; if it is odd, the
-// rest makes floating-point formats and numbers instead.
+// ways to format do what the model does. The first byte chooses the target's size; if it is odd,
+// the rest makes floating-point formats and numbers instead.
 //
 // Every other argument is a pointer to text, so that any directive finds what it may follow. The
-// pointers' low halves are small, as they are widths and precisions too. What is bounded: the system
-// library takes seconds and gigabytes for a floating-point number with a precision of millions, and
-// the model for any, so formats with such digits are only measured, or left out.
+// pointers' low halves are small, as they are widths and precisions too. What is bounded: the
+// system library takes seconds and gigabytes for a floating-point number with a precision of
+// millions, and the model for any, so formats with such digits are only measured, or left out.
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
-// Any bytes as a stanza file; behind a first byte 0, as a side database; behind a first byte 1, as its
-// records. Reading ends, what was read is consistent, and what is written of it reads back to the same.
+// Any bytes as a stanza file; behind a first byte 0, as a side database; behind a first byte 1, as
+// its records. Reading ends, what was read is consistent, and what is written of it reads back to
+// the same.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

@@ -10,8 +10,8 @@
 #include "Z/ZSCFData.h"
 #include "Z/ZStanzaFileProperties.h"
 
-// Thousands of syncs: on a disk they would take minutes. And in memory, many stores go into one tick of
-// the clock that stamps files.
+// Thousands of syncs: on a disk they would take minutes. And in memory, many stores go into one
+// tick of the clock that stamps files.
 inline const int kInMemory =
     access("/dev/shm", W_OK | X_OK) == 0 ? setenv("TMPDIR", "/dev/shm", 1) : 0;
 

@@ -1,5 +1,5 @@
-// FaultScene.h: a stanza file with or without a side database, whose content says "old" everywhere; and
-// what a store of another content, that was disturbed, has left of it.
+// FaultScene.h: a stanza file with or without a side database, whose content says "old" everywhere;
+// and what a store of another content, that was disturbed, has left of it.
 #ifndef TESTS_SUPPORT_FAULTSCENE_H
 #define TESTS_SUPPORT_FAULTSCENE_H
 

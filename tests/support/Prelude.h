@@ -1,5 +1,5 @@
-// Prelude.h: what nearly every test program includes. A program includes this first, then the headers
-// under test, and of the system's and tests/support only what stands not here.
+// Prelude.h: what nearly every test program includes. A program includes this first, then the
+// headers under test, and of the system's and tests/support only what stands not here.
 #pragma once
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// SelfChild.h: runs something in a process of its own; and one test of this very program in one, for
-// what a process has only once: its locale, its first string, its default message service.
+// SelfChild.h: runs something in a process of its own; and one test of this very program in one,
+// for what a process has only once: its locale, its first string, its default message service.
 //
 // Such a test is named DISABLED_..., so that it runs in children alone.
 #ifndef TESTS_SUPPORT_SELF_CHILD_H

@@ -1,6 +1,6 @@
-// Wrapped.h: names of the system calls that the linker leads to a test's own functions (--wrap), as the
-// units that touch files call them: on 32 bits those are built for big files and late dates. For one
-// source of a program, which says failsNow(call) first.
+// Wrapped.h: names of the system calls that the linker leads to a test's own functions (--wrap), as
+// the units that touch files call them: on 32 bits those are built for big files and late dates.
+// For one source of a program, which says failsNow(call) first.
 #pragma once
 
 #include <fcntl.h>

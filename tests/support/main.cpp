@@ -1,5 +1,5 @@
-// main.cpp: starts a test program, by ctest, by hand or in a debugger: what it needs of its environment
-// stands in the build folder.
+// main.cpp: starts a test program, by ctest, by hand or in a debugger: what it needs of its
+// environment stands in the build folder.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

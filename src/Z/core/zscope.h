@@ -6,8 +6,8 @@
 
 #include <utility>
 
-/// Runs a function when the scope ends, on whatever way, a thread's cancellation included, unless it
-/// was dismissed. Requires: the function raises nothing.
+/// Runs a function when the scope ends, on whatever way, a thread's cancellation included, unless
+/// it was dismissed. Requires: the function raises nothing.
 ///
 ///     counter = 1;
 ///     ZAtEnd undo([&] { counter = 0; });
