@@ -89,6 +89,7 @@ TEST(Buffer, HandsItsBytesOverAndTakesOthers) {
         EXPECT_EQ(buffer.getBuffer(), nullptr);
         free(data);
         buffer.setBuffer(2, const_cast<char*>("xy"));
+        buffer.setBuffer(6, const_cast<char*>("longer"));
     }
     EXPECT_EQ(track.live(), 0);
 }
