@@ -489,12 +489,14 @@ TEST(ChangeTest, ExactSeesWhatSecondsMiss) {
             write("f", digit);
             EXPECT_EQ(value(), exact ? digit : "1");
         }
-        // A settled file isn't read again: what the object has been given stays.
-        ahead = 1;
-        value();
-        p->setValue("s", "k", "given");
-        p->resetModified();
-        EXPECT_EQ(value(), "given");
+        // A young file may have changed again within a tick of the clock, and is read; a settled one isn't,
+        // and what the object has been given stays.
+        for (ahead = 0; ahead < 2; ++ahead) {
+            value();
+            p->setValue("s", "k", "given");
+            p->resetModified();
+            EXPECT_EQ(value(), exact && ahead == 0 ? "3" : "given");
+        }
         // Another file.
         rename(write("g", "4").c_str(), path.c_str());
         EXPECT_EQ(value(), exact ? "4" : "given");
@@ -503,22 +505,6 @@ TEST(ChangeTest, ExactSeesWhatSecondsMiss) {
         delete p;
         ahead = 0;
     }
-}
-
-TEST(ChangeTest, StoresWithinOneTickAreTold) {
-    const TempFolder folder;
-    const string path = folder.write("f", "[s]\nk = 00\n");
-    ZStanzaFileProperties::ZStanzaFilePropertiesFactory factory;
-    ZProperties* reader = ZProperties::getPropertiesFor(path.c_str(), factory, 0);
-    reader->setChangeTest(ZPROP_CHANGE_EXACT);
-    Config writer(path);
-    for (unsigned int i = 10; i < 60; ++i) {
-        writer.setIntegerValue("s", "k", i);
-        writer.store(nullptr);
-        ZProperties::getPropertiesFor(path.c_str(), factory, 0);
-        ASSERT_EQ(reader->getIntegerValue("s", "k", 1, 0), i);
-    }
-    delete reader;
 }
 
 // ---------------------------------------------------------------- journals
