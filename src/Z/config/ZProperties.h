@@ -297,7 +297,7 @@ protected:
     void sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                           ZPropertyChanged::PropertyChangeType type, const char* category,
                           const char* key);
-    /// The same of a change by this object. Who has come since it began isn't told.
+    /// The same of a change by this object. Observers added since the change began aren't told.
     void sendChangeNotice(ZPropertyChanged::PropertyChangeType type, const ZChangeNames& names);
 
     /// `text` as it is stored, in the local codeset. With ZPCACHE_STRICT set, raises

@@ -507,13 +507,13 @@ bool ZProperties::isOutdated(const char* file) const {
     ZResourceLock guard(lock_);
     ZFileStamp now;
     if (zstampFile(file, now) != 0)
-        return false;  // as a file that has vanished always was
+        return false;  // a file that has vanished is no reason to reload: nothing could be read
     return options_ == nullptr || !options_->hasStamp || !zsameContent(options_->stamp, now);
 }
 
 // Brings a shared object up to date. Whether there is anything to do is asked twice: before the
-// wait for the object, so that who needs no reload doesn't wait, and under its lock, since whoever
-// held it may have changed or reloaded it.
+// wait for the object, so that a caller who needs no reload doesn't wait, and again under its lock,
+// since the thread that held it may have changed or reloaded it.
 void ZProperties::follow(const char* file, int forceReload) {
     const auto isCurrent = [&](long& stamp) {
         if (forceReload == 0 && isModified() != 0)

@@ -9,7 +9,7 @@
 
 static pthread_mutex_t updatesMutex = PTHREAD_MUTEX_INITIALIZER;
 static ZUpdatedFile* updates;            // guarded by updatesMutex
-static std::atomic<int> updateCount(0);  // so that who has none pays nothing
+static std::atomic<int> updateCount(0);  // so that without an update nothing is paid
 
 void znoteUpdate(ZUpdatedFile& file) {
     const ZMutexScope guard(updatesMutex);

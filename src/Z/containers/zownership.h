@@ -19,8 +19,8 @@ void zreleaseBlock(void* block) noexcept;
 /// Deletes a member that has already left its container; null is allowed. What its destructor
 /// raises is reported, since the container has nobody to raise it to and must go on. A thread isn't
 /// cancelled in there: most containers are destroyed without a way out, and others are half
-/// changed. Who deletes many holds cancellation off for all of them, after which the single one
-/// costs little.
+/// changed. A caller that deletes many holds cancellation off once for all of them: each costs
+/// little then.
 void zdeleteMember(ZObject* member);
 
 /// A member on its way into a container: its clone if the container owns members, which is deleted

@@ -177,7 +177,7 @@ protected:
     static int collate(const char* a, const char* b);
 
     // Whichever constructor first sees 0 fills them, always with the same values. utf8_handle_ is
-    // stored last, so who sees it sees both.
+    // stored last: a thread that finds it set finds lcs_handle_ set too.
     static std::atomic<zcodeset_handle> utf8_handle_;
     static std::atomic<zcodeset_handle> lcs_handle_;
 

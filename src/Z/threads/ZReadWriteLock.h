@@ -98,8 +98,9 @@ public:
 ///   (2) A reader that leaves; raises 6 if there is none.
 ///
 /// A writer that waits holds nobody back: readers go on entering, and it gets in when they have run
-/// out. Who must not starve takes protect and promotes. Reads are counted by call, not by thread: a
-/// thread that reads twice unlocks twice, and who unlocks too often takes another's read away.
+/// out. A thread that must not starve takes protect and promotes. Reads are counted by call, not by
+/// thread: a thread that reads twice unlocks twice, and who unlocks too often takes another's read
+/// away.
 ///
 /// Ownership: a copy has the observers of the original, and is free.
 /// Failure: wrong use raises at once, with return code 0 and the state as it was: 5 is

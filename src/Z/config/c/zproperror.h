@@ -8,7 +8,7 @@
 /// What a failure is called in each group of functions.
 enum ZPropGroup { zfileGroup, zchangeGroup, zreadGroup };
 
-/// The last error of the calling thread: nothing; this; what it is.
+/// The last error of the calling thread: forgets it, notes one, and gives the one that is noted.
 void zclearLastError();
 void znoteLastError(int number, const char* file, int line, const char* text);
 int zlastError(ZPROP_error* error);

@@ -154,8 +154,8 @@ bool ZJournal::isThere(struct stat& status) {
     return fstatat(place_.folder(), name_.getChars(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-// Who may write to a file may change its content in any case. Nobody but its owner and root has a
-// journal of it: others can't give theirs to the owner.
+// A journal that counts puts its content into the file, so only someone who may change the file
+// anyway may have written it: its owner or root. Others can't give theirs to the owner.
 bool ZJournal::mayBeOurs(const struct stat& status) const {
     struct stat file;
     return S_ISREG(status.st_mode) && status.st_nlink == 1 && fstat(descriptor_, &file) == 0 &&

@@ -43,8 +43,8 @@
 // modification back or writes within the same tick of the clock, and leaves a mixture of both
 // texts.
 //
-// Who reads the file under a read lock takes the content from a journal that counts and leaves it
-// alone. Who holds the write lock puts it in place or removes it.
+// A reader, under a read lock, takes the content from a journal that counts and leaves it alone.
+// The holder of the write lock puts it in place or removes it.
 #ifndef Z_ZJOURNAL_H
 #define Z_ZJOURNAL_H
 

@@ -276,7 +276,7 @@ bool ZPathWatch::hasNews() {
     readNotices();  // of watches that were given up
     if (isWritten_) {
         const int64_t now = milliseconds(), settling = static_cast<int64_t>(settling_);
-        // Who writes without an end isn't waited for for ever.
+        // A writer that never stops is waited for twenty times as long, and no longer.
         if (now - lastByte_ < settling && now - firstByte_ < 20 * settling) {
             setTimer(static_cast<unsigned long>(settling - (now - lastByte_)) + 1, looksOften_);
             return false;

@@ -28,7 +28,7 @@ public:
     int descriptor() const { return all_.get(); }
 
     /// Reads what has come, without waiting, and follows the path anew where that is needed.
-    /// Whether the file is to be read. While somebody writes to it, who hasn't closed it, nothing
+    /// Whether the file is to be read. While a writer hasn't closed it, nothing
     /// counts until no byte has come for the settling time; the descriptor becomes readable then.
     bool hasNews();
     /// Whether that is waited for.

@@ -288,7 +288,7 @@ static void finishSide(ZJournal& journal, ZSideFile& side) {
     zcheckIO(side.name(), side.clearLeft());
     if (journal.sideAction() == zsideReplaced) {
         ZFailure failure = side.prepare(journal.side(), ZPROP_STORE_SAFE);
-        // Who can't give a new file to the owner may still write to the old one.
+        // A user who can't give a new file to the owner may still write to the old one.
         if (failure && side.exists())
             failure = side.prepare(journal.side(), ZPROP_STORE_CHECKED);
         zcheckIO(side.name(), failure);
