@@ -489,8 +489,8 @@ TEST(ChangeTest, ExactSeesWhatSecondsMiss) {
             write("f", digit);
             EXPECT_EQ(value(), exact ? digit : "1");
         }
-        // A young file may have changed again within a tick of the clock, and is read; a settled one isn't,
-        // and what the object has been given stays.
+        // A young file may have changed again within a tick of the clock, and is read; a settled
+        // one isn't, and what the object has been given stays.
         for (ahead = 0; ahead < 2; ++ahead) {
             value();
             p->setValue("s", "k", "given");
