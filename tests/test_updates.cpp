@@ -347,6 +347,7 @@ TEST(Watcher, TellsEachDifferenceOnce) {
         };
         store([](Config& c) {
             c.setValue("s", "k", "2");
+            c.setValue("s", "m", "1");  // as many as before
             c.addValue("s", "m", "3", 0);
             c.setValue("s", "h", "hush", 1);
             c.setValue("new", "y", "1");
