@@ -198,7 +198,7 @@ int main(int argc, char** argv) {
     t = measure(2001, {[&] { plain.file.reload(nullptr); },
                        [&] {
                            for (int i = 0; i < 100; ++i)
-                               ZJournal("plain").find(file);
+                               ZJournal("plain", file).find();
                        }});
     close(file);
     const double look = t[1] / 100;

@@ -442,7 +442,9 @@ TEST(FaultStoreMemory, AStoreThatRunsOutLeavesTheOldContent) {
     for (int mode : kCarefulModes)
         for (const Variant& v : kVariants)
             roads.emplace_back(mode, v);
-    for (const auto& [mode, v] : roads) {
+    for (const auto& each : roads) {
+        const int mode = each.first;
+        const Variant& v = each.second;
         SCOPED_TRACE(v.what);
         bool failed = true;
         for (unsigned long nth = 1; failed && !HasFailure(); ++nth) {
