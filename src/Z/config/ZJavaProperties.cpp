@@ -339,14 +339,10 @@ __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
     return false;
 }
 
-[[noreturn]] static void raise(const char* path, const char* api, int error, ZSite site = ZSite()) {
-    zraise(ZPropertiesIOException(path, api, error), site);
-}
-
 static void lockFile(FILE* stream, short type, const char* path) {
     const int error = zlockWholeFile(fileno(stream), type, zlockOfProcess, 0);
     if (error != 0)
-        raise(path, "fcntl()", error);
+        zraiseIO(path, "fcntl()", error);
 }
 
 static FILE* openForReading(const char* path, int& error) {
@@ -365,7 +361,7 @@ int ZJavaProperties::load(const char* path) {
     const ZStreamGuard stream(opened);
     const bool ready = runPrinted([&] {
         if (opened == nullptr)
-            raise(path, "fopen(r)", error);
+            zraiseIO(path, "fopen(r)", error);
         room.lendTo(opened);
         lockFile(opened, F_RDLCK, path);
     });
@@ -383,7 +379,7 @@ int ZJavaProperties::load(const char* path, const char* key) {
 }
 
 void ZJavaProperties::loadProperties(FILE* f, const char* path) {
-    flockfile(f);  // so that reading or writing a byte needn't take it
+    flockfile(f);  // so that reading a byte needn't take it
     const ZAtEnd unlock([=] { funlockfile(f); });
     int previous = 0;
     int state = startLine;
@@ -494,13 +490,13 @@ static FILE* openForWriting(const char* path) {
     const int error = errno;
     if (descriptor != -1)
         close(descriptor);
-    raise(path, "fopen(wt)", error);
+    zraiseIO(path, "fopen(wt)", error);
 }
 
 static void truncateFile(FILE* stream, const char* path) {
     // What has no length, a pipe or a terminal, refuses by EINVAL and needs no truncation.
     if (ftruncate(fileno(stream), 0) != 0 && errno != EINVAL)
-        raise(path, "fopen(wt)", errno);
+        zraiseIO(path, "fopen(wt)", errno);
 }
 
 // The entries are listed before the file is touched; after that nothing takes memory, so that
@@ -521,7 +517,7 @@ int ZJavaProperties::store(const char* path) const {
     lockFile(f, F_WRLCK, path);
     truncateFile(f, path);
     {
-        flockfile(f);  // so that reading or writing a byte needn't take it
+        flockfile(f);  // so that writing a byte needn't take it
         const ZAtEnd unlock([=] { funlockfile(f); });
         fputs("#\n", f);
         for (unsigned int i = 0; i < entries.size(); ++i) {

@@ -89,8 +89,7 @@ void makeObfuscatedDBName(const char* file, ZLCString& out) {
 static ZLCString choosePath(const char* file, const ZLCString& own) {
     if (file != nullptr && *file != '\0')
         return ZLCString(file);
-    if (own.getLength() == 0)
-        zraise(ZInvalidParameterException());
+    zrequire(own.getLength() != 0);
     return own;
 }
 

@@ -210,8 +210,7 @@ ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& pr
     const bool valid = stanza != nullptr && key != nullptr &&
                        (stringType == ZPROP_STRING_LOCAL || stringType == ZPROP_STRING_UTF8) &&
                        valueType >= ZPROP_ITER_AUTO && valueType <= ZPROP_ITER_OBFUSCATED;
-    if (!valid)
-        zraise(ZInvalidParameterException());
+    zrequire(valid);
     if (valueType == ZPROP_ITER_AUTO)
         foundHidden_ = properties.cache_->isObfuscated(stanza, key) != 0;
     else

@@ -190,8 +190,7 @@ static char** duplicateAll(const ZArrayList& strings) {
 
 static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
     const int required = item.flag != ZPROP_ITEM_OPTIONAL;
-    if (item.result == nullptr)
-        zraise(ZInvalidParameterException());
+    zrequire(item.result != nullptr);
     switch (item.kind) {
         case ZPROP_ITEM_BOOLEAN:
             *static_cast<int*>(item.result) = p.getBooleanValue(item.stanza, item.key, required, 0);

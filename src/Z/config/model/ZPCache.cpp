@@ -447,8 +447,7 @@ void ZPCategoryBasedCache::checkInvariants() const { store().checkInvariants(); 
 
 void ZPCategoryBasedCache::validateKey(const char* composite, ZLCString& category, ZLCString& key) {
     const char* dot = composite == nullptr ? nullptr : strchr(composite, '.');
-    if (dot == nullptr)
-        zraise(ZInvalidParameterException());
+    zrequire(dot != nullptr);
     if (static_cast<size_t>(dot - composite) > 0xFFFFFFF0u)
         zraise(ZOutOfMemoryException());
     const ZLCString stanza(composite, static_cast<unsigned int>(dot - composite));
