@@ -138,7 +138,7 @@ public:
             ZJournal journal(file_.c_str(), file.get());
             counted = journal.find();
             if (counted)
-                zfinishJournal(file_.c_str(), file.get(), journal);
+                zfinishJournal(journal);
         } catch (ZPropertiesException&) {
         }
         isWatched = false;

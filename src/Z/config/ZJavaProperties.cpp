@@ -28,8 +28,7 @@
 
 #include "ZExceptionText.h"
 #include "zraise.h"
-#include "zfilestream.h"
-#include "zwholefile.h"
+#include "zlockedfile.h"
 #include "zinternal.h"
 #include "zreport.h"
 #include "zscope.h"
@@ -339,35 +338,23 @@ __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
     return false;
 }
 
-static void lockFile(FILE* stream, short type, const char* path) {
-    const int error = zlockWholeFile(fileno(stream), type, zlockOfProcess, 0);
-    if (error != 0)
-        zraiseIO(path, "fcntl()", error);
-}
+static const ZLockTerms kLockTerms = {zlockOfProcess, 0};
 
-static FILE* openForReading(const char* path, int& error) {
-    const ZUncancelled uncancelled;  // the caller owns the stream before it can be cancelled
-    FILE* const stream = fopen(path, "r");
-    error = errno;
-    return stream;
+// The caller owns the stream before it can be cancelled.
+static FILE* openForReading(const char* path) {
+    const ZUncancelled uncancelled;
+    return fopen(path, "re");
 }
 
 int ZJavaProperties::load(const char* path) {
     if (!zhasText(path))
         return 1;
-    ZStreamRoom room;
-    int error = 0;
-    FILE* const opened = openForReading(path, error);
-    const ZStreamGuard stream(opened);
-    const bool ready = runPrinted([&] {
-        if (opened == nullptr)
-            zraiseIO(path, "fopen(r)", error);
-        room.lendTo(opened);
-        lockFile(opened, F_RDLCK, path);
-    });
+    ZLockedStream stream;
+    const bool ready = runPrinted(
+        [&] { stream.take(openForReading(path), "fopen(r)", path, F_RDLCK, kLockTerms); });
     if (!ready)
         return 0;
-    runPrinted([&] { loadProperties(opened, path); });
+    runPrinted([&] { loadProperties(stream.get(), path); });
     return 1;
 }
 
@@ -481,18 +468,6 @@ static void writeValue(FILE* f, const char* s, unsigned int length) {
     }
 }
 
-// For writing, and not truncated: the old text goes only once the lock is there.
-static FILE* openForWriting(const char* path) {
-    const int descriptor = open(path, O_WRONLY | O_CREAT, 0666);
-    FILE* stream = descriptor != -1 ? fdopen(descriptor, "w") : nullptr;
-    if (stream != nullptr)
-        return stream;
-    const int error = errno;
-    if (descriptor != -1)
-        close(descriptor);
-    zraiseIO(path, "fopen(wt)", error);
-}
-
 static void truncateFile(FILE* stream, const char* path) {
     // What has no length, a pipe or a terminal, refuses by EINVAL and needs no truncation.
     if (ftruncate(fileno(stream), 0) != 0 && errno != EINVAL)
@@ -510,11 +485,11 @@ int ZJavaProperties::store(const char* path) const {
         zrequire(strpbrk(entryAt(i)->key.getChars(), "\r\n") == nullptr);
 
     const ZUncancelled uncancelled;
-    ZStreamRoom room;
-    ZStreamGuard stream(openForWriting(path));
+    ZLockedStream stream;
+    // Not truncated yet: the old text goes only once the lock is there.
+    stream.take(zstreamOn(zopenFile(path, O_WRONLY | O_CREAT, 0666), "w"), "fopen(wt)", path,
+                F_WRLCK, kLockTerms);
     FILE* f = stream.get();
-    room.lendTo(f);
-    lockFile(f, F_WRLCK, path);
     truncateFile(f, path);
     {
         flockfile(f);  // so that writing a byte needn't take it

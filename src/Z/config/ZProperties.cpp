@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "ZExceptionText.h"
+#include "ZPropertiesImpl.h"
 #include "zinternal.h"
 #include "zraise.h"
-#include "zpropnotices.h"
-#include "zpropoptions.h"
+#include "zpropchanges.h"
 #include "zreport.h"
 
 ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
@@ -22,30 +22,14 @@ ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
 }
 
 ZProperties::ZProperties(ZPCache* cache)
-    : cache_(cache),
-      modified_(0),
-      loading_(0),
-      timeStamp_(0),
-      options_(nullptr),
-      loadFailed_(0),
-      changeTest_(0) {}
+    : cache_(cache), modified_(0), file_(new ZPropertiesFile(*this)) {}
 
-ZProperties::ZProperties(const ZProperties& other)
-    : ZAbstractProperties(other),
-      ZAbstractObservable(),
-      ZPropertiesMutableInterface(),
-      cache_(nullptr),
-      modified_(0),
-      loading_(0),
-      timeStamp_(0),
-      options_(nullptr),
-      loadFailed_(0),
-      changeTest_(0) {
+ZProperties::ZProperties(const ZProperties& other) : ZProperties(nullptr) {
     ZResourceLock guard(other.lock_);
     cache_ = other.cache_->clone();
 }
 
-ZProperties::~ZProperties() noexcept { delete options_; }
+ZProperties::~ZProperties() noexcept { delete file_; }
 
 // ---------------------------------------------------------------- look-ups
 
@@ -84,7 +68,7 @@ int ZProperties::extractValue(const char* category, const char* key, int require
     if (cache_->lastValue(category, key, text, length) != 0)
         return 1;
     if (required != 0)
-        zraise(ZPropertiesMissingPropertyException(fileName_.getChars(), category, key));
+        zraise(ZPropertiesMissingPropertyException(file_->path().getChars(), category, key));
     return 0;
 }
 
@@ -173,7 +157,7 @@ unsigned int ZProperties::getIntegerValue(const char* category, const char* key,
         return result;
     const ZLCString value(text, length);
     if (!convertToInt(value, result))
-        zraise(ZPropertiesInvalidNumValueException(fileName_.getChars(), category, key,
+        zraise(ZPropertiesInvalidNumValueException(file_->path().getChars(), category, key,
                                                    value.getChars()));
     return result;
 }
@@ -190,7 +174,7 @@ int ZProperties::getBooleanValue(const char* category, const char* key, int requ
     const ZLCString value(text, length);
     int result;
     if (!convertToBoolean(value, result))
-        zraise(ZPropertiesInvalidBoolValueException(fileName_.getChars(), category, key,
+        zraise(ZPropertiesInvalidBoolValueException(file_->path().getChars(), category, key,
                                                     value.getChars()));
     return result;
 }
@@ -269,7 +253,7 @@ ZArrayList* ZProperties::keyNames(const char* category) const {
 void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                                    ZPropertyChanged::PropertyChangeType type, const char* category,
                                    const char* key) {
-    if (loading_.load(std::memory_order_relaxed) != 0)
+    if (file_->isLoading())
         return;
     const ZPropertyChanged notice(category, key, style, type);
     if (!zkeepsNotices(lock_))
@@ -297,16 +281,16 @@ void ZProperties::setValue(const char* category, const char* key, const char* va
 
 void ZProperties::setValue(const char* category, const char* key, const char* value,
                            int obfuscated) {
-    zrequire(zhasText(category) && zhasText(key));
-    const ZChangeNames names(hasObservers(), category, key);
-    {
-        ZResourceLock guard(lock_);
+    setOnly(category, key, value, obfuscated);
+}
+
+void ZProperties::setOnly(const char* category, const char* key, const char* value,
+                          int obfuscated) {
+    changeKey(ZPropertyChanged::PropertyModified, category, key, [&] {
         if (zhasText(value))
             checkAccess(category, key, obfuscated);
         cache_->addLine(category, key, value, obfuscated);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
+    });
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZLCString& value) {
@@ -335,58 +319,28 @@ void ZProperties::setValue(const char* category, const char* key, const ZUTF8Con
 }
 
 void ZProperties::setIntegerValue(const char* category, const char* key, unsigned int value) {
-    zrequire(zhasText(category) && zhasText(key));
-    const ZChangeNames names(hasObservers(), category, key);
     char text[16];
     snprintf(text, sizeof text, "%u", value);
-    {
-        ZResourceLock guard(lock_);
-        checkAccess(category, key, 0);
-        cache_->addLine(category, key, text, 0);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
+    setOnly(category, key, text, 0);
 }
 
 void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
-    zrequire(zhasText(category) && zhasText(key));
-    const ZChangeNames names(hasObservers(), category, key);
-    {
-        ZResourceLock guard(lock_);
-        checkAccess(category, key, 0);
-        cache_->addLine(category, key, value != 0 ? "yes" : "no", 0);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyModified, names);
+    setOnly(category, key, value != 0 ? "yes" : "no", 0);
 }
 
 void ZProperties::deleteKey(const char* category, const char* key) {
-    zrequire(zhasText(category) && zhasText(key));
-    const ZChangeNames names(hasObservers(), category, key);
-    {
-        ZResourceLock guard(lock_);
-        cache_->delLine(category, key);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyDeleted, names);
+    changeKey(ZPropertyChanged::PropertyDeleted, category, key,
+              [&] { cache_->delLine(category, key); });
 }
 
 void ZProperties::addFileComment(const char* text) {
-    zrequire(zhasText(text));
-    ZResourceLock guard(lock_);
-    ZLCString comment(text);
-    checkComment(comment);
-    cache_->addFileComment(comment.getChars());
-    setModified();
+    changeComment(text, [&](const char* comment) { cache_->addFileComment(comment); });
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
-    zrequire(zhasText(category) && zhasText(key) && zhasText(text));
-    ZResourceLock guard(lock_);
-    ZLCString comment(text);
-    checkComment(comment);
-    cache_->addLineComment(category, key, comment.getChars());
-    setModified();
+    zrequire(zhasText(category) && zhasText(key));
+    changeComment(text,
+                  [&](const char* comment) { cache_->addLineComment(category, key, comment); });
 }
 
 void ZProperties::postLoad(const char*) {}
@@ -396,4 +350,59 @@ void ZProperties::checkComment(ZLCString&) {}
 void ZProperties::setAttributes(unsigned long flags, void* data) {
     ZResourceLock guard(lock_);
     cache_->setAttributes(flags, data);
+}
+
+// ---------------------------------------------------------------- the file
+
+void ZProperties::load(const char* file) {
+    ZResourceLock guard(lock_);
+    file_->load(file);
+}
+
+void ZProperties::reload(const char* file) {
+    ZResourceLock guard(lock_);
+    file_->reload(file);
+}
+
+void ZProperties::store(const char* file) {
+    ZLCString path(file);
+    if (path.getLength() == 0) {
+        ZResourceLock guard(lock_);
+        path = file_->choosePath(file);
+    }
+    checkFileAccess(path.getChars());
+    ZResourceLock guard(lock_);
+    file_->store(path);
+}
+
+void ZProperties::setStoreMode(int mode) {
+    zrequire(mode >= ZPROP_STORE_PLAIN && mode <= ZPROP_STORE_SAFE);
+    ZResourceLock guard(lock_);
+    file_->setStoreMode(mode);
+}
+
+int ZProperties::storeMode() const {
+    ZResourceLock guard(lock_);
+    return file_->storeMode();
+}
+
+int ZProperties::lastStoreMode() const {
+    ZResourceLock guard(lock_);
+    return file_->lastStoreMode();
+}
+
+void ZProperties::setLockWait(unsigned long milliseconds) {
+    ZResourceLock guard(lock_);
+    file_->setLockWait(milliseconds);
+}
+
+void ZProperties::setChangeTest(int test) {
+    zrequire(test == ZPROP_CHANGE_SECONDS || test == ZPROP_CHANGE_EXACT);
+    ZResourceLock guard(lock_);
+    file_->setChangeTest(test);
+}
+
+void ZProperties::allowStoreAfterFailedLoad() {
+    ZResourceLock guard(lock_);
+    file_->allowStoreAfterFailedLoad();
 }

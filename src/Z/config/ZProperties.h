@@ -10,8 +10,8 @@
 //                                make and register the shared objects of getPropertiesFor
 //   ZPropRegistry                holds the process-wide registry lock for a scope
 //
-// Load, store and the registry stand in ZPropertiesImpl.cpp, what differs from the plain ways in
-// zpropoptions.cpp, notices in zpropnotices.cpp, all else in ZProperties.cpp.
+// Load and store stand in ZPropertiesImpl.cpp, the registry in zpropregistry.cpp, notices in
+// zpropnotices.cpp, all else in ZProperties.cpp.
 #ifndef Z_ZPROPERTIES_H
 #define Z_ZPROPERTIES_H
 
@@ -26,11 +26,8 @@
 #include "ZUTF8String.h"
 
 class ZAbstractPropertiesFactory;
-struct ZPropertiesOptions;
-struct ZUpdatedFile;
-struct ZFileContent;
+class ZPropertiesFile;
 class ZChangeNames;
-class ZLockScope;
 
 /// The codeset in which text is given out. All stored text is in the local codeset.
 enum ZPropertyStringType { ZPROP_STRING_LOCAL = 0, ZPROP_STRING_UTF8 = 8 };
@@ -286,11 +283,6 @@ public:
                                          int forceReload);
 
 protected:
-    friend class ZPropertiesIterator;
-    friend class ZAbstractPropertyValuesIterator;
-    friend class ZPropertiesUpdate;
-    friend class ZPropertiesWatcher;
-
     /// Tells the observers, unless a load is under way. While the calling thread holds the lock,
     /// the notice waits for its end; it is told to those who are registered then, and not kept if
     /// there is nobody now.
@@ -309,47 +301,35 @@ protected:
     int extractValue(const char* category, const char* key, int required, const char*& text,
                      unsigned int& length) const;
 
+    /// Applies one change under the lock, and tells the observers behind it. Raises
+    /// ZInvalidParameterException for a null or empty name; changeStanza has no key.
+    template <typename Change>
+    void changeKey(ZPropertyChanged::PropertyChangeType type, const char* category, const char* key,
+                   Change apply);
+    template <typename Change>
+    void changeStanza(ZPropertyChanged::PropertyChangeType type, const char* stanza, Change apply);
+    /// The same of a comment, as checkComment makes it; nobody is told.
+    template <typename Change>
+    void changeComment(const char* text, Change apply);
+
     // Set by the constructor; what it leads to is guarded by lock_.
     ZPCache* cache_;
-    // Guarded by lock_. The first load sets it for good.
-    ZLCString fileName_;
     // Read without the lock by design.
     std::atomic<int> modified_;
-    std::atomic<int> loading_;
-    std::atomic<long> timeStamp_;  // modification time of the file at the last load or store
 
 private:
-    ZPropertiesOptions& options();  // made at first use
-    const ZPropertiesOptions& optionsNow() const;
-    ZUpdatedFile* updateOf(const ZLCString& path) const;
-    bool testsExactly() const;
-    bool isOutdated(const char* file) const;
-    bool isCareful() const;
-    int readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
-                    ZFileContent* content) const;
-    template <typename Close>
-    void readFile(const ZLCString& path, int descriptor, FILE* stream, ZFileContent* content,
-                  Close close);
-    void readUpdatedFile(const ZLCString& path, ZUpdatedFile& file);
-    void readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock);
-    void follow(const char* file, int forceReload);
+    friend class ZPropertiesFile;
+    friend class ZPropertiesIterator;
+    friend class ZAbstractPropertyValuesIterator;
+
+    template <typename Change>
+    void change(ZPropertyChanged::PropertyChangeType type, const char* category, const char* key,
+                Change apply);
+    void setOnly(const char* category, const char* key, const char* value, int obfuscated);
     static ZProperties* findPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
     static ZProperties* makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
-    void noteContent(const ZLCString& path);
-    bool prepareSideDatabase(const ZLCString& path, ZLCString& side);
-    void addSideLine(const ZLCString& side);
-    void storePlainly(const ZLCString& path);
-    void storeCarefully(const ZLCString& path);
-    void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);
 
-    // How the last reading ended: an incomplete one has met a failure that plain objects pass over.
-    enum LoadOutcome { kLoaded = 0, kFailed = 1, kIncomplete = 2 };
-
-    // Guarded by lock_.
-    ZPropertiesOptions* options_;  // null until something differs from the plain ways
-    int loadFailed_;
-    // Read without the lock by getPropertiesFor.
-    std::atomic<int> changeTest_;
+    ZPropertiesFile* const file_;  // what the object knows of its file
 };
 
 /// Makes the objects that getPropertiesFor hands out.

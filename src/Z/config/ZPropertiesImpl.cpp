@@ -1,18 +1,16 @@
-// ZPropertiesImpl.cpp: load, store and the registry.
+// ZPropertiesImpl.cpp: load and store.
 //
 // Two processes meet only in a record lock on the stanza file itself and in its modification time.
-// The lock is taken without waiting. It belongs to the process and to the file: closing any
-// descriptor of that file drops it, so nothing here opens the file a second time while it is held.
+// The lock is taken without waiting, unless the object was told to wait. It belongs to the process
+// and to the file: closing any descriptor of that file drops it, so nothing here opens the file a
+// second time while it is held.
 //
-// Order of locks: an object's lock_, ZPropRegistry; an object's lock_, the record lock. The
-// registry is held to look or to enter something, and never while an object is made, loaded or
-// waited for: who holds that object may want the registry, too.
+// Order of locks: an object's lock_, the record lock.
 //
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "ZPropertiesImpl.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,13 +21,11 @@
 #include <memory>
 
 #include "ZExceptionText.h"
-#include "ZProperties.h"
-#include "zraise.h"
 #include "zinternal.h"
 #include "zkeeplines.h"
-#include "zlockedfile.h"
-#include "zpropoptions.h"
+#include "zmemorystream.h"
 #include "zqelutil.h"
+#include "zraise.h"
 #include "zsafestore.h"
 #include "zscope.h"
 #include "zsidefile.h"
@@ -83,20 +79,299 @@ void makeObfuscatedDBName(const char* file, ZLCString& out) {
     out.append(file).append(kSideSuffix);
 }
 
-// ---------------------------------------------------------------- shared by load and store
+// ---------------------------------------------------------------- the object and its options
 
-// The path that a call means.
-static ZLCString choosePath(const char* file, const ZLCString& own) {
-    if (file != nullptr && *file != '\0')
-        return ZLCString(file);
-    zrequire(own.getLength() != 0);
-    return own;
+ZPropertiesFile::ZPropertiesFile(ZProperties& object)
+    : object_(object),
+      loading_(0),
+      timeStamp_(0),
+      changeTest_(ZPROP_CHANGE_SECONDS),
+      outcome_(kLoaded),
+      storeMode_(ZPROP_STORE_PLAIN),
+      lastStoreMode_(ZPROP_STORE_PLAIN),
+      lockWait_(0),
+      waits_(true),
+      mayStoreAnyway_(false),
+      keepsStamp_(false),
+      hasStamp_(false),
+      stamp_(),
+      update_(nullptr) {}
+
+void ZPropertiesFile::tell(const ZPropertyChanged& change) {
+    object_.sendChangeNotice(change.style, change.changeType, change.stanza, change.key);
 }
 
-// The open update through whose stream this path is reached, or null.
-ZUpdatedFile* ZProperties::updateOf(const ZLCString& path) const {
-    ZUpdatedFile* update = optionsNow().update;
-    return update != nullptr && zleadsTo(path.getChars(), update->descriptor) ? update : nullptr;
+ZLCString ZPropertiesFile::choosePath(const char* file) const {
+    if (zhasText(file))
+        return ZLCString(file);
+    zrequire(fileName_.getLength() != 0);
+    return fileName_;
+}
+
+// Who asks for anything but the plain ways may ask for the exact test later.
+void ZPropertiesFile::setStoreMode(int mode) {
+    storeMode_ = mode;
+    keepStamps();
+}
+
+void ZPropertiesFile::setLockWait(unsigned long milliseconds) {
+    lockWait_ = milliseconds;
+    keepStamps();
+}
+
+void ZPropertiesFile::setChangeTest(int test) {
+    changeTest_ = test;
+    keepStamps();
+}
+
+void ZPropertiesFile::allowStoreAfterFailedLoad() {
+    mayStoreAnyway_ = true;
+    keepStamps();
+}
+
+ZLockTerms ZPropertiesFile::lockTerms() const {
+    return {storeMode_ == ZPROP_STORE_PLAIN ? zlockOfProcess : zlockOfDescription,
+            waits_ ? lockWait_ : 0};
+}
+
+// Whether failures are told that plain objects pass over.
+bool ZPropertiesFile::isCareful() const {
+    return storeMode_ != ZPROP_STORE_PLAIN || cache().isStrict() != 0;
+}
+
+void ZPropertiesFile::keepStamp(int descriptor) {
+    if (keepsStamp_)
+        hasStamp_ = !zstampFile(descriptor, stamp_);
+}
+
+// The object holds what the file holds.
+void ZPropertiesFile::noteContent(const ZLCString& path) {
+    object_.resetModified();
+    long stamp = timeStamp_;
+    checkAndSetTimeStamp(path.getChars(), stamp);
+    timeStamp_ = stamp;
+}
+
+// The open update through whose descriptor this path is reached, or null.
+ZUpdatedFile* ZPropertiesFile::updateOf(const ZLCString& path) const {
+    return update_ != nullptr && zleadsTo(path.getChars(), update_->descriptor) ? update_ : nullptr;
+}
+
+// ---------------------------------------------------------------- load
+
+// Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
+// stopped had written down for it; and its side database. `stream` is the plain way to the bytes,
+// null where they are wanted in `content` too. 0, or the errno of a reading by the stream that came
+// to no end.
+int ZPropertiesFile::readContent(ZPCache& cache, const ZLCString& path, int descriptor,
+                                 FILE* stream, ZFileContent& content) const {
+    content.side.setSize(0);
+    int incomplete = 0;
+    ZJournal journal(path.getChars(), descriptor);
+    const bool unfinished = journal.find();
+    if (!unfinished && stream != nullptr) {
+        cache.be_read(path.getChars(), stream);
+        incomplete = cache.readError();
+        if (incomplete == 0 && ferror(stream) != 0)
+            incomplete = EIO;
+        if (incomplete != 0)
+            return incomplete;
+    } else {
+        if (unfinished)
+            zcopyBytes(journal.text(), content.text);
+        else
+            zcheckIO(zreadWholeFile(descriptor, content.text).of(path.getChars()));
+        zreadText(cache, path.getChars(), zspanOf(content.text));
+    }
+    const ZLCString name(cache.obfuscatedDBName());
+    if (name.getLength() == 0 || (unfinished && journal.sideAction() == zsideRemoved))
+        return 0;
+    if (unfinished && journal.sideAction() == zsideReplaced)
+        zcopyBytes(journal.side(), content.side);
+    else
+        zcheckIO(zreadSideFile(name.getChars(), descriptor, content.side));
+    zreadSide(cache, zspanOf(content.side));
+    return 0;
+}
+
+void ZPropertiesFile::readInto(ZPCache& cache, const ZLCString& path, int descriptor) const {
+    ZFileContent content;
+    readContent(cache, path, descriptor, nullptr, content);
+}
+
+// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to
+// others.
+template <typename Close>
+void ZPropertiesFile::readFile(const ZLCString& path, int descriptor, FILE* stream,
+                               ZFileContent& content, Close close) {
+    loading_ = 1;  // no change notice goes out meanwhile
+    const ZAtEnd loaded([this] { loading_ = 0; });
+    keepStamp(descriptor);
+    const int incomplete = readContent(cache(), path, descriptor, stream, content);
+    if (incomplete != 0 && isCareful()) {
+        outcome_ = kIncomplete;
+        zraiseIO(path.getChars(), "read()", incomplete);
+    }
+    close();
+    object_.postLoad(path.getChars());
+    noteContent(path);
+    outcome_ = incomplete != 0 ? kIncomplete : kLoaded;
+    mayStoreAnyway_ = false;
+}
+
+void ZPropertiesFile::readAnew(const ZLCString& path, int descriptor, ZLockScope& lock) {
+    ZFileContent content;
+    outcome_ = kIncomplete;
+    cache().clear();
+    readFile(path, descriptor, nullptr, content, [&lock] { lock.close().passOver(); });
+}
+
+void ZPropertiesFile::load(const char* file) {
+    const ZLCString path(choosePath(file));
+    if (fileName_.getLength() == 0)
+        fileName_ = path;
+    outcome_ = kFailed;
+    if (ZUpdatedFile* update = updateOf(path)) {
+        outcome_ = kIncomplete;
+        readFile(path, update->descriptor, nullptr, update->content, [] {});
+        return;
+    }
+    ZFileContent content;
+    ZLockedStream stream;
+    stream.take(zopenToRead(path.getChars(), isCareful()), "fopen(r)", path.getChars(), F_RDLCK,
+                lockTerms());
+    readFile(path, stream.descriptor(), stream.get(), content, [&stream] { stream.close(); });
+}
+
+void ZPropertiesFile::reload(const char* file) {
+    choosePath(file);
+    const ZLCString path(file);  // whose text may be the cache's
+    cache().clear();
+    object_.load(path.getChars());
+}
+
+// ---------------------------------------------------------------- shared objects
+
+void ZPropertiesFile::loadWithoutWaiting(const char* file) {
+    ZResourceLock guard(lock());
+    const ZAtEnd again([this, waited = waits_] { waits_ = waited; });
+    waits_ = false;
+    object_.load(file);
+}
+
+// Whether the file may have changed since this object was loaded or stored, by all that can be
+// known.
+bool ZPropertiesFile::isOutdated(const char* file) const {
+    ZResourceLock guard(lock());
+    ZFileStamp now;
+    if (zstampFile(file, now))
+        return false;  // a file that has vanished is no reason to reload: nothing could be read
+    return !hasStamp_ || !zsameContent(stamp_, now);
+}
+
+// The test for seconds takes no lock, so that who needs no reload waits for nobody.
+bool ZPropertiesFile::isCurrent(const char* file, int forceReload, long& stamp) const {
+    if (forceReload == 0 && object_.isModified() != 0)
+        return true;
+    stamp = timeStamp_;
+    const int otherSecond = checkAndSetTimeStamp(file, stamp);
+    return forceReload == 0 &&
+           !(changeTest_ == ZPROP_CHANGE_EXACT ? isOutdated(file) : otherSecond != 0);
+}
+
+// Whether there is anything to do is asked twice: before the wait for the object, and again under
+// its lock, since the thread that held it may have changed or reloaded it.
+void ZPropertiesFile::follow(const char* file, int forceReload) {
+    long stamp;
+    if (isCurrent(file, forceReload, stamp))
+        return;
+    ZResourceLock guard(lock());
+    if (isCurrent(file, forceReload, stamp))
+        return;
+    const long before = timeStamp_;
+    timeStamp_ = stamp;
+    const ZAtEnd again([this, waited = waits_] { waits_ = waited; });
+    waits_ = false;
+    try {
+        object_.reload(file);
+    } catch (...) {
+        // The next caller tries again, instead of being handed an emptied object: by the old time,
+        // or where that is the file's still, by one that no file has.
+        timeStamp_ = stamp != before ? before : kNoTime;
+        object_.resetModified();  // these changes are gone
+        throw;
+    }
+}
+
+// ---------------------------------------------------------------- updates
+
+void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
+    // Always anew: what a stamp doesn't tell would be overwritten.
+    cache().clear();
+    keepStamps();
+    outcome_ = kIncomplete;
+    readFile(fileName_, file.descriptor, nullptr, file.content, [] {});
+    update_ = &file;
+}
+
+void ZPropertiesFile::restore(const ZUpdatedFile& file) {
+    loading_ = 1;
+    const ZAtEnd restored([this] { loading_ = 0; });
+    try {
+        cache().clear();
+        zreadText(cache(), fileName_.getChars(), zspanOf(file.content.text));
+        if (file.content.side.size() != 0)
+            zreadSide(cache(), zspanOf(file.content.side));
+    } catch (...) {
+        // The object isn't what the file holds any more: no store but a plain one puts it in the
+        // file's place.
+        hasStamp_ = false;
+        outcome_ = kFailed;
+        throw;
+    }
+    object_.resetModified();
+}
+
+// ---------------------------------------------------------------- store
+
+// Where the side database is or, if there is to be one, will be; else empty.
+ZLCString ZPropertiesFile::settleSideName(const ZLCString& path) {
+    ZLCString name(cache().obfuscatedDBName());
+    if (cache().obfuscatedCount() != 0) {
+        if (name.getLength() == 0) {
+            makeObfuscatedDBName(path.getChars(), name);
+            cache().setObfuscatedDBName(name.getChars());
+        }
+        checkFileAccess(name.getChars());
+    }
+    return name;
+}
+
+// A text names its side database.
+void ZPropertiesFile::addSideLine(const ZLCString& side) {
+    if (object_.exists(kSideStanza, kSideKey) == 0)
+        cache().addLine(kSideStanza, kSideKey, side.getChars(), 0);
+}
+
+// The name under which a store that was stopped may have left something, too.
+static ZLCString ownOrDefault(const ZLCString& sideName, const ZLCString& path) {
+    ZLCString name(sideName);
+    if (name.getLength() == 0)
+        makeObfuscatedDBName(path.getChars(), name);
+    return name;
+}
+
+// Asks whether the side database, if there is a name for one, may be what a store removes or
+// writes, before the text is touched; and removes one that isn't wanted any more, whatever comes of
+// it. A text that isn't there yet will be the caller's.
+static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted) {
+    if (name.getLength() == 0)
+        return;
+    const ZOpenFile text(zopenFile(path.getChars(), O_PATH));  // which no lock goes with
+    ZSideFile side(name.getChars(), text.get());
+    zcheckIO(side.examine(isWanted));
+    if (!isWanted)
+        side.remove().passOver();
 }
 
 // Cuts off what lies behind the stream's position. Where nothing does, the system isn't asked to,
@@ -116,242 +391,77 @@ static ZSpan spanOf(const ZBuffer& buffer) {
     return {static_cast<const char*>(buffer.getBuffer()), buffer.getLength()};
 }
 
-// ---------------------------------------------------------------- load
-
-// Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
-// stopped had written down for it; and its side database. `stream` is the plain way to the bytes,
-// null where the descriptor alone is at hand or the bytes are wanted in `content` too. 0, or the
-// errno of a reading by the stream that came to no end.
-int ZProperties::readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
-                             ZFileContent* content) const {
-    ZFileContent own;
-    ZFileContent& bytes = content != nullptr ? *content : own;
-    bytes.side.setSize(0);
-    int incomplete = 0;
-    ZJournal journal(path.getChars(), descriptor);
-    const bool unfinished = journal.find();
-    if (!unfinished && stream != nullptr) {
-        cache.be_read(path.getChars(), stream);
-        incomplete = cache.readError();
-        if (incomplete == 0 && ferror(stream) != 0)
-            incomplete = EIO;
-        if (incomplete != 0)
-            return incomplete;
-    } else {
-        if (unfinished) {
-            zcopyBytes(journal.text(), bytes.text);
-        } else if (const int error = zreadWholeFile(descriptor, bytes.text)) {
-            zraiseIO(path.getChars(), "read()", error);
-        }
-        zreadText(cache, path.getChars(), zspanOf(bytes.text));
-    }
-    const ZLCString name(cache.obfuscatedDBName());
-    if (name.getLength() == 0 || (unfinished && journal.sideAction() == zsideRemoved))
-        return 0;
-    if (unfinished && journal.sideAction() == zsideReplaced)
-        zcopyBytes(journal.side(), bytes.side);
-    else
-        zcheckIO(name.getChars(), zreadSideFile(name.getChars(), descriptor, bytes.side));
-    zreadSide(cache, zspanOf(bytes.side));
-    return 0;
-}
-
-// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to
-// others.
-template <typename Close>
-void ZProperties::readFile(const ZLCString& path, int descriptor, FILE* stream,
-                           ZFileContent* content, Close close) {
-    loading_ = 1;  // no change notice goes out meanwhile
-    const ZAtEnd loaded([this] { loading_ = 0; });
-    if (options_ != nullptr)
-        options_->keepStamp(descriptor);
-    const int incomplete = readContent(*cache_, path, descriptor, stream, content);
-    if (incomplete != 0 && isCareful()) {
-        loadFailed_ = kIncomplete;
-        zraiseIO(path.getChars(), "read()", incomplete);
-    }
-    close();
-    postLoad(path.getChars());
-    noteContent(path);
-    loadFailed_ = incomplete != 0 ? kIncomplete : kLoaded;
-    if (options_ != nullptr)
-        options_->storeAllowed = false;
-}
-
-// Should these fail, nobody stores what is left.
-void ZProperties::readUpdatedFile(const ZLCString& path, ZUpdatedFile& file) {
-    loadFailed_ = kIncomplete;
-    readFile(path, file.descriptor, nullptr, &file.content, [] {});
-}
-
-void ZProperties::readAndUnlock(const ZLCString& path, int descriptor, ZLockScope& lock) {
-    loadFailed_ = kIncomplete;
-    readFile(path, descriptor, nullptr, nullptr, [&lock] { lock.close(); });
-}
-
-// Whether failures are told that plain objects pass over.
-bool ZProperties::isCareful() const {
-    return optionsNow().storeMode != ZPROP_STORE_PLAIN || cache_->isStrict() != 0;
-}
-
-// The object holds what the file holds.
-void ZProperties::noteContent(const ZLCString& path) {
-    resetModified();
-    long stamp = timeStamp_;
-    checkAndSetTimeStamp(path.getChars(), stamp);
-    timeStamp_ = stamp;
-}
-
-void ZProperties::load(const char* file) {
-    ZResourceLock guard(lock_);
-    const ZLCString path(choosePath(file, fileName_));
-    if (fileName_.getLength() == 0)
-        fileName_ = path;
-    loadFailed_ = kFailed;
-    if (ZUpdatedFile* update = updateOf(path)) {
-        readUpdatedFile(path, *update);
-        return;
-    }
-    ZReadFile opened(path.getChars(), isCareful(), optionsNow().lockOwner(), optionsNow().wait());
-    readFile(path, opened.descriptor(), opened.stream(), nullptr, [&opened] { opened.close(); });
-}
-
-void ZProperties::reload(const char* file) {
-    ZResourceLock guard(lock_);
-    choosePath(file, fileName_);
-    const ZLCString path(file);  // whose text may be the cache's
-    cache_->clear();
-    load(path.getChars());
-}
-
-// ---------------------------------------------------------------- store
-
-// What becomes of the side database, whose path is settled here.
-bool ZProperties::prepareSideDatabase(const ZLCString& path, ZLCString& side) {
-    side = cache_->obfuscatedDBName();
-    if (cache_->obfuscatedCount() != 0) {
-        if (side.getLength() == 0) {
-            makeObfuscatedDBName(path.getChars(), side);
-            cache_->setObfuscatedDBName(side.getChars());
-        }
-        checkFileAccess(side.getChars());
-        return true;
-    }
-    return false;
-}
-
-// A text names its side database.
-void ZProperties::addSideLine(const ZLCString& side) {
-    if (exists(kSideStanza, kSideKey) == 0)
-        cache_->addLine(kSideStanza, kSideKey, side.getChars(), 0);
-}
-
-// Asks whether the side database, if there is a name for one, may be what a store removes or
-// writes, ahead of both; and removes one that isn't wanted any more, whatever comes of it. A text
-// that isn't there yet will be the caller's.
-static void requireSideFile(const ZLCString& name, const ZLCString& path, bool isWanted,
-                            bool isToGo) {
-    if (name.getLength() == 0)
-        return;
-    const ZOpenFile text(zopenFile(path.getChars(), O_PATH));  // which no lock goes with
-    ZSideFile side(name.getChars(), text.get());
-    zcheckIO(side.name(), side.examine(isWanted));
-    if (!isWanted && isToGo)
-        side.remove();
-}
-
 static FILE* openPlainly(const char* path) {
     const ZUncancelled uncancelled;
     FILE* opened = fopen(path, "r+e");
     return opened == nullptr && errno == ENOENT ? fopen(path, "w+e") : opened;
 }
 
-void ZProperties::storePlainly(const ZLCString& path) {
-    ZSizeSignalGuard noSignal;
-    ZLCString name;
-    const bool hasHidden = prepareSideDatabase(path, name);
-    requireSideFile(name, path, hasHidden, true);
-    if (!hasHidden)
-        cache_->delLine(kSideStanza, kSideKey);
-    ZStreamRoom room;
-    ZStreamGuard stream(openPlainly(path.getChars()));
-    if (stream.get() == nullptr)
-        zraiseIO(path.getChars(), "fopen(r+)", errno);
-    room.lendTo(stream.get());
-    const int descriptor = fileno(stream.get());
-    // A new stream stands at the start.
-    const int error =
-        zlockWholeFile(descriptor, F_WRLCK, optionsNow().lockOwner(), optionsNow().wait());
-    if (error != 0)
-        zraiseIO(path.getChars(), "fcntl()", error);
-    if (hasHidden) {
-        const ZUncancelled uncancelled;
-        ZBuffer buffer;
-        cache_->be_write_obfuscated(buffer);
-        ZSideFile side(name.getChars(), descriptor);
-        zcheckIO(side.name(), side.examine(true));
-        if (buffer.getLength() == 0) {
-            side.remove();
-            cache_->delLine(kSideStanza, kSideKey);
-        } else {
-            zcheckIO(side.name(), side.prepare(spanOf(buffer), ZPROP_STORE_PLAIN));
-            side.takePlace();
-            addSideLine(name);
-        }
+void ZPropertiesFile::writeSidePlainly(const ZLCString& name, int descriptor) {
+    const ZUncancelled uncancelled;
+    ZBuffer buffer;
+    cache().be_write_obfuscated(buffer);
+    ZSideFile side(name.getChars(), descriptor);
+    zcheckIO(side.examine(true));
+    if (buffer.getLength() == 0) {
+        side.remove().passOver();
+        cache().delLine(kSideStanza, kSideKey);
+        return;
     }
-    cache_->be_write(path.getChars(), stream.get());
+    zcheckIO(side.prepare(spanOf(buffer), ZPROP_STORE_PLAIN));
+    side.takePlace().passOver();
+    addSideLine(name);
+}
+
+// What the disk does with the bytes isn't looked at.
+void ZPropertiesFile::storePlainly(const ZLCString& path) {
+    ZSizeSignalGuard noSignal;
+    const ZLCString name(settleSideName(path));
+    const bool hasHidden = cache().obfuscatedCount() != 0;
+    requireSideFile(name, path, hasHidden);
+    if (!hasHidden)
+        cache().delLine(kSideStanza, kSideKey);
+    ZLockedStream stream;  // a new one stands at the start
+    stream.take(openPlainly(path.getChars()), "fopen(r+)", path.getChars(), F_WRLCK, lockTerms());
+    const int descriptor = stream.descriptor();
+    if (hasHidden)
+        writeSidePlainly(name, descriptor);
+    cache().be_write(path.getChars(), stream.get());
     truncateHere(stream.get());
-    if (options_ != nullptr)
-        options_->keepStamp(descriptor);
+    keepStamp(descriptor);
     // What a store that was stopped had in mind is void now, and what it has left goes.
-    ZLCString sideName(name);
-    if (sideName.getLength() == 0)
-        makeObfuscatedDBName(path.getChars(), sideName);
-    ZSideFile(sideName.getChars(), descriptor).clearLeft();
-    ZJournal(path.getChars(), descriptor).remove();
+    ZSideFile(ownOrDefault(name, path).getChars(), descriptor).clearLeft().passOver();
+    ZJournal(path.getChars(), descriptor).remove().passOver();
     stream.close();
 }
 
-void ZProperties::store(const char* file) {
-    ZLCString path(file);
-    if (path.getLength() == 0) {
-        ZResourceLock guard(lock_);
-        path = choosePath(file, fileName_);
-    }
-    checkFileAccess(path.getChars());
-    ZResourceLock guard(lock_);
-    const bool mayReplace =
-        loadFailed_ == kLoaded ||
-        (loadFailed_ == kFailed && optionsNow().storeMode == ZPROP_STORE_PLAIN) ||
-        optionsNow().storeAllowed;
-    zrequire(mayReplace);
+void ZPropertiesFile::store(const ZLCString& path) {
+    zrequire(outcome_ == kLoaded || (outcome_ == kFailed && storeMode_ == ZPROP_STORE_PLAIN) ||
+             mayStoreAnyway_);
     static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
     ZUpdatedFile* update = updateOf(path);
     // What was made of one file isn't put in the place of another.
-    if (update == nullptr && optionsNow().update != nullptr && path.equals(fileName_))
+    if (update == nullptr && update_ != nullptr && path.equals(fileName_))
         zraiseIO(path.getChars(), "stat()", ESTALE);
     if (update != nullptr)
         storeTo(update->descriptor, path, &update->content);
-    else if (optionsNow().storeMode == ZPROP_STORE_PLAIN && (cache_->attributes() & kOwnText) == 0)
+    else if (storeMode_ == ZPROP_STORE_PLAIN && (cache().attributes() & kOwnText) == 0)
         storePlainly(path);
     else
         storeCarefully(path);
     noteContent(path);
     loading_ = 0;
-    loadFailed_ = kLoaded;
-    if (options_ != nullptr)
-        options_->storeAllowed = false;
+    outcome_ = kLoaded;
+    mayStoreAnyway_ = false;
 }
 
-// ---------------------------------------------------------------- store with options
-
-void ZProperties::storeCarefully(const ZLCString& path) {
-    ZLockedFile file(path.getChars(), optionsNow().lockOwner(), optionsNow().wait(), true);
+void ZPropertiesFile::storeCarefully(const ZLCString& path) {
+    ZLockedFile file(path.getChars(), lockTerms(), true);
     storeTo(file.descriptor(), path, nullptr);
-    const int error = file.finish();
+    const ZFailure failure = file.finish();
     // A synced file has nothing left to lose.
-    if (error != 0 && optionsNow().storeMode == ZPROP_STORE_CHECKED)
-        zraiseIO(path.getChars(), "close()", error);
+    if (storeMode_ == ZPROP_STORE_CHECKED)
+        zcheckIO(failure);
 }
 
 // The line of a text that a load would take apart, as bad data.
@@ -371,208 +481,56 @@ static void requireShortLines(const char* path, ZSpan text) {
     }
 }
 
+// The text to be stored: in `stream`, or in `kept` if it keeps lines of the old one.
+ZSpan ZPropertiesFile::writeText(const ZLCString& path, ZSpan oldText, ZMemoryStream& stream,
+                                 ZBytes& kept) const {
+    cache().be_write(path.getChars(), stream.get());
+    ZSpan text = stream.finish();
+    if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {
+        zkeepLines(oldText, text, kept);
+        text = zspanOf(kept);
+    }
+    if (cache().isStrict() != 0)
+        requireShortLines(path.getChars(), text);
+    return text;
+}
+
 // Puts the object's content into the file under the lock that its descriptor has; `content` is what
 // the file holds then.
-void ZProperties::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
+void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
     const ZUncancelled uncancelled;
-    const int mode = optionsNow().storeMode;
-    ZStoreWork work(descriptor, path.getChars());
-    ZBuffer packed;
-    if (prepareSideDatabase(path, work.sideName))
-        cache_->be_write_obfuscated(packed);
-    requireSideFile(work.sideName, path, packed.getLength() != 0, false);
-    if (packed.getLength() != 0) {
-        work.sideAction = zsideReplaced;
-        work.side = spanOf(packed);
-        addSideLine(work.sideName);
-    } else {
-        if (work.sideName.getLength() != 0)
-            work.sideAction = zsideRemoved;
-        else
-            makeObfuscatedDBName(path.getChars(), work.sideName);
-        cache_->delLine(kSideStanza, kSideKey);
-    }
-
+    const ZLCString named(settleSideName(path));
     ZJournal journal(path.getChars(), descriptor);
     if (journal.find())
-        zfinishJournal(path.getChars(), descriptor, journal);
-    ZMemoryStream stream;
-    cache_->be_write(path.getChars(), stream.get());
-    work.text = stream.finish();
+        zfinishJournal(journal);
+
+    ZBuffer hidden;
+    if (cache().obfuscatedCount() != 0)
+        cache().be_write_obfuscated(hidden);
+    const ZSideAction action = hidden.getLength() != 0  ? zsideReplaced
+                               : named.getLength() != 0 ? zsideRemoved
+                                                        : zsideUntouched;
+    ZSideFile side(ownOrDefault(named, path).getChars(), descriptor);
+    if (action != zsideUntouched)
+        zcheckIO(side.examine(action == zsideReplaced));
+    if (action == zsideReplaced)
+        addSideLine(named);
+    else
+        cache().delLine(kSideStanza, kSideKey);
+
     ZBytes oldText, kept;
-    const bool keepsLines = (cache_->attributes() & ZPCACHE_KEEP_LINES) != 0;
-    if (keepsLines || mode != ZPROP_STORE_PLAIN) {
-        const int error = zreadWholeFile(descriptor, oldText);
-        if (error != 0)
-            zraiseIO(path.getChars(), "read()", error);
-        work.oldText = zspanOf(oldText);
-    }
-    if (keepsLines) {
-        zkeepLines(work.oldText, work.text, kept);
-        work.text = zspanOf(kept);
-    }
-    if (cache_->isStrict() != 0)
-        requireShortLines(path.getChars(), work.text);
+    if (storeMode_ != ZPROP_STORE_PLAIN || (cache().attributes() & ZPCACHE_KEEP_LINES) != 0)
+        zcheckIO(zreadWholeFile(descriptor, oldText).of(path.getChars()));
+    ZMemoryStream stream;
+    const ZSpan text = writeText(path, zspanOf(oldText), stream, kept);
+    const ZStoreWork work(text, zspanOf(oldText), action, side, spanOf(hidden));
     ZFileContent stored;  // made ahead: what is in place can't fail for want of memory
     if (content != nullptr) {
         zcopyBytes(work.text, stored.text);
-        zcopyBytes(work.side, stored.side);
+        zcopyBytes(work.sideBytes, stored.side);
     }
-    const int storedMode = zstore(work, journal, mode);
+    lastStoreMode_ = zstore(work, journal, storeMode_);
     if (content != nullptr)
         content->swap(stored);
-    if (options_ != nullptr) {
-        options_->lastStoreMode = storedMode;
-        options_->keepStamp(descriptor);
-    }
-}
-
-// ---------------------------------------------------------------- registry
-
-ZAbstractPropertiesFactory::ZAbstractPropertiesFactory() : instances_(10, 0), names_(1, 1) {}
-
-ZAbstractPropertiesFactory::~ZAbstractPropertiesFactory() noexcept {}
-
-ZLock* ZPropRegistry::res_ = nullptr;
-
-void ZPropRegistry::init() { res_ = new ZLock; }
-
-ZPropRegistry::ZPropRegistry() {
-    static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, &ZPropRegistry::init);
-    res_->lock();
-}
-
-ZPropRegistry::~ZPropRegistry() noexcept(false) { res_->unlock(); }
-
-namespace {
-
-// Keeps an object from waiting for a file's lock. Needs the object's lock for as long.
-class NoWait {
-public:
-    explicit NoWait(ZPropertiesOptions* options) : options_(options) {
-        if (options_ != nullptr)
-            options_->waits = false;
-    }
-    ~NoWait() {
-        if (options_ != nullptr)
-            options_->waits = true;
-    }
-    NoWait(const NoWait&) = delete;
-    NoWait& operator=(const NoWait&) = delete;
-
-private:
-    ZPropertiesOptions* const options_;
-};
-
-// The turn to make and load an object for a new file, for a scope: one thread at a time, so that
-// threads that ask for a file at once get one object, read once, and factories are called one by
-// one. A factory, or a postLoad, that waits for an object which a thread holds that asks for a new
-// file, waits for ever.
-class FirstLoad {
-public:
-    FirstLoad() {
-        const ZMutexScope guard(mutex_);
-        while (depth_ != 0 && pthread_equal(thread_, pthread_self()) == 0)
-            pthread_cond_wait(&ended_, &mutex_);
-        thread_ = pthread_self();
-        ++depth_;
-    }
-    ~FirstLoad() {
-        const ZMutexScope guard(mutex_);
-        if (--depth_ == 0)
-            pthread_cond_signal(&ended_);
-    }
-    FirstLoad(const FirstLoad&) = delete;
-    FirstLoad& operator=(const FirstLoad&) = delete;
-
-private:
-    static pthread_mutex_t mutex_;
-    static pthread_cond_t ended_;
-    static pthread_t thread_;  // whose turn it is; guarded by mutex_
-    static int depth_;         // a load may ask for another file; guarded by mutex_
-};
-
-pthread_mutex_t FirstLoad::mutex_ = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t FirstLoad::ended_ = PTHREAD_COND_INITIALIZER;
-pthread_t FirstLoad::thread_;
-int FirstLoad::depth_;
-
-}  // namespace
-
-// Whether the file may have changed since this object was loaded or stored, by all that can be
-// known.
-bool ZProperties::isOutdated(const char* file) const {
-    ZResourceLock guard(lock_);
-    ZFileStamp now;
-    if (zstampFile(file, now) != 0)
-        return false;  // a file that has vanished is no reason to reload: nothing could be read
-    return options_ == nullptr || !options_->hasStamp || !zsameContent(options_->stamp, now);
-}
-
-// Brings a shared object up to date. Whether there is anything to do is asked twice: before the
-// wait for the object, so that a caller who needs no reload doesn't wait, and again under its lock,
-// since the thread that held it may have changed or reloaded it.
-void ZProperties::follow(const char* file, int forceReload) {
-    const auto isCurrent = [&](long& stamp) {
-        if (forceReload == 0 && isModified() != 0)
-            return true;
-        stamp = timeStamp_;
-        const int otherSecond = checkAndSetTimeStamp(file, stamp);
-        return forceReload == 0 && !(testsExactly() ? isOutdated(file) : otherSecond);
-    };
-    long stamp;
-    if (isCurrent(stamp))
-        return;
-    ZResourceLock guard(lock_);
-    if (isCurrent(stamp))
-        return;
-    const long before = timeStamp_;
-    timeStamp_ = stamp;
-    NoWait noWait(options_);
-    try {
-        reload(file);
-    } catch (...) {
-        // The next caller tries again, instead of being handed an emptied object: by the old time,
-        // or where that is the file's still, by one that no file has.
-        timeStamp_ = stamp != before ? before : kNoTime;
-        resetModified();  // these changes are gone
-        throw;
-    }
-}
-
-ZProperties* ZProperties::findPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory) {
-    const ZLCConstString probe(file);
-    ZPropRegistry registry;
-    return static_cast<ZProperties*>(factory.instances_.getEntry(&probe));
-}
-
-ZProperties* ZProperties::getPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory,
-                                           int forceReload) {
-    // The file is this thread's own to change: what it would get here is half done.
-    zrequire(!zisUpdatedHere(file));
-    ZProperties* known = findPropertiesFor(file, factory);
-    if (known == nullptr) {
-        FirstLoad turn;
-        known = findPropertiesFor(file, factory);
-        if (known == nullptr)
-            return makePropertiesFor(file, factory);
-    }
-    // Objects of a registry stay: none is removed from it.
-    known->follow(file, forceReload);
-    return known;
-}
-
-ZProperties* ZProperties::makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory) {
-    std::unique_ptr<ZProperties> made(factory.makePropertiesInstance());
-    {
-        ZResourceLock guard(made->lock_);
-        NoWait noWait(made->options_);
-        made->load(file);
-    }
-    std::unique_ptr<ZLCString> name(new ZLCString(file));
-    ZPropRegistry registry;
-    factory.names_.addNoCopy(name.get());
-    factory.instances_.putEntry(name.release(), made.get());
-    return made.release();
+    keepStamp(descriptor);
 }

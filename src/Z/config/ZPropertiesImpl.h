@@ -1,8 +1,17 @@
-// ZPropertiesImpl.h: the plain functions behind load and store. Never installed.
+// ZPropertiesImpl.h: what a properties object knows of its file: load and store. Never installed.
 #ifndef Z_ZPROPERTIESIMPL_H
 #define Z_ZPROPERTIESIMPL_H
 
+#include <atomic>
+#include <cstdio>
+
 #include "ZLCString.h"
+#include "ZProperties.h"
+#include "zlockedfile.h"
+#include "zmemory.h"
+#include "zopenupdates.h"
+#include "zstoremodes.h"
+#include "zwholefile.h"
 
 /// Raises ZPropertiesIOException with "access()" unless the file, or where it doesn't exist its
 /// directory, may be read and written.
@@ -14,5 +23,111 @@ int checkAndSetTimeStamp(const char* file, long& timeStamp);
 
 /// The default path of a file's side database: absolute, with ".obf" behind it.
 void makeObfuscatedDBName(const char* file, ZLCString& out);
+
+/// The file's side of a properties object: path, stamps, options, the update that is open, and the
+/// ways between the disk and the object's cache. Its callers hold the object's lock, except for
+/// what says otherwise.
+class ZPropertiesFile : public ZAllocated {
+public:
+    explicit ZPropertiesFile(ZProperties& object);
+    static ZPropertiesFile& of(const ZProperties& object) { return *object.file_; }
+
+    // What else the units around an object need of it.
+    ZPropertiesLock& lock() const { return object_.lock_; }
+    ZPCache& cache() const { return *object_.cache_; }
+    void tell(const ZPropertyChanged& change);
+
+    const ZLCString& path() const { return fileName_; }
+    /// What a call means by a path that may be null or empty. Raises ZInvalidParameterException if
+    /// there is none.
+    ZLCString choosePath(const char* file) const;
+    /// Whether the cache is being filled, of which nobody is told. Without the lock.
+    bool isLoading() const { return loading_.load(std::memory_order_relaxed) != 0; }
+
+    // --- options ---
+
+    void setStoreMode(int mode);
+    int storeMode() const { return storeMode_; }
+    int lastStoreMode() const { return lastStoreMode_; }
+    void setLockWait(unsigned long milliseconds);
+    void setChangeTest(int test);
+    void allowStoreAfterFailedLoad();
+    /// From now on the file's stamp is kept with each load and store.
+    void keepStamps() { keepsStamp_ = true; }
+    /// How loads and stores lock the file.
+    ZLockTerms lockTerms() const;
+
+    // --- load ---
+
+    void load(const char* file);
+    void reload(const char* file);
+    /// Takes the lock. Somebody else's lock on the file makes it fail.
+    void loadWithoutWaiting(const char* file);
+    /// Brings the shared object up to date. Takes the lock if there is anything to do.
+    void follow(const char* file, int forceReload);
+    /// Reads a file under the lock that its descriptor has into another cache.
+    void readInto(ZPCache& cache, const ZLCString& path, int descriptor) const;
+    /// Reads it anew into the object, and gives the lock up ahead of calls to others. Should that
+    /// fail, nobody stores what is left.
+    void readAnew(const ZLCString& path, int descriptor, ZLockScope& lock);
+    /// The object is what this file holds.
+    void keepStamp(int descriptor);
+
+    // --- store ---
+
+    /// Behind checkFileAccess.
+    void store(const ZLCString& path);
+
+    // --- updates ---
+
+    bool hasUpdate() const { return update_ != nullptr; }
+    /// Reads the file of an update that begins.
+    void beginUpdate(ZUpdatedFile& file);
+    void endUpdate() { update_ = nullptr; }
+    /// Makes the object what the update's file held last, from memory.
+    void restore(const ZUpdatedFile& file);
+
+private:
+    // How the last reading ended: an incomplete one has met a failure that plain objects pass over.
+    enum Outcome { kLoaded, kFailed, kIncomplete };
+
+    bool isCareful() const;
+    bool isOutdated(const char* file) const;
+    bool isCurrent(const char* file, int forceReload, long& stamp) const;
+    ZUpdatedFile* updateOf(const ZLCString& path) const;
+    int readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
+                    ZFileContent& content) const;
+    template <typename Close>
+    void readFile(const ZLCString& path, int descriptor, FILE* stream, ZFileContent& content,
+                  Close close);
+    void noteContent(const ZLCString& path);
+
+    ZLCString settleSideName(const ZLCString& path);
+    void addSideLine(const ZLCString& side);
+    void storePlainly(const ZLCString& path);
+    void writeSidePlainly(const ZLCString& name, int descriptor);
+    void storeCarefully(const ZLCString& path);
+    void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);
+    ZSpan writeText(const ZLCString& path, ZSpan oldText, class ZMemoryStream& stream,
+                    ZBytes& kept) const;
+
+    ZProperties& object_;
+    // Read without the lock by design.
+    std::atomic<int> loading_;
+    std::atomic<long> timeStamp_;  // modification time of the file at the last load or store
+    std::atomic<int> changeTest_;
+    // Guarded by the object's lock. The first load sets the name for good.
+    ZLCString fileName_;
+    Outcome outcome_;
+    int storeMode_;
+    int lastStoreMode_;
+    unsigned long lockWait_;  // milliseconds
+    bool waits_;              // false while getPropertiesFor is at work
+    bool mayStoreAnyway_;     // although the last load failed
+    bool keepsStamp_;
+    bool hasStamp_;  // of the last load or store
+    ZFileStamp stamp_;
+    ZUpdatedFile* update_;  // null: none is open
+};
 
 #endif

@@ -10,6 +10,7 @@
 #include <typeinfo>
 
 #include "ZExceptionText.h"
+#include "ZPropertiesImpl.h"
 #include "ZSCFData.h"
 #include "zinternal.h"
 #include "zraise.h"
@@ -97,7 +98,7 @@ int ZPropertiesIterator::hasMore() {
 
 void ZPropertiesIterator::nextEntry() {
     if (!hasMore())
-        raiseMisplaced(properties_->fileName_);
+        raiseMisplaced(ZPropertiesFile::of(*properties_).path());
     values_ = nullptr;
     if (place_ == nullptr) {
         std::unique_ptr<ZLCString> name(new ZLCString(
@@ -118,7 +119,7 @@ void ZPropertiesIterator::requireEntry() {
     if (place_ == nullptr)
         keys();
     if (place_ == nullptr ? currentKey_ == nullptr : place_->key() == ZPStore::none)
-        raiseMisplaced(properties_->fileName_);
+        raiseMisplaced(ZPropertiesFile::of(*properties_).path());
 }
 
 const char* ZPropertiesIterator::entryName() {
@@ -270,7 +271,7 @@ int ZAbstractPropertyValuesIterator::isValid() const {
 
 const ZLCString* ZAbstractPropertyValuesIterator::nextValue() {
     if (!hasMore())
-        raiseMisplaced(properties_->fileName_);
+        raiseMisplaced(ZPropertiesFile::of(*properties_).path());
     ++index_;
     return currentValue();
 }
@@ -292,7 +293,7 @@ void ZAbstractPropertyValuesIterator::convert(const char* text, ZLCString& out) 
 
 void ZAbstractPropertyValuesIterator::changeValue(const char* text) {
     if (!isValid())
-        raiseMisplaced(properties_->fileName_);
+        raiseMisplaced(ZPropertiesFile::of(*properties_).path());
     ZLCString value;
     convert(text, value);
     values()->set(static_cast<unsigned int>(index_), &value);
@@ -321,7 +322,7 @@ void ZAbstractPropertyValuesIterator::addValue(const char* text) {
 
 void ZAbstractPropertyValuesIterator::removeValue() {
     if (!isValid())
-        raiseMisplaced(properties_->fileName_);
+        raiseMisplaced(ZPropertiesFile::of(*properties_).path());
     if (index_ == 0 && valueType_ == ZPROP_ITER_OBFUSCATED) {
         properties_->setValue(stanza_.getChars(), key_.getChars(), "");
         index_ = -1;

@@ -1,37 +1,31 @@
-// ZPropertiesUpdate.cpp: an update is a descriptor under the write lock that the object's options
-// know, and a snapshot of the content, as the bytes of text and side database.
+// ZPropertiesUpdate.cpp: an update is a descriptor under the write lock that the object's file
+// knows, and a snapshot of the content, as the bytes of text and side database.
 //
 // Order of locks: the object's lock, the file's lock.
 #include "ZPropertiesUpdate.h"
 
 #include <memory>
 
+#include "ZPropertiesImpl.h"
 #include "zraise.h"
-#include "zlockedfile.h"
-#include "zpropoptions.h"
 #include "zreport.h"
 
 class ZPropertiesUpdate::Progress : public ZAllocated {
 public:
     Progress(ZProperties& properties, unsigned long wait)
         : properties_(properties),
-          path_(properties.fileName_),
-          file_(path_.getChars(), zlockOfDescription, wait, false) {
+          known_(ZPropertiesFile::of(properties)),
+          file_(path(), {zlockOfDescription, wait}, false) {
         updated_.descriptor = file_.descriptor();
-        const int error = zstampFile(updated_.descriptor, updated_.stamp);
-        if (error != 0)
-            zraiseIO(path_.getChars(), "stat()", error);
-        // Always: what a stamp doesn't tell would be overwritten.
-        properties_.cache_->clear();
-        properties_.readUpdatedFile(path_, updated_);
         updated_.thread = pthread_self();
+        zcheckIO(zstampFile(updated_.descriptor, updated_.stamp).of(path()));
+        known_.beginUpdate(updated_);
         znoteUpdate(updated_);
-        options().update = &updated_;
     }
     ~Progress() {
-        options().update = nullptr;
+        known_.endUpdate();
         zforgetUpdate(updated_);
-        file_.finish();
+        file_.finish().passOver();
     }
 
     void store() {
@@ -44,52 +38,33 @@ public:
 
     // Closes the file after a store.
     void finish() {
-        const int error = file_.finish();
+        const ZFailure failure = file_.finish();
         // A text that was synced has nothing left to lose.
-        if (error == 0 || options().storeMode != ZPROP_STORE_CHECKED)
+        if (!failure || known_.storeMode() != ZPROP_STORE_CHECKED)
             return;
         properties_.setModified();
-        zraiseIO(path(), "close()", error);
+        zcheckIO(failure);
     }
-
-    const char* path() const { return path_.getChars(); }
 
     // What the object was at the beginning, or what was stored since: from memory, whatever has
     // become of the file.
-    void restore() {
-        ZPCache& cache = *properties_.cache_;
-        properties_.loading_ = 1;
-        try {
-            cache.clear();
-            zreadText(cache, path(), zspanOf(updated_.content.text));
-            if (updated_.content.side.size() != 0)
-                zreadSide(cache, zspanOf(updated_.content.side));
-        } catch (...) {
-            properties_.loading_ = 0;
-            // The object isn't what the file holds any more: no store but a plain one puts it in
-            // the file's place.
-            options().hasStamp = false;
-            properties_.loadFailed_ = ZProperties::kFailed;
-            throw;
-        }
-        properties_.loading_ = 0;
-        properties_.resetModified();
-    }
+    void restore() { known_.restore(updated_); }
 
 private:
-    ZPropertiesOptions& options() { return properties_.options(); }
+    const char* path() const { return known_.path().getChars(); }
 
     ZProperties& properties_;
-    const ZLCString path_;
+    ZPropertiesFile& known_;
     ZLockedFile file_;
     ZUpdatedFile updated_;
 };
 
 ZPropertiesUpdate::ZPropertiesUpdate(ZProperties& properties, unsigned long waitMilliseconds)
-    : guard_(properties.lock_), progress_(nullptr) {
+    : guard_(ZPropertiesFile::of(properties).lock()), progress_(nullptr) {
+    const ZPropertiesFile& known = ZPropertiesFile::of(properties);
     zrequire(properties.isModified() == 0);
-    zrequire(properties.fileName_.getLength() != 0);
-    zrequire(properties.options().update == nullptr);
+    zrequire(known.path().getLength() != 0);
+    zrequire(!known.hasUpdate());
     progress_ = new Progress(properties, waitMilliseconds);
 }
 

@@ -13,20 +13,20 @@
 #include <cstring>
 #include <memory>
 
-#include "zraise.h"
-#include "zpropdiff.h"
-#include "zinternal.h"
+#include "ZPropertiesImpl.h"
 #include "zjournal.h"
-#include "zlockedfile.h"
+#include "zmemorystream.h"
 #include "zpathwatch.h"
-#include "zpropoptions.h"
+#include "zpropdiff.h"
+#include "zraise.h"
 
 ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
     : properties_(properties), watch_(nullptr), descriptor_(-1), pending_(false) {
     {
-        ZProperties::ZPropResourceLock guard(properties.lock_);
-        path_ = properties.fileName_;
-        properties.options();  // from now on a stamp is kept
+        ZPropertiesFile& known = ZPropertiesFile::of(properties);
+        ZProperties::ZPropResourceLock guard(known.lock());
+        path_ = known.path();
+        known.keepStamps();
     }
     zrequire(path_.getLength() != 0);
     watch_ = new ZPathWatch(path_.getChars(), kJournalSuffix);
@@ -53,37 +53,35 @@ int ZPropertiesWatcher::process() {
     pending_ = watch_->hasNews() || pending_;
     if (!pending_ || watch_->isBeingWritten())
         return 0;
+    ZPropertiesFile& known = ZPropertiesFile::of(properties_);
     ZVector<ZPropDifference> differences;
     {
-        ZProperties::ZPropResourceLock guard(properties_.lock_);
-        if (properties_.isModified() != 0 || properties_.options().update != nullptr)
+        ZProperties::ZPropResourceLock guard(known.lock());
+        if (properties_.isModified() != 0 || known.hasUpdate())
             return 0;
         ZOpenFile file(zopenRegularFile(path_.getChars(), O_RDONLY));
         if (file.get() < 0 && (errno == ENOENT || errno == ENOTDIR))
             return 0;
         if (file.get() < 0)
             zraiseIO(path_.getChars(), "fopen(r)", errno);
-        const ZLockOwner owner = properties_.options().lockOwner();
+        const ZLockOwner owner = known.lockTerms().owner;
         ZLockScope lock(file, owner);
-        const int error = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
-        if (zisLockedByOthers(error))
+        const ZFailure failure = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
+        if (failure.isLockedByOthers())
             return 0;
-        if (error != 0)
-            zraiseIO(path_.getChars(), "fcntl()", error);
+        zcheckIO(failure.of(path_.getChars()));
         watch_->noteReading(file.get());
         // A content that can't be read raises here, before the object is touched, and once.
         pending_ = false;
-        std::unique_ptr<ZPCache> fresh(properties_.cache_->clone());
+        std::unique_ptr<ZPCache> fresh(known.cache().clone());
         fresh->clear();
-        properties_.readContent(*fresh, path_, file.get(), nullptr, nullptr);
-        zfindDifferences(*properties_.cache_, *fresh, differences);
-        if (differences.empty() && wouldStoreTheSame(*properties_.cache_, *fresh)) {
-            properties_.options().keepStamp(file.get());
+        known.readInto(*fresh, path_, file.get());
+        zfindDifferences(known.cache(), *fresh, differences);
+        if (differences.empty() && wouldStoreTheSame(known.cache(), *fresh)) {
+            known.keepStamp(file.get());
         } else {
-            // Should this reading fail, the next call tries again, and nobody stores what is left.
-            pending_ = true;
-            properties_.cache_->clear();
-            properties_.readAndUnlock(path_, file.get(), lock);
+            pending_ = true;  // should this reading fail, the next call tries again
+            known.readAnew(path_, file.get(), lock);
             pending_ = false;
         }
     }
@@ -99,5 +97,5 @@ int ZPropertiesWatcher::process() {
 }
 
 void ZPropertiesWatcher::tell(const ZPropertyChanged& change) {
-    properties_.sendChangeNotice(change.style, change.changeType, change.stanza, change.key);
+    ZPropertiesFile::of(properties_).tell(change);
 }

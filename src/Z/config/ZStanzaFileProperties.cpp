@@ -6,7 +6,7 @@
 
 #include "zinternal.h"
 #include "zraise.h"
-#include "zpropnotices.h"
+#include "zpropchanges.h"
 
 // ---------------------------------------------------------------- pairs
 
@@ -121,34 +121,16 @@ void ZStanzaFileProperties::checkComment(ZLCString& text) {
 }
 
 void ZStanzaFileProperties::addStanza(const char* stanza) {
-    zrequire(zhasText(stanza));
-    const ZChangeNames names(hasObservers(), stanza, nullptr);
-    {
-        ZResourceLock guard(lock_);
-        data().addStanzaLine(stanza);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyAdded, names);
+    changeStanza(ZPropertyChanged::PropertyAdded, stanza, [&] { data().addStanzaLine(stanza); });
 }
 
 void ZStanzaFileProperties::deleteStanza(const char* stanza) {
-    zrequire(zhasText(stanza));
-    const ZChangeNames names(hasObservers(), stanza, nullptr);
-    {
-        ZResourceLock guard(lock_);
-        data().delStanzaLine(stanza);
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyDeleted, names);
+    changeStanza(ZPropertyChanged::PropertyDeleted, stanza, [&] { data().delStanzaLine(stanza); });
 }
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
-    zrequire(zhasText(stanza) && zhasText(text));
-    ZResourceLock guard(lock_);
-    ZLCString comment(text);
-    checkComment(comment);
-    data().addStanzaComment(stanza, comment.getChars());
-    setModified();
+    zrequire(zhasText(stanza));
+    changeComment(text, [&](const char* comment) { data().addStanzaComment(stanza, comment); });
 }
 
 void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {

@@ -21,7 +21,7 @@ static int guardedByLock(Call call) {
             call();
         } catch (const ZPropertiesIOException& e) {
             const ZLCConstString word(e.api());
-            locked = word == "fcntl()" && zisLockedByOthers(e.excerrno());
+            locked = word == "fcntl()" && ZFailure{"fcntl()", e.excerrno()}.isLockedByOthers();
             throw;
         }
     });

@@ -39,6 +39,10 @@ static_assert(sizeof(Header) == 96, "the layout is the same on both word sizes")
 static const size_t kProgressAt = offsetof(Header, progress);
 static const size_t kProgressSize = offsetof(Header, zero) - kProgressAt;
 
+ZSpan spanOf(const Header& header) {
+    return {reinterpret_cast<const char*>(&header), sizeof header};
+}
+
 // Both sums of the header, taken as if they and the progress were 0, and of what follows it. zlib
 // counts in ints.
 struct Sums {
@@ -48,7 +52,7 @@ struct Sums {
     explicit Sums(Header header) {
         header.crc = header.adler = header.progress = header.progressCrc = 0;
         header.placedAt = 0;
-        add({reinterpret_cast<const char*>(&header), sizeof header});
+        add(spanOf(header));
     }
     void add(ZSpan bytes) {
         static const size_t kMost = 1 << 30;
@@ -107,8 +111,17 @@ private:
 
 }  // namespace
 
+// Where it would be, as long as no link is followed.
+static ZLCString pathBeside(const char* file) {
+    const char* name = znameOf(file);
+    ZLCString path(file, static_cast<unsigned int>(name - file));
+    path.append(zbesideName(name, kJournalSuffix));
+    return path;
+}
+
 ZJournal::ZJournal(const char* path, int descriptor)
     : filePath_(path),
+      path_(pathBeside(path)),
       descriptor_(descriptor),
       placeIsKnown_(false),
       isKnown_(false),
@@ -123,13 +136,18 @@ ZJournal::ZJournal(const char* path, int descriptor)
       progress_(underWay),
       placedAt_(0) {}
 
-ZLCString ZJournal::path() const {
+ZFailure ZJournal::failed(const char* call) const { return zfailed(call).of(path()); }
+
+// Where the file stands itself is looked for when it matters: mostly there is no journal.
+ZFailure ZJournal::findPlace() {
     if (placeIsKnown_)
-        return place_.pathOf(name_.getChars());
-    const char* name = znameOf(filePath_);
-    ZLCString path(filePath_, static_cast<unsigned int>(name - filePath_));
-    path.append(zbesideName(name, kJournalSuffix));
-    return path;
+        return zdone;
+    if (const ZFailure failure = place_.find(filePath_, descriptor_))
+        return failure.of(filePath_);
+    name_ = zbesideName(place_.name(), kJournalSuffix);
+    path_ = place_.pathOf(name_.getChars());
+    placeIsKnown_ = true;
+    return zdone;
 }
 
 // ---------------------------------------------------------------- reading
@@ -140,16 +158,14 @@ bool ZJournal::isThere(struct stat& status) {
     if (!placeIsKnown_) {
         char link;
         if (readlink(filePath_, &link, 1) < 0) {
-            if (lstat(path().getChars(), &status) != 0)
+            if (lstat(path(), &status) != 0)
                 return false;
         }
         // If the file isn't there any more, what lies there isn't its journal.
-        if (place_.find(filePath_, descriptor_) != 0) {
+        if (findPlace()) {
             errno = ENOENT;
             return false;
         }
-        name_ = zbesideName(place_.name(), kJournalSuffix);
-        placeIsKnown_ = true;
     }
     return fstatat(place_.folder(), name_.getChars(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
@@ -167,7 +183,7 @@ bool ZJournal::find() {
     if (!isThere(status)) {
         // A name that can't be looked at may be a journal's all the same.
         if (errno == EIO || errno == ENOMEM)
-            zcheckIO(path().getChars(), zfailed("stat()"));
+            zcheckIO(failed("stat()"));
         return false;
     }
     if (!mayBeOurs(status) || status.st_size < static_cast<off_t>(sizeof(Header)))
@@ -177,19 +193,15 @@ bool ZJournal::find() {
     if (journal.get() < 0 && (errno == ENOENT || errno == ELOOP))
         return false;  // its writer has just finished, or somebody plays with us
     if (journal.get() < 0)
-        zcheckIO(path().getChars(), zfailed("fopen(r)"));
+        zcheckIO(failed("fopen(r)"));
     if (fstat(journal.get(), &status) != 0)
-        zcheckIO(path().getChars(), zfailed("stat()"));
+        zcheckIO(failed("stat()"));
     if (!mayBeOurs(status))
         return false;
-    int error = zreadWholeFile(journal.get(), bytes_);
-    if (error != 0)
-        zraiseIO(path().getChars(), "read()", error);
+    zcheckIO(zreadWholeFile(journal.get(), bytes_).of(path()));
     if (!parse() || !isOfThisFile() || !findSideName())
         return false;
-    error = zreadWholeFile(descriptor_, file_);
-    if (error != 0)
-        zraiseIO(filePath_, "read()", error);
+    zcheckIO(zreadWholeFile(descriptor_, file_).of(filePath_));
     isKnown_ = true;
     return canBeLeft();
 }
@@ -264,7 +276,7 @@ bool ZJournal::isSideBesideFile() const {
     struct stat sideFolder, folder;
     ZLCString name(place_.name());
     name.append(kSideSuffix);
-    return side.find(sideName_.getChars()) == 0 && fstat(side.folder(), &sideFolder) == 0 &&
+    return !side.find(sideName_.getChars()) && fstat(side.folder(), &sideFolder) == 0 &&
            fstat(place_.folder(), &folder) == 0 && sideFolder.st_dev == folder.st_dev &&
            sideFolder.st_ino == folder.st_ino && name.equals(side.name());
 }
@@ -309,7 +321,7 @@ bool ZJournal::canBeLeft() const {
     if (progress_ == onDisk || zequals(now, old))
         return false;
     ZFileStamp stamp;
-    if (progress_ == placed && (zstampFile(descriptor_, stamp) != 0 || stamp.modified > placedAt_))
+    if (progress_ == placed && (zstampFile(descriptor_, stamp) || stamp.modified > placedAt_))
         return false;
     const size_t least = text_.size < old.size ? text_.size : old.size;
     const size_t most = text_.size > old.size ? text_.size : old.size;
@@ -339,21 +351,19 @@ static size_t lastDifference(ZSpan a, ZSpan b, size_t from) {
 ZFailure ZJournal::makeWay(const struct stat& status) {
     if (unlinkat(place_.folder(), name_.getChars(), 0) == 0 || errno == ENOENT)
         return zdone;
-    const ZFailure failure = zfailed("unlink()");
+    const ZFailure failure = failed("unlink()");
     if (isKnown_ || mayBeOurs(status))
         return failure;
     char call[64];
     snprintf(call, sizeof call, "unlink() of what belongs to user %lu",
              static_cast<unsigned long>(status.st_uid));
-    ZPropertiesIOException raised(path().getChars(), call, failure.error);
-    zraise(raised);
+    zraiseIO(path(), call, failure.error);
 }
 
 bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) {
     const size_t from = zfirstDifference(text, oldText);
     const size_t to =
         text.size == oldText.size ? lastDifference(text, oldText, from) : oldText.size;
-    const ZSpan parts[] = {text, {oldText.data + from, to - from}, side};
     const Identity identity(descriptor_);
     Header header = {};
     memcpy(header.magic, kMagic, sizeof kMagic);
@@ -365,48 +375,44 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
     header.inode = identity.inode;
     header.birth = identity.birth;
     header.sideAction = action;
+    const ZSpan parts[] = {spanOf(header), text, {oldText.data + from, to - from}, side};
     Sums sums(header);
-    for (const ZSpan& part : parts)
-        sums.add(part);
+    for (size_t i = 1; i < sizeof parts / sizeof *parts; ++i)
+        sums.add(parts[i]);
     header.crc = static_cast<uint32_t>(sums.crc);
     header.adler = static_cast<uint32_t>(sums.adler);
     header.progressCrc = progressCrc(header);
 
-    zcheckIO(path().getChars(), remove(true));
-    if (!placeIsKnown_) {
-        const int error = place_.find(filePath_, descriptor_);
-        if (error != 0)
-            zraiseIO(filePath_, "open() of the folder", error);
-        name_ = zbesideName(place_.name(), kJournalSuffix);
-        placeIsKnown_ = true;
-    }
+    zcheckIO(remove(true));
+    zcheckIO(findPlace());
     journal_.reset(zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
                                S_IRUSR | S_IWUSR));
     if (journal_.get() < 0)
-        zcheckIO(path().getChars(), zfailed("fopen(w)"));
+        zcheckIO(failed("fopen(w)"));
     isKnown_ = true;
     // Its content comes behind its access.
-    if (zcopyAccess(journal_.get(), descriptor_) != 0) {
-        zcheckIO(path().getChars(), remove());
+    if (zcopyAccess(journal_.get(), descriptor_)) {
+        zcheckIO(remove());
         return false;
     }
-    ZFailure failure = {"write()", zwriteAt(journal_.get(), reinterpret_cast<const char*>(&header),
-                                            sizeof header, 0)};
-    uint64_t at = sizeof header;
-    for (const ZSpan& part : parts) {
-        if (!failure)
-            failure.error = zwriteAt(journal_.get(), part.data, part.size, at);
-        at += part.size;
-    }
-    if (!failure)
-        failure = sync();
-    if (!failure)
-        failure = place_.sync();
-    if (failure) {
-        remove();
-        zraiseIO(path().getChars(), failure.call, failure.error);
+    if (const ZFailure failure = fill(parts)) {
+        remove().passOver();
+        zcheckIO(failure.of(path()));
     }
     return true;
+}
+
+template <size_t count>
+ZFailure ZJournal::fill(const ZSpan (&parts)[count]) {
+    uint64_t at = 0;
+    for (const ZSpan& part : parts) {
+        if (const ZFailure failure = zwriteAt(journal_.get(), part, at))
+            return failure;
+        at += part.size;
+    }
+    if (const ZFailure failure = sync())
+        return failure;
+    return place_.sync();
 }
 
 ZFailure ZJournal::openForMarks() {
@@ -414,8 +420,8 @@ ZFailure ZJournal::openForMarks() {
     journal_.reset(
         zopenFileAt(place_.folder(), name_.getChars(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
     if (journal_.get() < 0 || fstat(journal_.get(), &status) != 0)
-        return zfailed("fopen(w)");
-    return mayBeOurs(status) ? zdone : ZFailure{"fopen(w)", EPERM};
+        return failed("fopen(w)");
+    return mayBeOurs(status) ? zdone : ZFailure{"fopen(w)", EPERM, path()};
 }
 
 ZFailure ZJournal::mark(Progress progress) {
@@ -423,22 +429,20 @@ ZFailure ZJournal::mark(Progress progress) {
     header.progress = progress;
     if (progress == placed) {
         ZFileStamp stamp;
-        const int error = zstampFile(descriptor_, stamp);
-        if (error != 0)
-            return {"stat()", error};
+        if (const ZFailure failure = zstampFile(descriptor_, stamp))
+            return failure.of(filePath_);
         header.placedAt = stamp.modified;
     }
     header.progressCrc = progressCrc(header);
-    return {"write()",
-            zwriteAt(journal_.get(), reinterpret_cast<const char*>(&header) + kProgressAt,
-                     kProgressSize, kProgressAt)};
+    const ZSpan bytes = {spanOf(header).data + kProgressAt, kProgressSize};
+    return zwriteAt(journal_.get(), bytes, kProgressAt).of(path());
 }
 
-ZFailure ZJournal::sync() const { return fsync(journal_.get()) == 0 ? zdone : zfailed("fsync()"); }
+ZFailure ZJournal::sync() const { return zresultOf(fsync(journal_.get()), "fsync()").of(path()); }
 
 ZFailure ZJournal::remove(bool mustGo) {
     struct stat status = {};
-    journal_.close();
+    journal_.close().passOver();
     if (!isKnown_ && (!isThere(status) || (!mustGo && !mayBeOurs(status))))
         return zdone;
     const ZFailure failure = makeWay(status);

@@ -68,7 +68,10 @@ public:
     ZJournal(const char* path, int descriptor);
 
     /// Its path, for messages.
-    ZLCString path() const;
+    const char* path() const { return path_.getChars(); }
+
+    const char* filePath() const { return filePath_; }
+    int descriptor() const { return descriptor_; }
 
     /// Whether a journal is there that counts; its content is at hand then. Raises
     /// ZPropertiesIOException if there is one that can't be read.
@@ -97,7 +100,7 @@ public:
     ZFailure mark(Progress progress);
     ZFailure sync() const;
 
-    /// Lets a journal that was found be marked. 0 or errno.
+    /// Lets a journal that was found be marked.
     ZFailure openForMarks();
 
     /// Removes the journal, whole or not, or makes it one that doesn't count. What can't be this
@@ -105,6 +108,10 @@ public:
     ZFailure remove(bool mustGo = false);
 
 private:
+    ZFailure failed(const char* call) const;
+    ZFailure findPlace();
+    template <size_t count>
+    ZFailure fill(const ZSpan (&parts)[count]);
     bool isThere(struct stat& status);
     bool mayBeOurs(const struct stat& status) const;
     ZFailure makeWay(const struct stat& status);
@@ -114,6 +121,7 @@ private:
     bool canBeLeft() const;
 
     const char* const filePath_;
+    ZLCString path_;
     const int descriptor_;
     bool placeIsKnown_;
     bool isKnown_;  // found or written here

@@ -1,14 +1,53 @@
-// zlockedfile.h: what stores and updates share: a stanza file under its write lock, and the content
-// of a cache as bytes in memory. Never installed.
+// zlockedfile.h: a file that is open under its lock: as a stream for loads and plain stores, as a
+// descriptor for stores that look at what they find, and for updates. Never installed.
 #ifndef Z_ZLOCKEDFILE_H
 #define Z_ZLOCKEDFILE_H
 
 #include <cstdio>
 
-#include "ZPCache.h"
 #include "zfilestream.h"
 #include "zinternal.h"
 #include "zwholefile.h"
+
+/// Whose lock is taken, and for how many milliseconds it is tried while somebody else holds it.
+struct ZLockTerms {
+    ZLockOwner owner;
+    unsigned long wait;
+};
+
+/// A stream on a file that is locked whole for as long as it is open.
+class ZLockedStream {
+public:
+    ZLockedStream() : owner_(zlockOfProcess), forks_(0), stream_(nullptr) {}
+    ~ZLockedStream() { close(); }
+    ZLockedStream(const ZLockedStream&) = delete;
+    ZLockedStream& operator=(const ZLockedStream&) = delete;
+
+    /// Takes over what was just opened, and locks it, `type` being F_RDLCK or F_WRLCK. Raises
+    /// ZPropertiesIOException: for a null stream with `word` and errno, else with "fcntl()".
+    void take(FILE* opened, const char* word, const char* path, short type,
+              const ZLockTerms& terms);
+
+    FILE* get() const { return stream_.get(); }
+    int descriptor() const { return fileno(stream_.get()); }
+    /// Unlocks and closes. 0 or errno.
+    int close();
+
+private:
+    ZLockOwner owner_;
+    unsigned int forks_;
+    ZStreamRoom room_;
+    ZStreamGuard stream_;
+};
+
+/// A stream on this descriptor, which it closes; null with errno where there is none, or it can't
+/// be had, and then the descriptor is closed.
+FILE* zstreamOn(int descriptor, const char* mode);
+
+/// For a load: by name, as any program does, or taking nothing but a regular file, so that nobody
+/// hangs at a pipe. Null with errno. A thread may be cancelled while it waits at a pipe, but loses
+/// no stream.
+FILE* zopenToRead(const char* path, bool onlyRegular);
 
 /// A stanza file that is open for a store, under its write lock, and the one to which the path
 /// leads: while the lock was awaited, an editor may have put another file in its place. Only a
@@ -17,7 +56,7 @@ class ZLockedFile {
 public:
     /// Opens and locks. A missing file is made if `mayCreate`. Raises ZPropertiesIOException with
     /// "fopen(r+)" or "fcntl()".
-    ZLockedFile(const char* path, ZLockOwner owner, unsigned long waitMilliseconds, bool mayCreate);
+    ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCreate);
     /// What was made here and not finished isn't left behind.
     ~ZLockedFile();
     ZLockedFile(const ZLockedFile&) = delete;
@@ -25,8 +64,8 @@ public:
 
     int descriptor() const { return file_.get(); }
 
-    /// The content is in place: unlocks and closes. 0 or errno.
-    int finish();
+    /// The content is in place: unlocks and closes.
+    ZFailure finish();
 
 private:
     void open(bool mayCreate);
@@ -37,51 +76,5 @@ private:
     ZLockScope lock_;
     bool created_;
 };
-
-/// A stanza file that is open for a load, under its read lock.
-class ZReadFile {
-public:
-    /// Opens and locks. With `onlyRegular`, anything else is refused, and nothing hangs at a pipe.
-    /// Raises ZPropertiesIOException with "fopen(r)" or "fcntl()".
-    ZReadFile(const char* path, bool onlyRegular, ZLockOwner owner, unsigned long waitMilliseconds);
-    ~ZReadFile() { close(); }
-    ZReadFile(const ZReadFile&) = delete;
-    ZReadFile& operator=(const ZReadFile&) = delete;
-
-    FILE* stream() const { return stream_.get(); }
-    int descriptor() const { return fileno(stream_.get()); }
-    /// Unlocks and closes.
-    void close();
-
-private:
-    const ZLockOwner owner_;
-    const unsigned int forks_;
-    ZStreamRoom room_;
-    ZStreamGuard stream_;
-};
-
-/// A stream into memory. Its failures are of memory: ZOutOfMemoryException.
-class ZMemoryStream {
-public:
-    ZMemoryStream();
-    ~ZMemoryStream();
-    ZMemoryStream(const ZMemoryStream&) = delete;
-    ZMemoryStream& operator=(const ZMemoryStream&) = delete;
-
-    FILE* get() const { return stream_.get(); }
-    /// All that was written; the object's. No more can be.
-    ZSpan finish();
-
-private:
-    static ssize_t take(void* self, const char* bytes, size_t size);
-
-    ZBytes bytes_;
-    bool failed_;
-    ZStreamGuard stream_;
-};
-
-/// Let the cache read a text, or a side database, that is in memory; `path` is for messages.
-void zreadText(ZPCache& cache, const char* path, ZSpan text);
-void zreadSide(ZPCache& cache, ZSpan side);
 
 #endif

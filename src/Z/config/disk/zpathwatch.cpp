@@ -246,13 +246,13 @@ void ZPathWatch::readNotices() {
     }
 }
 
-void ZPathWatch::noteReading(int descriptor) { wasRead_ = zstampFile(descriptor, stamp_) == 0; }
+void ZPathWatch::noteReading(int descriptor) { wasRead_ = !zstampFile(descriptor, stamp_); }
 
 // Where all is watched, a young file has no secrets: what comes later is told.
 bool ZPathWatch::isAsRead() const {
     ZFileStamp before = stamp_, now;
     before.settled = before.settled || !looksOften_;
-    return wasRead_ && zstampFile(path_.getChars(), now) == 0 && zsameContent(before, now);
+    return wasRead_ && !zstampFile(path_.getChars(), now) && zsameContent(before, now);
 }
 
 bool ZPathWatch::hasNews() {

@@ -27,33 +27,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "ZSCFData.h"
 #include "zraise.h"
-#include "zsidefile.h"
-
-// Puts `text` in place of a text of `oldSize` bytes, of which those before `from` are the same.
-static ZFailure overwrite(int descriptor, ZSpan text, size_t from, uint64_t oldSize) {
-    const int error = zwriteAt(descriptor, text.data + from, text.size - from, from);
-    if (error != 0)
-        return {"write()", error};
-    if (text.size < oldSize && ftruncate(descriptor, static_cast<off_t>(text.size)) != 0)
-        return zfailed("ftruncate()");
-    return zdone;
-}
 
 namespace {
 
-// A store that looks at its results.
+// A store that looks at its results, as stages in this order.
 class Store {
 public:
     Store(const ZStoreWork& work, ZJournal& journal, int mode)
         : work_(work),
           journal_(journal),
+          descriptor_(journal.descriptor()),
           isSafe_(mode == ZPROP_STORE_SAFE),
           textChanges_(!zequals(work.text, work.oldText)),
           from_(zfirstDifference(work.text, work.oldText)),
+          side_(work.side),
           action_(work.sideAction),
           isBegun_(false) {}
     ~Store() {
@@ -62,36 +51,31 @@ public:
             takeRoomBack();
     }
 
-    /// What the side database is now, and whether it may be written to.
-    void examineSide() {
-        if (action_ == zsideUntouched) {
-            // A store that was stopped may have begun to make one.
-            ZSideFile(work_.sideName.getChars(), work_.descriptor).clearLeft();
-            return;
-        }
-        side_.reset(new ZSideFile(work_.sideName.getChars(), work_.descriptor));
-        zcheckIO(side_->name(), side_->examine(action_ == zsideReplaced));
-        if (action_ == zsideRemoved && !side_->exists()) {
+    /// Finds out what is to be done to the side database, and whether it can be.
+    void settleSide() {
+        if (action_ == zsideRemoved && !side_.exists()) {
             action_ = zsideUntouched;
             return;
         }
-        zcheckIO(side_->name(), side_->clearLeft());
+        // A store that was stopped may have begun to make one.
+        const ZFailure failure = side_.clearLeft();
+        if (action_ == zsideUntouched)
+            return;
+        zcheckIO(failure);
         if (isSafe_)
-            zcheckIO(side_->name(), side_->checkFolder());
-        if (side_->exists())
-            zcheckIO(side_->name(), side_->read(oldBytes_));
-        const bool isSame = action_ == zsideRemoved
-                                ? !side_->exists()
-                                : side_->exists() && zequals(oldSide(), work_.side);
-        if (isSame)
+            zcheckIO(side_.checkFolder());
+        if (side_.exists())
+            zcheckIO(side_.read(oldSide_));
+        if (action_ == zsideReplaced && side_.exists() &&
+            zequals(zspanOf(oldSide_), work_.sideBytes))
             action_ = zsideUntouched;
     }
 
     bool hasNothingToDo() const { return action_ == zsideUntouched && !textChanges_; }
 
     void secureText() {
-        zcheckIO(work_.path,
-                 zsecureRoom(work_.descriptor, work_.oldText.size, work_.text.size, !isSafe_));
+        zcheckIO(zsecureRoom(descriptor_, work_.oldText.size, work_.text.size, !isSafe_)
+                     .of(journal_.filePath()));
     }
 
     /// False if the journal can't have the file's access.
@@ -100,154 +84,145 @@ public:
         // journal, or a crash could leave an older text still.
         const unsigned int flags =
             SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-        if (sync_file_range(work_.descriptor, 0, 0, flags) != 0 &&
+        if (sync_file_range(descriptor_, 0, 0, flags) != 0 &&
             (errno == EIO || errno == ENOSPC || errno == EDQUOT))
-            zraiseIO(work_.path, "sync_file_range()", errno);
+            zraiseIO(journal_.filePath(), "sync_file_range()", errno);
         static const ZSpan kNothing = {"", 0};
         return journal_.write(work_.text, work_.oldText, action_,
-                              action_ == zsideReplaced ? work_.side : kNothing);
+                              action_ == zsideReplaced ? work_.sideBytes : kNothing);
     }
 
     void prepareSide() {
         if (action_ != zsideReplaced)
             return;
         const ZFailure failure =
-            side_->prepare(work_.side, isSafe_ ? ZPROP_STORE_SAFE : ZPROP_STORE_CHECKED);
-        if (!failure)
-            return;
-        if (isSafe_)
-            journal_.remove();
-        zcheckIO(side_->name(), failure);
+            side_.prepare(work_.sideBytes, isSafe_ ? ZPROP_STORE_SAFE : ZPROP_STORE_CHECKED);
+        if (failure && isSafe_)
+            journal_.remove().passOver();
+        zcheckIO(failure);
     }
 
     void putInPlace() {
         isBegun_ = true;
         if (const ZFailure failure = placeText())
-            giveUp(work_.path, failure);
-        if (action_ == zsideReplaced) {
-            const ZFailure failure = side_->takePlace();
-            // To be finished by the journal, whether it was moved or not.
-            if (failure && isSafe_ && side_->isUnclear())
-                zcheckIO(side_->name(), failure);
-            if (failure)
-                giveUp(side_->name(), failure);
-        } else if (action_ == zsideRemoved) {
-            const ZFailure failure = side_->remove();
-            if (failure && side_->isUnclear())
-                zcheckIO(side_->name(), failure);
-            if (failure)
-                giveUp(side_->name(), failure);
+            giveUp(failure);
+        if (action_ == zsideUntouched)
+            return;
+        const bool isRemoval = action_ == zsideRemoved;
+        if (const ZFailure failure = isRemoval ? side_.remove() : side_.takePlace()) {
+            // What may have been done all the same isn't undone: the journal finishes it.
+            if (side_.isUnclear() && (isSafe_ || isRemoval))
+                zcheckIO(failure);
+            giveUp(failure);
         }
-        if (isSafe_ && action_ != zsideUntouched)
-            zcheckIO(side_->name(), side_->syncFolder());
+        if (isSafe_)
+            zcheckIO(side_.syncFolder());
     }
 
 private:
-    ZSpan oldSide() const { return {oldBytes_.data(), oldBytes_.size()}; }
-
     void takeRoomBack() {
         struct stat status;
         const off_t size = static_cast<off_t>(work_.oldText.size);
-        if (fstat(work_.descriptor, &status) == 0 && status.st_size > size)
-            overwrite(work_.descriptor, work_.oldText, work_.oldText.size, UINT64_MAX);
+        if (fstat(descriptor_, &status) == 0 && status.st_size > size)
+            zresultOf(ftruncate(descriptor_, size), "ftruncate()").passOver();
     }
 
     ZFailure placeText() {
         if (!textChanges_)
             return zdone;
-        ZFailure failure = overwrite(work_.descriptor, work_.text, from_, work_.oldText.size);
-        if (failure || !isSafe_)
+        const ZSpan changed = zspanFrom(work_.text, from_);
+        ZFailure failure = work_.text.size < work_.oldText.size
+                               ? zwriteToEnd(descriptor_, changed, from_)
+                               : zwriteAt(descriptor_, changed, from_);
+        if (!failure && isSafe_)
+            failure = syncText();
+        return failure.of(journal_.filePath());
+    }
+    ZFailure syncText() {
+        if (const ZFailure failure = journal_.mark(ZJournal::placed))
             return failure;
-        failure = journal_.mark(ZJournal::placed);
-        if (!failure && fsync(work_.descriptor) != 0)
-            failure = zfailed("fsync()");
-        return failure ? failure : journal_.mark(ZJournal::onDisk);
+        if (const ZFailure failure = zresultOf(fsync(descriptor_), "fsync()"))
+            return failure;
+        return journal_.mark(ZJournal::onDisk);
     }
 
     ZFailure undo() {
         // From here on the file is modified behind the mark, by us.
         if (isSafe_) {
-            ZFailure failure = journal_.mark(ZJournal::underWay);
-            if (!failure)
-                failure = journal_.sync();
-            if (failure)
+            if (const ZFailure failure = journal_.mark(ZJournal::underWay))
+                return failure;
+            if (const ZFailure failure = journal_.sync())
                 return failure;
         }
-        ZFailure failure = overwrite(work_.descriptor, work_.oldText, from_, UINT64_MAX);
-        if (!failure && isSafe_ && fsync(work_.descriptor) != 0)
-            failure = zfailed("fsync()");
-        if (side_ != nullptr && side_->isWrittenInPlace()) {
-            const ZFailure ofSide = side_->putBack(oldSide());
-            failure = failure ? failure : ofSide;
-        }
-        return failure;
+        ZFailure failure = zwriteToEnd(descriptor_, zspanFrom(work_.oldText, from_), from_);
+        if (!failure && isSafe_)
+            failure = zresultOf(fsync(descriptor_), "fsync()");
+        return side_.isWrittenInPlace() ? failure.orElse(side_.putBack(zspanOf(oldSide_)))
+                                        : failure;
     }
 
-    [[noreturn]] void giveUp(const char* path, const ZFailure& failure) {
+    [[noreturn]] void giveUp(const ZFailure& failure) {
         if (!undo() && isSafe_)
-            journal_.remove();
-        ZPropertiesIOException raised(path, failure.call, failure.error);
-        zraise(raised);
+            journal_.remove().passOver();
+        zraiseIO(failure.path, failure.call, failure.error);
     }
 
     const ZStoreWork& work_;
     ZJournal& journal_;
+    const int descriptor_;
     const bool isSafe_;
     const bool textChanges_;
-    const size_t from_;
+    const size_t from_;  // bytes of both texts ahead of it are the same
+    ZSideFile& side_;
     ZSideAction action_;
-    std::unique_ptr<ZSideFile> side_;
-    ZBytes oldBytes_;  // of the side database
-    bool isBegun_;     // bytes of the old text may be gone
+    ZBytes oldSide_;  // as far as the side database is to be changed
+    bool isBegun_;    // bytes of the old text may be gone
 };
 
 }  // namespace
 
-// Whose file it is, that is looked at. What the disk does with the bytes isn't.
-static void storePlainly(const ZStoreWork& work) {
-    ZSideFile side(work.sideName.getChars(), work.descriptor);
-    side.clearLeft();
-    if (work.sideAction != zsideUntouched)
-        zcheckIO(side.name(), side.examine(work.sideAction == zsideReplaced));
+// What the disk does with the bytes isn't looked at.
+static void storePlainly(const ZStoreWork& work, int descriptor) {
+    work.side.clearLeft().passOver();
     if (work.sideAction == zsideReplaced)
-        zcheckIO(side.name(), side.prepare(work.side, ZPROP_STORE_PLAIN));
-    overwrite(work.descriptor, work.text, 0, UINT64_MAX);
+        zcheckIO(work.side.prepare(work.sideBytes, ZPROP_STORE_PLAIN));
+    zwriteToEnd(descriptor, work.text, 0).passOver();
     if (work.sideAction == zsideReplaced)
-        side.takePlace();
+        work.side.takePlace().passOver();
     else if (work.sideAction == zsideRemoved)
-        side.remove();
+        work.side.remove().passOver();
 }
 
 static void storeChecked(const ZStoreWork& work, ZJournal& journal) {
     Store store(work, journal, ZPROP_STORE_CHECKED);
-    store.examineSide();
-    if (!store.hasNothingToDo()) {
-        store.secureText();
-        store.prepareSide();
-        store.putInPlace();
-    }
+    store.settleSide();
+    if (store.hasNothingToDo())
+        return;
+    store.secureText();
+    store.prepareSide();
+    store.putInPlace();
 }
 
 // False if it can't be safe.
 static bool storeSafely(const ZStoreWork& work, ZJournal& journal) {
     struct stat status;
-    if (fstat(work.descriptor, &status) != 0)
-        zraiseIO(work.path, "stat()", errno);
+    if (fstat(journal.descriptor(), &status) != 0)
+        zraiseIO(journal.filePath(), "stat()", errno);
     // A crash would be mended under one of the names only.
     if (status.st_nlink > 1)
-        zraiseIO(work.path, "link()", EMLINK);
+        zraiseIO(journal.filePath(), "link()", EMLINK);
     Store store(work, journal, ZPROP_STORE_SAFE);
-    store.examineSide();
-    if (!store.hasNothingToDo()) {
-        store.secureText();
-        if (!store.writeJournal())
-            return false;
-        store.prepareSide();
-        store.putInPlace();
-    } else if (fsync(work.descriptor) != 0) {
+    store.settleSide();
+    if (store.hasNothingToDo()) {
         // Somebody else may have written the same.
-        zraiseIO(work.path, "fsync()", errno);
+        zcheckIO(zresultOf(fsync(journal.descriptor()), "fsync()").of(journal.filePath()));
+        return true;
     }
+    store.secureText();
+    if (!store.writeJournal())
+        return false;
+    store.prepareSide();
+    store.putInPlace();
     return true;
 }
 
@@ -256,12 +231,12 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
     if (mode == ZPROP_STORE_SAFE && !storeSafely(work, journal))
         mode = ZPROP_STORE_CHECKED;
     if (mode == ZPROP_STORE_PLAIN)
-        storePlainly(work);
+        storePlainly(work, journal.descriptor());
     else if (mode == ZPROP_STORE_CHECKED)
         storeChecked(work, journal);
     const ZFailure failure = journal.remove();
     if (mode != ZPROP_STORE_PLAIN)
-        zcheckIO(journal.path().getChars(), failure);
+        zcheckIO(failure);
     return mode;
 }
 
@@ -272,11 +247,11 @@ int zstore(const ZStoreWork& work, ZJournal& journal, int mode) {
 // removed must be a side database.
 static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
     if (!journal.isSideNamedInFile())
-        zraiseIO(journal.path().getChars(), "a side database that the file doesn't name", EPERM);
+        zraiseIO(journal.path(), "a side database that the file doesn't name", EPERM);
     if (!side.exists())
         return;
     ZBytes bytes;
-    zcheckIO(side.name(), side.read(bytes));
+    zcheckIO(side.read(bytes));
     ZBuffer buffer;
     buffer.setBuffer(bytes.size(), bytes.data());
     ZSCFData scratch;
@@ -285,24 +260,38 @@ static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
 }
 
 static void finishSide(ZJournal& journal, ZSideFile& side) {
-    zcheckIO(side.name(), side.clearLeft());
+    zcheckIO(side.clearLeft());
     if (journal.sideAction() == zsideReplaced) {
         ZFailure failure = side.prepare(journal.side(), ZPROP_STORE_SAFE);
         // A user who can't give a new file to the owner may still write to the old one.
         if (failure && side.exists())
             failure = side.prepare(journal.side(), ZPROP_STORE_CHECKED);
-        zcheckIO(side.name(), failure);
-        zcheckIO(side.name(), side.takePlace(true));
+        zcheckIO(failure);
+        zcheckIO(side.takePlace(true));
     } else {
-        zcheckIO(side.name(), side.remove());
+        zcheckIO(side.remove());
     }
-    zcheckIO(side.name(), side.syncFolder());
+    zcheckIO(side.syncFolder());
 }
 
-void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
+static void finishText(ZJournal& journal) {
+    const int descriptor = journal.descriptor();
+    if (!zequals(journal.file(), journal.text())) {
+        // Should this be cut off too, the file is modified behind an old mark.
+        zcheckIO(journal.mark(ZJournal::underWay));
+        zcheckIO(journal.sync());
+        const size_t from = zfirstDifference(journal.file(), journal.text());
+        zcheckIO(
+            zwriteToEnd(descriptor, zspanFrom(journal.text(), from), from).of(journal.filePath()));
+        zcheckIO(journal.mark(ZJournal::placed));
+    }
+    zcheckIO(zresultOf(fsync(descriptor), "fsync()").of(journal.filePath()));
+    zcheckIO(journal.mark(ZJournal::onDisk));
+}
+
+void zfinishJournal(ZJournal& journal) {
     ZSizeSignalGuard noSignal;
-    const ZLCString name(journal.path());
-    ZSideFile side(journal.sideName().getChars(), descriptor);
+    ZSideFile side(journal.sideName().getChars(), journal.descriptor());
     bool hasSide = journal.sideAction() != zsideUntouched;
     const bool isElsewhere = hasSide && !journal.isSideBesideFile();
     // What is to go and isn't named any more lies there by itself from now on.
@@ -310,25 +299,15 @@ void zfinishJournal(const char* path, int descriptor, ZJournal& journal) {
         hasSide = false;
     // Ahead of any change.
     if (hasSide)
-        zcheckIO(side.name(), side.examine(journal.sideAction() == zsideReplaced));
+        zcheckIO(side.examine(journal.sideAction() == zsideReplaced));
     if (hasSide && journal.sideAction() == zsideRemoved && !side.exists())
         hasSide = false;
-    zcheckIO(name.getChars(), journal.openForMarks());
-    if (!zequals(journal.file(), journal.text())) {
-        // Should this be cut off too, the file is modified behind an old mark.
-        zcheckIO(name.getChars(), journal.mark(ZJournal::underWay));
-        zcheckIO(name.getChars(), journal.sync());
-        zcheckIO(path, overwrite(descriptor, journal.text(),
-                                 zfirstDifference(journal.file(), journal.text()), UINT64_MAX));
-        zcheckIO(name.getChars(), journal.mark(ZJournal::placed));
-    }
-    if (fsync(descriptor) != 0)
-        zraiseIO(path, "fsync()", errno);
-    zcheckIO(name.getChars(), journal.mark(ZJournal::onDisk));
+    zcheckIO(journal.openForMarks());
+    finishText(journal);
     // Where the name was torn, the file has it from now on, and the next store goes on here.
     if (hasSide && isElsewhere)
         requireSideDatabase(journal, side);
     if (hasSide)
         finishSide(journal, side);
-    zcheckIO(name.getChars(), journal.remove());
+    zcheckIO(journal.remove());
 }

@@ -7,35 +7,35 @@
 #define Z_ZSAFESTORE_H
 
 #include "zjournal.h"
+#include "zsidefile.h"
 #include "zstoremodes.h"
 
-/// What is to be put into place, and where.
+/// What is to be put into place; all settled before anything is written. It refers to what the
+/// caller has.
 struct ZStoreWork {
-    ZStoreWork(int file, const char* filePath)
-        : descriptor(file),
-          path(filePath),
-          text{"", 0},
-          oldText{"", 0},
-          sideAction(zsideUntouched),
-          side{"", 0} {}
+    ZStoreWork(ZSpan newText, ZSpan textBefore, ZSideAction action, ZSideFile& sideFile,
+               ZSpan newSide)
+        : text(newText),
+          oldText(textBefore),
+          sideAction(action),
+          side(sideFile),
+          sideBytes(newSide) {}
 
-    int descriptor;    // the stanza file, open for reading and writing
-    const char* path;  // its path, for messages
-    ZSpan text;        // the new text
-    ZSpan oldText;     // what the file holds
-    ZSideAction sideAction;
-    ZLCString sideName;  // where it is, or would be
-    ZSpan side;          // the new side database
+    const ZSpan text;
+    const ZSpan oldText;  // what the file holds; a plain store needn't know it
+    const ZSideAction sideAction;
+    ZSideFile& side;  // examined, unless it is to stay untouched
+    const ZSpan sideBytes;
 };
 
-/// Stores in this mode. Plainly: only a side database that can't be what is to be written is a
-/// failure.
-/// Checked: any failure leaves the old content, as far as it can be put back. Safe: see
-/// zsafestore.cpp; a file with several links is refused. The mode in which it was done: where the
-/// journal can't have the file's owner, group and access, a safe one becomes a checked one.
+/// Stores in this mode, into the journal's file. Plainly: only a side database that can't be what
+/// is to be written is a failure. Checked: any failure leaves the old content, as far as it can be
+/// put back. Safe: see zsafestore.cpp; a file with several links is refused. The mode in which it
+/// was done: where the journal can't have the file's owner, group and access, a safe one becomes a
+/// checked one.
 int zstore(const ZStoreWork& work, ZJournal& journal, int mode);
 
 /// Puts the content of a journal that counts into place and removes it.
-void zfinishJournal(const char* path, int descriptor, ZJournal& journal);
+void zfinishJournal(ZJournal& journal);
 
 #endif

@@ -46,30 +46,30 @@ ZSideFile::ZSideFile(const char* name, int text)
 
 ZSideFile::~ZSideFile() { discard(); }
 
+ZFailure ZSideFile::failed(const char* call) const { return zfailed(call).of(name()); }
+
 ZFailure ZSideFile::find() {
     if (temporary_.getLength() != 0)
         return zdone;
-    const int error = place_.find(name());
-    if (error == 0)
-        temporary_ = zbesideName(place_.name(), ".ztmp");
-    return {"fopen(w)", error};
+    if (const ZFailure failure = place_.find(name()))
+        return failure.as("fopen(w)").of(name());
+    temporary_ = zbesideName(place_.name(), ".ztmp");
+    return zdone;
 }
 
 ZFailure ZSideFile::examine(bool wanted) {
     if (const ZFailure failure = find())
         return wanted || (failure.error != ENOENT && failure.error != ENOTDIR) ? failure : zdone;
-    int error;
     struct stat side, text;
     if (statusOf(text_, text) != 0)
-        return zfailed("stat()");
+        return failed("stat()");
     exists_ = fstatat(place_.folder(), place_.name(), &side, AT_SYMLINK_NOFOLLOW) == 0;
     if (!exists_ && errno != ENOENT)
-        return zfailed("stat()");
+        return failed("stat()");
     if (!exists_)
-        return !wanted || isOwnersPlace() ? zdone : ZFailure{"fopen(w)", EPERM};
+        return !wanted || isOwnersPlace() ? zdone : ZFailure{"fopen(w)", EPERM, name()};
     inode_ = side.st_ino;
-    error = refusal(side, text);
-    return error == 0 ? zdone : ZFailure{"fopen(w)", error};
+    return {"fopen(w)", refusal(side, text), name()};
 }
 
 // Whether the text's owner can be meant to have a new file in this folder.
@@ -83,7 +83,7 @@ bool ZSideFile::isOwnersPlace() const {
         return true;
     ZPlace own;
     struct stat ownFolder;
-    return own.find("", text_) == 0 && fstat(own.folder(), &ownFolder) == 0 &&
+    return !own.find("", text_) && fstat(own.folder(), &ownFolder) == 0 &&
            ownFolder.st_dev == folder.st_dev && ownFolder.st_ino == folder.st_ino;
 }
 
@@ -93,17 +93,17 @@ ZFailure ZSideFile::openExisting(int flags, ZOpenFile& file) const {
     file.reset(zopenFileAt(place_.folder(), place_.name(), flags | O_NOFOLLOW | O_NONBLOCK));
     const char* call = (flags & O_ACCMODE) == O_RDONLY ? "fopen(r)" : "fopen(w)";
     if (file.get() < 0)
-        return zfailed(call);
+        return failed(call);
     if (fstat(file.get(), &side) != 0 || statusOf(text_, text) != 0)
-        return zfailed("stat()");
-    return {call, side.st_ino != inode_ ? ESTALE : refusal(side, text)};
+        return failed("stat()");
+    return {call, side.st_ino != inode_ ? ESTALE : refusal(side, text), name()};
 }
 
 ZFailure ZSideFile::read(ZBytes& bytes) const {
     ZOpenFile file;
     if (const ZFailure failure = openExisting(O_RDONLY, file))
         return failure;
-    return {"read()", zreadWholeFile(file.get(), bytes)};
+    return zreadWholeFile(file.get(), bytes).of(name());
 }
 
 // ---------------------------------------------------------------- room
@@ -120,16 +120,16 @@ ZFailure zsecureRoom(int descriptor, uint64_t oldSize, uint64_t newSize, bool ma
     if (!mayLengthen)
         return zdone;
     static const char kZeros[4096] = {};
-    failure = {"write()", 0};
+    failure = zdone;
     for (uint64_t at = oldSize; at < newSize && !failure;) {
         const size_t size =
             newSize - at < sizeof kZeros ? static_cast<size_t>(newSize - at) : sizeof kZeros;
-        failure.error = zwriteAt(descriptor, kZeros, size, at);
+        failure = zwriteAt(descriptor, {kZeros, size}, at);
         at += size;
     }
     // Some find out only when it comes to the disk.
-    if (!failure && fdatasync(descriptor) != 0)
-        failure = zfailed("fdatasync()");
+    if (!failure)
+        failure = zresultOf(fdatasync(descriptor), "fdatasync()");
     if (failure && ftruncate(descriptor, static_cast<off_t>(oldSize)) != 0)
         return zfailed("ftruncate()");
     return failure;
@@ -142,7 +142,7 @@ ZFailure ZSideFile::clearLeft() {
         return failure;
     if (unlinkat(place_.folder(), temporary_.getChars(), 0) == 0 || errno == ENOENT)
         return zdone;
-    return zfailed("unlink()");
+    return failed("unlink()");
 }
 
 void ZSideFile::discard() {
@@ -151,48 +151,43 @@ void ZSideFile::discard() {
     written_ = false;
 }
 
-ZFailure ZSideFile::fill(ZSpan bytes) const {
-    const int error = zwriteAt(target_.get(), bytes.data, bytes.size, 0);
-    if (error != 0)
-        return {"write()", error};
-    return ftruncate(target_.get(), static_cast<off_t>(bytes.size)) == 0 ? zdone
-                                                                         : zfailed("ftruncate()");
-}
-
 ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
     prepared_ = bytes;
     inPlace_ = mode != ZPROP_STORE_SAFE && exists_;
-    if (inPlace_) {
-        if (const ZFailure failure = openExisting(O_WRONLY, target_))
-            return failure;
-        // What the text gives now, as far as it is allowed; nobody gets at more by a failure.
-        struct stat side, text;
-        if (zcopyAccess(target_.get(), text_) != 0 && fstat(target_.get(), &side) == 0 &&
-            fstat(text_, &text) == 0)
-            fchmod(target_.get(), side.st_mode & text.st_mode & 07777);
-        if (mode == ZPROP_STORE_PLAIN)
-            return zdone;
-        if (fstat(target_.get(), &side) != 0)
-            return zfailed("stat()");
-        return zsecureRoom(target_.get(), static_cast<uint64_t>(side.st_size), bytes.size, true);
-    }
+    return (inPlace_ ? prepareExisting(mode) : prepareNew(mode)).of(name());
+}
+
+ZFailure ZSideFile::prepareExisting(int mode) {
+    if (const ZFailure failure = openExisting(O_WRONLY, target_))
+        return failure;
+    // What the text gives now, as far as it is allowed; nobody gets at more by a failure.
+    struct stat side, text;
+    if (zcopyAccess(target_.get(), text_) && fstat(target_.get(), &side) == 0 &&
+        fstat(text_, &text) == 0)
+        fchmod(target_.get(), side.st_mode & text.st_mode & 07777);
+    if (mode == ZPROP_STORE_PLAIN)
+        return zdone;
+    if (fstat(target_.get(), &side) != 0)
+        return failed("stat()");
+    return zsecureRoom(target_.get(), static_cast<uint64_t>(side.st_size), prepared_.size, true);
+}
+
+ZFailure ZSideFile::prepareNew(int mode) {
     if (const ZFailure failure = clearLeft())
-        return {"fopen(w)", failure.error};
+        return failure.as("fopen(w)");
     target_.reset(zopenFileAt(place_.folder(), temporary_.getChars(), O_WRONLY | O_CREAT | O_EXCL,
                               S_IRUSR | S_IWUSR));
     if (target_.get() < 0)
-        return zfailed("fopen(w)");
+        return failed("fopen(w)");
     written_ = true;
     struct stat made;
     newInode_ = fstat(target_.get(), &made) == 0 ? made.st_ino : 0;
-    ZFailure failure = {"fchown()", zcopyAccess(target_.get(), text_)};
+    ZFailure failure = zcopyAccess(target_.get(), text_);
     if (!failure) {
-        failure = fill(bytes);
-        if (!failure && mode == ZPROP_STORE_SAFE && fsync(target_.get()) != 0)
-            failure = zfailed("fsync()");
-        const int error = target_.close();
-        if (!failure)
-            failure = {"close()", error};
+        failure = zwriteToEnd(target_.get(), prepared_, 0);
+        if (!failure && mode == ZPROP_STORE_SAFE)
+            failure = zresultOf(fsync(target_.get()), "fsync()");
+        failure = failure.orElse(target_.close());
         if (mode == ZPROP_STORE_PLAIN)
             return zdone;
     }
@@ -202,22 +197,22 @@ ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
 }
 
 ZFailure ZSideFile::putBack(ZSpan old) {
-    const ZFailure failure = openExisting(O_WRONLY, target_);
-    return failure ? failure : fill(old);
+    if (const ZFailure failure = openExisting(O_WRONLY, target_))
+        return failure;
+    return zwriteToEnd(target_.get(), old, 0).of(name());
 }
 
 ZFailure ZSideFile::takePlace(bool synced) {
     isUnclear_ = false;
     if (inPlace_) {
-        ZFailure failure = fill(prepared_);
-        if (!failure && synced && fsync(target_.get()) != 0)
-            failure = zfailed("fsync()");
-        const int error = target_.close();
-        return failure ? failure : ZFailure{"close()", error};
+        ZFailure failure = zwriteToEnd(target_.get(), prepared_, 0);
+        if (!failure && synced)
+            failure = zresultOf(fsync(target_.get()), "fsync()");
+        return failure.orElse(target_.close()).of(name());
     }
     if (renameat(place_.folder(), temporary_.getChars(), place_.folder(), place_.name()) != 0) {
         // What is told as failed may have been done.
-        const ZFailure failure = zfailed("rename()");
+        const ZFailure failure = failed("rename()");
         struct stat now;
         const bool isThere =
             fstatat(place_.folder(), place_.name(), &now, AT_SYMLINK_NOFOLLOW) == 0;
@@ -234,7 +229,7 @@ ZFailure ZSideFile::remove() {
     if (temporary_.getLength() == 0 || unlinkat(place_.folder(), place_.name(), 0) == 0 ||
         errno == ENOENT)
         return zdone;
-    const ZFailure failure = zfailed("unlink()");
+    const ZFailure failure = failed("unlink()");
     struct stat left;
     if (fstatat(place_.folder(), place_.name(), &left, AT_SYMLINK_NOFOLLOW) == 0)
         return failure;
@@ -245,7 +240,7 @@ ZFailure ZSideFile::remove() {
 // ---------------------------------------------------------------- loading
 
 ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
-    const auto failed = [](int error) { return ZFailure{"mapFile()", error}; };
+    const auto failed = [name](int error) { return ZFailure{"mapFile()", error, name}; };
     // Asked ahead: to open a device may do something.
     struct stat named;
     if (lstat(name, &named) == 0 && !S_ISREG(named.st_mode))
@@ -264,5 +259,5 @@ ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
     const int error = refusal(side, owner);
     if (error != 0 && error != EINVAL)
         return failed(error);
-    return failed(zreadWholeFile(file.get(), bytes));
+    return failed(zreadWholeFile(file.get(), bytes).error);
 }

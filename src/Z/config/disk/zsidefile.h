@@ -53,9 +53,9 @@ public:
     /// Removes it; one that isn't there is no failure.
     ZFailure remove();
     /// Makes moves and removals last.
-    ZFailure syncFolder() const { return place_.sync(); }
+    ZFailure syncFolder() const { return place_.sync().of(name()); }
     /// Whether that can be done.
-    ZFailure checkFolder() const { return place_.checkSync(); }
+    ZFailure checkFolder() const { return place_.checkSync().of(name()); }
     /// Removes what a store that was stopped has left.
     ZFailure clearLeft();
 
@@ -63,7 +63,9 @@ private:
     ZFailure find();
     bool isOwnersPlace() const;
     ZFailure openExisting(int flags, ZOpenFile& file) const;
-    ZFailure fill(ZSpan bytes) const;
+    ZFailure failed(const char* call) const;
+    ZFailure prepareExisting(int mode);
+    ZFailure prepareNew(int mode);
     void discard();
 
     const ZLCString name_;

@@ -19,14 +19,14 @@
 
 // ---------------------------------------------------------------- descriptors and names
 
-int ZOpenFile::close() {
+ZFailure ZOpenFile::close() {
     const ZUncancelled uncancelled;
     const int descriptor = release();
-    return descriptor < 0 || ::close(descriptor) == 0 ? 0 : errno;
+    return descriptor < 0 ? zdone : zresultOf(::close(descriptor), "close()");
 }
 
 void ZOpenFile::reset(int descriptor) {
-    close();
+    close().passOver();
     descriptor_ = descriptor;
 }
 
@@ -56,7 +56,7 @@ int zopenRegularFile(const char* path, int flags, unsigned int mode) {
         error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     if (error == 0)
         return file.release();
-    file.close();
+    file.close().passOver();
     errno = error;
     return -1;
 }
@@ -130,35 +130,36 @@ ZLCString zbesideName(const char* name, const char* suffix) {
     return out;
 }
 
-int ZPlace::find(const char* path, int descriptor) {
+ZFailure ZPlace::find(const char* path, int descriptor) {
+    const ZFailure lost = {"open() of the folder", ESTALE, nullptr};
     char link[32];
     char real[PATH_MAX];
     snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
     const ssize_t length = readlink(link, real, sizeof real);
-    int error;
+    ZFailure failure;
     if (length > 0 && length < static_cast<ssize_t>(sizeof real) && *real == '/') {
         real[length] = '\0';
-        error = find(real);
+        failure = find(real);
     } else {
         ZLCString followed(path);
         zfollowLinks(followed);
-        error = find(followed.getChars());
+        failure = find(followed.getChars());
     }
-    if (error != 0)
-        return error == ENOENT ? ESTALE : error;
+    if (failure)
+        return failure.error == ENOENT ? lost : failure;
     struct stat open, named;
     if (fstat(descriptor, &open) != 0 ||
         fstatat(folder(), name(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
         open.st_dev != named.st_dev || open.st_ino != named.st_ino)
-        return ESTALE;
-    return 0;
+        return lost;
+    return zdone;
 }
 
-int ZPlace::find(const char* path) {
+ZFailure ZPlace::find(const char* path) {
     folderPath_ = zfolderOf(path);
     name_ = znameOf(path);
     folder_.reset(zopenFile(folderPath_.getChars(), O_PATH | O_DIRECTORY));
-    return folder() < 0 ? errno : 0;
+    return zresultOf(folder(), "open() of the folder");
 }
 
 ZLCString ZPlace::pathOf(const char* name) const {
@@ -171,14 +172,14 @@ ZLCString ZPlace::pathOf(const char* name) const {
 
 ZFailure ZPlace::checkSync() const {
     const ZOpenFile readable(zopenFileAt(folder(), ".", O_RDONLY | O_DIRECTORY));
-    return readable.get() < 0 ? zfailed("open() of the folder") : zdone;
+    return zresultOf(readable.get(), "open() of the folder");
 }
 
 ZFailure ZPlace::sync() const {
     ZOpenFile readable(zopenFileAt(folder(), ".", O_RDONLY | O_DIRECTORY));
     if (readable.get() < 0)
         return zfailed("open() of the folder");
-    return fsync(readable.get()) == 0 ? zdone : zfailed("fsync()");
+    return zresultOf(fsync(readable.get()), "fsync()");
 }
 
 // ---------------------------------------------------------------- time
@@ -229,31 +230,32 @@ private:
 
 }  // namespace
 
-static int tryLock(int descriptor, short type, ZLockOwner owner) {
+static ZFailure tryLock(int descriptor, short type, ZLockOwner owner) {
     struct flock whole = {};
     whole.l_type = type;
     whole.l_whence = SEEK_SET;
     const int command = owner == zlockOfDescription ? F_OFD_SETLK : F_SETLK;
-    return fcntl(descriptor, command, &whole) == -1 ? errno : 0;
+    return zresultOf(fcntl(descriptor, command, &whole), "fcntl()");
 }
 
-int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long waitMilliseconds) {
-    int error = tryLock(descriptor, type, owner);
-    if (error == 0 || waitMilliseconds == 0)
-        return error;
+ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
+                        unsigned long waitMilliseconds) {
+    ZFailure failure = tryLock(descriptor, type, owner);
+    if (!failure || waitMilliseconds == 0)
+        return failure;
     // Whoever waits longer than a hundred years waits for ever.
     static const uint64_t kLongest = UINT64_C(100) * 365 * 24 * 3600 * 1000;
     const uint64_t wait = waitMilliseconds < kLongest ? waitMilliseconds : kLongest;
     const int64_t end = now(CLOCK_MONOTONIC) + static_cast<int64_t>(wait) * (kSecond / 1000);
     Pauses pauses;
-    while (zisLockedByOthers(error)) {
+    while (failure.isLockedByOthers()) {
         const int64_t left = end - now(CLOCK_MONOTONIC);
         if (left <= 0)
             break;
         pauses.pause(left);
-        error = tryLock(descriptor, type, owner);
+        failure = tryLock(descriptor, type, owner);
     }
-    return error;
+    return failure;
 }
 
 static std::atomic<unsigned int> forks(0);
@@ -268,10 +270,10 @@ unsigned int zforkCount() {
 
 void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore) {
     if (descriptor >= 0 && owner == zlockOfDescription && forksBefore != zforkCount())
-        tryLock(descriptor, F_UNLCK, owner);
+        tryLock(descriptor, F_UNLCK, owner).passOver();
 }
 
-int ZLockScope::close() {
+ZFailure ZLockScope::close() {
     zunlockSharedFile(file_.get(), owner_, forks_);
     return file_.close();
 }
@@ -291,20 +293,20 @@ static void fill(const struct stat& status, ZFileStamp& stamp) {
     stamp.settled = now(CLOCK_REALTIME) - last > kStep;
 }
 
-int zstampFile(int descriptor, ZFileStamp& stamp) {
+ZFailure zstampFile(int descriptor, ZFileStamp& stamp) {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
-        return errno;
+        return zfailed("stat()");
     fill(status, stamp);
-    return 0;
+    return zdone;
 }
 
-int zstampFile(const char* path, ZFileStamp& stamp) {
+ZFailure zstampFile(const char* path, ZFileStamp& stamp) {
     struct stat status;
     if (stat(path, &status) != 0)
-        return errno;
+        return zfailed("stat()");
     fill(status, stamp);
-    return 0;
+    return zdone;
 }
 
 bool zsameFile(const ZFileStamp& a, const ZFileStamp& b) {
@@ -318,8 +320,7 @@ bool zsameContent(const ZFileStamp& before, const ZFileStamp& now) {
 
 bool zleadsTo(const char* path, int descriptor) {
     ZFileStamp open = {}, named = {};
-    return zstampFile(descriptor, open) == 0 && zstampFile(path, named) == 0 &&
-           zsameFile(open, named);
+    return !zstampFile(descriptor, open) && !zstampFile(path, named) && zsameFile(open, named);
 }
 
 // ---------------------------------------------------------------- bytes
@@ -328,12 +329,12 @@ bool zleadsTo(const char* path, int descriptor) {
 // behind it.
 static bool isToBeRepeated(int error, int& times) { return error == EINTR && ++times < 1000; }
 
-int zreadWholeFile(int descriptor, ZBytes& bytes) {
+ZFailure zreadWholeFile(int descriptor, ZBytes& bytes) {
     int times = 0;
     bytes.setSize(0);
     struct stat status;
     if (fstat(descriptor, &status) != 0)
-        return errno;
+        return zfailed("read()");
     // One byte more, so that the end shows with the first read.
     bytes.reserveMore(static_cast<size_t>(status.st_size) + 1);
     for (;;) {
@@ -341,29 +342,34 @@ int zreadWholeFile(int descriptor, ZBytes& bytes) {
         const ssize_t got = pread(descriptor, bytes.data() + bytes.size(), bytes.room(),
                                   static_cast<off_t>(bytes.size()));
         if (got == 0)
-            return 0;
+            return zdone;
         if (got > 0)
             bytes.setSize(bytes.size() + static_cast<size_t>(got));
         else if (!isToBeRepeated(errno, times))
-            return errno;
+            return zfailed("read()");
     }
 }
 
-int zwriteAt(int descriptor, const char* bytes, size_t size, uint64_t offset) {
+ZFailure zwriteAt(int descriptor, ZSpan bytes, uint64_t offset) {
     int times = 0;
-    while (size > 0) {
-        const ssize_t put = pwrite(descriptor, bytes, size, static_cast<off_t>(offset));
+    for (size_t done = 0; done < bytes.size;) {
+        const ssize_t put = pwrite(descriptor, bytes.data + done, bytes.size - done,
+                                   static_cast<off_t>(offset + done));
         if (put < 0 && isToBeRepeated(errno, times))
             continue;
         if (put < 0)
-            return errno;
+            return zfailed("write()");
         if (put == 0)
-            return EIO;
-        bytes += put;
-        size -= static_cast<size_t>(put);
-        offset += static_cast<uint64_t>(put);
+            return {"write()", EIO, nullptr};
+        done += static_cast<size_t>(put);
     }
-    return 0;
+    return zdone;
+}
+
+ZFailure zwriteToEnd(int descriptor, ZSpan bytes, uint64_t from) {
+    if (const ZFailure failure = zwriteAt(descriptor, bytes, from))
+        return failure;
+    return zresultOf(ftruncate(descriptor, static_cast<off_t>(from + bytes.size)), "ftruncate()");
 }
 
 size_t zfirstDifference(ZSpan a, ZSpan b) {
@@ -379,9 +385,11 @@ size_t zfirstDifference(ZSpan a, ZSpan b) {
 
 // ---------------------------------------------------------------- access
 
+static const char kAccessCall[] = "fchown()";  // one word for all of it
+
 // The list that grants more than owner, group and mode can say, or takes what a folder gives to new
 // files away. Before the mode: with a list, the mode's middle bits are its mask.
-static int copyAccessList(int descriptor, int model) {
+static ZFailure copyAccessList(int descriptor, int model) {
     static const char kAccessList[] = "system.posix_acl_access";
     ZBytes list;
     ssize_t length = fgetxattr(model, kAccessList, nullptr, 0);
@@ -390,27 +398,26 @@ static int copyAccessList(int descriptor, int model) {
         length = fgetxattr(model, kAccessList, list.data(), list.room());
     }
     if (length > 0)
-        return fsetxattr(descriptor, kAccessList, list.data(), static_cast<size_t>(length), 0) == 0
-                   ? 0
-                   : errno;
+        return zresultOf(
+            fsetxattr(descriptor, kAccessList, list.data(), static_cast<size_t>(length), 0),
+            kAccessCall);
     if (length < 0 && errno != ENODATA && errno != EOPNOTSUPP)
-        return errno;
+        return zfailed(kAccessCall);
     fremovexattr(descriptor, kAccessList);
-    return 0;
+    return zdone;
 }
 
-int zcopyAccess(int descriptor, int model) {
+ZFailure zcopyAccess(int descriptor, int model) {
     struct stat wanted, own;
     if (fstat(model, &wanted) != 0 || fstat(descriptor, &own) != 0)
-        return errno;
+        return zfailed(kAccessCall);
     if ((own.st_uid != wanted.st_uid || own.st_gid != wanted.st_gid) &&
         fchown(descriptor, wanted.st_uid, wanted.st_gid) != 0)
-        return errno;
-    const int error = copyAccessList(descriptor, model);
-    if (error != 0)
-        return error;
+        return zfailed(kAccessCall);
+    if (const ZFailure failure = copyAccessList(descriptor, model))
+        return failure;
     // Some file systems have one mode for all files and refuse even that.
     if (fstat(descriptor, &own) == 0 && ((own.st_mode ^ wanted.st_mode) & 07777) == 0)
-        return 0;
-    return fchmod(descriptor, wanted.st_mode & 07777) == 0 ? 0 : errno;
+        return zdone;
+    return zresultOf(fchmod(descriptor, wanted.st_mode & 07777), kAccessCall);
 }

@@ -1,8 +1,8 @@
 // zwholefile.h: a whole file as load and store see it: its lock, its stamp, its bytes. Never
 // installed.
 //
-// Failures are errno values, so that the caller raises them with its own words; memory alone raises
-// ZOutOfMemoryException.
+// What fails is handed back as a ZFailure, so that the caller says whose file it was, and undoes what
+// is to be undone, before it raises; memory alone raises ZOutOfMemoryException.
 #ifndef Z_ZWHOLEFILE_H
 #define Z_ZWHOLEFILE_H
 
@@ -16,13 +16,33 @@
 #include "zpblock.h"
 #include "zraise.h"
 
-/// A call that failed, and its errno; 0 where none did.
-struct ZFailure {
-    const char* call;
-    int error;
+/// How a step on files ended: the call that failed, as messages name it, its errno, and the path of
+/// the file concerned, which lives as long as who gives the failure. An errno of 0: all went well.
+struct [[nodiscard]] ZFailure {
+    const char* call = "";
+    int error = 0;
+    const char* path = nullptr;  // null where the step doesn't know it
 
     explicit operator bool() const { return error != 0; }
+    /// The same under another word.
+    ZFailure as(const char* word) const { return {word, error, path}; }
+    /// The same of this file, if it doesn't say one.
+    ZFailure of(const char* file) const { return {call, error, path == nullptr ? file : path}; }
+    /// This one, or if all went well what comes `next`.
+    ZFailure orElse(const ZFailure& next) const { return error != 0 ? *this : next; }
+    /// Nobody looks at it, on purpose.
+    void passOver() const {}
+    /// Of a lock: somebody else holds it.
+    bool isLockedByOthers() const { return error == EAGAIN || error == EACCES; }
 };
+
+constexpr ZFailure zdone{};
+/// The call that has just set errno.
+inline ZFailure zfailed(const char* call) { return {call, errno, nullptr}; }
+/// The same if it has failed, as the system's calls tell it: by -1.
+inline ZFailure zresultOf(int result, const char* call) {
+    return result == -1 ? zfailed(call) : zdone;
+}
 
 /// Raises ZPropertiesIOException for this file, call and errno.
 [[noreturn]] inline void zraiseIO(const char* path, const char* call, int error,
@@ -30,21 +50,18 @@ struct ZFailure {
     zraise(ZPropertiesIOException(path, call, error), site);
 }
 
-/// The same for a failure, if it is one.
-inline void zcheckIO(const char* path, const ZFailure& failure, ZSite site = ZSite()) {
+/// Raises it for a failure that knows its file.
+inline void zcheckIO(const ZFailure& failure, ZSite site = ZSite()) {
     if (failure)
-        zraiseIO(path, failure.call, failure.error, site);
+        zraiseIO(failure.path, failure.call, failure.error, site);
 }
-static const ZFailure zdone = {"", 0};
-/// The call that has just set errno.
-inline ZFailure zfailed(const char* call) { return {call, errno}; }
 
 /// Owns a descriptor for a scope; a negative one is none.
 class ZOpenFile {
 public:
     ZOpenFile() : descriptor_(-1) {}
     explicit ZOpenFile(int descriptor) : descriptor_(descriptor) {}
-    ~ZOpenFile() { close(); }
+    ~ZOpenFile() { close().passOver(); }
     ZOpenFile(const ZOpenFile&) = delete;
     ZOpenFile& operator=(const ZOpenFile&) = delete;
 
@@ -53,8 +70,8 @@ public:
     void reset(int descriptor);
     /// Hands the descriptor on.
     int release();
-    /// 0 or errno; again: 0. No thread is cancelled in it.
-    int close();
+    /// Again: nothing is left to do. No thread is cancelled in it.
+    ZFailure close();
 
 private:
     int descriptor_;
@@ -100,10 +117,10 @@ ZLCString zbesideName(const char* name, const char* suffix);
 class ZPlace {
 public:
     /// Where the file open as `descriptor`, to which `path` has led, stands itself, links followed.
-    /// 0 or errno: ESTALE if it isn't there any more.
-    int find(const char* path, int descriptor);
-    /// The place that `path` names; its last part may be a link, which isn't followed. 0 or errno.
-    int find(const char* path);
+    /// ESTALE if it isn't there any more.
+    ZFailure find(const char* path, int descriptor);
+    /// The place that `path` names; its last part may be a link, which isn't followed.
+    ZFailure find(const char* path);
 
     int folder() const { return folder_.get(); }
     const char* name() const { return name_.getChars(); }
@@ -125,8 +142,9 @@ private:
 enum ZLockOwner { zlockOfProcess, zlockOfDescription };
 
 /// Locks the whole file, `type` being F_RDLCK or F_WRLCK. While somebody else holds it, it is tried
-/// again, with growing pauses that no two processes share, until the time is over. 0 or errno.
-int zlockWholeFile(int descriptor, short type, ZLockOwner owner, unsigned long waitMilliseconds);
+/// again, with growing pauses that no two processes share, until the time is over.
+ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
+                        unsigned long waitMilliseconds);
 /// How often this process has forked, as far as it matters: counted from the first call on.
 unsigned int zforkCount();
 
@@ -138,12 +156,11 @@ public:
     /// Ahead of the locking.
     ZLockScope(ZOpenFile& file, ZLockOwner owner)
         : file_(file), owner_(owner), forks_(zforkCount()) {}
-    ~ZLockScope() { close(); }
+    ~ZLockScope() { close().passOver(); }
     ZLockScope(const ZLockScope&) = delete;
     ZLockScope& operator=(const ZLockScope&) = delete;
 
-    /// 0 or errno.
-    int close();
+    ZFailure close();
 
 private:
     ZOpenFile& file_;
@@ -152,8 +169,6 @@ private:
 };
 /// Gives the lock up where that is needed ahead of closing.
 void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore);
-/// Whether this errno of a lock says that somebody else holds it.
-inline bool zisLockedByOthers(int error) { return error == EAGAIN || error == EACCES; }
 
 /// When and how a file was changed last, as exactly as the system tells.
 struct ZFileStamp {
@@ -165,9 +180,8 @@ struct ZFileStamp {
     bool settled;  // false: so young that another change might leave no trace in it
 };
 
-/// 0 or errno.
-int zstampFile(int descriptor, ZFileStamp& stamp);
-int zstampFile(const char* path, ZFileStamp& stamp);
+ZFailure zstampFile(int descriptor, ZFileStamp& stamp);
+ZFailure zstampFile(const char* path, ZFileStamp& stamp);
 
 /// Whether the file is certain not to have changed from the one stamp to the other.
 bool zsameContent(const ZFileStamp& before, const ZFileStamp& now);
@@ -177,12 +191,16 @@ bool zsameFile(const ZFileStamp& a, const ZFileStamp& b);
 /// Whether the path leads to the file that is open.
 bool zleadsTo(const char* path, int descriptor);
 
-/// All bytes of the file, from its first, in place of those of `bytes`. 0 or errno.
-int zreadWholeFile(int descriptor, ZBytes& bytes);
+/// All bytes of the file, from its first, in place of those of `bytes`.
+ZFailure zreadWholeFile(int descriptor, ZBytes& bytes);
 
-/// Puts `size` bytes at `offset`. 0 or errno; 0 bytes are nothing to do.
-int zwriteAt(int descriptor, const char* bytes, size_t size, uint64_t offset);
+/// Puts the bytes at `offset`; without any there is nothing to do.
+ZFailure zwriteAt(int descriptor, ZSpan bytes, uint64_t offset);
+/// Makes it what the file holds from `from` on.
+ZFailure zwriteToEnd(int descriptor, ZSpan bytes, uint64_t from);
 
+/// What follows the first `from` bytes.
+inline ZSpan zspanFrom(ZSpan text, size_t from) { return {text.data + from, text.size - from}; }
 /// The first byte in which two texts differ, or the length of the shorter one.
 size_t zfirstDifference(ZSpan a, ZSpan b);
 inline bool zequals(ZSpan a, ZSpan b) {
@@ -190,8 +208,8 @@ inline bool zequals(ZSpan a, ZSpan b) {
 }
 
 /// Gives a file that was just made for its owner alone the owner, group, mode and access list of
-/// `model`'s, so that at no moment anybody may do more with it than the model lets him. 0 or errno;
-/// what was given until then stays.
-int zcopyAccess(int descriptor, int model);
+/// `model`'s, so that at no moment anybody may do more with it than the model lets him. What
+/// was given until a failure stays.
+ZFailure zcopyAccess(int descriptor, int model);
 
 #endif

@@ -1,0 +1,36 @@
+// zopenupdates.h: the files of this process that an update has open. Never installed.
+#ifndef Z_ZOPENUPDATES_H
+#define Z_ZOPENUPDATES_H
+
+#include <pthread.h>
+
+#include "zpblock.h"
+#include "zwholefile.h"
+
+/// What a file holds, as bytes.
+struct ZFileContent {
+    ZBytes text;
+    ZBytes side;  // empty where there is no side database
+
+    void swap(ZFileContent& other) {
+        text.swap(other.text);
+        side.swap(other.side);
+    }
+};
+
+/// The file of an update that is open: the one way to it while it lasts.
+struct ZUpdatedFile {
+    int descriptor;  // write-locked
+    ZFileStamp stamp;
+    pthread_t thread;
+    ZFileContent content;  // at the beginning, or at the last store since
+    ZUpdatedFile* next;    // in the process's list of open updates
+};
+
+/// The process's list of open updates. Any thread may call these.
+void znoteUpdate(ZUpdatedFile& file);
+void zforgetUpdate(ZUpdatedFile& file);
+/// Whether the calling thread has an update open on the file to which this path leads.
+bool zisUpdatedHere(const char* path);
+
+#endif
