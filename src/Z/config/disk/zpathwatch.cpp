@@ -37,7 +37,6 @@ ZPathWatch::ZPathWatch(const char* path, const char* suffix)
       mounts_(zopenFile("/proc/self/mountinfo", O_RDONLY)),
       fileWatch_(-1),
       looksOften_(false),
-      pathChanged_(false),
       pending_(hasChanged),
       wasRead_(false),
       stamp_(),
@@ -73,14 +72,16 @@ void ZPathWatch::setTimer(unsigned long milliseconds, bool again) {
 // ---------------------------------------------------------------- the way to the file
 
 // Until nothing changes any more: what was turned while it was followed may have gone unnoticed.
-void ZPathWatch::follow() {
-    pathChanged_ = false;
+// Whether it was another way than before.
+bool ZPathWatch::follow() {
     const bool lookedOften = looksOften_;
     looksOften_ = notices_.get() < 0;
-    for (int times = 0; times < 5 && followOnce(); ++times) {
-    }
+    int times = 0;
+    while (times < 5 && followOnce())
+        ++times;
     if (looksOften_ != lookedOften)
         setTimer(looksOften_ ? kOften : 0, true);
+    return times != 0;
 }
 
 // The parts of a path, the last one first, behind those that are in `parts` already.
@@ -201,7 +202,6 @@ bool ZPathWatch::isOnTheWay(int watch) const {
 
 void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
     if ((mask & IN_Q_OVERFLOW) != 0) {
-        pathChanged_ = true;
         pending_ = hasChanged;
         return;
     }
@@ -215,15 +215,11 @@ void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
         }
         if ((mask & IN_CLOSE_WRITE) != 0)
             isWritten_ = false;
-        if ((mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT | IN_ATTRIB)) != 0)
-            pathChanged_ = true;
         return;
     }
     const bool isOwn = (mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT)) != 0;
-    if (isOwn ? isOnTheWay(watch) : concerns(watch, name)) {
-        pathChanged_ = true;
+    if (isOwn ? isOnTheWay(watch) : concerns(watch, name))
         pending_ = hasChanged;
-    }
 }
 
 void ZPathWatch::readNotices() {
@@ -267,12 +263,11 @@ bool ZPathWatch::hasNews() {
         isNotice = isNotice || events[i].data.fd == notices_.get();
     }
     readNotices();
-    // Of a mount nothing is left to see once the caller's poll has told him.
-    pathChanged_ = pathChanged_ || !isNotice;
-    if (pending_ == noNews && !isNotice)
+    // Always: of a mount nothing is left to see once the caller's poll has told him, whatever else
+    // has come meanwhile.
+    const bool isOtherWay = follow();
+    if (pending_ == noNews && (isOtherWay || !isNotice))
         pending_ = mayHaveChanged;
-    if (pathChanged_ || (looksOften_ && pending_ != noNews))
-        follow();
     readNotices();  // of watches that were given up
     if (isWritten_) {
         const int64_t now = milliseconds(), settling = static_cast<int64_t>(settling_);

@@ -24,10 +24,10 @@ public:
     /// left.
     ZPathWatch(const char* path, const char* suffix);
 
-    /// Readable when news() has something to read.
+    /// Readable when hasNews() has something to read.
     int descriptor() const { return all_.get(); }
 
-    /// Reads what has come, without waiting, and follows the path anew where that is needed.
+    /// Reads what has come, without waiting, and follows the path anew.
     /// Whether the file is to be read. While a writer hasn't closed it, nothing
     /// counts until no byte has come for the settling time; the descriptor becomes readable then.
     bool hasNews();
@@ -48,7 +48,7 @@ private:
         ZLCString name;
     };
 
-    void follow();
+    bool follow();
     bool followOnce();
     bool watchFolder(const ZLCString& path, int& watch);
     void watchFile(const ZLCString& path);
@@ -70,7 +70,6 @@ private:
     ZVector<Name> names_;
     int fileWatch_;    // of the file itself; -1 while there is none
     bool looksOften_;  // since not everything can be watched
-    bool pathChanged_;
     News pending_;
     bool wasRead_;
     ZFileStamp stamp_;  // when it was read last

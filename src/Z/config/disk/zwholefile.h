@@ -1,8 +1,5 @@
 // zwholefile.h: a whole file as load and store see it: its lock, its stamp, its bytes. Never
 // installed.
-//
-// What fails is handed back as a ZFailure, so that the caller says whose file it was, and undoes what
-// is to be undone, before it raises; memory alone raises ZOutOfMemoryException.
 #ifndef Z_ZWHOLEFILE_H
 #define Z_ZWHOLEFILE_H
 
