@@ -18,7 +18,7 @@
 #include <cctype>
 #include <cstring>
 
-#include "zpstore.h"
+#include "zpindex.h"
 #include "zstrict.h"
 
 namespace {

@@ -1,85 +1,128 @@
-// zpblock.h: growing blocks of plain records. Never installed.
+// zpblock.h: growing blocks of plain records, and bytes of somebody else. Never installed.
 #ifndef Z_ZPBLOCK_H
 #define Z_ZPBLOCK_H
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <type_traits>
+#include <utility>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zmemory.h"
 #include "zraise.h"
 
-/// A growing block of records that are moved as bytes. Growth raises ZOutOfMemoryException and
-/// leaves the block as it was.
+/// The number of a record in its block; records refer to each other by it.
+typedef uint32_t ZPId;
+/// No record.
+constexpr ZPId kNoId = 0xFFFFFFFFu;
+
+/// A growing block of records that are moved as bytes: they may own something, and are destroyed
+/// then, but don't point into themselves. Growth raises ZOutOfMemoryException and leaves the block
+/// as it was. A block that was moved from is empty.
 template <typename T>
 class ZPBlock {
 public:
-    ZPBlock() : data_(nullptr), size_(0), room_(0) {}
-    ~ZPBlock() { free(data_); }
-    ZPBlock(const ZPBlock&) = delete;
-    ZPBlock& operator=(const ZPBlock&) = delete;
+    ZPBlock() {}
+    ZPBlock(ZPBlock&& other) noexcept { swap(other); }
+    ZPBlock& operator=(ZPBlock&& other) noexcept {
+        ZPBlock taken(std::move(other));
+        swap(taken);
+        return *this;
+    }
+    ~ZPBlock() {
+        if constexpr (!std::is_trivially_destructible<T>::value)
+            for (size_t i = 0; i < size(); ++i)
+                data()[i].~T();
+        free(state_.data);
+    }
 
-    T& operator[](size_t i) { return data_[i]; }
-    const T& operator[](size_t i) const { return data_[i]; }
-    T* data() { return data_; }
-    const T* data() const { return data_; }
-    size_t size() const { return size_; }
-    void setSize(size_t size) { size_ = size; }
+    T& operator[](size_t i) {
+        zassert(i < size());
+        return state_.data[i];
+    }
+    const T& operator[](size_t i) const {
+        zassert(i < size());
+        return state_.data[i];
+    }
+    T* data() { return state_.data; }
+    const T* data() const { return state_.data; }
+    size_t size() const { return state_.size; }
+    /// Fewer records, or more that were filled in place already.
+    void setSize(size_t size) {
+        static_assert(std::is_trivially_destructible<T>::value, "nothing would be destroyed");
+        zassert(size <= state_.room);
+        state_.size = size;
+    }
 
     /// Room for `more` records behind the last; grows by half at least.
     void reserveMore(size_t more) {
-        if (room_ - size_ >= more)
+        if (room() >= more)
             return;
-        const size_t step = size_ / 2 < kFirstRoom ? size_t(kFirstRoom) : size_ / 2;
-        if (more > SIZE_MAX - size_)
+        const size_t step = size() / 2 < kFirstRoom ? size_t(kFirstRoom) : size() / 2;
+        if (more > SIZE_MAX - size())
             zraise(ZOutOfMemoryException());
-        reserveExactly(size_ +
-                       (more > step ? more : step));  // size_ is at most half of the largest
+        // The size is at most half of the largest.
+        reserveExactly(size() + (more > step ? more : step));
     }
-    bool isFull() const { return size_ == room_; }
+    bool isFull() const { return state_.size == state_.room; }
     /// Records that fit behind the last.
-    size_t room() const { return room_ - size_; }
+    size_t room() const { return state_.room - state_.size; }
 
     void reserveExactly(size_t room) {
-        if (room <= room_)
+        if (room <= state_.room)
             return;
-        void* grown = room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(data_, room * sizeof(T));
+        void* grown =
+            room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(state_.data, room * sizeof(T));
         if (grown == nullptr)
             zraise(ZOutOfMemoryException());
         zadviseSpread(grown, room * sizeof(T));
-        data_ = static_cast<T*>(grown);
-        room_ = room;
+        state_.data = static_cast<T*>(grown);
+        state_.room = room;
     }
 
     /// Needs room made before.
-    void push(const T& record) { data_[size_++] = record; }
-
-    void swap(ZPBlock& other) {
-        T* data = data_;
-        size_t size = size_, room = room_;
-        data_ = other.data_, size_ = other.size_, room_ = other.room_;
-        other.data_ = data, other.size_ = size, other.room_ = room;
+    void push(const T& record) {
+        zassert(!isFull());
+        new (static_cast<void*>(state_.data + state_.size)) T(record);
+        ++state_.size;
     }
+    void push(T&& record) {
+        zassert(!isFull());
+        new (static_cast<void*>(state_.data + state_.size)) T(std::move(record));
+        ++state_.size;
+    }
+
+    void swap(ZPBlock& other) noexcept { std::swap(state_, other.state_); }
 
 private:
     static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
 
-    T* data_;
-    size_t size_;
-    size_t room_;
+    struct State {
+        T* data = nullptr;
+        size_t size = 0;
+        size_t room = 0;
+    };
+    State state_;
 };
 
 /// Bytes that are made here and handed on.
 typedef ZPBlock<char> ZBytes;
 
-/// Bytes of somebody else.
+/// Bytes of somebody else, good as long as they stay where they are. What has to survive that a
+/// text moves is a ZPSlice instead, which names bytes by their place.
 struct ZSpan {
     const char* data;
     size_t size;
 };
 
 inline ZSpan zspanOf(const ZBytes& bytes) { return {bytes.data(), bytes.size()}; }
+/// Of a text with a NUL behind it; null counts as the empty text.
+inline ZSpan zspanOf(const char* text) {
+    return text == nullptr ? ZSpan{"", 0} : ZSpan{text, strlen(text)};
+}
 
 /// Makes `to` a copy. ZOutOfMemoryException leaves it as it was.
 inline void zcopyBytes(ZSpan from, ZBytes& to) {
@@ -88,7 +131,7 @@ inline void zcopyBytes(ZSpan from, ZBytes& to) {
     if (from.size != 0)
         memcpy(copy.data(), from.data, from.size);
     copy.setSize(from.size);
-    to.swap(copy);
+    to = std::move(copy);
 }
 
 #endif

@@ -21,125 +21,6 @@ static void addString(ZArrayList& list, const char* bytes, uint32_t length) {
     string.release();
 }
 
-// ---------------------------------------------------------------- hashing
-
-// The upper and lower half of a 128-bit product, folded: each input bit reaches every output bit.
-static inline uint64_t foldedProduct(uint64_t a, uint64_t b) {
-#ifdef __SIZEOF_INT128__
-    __extension__ typedef unsigned __int128 Wide;
-    const Wide product = static_cast<Wide>(a) * b;
-    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
-#else
-    const uint64_t aLow = static_cast<uint32_t>(a), aHigh = a >> 32;
-    const uint64_t bLow = static_cast<uint32_t>(b), bHigh = b >> 32;
-    const uint64_t cross = aHigh * bLow + ((aLow * bLow) >> 32);
-    const uint64_t middle = aLow * bHigh + static_cast<uint32_t>(cross);
-    return (a * b) ^ (aHigh * bHigh + (cross >> 32) + (middle >> 32));
-#endif
-}
-
-static inline uint64_t load64(const char* p) {
-    uint64_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
-}
-
-static inline uint64_t load32(const char* p) {
-    uint32_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
-}
-
-static const uint64_t kHashA = 0x9E3779B97F4A7C15u;
-static const uint64_t kHashB = 0xD6E8FEB86659FD93u;
-
-uint64_t ZPStore::hashBytes(const char* p, size_t n) {
-    uint64_t hash = kHashA ^ n;
-    while (n > 16) {
-        hash = foldedProduct(hash ^ load64(p), kHashB ^ load64(p + 8));
-        p += 16;
-        n -= 16;
-    }
-    uint64_t first = 0, second = 0;
-    if (n >= 8) {
-        first = load64(p);
-        second = load64(p + n - 8);
-    } else if (n >= 4) {
-        first = load32(p);
-        second = load32(p + n - 4);
-    } else if (n > 0) {
-        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(p);
-        first = bytes[0] | static_cast<uint64_t>(bytes[n / 2]) << 8 |
-                static_cast<uint64_t>(bytes[n - 1]) << 16;
-    }
-    return foldedProduct(hash ^ first, kHashB ^ second);
-}
-
-uint32_t ZPStore::combine(uint64_t stanzaHash, uint64_t keyHash) {
-    return static_cast<uint32_t>(foldedProduct(stanzaHash ^ kHashA, keyHash ^ kHashB) >> 32);
-}
-
-static inline uint32_t stanzaPlace(uint64_t hash) { return static_cast<uint32_t>(hash >> 32); }
-
-// ---------------------------------------------------------------- index
-
-void ZPIndex::reserve(size_t count) {
-    // At most three quarters full; grown by doubling, or at once to what a load announces.
-    if (count <= limit_)
-        return;
-    size_t wanted = count + count * 3 / 8 + 8;  // three quarters of it hold count
-    if (count_ != 0 && wanted < static_cast<size_t>(capacity_) * 2)
-        wanted = static_cast<size_t>(capacity_) * 2;
-    if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
-        zraise(ZOutOfMemoryException());
-    Slot* fresh = static_cast<Slot*>(calloc(wanted, sizeof(Slot)));
-    if (fresh == nullptr)
-        zraise(ZOutOfMemoryException());
-    zadviseSpread(fresh, wanted * sizeof(Slot));
-    Slot* old = slots_;
-    const size_t oldCapacity = capacity_;
-    slots_ = fresh;
-    capacity_ = static_cast<uint32_t>(wanted);
-    limit_ = static_cast<uint32_t>(wanted / 4 * 3);
-    count_ = 0;
-    for (size_t i = 0; i < oldCapacity; ++i)
-        if (old[i].idPlusOne != 0)
-            insert(old[i].hash, old[i].idPlusOne - 1, old[i].offset);
-    free(old);
-}
-
-void ZPIndex::insert(uint32_t hash, uint32_t id, uint32_t offset) {
-    size_t i = place(hash);
-    while (slots_[i].idPlusOne != 0)
-        if (++i == capacity_)
-            i = 0;
-    insertAt(i, hash, id, offset);
-}
-
-void ZPIndex::remove(uint32_t hash, uint32_t id) {
-    size_t hole = place(hash);
-    while (slots_[hole].idPlusOne != id + 1)
-        if (++hole == capacity_)
-            hole = 0;
-    // Whatever follows in the run and may stand in the hole moves there, so that no probe meets a
-    // gap between an entry's place and the entry.
-    for (size_t i = hole;;) {
-        if (++i == capacity_)
-            i = 0;
-        if (slots_[i].idPlusOne == 0)
-            break;
-        const size_t home = place(slots_[i].hash);
-        const size_t distance = i >= home ? i - home : i + capacity_ - home;
-        const size_t gap = i >= hole ? i - hole : i + capacity_ - hole;
-        if (distance >= gap) {
-            slots_[hole] = slots_[i];
-            hole = i;
-        }
-    }
-    slots_[hole].idPlusOne = 0;
-    --count_;
-}
-
 // ---------------------------------------------------------------- life
 
 ZPStore::KeyExtra::~KeyExtra() {
@@ -262,8 +143,8 @@ void ZPStore::clear() {
     stanzas_.swap(fresh.stanzas_);
     lines_.swap(fresh.lines_);
     groups_.swap(fresh.groups_);
-    keyIndex_.swap(fresh.keyIndex_);
-    stanzaIndex_.swap(fresh.stanzaIndex_);
+    std::swap(keyIndex_, fresh.keyIndex_);
+    std::swap(stanzaIndex_, fresh.stanzaIndex_);
     swapValues(dead_, fresh.dead_);
     swapValues(freeKeys_, fresh.freeKeys_);
     swapValues(freeStanzas_, fresh.freeStanzas_);
@@ -312,6 +193,7 @@ void ZPStore::compactIfWorthwhile() {
             text_.swap(target);
             dead_ = 0;
             keyIndex_.renewOffsets([&](Id key) { return keys_[key].name.offset; });
+            stanzaIndex_.renewOffsets([&](Id stanza) { return stanzas_[stanza].name.offset; });
         }
     } catch (ZOutOfMemoryException&) {
     }
@@ -402,7 +284,7 @@ bool ZPStore::moveText(ZPBlock<char>& target) {
 // ---------------------------------------------------------------- stanzas
 
 ZPStore::Id ZPStore::findStanza(const char* name, size_t length) const {
-    return stanzaIndex_.find(stanzaPlace(hashBytes(name, length)),
+    return stanzaIndex_.find(znarrowHash(zhashOf({name, length})),
                              [&](Id id, uint32_t) { return isNamed(stanzas_[id], name, length); });
 }
 
@@ -418,7 +300,7 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
         id = static_cast<Id>(stanzas_.size());
         stanzas_.push(fresh);
     }
-    stanzaIndex_.insert(stanzaPlace(hash), id, name.offset);
+    stanzaIndex_.insert(znarrowHash(hash), id, name.offset);
     return id;
 }
 
@@ -427,7 +309,7 @@ ZPStore::Id ZPStore::createStanza(const char* name, size_t length) {
     if (id == none) {
         stanzas_.reserveMore(1);
         stanzaIndex_.reserveMore(1);
-        id = newStanza(appendText(name, length), hashBytes(name, length));
+        id = newStanza(appendText(name, length), zhashOf({name, length}));
     }
     if (!stanzas_[id].inMap) {
         stanzas_[id].inMap = true;
@@ -457,7 +339,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
     Stanza& stanza = stanzas_[id];
     if (stanza.inMap || stanza.group != none)
         return;
-    stanzaIndex_.remove(stanzaPlace(stanza.hash), id);
+    stanzaIndex_.remove(znarrowHash(stanza.hash), id);
     dead_ += stanza.name.length;
     stanza.inUse = false;
     stanza.first = freeStanzas_;
@@ -468,7 +350,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 ZPStore::Id ZPStore::findKey(const char* stanza, size_t stanzaLength, const char* key,
                              size_t keyLength) const {
-    const uint32_t hash = combine(hashBytes(stanza, stanzaLength), hashBytes(key, keyLength));
+    const uint32_t hash = zhashOfBoth(zhashOf({stanza, stanzaLength}), zhashOf({key, keyLength}));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         const Key& candidate = keys_[id];
         __builtin_prefetch(&candidate);
@@ -848,7 +730,7 @@ void ZPStore::reserveForLines(size_t lines) {
 }
 
 ZPStore::Id ZPStore::readHeader(ZPSlice name) {
-    const uint64_t hash = hashBytes(text(name), name.length);
+    const uint64_t hash = zhashOf({text(name), name.length});
     stanzas_.reserveMore(1);
     stanzaIndex_.reserveMore(1);
     groups_.reserveMore(1);

@@ -45,7 +45,7 @@
 
 #include "ZLCString.h"
 #include "ZList.h"
-#include "zpblock.h"
+#include "zpindex.h"
 
 /// A piece of the store's text.
 struct ZPSlice {
@@ -53,116 +53,10 @@ struct ZPSlice {
     uint32_t length;
 };
 
-/// Open addressing from a 32-bit hash to a record id. The place of a hash is a multiplication and
-/// a shift, so that the table can have any size; removal moves the followers back, so that there
-/// are no tombstones and a table stays as fast as it was.
-class ZPIndex {
-public:
-    ZPIndex() : slots_(nullptr), capacity_(0), count_(0), limit_(0) {}
-    ~ZPIndex() { free(slots_); }
-    ZPIndex(const ZPIndex&) = delete;
-    ZPIndex& operator=(const ZPIndex&) = delete;
-
-    /// Room for `count` entries in all; raises ZOutOfMemoryException.
-    void reserve(size_t count);
-    void reserveMore(size_t more) {
-        if (more > limit_ - count_)
-            reserve(static_cast<size_t>(count_) + more);
-    }
-    bool isFull() const { return count_ == limit_; }
-
-    /// The id whose record `matches`, or none (all ones).
-    template <typename Matches>
-    uint32_t find(uint32_t hash, Matches matches) const {
-        if (count_ == 0)
-            return 0xFFFFFFFFu;
-        for (size_t i = place(hash);;) {
-            const Slot& slot = slots_[i];
-            if (slot.idPlusOne == 0)
-                return 0xFFFFFFFFu;
-            if (slot.hash == hash && matches(slot.idPlusOne - 1, slot.offset))
-                return slot.idPlusOne - 1;
-            if (++i == capacity_)
-                i = 0;
-        }
-    }
-
-    /// Likewise where there is room for one more; `slot` is where the id would go if it is none.
-    template <typename Matches>
-    uint32_t findOrPlace(uint32_t hash, size_t& slot, Matches matches) const {
-        for (size_t i = place(hash);;) {
-            const Slot& candidate = slots_[i];
-            slot = i;
-            if (candidate.idPlusOne == 0)
-                return 0xFFFFFFFFu;
-            if (candidate.hash == hash && matches(candidate.idPlusOne - 1, candidate.offset))
-                return candidate.idPlusOne - 1;
-            if (++i == capacity_)
-                i = 0;
-        }
-    }
-    void insertAt(size_t slot, uint32_t hash, uint32_t id, uint32_t offset) {
-        slots_[slot].hash = hash;
-        slots_[slot].idPlusOne = id + 1;
-        slots_[slot].offset = offset;
-        ++count_;
-    }
-
-    void prefetch(uint32_t hash) const {
-        if (capacity_ != 0)
-            __builtin_prefetch(&slots_[place(hash)]);
-    }
-
-    /// Needs room made before.
-    void insert(uint32_t hash, uint32_t id, uint32_t offset);
-    /// Asks offsetOf(id) anew for each entry, after the text has moved.
-    template <typename OffsetOf>
-    void renewOffsets(OffsetOf offsetOf) {
-        for (size_t i = 0; i < capacity_; ++i)
-            if (slots_[i].idPlusOne != 0)
-                slots_[i].offset = offsetOf(slots_[i].idPlusOne - 1);
-    }
-    void remove(uint32_t hash, uint32_t id);
-    size_t count() const { return count_; }
-
-    void swap(ZPIndex& other) {
-        Slot* const slots = slots_;
-        const uint32_t capacity = capacity_, count = count_, limit = limit_;
-        slots_ = other.slots_, capacity_ = other.capacity_, count_ = other.count_;
-        limit_ = other.limit_;
-        other.slots_ = slots, other.capacity_ = capacity, other.count_ = count;
-        other.limit_ = limit;
-    }
-
-    /// Calls visit(id) for each entry.
-    template <typename Visit>
-    void forEach(Visit visit) const {
-        for (size_t i = 0; i < capacity_; ++i)
-            if (slots_[i].idPlusOne != 0)
-                visit(slots_[i].idPlusOne - 1);
-    }
-
-private:
-    struct Slot {
-        uint32_t hash;
-        uint32_t idPlusOne;  // 0: free, so that a fresh zeroed block is an empty table
-        uint32_t offset;     // of the name, so that it is fetched while its record is
-    };
-
-    size_t place(uint32_t hash) const {
-        return static_cast<size_t>((static_cast<uint64_t>(hash) * capacity_) >> 32);
-    }
-
-    Slot* slots_;
-    uint32_t capacity_;
-    uint32_t count_;
-    uint32_t limit_;  // three quarters of the capacity
-};
-
 class ZPStore : public ZAllocated {
 public:
-    typedef uint32_t Id;
-    static constexpr Id none = 0xFFFFFFFFu;
+    typedef ZPId Id;
+    static constexpr Id none = kNoId;
     static constexpr Id many = 0xFFFFFFFEu;      // Key::line: more than one, to be looked for
     static constexpr Id detached = 0xFFFFFFFEu;  // Key::next: not in the map
     static constexpr Id stale = 0xFFFFFFFDu;     // a sample's line: to be looked for
@@ -431,7 +325,7 @@ public:
     }
     Id lastGroup() const { return groups_[0].prev; }
     uint32_t keyHash(Id stanza, const char* key, size_t length) const {
-        return combine(stanzas_[stanza].hash, hashBytes(key, length));
+        return zhashOfBoth(stanzas_[stanza].hash, zhashOf({key, length}));
     }
     void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
     /// Says that so many bytes of the text are referred to by nobody.
@@ -443,11 +337,7 @@ public:
     /// Ends the process if an invariant doesn't hold; for tests and debug builds.
     void checkInvariants() const;
 
-    static uint64_t hashBytes(const char* bytes, size_t length);
-
 private:
-    static uint32_t combine(uint64_t stanzaHash, uint64_t keyHash);
-
     ZPSlice appendText(const char* bytes, size_t length);
     void reserveText(size_t more);
     void compactIfWorthwhile();

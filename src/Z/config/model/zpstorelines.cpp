@@ -6,10 +6,10 @@
 // keys end and, once it has comments and a key is added, an index of the comments that read like
 // entries, by the text between "#" and the first "=". The index knows the paragraph of each: a
 // blank line that is added later splits one, and the smaller part gets a new number.
+#include "zpholds.h"
 #include "zpstore.h"
 #include "zraise.h"
 
-#include <cstdio>
 #include <memory>
 
 // The paragraphs of a group, and its comments that read like entries, by the hash of what they
@@ -602,65 +602,59 @@ void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
 
 // ---------------------------------------------------------------- invariants
 
-#define REQUIRE(condition)                                                          \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
-            abort();                                                                \
-        }                                                                           \
-    } while (0)
-
 void ZPStore::checkInvariants() const {
     size_t keysSeen = 0, attachedSeen = 0, stanzasSeen = 0, inMapSeen = 0;
     keyIndex_.forEach([&](Id id) {
         ++keysSeen;
         const Key& key = keys_[id];
-        REQUIRE(stanzas_[key.stanza].inUse);
+        ZPHOLDS(stanzas_[key.stanza].inUse);
         const ZPSlice& stanza = stanzas_[key.stanza].name;
-        REQUIRE(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
+        ZPHOLDS(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
         if (attached(id)) {
             ++attachedSeen;
-            REQUIRE(stanzas_[key.stanza].inMap);
+            ZPHOLDS(stanzas_[key.stanza].inMap);
         } else {
-            REQUIRE(key.line != none && key.extra == nullptr && key.value.length == 0);
+            ZPHOLDS(key.line != none && key.extra == nullptr && key.value.length == 0);
         }
         if (key.extra != nullptr && key.extra->values[plain].size() != 0)
-            REQUIRE(key.value.length == 0);
+            ZPHOLDS(key.value.length == 0);
     });
-    REQUIRE(keysSeen == keyIndex_.count());
+    ZPHOLDS(keysSeen == keyIndex_.count());
+    keyIndex_.checkInvariants([&](Id id) { return keys_[id].name.offset; });
+    stanzaIndex_.checkInvariants([&](Id id) { return stanzas_[id].name.offset; });
     size_t chained = 0;
     stanzaIndex_.forEach([&](Id id) {
         ++stanzasSeen;
         const Stanza& stanza = stanzas_[id];
-        REQUIRE(stanza.inUse && (stanza.inMap || stanza.group != none));
-        REQUIRE(findStanza(text(stanza.name), stanza.name.length) == id);
+        ZPHOLDS(stanza.inUse && (stanza.inMap || stanza.group != none));
+        ZPHOLDS(findStanza(text(stanza.name), stanza.name.length) == id);
         inMapSeen += stanza.inMap ? 1 : 0;
         uint32_t count = 0;
         Id previous = none;
         for (Id k = stanza.first; k != none; k = keys_[k].next) {
-            REQUIRE(keys_[k].stanza == id && keys_[k].prev == previous);
+            ZPHOLDS(keys_[k].stanza == id && keys_[k].prev == previous);
             previous = k;
             ++count;
         }
-        REQUIRE(stanza.last == previous && stanza.count == count);
-        REQUIRE(stanza.keyList == nullptr || stanza.keyList->size() == count);
+        ZPHOLDS(stanza.last == previous && stanza.count == count);
+        ZPHOLDS(stanza.keyList == nullptr || stanza.keyList->size() == count);
         chained += count;
         for (Id g = stanza.group; g != none; g = groups_[g].nextSame)
-            REQUIRE(groups_[g].stanza == id);
+            ZPHOLDS(groups_[g].stanza == id);
     });
-    REQUIRE(chained == attachedSeen && inMapSeen == stanzasInMap_);
+    ZPHOLDS(chained == attachedSeen && inMapSeen == stanzasInMap_);
     Id lastGroupSeen = 0;
     size_t linesSeen = 0;
     for (Id g = 0; g != none; g = groups_[g].next) {
         const Group& group = groups_[g];
-        REQUIRE(g == 0 || group.prev == lastGroupSeen);
+        ZPHOLDS(g == 0 || group.prev == lastGroupSeen);
         lastGroupSeen = g;
         Id previous = none, lastKeySeen = none;
         bool isBehindKeys = group.lastKey == none;
         uint32_t paragraph = group.samples == nullptr ? 0 : group.samples->first;
         uint32_t comments = 0, blanks = 0;
         for (Id l = group.first; l != none; l = lines_[l].next) {
-            REQUIRE(lines_[l].prev == previous);
+            ZPHOLDS(lines_[l].prev == previous);
             previous = l;
             ++linesSeen;
             comments += lines_[l].type() == lineComment ? 1 : 0;
@@ -668,49 +662,49 @@ void ZPStore::checkInvariants() const {
             if (group.samples != nullptr) {
                 uint32_t hash;
                 if (lines_[l].type() == lineBlank) {
-                    REQUIRE(lines_[l].ref == paragraph);
-                    REQUIRE(group.samples->paragraphs[paragraph].closing == l);
+                    ZPHOLDS(lines_[l].ref == paragraph);
+                    ZPHOLDS(group.samples->paragraphs[paragraph].closing == l);
                     paragraph = group.samples->paragraphs[paragraph].next;
                 } else if (lines_[l].type() == lineComment &&
                            sampleHash(text(lines_[l].ref), lines_[l].length(), hash)) {
                     const Samples::Slot& slot = group.samples->find(hash);
-                    REQUIRE(slot.line != none);
-                    REQUIRE(slot.line != l || slot.paragraph == paragraph);
+                    ZPHOLDS(slot.line != none);
+                    ZPHOLDS(slot.line != l || slot.paragraph == paragraph);
                 }
             }
             if (lines_[l].type() == lineKey) {
-                REQUIRE(!isBehindKeys);
+                ZPHOLDS(!isBehindKeys);
                 lastKeySeen = l;
                 const Key& key = keys_[lines_[l].ref];
-                REQUIRE(key.stanza == group.stanza);
-                REQUIRE(key.line == l || key.line == many);
+                ZPHOLDS(key.stanza == group.stanza);
+                ZPHOLDS(key.line == l || key.line == many);
             }
             isBehindKeys = isBehindKeys || group.lastKey == l;
         }
-        REQUIRE(isBehindKeys || group.first == none);
-        REQUIRE(group.samples == nullptr || paragraph == group.samples->open);
+        ZPHOLDS(isBehindKeys || group.first == none);
+        ZPHOLDS(group.samples == nullptr || paragraph == group.samples->open);
         for (Id l = group.last; group.samples != nullptr && l != group.lastKey; l = lines_[l].prev)
             if (lines_[l].type() == lineBlank)
-                REQUIRE(group.samples->paragraphs[lines_[l].ref].isTail);
+                ZPHOLDS(group.samples->paragraphs[lines_[l].ref].isTail);
         for (Id l = lastKeySeen; group.samples != nullptr && l != none; l = lines_[l].prev)
             if (lines_[l].type() == lineBlank)
-                REQUIRE(!group.samples->paragraphs[lines_[l].ref].isTail);
-        REQUIRE(group.last == previous && group.comments == comments);
-        REQUIRE(group.blanks == blanks);
+                ZPHOLDS(!group.samples->paragraphs[lines_[l].ref].isTail);
+        ZPHOLDS(group.last == previous && group.comments == comments);
+        ZPHOLDS(group.blanks == blanks);
     }
-    REQUIRE(groups_[0].prev == lastGroupSeen);
-    REQUIRE(linesSeen + freeLineCount_ == lines_.size());
+    ZPHOLDS(groups_[0].prev == lastGroupSeen);
+    ZPHOLDS(linesSeen + freeLineCount_ == lines_.size());
     uint32_t items = 0;
     Id previous = none;
     for (Id k = itemFirst_; k != none; k = keys_[k].extra->itemNext) {
-        REQUIRE(attached(k) && keys_[k].extra->isItem && keys_[k].extra->itemPrev == previous);
+        ZPHOLDS(attached(k) && keys_[k].extra->isItem && keys_[k].extra->itemPrev == previous);
         previous = k;
         ++items;
     }
-    REQUIRE(items == itemCount_ && itemLast_ == previous);
+    ZPHOLDS(items == itemCount_ && itemLast_ == previous);
     for (const Cursor* c = cursors_; c != nullptr; c = c->next_) {
-        REQUIRE(c->stanza_ != none || c->key_ == none);
-        REQUIRE(c->key_ == none || (attached(c->key_) && keys_[c->key_].stanza == c->stanza_));
-        REQUIRE(c->key_ != none || !c->isOnKey_);
+        ZPHOLDS(c->stanza_ != none || c->key_ == none);
+        ZPHOLDS(c->key_ == none || (attached(c->key_) && keys_[c->key_].stanza == c->stanza_));
+        ZPHOLDS(c->key_ != none || !c->isOnKey_);
     }
 }

@@ -1,0 +1,48 @@
+#include "zpindex.h"
+
+void ZPIndex::reserve(size_t count) {
+    // At most three quarters full; grown by doubling, or at once to what a load announces.
+    if (count <= state_.limit)
+        return;
+    size_t wanted = count + count * 3 / 8 + 8;  // three quarters of it hold count
+    if (state_.count != 0 && wanted < static_cast<size_t>(state_.capacity) * 2)
+        wanted = static_cast<size_t>(state_.capacity) * 2;
+    if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
+        zraise(ZOutOfMemoryException());
+    ZPIndex grown;
+    grown.state_.slots = static_cast<Slot*>(calloc(wanted, sizeof(Slot)));
+    if (grown.state_.slots == nullptr)
+        zraise(ZOutOfMemoryException());
+    zadviseSpread(grown.state_.slots, wanted * sizeof(Slot));
+    grown.state_.capacity = static_cast<uint32_t>(wanted);
+    grown.state_.limit = static_cast<uint32_t>(wanted / 4 * 3);
+    for (size_t i = 0; i < state_.capacity; ++i)
+        if (!state_.slots[i].isFree())
+            grown.insert(state_.slots[i].hash, state_.slots[i].id(), state_.slots[i].offset);
+    *this = std::move(grown);
+}
+
+void ZPIndex::insert(uint32_t hash, ZPId id, uint32_t offset) {
+    zassert(!isFull());
+    size_t slot = place(hash);
+    while (!state_.slots[slot].isFree())
+        slot = follower(slot);
+    insertAt(slot, hash, id, offset);
+}
+
+void ZPIndex::remove(uint32_t hash, ZPId id) {
+    size_t hole = place(hash);
+    while (state_.slots[hole].idPlusOne != id + 1) {
+        zassert(!state_.slots[hole].isFree());
+        hole = follower(hole);
+    }
+    // Whatever follows in the run and may stand in the hole moves there, so that no probe meets a
+    // gap between an entry's place and the entry.
+    for (size_t i = follower(hole); !state_.slots[i].isFree(); i = follower(i))
+        if (distance(place(state_.slots[i].hash), i) >= distance(hole, i)) {
+            state_.slots[hole] = state_.slots[i];
+            hole = i;
+        }
+    state_.slots[hole].idPlusOne = 0;
+    --state_.count;
+}

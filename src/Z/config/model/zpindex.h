@@ -1,0 +1,193 @@
+// zpindex.h: from the hash of a name to the record that bears it. Never installed.
+#ifndef Z_ZPINDEX_H
+#define Z_ZPINDEX_H
+
+#include <cstdint>
+#include <utility>
+
+#include "zpblock.h"
+#include "zpholds.h"
+
+// ---------------------------------------------------------------- hashes
+
+/// The upper and lower half of a 128-bit product, folded: each input bit reaches every output bit.
+inline uint64_t zfoldedProduct(uint64_t a, uint64_t b) {
+#ifdef __SIZEOF_INT128__
+    __extension__ typedef unsigned __int128 Wide;
+    const Wide product = static_cast<Wide>(a) * b;
+    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+#else
+    const uint64_t aLow = static_cast<uint32_t>(a), aHigh = a >> 32;
+    const uint64_t bLow = static_cast<uint32_t>(b), bHigh = b >> 32;
+    const uint64_t cross = aHigh * bLow + ((aLow * bLow) >> 32);
+    const uint64_t middle = aLow * bHigh + static_cast<uint32_t>(cross);
+    return (a * b) ^ (aHigh * bHigh + (cross >> 32) + (middle >> 32));
+#endif
+}
+
+constexpr uint64_t kHashA = 0x9E3779B97F4A7C15u;
+constexpr uint64_t kHashB = 0xD6E8FEB86659FD93u;
+
+/// The hash of a name.
+inline uint64_t zhashOf(ZSpan name) {
+    const auto load = [](const char* from, auto value) {
+        memcpy(&value, from, sizeof value);
+        return static_cast<uint64_t>(value);
+    };
+    const char* at = name.data;
+    size_t left = name.size;
+    uint64_t hash = kHashA ^ left;
+    for (; left > 16; at += 16, left -= 16)
+        hash = zfoldedProduct(hash ^ load(at, uint64_t()), kHashB ^ load(at + 8, uint64_t()));
+    // Two overlapping loads reach what is left, whatever its length.
+    uint64_t first = 0, second = 0;
+    if (left >= 8) {
+        first = load(at, uint64_t());
+        second = load(at + left - 8, uint64_t());
+    } else if (left >= 4) {
+        first = load(at, uint32_t());
+        second = load(at + left - 4, uint32_t());
+    } else if (left > 0) {
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(at);
+        first = bytes[0] | static_cast<uint64_t>(bytes[left / 2]) << 8 |
+                static_cast<uint64_t>(bytes[left - 1]) << 16;
+    }
+    return zfoldedProduct(hash ^ first, kHashB ^ second);
+}
+
+/// The hash of two names together, from theirs.
+inline uint32_t zhashOfBoth(uint64_t outer, uint64_t inner) {
+    return static_cast<uint32_t>(zfoldedProduct(outer ^ kHashA, inner ^ kHashB) >> 32);
+}
+
+/// As wide as an index takes it.
+inline uint32_t znarrowHash(uint64_t hash) { return static_cast<uint32_t>(hash >> 32); }
+
+// ---------------------------------------------------------------- index
+
+/// Open addressing from a 32-bit hash to the id of a record. The place of a hash is a
+/// multiplication and a shift, so that the table can have any size; removal moves the followers
+/// back, so that there are no tombstones and a table stays as fast as it was.
+///
+/// Invariants, checked by checkInvariants():
+/// (1) `count` slots are taken, at most `limit`: a probe always ends at a free one.
+/// (2) Between the place of an entry's hash and the entry no slot is free.
+/// (3) A slot's offset is where the name of its record stands in the text.
+///
+/// (3) is the owner's to keep: it tells the offset with an entry, and again when the text has
+/// moved. An owner without a text gives any.
+class ZPIndex {
+public:
+    ZPIndex() {}
+    ZPIndex(ZPIndex&& other) noexcept { std::swap(state_, other.state_); }
+    ZPIndex& operator=(ZPIndex&& other) noexcept {
+        ZPIndex taken(std::move(other));
+        std::swap(state_, taken.state_);
+        return *this;
+    }
+    ~ZPIndex() { free(state_.slots); }
+
+    /// Room for `count` entries in all; raises ZOutOfMemoryException.
+    void reserve(size_t count);
+    void reserveMore(size_t more) {
+        if (more > state_.limit - state_.count)
+            reserve(static_cast<size_t>(state_.count) + more);
+    }
+    bool isFull() const { return state_.count == state_.limit; }
+    size_t count() const { return state_.count; }
+
+    /// The id for which matches(id, offset) holds among those of this hash, or none.
+    template <typename Matches>
+    ZPId find(uint32_t hash, Matches matches) const {
+        size_t slot;
+        return state_.count == 0 ? kNoId : findOrPlace(hash, slot, matches);
+    }
+
+    /// Likewise where there is room for one more; `slot` is where the id would go if it is none.
+    template <typename Matches>
+    ZPId findOrPlace(uint32_t hash, size_t& slot, Matches matches) const {
+        for (size_t i = place(hash);; i = follower(i)) {
+            const Slot& candidate = state_.slots[i];
+            slot = i;
+            if (candidate.isFree())
+                return kNoId;
+            if (candidate.hash == hash && matches(candidate.id(), candidate.offset))
+                return candidate.id();
+        }
+    }
+    void insertAt(size_t slot, uint32_t hash, ZPId id, uint32_t offset) {
+        zassert(!isFull() && state_.slots[slot].isFree());
+        state_.slots[slot] = {hash, id + 1, offset};
+        ++state_.count;
+    }
+
+    /// Needs room made before.
+    void insert(uint32_t hash, ZPId id, uint32_t offset);
+    /// Requires: the entry is there.
+    void remove(uint32_t hash, ZPId id);
+
+    void prefetch(uint32_t hash) const {
+        if (state_.capacity != 0)
+            __builtin_prefetch(&state_.slots[place(hash)]);
+    }
+
+    /// Calls visit(id) for each entry.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        for (size_t i = 0; i < state_.capacity; ++i)
+            if (!state_.slots[i].isFree())
+                visit(state_.slots[i].id());
+    }
+    /// Asks offsetOf(id) anew for each entry, after the text has moved.
+    template <typename OffsetOf>
+    void renewOffsets(OffsetOf offsetOf) {
+        for (size_t i = 0; i < state_.capacity; ++i)
+            if (!state_.slots[i].isFree())
+                state_.slots[i].offset = offsetOf(state_.slots[i].id());
+    }
+
+    /// Ends the process unless the invariants hold; offsetOf(id) is where the name stands.
+    template <typename OffsetOf>
+    void checkInvariants(OffsetOf offsetOf) const {
+        size_t taken = 0;
+        for (size_t i = 0; i < state_.capacity; ++i) {
+            const Slot& slot = state_.slots[i];
+            if (slot.isFree())
+                continue;
+            ++taken;
+            for (size_t probe = place(slot.hash); probe != i; probe = follower(probe))
+                ZPHOLDS(!state_.slots[probe].isFree());
+            ZPHOLDS(slot.offset == offsetOf(slot.id()));
+        }
+        ZPHOLDS(taken == state_.count && state_.count <= state_.limit);
+        ZPHOLDS(state_.capacity == 0 || state_.limit < state_.capacity);
+    }
+
+private:
+    struct Slot {
+        uint32_t hash;
+        uint32_t idPlusOne;  // 0: free, so that a fresh zeroed block is an empty table
+        uint32_t offset;     // of the name, so that it is fetched while its record is
+        bool isFree() const { return idPlusOne == 0; }
+        ZPId id() const { return idPlusOne - 1; }
+    };
+    struct State {
+        Slot* slots = nullptr;
+        uint32_t capacity = 0;
+        uint32_t count = 0;
+        uint32_t limit = 0;  // three quarters of the capacity
+    };
+
+    size_t place(uint32_t hash) const {
+        return static_cast<size_t>((static_cast<uint64_t>(hash) * state_.capacity) >> 32);
+    }
+    size_t follower(size_t slot) const { return slot + 1 == state_.capacity ? 0 : slot + 1; }
+    // How far behind another slot this one stands, around the end.
+    size_t distance(size_t from, size_t to) const {
+        return to >= from ? to - from : to + state_.capacity - from;
+    }
+
+    State state_;
+};
+
+#endif
