@@ -4,14 +4,9 @@
 #include <initializer_list>
 #include <memory>
 
-// Text below this size isn't worth compacting.
-static const size_t kCompactFrom = 64 * 1024;
-// Offsets are 32 bits wide; the last values stay free as marks.
-static const size_t kMaxText = 0xFFFFFFF0u;
-
 // Lengths are 32 bits wide, in lists too.
 static void requireLength(size_t length) {
-    if (length > kMaxText)
+    if (length > ZPText::kMaxSize)
         zraise(ZOutOfMemoryException());
 }
 
@@ -29,8 +24,7 @@ ZPStore::KeyExtra::~KeyExtra() {
 }
 
 ZPStore::ZPStore()
-    : dead_(0),
-      freeKeys_(none),
+    : freeKeys_(none),
       freeStanzas_(none),
       freeLines_(none),
       freeGroups_(none),
@@ -43,13 +37,12 @@ ZPStore::ZPStore()
       mayHaveHidden_(false),
       mayHaveExtras_(false) {
     groups_.reserveExactly(4);
-    text_.reserveExactly(64);  // never without a block, so that the empty text has an address
     newGroup(none);
 }
 
 ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     // The delegated constructor has finished, so that the destructor clears up if this raises.
-    reserveText(other.text_.size());
+    text_.reserve(other.text_.size());
     makeRoomForKey();
     keys_.reserveMore(other.keyIndex_.count());
     keyIndex_.reserve(other.keyIndex_.count());
@@ -72,7 +65,7 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
             if (line.type() == lineBlank) {
                 appendLine(group, lineBlank, 0, 0);
             } else if (line.type() == lineComment) {
-                const ZPSlice text = appendText(other.text(line.ref), line.length());
+                const ZPSlice text = text_.append({other.text(line.ref), line.length()});
                 appendLine(group, lineComment, text.offset, text.length);
             } else {
                 const ZPSlice& name = other.keys_[line.ref].name;
@@ -83,7 +76,7 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
                     findKey(text(stanzaName), stanzaName.length, other.text(name), name.length);
                 if (key == none) {
                     makeRoomForKey();
-                    key = newKey(stanza, appendText(other.text(name), name.length), hash);
+                    key = newKey(stanza, text_.append({other.text(name), name.length}), hash);
                 }
                 appendLine(group, lineKey, key, 0);
                 noteLine(key, groups_[group].last);
@@ -138,14 +131,13 @@ void ZPStore::clear() {
     // A fresh store takes the place of this one; the old content goes with it.
     ZPStore fresh;
     endCursors(none);
-    text_.swap(fresh.text_);
+    std::swap(text_, fresh.text_);
     keys_.swap(fresh.keys_);
     stanzas_.swap(fresh.stanzas_);
     lines_.swap(fresh.lines_);
     groups_.swap(fresh.groups_);
     std::swap(keyIndex_, fresh.keyIndex_);
     std::swap(stanzaIndex_, fresh.stanzaIndex_);
-    swapValues(dead_, fresh.dead_);
     swapValues(freeKeys_, fresh.freeKeys_);
     swapValues(freeStanzas_, fresh.freeStanzas_);
     swapValues(freeLines_, fresh.freeLines_);
@@ -162,53 +154,22 @@ void ZPStore::clear() {
 
 // ---------------------------------------------------------------- text
 
-void ZPStore::reserveText(size_t more) {
-    if (more > kMaxText - text_.size())
-        zraise(ZOutOfMemoryException());
-    text_.reserveMore(more);
-}
-
-char* ZPStore::textRoom(size_t more) {
-    reserveText(more);
-    return text_.data() + text_.size();
-}
-
-ZPSlice ZPStore::appendText(const char* bytes, size_t length) {
-    reserveText(length);
-    const ZPSlice slice = {static_cast<uint32_t>(text_.size()), static_cast<uint32_t>(length)};
-    if (length != 0)
-        memcpy(text_.data() + text_.size(), bytes, length);
-    text_.setSize(text_.size() + length);
-    return slice;
-}
-
 void ZPStore::compactIfWorthwhile() {
-    if (dead_ < kCompactFrom || dead_ < text_.size() / 2)
+    if (!text_.isWorthCompacting())
         return;
-    // Without memory for it the block just stays as it is; nobody has asked for anything.
+    // Without memory for it the text just stays as it is; nobody has asked for anything.
     try {
-        ZPBlock<char> target;
-        target.reserveExactly(text_.size() - dead_ + text_.size() / 8 + keys_.size() * 4);
-        if (moveText(target)) {
-            text_.swap(target);
-            dead_ = 0;
-            keyIndex_.renewOffsets([&](Id key) { return keys_[key].name.offset; });
-            stanzaIndex_.renewOffsets([&](Id stanza) { return stanzas_[stanza].name.offset; });
-        }
+        // The signs that the writer puts between them may make it longer than offsets reach: then
+        // there is no room either.
+        ZPText target;
+        target.reserve(textNeeded() + text_.size() / 8);
+        moveText(target);
     } catch (ZOutOfMemoryException&) {
     }
 }
 
-// Writes all text that is referred to into `target`, in file order and in the form of the file, so
-// that the writer can copy runs of it. False, with nothing changed, if there was no memory.
-bool ZPStore::moveText(ZPBlock<char>& target) {
-    std::unique_ptr<unsigned char, decltype(&free)> movedKeys(
-        static_cast<unsigned char*>(calloc(keys_.size() + 1, 1)), &free);
-    std::unique_ptr<unsigned char, decltype(&free)> movedStanzas(
-        static_cast<unsigned char*>(calloc(stanzas_.size() + 1, 1)), &free);
-    if (movedKeys == nullptr || movedStanzas == nullptr)
-        return false;
-    // What is to be moved is summed up first, so that nothing below can fail.
+// The bytes that moveText puts into its target, and a bit more.
+size_t ZPStore::textNeeded() const {
     size_t needed = 0;
     for (Id g = 0; g != none; g = groups_[g].next)
         for (Id l = groups_[g].first; l != none; l = lines_[l].next)
@@ -222,44 +183,44 @@ bool ZPStore::moveText(ZPBlock<char>& target) {
                 for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
                     needed += key.extra->values[kind][i].length;
     });
-    // The signs that the writer puts between them may make it longer than offsets reach.
-    if (needed > kMaxText)
-        return false;
-    target.reserveExactly(needed);
+    return needed;
+}
 
-    auto copy = [&](ZPSlice& slice) {
-        const uint32_t offset = static_cast<uint32_t>(target.size());
-        memcpy(target.data() + target.size(), text(slice), slice.length);
-        target.setSize(target.size() + slice.length);
-        slice.offset = offset;
-    };
-    auto put = [&](const char* bytes, size_t length) {
-        memcpy(target.data() + target.size(), bytes, length);
-        target.setSize(target.size() + length);
-    };
+// Writes all slices into `target`, which has room for them, in file order and in the form of the
+// file, so that the writer can copy runs of it; `target` is the text then. Raises before anything
+// has changed.
+void ZPStore::moveText(ZPText& target) {
+    // What was moved already.
+    ZPBlock<bool> movedKeys, movedStanzas;
+    for (movedKeys.reserveExactly(keys_.size()); movedKeys.size() < keys_.size();)
+        movedKeys.push(false);
+    for (movedStanzas.reserveExactly(stanzas_.size()); movedStanzas.size() < stanzas_.size();)
+        movedStanzas.push(false);
+
+    auto move = [&](ZPSlice& slice) { slice = target.append(text_.span(slice)); };
     auto moveStanza = [&](Id s) {
-        if (movedStanzas.get()[s])
+        if (movedStanzas[s])
             return;
-        movedStanzas.get()[s] = 1;
-        put("[", 1);
-        copy(stanzas_[s].name);
-        put("]\n", 2);
+        movedStanzas[s] = true;
+        target.append({"[", 1});
+        move(stanzas_[s].name);
+        target.append({"]\n", 2});
     };
     auto moveKey = [&](Id k) {
-        if (movedKeys.get()[k])
+        if (movedKeys[k])
             return;
-        movedKeys.get()[k] = 1;
+        movedKeys[k] = true;
         Key& key = keys_[k];
-        copy(key.name);
+        move(key.name);
         if (key.value.length != 0) {
-            put(" = ", 3);
-            copy(key.value);
+            target.append({" = ", 3});
+            move(key.value);
         }
-        put("\n", 1);
+        target.append({"\n", 1});
         if (key.extra != nullptr)
             for (Kind kind : {plain, hidden})
                 for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
-                    copy(key.extra->values[kind][i]);
+                    move(key.extra->values[kind][i]);
     };
     for (Id g = 0; g != none; g = groups_[g].next) {
         if (g != 0)
@@ -270,15 +231,17 @@ bool ZPStore::moveText(ZPBlock<char>& target) {
                 moveKey(line.ref);
             } else if (line.type() == lineComment) {
                 ZPSlice comment = {line.ref, line.length()};
-                copy(comment);
+                move(comment);
                 line.ref = comment.offset;
-                put("\n", 1);
+                target.append({"\n", 1});
             }
         }
     }
     stanzaIndex_.forEach(moveStanza);
     keyIndex_.forEach(moveKey);
-    return true;
+    text_ = std::move(target);
+    keyIndex_.renewOffsets([&](Id key) { return keys_[key].name.offset; });
+    stanzaIndex_.renewOffsets([&](Id stanza) { return stanzas_[stanza].name.offset; });
 }
 
 // ---------------------------------------------------------------- stanzas
@@ -309,7 +272,7 @@ ZPStore::Id ZPStore::createStanza(const char* name, size_t length) {
     if (id == none) {
         stanzas_.reserveMore(1);
         stanzaIndex_.reserveMore(1);
-        id = newStanza(appendText(name, length), zhashOf({name, length}));
+        id = newStanza(text_.append({name, length}), zhashOf({name, length}));
     }
     if (!stanzas_[id].inMap) {
         stanzas_[id].inMap = true;
@@ -340,7 +303,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
     if (stanza.inMap || stanza.group != none)
         return;
     stanzaIndex_.remove(znarrowHash(stanza.hash), id);
-    dead_ += stanza.name.length;
+    text_.drop(stanza.name);
     stanza.inUse = false;
     stanza.first = freeStanzas_;
     freeStanzas_ = id;
@@ -406,7 +369,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
     const bool made = id == none;
     if (made) {
         makeRoomForKey();
-        id = newKey(stanza, appendText(name, length), hash);
+        id = newKey(stanza, text_.append({name, length}), hash);
     }
     try {
         attach(id);
@@ -458,7 +421,7 @@ void ZPStore::freeKeyIfUnneeded(Id id) {
     if (attached(id) || key.line != none)
         return;
     keyIndex_.remove(hashOf(id), id);
-    dead_ += key.name.length;
+    text_.drop(key.name);
     key.stanza = none;
     key.line = freeKeys_;
     freeKeys_ = id;
@@ -494,14 +457,14 @@ ZPStore::Values ZPStore::values(Id id, Kind kind) const {
 void ZPStore::dropValues(Id id, Kind kind) {
     Key& key = keys_[id];
     if (kind == plain) {
-        dead_ += key.value.length;
+        text_.drop(key.value);
         key.value.length = 0;
     }
     if (key.extra == nullptr)
         return;
     ZPBlock<ZPSlice>& slices = key.extra->values[kind];
     for (size_t i = 0; i < slices.size(); ++i)
-        dead_ += slices[i].length;
+        text_.drop(slices[i]);
     slices.setSize(0);
     if (key.extra->lists[kind] != nullptr)
         key.extra->lists[kind]->removeAll();
@@ -521,12 +484,12 @@ void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
     const bool several = kind == hidden || key.value.length != 0 ||
                          (key.extra != nullptr && key.extra->values[plain].size() != 0);
     if (!several) {
-        key.value = appendText(value, length);
+        key.value = text_.append({value, length});
         return;
     }
     ZPBlock<ZPSlice>& slices = extraOf(id).values[kind];
     slices.reserveMore(2);
-    const ZPSlice slice = appendText(value, length);
+    const ZPSlice slice = text_.append({value, length});
     if (kind == plain && key.value.length != 0) {
         slices.push(key.value);
         key.value.length = 0;
@@ -543,12 +506,7 @@ void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) 
         extra == nullptr || (extra->lists[plain] == nullptr && extra->lists[hidden] == nullptr &&
                              extra->values[plain].size() == 0 && extra->values[hidden].size() == 0);
     if (single && kind == plain && length != 0 && key.value.length >= length) {
-        char* room = text_.data() + key.value.offset;
-        memcpy(room, value, length);
-        if (length < key.value.length)
-            room[length] = '\n';  // as the writer would go on
-        dead_ += key.value.length - length;
-        key.value.length = static_cast<uint32_t>(length);
+        text_.overwrite(key.value, {value, length});
         compactIfWorthwhile();
         return;
     }
@@ -574,7 +532,7 @@ void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) 
     } else {
         if (kind == hidden)
             extraOf(id).values[hidden].reserveMore(1);
-        const ZPSlice slice = appendText(value, length);
+        const ZPSlice slice = text_.append({value, length});
         dropValues(id, other);
         dropValues(id, kind);
         if (kind == plain)

@@ -46,12 +46,7 @@
 #include "ZLCString.h"
 #include "ZList.h"
 #include "zpindex.h"
-
-/// A piece of the store's text.
-struct ZPSlice {
-    uint32_t offset;
-    uint32_t length;
-};
+#include "zptext.h"
 
 class ZPStore : public ZAllocated {
 public:
@@ -262,20 +257,21 @@ public:
     const Line& line(Id id) const { return lines_[id]; }
     const Key& key(Id id) const { return keys_[id]; }
     const Stanza& stanza(Id id) const { return stanzas_[id]; }
-    const char* text(uint32_t offset) const { return text_.data() + offset; }
-    const char* text(const ZPSlice& slice) const { return text_.data() + slice.offset; }
+    const ZPText& text() const { return text_; }
+    const char* text(size_t offset) const { return text_.at(offset); }
+    const char* text(const ZPSlice& slice) const { return text_.at(slice); }
     size_t textSize() const { return text_.size(); }
 
     // --- For the reader, which has the file's bytes in the text block already ---
 
     /// Room for `more` bytes behind the text, to read into; commitText makes them part of it.
-    char* textRoom(size_t more);
-    void commitText(size_t bytes) { text_.setSize(text_.size() + bytes); }
+    char* textRoom(size_t more) { return text_.room(more); }
+    void commitText(size_t bytes) { text_.commit(bytes); }
     /// The errno at which the last reading failed, or 0.
     int readError() const { return readError_; }
     void setReadError(int error) { readError_ = error; }
     /// Takes bytes at the end back that nothing refers to.
-    void truncateText(size_t size) { text_.setSize(size); }
+    void truncateText(size_t size) { text_.truncate(size); }
     /// Makes room for what a file of that many lines brings at most.
     void reserveForLines(size_t lines);
     /// A header at the end whose name lies in the text; the stanza must not be in the map.
@@ -330,7 +326,7 @@ public:
     void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
     /// Says that so many bytes of the text are referred to by nobody.
     void addDead(size_t bytes) {
-        dead_ += bytes;
+        text_.addUnused(bytes);
         compactIfWorthwhile();
     }
 
@@ -338,10 +334,9 @@ public:
     void checkInvariants() const;
 
 private:
-    ZPSlice appendText(const char* bytes, size_t length);
-    void reserveText(size_t more);
     void compactIfWorthwhile();
-    bool moveText(ZPBlock<char>& target);
+    void moveText(ZPText& target);
+    size_t textNeeded() const;
 
     bool isNamed(const Stanza& stanza, const char* name, size_t length) const {
         return stanza.name.length == length &&
@@ -428,8 +423,7 @@ private:
     bool isCommentWeWant(const ZPSlice& key, Id line) const;
 
     int readError_ = 0;
-    ZPBlock<char> text_;
-    size_t dead_;  // bytes of text_ that nothing refers to
+    ZPText text_;
     ZPBlock<Key> keys_;
     ZPBlock<Stanza> stanzas_;
     ZPBlock<Line> lines_;

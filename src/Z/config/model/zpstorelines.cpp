@@ -247,7 +247,7 @@ void ZPStore::removeGroup(Id stanza) {
     for (Id l = group.first; l != none; l = lines_[l].next) {
         const Line& line = lines_[l];
         if (line.type() == lineComment)
-            dead_ += line.length();
+            text_.addUnused(line.length());
         else if (line.type() == lineKey && keys_[line.ref].line == many)
             countLines(line.ref);
     }
@@ -537,7 +537,7 @@ static void requireCommentLength(size_t length) {
 void ZPStore::addFileComment(const char* comment, size_t length) {
     requireCommentLength(length);
     reserveLines(2);
-    const ZPSlice slice = appendText(comment, length);
+    const ZPSlice slice = text_.append({comment, length});
     Id l = groups_[0].first;
     while (l != none && lines_[l].type() != lineBlank)
         l = lines_[l].next;
@@ -553,7 +553,7 @@ void ZPStore::addFileComment(const char* comment, size_t length) {
 void ZPStore::addStanzaComment(Id stanza, const char* comment, size_t length) {
     requireCommentLength(length);
     reserveLines(2);
-    const ZPSlice slice = appendText(comment, length);
+    const ZPSlice slice = text_.append({comment, length});
     const Id group = stanzas_[stanza].group;
     Id l = groups_[group].first;
     while (l != none && lines_[l].type() == lineComment)
@@ -593,7 +593,7 @@ void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
     if (found == none)
         return;
     reserveLines(2);
-    const ZPSlice slice = appendText(comment, length);
+    const ZPSlice slice = text_.append({comment, length});
     const Id before = lines_[found].prev;
     if (before == none || lines_[before].type() == lineKey)
         insertLine(group, found, newLine(lineBlank, 0, 0));
@@ -603,10 +603,16 @@ void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
 // ---------------------------------------------------------------- invariants
 
 void ZPStore::checkInvariants() const {
+    size_t used = 0;  // bytes of slices
     size_t keysSeen = 0, attachedSeen = 0, stanzasSeen = 0, inMapSeen = 0;
     keyIndex_.forEach([&](Id id) {
         ++keysSeen;
         const Key& key = keys_[id];
+        used += key.name.length + key.value.length;
+        if (key.extra != nullptr)
+            for (const ZPBlock<ZPSlice>& slices : key.extra->values)
+                for (size_t i = 0; i < slices.size(); ++i)
+                    used += slices[i].length;
         ZPHOLDS(stanzas_[key.stanza].inUse);
         const ZPSlice& stanza = stanzas_[key.stanza].name;
         ZPHOLDS(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
@@ -626,6 +632,7 @@ void ZPStore::checkInvariants() const {
     stanzaIndex_.forEach([&](Id id) {
         ++stanzasSeen;
         const Stanza& stanza = stanzas_[id];
+        used += stanza.name.length;
         ZPHOLDS(stanza.inUse && (stanza.inMap || stanza.group != none));
         ZPHOLDS(findStanza(text(stanza.name), stanza.name.length) == id);
         inMapSeen += stanza.inMap ? 1 : 0;
@@ -657,6 +664,7 @@ void ZPStore::checkInvariants() const {
             ZPHOLDS(lines_[l].prev == previous);
             previous = l;
             ++linesSeen;
+            used += lines_[l].length();
             comments += lines_[l].type() == lineComment ? 1 : 0;
             blanks += lines_[l].type() == lineBlank ? 1 : 0;
             if (group.samples != nullptr) {
@@ -693,6 +701,7 @@ void ZPStore::checkInvariants() const {
         ZPHOLDS(group.blanks == blanks);
     }
     ZPHOLDS(groups_[0].prev == lastGroupSeen);
+    text_.checkInvariants(used);
     ZPHOLDS(linesSeen + freeLineCount_ == lines_.size());
     uint32_t items = 0;
     Id previous = none;
