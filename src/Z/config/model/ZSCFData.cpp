@@ -299,7 +299,7 @@ public:
 
     void write() {
         for (Id g = store_.firstGroup(); g != ZPStore::none; g = store_.group(g).next) {
-            const ZPStore::Group& group = store_.group(g);
+            const ZPGroup& group = store_.group(g);
             if (group.stanza != ZPStore::none) {
                 // A stanza that left the map takes its comments and keys with it.
                 if (!store_.stanza(group.stanza).inMap)
@@ -325,26 +325,31 @@ private:
         put("]\n", 2);
     }
 
-    void line(const ZPStore::Line& line) {
+    void line(const ZPLine& line) {
         switch (line.type()) {
-            case ZPStore::lineBlank:
+            case ZPLine::blank:
                 if (runEnd_ != runStart_ && at(runEnd_, "\n", 1))
                     ++runEnd_;
                 else
                     put("\n", 1);
                 break;
-            case ZPStore::lineComment:
-                if (at(line.ref + line.length(), "\n", 1)) {
-                    run(line.ref, line.ref + line.length() + 1);
-                } else {
-                    put(store_.text(line.ref), line.length());
-                    put("\n", 1);
-                }
+            case ZPLine::comment:
+                comment(line.slice());
                 break;
-            case ZPStore::lineKey:
+            case ZPLine::key:
                 if (store_.attached(line.ref))
                     entry(line.ref);
                 break;
+        }
+    }
+
+    void comment(const ZPSlice& text) {
+        const uint32_t end = text.offset + text.length;
+        if (at(end, "\n", 1)) {
+            run(text.offset, end + 1);
+        } else {
+            put(store_.text(text), text.length);
+            put("\n", 1);
         }
     }
 

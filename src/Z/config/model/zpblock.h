@@ -18,6 +18,8 @@
 typedef uint32_t ZPId;
 /// No record.
 constexpr ZPId kNoId = 0xFFFFFFFFu;
+/// More than one record: they have to be looked for.
+constexpr ZPId kSeveralIds = 0xFFFFFFFEu;
 
 /// A growing block of records that are moved as bytes: they may own something, and are destroyed
 /// then, but don't point into themselves. Growth raises ZOutOfMemoryException and leaves the block
@@ -74,8 +76,9 @@ public:
     void reserveExactly(size_t room) {
         if (room <= state_.room)
             return;
-        void* grown =
-            room > SIZE_MAX / 2 / sizeof(T) ? nullptr : realloc(state_.data, room * sizeof(T));
+        void* grown = room > SIZE_MAX / 2 / sizeof(T)
+                          ? nullptr
+                          : realloc(static_cast<void*>(state_.data), room * sizeof(T));
         if (grown == nullptr)
             zraise(ZOutOfMemoryException());
         zadviseSpread(grown, room * sizeof(T));
@@ -106,6 +109,52 @@ private:
         size_t room = 0;
     };
     State state_;
+};
+
+/// Records that come and go: one that was given back is the first to be taken again. `Link` is a
+/// field that chains those that were given back. A pool that was moved from may only be assigned or
+/// destroyed.
+template <typename T, ZPId T::*Link>
+class ZPPool {
+public:
+    T& operator[](ZPId id) { return records_[id]; }
+    const T& operator[](ZPId id) const { return records_[id]; }
+    /// All ids are below.
+    ZPId end() const { return static_cast<ZPId>(records_.size()); }
+    size_t freeCount() const { return freeCount_; }
+
+    void reserveMore(size_t more) {
+        if (freeCount_ < more)
+            records_.reserveMore(more - freeCount_);
+    }
+    /// Whether nothing can be taken without making room.
+    bool isFull() const { return records_.isFull() && free_ == kNoId; }
+
+    /// Needs room made before.
+    ZPId take(T&& record) {
+        if (__builtin_expect(free_ != kNoId, 0))
+            return takeFree(std::move(record));
+        records_.push(std::move(record));
+        return static_cast<ZPId>(records_.size() - 1);
+    }
+    void giveBack(ZPId id) {
+        records_[id].*Link = free_;
+        free_ = id;
+        ++freeCount_;
+    }
+
+private:
+    ZPId takeFree(T&& record) {
+        const ZPId id = free_;
+        free_ = records_[id].*Link;
+        --freeCount_;
+        records_[id] = std::move(record);
+        return id;
+    }
+
+    ZPBlock<T> records_;
+    ZPId free_ = kNoId;
+    size_t freeCount_ = 0;
 };
 
 /// Bytes that are made here and handed on.

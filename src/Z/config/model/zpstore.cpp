@@ -1,8 +1,10 @@
 #include "zpstore.h"
-#include "zraise.h"
 
 #include <initializer_list>
 #include <memory>
+
+#include "zpholds.h"
+#include "zraise.h"
 
 // Lengths are 32 bits wide, in lists too.
 static void requireLength(size_t length) {
@@ -24,21 +26,13 @@ ZPStore::KeyExtra::~KeyExtra() {
 }
 
 ZPStore::ZPStore()
-    : freeKeys_(none),
-      freeStanzas_(none),
-      freeLines_(none),
-      freeGroups_(none),
-      freeLineCount_(0),
-      stanzasInMap_(0),
+    : stanzasInMap_(0),
       itemFirst_(none),
       itemLast_(none),
       itemCount_(0),
       cursors_(nullptr),
       mayHaveHidden_(false),
-      mayHaveExtras_(false) {
-    groups_.reserveExactly(4);
-    newGroup(none);
-}
+      mayHaveExtras_(false) {}
 
 ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     // The delegated constructor has finished, so that the destructor clears up if this raises.
@@ -47,41 +41,39 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     keys_.reserveMore(other.keyIndex_.count());
     keyIndex_.reserve(other.keyIndex_.count());
     // The lines first, in file order, for they decide where the text comes to lie.
-    for (Id g = 0; g != none; g = other.groups_[g].next) {
+    for (Id g = 0; g != none; g = other.group(g).next) {
         Id group = 0;
         if (g != 0) {
-            const ZPSlice& name = other.stanzas_[other.groups_[g].stanza].name;
+            const ZPSlice& name = other.stanzas_[other.group(g).stanza].name;
             Id stanza = findStanza(other.text(name), name.length);
             if (stanza == none) {
                 stanza = createStanza(other.text(name), name.length);
                 stanzas_[stanza].inMap = false;  // whether it is follows below
                 --stanzasInMap_;
             }
-            groups_.reserveMore(1);
-            group = newGroup(stanza);
+            lines_.reserveGroup();
+            group = addGroup(stanza);
         }
-        for (Id l = other.groups_[g].first; l != none; l = other.lines_[l].next) {
-            const Line& line = other.lines_[l];
-            if (line.type() == lineBlank) {
-                appendLine(group, lineBlank, 0, 0);
-            } else if (line.type() == lineComment) {
-                const ZPSlice text = text_.append({other.text(line.ref), line.length()});
-                appendLine(group, lineComment, text.offset, text.length);
+        other.lines_.forEach(g, [&](const ZPLine& line) {
+            lines_.reserve(1);
+            if (line.isBlank()) {
+                lines_.appendBlank(group, text_);
+            } else if (line.isComment()) {
+                lines_.appendComment(group, text_.append(other.text_.span(line.slice())), text_);
             } else {
                 const ZPSlice& name = other.keys_[line.ref].name;
-                const Id stanza = groups_[group].stanza;
+                const Id stanza = lines_.group(group).stanza;
                 const uint32_t hash = keyHash(stanza, other.text(name), name.length);
                 const ZPSlice& stanzaName = stanzas_[stanza].name;
                 Id key =
                     findKey(text(stanzaName), stanzaName.length, other.text(name), name.length);
                 if (key == none) {
                     makeRoomForKey();
-                    key = newKey(stanza, text_.append({other.text(name), name.length}), hash);
+                    key = newKey(stanza, text_.append(other.text_.span(name)), hash);
                 }
-                appendLine(group, lineKey, key, 0);
-                noteLine(key, groups_[group].last);
+                noteLine(key, lines_.appendKey(group, key));
             }
-        }
+        });
     }
     // Then the map: attaching in key order gives the same order here.
     other.forEachStanza([&](Id s) {
@@ -108,9 +100,7 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
 }
 
 ZPStore::~ZPStore() {
-    for (size_t i = 0; i < groups_.size(); ++i)
-        forgetSamples(groups_[i]);
-    for (size_t i = 0; mayHaveExtras_ && i < keys_.size(); ++i)
+    for (Id i = 0; mayHaveExtras_ && i < keys_.end(); ++i)
         delete keys_[i].extra;  // null in records that are free
     for (size_t i = 0; i < nameTexts_.size(); ++i)
         free(nameTexts_[i]);
@@ -132,17 +122,11 @@ void ZPStore::clear() {
     ZPStore fresh;
     endCursors(none);
     std::swap(text_, fresh.text_);
-    keys_.swap(fresh.keys_);
-    stanzas_.swap(fresh.stanzas_);
-    lines_.swap(fresh.lines_);
-    groups_.swap(fresh.groups_);
+    std::swap(keys_, fresh.keys_);
+    std::swap(stanzas_, fresh.stanzas_);
+    std::swap(lines_, fresh.lines_);
     std::swap(keyIndex_, fresh.keyIndex_);
     std::swap(stanzaIndex_, fresh.stanzaIndex_);
-    swapValues(freeKeys_, fresh.freeKeys_);
-    swapValues(freeStanzas_, fresh.freeStanzas_);
-    swapValues(freeLines_, fresh.freeLines_);
-    swapValues(freeGroups_, fresh.freeGroups_);
-    swapValues(freeLineCount_, fresh.freeLineCount_);
     swapValues(stanzasInMap_, fresh.stanzasInMap_);
     swapValues(itemFirst_, fresh.itemFirst_);
     swapValues(itemLast_, fresh.itemLast_);
@@ -171,9 +155,10 @@ void ZPStore::compactIfWorthwhile() {
 // The bytes that moveText puts into its target, and a bit more.
 size_t ZPStore::textNeeded() const {
     size_t needed = 0;
-    for (Id g = 0; g != none; g = groups_[g].next)
-        for (Id l = groups_[g].first; l != none; l = lines_[l].next)
-            needed += lines_[l].type() == lineComment ? lines_[l].length() + 1 : 0;
+    for (Id g = 0; g != none; g = group(g).next)
+        lines_.forEach(g, [&](const ZPLine& line) {
+            needed += line.isComment() ? line.slice().length + 1 : 0;
+        });
     stanzaIndex_.forEach([&](Id s) { needed += stanzas_[s].name.length + 3; });
     keyIndex_.forEach([&](Id k) {
         const Key& key = keys_[k];
@@ -192,9 +177,9 @@ size_t ZPStore::textNeeded() const {
 void ZPStore::moveText(ZPText& target) {
     // What was moved already.
     ZPBlock<bool> movedKeys, movedStanzas;
-    for (movedKeys.reserveExactly(keys_.size()); movedKeys.size() < keys_.size();)
+    for (movedKeys.reserveExactly(keys_.end()); movedKeys.size() < keys_.end();)
         movedKeys.push(false);
-    for (movedStanzas.reserveExactly(stanzas_.size()); movedStanzas.size() < stanzas_.size();)
+    for (movedStanzas.reserveExactly(stanzas_.end()); movedStanzas.size() < stanzas_.end();)
         movedStanzas.push(false);
 
     auto move = [&](ZPSlice& slice) { slice = target.append(text_.span(slice)); };
@@ -222,17 +207,14 @@ void ZPStore::moveText(ZPText& target) {
                 for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
                     move(key.extra->values[kind][i]);
     };
-    for (Id g = 0; g != none; g = groups_[g].next) {
+    for (Id g = 0; g != none; g = group(g).next) {
         if (g != 0)
-            moveStanza(groups_[g].stanza);
-        for (Id l = groups_[g].first; l != none; l = lines_[l].next) {
-            Line& line = lines_[l];
-            if (line.type() == lineKey) {
-                moveKey(line.ref);
-            } else if (line.type() == lineComment) {
-                ZPSlice comment = {line.ref, line.length()};
-                move(comment);
-                line.ref = comment.offset;
+            moveStanza(group(g).stanza);
+        for (Id l = group(g).first; l != none; l = line(l).next) {
+            if (line(l).isKey()) {
+                moveKey(line(l).ref);
+            } else if (line(l).isComment()) {
+                lines_.moveComment(l, move);
                 target.append({"\n", 1});
             }
         }
@@ -255,14 +237,7 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
     Stanza fresh = {name, {}, hash, none, none, 0, none, true, false, nullptr, nullptr};
     memcpy(fresh.head, text(name),
            name.length < sizeof fresh.head ? name.length : sizeof fresh.head);
-    Id id = freeStanzas_;
-    if (id != none) {
-        freeStanzas_ = stanzas_[id].first;
-        stanzas_[id] = fresh;
-    } else {
-        id = static_cast<Id>(stanzas_.size());
-        stanzas_.push(fresh);
-    }
+    const Id id = stanzas_.take(std::move(fresh));
     stanzaIndex_.insert(znarrowHash(hash), id, name.offset);
     return id;
 }
@@ -305,8 +280,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
     stanzaIndex_.remove(znarrowHash(stanza.hash), id);
     text_.drop(stanza.name);
     stanza.inUse = false;
-    stanza.first = freeStanzas_;
-    freeStanzas_ = id;
+    stanzas_.giveBack(id);
 }
 
 // ---------------------------------------------------------------- keys
@@ -334,7 +308,7 @@ void ZPStore::makeRoomForKey() {
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
-    const Id id = takeKey(stanza, name);
+    const Id id = keys_.take({name, {0, 0}, stanza, none, detached, none, nullptr});
     keyIndex_.insert(hash, id, name.offset);
     return id;
 }
@@ -423,8 +397,7 @@ void ZPStore::freeKeyIfUnneeded(Id id) {
     keyIndex_.remove(hashOf(id), id);
     text_.drop(key.name);
     key.stanza = none;
-    key.line = freeKeys_;
-    freeKeys_ = id;
+    keys_.giveBack(id);
 }
 
 // ---------------------------------------------------------------- values
@@ -595,8 +568,8 @@ ZLCString* ZPStore::nameObject(Id id) const {
 
 const char* ZPStore::nameText(Id id) {
     if (id >= nameTexts_.size()) {
-        nameTexts_.reserveMore(keys_.size() - nameTexts_.size());
-        while (nameTexts_.size() < keys_.size())
+        nameTexts_.reserveMore(keys_.end() - nameTexts_.size());
+        while (nameTexts_.size() < keys_.end())
             nameTexts_.push(nullptr);
     }
     if (nameTexts_[id] == nullptr) {
@@ -681,7 +654,7 @@ void ZPStore::removeItem(Id id) {
 
 void ZPStore::reserveForLines(size_t lines) {
     keys_.reserveMore(lines);
-    lines_.reserveMore(lines);
+    lines_.reserve(lines);
     // The index has room for some more keys: making it anew for the first one that is added would
     // cost as much as the whole load.
     keyIndex_.reserveMore(lines + lines / 8);
@@ -691,7 +664,7 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     const uint64_t hash = zhashOf({text(name), name.length});
     stanzas_.reserveMore(1);
     stanzaIndex_.reserveMore(1);
-    groups_.reserveMore(1);
+    lines_.reserveGroup();
     Id stanza = findStanza(text(name), name.length);
     if (stanza == none)
         stanza = newStanza(name, hash);
@@ -699,20 +672,20 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
         stanzas_[stanza].inMap = true;
         ++stanzasInMap_;
     }
-    return newGroup(stanza);
+    return addGroup(stanza);
 }
 
 // An entry in all its cases: a key that is there already, or one that finds used records or a
 // handed-out list.
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
                                      bool& isNew) {
-    const Id stanza = groups_[group].stanza;
+    const Id stanza = lines_.group(group).stanza;
     isNew = id == none || !attached(id);
     if (isNew) {
         if (id == none)
             id = newKey(stanza, name, hash);
         attach(id);
-        noteLine(id, appendReservedLine(group, lineKey, id, 0));
+        noteLine(id, lines_.appendKey(group, id));
         keys_[id].value = value;
         return id;
     }
@@ -736,4 +709,183 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     }
     slices.push(value);
     return id;
+}
+
+// ---------------------------------------------------------------- lines
+
+// A group at the end for this stanza. Needs room.
+ZPStore::Id ZPStore::addGroup(Id stanza) {
+    const Id group = lines_.addGroup(stanza, stanzas_[stanza].group);
+    if (stanzas_[stanza].group == none)
+        stanzas_[stanza].group = group;
+    return group;
+}
+
+void ZPStore::addHeader(Id stanza) {
+    lines_.reserve(1);
+    lines_.reserveGroup();
+    lines_.appendBlank(lastGroup(), text_);
+    addGroup(stanza);
+}
+
+void ZPStore::removeGroup(Id stanza) {
+    const Id id = stanzas_[stanza].group;
+    if (id == none)
+        return;
+    // Out of the stanza's chain first, so that the keys' other lines are counted without this
+    // group.
+    stanzas_[stanza].group = group(id).nextOfStanza;
+    lines_.forEach(id, [&](const ZPLine& line) {
+        if (line.isComment())
+            text_.drop(line.slice());
+        else if (line.isKey() && keys_[line.ref].line == kSeveralIds)
+            countLines(line.ref);
+    });
+    for (Id l = group(id).first; l != none; l = line(l).next) {
+        if (!line(l).isKey())
+            continue;
+        // A key without any line now is forgotten unless it is in the map; one whose lines were
+        // counted above may be met again here.
+        const Id key = line(l).ref;
+        if (keys_[key].line == l)
+            keys_[key].line = none;
+        if (keys_[key].line == none && !isFree(key))
+            freeKeyIfUnneeded(key);
+    }
+    lines_.removeGroup(id);
+    freeStanzaIfUnneeded(stanza);
+    compactIfWorthwhile();
+}
+
+void ZPStore::placeKeyLine(Id key) {
+    const Key& record = keys_[key];
+    noteLine(key,
+             lines_.placeKey(stanzas_[record.stanza].group, key, text_.span(record.name), text_));
+}
+
+void ZPStore::removeKeyLines(Id key) {
+    const Id line = keys_[key].line;
+    const Id group = stanzas_[keys_[key].stanza].group;
+    if (line == none || group == none) {
+        freeKeyIfUnneeded(key);
+        return;
+    }
+    if (line != kSeveralIds && lines_.group(group).nextOfStanza == none) {
+        lines_.removeKey(group, line);
+        keys_[key].line = none;
+    } else {
+        // Several lines, or several groups of one name: only those of the first group go.
+        lines_.removeKeys(group, key);
+        countLines(key);
+    }
+    freeKeyIfUnneeded(key);
+    compactIfWorthwhile();
+}
+
+void ZPStore::addFileComment(const char* comment, size_t length) {
+    lines_.addFileComment({comment, length}, text_);
+}
+
+void ZPStore::addStanzaComment(Id stanza, const char* comment, size_t length) {
+    lines_.addStanzaComment(stanzas_[stanza].group, {comment, length}, text_);
+}
+
+void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
+    const ZSpan name = text_.span(keys_[key].name);
+    Id group = stanzas_[keys_[key].stanza].group;
+    if (group == none)
+        return;
+    // The one line of the key is the first with its text behind the header, if the header is the
+    // only one of that name; otherwise the walk decides, and it goes on into later stanzas.
+    Id found = keys_[key].line;
+    if (found == none || found == kSeveralIds || lines_.group(group).nextOfStanza != none) {
+        found = none;
+        while (found == none && group != none) {
+            for (Id l = lines_.group(group).first; found == none && l != none; l = line(l).next)
+                if (line(l).isKey() && isNamed(keys_[line(l).ref], name))
+                    found = l;
+            if (found == none)
+                group = lines_.group(group).next;
+        }
+    }
+    if (found != none)
+        lines_.addCommentBefore(group, found, {comment, length}, text_);
+}
+
+// ---------------------------------------------------------------- invariants
+
+void ZPStore::checkInvariants() const {
+    size_t used = 0;  // bytes of slices
+    size_t keysSeen = 0, attachedSeen = 0, stanzasSeen = 0, inMapSeen = 0;
+    keyIndex_.checkInvariants([&](Id id) { return keys_[id].name.offset; });
+    stanzaIndex_.checkInvariants([&](Id id) { return stanzas_[id].name.offset; });
+    lines_.checkInvariants(text_);
+    keyIndex_.forEach([&](Id id) {
+        ++keysSeen;
+        const Key& key = keys_[id];
+        used += key.name.length + key.value.length;
+        if (key.extra != nullptr)
+            for (const ZPBlock<ZPSlice>& slices : key.extra->values)
+                for (size_t i = 0; i < slices.size(); ++i)
+                    used += slices[i].length;
+        ZPHOLDS(stanzas_[key.stanza].inUse);
+        const ZPSlice& stanza = stanzas_[key.stanza].name;
+        ZPHOLDS(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
+        if (attached(id)) {
+            ++attachedSeen;
+            ZPHOLDS(stanzas_[key.stanza].inMap);
+        } else {
+            ZPHOLDS(key.line != none && key.extra == nullptr && key.value.length == 0);
+        }
+        if (key.extra != nullptr && key.extra->values[plain].size() != 0)
+            ZPHOLDS(key.value.length == 0);
+    });
+    ZPHOLDS(keysSeen == keyIndex_.count());
+    size_t chained = 0;
+    stanzaIndex_.forEach([&](Id id) {
+        ++stanzasSeen;
+        const Stanza& stanza = stanzas_[id];
+        used += stanza.name.length;
+        ZPHOLDS(stanza.inUse && (stanza.inMap || stanza.group != none));
+        ZPHOLDS(findStanza(text(stanza.name), stanza.name.length) == id);
+        inMapSeen += stanza.inMap ? 1 : 0;
+        uint32_t count = 0;
+        Id previous = none;
+        for (Id k = stanza.first; k != none; k = keys_[k].next) {
+            ZPHOLDS(keys_[k].stanza == id && keys_[k].prev == previous);
+            previous = k;
+            ++count;
+        }
+        ZPHOLDS(stanza.last == previous && stanza.count == count);
+        ZPHOLDS(stanza.keyList == nullptr || stanza.keyList->size() == count);
+        chained += count;
+        for (Id g = stanza.group; g != none; g = group(g).nextOfStanza)
+            ZPHOLDS(group(g).stanza == id);
+    });
+    ZPHOLDS(chained == attachedSeen && inMapSeen == stanzasInMap_);
+    for (Id g = 0; g != none; g = group(g).next) {
+        for (Id l = group(g).first; l != none; l = line(l).next) {
+            if (line(l).isComment()) {
+                used += line(l).slice().length;
+            } else if (line(l).isKey()) {
+                const Key& key = keys_[line(l).ref];
+                ZPHOLDS(key.stanza == group(g).stanza);
+                ZPHOLDS(key.line == l || key.line == kSeveralIds);
+            }
+        }
+    }
+    text_.checkInvariants(used);
+    uint32_t items = 0;
+    Id previous = none;
+    for (Id k = itemFirst_; k != none; k = keys_[k].extra->itemNext) {
+        ZPHOLDS(attached(k) && keys_[k].extra->isItem && keys_[k].extra->itemPrev == previous);
+        previous = k;
+        ++items;
+    }
+    ZPHOLDS(items == itemCount_ && itemLast_ == previous);
+    for (const Cursor* c = cursors_; c != nullptr; c = c->next_) {
+        ZPHOLDS(c->stanza_ != none || c->key_ == none);
+        ZPHOLDS(c->key_ == none || (attached(c->key_) && keys_[c->key_].stanza == c->stanza_));
+        ZPHOLDS(c->key_ != none || !c->isOnKey_);
+    }
 }

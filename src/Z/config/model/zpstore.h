@@ -14,20 +14,19 @@
 //              and key together, so that finding a value is one probe, whatever the number of
 //              stanzas or keys, and at a million keys the record and the name, two cache misses,
 //              are fetched together.
-//   lines_     a 16-byte record a line, chained within its group. A group is a header line with
-//              all lines up to the next header; group 0 holds what stands before the first.
+//   lines_     the lines of the file (zplines.h): a key line names its key's record
 //
 // Invariants, checked by checkInvariants():
 // (1) Every key record in use is in keyIndex_ exactly once, every stanza record in stanzaIndex_.
 // (2) A key is in the map (attached) or only remembered because a line still names it (detached);
 //     a detached key has no values, lists or item. The key chain of a stanza holds exactly its
 //     attached keys, in order of first insertion; `count` is its length.
-// (3) Key::line is the key's only line, `none`, or `many`: then its lines have to be looked for.
+// (3) Key::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked for.
 // (4) Where a value list exists it is the truth for these values, and the record's own slices are
 //     dead; both value lists of a key and the key list of a stanza keep their identity until the
 //     key or stanza leaves the map.
 // (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
-//     is the first of its groups in file order, the others follow by Group::nextSame.
+//     is the first of its groups in file order, the others follow by ZPGroup::nextOfStanza.
 // (6) The item chain holds the keys that the side database follows, in its order.
 // (7) A cursor of cursors_ stands on an attached key of its stanza, or in front of all keys; what
 //     takes a key or stanza out of the map moves its cursors first.
@@ -46,17 +45,15 @@
 #include "ZLCString.h"
 #include "ZList.h"
 #include "zpindex.h"
+#include "zplines.h"
 #include "zptext.h"
 
 class ZPStore : public ZAllocated {
 public:
     typedef ZPId Id;
     static constexpr Id none = kNoId;
-    static constexpr Id many = 0xFFFFFFFEu;      // Key::line: more than one, to be looked for
     static constexpr Id detached = 0xFFFFFFFEu;  // Key::next: not in the map
-    static constexpr Id stale = 0xFFFFFFFDu;     // a sample's line: to be looked for
 
-    enum LineType : uint32_t { lineComment = 0, lineBlank = 1, lineKey = 2 };
     enum Kind { plain = 0, hidden = 1 };
 
     /// What few keys have.
@@ -93,16 +90,6 @@ public:
         mutable ZLCString* nameObject;  // likewise
     };
 
-    struct Line {
-        Id next, prev;
-        uint32_t ref;   // key line: the key's id; comment: offset of its text; blank: its paragraph
-        uint32_t meta;  // LineType in the low 2 bits, length of a comment's text above
-        LineType type() const { return static_cast<LineType>(meta & 3); }
-        uint32_t length() const { return meta >> 2; }
-    };
-
-    struct Samples;
-
     /// A walk's place in the keys of a stanza that stays right whatever is removed meanwhile. Made,
     /// used and destroyed under the owner's lock.
     class Cursor : public ZAllocated {
@@ -131,17 +118,6 @@ public:
         Id stanza_;
         Id key_;  // the key, or the one in front of it once it has gone
         bool isOnKey_;
-    };
-
-    struct Group {
-        Id stanza;  // none in group 0
-        Id first, last;
-        Id next, prev;
-        Id nextSame;
-        Id lastKey;  // no key line stands behind this line: the last one, or later, or none
-        uint32_t comments, blanks;
-        bool knowsSamples;  // the comments that read like entries; not before a key is added
-        Samples* samples;   // their index; null while there are none
     };
 
     /// The values of one kind of a key: a list that was handed out, or slices of the text.
@@ -176,12 +152,12 @@ public:
     /// Calls visit(id) for each stanza in the map: those with a header in file order, then others.
     template <typename Visit>
     void forEachStanza(Visit visit) const {
-        for (Id g = groups_[0].next; g != none; g = groups_[g].next) {
-            const Id s = groups_[g].stanza;
+        for (Id g = group(0).next; g != none; g = group(g).next) {
+            const Id s = group(g).stanza;
             if (stanzas_[s].inMap && stanzas_[s].group == g)
                 visit(s);
         }
-        for (Id s = 0; s < stanzas_.size(); ++s)
+        for (Id s = 0; s < stanzas_.end(); ++s)
             if (stanzas_[s].inUse && stanzas_[s].inMap && stanzas_[s].group == none)
                 visit(s);
     }
@@ -235,7 +211,7 @@ public:
     Id nextItem(Id key) const { return keys_[key].extra->itemNext; }
     uint32_t itemCount() const { return itemCount_; }
 
-    // --- Lines (zpstorelines.cpp) ---
+    // --- Lines ---
 
     /// A blank line, then the stanza's header line, at the end.
     void addHeader(Id stanza);
@@ -253,8 +229,8 @@ public:
     bool hasLine(Id key) const { return keys_[key].line != none; }
 
     Id firstGroup() const { return 0; }
-    const Group& group(Id id) const { return groups_[id]; }
-    const Line& line(Id id) const { return lines_[id]; }
+    const ZPGroup& group(Id id) const { return lines_.group(id); }
+    const ZPLine& line(Id id) const { return lines_.line(id); }
     const Key& key(Id id) const { return keys_[id]; }
     const Stanza& stanza(Id id) const { return stanzas_[id]; }
     const ZPText& text() const { return text_; }
@@ -281,10 +257,9 @@ public:
     Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
         if (keyIndex_.isFull() || keys_.isFull() || lines_.isFull()) {
             makeRoomForKey();
-            reserveLines(1);
+            lines_.reserve(1);
         }
-        Group& owner = groups_[group];
-        const Id stanzaId = owner.stanza;
+        const Id stanzaId = lines_.group(group).stanza;
         const char* bytes = text(name);
         size_t slot;
         const Id found = keyIndex_.findOrPlace(hash, slot, [&](Id candidate, uint32_t) {
@@ -293,33 +268,27 @@ public:
                    memcmp(text(key.name), bytes, name.length) == 0;
         });
         Stanza& stanza = stanzas_[stanzaId];
-        if (found != none || freeKeys_ != none || freeLines_ != none || stanza.keyList != nullptr)
+        if (found != none || stanza.keyList != nullptr)
             return readEntrySlowly(group, name, value, hash, found, isNew);
         // The usual case, all in one: a new key at the end of its stanza and group.
-        const Id id = static_cast<Id>(keys_.size());
-        const Id line = static_cast<Id>(lines_.size());
+        const Id id = keys_.take({name, value, stanzaId, none, none, stanza.last, nullptr});
         keyIndex_.insertAt(slot, hash, id, name.offset);
-        const Key key = {name, value, stanzaId, line, none, stanza.last, nullptr};
-        keys_.push(key);
         *(stanza.last == none ? &stanza.first : &keys_[stanza.last].next) = id;
         stanza.last = id;
         ++stanza.count;
-        const Line keyLine = {none, owner.last, id, lineKey};
-        lines_.push(keyLine);
-        *(owner.last == none ? &owner.first : &lines_[owner.last].next) = line;
-        owner.last = owner.lastKey = line;
+        keys_[id].line = lines_.appendKey(group, id);
         isNew = true;
         return id;
     }
-    void readComment(Id group, ZPSlice text) {
-        appendLine(group, lineComment, text.offset, text.length);
+    void readComment(Id group, ZPSlice comment) {
+        lines_.reserve(1);
+        lines_.appendComment(group, comment, text_);
     }
-    void readBlank(Id group) { appendLine(group, lineBlank, 0, 0); }
-    void appendLine(Id group, LineType type, uint32_t ref, uint32_t length) {
-        reserveLines(1);
-        appendReservedLine(group, type, ref, length);
+    void readBlank(Id group) {
+        lines_.reserve(1);
+        lines_.appendBlank(group, text_);
     }
-    Id lastGroup() const { return groups_[0].prev; }
+    Id lastGroup() const { return lines_.lastGroup(); }
     uint32_t keyHash(Id stanza, const char* key, size_t length) const {
         return zhashOfBoth(stanzas_[stanza].hash, zhashOf({key, length}));
     }
@@ -343,22 +312,12 @@ private:
                (length <= sizeof stanza.head ? memcmp(stanza.head, name, length) == 0
                                              : memcmp(text(stanza.name), name, length) == 0);
     }
+    bool isNamed(const Key& key, ZSpan name) const {
+        return key.name.length == name.size && memcmp(text(key.name), name.data, name.size) == 0;
+    }
     uint32_t hashOf(Id key) const;
     Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before
     Id newKey(Id stanza, ZPSlice name, uint32_t hash);
-    /// A record for a detached key that the index doesn't know yet.
-    Id takeKey(Id stanza, ZPSlice name) {
-        const Key fresh = {name, {0, 0}, stanza, none, detached, none, nullptr};
-        Id id = freeKeys_;
-        if (id == none) {
-            id = static_cast<Id>(keys_.size());
-            keys_.push(fresh);
-        } else {
-            freeKeys_ = keys_[id].line;
-            keys_[id] = fresh;
-        }
-        return id;
-    }
     void attach(Id key);
     void makeRoomForKey();
     void freeKeyIfUnneeded(Id key);
@@ -374,63 +333,22 @@ private:
     }
     void endCursors(Id stanza);  // those of the stanza, or all if it is none
 
-    Id newLine(LineType type, uint32_t ref, uint32_t length);  // needs room made before
-    Id newGroup(Id stanza);
+    Id addGroup(Id stanza);
     Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
-    /// In front of `before` in the group, at its end if that is none.
-    void insertLine(Id group, Id before, Id line);
-    /// At the end of the group; needs room made before.
-    Id appendReservedLine(Id group, LineType type, uint32_t ref, uint32_t length) {
-        const Id id = freeLines_ == none ? static_cast<Id>(lines_.size()) : takeFreeLine();
-        Group& owner = groups_[group];
-        const Line fresh = {none, owner.last, ref, length << 2 | type};
-        if (id == lines_.size())
-            lines_.push(fresh);
-        else
-            lines_[id] = fresh;
-        if (owner.last != none)
-            lines_[owner.last].next = id;
-        else
-            owner.first = id;
-        owner.last = id;
-        if (type == lineKey)
-            owner.lastKey = id;
-        else
-            noteOtherLine(owner, id);
-        return id;
-    }
-    Id takeFreeLine();
-    void noteOtherLine(Group& group, Id line);
-    void unlinkLine(Id group, Id line);
-    void reserveLines(size_t more) {
-        if (freeLineCount_ < more)
-            lines_.reserveMore(more - freeLineCount_);
-    }
-    Id insertComment(Id group, Id before, ZPSlice text);
-    Id lastKeyLine(Id group);
-    Id findParagraphEnd(Id group, Id key);
-    bool nameTheSame(Id comment, Id other) const;
-    void addSample(Group& group, Id line);
-    void findSamples(Group& group);
-    void forgetSamples(Group& group);
-    uint32_t paragraphOf(const Group& group, Id comment) const;
-    void splitParagraph(Group& group, Id blank);
-    void moveSamples(Samples& samples, Id from, Id to, uint32_t paragraph);
     /// The key has got one more line.
-    void noteLine(Id key, Id line) { keys_[key].line = keys_[key].line == none ? line : many; }
-    void countLines(Id key);
+    void noteLine(Id key, Id line) {
+        keys_[key].line = keys_[key].line == none ? line : kSeveralIds;
+    }
+    void countLines(Id key) {
+        keys_[key].line = lines_.lineOfKey(stanzas_[keys_[key].stanza].group, key);
+    }
     bool isFree(Id key) const { return keys_[key].stanza == none; }
-    bool isCommentWeWant(const ZPSlice& key, Id line) const;
 
     int readError_ = 0;
     ZPText text_;
-    ZPBlock<Key> keys_;
-    ZPBlock<Stanza> stanzas_;
-    ZPBlock<Line> lines_;
-    ZPBlock<Group> groups_;
-    // Records that are free again, chained by Key::line, Stanza::first, Line::next, Group::next.
-    Id freeKeys_, freeStanzas_, freeLines_, freeGroups_;
-    uint32_t freeLineCount_;
+    ZPPool<Key, &Key::line> keys_;
+    ZPPool<Stanza, &Stanza::first> stanzas_;
+    ZPLines lines_;
     ZPIndex keyIndex_;
     ZPIndex stanzaIndex_;
     uint32_t stanzasInMap_;

@@ -1,0 +1,269 @@
+#include "zplines.h"
+
+#include "zpholds.h"
+
+// ---------------------------------------------------------------- groups
+
+ZPLines::ZPLines() {
+    groups_.reserveMore(1);
+    const ZPId id = groups_.take(ZPGroup(kNoId));
+    groups_[id].prev = id;
+}
+
+ZPId ZPLines::addGroup(ZPId stanza, ZPId firstOfStanza) {
+    const ZPId last = lastGroup();
+    const ZPId id = groups_.take(ZPGroup(stanza));
+    groups_[id].prev = last;
+    groups_[last].next = id;
+    groups_[0].prev = id;
+    if (firstOfStanza == kNoId)
+        return id;
+    while (groups_[firstOfStanza].nextOfStanza != kNoId)
+        firstOfStanza = groups_[firstOfStanza].nextOfStanza;
+    groups_[firstOfStanza].nextOfStanza = id;
+    return id;
+}
+
+void ZPLines::removeGroup(ZPId id) {
+    zassert(id != 0);
+    ZPGroup& group = groups_[id];
+    groups_[group.prev].next = group.next;
+    groups_[group.next == kNoId ? 0 : group.next].prev = group.prev;
+    for (ZPId l = group.first; l != kNoId;) {
+        const ZPId next = lines_[l].next;
+        lines_.giveBack(l);
+        l = next;
+    }
+    group = ZPGroup(kNoId);
+    groups_.giveBack(id);
+}
+
+// ---------------------------------------------------------------- lines
+
+// In front of `before` in the group, at its end if that is none.
+void ZPLines::insert(ZPId groupId, ZPId before, ZPId id) {
+    ZPGroup& group = groups_[groupId];
+    ZPLine& line = lines_[id];
+    line.next = before;
+    line.prev = before == kNoId ? group.last : lines_[before].prev;
+    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = id;
+    *(before == kNoId ? &group.last : &lines_[before].prev) = id;
+}
+
+void ZPLines::insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text) {
+    const ZPId id = lines_.take(commentLine(comment));
+    insert(group, before, id);
+    noteOther(groups_[group], id, text);
+}
+
+void ZPLines::insertBlank(ZPId group, ZPId before, const ZPText& text) {
+    const ZPId id = lines_.take({kNoId, kNoId, 0, ZPLine::blank});
+    insert(group, before, id);
+    noteOther(groups_[group], id, text);
+}
+
+// Only key lines go alone: the samples' index knows of no other loss.
+void ZPLines::unlink(ZPId groupId, ZPId id) {
+    ZPGroup& group = groups_[groupId];
+    ZPLine& line = lines_[id];
+    zassert(line.isKey());
+    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = line.next;
+    *(line.next == kNoId ? &group.last : &lines_[line.next].prev) = line.prev;
+    if (group.keysEnd == id)
+        group.keysEnd = line.prev;
+    lines_.giveBack(id);
+}
+
+void ZPLines::removeKeys(ZPId group, ZPId key) {
+    for (ZPId l = groups_[group].first; l != kNoId;) {
+        const ZPId next = lines_[l].next;
+        if (lines_[l].isKey() && lines_[l].ref == key)
+            unlink(group, l);
+        l = next;
+    }
+}
+
+ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
+    ZPId found = kNoId;
+    for (ZPId g = firstOfStanza; g != kNoId; g = groups_[g].nextOfStanza)
+        for (ZPId l = groups_[g].first; l != kNoId; l = lines_[l].next)
+            if (lines_[l].isKey() && lines_[l].ref == key)
+                found = found == kNoId ? l : kSeveralIds;
+    return found;
+}
+
+// The last key line, or none; keysEnd is that then.
+ZPId ZPLines::lastKey(ZPId groupId) {
+    ZPGroup& group = groups_[groupId];
+    ZPId l = group.keysEnd;
+    for (; l != kNoId && !lines_[l].isKey(); l = lines_[l].prev)
+        if (group.samples != nullptr && lines_[l].isBlank())
+            group.samples->setTail(lines_[l], true);
+    return group.keysEnd = l;
+}
+
+// ---------------------------------------------------------------- where a new key goes
+
+// The group has got one more comment or blank line. Without memory the index goes, and is made anew
+// when it is needed.
+void ZPLines::noteForSamples(ZPGroup& group, ZPId id, const ZPText& text) {
+    if (group.samples == nullptr) {
+        // Nothing is known of paragraphs yet.
+        group.knowsSamples =
+            !lines_[id].isComment() || !ZPSamples::isSample(text.span(lines_[id].slice()));
+        return;
+    }
+    try {
+        if (lines_[id].isComment())
+            group.samples->addComment(lines_, text, id);
+        else
+            group.samples->addBlank(lines_, text, group.first, id);
+    } catch (ZOutOfMemoryException&) {
+        group.samples.reset();
+        group.knowsSamples = false;
+    }
+}
+
+void ZPLines::indexSamples(ZPGroup& group, const ZPText& text) {
+    if (group.knowsSamples)
+        return;
+    // Most groups have none, and then no index.
+    ZPId l = group.first;
+    while (l != kNoId &&
+           !(lines_[l].isComment() && ZPSamples::isSample(text.span(lines_[l].slice()))))
+        l = lines_[l].next;
+    if (l != kNoId)
+        group.samples.reset(new ZPSamples(lines_, text, group.last));
+    group.knowsSamples = true;
+}
+
+// The blank line that closes the paragraph of the first sample of this key; none if there is no
+// sample, or nothing closes it.
+ZPId ZPLines::findParagraphEnd(ZPGroup& group, ZSpan key, const ZPText& text) {
+    if (group.comments == 0 || group.blanks == 0)
+        return kNoId;
+    indexSamples(group, text);
+    if (group.samples != nullptr && group.samples->isStaleFor(key)) {
+        group.samples.reset();
+        group.knowsSamples = false;
+        indexSamples(group, text);
+    }
+    ZPId closing = kNoId;
+    if (group.samples == nullptr || group.samples->findParagraphEnd(lines_, text, key, closing))
+        return closing;
+    ZPId l = group.first;
+    while (l != kNoId &&
+           !(lines_[l].isComment() && ZPSamples::isSampleOf(key, text.span(lines_[l].slice()))))
+        l = lines_[l].next;
+    while (l != kNoId && !lines_[l].isBlank())
+        l = lines_[l].next;
+    return l;
+}
+
+ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
+    reserve(1);
+    ZPGroup& group = groups_[groupId];
+    const ZPId closing = findParagraphEnd(group, name, text);
+    const ZPId last = lastKey(groupId);
+    const ZPId behindLast = last == kNoId ? group.first : lines_[last].next;
+    const ZPId line = lines_.take({kNoId, kNoId, key, ZPLine::key});
+    insert(groupId, closing == kNoId ? behindLast : closing, line);
+    if (closing == kNoId) {
+        group.keysEnd = line;
+    } else if (group.samples->isTail(lines_[closing])) {
+        // Each blank line loses its mark once, however many keys come.
+        for (ZPId l = last == kNoId ? group.first : lines_[last].next; l != line;
+             l = lines_[l].next)
+            if (lines_[l].isBlank())
+                group.samples->setTail(lines_[l], false);
+        group.keysEnd = line;
+    }
+    return line;
+}
+
+// ---------------------------------------------------------------- comments
+
+static void requireCommentLength(size_t length) {
+    if (length >= ZPLine::kMaxLength)
+        zraise(ZOutOfMemoryException());
+}
+
+void ZPLines::addFileComment(ZSpan comment, ZPText& text) {
+    requireCommentLength(comment.size);
+    reserve(2);
+    const ZPSlice slice = text.append(comment);
+    const ZPId first = groups_[0].first;
+    ZPId l = first;
+    while (l != kNoId && !lines_[l].isBlank())
+        l = lines_[l].next;
+    if (l != kNoId) {
+        insertComment(0, l, slice, text);
+        return;
+    }
+    insertComment(0, first, slice, text);
+    insertBlank(0, first, text);
+}
+
+void ZPLines::addStanzaComment(ZPId group, ZSpan comment, ZPText& text) {
+    requireCommentLength(comment.size);
+    reserve(2);
+    const ZPSlice slice = text.append(comment);
+    ZPId l = groups_[group].first;
+    while (l != kNoId && lines_[l].isComment())
+        l = lines_[l].next;
+    insertComment(group, l, slice, text);
+    if (l == kNoId || !lines_[l].isBlank())
+        insertBlank(group, l, text);
+}
+
+void ZPLines::addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
+    requireCommentLength(comment.size);
+    reserve(2);
+    const ZPSlice slice = text.append(comment);
+    const ZPId before = lines_[line].prev;
+    if (before == kNoId || lines_[before].isKey())
+        insertBlank(group, line, text);
+    insertComment(group, line, slice, text);
+}
+
+// ---------------------------------------------------------------- invariants
+
+void ZPLines::checkInvariants(const ZPText& text) const {
+    ZPId lastGroupSeen = 0;
+    size_t linesSeen = 0;
+    for (ZPId g = 0; g != kNoId; g = groups_[g].next) {
+        const ZPGroup& group = groups_[g];
+        ZPHOLDS(g == 0 || group.prev == lastGroupSeen);
+        ZPHOLDS((group.stanza == kNoId) == (g == 0));
+        ZPHOLDS(group.nextOfStanza == kNoId || groups_[group.nextOfStanza].stanza == group.stanza);
+        lastGroupSeen = g;
+        ZPId previous = kNoId, lastKeySeen = kNoId;
+        bool isBehindKeys = group.keysEnd == kNoId, hasSamples = false;
+        uint32_t comments = 0, blanks = 0;
+        for (ZPId l = group.first; l != kNoId; l = lines_[l].next) {
+            const ZPLine& line = lines_[l];
+            ZPHOLDS(line.prev == previous);
+            previous = l;
+            ++linesSeen;
+            comments += line.isComment();
+            blanks += line.isBlank();
+            hasSamples =
+                hasSamples || (line.isComment() && ZPSamples::isSample(text.span(line.slice())));
+            if (line.isKey()) {
+                ZPHOLDS(!isBehindKeys);
+                lastKeySeen = l;
+            }
+            isBehindKeys = isBehindKeys || group.keysEnd == l;
+        }
+        ZPHOLDS(group.last == previous);
+        ZPHOLDS(isBehindKeys);
+        ZPHOLDS(group.comments == comments && group.blanks == blanks);
+        ZPHOLDS(group.samples == nullptr || group.knowsSamples);
+        ZPHOLDS(!group.knowsSamples || hasSamples == (group.samples != nullptr));
+        if (group.samples != nullptr)
+            group.samples->checkInvariants(lines_, text, group.first, group.last, group.keysEnd,
+                                           lastKeySeen);
+    }
+    ZPHOLDS(groups_[0].prev == lastGroupSeen);
+    ZPHOLDS(linesSeen + lines_.freeCount() == lines_.end());
+}

@@ -1,0 +1,149 @@
+// zplines.h: the lines that a model keeps of its file, so that a store writes back what was read
+// with new entries where a reader of the file expects them. Never installed.
+//
+// Lines are chained within their group. A group is a header line with all lines up to the next
+// header; group 0 holds what stands before the first. A key line says which key's values belong
+// there, not what they are. A new key goes behind the last key line of its stanza, unless a comment
+// of the stanza reads like an entry for it: then to the end of that paragraph (zpsamples.h).
+//
+// Stanzas and keys are numbers here, which their owner gives and understands. It also keeps the
+// text, in which the comments are slices, and passes it with each call that reads or adds some.
+//
+// Invariants, checked by checkInvariants():
+// (1) Group 0 is always there, the first of the chain of groups; its `prev` is the chain's last.
+//     The lines of a group are chained both ways from `first` to `last`.
+// (2) Each line is in one group or given back.
+// (3) The groups of one stanza are chained by `nextOfStanza` in file order; the owner knows the
+//     first of them.
+// (4) No key line stands behind ZPGroup::keysEnd, which is the last key line or stands behind it,
+//     or none where there is no key line.
+// (5) `comments` and `blanks` count the group's lines of these types.
+// (6) A group that knows its samples and has no index of them has none. One with an index has some,
+//     and then what zpsamples.h says holds.
+#ifndef Z_ZPLINES_H
+#define Z_ZPLINES_H
+
+#include <memory>
+
+#include "zpline.h"
+#include "zpsamples.h"
+
+struct ZPGroup {
+    ZPId stanza;  // none in group 0
+    ZPId first = kNoId, last = kNoId;
+    ZPId next = kNoId, prev = kNoId;
+    ZPId nextOfStanza = kNoId;
+    ZPId keysEnd = kNoId;
+    uint32_t comments = 0, blanks = 0;
+    bool knowsSamples = false;           // not before a key is added
+    std::unique_ptr<ZPSamples> samples;  // their index; null while there are none
+
+    explicit ZPGroup(ZPId owner) : stanza(owner) {}
+};
+
+/// Failure: ZOutOfMemoryException, before anything has changed. Where a call needs room, reserve
+/// and reserveGroup make it.
+class ZPLines {
+public:
+    ZPLines();
+
+    const ZPLine& line(ZPId id) const { return lines_[id]; }
+    const ZPGroup& group(ZPId id) const { return groups_[id]; }
+    ZPId lastGroup() const { return groups_[0].prev; }
+
+    // --- Groups ---
+
+    void reserveGroup() { groups_.reserveMore(1); }
+    /// A group at the end, and in the chain of the stanza's groups, of which `firstOfStanza` is the
+    /// first, or none. Returns it. Needs room.
+    ZPId addGroup(ZPId stanza, ZPId firstOfStanza);
+    /// Takes the group with its lines away; the stanza's chain is the owner's to shorten.
+    void removeGroup(ZPId group);
+
+    // --- Lines ---
+
+    void reserve(size_t lines) { lines_.reserveMore(lines); }
+    bool isFull() const { return lines_.isFull(); }
+    /// At the end of the group. These need room.
+    ZPId appendKey(ZPId group, ZPId key) {
+        const ZPId id = append(group, {kNoId, kNoId, key, ZPLine::key});
+        groups_[group].keysEnd = id;
+        return id;
+    }
+    void appendComment(ZPId group, ZPSlice comment, const ZPText& text) {
+        noteOther(groups_[group], append(group, commentLine(comment)), text);
+    }
+    void appendBlank(ZPId group, const ZPText& text) {
+        noteOther(groups_[group], append(group, {kNoId, kNoId, 0, ZPLine::blank}), text);
+    }
+
+    /// A line for a key of this name where a reader of the file expects it. Makes room itself.
+    ZPId placeKey(ZPId group, ZPId key, ZSpan name, const ZPText& text);
+    /// Removes a key line.
+    void removeKey(ZPId group, ZPId line) { unlink(group, line); }
+    /// Removes all of the group's lines of this key.
+    void removeKeys(ZPId group, ZPId key);
+    /// The key's line among all lines of its stanza, which begin with this group; none; or
+    /// `kSeveralIds`.
+    ZPId lineOfKey(ZPId firstOfStanza, ZPId key) const;
+
+    /// Calls visit(line) for each line of the group, first to last.
+    template <typename Visit>
+    void forEach(ZPId group, Visit visit) const {
+        for (ZPId l = groups_[group].first; l != kNoId; l = lines_[l].next)
+            visit(lines_[l]);
+    }
+
+    // --- Comments, appended to the text ---
+
+    /// To the end of the file's first paragraph, or in front of all, closed by a blank line.
+    void addFileComment(ZSpan comment, ZPText& text);
+    /// Behind the comments that follow the group's header, closed by a blank line.
+    void addStanzaComment(ZPId group, ZSpan comment, ZPText& text);
+    /// Directly in front of the line, and behind a blank line if a key line or the header stands
+    /// there.
+    void addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text);
+
+    /// Calls move(slice) for the text of this comment, which takes it to its place in a new text.
+    template <typename Move>
+    void moveComment(ZPId line, Move move) {
+        ZPSlice slice = lines_[line].slice();
+        move(slice);
+        lines_[line].ref = slice.offset;
+    }
+
+    /// Ends the process unless the invariants hold.
+    void checkInvariants(const ZPText& text) const;
+
+private:
+    static ZPLine commentLine(ZPSlice comment) {
+        return {kNoId, kNoId, comment.offset, comment.length << 2 | ZPLine::comment};
+    }
+    ZPId append(ZPId group, ZPLine line) {
+        ZPGroup& owner = groups_[group];
+        line.prev = owner.last;
+        const ZPId id = lines_.take(std::move(line));
+        *(owner.last == kNoId ? &owner.first : &lines_[owner.last].next) = id;
+        owner.last = id;
+        return id;
+    }
+    void insert(ZPId group, ZPId before, ZPId line);
+    void insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text);
+    void insertBlank(ZPId group, ZPId before, const ZPText& text);
+    void unlink(ZPId group, ZPId line);
+    ZPId lastKey(ZPId group);
+
+    void noteOther(ZPGroup& group, ZPId line, const ZPText& text) {
+        ++(lines_[line].isComment() ? group.comments : group.blanks);
+        if (group.knowsSamples)
+            noteForSamples(group, line, text);
+    }
+    void noteForSamples(ZPGroup& group, ZPId line, const ZPText& text);
+    void indexSamples(ZPGroup& group, const ZPText& text);
+    ZPId findParagraphEnd(ZPGroup& group, ZSpan key, const ZPText& text);
+
+    ZPLinePool lines_;
+    ZPPool<ZPGroup, &ZPGroup::next> groups_;
+};
+
+#endif
