@@ -173,7 +173,7 @@ int ZPCategoryBasedCache::countValues(const char* category, const char* key) con
     const Id id = findKey(store(), category, key);
     if (id == ZPStore::none)
         return 0;
-    return static_cast<int>(store().values(id, store().anyKind(id)).count);
+    return static_cast<int>(store().values(id, store().anyKind(id)).count());
 }
 
 int ZPCategoryBasedCache::isObfuscated(const char* category, const char* key) const {
@@ -183,44 +183,25 @@ int ZPCategoryBasedCache::isObfuscated(const char* category, const char* key) co
     return id != ZPStore::none && store().anyKind(id) == ZPStore::hidden;
 }
 
-// The text of value `i`, whichever way the values are held.
-static const char* valueText(const ZPStore& store, const ZPStore::Values& values, uint32_t i,
-                             unsigned int& length) {
-    if (values.list == nullptr) {
-        length = values.slices[i].length;
-        return store.text(values.slices[i]);
-    }
-    const ZAbstractString* string = static_cast<const ZAbstractString*>(values.list->get(i));
-    length = string == nullptr ? 0 : string->getLength();
-    return string == nullptr ? "" : string->getChars();
-}
-
 int ZPCategoryBasedCache::lastValue(const char* category, const char* key, const char*& text,
                                     unsigned int& length) const {
     const Id id = findKey(store(), category, key);
     if (id == ZPStore::none)
         return 0;
-    const ZPStore::Values values = store().values(id, store().anyKind(id));
-    if (values.count == 0)
+    const ZPValueView values = store().values(id, store().anyKind(id));
+    if (values.count() == 0)
         return 0;
-    text = valueText(store(), values, values.count - 1, length);
+    const ZSpan last = values[values.count() - 1];
+    text = last.data == nullptr ? "" : last.data;
+    length = static_cast<unsigned int>(last.size);
     return 1;
 }
 
 void ZPCategoryBasedCache::copyValues(const char* category, const char* key,
                                       ZArrayList& list) const {
     const Id id = findKey(store(), category, key);
-    if (id == ZPStore::none)
-        return;
-    const ZPStore::Values values = store().values(id, store().anyKind(id));
-    if (values.list != nullptr) {
-        list.addList(*values.list);
-        return;
-    }
-    for (uint32_t i = 0; i < values.count; ++i) {
-        const ZLCString value(store().text(values.slices[i]), values.slices[i].length);
-        list.add(&value);
-    }
+    if (id != ZPStore::none)
+        store().values(id, store().anyKind(id)).copyTo(list);
 }
 
 void ZPCategoryBasedCache::getNames(ZArrayList& list) const { ZPCache::getNames(list); }
@@ -262,13 +243,11 @@ void ZPCategoryBasedCache::list(FILE* stream) const {
         print(stream, {{"\n[", 2}, bytes(model.stanza(s).name), {"]\n", 2}});
         for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.key(k).next) {
             const ZPSlice& key = model.key(k).name;
-            const ZPStore::Values values = model.values(k, ZPStore::plain);
-            for (uint32_t i = 0; i < values.count; ++i) {
-                unsigned int length = 0;
-                const char* text = valueText(model, values, i, length);
-                print(stream, {bytes(key), {" = ", 3}, {text, length}, {"\n", 1}});
-            }
-            if (values.count == 0)
+            const ZPValueView values = model.values(k, ZPStore::plain);
+            for (uint32_t i = 0; i < values.count(); ++i)
+                print(stream,
+                      {bytes(key), {" = ", 3}, {values[i].data, values[i].size}, {"\n", 1}});
+            if (values.count() == 0)
                 print(stream, {bytes(key), {" =\n", 3}});
         }
     });
@@ -286,7 +265,7 @@ void ZPCategoryBasedCache::add(const char* category, const char* key, const char
     if (text.length == 0)
         return;
     const ZPStore::Kind kind = obfuscated != 0 ? ZPStore::hidden : ZPStore::plain;
-    const bool first = store().values(id, kind).count == 0;
+    const bool first = store().values(id, kind).count() == 0;
     store().appendValue(id, kind, text.chars, text.length);
     if (kind == ZPStore::hidden && first)
         store().appendItem(id);

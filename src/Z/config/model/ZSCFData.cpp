@@ -355,29 +355,25 @@ private:
 
     void entry(Id id) {
         const ZPSlice& name = store_.key(id).name;
-        const ZPStore::Values values = store_.values(id, ZPStore::plain);
-        if (values.count == 1 && values.list == nullptr) {
-            const ZPSlice& value = values.slices[0];
+        const ZPValueView values = store_.values(id, ZPStore::plain);
+        if (const ZPSlice* value = values.onlySlice()) {
             const uint32_t nameEnd = name.offset + name.length;
-            const uint32_t valueEnd = value.offset + value.length;
-            if (value.offset == nameEnd + 3 && at(nameEnd, " = ", 3) && at(valueEnd, "\n", 1)) {
+            const uint32_t valueEnd = value->offset + value->length;
+            if (value->offset == nameEnd + 3 && at(nameEnd, " = ", 3) && at(valueEnd, "\n", 1)) {
                 run(name.offset, valueEnd + 1);
                 return;
             }
         }
-        for (uint32_t i = 0; i < values.count; ++i) {
+        for (uint32_t i = 0; i < values.count(); ++i) {
+            const ZSpan value = values[i];
             put(store_.text(name), name.length);
             put(" = ", 3);
-            if (values.list == nullptr) {
-                put(store_.text(values.slices[i]), values.slices[i].length);
-            } else if (const ZObject* member = values.list->get(i)) {
-                const ZAbstractString* text = static_cast<const ZAbstractString*>(member);
-                put(text->getChars(), text->getLength());
-            }
+            if (value.size != 0)
+                put(value.data, value.size);
             put("\n", 1);
         }
         // A key whose values are hidden has no text line.
-        if (values.count == 0 && store_.values(id, ZPStore::hidden).count == 0) {
+        if (values.count() == 0 && store_.values(id, ZPStore::hidden).count() == 0) {
             put(store_.text(name), name.length);
             put(" =\n", 3);
         }
@@ -531,17 +527,13 @@ void ZSCFData::be_write_obfuscated(ZBuffer& buffer) {
     const ZPStore& model = store();
     Records records;
     for (Id k = model.firstItem(); k != ZPStore::none; k = model.nextItem(k)) {
-        const ZPStore::Values values = model.values(k, ZPStore::hidden);
+        const ZPValueView values = model.values(k, ZPStore::hidden);
         const ZPSlice& stanza = model.stanza(model.key(k).stanza).name;
         const ZPSlice& key = model.key(k).name;
-        for (uint32_t i = 0; i < values.count; ++i) {
-            if (values.list == nullptr) {
-                records.add(model, stanza, key, model.text(values.slices[i]),
-                            values.slices[i].length);
-            } else if (const ZObject* member = values.list->get(i)) {
-                const ZAbstractString* text = static_cast<const ZAbstractString*>(member);
-                records.add(model, stanza, key, text->getChars(), text->getLength());
-            }
+        for (uint32_t i = 0; i < values.count(); ++i) {
+            const ZSpan value = values[i];
+            if (value.data != nullptr)
+                records.add(model, stanza, key, value.data, value.size);
         }
     }
     if (records.size() == 0)

@@ -12,18 +12,14 @@ static void requireLength(size_t length) {
         zraise(ZOutOfMemoryException());
 }
 
-static void addString(ZArrayList& list, const char* bytes, uint32_t length) {
-    std::unique_ptr<ZLCString> string(new ZLCString(bytes, length));
+static void addString(ZArrayList& list, ZSpan text) {
+    std::unique_ptr<ZLCString> string(
+        new ZLCString(text.data, static_cast<unsigned int>(text.size)));
     list.addNoCopy(string.get());
     string.release();
 }
 
 // ---------------------------------------------------------------- life
-
-ZPStore::KeyExtra::~KeyExtra() {
-    delete lists[plain];
-    delete lists[hidden];
-}
 
 ZPStore::ZPStore()
     : stanzasInMap_(0),
@@ -83,17 +79,15 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
             const Key& from = other.keys_[k];
             const Id key = createKey(stanza, other.text(from.name), from.name.length);
             for (Kind kind : {plain, hidden}) {
-                const Values values = other.values(k, kind);
-                if (values.list != nullptr) {
-                    KeyExtra& extra = extraOf(key);
-                    if (kind == hidden)
-                        noteHidden();
-                    extra.lists[kind] = new ZArrayList(*values.list);
-                } else {
-                    for (uint32_t i = 0; i < values.count; ++i)
-                        appendValue(key, kind, other.text(values.slices[i]),
-                                    values.slices[i].length);
-                }
+                const ZPValueView values = other.values(k, kind);
+                if (values.count() == 0)
+                    continue;
+                if (kind == hidden)
+                    noteHidden();
+                if (kind == plain && values.onlySlice() != nullptr)
+                    keys_[key].value = text_.append(values[0]);
+                else
+                    extraOf(key).values[kind].copy(text_, ownValue(keys_[key], kind), values);
             }
         }
     });
@@ -104,10 +98,6 @@ ZPStore::~ZPStore() {
         delete keys_[i].extra;  // null in records that are free
     for (size_t i = 0; i < nameTexts_.size(); ++i)
         free(nameTexts_[i]);
-    stanzaIndex_.forEach([&](Id stanza) {
-        delete stanzas_[stanza].keyList;
-        delete stanzas_[stanza].nameObject;
-    });
 }
 
 template <typename T>
@@ -164,9 +154,8 @@ size_t ZPStore::textNeeded() const {
         const Key& key = keys_[k];
         needed += key.name.length + key.value.length + 4;
         if (key.extra != nullptr)
-            for (Kind kind : {plain, hidden})
-                for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
-                    needed += key.extra->values[kind][i].length;
+            for (ZPValues& values : key.extra->values)
+                values.forEachSlice([&](const ZPSlice& slice) { needed += slice.length; });
     });
     return needed;
 }
@@ -203,9 +192,8 @@ void ZPStore::moveText(ZPText& target) {
         }
         target.append({"\n", 1});
         if (key.extra != nullptr)
-            for (Kind kind : {plain, hidden})
-                for (size_t i = 0; i < key.extra->values[kind].size(); ++i)
-                    move(key.extra->values[kind][i]);
+            for (ZPValues& values : key.extra->values)
+                values.forEachSlice(move);
     };
     for (Id g = 0; g != none; g = group(g).next) {
         if (g != 0)
@@ -234,7 +222,7 @@ ZPStore::Id ZPStore::findStanza(const char* name, size_t length) const {
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
-    Stanza fresh = {name, {}, hash, none, none, 0, none, true, false, nullptr, nullptr};
+    Stanza fresh = {name, {}, hash, none, none, 0, none, true, false, {}, {}};
     memcpy(fresh.head, text(name),
            name.length < sizeof fresh.head ? name.length : sizeof fresh.head);
     const Id id = stanzas_.take(std::move(fresh));
@@ -262,10 +250,8 @@ void ZPStore::removeStanza(Id id) {
         return;
     endCursors(id);
     // The handed-out list goes first: it would be shortened key by key otherwise.
-    delete stanza.keyList;
-    stanza.keyList = nullptr;
-    delete stanza.nameObject;
-    stanza.nameObject = nullptr;
+    stanza.keyList.reset();
+    stanza.nameObject.reset();
     while (stanza.first != none)
         removeKey(stanza.first);
     stanza.inMap = false;
@@ -318,9 +304,8 @@ ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
 void ZPStore::attach(Id id) {
     Key& key = keys_[id];
     Stanza& stanza = stanzas_[key.stanza];
-    if (stanza.keyList != nullptr) {
-        addString(*stanza.keyList, text(key.name), key.name.length);
-    }
+    if (ZArrayList* list = stanza.keyList.get())
+        addString(*list, text_.span(key.name));
     key.next = none;
     key.prev = stanza.last;
     if (stanza.last != none)
@@ -358,13 +343,13 @@ ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
 void ZPStore::removeKey(Id id) {
     Key& key = keys_[id];
     Stanza& stanza = stanzas_[key.stanza];
-    if (stanza.keyList != nullptr) {
+    if (ZArrayList* list = stanza.keyList.get()) {
         const ZLCString name(text(key.name), key.name.length);
-        const unsigned int last = stanza.keyList->size() - 1;
-        if (stanza.last == id && name.equals(*stanza.keyList->get(last)))
-            stanza.keyList->remove(last);
+        const unsigned int last = list->size() - 1;
+        if (stanza.last == id && name.equals(*list->get(last)))
+            list->remove(last);
         else
-            stanza.keyList->remove(&name);
+            list->remove(&name);
     }
     for (Cursor* c = cursors_; c != nullptr; c = c->next_)
         if (c->key_ == id) {
@@ -411,36 +396,14 @@ ZPStore::KeyExtra& ZPStore::extraOf(Id id) {
     return *key.extra;
 }
 
-ZPStore::Values ZPStore::values(Id id, Kind kind) const {
-    const Key& key = keys_[id];
-    const KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
-    if (extra != nullptr) {
-        const ZArrayList* list = __atomic_load_n(&extra->lists[kind], __ATOMIC_ACQUIRE);
-        if (list != nullptr)
-            return {list, nullptr, list->size()};
-        const ZPBlock<ZPSlice>& slices = extra->values[kind];
-        if (slices.size() != 0)
-            return {nullptr, slices.data(), static_cast<uint32_t>(slices.size())};
-    }
-    if (kind == plain && key.value.length != 0)
-        return {nullptr, &key.value, 1};
-    return {nullptr, nullptr, 0};
-}
-
 void ZPStore::dropValues(Id id, Kind kind) {
     Key& key = keys_[id];
-    if (kind == plain) {
+    if (key.extra != nullptr) {
+        key.extra->values[kind].drop(text_, ownValue(key, kind));
+    } else if (kind == plain) {
         text_.drop(key.value);
         key.value.length = 0;
     }
-    if (key.extra == nullptr)
-        return;
-    ZPBlock<ZPSlice>& slices = key.extra->values[kind];
-    for (size_t i = 0; i < slices.size(); ++i)
-        text_.drop(slices[i]);
-    slices.setSize(0);
-    if (key.extra->lists[kind] != nullptr)
-        key.extra->lists[kind]->removeAll();
 }
 
 void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
@@ -450,120 +413,69 @@ void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
     if (kind == hidden)
         noteHidden();
     Key& key = keys_[id];
-    if (key.extra != nullptr && key.extra->lists[kind] != nullptr) {
-        addString(*key.extra->lists[kind], value, static_cast<uint32_t>(length));
-        return;
-    }
-    const bool several = kind == hidden || key.value.length != 0 ||
-                         (key.extra != nullptr && key.extra->values[plain].size() != 0);
-    if (!several) {
+    if (kind == plain && takesValue(key))
         key.value = text_.append({value, length});
-        return;
-    }
-    ZPBlock<ZPSlice>& slices = extraOf(id).values[kind];
-    slices.reserveMore(2);
-    const ZPSlice slice = text_.append({value, length});
-    if (kind == plain && key.value.length != 0) {
-        slices.push(key.value);
-        key.value.length = 0;
-    }
-    slices.push(slice);
+    else
+        extraOf(id).values[kind].append(text_, ownValue(key, kind), ZSpan{value, length});
 }
 
 void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) {
     requireLength(length);
     Key& key = keys_[id];
-    KeyExtra* extra = key.extra;
     // The usual case: one plain value takes the place of another and fits into its room.
-    const bool single =
-        extra == nullptr || (extra->lists[plain] == nullptr && extra->lists[hidden] == nullptr &&
-                             extra->values[plain].size() == 0 && extra->values[hidden].size() == 0);
-    if (single && kind == plain && length != 0 && key.value.length >= length) {
+    const bool isAlone = key.extra == nullptr || !(key.extra->values[plain].areHere() ||
+                                                   key.extra->values[hidden].areHere());
+    if (isAlone && kind == plain && length != 0 && key.value.length >= length) {
         text_.overwrite(key.value, {value, length});
         compactIfWorthwhile();
         return;
     }
     if (kind == hidden)
         noteHidden();
-    const Kind other = kind == plain ? hidden : plain;
-    ZArrayList* list = extra == nullptr ? nullptr : extra->lists[kind];
     if (length == 0) {
         dropValues(id, kind);
-        dropValues(id, other);
-    } else if (list != nullptr) {
-        // The value may be the text of a member that goes: it is copied before.
-        std::unique_ptr<ZLCString> string(new ZLCString(value, static_cast<unsigned int>(length)));
-        if (list->size() == 0) {
-            list->addNoCopy(string.get());
-            string.release();
-            dropValues(id, other);
-        } else {
-            dropValues(id, other);
-            dropValues(id, kind);
-            list->addNoCopy(string.release());  // the list has room: it held a member before
-        }
+    } else if (kind == hidden || key.extra != nullptr) {
+        extraOf(id).values[kind].replace(text_, ownValue(key, kind), {value, length});
     } else {
-        if (kind == hidden)
-            extraOf(id).values[hidden].reserveMore(1);
-        const ZPSlice slice = text_.append({value, length});
-        dropValues(id, other);
-        dropValues(id, kind);
-        if (kind == plain)
-            keys_[id].value = slice;
-        else
-            keys_[id].extra->values[hidden].push(slice);
+        const ZPSlice fresh = text_.append({value, length});
+        dropValues(id, plain);
+        key.value = fresh;
     }
+    // Last, for the value may be the text of one of these.
+    dropValues(id, kind == plain ? hidden : plain);
     compactIfWorthwhile();
 }
 
-// ---------------------------------------------------------------- lists that are handed out
-
-// Two readers may ask for one object at the same time: whoever comes second takes the first one's.
-template <typename T>
-static T* publish(T*& place, std::unique_ptr<T> fresh) {
-    T* current = nullptr;
-    if (__atomic_compare_exchange_n(&place, &current, fresh.get(), false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE))
-        return fresh.release();
-    return current;
-}
+// ---------------------------------------------------------------- what is handed out
 
 ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
     if (kind == hidden)
         noteHidden();
     const Key& key = keys_[id];
-    KeyExtra* extra = __atomic_load_n(&key.extra, __ATOMIC_ACQUIRE);
+    KeyExtra* extra = zloadMade(key.extra);
     if (extra == nullptr) {
-        extra = publish(key.extra, std::unique_ptr<KeyExtra>(new KeyExtra));
+        extra = zpublish(key.extra, std::unique_ptr<KeyExtra>(new KeyExtra));
         __atomic_store_n(&mayHaveExtras_, true, __ATOMIC_RELAXED);
     }
-    const Values source = values(id, kind);
-    if (source.list != nullptr)
-        return const_cast<ZArrayList*>(source.list);
-    std::unique_ptr<ZArrayList> fresh(new ZArrayList(source.count, 1));
-    for (uint32_t i = 0; i < source.count; ++i)
-        addString(*fresh, text(source.slices[i]), source.slices[i].length);
-    return publish(extra->lists[kind], std::move(fresh));
+    return extra->values[kind].list(text_, ownValue(key, kind));
 }
 
 ZArrayList* ZPStore::keyList(Id id) const {
     const Stanza& stanza = stanzas_[id];
-    ZArrayList* list = __atomic_load_n(&stanza.keyList, __ATOMIC_ACQUIRE);
-    if (list != nullptr)
+    if (ZArrayList* list = stanza.keyList.get())
         return list;
     std::unique_ptr<ZArrayList> fresh(new ZArrayList(stanza.count, 1));
     for (Id k = stanza.first; k != none; k = keys_[k].next)
-        addString(*fresh, text(keys_[k].name), keys_[k].name.length);
-    return publish(stanza.keyList, std::move(fresh));
+        addString(*fresh, text_.span(keys_[k].name));
+    return stanza.keyList.publish(std::move(fresh));
 }
 
 ZLCString* ZPStore::nameObject(Id id) const {
     const Stanza& stanza = stanzas_[id];
-    ZLCString* name = __atomic_load_n(&stanza.nameObject, __ATOMIC_ACQUIRE);
-    if (name != nullptr)
+    if (ZLCString* name = stanza.nameObject.get())
         return name;
-    return publish(stanza.nameObject, std::unique_ptr<ZLCString>(
-                                          new ZLCString(text(stanza.name), stanza.name.length)));
+    return stanza.nameObject.publish(
+        std::unique_ptr<ZLCString>(new ZLCString(text(stanza.name), stanza.name.length)));
 }
 
 const char* ZPStore::nameText(Id id) {
@@ -692,22 +604,10 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     if (value.length == 0)
         return id;
     Key& key = keys_[id];
-    if (key.extra == nullptr && key.value.length == 0) {
+    if (takesValue(key))
         key.value = value;
-        return id;
-    }
-    KeyExtra& extra = extraOf(id);
-    if (extra.lists[plain] != nullptr) {
-        appendValue(id, plain, text(value), value.length);
-        return id;
-    }
-    ZPBlock<ZPSlice>& slices = extra.values[plain];
-    slices.reserveMore(2);
-    if (key.value.length != 0) {
-        slices.push(key.value);
-        key.value.length = 0;
-    }
-    slices.push(value);
+    else
+        extraOf(id).values[plain].append(text_, &key.value, value);
     return id;
 }
 
@@ -825,9 +725,11 @@ void ZPStore::checkInvariants() const {
         const Key& key = keys_[id];
         used += key.name.length + key.value.length;
         if (key.extra != nullptr)
-            for (const ZPBlock<ZPSlice>& slices : key.extra->values)
-                for (size_t i = 0; i < slices.size(); ++i)
-                    used += slices[i].length;
+            for (Kind kind : {plain, hidden}) {
+                key.extra->values[kind].checkInvariants(ownValue(key, kind));
+                key.extra->values[kind].forEachSlice(
+                    [&](const ZPSlice& slice) { used += slice.length; });
+            }
         ZPHOLDS(stanzas_[key.stanza].inUse);
         const ZPSlice& stanza = stanzas_[key.stanza].name;
         ZPHOLDS(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
@@ -837,8 +739,6 @@ void ZPStore::checkInvariants() const {
         } else {
             ZPHOLDS(key.line != none && key.extra == nullptr && key.value.length == 0);
         }
-        if (key.extra != nullptr && key.extra->values[plain].size() != 0)
-            ZPHOLDS(key.value.length == 0);
     });
     ZPHOLDS(keysSeen == keyIndex_.count());
     size_t chained = 0;
@@ -857,7 +757,7 @@ void ZPStore::checkInvariants() const {
             ++count;
         }
         ZPHOLDS(stanza.last == previous && stanza.count == count);
-        ZPHOLDS(stanza.keyList == nullptr || stanza.keyList->size() == count);
+        ZPHOLDS(stanza.keyList.get() == nullptr || stanza.keyList.get()->size() == count);
         chained += count;
         for (Id g = stanza.group; g != none; g = group(g).nextOfStanza)
             ZPHOLDS(group(g).stanza == id);

@@ -22,9 +22,8 @@
 //     a detached key has no values, lists or item. The key chain of a stanza holds exactly its
 //     attached keys, in order of first insertion; `count` is its length.
 // (3) Key::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked for.
-// (4) Where a value list exists it is the truth for these values, and the record's own slices are
-//     dead; both value lists of a key and the key list of a stanza keep their identity until the
-//     key or stanza leaves the map.
+// (4) The lists of a key's values and of a stanza's keys that were handed out keep their identity
+//     until the key or stanza leaves the map.
 // (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
 //     is the first of its groups in file order, the others follow by ZPGroup::nextOfStanza.
 // (6) The item chain holds the keys that the side database follows, in its order.
@@ -47,6 +46,7 @@
 #include "zpindex.h"
 #include "zplines.h"
 #include "zptext.h"
+#include "zpvalues.h"
 
 class ZPStore : public ZAllocated {
 public:
@@ -58,14 +58,9 @@ public:
 
     /// What few keys have.
     struct KeyExtra : ZAllocated {
-        ZPBlock<ZPSlice> values[2];  // by Kind; plain ones only when there are several
-        ZArrayList* lists[2];        // by Kind; null until asked for
-        Id itemNext, itemPrev;       // in the item chain
-        bool isItem;
-        KeyExtra() : lists{nullptr, nullptr}, itemNext(none), itemPrev(none), isItem(false) {}
-        ~KeyExtra();
-        KeyExtra(const KeyExtra&) = delete;
-        KeyExtra& operator=(const KeyExtra&) = delete;
+        ZPValues values[2];  // by Kind; see zpvalues.h for what the record has itself
+        Id itemNext = none, itemPrev = none;  // in the item chain
+        bool isItem = false;
     };
 
     struct Key {
@@ -86,8 +81,8 @@ public:
         Id group;
         bool inUse;
         bool inMap;
-        mutable ZArrayList* keyList;    // null until asked for
-        mutable ZLCString* nameObject;  // likewise
+        ZPLazy<ZArrayList> keyList;
+        ZPLazy<ZLCString> nameObject;
     };
 
     /// A walk's place in the keys of a stanza that stays right whatever is removed meanwhile. Made,
@@ -118,13 +113,6 @@ public:
         Id stanza_;
         Id key_;  // the key, or the one in front of it once it has gone
         bool isOnKey_;
-    };
-
-    /// The values of one kind of a key: a list that was handed out, or slices of the text.
-    struct Values {
-        const ZArrayList* list;
-        const ZPSlice* slices;
-        uint32_t count;
     };
 
     ZPStore();
@@ -178,10 +166,15 @@ public:
 
     // --- Values ---
 
-    Values values(Id key, Kind kind) const;
+    ZPValueView values(Id id, Kind kind) const {
+        const ZPSlice* own = ownValue(keys_[id], kind);
+        const KeyExtra* extra = zloadMade(keys_[id].extra);
+        return extra == nullptr ? ZPValues::viewOfOwn(text_, own)
+                                : extra->values[kind].view(text_, own);
+    }
     /// Which kind a look-up of any kind answers with: plain unless only hidden values are there.
     Kind anyKind(Id key) const {
-        return values(key, plain).count == 0 && values(key, hidden).count != 0 ? hidden : plain;
+        return values(key, plain).count() == 0 && values(key, hidden).count() != 0 ? hidden : plain;
     }
     /// False as long as no key has ever had hidden values: most files never do, and then nobody
     /// has to look.
@@ -194,9 +187,7 @@ public:
     ZArrayList* valueList(Id key, Kind kind) const;
     /// The list object of the stanza's keys; made at first use.
     ZArrayList* keyList(Id stanza) const;
-    bool hasKeyList(Id stanza) const {
-        return __atomic_load_n(&stanzas_[stanza].keyList, __ATOMIC_ACQUIRE) != nullptr;
-    }
+    bool hasKeyList(Id stanza) const { return stanzas_[stanza].keyList.get() != nullptr; }
     /// The stanza's name as an object, for lists that don't own; made at first use.
     ZLCString* nameObject(Id stanza) const;
     /// The key's name with a NUL behind it, good until the key leaves the map; made at first use.
@@ -268,7 +259,7 @@ public:
                    memcmp(text(key.name), bytes, name.length) == 0;
         });
         Stanza& stanza = stanzas_[stanzaId];
-        if (found != none || stanza.keyList != nullptr)
+        if (found != none || stanza.keyList.get() != nullptr)
             return readEntrySlowly(group, name, value, hash, found, isNew);
         // The usual case, all in one: a new key at the end of its stanza and group.
         const Id id = keys_.take({name, value, stanzaId, none, none, stanza.last, nullptr});
@@ -323,6 +314,16 @@ private:
     void freeKeyIfUnneeded(Id key);
     void freeStanzaIfUnneeded(Id stanza);
     KeyExtra& extraOf(Id key);
+    /// The record's room for a value of this kind.
+    static const ZPSlice* ownValue(const Key& key, Kind kind) {
+        return kind == plain ? &key.value : nullptr;
+    }
+    static ZPSlice* ownValue(Key& key, Kind kind) { return kind == plain ? &key.value : nullptr; }
+    /// Whether the record itself takes the next plain value.
+    static bool takesValue(const Key& key) {
+        return key.value.length == 0 &&
+               (key.extra == nullptr || !key.extra->values[plain].areHere());
+    }
     void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
     void dropValues(Id key, Kind kind);
     void dropNameText(Id key) {
