@@ -1,17 +1,16 @@
 #include "ZProperties.h"
 
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "ZExceptionText.h"
 #include "ZPropertiesImpl.h"
+#include "zgrammar.h"
 #include "zinternal.h"
-#include "zraise.h"
 #include "zpropchanges.h"
+#include "zraise.h"
+#include "zrefusal.h"
 #include "zreport.h"
 
 ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
@@ -91,58 +90,6 @@ void ZProperties::getValue(const char* category, const char* key, ZAbstractMutab
     }
 }
 
-// Whether all of the text is a plain decimal number that fits into 32 bits, with nothing to think
-// about; nearly all are.
-static bool isPlainNumber(const char* text, unsigned int length, unsigned int& result) {
-    if (length == 0 || length > 9 || (text[0] == '0' && length > 1))
-        return false;
-    unsigned int number = 0;
-    for (unsigned int i = 0; i < length; ++i) {
-        const unsigned int digit = static_cast<unsigned char>(text[i]) - '0';
-        if (digit > 9)
-            return false;
-        number = number * 10 + digit;
-    }
-    result = number;
-    return true;
-}
-
-// As strtoul does where long has 32 bits, whatever it has here: out of range gives the largest
-// number, a minus sign wraps. False if it isn't a number from end to end.
-static bool convertToInt(const ZLCString& text, unsigned int& result) {
-    result = 0;
-    if (text.getLength() == 0)
-        return true;
-    const char* start = text.getChars();
-    char* end;
-    errno = 0;
-    const unsigned long long number = strtoull(start, &end, 0);
-    const bool overflow = errno == ERANGE;
-    const char* sign = start;
-    while (isspace(static_cast<unsigned char>(*sign)))
-        ++sign;
-    const unsigned long long magnitude = *sign == '-' ? 0 - number : number;
-    result = overflow || magnitude > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned int>(number);
-    return end != start && *end == '\0';
-}
-
-static bool convertToBoolean(const ZLCString& text, int& result) {
-    static const char* const kTrue[] = {"yes", "y", "true", "t", "1"};
-    static const char* const kFalse[] = {"no", "n", "false", "f", "0"};
-    result = 0;
-    if (text.getLength() == 0)
-        return true;
-    for (const char* word : kTrue)
-        if (text.compareignorecase(word) == 0) {
-            result = 1;
-            return true;
-        }
-    for (const char* word : kFalse)
-        if (text.compareignorecase(word) == 0)
-            return true;
-    return false;
-}
-
 unsigned int ZProperties::getIntegerValue(const char* category, const char* key, int required,
                                           unsigned int defaultValue) const {
     zrequire(zhasText(category) && zhasText(key));
@@ -153,12 +100,9 @@ unsigned int ZProperties::getIntegerValue(const char* category, const char* key,
     if (extractValue(category, key, required, text, length) == 0)
         return defaultValue;
     unsigned int result;
-    if (isPlainNumber(text, length, result))
-        return result;
-    const ZLCString value(text, length);
-    if (!convertToInt(value, result))
+    if (!zreadNumber(text, length, result))
         zraise(ZPropertiesInvalidNumValueException(file_->path().getChars(), category, key,
-                                                   value.getChars()));
+                                                   ZLCString(text, length).getChars()));
     return result;
 }
 
@@ -171,11 +115,10 @@ int ZProperties::getBooleanValue(const char* category, const char* key, int requ
     unsigned int length;
     if (extractValue(category, key, required, text, length) == 0)
         return defaultValue;
-    const ZLCString value(text, length);
     int result;
-    if (!convertToBoolean(value, result))
+    if (!zreadTruth(text, length, result))
         zraise(ZPropertiesInvalidBoolValueException(file_->path().getChars(), category, key,
-                                                    value.getChars()));
+                                                    ZLCString(text, length).getChars()));
     return result;
 }
 
@@ -303,7 +246,8 @@ void ZProperties::setValue(const char* category, const char* key, const ZLCConst
 
 void ZProperties::convertToStored(const ZAbstractString& text, ZLCString& out) const {
     out.setChars(text);
-    zrequire(out.getLength() != 0 || text.getLength() == 0 || cache_->isStrict() == 0);
+    if (out.getLength() == 0 && text.getLength() != 0 && cache_->isStrict() != 0)
+        zrequireNoFault(zfaultOfForeignText());
 }
 
 void ZProperties::setValue(const char* category, const char* key, const ZUTF8String& value) {
@@ -325,7 +269,7 @@ void ZProperties::setIntegerValue(const char* category, const char* key, unsigne
 }
 
 void ZProperties::setBooleanValue(const char* category, const char* key, int value) {
-    setOnly(category, key, value != 0 ? "yes" : "no", 0);
+    setOnly(category, key, ztruthWord(value != 0), 0);
 }
 
 void ZProperties::deleteKey(const char* category, const char* key) {

@@ -29,8 +29,7 @@
 #include "zsafestore.h"
 #include "zscope.h"
 #include "zsidefile.h"
-#include "zsidenames.h"
-#include "zstrict.h"
+#include "zgrammar.h"
 
 static const long kNoTime = LONG_MIN;
 

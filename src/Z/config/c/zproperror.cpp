@@ -10,6 +10,7 @@
 
 #include "ZExceptionText.h"
 #include "ZMessage.h"
+#include "zrefusal.h"
 
 namespace {
 
@@ -74,6 +75,16 @@ static void noteIO(const ZPropertiesIOException& e) {
     lastError.set(NumberReader::numberOf(e), e.propFile(), 0, text);
 }
 
+// Why a name or value was refused, where there is a reason.
+static void noteParameter(const ZInvalidParameterException& e) {
+    const ZFault fault = zfaultBehind(e);
+    char text[128];
+    if (fault.reason != nullptr)
+        snprintf(text, sizeof text, "%s %s", fault.subject, fault.reason);
+    lastError.set(NumberReader::numberOf(e), nullptr, 0,
+                  fault.reason != nullptr ? text : NumberReader::nameOf(e));
+}
+
 // Turns the exception in flight into a result number, and notes what it was about. A cancelled
 // thread has no exception object, which the sanitizer takes for a null reference.
 __attribute__((no_sanitize("null"))) int zresultOfException(ZPropGroup group) {
@@ -101,6 +112,8 @@ __attribute__((no_sanitize("null"))) int zresultOfException(ZPropGroup group) {
     } catch (const std::bad_alloc&) {
         lastError.set(1, nullptr, 0, "bad_alloc");
         result = ZPROP_ERR_VALUE;
+    } catch (const ZInvalidParameterException& e) {
+        noteParameter(e);
     } catch (const ZException& e) {
         lastError.set(NumberReader::numberOf(e), nullptr, 0, NumberReader::nameOf(e));
     } catch (...) {

@@ -85,7 +85,8 @@ typedef struct ZPROP_error {
     int number;       /* the message number of the failure; 0: the last call met none */
     const char* file; /* the file or directory that it is about */
     int line;         /* for bad data the line of the file, from 1; else 0 */
-    const char* text; /* the bad line, the bad value, or what failed and why */
+    const char* text; /* the bad line, the bad value, why a name or value was refused, or what
+                         failed and why */
 } ZPROP_error;
 
 Z_BEGIN_C

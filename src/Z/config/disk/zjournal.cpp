@@ -12,7 +12,7 @@
 
 #include "zkeeplines.h"
 #include "zraise.h"
-#include "zsidenames.h"
+#include "zgrammar.h"
 
 static const char kMagic[8] = {'Z', 'B', 'A', 'S', 'E', 'J', '2', '\n'};
 

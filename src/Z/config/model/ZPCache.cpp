@@ -9,7 +9,7 @@
 #include "ZException.h"
 #include "zpstore.h"
 #include "zraise.h"
-#include "zstrict.h"
+#include "zrefusal.h"
 
 typedef ZPStore::Id Id;
 
@@ -315,14 +315,14 @@ void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int
     if (!isStrict())
         return;
     if (obfuscated != 0)
-        zrequireHidden(value);
+        zrequireNoFault(zfaultOfHiddenValue(value));
     else
-        zrequireValue(key, value, mayBeEmpty != 0);
+        zrequireNoFault(zfaultOfValue(key, value, mayBeEmpty != 0));
 }
 
 int ZPCategoryBasedCache::addStanzaLine(const char* category) {
     if (isStrict())
-        zrequireStanza(category);
+        zrequireNoFault(zfaultOfStanza(category));
     const Text name(category);
     if (store().stanzaInMap(name.chars, name.length) != ZPStore::none)
         return 1;
@@ -349,8 +349,8 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
         return;
     }
     if (isStrict()) {
-        zrequireStanza(category);
-        zrequireKey(key);
+        zrequireNoFault(zfaultOfStanza(category));
+        zrequireNoFault(zfaultOfKey(key));
         checkValue(key, value, obfuscated, 1);
     }
     ZPStore& model = store();
@@ -392,14 +392,14 @@ void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
 
 void ZPCategoryBasedCache::addFileComment(const char* text) {
     if (isStrict())
-        zrequireComment(text);
+        zrequireNoFault(zfaultOfComment(text));
     const Text comment(text);
     store().addFileComment(comment.chars, comment.length);
 }
 
 void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* text) {
     if (isStrict())
-        zrequireComment(text);
+        zrequireNoFault(zfaultOfComment(text));
     addStanzaLine(category);
     const Text name(category), comment(text);
     const Id stanza = store().stanzaInMap(name.chars, name.length);
@@ -410,7 +410,7 @@ void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* te
 
 void ZPCategoryBasedCache::addLineComment(const char* category, const char* key, const char* text) {
     if (isStrict())
-        zrequireComment(text);
+        zrequireNoFault(zfaultOfComment(text));
     if (contains(category, key) == 0)
         addLine(category, key, nullptr, 0);
     const Id id = findKey(store(), category, key);

@@ -1,17 +1,7 @@
 // ZSCFData.cpp: the two file formats of the configuration database.
 //
-// Stanza file, text in the local codeset, line by line; a line ends at a newline or the end of the
-// file. White space, as isspace tells, is cut from both ends first. Then:
-//
-//   nothing left     blank line
-//   "#..."           comment
-//   "[name]..."      header of a stanza; what stands behind the first "]" is ignored
-//   else             entry "key = value": the first "=" divides; blanks around it are cut; no
-//                    quoting, no escapes, no continuation
-//
-// A line is read in pieces of at most kLongestLine bytes, its newline counted; a longer one counts
-// as several, and a NUL hides the rest of its piece. A stanza appears once. A key may appear often:
-// each entry adds a value, an empty one adds none. Written, every entry is "key = value".
+// Stanza file: lines as zgrammar.h tells. A stanza appears once. A key may appear often: each entry
+// adds a value, an empty one adds none. Written, every entry is "key = value".
 //
 // Side database: one zlib stream over records, one for each value of each key in it,
 //
@@ -23,7 +13,6 @@
 
 #include <sys/stat.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -31,10 +20,10 @@
 #include "ZException.h"
 #include "ZExceptionText.h"
 #include "ZSqueeze.h"
+#include "zassert.h"
+#include "zgrammar.h"
 #include "zpstore.h"
 #include "zraise.h"
-#include "zsidenames.h"
-#include "zstrict.h"
 
 typedef ZPStore::Id Id;
 
@@ -95,8 +84,7 @@ public:
           stanza_(ZPStore::none),
           isSideStanza_(false),
           pending_(0),
-          unused_(0),
-          classes_(*__ctype_b_loc()) {}
+          unused_(0) {}
 
     void read(size_t start) {
         const size_t end = store_.textSize();
@@ -105,24 +93,19 @@ public:
         int line = 0;
         for (size_t at = start; at < end;) {
             const char* piece = store_.text(static_cast<uint32_t>(at));
-            const size_t room = end - at < kLongestLine ? end - at : kLongestLine;
-            const char* newline = static_cast<const char*>(memchr(piece, '\n', room));
-            const size_t length = newline == nullptr ? room : newline - piece + 1;
-            const char* stop = piece + length;
-            const char* nul = hasNul ? static_cast<const char*>(memchr(piece, 0, length)) : nullptr;
-            if (nul != nullptr)
-                stop = nul;
+            const size_t length = zlineLength(piece, end - at);
+            const void* nul = hasNul ? memchr(piece, 0, length) : nullptr;
+            const char* stop = nul == nullptr ? piece + length : static_cast<const char*>(nul);
             ++line;
-            while (stop > piece && isSpace(stop[-1]))
-                --stop;
-            const char* first = piece;
-            while (first < stop && isSpace(*first))
-                ++first;
-            const bool refused = strict_ && ((newline == nullptr && length < end - at) ||
-                                             nul != nullptr || startsWithMark(start, at));
-            if (refused || !classify(first, stop)) {
+            const ZSpan text = grammar_.trimmed(piece, stop);
+            const bool isCut = piece[length - 1] != '\n' && length < end - at;
+            const bool isRefused =
+                strict_ && (isCut || nul != nullptr || startsWithMark(start, at));
+            if (isRefused || !take(grammar_.divide(text))) {
                 flush();
-                const ZLCString data(piece, static_cast<unsigned int>(stop - piece));
+                // The indent is part of it.
+                const ZLCString data(piece,
+                                     static_cast<unsigned int>(text.data + text.size - piece));
                 store_.truncateText(at);  // nothing refers to the rest
                 zraise(ZPropertiesInvalidDataException(file_, data.getChars(), line));
             }
@@ -133,11 +116,10 @@ public:
     }
 
 private:
-    enum PieceType { blank, comment, entry };
-
+    // An entry, comment or blank line that the store doesn't have yet.
     struct Pending {
-        PieceType type;
-        ZPSlice first;  // comment's text or key
+        ZLineKind kind;
+        ZPSlice name;  // comment's text or key
         ZPSlice value;
         uint32_t hash;
     };
@@ -149,14 +131,9 @@ private:
                memcmp(store_.text(static_cast<uint32_t>(at)), kMark, 3) == 0;
     }
 
-    // As isspace, whose table is asked for once a load.
-    bool isSpace(char c) const {
-        return (classes_[static_cast<unsigned char>(c)] & static_cast<unsigned short>(_ISspace)) !=
-               0;
-    }
-
-    ZPSlice slice(const char* from, const char* to) const {
-        return {static_cast<uint32_t>(from - store_.text(0)), static_cast<uint32_t>(to - from)};
+    ZPSlice slice(ZSpan part) const {
+        return {static_cast<uint32_t>(part.data - store_.text(0)),
+                static_cast<uint32_t>(part.size)};
     }
 
     // The number of lines of the first part tells roughly how many there are in all. A guess only:
@@ -182,53 +159,45 @@ private:
         }
     }
 
-    // False if the piece is no line of the format.
-    bool classify(const char* first, const char* stop) {
-        if (first == stop) {
-            if (keepComments_)
-                queue({blank, {0, 0}, {0, 0}, 0});
-            return true;
+    // False if no such line may stand here.
+    bool take(const ZLineParts& line) {
+        switch (line.kind) {
+            case zlineBlank:
+                if (keepComments_)
+                    queue({zlineBlank, {0, 0}, {0, 0}, 0});
+                return true;
+            case zlineComment:
+                if (keepComments_)
+                    queue({zlineComment, slice(line.name), {0, 0}, 0});
+                else
+                    unused_ += line.name.size;
+                return true;
+            case zlineHeader:
+                return takeHeader(line.name);
+            case zlineEntry:
+                return takeEntry(line.name, line.value);
+            default:
+                return false;
         }
-        if (*first == '#') {
-            if (keepComments_)
-                queue({comment, slice(first, stop), {0, 0}, 0});
-            else
-                unused_ += stop - first;
-            return true;
-        }
-        return *first == '[' ? header(first, stop) : value(first, stop);
     }
 
-    bool header(const char* first, const char* stop) {
-        const char* name = first + 1;
-        const char* close = static_cast<const char*>(memchr(name, ']', stop - name));
-        if (close == nullptr)
-            return false;
+    bool takeHeader(ZSpan name) {
         flush();
-        const size_t length = close - name;
-        if (store_.stanzaInMap(name, length) != ZPStore::none)
+        if (store_.stanzaInMap(name.data, name.size) != ZPStore::none)
             return false;
-        group_ = store_.readHeader(slice(name, close));
-        stanza_ = length == 0 ? ZPStore::none : store_.group(group_).stanza;
-        isSideStanza_ = length == sizeof kSideStanza - 1 && memcmp(name, kSideStanza, length) == 0;
+        group_ = store_.readHeader(slice(name));
+        stanza_ = name.size == 0 ? ZPStore::none : store_.group(group_).stanza;
+        isSideStanza_ = name.size == sizeof kSideStanza - 1 &&
+                        memcmp(name.data, kSideStanza, sizeof kSideStanza - 1) == 0;
         return true;
     }
 
-    bool value(const char* first, const char* stop) {
-        if (stanza_ == ZPStore::none)
+    bool takeEntry(ZSpan key, ZSpan value) {
+        if (stanza_ == ZPStore::none || key.size == 0)
             return false;
-        const char* equals = static_cast<const char*>(memchr(first, '=', stop - first));
-        if (equals == nullptr || equals == first)
-            return false;
-        const char* keyEnd = equals;
-        while (isSpace(keyEnd[-1]))
-            --keyEnd;
-        const char* text = equals + 1;
-        while (text < stop && isSpace(*text))
-            ++text;
-        const uint32_t hash = store_.keyHash(stanza_, first, keyEnd - first);
+        const uint32_t hash = store_.keyHash(stanza_, key.data, key.size);
         store_.prefetchKey(hash);
-        queue({entry, slice(first, keyEnd), slice(text, stop), hash});
+        queue({zlineEntry, slice(key), slice(value), hash});
         return true;
     }
 
@@ -243,13 +212,14 @@ private:
         pending_ = 0;
         for (int i = 0; i < count; ++i) {
             const Pending& piece = batch_[i];
-            if (piece.type == blank) {
+            if (piece.kind == zlineBlank) {
                 store_.readBlank(group_);
-            } else if (piece.type == comment) {
-                store_.readComment(group_, piece.first);
+            } else if (piece.kind == zlineComment) {
+                store_.readComment(group_, piece.name);
             } else {
+                zassert(piece.kind == zlineEntry && piece.name.length != 0);
                 bool isNew = false;
-                store_.readEntry(group_, piece.first, piece.value, piece.hash, isNew);
+                store_.readEntry(group_, piece.name, piece.value, piece.hash, isNew);
                 if (isSideStanza_ && isNew)
                     noteSideDatabase(piece);
             }
@@ -257,8 +227,8 @@ private:
     }
 
     void noteSideDatabase(const Pending& piece) {
-        if (piece.first.length == sizeof kSideKey - 1 &&
-            memcmp(store_.text(piece.first), kSideKey, sizeof kSideKey - 1) == 0)
+        if (piece.name.length == sizeof kSideKey - 1 &&
+            memcmp(store_.text(piece.name), kSideKey, sizeof kSideKey - 1) == 0)
             sideDatabase_ = ZLCString(store_.text(piece.value), piece.value.length);
     }
 
@@ -274,7 +244,7 @@ private:
     bool isSideStanza_;
     int pending_;
     size_t unused_;
-    const unsigned short* classes_;  // the locale's, of all characters
+    const ZLineGrammar grammar_;
     Pending batch_[kBatch];
 };
 

@@ -15,71 +15,28 @@
 // lines without a value, which the model doesn't keep.
 #include "zkeeplines.h"
 
-#include <cctype>
 #include <cstring>
 
+#include "zgrammar.h"
 #include "zpindex.h"
-#include "zstrict.h"
 
 namespace {
 
 typedef uint32_t Id;
 const Id kNone = 0xFFFFFFFFu;
-enum Kind : uint8_t { kBlank, kComment, kHeader, kEntry };
 
-struct Line {
+// What the reader would refuse counts as a comment: it is never looked for.
+struct Line : ZLineParts {
     ZSpan raw;
-    ZSpan name;    // comment, stanza's name or key
-    ZSpan value;   // of an entry
     Id stanza;     // its header's line; kNone ahead of the first
     Id nextSame;   // the next line that says the same in the same stanza
     Id nextOfKey;  // of an entry: the next line of its key
-    Kind kind;
     bool used;
     bool putOff;
 };
 
 bool equal(ZSpan a, ZSpan b) {
     return a.size == b.size && (a.size == 0 || memcmp(a.data, b.data, a.size) == 0);
-}
-
-bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-
-ZSpan trimmed(const char* first, const char* end) {
-    while (end > first && isBlank(end[-1]))
-        --end;
-    while (first < end && isBlank(*first))
-        ++first;
-    return {first, static_cast<size_t>(end - first)};
-}
-
-// What a line says. What the reader would refuse counts as a comment: it is never looked for.
-void classify(Line& line) {
-    const char* data = line.raw.data;
-    const void* nul = memchr(data, 0, line.raw.size);
-    const ZSpan text =
-        trimmed(data, nul == nullptr ? data + line.raw.size : static_cast<const char*>(nul));
-    line.name = text;
-    line.value = {data, 0};
-    line.kind = text.size == 0 ? kBlank : kComment;
-    if (text.size == 0 || *text.data == '#')
-        return;
-    const char* end = text.data + text.size;
-    if (*text.data == '[') {
-        const void* close = memchr(text.data, ']', text.size);
-        if (close == nullptr)
-            return;
-        line.kind = kHeader;
-        line.name = {text.data + 1,
-                     static_cast<size_t>(static_cast<const char*>(close) - text.data - 1)};
-        return;
-    }
-    const void* equals = memchr(text.data, '=', text.size);
-    if (equals == nullptr)
-        return;
-    line.kind = kEntry;
-    line.name = trimmed(text.data, static_cast<const char*>(equals));
-    line.value = trimmed(static_cast<const char*>(equals) + 1, end);
 }
 
 // The lines of a text, one after the other.
@@ -93,13 +50,13 @@ public:
     bool next(Line& line, Id id) {
         if (at_ == end_)
             return false;
-        const size_t room = static_cast<size_t>(end_ - at_) < most_ ? end_ - at_ : most_;
-        const void* newline = memchr(at_, '\n', room);
-        const size_t size = newline == nullptr ? room : static_cast<const char*>(newline) - at_ + 1;
+        const size_t size = zlineLength(at_, static_cast<size_t>(end_ - at_), most_);
         line = Line();
         line.raw = {at_, size};
-        classify(line);
-        if (line.kind == kHeader)
+        static_cast<ZLineParts&>(line) = grammar_.divideRaw(line.raw);
+        if (line.kind == zlineBad)
+            line.kind = zlineComment;
+        if (line.kind == zlineHeader)
             stanza_ = id;
         line.stanza = stanza_;
         line.nextSame = line.nextOfKey = kNone;
@@ -111,6 +68,7 @@ private:
     const char* at_;
     const char* end_;
     const size_t most_;
+    const ZLineGrammar grammar_;
     Id stanza_;
 };
 
@@ -132,9 +90,9 @@ public:
         readLines(written, SIZE_MAX, lines);
         const Id count = static_cast<Id>(lines.size());
         for (Id at = 0; at < count;) {
-            if (lines[at].kind == kHeader || at == 0)
+            if (lines[at].kind == zlineHeader || at == 0)
                 enterStanza(lines[at]);
-            if (lines[at].kind == kHeader) {
+            if (lines[at].kind == zlineHeader) {
                 put(lines[at], stanza_);
                 ++at;
             }
@@ -142,7 +100,7 @@ public:
             matchBetween(lines, at, fixed);
             while (at < fixed)
                 at = putBetween(lines, at);
-            if (at < count && lines[at].kind == kEntry)
+            if (at < count && lines[at].kind == zlineEntry)
                 at = putEntries(lines, at);
         }
         leaveStanza();
@@ -182,7 +140,7 @@ private:
             }
             old.nextSame = find(old, old.stanza);
             replaceFirst(index_, hashOf(old, old.stanza), old.nextSame, id);
-            if (old.kind == kEntry) {
+            if (old.kind == zlineEntry) {
                 old.nextOfKey = findKey(old, old.stanza);
                 replaceFirst(keys_, hashOfName(old, old.stanza), old.nextOfKey, id);
             }
@@ -201,7 +159,7 @@ private:
 
     // A header is the same whatever stands ahead of it.
     static uint64_t wideHashOfName(const Line& line, Id stanza) {
-        return mix((line.kind == kHeader ? 0 : stanza) * 0x9E3779B97F4A7C15u + line.kind,
+        return mix((line.kind == zlineHeader ? 0 : stanza) * 0x9E3779B97F4A7C15u + line.kind,
                    line.name);
     }
     static uint32_t hashOfName(const Line& line, Id stanza) {
@@ -214,7 +172,7 @@ private:
     // The first old line that says this in this old stanza and isn't given up yet.
     Id find(const Line& line, Id stanza) const {
         return index_.find(hashOf(line, stanza), [&](uint32_t id, uint32_t) {
-            return says(id, line) && (line.kind == kHeader || lines_[id].stanza == stanza);
+            return says(id, line) && (line.kind == zlineHeader || lines_[id].stanza == stanza);
         });
     }
 
@@ -245,8 +203,8 @@ private:
             return kNone;
         const uint32_t hash = hashOf(line, stanza_);
         for (Id id = find(line, stanza_); id != kNone;) {
-            if (!lines_[id].used && (line.kind == kEntry || id >= place_))
-                return id < limit || line.kind == kEntry ? id : kNone;
+            if (!lines_[id].used && (line.kind == zlineEntry || id >= place_))
+                return id < limit || line.kind == zlineEntry ? id : kNone;
             const Id next = lines_[id].nextSame;
             replaceFirst(index_, hash, id, next);
             id = next;
@@ -259,11 +217,11 @@ private:
     // The old stanza that bears the new line's stanza's name; none for a new one.
     void enterStanza(const Line& line) {
         leaveStanza();
-        stanza_ = line.kind == kHeader ? find(line, kNone) : kNone;
-        inOld_ = line.kind != kHeader || stanza_ != kNone;
+        stanza_ = line.kind == zlineHeader ? find(line, kNone) : kNone;
+        inOld_ = line.kind != zlineHeader || stanza_ != kNone;
         place_ = stanza_ != kNone ? stanza_ : 0;
         endStanza_ = place_ + (stanza_ != kNone);
-        while (inOld_ && endStanza_ < lines_.size() && lines_[endStanza_].kind != kHeader)
+        while (inOld_ && endStanza_ < lines_.size() && lines_[endStanza_].kind != zlineHeader)
             ++endStanza_;
     }
 
@@ -302,8 +260,8 @@ private:
     // The next new line that is an entry whose key has its first line ahead of the place; or the
     // next header, or the end.
     Id nextFixedPoint(const ZPBlock<Line>& lines, Id at) const {
-        while (at < lines.size() && lines[at].kind != kHeader &&
-               (lines[at].kind != kEntry || fixedAt(lines[at]) == kNone))
+        while (at < lines.size() && lines[at].kind != zlineHeader &&
+               (lines[at].kind != zlineEntry || fixedAt(lines[at]) == kNone))
             ++at;
         return at;
     }
@@ -315,7 +273,7 @@ private:
     // Finds the old lines of new comments and blank lines from `at` up to the fixed point. In the
     // new lines nextSame is what was found.
     void matchBetween(ZPBlock<Line>& lines, Id at, Id fixed) {
-        const bool atEntry = fixed < lines.size() && lines[fixed].kind == kEntry;
+        const bool atEntry = fixed < lines.size() && lines[fixed].kind == zlineEntry;
         limit_ = atEntry ? fixedAt(lines[fixed]) : endStanza_;
         Id old = nextLoose(place_);
         for (Id i = at; i < fixed; ++i)
@@ -325,7 +283,9 @@ private:
             }
         inOrder_ = old >= limit_;
     }
-    static bool isLoose(const Line& line) { return line.kind == kComment || line.kind == kBlank; }
+    static bool isLoose(const Line& line) {
+        return line.kind == zlineComment || line.kind == zlineBlank;
+    }
     Id nextLoose(Id id) const {
         while (inOld_ && id < limit_ && (!isLoose(lines_[id]) || lines_[id].used))
             ++id;
@@ -343,7 +303,7 @@ private:
 
     Id putEntries(const ZPBlock<Line>& lines, Id at) {
         Id end = at + 1;
-        while (end < lines.size() && lines[end].kind == kEntry &&
+        while (end < lines.size() && lines[end].kind == zlineEntry &&
                equal(lines[end].name, lines[at].name))
             ++end;
         const Id first = fixedAt(lines[at]);
@@ -452,9 +412,9 @@ bool zfindValue(ZSpan text, const char* stanza, const char* key, ZSpan& value) {
     Line line;
     bool isInside = false;
     while (reader.next(line, 0)) {
-        if (line.kind == kHeader)
+        if (line.kind == zlineHeader)
             isInside = equal(line.name, wantedStanza);
-        else if (isInside && line.kind == kEntry && equal(line.name, wantedKey)) {
+        else if (isInside && line.kind == zlineEntry && equal(line.name, wantedKey)) {
             value = line.value;
             return true;
         }

@@ -1,5 +1,5 @@
 /* zstoremodes.h: how a configuration file is read, stored and watched for changes, beyond the plain
- * ways: the numbers that the classes and the C interface share. Valid C99. */
+ * ways: the names and numbers that the classes and the C interface share. Valid C99. */
 #ifndef Z_ZSTOREMODES_H
 #define Z_ZSTOREMODES_H
 
@@ -26,5 +26,8 @@ enum {
                                   load would take apart */
     ZPCACHE_KEEP_LINES = 4 /* a line whose value wasn't changed is stored byte for byte */
 };
+
+/* The stanza of a file that names its side database, where hidden values are. */
+#define ZPROP_SIDE_STANZA "configuration-database"
 
 #endif

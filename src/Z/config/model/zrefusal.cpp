@@ -1,0 +1,125 @@
+// zrefusal.cpp: what a line can't hold.
+//
+// Exceptions have no room for a reason, and their class is what callers know. So the reason stays
+// with the thread, and the place where an exception was raised tells whether it is one of these.
+#include "zrefusal.h"
+
+#include <cstring>
+
+#include "zassert.h"
+#include "zgrammar.h"
+#include "zinternal.h"
+#include "zraise.h"
+
+static const ZFault kNoFault = {nullptr, nullptr};
+
+// ---------------------------------------------------------------- reasons
+
+static const char kEmpty[] = "can't be empty";
+static const char kBlankEnds[] = "can't have blanks at its ends";
+static const char kTooLong[] = "is too long for a line of 8191 bytes";
+static_assert(kLongestLine == 8191, "the reason says so");
+
+// Why no line can hold this text beside `others` bytes, its newline among them; null if one can.
+static const char* reasonAgainst(const char* text, size_t others) {
+    if (!zhasText(text))
+        return kEmpty;
+    if (strpbrk(text, "\n\r") != nullptr)
+        return "can't hold a line end";
+    if (strlen(text) + others > kLongestLine)
+        return kTooLong;
+    return nullptr;
+}
+
+static bool hasBlankEnds(const char* text) {
+    const ZLineGrammar grammar;
+    return grammar.isBlank(*text) || grammar.isBlank(text[strlen(text) - 1]);
+}
+
+// Whether the line that a store writes reads as it should. What has no fault comes back.
+[[maybe_unused]] static bool readsAs(ZLineKind kind, const char* name, const char* value = "") {
+    static const char* const kAround[][3] = {
+        {"", "", ""}, {"", "", ""}, {"[", "]", ""}, {"", " = ", ""}};
+    ZBytes line;
+    const auto add = [&](const char* text) {
+        const size_t length = strlen(text);
+        line.reserveMore(length);
+        memcpy(line.data() + line.size(), text, length);
+        line.setSize(line.size() + length);
+    };
+    const auto same = [](ZSpan part, const char* text) {
+        return part.size == strlen(text) && memcmp(part.data, text, part.size) == 0;
+    };
+    add(kAround[kind][0]), add(name), add(kAround[kind][1]), add(value), add("\n");
+    const ZLineParts parts = ZLineGrammar().divideRaw({line.data(), line.size()});
+    return parts.kind == kind && same(parts.name, name) && same(parts.value, value);
+}
+
+ZFault zfaultOfStanza(const char* name) {
+    const char* reason = reasonAgainst(name, strlen("[]\n"));
+    if (reason == nullptr && strchr(name, ']') != nullptr)
+        reason = "can't hold ]";
+    if (reason != nullptr)
+        return {"a stanza's name", reason};
+    zassert(readsAs(zlineHeader, name));
+    return kNoFault;
+}
+
+ZFault zfaultOfKey(const char* name) {
+    const char* reason = reasonAgainst(name, strlen(" =\n"));
+    if (reason == nullptr && hasBlankEnds(name))
+        reason = kBlankEnds;
+    else if (reason == nullptr && strchr(name, '=') != nullptr)
+        reason = "can't hold =";
+    else if (reason == nullptr && (*name == '#' || *name == '['))
+        reason = "can't begin with # or [";
+    if (reason != nullptr)
+        return {"a key", reason};
+    zassert(readsAs(zlineEntry, name));
+    return kNoFault;
+}
+
+ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty) {
+    if (!zhasText(value) && mayBeEmpty)
+        return kNoFault;
+    const char* reason = reasonAgainst(value, strlen(key) + strlen(" = \n"));
+    if (reason == nullptr && hasBlankEnds(value))
+        reason = kBlankEnds;
+    return reason == nullptr ? kNoFault : ZFault{"a value", reason};
+}
+
+ZFault zfaultOfHiddenValue(const char* value) {
+    return zhasText(value) ? kNoFault : ZFault{"a hidden value", kEmpty};
+}
+
+ZFault zfaultOfComment(const char* text) {
+    const char* reason = reasonAgainst(text, strlen("\n"));
+    if (reason == nullptr && *text != '#')
+        reason = "must begin with #";
+    else if (reason == nullptr && hasBlankEnds(text))
+        reason = kBlankEnds;
+    if (reason != nullptr)
+        return {"a comment", reason};
+    zassert(readsAs(zlineComment, text));
+    return kNoFault;
+}
+
+ZFault zfaultOfForeignText() {
+    return {"a value", "can't hold characters that the local codeset lacks"};
+}
+
+// ---------------------------------------------------------------- refusals
+
+static thread_local ZFault lastFault;
+
+void zrequireNoFault(const ZFault& fault) {
+    if (fault.reason == nullptr)
+        return;
+    lastFault = fault;
+    zraise(ZInvalidParameterException());
+}
+
+ZFault zfaultBehind(const ZInvalidParameterException& e) {
+    const char* raisedIn = e.who();
+    return raisedIn != nullptr && strcmp(raisedIn, __FILE__) == 0 ? lastFault : kNoFault;
+}

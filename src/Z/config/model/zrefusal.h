@@ -1,0 +1,33 @@
+// zrefusal.h: what a line can't hold so that a load gives it back, and how it is refused with the
+// reason. Never installed.
+#ifndef Z_ZREFUSAL_H
+#define Z_ZREFUSAL_H
+
+#include "ZException.h"
+
+/// What a text is meant to be, and why it can't: "a key", "can't hold =". Both are static texts;
+/// both are null where nothing speaks against it.
+struct ZFault {
+    const char* subject;
+    const char* reason;
+};
+
+ZFault zfaultOfStanza(const char* name);
+ZFault zfaultOfKey(const char* name);
+/// Of a value that stands in the text behind this key.
+ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty);
+/// Of a value that the side database holds: any text but the empty one is fine.
+ZFault zfaultOfHiddenValue(const char* value);
+/// Of a comment with its "#".
+ZFault zfaultOfComment(const char* text);
+/// Of text that has characters which the local codeset lacks.
+ZFault zfaultOfForeignText();
+
+/// Raises ZInvalidParameterException if there is a fault, which is kept for the thread.
+void zrequireNoFault(const ZFault& fault);
+
+/// The fault for which this exception was raised, as long as the thread has met no other; none for
+/// an exception that was raised elsewhere.
+ZFault zfaultBehind(const ZInvalidParameterException& e);
+
+#endif
