@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "ZExceptionText.h"
+#include "zassert.h"
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zmemorystream.h"
@@ -218,14 +219,16 @@ void ZPropertiesFile::readFile(const ZLCString& path, int descriptor, FILE* stre
     mayStoreAnyway_ = false;
 }
 
-void ZPropertiesFile::readAnew(const ZLCString& path, int descriptor, ZLockScope& lock) {
+void ZPropertiesFile::readAnew(const ZLCString& path, int descriptor, ZLockScope& fileLock) {
+    zassert(lock().isHeld());
     ZFileContent content;
     outcome_ = kIncomplete;
     cache().clear();
-    readFile(path, descriptor, nullptr, content, [&lock] { lock.close().passOver(); });
+    readFile(path, descriptor, nullptr, content, [&fileLock] { fileLock.close().passOver(); });
 }
 
 void ZPropertiesFile::load(const char* file) {
+    zassert(lock().isHeld());
     const ZLCString path(choosePath(file));
     if (fileName_.getLength() == 0)
         fileName_ = path;
@@ -243,6 +246,7 @@ void ZPropertiesFile::load(const char* file) {
 }
 
 void ZPropertiesFile::reload(const char* file) {
+    zassert(lock().isHeld());
     choosePath(file);
     const ZLCString path(file);  // whose text may be the cache's
     cache().clear();
@@ -305,6 +309,7 @@ void ZPropertiesFile::follow(const char* file, int forceReload) {
 // ---------------------------------------------------------------- updates
 
 void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
+    zassert(lock().isHeld() && update_ == nullptr);
     // Always anew: what a stamp doesn't tell would be overwritten.
     cache().clear();
     keepStamps();
@@ -314,6 +319,7 @@ void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
 }
 
 void ZPropertiesFile::restore(const ZUpdatedFile& file) {
+    zassert(lock().isHeld() && update_ == &file);
     loading_ = 1;
     const ZAtEnd restored([this] { loading_ = 0; });
     try {
@@ -435,6 +441,7 @@ void ZPropertiesFile::storePlainly(const ZLCString& path) {
 }
 
 void ZPropertiesFile::store(const ZLCString& path) {
+    zassert(lock().isHeld() && path.getLength() != 0);
     zrequire(outcome_ == kLoaded || (outcome_ == kFailed && storeMode_ == ZPROP_STORE_PLAIN) ||
              mayStoreAnyway_);
     static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;

@@ -69,7 +69,7 @@ public:
     void readInto(ZPCache& cache, const ZLCString& path, int descriptor) const;
     /// Reads it anew into the object, and gives the lock up ahead of calls to others. Should that
     /// fail, nobody stores what is left.
-    void readAnew(const ZLCString& path, int descriptor, ZLockScope& lock);
+    void readAnew(const ZLCString& path, int descriptor, ZLockScope& fileLock);
     /// The object is what this file holds.
     void keepStamp(int descriptor);
 

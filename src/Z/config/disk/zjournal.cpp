@@ -301,6 +301,7 @@ bool ZJournal::isSideNamedInFile() const {
 
 // Bytes of the new text that are the old one's too aren't kept.
 void ZJournal::oldText(ZBytes& out) const {
+    zassert(oldFrom_ <= oldLength_ && oldFrom_ <= text_.size);
     out.setSize(0);
     out.reserveMore(static_cast<size_t>(oldLength_));
     // What is kept lies behind a beginning, and ahead of an end, that the new text has as well.
@@ -364,6 +365,7 @@ bool ZJournal::write(ZSpan text, ZSpan oldText, ZSideAction action, ZSpan side) 
     const size_t from = zfirstDifference(text, oldText);
     const size_t to =
         text.size == oldText.size ? lastDifference(text, oldText, from) : oldText.size;
+    zassert(from <= to && (action == zsideReplaced) == (side.size != 0));
     const Identity identity(descriptor_);
     Header header = {};
     memcpy(header.magic, kMagic, sizeof kMagic);
@@ -425,6 +427,7 @@ ZFailure ZJournal::openForMarks() {
 }
 
 ZFailure ZJournal::mark(Progress progress) {
+    zassert(journal_.get() >= 0);
     Header header = {};
     header.progress = progress;
     if (progress == placed) {

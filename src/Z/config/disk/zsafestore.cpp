@@ -103,6 +103,7 @@ public:
     }
 
     void putInPlace() {
+        zassert(!isBegun_ && !hasNothingToDo());
         isBegun_ = true;
         if (const ZFailure failure = placeText())
             giveUp(failure);

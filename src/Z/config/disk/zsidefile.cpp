@@ -49,7 +49,7 @@ ZSideFile::~ZSideFile() { discard(); }
 ZFailure ZSideFile::failed(const char* call) const { return zfailed(call).of(name()); }
 
 ZFailure ZSideFile::find() {
-    if (temporary_.getLength() != 0)
+    if (isExamined())
         return zdone;
     if (const ZFailure failure = place_.find(name()))
         return failure.as("fopen(w)").of(name());
@@ -100,6 +100,7 @@ ZFailure ZSideFile::openExisting(int flags, ZOpenFile& file) const {
 }
 
 ZFailure ZSideFile::read(ZBytes& bytes) const {
+    zassert(exists_);
     ZOpenFile file;
     if (const ZFailure failure = openExisting(O_RDONLY, file))
         return failure;
@@ -152,6 +153,7 @@ void ZSideFile::discard() {
 }
 
 ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
+    zassert(isExamined() && text_ >= 0);
     prepared_ = bytes;
     inPlace_ = mode != ZPROP_STORE_SAFE && exists_;
     return (inPlace_ ? prepareExisting(mode) : prepareNew(mode)).of(name());
@@ -197,12 +199,14 @@ ZFailure ZSideFile::prepareNew(int mode) {
 }
 
 ZFailure ZSideFile::putBack(ZSpan old) {
+    zassert(inPlace_);
     if (const ZFailure failure = openExisting(O_WRONLY, target_))
         return failure;
     return zwriteToEnd(target_.get(), old, 0).of(name());
 }
 
 ZFailure ZSideFile::takePlace(bool synced) {
+    zassert(inPlace_ ? target_.get() >= 0 : written_);
     isUnclear_ = false;
     if (inPlace_) {
         ZFailure failure = zwriteToEnd(target_.get(), prepared_, 0);
@@ -226,8 +230,7 @@ ZFailure ZSideFile::takePlace(bool synced) {
 
 ZFailure ZSideFile::remove() {
     isUnclear_ = false;
-    if (temporary_.getLength() == 0 || unlinkat(place_.folder(), place_.name(), 0) == 0 ||
-        errno == ENOENT)
+    if (!isExamined() || unlinkat(place_.folder(), place_.name(), 0) == 0 || errno == ENOENT)
         return zdone;
     const ZFailure failure = failed("unlink()");
     struct stat left;

@@ -10,6 +10,7 @@
 
 #include "ZExceptionText.h"
 #include "ZLCString.h"
+#include "zassert.h"
 #include "zpblock.h"
 #include "zraise.h"
 
@@ -49,8 +50,10 @@ inline ZFailure zresultOf(int result, const char* call) {
 
 /// Raises it for a failure that knows its file.
 inline void zcheckIO(const ZFailure& failure, ZSite site = ZSite()) {
-    if (failure)
-        zraiseIO(failure.path, failure.call, failure.error, site);
+    if (!failure)
+        return;
+    zassert(failure.path != nullptr);
+    zraiseIO(failure.path, failure.call, failure.error, site);
 }
 
 /// Owns a descriptor for a scope; a negative one is none.
