@@ -10,6 +10,7 @@
 
 #ifdef WITH_ZBASE
 #include <Z/ZStanzaFileProperties.h>
+#include <Z/zproperties.h>
 #endif
 #ifdef WITH_GLIB
 #include <glib.h>

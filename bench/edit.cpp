@@ -2,8 +2,18 @@
 #include "adapters.h"
 
 #ifdef WITH_ZBASE
-typedef OurFile File;
-#elif defined WITH_GLIB
+// As a C program does it.
+int main(int argc, char** argv) {
+    ZPROP_handle* file = nullptr;
+    if (argc != 2 || zstzPropOpen(&file, argv[1], ZPROP_OPEN_UPDATE) != ZPROP_OK ||
+        zstzPropSetStringValue(file, "section1", "setting25", "1") != ZPROP_OK ||
+        zstzPropStore(file, nullptr) != ZPROP_OK)
+        return 2;
+    zstzPropClose(file);
+    return 0;
+}
+#else
+#ifdef WITH_GLIB
 typedef GLibFile File;
 #else
 typedef SimpleFile File;
@@ -18,3 +28,4 @@ int main(int argc, char** argv) {
     file.store(argv[1]);
     return 0;
 }
+#endif
