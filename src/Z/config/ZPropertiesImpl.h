@@ -7,9 +7,11 @@
 
 #include "ZLCString.h"
 #include "ZProperties.h"
+#include "zinternal.h"
 #include "zlockedfile.h"
 #include "zmemory.h"
 #include "zopenupdates.h"
+#include "zraise.h"
 #include "zstoremodes.h"
 #include "zwholefile.h"
 
@@ -36,6 +38,17 @@ public:
     ZPropertiesLock& lock() const { return object_.lock_; }
     ZPCache& cache() const { return *object_.cache_; }
     void tell(const ZPropertyChanged& change);
+    /// Gives the last value of a key, as getValue finds it, under the lock; nothing if there is
+    /// none. Takes the lock.
+    template <typename Take>
+    void giveValue(const char* stanza, const char* key, int required, Take take) const {
+        zrequire(zhasText(stanza) && zhasText(key));
+        ZResourceLock guard(lock());
+        const char* text;
+        unsigned int length;
+        if (object_.extractValue(stanza, key, required, text, length) != 0)
+            take(text, length);
+    }
 
     const ZLCString& path() const { return fileName_; }
     /// What a call means by a path that may be null or empty. Raises ZInvalidParameterException if

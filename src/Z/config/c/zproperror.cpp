@@ -35,7 +35,7 @@ struct LastError {
     void set(int number, const char* newFile, int line, const char* newText);
 };
 
-thread_local LastError lastError;
+__thread LastError lastError __attribute__((tls_model("initial-exec")));
 
 pthread_once_t keyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t textsKey;

@@ -8,6 +8,7 @@
 
 #include "ZExceptionText.h"
 #include "ZPropHandle.h"
+#include "ZPropertiesImpl.h"
 #include "zproperror.h"
 #include "zraise.h"
 
@@ -94,28 +95,22 @@ int zstzPropNumValues(ZPROP_handle* handle, const char* stanza, const char* key,
 // Strings that are handed out carry a word in front of them, by which zstzPropFree knows them.
 static const uint32_t kStringMark = 0xC0FFEEEEu;
 
-static char* myStrDup(const ZLCString& text) {
-    const size_t length = text.getLength();
+static char* myStrDup(const char* text, size_t length) {
     char* block = static_cast<char*>(malloc(sizeof kStringMark + length + 1));
     if (block == nullptr)
         zraise(ZOutOfMemoryException());
     memcpy(block, &kStringMark, sizeof kStringMark);
-    memcpy(block + sizeof kStringMark, text.getChars(), length + 1);
-    return block + sizeof kStringMark;
+    char* string = block + sizeof kStringMark;
+    memcpy(string, text, length);
+    string[length] = '\0';
+    return string;
 }
 
 // Looks in front of a pointer that may not be ours: out of bounds on purpose, in this one read.
 __attribute__((no_sanitize("address"), no_sanitize("thread"), noinline)) static bool hasStringMark(
     const char* string) {
-    const volatile unsigned char* word =
-        reinterpret_cast<const volatile unsigned char*>(string) - sizeof kStringMark;
-    unsigned char bytes[sizeof kStringMark];
-    for (size_t i = 0; i < sizeof bytes; ++i)
-        bytes[i] = word[i];
-    uint32_t mark = 0;
-    for (size_t i = 0; i < sizeof bytes; ++i)
-        reinterpret_cast<unsigned char*>(&mark)[i] = bytes[i];
-    return mark == kStringMark;
+    typedef uint32_t Word __attribute__((aligned(1), may_alias));
+    return *reinterpret_cast<const volatile Word*>(string - sizeof kStringMark) == kStringMark;
 }
 
 static void myStrFree(char* string) {
@@ -136,9 +131,13 @@ char* zstzPropGetStringValue(ZPROP_handle* handle, const char* stanza, const cha
                              int required, int* err) {
     return ask(handle, err, stanza != nullptr && key != nullptr, static_cast<char*>(nullptr),
                [&](ZStanzaFileProperties& p) {
-                   ZLCString text;
-                   p.getValue(stanza, key, text, required, nullptr);
-                   return text.getLength() == 0 ? nullptr : myStrDup(text);
+                   // As getValue, but copied once.
+                   char* copy = nullptr;
+                   ZPropertiesFile::of(p).giveValue(
+                       stanza, key, required, [&](const char* text, unsigned int length) {
+                           copy = length == 0 ? nullptr : myStrDup(text, length);
+                       });
+                   return copy;
                });
 }
 
