@@ -3,6 +3,7 @@
 #include <cstdarg>
 
 #include "ZMessage.h"
+#include "zraise.h"
 
 ZException::ZException(unsigned long number, const char* name)
     : number_(number), name_(name), file_(nullptr), line_(0) {}
@@ -46,40 +47,116 @@ int ZZException::printinternal(const ZZException* exception, ...) {
     return result;
 }
 
-// What every concrete class has: its copy on the heap, and the raise. The copy that is raised has
-// exactly this class, so that a handler for it catches it.
-#define Z_CONCRETE(Class)                                      \
-    Class::~Class() noexcept {}                                \
-    ZObject* Class::clone() const { return new Class(*this); } \
-    void Class::throwException(const char* file, int line) {   \
-        addLocation(file, static_cast<unsigned long>(line));   \
-        throw Class(*this);                                    \
-    }
+ZOutOfMemoryException::ZOutOfMemoryException() : ZZException(1, "ZOutOfMemoryException") {}
 
-#define Z_PLAIN(Class, number)                      \
-    Class::Class() : ZZException(number, #Class) {} \
-    Z_CONCRETE(Class)                               \
-    int Class::print() { return printinternal(this); }
+ZOutOfMemoryException::~ZOutOfMemoryException() noexcept {}
 
-#define Z_CODE(Class)                                                          \
-    Class::Class(int number, int rc) : ZZException(number, #Class), rc_(rc) {} \
-    Z_CONCRETE(Class)                                                          \
-    int Class::print() { return printinternal(this, rc_); }
+ZObject* ZOutOfMemoryException::clone() const { return new ZOutOfMemoryException(*this); }
 
-#define Z_RESOURCE(Class)                                                \
-    Class::Class(int number, int rc) : ZResourceException(number, rc) {} \
-    Z_CONCRETE(Class)
+void ZOutOfMemoryException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
-Z_PLAIN(ZOutOfMemoryException, 1)
-Z_PLAIN(ZInvalidPlatformException, 11)
-Z_PLAIN(ZNotClonableException, 14)
-Z_PLAIN(ZInvalidParameterException, 22)
-Z_PLAIN(ZNoQELEnvironmentException, 45)
-Z_PLAIN(ZQELMBLenException, 46)
-Z_PLAIN(ZUnsupportedException, 48)
+int ZOutOfMemoryException::print() { return printinternal(this); }
 
-Z_CODE(ZThreadException)
-Z_CODE(ZConditionException)
+ZInvalidPlatformException::ZInvalidPlatformException()
+    : ZZException(11, "ZInvalidPlatformException") {}
+
+ZInvalidPlatformException::~ZInvalidPlatformException() noexcept {}
+
+ZObject* ZInvalidPlatformException::clone() const { return new ZInvalidPlatformException(*this); }
+
+void ZInvalidPlatformException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZInvalidPlatformException::print() { return printinternal(this); }
+
+ZNotClonableException::ZNotClonableException() : ZZException(14, "ZNotClonableException") {}
+
+ZNotClonableException::~ZNotClonableException() noexcept {}
+
+ZObject* ZNotClonableException::clone() const { return new ZNotClonableException(*this); }
+
+void ZNotClonableException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZNotClonableException::print() { return printinternal(this); }
+
+ZInvalidParameterException::ZInvalidParameterException()
+    : ZZException(22, "ZInvalidParameterException") {}
+
+ZInvalidParameterException::~ZInvalidParameterException() noexcept {}
+
+ZObject* ZInvalidParameterException::clone() const { return new ZInvalidParameterException(*this); }
+
+void ZInvalidParameterException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZInvalidParameterException::print() { return printinternal(this); }
+
+ZNoQELEnvironmentException::ZNoQELEnvironmentException()
+    : ZZException(45, "ZNoQELEnvironmentException") {}
+
+ZNoQELEnvironmentException::~ZNoQELEnvironmentException() noexcept {}
+
+ZObject* ZNoQELEnvironmentException::clone() const { return new ZNoQELEnvironmentException(*this); }
+
+void ZNoQELEnvironmentException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZNoQELEnvironmentException::print() { return printinternal(this); }
+
+ZQELMBLenException::ZQELMBLenException() : ZZException(46, "ZQELMBLenException") {}
+
+ZQELMBLenException::~ZQELMBLenException() noexcept {}
+
+ZObject* ZQELMBLenException::clone() const { return new ZQELMBLenException(*this); }
+
+void ZQELMBLenException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZQELMBLenException::print() { return printinternal(this); }
+
+ZUnsupportedException::ZUnsupportedException() : ZZException(48, "ZUnsupportedException") {}
+
+ZUnsupportedException::~ZUnsupportedException() noexcept {}
+
+ZObject* ZUnsupportedException::clone() const { return new ZUnsupportedException(*this); }
+
+void ZUnsupportedException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZUnsupportedException::print() { return printinternal(this); }
+
+ZThreadException::ZThreadException(int number, int rc)
+    : ZZException(number, "ZThreadException"), rc_(rc) {}
+
+ZThreadException::~ZThreadException() noexcept {}
+
+ZObject* ZThreadException::clone() const { return new ZThreadException(*this); }
+
+void ZThreadException::throwException(const char* file, int line) { zthrowCopy(*this, file, line); }
+
+int ZThreadException::print() { return printinternal(this, rc_); }
+
+ZConditionException::ZConditionException(int number, int rc)
+    : ZZException(number, "ZConditionException"), rc_(rc) {}
+
+ZConditionException::~ZConditionException() noexcept {}
+
+ZObject* ZConditionException::clone() const { return new ZConditionException(*this); }
+
+void ZConditionException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZConditionException::print() { return printinternal(this, rc_); }
 
 ZResourceException::ZResourceException(int number, int rc)
     : ZZException(number, "ZResourceException"), rc_(rc) {}
@@ -88,8 +165,57 @@ ZResourceException::~ZResourceException() noexcept {}
 
 int ZResourceException::print() { return printinternal(this, rc_); }
 
-Z_RESOURCE(ZCreateResourceException)
-Z_RESOURCE(ZLockResourceException)
-Z_RESOURCE(ZUnlockResourceException)
-Z_RESOURCE(ZReadResourceException)
-Z_RESOURCE(ZWriteResourceException)
+ZCreateResourceException::ZCreateResourceException(int number, int rc)
+    : ZResourceException(number, rc) {}
+
+ZCreateResourceException::~ZCreateResourceException() noexcept {}
+
+ZObject* ZCreateResourceException::clone() const { return new ZCreateResourceException(*this); }
+
+void ZCreateResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+ZLockResourceException::ZLockResourceException(int number, int rc)
+    : ZResourceException(number, rc) {}
+
+ZLockResourceException::~ZLockResourceException() noexcept {}
+
+ZObject* ZLockResourceException::clone() const { return new ZLockResourceException(*this); }
+
+void ZLockResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+ZUnlockResourceException::ZUnlockResourceException(int number, int rc)
+    : ZResourceException(number, rc) {}
+
+ZUnlockResourceException::~ZUnlockResourceException() noexcept {}
+
+ZObject* ZUnlockResourceException::clone() const { return new ZUnlockResourceException(*this); }
+
+void ZUnlockResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+ZReadResourceException::ZReadResourceException(int number, int rc)
+    : ZResourceException(number, rc) {}
+
+ZReadResourceException::~ZReadResourceException() noexcept {}
+
+ZObject* ZReadResourceException::clone() const { return new ZReadResourceException(*this); }
+
+void ZReadResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+ZWriteResourceException::ZWriteResourceException(int number, int rc)
+    : ZResourceException(number, rc) {}
+
+ZWriteResourceException::~ZWriteResourceException() noexcept {}
+
+ZObject* ZWriteResourceException::clone() const { return new ZWriteResourceException(*this); }
+
+void ZWriteResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}

@@ -84,54 +84,101 @@ protected:
     static int printinternal(const ZZException* exception, ...);
 };
 
-// The classes of this family differ in name, number and base alone; this writes out what each of
-// them has. A class of its own, not a template, so that each has a link name of its own.
-#define Z_PLAIN_EXCEPTION(Class)                                               \
-    class ZEXPORT Class : public ZZException {                                 \
-    public:                                                                    \
-        Class();                                                               \
-        ~Class() noexcept override;                                            \
-        ZObject* clone() const override;                                       \
-        [[noreturn]] void throwException(const char* file, int line) override; \
-        int print() override;                                                  \
-    };
-
 /// Memory ran out (1). Making, copying and raising it needs none of the library's allocators.
-Z_PLAIN_EXCEPTION(ZOutOfMemoryException)
+class ZEXPORT ZOutOfMemoryException : public ZZException {
+public:
+    ZOutOfMemoryException();
+    ~ZOutOfMemoryException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// The service doesn't exist on this platform (11).
-Z_PLAIN_EXCEPTION(ZInvalidPlatformException)
+class ZEXPORT ZInvalidPlatformException : public ZZException {
+public:
+    ZInvalidPlatformException();
+    ~ZInvalidPlatformException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// The object has no copies (14).
-Z_PLAIN_EXCEPTION(ZNotClonableException)
+class ZEXPORT ZNotClonableException : public ZZException {
+public:
+    ZNotClonableException();
+    ~ZNotClonableException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// A call with an argument or in a state that it doesn't allow (22).
-Z_PLAIN_EXCEPTION(ZInvalidParameterException)
+class ZEXPORT ZInvalidParameterException : public ZZException {
+public:
+    ZInvalidParameterException();
+    ~ZInvalidParameterException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// The environment variable QELDIR isn't set (45).
-Z_PLAIN_EXCEPTION(ZNoQELEnvironmentException)
+class ZEXPORT ZNoQELEnvironmentException : public ZZException {
+public:
+    ZNoQELEnvironmentException();
+    ~ZNoQELEnvironmentException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// Text that is no valid sequence of characters in its codeset (46).
-Z_PLAIN_EXCEPTION(ZQELMBLenException)
+class ZEXPORT ZQELMBLenException : public ZZException {
+public:
+    ZQELMBLenException();
+    ~ZQELMBLenException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
+
 /// The operation isn't supported for these operands (48).
-Z_PLAIN_EXCEPTION(ZUnsupportedException)
-
-#undef Z_PLAIN_EXCEPTION
-
-#define Z_CODE_EXCEPTION(Class)                                                \
-    class ZEXPORT Class : public ZZException {                                 \
-    public:                                                                    \
-        Class(int number, int rc);                                             \
-        ~Class() noexcept override;                                            \
-        ZObject* clone() const override;                                       \
-        [[noreturn]] void throwException(const char* file, int line) override; \
-        int print() override;                                                  \
-                                                                               \
-    protected:                                                                 \
-        int rc_;                                                               \
-    };
+class ZEXPORT ZUnsupportedException : public ZZException {
+public:
+    ZUnsupportedException();
+    ~ZUnsupportedException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+};
 
 /// A thread service failed: `number` tells which, `rc` is its return code.
-Z_CODE_EXCEPTION(ZThreadException)
-/// A condition failed: `number` tells which call, `rc` is its return code.
-Z_CODE_EXCEPTION(ZConditionException)
+class ZEXPORT ZThreadException : public ZZException {
+public:
+    ZThreadException(int number, int rc);
+    ~ZThreadException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
-#undef Z_CODE_EXCEPTION
+protected:
+    int rc_;
+};
+
+/// A condition failed: `number` tells which call, `rc` is its return code.
+class ZEXPORT ZConditionException : public ZZException {
+public:
+    ZConditionException(int number, int rc);
+    ~ZConditionException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+protected:
+    int rc_;
+};
 
 /// Base of the failures of locks and process locks. `rc` is the failed call's return code, 0 where
 /// the lock was used wrongly and no call failed.
@@ -146,26 +193,49 @@ protected:
     int rc_;
 };
 
-#define Z_RESOURCE_EXCEPTION(Class)                                            \
-    class ZEXPORT Class : public ZResourceException {                          \
-    public:                                                                    \
-        Class(int number, int rc);                                             \
-        ~Class() noexcept override;                                            \
-        ZObject* clone() const override;                                       \
-        [[noreturn]] void throwException(const char* file, int line) override; \
-    };
-
 /// A lock can't be made (3).
-Z_RESOURCE_EXCEPTION(ZCreateResourceException)
-/// A lock can't be taken (5, 33), or a call needed a lock that isn't held (5 with rc 0).
-Z_RESOURCE_EXCEPTION(ZLockResourceException)
-/// A lock can't be released (6, 34), or isn't this thread's to release (6 with rc 0).
-Z_RESOURCE_EXCEPTION(ZUnlockResourceException)
-/// A lock file can't be read (35).
-Z_RESOURCE_EXCEPTION(ZReadResourceException)
-/// A lock file can't be written (36).
-Z_RESOURCE_EXCEPTION(ZWriteResourceException)
+class ZEXPORT ZCreateResourceException : public ZResourceException {
+public:
+    ZCreateResourceException(int number, int rc);
+    ~ZCreateResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+};
 
-#undef Z_RESOURCE_EXCEPTION
+/// A lock can't be taken (5, 33), or a call needed a lock that isn't held (5 with rc 0).
+class ZEXPORT ZLockResourceException : public ZResourceException {
+public:
+    ZLockResourceException(int number, int rc);
+    ~ZLockResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+};
+
+/// A lock can't be released (6, 34), or isn't this thread's to release (6 with rc 0).
+class ZEXPORT ZUnlockResourceException : public ZResourceException {
+public:
+    ZUnlockResourceException(int number, int rc);
+    ~ZUnlockResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+};
+
+/// A lock file can't be read (35).
+class ZEXPORT ZReadResourceException : public ZResourceException {
+public:
+    ZReadResourceException(int number, int rc);
+    ~ZReadResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+};
+
+/// A lock file can't be written (36).
+class ZEXPORT ZWriteResourceException : public ZResourceException {
+public:
+    ZWriteResourceException(int number, int rc);
+    ~ZWriteResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+};
 
 #endif

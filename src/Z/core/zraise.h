@@ -16,6 +16,14 @@ struct ZSite {
         : file(calledFrom), line(atLine) {}
 };
 
+/// What throwException() of each concrete class does: notes the location and raises a copy of
+/// exactly this class, so that a handler for it catches it.
+template <typename Exception>
+[[noreturn]] inline void zthrowCopy(Exception& failure, const char* file, int line) {
+    failure.addLocation(file, static_cast<unsigned long>(line));
+    throw Exception(failure);
+}
+
 /// Raises the exception, with the place of this call as its location. Requires: the class named
 /// here is the object's own.
 template <typename Exception>

@@ -15,8 +15,7 @@ ZCodesetException::~ZCodesetException() noexcept {}
 ZObject* ZCodesetException::clone() const { return new ZCodesetException(*this); }
 
 void ZCodesetException::throwException(const char* file, int line) {
-    addLocation(file, static_cast<unsigned long>(line));
-    throw ZCodesetException(*this);
+    zthrowCopy(*this, file, line);
 }
 
 int ZCodesetException::print() {

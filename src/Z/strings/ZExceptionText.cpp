@@ -1,56 +1,126 @@
 #include "ZExceptionText.h"
 
 #include "zqelutil.h"
+#include "zraise.h"
 
-// What every concrete class has: its copy on the heap, and the raise of a copy of this very class.
-#define Z_CONCRETE(Class)                                      \
-    Class::~Class() noexcept {}                                \
-    ZObject* Class::clone() const { return new Class(*this); } \
-    void Class::throwException(const char* file, int line) {   \
-        addLocation(file, static_cast<unsigned long>(line));   \
-        throw Class(*this);                                    \
-    }
+ZOpenResourceException::ZOpenResourceException(int number, int rc, const char* value)
+    : ZResourceException(number, rc), value_(value) {}
 
-// Classes with one text, whose message has no other insert.
-#define Z_ONE_TEXT(Class, number, field)                                                       \
-    Class::Class(const char* field##text) : ZZException(number, #Class), field(field##text) {} \
-    Z_CONCRETE(Class)                                                                          \
-    int Class::print() { return printinternal(this, field.getChars()); }
+ZOpenResourceException::~ZOpenResourceException() noexcept {}
 
-// Classes that name the local codeset of the moment.
-#define Z_LOCAL_CODESET(Class, number)                                                     \
-    Class::Class() : ZZException(number, #Class), localCodeset_(zgetLocalCodesetName()) {} \
-    Z_CONCRETE(Class)                                                                      \
-    int Class::print() { return printinternal(this, localCodeset_.getChars()); }
+ZObject* ZOpenResourceException::clone() const { return new ZOpenResourceException(*this); }
 
-// Failures of a named resource.
-#define Z_NAMED_RESOURCE(Class)                            \
-    Class::Class(int number, int rc, const char* value)    \
-        : ZResourceException(number, rc), value_(value) {} \
-    Z_CONCRETE(Class)                                      \
-    int Class::print() { return printinternal(this, rc_, value_.getChars()); }
+void ZOpenResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
-Z_NAMED_RESOURCE(ZOpenResourceException)
-Z_NAMED_RESOURCE(ZCloseResourceException)
+int ZOpenResourceException::print() { return printinternal(this, rc_, value_.getChars()); }
 
-Z_ONE_TEXT(ZAbstractNotImplementedException, 31, value_)
-Z_ONE_TEXT(ZUnexpectedEndOfFile, 53, what_)
-Z_ONE_TEXT(ZJavaPropertyParseException, 54, what_)
+ZCloseResourceException::ZCloseResourceException(int number, int rc, const char* value)
+    : ZResourceException(number, rc), value_(value) {}
 
-Z_LOCAL_CODESET(ZToUTF8Exception, 49)
-Z_LOCAL_CODESET(ZFromUTF8Exception, 50)
+ZCloseResourceException::~ZCloseResourceException() noexcept {}
+
+ZObject* ZCloseResourceException::clone() const { return new ZCloseResourceException(*this); }
+
+void ZCloseResourceException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZCloseResourceException::print() { return printinternal(this, rc_, value_.getChars()); }
+
+ZAbstractNotImplementedException::ZAbstractNotImplementedException(const char* value)
+    : ZZException(31, "ZAbstractNotImplementedException"), value_(value) {}
+
+ZAbstractNotImplementedException::~ZAbstractNotImplementedException() noexcept {}
+
+ZObject* ZAbstractNotImplementedException::clone() const {
+    return new ZAbstractNotImplementedException(*this);
+}
+
+void ZAbstractNotImplementedException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZAbstractNotImplementedException::print() { return printinternal(this, value_.getChars()); }
+
+ZUnexpectedEndOfFile::ZUnexpectedEndOfFile(const char* what)
+    : ZZException(53, "ZUnexpectedEndOfFile"), what_(what) {}
+
+ZUnexpectedEndOfFile::~ZUnexpectedEndOfFile() noexcept {}
+
+ZObject* ZUnexpectedEndOfFile::clone() const { return new ZUnexpectedEndOfFile(*this); }
+
+void ZUnexpectedEndOfFile::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZUnexpectedEndOfFile::print() { return printinternal(this, what_.getChars()); }
+
+ZJavaPropertyParseException::ZJavaPropertyParseException(const char* what)
+    : ZZException(54, "ZJavaPropertyParseException"), what_(what) {}
+
+ZJavaPropertyParseException::~ZJavaPropertyParseException() noexcept {}
+
+ZObject* ZJavaPropertyParseException::clone() const {
+    return new ZJavaPropertyParseException(*this);
+}
+
+void ZJavaPropertyParseException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZJavaPropertyParseException::print() { return printinternal(this, what_.getChars()); }
+
+ZToUTF8Exception::ZToUTF8Exception()
+    : ZZException(49, "ZToUTF8Exception"), localCodeset_(zgetLocalCodesetName()) {}
+
+ZToUTF8Exception::~ZToUTF8Exception() noexcept {}
+
+ZObject* ZToUTF8Exception::clone() const { return new ZToUTF8Exception(*this); }
+
+void ZToUTF8Exception::throwException(const char* file, int line) { zthrowCopy(*this, file, line); }
+
+int ZToUTF8Exception::print() { return printinternal(this, localCodeset_.getChars()); }
+
+ZFromUTF8Exception::ZFromUTF8Exception()
+    : ZZException(50, "ZFromUTF8Exception"), localCodeset_(zgetLocalCodesetName()) {}
+
+ZFromUTF8Exception::~ZFromUTF8Exception() noexcept {}
+
+ZObject* ZFromUTF8Exception::clone() const { return new ZFromUTF8Exception(*this); }
+
+void ZFromUTF8Exception::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
+
+int ZFromUTF8Exception::print() { return printinternal(this, localCodeset_.getChars()); }
 
 ZInvalidResourceStateException::ZInvalidResourceStateException(const char* value)
     : ZResourceException(32, -1), value_(value) {}
 
-Z_CONCRETE(ZInvalidResourceStateException)
+ZInvalidResourceStateException::~ZInvalidResourceStateException() noexcept {}
+
+ZObject* ZInvalidResourceStateException::clone() const {
+    return new ZInvalidResourceStateException(*this);
+}
+
+void ZInvalidResourceStateException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZInvalidResourceStateException::print() { return printinternal(this, value_.getChars()); }
 
 ZConverterException::ZConverterException(int number, int rc, const char* from, const char* to)
     : ZZException(number, "ZConverterException"), rcText_(rc), fromCodeset_(from), toCodeset_(to) {}
 
-Z_CONCRETE(ZConverterException)
+ZConverterException::~ZConverterException() noexcept {}
+
+ZObject* ZConverterException::clone() const { return new ZConverterException(*this); }
+
+void ZConverterException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZConverterException::print() {
     return printinternal(this, fromCodeset_.getChars(), toCodeset_.getChars(), rcText_.getChars());
@@ -70,7 +140,15 @@ ZPropertiesMissingPropertyException::ZPropertiesMissingPropertyException(const c
       category_(category),
       key_(key) {}
 
-Z_CONCRETE(ZPropertiesMissingPropertyException)
+ZPropertiesMissingPropertyException::~ZPropertiesMissingPropertyException() noexcept {}
+
+ZObject* ZPropertiesMissingPropertyException::clone() const {
+    return new ZPropertiesMissingPropertyException(*this);
+}
+
+void ZPropertiesMissingPropertyException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZPropertiesMissingPropertyException::print() {
     return printinternal(this, propFile(), key(), category());
@@ -85,7 +163,15 @@ ZPropertiesInvalidValueException::ZPropertiesInvalidValueException(const char* p
       key_(key),
       value_(value) {}
 
-Z_CONCRETE(ZPropertiesInvalidValueException)
+ZPropertiesInvalidValueException::~ZPropertiesInvalidValueException() noexcept {}
+
+ZObject* ZPropertiesInvalidValueException::clone() const {
+    return new ZPropertiesInvalidValueException(*this);
+}
+
+void ZPropertiesInvalidValueException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZPropertiesInvalidValueException::print() {
     return printinternal(this, propFile(), value(), key(), category());
@@ -115,7 +201,15 @@ ZPropertiesInvalidBoolValueException::~ZPropertiesInvalidBoolValueException() no
 ZPropertiesIteratorException::ZPropertiesIteratorException(const char* propFile)
     : ZPropertiesException(42, "ZPropertiesIteratorException", propFile) {}
 
-Z_CONCRETE(ZPropertiesIteratorException)
+ZPropertiesIteratorException::~ZPropertiesIteratorException() noexcept {}
+
+ZObject* ZPropertiesIteratorException::clone() const {
+    return new ZPropertiesIteratorException(*this);
+}
+
+void ZPropertiesIteratorException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZPropertiesIteratorException::print() { return printinternal(this, propFile()); }
 
@@ -124,7 +218,13 @@ ZPropertiesIOException::ZPropertiesIOException(const char* propFile, const char*
       api_(api),
       excerrno_(excerrno) {}
 
-Z_CONCRETE(ZPropertiesIOException)
+ZPropertiesIOException::~ZPropertiesIOException() noexcept {}
+
+ZObject* ZPropertiesIOException::clone() const { return new ZPropertiesIOException(*this); }
+
+void ZPropertiesIOException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZPropertiesIOException::print() { return printinternal(this, propFile(), api(), excerrno()); }
 
@@ -134,7 +234,15 @@ ZPropertiesInvalidDataException::ZPropertiesInvalidDataException(const char* pro
       baddata_(baddata),
       badline_(badline) {}
 
-Z_CONCRETE(ZPropertiesInvalidDataException)
+ZPropertiesInvalidDataException::~ZPropertiesInvalidDataException() noexcept {}
+
+ZObject* ZPropertiesInvalidDataException::clone() const {
+    return new ZPropertiesInvalidDataException(*this);
+}
+
+void ZPropertiesInvalidDataException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZPropertiesInvalidDataException::print() {
     return printinternal(this, propFile(), badline(), baddata());
@@ -157,7 +265,15 @@ ZSharedLibraryLoadException::ZSharedLibraryLoadException(const char* library, co
                                                          int error)
     : ZSharedLibraryException(51, "ZSharedLibraryLoadException", library, message, error) {}
 
-Z_CONCRETE(ZSharedLibraryLoadException)
+ZSharedLibraryLoadException::~ZSharedLibraryLoadException() noexcept {}
+
+ZObject* ZSharedLibraryLoadException::clone() const {
+    return new ZSharedLibraryLoadException(*this);
+}
+
+void ZSharedLibraryLoadException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZSharedLibraryLoadException::print() {
     return printinternal(this, library_.getChars(), libraryError_, libraryMessage_.getChars());
@@ -169,7 +285,15 @@ ZSharedLibraryResolveException::ZSharedLibraryResolveException(const char* libra
     : ZSharedLibraryException(52, "ZSharedLibraryResolveException", library, message, error),
       symbol_(symbol) {}
 
-Z_CONCRETE(ZSharedLibraryResolveException)
+ZSharedLibraryResolveException::~ZSharedLibraryResolveException() noexcept {}
+
+ZObject* ZSharedLibraryResolveException::clone() const {
+    return new ZSharedLibraryResolveException(*this);
+}
+
+void ZSharedLibraryResolveException::throwException(const char* file, int line) {
+    zthrowCopy(*this, file, line);
+}
 
 int ZSharedLibraryResolveException::print() {
     return printinternal(this, library_.getChars(), symbol_.getChars(), libraryError_,

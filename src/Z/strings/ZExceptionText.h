@@ -30,58 +30,127 @@
 #include "ZException.h"
 #include "ZLCString.h"
 
-// What every concrete class has.
-#define Z_CONCRETE_TEXT_EXCEPTION(Class)                                   \
-    ~Class() noexcept override;                                            \
-    ZObject* clone() const override;                                       \
-    [[noreturn]] void throwException(const char* file, int line) override; \
+/// A lock file can't be opened: `value` is its name.
+class ZEXPORT ZOpenResourceException : public ZResourceException {
+public:
+    ZOpenResourceException(int number, int rc, const char* value);
+    ~ZOpenResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
     int print() override;
 
-// Classes with one text that differ in name alone.
-#define Z_VALUE_EXCEPTION(Class, Base, arguments, reader, field) \
-    class ZEXPORT Class : public Base {                          \
-    public:                                                      \
-        explicit Class arguments;                                \
-        Z_CONCRETE_TEXT_EXCEPTION(Class)                         \
-        reader                                                   \
-                                                                 \
-            protected : ZLCString field;                         \
-    };
-#define Z_VALUE_READER \
     const char* value() const { return value_.getChars(); }
-#define Z_NO_READER
 
-/// A lock file can't be opened: `value` is its name.
-Z_VALUE_EXCEPTION(ZOpenResourceException, ZResourceException,
-                  (int number, int rc, const char* value), Z_VALUE_READER, value_)
+protected:
+    ZLCString value_;
+};
+
 /// A lock file can't be closed: `value` is its name.
-Z_VALUE_EXCEPTION(ZCloseResourceException, ZResourceException,
-                  (int number, int rc, const char* value), Z_VALUE_READER, value_)
-/// A lock is in a state that doesn't allow the call (32): `value` is that state's name.
-Z_VALUE_EXCEPTION(ZInvalidResourceStateException, ZResourceException, (const char* value),
-                  Z_VALUE_READER, value_)
-/// The class doesn't implement the operation (31): `value` is its name.
-Z_VALUE_EXCEPTION(ZAbstractNotImplementedException, ZZException, (const char* value),
-                  Z_VALUE_READER, value_)
-/// The file `what` ends too early (53).
-Z_VALUE_EXCEPTION(ZUnexpectedEndOfFile, ZZException, (const char* what), Z_NO_READER, what_)
-/// The Java property file `what` can't be understood (54).
-Z_VALUE_EXCEPTION(ZJavaPropertyParseException, ZZException, (const char* what), Z_NO_READER, what_)
-/// Text in the local codeset can't be converted to UTF-8 (49). Names the local codeset.
-Z_VALUE_EXCEPTION(ZToUTF8Exception, ZZException, (), Z_NO_READER, localCodeset_)
-/// Text in UTF-8 can't be converted to the local codeset (50). Names the local codeset.
-Z_VALUE_EXCEPTION(ZFromUTF8Exception, ZZException, (), Z_NO_READER, localCodeset_)
+class ZEXPORT ZCloseResourceException : public ZResourceException {
+public:
+    ZCloseResourceException(int number, int rc, const char* value);
+    ~ZCloseResourceException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
-#undef Z_VALUE_EXCEPTION
-#undef Z_VALUE_READER
-#undef Z_NO_READER
+    const char* value() const { return value_.getChars(); }
+
+protected:
+    ZLCString value_;
+};
+
+/// A lock is in a state that doesn't allow the call (32): `value` is that state's name.
+class ZEXPORT ZInvalidResourceStateException : public ZResourceException {
+public:
+    explicit ZInvalidResourceStateException(const char* value);
+    ~ZInvalidResourceStateException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+    const char* value() const { return value_.getChars(); }
+
+protected:
+    ZLCString value_;
+};
+
+/// The class doesn't implement the operation (31): `value` is its name.
+class ZEXPORT ZAbstractNotImplementedException : public ZZException {
+public:
+    explicit ZAbstractNotImplementedException(const char* value);
+    ~ZAbstractNotImplementedException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+    const char* value() const { return value_.getChars(); }
+
+protected:
+    ZLCString value_;
+};
+
+/// The file `what` ends too early (53).
+class ZEXPORT ZUnexpectedEndOfFile : public ZZException {
+public:
+    explicit ZUnexpectedEndOfFile(const char* what);
+    ~ZUnexpectedEndOfFile() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+protected:
+    ZLCString what_;
+};
+
+/// The Java property file `what` can't be understood (54).
+class ZEXPORT ZJavaPropertyParseException : public ZZException {
+public:
+    explicit ZJavaPropertyParseException(const char* what);
+    ~ZJavaPropertyParseException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+protected:
+    ZLCString what_;
+};
+
+/// Text in the local codeset can't be converted to UTF-8 (49). Names the local codeset.
+class ZEXPORT ZToUTF8Exception : public ZZException {
+public:
+    ZToUTF8Exception();
+    ~ZToUTF8Exception() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+protected:
+    ZLCString localCodeset_;
+};
+
+/// Text in UTF-8 can't be converted to the local codeset (50). Names the local codeset.
+class ZEXPORT ZFromUTF8Exception : public ZZException {
+public:
+    ZFromUTF8Exception();
+    ~ZFromUTF8Exception() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
+
+protected:
+    ZLCString localCodeset_;
+};
 
 /// A converter between two codesets can't be made. For users of the library: nothing in it raises
 /// this.
 class ZEXPORT ZConverterException : public ZZException {
 public:
     ZConverterException(int number, int rc, const char* from, const char* to);
-    Z_CONCRETE_TEXT_EXCEPTION(ZConverterException)
+    ~ZConverterException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
 protected:
     ZLCString rcText_;
@@ -108,7 +177,10 @@ class ZEXPORT ZPropertiesMissingPropertyException : public ZPropertiesException 
 public:
     ZPropertiesMissingPropertyException(const char* propFile, const char* category,
                                         const char* key);
-    Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesMissingPropertyException)
+    ~ZPropertiesMissingPropertyException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
     const char* category() const { return category_.getChars(); }
     const char* key() const { return key_.getChars(); }
@@ -123,7 +195,10 @@ class ZEXPORT ZPropertiesInvalidValueException : public ZPropertiesException {
 public:
     ZPropertiesInvalidValueException(const char* propFile, const char* category, const char* key,
                                      const char* value);
-    Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesInvalidValueException)
+    ~ZPropertiesInvalidValueException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
     const char* category() const { return category_.getChars(); }
     const char* key() const { return key_.getChars(); }
@@ -157,14 +232,20 @@ public:
 class ZEXPORT ZPropertiesIteratorException : public ZPropertiesException {
 public:
     explicit ZPropertiesIteratorException(const char* propFile);
-    Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesIteratorException)
+    ~ZPropertiesIteratorException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 };
 
 /// A call on a configuration file failed (43): the call and its errno.
 class ZEXPORT ZPropertiesIOException : public ZPropertiesException {
 public:
     ZPropertiesIOException(const char* propFile, const char* api, int excerrno);
-    Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesIOException)
+    ~ZPropertiesIOException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
     const char* api() const { return api_.getChars(); }
     /// The errno of that call.
@@ -180,7 +261,10 @@ protected:
 class ZEXPORT ZPropertiesInvalidDataException : public ZPropertiesException {
 public:
     ZPropertiesInvalidDataException(const char* propFile, const char* baddata, int badline);
-    Z_CONCRETE_TEXT_EXCEPTION(ZPropertiesInvalidDataException)
+    ~ZPropertiesInvalidDataException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
     const char* baddata() const { return baddata_.getChars(); }
     /// The line of the file, from 1; 0 where it is no text.
@@ -210,7 +294,10 @@ protected:
 class ZEXPORT ZSharedLibraryLoadException : public ZSharedLibraryException {
 public:
     ZSharedLibraryLoadException(const char* library, const char* message, int error);
-    Z_CONCRETE_TEXT_EXCEPTION(ZSharedLibraryLoadException)
+    ~ZSharedLibraryLoadException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
 protected:
     ZLCString symbol_;
@@ -221,12 +308,13 @@ class ZEXPORT ZSharedLibraryResolveException : public ZSharedLibraryException {
 public:
     ZSharedLibraryResolveException(const char* library, const char* symbol, const char* message,
                                    int error);
-    Z_CONCRETE_TEXT_EXCEPTION(ZSharedLibraryResolveException)
+    ~ZSharedLibraryResolveException() noexcept override;
+    ZObject* clone() const override;
+    [[noreturn]] void throwException(const char* file, int line) override;
+    int print() override;
 
 protected:
     ZLCString symbol_;
 };
-
-#undef Z_CONCRETE_TEXT_EXCEPTION
 
 #endif
