@@ -94,23 +94,9 @@ void ZArray::setNoCopy(unsigned int index, const ZObject* object) {
         zdeleteMember(old);
 }
 
-int ZArray::indexOf(const ZObject* object) const {
-    if (object == nullptr)
-        return -1;
-    for (unsigned int i = 0; i < size_; ++i)
-        if (slots_[i] != nullptr && object->equals(*slots_[i]))
-            return static_cast<int>(i);
-    return -1;
-}
+int ZArray::indexOf(const ZObject* object) const { return zfirstOf(slots_, size_, object); }
 
-int ZArray::lastIndexOf(const ZObject* object) const {
-    if (object == nullptr)
-        return -1;
-    for (unsigned int i = size_; i-- > 0;)
-        if (slots_[i] != nullptr && object->equals(*slots_[i]))
-            return static_cast<int>(i);
-    return -1;
-}
+int ZArray::lastIndexOf(const ZObject* object) const { return zlastOf(slots_, size_, object); }
 
 void ZArray::swap(unsigned int a, unsigned int b) {
     checkIndex(a, size_);

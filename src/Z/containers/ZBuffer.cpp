@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "ZException.h"
 #include "zraise.h"
@@ -53,10 +54,8 @@ unsigned long ZConstBuffer::getLength() const { return length_; }
 void* ZConstBuffer::getBuffer() const { return data_; }
 
 void ZConstBuffer::takeBuffer(unsigned long& length, void*& data) {
-    length = length_;
-    data = data_;
-    length_ = 0;
-    data_ = nullptr;
+    length = std::exchange(length_, 0);
+    data = std::exchange(data_, nullptr);
 }
 
 // ZBuffer
@@ -133,8 +132,6 @@ unsigned long ZBuffer::getLength() const { return length_; }
 void* ZBuffer::getBuffer() const { return data_; }
 
 void ZBuffer::takeBuffer(unsigned long& length, void*& data) {
-    length = length_;
-    data = data_;
-    length_ = 0;
-    data_ = nullptr;
+    length = std::exchange(length_, 0);
+    data = std::exchange(data_, nullptr);
 }

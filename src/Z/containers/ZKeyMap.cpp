@@ -68,12 +68,7 @@ ZHashKeyMap::ZHashKeyMap(const ZHashKeyMap& other)
     : ZAbstractKeyMap(other), table_(new Table(*other.table_)) {}
 
 ZHashKeyMap& ZHashKeyMap::operator=(const ZHashKeyMap& other) {
-    if (this == &other)
-        return *this;
-    // The old table goes last, when nobody who comes here out of a member's destructor finds it.
-    Table* old = table_;
-    table_ = new Table(*other.table_);
-    delete old;
+    Table::assign(table_, *other.table_);
     return *this;
 }
 

@@ -256,22 +256,10 @@ void ZArrayList::set(unsigned int index, const ZObject* object) {
     zdeleteMember(old);
 }
 
-int ZArrayList::indexOf(const ZObject* object) const {
-    if (object == nullptr)
-        return -1;
-    for (unsigned int i = 0; i < size_; ++i)
-        if (members_[i] != nullptr && object->equals(*members_[i]))
-            return static_cast<int>(i);
-    return -1;
-}
+int ZArrayList::indexOf(const ZObject* object) const { return zfirstOf(members_, size_, object); }
 
 int ZArrayList::lastIndexOf(const ZObject* object) const {
-    if (object == nullptr)
-        return -1;
-    for (unsigned int i = size_; i-- > 0;)
-        if (members_[i] != nullptr && object->equals(*members_[i]))
-            return static_cast<int>(i);
-    return -1;
+    return zlastOf(members_, size_, object);
 }
 
 void ZArrayList::subList(ZList& out, unsigned int from, unsigned int to) const {

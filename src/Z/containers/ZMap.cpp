@@ -59,12 +59,7 @@ ZHashMap::ZHashMap(unsigned int size, int ownsMembers)
 ZHashMap::ZHashMap(const ZHashMap& other) : ZAbstractMap(other), table_(new Table(*other.table_)) {}
 
 ZHashMap& ZHashMap::operator=(const ZHashMap& other) {
-    if (this == &other)
-        return *this;
-    // The old table goes last, when nobody who comes here out of a member's destructor finds it.
-    Table* old = table_;
-    table_ = new Table(*other.table_);
-    delete old;
+    Table::assign(table_, *other.table_);
     return *this;
 }
 

@@ -91,6 +91,15 @@ ZHashTable<Member>::ZHashTable(const ZHashTable& other)
 }
 
 template <typename Member>
+void ZHashTable<Member>::assign(ZHashTable*& table, const ZHashTable& other) {
+    if (table == &other)
+        return;
+    const ZHashTable* const old = table;
+    table = new ZHashTable(other);
+    delete old;
+}
+
+template <typename Member>
 ZHashTable<Member>::~ZHashTable() noexcept {
     removeAll();
     if (nodes_ != &noEntries_)

@@ -76,6 +76,10 @@ public:
     ZHashTable& operator=(const ZHashTable&) = delete;
     ~ZHashTable() noexcept override;
 
+    /// Puts a copy of `other` in the place of `table`, which goes last, when nobody who comes here
+    /// out of a member's destructor finds it. Nothing happens when they are the same.
+    static void assign(ZHashTable*& table, const ZHashTable& other);
+
     /// The number of buckets that a map made for `size` entries has.
     static uint64_t bucketsFor(unsigned int size);
 

@@ -1,5 +1,5 @@
-// zownership.h: what the containers share: blocks of memory, and members that are deleted or on
-// their way in. Never installed.
+// zownership.h: what the containers share: blocks of memory, and members that are looked for,
+// deleted or on their way in. Never installed.
 #ifndef Z_ZOWNERSHIP_H
 #define Z_ZOWNERSHIP_H
 
@@ -22,6 +22,23 @@ void zreleaseBlock(void* block) noexcept;
 /// changed. A caller that deletes many holds cancellation off once for all of them: each costs
 /// little then.
 void zdeleteMember(ZObject* member);
+
+/// The first and the last of `size` members that `object` equals; -1 for none and for null. Null
+/// members are passed over. References, for equals() may be a caller's and change the container.
+template <typename Members>
+int zfirstOf(const Members& members, const unsigned int& size, const ZObject* object) {
+    for (unsigned int i = 0; object != nullptr && i < size; ++i)
+        if (members[i] != nullptr && object->equals(*members[i]))
+            return static_cast<int>(i);
+    return -1;
+}
+template <typename Members>
+int zlastOf(const Members& members, const unsigned int& size, const ZObject* object) {
+    for (unsigned int i = size; object != nullptr && i-- > 0;)
+        if (members[i] != nullptr && object->equals(*members[i]))
+            return static_cast<int>(i);
+    return -1;
+}
 
 /// A member on its way into a container: its clone if the container owns members, which is deleted
 /// at the end of the scope unless it found its place, else the object itself.

@@ -6,6 +6,7 @@
 #include <cxxabi.h>
 
 #include "zraise.h"
+#include "zuncancelled.h"
 
 /// Sends the plain message `number` with the return code of a failed call as its one insert to the
 /// current message service. The place that it tells is that of this call.
@@ -31,6 +32,20 @@ __attribute__((no_sanitize("null"))) bool zrunReported(Step step, ZSite site = Z
     } catch (...) {
         zreportCaught(site);
         return false;
+    }
+}
+
+/// Runs `step` and drops what it raises: for what comes behind a failure that is on its way, or is
+/// a report itself. A cancellation request waits until it is over; only the end of the thread goes
+/// on.
+template <typename Step>
+__attribute__((no_sanitize("null"))) void zrunAnyway(Step step) {
+    const ZUncancelled uncancelled;
+    try {
+        step();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
     }
 }
 

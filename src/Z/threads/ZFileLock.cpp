@@ -34,6 +34,7 @@
 
 #include "ZExceptionText.h"
 #include "zraise.h"
+#include "zreport.h"
 #include "zscope.h"
 #include "zuncancelled.h"
 
@@ -75,23 +76,11 @@ static void raiseState(const char* name, ZSite site = ZSite()) {
     zraise(ZInvalidResourceStateException(name), site);
 }
 
-// Runs a clean-up whose failure mustn't hide the one that led here. Giving a record lock up and
-// closing are places where a thread may be cancelled: not in a clean-up.
-template <typename CleanUp>
-static void whateverHappens(CleanUp cleanUp) {
-    const ZUncancelled guard;
-    try {
-        cleanUp();
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-    }
-}
-
-// Runs a clean-up at the end of the scope, whatever happens in it, unless it is dismissed.
+// Runs a clean-up at the end of the scope, whatever happens in it, unless it is dismissed. Giving a
+// record lock up and closing are places where a thread may be cancelled: not in a clean-up.
 template <typename CleanUp>
 static auto onFailure(CleanUp cleanUp) {
-    return ZAtEnd([=] { whateverHappens(cleanUp); });
+    return ZAtEnd([=] { zrunAnyway(cleanUp); });
 }
 
 // ---------------------------------------------------------------- construction and names
@@ -258,7 +247,7 @@ void ZAbstractProcessReadWriteFileLock::takeFile(zlockstate state) {
 
 void ZAbstractProcessReadWriteFileLock::giveBack() {
     if (lockState_ != unset)
-        whateverHappens([this] { unlockFile(); });
+        zrunAnyway([this] { unlockFile(); });
     lockState_ = unset;
     abandonFile();
 }
