@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "zformat.h"
+#include "zformatparse.h"
 
 // Writes what `c` holds into a block for `*out`, which stays as it was if there is no length to ask
 // a block for. Most texts are short: the pass that measures writes already, on the stack, so that a
@@ -33,9 +34,9 @@ static int formatBlock(const format_context& c, char** out) {
 
 static int formatArguments(char** out, const char* fmt, ZFormatArguments& from) {
     format_context c;
-    const int parsed = zformatParse(c, fmt, from);
+    const int parsed = zformatParse(c, zgetLCSHandle(), fmt, from);
     const int length = parsed == 0 ? formatBlock(c, out) : -1;
-    zvsnprintf_done(&c);
+    zformatDone(c);
     return length;
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "qel/qel.h"
+#include "zformatparse.h"
 
 namespace {
 
