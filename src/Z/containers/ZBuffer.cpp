@@ -85,10 +85,7 @@ void ZBuffer::setLength(unsigned long length) {
         free(data_);
         data_ = nullptr;
     } else if (length > length_) {
-        void* data = realloc(data_, length);
-        if (data == nullptr)
-            zraise(ZOutOfMemoryException());
-        data_ = data;
+        data_ = zrequireMemory(realloc(data_, length));
     }
     length_ = length;
 }
@@ -103,9 +100,7 @@ void ZBuffer::setBuffer(unsigned long length, void* data) {
     }
     // A fresh block: what it will hold is replaced anyway, so that realloc would copy in vain, and
     // the source may lie in the old one.
-    void* bytes = malloc(length);
-    if (bytes == nullptr)
-        zraise(ZOutOfMemoryException());
+    void* const bytes = zrequireMemory(malloc(length));
     memcpy(bytes, data, length);
     free(data_);
     data_ = bytes;

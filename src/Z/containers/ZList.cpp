@@ -197,8 +197,7 @@ void ZArrayList::addNoCopy(unsigned int index, const ZObject* object) {
 // By half: 1, 2, 3, 4, 6, 9, 13, 19. Doubling would copy a little less and waste a lot more.
 void ZArrayList::grow() {
     const uint64_t capacity = uint64_t(size_) + std::max(size_ / 2, 1u);
-    if (capacity > UINT_MAX)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(capacity <= UINT_MAX);
     ZObject** members = allocateSlots(static_cast<unsigned int>(capacity));
     memcpy(members, members_, size_ * sizeof(ZObject*));
     zreleaseBlock(members_);

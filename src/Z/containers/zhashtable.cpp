@@ -177,8 +177,7 @@ void ZHashTable<Member>::reserve() {
 
 template <typename Member>
 void ZHashTable<Member>::growNodes() {
-    if (capacity_ == UINT32_MAX)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(capacity_ != UINT32_MAX);
     const uint64_t capacity =
         std::min<uint64_t>(std::max<uint64_t>(uint64_t(capacity_) * 2, kFirstNodes), UINT32_MAX);
     Node* nodes = static_cast<Node*>(zallocateSpread(capacity, sizeof(Node)));
@@ -193,8 +192,7 @@ void ZHashTable<Member>::growNodes() {
 // of the old ones: two walks through memory, no jumps.
 template <typename Member>
 void ZHashTable<Member>::growSlots() {
-    if (shift_ == 32)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(shift_ != 32);
     const int shift = slots_ != nullptr ? shift_ - 1 : 64 - kFirstSlotBits;
     const uint64_t count = uint64_t(1) << (64 - shift);
     Slot* old = slots_;

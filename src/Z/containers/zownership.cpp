@@ -6,6 +6,7 @@
 
 #include "ZException.h"
 #include "zmemory.h"
+#include "zraise.h"
 #include "zreport.h"
 #include "zuncancelled.h"
 
@@ -17,9 +18,7 @@ void* zallocateBlock(uint64_t count, size_t width) {
     void* block = nullptr;
     if (count <= PTRDIFF_MAX / width)
         block = globalArrayAllocator(static_cast<size_t>(count) * width);
-    if (block == nullptr)
-        zraise(ZOutOfMemoryException());
-    return block;
+    return zrequireMemory(block);
 }
 
 void* zallocateSpread(uint64_t count, size_t width) {

@@ -11,10 +11,7 @@
 static void* (*volatile globalAllocator)(size_t) = &::operator new;
 
 static void* allocate(size_t size, ZSite site = ZSite()) {
-    void* memory = globalAllocator(size);
-    if (memory == nullptr)
-        zraise(ZOutOfMemoryException(), site);
-    return memory;
+    return zrequireMemory(globalAllocator(size), site);
 }
 
 unsigned int ZObject::hash() const { return zaddressHash(this); }

@@ -45,6 +45,24 @@ inline void zrequire(bool condition, ZSite site = ZSite()) {
         zraise(ZInvalidParameterException(), site);
 }
 
+/// Raises ZOutOfMemoryException. Out of line, as zraiseCode.
+[[noreturn, gnu::cold, gnu::noinline]] inline void zraiseOutOfMemory(ZSite site) {
+    zraise(ZOutOfMemoryException(), site);
+}
+
+/// Raises ZOutOfMemoryException unless the condition holds: for sizes that nothing can have.
+inline void zrequireRoom(bool condition, ZSite site = ZSite()) {
+    if (!condition)
+        zraiseOutOfMemory(site);
+}
+
+/// What an allocator gave, which isn't null: raises ZOutOfMemoryException.
+template <typename T>
+inline T* zrequireMemory(T* memory, ZSite site = ZSite()) {
+    zrequireRoom(memory != nullptr, site);
+    return memory;
+}
+
 /// Raises ZThreadException with `number` and the return code unless the code is 0.
 inline void zcheckThread(int number, int rc, ZSite site = ZSite()) {
     if (rc != 0)

@@ -11,7 +11,7 @@ ZAbstractConstString& ZAbstractConstString::setChars(const ZAbstractString& othe
     return *this;
 }
 
-void ZAbstractConstString::raiseTooLong() { zraise(ZOutOfMemoryException()); }
+void ZAbstractConstString::raiseTooLong() { zraiseOutOfMemory(ZSite()); }
 
 int ZAbstractConstString::equals(const ZObject& other) const {
     const ZAbstractString& string = static_cast<const ZAbstractString&>(other);

@@ -17,18 +17,14 @@ static uint64_t grownCapacity(uint64_t capacity, uint64_t inlineLength, uint64_t
     uint64_t target = n > capacity ? n : capacity;
     if (target <= inlineLength)
         return capacity;
-    if (target > kMostCapacity)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(target <= kMostCapacity);
     if (!exact)
         target += (n + 7) / 5;
     return target > kMostCapacity ? kMostCapacity : target;
 }
 
 static char* allocateBlock(uint64_t capacity) {
-    char* block = static_cast<char*>(malloc(static_cast<size_t>(capacity) + 1));
-    if (block == nullptr)
-        zraise(ZOutOfMemoryException());
-    return block;
+    return static_cast<char*>(zrequireMemory(malloc(static_cast<size_t>(capacity) + 1)));
 }
 
 int ZAbstractMutableString::isOwn(const char* s) const {
@@ -46,9 +42,8 @@ void ZAbstractMutableString::grow(uint64_t n, int exact) {
         block = allocateBlock(target);
         memcpy(block, inline_chars_, length_ + 1);
     } else {
-        block = static_cast<char*>(realloc(chars_, static_cast<size_t>(target) + 1));
-        if (block == nullptr)
-            zraise(ZOutOfMemoryException());
+        void* const moved = zrequireMemory(realloc(chars_, static_cast<size_t>(target) + 1));
+        block = static_cast<char*>(moved);
     }
     chars_ = block;
     capacity_ = static_cast<unsigned int>(target);

@@ -28,8 +28,7 @@ static unsigned int positionOf(const char* hit, const char* text) {
     if (hit == nullptr)
         return ZAbstractString::notFound;
     const size_t position = static_cast<size_t>(hit - text);
-    if (position >= ZAbstractString::notFound)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(position < ZAbstractString::notFound);
     return static_cast<unsigned int>(position);
 }
 

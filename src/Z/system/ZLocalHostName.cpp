@@ -8,15 +8,15 @@
 #include <memory>
 
 #include "ZException.h"
+#include "zraise.h"
 #include "zreport.h"
 #include "zuncancelled.h"
 
 static const size_t kRoom = 256;
 
 ZLCString ZLocalHostName::getLocalHostName() {
-    const std::unique_ptr<char, decltype(&free)> name(static_cast<char*>(malloc(kRoom)), &free);
-    if (name == nullptr)
-        zraise(ZOutOfMemoryException());
+    const std::unique_ptr<char, decltype(&free)> name(
+        static_cast<char*>(zrequireMemory(malloc(kRoom))), &free);
     if (gethostname(name.get(), kRoom) != 0) {
         zreportCode(25, errno);
         return ZLCString();

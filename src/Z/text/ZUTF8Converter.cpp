@@ -66,8 +66,7 @@ static void convert(Conversion* conversion, unsigned long bytesPerByte, qel_code
         return;
     }
     const size_t length = strlen(text);
-    if (length > (ULONG_MAX - 1) / bytesPerByte)
-        zraise(ZOutOfMemoryException());
+    zrequireRoom(length <= (ULONG_MAX - 1) / bytesPerByte);
     out.setLength(bytesPerByte * length + 1);
     const int n =
         conversion(codeset, text, length + 1, static_cast<char*>(out.getBuffer()), out.getLength());
