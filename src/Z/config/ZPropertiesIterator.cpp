@@ -5,7 +5,6 @@
 // the list anew at each call.
 #include "ZPropertiesIterator.h"
 
-#include <cstring>
 #include <memory>
 #include <typeinfo>
 
@@ -32,7 +31,7 @@ public:
         if (!isOwnModel(*properties.cache_))
             return nullptr;
         ZPStore& store = properties.cache_->store();
-        return new Place(store, store.stanzaInMap(stanza, strlen(stanza)));
+        return new Place(store, store.stanzaInMap(zspanOf(stanza)));
     }
 
 private:
@@ -185,8 +184,8 @@ public:
     }
     // Whether it is on a key, which is looked for if it isn't.
     bool find(const ZLCString& stanza, const ZLCString& name) {
-        const ZPStore::Id found = store().keyInMap(stanza.getChars(), stanza.getLength(),
-                                                   name.getChars(), name.getLength());
+        const ZPStore::Id found = store().keyInMap({stanza.getChars(), stanza.getLength()},
+                                                   {name.getChars(), name.getLength()});
         if (found != ZPStore::none)
             moveTo(found);
         return found != ZPStore::none;

@@ -13,22 +13,6 @@
 
 typedef ZPStore::Id Id;
 
-namespace {
-
-// A name or value as it comes in: a null pointer counts as the empty text.
-struct Text {
-    const char* chars;
-    size_t length;
-    explicit Text(const char* s) : chars(s == nullptr ? "" : s), length(strlen(chars)) {}
-};
-
-struct Bytes {
-    const char* chars;
-    size_t length;
-};
-
-}  // namespace
-
 // ---------------------------------------------------------------- ZPCache
 
 ZLCString* ZPCache::empty_ = nullptr;
@@ -65,8 +49,7 @@ void ZPCache::remove(const char*) {}
 int ZPCache::keyCount(const char* category) const { return contains(category) != 0 ? 1 : 0; }
 
 int ZPCache::contains(const char* category) const {
-    const Text name(category);
-    return store_->stanzaInMap(name.chars, name.length) != ZPStore::none;
+    return store_->stanzaInMap(zspanOf(category)) != ZPStore::none;
 }
 
 int ZPCache::contains(const char*, const char*) const { return 0; }
@@ -126,7 +109,7 @@ void ZPCache::copyValues(const char* category, const char* key, ZArrayList& list
         list.addList(*values);
 }
 
-unsigned int ZPCache::obfuscatedCount() const { return store_->itemCount(); }
+unsigned int ZPCache::obfuscatedCount() const { return store_->followedCount(); }
 
 int ZPCache::readError() const { return store_->readError(); }
 
@@ -135,8 +118,7 @@ int ZPCache::readError() const { return store_->readError(); }
 static Id findKey(const ZPStore& store, const char* category, const char* key) {
     if (key == nullptr)
         return ZPStore::none;
-    const Text stanza(category);
-    return store.keyInMap(stanza.chars, stanza.length, key, strlen(key));
+    return store.keyInMap(zspanOf(category), zspanOf(key));
 }
 
 ZArrayList* ZPCategoryBasedCache::get(const char* category, const char* key,
@@ -164,8 +146,7 @@ int ZPCategoryBasedCache::contains(const char* category, const char* key) const 
 }
 
 int ZPCategoryBasedCache::keyCount(const char* category) const {
-    const Text name(category);
-    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    const Id stanza = store().stanzaInMap(zspanOf(category));
     return stanza == ZPStore::none ? 0 : static_cast<int>(store().stanza(stanza).count);
 }
 
@@ -207,8 +188,7 @@ void ZPCategoryBasedCache::copyValues(const char* category, const char* key,
 void ZPCategoryBasedCache::getNames(ZArrayList& list) const { ZPCache::getNames(list); }
 
 void ZPCategoryBasedCache::getNames(const char* category, ZArrayList& list) const {
-    const Text name(category);
-    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    const Id stanza = store().stanzaInMap(zspanOf(category));
     if (stanza == ZPStore::none)
         return;
     list.removeAll();
@@ -225,30 +205,28 @@ void ZPCategoryBasedCache::getNames(const char* category, ZArrayList& list) cons
 }
 
 ZArrayList* ZPCategoryBasedCache::getNames(const char* category) const {
-    const Text name(category);
-    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    const Id stanza = store().stanzaInMap(zspanOf(category));
     return stanza == ZPStore::none ? nullptr : store().keyList(stanza);
 }
 
 // Prints texts one behind the other, however long.
-static void print(FILE* stream, std::initializer_list<Bytes> texts) {
-    for (const Bytes& text : texts)
-        fwrite(text.chars, 1, text.length, stream);
+static void print(FILE* stream, std::initializer_list<ZSpan> texts) {
+    for (const ZSpan& text : texts)
+        if (text.size != 0)
+            fwrite(text.data, 1, text.size, stream);
 }
 
 void ZPCategoryBasedCache::list(FILE* stream) const {
     const ZPStore& model = store();
-    auto bytes = [&](const ZPSlice& slice) { return Bytes{model.text(slice), slice.length}; };
     model.forEachStanza([&](Id s) {
-        print(stream, {{"\n[", 2}, bytes(model.stanza(s).name), {"]\n", 2}});
+        print(stream, {{"\n[", 2}, model.text().span(model.stanza(s).name), {"]\n", 2}});
         for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.key(k).next) {
-            const ZPSlice& key = model.key(k).name;
+            const ZSpan key = model.text().span(model.key(k).name);
             const ZPValueView values = model.values(k, ZPStore::plain);
             for (uint32_t i = 0; i < values.count(); ++i)
-                print(stream,
-                      {bytes(key), {" = ", 3}, {values[i].data, values[i].size}, {"\n", 1}});
+                print(stream, {key, {" = ", 3}, values[i], {"\n", 1}});
             if (values.count() == 0)
-                print(stream, {bytes(key), {" =\n", 3}});
+                print(stream, {key, {" =\n", 3}});
         }
     });
 }
@@ -257,35 +235,34 @@ void ZPCategoryBasedCache::list(FILE* stream) const {
 
 void ZPCategoryBasedCache::add(const char* category, const char* key, const char* value,
                                int obfuscated) {
-    const Text stanza(category), name(key), text(value);
-    const Id owner = store().createStanza(stanza.chars, stanza.length);
+    const Id owner = store().createStanza(zspanOf(category));
     if (key == nullptr)
         return;
-    const Id id = store().createKey(owner, name.chars, name.length);
-    if (text.length == 0)
+    const Id id = store().createKey(owner, zspanOf(key));
+    const ZSpan text = zspanOf(value);
+    if (text.size == 0)
         return;
     const ZPStore::Kind kind = obfuscated != 0 ? ZPStore::hidden : ZPStore::plain;
     const bool first = store().values(id, kind).count() == 0;
-    store().appendValue(id, kind, text.chars, text.length);
+    store().appendValue(id, kind, text);
     if (kind == ZPStore::hidden && first)
-        store().appendItem(id);
+        store().follow(id);
 }
 
 // This value in place of all values of the key; it decides whether the side database follows it.
-static void setValue(ZPStore& store, Id key, ZPStore::Kind kind, const Text& value) {
-    store.replaceValues(key, kind, value.chars, value.length);
-    if (kind == ZPStore::hidden && value.length != 0)
-        store.appendItem(key);
+static void setValue(ZPStore& store, Id key, ZPStore::Kind kind, ZSpan value) {
+    store.replaceValues(key, kind, value);
+    if (kind == ZPStore::hidden && value.size != 0)
+        store.follow(key);
     else
-        store.removeItem(key);
+        store.unfollow(key);
 }
 
 static void setValue(ZPStore& store, const char* category, const char* key, ZPStore::Kind kind,
                      const char* value) {
-    const Text stanza(category), name(key);
-    const Id owner = store.createStanza(stanza.chars, stanza.length);
+    const Id owner = store.createStanza(zspanOf(category));
     if (key != nullptr)
-        setValue(store, store.createKey(owner, name.chars, name.length), kind, Text(value));
+        setValue(store, store.createKey(owner, zspanOf(key)), kind, zspanOf(value));
 }
 
 void ZPCategoryBasedCache::set(const char* category, const char* key, const char* value) {
@@ -303,8 +280,7 @@ void ZPCategoryBasedCache::remove(const char* category, const char* key) {
 }
 
 void ZPCategoryBasedCache::remove(const char* category) {
-    const Text name(category);
-    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    const Id stanza = store().stanzaInMap(zspanOf(category));
     if (stanza != ZPStore::none)
         store().removeStanza(stanza);
 }
@@ -323,16 +299,15 @@ void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int
 int ZPCategoryBasedCache::addStanzaLine(const char* category) {
     if (isStrict())
         zrequireNoFault(zfaultOfStanza(category));
-    const Text name(category);
-    if (store().stanzaInMap(name.chars, name.length) != ZPStore::none)
+    const ZSpan name = zspanOf(category);
+    if (store().stanzaInMap(name) != ZPStore::none)
         return 1;
-    store().addHeader(store().createStanza(name.chars, name.length));
+    store().addHeader(store().createStanza(name));
     return 0;
 }
 
 void ZPCategoryBasedCache::delStanzaLine(const char* category) {
-    const Text name(category);
-    const Id stanza = store().findStanza(name.chars, name.length);
+    const Id stanza = store().findStanza(zspanOf(category));
     if (stanza == ZPStore::none)
         return;
     // The group goes first: a stanza that has neither map entry nor group is forgotten.
@@ -354,21 +329,21 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
         checkValue(key, value, obfuscated, 1);
     }
     ZPStore& model = store();
-    const Text stanza(category), name(key), text(value);
-    Id id = model.keyInMap(stanza.chars, stanza.length, name.chars, name.length);
+    const ZSpan stanza = zspanOf(category), name = zspanOf(key), text = zspanOf(value);
+    Id id = model.keyInMap(stanza, name);
     const bool existed = id != ZPStore::none;
     if (!existed) {
-        Id owner = model.stanzaInMap(stanza.chars, stanza.length);
+        Id owner = model.stanzaInMap(stanza);
         if (owner == ZPStore::none) {
-            owner = model.createStanza(stanza.chars, stanza.length);
+            owner = model.createStanza(stanza);
             model.addHeader(owner);
         }
-        id = model.createKey(owner, name.chars, name.length);
+        id = model.createKey(owner, name);
     }
     setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);
     // A key that only the side database knew gets a line with its first plain value, or the value
     // would be missing from the file.
-    if (existed && (model.hasLine(id) || obfuscated != 0 || text.length == 0))
+    if (existed && (model.hasLine(id) || obfuscated != 0 || text.size == 0))
         return;
     const Id owner = model.key(id).stanza;
     if (model.stanza(owner).group == ZPStore::none)
@@ -379,12 +354,11 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
 void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
     if (key == nullptr)
         return;
-    const Text stanza(category), name(key);
-    const Id id = store().findKey(stanza.chars, stanza.length, name.chars, name.length);
+    const Id id = store().findKey(zspanOf(category), zspanOf(key));
     if (id == ZPStore::none)
         return;
     // The lines go first: a key that has neither map entry nor line is forgotten.
-    const bool inMap = store().attached(id);
+    const bool inMap = store().isInMap(id);
     store().removeKeyLines(id);
     if (inMap)
         store().removeKey(id);
@@ -393,19 +367,17 @@ void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
 void ZPCategoryBasedCache::addFileComment(const char* text) {
     if (isStrict())
         zrequireNoFault(zfaultOfComment(text));
-    const Text comment(text);
-    store().addFileComment(comment.chars, comment.length);
+    store().addFileComment(zspanOf(text));
 }
 
 void ZPCategoryBasedCache::addStanzaComment(const char* category, const char* text) {
     if (isStrict())
         zrequireNoFault(zfaultOfComment(text));
     addStanzaLine(category);
-    const Text name(category), comment(text);
-    const Id stanza = store().stanzaInMap(name.chars, name.length);
+    const Id stanza = store().stanzaInMap(zspanOf(category));
     if (store().stanza(stanza).group == ZPStore::none)
         store().addHeader(stanza);
-    store().addStanzaComment(stanza, comment.chars, comment.length);
+    store().addStanzaComment(stanza, zspanOf(text));
 }
 
 void ZPCategoryBasedCache::addLineComment(const char* category, const char* key, const char* text) {
@@ -414,10 +386,8 @@ void ZPCategoryBasedCache::addLineComment(const char* category, const char* key,
     if (contains(category, key) == 0)
         addLine(category, key, nullptr, 0);
     const Id id = findKey(store(), category, key);
-    if (id == ZPStore::none)
-        return;
-    const Text comment(text);
-    store().addKeyComment(id, comment.chars, comment.length);
+    if (id != ZPStore::none)
+        store().addKeyComment(id, zspanOf(text));
 }
 
 void ZPCategoryBasedCache::checkInvariants() const { store().checkInvariants(); }

@@ -112,7 +112,7 @@ public:
             at += length;
         }
         flush();
-        store_.addDead(unused_);
+        store_.addUnused(unused_);
     }
 
 private:
@@ -183,7 +183,7 @@ private:
 
     bool takeHeader(ZSpan name) {
         flush();
-        if (store_.stanzaInMap(name.data, name.size) != ZPStore::none)
+        if (store_.stanzaInMap(name) != ZPStore::none)
             return false;
         group_ = store_.readHeader(slice(name));
         stanza_ = name.size == 0 ? ZPStore::none : store_.group(group_).stanza;
@@ -195,7 +195,7 @@ private:
     bool takeEntry(ZSpan key, ZSpan value) {
         if (stanza_ == ZPStore::none || key.size == 0)
             return false;
-        const uint32_t hash = store_.keyHash(stanza_, key.data, key.size);
+        const uint32_t hash = store_.keyHash(stanza_, key);
         store_.prefetchKey(hash);
         queue({zlineEntry, slice(key), slice(value), hash});
         return true;
@@ -307,7 +307,7 @@ private:
                 comment(line.slice());
                 break;
             case ZPLine::key:
-                if (store_.attached(line.ref))
+                if (store_.isInMap(line.ref))
                     entry(line.ref);
                 break;
         }
@@ -496,7 +496,7 @@ private:
 void ZSCFData::be_write_obfuscated(ZBuffer& buffer) {
     const ZPStore& model = store();
     Records records;
-    for (Id k = model.firstItem(); k != ZPStore::none; k = model.nextItem(k)) {
+    for (Id k = model.firstFollowed(); k != ZPStore::none; k = model.nextFollowed(k)) {
         const ZPValueView values = model.values(k, ZPStore::hidden);
         const ZPSlice& stanza = model.stanza(model.key(k).stanza).name;
         const ZPSlice& key = model.key(k).name;

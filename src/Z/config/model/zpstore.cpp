@@ -21,15 +21,6 @@ static void addString(ZArrayList& list, ZSpan text) {
 
 // ---------------------------------------------------------------- life
 
-ZPStore::ZPStore()
-    : stanzasInMap_(0),
-      itemFirst_(none),
-      itemLast_(none),
-      itemCount_(0),
-      cursors_(nullptr),
-      mayHaveHidden_(false),
-      mayHaveExtras_(false) {}
-
 ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     // The delegated constructor has finished, so that the destructor clears up if this raises.
     text_.reserve(other.text_.size());
@@ -40,10 +31,10 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     for (Id g = 0; g != none; g = other.group(g).next) {
         Id group = 0;
         if (g != 0) {
-            const ZPSlice& name = other.stanzas_[other.group(g).stanza].name;
-            Id stanza = findStanza(other.text(name), name.length);
+            const ZSpan name = other.text_.span(other.stanzas_[other.group(g).stanza].name);
+            Id stanza = findStanza(name);
             if (stanza == none) {
-                stanza = createStanza(other.text(name), name.length);
+                stanza = createStanza(name);
                 stanzas_[stanza].inMap = false;  // whether it is follows below
                 --stanzasInMap_;
             }
@@ -57,27 +48,24 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
             } else if (line.isComment()) {
                 lines_.appendComment(group, text_.append(other.text_.span(line.slice())), text_);
             } else {
-                const ZPSlice& name = other.keys_[line.ref].name;
+                const ZSpan name = other.text_.span(other.keys_[line.ref].name);
                 const Id stanza = lines_.group(group).stanza;
-                const uint32_t hash = keyHash(stanza, other.text(name), name.length);
-                const ZPSlice& stanzaName = stanzas_[stanza].name;
-                Id key =
-                    findKey(text(stanzaName), stanzaName.length, other.text(name), name.length);
+                Id key = findKey(text_.span(stanzas_[stanza].name), name);
                 if (key == none) {
                     makeRoomForKey();
-                    key = newKey(stanza, text_.append(other.text_.span(name)), hash);
+                    key = newKey(stanza, text_.append(name), keyHash(stanza, name));
                 }
                 noteLine(key, lines_.appendKey(group, key));
             }
         });
     }
-    // Then the map: attaching in key order gives the same order here.
+    // Then the map, in key order.
     other.forEachStanza([&](Id s) {
-        const Stanza& source = other.stanzas_[s];
-        const Id stanza = createStanza(other.text(source.name), source.name.length);
+        const ZPStanza& source = other.stanzas_[s];
+        const Id stanza = createStanza(other.text_.span(source.name));
         for (Id k = source.first; k != none; k = other.keys_[k].next) {
-            const Key& from = other.keys_[k];
-            const Id key = createKey(stanza, other.text(from.name), from.name.length);
+            const ZPKey& from = other.keys_[k];
+            const Id key = createKey(stanza, other.text_.span(from.name));
             for (Kind kind : {plain, hidden}) {
                 const ZPValueView values = other.values(k, kind);
                 if (values.count() == 0)
@@ -95,35 +83,14 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
 
 ZPStore::~ZPStore() {
     for (Id i = 0; mayHaveExtras_ && i < keys_.end(); ++i)
-        delete keys_[i].extra;  // null in records that are free
-    for (size_t i = 0; i < nameTexts_.size(); ++i)
-        free(nameTexts_[i]);
-}
-
-template <typename T>
-static void swapValues(T& a, T& b) {
-    T other = a;
-    a = b;
-    b = other;
+        delete keys_[i].extra;  // null in records that were given back
 }
 
 void ZPStore::clear() {
     // A fresh store takes the place of this one; the old content goes with it.
     ZPStore fresh;
     endCursors(none);
-    std::swap(text_, fresh.text_);
-    std::swap(keys_, fresh.keys_);
-    std::swap(stanzas_, fresh.stanzas_);
-    std::swap(lines_, fresh.lines_);
-    std::swap(keyIndex_, fresh.keyIndex_);
-    std::swap(stanzaIndex_, fresh.stanzaIndex_);
-    swapValues(stanzasInMap_, fresh.stanzasInMap_);
-    swapValues(itemFirst_, fresh.itemFirst_);
-    swapValues(itemLast_, fresh.itemLast_);
-    swapValues(itemCount_, fresh.itemCount_);
-    nameTexts_.swap(fresh.nameTexts_);
-    swapValues(mayHaveHidden_, fresh.mayHaveHidden_);
-    swapValues(mayHaveExtras_, fresh.mayHaveExtras_);
+    std::swap<ZPContent>(*this, fresh);
 }
 
 // ---------------------------------------------------------------- text
@@ -151,7 +118,7 @@ size_t ZPStore::textNeeded() const {
         });
     stanzaIndex_.forEach([&](Id s) { needed += stanzas_[s].name.length + 3; });
     keyIndex_.forEach([&](Id k) {
-        const Key& key = keys_[k];
+        const ZPKey& key = keys_[k];
         needed += key.name.length + key.value.length + 4;
         if (key.extra != nullptr)
             for (ZPValues& values : key.extra->values)
@@ -184,7 +151,7 @@ void ZPStore::moveText(ZPText& target) {
         if (movedKeys[k])
             return;
         movedKeys[k] = true;
-        Key& key = keys_[k];
+        ZPKey& key = keys_[k];
         move(key.name);
         if (key.value.length != 0) {
             target.append({" = ", 3});
@@ -216,13 +183,13 @@ void ZPStore::moveText(ZPText& target) {
 
 // ---------------------------------------------------------------- stanzas
 
-ZPStore::Id ZPStore::findStanza(const char* name, size_t length) const {
-    return stanzaIndex_.find(znarrowHash(zhashOf({name, length})),
-                             [&](Id id, uint32_t) { return isNamed(stanzas_[id], name, length); });
+ZPStore::Id ZPStore::findStanza(ZSpan name) const {
+    return stanzaIndex_.find(znarrowHash(zhashOf(name)),
+                             [&](Id id, uint32_t) { return isNamed(stanzas_[id], name); });
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
-    Stanza fresh = {name, {}, hash, none, none, 0, none, true, false, {}, {}};
+    ZPStanza fresh = {name, {}, hash, none, none, 0, none, true, false, {}, {}};
     memcpy(fresh.head, text(name),
            name.length < sizeof fresh.head ? name.length : sizeof fresh.head);
     const Id id = stanzas_.take(std::move(fresh));
@@ -230,12 +197,12 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
     return id;
 }
 
-ZPStore::Id ZPStore::createStanza(const char* name, size_t length) {
-    Id id = findStanza(name, length);
+ZPStore::Id ZPStore::createStanza(ZSpan name) {
+    Id id = findStanza(name);
     if (id == none) {
         stanzas_.reserveMore(1);
         stanzaIndex_.reserveMore(1);
-        id = newStanza(text_.append({name, length}), zhashOf({name, length}));
+        id = newStanza(text_.append(name), zhashOf(name));
     }
     if (!stanzas_[id].inMap) {
         stanzas_[id].inMap = true;
@@ -245,7 +212,7 @@ ZPStore::Id ZPStore::createStanza(const char* name, size_t length) {
 }
 
 void ZPStore::removeStanza(Id id) {
-    Stanza& stanza = stanzas_[id];
+    ZPStanza& stanza = stanzas_[id];
     if (!stanza.inMap)
         return;
     endCursors(id);
@@ -260,7 +227,7 @@ void ZPStore::removeStanza(Id id) {
 }
 
 void ZPStore::freeStanzaIfUnneeded(Id id) {
-    Stanza& stanza = stanzas_[id];
+    ZPStanza& stanza = stanzas_[id];
     if (stanza.inMap || stanza.group != none)
         return;
     stanzaIndex_.remove(znarrowHash(stanza.hash), id);
@@ -271,21 +238,19 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- keys
 
-ZPStore::Id ZPStore::findKey(const char* stanza, size_t stanzaLength, const char* key,
-                             size_t keyLength) const {
-    const uint32_t hash = zhashOfBoth(zhashOf({stanza, stanzaLength}), zhashOf({key, keyLength}));
+ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
+    const uint32_t hash = zhashOfBoth(zhashOf(stanza), zhashOf(key));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
-        const Key& candidate = keys_[id];
+        const ZPKey& candidate = keys_[id];
         __builtin_prefetch(&candidate);
-        return text_.size() - offset >= keyLength && memcmp(text(offset), key, keyLength) == 0 &&
-               candidate.name.length == keyLength &&
-               isNamed(stanzas_[candidate.stanza], stanza, stanzaLength);
+        return text_.stands(offset, key) && candidate.name.length == key.size &&
+               isNamed(stanzas_[candidate.stanza], stanza);
     });
 }
 
 uint32_t ZPStore::hashOf(Id id) const {
-    const Key& key = keys_[id];
-    return keyHash(key.stanza, text(key.name), key.name.length);
+    const ZPKey& key = keys_[id];
+    return keyHash(key.stanza, text_.span(key.name));
 }
 
 void ZPStore::makeRoomForKey() {
@@ -294,16 +259,16 @@ void ZPStore::makeRoomForKey() {
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
-    const Id id = keys_.take({name, {0, 0}, stanza, none, detached, none, nullptr});
+    const Id id = keys_.take({name, {0, 0}, stanza, none, outsideMap, none, nullptr});
     keyIndex_.insert(hash, id, name.offset);
     return id;
 }
 
 // At the end of its stanza's key order. A handed-out key list takes the name first, since that
 // alone can fail.
-void ZPStore::attach(Id id) {
-    Key& key = keys_[id];
-    Stanza& stanza = stanzas_[key.stanza];
+void ZPStore::putIntoMap(Id id) {
+    ZPKey& key = keys_[id];
+    ZPStanza& stanza = stanzas_[key.stanza];
     if (ZArrayList* list = stanza.keyList.get())
         addString(*list, text_.span(key.name));
     key.next = none;
@@ -316,22 +281,20 @@ void ZPStore::attach(Id id) {
     ++stanza.count;
 }
 
-ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
-    const uint32_t hash = keyHash(stanza, name, length);
+ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
+    const uint32_t hash = keyHash(stanza, name);
     Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
-        const Key& key = keys_[candidate];
-        return key.stanza == stanza && key.name.length == length &&
-               memcmp(text(key.name), name, length) == 0;
+        return keys_[candidate].stanza == stanza && isNamed(keys_[candidate], name);
     });
-    if (id != none && attached(id))
+    if (id != none && isInMap(id))
         return id;
     const bool made = id == none;
     if (made) {
         makeRoomForKey();
-        id = newKey(stanza, text_.append({name, length}), hash);
+        id = newKey(stanza, text_.append(name), hash);
     }
     try {
-        attach(id);
+        putIntoMap(id);
     } catch (...) {
         if (made)
             freeKeyIfUnneeded(id);
@@ -341,8 +304,8 @@ ZPStore::Id ZPStore::createKey(Id stanza, const char* name, size_t length) {
 }
 
 void ZPStore::removeKey(Id id) {
-    Key& key = keys_[id];
-    Stanza& stanza = stanzas_[key.stanza];
+    ZPKey& key = keys_[id];
+    ZPStanza& stanza = stanzas_[key.stanza];
     if (ZArrayList* list = stanza.keyList.get()) {
         const ZLCString name(text(key.name), key.name.length);
         const unsigned int last = list->size() - 1;
@@ -357,7 +320,7 @@ void ZPStore::removeKey(Id id) {
             c->isOnKey_ = false;
         }
     dropNameText(id);
-    removeItem(id);
+    unfollow(id);
     dropValues(id, plain);
     dropValues(id, hidden);
     delete key.extra;
@@ -370,14 +333,14 @@ void ZPStore::removeKey(Id id) {
         keys_[key.next].prev = key.prev;
     else
         stanza.last = key.prev;
-    key.next = detached;
+    key.next = outsideMap;
     --stanza.count;
     freeKeyIfUnneeded(id);
 }
 
 void ZPStore::freeKeyIfUnneeded(Id id) {
-    Key& key = keys_[id];
-    if (attached(id) || key.line != none)
+    ZPKey& key = keys_[id];
+    if (isInMap(id) || key.line != none)
         return;
     keyIndex_.remove(hashOf(id), id);
     text_.drop(key.name);
@@ -387,17 +350,17 @@ void ZPStore::freeKeyIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- values
 
-ZPStore::KeyExtra& ZPStore::extraOf(Id id) {
-    Key& key = keys_[id];
+ZPKeyExtra& ZPStore::extraOf(Id id) {
+    ZPKey& key = keys_[id];
     if (key.extra == nullptr) {
-        key.extra = new KeyExtra;
+        key.extra = new ZPKeyExtra;
         mayHaveExtras_ = true;
     }
     return *key.extra;
 }
 
 void ZPStore::dropValues(Id id, Kind kind) {
-    Key& key = keys_[id];
+    ZPKey& key = keys_[id];
     if (key.extra != nullptr) {
         key.extra->values[kind].drop(text_, ownValue(key, kind));
     } else if (kind == plain) {
@@ -406,38 +369,38 @@ void ZPStore::dropValues(Id id, Kind kind) {
     }
 }
 
-void ZPStore::appendValue(Id id, Kind kind, const char* value, size_t length) {
-    if (length == 0)
+void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
+    if (value.size == 0)
         return;
-    requireLength(length);
+    requireLength(value.size);
     if (kind == hidden)
         noteHidden();
-    Key& key = keys_[id];
+    ZPKey& key = keys_[id];
     if (kind == plain && takesValue(key))
-        key.value = text_.append({value, length});
+        key.value = text_.append(value);
     else
-        extraOf(id).values[kind].append(text_, ownValue(key, kind), ZSpan{value, length});
+        extraOf(id).values[kind].append(text_, ownValue(key, kind), value);
 }
 
-void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) {
-    requireLength(length);
-    Key& key = keys_[id];
+void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
+    requireLength(value.size);
+    ZPKey& key = keys_[id];
     // The usual case: one plain value takes the place of another and fits into its room.
     const bool isAlone = key.extra == nullptr || !(key.extra->values[plain].areHere() ||
                                                    key.extra->values[hidden].areHere());
-    if (isAlone && kind == plain && length != 0 && key.value.length >= length) {
-        text_.overwrite(key.value, {value, length});
+    if (isAlone && kind == plain && value.size != 0 && key.value.length >= value.size) {
+        text_.overwrite(key.value, value);
         compactIfWorthwhile();
         return;
     }
     if (kind == hidden)
         noteHidden();
-    if (length == 0) {
+    if (value.size == 0) {
         dropValues(id, kind);
     } else if (kind == hidden || key.extra != nullptr) {
-        extraOf(id).values[kind].replace(text_, ownValue(key, kind), {value, length});
+        extraOf(id).values[kind].replace(text_, ownValue(key, kind), value);
     } else {
-        const ZPSlice fresh = text_.append({value, length});
+        const ZPSlice fresh = text_.append(value);
         dropValues(id, plain);
         key.value = fresh;
     }
@@ -451,17 +414,17 @@ void ZPStore::replaceValues(Id id, Kind kind, const char* value, size_t length) 
 ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
     if (kind == hidden)
         noteHidden();
-    const Key& key = keys_[id];
-    KeyExtra* extra = zloadMade(key.extra);
+    const ZPKey& key = keys_[id];
+    ZPKeyExtra* extra = zloadMade(key.extra);
     if (extra == nullptr) {
-        extra = zpublish(key.extra, std::unique_ptr<KeyExtra>(new KeyExtra));
+        extra = zpublish(key.extra, std::unique_ptr<ZPKeyExtra>(new ZPKeyExtra));
         __atomic_store_n(&mayHaveExtras_, true, __ATOMIC_RELAXED);
     }
     return extra->values[kind].list(text_, ownValue(key, kind));
 }
 
 ZArrayList* ZPStore::keyList(Id id) const {
-    const Stanza& stanza = stanzas_[id];
+    const ZPStanza& stanza = stanzas_[id];
     if (ZArrayList* list = stanza.keyList.get())
         return list;
     std::unique_ptr<ZArrayList> fresh(new ZArrayList(stanza.count, 1));
@@ -471,7 +434,7 @@ ZArrayList* ZPStore::keyList(Id id) const {
 }
 
 ZLCString* ZPStore::nameObject(Id id) const {
-    const Stanza& stanza = stanzas_[id];
+    const ZPStanza& stanza = stanzas_[id];
     if (ZLCString* name = stanza.nameObject.get())
         return name;
     return stanza.nameObject.publish(
@@ -485,15 +448,15 @@ const char* ZPStore::nameText(Id id) {
             nameTexts_.push(nullptr);
     }
     if (nameTexts_[id] == nullptr) {
-        const ZPSlice& name = keys_[id].name;
-        char* copy = static_cast<char*>(malloc(name.length + size_t(1)));
+        const ZSpan name = text_.span(keys_[id].name);
+        char* copy = static_cast<char*>(malloc(name.size + 1));
         if (copy == nullptr)
             zraise(ZOutOfMemoryException());
-        memcpy(copy, text(name), name.length);
-        copy[name.length] = '\0';
-        nameTexts_[id] = copy;
+        memcpy(copy, name.data, name.size);
+        copy[name.size] = '\0';
+        nameTexts_[id].reset(copy);
     }
-    return nameTexts_[id];
+    return nameTexts_[id].get();
 }
 
 // ---------------------------------------------------------------- cursors
@@ -530,36 +493,36 @@ void ZPStore::endCursors(Id stanza) {
         }
 }
 
-// ---------------------------------------------------------------- items
+// ---------------------------------------------------------------- followed keys
 
-void ZPStore::appendItem(Id id) {
-    KeyExtra& extra = extraOf(id);
-    removeItem(id);
-    extra.isItem = true;
-    extra.itemPrev = itemLast_;
-    extra.itemNext = none;
-    if (itemLast_ != none)
-        keys_[itemLast_].extra->itemNext = id;
+void ZPStore::follow(Id id) {
+    ZPKeyExtra& extra = extraOf(id);
+    unfollow(id);
+    extra.isFollowed = true;
+    extra.followedPrev = lastFollowed_;
+    extra.followedNext = none;
+    if (lastFollowed_ != none)
+        keys_[lastFollowed_].extra->followedNext = id;
     else
-        itemFirst_ = id;
-    itemLast_ = id;
-    ++itemCount_;
+        firstFollowed_ = id;
+    lastFollowed_ = id;
+    ++followedCount_;
 }
 
-void ZPStore::removeItem(Id id) {
-    KeyExtra* extra = keys_[id].extra;
-    if (extra == nullptr || !extra->isItem)
+void ZPStore::unfollow(Id id) {
+    ZPKeyExtra* extra = keys_[id].extra;
+    if (extra == nullptr || !extra->isFollowed)
         return;
-    if (extra->itemPrev != none)
-        keys_[extra->itemPrev].extra->itemNext = extra->itemNext;
+    if (extra->followedPrev != none)
+        keys_[extra->followedPrev].extra->followedNext = extra->followedNext;
     else
-        itemFirst_ = extra->itemNext;
-    if (extra->itemNext != none)
-        keys_[extra->itemNext].extra->itemPrev = extra->itemPrev;
+        firstFollowed_ = extra->followedNext;
+    if (extra->followedNext != none)
+        keys_[extra->followedNext].extra->followedPrev = extra->followedPrev;
     else
-        itemLast_ = extra->itemPrev;
-    extra->isItem = false;
-    --itemCount_;
+        lastFollowed_ = extra->followedPrev;
+    extra->isFollowed = false;
+    --followedCount_;
 }
 
 // ---------------------------------------------------------------- reading
@@ -573,11 +536,11 @@ void ZPStore::reserveForLines(size_t lines) {
 }
 
 ZPStore::Id ZPStore::readHeader(ZPSlice name) {
-    const uint64_t hash = zhashOf({text(name), name.length});
+    const uint64_t hash = zhashOf(text_.span(name));
     stanzas_.reserveMore(1);
     stanzaIndex_.reserveMore(1);
     lines_.reserveGroup();
-    Id stanza = findStanza(text(name), name.length);
+    Id stanza = findStanza(text_.span(name));
     if (stanza == none)
         stanza = newStanza(name, hash);
     if (!stanzas_[stanza].inMap) {
@@ -592,18 +555,18 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
                                      bool& isNew) {
     const Id stanza = lines_.group(group).stanza;
-    isNew = id == none || !attached(id);
+    isNew = id == none || !isInMap(id);
     if (isNew) {
         if (id == none)
             id = newKey(stanza, name, hash);
-        attach(id);
+        putIntoMap(id);
         noteLine(id, lines_.appendKey(group, id));
         keys_[id].value = value;
         return id;
     }
     if (value.length == 0)
         return id;
-    Key& key = keys_[id];
+    ZPKey& key = keys_[id];
     if (takesValue(key))
         key.value = value;
     else
@@ -658,7 +621,7 @@ void ZPStore::removeGroup(Id stanza) {
 }
 
 void ZPStore::placeKeyLine(Id key) {
-    const Key& record = keys_[key];
+    const ZPKey& record = keys_[key];
     noteLine(key,
              lines_.placeKey(stanzas_[record.stanza].group, key, text_.span(record.name), text_));
 }
@@ -682,15 +645,11 @@ void ZPStore::removeKeyLines(Id key) {
     compactIfWorthwhile();
 }
 
-void ZPStore::addFileComment(const char* comment, size_t length) {
-    lines_.addFileComment({comment, length}, text_);
+void ZPStore::addStanzaComment(Id stanza, ZSpan comment) {
+    lines_.addStanzaComment(stanzas_[stanza].group, comment, text_);
 }
 
-void ZPStore::addStanzaComment(Id stanza, const char* comment, size_t length) {
-    lines_.addStanzaComment(stanzas_[stanza].group, {comment, length}, text_);
-}
-
-void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
+void ZPStore::addKeyComment(Id key, ZSpan comment) {
     const ZSpan name = text_.span(keys_[key].name);
     Id group = stanzas_[keys_[key].stanza].group;
     if (group == none)
@@ -709,20 +668,20 @@ void ZPStore::addKeyComment(Id key, const char* comment, size_t length) {
         }
     }
     if (found != none)
-        lines_.addCommentBefore(group, found, {comment, length}, text_);
+        lines_.addCommentBefore(group, found, comment, text_);
 }
 
 // ---------------------------------------------------------------- invariants
 
 void ZPStore::checkInvariants() const {
     size_t used = 0;  // bytes of slices
-    size_t keysSeen = 0, attachedSeen = 0, stanzasSeen = 0, inMapSeen = 0;
+    size_t keysSeen = 0, keysInMap = 0, stanzasInMap = 0;
     keyIndex_.checkInvariants([&](Id id) { return keys_[id].name.offset; });
     stanzaIndex_.checkInvariants([&](Id id) { return stanzas_[id].name.offset; });
     lines_.checkInvariants(text_);
     keyIndex_.forEach([&](Id id) {
         ++keysSeen;
-        const Key& key = keys_[id];
+        const ZPKey& key = keys_[id];
         used += key.name.length + key.value.length;
         if (key.extra != nullptr)
             for (Kind kind : {plain, hidden}) {
@@ -731,10 +690,9 @@ void ZPStore::checkInvariants() const {
                     [&](const ZPSlice& slice) { used += slice.length; });
             }
         ZPHOLDS(stanzas_[key.stanza].inUse);
-        const ZPSlice& stanza = stanzas_[key.stanza].name;
-        ZPHOLDS(findKey(text(stanza), stanza.length, text(key.name), key.name.length) == id);
-        if (attached(id)) {
-            ++attachedSeen;
+        ZPHOLDS(findKey(text_.span(stanzas_[key.stanza].name), text_.span(key.name)) == id);
+        if (isInMap(id)) {
+            ++keysInMap;
             ZPHOLDS(stanzas_[key.stanza].inMap);
         } else {
             ZPHOLDS(key.line != none && key.extra == nullptr && key.value.length == 0);
@@ -743,12 +701,11 @@ void ZPStore::checkInvariants() const {
     ZPHOLDS(keysSeen == keyIndex_.count());
     size_t chained = 0;
     stanzaIndex_.forEach([&](Id id) {
-        ++stanzasSeen;
-        const Stanza& stanza = stanzas_[id];
+        const ZPStanza& stanza = stanzas_[id];
         used += stanza.name.length;
         ZPHOLDS(stanza.inUse && (stanza.inMap || stanza.group != none));
-        ZPHOLDS(findStanza(text(stanza.name), stanza.name.length) == id);
-        inMapSeen += stanza.inMap ? 1 : 0;
+        ZPHOLDS(findStanza(text_.span(stanza.name)) == id);
+        stanzasInMap += stanza.inMap ? 1 : 0;
         uint32_t count = 0;
         Id previous = none;
         for (Id k = stanza.first; k != none; k = keys_[k].next) {
@@ -762,13 +719,13 @@ void ZPStore::checkInvariants() const {
         for (Id g = stanza.group; g != none; g = group(g).nextOfStanza)
             ZPHOLDS(group(g).stanza == id);
     });
-    ZPHOLDS(chained == attachedSeen && inMapSeen == stanzasInMap_);
+    ZPHOLDS(chained == keysInMap && stanzasInMap == stanzasInMap_);
     for (Id g = 0; g != none; g = group(g).next) {
         for (Id l = group(g).first; l != none; l = line(l).next) {
             if (line(l).isComment()) {
                 used += line(l).slice().length;
             } else if (line(l).isKey()) {
-                const Key& key = keys_[line(l).ref];
+                const ZPKey& key = keys_[line(l).ref];
                 ZPHOLDS(key.stanza == group(g).stanza);
                 ZPHOLDS(key.line == l || key.line == kSeveralIds);
             }
@@ -777,15 +734,16 @@ void ZPStore::checkInvariants() const {
     text_.checkInvariants(used);
     uint32_t items = 0;
     Id previous = none;
-    for (Id k = itemFirst_; k != none; k = keys_[k].extra->itemNext) {
-        ZPHOLDS(attached(k) && keys_[k].extra->isItem && keys_[k].extra->itemPrev == previous);
+    for (Id k = firstFollowed_; k != none; k = keys_[k].extra->followedNext) {
+        ZPHOLDS(isInMap(k) && keys_[k].extra->isFollowed &&
+                keys_[k].extra->followedPrev == previous);
         previous = k;
         ++items;
     }
-    ZPHOLDS(items == itemCount_ && itemLast_ == previous);
+    ZPHOLDS(items == followedCount_ && lastFollowed_ == previous);
     for (const Cursor* c = cursors_; c != nullptr; c = c->next_) {
         ZPHOLDS(c->stanza_ != none || c->key_ == none);
-        ZPHOLDS(c->key_ == none || (attached(c->key_) && keys_[c->key_].stanza == c->stanza_));
+        ZPHOLDS(c->key_ == none || (isInMap(c->key_) && keys_[c->key_].stanza == c->stanza_));
         ZPHOLDS(c->key_ != none || !c->isOnKey_);
     }
 }

@@ -4,31 +4,32 @@
 // ten keys and of millions. One object a key, value and line would cost near 1 KB a key, most of it
 // pointers and rounding, and a cache miss for each. Instead:
 //
-//   text_      one block of bytes. A load reads the file into it and everything refers to it by
-//              offset and length; what is set later is appended. Bytes that nobody refers to any
-//              more are counted, and the block is written anew when they are more than half.
+//   text_      one block of bytes (zptext.h): names, values and comments are slices of it. It is
+//              written anew when more than half of it is unused.
 //   keys_      a 40-byte record a key: name, the value if there is exactly one plain value, its
 //              line, its neighbours in the stanza's key order. What few keys have (several values,
-//              hidden values, lists that were handed out) hangs on it as a KeyExtra.
-//   keyIndex_  open addressing over hash, key id and where the name stands; the hash covers stanza
-//              and key together, so that finding a value is one probe, whatever the number of
-//              stanzas or keys, and at a million keys the record and the name, two cache misses,
-//              are fetched together.
+//              hidden values, lists that were handed out) hangs on it as a ZPKeyExtra.
+//   keyIndex_  from the hash of stanza and key together (zpindex.h), so that finding a value is one
+//              probe, whatever the number of stanzas or keys. It knows where the name stands too:
+//              at a million keys record and name, two cache misses, are fetched together.
 //   lines_     the lines of the file (zplines.h): a key line names its key's record
 //
 // Invariants, checked by checkInvariants():
 // (1) Every key record in use is in keyIndex_ exactly once, every stanza record in stanzaIndex_.
-// (2) A key is in the map (attached) or only remembered because a line still names it (detached);
-//     a detached key has no values, lists or item. The key chain of a stanza holds exactly its
-//     attached keys, in order of first insertion; `count` is its length.
+// (2) A key is in the map, or only remembered because a line still names it: then it has no values
+//     and isn't followed. The key chain of a stanza holds exactly its keys in the map, in order of
+//     first insertion; `count` is its length.
 // (3) Key::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked for.
 // (4) The lists of a key's values and of a stanza's keys that were handed out keep their identity
 //     until the key or stanza leaves the map.
 // (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
 //     is the first of its groups in file order, the others follow by ZPGroup::nextOfStanza.
-// (6) The item chain holds the keys that the side database follows, in its order.
-// (7) A cursor of cursors_ stands on an attached key of its stanza, or in front of all keys; what
+// (6) The chain of followed keys holds those whose values belong into the side database, in its
+//     order; all are in the map.
+// (7) A cursor of cursors_ stands on a key of its stanza in the map, or in front of all keys; what
 //     takes a key or stanza out of the map moves its cursors first.
+// (8) Slices of names, values and comments don't overlap, and cover no byte that text_ counts as
+//     unused.
 //
 // Threads: changes need the owner's lock. Look-ups may run side by side, also while one of them
 // makes a list: lists are published by compare-and-swap and change no other field.
@@ -40,6 +41,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "ZLCString.h"
 #include "ZList.h"
@@ -48,42 +50,70 @@
 #include "zptext.h"
 #include "zpvalues.h"
 
-class ZPStore : public ZAllocated {
+struct ZPFree {
+    void operator()(void* block) const { free(block); }
+};
+
+/// What few keys have.
+struct ZPKeyExtra : ZAllocated {
+    ZPValues values[2];  // by ZPStore::Kind
+    ZPId followedNext = kNoId,
+         followedPrev = kNoId;  // among the keys that the side database follows
+    bool isFollowed = false;
+};
+
+struct ZPKey {
+    ZPSlice name;
+    ZPSlice value;  // the one plain value; length 0: none here
+    ZPId stanza;
+    ZPId line;
+    ZPId next, prev;  // in the stanza's key order; next is `outsideMap` for a key that isn't there
+    mutable ZPKeyExtra* extra;
+};
+static_assert(sizeof(ZPKey) == 32 + sizeof(void*), "keys are to be small");
+
+struct ZPStanza {
+    ZPSlice name;
+    char head[16];  // the name's first bytes, so that a short one is compared without its text
+    uint64_t hash;
+    ZPId first, last;  // its keys
+    uint32_t count;    // of them
+    ZPId group;        // the first of its groups
+    bool inUse;
+    bool inMap;
+    ZPLazy<ZArrayList> keyList;
+    ZPLazy<ZLCString> nameObject;
+};
+
+/// A name with a NUL behind it.
+typedef std::unique_ptr<char, ZPFree> ZPNameText;
+
+/// What a store holds, apart from the class: it moves as a whole, so that no field can be
+/// forgotten. What keys own is the store's to delete.
+class ZPContent {
+protected:
+    ZPText text_;
+    ZPPool<ZPKey, &ZPKey::line> keys_;
+    ZPPool<ZPStanza, &ZPStanza::first> stanzas_;
+    ZPLines lines_;
+    ZPIndex keyIndex_;
+    ZPIndex stanzaIndex_;
+    uint32_t stanzasInMap_ = 0;
+    ZPId firstFollowed_ = kNoId, lastFollowed_ = kNoId;
+    uint32_t followedCount_ = 0;
+    ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
+    // Set by whoever makes room for hidden values, or for any ZPKeyExtra, and never taken back.
+    mutable bool mayHaveHidden_ = false;
+    mutable bool mayHaveExtras_ = false;
+};
+
+class ZPStore : public ZAllocated, private ZPContent {
 public:
     typedef ZPId Id;
     static constexpr Id none = kNoId;
-    static constexpr Id detached = 0xFFFFFFFEu;  // Key::next: not in the map
+    static constexpr Id outsideMap = 0xFFFFFFFEu;
 
     enum Kind { plain = 0, hidden = 1 };
-
-    /// What few keys have.
-    struct KeyExtra : ZAllocated {
-        ZPValues values[2];  // by Kind; see zpvalues.h for what the record has itself
-        Id itemNext = none, itemPrev = none;  // in the item chain
-        bool isItem = false;
-    };
-
-    struct Key {
-        ZPSlice name;
-        ZPSlice value;  // the one plain value; length 0: none here
-        Id stanza;
-        Id line;
-        Id next, prev;  // in the stanza's key order; next is `detached` outside the map
-        mutable KeyExtra* extra;
-    };
-
-    struct Stanza {
-        ZPSlice name;
-        char head[16];  // the name's first bytes, so that a short one is compared without its text
-        uint64_t hash;
-        Id first, last;  // its keys
-        uint32_t count;
-        Id group;
-        bool inUse;
-        bool inMap;
-        ZPLazy<ZArrayList> keyList;
-        ZPLazy<ZLCString> nameObject;
-    };
 
     /// A walk's place in the keys of a stanza that stays right whatever is removed meanwhile. Made,
     /// used and destroyed under the owner's lock.
@@ -102,7 +132,7 @@ public:
         Id key() const { return isOnKey_ ? key_ : none; }
         /// The key behind the place, or none.
         Id nextKey() const;
-        /// Moves to this attached key.
+        /// Moves to this key, which is in the map.
         void moveTo(Id key);
         ZPStore& store() const { return store_; }
 
@@ -115,25 +145,26 @@ public:
         bool isOnKey_;
     };
 
-    ZPStore();
-    /// Copies stanzas, keys, values and lines; the copy follows no items.
+    ZPStore() {}
+    /// Copies stanzas, keys, values and lines; the copy's side database follows no keys.
     ZPStore(const ZPStore& other);
     ~ZPStore();
     ZPStore& operator=(const ZPStore&) = delete;
 
+    /// Forgets all, and ends all walks.
     void clear();
 
     // --- Stanzas ---
 
     /// The record of that name, in the map or not; none if there is no record.
-    Id findStanza(const char* name, size_t length) const;
+    Id findStanza(ZSpan name) const;
     /// The stanza of that name if it is in the map, else none.
-    Id stanzaInMap(const char* name, size_t length) const {
-        const Id id = findStanza(name, length);
+    Id stanzaInMap(ZSpan name) const {
+        const Id id = findStanza(name);
         return id != none && stanzas_[id].inMap ? id : none;
     }
     /// Puts the stanza into the map, if it isn't there yet.
-    Id createStanza(const char* name, size_t length);
+    Id createStanza(ZSpan name);
     /// Takes the stanza with its keys out of the map; its lines stay.
     void removeStanza(Id stanza);
     uint32_t stanzaCount() const { return stanzasInMap_; }
@@ -153,22 +184,23 @@ public:
     // --- Keys ---
 
     /// The record of that key, in the map or not; none if there is no record.
-    Id findKey(const char* stanza, size_t stanzaLength, const char* key, size_t keyLength) const;
-    Id keyInMap(const char* stanza, size_t stanzaLength, const char* key, size_t keyLength) const {
-        const Id id = findKey(stanza, stanzaLength, key, keyLength);
-        return id != none && attached(id) ? id : none;
+    Id findKey(ZSpan stanza, ZSpan key) const;
+    /// The key if it is in the map, else none.
+    Id keyInMap(ZSpan stanza, ZSpan key) const {
+        const Id id = findKey(stanza, key);
+        return id != none && isInMap(id) ? id : none;
     }
-    bool attached(Id key) const { return keys_[key].next != detached; }
+    bool isInMap(Id key) const { return keys_[key].next != outsideMap; }
     /// Puts the key into the map, if it isn't there yet, without values.
-    Id createKey(Id stanza, const char* key, size_t length);
-    /// Takes an attached key out of the map with its values; its lines stay.
+    Id createKey(Id stanza, ZSpan key);
+    /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
     void removeKey(Id key);
 
     // --- Values ---
 
     ZPValueView values(Id id, Kind kind) const {
         const ZPSlice* own = ownValue(keys_[id], kind);
-        const KeyExtra* extra = zloadMade(keys_[id].extra);
+        const ZPKeyExtra* extra = zloadMade(keys_[id].extra);
         return extra == nullptr ? ZPValues::viewOfOwn(text_, own)
                                 : extra->values[kind].view(text_, own);
     }
@@ -179,9 +211,10 @@ public:
     /// False as long as no key has ever had hidden values: most files never do, and then nobody
     /// has to look.
     bool mayHaveHidden() const { return __atomic_load_n(&mayHaveHidden_, __ATOMIC_RELAXED); }
-    void appendValue(Id key, Kind kind, const char* value, size_t length);
-    /// Replaces the values of `kind` by one, or by none if length is 0, and drops the other kind's.
-    void replaceValues(Id key, Kind kind, const char* value, size_t length);
+    /// One more value; an empty one adds none.
+    void appendValue(Id key, Kind kind, ZSpan value);
+    /// Replaces the values of `kind` by one, or by none if it is empty, and drops the other kind's.
+    void replaceValues(Id key, Kind kind, ZSpan value);
 
     /// The list object of these values; made at first use.
     ZArrayList* valueList(Id key, Kind kind) const;
@@ -194,13 +227,13 @@ public:
     /// Needs the owner's lock.
     const char* nameText(Id key);
 
-    // --- Items: the keys that the side database follows ---
+    // --- The keys that the side database follows ---
 
-    void appendItem(Id key);  // at the end, also if it is in the chain already
-    void removeItem(Id key);
-    Id firstItem() const { return itemFirst_; }
-    Id nextItem(Id key) const { return keys_[key].extra->itemNext; }
-    uint32_t itemCount() const { return itemCount_; }
+    void follow(Id key);  // as the last, also if it is among them already
+    void unfollow(Id key);
+    Id firstFollowed() const { return firstFollowed_; }
+    Id nextFollowed(Id key) const { return keys_[key].extra->followedNext; }
+    uint32_t followedCount() const { return followedCount_; }
 
     // --- Lines ---
 
@@ -213,17 +246,18 @@ public:
     /// Removes the key's lines from the first group of its stanza, and the record with them if
     /// nothing else needs it.
     void removeKeyLines(Id key);
-    void addFileComment(const char* text, size_t length);
-    void addStanzaComment(Id stanza, const char* text, size_t length);
+    void addFileComment(ZSpan text) { lines_.addFileComment(text, text_); }
+    /// The stanza must have a group.
+    void addStanzaComment(Id stanza, ZSpan text);
     /// In front of the first line of that key text behind the stanza's header; nothing otherwise.
-    void addKeyComment(Id key, const char* text, size_t length);
+    void addKeyComment(Id key, ZSpan text);
     bool hasLine(Id key) const { return keys_[key].line != none; }
 
     Id firstGroup() const { return 0; }
     const ZPGroup& group(Id id) const { return lines_.group(id); }
     const ZPLine& line(Id id) const { return lines_.line(id); }
-    const Key& key(Id id) const { return keys_[id]; }
-    const Stanza& stanza(Id id) const { return stanzas_[id]; }
+    const ZPKey& key(Id id) const { return keys_[id]; }
+    const ZPStanza& stanza(Id id) const { return stanzas_[id]; }
     const ZPText& text() const { return text_; }
     const char* text(size_t offset) const { return text_.at(offset); }
     const char* text(const ZPSlice& slice) const { return text_.at(slice); }
@@ -251,14 +285,13 @@ public:
             lines_.reserve(1);
         }
         const Id stanzaId = lines_.group(group).stanza;
-        const char* bytes = text(name);
+        const ZSpan bytes = text_.span(name);
         size_t slot;
         const Id found = keyIndex_.findOrPlace(hash, slot, [&](Id candidate, uint32_t) {
-            const Key& key = keys_[candidate];
-            return key.stanza == stanzaId && key.name.length == name.length &&
-                   memcmp(text(key.name), bytes, name.length) == 0;
+            const ZPKey& key = keys_[candidate];
+            return key.stanza == stanzaId && isNamed(key, bytes);
         });
-        Stanza& stanza = stanzas_[stanzaId];
+        ZPStanza& stanza = stanzas_[stanzaId];
         if (found != none || stanza.keyList.get() != nullptr)
             return readEntrySlowly(group, name, value, hash, found, isNew);
         // The usual case, all in one: a new key at the end of its stanza and group.
@@ -280,12 +313,12 @@ public:
         lines_.appendBlank(group, text_);
     }
     Id lastGroup() const { return lines_.lastGroup(); }
-    uint32_t keyHash(Id stanza, const char* key, size_t length) const {
-        return zhashOfBoth(stanzas_[stanza].hash, zhashOf({key, length}));
+    uint32_t keyHash(Id stanza, ZSpan key) const {
+        return zhashOfBoth(stanzas_[stanza].hash, zhashOf(key));
     }
     void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
-    /// Says that so many bytes of the text are referred to by nobody.
-    void addDead(size_t bytes) {
+    /// So many bytes of the text are in no slice.
+    void addUnused(size_t bytes) {
         text_.addUnused(bytes);
         compactIfWorthwhile();
     }
@@ -298,39 +331,37 @@ private:
     void moveText(ZPText& target);
     size_t textNeeded() const;
 
-    bool isNamed(const Stanza& stanza, const char* name, size_t length) const {
-        return stanza.name.length == length &&
-               (length <= sizeof stanza.head ? memcmp(stanza.head, name, length) == 0
-                                             : memcmp(text(stanza.name), name, length) == 0);
+    bool isNamed(const ZPStanza& stanza, ZSpan name) const {
+        return stanza.name.length == name.size &&
+               memcmp(name.size <= sizeof stanza.head ? stanza.head : text(stanza.name), name.data,
+                      name.size) == 0;
     }
-    bool isNamed(const Key& key, ZSpan name) const {
+    bool isNamed(const ZPKey& key, ZSpan name) const {
         return key.name.length == name.size && memcmp(text(key.name), name.data, name.size) == 0;
     }
     uint32_t hashOf(Id key) const;
     Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before
     Id newKey(Id stanza, ZPSlice name, uint32_t hash);
-    void attach(Id key);
+    void putIntoMap(Id key);
     void makeRoomForKey();
     void freeKeyIfUnneeded(Id key);
     void freeStanzaIfUnneeded(Id stanza);
-    KeyExtra& extraOf(Id key);
+    ZPKeyExtra& extraOf(Id key);
     /// The record's room for a value of this kind.
-    static const ZPSlice* ownValue(const Key& key, Kind kind) {
+    static const ZPSlice* ownValue(const ZPKey& key, Kind kind) {
         return kind == plain ? &key.value : nullptr;
     }
-    static ZPSlice* ownValue(Key& key, Kind kind) { return kind == plain ? &key.value : nullptr; }
+    static ZPSlice* ownValue(ZPKey& key, Kind kind) { return kind == plain ? &key.value : nullptr; }
     /// Whether the record itself takes the next plain value.
-    static bool takesValue(const Key& key) {
+    static bool takesValue(const ZPKey& key) {
         return key.value.length == 0 &&
                (key.extra == nullptr || !key.extra->values[plain].areHere());
     }
     void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
     void dropValues(Id key, Kind kind);
     void dropNameText(Id key) {
-        if (key < nameTexts_.size()) {
-            free(nameTexts_[key]);
-            nameTexts_[key] = nullptr;
-        }
+        if (key < nameTexts_.size())
+            nameTexts_[key].reset();
     }
     void endCursors(Id stanza);  // those of the stanza, or all if it is none
 
@@ -346,19 +377,7 @@ private:
     bool isFree(Id key) const { return keys_[key].stanza == none; }
 
     int readError_ = 0;
-    ZPText text_;
-    ZPPool<Key, &Key::line> keys_;
-    ZPPool<Stanza, &Stanza::first> stanzas_;
-    ZPLines lines_;
-    ZPIndex keyIndex_;
-    ZPIndex stanzaIndex_;
-    uint32_t stanzasInMap_;
-    Id itemFirst_, itemLast_;
-    uint32_t itemCount_;
-    ZPBlock<char*> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
-    Cursor* cursors_;
-    mutable bool mayHaveHidden_;  // set by whoever makes room for hidden values, never cleared
-    mutable bool mayHaveExtras_;  // likewise, for any KeyExtra
+    Cursor* cursors_ = nullptr;
 };
 
 #endif
