@@ -190,4 +190,29 @@ private:
     State state_;
 };
 
+inline void ZPIndex::insert(uint32_t hash, ZPId id, uint32_t offset) {
+    zassert(!isFull());
+    size_t slot = place(hash);
+    while (!state_.slots[slot].isFree())
+        slot = follower(slot);
+    insertAt(slot, hash, id, offset);
+}
+
+inline void ZPIndex::remove(uint32_t hash, ZPId id) {
+    size_t hole = place(hash);
+    while (state_.slots[hole].idPlusOne != id + 1) {
+        zassert(!state_.slots[hole].isFree());
+        hole = follower(hole);
+    }
+    // Whatever follows in the run and may stand in the hole moves there, so that no probe meets a
+    // gap between an entry's place and the entry.
+    for (size_t i = follower(hole); !state_.slots[i].isFree(); i = follower(i))
+        if (distance(place(state_.slots[i].hash), i) >= distance(hole, i)) {
+            state_.slots[hole] = state_.slots[i];
+            hole = i;
+        }
+    state_.slots[hole].idPlusOne = 0;
+    --state_.count;
+}
+
 #endif

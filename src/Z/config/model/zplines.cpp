@@ -62,23 +62,11 @@ void ZPLines::insertBlank(ZPId group, ZPId before, const ZPText& text) {
     noteOther(groups_[group], id, text);
 }
 
-// Only key lines go alone: the samples' index knows of no other loss.
-void ZPLines::unlink(ZPId groupId, ZPId id) {
-    ZPGroup& group = groups_[groupId];
-    ZPLine& line = lines_[id];
-    zassert(line.isKey());
-    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = line.next;
-    *(line.next == kNoId ? &group.last : &lines_[line.next].prev) = line.prev;
-    if (group.keysEnd == id)
-        group.keysEnd = line.prev;
-    lines_.giveBack(id);
-}
-
 void ZPLines::removeKeys(ZPId group, ZPId key) {
     for (ZPId l = groups_[group].first; l != kNoId;) {
         const ZPId next = lines_[l].next;
         if (lines_[l].isKey() && lines_[l].ref == key)
-            unlink(group, l);
+            removeKey(group, l);
         l = next;
     }
 }

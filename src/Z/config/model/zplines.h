@@ -80,7 +80,7 @@ public:
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
     ZPId placeKey(ZPId group, ZPId key, ZSpan name, const ZPText& text);
     /// Removes a key line.
-    void removeKey(ZPId group, ZPId line) { unlink(group, line); }
+    void removeKey(ZPId group, ZPId line);
     /// Removes all of the group's lines of this key.
     void removeKeys(ZPId group, ZPId key);
     /// The key's line among all lines of its stanza, which begin with this group; none; or
@@ -130,7 +130,6 @@ private:
     void insert(ZPId group, ZPId before, ZPId line);
     void insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text);
     void insertBlank(ZPId group, ZPId before, const ZPText& text);
-    void unlink(ZPId group, ZPId line);
     ZPId lastKey(ZPId group);
 
     void noteOther(ZPGroup& group, ZPId line, const ZPText& text) {
@@ -145,5 +144,17 @@ private:
     ZPLinePool lines_;
     ZPPool<ZPGroup, &ZPGroup::next> groups_;
 };
+
+// Only key lines go alone: the samples' index knows of no other loss.
+inline void ZPLines::removeKey(ZPId groupId, ZPId id) {
+    ZPGroup& group = groups_[groupId];
+    ZPLine& line = lines_[id];
+    zassert(line.isKey());
+    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = line.next;
+    *(line.next == kNoId ? &group.last : &lines_[line.next].prev) = line.prev;
+    if (group.keysEnd == id)
+        group.keysEnd = line.prev;
+    lines_.giveBack(id);
+}
 
 #endif
