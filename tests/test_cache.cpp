@@ -456,6 +456,19 @@ TEST(Cache, ManyKeysAndMuchChangeKeepTheTextSmallAndRight) {
     EXPECT_EQ(writtenText(again), writtenText(cache));
 }
 
+TEST(Cache, TheRecordOfAKeyWithSeveralLinesIsGivenBackOnce) {
+    // Its second line has the number of the record that was given back before.
+    ZSCFData cache;
+    for (const char* key : {"k", "k", "l", "m"}) {
+        cache.addLine("s", key, "1", 0);
+        cache.remove("s", key);
+    }
+    cache.delLine("s", "m");
+    cache.delStanzaLine("s");
+    cache.checkInvariants();
+    EXPECT_EQ(writtenText(cache), "\n");
+}
+
 TEST(Cache, CompositeKeysAreSplitAtTheFirstDot) {
     ZSCFData cache;
     cache.addLine("s.k.l", "1", 0);

@@ -12,6 +12,7 @@
 #include "ZException.h"
 #include "zassert.h"
 #include "zmemory.h"
+#include "zpholds.h"
 #include "zraise.h"
 
 /// The number of a record in its block; records refer to each other by it.
@@ -121,7 +122,6 @@ public:
     const T& operator[](ZPId id) const { return records_[id]; }
     /// All ids are below.
     ZPId end() const { return static_cast<ZPId>(records_.size()); }
-    size_t freeCount() const { return freeCount_; }
 
     void reserveMore(size_t more) {
         if (freeCount_ < more)
@@ -137,10 +137,20 @@ public:
         records_.push(std::move(record));
         return static_cast<ZPId>(records_.size() - 1);
     }
+    /// Requires: it is in use.
     void giveBack(ZPId id) {
         records_[id].*Link = free_;
         free_ = id;
         ++freeCount_;
+    }
+
+    /// How many were given back; ends the process if their chain tells otherwise. For checks.
+    size_t countFree() const {
+        size_t count = 0;
+        for (ZPId id = free_; id != kNoId && count <= freeCount_; id = records_[id].*Link)
+            ++count;
+        ZPHOLDS(count == freeCount_);
+        return count;
     }
 
 private:

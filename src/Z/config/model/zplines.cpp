@@ -218,13 +218,14 @@ void ZPLines::addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& tex
 
 void ZPLines::checkInvariants(const ZPText& text) const {
     ZPId lastGroupSeen = 0;
-    size_t linesSeen = 0;
+    size_t linesSeen = 0, groupsSeen = 0;
     for (ZPId g = 0; g != kNoId; g = groups_[g].next) {
         const ZPGroup& group = groups_[g];
         ZPHOLDS(g == 0 || group.prev == lastGroupSeen);
         ZPHOLDS((group.stanza == kNoId) == (g == 0));
         ZPHOLDS(group.nextOfStanza == kNoId || groups_[group.nextOfStanza].stanza == group.stanza);
         lastGroupSeen = g;
+        ++groupsSeen;
         ZPId previous = kNoId, lastKeySeen = kNoId;
         bool isBehindKeys = group.keysEnd == kNoId, hasSamples = false;
         uint32_t comments = 0, blanks = 0;
@@ -253,5 +254,6 @@ void ZPLines::checkInvariants(const ZPText& text) const {
                                            lastKeySeen);
     }
     ZPHOLDS(groups_[0].prev == lastGroupSeen);
-    ZPHOLDS(linesSeen + lines_.freeCount() == lines_.end());
+    ZPHOLDS(linesSeen + lines_.countFree() == lines_.end());
+    ZPHOLDS(groupsSeen + groups_.countFree() == groups_.end());
 }

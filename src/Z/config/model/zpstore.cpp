@@ -204,11 +204,15 @@ ZPStore::Id ZPStore::createStanza(ZSpan name) {
         stanzaIndex_.reserveMore(1);
         id = newStanza(text_.append(name), zhashOf(name));
     }
-    if (!stanzas_[id].inMap) {
-        stanzas_[id].inMap = true;
-        ++stanzasInMap_;
-    }
+    putStanzaIntoMap(id);
     return id;
+}
+
+void ZPStore::putStanzaIntoMap(Id id) {
+    if (stanzas_[id].inMap)
+        return;
+    stanzas_[id].inMap = true;
+    ++stanzasInMap_;
 }
 
 void ZPStore::removeStanza(Id id) {
@@ -230,6 +234,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
     ZPStanza& stanza = stanzas_[id];
     if (stanza.inMap || stanza.group != none)
         return;
+    zassert(stanza.inUse && stanza.count == 0);
     stanzaIndex_.remove(znarrowHash(stanza.hash), id);
     text_.drop(stanza.name);
     stanza.inUse = false;
@@ -267,8 +272,10 @@ ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
 // At the end of its stanza's key order. A handed-out key list takes the name first, since that
 // alone can fail.
 void ZPStore::putIntoMap(Id id) {
+    zassert(!isInMap(id));
     ZPKey& key = keys_[id];
     ZPStanza& stanza = stanzas_[key.stanza];
+    zassert(stanza.inMap);
     if (ZArrayList* list = stanza.keyList.get())
         addString(*list, text_.span(key.name));
     key.next = none;
@@ -304,6 +311,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
 }
 
 void ZPStore::removeKey(Id id) {
+    zassert(!isFree(id) && isInMap(id));
     ZPKey& key = keys_[id];
     ZPStanza& stanza = stanzas_[key.stanza];
     if (ZArrayList* list = stanza.keyList.get()) {
@@ -334,14 +342,17 @@ void ZPStore::removeKey(Id id) {
     else
         stanza.last = key.prev;
     key.next = outsideMap;
+    zassert(stanza.count != 0);
     --stanza.count;
     freeKeyIfUnneeded(id);
 }
 
 void ZPStore::freeKeyIfUnneeded(Id id) {
+    zassert(!isFree(id));
     ZPKey& key = keys_[id];
     if (isInMap(id) || key.line != none)
         return;
+    zassert(key.extra == nullptr && key.value.length == 0);
     keyIndex_.remove(hashOf(id), id);
     text_.drop(key.name);
     key.stanza = none;
@@ -480,6 +491,7 @@ ZPStore::Id ZPStore::Cursor::nextKey() const {
 }
 
 void ZPStore::Cursor::moveTo(Id key) {
+    zassert(store_.isInMap(key));
     stanza_ = store_.keys_[key].stanza;
     key_ = key;
     isOnKey_ = true;
@@ -496,6 +508,7 @@ void ZPStore::endCursors(Id stanza) {
 // ---------------------------------------------------------------- followed keys
 
 void ZPStore::follow(Id id) {
+    zassert(isInMap(id));
     ZPKeyExtra& extra = extraOf(id);
     unfollow(id);
     extra.isFollowed = true;
@@ -522,6 +535,7 @@ void ZPStore::unfollow(Id id) {
     else
         lastFollowed_ = extra->followedPrev;
     extra->isFollowed = false;
+    zassert(followedCount_ != 0);
     --followedCount_;
 }
 
@@ -536,22 +550,19 @@ void ZPStore::reserveForLines(size_t lines) {
 }
 
 ZPStore::Id ZPStore::readHeader(ZPSlice name) {
-    const uint64_t hash = zhashOf(text_.span(name));
     stanzas_.reserveMore(1);
     stanzaIndex_.reserveMore(1);
     lines_.reserveGroup();
     Id stanza = findStanza(text_.span(name));
+    zassert(stanza == none || !stanzas_[stanza].inMap);
     if (stanza == none)
-        stanza = newStanza(name, hash);
-    if (!stanzas_[stanza].inMap) {
-        stanzas_[stanza].inMap = true;
-        ++stanzasInMap_;
-    }
+        stanza = newStanza(name, zhashOf(text_.span(name)));
+    putStanzaIntoMap(stanza);
     return addGroup(stanza);
 }
 
-// An entry in all its cases: a key that is there already, or one that finds used records or a
-// handed-out list.
+// An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list may
+// have been handed out.
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
                                      bool& isNew) {
     const Id stanza = lines_.group(group).stanza;
@@ -607,13 +618,14 @@ void ZPStore::removeGroup(Id stanza) {
     for (Id l = group(id).first; l != none; l = line(l).next) {
         if (!line(l).isKey())
             continue;
-        // A key without any line now is forgotten unless it is in the map; one whose lines were
-        // counted above may be met again here.
+        // A key without any line now is forgotten unless it is in the map. One of several lines of
+        // such a key finds that this has been done.
         const Id key = line(l).ref;
+        if (isFree(key))
+            continue;
         if (keys_[key].line == l)
             keys_[key].line = none;
-        if (keys_[key].line == none && !isFree(key))
-            freeKeyIfUnneeded(key);
+        freeKeyIfUnneeded(key);
     }
     lines_.removeGroup(id);
     freeStanzaIfUnneeded(stanza);
@@ -622,6 +634,7 @@ void ZPStore::removeGroup(Id stanza) {
 
 void ZPStore::placeKeyLine(Id key) {
     const ZPKey& record = keys_[key];
+    zassert(stanzas_[record.stanza].group != none);
     noteLine(key,
              lines_.placeKey(stanzas_[record.stanza].group, key, text_.span(record.name), text_));
 }
@@ -699,6 +712,8 @@ void ZPStore::checkInvariants() const {
         }
     });
     ZPHOLDS(keysSeen == keyIndex_.count());
+    ZPHOLDS(keysSeen + keys_.countFree() == keys_.end());
+    ZPHOLDS(stanzaIndex_.count() + stanzas_.countFree() == stanzas_.end());
     size_t chained = 0;
     stanzaIndex_.forEach([&](Id id) {
         const ZPStanza& stanza = stanzas_[id];

@@ -19,10 +19,11 @@
 // (2) A key is in the map, or only remembered because a line still names it: then it has no values
 //     and isn't followed. The key chain of a stanza holds exactly its keys in the map, in order of
 //     first insertion; `count` is its length.
-// (3) Key::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked for.
+// (3) ZPKey::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked
+//     for. A key line stands in a group of its key's stanza.
 // (4) The lists of a key's values and of a stanza's keys that were handed out keep their identity
 //     until the key or stanza leaves the map.
-// (5) A stanza record lives while the stanza is in the map or a group bears its name; Stanza::group
+// (5) A stanza record lives while the stanza is in the map or a group bears its name; ZPStanza::group
 //     is the first of its groups in file order, the others follow by ZPGroup::nextOfStanza.
 // (6) The chain of followed keys holds those whose values belong into the side database, in its
 //     order; all are in the map.
@@ -57,8 +58,8 @@ struct ZPFree {
 /// What few keys have.
 struct ZPKeyExtra : ZAllocated {
     ZPValues values[2];  // by ZPStore::Kind
-    ZPId followedNext = kNoId,
-         followedPrev = kNoId;  // among the keys that the side database follows
+    // Among the keys that the side database follows.
+    ZPId followedNext = kNoId, followedPrev = kNoId;
     bool isFollowed = false;
 };
 
@@ -67,7 +68,7 @@ struct ZPKey {
     ZPSlice value;  // the one plain value; length 0: none here
     ZPId stanza;
     ZPId line;
-    ZPId next, prev;  // in the stanza's key order; next is `outsideMap` for a key that isn't there
+    ZPId next, prev;  // in the stanza's key order; next is ZPStore::outsideMap for one that isn't
     mutable ZPKeyExtra* extra;
 };
 static_assert(sizeof(ZPKey) == 32 + sizeof(void*), "keys are to be small");
@@ -340,8 +341,10 @@ private:
         return key.name.length == name.size && memcmp(text(key.name), name.data, name.size) == 0;
     }
     uint32_t hashOf(Id key) const;
-    Id newStanza(ZPSlice name, uint64_t hash);  // needs room made before
+    // These need room made before.
+    Id newStanza(ZPSlice name, uint64_t hash);
     Id newKey(Id stanza, ZPSlice name, uint32_t hash);
+    void putStanzaIntoMap(Id stanza);
     void putIntoMap(Id key);
     void makeRoomForKey();
     void freeKeyIfUnneeded(Id key);
