@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 
 #include "ZException.h"
@@ -351,8 +352,7 @@ private:
 
     // Whether these bytes stand in the text there.
     bool at(uint32_t offset, const char* bytes, size_t length) const {
-        return offset + length <= store_.textSize() &&
-               memcmp(store_.text(offset), bytes, length) == 0;
+        return store_.text().stands(offset, {bytes, length});
     }
 
     void run(uint32_t start, uint32_t end) {
@@ -444,73 +444,35 @@ void ZSCFData::be_read_obfuscated(ZBuffer& buffer) {
         zraise(ZPropertiesInvalidDataException(obfuscatedDBName_.getChars(), "", 0));
 }
 
-namespace {
-
-// The records, uncompressed, in a block that grows in steps.
-class Records {
-public:
-    Records() : data_(nullptr), size_(0), room_(0) { grow(kFirstRoom); }
-    ~Records() { free(data_); }
-    Records(const Records&) = delete;
-    Records& operator=(const Records&) = delete;
-
-    void add(const ZPStore& store, const ZPSlice& stanza, const ZPSlice& key, const char* value,
-             size_t valueLength) {
-        const size_t needed = static_cast<size_t>(stanza.length) + key.length + valueLength + 4;
-        if (needed >= room_ - size_)
-            grow(room_ + (needed > room_ / 2 ? needed + kStep : room_ / 2 + kStep));
-        put(store.text(stanza), stanza.length);
-        put(store.text(key), key.length);
-        put(value, valueLength);
-        data_[size_++] = 0;
+// One record and the separator behind it.
+static void addRecord(ZBytes& records, ZSpan stanza, ZSpan key, ZSpan value) {
+    records.reserveMore(stanza.size + key.size + value.size + 4);
+    for (const ZSpan& part : {stanza, key, value}) {
+        memcpy(records.data() + records.size(), part.data, part.size);
+        records.setSize(records.size() + part.size);
+        records.push('\0');
     }
-
-    unsigned char* data() { return data_; }
-    size_t size() const { return size_; }
-
-private:
-    static const size_t kFirstRoom = 8192;
-    static const size_t kStep = 4096;
-
-    void grow(size_t room) {
-        void* grown = realloc(data_, room);
-        if (grown == nullptr)
-            zraise(ZOutOfMemoryException());
-        data_ = static_cast<unsigned char*>(grown);
-        room_ = room;
-    }
-
-    void put(const char* bytes, size_t length) {
-        memcpy(data_ + size_, bytes, length);
-        size_ += length;
-        data_[size_++] = 0;
-    }
-
-    unsigned char* data_;
-    size_t size_;
-    size_t room_;
-};
-
-}  // namespace
+    records.push('\0');
+}
 
 void ZSCFData::be_write_obfuscated(ZBuffer& buffer) {
     const ZPStore& model = store();
-    Records records;
+    ZBytes records;
     for (Id k = model.firstFollowed(); k != ZPStore::none; k = model.nextFollowed(k)) {
         const ZPValueView values = model.values(k, ZPStore::hidden);
-        const ZPSlice& stanza = model.stanza(model.key(k).stanza).name;
-        const ZPSlice& key = model.key(k).name;
+        const ZSpan stanza = model.text().span(model.stanza(model.key(k).stanza).name);
+        const ZSpan key = model.text().span(model.key(k).name);
         for (uint32_t i = 0; i < values.count(); ++i) {
             const ZSpan value = values[i];
             if (value.data != nullptr)
-                records.add(model, stanza, key, value.data, value.size);
+                addRecord(records, stanza, key, value);
         }
     }
     if (records.size() == 0)
         return;
     const unsigned long length = records.size() - 1;  // no separator behind the last record
     ZSqueeze squeeze;
-    squeeze.setSource(records.data(), length);
+    squeeze.setSource(reinterpret_cast<unsigned char*>(records.data()), length);
     // Nothing needs more than a few bytes beyond its own length, so that twice the length and a
     // bit more is room enough: a failure there is one of memory.
     const unsigned long enough = length * 2 + 1024;

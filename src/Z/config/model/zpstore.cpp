@@ -561,8 +561,8 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     return addGroup(stanza);
 }
 
-// An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list may
-// have been handed out.
+// An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list
+// may have been handed out.
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
                                      bool& isNew) {
     const Id stanza = lines_.group(group).stanza;

@@ -19,12 +19,13 @@
 // (2) A key is in the map, or only remembered because a line still names it: then it has no values
 //     and isn't followed. The key chain of a stanza holds exactly its keys in the map, in order of
 //     first insertion; `count` is its length.
-// (3) ZPKey::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be looked
-//     for. A key line stands in a group of its key's stanza.
+// (3) ZPKey::line is the key's only line, `none`, or `kSeveralIds`: then its lines have to be
+//     looked for. A key line stands in a group of its key's stanza.
 // (4) The lists of a key's values and of a stanza's keys that were handed out keep their identity
 //     until the key or stanza leaves the map.
-// (5) A stanza record lives while the stanza is in the map or a group bears its name; ZPStanza::group
-//     is the first of its groups in file order, the others follow by ZPGroup::nextOfStanza.
+// (5) A stanza record lives while the stanza is in the map or a group bears its name;
+//     ZPStanza::group is the first of its groups in file order, the others follow by
+//     ZPGroup::nextOfStanza.
 // (6) The chain of followed keys holds those whose values belong into the side database, in its
 //     order; all are in the map.
 // (7) A cursor of cursors_ stands on a key of its stanza in the map, or in front of all keys; what
