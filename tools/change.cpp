@@ -1,9 +1,11 @@
 // change.cpp: changes are checked first, all of them, then made in one update: all or none.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "zstz.h"
 
@@ -14,7 +16,9 @@ namespace {
 // One change, its words behind the name of the file: set s k v.
 struct Change {
     Words words;
-    const char* type = nullptr;  // of set
+    ValueType type = anyType;  // of set
+    unsigned int number = 0;   // the value as one, of an integer
+    int truth = 0;             // of a boolean
 
     const char* word(size_t i) const { return i < words.size() ? words[i].c_str() : nullptr; }
     bool is(const char* name) const { return words[0] == name; }
@@ -22,100 +26,62 @@ struct Change {
 
 }  // namespace
 
-static int checkTyped(const Change& change) {
-    const char* value = change.word(3);
-    unsigned int number;
-    int truth;
-    if (change.type == nullptr || strcmp(change.type, "string") == 0)
-        return done;
-    if (strcmp(change.type, "integer") == 0)
-        return parseInteger(value, number)
-                   ? done
-                   : complain(usage, "not an integer from 0 to 4294967295: %s", value);
-    if (strcmp(change.type, "boolean") == 0)
-        return parseBoolean(value, truth) ? done : complain(usage, "neither yes nor no: %s", value);
-    return complain(usage, "no such type: %s", change.type);
+// What a message calls the place of a change; null or empty is what doesn't belong to it.
+static std::string placeOf(const char* stanza, const char* key) {
+    const auto hasText = [](const char* text) { return text != nullptr && *text != '\0'; };
+    if (stanza == nullptr)
+        return "the file";
+    return std::string("[") + stanza + "]" + (hasText(key) ? " " : "") + (hasText(key) ? key : "");
 }
 
-// Whether the change can be made in any file.
-static int checkChange(const Change& change) {
-    static const struct {
-        const char* name;
-        size_t least, most;
-    } kKinds[] = {{"set", 3, 3}, {"add", 3, 3}, {"unset", 1, 3}, {"comment", 1, 3}};
-    for (const auto& kind : kKinds) {
-        if (!change.is(kind.name))
-            continue;
-        const size_t count = change.words.size() - 1;
-        if (count < kind.least || count > kind.most)
-            return complain(usage, "wrong number of arguments for %s; see zstz --help", kind.name);
-        if (change.type != nullptr && !change.is("set"))
-            return complain(usage, "--type goes with set");
-        if (change.is("unset"))
-            return done;
-        if (change.is("comment")) {
-            int failed = checkComment(change.words.back().c_str());
-            if (failed == done && count > 1)
-                failed = checkStanza(change.word(1));
-            return failed == done && count > 2 ? checkKey(change.word(2)) : failed;
-        }
-        if (const int failed = checkEntry(change.word(1), change.word(2), change.word(3)))
-            return failed;
-        if (change.is("add") && *change.word(3) == '\0')
-            return complain(usage, "an empty value can't be added");
-        return checkTyped(change);
-    }
-    return complain(usage, "no such change: %s; see zstz --help", change.word(0));
-}
-
-// A change that failed for another reason than the file. With names and values that are checked,
+// A change that failed for another reason than the file. With names and values that were tried out,
 // what can be wrong with it is that text would go where hidden values are.
-static int refuse(ZPROP_handle* handle, const char* file, const char* stanza, const char* key) {
-    ZPROP_error error;
-    zstzPropLastError(&error);
-    const std::string why = error.text == nullptr ? "failed" : error.text;
+static Exit refuse(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
+                   std::string why = lastErrorText()) {
     int ignored = 0;
-    const bool hidden = *key != '\0' && zstzPropIsHidden(handle, stanza, key, &ignored) != 0;
-    static const int kInvalidParameter = 22;
-    fprintf(stderr, "%s: error: can't change [%s] %s: %s\n", file, stanza, key,
-            hidden                              ? "its values are hidden; unset it first"
-            : error.number == kInvalidParameter ? "the file wouldn't give it back"
-                                                : why.c_str());
+    if (key != nullptr && zstzPropIsHidden(handle, stanza, key, &ignored) != 0)
+        why = "its values are hidden; unset it first";
+    fprintf(stderr, "%s: error: can't change %s: %s\n", file, placeOf(stanza, key).c_str(),
+            why.c_str());
     return badData;
 }
 
-static int set(ZPROP_handle* handle, const char* file, const Change& change) {
-    const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
-    const std::string type = change.type == nullptr ? "string" : change.type;
-    unsigned int number = 0;
-    int truth = 0;
-    const int result = type == "integer" && parseInteger(value, number)
-                           ? zstzPropSetIntegerValue(handle, stanza, key, number)
-                       : type == "boolean" && parseBoolean(value, truth)
-                           ? zstzPropSetBooleanValue(handle, stanza, key, truth)
-                           : zstzPropSetStringValue(handle, stanza, key, value);
+static Exit set(ZPROP_handle* handle, const char* file, const Change& change) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    const int result =
+        change.type == integerType   ? zstzPropSetIntegerValue(handle, stanza, key, change.number)
+        : change.type == booleanType ? zstzPropSetBooleanValue(handle, stanza, key, change.truth)
+                                     : zstzPropSetStringValue(handle, stanza, key, change.word(3));
     return result == ZPROP_OK ? done : refuse(handle, file, stanza, key);
 }
 
-static int add(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
-               const char* value) {
-    Walk walk;
-    if (const int failed = walkValues(handle, file, stanza, key, walk))
-        return failed;
-    int error = 0;
-    while (zstzPropIter_next(walk.get(), &error) != 0) {
+// Adds a value behind the last of the key. False, and why, if it can't be.
+static bool addValue(ZPROP_handle* handle, const char* stanza, const char* key, const char* value,
+                     std::string& why) {
+    ZPROP_iter_handle* made = nullptr;
+    int result = zstzPropIter_init(handle, stanza, key, &made);
+    const Walk walk(made);
+    while (result == ZPROP_OK && zstzPropIter_next(walk.get(), &result) != 0) {
     }
-    if (error == ZPROP_OK && zstzPropIter_addValue(walk.get(), value) == ZPROP_OK)
-        return done;
-    walk.reset();
-    return refuse(handle, file, stanza, key);
+    if (result == ZPROP_OK)
+        result = zstzPropIter_addValue(walk.get(), value);
+    if (result != ZPROP_OK)
+        why = lastErrorText();  // the end of the walk is a call too
+    return result == ZPROP_OK;
+}
+
+static Exit add(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
+                const char* value) {
+    std::string why;
+    return addValue(handle, stanza, key, value, why) ? done
+                                                     : refuse(handle, file, stanza, key, why);
 }
 
 // Removes every such value of the key.
-static int unsetValue(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
-                      const char* value) {
+static Exit unsetValue(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
+                       const char* value) {
     Walk walk;
-    if (const int failed = walkValues(handle, file, stanza, key, walk))
+    if (const Exit failed = walkValues(handle, file, stanza, key, walk))
         return failed;
     bool found = false;
     int error = 0;
@@ -134,7 +100,7 @@ static int unsetValue(ZPROP_handle* handle, const char* file, const char* stanza
     return done;
 }
 
-static int unset(ZPROP_handle* handle, const char* file, const Change& change) {
+static Exit unset(ZPROP_handle* handle, const char* file, const Change& change) {
     const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
     if (!isThere(handle, file, stanza, key))
         return notFound;
@@ -142,22 +108,29 @@ static int unset(ZPROP_handle* handle, const char* file, const Change& change) {
         return unsetValue(handle, file, stanza, key, value);
     const int result = key == nullptr ? zstzPropRemoveStanza(handle, stanza)
                                       : zstzPropRemoveKey(handle, stanza, key);
-    return result == ZPROP_OK ? done : refuse(handle, file, stanza, key == nullptr ? "" : key);
+    return result == ZPROP_OK ? done : refuse(handle, file, stanza, key);
 }
 
-static int comment(ZPROP_handle* handle, const char* file, const Change& change) {
+// What a comment is about: one of the names ahead of its text; null where it is about more.
+static const char* commented(const Change& change, size_t i) {
+    return i + 1 < change.words.size() ? change.word(i) : nullptr;
+}
+
+static int addComment(ZPROP_handle* handle, const Change& change) {
+    const char *stanza = commented(change, 1), *key = commented(change, 2);
     const char* text = change.words.back().c_str();
-    const size_t names = change.words.size() - 2;
-    const int result = names == 0 ? zstzPropAddFileComment(handle, text)
-                       : names == 1
-                           ? zstzPropAddStanzaComment(handle, change.word(1), text)
-                           : zstzPropAddLineComment(handle, change.word(1), change.word(2), text);
-    return result == ZPROP_OK ? done
-                              : refuse(handle, file, names > 0 ? change.word(1) : "",
-                                       names > 1 ? change.word(2) : "");
+    return stanza == nullptr ? zstzPropAddFileComment(handle, text)
+           : key == nullptr  ? zstzPropAddStanzaComment(handle, stanza, text)
+                             : zstzPropAddLineComment(handle, stanza, key, text);
 }
 
-static int apply(ZPROP_handle* handle, const char* file, const Change& change) {
+static Exit comment(ZPROP_handle* handle, const char* file, const Change& change) {
+    return addComment(handle, change) == ZPROP_OK
+               ? done
+               : refuse(handle, file, commented(change, 1), commented(change, 2));
+}
+
+static Exit apply(ZPROP_handle* handle, const char* file, const Change& change) {
     if (change.is("set"))
         return set(handle, file, change);
     if (change.is("add"))
@@ -165,10 +138,96 @@ static int apply(ZPROP_handle* handle, const char* file, const Change& change) {
     return change.is("unset") ? unset(handle, file, change) : comment(handle, file, change);
 }
 
+// ---------------------------------------------------------------- checks
+
+namespace {
+
+// An empty file in memory, on which changes are tried out: names and values that the library
+// refuses there it refuses in any file.
+class Trial {
+public:
+    Trial() : descriptor_(memfd_create("zstz", MFD_CLOEXEC)) {}
+    ~Trial() {
+        handle_.reset();
+        if (descriptor_ != -1)
+            close(descriptor_);
+    }
+    Trial(const Trial&) = delete;
+    Trial& operator=(const Trial&) = delete;
+
+    // Tries out a change other than unset, and reads the value if it has a type.
+    Exit run(Change& change) {
+        if (handle_ == nullptr)
+            if (const Exit failed = open())
+                return failed;
+        if (change.is("comment"))
+            return addComment(handle_.get(), change) == ZPROP_OK
+                       ? done
+                       : refuse(commented(change, 1), commented(change, 2), lastErrorText());
+        const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
+        std::string why;
+        if (zstzPropSetStringValue(handle_.get(), stanza, key, value) != ZPROP_OK)
+            return refuse(stanza, key, lastErrorText());
+        if (change.is("add") && !addValue(handle_.get(), stanza, key, value, why))
+            return refuse(stanza, key, why);
+        if (change.type == integerType && !readInteger(change))
+            return complain(usage, "not an integer from 0 to 4294967295: %s", value);
+        if (change.type == booleanType && !readBoolean(change))
+            return complain(usage, "neither yes nor no: %s", value);
+        return done;
+    }
+
+private:
+    Exit open() {
+        const std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
+        Options options;
+        options.storeMode = ZPROP_STORE_PLAIN;
+        return openFile(path.c_str(), options, handle_);
+    }
+
+    static Exit refuse(const char* stanza, const char* key, const std::string& why) {
+        return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
+    }
+
+    // A look-up takes the nearest number for one that is out of range, and lets a minus sign wrap.
+    bool readInteger(Change& change) {
+        int error = 0;
+        const char* value = change.word(3);
+        change.number =
+            zstzPropGetIntegerValue(handle_.get(), change.word(1), change.word(2), 1, &error);
+        return error == ZPROP_OK && *value != '-' && strtoull(value, nullptr, 0) == change.number;
+    }
+
+    bool readBoolean(Change& change) {
+        int error = 0;
+        change.truth =
+            zstzPropGetBooleanValue(handle_.get(), change.word(1), change.word(2), 1, &error);
+        return error == ZPROP_OK;
+    }
+
+    const int descriptor_;
+    Handle handle_;
+};
+
+}  // namespace
+
+// Whether the change can be made in any file.
+static Exit checkChange(Change& change, Trial& trial) {
+    const Command* command = findCommand(change.words[0]);
+    if (command == nullptr || !command->isChange())
+        return complain(usage, "no such change: %s; see zstz --help", change.word(0));
+    // Its name stands in the place of the file.
+    if (const Exit failed = checkCount(*command, change.words.size()))
+        return failed;
+    if (const Exit failed = checkTakesType(*command, change.type))
+        return failed;
+    return change.is("unset") ? done : trial.run(change);
+}
+
 // ---------------------------------------------------------------- updates
 
 // Makes an empty file that the library can open. One that is there stays as it is.
-static int createFile(const char* file) {
+static Exit createFile(const char* file) {
     const int descriptor = open(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (descriptor == -1 && errno != EEXIST)
         return complain(fileError, "%s: %s", file, strerror(errno));
@@ -179,16 +238,16 @@ static int createFile(const char* file) {
 
 // Opens the file and lets `changes` run as one update.
 template <typename Changes>
-static int update(const char* file, const Options& options, Changes changes) {
+static Exit update(const char* file, const Options& options, Changes changes) {
     if (options.create)
-        if (const int failed = createFile(file))
+        if (const Exit failed = createFile(file))
             return failed;
     Handle handle;
-    if (const int failed = openFile(file, options, handle))
+    if (const Exit failed = openFile(file, options, handle))
         return failed;
     if (zstzPropBegin(handle.get(), options.wait) != ZPROP_OK)
         return reportLastError(file);
-    if (const int failed = changes(handle.get()))
+    if (const Exit failed = changes(handle.get()))
         return failed;  // closing takes back what was done
     if (zstzPropCommit(handle.get()) != ZPROP_OK)
         return reportLastError(file);
@@ -201,12 +260,13 @@ static int update(const char* file, const Options& options, Changes changes) {
     return done;
 }
 
-int change(const Words& words, const Options& options) {
+Exit change(const Words& words, const Options& options) {
     Change change;
     change.words = words;
     change.words.erase(change.words.begin() + 1);  // the file
     change.type = options.type;
-    if (const int failed = checkChange(change))
+    Trial trial;
+    if (const Exit failed = checkChange(change, trial))
         return failed;
     const char* file = words[1].c_str();
     return update(file, options, [&](ZPROP_handle* handle) { return apply(handle, file, change); });
@@ -244,15 +304,15 @@ static bool divide(const std::string& line, Words& words) {
 }
 
 // The change that a line says.
-static int readChange(const std::string& line, Change& change, std::string& type) {
+static Exit readChange(const std::string& line, Change& change, Trial& trial) {
     if (!divide(line, change.words))
         return complain(usage, "a quote isn't closed: %s", line.c_str());
     if (change.words.size() > 2 && change.words[1] == "--type") {
-        type = change.words[2];
-        change.type = type.c_str();
+        if (const Exit failed = parseType(change.words[2].c_str(), change.type))
+            return failed;
         change.words.erase(change.words.begin() + 1, change.words.begin() + 3);
     }
-    return change.words.empty() ? complain(usage, "an empty change") : checkChange(change);
+    return change.words.empty() ? complain(usage, "an empty change") : checkChange(change, trial);
 }
 
 // All of standard input, but for empty lines and those that begin with #.
@@ -270,21 +330,21 @@ static void readLines(Words& lines) {
     }
 }
 
-int edit(const Words& words, const Options& options) {
+Exit edit(const Words& words, const Options& options) {
     Words lines(words.begin() + 1, words.end());
     if (lines.empty())
         readLines(lines);
     std::vector<Change> changes(lines.size());
-    Words types(lines.size());
+    Trial trial;
     for (size_t i = 0; i < lines.size(); ++i)
-        if (const int failed = readChange(lines[i], changes[i], types[i])) {
+        if (const Exit failed = readChange(lines[i], changes[i], trial)) {
             fprintf(stderr, "zstz: nothing is done, because of: %s\n", lines[i].c_str());
             return failed;
         }
     const char* file = words[0].c_str();
-    return update(file, options, [&](ZPROP_handle* handle) -> int {
+    return update(file, options, [&](ZPROP_handle* handle) -> Exit {
         for (size_t i = 0; i < changes.size(); ++i)
-            if (const int failed = apply(handle, file, changes[i])) {
+            if (const Exit failed = apply(handle, file, changes[i])) {
                 fprintf(stderr, "zstz: nothing is done, because of: %s\n", lines[i].c_str());
                 return failed;
             }
@@ -295,11 +355,11 @@ int edit(const Words& words, const Options& options) {
 // ---------------------------------------------------------------- merge
 
 // Makes the values of one key those of the other file.
-static int takeOver(ZPROP_handle* base, ZPROP_handle* over, const char* file, const char* overFile,
-                    const char* stanza, const char* key) {
+static Exit takeOver(ZPROP_handle* base, ZPROP_handle* over, const char* file, const char* overFile,
+                     const char* stanza, const char* key) {
     int error = 0;
     Words now, wanted;
-    int failed = valuesOf(over, overFile, stanza, key, wanted);
+    Exit failed = valuesOf(over, overFile, stanza, key, wanted);
     if (failed == done)
         failed = valuesOf(base, file, stanza, key, now);
     if (failed != done)
@@ -322,21 +382,21 @@ static int takeOver(ZPROP_handle* base, ZPROP_handle* over, const char* file, co
 }
 
 // Removes what only the first file has.
-static int removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* file) {
+static Exit removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* file) {
     Words stanzas;
-    if (const int failed = stanzasOf(base, file, stanzas))
+    if (const Exit failed = stanzasOf(base, file, stanzas))
         return failed;
     for (const std::string& stanza : stanzas) {
         int error = 0;
-        if (stanza == "configuration-database")  // says where hidden values are
+        if (stanza == ZPROP_SIDE_STANZA)  // says where hidden values are
             continue;
         if (zstzPropExists(over, stanza.c_str(), nullptr, &error) == 0) {
             if (zstzPropRemoveStanza(base, stanza.c_str()) != ZPROP_OK)
-                return refuse(base, file, stanza.c_str(), "");
+                return refuse(base, file, stanza.c_str(), nullptr);
             continue;
         }
         Words keys;
-        if (const int failed = keysOf(base, file, stanza.c_str(), keys))
+        if (const Exit failed = keysOf(base, file, stanza.c_str(), keys))
             return failed;
         for (const std::string& key : keys)
             if (zstzPropExists(over, stanza.c_str(), key.c_str(), &error) == 0 &&
@@ -346,23 +406,23 @@ static int removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* file
     return done;
 }
 
-int merge(const Words& words, const Options& options) {
+Exit merge(const Words& words, const Options& options) {
     const char *file = words[0].c_str(), *overFile = words[1].c_str();
     Handle over;
-    if (const int failed = openFile(overFile, options, over))
+    if (const Exit failed = openFile(overFile, options, over))
         return failed;
-    return update(file, options, [&](ZPROP_handle* base) -> int {
+    return update(file, options, [&](ZPROP_handle* base) -> Exit {
         Words stanzas;
-        if (const int failed = stanzasOf(over.get(), overFile, stanzas))
+        if (const Exit failed = stanzasOf(over.get(), overFile, stanzas))
             return failed;
         for (const std::string& stanza : stanzas) {
             Words keys;
-            if (stanza == "configuration-database")
+            if (stanza == ZPROP_SIDE_STANZA)
                 continue;
-            if (const int failed = keysOf(over.get(), overFile, stanza.c_str(), keys))
+            if (const Exit failed = keysOf(over.get(), overFile, stanza.c_str(), keys))
                 return failed;
             for (const std::string& key : keys)
-                if (const int failed =
+                if (const Exit failed =
                         takeOver(base, over.get(), file, overFile, stanza.c_str(), key.c_str()))
                     return failed;
         }

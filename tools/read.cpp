@@ -2,15 +2,15 @@
 
 #include "zstz.h"
 
-int get(const Words& words, const Options& options) {
+Exit get(const Words& words, const Options& options) {
     const char *file = words[0].c_str(), *stanza = words[1].c_str(), *key = words[2].c_str();
     Handle handle;
-    if (const int failed = openFile(file, options, handle))
+    if (const Exit failed = openFile(file, options, handle))
         return failed;
     if (!isThere(handle.get(), file, stanza, key))
         return notFound;
     Words values;
-    if (const int failed = valuesOf(handle.get(), file, stanza, key, values))
+    if (const Exit failed = valuesOf(handle.get(), file, stanza, key, values))
         return failed;
     if (options.all) {
         for (const std::string& value : values)
@@ -21,15 +21,15 @@ int get(const Words& words, const Options& options) {
     return done;
 }
 
-static int listEntries(ZPROP_handle* handle, const char* file, const char* stanza) {
+static Exit listEntries(ZPROP_handle* handle, const char* file, const char* stanza) {
     if (!isThere(handle, file, stanza, nullptr))
         return notFound;
     Words keys;
-    if (const int failed = keysOf(handle, file, stanza, keys))
+    if (const Exit failed = keysOf(handle, file, stanza, keys))
         return failed;
     for (const std::string& key : keys) {
         Words values;
-        if (const int failed = valuesOf(handle, file, stanza, key.c_str(), values))
+        if (const Exit failed = valuesOf(handle, file, stanza, key.c_str(), values))
             return failed;
         for (const std::string& value : values)
             printf("%s = %s\n", key.c_str(), value.c_str());
@@ -39,26 +39,26 @@ static int listEntries(ZPROP_handle* handle, const char* file, const char* stanz
     return done;
 }
 
-int list(const Words& words, const Options& options) {
+Exit list(const Words& words, const Options& options) {
     const char* file = words[0].c_str();
     Handle handle;
-    if (const int failed = openFile(file, options, handle))
+    if (const Exit failed = openFile(file, options, handle))
         return failed;
     if (words.size() > 1)
         return listEntries(handle.get(), file, words[1].c_str());
     Words stanzas;
-    if (const int failed = stanzasOf(handle.get(), file, stanzas))
+    if (const Exit failed = stanzasOf(handle.get(), file, stanzas))
         return failed;
     for (const std::string& stanza : stanzas)
         puts(stanza.c_str());
     return done;
 }
 
-int check(const Words& words, const Options& options) {
-    int worst = done;
+Exit check(const Words& words, const Options& options) {
+    Exit worst = done;
     for (const std::string& file : words) {
         Handle handle;
-        const int result = openFile(file.c_str(), options, handle);
+        const Exit result = openFile(file.c_str(), options, handle);
         worst = result > worst ? result : worst;
     }
     return worst;
@@ -83,13 +83,13 @@ struct Side {
         return zstzPropIsHidden(handle.get(), stanza, key, &error) != 0;
     }
     // Prints what this side has of the key. What is hidden stays so.
-    int print(const char* stanza, const char* key) const {
+    Exit print(const char* stanza, const char* key) const {
         if (hides(stanza, key)) {
             printf("%c [%s] %s (hidden)\n", sign, stanza, key);
             return done;
         }
         Words values;
-        if (const int failed = valuesOf(handle.get(), file, stanza, key, values))
+        if (const Exit failed = valuesOf(handle.get(), file, stanza, key, values))
             return failed;
         for (const std::string& value : values)
             printf("%c [%s] %s = %s\n", sign, stanza, key, value.c_str());
@@ -102,18 +102,18 @@ struct Side {
 }  // namespace
 
 // Prints what one side has and the other lacks, and, once for both, where their values differ.
-static int printDifferences(const Side& here, const Side& there, bool printChanged, bool& differ) {
+static Exit printDifferences(const Side& here, const Side& there, bool printChanged, bool& found) {
     Words stanzas;
-    if (const int failed = stanzasOf(here.handle.get(), here.file, stanzas))
+    if (const Exit failed = stanzasOf(here.handle.get(), here.file, stanzas))
         return failed;
     for (const std::string& name : stanzas) {
         const char* stanza = name.c_str();
         if (!there.has(stanza, nullptr)) {
             printf("%c [%s]\n", here.sign, stanza);
-            differ = true;
+            found = true;
         }
         Words keys;
-        if (const int failed = keysOf(here.handle.get(), here.file, stanza, keys))
+        if (const Exit failed = keysOf(here.handle.get(), here.file, stanza, keys))
             return failed;
         for (const std::string& keyName : keys) {
             const char* key = keyName.c_str();
@@ -122,7 +122,7 @@ static int printDifferences(const Side& here, const Side& there, bool printChang
                 continue;
             if (inBoth) {
                 Words left, right;
-                int failed = valuesOf(here.handle.get(), here.file, stanza, key, left);
+                Exit failed = valuesOf(here.handle.get(), here.file, stanza, key, left);
                 if (failed == done)
                     failed = valuesOf(there.handle.get(), there.file, stanza, key, right);
                 if (failed != done)
@@ -130,8 +130,8 @@ static int printDifferences(const Side& here, const Side& there, bool printChang
                 if (left == right && here.hides(stanza, key) == there.hides(stanza, key))
                     continue;
             }
-            differ = true;
-            int failed = here.print(stanza, key);
+            found = true;
+            Exit failed = here.print(stanza, key);
             if (failed == done && inBoth)
                 failed = there.print(stanza, key);
             if (failed != done)
@@ -141,15 +141,15 @@ static int printDifferences(const Side& here, const Side& there, bool printChang
     return done;
 }
 
-int diff(const Words& words, const Options& options) {
+Exit diff(const Words& words, const Options& options) {
     Side before = {words[0].c_str(), '-', nullptr}, after = {words[1].c_str(), '+', nullptr};
-    int failed = openFile(before.file, options, before.handle);
+    Exit failed = openFile(before.file, options, before.handle);
     if (failed == done)
         failed = openFile(after.file, options, after.handle);
-    bool differ = false;
+    bool found = false;
     if (failed == done)
-        failed = printDifferences(before, after, true, differ);
+        failed = printDifferences(before, after, true, found);
     if (failed == done)
-        failed = printDifferences(after, before, false, differ);
-    return failed != done ? failed : differ ? notFound : done;
+        failed = printDifferences(after, before, false, found);
+    return failed != done ? failed : found ? differ : done;
 }

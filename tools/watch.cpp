@@ -40,10 +40,10 @@ static void act(void* data, const char* stanza, const char* key, int change) {
         complain(fileError, "%s was stopped by a signal", action.command);
 }
 
-int watch(const Words& words, const Options& options) {
+Exit watch(const Words& words, const Options& options) {
     Action action = {words[0].c_str(), words.size() > 1 ? words[1].c_str() : nullptr};
     Handle handle;
-    if (const int failed = openFile(action.file, options, handle))
+    if (const Exit failed = openFile(action.file, options, handle))
         return failed;
     ZPROP_watch_handle* opened = nullptr;
     if (zstzPropWatch_open(handle.get(), &opened) != ZPROP_OK)

@@ -46,46 +46,65 @@ static const char kHelp[] =
     "that\n"
     "bar the change.\n";
 
-namespace {
-
-struct Command {
-    const char* name;
-    size_t least, most;  // arguments
-    int (*run)(const Words& words, const Options& options);
-};
-
-const Command kCommands[] = {
+static const Command kCommands[] = {
     {"get", 3, 3, get},           {"set", 4, 4, change},      {"add", 4, 4, change},
     {"unset", 2, 4, change},      {"comment", 2, 4, change},  {"list", 1, 2, list},
     {"check", 1, 1 << 20, check}, {"edit", 1, 1 << 20, edit}, {"diff", 2, 2, diff},
     {"merge", 2, 2, merge},       {"watch", 1, 2, watch},
 };
 
-}  // namespace
+const Command* findCommand(const std::string& name) {
+    for (const Command& command : kCommands)
+        if (name == command.name)
+            return &command;
+    return nullptr;
+}
 
-static int run(Words words, const Options& options) {
+Exit checkCount(const Command& command, size_t arguments) {
+    return arguments >= command.least && arguments <= command.most
+               ? done
+               : complain(usage, "wrong number of arguments for %s; see zstz --help", command.name);
+}
+
+Exit checkTakesType(const Command& command, ValueType type) {
+    return type == anyType || strcmp(command.name, "set") == 0
+               ? done
+               : complain(usage, "--type goes with set");
+}
+
+Exit parseType(const char* name, ValueType& type) {
+    static const struct {
+        const char* name;
+        ValueType type;
+    } kTypes[] = {{"string", stringType}, {"integer", integerType}, {"boolean", booleanType}};
+    for (const auto& known : kTypes)
+        if (strcmp(name, known.name) == 0) {
+            type = known.type;
+            return done;
+        }
+    return complain(usage, "no such type: %s", name);
+}
+
+static Exit run(Words words, const Options& options) {
     if (words.empty())
         return complain(usage, "no command; see zstz --help");
     const std::string name = words[0];
-    for (const Command& command : kCommands) {
-        if (name != command.name)
-            continue;
-        if (words.size() - 1 < command.least || words.size() - 1 > command.most)
-            return complain(usage, "wrong number of arguments for %s; see zstz --help",
-                            command.name);
-        if (options.all && command.run != get)
-            return complain(usage, "--all goes with get");
-        if (options.type != nullptr && name != "set")
-            return complain(usage, "--type goes with set");
-        if (options.create && name != "set" && name != "edit" && name != "merge")
-            return complain(usage, "--create goes with set, edit and merge");
-        if (options.remove && name != "merge")
-            return complain(usage, "--delete goes with merge");
-        if (command.run != change)
-            words.erase(words.begin());
-        return command.run(words, options);
-    }
-    return complain(usage, "no such command: %s; see zstz --help", name.c_str());
+    const Command* command = findCommand(name);
+    if (command == nullptr)
+        return complain(usage, "no such command: %s; see zstz --help", name.c_str());
+    if (const Exit failed = checkCount(*command, words.size() - 1))
+        return failed;
+    if (options.all && command->run != get)
+        return complain(usage, "--all goes with get");
+    if (const Exit failed = checkTakesType(*command, options.type))
+        return failed;
+    if (options.create && name != "set" && name != "edit" && name != "merge")
+        return complain(usage, "--create goes with set, edit and merge");
+    if (options.remove && name != "merge")
+        return complain(usage, "--delete goes with merge");
+    if (!command->isChange())
+        words.erase(words.begin());
+    return command->run(words, options);
 }
 
 static bool parseWait(const char* text, unsigned long& milliseconds) {
@@ -106,7 +125,7 @@ static bool parseStoreMode(const char* text, int& mode) {
 }
 
 // A full disk or a closed pipe behind standard output shows here.
-static int finish(int result) {
+static Exit finish(Exit result) {
     if (fclose(stdout) != 0 && result == done)
         return complain(fileError, "standard output: %s", strerror(errno));
     return result;
@@ -138,10 +157,8 @@ int main(int argc, char** argv) {
                 options.remove = true;
                 break;
             case 't':
-                options.type = optarg;
-                if (strcmp(optarg, "string") != 0 && strcmp(optarg, "integer") != 0 &&
-                    strcmp(optarg, "boolean") != 0)
-                    return complain(usage, "no such type: %s", optarg);
+                if (const Exit failed = parseType(optarg, options.type))
+                    return failed;
                 break;
             case 'w':
                 if (!parseWait(optarg, options.wait))
