@@ -282,7 +282,7 @@ void ZProperties::addFileComment(const char* text) {
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequireNames(category, key);
     changeComment(text,
                   [&](const char* comment) { cache_->addLineComment(category, key, comment); });
 }

@@ -6,6 +6,7 @@
 
 #include "zinternal.h"
 #include "zraise.h"
+#include "zrefusal.h"
 #include "zpropchanges.h"
 
 // ---------------------------------------------------------------- pairs
@@ -129,7 +130,7 @@ void ZStanzaFileProperties::deleteStanza(const char* stanza) {
 }
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
-    zrequire(zhasText(stanza));
+    zrequireStanzaName(stanza);
     changeComment(text, [&](const char* comment) { data().addStanzaComment(stanza, comment); });
 }
 

@@ -4,9 +4,8 @@
 #define Z_ZPROPCHANGES_H
 
 #include "ZProperties.h"
-#include "zinternal.h"
 #include "zpropnotices.h"
-#include "zraise.h"
+#include "zrefusal.h"
 
 template <typename Change>
 void ZProperties::change(ZPropertyChanged::PropertyChangeType type, const char* category,
@@ -23,20 +22,20 @@ void ZProperties::change(ZPropertyChanged::PropertyChangeType type, const char* 
 template <typename Change>
 void ZProperties::changeKey(ZPropertyChanged::PropertyChangeType type, const char* category,
                             const char* key, Change apply) {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequireNames(category, key);
     change(type, category, key, apply);
 }
 
 template <typename Change>
 void ZProperties::changeStanza(ZPropertyChanged::PropertyChangeType type, const char* stanza,
                                Change apply) {
-    zrequire(zhasText(stanza));
+    zrequireStanzaName(stanza);
     change(type, stanza, nullptr, apply);
 }
 
 template <typename Change>
 void ZProperties::changeComment(const char* text, Change apply) {
-    zrequire(zhasText(text));
+    zrequireCommentText(text);
     ZResourceLock guard(lock_);
     ZLCString comment(text);
     checkComment(comment);

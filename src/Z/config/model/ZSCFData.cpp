@@ -91,18 +91,21 @@ public:
         const size_t end = store_.textSize();
         reserve(start, end);
         const bool hasNul = end != start && memchr(store_.text(start), 0, end - start) != nullptr;
+        const ZLineGrammar grammar;
         int line = 0;
         for (size_t at = start; at < end;) {
             const char* piece = store_.text(static_cast<uint32_t>(at));
             const size_t length = zlineLength(piece, end - at);
+            const char* stop = piece + length;
             const void* nul = hasNul ? memchr(piece, 0, length) : nullptr;
-            const char* stop = nul == nullptr ? piece + length : static_cast<const char*>(nul);
+            if (nul != nullptr)
+                stop = static_cast<const char*>(nul);
             ++line;
-            const ZSpan text = grammar_.trimmed(piece, stop);
-            const bool isCut = piece[length - 1] != '\n' && length < end - at;
+            const ZSpan text = grammar.trimmed(piece, stop);
             const bool isRefused =
-                strict_ && (isCut || nul != nullptr || startsWithMark(start, at));
-            if (isRefused || !take(grammar_.divide(text))) {
+                strict_ && (nul != nullptr || startsWithMark(start, at) ||
+                            (piece[length - 1] != '\n' && length < end - at));  // cut
+            if (isRefused || !take(grammar.divide(text))) {
                 flush();
                 // The indent is part of it.
                 const ZLCString data(piece,
@@ -245,7 +248,6 @@ private:
     bool isSideStanza_;
     int pending_;
     size_t unused_;
-    const ZLineGrammar grammar_;
     Pending batch_[kBatch];
 };
 

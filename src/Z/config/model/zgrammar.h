@@ -19,6 +19,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "zassert.h"
 #include "zpblock.h"
 #include "zstoremodes.h"
 
@@ -67,9 +68,10 @@ public:
     ZSpan trimmed(const char* first, const char* end) const {
         while (end > first && isBlank(end[-1]))
             --end;
-        while (first < end && isBlank(*first))
-            ++first;
-        return {first, static_cast<size_t>(end - first)};
+        if (end > first)
+            while (isBlank(*first))
+                ++first;
+        return between(first, end);
     }
 
     /// What a trimmed line without NULs is.
@@ -78,6 +80,7 @@ public:
         if (text.size == 0)
             return {zlineBlank, text, nothing};
         const char first = *text.data;
+        zassert(!isBlank(first) && !isBlank(text.data[text.size - 1]));
         if (first == '#')
             return {zlineComment, text, nothing};
         const char* end = text.data + text.size;
@@ -85,11 +88,18 @@ public:
             static_cast<const char*>(memchr(text.data, first == '[' ? ']' : '=', text.size));
         if (divider == nullptr)
             return {zlineBad, text, nothing};
-        if (first == '[') {
-            const char* name = text.data + 1;
-            return {zlineHeader, {name, static_cast<size_t>(divider - name)}, nothing};
-        }
-        return {zlineEntry, trimmed(text.data, divider), trimmed(divider + 1, end)};
+        if (first == '[')
+            return {zlineHeader, between(text.data + 1, divider), nothing};
+        // Neither the first nor the last character is a blank: there the walks end.
+        const char* keyEnd = divider;
+        if (keyEnd > text.data)
+            while (isBlank(keyEnd[-1]))
+                --keyEnd;
+        const char* value = divider + 1;
+        if (value < end)
+            while (isBlank(*value))
+                ++value;
+        return {zlineEntry, between(text.data, keyEnd), between(value, end)};
     }
 
     /// The same of a line as it stands in a file, with its newline if it has one.
@@ -100,6 +110,10 @@ public:
     }
 
 private:
+    static ZSpan between(const char* first, const char* end) {
+        return {first, static_cast<size_t>(end - first)};
+    }
+
     const unsigned short* classes_;  // of all characters
 };
 

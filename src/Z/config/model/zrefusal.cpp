@@ -15,6 +15,11 @@ static const ZFault kNoFault = {nullptr, nullptr};
 
 // ---------------------------------------------------------------- reasons
 
+static const char kStanza[] = "a stanza's name";
+static const char kKey[] = "a key";
+static const char kValue[] = "a value";
+static const char kComment[] = "a comment";
+
 static const char kEmpty[] = "can't be empty";
 static const char kBlankEnds[] = "can't have blanks at its ends";
 static const char kTooLong[] = "is too long for a line of 8191 bytes";
@@ -60,7 +65,7 @@ ZFault zfaultOfStanza(const char* name) {
     if (reason == nullptr && strchr(name, ']') != nullptr)
         reason = "can't hold ]";
     if (reason != nullptr)
-        return {"a stanza's name", reason};
+        return {kStanza, reason};
     zassert(readsAs(zlineHeader, name));
     return kNoFault;
 }
@@ -74,7 +79,7 @@ ZFault zfaultOfKey(const char* name) {
     else if (reason == nullptr && (*name == '#' || *name == '['))
         reason = "can't begin with # or [";
     if (reason != nullptr)
-        return {"a key", reason};
+        return {kKey, reason};
     zassert(readsAs(zlineEntry, name));
     return kNoFault;
 }
@@ -85,7 +90,7 @@ ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty) {
     const char* reason = reasonAgainst(value, strlen(key) + strlen(" = \n"));
     if (reason == nullptr && hasBlankEnds(value))
         reason = kBlankEnds;
-    return reason == nullptr ? kNoFault : ZFault{"a value", reason};
+    return reason == nullptr ? kNoFault : ZFault{kValue, reason};
 }
 
 ZFault zfaultOfHiddenValue(const char* value) {
@@ -99,13 +104,13 @@ ZFault zfaultOfComment(const char* text) {
     else if (reason == nullptr && hasBlankEnds(text))
         reason = kBlankEnds;
     if (reason != nullptr)
-        return {"a comment", reason};
+        return {kComment, reason};
     zassert(readsAs(zlineComment, text));
     return kNoFault;
 }
 
 ZFault zfaultOfForeignText() {
-    return {"a value", "can't hold characters that the local codeset lacks"};
+    return {kValue, "can't hold characters that the local codeset lacks"};
 }
 
 // ---------------------------------------------------------------- refusals
@@ -118,6 +123,19 @@ void zrequireNoFault(const ZFault& fault) {
     lastFault = fault;
     zraise(ZInvalidParameterException());
 }
+
+static void requireText(const char* subject, const char* text) {
+    zrequireNoFault(zhasText(text) ? kNoFault : ZFault{subject, kEmpty});
+}
+
+void zrequireStanzaName(const char* stanza) { requireText(kStanza, stanza); }
+
+void zrequireNames(const char* stanza, const char* key) {
+    requireText(kStanza, stanza);
+    requireText(kKey, key);
+}
+
+void zrequireCommentText(const char* text) { requireText(kComment, text); }
 
 ZFault zfaultBehind(const ZInvalidParameterException& e) {
     const char* raisedIn = e.who();

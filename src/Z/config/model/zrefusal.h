@@ -23,8 +23,14 @@ ZFault zfaultOfComment(const char* text);
 /// Of text that has characters which the local codeset lacks.
 ZFault zfaultOfForeignText();
 
-/// Raises ZInvalidParameterException if there is a fault, which is kept for the thread.
+/// Raises ZInvalidParameterException if there is a fault, which the thread keeps: so the C interface
+/// can tell it.
 void zrequireNoFault(const ZFault& fault);
+
+/// Likewise where one of these is null or empty.
+void zrequireNames(const char* stanza, const char* key);
+void zrequireStanzaName(const char* stanza);
+void zrequireCommentText(const char* text);
 
 /// The fault for which this exception was raised, as long as the thread has met no other; none for
 /// an exception that was raised elsewhere.
