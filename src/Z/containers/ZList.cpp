@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zownership.h"
 #include "zraise.h"
 #include "zuncancelled.h"
@@ -188,6 +189,7 @@ void ZArrayList::addNoCopy(unsigned int index, const ZObject* object) {
         return;
     if (size_ == capacity_)
         grow();
+    zassert(size_ < capacity_);
     if (index < size_)
         memmove(members_ + index + 1, members_ + index, (size_ - index) * sizeof(ZObject*));
     members_[index] = const_cast<ZObject*>(object);

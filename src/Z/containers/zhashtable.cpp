@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zraise.h"
 #include "zuncancelled.h"
 
@@ -114,6 +115,9 @@ uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe, uint32_t hash) const {
             const Slot& slot = slots_[i];
             if (slot.node == 0)
                 return 0;
+            // (2)
+            zassert(slot.object == nodes_[slot.node].member.object &&
+                    slot.hash == nodes_[slot.node].hash);
             if (slot.hash == hash && slot.object != nullptr && probe.equals(*slot.object))
                 return slot.node;
         }
@@ -157,6 +161,7 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash) {
         free_ = nodes_[node].next;
     else
         node = used_++;
+    zassert(node != 0 && node < used_ && used_ <= capacity_);  // (1), (3)
     Chain& chain = chainOf(hash);
     nodes_[node] = {member, hash, chain.last, 0};
     (chain.last != 0 ? nodes_[chain.last].next : chain.first) = node;
@@ -226,8 +231,10 @@ void ZHashTable<Member>::enterSlot(const Slot& slot) {
 template <typename Member>
 uint32_t ZHashTable<Member>::slotOf(uint32_t node) const {
     uint32_t i = placeOf(nodes_[node].hash);
-    while (slots_[i].node != node)
+    while (slots_[i].node != node) {
+        zassert(slots_[i].node != 0);  // (2)
         i = (i + 1) & slotMask_;
+    }
     return i;
 }
 
@@ -261,6 +268,7 @@ void ZHashTable<Member>::remove(const ZObject& probe, uint32_t hash) {
 template <typename Member>
 Member ZHashTable<Member>::unlink(uint32_t index) {
     Node& node = nodes_[index];
+    zassert(index != 0 && !isFree(node) && size_ > 0);  // (1), (3)
     const Member member = node.member;
     Chain& chain = chainOf(node.hash);
     (node.previous != 0 ? nodes_[node.previous].next : chain.first) = node.next;
@@ -286,6 +294,7 @@ void ZHashTable<Member>::removeAll() {
         }
     }
     if (size_ == 0) {
+        zassert(nodes_[0].member.object == nullptr);
         used_ = 1;  // records are given out from the front again
         free_ = 0;
     }

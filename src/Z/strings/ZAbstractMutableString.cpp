@@ -1,3 +1,5 @@
+// ZAbstractMutableString.cpp: how strings that own text grow and change. The numbers at asserts are
+// those of the invariants that stand with the fields.
 #include "ZAbstractMutableString.h"
 
 #include <cstdarg>
@@ -5,6 +7,7 @@
 
 #include "ZException.h"
 #include "zasprintf.h"
+#include "zassert.h"
 #include "zraise.h"
 
 const unsigned int ZAbstractMutableString::kInlineLength;
@@ -34,6 +37,8 @@ int ZAbstractMutableString::isOwn(const char* s) const {
 }
 
 void ZAbstractMutableString::grow(uint64_t n, int exact) {
+    zassert(length_ <= capacity_);                                   // (1)
+    zassert(chars_ != inline_chars_ || capacity_ == kInlineLength);  // (2)
     const uint64_t target = grownCapacity(capacity_, kInlineLength, n, exact);
     if (target <= capacity_)
         return;
@@ -68,6 +73,7 @@ ZAbstractMutableString& ZAbstractMutableString::growAndAppend(const char* s, siz
 
 ZAbstractMutableString& ZAbstractMutableString::growAndAssign(const char* s, size_t n) {
     // A new block, since realloc would carry the old text along. `s` isn't our own: that would fit.
+    zassert(!isOwn(s));
     const uint64_t target = grownCapacity(capacity_, kInlineLength, n, 0);
     char* block = allocateBlock(target);
     memcpy(block, s, n);
@@ -158,6 +164,7 @@ void ZAbstractMutableString::convertFromCodeSet(const ZAbstractString& other) {
                    : zlcs_from_utf8(other.getChars(), length, chars_, capacity_);
     if (n < 0)
         n = 0;
+    zassert(static_cast<unsigned int>(n) <= capacity_);  // (1)
     chars_[n] = '\0';
     length_ = static_cast<unsigned int>(n);
 }
@@ -182,6 +189,7 @@ ZAbstractMutableString& ZAbstractMutableString::insert(unsigned int pos, const c
         memcpy(gap + before, chars_ + offset + before + n, n - before);
     }
     length_ += static_cast<unsigned int>(n);
+    zassert(length_ <= capacity_);  // (1)
     return *this;
 }
 
@@ -209,6 +217,7 @@ ZAbstractMutableString& ZAbstractMutableString::prepend(const char* s) {
         if (old != inline_chars_)
             free(old);
     }
+    zassert(total <= capacity);  // (1)
     chars_ = text;
     length_ = static_cast<unsigned int>(total);
     capacity_ = static_cast<unsigned int>(capacity);

@@ -16,6 +16,7 @@
 #include "ZAbstractMutableString.h"
 #include "ZBuffer.h"
 #include "ZStringIterator.h"
+#include "zassert.h"
 #include "zinternal.h"
 #include "zraise.h"
 
@@ -52,6 +53,7 @@ char* rewrite(char* target, const char* source, const char* end, Next next, size
         memcpy(target, to, toLength);
         target += toLength;
         source = hit + hitLength;
+        zassert(target <= source);  // as told above
     }
 }
 

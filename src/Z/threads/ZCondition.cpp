@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zmemory.h"
 #include "zreport.h"
 #include "zscope.h"
@@ -73,6 +74,7 @@ void ZCondition::wait(timespec& absolute, int& timedOut) {
         lock_->count_ = 0;
         lock_->owner_->store(static_cast<pthread_t>(-1), std::memory_order_relaxed);
         const ZAtEnd putBack([&] {
+            zassert(lock_->count_ == 0);  // whoever held it meanwhile has left it
             lock_->count_ = depth;
             lock_->owner_->store(owner, std::memory_order_relaxed);
         });

@@ -33,6 +33,7 @@
 #include <cstdlib>
 
 #include "ZExceptionText.h"
+#include "zassert.h"
 #include "zraise.h"
 #include "zreport.h"
 #include "zscope.h"
@@ -235,6 +236,7 @@ void ZAbstractProcessReadWriteFileLock::leaveGrant() {
 
 // Requires: fileLock_ is held.
 void ZAbstractProcessReadWriteFileLock::takeFile(zlockstate state) {
+    zassert(lockState_ == unset);
     auto abandon = onFailure([this] { giveBack(); });
     lockFile(state);
     lockState_ = state;
@@ -257,6 +259,7 @@ void ZAbstractProcessReadWriteFileLock::release() {
     // A thread that is cancelled between the steps would leave half a lock behind.
     const ZUncancelled noCancel;
     const ZResourceLock guard(fileLock_);
+    zassert(lockState_ != write || getReaderCount() == 0);
     // The reader count includes the caller. A child process that gives up what it has inherited has
     // no file to give up.
     if (lockState_ == write || (lockState_ != unset && getReaderCount() <= 1)) {

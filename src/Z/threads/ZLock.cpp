@@ -11,6 +11,7 @@
 #include <cxxabi.h>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zmemory.h"
 #include "zreport.h"
 
@@ -75,6 +76,7 @@ void ZLock::lock() {
     const int rc = pthread_mutex_lock(mutex_);
     if (rarely(rc != 0))
         zraiseCode<ZLockResourceException>(5, rc);
+    zassert(count_ == 0 && owner_->load(std::memory_order_relaxed) == kNobody);  // (1), (2)
     count_ = 1;
     owner_->store(currentThread(), std::memory_order_relaxed);
 }

@@ -22,6 +22,7 @@
 #include <optional>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zreport.h"
 
 #if defined(__has_include)
@@ -82,6 +83,7 @@ struct ZReadWriteLock::Steps {
         void missed() {}
         void becomeHolder() {
             const pthread_t self = pthread_self();
+            zassert(lock.holder_.load(std::memory_order_relaxed) == kNobody);  // (3)
             lock.holder_.store(self, std::memory_order_relaxed);
             lock.owner_.store(self, std::memory_order_relaxed);
         }
@@ -175,10 +177,12 @@ struct ZReadWriteLock::Steps {
 class ZReadWriteLock::Waiting {
 public:
     explicit Waiting(ZReadWriteLock& lock) : lock_(lock) {
+        zassert(bitAgrees());
         if (lock_.waiters_++ == 0)
             lock_.word_.fetch_or(kWaiting);
     }
     ~Waiting() {
+        zassert(lock_.waiters_ > 0 && bitAgrees());
         if (--lock_.waiters_ == 0)
             lock_.word_.fetch_and(~kWaiting);
     }
@@ -186,6 +190,12 @@ public:
     Waiting& operator=(const Waiting&) = delete;
 
 private:
+    // Invariant (1).
+    bool bitAgrees() const {
+        return ((lock_.word_.load(std::memory_order_relaxed) & kWaiting) != 0) ==
+               (lock_.waiters_ > 0);
+    }
+
     ZReadWriteLock& lock_;
 };
 

@@ -2,17 +2,15 @@
 //
 // The life of an object against that of its threads
 // (1) Life counts the threads between start() and noteEnd(), which comes behind exit(). It is a
-// block
-//     of its own, and goes with the last of object and threads: who learns of the end in exit() may
-//     destroy the object. In a pool noteEnd() is under the pool's mutex, which whoever waits for
-//     the pool needs.
+//     block of its own, and goes with the last of object and threads: who learns of the end in
+//     exit() may destroy the object. In a pool noteEnd() is under the pool's mutex, which whoever
+//     waits for the pool needs.
 // (2) A self-deleting object is deleted by the last of its thread and the Holds on it: start() of a
 //     sleeper and the pool are still inside the object when its thread may have ended.
 // (3) pool_ is set before the thread is made, and cleared when the pool has counted the end. So the
 //     pool of a thread that sleeps in run() is alive.
 // (4) A sleeper is in its pool's idle set only while it sleeps, isn't asked to end and isn't
-// promised
-//     to anybody.
+//     promised to anybody.
 #include "ZThread.h"
 
 #include <cxxabi.h>
@@ -25,6 +23,7 @@
 #include <limits>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zraise.h"
 #include "zinternal.h"
 #include "zmemory.h"
@@ -104,6 +103,7 @@ void ZThread::Life::noteEnd() {
 }
 
 void ZThread::Life::noteObjectGone() {
+    zassert((word.load() & kObject) != 0);
     if (word.fetch_sub(kObject) == kObject)
         ZUnmake()(this);
 }
@@ -223,6 +223,7 @@ void ZThread::key_delete_routine(ZObject* object) {
 void ZThread::hold() { holds_.fetch_add(2); }
 
 void ZThread::release() {
+    zassert(holds_.load() >= 2);
     if (holds_.fetch_sub(2) == 2 + 1)
         deleteNow();
 }

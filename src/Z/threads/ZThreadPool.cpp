@@ -18,6 +18,7 @@
 #include <cerrno>
 
 #include "ZException.h"
+#include "zassert.h"
 #include "zraise.h"
 #include "zmemory.h"
 #include "zreport.h"
@@ -101,6 +102,7 @@ private:
 class ZThreadPool::Booking {
 public:
     Booking(ZThreadPool& pool, ZThread& thread) : pool_(pool), thread_(thread), failed_(true) {
+        zassert(pool_.activeCount_ < pool_.maxThreads_);
         ++pool_.activeCount_;
         thread_.pool_ = &pool_;
         thread_.promised_ = 0;
@@ -109,6 +111,7 @@ public:
         // A start that failed after it had made its thread: that will tell its end.
         if (!failed_ || thread_.isRunning())
             return;
+        zassert(pool_.activeCount_ > 0);  // (1)
         thread_.pool_ = nullptr;
         --pool_.activeCount_;
         pthread_cond_signal(pool_.cond_);
@@ -262,6 +265,7 @@ void ZThreadPool::waitForExit() {
         ++closing_;
         maxIdle_ = 0;
         const ZAtEnd closed([this] {
+            zassert(closing_ > 0 && maxIdle_ == 0);  // (3)
             if (--closing_ == 0)
                 maxIdle_ = idleLimit_;
         });
@@ -288,6 +292,7 @@ void ZThreadPool::threadDoneNotification(ZThread& thread, int& keep) {
         ++idleCount_;
         thread.promised_ = 0;
     }
+    zassert(idleCount_ == idleThreads_.size());  // (2)
     keep = joins || present == &thread;
     const int rc = guard.tryUnlock();
     if (rc != 0) {  // the exception will end the thread
@@ -334,6 +339,7 @@ void ZThreadPool::noteNotIdle(ZThread& thread) {
 
 // A thread that doesn't sleep, or won't for long, must not be handed out.
 void ZThreadPool::forgetIdle(ZThread& thread) {
+    zassert(idleCount_ == idleThreads_.size());  // (2)
     if (idleCount_ == 0 || idleThreads_.getEntry(&thread) != &thread)
         return;
     idleThreads_.removeEntry(&thread);
