@@ -1,5 +1,5 @@
-// zformatparse.cpp: how the formatter reads a format and its arguments, into a table of directives and
-// a table of arguments by position. Rendering (zformat) only looks at these, so that it can run
+// zformatparse.cpp: how the formatter reads a format and its arguments, into a table of directives
+// and a table of arguments by position. Rendering (zformat) only looks at these, so that it can run
 // again.
 //
 // The parts of a directive come in a fixed order, each may be missing, and none looks back, so each
