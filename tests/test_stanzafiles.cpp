@@ -31,9 +31,7 @@ const struct {
     const char *text, *value, *out;
 } kGood[] = {
     {"[s]\n  k  =  v  \n", "v", "[s]\nk = v\n"}, {"[s]\nk=v\n", "v", "[s]\nk = v\n"},
-    {"[s]\r\n\tk\t=\tv\r\n", "v", "[s]\nk = v\n"}, {"[s]\nk = a = b\n", "a = b", nullptr},
-    {"[s]\nk = v # w\n", "v # w", nullptr}, {"[s]\nk = # no comment\n", "# no comment", nullptr},
-    {"[s]\nk =\n", "", nullptr}, {"[s]\na key = 1\nk = v\n", "v", nullptr},
+    {"[s]\r\n\tk\t=\tv\r\n", "v", "[s]\nk = v\n"}, {"[s]\nk =\n", "", nullptr},
     {"[s]\nk = v", "v", "[s]\nk = v\n"}, {"# a\n\n[s]\n# b\n\nk = v\n\n# c\n", "v", nullptr},
     {"[s]\n   # b\nk = v\n", "v", "[s]\n# b\nk = v\n"}, {"[s] tail\nk = v\n", "v", "[s]\nk = v\n"},
     // Values of one key come together; an empty one among them adds none.
@@ -55,14 +53,10 @@ TEST(StanzaReader, Entries) {
     }
 }
 
-TEST(StanzaReader, NamesKeepTheirBlanksNulsHideAndCommentsMayBeLeftOut) {
-    ZSCFData cache, bare, cut;
+TEST(StanzaReader, NulsHideAndCommentsMayBeLeftOut) {
+    ZSCFData bare, cut;
     ASSERT_EQ(readText(cut, bytes("[s]\nk = v\0hidden\n\0x\n[t]\n")), 0);
     EXPECT_EQ(writtenText(cut), "[s]\nk = v\n\n[t]\n");
-    ASSERT_EQ(readText(cache, "[ name ]\nk = 1\n[]\n"), 0);
-    EXPECT_EQ(value(cache, " name ", "k"), "1");
-    EXPECT_EQ(cache.contains("name"), 0);
-    EXPECT_EQ(cache.contains(""), 1);
     ASSERT_EQ(readText(bare, "# a\n\n[s]\n# b\nk = 1\n\n# c\nm =\n", false), 0);
     EXPECT_EQ(writtenText(bare), "[s]\nk = 1\nm =\n");
 }
@@ -95,25 +89,15 @@ TEST(StanzaReader, AFileThatBeginsWithBlankLinesIsRead) {
     EXPECT_EQ(writtenText(cache), text);
 }
 
-// Pieces of 8191 bytes: a longer line goes on as a line of its own, with a number of its own.
-TEST(StanzaReader, LongLinesAreCutWhereTheBufferEnds) {
-    const size_t room = 8191 - strlen("k = ");
-    for (int over : {-2, -1, 0, 1, 2, 1000}) {
-        SCOPED_TRACE(over);
-        const string text(room + over, 'v');
-        ZSCFData cache;
-        const int badLine = readText(cache, "[s]\nk = " + text + "\nm = 1\nbad\n");
-        const bool cut = over > 0;
-        // What lies over the edge has no "=" and is refused; a newline alone there is a blank line.
-        EXPECT_EQ(badLine, cut ? 3 : over == 0 ? 5 : 4);
-        EXPECT_EQ(value(cache, "s", "k"), text.substr(0, room));
-    }
+// A longer line goes on as a line of its own, with a number of its own.
+TEST(StanzaReader, LongLinesAreCut) {
+    const string longest(8191 - strlen("k = "), 'v');
     ZSCFData cache;
-    const string first = "k = " + string(8187, 'a');
-    ASSERT_EQ(readText(cache, "[s]\n" + first + "m = b\n"), 0);
-    EXPECT_EQ(value(cache, "s", "m"), "b");
-    // A comment that is cut goes on as an entry without "=".
-    EXPECT_EQ(readText(cache, "[t]\n#" + string(8190, 'c') + "d\n"), 3);
+    // A newline alone behind the cut is a blank line.
+    EXPECT_EQ(readText(cache, "[s]\nk = " + longest + "\nm = 1\nbad\n"), 5);
+    EXPECT_EQ(value(cache, "s", "k"), longest);
+    EXPECT_EQ(readText(cache, "[t]\nk = " + longest + "n = b\n#" + string(8190, 'c') + "d\n"), 5);
+    EXPECT_EQ(value(cache, "t", "n"), "b");
 }
 
 TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
@@ -133,14 +117,8 @@ TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
 TEST(StanzaReader, BadLines) {
     const std::pair<const char*, int> kBad[] = {
         {"k = v\n", 1},
-        {"# c\n\n  plain\n", 3},
-        {"[s]\nplain\n", 2},
-        {"[s]\n= 1\n", 2},
         {"[s]\n  = 1\n", 2},
-        {"[s]\nk = 1\n[s\n", 3},
         {"[s]\n[t]\n[s]\n", 3},
-        {"[s]\n[t]\nk = 1\n  [s] x\n", 4},
-        {"[s]\n]\n", 2},
         {"[]\nk = 1\n", 2},
         {"[s]\nk = 1\n[]\n[]\n", 4},
         {"[s]\n[t] x\n[ s]\n[ s]\n", 4},
