@@ -116,12 +116,8 @@ TEST(StanzaReader, TheSideDatabaseIsNamedInItsOwnStanzaAlone) {
 // the same.
 TEST(StanzaReader, BadLines) {
     const std::pair<const char*, int> kBad[] = {
-        {"k = v\n", 1},
-        {"[s]\n  = 1\n", 2},
-        {"[s]\n[t]\n[s]\n", 3},
-        {"[]\nk = 1\n", 2},
-        {"[s]\nk = 1\n[]\n[]\n", 4},
-        {"[s]\n[t] x\n[ s]\n[ s]\n", 4},
+        {"k = v\n", 1},     {"[s]\n  = 1\n", 2},         {"[s]\n[t]\n[s]\n", 3},
+        {"[]\nk = 1\n", 2}, {"[s]\nk = 1\n[]\n[]\n", 4}, {"[s]\n[t] x\n[ s]\n[ s]\n", 4},
     };
     for (const auto& [text, line] : kBad) {
         SCOPED_TRACE(text);

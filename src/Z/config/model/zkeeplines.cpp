@@ -26,11 +26,14 @@ typedef uint32_t Id;
 const Id kNone = 0xFFFFFFFFu;
 
 // What the reader would refuse counts as a comment: it is never looked for.
-struct Line : ZLineParts {
+struct Line {
     ZSpan raw;
+    ZSpan name;    // comment, stanza's name or key
+    ZSpan value;   // of an entry
     Id stanza;     // its header's line; kNone ahead of the first
     Id nextSame;   // the next line that says the same in the same stanza
     Id nextOfKey;  // of an entry: the next line of its key
+    ZLineKind kind;
     bool used;
     bool putOff;
 };
@@ -53,9 +56,10 @@ public:
         const size_t size = zlineLength(at_, static_cast<size_t>(end_ - at_), most_);
         line = Line();
         line.raw = {at_, size};
-        static_cast<ZLineParts&>(line) = grammar_.divideRaw(line.raw);
-        if (line.kind == zlineBad)
-            line.kind = zlineComment;
+        const ZLineParts parts = grammar_.divideRaw(line.raw);
+        line.name = parts.name;
+        line.value = parts.value;
+        line.kind = parts.kind == zlineBad ? zlineComment : parts.kind;
         if (line.kind == zlineHeader)
             stanza_ = id;
         line.stanza = stanza_;

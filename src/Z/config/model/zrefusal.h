@@ -23,8 +23,8 @@ ZFault zfaultOfComment(const char* text);
 /// Of text that has characters which the local codeset lacks.
 ZFault zfaultOfForeignText();
 
-/// Raises ZInvalidParameterException if there is a fault, which the thread keeps: so the C interface
-/// can tell it.
+/// Raises ZInvalidParameterException if there is a fault. The thread keeps it, so that the C
+/// interface can tell it.
 void zrequireNoFault(const ZFault& fault);
 
 /// Likewise where one of these is null or empty.
