@@ -474,10 +474,7 @@ void ZPropertiesFile::storeCarefully(const ZLCString& path) {
 static void requireShortLines(const char* path, ZSpan text) {
     int line = 0;
     for (size_t at = 0; at < text.size;) {
-        const size_t left = text.size - at;
-        const void* newline = memchr(text.data + at, '\n', left);
-        const size_t length =
-            newline == nullptr ? left : static_cast<const char*>(newline) - (text.data + at) + 1;
+        const size_t length = zlineLength(text.data + at, text.size - at, SIZE_MAX);
         ++line;
         if (length > kLongestLine) {
             const ZLCString data(text.data + at, static_cast<unsigned int>(length));
