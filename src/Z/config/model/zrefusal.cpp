@@ -4,10 +4,8 @@
 // with the thread, and the place where an exception was raised tells whether it is one of these.
 #include "zrefusal.h"
 
-#include <cstdio>
 #include <cstring>
 
-#include "zassert.h"
 #include "zgrammar.h"
 #include "zinternal.h"
 #include "zraise.h"
@@ -42,23 +40,12 @@ static bool hasBlankEnds(const char* text) {
     return grammar.isBlank(*text) || grammar.isBlank(text[strlen(text) - 1]);
 }
 
-// Whether a load gives back the name of a line that a store writes so.
-[[maybe_unused]] static bool comesBack(ZLineKind kind, const char* ahead, const char* name,
-                                       const char* behind) {
-    char line[kLongestLine + 1];
-    const int length = snprintf(line, sizeof line, "%s%s%s\n", ahead, name, behind);
-    const ZLineParts parts = ZLineGrammar().divideRaw({line, static_cast<size_t>(length)});
-    return parts.kind == kind && parts.name.size == strlen(name) &&
-           memcmp(parts.name.data, name, parts.name.size) == 0;
-}
-
 ZFault zfaultOfStanza(const char* name) {
     const char* reason = reasonAgainst(name, strlen("[]\n"));
     if (reason == nullptr && strchr(name, ']') != nullptr)
         reason = "can't hold ]";
     if (reason != nullptr)
         return {kStanza, reason};
-    zassert(comesBack(zlineHeader, "[", name, "]"));
     return kNoFault;
 }
 
@@ -72,7 +59,6 @@ ZFault zfaultOfKey(const char* name) {
         reason = "can't begin with # or [";
     if (reason != nullptr)
         return {kKey, reason};
-    zassert(comesBack(zlineEntry, "", name, " ="));
     return kNoFault;
 }
 
@@ -97,7 +83,6 @@ ZFault zfaultOfComment(const char* text) {
         reason = kBlankEnds;
     if (reason != nullptr)
         return {kComment, reason};
-    zassert(comesBack(zlineComment, "", text, ""));
     return kNoFault;
 }
 
