@@ -25,6 +25,7 @@
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zmemorystream.h"
+#include "zmodelreading.h"
 #include "zqelutil.h"
 #include "zraise.h"
 #include "zsafestore.h"
@@ -92,7 +93,6 @@ ZPropertiesFile::ZPropertiesFile(ZProperties& object)
       lockWait_(0),
       waits_(true),
       mayStoreAnyway_(false),
-      keepsStamp_(false),
       hasStamp_(false),
       stamp_(),
       update_(nullptr) {}
@@ -108,27 +108,6 @@ ZLCString ZPropertiesFile::choosePath(const char* file) const {
     return fileName_;
 }
 
-// Who asks for anything but the plain ways may ask for the exact test later.
-void ZPropertiesFile::setStoreMode(int mode) {
-    storeMode_ = mode;
-    keepStamps();
-}
-
-void ZPropertiesFile::setLockWait(unsigned long milliseconds) {
-    lockWait_ = milliseconds;
-    keepStamps();
-}
-
-void ZPropertiesFile::setChangeTest(int test) {
-    changeTest_ = test;
-    keepStamps();
-}
-
-void ZPropertiesFile::allowStoreAfterFailedLoad() {
-    mayStoreAnyway_ = true;
-    keepStamps();
-}
-
 ZLockTerms ZPropertiesFile::lockTerms() const {
     return {storeMode_ == ZPROP_STORE_PLAIN ? zlockOfProcess : zlockOfDescription,
             waits_ ? lockWait_ : 0};
@@ -139,17 +118,13 @@ bool ZPropertiesFile::isCareful() const {
     return storeMode_ != ZPROP_STORE_PLAIN || cache().isStrict() != 0;
 }
 
-void ZPropertiesFile::keepStamp(int descriptor) {
-    if (keepsStamp_)
-        hasStamp_ = !zstampFile(descriptor, stamp_);
-}
+void ZPropertiesFile::keepStamp(int descriptor) { hasStamp_ = !zstampFile(descriptor, stamp_); }
 
-// The object holds what the file holds.
-void ZPropertiesFile::noteContent(const ZLCString& path) {
+// The object holds what the file held when it was stamped.
+void ZPropertiesFile::noteContent() {
     object_.resetModified();
-    long stamp = timeStamp_;
-    checkAndSetTimeStamp(path.getChars(), stamp);
-    timeStamp_ = stamp;
+    if (hasStamp_)
+        timeStamp_ = zsecondsOf(stamp_);
 }
 
 // The open update through whose descriptor this path is reached, or null.
@@ -160,19 +135,24 @@ ZUpdatedFile* ZPropertiesFile::updateOf(const ZLCString& path) const {
 // ---------------------------------------------------------------- load
 
 // Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
-// stopped had written down for it; and its side database. `stream` is the plain way to the bytes,
-// null where they are wanted in `content` too. 0, or the errno of a reading by the stream that came
-// to no end.
-int ZPropertiesFile::readContent(ZPCache& cache, const ZLCString& path, int descriptor,
-                                 FILE* stream, ZFileContent& content) const {
+// stopped had written down for it; and its side database. The bytes are wanted in `content`, or
+// only read: by the stream, or where there is none as the library's own model does. 0, or the errno
+// of a reading that came to no end.
+int ZPropertiesFile::readContent(ZPCache& cache, const ZLCString& path, const Opened& file,
+                                 ZFileContent* wanted) const {
+    ZFileContent own;
+    ZFileContent& content = wanted != nullptr ? *wanted : own;
     content.side.setSize(0);
-    int incomplete = 0;
-    ZJournal journal(path.getChars(), descriptor);
+    const int descriptor = file.descriptor;
+    ZJournal journal(path.getChars(), descriptor, file.isDirect);
     const bool unfinished = journal.find();
-    if (!unfinished && stream != nullptr) {
-        cache.be_read(path.getChars(), stream);
-        incomplete = cache.readError();
-        if (incomplete == 0 && ferror(stream) != 0)
+    if (!unfinished && wanted == nullptr) {
+        if (file.stream != nullptr)
+            cache.be_read(path.getChars(), file.stream);
+        else
+            ZModelReading::readFile(cache, path.getChars(), descriptor, file.size);
+        int incomplete = cache.readError();
+        if (incomplete == 0 && file.stream != nullptr && ferror(file.stream) != 0)
             incomplete = EIO;
         if (incomplete != 0)
             return incomplete;
@@ -196,25 +176,33 @@ int ZPropertiesFile::readContent(ZPCache& cache, const ZLCString& path, int desc
 
 void ZPropertiesFile::readInto(ZPCache& cache, const ZLCString& path, int descriptor) const {
     ZFileContent content;
-    readContent(cache, path, descriptor, nullptr, content);
+    readContent(cache, path, {descriptor}, &content);
 }
 
 // The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to
 // others.
 template <typename Close>
-void ZPropertiesFile::readFile(const ZLCString& path, int descriptor, FILE* stream,
-                               ZFileContent& content, Close close) {
+void ZPropertiesFile::readFile(const ZLCString& path, Opened file, ZFileContent* content,
+                               Close close) {
     loading_ = 1;  // no change notice goes out meanwhile
     const ZAtEnd loaded([this] { loading_ = 0; });
-    keepStamp(descriptor);
-    const int incomplete = readContent(cache(), path, descriptor, stream, content);
+    // Ahead of the reading: what somebody writes meanwhile is news.
+    ZFileStamp stamp = {};
+    const bool isStamped = !zstampFile(file.descriptor, stamp);
+    hasStamp_ = false;
+    file.size = stamp.isRegular ? stamp.size : 0;
+    const int incomplete = readContent(cache(), path, file, content);
     if (incomplete != 0 && isCareful()) {
         outcome_ = kIncomplete;
         zraiseIO(path.getChars(), "read()", incomplete);
     }
     close();
     object_.postLoad(path.getChars());
-    noteContent(path);
+    if (!hasStamp_) {  // which a store by postLoad has taken
+        stamp_ = stamp;
+        hasStamp_ = isStamped;
+    }
+    noteContent();
     outcome_ = incomplete != 0 ? kIncomplete : kLoaded;
     mayStoreAnyway_ = false;
 }
@@ -224,7 +212,7 @@ void ZPropertiesFile::readAnew(const ZLCString& path, int descriptor, ZLockScope
     ZFileContent content;
     outcome_ = kIncomplete;
     cache().clear();
-    readFile(path, descriptor, nullptr, content, [&fileLock] { fileLock.close().passOver(); });
+    readFile(path, {descriptor}, &content, [&fileLock] { fileLock.close().passOver(); });
 }
 
 void ZPropertiesFile::load(const char* file) {
@@ -235,14 +223,26 @@ void ZPropertiesFile::load(const char* file) {
     outcome_ = kFailed;
     if (ZUpdatedFile* update = updateOf(path)) {
         outcome_ = kIncomplete;
-        readFile(path, update->descriptor, nullptr, update->content, [] {});
+        readFile(path, {update->descriptor}, &update->content, [] {});
         return;
     }
-    ZFileContent content;
-    ZLockedStream stream;
-    stream.take(zopenToRead(path.getChars(), isCareful()), "fopen(r)", path.getChars(), F_RDLCK,
-                lockTerms());
-    readFile(path, stream.descriptor(), stream.get(), content, [&stream] { stream.close(); });
+    bool isDirect;
+    ZOpenFile opened(zopenToRead(path.getChars(), isCareful(), isDirect));
+    if (opened.get() < 0)
+        zraiseIO(path.getChars(), "fopen(r)", errno);
+    const ZLockTerms terms = lockTerms();
+    if (ZModelReading::isOwn(cache())) {
+        ZLockScope fileLock(opened, terms.owner);
+        zcheckIO(
+            zlockWholeFile(opened.get(), F_RDLCK, terms.owner, terms.wait).of(path.getChars()));
+        readFile(path, {opened.get(), nullptr, isDirect}, nullptr,
+                 [&] { fileLock.close().passOver(); });
+    } else {
+        ZLockedStream stream;
+        stream.take(zstreamOn(opened.release(), "r"), "fopen(r)", path.getChars(), F_RDLCK, terms);
+        readFile(path, {stream.descriptor(), stream.get(), isDirect}, nullptr,
+                 [&] { stream.close(); });
+    }
 }
 
 void ZPropertiesFile::reload(const char* file) {
@@ -312,9 +312,8 @@ void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
     zassert(lock().isHeld() && update_ == nullptr);
     // Always anew: what a stamp doesn't tell would be overwritten.
     cache().clear();
-    keepStamps();
     outcome_ = kIncomplete;
-    readFile(fileName_, file.descriptor, nullptr, file.content, [] {});
+    readFile(fileName_, {file.descriptor}, &file.content, [] {});
     update_ = &file;
 }
 
@@ -455,7 +454,7 @@ void ZPropertiesFile::store(const ZLCString& path) {
         storePlainly(path);
     else
         storeCarefully(path);
-    noteContent(path);
+    noteContent();
     loading_ = 0;
     outcome_ = kLoaded;
     mayStoreAnyway_ = false;

@@ -59,14 +59,12 @@ public:
 
     // --- options ---
 
-    void setStoreMode(int mode);
+    void setStoreMode(int mode) { storeMode_ = mode; }
     int storeMode() const { return storeMode_; }
     int lastStoreMode() const { return lastStoreMode_; }
-    void setLockWait(unsigned long milliseconds);
-    void setChangeTest(int test);
-    void allowStoreAfterFailedLoad();
-    /// From now on the file's stamp is kept with each load and store.
-    void keepStamps() { keepsStamp_ = true; }
+    void setLockWait(unsigned long milliseconds) { lockWait_ = milliseconds; }
+    void setChangeTest(int test) { changeTest_ = test; }
+    void allowStoreAfterFailedLoad() { mayStoreAnyway_ = true; }
     /// How loads and stores lock the file.
     ZLockTerms lockTerms() const;
 
@@ -108,12 +106,18 @@ private:
     bool isOutdated(const char* file) const;
     bool isCurrent(const char* file, int forceReload, long& stamp) const;
     ZUpdatedFile* updateOf(const ZLCString& path) const;
-    int readContent(ZPCache& cache, const ZLCString& path, int descriptor, FILE* stream,
-                    ZFileContent& content) const;
+    // A file that is open to be read.
+    struct Opened {
+        int descriptor;
+        FILE* stream = nullptr;  // null: there is none
+        bool isDirect = false;   // its path's last part is known to be no link
+        uint64_t size = 0;       // if that is known
+    };
+    int readContent(ZPCache& cache, const ZLCString& path, const Opened& file,
+                    ZFileContent* wanted) const;
     template <typename Close>
-    void readFile(const ZLCString& path, int descriptor, FILE* stream, ZFileContent& content,
-                  Close close);
-    void noteContent(const ZLCString& path);
+    void readFile(const ZLCString& path, Opened file, ZFileContent* content, Close close);
+    void noteContent();
 
     ZLCString settleSideName(const ZLCString& path);
     void addSideLine(const ZLCString& side);
@@ -137,8 +141,7 @@ private:
     unsigned long lockWait_;  // milliseconds
     bool waits_;              // false while getPropertiesFor is at work
     bool mayStoreAnyway_;     // although the last load failed
-    bool keepsStamp_;
-    bool hasStamp_;  // of the last load or store
+    bool hasStamp_;           // of the last load or store
     ZFileStamp stamp_;
     ZUpdatedFile* update_;  // null: none is open
 };

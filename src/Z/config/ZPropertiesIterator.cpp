@@ -6,11 +6,10 @@
 #include "ZPropertiesIterator.h"
 
 #include <memory>
-#include <typeinfo>
 
 #include "ZExceptionText.h"
 #include "ZPropertiesImpl.h"
-#include "ZSCFData.h"
+#include "zmodelreading.h"
 #include "zinternal.h"
 #include "zraise.h"
 #include "zpstore.h"
@@ -19,16 +18,13 @@
     zraise(ZPropertiesIteratorException(file.getChars()), site);
 }
 
-// Whether store and cache tell the same: a class of somebody else's may answer otherwise.
-static bool isOwnModel(const ZPCache& cache) { return typeid(cache) == typeid(ZSCFData); }
-
 // ---------------------------------------------------------------- keys
 
 class ZPropertiesIterator::Place : public ZPStore::Cursor {
 public:
     static Place* make(const ZProperties& properties, const char* stanza) {
         zrequire(zhasText(stanza));
-        if (!isOwnModel(*properties.cache_))
+        if (!ZModelReading::isOwn(*properties.cache_))
             return nullptr;
         ZPStore& store = properties.cache_->store();
         return new Place(store, store.stanzaInMap(zspanOf(stanza)));
@@ -220,7 +216,7 @@ ZAbstractPropertyValuesIterator::ZAbstractPropertyValuesIterator(ZProperties& pr
         current.reset(new ZUTF8String);
     else
         current.reset(new ZLCString);  // a copy: the value may go before the walk goes on
-    if (isOwnModel(*properties.cache_))
+    if (ZModelReading::isOwn(*properties.cache_))
         place_ = new Place(properties.cache_->store(), stanza_, key_);
     current_ = current.release();
 }

@@ -26,7 +26,6 @@ ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
         ZPropertiesFile& known = ZPropertiesFile::of(properties);
         ZProperties::ZPropResourceLock guard(known.lock());
         path_ = known.path();
-        known.keepStamps();
     }
     zrequire(path_.getLength() != 0);
     watch_ = new ZPathWatch(path_.getChars(), kJournalSuffix);

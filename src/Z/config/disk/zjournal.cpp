@@ -119,10 +119,11 @@ static ZLCString pathBeside(const char* file) {
     return path;
 }
 
-ZJournal::ZJournal(const char* path, int descriptor)
+ZJournal::ZJournal(const char* path, int descriptor, bool isDirect)
     : filePath_(path),
       path_(pathBeside(path)),
       descriptor_(descriptor),
+      isDirect_(isDirect),
       placeIsKnown_(false),
       isKnown_(false),
       text_{nullptr, 0},
@@ -157,7 +158,7 @@ ZFailure ZJournal::findPlace() {
 bool ZJournal::isThere(struct stat& status) {
     if (!placeIsKnown_) {
         char link;
-        if (readlink(filePath_, &link, 1) < 0) {
+        if (isDirect_ || readlink(filePath_, &link, 1) < 0) {
             if (lstat(path(), &status) != 0)
                 return false;
         }

@@ -65,7 +65,8 @@ public:
 
     /// The journal of the file that is open as `descriptor`, to which `path` has led. Both must
     /// outlive it.
-    ZJournal(const char* path, int descriptor);
+    /// `isDirect`: the path's last part is known to be no link.
+    ZJournal(const char* path, int descriptor, bool isDirect = false);
 
     /// Its path, for messages.
     const char* path() const { return path_.getChars(); }
@@ -123,6 +124,7 @@ private:
     const char* const filePath_;
     ZLCString path_;
     const int descriptor_;
+    const bool isDirect_;
     bool placeIsKnown_;
     bool isKnown_;  // found or written here
     ZPlace place_;

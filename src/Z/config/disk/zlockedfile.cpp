@@ -5,6 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define ZBASE_SINGLE_THREADED (__libc_single_threaded != 0)
+#else
+#define ZBASE_SINGLE_THREADED false
+#endif
+
 #include <cerrno>
 
 // ---------------------------------------------------------------- streams
@@ -37,16 +44,23 @@ FILE* zstreamOn(int descriptor, const char* mode) {
     return stream;
 }
 
-FILE* zopenToRead(const char* path, bool onlyRegular) {
-    {
-        const ZUncancelled uncancelled;
-        struct stat status;
-        if (onlyRegular)
-            return zstreamOn(zopenRegularFile(path, O_RDONLY), "r");
-        if (stat(path, &status) == 0 && S_ISREG(status.st_mode))
-            return fopen(path, "re");
-    }
-    return fopen(path, "re");
+static int openOnce(const char* path, bool onlyRegular, int flags) {
+    if (onlyRegular)
+        return zopenRegularFile(path, flags);
+    // Who is alone can't be cancelled while he waits; and at a regular file nobody waits.
+    struct stat status;
+    if (ZBASE_SINGLE_THREADED || (stat(path, &status) == 0 && S_ISREG(status.st_mode)))
+        return zopenFile(path, flags);
+    return ::open(path, flags | O_CLOEXEC);
+}
+
+int zopenToRead(const char* path, bool onlyRegular, bool& isDirect) {
+    // Most paths end in no link, and then nobody has to ask.
+    int descriptor = openOnce(path, onlyRegular, O_RDONLY | O_NOFOLLOW);
+    isDirect = descriptor >= 0 || errno != ELOOP;
+    if (!isDirect)
+        descriptor = openOnce(path, onlyRegular, O_RDONLY);
+    return descriptor;
 }
 
 // ---------------------------------------------------------------- descriptors

@@ -44,10 +44,10 @@ private:
 /// be had, and then the descriptor is closed.
 FILE* zstreamOn(int descriptor, const char* mode);
 
-/// For a load: by name, as any program does, or taking nothing but a regular file, so that nobody
-/// hangs at a pipe. Null with errno. A thread may be cancelled while it waits at a pipe, but loses
-/// no stream.
-FILE* zopenToRead(const char* path, bool onlyRegular);
+/// For a load: a descriptor, or -1 with errno. As any program opens a file, or taking nothing but a
+/// regular one, so that nobody hangs at a pipe. A thread may be cancelled while it waits at a pipe,
+/// but loses no descriptor. `isDirect`: the path's last part is no link.
+int zopenToRead(const char* path, bool onlyRegular, bool& isDirect);
 
 /// A stanza file that is open for a store, under its write lock, and the one to which the path
 /// leads: while the lock was awaited, an editor may have put another file in its place. Only a

@@ -287,10 +287,16 @@ static void fill(const struct stat& status, ZFileStamp& stamp) {
     stamp.modified = nanoseconds(status.st_mtim);
     stamp.changed = nanoseconds(status.st_ctim);
     stamp.size = static_cast<uint64_t>(status.st_size);
+    stamp.isRegular = S_ISREG(status.st_mode);
     stamp.device = static_cast<uint64_t>(status.st_dev);
     stamp.inode = static_cast<uint64_t>(status.st_ino);
     const int64_t last = stamp.changed > stamp.modified ? stamp.changed : stamp.modified;
     stamp.settled = now(CLOCK_REALTIME) - last > kStep;
+}
+
+long zsecondsOf(const ZFileStamp& stamp) {
+    const bool isPartial = stamp.modified % kSecond < 0;  // ahead of 1970
+    return static_cast<long>(stamp.modified / kSecond - isPartial);
 }
 
 ZFailure zstampFile(int descriptor, ZFileStamp& stamp) {

@@ -177,10 +177,13 @@ struct ZFileStamp {
     uint64_t size;
     uint64_t device;
     uint64_t inode;
+    bool isRegular;
     bool settled;  // false: so young that another change might leave no trace in it
 };
 
 ZFailure zstampFile(int descriptor, ZFileStamp& stamp);
+/// When it was modified, in whole seconds.
+long zsecondsOf(const ZFileStamp& stamp);
 ZFailure zstampFile(const char* path, ZFileStamp& stamp);
 
 /// Whether the file is certain not to have changed from the one stamp to the other.

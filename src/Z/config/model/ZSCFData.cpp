@@ -12,6 +12,7 @@
 #include "ZSCFData.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -23,6 +24,7 @@
 #include "ZSqueeze.h"
 #include "zassert.h"
 #include "zgrammar.h"
+#include "zmodelreading.h"
 #include "zpstore.h"
 #include "zraise.h"
 
@@ -32,39 +34,38 @@ ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
 
 // ---------------------------------------------------------------- reading text
 
-// Brings the rest of the stream behind the store's text. The size of a regular file is known, so
-// that one read does; where the stream's own position makes it too large, no harm is done.
-static void readAll(ZPStore& store, FILE* stream) {
-    size_t room = 64 * 1024;
-    struct stat status;
-    const int descriptor = fileno(stream);
-    bool isWhole = false;
-    if (descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-        status.st_size > 0) {
-        const uint64_t size = static_cast<uint64_t>(status.st_size);
-        room = size < SIZE_MAX ? static_cast<size_t>(size) : SIZE_MAX;
-        isWhole = true;
-    }
+// Brings text behind the store's, as `read(to, room, error)` gives it: the bytes it got, and 0 in
+// `error` or why there aren't as many as there is room for. Of a file of known size one reading
+// does; 0: up to the end.
+template <typename Read>
+static void readAll(ZPStore& store, uint64_t size, Read read) {
+    static const size_t kStep = 64 * 1024;
+    size_t room = size == 0 ? kStep : size < SIZE_MAX ? static_cast<size_t>(size) : SIZE_MAX;
     store.setReadError(0);
     for (int interrupted = 0;;) {
-        char* target = store.textRoom(room);
-        const size_t got = fread(target, 1, room, stream);
-        const int error = errno;
+        int error = 0;
+        const size_t got = read(store.textRoom(room), room, error);
         store.commitText(got);
-        if (got < room && feof(stream) == 0) {
-            // A signal that came in between is no failure: the rest follows.
-            if (error == EINTR && ++interrupted < 1000) {
-                clearerr(stream);
-                room -= got;
-                continue;
-            }
-            store.setReadError(error);
-            return;
+        // A signal that came in between is no failure: the rest follows.
+        if (error == EINTR && ++interrupted < 1000) {
+            room -= got;
+            continue;
         }
-        if (got < room || isWhole)
+        store.setReadError(error);
+        if (error != 0 || got < room || size != 0)
             return;
-        room = store.textSize() / 2 + 64 * 1024;
+        room = store.textSize() / 2 + kStep;
     }
+}
+
+// The size of a regular file; 0 for anything else. Where a stream's own position makes it too
+// large, no harm is done.
+static uint64_t sizeOf(FILE* stream) {
+    struct stat status;
+    const int descriptor = fileno(stream);
+    return descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)
+               ? static_cast<uint64_t>(status.st_size)
+               : 0;
 }
 
 namespace {
@@ -253,10 +254,49 @@ private:
 
 }  // namespace
 
+// In one place, so that the compiler makes one loop of all that a line takes.
+void ZModelReading::parse(ZSCFData& cache, const char* file, size_t start) {
+    StanzaReader(cache.store(), file, cache.attributes_, cache.obfuscatedDBName_).read(start);
+}
+
 void ZSCFData::be_read(const char* file, FILE* stream) {
     const size_t start = store().textSize();
-    readAll(store(), stream);
-    StanzaReader(store(), file, attributes_, obfuscatedDBName_).read(start);
+    readAll(store(), sizeOf(stream), [stream](char* to, size_t room, int& error) {
+        const size_t got = fread(to, 1, room, stream);
+        error = got < room && feof(stream) == 0 ? errno : 0;
+        if (error == EINTR)
+            clearerr(stream);
+        return got;
+    });
+    ZModelReading::parse(*this, file, start);
+}
+
+void ZModelReading::readFile(ZPCache& own, const char* file, int descriptor, uint64_t size) {
+    ZSCFData& cache = static_cast<ZSCFData&>(own);
+    const size_t start = cache.store().textSize();
+    readAll(cache.store(), size, [descriptor](char* to, size_t room, int& error) {
+        size_t done = 0;
+        while (done < room) {
+            const ssize_t got = read(descriptor, to + done, room - done);
+            error = got < 0 ? errno : 0;
+            if (got <= 0)
+                break;
+            done += static_cast<size_t>(got);
+        }
+        return done;
+    });
+    parse(cache, file, start);
+}
+
+void ZModelReading::readText(ZPCache& own, const char* file, ZSpan text) {
+    ZSCFData& cache = static_cast<ZSCFData&>(own);
+    ZPStore& store = cache.store();
+    const size_t start = store.textSize();
+    if (text.size != 0)
+        memcpy(store.textRoom(text.size), text.data, text.size);
+    store.commitText(text.size);
+    store.setReadError(0);
+    parse(cache, file, start);
 }
 
 // ---------------------------------------------------------------- writing text

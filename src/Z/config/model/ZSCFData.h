@@ -30,6 +30,9 @@ public:
     void be_read_obfuscated(ZBuffer& buffer) override;
     /// Makes `buffer` the compressed values, or leaves it alone if there are none.
     void be_write_obfuscated(ZBuffer& buffer) override;
+
+private:
+    friend struct ZModelReading;
 };
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "zmodelreading.h"
 #include "zraise.h"
 
 // The C library's own memory stream takes a text that it had no room for as written.
@@ -34,6 +35,10 @@ ZSpan ZMemoryStream::finish() {
 }
 
 void zreadText(ZPCache& cache, const char* path, ZSpan text) {
+    if (ZModelReading::isOwn(cache)) {
+        ZModelReading::readText(cache, path, text);
+        return;
+    }
     // A stream over no bytes at all can't be had from fmemopen.
     const ZUncancelled uncancelled;
     FILE* opened = text.size == 0 ? fopen("/dev/null", "r")

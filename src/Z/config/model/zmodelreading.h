@@ -1,0 +1,27 @@
+// zmodelreading.h: the ways into the library's own model that need no stream; ZSCFData.cpp has
+// them. Never installed.
+#ifndef Z_ZMODELREADING_H
+#define Z_ZMODELREADING_H
+
+#include <typeinfo>
+
+#include "ZSCFData.h"
+#include "zpblock.h"
+
+struct ZModelReading {
+    /// Whether a cache is the library's own model, and no class of somebody else's that may read
+    /// or answer otherwise.
+    static bool isOwn(const ZPCache& cache) { return typeid(cache) == typeid(ZSCFData); }
+
+    /// As be_read, from the place of an open file on. `size` is that of a regular file, which is
+    /// all that is read then; 0: up to the end.
+    static void readFile(ZPCache& own, const char* file, int descriptor, uint64_t size);
+    /// As be_read, from memory.
+    static void readText(ZPCache& own, const char* file, ZSpan text);
+
+private:
+    friend class ZSCFData;
+    static void parse(ZSCFData& cache, const char* file, size_t start);
+};
+
+#endif
