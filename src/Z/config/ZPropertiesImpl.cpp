@@ -380,15 +380,16 @@ static void requireSideFile(const ZLCString& name, const ZLCString& path, bool i
 
 // Cuts off what lies behind the stream's position. Where nothing does, the system isn't asked to,
 // since it takes longer over that than over all the rest.
-static void truncateHere(FILE* stream) {
+void ZPropertiesFile::truncateAndStamp(FILE* stream) {
     fflush(stream);
     const off_t end = ftello(stream);
-    struct stat status;
-    if (end < 0 || (fstat(fileno(stream), &status) == 0 && status.st_size <= end))
+    const int descriptor = fileno(stream);
+    keepStamp(descriptor);
+    if (end < 0 || (hasStamp_ && stamp_.size <= static_cast<uint64_t>(end)))
         return;
-    if (ftruncate(fileno(stream), end) != 0) {
-        // A tail of the old text may stay; the result isn't looked at by design.
-    }
+    // A tail of the old text may stay; the result isn't looked at by design.
+    zresultOf(ftruncate(descriptor, end), "ftruncate()").passOver();
+    keepStamp(descriptor);
 }
 
 static ZSpan spanOf(const ZBuffer& buffer) {
@@ -431,8 +432,7 @@ void ZPropertiesFile::storePlainly(const ZLCString& path) {
     if (hasHidden)
         writeSidePlainly(name, descriptor);
     cache().be_write(path.getChars(), stream.get());
-    truncateHere(stream.get());
-    keepStamp(descriptor);
+    truncateAndStamp(stream.get());
     // What a store that was stopped had in mind is void now, and what it has left goes.
     ZSideFile(ownOrDefault(name, path).getChars(), descriptor).clearLeft().passOver();
     ZJournal(path.getChars(), descriptor).remove().passOver();

@@ -122,6 +122,7 @@ private:
     ZLCString settleSideName(const ZLCString& path);
     void addSideLine(const ZLCString& side);
     void storePlainly(const ZLCString& path);
+    void truncateAndStamp(FILE* stream);
     void writeSidePlainly(const ZLCString& name, int descriptor);
     void storeCarefully(const ZLCString& path);
     void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);

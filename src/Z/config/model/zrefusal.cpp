@@ -92,13 +92,17 @@ ZFault zfaultOfForeignText() {
 
 // ---------------------------------------------------------------- refusals
 
-static thread_local ZFault lastFault;
+// There from the thread's beginning: to ask for it takes no memory.
+static __thread ZFault lastFault __attribute__((tls_model("initial-exec")));
 
-void zrequireNoFault(const ZFault& fault) {
-    if (fault.reason == nullptr)
-        return;
+[[noreturn]] static void refuse(const ZFault& fault) {
     lastFault = fault;
     zraise(ZInvalidParameterException());
+}
+
+void zrequireNoFault(const ZFault& fault) {
+    if (fault.reason != nullptr)
+        refuse(fault);
 }
 
 static void requireText(const char* subject, const char* text) {
@@ -107,9 +111,8 @@ static void requireText(const char* subject, const char* text) {
 
 void zrequireStanzaName(const char* stanza) { requireText(kStanza, stanza); }
 
-void zrequireNames(const char* stanza, const char* key) {
-    requireText(kStanza, stanza);
-    requireText(kKey, key);
+void zrefuseNames(const char* stanza, const char*) {
+    refuse({zhasText(stanza) ? kKey : kStanza, kEmpty});
 }
 
 void zrequireCommentText(const char* text) { requireText(kComment, text); }

@@ -4,6 +4,7 @@
 #define Z_ZREFUSAL_H
 
 #include "ZException.h"
+#include "zinternal.h"
 
 /// What a text is meant to be, and why it can't: "a key", "can't hold =". Both are static texts;
 /// both are null where nothing speaks against it.
@@ -28,7 +29,11 @@ ZFault zfaultOfForeignText();
 void zrequireNoFault(const ZFault& fault);
 
 /// Likewise where one of these is null or empty.
-void zrequireNames(const char* stanza, const char* key);
+[[noreturn]] void zrefuseNames(const char* stanza, const char* key);
+inline void zrequireNames(const char* stanza, const char* key) {
+    if (__builtin_expect(!zhasText(stanza) || !zhasText(key), false))
+        zrefuseNames(stanza, key);
+}
 void zrequireStanzaName(const char* stanza);
 void zrequireCommentText(const char* text);
 
