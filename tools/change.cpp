@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "zstz.h"
 
@@ -142,8 +143,8 @@ static Exit apply(ZPROP_handle* handle, const char* file, const Change& change) 
 
 namespace {
 
-// An empty file in memory, on which changes are tried out: names and values that the library
-// refuses there it refuses in any file.
+// An empty file, in memory if that can be had, on which changes are tried out: names and values
+// that the library refuses there it refuses in any file.
 class Trial {
 public:
     Trial() : descriptor_(memfd_create("zstz", MFD_CLOEXEC)) {}
@@ -151,6 +152,8 @@ public:
         handle_.reset();
         if (descriptor_ != -1)
             close(descriptor_);
+        if (!made_.empty())
+            unlink(made_.c_str());
     }
     Trial(const Trial&) = delete;
     Trial& operator=(const Trial&) = delete;
@@ -179,7 +182,18 @@ public:
 
 private:
     Exit open() {
-        const std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
+        std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
+        if (access(path.c_str(), R_OK) != 0) {
+            const char* folder = getenv("TMPDIR");
+            path = std::string(folder == nullptr || *folder == '\0' ? "/tmp" : folder) +
+                   "/zstz-XXXXXX";
+            const int made = mkstemp(&path[0]);
+            if (made == -1)
+                return complain(fileError, "can't try changes out: %s: %s", path.c_str(),
+                                strerror(errno));
+            close(made);
+            made_ = path;
+        }
         Options options;
         options.storeMode = ZPROP_STORE_PLAIN;
         return openFile(path.c_str(), options, handle_);
@@ -206,6 +220,7 @@ private:
     }
 
     const int descriptor_;
+    std::string made_;  // where no file in memory can be reached
     Handle handle_;
 };
 

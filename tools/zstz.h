@@ -20,7 +20,7 @@
 enum Exit { done = 0, notFound = 1, differ = 1, usage = 2, fileError = 3, badData = 4 };
 
 /// What zstzPropLastError calls failures that are no failed call of the system.
-enum Failure { invalidParameter = 22, invalidData = 44 };
+enum Failure { invalidData = 44 };
 
 /// What the value of set has to be.
 enum ValueType { anyType, stringType, integerType, booleanType };

@@ -21,7 +21,7 @@ ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
 }
 
 ZProperties::ZProperties(ZPCache* cache)
-    : cache_(cache), modified_(0), file_(new ZPropertiesFile(*this)) {}
+    : cache_(cache), modified_(0), loading_(0), timeStamp_(0), file_(new ZPropertiesFile(*this)) {}
 
 ZProperties::ZProperties(const ZProperties& other) : ZProperties(nullptr) {
     ZResourceLock guard(other.lock_);
@@ -67,7 +67,7 @@ int ZProperties::extractValue(const char* category, const char* key, int require
     if (cache_->lastValue(category, key, text, length) != 0)
         return 1;
     if (required != 0)
-        zraise(ZPropertiesMissingPropertyException(file_->path().getChars(), category, key));
+        zraise(ZPropertiesMissingPropertyException(fileName_.getChars(), category, key));
     return 0;
 }
 
@@ -101,7 +101,7 @@ unsigned int ZProperties::getIntegerValue(const char* category, const char* key,
         return defaultValue;
     unsigned int result;
     if (!zreadNumber(text, length, result))
-        zraise(ZPropertiesInvalidNumValueException(file_->path().getChars(), category, key,
+        zraise(ZPropertiesInvalidNumValueException(fileName_.getChars(), category, key,
                                                    ZLCString(text, length).getChars()));
     return result;
 }
@@ -117,7 +117,7 @@ int ZProperties::getBooleanValue(const char* category, const char* key, int requ
         return defaultValue;
     int result;
     if (!zreadTruth(text, length, result))
-        zraise(ZPropertiesInvalidBoolValueException(file_->path().getChars(), category, key,
+        zraise(ZPropertiesInvalidBoolValueException(fileName_.getChars(), category, key,
                                                     ZLCString(text, length).getChars()));
     return result;
 }
@@ -196,7 +196,7 @@ ZArrayList* ZProperties::keyNames(const char* category) const {
 void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyStyle style,
                                    ZPropertyChanged::PropertyChangeType type, const char* category,
                                    const char* key) {
-    if (file_->isLoading())
+    if (loading_.load(std::memory_order_relaxed) != 0)
         return;
     const ZPropertyChanged notice(category, key, style, type);
     if (!zkeepsNotices(lock_))

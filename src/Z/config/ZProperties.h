@@ -149,7 +149,7 @@ class ZEXPORT ZProperties : public ZAbstractProperties,
                             public ZAbstractObservable,
                             public ZPropertiesMutableInterface {
 public:
-    /// Stands on `cache`, which stays the caller's.
+    /// Stands on `cache`, which stays the caller's, also if this raises ZOutOfMemoryException.
     explicit ZProperties(ZPCache* cache);
     /// Clones the cache, which then is the subclass's to delete. No file name, no observers.
     ZProperties(const ZProperties& other);
@@ -301,27 +301,31 @@ protected:
     int extractValue(const char* category, const char* key, int required, const char*& text,
                      unsigned int& length) const;
 
-    /// Applies one change under the lock, and tells the observers behind it. Raises
-    /// ZInvalidParameterException for a null or empty name; changeStanza has no key.
-    template <typename Change>
-    void changeKey(ZPropertyChanged::PropertyChangeType type, const char* category, const char* key,
-                   Change apply);
-    template <typename Change>
-    void changeStanza(ZPropertyChanged::PropertyChangeType type, const char* stanza, Change apply);
-    /// The same of a comment, as checkComment makes it; nobody is told.
-    template <typename Change>
-    void changeComment(const char* text, Change apply);
-
     // Set by the constructor; what it leads to is guarded by lock_.
     ZPCache* cache_;
+    // Guarded by lock_. The first load sets it for good.
+    ZLCString fileName_;
     // Read without the lock by design.
     std::atomic<int> modified_;
+    std::atomic<int> loading_;     // the cache is being filled, of which nobody is told
+    std::atomic<long> timeStamp_;  // modification time of the file at the last load or store
 
 private:
     friend class ZPropertiesFile;
     friend class ZPropertiesIterator;
     friend class ZAbstractPropertyValuesIterator;
+    friend class ZStanzaFileProperties;
 
+    // Applies one change under the lock, and tells the observers behind it. Raises
+    // ZInvalidParameterException for a null or empty name; changeStanza has no key.
+    template <typename Change>
+    void changeKey(ZPropertyChanged::PropertyChangeType type, const char* category, const char* key,
+                   Change apply);
+    template <typename Change>
+    void changeStanza(ZPropertyChanged::PropertyChangeType type, const char* stanza, Change apply);
+    // The same of a comment, as checkComment makes it; nobody is told.
+    template <typename Change>
+    void changeComment(const char* text, Change apply);
     template <typename Change>
     void change(ZPropertyChanged::PropertyChangeType type, const char* category, const char* key,
                 Change apply);

@@ -84,8 +84,6 @@ void makeObfuscatedDBName(const char* file, ZLCString& out) {
 
 ZPropertiesFile::ZPropertiesFile(ZProperties& object)
     : object_(object),
-      loading_(0),
-      timeStamp_(0),
       changeTest_(ZPROP_CHANGE_SECONDS),
       outcome_(kLoaded),
       storeMode_(ZPROP_STORE_PLAIN),
@@ -104,8 +102,8 @@ void ZPropertiesFile::tell(const ZPropertyChanged& change) {
 ZLCString ZPropertiesFile::choosePath(const char* file) const {
     if (zhasText(file))
         return ZLCString(file);
-    zrequire(fileName_.getLength() != 0);
-    return fileName_;
+    zrequire(object_.fileName_.getLength() != 0);
+    return object_.fileName_;
 }
 
 ZLockTerms ZPropertiesFile::lockTerms() const {
@@ -124,7 +122,7 @@ void ZPropertiesFile::keepStamp(int descriptor) { hasStamp_ = !zstampFile(descri
 void ZPropertiesFile::noteContent() {
     object_.resetModified();
     if (hasStamp_)
-        timeStamp_ = zsecondsOf(stamp_);
+        object_.timeStamp_ = zsecondsOf(stamp_);
 }
 
 // The open update through whose descriptor this path is reached, or null.
@@ -184,8 +182,8 @@ void ZPropertiesFile::readInto(ZPCache& cache, const ZLCString& path, int descri
 template <typename Close>
 void ZPropertiesFile::readFile(const ZLCString& path, Opened file, ZFileContent* content,
                                Close close) {
-    loading_ = 1;  // no change notice goes out meanwhile
-    const ZAtEnd loaded([this] { loading_ = 0; });
+    object_.loading_ = 1;  // no change notice goes out meanwhile
+    const ZAtEnd loaded([this] { object_.loading_ = 0; });
     // Ahead of the reading: what somebody writes meanwhile is news.
     ZFileStamp stamp = {};
     const bool isStamped = !zstampFile(file.descriptor, stamp);
@@ -210,16 +208,16 @@ void ZPropertiesFile::readFile(const ZLCString& path, Opened file, ZFileContent*
 void ZPropertiesFile::readAnew(const ZLCString& path, int descriptor, ZLockScope& fileLock) {
     zassert(lock().isHeld());
     ZFileContent content;
-    outcome_ = kIncomplete;
     cache().clear();
+    outcome_ = kIncomplete;
     readFile(path, {descriptor}, &content, [&fileLock] { fileLock.close().passOver(); });
 }
 
 void ZPropertiesFile::load(const char* file) {
     zassert(lock().isHeld());
     const ZLCString path(choosePath(file));
-    if (fileName_.getLength() == 0)
-        fileName_ = path;
+    if (object_.fileName_.getLength() == 0)
+        object_.fileName_ = path;
     outcome_ = kFailed;
     if (ZUpdatedFile* update = updateOf(path)) {
         outcome_ = kIncomplete;
@@ -276,7 +274,7 @@ bool ZPropertiesFile::isOutdated(const char* file) const {
 bool ZPropertiesFile::isCurrent(const char* file, int forceReload, long& stamp) const {
     if (forceReload == 0 && object_.isModified() != 0)
         return true;
-    stamp = timeStamp_;
+    stamp = object_.timeStamp_;
     const int otherSecond = checkAndSetTimeStamp(file, stamp);
     return forceReload == 0 &&
            !(changeTest_ == ZPROP_CHANGE_EXACT ? isOutdated(file) : otherSecond != 0);
@@ -291,8 +289,8 @@ void ZPropertiesFile::follow(const char* file, int forceReload) {
     ZResourceLock guard(lock());
     if (isCurrent(file, forceReload, stamp))
         return;
-    const long before = timeStamp_;
-    timeStamp_ = stamp;
+    const long before = object_.timeStamp_;
+    object_.timeStamp_ = stamp;
     const ZAtEnd again([this, waited = waits_] { waits_ = waited; });
     waits_ = false;
     try {
@@ -300,7 +298,7 @@ void ZPropertiesFile::follow(const char* file, int forceReload) {
     } catch (...) {
         // The next caller tries again, instead of being handed an emptied object: by the old time,
         // or where that is the file's still, by one that no file has.
-        timeStamp_ = stamp != before ? before : kNoTime;
+        object_.timeStamp_ = stamp != before ? before : kNoTime;
         object_.resetModified();  // these changes are gone
         throw;
     }
@@ -313,17 +311,17 @@ void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
     // Always anew: what a stamp doesn't tell would be overwritten.
     cache().clear();
     outcome_ = kIncomplete;
-    readFile(fileName_, {file.descriptor}, &file.content, [] {});
+    readFile(object_.fileName_, {file.descriptor}, &file.content, [] {});
     update_ = &file;
 }
 
 void ZPropertiesFile::restore(const ZUpdatedFile& file) {
     zassert(lock().isHeld() && update_ == &file);
-    loading_ = 1;
-    const ZAtEnd restored([this] { loading_ = 0; });
+    object_.loading_ = 1;
+    const ZAtEnd restored([this] { object_.loading_ = 0; });
     try {
         cache().clear();
-        zreadText(cache(), fileName_.getChars(), zspanOf(file.content.text));
+        zreadText(cache(), object_.fileName_.getChars(), zspanOf(file.content.text));
         if (file.content.side.size() != 0)
             zreadSide(cache(), zspanOf(file.content.side));
     } catch (...) {
@@ -446,7 +444,7 @@ void ZPropertiesFile::store(const ZLCString& path) {
     static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
     ZUpdatedFile* update = updateOf(path);
     // What was made of one file isn't put in the place of another.
-    if (update == nullptr && update_ != nullptr && path.equals(fileName_))
+    if (update == nullptr && update_ != nullptr && path.equals(object_.fileName_))
         zraiseIO(path.getChars(), "stat()", ESTALE);
     if (update != nullptr)
         storeTo(update->descriptor, path, &update->content);
@@ -455,7 +453,7 @@ void ZPropertiesFile::store(const ZLCString& path) {
     else
         storeCarefully(path);
     noteContent();
-    loading_ = 0;
+    object_.loading_ = 0;
     outcome_ = kLoaded;
     mayStoreAnyway_ = false;
 }
@@ -483,11 +481,10 @@ static void requireShortLines(const char* path, ZSpan text) {
     }
 }
 
-// The text to be stored: in `stream`, or in `kept` if it keeps lines of the old one.
-ZSpan ZPropertiesFile::writeText(const ZLCString& path, ZSpan oldText, ZMemoryStream& stream,
-                                 ZBytes& kept) const {
-    cache().be_write(path.getChars(), stream.get());
-    ZSpan text = stream.finish();
+// What is to be stored of a text that the cache has written; in `kept`, if it keeps lines of the
+// old one.
+ZSpan ZPropertiesFile::finishText(const ZLCString& path, ZSpan oldText, ZSpan text,
+                                  ZBytes& kept) const {
     if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {
         zkeepLines(oldText, text, kept);
         text = zspanOf(kept);
@@ -502,10 +499,6 @@ ZSpan ZPropertiesFile::writeText(const ZLCString& path, ZSpan oldText, ZMemorySt
 void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileContent* content) {
     const ZUncancelled uncancelled;
     const ZLCString named(settleSideName(path));
-    ZJournal journal(path.getChars(), descriptor);
-    if (journal.find())
-        zfinishJournal(journal);
-
     ZBuffer hidden;
     if (cache().obfuscatedCount() != 0)
         cache().be_write_obfuscated(hidden);
@@ -520,11 +513,18 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
     else
         cache().delLine(kSideStanza, kSideKey);
 
+    ZJournal journal(path.getChars(), descriptor);
+    if (journal.find()) {
+        zfinishJournal(journal);
+        if (action != zsideUntouched)  // which may have made or removed it
+            zcheckIO(side.examine(action == zsideReplaced));
+    }
+    ZMemoryStream stream;
     ZBytes oldText, kept;
+    cache().be_write(path.getChars(), stream.get());
     if (storeMode_ != ZPROP_STORE_PLAIN || (cache().attributes() & ZPCACHE_KEEP_LINES) != 0)
         zcheckIO(zreadWholeFile(descriptor, oldText).of(path.getChars()));
-    ZMemoryStream stream;
-    const ZSpan text = writeText(path, zspanOf(oldText), stream, kept);
+    const ZSpan text = finishText(path, zspanOf(oldText), stream.finish(), kept);
     const ZStoreWork work(text, zspanOf(oldText), action, side, spanOf(hidden));
     ZFileContent stored;  // made ahead: what is in place can't fail for want of memory
     if (content != nullptr) {

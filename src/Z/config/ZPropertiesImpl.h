@@ -26,8 +26,8 @@ int checkAndSetTimeStamp(const char* file, long& timeStamp);
 /// The default path of a file's side database: absolute, with ".obf" behind it.
 void makeObfuscatedDBName(const char* file, ZLCString& out);
 
-/// The file's side of a properties object: path, stamps, options, the update that is open, and the
-/// ways between the disk and the object's cache. Its callers hold the object's lock, except for
+/// The file's side of a properties object: stamps, options, the update that is open, and the ways
+/// between the disk and the object's cache. Its callers hold the object's lock, except for
 /// what says otherwise.
 class ZPropertiesFile : public ZAllocated {
 public:
@@ -50,12 +50,10 @@ public:
             take(text, length);
     }
 
-    const ZLCString& path() const { return fileName_; }
+    const ZLCString& path() const { return object_.fileName_; }
     /// What a call means by a path that may be null or empty. Raises ZInvalidParameterException if
     /// there is none.
     ZLCString choosePath(const char* file) const;
-    /// Whether the cache is being filled, of which nobody is told. Without the lock.
-    bool isLoading() const { return loading_.load(std::memory_order_relaxed) != 0; }
 
     // --- options ---
 
@@ -81,12 +79,12 @@ public:
     /// Reads it anew into the object, and gives the lock up ahead of calls to others. Should that
     /// fail, nobody stores what is left.
     void readAnew(const ZLCString& path, int descriptor, ZLockScope& fileLock);
-    /// The object is what this file holds.
+    /// Keeps the stamp of a file that the object is known to be as.
     void keepStamp(int descriptor);
 
     // --- store ---
 
-    /// Behind checkFileAccess.
+    /// The caller has made checkFileAccess(path), without the lock.
     void store(const ZLCString& path);
 
     // --- updates ---
@@ -126,16 +124,11 @@ private:
     void writeSidePlainly(const ZLCString& name, int descriptor);
     void storeCarefully(const ZLCString& path);
     void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);
-    ZSpan writeText(const ZLCString& path, ZSpan oldText, class ZMemoryStream& stream,
-                    ZBytes& kept) const;
+    ZSpan finishText(const ZLCString& path, ZSpan oldText, ZSpan text, ZBytes& kept) const;
 
     ZProperties& object_;
-    // Read without the lock by design.
-    std::atomic<int> loading_;
-    std::atomic<long> timeStamp_;  // modification time of the file at the last load or store
-    std::atomic<int> changeTest_;
-    // Guarded by the object's lock. The first load sets the name for good.
-    ZLCString fileName_;
+    std::atomic<int> changeTest_;  // read without the lock by design
+    // Guarded by the object's lock.
     Outcome outcome_;
     int storeMode_;
     int lastStoreMode_;

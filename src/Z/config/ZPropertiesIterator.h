@@ -34,8 +34,7 @@ class ZEXPORT ZAbstractPropertiesIterator : public ZPropertiesIteratorInterface 
 /// Walks the keys of a stanza in the order of the file.
 ///
 /// Failure: ZPropertiesIteratorException (42) where the walk isn't at the place that a call needs:
-/// in
-///   front of the first key, behind the last, or where a key has been removed.
+///   in front of the first key, behind the last, or where a key has been removed.
 /// Cost: each call constant, whatever is added or removed meanwhile.
 class ZEXPORT ZPropertiesIterator : public ZAbstractPropertiesIterator {
 public:

@@ -23,14 +23,13 @@
 ///
 /// Ownership: a scope object, on the stack. The properties object must outlive it.
 /// Failure: as each call says. An update that couldn't begin has changed nothing, but that the
-/// object
-///   may have been read anew, or be empty after a reading that failed.
-/// Threads: begin and end belong to one thread. Other threads' calls on the object wait, a reload
-/// by
-///   getPropertiesFor too. The file's lock belongs to the open file, so that neither another thread
-///   or object of this process slips by it nor another descriptor of the file breaks it.
-/// Cost: a load at the beginning, and the file's bytes in memory. Lists that the object handed out
-///   earlier are gone, as after a reload, and again where it was taken back.
+///   object may have been read anew, or be empty after a reading that failed.
+/// Threads: begin and end belong to one thread. Other threads' calls on the object wait, a
+///   reload by getPropertiesFor too. The file's lock belongs to the open file, so that neither
+///   another thread or object of this process slips by it nor another descriptor of the file
+///   breaks it.
+/// Cost: a load at the beginning, and the file's bytes in memory. Lists that the object handed
+///   out earlier are gone, as after a reload, and again where it was taken back.
 class ZEXPORT ZPropertiesUpdate {
 public:
     /// Begins an update of the file that `properties` belongs to, which must exist. Waits up to

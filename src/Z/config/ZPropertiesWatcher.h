@@ -27,8 +27,7 @@ class ZPathWatch;
 /// Ownership: the properties object must outlive the watcher.
 /// Failure: as each call says.
 /// Threads: one at a time may call a watcher; the object's lock is taken where it is needed.
-/// Observers
-///   are told by the thread that calls process(), when it has released the lock.
+///   Observers are told by the thread that calls process(), when it has released the lock.
 /// Cost: reading the file twice and comparing it with the object, for each change of the file.
 class ZEXPORT ZPropertiesWatcher {
 public:

@@ -150,7 +150,8 @@ void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& lis
 
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const char* value,
                                      int obfuscated) {
-    zrequire(zhasText(stanza) && zhasText(key) && zhasText(value));
+    zrequireNames(stanza, key);
+    zrequire(zhasText(value));
     ZArrayList list(1, 0);
     const ZLCConstString text(value);
     list.addNoCopy(&text);
@@ -183,7 +184,8 @@ void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
 
 void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const ZArrayList& list,
                                       int obfuscated) {
-    zrequire(zhasText(stanza) && zhasText(key) && list.size() != 0);
+    zrequireNames(stanza, key);
+    zrequire(list.size() != 0);
     typedef ZAbstractPropertyValuesIterator Iterator;
     ZStanzaValueIterator value(
         *this, stanza, key, ZPROP_STRING_LOCAL,

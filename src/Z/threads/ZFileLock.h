@@ -40,8 +40,7 @@
 /// a call or held the lock, the child can only make an object of its own.
 ///
 /// Failure: a grant that fails, or whose thread is cancelled, gives back all that it had taken.
-/// Opening
-///   and closing the file is never cancelled half-way; waiting for a record lock is.
+///   Opening and closing the file is never cancelled half-way; waiting for a record lock is.
 ///   ZLockResourceException (33) with the system's number: the lock can't be taken; 9 if the file
 ///   can't be opened. ZUnlockResourceException (34): it can't be given up, and is still held.
 ///   ZReadResourceException (35) and ZWriteResourceException (36): the file can't be read or

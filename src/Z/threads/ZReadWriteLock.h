@@ -110,8 +110,7 @@ public:
 /// Threads: any thread, any call, except that the destructor must be the last one. It checks
 ///   nothing.
 /// Cost: what needn't wait and wakes nobody is one atomic exchange, without a system call. Who
-/// waits
-///   sleeps.
+///   waits sleeps.
 class ZEXPORT ZReadWriteLock : public ZAbstractReadWriteLock {
 public:
     /// A free lock without observers. Raises what ZCondition() raises.

@@ -68,7 +68,7 @@ public:
     /// `isDirect`: the path's last part is known to be no link.
     ZJournal(const char* path, int descriptor, bool isDirect = false);
 
-    /// Its path, for messages.
+    /// Its path, for messages; good until the next call that looks for it.
     const char* path() const { return path_.getChars(); }
 
     const char* filePath() const { return filePath_; }

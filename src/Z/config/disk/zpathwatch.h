@@ -27,9 +27,9 @@ public:
     /// Readable when hasNews() has something to read.
     int descriptor() const { return all_.get(); }
 
-    /// Reads what has come, without waiting, and follows the path anew.
-    /// Whether the file is to be read. While a writer hasn't closed it, nothing
-    /// counts until no byte has come for the settling time; the descriptor becomes readable then.
+    /// Reads what has come, without waiting, and follows the path anew. Whether the file is to be
+    /// read. While a writer hasn't closed it, nothing counts until no byte has come for the
+    /// settling time; the descriptor becomes readable then.
     bool hasNews();
     /// Whether that is waited for.
     bool isBeingWritten() const { return isWritten_; }

@@ -137,7 +137,7 @@ private:
                                : zwriteAt(descriptor_, changed, from_);
         if (!failure && isSafe_)
             failure = syncText();
-        return failure.of(journal_.filePath());
+        return {failure.call, failure.error, journal_.filePath()};  // whosever step it was
     }
     ZFailure syncText() {
         if (const ZFailure failure = journal_.mark(ZJournal::placed))

@@ -49,7 +49,7 @@ ZSideFile::~ZSideFile() { discard(); }
 ZFailure ZSideFile::failed(const char* call) const { return zfailed(call).of(name()); }
 
 ZFailure ZSideFile::find() {
-    if (isExamined())
+    if (placeIsKnown())
         return zdone;
     if (const ZFailure failure = place_.find(name()))
         return failure.as("fopen(w)").of(name());
@@ -153,7 +153,7 @@ void ZSideFile::discard() {
 }
 
 ZFailure ZSideFile::prepare(ZSpan bytes, int mode) {
-    zassert(isExamined() && text_ >= 0);
+    zassert(placeIsKnown() && text_ >= 0);
     prepared_ = bytes;
     inPlace_ = mode != ZPROP_STORE_SAFE && exists_;
     return (inPlace_ ? prepareExisting(mode) : prepareNew(mode)).of(name());
@@ -230,7 +230,7 @@ ZFailure ZSideFile::takePlace(bool synced) {
 
 ZFailure ZSideFile::remove() {
     isUnclear_ = false;
-    if (!isExamined() || unlinkat(place_.folder(), place_.name(), 0) == 0 || errno == ENOENT)
+    if (!placeIsKnown() || unlinkat(place_.folder(), place_.name(), 0) == 0 || errno == ENOENT)
         return zdone;
     const ZFailure failure = failed("unlink()");
     struct stat left;

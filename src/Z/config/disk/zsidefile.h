@@ -60,7 +60,7 @@ public:
     ZFailure clearLeft();
 
 private:
-    bool isExamined() const { return temporary_.getLength() != 0; }  // its folder is known
+    bool placeIsKnown() const { return temporary_.getLength() != 0; }
     ZFailure find();
     bool isOwnersPlace() const;
     ZFailure openExisting(int flags, ZOpenFile& file) const;

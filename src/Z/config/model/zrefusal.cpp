@@ -94,30 +94,37 @@ ZFault zfaultOfForeignText() {
 
 // There from the thread's beginning: to ask for it takes no memory.
 static __thread ZFault lastFault __attribute__((tls_model("initial-exec")));
+static __thread const char* lastFile __attribute__((tls_model("initial-exec")));
+static __thread int lastLine __attribute__((tls_model("initial-exec")));
 
-[[noreturn]] static void refuse(const ZFault& fault) {
+[[noreturn]] static void refuse(const ZFault& fault, ZSite site) {
     lastFault = fault;
-    zraise(ZInvalidParameterException());
+    lastFile = site.file;
+    lastLine = site.line;
+    zraise(ZInvalidParameterException(), site);
 }
 
-void zrequireNoFault(const ZFault& fault) {
+void zrequireNoFault(const ZFault& fault, ZSite site) {
     if (fault.reason != nullptr)
-        refuse(fault);
+        refuse(fault, site);
 }
 
-static void requireText(const char* subject, const char* text) {
-    zrequireNoFault(zhasText(text) ? kNoFault : ZFault{subject, kEmpty});
+static void requireText(const char* subject, const char* text, ZSite site) {
+    zrequireNoFault(zhasText(text) ? kNoFault : ZFault{subject, kEmpty}, site);
 }
 
-void zrequireStanzaName(const char* stanza) { requireText(kStanza, stanza); }
+void zrequireStanzaName(const char* stanza, ZSite site) { requireText(kStanza, stanza, site); }
 
-void zrefuseNames(const char* stanza, const char*) {
-    refuse({zhasText(stanza) ? kKey : kStanza, kEmpty});
+void zrefuseNames(const char* stanza, ZSite site) {
+    refuse({zhasText(stanza) ? kKey : kStanza, kEmpty}, site);
 }
 
-void zrequireCommentText(const char* text) { requireText(kComment, text); }
+void zrequireCommentText(const char* text, ZSite site) { requireText(kComment, text, site); }
 
 ZFault zfaultBehind(const ZInvalidParameterException& e) {
     const char* raisedIn = e.who();
-    return raisedIn != nullptr && strcmp(raisedIn, __FILE__) == 0 ? lastFault : kNoFault;
+    const bool isLast = raisedIn != nullptr && lastFile != nullptr &&
+                        strcmp(raisedIn, lastFile) == 0 &&
+                        e.where() == static_cast<unsigned long>(lastLine);
+    return isLast ? lastFault : kNoFault;
 }

@@ -5,6 +5,7 @@
 
 #include "ZException.h"
 #include "zinternal.h"
+#include "zraise.h"
 
 /// What a text is meant to be, and why it can't: "a key", "can't hold =". Both are static texts;
 /// both are null where nothing speaks against it.
@@ -26,16 +27,16 @@ ZFault zfaultOfForeignText();
 
 /// Raises ZInvalidParameterException if there is a fault. The thread keeps it, so that the C
 /// interface can tell it.
-void zrequireNoFault(const ZFault& fault);
+void zrequireNoFault(const ZFault& fault, ZSite site = ZSite());
 
 /// Likewise where one of these is null or empty.
-[[noreturn]] void zrefuseNames(const char* stanza, const char* key);
-inline void zrequireNames(const char* stanza, const char* key) {
+[[noreturn]] void zrefuseNames(const char* stanza, ZSite site);
+inline void zrequireNames(const char* stanza, const char* key, ZSite site = ZSite()) {
     if (__builtin_expect(!zhasText(stanza) || !zhasText(key), false))
-        zrefuseNames(stanza, key);
+        zrefuseNames(stanza, site);
 }
-void zrequireStanzaName(const char* stanza);
-void zrequireCommentText(const char* text);
+void zrequireStanzaName(const char* stanza, ZSite site = ZSite());
+void zrequireCommentText(const char* text, ZSite site = ZSite());
 
 /// The fault for which this exception was raised, as long as the thread has met no other; none for
 /// an exception that was raised elsewhere.
