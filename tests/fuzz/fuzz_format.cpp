@@ -11,10 +11,12 @@
 
 #include <algorithm>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 
 #include "Z/zsnprintf.h"
@@ -61,13 +63,8 @@ const char* placed(const char* text, size_t length) {
 }
 
 bool hasManyDigits(const std::string& format) {
-    size_t digits = 0;
-    for (char c : format) {
-        digits = c >= '0' && c <= '9' ? digits + (digits != 0 || c != '0') : 0;
-        if (digits > 4)
-            return true;
-    }
-    return false;
+    static const std::regex kNumber("[1-9][0-9]{4}");
+    return std::regex_search(format, kNumber);
 }
 
 /// Whether a text is asked for where another directive made the argument something else: the
@@ -113,54 +110,33 @@ void formatPointers(const char* text, size_t length, size_t size) {
         compare(format, size);
 }
 
-/// Takes values from the input; zeros when it has ended.
-class Input {
-public:
-    Input(const char* data, size_t size) : data_(data), left_(size) {}
-    template <typename T>
-    T take() {
-        T value = {};
-        const size_t n = std::min(left_, sizeof value);
-        memcpy(&value, data_, n);
-        data_ += n;
-        left_ -= n;
-        return value;
-    }
-    bool isEmpty() const { return left_ == 0; }
-
-private:
-    const char* data_;
-    size_t left_;
+/// A format with its arguments, as the input brings them.
+struct __attribute__((packed)) FloatCase {
+    uint16_t bits, width, precision;
+    uint64_t value;
+    uint16_t exponent;  // of a long double alone
 };
 
-void formatFloats(const char* data, size_t length, size_t size) {
-    Input input(data, length);
-    while (!input.isEmpty()) {
-        const unsigned int bits = input.take<uint16_t>();
-        const int64_t width = input.take<uint16_t>() % 4000 - 2000;
-        const int precision = input.take<uint16_t>() % 1400;
+void formatFloats(const char* data, size_t left, size_t size) {
+    while (left != 0) {
+        FloatCase c = {};  // zeros where the input has ended
+        memcpy(&c, data, std::min(left, sizeof c));
+        const bool isLong = c.bits & 0x80;
+        const size_t used = std::min(left, isLong ? sizeof c : offsetof(FloatCase, exponent));
+        data += used;
+        left -= used;
         std::string text = "<%";
         for (int i = 0; i < 6; ++i) {
-            if (bits >> i & 1)
+            if (c.bits >> i & 1)
                 text += "#- +'0"[i];
         }
-        text += "*.*";
-        const bool isLong = bits & 0x80;
-        if (isLong)
-            text += 'L';
-        text += "eEfgG"[(bits >> 8) % 5];
-        text += '>';
-        const char* const format = placed(text.data(), text.size());
-        const int64_t sizes[] = {width, precision};
-        memcpy(floatBlock, sizes, sizeof sizes);
-        if (isLong) {
-            // Any exponent, and a significand as the processor wants it.
-            floatBlock[2] = input.take<uint64_t>() | 1ULL << 63;
-            floatBlock[3] = input.take<uint16_t>();
-        } else {
-            floatBlock[2] = input.take<uint64_t>();
-        }
-        compare(format, size, floatBlock);
+        text += std::string("*.*") + (isLong ? "L" : "") + "eEfgG"[(c.bits >> 8) % 5] + '>';
+        floatBlock[0] = static_cast<uint64_t>(c.width % 4000 - 2000);
+        floatBlock[1] = c.precision % 1400;
+        // Any exponent, and of a long double a significand as the processor wants it.
+        floatBlock[2] = isLong ? c.value | 1ULL << 63 : c.value;
+        floatBlock[3] = c.exponent;
+        compare(placed(text.data(), text.size()), size, floatBlock);
     }
 }
 

@@ -104,10 +104,22 @@ Argument fetch(const Directive& d, bool isSize, va_list* ap) {
     return a;
 }
 
+/// False if the system can't, as when the codeset lacks a character.
+template <typename... Args>
+bool addPrinted(std::string& text, const std::string& format, Args... args) {
+    const int length = snprintf(nullptr, 0, format.c_str(), args...);
+    if (length < 0)
+        return false;
+    std::string added(static_cast<size_t>(length), ' ');
+    snprintf(&added[0], added.size() + 1, format.c_str(), args...);
+    text += added;
+    return true;
+}
+
 template <typename... Args>
 std::string printed(const std::string& format, Args... args) {
-    std::string text(static_cast<size_t>(snprintf(nullptr, 0, format.c_str(), args...)), ' ');
-    snprintf(&text[0], text.size() + 1, format.c_str(), args...);
+    std::string text;
+    addPrinted(text, format, args...);
     return text;
 }
 
@@ -134,34 +146,27 @@ std::string integerText(Directive d, uint64_t value, int width, int precision) {
     return text.substr(0, blanks) + prefix + text.substr(blanks);
 }
 
-/// The characters of a %c, %s, %C or %S, each in its bytes. False if the codeset lacks one.
-bool readCharacters(const Directive& d, const Argument& value, int64_t most,
-                    std::vector<std::string>& characters) {
+/// The system's text of a %c, %s, %C or %S. False if the codeset lacks a character.
+bool addCharacters(const Directive& d, const Argument& value, int width, int most,
+                   std::string& text) {
+    const std::string percent = d.has('-') ? "%-*" : "%*";
     if (d.is("%c")) {
-        characters.emplace_back(1, d.conversion == '%' ? '%' : static_cast<char>(value.bits));
-    } else if (d.conversion == 's') {
-        const char* s = static_cast<const char*>(value.pointer);
-        for (; s != nullptr && most > 0 && *s != '\0'; ++s, --most)
-            characters.emplace_back(1, *s);
-    } else {
-        const uint16_t letter = static_cast<uint16_t>(value.bits);
-        const bool isText = d.conversion == 'S';
-        const uint16_t* w = isText ? static_cast<const uint16_t*>(value.pointer) : &letter;
-        for (; w != nullptr && (!isText || (most > 0 && *w != 0)); ++w) {
-            char bytes[MB_LEN_MAX];
-            mbstate_t state = {};
-            const size_t n = wcrtomb(bytes, *w, &state);
-            if (n == static_cast<size_t>(-1))
-                return false;
-            most -= static_cast<int64_t>(n);
-            if (isText && most < 0)
-                break;
-            characters.emplace_back(bytes, n);
-            if (!isText)
-                break;
-        }
+        const int letter = d.conversion == '%' ? '%' : static_cast<char>(value.bits);
+        return addPrinted(text, percent + "c", width, letter);
     }
-    return true;
+    if (d.conversion == 'C') {
+        const wint_t letter = static_cast<uint16_t>(value.bits);
+        return addPrinted(text, percent + "lc", width, letter);
+    }
+    if (d.conversion == 's') {
+        const char* const s = static_cast<const char*>(value.pointer);
+        return addPrinted(text, percent + ".*s", width, most, s != nullptr ? s : "");
+    }
+    const uint16_t* w = static_cast<const uint16_t*>(value.pointer);
+    std::wstring wide;
+    while (w != nullptr && wide.size() < static_cast<size_t>(most) && *w != 0)
+        wide += *w++;
+    return addPrinted(text, percent + ".*ls", width, most, wide.c_str());
 }
 
 }  // namespace
@@ -225,22 +230,16 @@ FormatModel::FormatModel(const char* format, va_list ap) : good(false) {
         } else if (d.is("diuoxXp")) {
             text += integerText(d, value.bits, width, precision);
         } else {
-            std::vector<std::string> characters;
-            if (!readCharacters(d, value, d.hasPrecision() ? precision : INT64_MAX, characters))
+            const size_t begin = text.size();
+            if (!addCharacters(d, value, std::max(width, 0),
+                               d.hasPrecision() ? std::max(precision, 0) : INT_MAX, text))
                 return;
-            std::string all;
-            for (const std::string& character : characters)
-                all += character;
-            const std::string pad(
-                static_cast<size_t>(std::max<int64_t>(width - static_cast<int64_t>(all.size()), 0)),
-                ' ');
-            text += d.has('-') ? "" : pad;
-            for (const std::string& character : characters) {
-                for (size_t i = 1; i < character.size() && d.conversion == 'S'; ++i)
-                    inside_.insert(text.size() + i);
-                text += character;
+            for (size_t at = begin, n; d.conversion == 'S' && at < text.size(); at += n) {
+                mbstate_t state = {};
+                n = mbrlen(&text[at], text.size() - at, &state);
+                for (size_t i = 1; i < n; ++i)
+                    inside_.insert(at + i);
             }
-            text += d.has('-') ? pad : "";
         }
     }
     text += tail;
