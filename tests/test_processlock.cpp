@@ -15,6 +15,7 @@
 #include "Z/ZProcessLock.h"
 #include "support/Raised.h"
 #include "support/Gate.h"
+#include "support/SelfChild.h"
 #include "support/TempFolder.h"
 #include "support/Threads.h"
 
@@ -409,21 +410,15 @@ class Child {
 public:
     explicit Child(const std::function<int(Child&)>& function) {
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
+        pid_ = startChild([&] {
             std::swap(ends_[0], ends_[1]);
             alarm(120);  // a deadlock ends as a failed wait
-            int result = 99;
-            try {
-                result = function(*this);
-            } catch (ZException&) {
-            }
-            _exit(result);
-        }
+            return function(*this);
+        });
     }
     ~Child() {
-        kill(pid_, SIGKILL);
-        wait();
+        if (pid_ != 0)
+            kill(pid_, SIGKILL), wait();
         close(ends_[0]), close(ends_[1]);
     }
     Child(const Child&) = delete;
@@ -439,18 +434,11 @@ public:
             abort();
     }
     pid_t pid() const { return pid_; }
-    int wait() {
-        if (!ended_)
-            waitpid(pid_, &status_, 0);
-        ended_ = true;
-        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-    }
+    int wait() { return endOf(std::exchange(pid_, 0)); }
 
 private:
     int ends_[2];
     pid_t pid_;
-    int status_ = -1;
-    bool ended_ = false;
 };
 
 // What a child does that holds the place's lock until it is told to give it back.
@@ -518,15 +506,12 @@ TEST(FileLockProcesses, AChildOwnsNothingOfWhatItsParentHolds) {
     for (State state : {read, write}) {
         Place place;
         Lock lock = place.make();
-        const auto childSees = [](const std::function<int()>& action) {
-            return Child([&](Child&) { return action(); }).wait();
-        };
         for (const auto& action : actions) {
             SCOPED_TRACE(testing::Message() << state << ", action " << &action - actions);
             lock.lock(state);
-            EXPECT_EQ(childSees([&] { return action(lock); }), 0);
+            EXPECT_EQ(inChild([&] { return action(lock); }), 0);
             EXPECT_EQ(lock.getLockState(), state);
-            EXPECT_EQ(childSees([&] {
+            EXPECT_EQ(inChild([&] {
                           struct flock data = {};
                           data.l_type = F_WRLCK, data.l_len = 4;
                           const int file = open(place.path.c_str(), O_RDWR);
@@ -538,7 +523,7 @@ TEST(FileLockProcesses, AChildOwnsNothingOfWhatItsParentHolds) {
             lock.unlock();
         }
         EXPECT_EQ(lock.getSequence(), state == write ? std::size(actions) : 0);
-        EXPECT_EQ(childSees([&] { return lock.lock(state), lock.unlock(), 0; }), 0)
+        EXPECT_EQ(inChild([&] { return lock.lock(state), lock.unlock(), 0; }), 0)
             << "an object of its own once it has given the copy up";
     }
 }
