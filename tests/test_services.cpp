@@ -19,6 +19,7 @@
 #include "support/Gate.h"
 #include "support/RecordingService.h"
 #include "support/TempFolder.h"
+#include "support/Threads.h"
 
 using std::string;
 
@@ -88,26 +89,20 @@ TEST(Dump, RowsAreFilledUp) {
 }
 
 TEST(Dump, ThoseOfSeveralThreadsStandOneAfterTheOther) {
-    const string bytes[] = {string(40, 'a'), string(70, 'b')};
-    const string text = written([&](FILE* f) {
-        std::vector<std::thread> threads;
-        Gate begun;
-        for (const string& each : bytes)
-            threads.emplace_back([f, &each, &begun] {
-                begun.open(), begun.reach(2);  // side by side
-                for (int times = 0; times < 500; ++times)
-                    dump(f, each, "title");
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-    });
+    const string bytes[] = {string(70, 'a'), string(70, 'b')};
     const string dumps[] = {dumpOf(bytes[0], "title"), dumpOf(bytes[1], "title")};
-    size_t at = 0;
-    for (int i = 0; i < 1000; ++i) {
-        const string& next = dumps[text.compare(at, dumps[1].size(), dumps[1]) == 0];
-        ASSERT_EQ(text.substr(at, next.size()), next);
-        at += next.size();
-    }
+    const string text = written([&](FILE* f) {
+        Gate begun;
+        inFourThreads([&] {
+            begun.open(), begun.reach(4);  // side by side
+            for (int times = 0; times < 250; ++times)
+                dump(f, bytes[times % 2], "title");
+        });
+    });
+    const size_t size = dumps[0].size();
+    ASSERT_EQ(text.size(), 1000 * size);
+    for (size_t at = 0; at < text.size(); at += size)
+        ASSERT_EQ(text.substr(at, size), dumps[text.compare(at, size, dumps[1]) == 0]);
 }
 
 // ---------------------------------------------------------------- UTF-16
