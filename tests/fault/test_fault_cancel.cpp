@@ -3,7 +3,6 @@
 // do the work first: a result is there then that nobody has. Threads begin with std::thread.
 #include "support/Prelude.h"
 
-#include <dirent.h>
 #include <sys/mman.h>
 
 #include "Z/ZArray.h"
@@ -12,6 +11,7 @@
 #include "Z/ZJavaProperties.h"
 #include "Z/ZKeyMap.h"
 #include "Z/ZThread.h"
+#include "support/FileState.h"
 #include "support/Runner.h"
 #include "support/TempFolder.h"
 #include "support/Wrapped.h"
@@ -68,15 +68,6 @@ WRAP_CLOSER(close, "close", int)
 namespace {
 
 #if CAN_UNWIND
-
-int openDescriptors() {
-    int count = 0;
-    DIR* const folder = opendir("/proc/self/fd");
-    while (readdir(folder) != nullptr)
-        ++count;
-    closedir(folder);
-    return count;
-}
 
 // In a thread of its own, which must be cancelled before it comes to the end.
 void runCancelled(const Action& body) {
