@@ -542,10 +542,11 @@ void ZPStore::unfollow(Id id) {
 // ---------------------------------------------------------------- reading
 
 void ZPStore::reserveForLines(size_t lines) {
-    keys_.reserveMore(lines);
-    lines_.reserve(lines);
-    // The index has room for some more keys: making it anew for the first one that is added would
-    // cost as much as the whole load.
+    // With room for some more keys: to move all this for the first one that is added would cost as
+    // much as the whole load. What isn't used of a large block isn't there.
+    const size_t more = lines + lines / 4;
+    keys_.reserveMore(more);
+    lines_.reserve(more);
     keyIndex_.reserveMore(lines + lines / 8);
 }
 
