@@ -104,9 +104,13 @@ TEST_F(CInterface, OpenTouchesItsHandleOnlyOnceTheArgumentsAreGood) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        ZPROP_handle* out = handle;
-        EXPECT_EQ(zstzPropOpen(&out, c.file, c.mode), c.result);
-        EXPECT_EQ(out, c.result == 55 ? handle : nullptr);
+        for (const bool isPlain : {true, false}) {
+            ZPROP_handle* out = handle;
+            EXPECT_EQ(isPlain ? zstzPropOpen(&out, c.file, c.mode)
+                              : zstzPropOpenWith(&out, c.file, c.mode, 0, kSafe, 0),
+                      c.result);
+            EXPECT_EQ(out, c.result == 55 ? handle : nullptr);
+        }
     }
     EXPECT_EQ(zstzPropOpen(nullptr, path.c_str(), ZPROP_OPEN_READ), 55);
 }
@@ -494,7 +498,8 @@ string lastError() {
 const char kNoError[] = "0 <null> 0 <null>";
 
 TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
-    const string missing = folder / "missing", bad = folder.write("bad", "[s]\n# c\n  no entry\n");
+    const string missing = folder / "missing",
+                 bad = folder.write("bad", "[s]\n# c\n \t no entry \t\r\n");
     ZPROP_handle* other = nullptr;
     Iterator iterator = nullptr;
     const struct {
@@ -505,7 +510,7 @@ TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
         {[&] { zstzPropOpen(&other, missing.c_str(), 1); },
          "43 missing 0 fopen(r): No such file or directory"},
         {[] {}, "43 missing 0 fopen(r): No such file or directory"},
-        {[&] { zstzPropOpen(&other, bad.c_str(), 1); }, "44 bad 3   no entry"},
+        {[&] { zstzPropOpen(&other, bad.c_str(), 1); }, "44 bad 3  \t no entry"},
         {[&] { zstzPropGetStringValue(handle, "one", "missing", 1, &err); }, "28 a.conf 0 missing"},
         {[&] { zstzPropGetIntegerValue(handle, "one", "word", 1, &err); }, "40 a.conf 0 12abc"},
         {[&] { zstzPropGetBooleanValue(handle, "one", "word", 1, &err); }, "41 a.conf 0 12abc"},

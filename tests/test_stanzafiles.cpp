@@ -61,26 +61,6 @@ TEST(StanzaReader, NulsHideAndCommentsMayBeLeftOut) {
     EXPECT_EQ(writtenText(bare), "[s]\nk = 1\nm =\n");
 }
 
-TEST(StanzaReader, TheBadLineIsToldWithItsIndentAndWithoutItsEnd) {
-    ZSCFData cache;
-    FILE* stream = tmpfile();
-    fputs("[s]\nk = 1\n \t no entry \t\r\n[t]\n", stream);
-    rewind(stream);
-    try {
-        cache.be_read("some.conf", stream);
-        ADD_FAILURE() << "a line without = was read";
-    } catch (ZPropertiesInvalidDataException& e) {
-        EXPECT_STREQ(e.propFile(), "some.conf");
-        EXPECT_STREQ(e.baddata(), " \t no entry");
-        EXPECT_EQ(e.badline(), 3);
-    }
-    fclose(stream);
-    // What was read stays, and nothing behind the bad line.
-    EXPECT_EQ(value(cache, "s", "k"), "1");
-    EXPECT_EQ(cache.contains("t"), 0);
-    EXPECT_EQ(writtenText(cache), "[s]\nk = 1\n");
-}
-
 // What the first lines promise of the number of lines may be far off.
 TEST(StanzaReader, AFileThatBeginsWithBlankLinesIsRead) {
     const string text = string(40000, '\n') + "[s]\n# " + string(8000, 'x') + "\nk = 1\n";
@@ -145,18 +125,6 @@ bool readSide(ZSCFData& cache, const string& bytes) {
         return false;
     }
     return true;
-}
-
-TEST(SideDatabase, RecordsHaveASeparatorBetweenThemAlone) {
-    ZSCFData cache;
-    cache.addLine("s", "k", "v", 1);
-    EXPECT_EQ(sideRecords(cache), bytes("s\0k\0v\0"));
-    cache.add("s", "k", "w", 1);
-    cache.addLine("t", "m", "x", 1);
-    EXPECT_EQ(sideRecords(cache), bytes("s\0k\0v\0\0s\0k\0w\0\0t\0m\0x\0"));
-    cache.setObfuscated("s", "k", "z");  // set anew, it moves to the end
-    EXPECT_EQ(sideRecords(cache), bytes("t\0m\0x\0\0s\0k\0z\0"));
-    EXPECT_EQ(writtenText(cache), "\n[s]\n\n[t]\n");
 }
 
 TEST(SideDatabase, ComesBackAndTwiceDoublesItsValues) {
