@@ -23,15 +23,7 @@ public:
     string written() { return writtenText(data()); }
     ZLock& lock() { return lock_; }
     /// Whether the calling thread holds the object.
-    bool isLocked() {
-        try {
-            lock_.unlock();
-        } catch (ZUnlockResourceException&) {
-            return false;
-        }
-        lock_.lock();
-        return true;
-    }
+    bool isLocked() { return depthOf(lock_) != 0; }
 };
 
 string text(const ZProperties& p, const char* stanza, const char* key) {
@@ -303,31 +295,17 @@ TEST(Properties, ACopyHasItsOwnContentAndNoObservers) {
 
 // ---------------------------------------------------------------- walks
 
-TEST(KeyWalk, GoesInFileOrderAndTellsWhereItIs) {
-    Loaded p("[s]\nz = 1\na = 2\na = 3\nempty =\n[t]\n");
-    ZStanzaIterator walk(p, "s");
-    EXPECT_EQ(walk.keyCount(), 3u);
-    for (auto early :
-         {+[](ZStanzaIterator& w) { w.entryName(); }, +[](ZStanzaIterator& w) { w.entryValue(0); },
-          +[](ZStanzaIterator& w) { w.valueCount(); }})
-        EXPECT_EQ(numberOf([&] { early(walk); }), 42);
-    string seen;
-    while (walk.hasMore()) {
-        walk.nextEntry();
-        seen += string(walk.entryName()) + std::to_string(walk.valueCount());
-        if (walk.valueCount() != 0)
-            seen += walk.entryValue(walk.valueCount() - 1);
-        seen += " ";
-        EXPECT_EQ(numberOf([&] { walk.entryValue(walk.valueCount()); }), 22);
-    }
-    EXPECT_EQ(seen, "z11 a23 empty0 ");
-    EXPECT_EQ(numberOf([&] { walk.nextEntry(); }), 42);
-    EXPECT_STREQ(walk.entryName(), "empty");
-    ZStanzaIterator none(p, "missing");
-    EXPECT_EQ(none.hasMore(), 0);
-    EXPECT_EQ(none.keyCount(), 0u);
+TEST(KeyWalk, HasAnEnd) {
+    Loaded p("[s]\nk = 1\n");
+    ZStanzaIterator walk(p, "s"), none(p, "missing");
     ZPropertiesIterator nothing(p);
-    EXPECT_EQ(nothing.hasMore(), 0);
+    walk.nextEntry();
+    EXPECT_EQ(none.keyCount(), 0u);
+    for (ZPropertiesIterator* each : {static_cast<ZPropertiesIterator*>(&walk),
+                                      static_cast<ZPropertiesIterator*>(&none), &nothing}) {
+        EXPECT_EQ(each->hasMore(), 0);
+        EXPECT_EQ(numberOf([&] { each->nextEntry(); }), 42);
+    }
 }
 
 TEST(KeyWalk, AsksItsOwnGetValues) {
