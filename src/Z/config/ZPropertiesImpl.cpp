@@ -253,11 +253,16 @@ void ZPropertiesFile::reload(const char* file) {
 
 // ---------------------------------------------------------------- shared objects
 
-void ZPropertiesFile::loadWithoutWaiting(const char* file) {
-    ZResourceLock guard(lock());
+template <typename Call>
+void ZPropertiesFile::withoutWaiting(Call call) {
     const ZAtEnd again([this, waited = waits_] { waits_ = waited; });
     waits_ = false;
-    object_.load(file);
+    call();
+}
+
+void ZPropertiesFile::loadWithoutWaiting(const char* file) {
+    ZResourceLock guard(lock());
+    withoutWaiting([&] { object_.load(file); });
 }
 
 // Whether the file may have changed since this object was loaded or stored, by all that can be
@@ -291,10 +296,8 @@ void ZPropertiesFile::follow(const char* file, int forceReload) {
         return;
     const long before = object_.timeStamp_;
     object_.timeStamp_ = stamp;
-    const ZAtEnd again([this, waited = waits_] { waits_ = waited; });
-    waits_ = false;
     try {
-        object_.reload(file);
+        withoutWaiting([&] { object_.reload(file); });
     } catch (...) {
         // The next caller tries again, instead of being handed an emptied object: by the old time,
         // or where that is the file's still, by one that no file has.

@@ -101,6 +101,8 @@ private:
     enum Outcome { kLoaded, kFailed, kIncomplete };
 
     bool isCareful() const;
+    template <typename Call>
+    void withoutWaiting(Call call);
     bool isOutdated(const char* file) const;
     bool isCurrent(const char* file, int forceReload, long& stamp) const;
     ZUpdatedFile* updateOf(const ZLCString& path) const;

@@ -28,6 +28,7 @@
 #include <unistd.h>
 
 #include "ZSCFData.h"
+#include "zmemorystream.h"
 #include "zraise.h"
 
 namespace {
@@ -253,11 +254,9 @@ static void requireSideDatabase(const ZJournal& journal, ZSideFile& side) {
         return;
     ZBytes bytes;
     zcheckIO(side.read(bytes));
-    ZBuffer buffer;
-    buffer.setBuffer(bytes.size(), bytes.data());
     ZSCFData scratch;
     scratch.setObfuscatedDBName(side.name());
-    scratch.be_read_obfuscated(buffer);
+    zreadSide(scratch, zspanOf(bytes));
 }
 
 static void finishSide(ZJournal& journal, ZSideFile& side) {

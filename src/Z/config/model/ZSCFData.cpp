@@ -492,8 +492,7 @@ void ZSCFData::be_read_obfuscated(ZBuffer& buffer) {
 static void addRecord(ZBytes& records, ZSpan stanza, ZSpan key, ZSpan value) {
     records.reserveMore(stanza.size + key.size + value.size + 4);
     for (const ZSpan& part : {stanza, key, value}) {
-        memcpy(records.data() + records.size(), part.data, part.size);
-        records.setSize(records.size() + part.size);
+        zappendBytes(records, part);
         records.push('\0');
     }
     records.push('\0');

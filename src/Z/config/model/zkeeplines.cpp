@@ -355,11 +355,7 @@ private:
 
     // --- output ---
 
-    void append(const char* data, size_t size) {
-        out_.reserveMore(size);
-        memcpy(out_.data() + out_.size(), data, size);
-        out_.setSize(out_.size() + size);
-    }
+    void append(const char* data, size_t size) { zappendBytes(out_, {data, size}); }
 
     void closeLine() {
         if (out_.size() != 0 && out_[out_.size() - 1] != '\n')

@@ -1,7 +1,5 @@
 #include "zmemorystream.h"
 
-#include <cstring>
-
 #include "zmodelreading.h"
 #include "zraise.h"
 
@@ -9,13 +7,11 @@
 ssize_t ZMemoryStream::take(void* self, const char* bytes, size_t size) {
     ZMemoryStream& stream = *static_cast<ZMemoryStream*>(self);
     try {
-        stream.bytes_.reserveMore(size);
+        zappendBytes(stream.bytes_, {bytes, size});
     } catch (ZOutOfMemoryException&) {
         stream.failed_ = true;
         return 0;
     }
-    memcpy(stream.bytes_.data() + stream.bytes_.size(), bytes, size);
-    stream.bytes_.setSize(stream.bytes_.size() + size);
     return static_cast<ssize_t>(size);
 }
 

@@ -183,13 +183,19 @@ inline ZSpan zspanOf(const char* text) {
     return text == nullptr ? ZSpan{"", 0} : ZSpan{text, strlen(text)};
 }
 
+/// Adds a copy at the end. ZOutOfMemoryException leaves `to` as it was.
+inline void zappendBytes(ZBytes& to, ZSpan from) {
+    to.reserveMore(from.size);
+    if (from.size != 0)
+        memcpy(to.data() + to.size(), from.data, from.size);
+    to.setSize(to.size() + from.size);
+}
+
 /// Makes `to` a copy. ZOutOfMemoryException leaves it as it was.
 inline void zcopyBytes(ZSpan from, ZBytes& to) {
     ZBytes copy;
     copy.reserveExactly(from.size);
-    if (from.size != 0)
-        memcpy(copy.data(), from.data, from.size);
-    copy.setSize(from.size);
+    zappendBytes(copy, from);
     to = std::move(copy);
 }
 

@@ -53,9 +53,7 @@ public:
         reserve(bytes.size);
         const ZPSlice slice = {static_cast<uint32_t>(bytes_.size()),
                                static_cast<uint32_t>(bytes.size)};
-        if (bytes.size != 0)
-            memcpy(bytes_.data() + bytes_.size(), bytes.data, bytes.size);
-        bytes_.setSize(bytes_.size() + bytes.size);
+        zappendBytes(bytes_, bytes);
         return slice;
     }
     /// Writes `bytes` in the place of a slice that is at least as long and refers to them then.

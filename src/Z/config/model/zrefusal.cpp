@@ -93,14 +93,14 @@ ZFault zfaultOfForeignText() {
 // ---------------------------------------------------------------- refusals
 
 // There from the thread's beginning: to ask for it takes no memory.
-static __thread ZFault lastFault __attribute__((tls_model("initial-exec")));
-static __thread const char* lastFile __attribute__((tls_model("initial-exec")));
-static __thread int lastLine __attribute__((tls_model("initial-exec")));
+static __thread struct {
+    ZFault fault;
+    const char* file;  // where it was raised
+    int line;
+} last __attribute__((tls_model("initial-exec")));
 
 [[noreturn]] static void refuse(const ZFault& fault, ZSite site) {
-    lastFault = fault;
-    lastFile = site.file;
-    lastLine = site.line;
+    last = {fault, site.file, site.line};
     zraise(ZInvalidParameterException(), site);
 }
 
@@ -123,8 +123,8 @@ void zrequireCommentText(const char* text, ZSite site) { requireText(kComment, t
 
 ZFault zfaultBehind(const ZInvalidParameterException& e) {
     const char* raisedIn = e.who();
-    const bool isLast = raisedIn != nullptr && lastFile != nullptr &&
-                        strcmp(raisedIn, lastFile) == 0 &&
-                        e.where() == static_cast<unsigned long>(lastLine);
-    return isLast ? lastFault : kNoFault;
+    const bool isLast = raisedIn != nullptr && last.file != nullptr &&
+                        strcmp(raisedIn, last.file) == 0 &&
+                        e.where() == static_cast<unsigned long>(last.line);
+    return isLast ? last.fault : kNoFault;
 }
