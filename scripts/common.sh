@@ -4,20 +4,24 @@
 
 passed=0
 failed=0
+skipped=0
 
 # Shows a heading, so that a long log can be read from far away.
 heading() { printf '\n== %s\n' "$*"; }
 
-# count P F: adds to what has passed and failed so far.
+# count P F [S]: adds to what has passed, failed and been skipped so far.
 count() {
     passed=$((passed + $1))
     failed=$((failed + $2))
+    skipped=$((skipped + ${3:-0}))
 }
 
 # finish: the last line, and whether all went well.
 finish() {
     command -v javac >/dev/null || echo "skipped: java_table, which needs javac"
-    printf '\n%d passed, %d failed\n' "$passed" "$failed"
+    printf '\n%d passed, %d failed' "$passed" "$failed"
+    [ "$skipped" -eq 0 ] || printf ', %d skipped' "$skipped"
+    printf '\n'
     [ "$failed" -eq 0 ]
 }
 
@@ -63,24 +67,25 @@ configure_release() { configure 64 -DCMAKE_BUILD_TYPE=RelWithDebInfo; }
 # threaded_tests FOLDER: the programs in which threads meet, a line each.
 threaded_tests() { ctest --test-dir "build/$1" -N -L threads | sed -n 's/^ *Test *#[0-9]*: //p'; }
 
-# cases_of FILE: "passed failed" of one program's results; nothing if it didn't get to the end.
+# cases_of FILE: "passed failed skipped" of one program's results; nothing if it didn't get to the
+# end.
 cases_of() {
     [ -e "$1" ] && grep -q '</testsuites>' "$1" || return 0
-    local all bad skipped
+    local all bad left
     # Disabled cases are no cases: they are what tests run in child processes.
     all=$(grep -c '<testcase .*status="run"' "$1" || true)
     bad=$(sed -n 's/^<testsuites .*failures="\([0-9]*\)".*errors="\([0-9]*\)".*/\1 + \2/p' "$1")
     bad=$((bad))
-    skipped=$(grep -c '<testcase .*result="skipped"' "$1" || true)
-    [ "$skipped" -eq 0 ] || echo "        $(basename "$1" .xml): $skipped skipped" >&2
-    echo "$((all - bad - skipped)) $bad"
+    left=$(grep -c '<testcase .*result="skipped"' "$1" || true)
+    [ "$left" -eq 0 ] || echo "        $(basename "$1" .xml): $left skipped" >&2
+    echo "$((all - bad - left)) $bad $left"
 }
 
 # run_tests FOLDER OPTION...: runs the test programs, as many as there are processors at a time, and
 # counts single cases. A program that crashes or never ends is one failure, and so is one that
 # passes all its cases and still ends badly, as when a sanitizer finds a leak.
 run_tests() {
-    local folder=build/$1 results name state good bad
+    local folder=build/$1 results name state good bad left
     shift
     results=$folder/results
     rm -rf "$results"
@@ -96,14 +101,14 @@ run_tests() {
         return
     fi
     while read -r name state; do
-        read -r good bad <<<"$(cases_of "$results/$name.xml")" || true
+        read -r good bad left <<<"$(cases_of "$results/$name.xml")" || true
         if [ "$state" = run ]; then
             # A program that isn't made of cases is one itself.
-            count "${good:-1}" "${bad:-0}"
+            count "${good:-1}" "${bad:-0}" "${left:-0}"
             echo "ok      $name: ${good:-1} passed"
         else
             [ "${bad:-0}" -gt 0 ] || bad=1
-            count "${good:-0}" "$bad"
+            count "${good:-0}" "$bad" "${left:-0}"
             echo "FAILED  $name: ${good:-0} passed, $bad failed (see $results/log)"
         fi
     done < <(sed -n 's/.*<testcase name="\([^"]*\)".* status="\([^"]*\)".*/\1 \2/p' \
