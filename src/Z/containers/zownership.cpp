@@ -24,6 +24,7 @@ void* zallocateBlock(uint64_t count, size_t width) {
 void* zallocateSpread(uint64_t count, size_t width) {
     void* block = zallocateBlock(count, width);
     zadviseSpread(block, static_cast<size_t>(count) * width);
+    zfetchPages(block, 0, static_cast<size_t>(count) * width);
     return block;
 }
 

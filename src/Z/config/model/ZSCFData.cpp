@@ -46,7 +46,7 @@ static void readAll(ZPStore& store, uint64_t size, Read read) {
         int error = 0;
         // And some more, for what is set later.
         const size_t spare = room < kMostSpare ? room / 4 : 0;
-        const size_t got = read(store.textRoom(room + spare), room, error);
+        const size_t got = read(store.textRoom(room, spare), room, error);
         store.commitText(got);
         // A signal that came in between is no failure: the rest follows.
         if (error == EINTR && ++interrupted < 1000) {
@@ -143,20 +143,24 @@ private:
                 static_cast<uint32_t>(part.size)};
     }
 
-    // The number of lines of the first part tells roughly how many there are in all. A guess only:
-    // it is kept within what a file of short entries needs, and without memory for it the blocks
-    // grow as they are filled.
+    // The number of lines in three pieces tells roughly how many there are in all: the first lines
+    // of a file alone are often shorter than the last. A guess only: it is kept within what a file
+    // of short entries needs, and without memory for it the blocks grow as they are filled.
     void reserve(size_t start, size_t end) {
+        static const size_t kPiece = 16 * 1024;
         const size_t size = end - start;
         if (size == 0)
             return;
-        const size_t sample = size < 32768 ? size : 32768;
-        const char* p = store_.text(static_cast<uint32_t>(start));
-        const char* stop = p + sample;
-        size_t lines = 1;
-        while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
-            ++lines;
-            ++p;
+        const size_t piece = size < 3 * kPiece ? size : kPiece;
+        size_t lines = 1, sample = 0;
+        for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
+            const char* p = store_.text(static_cast<uint32_t>(at));
+            const char* const stop = p + piece;
+            while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
+                ++lines;
+                ++p;
+            }
+            sample += piece;
         }
         const uint64_t guess = static_cast<uint64_t>(lines) * size / sample;
         const size_t most = size / 8 + 1;

@@ -60,15 +60,21 @@ public:
         state_.size = size;
     }
 
-    /// Room for `more` records behind the last; grows by half at least.
-    void reserveMore(size_t more) {
+    /// Room for `more` records behind the last, which are about to be filled; grows by half at
+    /// least. `spare`: for so many more the block needn't move, but nothing else is spent on them.
+    void reserveMore(size_t more, size_t spare = 0) {
         if (room() >= more)
             return;
-        const size_t step = size() / 2 < kFirstRoom ? size_t(kFirstRoom) : size() / 2;
-        if (more > SIZE_MAX - size())
+        if (more > SIZE_MAX - size() || spare > SIZE_MAX - size() - more)
             zraise(ZOutOfMemoryException());
-        // The size is at most half of the largest.
-        reserveExactly(size() + (more > step ? more : step));
+        if (size() + more > state_.whole) {
+            const size_t step = size() / 2 < kFirstRoom ? size_t(kFirstRoom) : size() / 2;
+            // The size is at most half of the largest.
+            allocate(size() + (more + spare > step ? more + spare : step));
+        }
+        // Some at a time, more of a large block.
+        const size_t ahead = size() / 64 + kFetched / sizeof(T);
+        fetch(size() + (more > ahead ? more : ahead));
     }
     bool isFull() const { return state_.size == state_.room; }
     /// Records that fit behind the last.
@@ -77,14 +83,9 @@ public:
     void reserveExactly(size_t room) {
         if (room <= state_.room)
             return;
-        void* grown = room > SIZE_MAX / 2 / sizeof(T)
-                          ? nullptr
-                          : realloc(static_cast<void*>(state_.data), room * sizeof(T));
-        if (grown == nullptr)
-            zraise(ZOutOfMemoryException());
-        zadviseSpread(grown, room * sizeof(T));
-        state_.data = static_cast<T*>(grown);
-        state_.room = room;
+        if (room > state_.whole)
+            allocate(room);
+        fetch(room);
     }
 
     /// Needs room made before.
@@ -103,11 +104,43 @@ public:
 
 private:
     static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
+    static const size_t kFetched = 128 * 1024;  // bytes at least, as far as there are
+    // Smaller blocks may grow where they are, larger ones are moved by their pages.
+    static const size_t kCopied = 64 * 1024, kMoved = 4 * 1024 * 1024;
 
+    // The memory isn't given pages yet.
+    void allocate(size_t whole) {
+        if (whole > SIZE_MAX / 2 / sizeof(T))
+            zraise(ZOutOfMemoryException());
+        const size_t used = state_.size * sizeof(T), bytes = whole * sizeof(T);
+        void* grown;
+        if (used < kCopied || used > kMoved) {
+            grown = zrequireMemory(realloc(static_cast<void*>(state_.data), bytes));
+            zadviseSpread(grown, bytes);
+        } else {
+            // To be copied to; realloc would do it with a fault for each page.
+            grown = zrequireMemory(malloc(bytes));
+            zadviseSpread(grown, bytes);
+            zfetchPages(grown, 0, used);
+            memcpy(grown, static_cast<const void*>(state_.data), used);
+            free(state_.data);
+        }
+        state_.data = static_cast<T*>(grown);
+        state_.whole = whole;
+    }
+    void fetch(size_t room) {
+        if (room > state_.whole)
+            room = state_.whole;
+        zfetchPages(state_.data, state_.room * sizeof(T), room * sizeof(T));
+        state_.room = room;
+    }
+
+    // Records: in use, with pages behind them, and allocated.
     struct State {
         T* data = nullptr;
         size_t size = 0;
         size_t room = 0;
+        size_t whole = 0;
     };
     State state_;
 };
@@ -123,9 +156,9 @@ public:
     /// All ids are below.
     ZPId end() const { return static_cast<ZPId>(records_.size()); }
 
-    void reserveMore(size_t more) {
+    void reserveMore(size_t more, size_t spare = 0) {
         if (freeCount_ < more)
-            records_.reserveMore(more - freeCount_);
+            records_.reserveMore(more - freeCount_, spare);
     }
     /// Whether nothing can be taken without making room.
     bool isFull() const { return records_.isFull() && free_ == kNoId; }

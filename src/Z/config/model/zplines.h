@@ -35,7 +35,7 @@ struct ZPGroup {
     ZPId nextOfStanza = kNoId;
     ZPId keysEnd = kNoId;
     uint32_t comments = 0, blanks = 0;
-    bool knowsSamples = false;           // not before a key is added
+    bool knowsSamples = true;            // not once a sample was read, until a key is added
     std::unique_ptr<ZPSamples> samples;  // their index; null while there are none
 
     explicit ZPGroup(ZPId owner) : stanza(owner) {}
@@ -62,7 +62,7 @@ public:
 
     // --- Lines ---
 
-    void reserve(size_t lines) { lines_.reserveMore(lines); }
+    void reserve(size_t lines, size_t spare = 0) { lines_.reserveMore(lines, spare); }
     bool isFull() const { return lines_.isFull(); }
     /// At the end of the group. These need room.
     ZPId appendKey(ZPId group, ZPId key) {

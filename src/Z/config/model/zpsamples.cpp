@@ -37,8 +37,11 @@ uint32_t ZPSamples::hashOfKey(ZSpan key) {
 }
 
 bool ZPSamples::isSample(ZSpan comment) {
-    uint32_t hash;
-    return hashOfSample(comment, hash);
+    size_t i = 0;
+    while (i < comment.size && comment.data[i] == ' ')
+        ++i;
+    return i != comment.size && comment.data[i] == '#' &&
+           memchr(comment.data + i, '=', comment.size - i) != nullptr;
 }
 
 bool ZPSamples::isSampleOf(ZSpan key, ZSpan comment) {

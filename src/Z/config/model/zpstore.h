@@ -268,7 +268,7 @@ public:
     // --- For the reader, which has the file's bytes in the text block already ---
 
     /// Room for `more` bytes behind the text, to read into; commitText makes them part of it.
-    char* textRoom(size_t more) { return text_.room(more); }
+    char* textRoom(size_t more, size_t spare = 0) { return text_.room(more, spare); }
     void commitText(size_t bytes) { text_.commit(bytes); }
     /// The errno at which the last reading failed, or 0.
     int readError() const { return readError_; }

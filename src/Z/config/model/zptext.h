@@ -43,11 +43,12 @@ public:
                memcmp(bytes_.data() + offset, bytes.data, bytes.size) == 0;
     }
 
-    /// Room for `more` bytes; raises ZOutOfMemoryException, also where offsets wouldn't fit.
-    void reserve(size_t more) {
-        if (more > kMaxSize - bytes_.size())
+    /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where offsets wouldn't fit.
+    void reserve(size_t more, size_t spare = 0) {
+        const size_t most = kMaxSize - bytes_.size();
+        if (more > most)
             zraise(ZOutOfMemoryException());
-        bytes_.reserveMore(more);
+        bytes_.reserveMore(more, spare < most - more ? spare : most - more);
     }
     ZPSlice append(ZSpan bytes) {
         reserve(bytes.size);
@@ -59,9 +60,10 @@ public:
     /// Writes `bytes` in the place of a slice that is at least as long and refers to them then.
     void overwrite(ZPSlice& slice, ZSpan bytes);
 
-    /// Room for `more` bytes to read into; commit makes them part of the text.
-    char* room(size_t more) {
-        reserve(more);
+    /// Room for `more` bytes to read into, and `spare` more for what comes then; commit makes what
+    /// was read part of the text.
+    char* room(size_t more, size_t spare = 0) {
+        reserve(more, spare);
         return bytes_.data() + bytes_.size();
     }
     void commit(size_t bytes) { bytes_.setSize(bytes_.size() + bytes); }
