@@ -19,10 +19,14 @@
  * zstzPropBegin and zstzPropCommit. zstzPropOpenWith says what a store does about failures and
  * crashes, how long locks are waited for, and what is refused because it wouldn't come back.
  *
- * The environment variable QELDIR must be set, or the process ends at the first call that handles
- * text. The first such call also runs setlocale(LC_ALL, ""). */
+ * Set-up: either the program calls zstzPropSetup(ZPROP_SETUP_UTF8) ahead of all else, and nothing of
+ * the process is touched; or the environment variable QELDIR must be set, or the process ends at the
+ * first call that handles text, and the first such call also runs setlocale(LC_ALL, ""). */
 #ifndef Z_ZPROPERTIES_LOWER_H
 #define Z_ZPROPERTIES_LOWER_H
+
+#include <stddef.h>
+#include <stdint.h>
 
 #include "zstoremodes.h"
 
@@ -37,6 +41,10 @@
 #define ZPROP_ERR_LOCKED 60    /* somebody else holds the file's lock */
 #define ZPROP_ERR_UNSAVED 61   /* there are unsaved changes, or an update is open already */
 #define ZPROP_ERR_NO_UPDATE 62 /* the thread has no update open */
+#define ZPROP_ERR_SETUP 63     /* text was set up otherwise already */
+
+/* How zstzPropSetup sets text up. */
+#define ZPROP_SETUP_UTF8 1 /* local text is UTF-8, and nothing of the process is touched */
 
 /* How a file is opened: 1 or 2. The two don't differ today; use the one that says what you mean. */
 typedef int ZPROPOpenMode;
@@ -70,6 +78,17 @@ typedef struct ZPROP_watch_handle ZPROP_watch_handle;
 /* The function to call for each change. */
 typedef void (*ZPROP_change_callback)(void* data, const char* stanza, const char* key, int change);
 
+/* What zstzPropForEach tells: a stanza where `key` is null, a key without values where `value` is,
+ * else one value. The texts are good during the call. */
+typedef struct ZPROP_entry {
+    const char* stanza; /* its name */
+    const char* key;    /* or null */
+    const char* value;  /* or null */
+    int hidden;         /* whether the value stands in the side database and not in the text */
+} ZPROP_entry;
+/* The function to call for each; it ends the walk by returning another number than 0. */
+typedef int (*ZPROP_entry_callback)(void* data, const ZPROP_entry* entry);
+
 /* One request of zstzPropGetValues. */
 typedef struct ZPROP_item {
     int kind;           /* one of the numbers above */
@@ -91,12 +110,45 @@ typedef struct ZPROP_error {
 
 Z_BEGIN_C
 
+/* --- Set-up --- */
+
+/* With ZPROP_SETUP_UTF8, says ahead of the first text of the process that local text is UTF-8.
+ * QELDIR isn't read then; the process's locale and environment stay as they are; case, classes and
+ * order of characters, and the decimal point, are those of C.UTF-8; and the library neither ends the
+ * process nor prints by itself. 0 when it is so from now on, or was set up so before; 55 for another
+ * number; 63 if text was set up otherwise already; 53 without memory, and nothing is set up then.
+ * Any thread, at any time. */
+ZEXPORT int zstzPropSetup(int how);
+
 /* --- Handles --- */
 
 /* Opens `file` and loads it, comments kept. The handle goes to *out and is closed by zstzPropClose.
  * 0; 55 for a null argument or another mode, *out untouched; 51 if the file can't be loaded, *out
  * null then. */
 ZEXPORT int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode);
+
+/* As zstzPropOpenWith, from `length` bytes in place of a file. The handle has no path: a store needs
+ * one, and so does an update. The bytes aren't kept. 0; 55 for a null `out`, null bytes with a length
+ * or unknown attributes, *out untouched; 51 for bad data or without memory, *out null then. */
+ZEXPORT int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t length,
+                              unsigned long attributes);
+
+/* Puts what `length` bytes say in place of all that the handle has, as one change; a failure changes
+ * nothing. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without memory. */
+ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length);
+
+/* The bytes that a store into an empty file would write, as a new block with a NUL behind it, for
+ * zstzPropFree, into *bytes; their number into *length unless that is null. Hidden values aren't
+ * among them. Changes nothing, and the handle stays modified. 0; 55 for a bad handle or a null
+ * `bytes`; 53 without memory, *bytes null then. */
+ZEXPORT int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length);
+
+/* The path that the handle was opened with, or first stored to. It belongs to the handle and is good
+ * until that is closed. Null without a path and for a bad handle. */
+ZEXPORT const char* zstzPropPath(ZPROP_handle* handle);
+
+/* Whether something was changed since the last load or store. 0 for a bad handle. */
+ZEXPORT int zstzPropIsModified(ZPROP_handle* handle);
 
 /* Closes without storing. A bad handle, null too, is ignored, and so is one in which another thread
  * has an update open. */
@@ -136,6 +188,15 @@ ZEXPORT unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* s
 ZEXPORT int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                     int required, int* err);
 
+/* The last value as a signed number of 64 bits (as above, with an optional sign) or as a real number
+ * (decimal, with "." as decimal point in any locale; infinite and not a number as "inf" and "nan").
+ * White space around it isn't looked at. 0 if there is none; *err is 54 then if it is required, and
+ * 53 if it can't be converted or lies out of range. */
+ZEXPORT int64_t zstzPropGetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
+                                      int required, int* err);
+ZEXPORT double zstzPropGetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                      int required, int* err);
+
 /* Answers requests in order. The first that fails ends it: 54 for a missing required value, 53 for
  * one that can't be converted or without memory, 55 for a bad request; the results before it stay.
  * Also 55 for a bad handle or null items. 0 otherwise, and for a count of 0 or less. A list of
@@ -156,7 +217,29 @@ ZEXPORT void zstzPropFree(char* string);
  * then. */
 ZEXPORT int zstzPropGetStanzas(ZPROP_handle* handle, char*** names);
 
-/* Frees a list of zstzPropGetStanzas. Null is ignored. */
+/* The stanza's keys, likewise. A stanza that isn't there has none. Also 55 for a null stanza. */
+ZEXPORT int zstzPropGetKeys(ZPROP_handle* handle, const char* stanza, char*** names);
+
+/* The comments as they stand, a line each without its end, likewise: of the file if `stanza` is null
+ * (its first lines, up to the first that is no comment), of the stanza if `key` is null (directly
+ * below its header), or of the key (directly above its line). Comments between a header and its first
+ * key belong to both. What isn't there has none. */
+ZEXPORT int zstzPropGetComments(ZPROP_handle* handle, const char* stanza, const char* key,
+                                char*** lines);
+
+/* Calls `visit` with `data` for each stanza, and behind it for each of its keys or, where a key has
+ * values, for each of those: all in the order of the file, as of one moment. No lock is held
+ * meanwhile, and `visit` may make any call. 0, also where `visit` ends the walk; 55 for a bad handle
+ * or a null `visit`; 53 without memory, before the first call. */
+ZEXPORT int zstzPropForEach(ZPROP_handle* handle, ZPROP_entry_callback visit, void* data);
+
+/* The same as one block, for interpreters: texts with a NUL behind each, of which the first byte
+ * tells what the rest is: "[" a stanza's name, "." the name of one of its keys, "=" a value of that
+ * key, "*" a hidden one. The block is for zstzPropFree; its length goes to *length. 0; 55 for a bad
+ * handle or a null argument; 53 without memory, *block null then. */
+ZEXPORT int zstzPropGetEntries(ZPROP_handle* handle, char** block, size_t* length);
+
+/* Frees a list of zstzPropGetStanzas, zstzPropGetKeys or zstzPropGetComments. Null is ignored. */
 ZEXPORT void zstzPropFreeStanzas(char** names);
 
 /* What the calling thread's last zstzProp call has met if it failed; all zero and null if it
@@ -177,6 +260,14 @@ ZEXPORT int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, co
 /* Writes "yes" or "no". */
 ZEXPORT int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                     int value);
+/* A real number is written with as few digits as give the same number back. */
+ZEXPORT int zstzPropSetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
+                                  int64_t value);
+ZEXPORT int zstzPropSetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                   double value);
+/* The value comes behind the key's others. An empty one is refused. */
+ZEXPORT int zstzPropAddStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
+                                   const char* value);
 /* Remove a key with its values, a stanza with its keys. What isn't there is no error. */
 ZEXPORT int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key);
 ZEXPORT int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza);
@@ -186,6 +277,9 @@ ZEXPORT int zstzPropAddStanzaComment(ZPROP_handle* handle, const char* stanza, c
 ZEXPORT int zstzPropAddFileComment(ZPROP_handle* handle, const char* text);
 ZEXPORT int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, const char* key,
                                    const char* text);
+
+/* Removes what zstzPropGetComments tells. Also 0 where there are none. */
+ZEXPORT int zstzPropRemoveComments(ZPROP_handle* handle, const char* stanza, const char* key);
 
 /* --- Walking ---
  *

@@ -43,7 +43,8 @@ public:
                memcmp(bytes_.data() + offset, bytes.data, bytes.size) == 0;
     }
 
-    /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where offsets wouldn't fit.
+    /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where
+    /// offsets wouldn't fit.
     void reserve(size_t more, size_t spare = 0) {
         const size_t most = kMaxSize - bytes_.size();
         if (more > most)
