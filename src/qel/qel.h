@@ -7,8 +7,13 @@
 #ifndef QEL_QEL_H
 #define QEL_QEL_H
 
+#include <ctype.h>
+#include <locale.h>
+
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 
 typedef uintptr_t qel_codeset;
@@ -18,14 +23,51 @@ typedef uint16_t qel_wide;
 /// Where other services keep their tables. Ours are glibc's, so this only has to succeed.
 int qel_set_dir(const char* dir);
 
+/// The process's text may have a locale of its own: C.UTF-8, whatever setlocale() has made or makes
+/// of the process. qel_prepare_own makes it, null without memory; qel_set_own has all text follow
+/// it from then on, and is called once at most, before there is any.
+locale_t qel_prepare_own();
+void qel_set_own(locale_t locale);
+
+/// That locale, or null: text follows the thread's then.
+extern std::atomic<locale_t> qel_own_locale;
+inline locale_t qel_own() { return qel_own_locale.load(std::memory_order_acquire); }
+
+/// Bytes of the longest character of local text.
+inline size_t qel_local_most() { return qel_own() != nullptr ? 6 : MB_CUR_MAX; }
+
+/// The order of local text, as strcoll; the classes of its bytes, as ctype.h has them for isspace.
+int qel_collate(const char* a, const char* b);
+const unsigned short* qel_byte_classes();
+inline bool qel_isspace(char c) {
+    return (qel_byte_classes()[static_cast<unsigned char>(c)] &
+            static_cast<unsigned short>(_ISspace)) != 0;
+}
+
+/// While one lives, the calling thread's standard functions follow the locale of text.
+class QelScope {
+public:
+    QelScope() : before_(qel_own() != nullptr ? uselocale(qel_own()) : nullptr) {}
+    ~QelScope() {
+        if (before_ != nullptr)
+            uselocale(before_);
+    }
+    QelScope(const QelScope&) = delete;
+    QelScope& operator=(const QelScope&) = delete;
+
+private:
+    const locale_t before_;
+};
+
 /// Each writes a name into a buffer of `size` bytes: the language of the process's locale, the
 /// canonical name of a locale, the codeset of the process's locale. 0, or negative if it can't.
 int qel_os_lang_name(char* buffer, size_t size);
 int qel_canonical_loc(const char* name, char* buffer, size_t size);
 int qel_os_cs_name(char* buffer, size_t size);
 
-/// A locale, independent of what setlocale() makes of the process later. Never freed.
+/// A locale, independent of what setlocale() makes of the process later.
 qel_locale qel_loc_new(const char* name);
+void qel_loc_free(qel_locale locale);
 
 /// A codeset by its name, a new handle at each call; "UTF8" is UTF-8.
 qel_codeset qel_cs_new(const char* name);

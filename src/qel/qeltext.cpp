@@ -3,6 +3,7 @@
 // In a codeset of one byte a character the standard functions are right as they are. In UTF-8 they
 // are too, as long as what is looked for is whole characters, since no character's bytes are part
 // of another. In all other codesets a hit counts only if the walk from the beginning reaches it.
+#include <ctype.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <wctype.h>
@@ -183,8 +184,26 @@ int copyName(const char* name, char* buffer, size_t size) {
 
 int qel_set_dir(const char* dir) { return dir == nullptr ? -1 : 0; }
 
+std::atomic<locale_t> qel_own_locale{nullptr};
+
+static const char kOwnName[] = "C.UTF-8";
+
+locale_t qel_prepare_own() { return newlocale(LC_ALL_MASK, kOwnName, nullptr); }
+
+void qel_set_own(locale_t locale) { qel_own_locale.store(locale, std::memory_order_release); }
+
+int qel_collate(const char* a, const char* b) {
+    const locale_t own = qel_own();
+    return own != nullptr ? strcoll_l(a, b, own) : strcoll(a, b);
+}
+
+const unsigned short* qel_byte_classes() {
+    const locale_t own = qel_own();
+    return own != nullptr ? own->__ctype_b : *__ctype_b_loc();
+}
+
 int qel_os_lang_name(char* buffer, size_t size) {
-    return copyName(setlocale(LC_CTYPE, nullptr), buffer, size);
+    return copyName(qel_own() != nullptr ? kOwnName : setlocale(LC_CTYPE, nullptr), buffer, size);
 }
 
 int qel_canonical_loc(const char* name, char* buffer, size_t size) {
@@ -192,15 +211,17 @@ int qel_canonical_loc(const char* name, char* buffer, size_t size) {
 }
 
 int qel_os_cs_name(char* buffer, size_t size) {
-    return copyName(nl_langinfo(CODESET), buffer, size);
+    const locale_t own = qel_own();
+    return copyName(own != nullptr ? nl_langinfo_l(CODESET, own) : nl_langinfo(CODESET), buffer,
+                    size);
 }
 
 qel_locale qel_loc_new(const char* name) {
     if (name == nullptr)
         return 0;
     // The process's own locale is at hand, with all its categories.
-    const char* own = setlocale(LC_CTYPE, nullptr);
-    const locale_t locale = own != nullptr && strcmp(name, own) == 0
+    const char* process = setlocale(LC_CTYPE, nullptr);
+    const locale_t locale = process != nullptr && strcmp(name, process) == 0
                                 ? duplocale(LC_GLOBAL_LOCALE)
                                 : newlocale(LC_ALL_MASK, name, nullptr);
     if (locale == nullptr)
@@ -216,6 +237,14 @@ qel_locale qel_loc_new(const char* name) {
         made->upper[code] = static_cast<uint32_t>(towupper_l(code, locale));
     }
     return reinterpret_cast<qel_locale>(made);
+}
+
+void qel_loc_free(qel_locale handle) {
+    Locale* const locale = reinterpret_cast<Locale*>(handle);
+    if (locale == nullptr)
+        return;
+    freelocale(locale->locale);
+    delete locale;
 }
 
 const char* qel_strchr(qel_codeset codeset, const char* text, int c) {
@@ -348,9 +377,15 @@ char* qel_strptime(qel_codeset, qel_locale locale, const char* text, const char*
     return strptime_l(text, format, time, reinterpret_cast<const Locale*>(locale)->locale);
 }
 
-int qel_iswalnum(qel_wide c) { return iswalnum(c); }
-int qel_iswalpha(qel_wide c) { return iswalpha(c); }
-int qel_iswdigit(qel_wide c) { return iswdigit(c); }
-int qel_iswlower(qel_wide c) { return iswlower(c); }
-int qel_iswspace(qel_wide c) { return iswspace(c); }
-int qel_iswupper(qel_wide c) { return iswupper(c); }
+// Whether the character is of a class, by the locale of text.
+static int isOfClass(qel_wide c, int (*byThread)(wint_t), int (*byLocale)(wint_t, locale_t)) {
+    const locale_t own = qel_own();
+    return own != nullptr ? byLocale(c, own) : byThread(c);
+}
+
+int qel_iswalnum(qel_wide c) { return isOfClass(c, iswalnum, iswalnum_l); }
+int qel_iswalpha(qel_wide c) { return isOfClass(c, iswalpha, iswalpha_l); }
+int qel_iswdigit(qel_wide c) { return isOfClass(c, iswdigit, iswdigit_l); }
+int qel_iswlower(qel_wide c) { return isOfClass(c, iswlower, iswlower_l); }
+int qel_iswspace(qel_wide c) { return isOfClass(c, iswspace, iswspace_l); }
+int qel_iswupper(qel_wide c) { return isOfClass(c, iswupper, iswupper_l); }

@@ -332,7 +332,8 @@ __attribute__((no_sanitize("null"))) static bool runPrinted(Step step) {
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (ZException& failure) {
-        zrunReported([&] { failure.print(); });
+        if (zreportsToSomebody())
+            zrunReported([&] { failure.print(); });
     } catch (...) {
     }
     return false;

@@ -8,6 +8,9 @@
 #ifndef Z_ZSTANZAFILEPROPERTIES_H
 #define Z_ZSTANZAFILEPROPERTIES_H
 
+#include <stddef.h>
+#include <stdint.h>
+
 #include "ZProperties.h"
 #include "ZPropertiesIterator.h"
 #include "ZSCFData.h"
@@ -139,6 +142,38 @@ public:
     /// exception; the results before it stay. Raises ZInvalidParameterException for null items, a
     /// count of 0 or a kind that is none.
     void getItems(ZStzFileItem* items, unsigned int count) const;
+    /// Puts what these bytes say, as a file, in place of all that the object holds; hidden values
+    /// stay. Raises ZPropertiesInvalidDataException (44) and changes nothing then. No notice.
+    void loadBytes(const void* bytes, size_t length);
+    /// Makes `out` what a store into an empty file would write; hidden values aren't among it.
+    void storeBytes(ZBuffer& out) const;
+    /// Makes `out` all stanzas, keys and values in the order of the file, as of one moment: texts
+    /// with a NUL behind each, of which the first byte tells what the rest is: "[" a stanza's name,
+    /// "." the name of one of its keys, "=" a value of that key, "*" a hidden one.
+    void getEntries(ZBuffer& out) const;
+    /// Makes `list`, which must own its members, the comments as they stand, a ZLCString a line: of
+    /// the file if `stanza` is null (its first lines, up to the first that is no comment), of the
+    /// stanza if `key` is null (directly below its header), or of the key (directly above its
+    /// line). Those between a header and its first key belong to both.
+    void getComments(const char* stanza, const char* key, ZArrayList& list) const;
+    /// Removes these. No notice.
+    void deleteComments(const char* stanza, const char* key);
+    /// The last value as a signed number of 64 bits (decimal, octal with a leading 0, hexadecimal
+    /// with 0x, with an optional sign) or as a real number (with "." as decimal point in any
+    /// locale, "inf" and "nan"). If there is none: the default; with `required`
+    /// ZPropertiesMissingPropertyException (28). ZPropertiesInvalidValueException with number 40 if
+    /// the value is no such number or out of range.
+    int64_t getInteger64Value(const char* stanza, const char* key, int required,
+                              int64_t defaultValue) const;
+    double getDoubleValue(const char* stanza, const char* key, int required,
+                          double defaultValue) const;
+    /// A real number is written with as few digits as give the same number back. Notice and
+    /// failures as setIntegerValue.
+    void setInteger64Value(const char* stanza, const char* key, int64_t value);
+    void setDoubleValue(const char* stanza, const char* key, double value);
+    /// The path of the object's file, empty without one. Good as long as the object.
+    const char* path() const;
+
     /// The cache's own list of the stanza's keys, or null; no lock.
     ZArrayList* getKeys(const char* stanza) const { return keyNames(stanza); }
 

@@ -78,6 +78,7 @@
 #define zstrlower zstrlower_6_0
 #define zstrupper zstrupper_6_0
 #define zstrptime zstrptime_6_0
+#define zsetUpUTF8 zsetUpUTF8_6_0
 #define ziswalnum ziswalnum_6_0
 #define ziswalpha ziswalpha_6_0
 #define ziswdigit ziswdigit_6_0
@@ -248,6 +249,22 @@
 #define zstzPropWatch_fd zstzPropWatch_fd_6_0
 #define zstzPropWatch_process zstzPropWatch_process_6_0
 #define zstzPropWatch_close zstzPropWatch_close_6_0
+#define zstzPropSetup zstzPropSetup_6_0
+#define zstzPropOpenBytes zstzPropOpenBytes_6_0
+#define zstzPropLoadBytes zstzPropLoadBytes_6_0
+#define zstzPropStoreBytes zstzPropStoreBytes_6_0
+#define zstzPropPath zstzPropPath_6_0
+#define zstzPropIsModified zstzPropIsModified_6_0
+#define zstzPropGetInt64Value zstzPropGetInt64Value_6_0
+#define zstzPropGetDoubleValue zstzPropGetDoubleValue_6_0
+#define zstzPropGetKeys zstzPropGetKeys_6_0
+#define zstzPropGetComments zstzPropGetComments_6_0
+#define zstzPropForEach zstzPropForEach_6_0
+#define zstzPropGetEntries zstzPropGetEntries_6_0
+#define zstzPropSetInt64Value zstzPropSetInt64Value_6_0
+#define zstzPropSetDoubleValue zstzPropSetDoubleValue_6_0
+#define zstzPropAddStringValue zstzPropAddStringValue_6_0
+#define zstzPropRemoveComments zstzPropRemoveComments_6_0
 
 /* Platform services */
 #define ZAbstractFileMap ZAbstractFileMap_6_0

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZException.h"
+#include "qel/qel.h"
 #include "zraise.h"
 
 std::atomic<zcodeset_handle> ZAbstractString::utf8_handle_{0};
@@ -54,7 +55,7 @@ int ZAbstractString::equals(const ZObject& other) const {
 
 int ZAbstractString::compare(const char* s) const { return collate(getChars(), s); }
 
-int ZAbstractString::collate(const char* a, const char* b) { return strcoll(a, orEmpty(b)); }
+int ZAbstractString::collate(const char* a, const char* b) { return qel_collate(a, orEmpty(b)); }
 
 int ZAbstractString::compareignorecase(const char* s) const {
     return zstricmp(getCodesetHandle(), getChars(), orEmpty(s));
@@ -90,7 +91,7 @@ unsigned int ZAbstractString::lastIndexOf(int c) const {
         return getLength();
     const char* text = getChars();
     const zcodeset_handle codeset = getCodesetHandle();
-    if (codeset == lcs_handle_.load(std::memory_order_relaxed) && MB_CUR_MAX == 1)
+    if (codeset == lcs_handle_.load(std::memory_order_relaxed) && qel_local_most() == 1)
         return positionOf(strrchr(text, c), text);
     const unsigned int length = getLength();
     unsigned int last = notFound;

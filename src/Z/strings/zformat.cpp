@@ -377,16 +377,20 @@ char conversionOf(const format_directive& d) {
 // ours, so that it writes into the target itself, however long the text is.
 
 int printFloat(char* target, size_t room, const char* format, int width, int precision, double d) {
+    const QelScope scope;
     return snprintf(target, room, format, width, precision, d);
 }
 int printFloat(char* target, size_t room, const char* format, int width, int precision,
                long double d) {
+    const QelScope scope;
     return snprintf(target, room, format, width, precision, d);
 }
 int plainFloat(char* target, size_t room, const char* format, double d) {
+    const QelScope scope;
     return strfromd(target, room, format, d);
 }
 int plainFloat(char* target, size_t room, const char* format, long double d) {
+    const QelScope scope;
     return strfroml(target, room, format, d);
 }
 
@@ -447,7 +451,7 @@ int64_t renderFloat(const format_directive& d, const format_arg* args, Float val
     // several bytes counts as one in the system's padding.
     if (d.flags & kFlags || width < 0 || precision > kPlainPrecision ||
         (padsInFront && static_cast<size_t>(width) > available) ||
-        (width > 0 && nl_langinfo(RADIXCHAR)[1] != '\0'))
+        (width > 0 && qel_own() == nullptr && nl_langinfo(RADIXCHAR)[1] != '\0'))
         return renderFlaggedFloat(d, width, precision, value, target, room);
 
     const int64_t length = renderPlainFloat(d, precision, value, target, room);

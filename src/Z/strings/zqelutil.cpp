@@ -55,6 +55,73 @@ static void zonce_init() {
     zutf8_codeset_.store(qel_cs_new("UTF8"), std::memory_order_release);
 }
 
+namespace {
+
+// What zsetUpUTF8 makes, and gives to the process if that has no text yet.
+struct OwnSetup {
+    locale_t locale = qel_prepare_own();
+    qel_locale rules = qel_loc_new("C.UTF-8");
+    char* name = strdup("C.UTF-8");
+    char* codeset = strdup("UTF-8");
+    qel_codeset local = qel_cs_new("UTF8");
+    qel_codeset utf8 = qel_cs_new("UTF8");
+
+    bool isWhole() const {
+        return locale != nullptr && rules != 0 && name != nullptr && codeset != nullptr &&
+               local != 0 && utf8 != 0;
+    }
+    void give() {
+        qel_set_own(locale);
+        local_locale_handle_ = rules;
+        qeldir_ = kDefaultDirectory;
+        locstring_.store(name, std::memory_order_release);
+        csname_.store(codeset, std::memory_order_release);
+        zlocal_codeset_.store(local, std::memory_order_release);
+        zutf8_codeset_.store(utf8, std::memory_order_release);
+    }
+    void drop() {
+        if (locale != nullptr)
+            freelocale(locale);
+        qel_loc_free(rules);
+        free(name);
+        free(codeset);
+        qel_cs_free(local);
+        qel_cs_free(utf8);
+    }
+};
+
+// Of the call of zsetUpUTF8 that is under way.
+pthread_mutex_t ownSetupLock = PTHREAD_MUTEX_INITIALIZER;
+OwnSetup* ownSetup = nullptr;
+
+void giveOwnSetup() {
+    ownSetup->give();
+    ownSetup = nullptr;
+}
+
+}  // namespace
+
+int zsetUpUTF8(void) {
+    const ZUncancelled guard;
+    if (qel_own() != nullptr)
+        return 0;
+    OwnSetup setup;
+    if (!setup.isWhole()) {
+        setup.drop();
+        return -1;
+    }
+    pthread_mutex_lock(&ownSetupLock);
+    ownSetup = &setup;
+    // Who comes first, this or the first text, sets up.
+    pthread_once(&qel_once, giveOwnSetup);
+    const bool isTaken = ownSetup == nullptr;
+    ownSetup = nullptr;
+    pthread_mutex_unlock(&ownSetupLock);
+    if (!isTaken)
+        setup.drop();
+    return qel_own() != nullptr ? 0 : 1;
+}
+
 static void commonInit() {
     pthread_once(&qel_once, zonce_init);
     if (qeldir_ == nullptr)
@@ -190,7 +257,7 @@ int ziswupper(zwide_char c) { return qel_iswupper(c); }
 
 // Whether zmblen() answers 1 for any text of this codeset.
 static bool isLocalOfOneByte(zcodeset_handle h) {
-    return h == zlocal_codeset_.load(std::memory_order_acquire) && MB_CUR_MAX == 1;
+    return h == zlocal_codeset_.load(std::memory_order_acquire) && qel_local_most() == 1;
 }
 
 int zmblen(zcodeset_handle h, const char* s, size_t n) {

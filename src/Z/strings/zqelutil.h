@@ -1,7 +1,8 @@
 /* zqelutil.h: the one gate between the library and the codeset service: set-up of the process's
  * locale and codesets at first use, and text functions that know codesets. Valid C99.
  *
- * Set-up runs once, at the first call of one of the first four functions (the first string of a
+ * A process that wants nothing of its own touched calls zsetUpUTF8() first. Otherwise set-up runs
+ * once, at the first call of one of the first four functions (the first string of a
  * process makes it): setlocale(LC_ALL, ""), then, if the environment variable QELDIR is set, the
  * locale, the local codeset and UTF-8. It is never repeated: a process that begins without QELDIR
  * has no text, whatever it sets later.
@@ -24,6 +25,14 @@ typedef uintptr_t zcodeset_handle;
 typedef uint16_t zwide_char;
 
 Z_BEGIN_C
+
+/* Sets up ahead of the first text: local text is UTF-8, with the rules of C.UTF-8 for case,
+ * classes, order and the decimal point. QELDIR isn't read, and setlocale isn't called; what the
+ * functions below say of the process's locale goes for that one then. From then on the library
+ * reports to a message service of the user's only, and prints nothing by itself. 0 when it is so,
+ * or was before; 1 if set-up was made otherwise already; -1 where the system can't make that
+ * locale, and nothing is set up then. */
+ZEXPORT int zsetUpUTF8(void);
 
 /* The canonical name of the process's locale, or of its codeset. A failure of set-up is reported
  * to the message service, but not again within that report; the result is null then, unless set-up

@@ -5,9 +5,17 @@
 #include "ZException.h"
 #include "ZLCString.h"
 #include "ZMessage.h"
+#include "qel/qel.h"
+
+bool zreportsToSomebody() {
+    return qel_own() == nullptr ||
+           ZMessageService::messageService() != ZMessageService::defaultMessageService();
+}
 
 void zreportCode(int number, int rc, ZSite site) {
     zrunAnyway([=] {
+        if (!zreportsToSomebody())
+            return;
         const ZLCString text(rc);
         ZMessageService::messageService()->outputMessage(
             site.file, site.line, number, 1, &text, nullptr, nullptr, nullptr, nullptr, nullptr);
@@ -19,12 +27,15 @@ void zreportCaught(ZSite site) {
         try {
             throw;
         } catch (ZException& failure) {
-            failure.dumpException();
+            if (zreportsToSomebody())
+                failure.dumpException();
         } catch (abi::__forced_unwind&) {
             throw;
         } catch (...) {
-            ZMessageService::messageService()->outputMessage(
-                site.file, site.line, 19, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+            if (zreportsToSomebody())
+                ZMessageService::messageService()->outputMessage(site.file, site.line, 19, 0,
+                                                                 nullptr, nullptr, nullptr, nullptr,
+                                                                 nullptr, nullptr);
         }
     });
 }

@@ -20,6 +20,10 @@ void zreportCode(int number, int rc, ZSite site = ZSite());
 /// unwinding has been let through before.
 void zreportCaught(ZSite site = ZSite());
 
+/// Whether a report goes anywhere: a process that has set text up itself (see zsetUpUTF8) gets
+/// nothing printed by the default service.
+bool zreportsToSomebody();
+
 /// Runs `step`. What it raises is reported; only the end of the thread goes on. Whether nothing was
 /// raised. A forced unwind has no exception object, which the sanitizer takes for a null reference.
 template <typename Step>

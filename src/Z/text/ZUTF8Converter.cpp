@@ -20,6 +20,8 @@ ZAbstractUTF8Converter::~ZAbstractUTF8Converter() noexcept {}
 // Sets text up, the process's locale with it, as the first string of a process does. It may have
 // failed for good before QELDIR was set: a converter can do without, having a codeset of its own.
 static void setTextUp(bool isRequired) {
+    if (qel_own() != nullptr)
+        return;
     if (getenv("QELDIR") != nullptr)
         zsetTextUp();
     else if (isRequired)

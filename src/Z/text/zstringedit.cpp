@@ -7,7 +7,6 @@
 //
 // Arguments may lie in the text that the edit changes; KeptText copies those.
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstring>
 #include <istream>
@@ -16,6 +15,7 @@
 #include "ZAbstractMutableString.h"
 #include "ZBuffer.h"
 #include "ZStringIterator.h"
+#include "qel/qel.h"
 #include "zassert.h"
 #include "zinternal.h"
 #include "zraise.h"
@@ -95,7 +95,8 @@ const char* ZAbstractMutableString::find(const char* text, const char* part) con
 
 // Whether stripping looks at bytes.
 bool ZAbstractMutableString::isBytewise() const {
-    return MB_CUR_MAX == 1 || getCodesetHandle() == utf8_handle_.load(std::memory_order_relaxed);
+    return qel_local_most() == 1 ||
+           getCodesetHandle() == utf8_handle_.load(std::memory_order_relaxed);
 }
 
 ZAbstractMutableString& ZAbstractMutableString::replace(char a, char b) {
@@ -218,16 +219,14 @@ ZAbstractMutableString& ZAbstractMutableString::stripLeading() {
     const bool bytewise = isBytewise();
     const zcodeset_handle codeset = getCodesetHandle();
     unsigned int blanks = 0;
-    while (blanks < length_ && isspace(static_cast<unsigned char>(chars_[blanks])) &&
+    while (blanks < length_ && qel_isspace(chars_[blanks]) &&
            (bytewise || zmblen(codeset, chars_ + blanks, length_ - blanks) == 1))
         ++blanks;
     return blanks == 0 ? *this : assignBytes(chars_ + blanks, length_ - blanks);
 }
 
 ZAbstractMutableString& ZAbstractMutableString::stripTrailing() {
-    const auto isBlank = [this](unsigned int at) {
-        return isspace(static_cast<unsigned char>(chars_[at])) != 0;
-    };
+    const auto isBlank = [this](unsigned int at) { return qel_isspace(chars_[at]); };
     if (length_ == 0 || !isBlank(length_ - 1))
         return *this;
     unsigned int end = length_;

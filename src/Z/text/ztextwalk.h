@@ -15,7 +15,7 @@ enum ztextstep {
 
 /// How walks over text of the local codeset step.
 inline int zlocalTextStep() {
-    const int most = static_cast<int>(MB_CUR_MAX);
+    const int most = static_cast<int>(qel_local_most());
     return most != zstepBytes && qel_begins_with_ascii(zgetLCSHandle()) ? zstepASCII : most;
 }
 

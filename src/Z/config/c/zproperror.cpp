@@ -10,6 +10,7 @@
 
 #include "ZExceptionText.h"
 #include "ZMessage.h"
+#include "qel/qel.h"
 #include "zrefusal.h"
 
 namespace {
@@ -69,6 +70,8 @@ public:
 
 static void noteIO(const ZPropertiesIOException& e) {
     char reason[128];
+    // In the locale of text.
+    const QelScope scope;
     const char* why = strerror_r(e.excerrno(), reason, sizeof reason);
     char text[256];
     snprintf(text, sizeof text, "%s: %s", e.api(), why);

@@ -19,9 +19,9 @@
  * zstzPropBegin and zstzPropCommit. zstzPropOpenWith says what a store does about failures and
  * crashes, how long locks are waited for, and what is refused because it wouldn't come back.
  *
- * Set-up: either the program calls zstzPropSetup(ZPROP_SETUP_UTF8) ahead of all else, and nothing of
- * the process is touched; or the environment variable QELDIR must be set, or the process ends at the
- * first call that handles text, and the first such call also runs setlocale(LC_ALL, ""). */
+ * Set-up: either the program calls zstzPropSetup(ZPROP_SETUP_UTF8) ahead of all else, and nothing
+ * of the process is touched; or the environment variable QELDIR must be set, or the process ends at
+ * the first call that handles text, and the first such call also runs setlocale(LC_ALL, ""). */
 #ifndef Z_ZPROPERTIES_LOWER_H
 #define Z_ZPROPERTIES_LOWER_H
 
@@ -114,10 +114,10 @@ Z_BEGIN_C
 
 /* With ZPROP_SETUP_UTF8, says ahead of the first text of the process that local text is UTF-8.
  * QELDIR isn't read then; the process's locale and environment stay as they are; case, classes and
- * order of characters, and the decimal point, are those of C.UTF-8; and the library neither ends the
- * process nor prints by itself. 0 when it is so from now on, or was set up so before; 55 for another
- * number; 63 if text was set up otherwise already; 53 without memory, and nothing is set up then.
- * Any thread, at any time. */
+ * order of characters, and the decimal point, are those of C.UTF-8; and the library neither ends
+ * the process nor prints by itself. 0 when it is so from now on, or was set up so before; 55 for
+ * another number; 63 if text was set up otherwise already; 53 without memory, and nothing is set up
+ * then. Any thread, at any time. */
 ZEXPORT int zstzPropSetup(int how);
 
 /* --- Handles --- */
@@ -127,14 +127,17 @@ ZEXPORT int zstzPropSetup(int how);
  * null then. */
 ZEXPORT int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode);
 
-/* As zstzPropOpenWith, from `length` bytes in place of a file. The handle has no path: a store needs
- * one, and so does an update. The bytes aren't kept. 0; 55 for a null `out`, null bytes with a length
- * or unknown attributes, *out untouched; 51 for bad data or without memory, *out null then. */
+/* As zstzPropOpenWith, from `length` bytes in place of a file. The handle has no path: a store
+ * needs one, and so does an update. The bytes aren't kept. The handle is for changing
+ * too. 0; 55 for a null `out`, null bytes with
+ * a length or unknown attributes, *out untouched; 51 for bad data or without memory, *out null
+ * then. */
 ZEXPORT int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t length,
                               unsigned long attributes);
 
-/* Puts what `length` bytes say in place of all that the handle has, as one change; a failure changes
- * nothing. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without memory. */
+/* Puts what `length` bytes say in place of all that the handle has, as one change; a failure
+ * changes nothing. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without
+ * memory. */
 ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length);
 
 /* The bytes that a store into an empty file would write, as a new block with a NUL behind it, for
@@ -143,8 +146,8 @@ ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t le
  * `bytes`; 53 without memory, *bytes null then. */
 ZEXPORT int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length);
 
-/* The path that the handle was opened with, or first stored to. It belongs to the handle and is good
- * until that is closed. Null without a path and for a bad handle. */
+/* The path that the handle was opened with, or first stored to. It belongs to the handle and is
+ * good until that is closed. Null without a path and for a bad handle. */
 ZEXPORT const char* zstzPropPath(ZPROP_handle* handle);
 
 /* Whether something was changed since the last load or store. 0 for a bad handle. */
@@ -188,10 +191,10 @@ ZEXPORT unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* s
 ZEXPORT int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                     int required, int* err);
 
-/* The last value as a signed number of 64 bits (as above, with an optional sign) or as a real number
- * (decimal, with "." as decimal point in any locale; infinite and not a number as "inf" and "nan").
- * White space around it isn't looked at. 0 if there is none; *err is 54 then if it is required, and
- * 53 if it can't be converted or lies out of range. */
+/* The last value as a signed number of 64 bits (as above, with an optional sign) or as a real
+ * number (decimal, with "." as decimal point in any locale; infinite and not a number as "inf" and
+ * "nan"). White space around it isn't looked at. 0 if there is none; *err is 54 then if it is
+ * required, and 53 if it can't be converted or lies out of range. */
 ZEXPORT int64_t zstzPropGetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                                       int required, int* err);
 ZEXPORT double zstzPropGetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
@@ -220,17 +223,17 @@ ZEXPORT int zstzPropGetStanzas(ZPROP_handle* handle, char*** names);
 /* The stanza's keys, likewise. A stanza that isn't there has none. Also 55 for a null stanza. */
 ZEXPORT int zstzPropGetKeys(ZPROP_handle* handle, const char* stanza, char*** names);
 
-/* The comments as they stand, a line each without its end, likewise: of the file if `stanza` is null
- * (its first lines, up to the first that is no comment), of the stanza if `key` is null (directly
- * below its header), or of the key (directly above its line). Comments between a header and its first
- * key belong to both. What isn't there has none. */
+/* The comments as they stand, a line each without its end, likewise: of the file if `stanza` is
+ * null (its first lines, up to the first that is no comment), of the stanza if `key` is null
+ * (directly below its header), or of the key (directly above its line). Comments between a header
+ * and its first key belong to both. What isn't there has none. */
 ZEXPORT int zstzPropGetComments(ZPROP_handle* handle, const char* stanza, const char* key,
                                 char*** lines);
 
 /* Calls `visit` with `data` for each stanza, and behind it for each of its keys or, where a key has
  * values, for each of those: all in the order of the file, as of one moment. No lock is held
- * meanwhile, and `visit` may make any call. 0, also where `visit` ends the walk; 55 for a bad handle
- * or a null `visit`; 53 without memory, before the first call. */
+ * meanwhile, and `visit` may make any call. 0, also where `visit` ends the walk; 55 for a bad
+ * handle or a null `visit`; 53 without memory, before the first call. */
 ZEXPORT int zstzPropForEach(ZPROP_handle* handle, ZPROP_entry_callback visit, void* data);
 
 /* The same as one block, for interpreters: texts with a NUL behind each, of which the first byte
@@ -265,7 +268,8 @@ ZEXPORT int zstzPropSetInt64Value(ZPROP_handle* handle, const char* stanza, cons
                                   int64_t value);
 ZEXPORT int zstzPropSetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                    double value);
-/* The value comes behind the key's others. An empty one is refused. */
+/* The value comes behind the key's others; one that is there already isn't added again, and an
+ * empty one is refused. */
 ZEXPORT int zstzPropAddStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                    const char* value);
 /* Remove a key with its values, a stanza with its keys. What isn't there is no error. */

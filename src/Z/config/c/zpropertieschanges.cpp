@@ -9,6 +9,7 @@
 #include "ZPropHandle.h"
 #include "ZPropertiesWatcher.h"
 #include "zmemory.h"
+#include "zpropanswers.h"
 #include "zproperror.h"
 #include "zwholefile.h"
 
@@ -33,10 +34,10 @@ static int guardedByLock(Call call) {
 int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
                      unsigned long attributes, int storeMode, unsigned long wait) {
     zclearLastError();
-    static const unsigned long kKnown = ZPCACHE_KEEP_COMMENTS | ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
     if (out == nullptr || file == nullptr ||
-        (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE) || (attributes & ~kKnown) != 0 ||
-        storeMode < ZPROP_STORE_PLAIN || storeMode > ZPROP_STORE_SAFE)
+        (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE) ||
+        (attributes & ~kKnownAttributes) != 0 || storeMode < ZPROP_STORE_PLAIN ||
+        storeMode > ZPROP_STORE_SAFE)
         return zparameterError();
     *out = nullptr;
     return guardedByLock([&] {

@@ -33,6 +33,7 @@ public:
 
 private:
     friend struct ZModelReading;
+    friend struct ZModelContent;
 };
 
 #endif

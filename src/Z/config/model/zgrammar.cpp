@@ -1,6 +1,7 @@
 #include "zgrammar.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 
 #include "ZString.h"
@@ -22,6 +23,41 @@ bool zreadAnyNumber(const char* text, size_t length, unsigned int& number) {
     const unsigned long long magnitude = *sign == '-' ? 0 - wide : wide;
     number = overflow || magnitude > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned int>(wide);
     return end != start && *end == '\0';
+}
+
+// Without a "+" in front, which from_chars doesn't read.
+static ZSpan withoutPlus(ZSpan text) {
+    const bool isSigned = text.size > 1 && text.data[0] == '+' && text.data[1] != '-';
+    return isSigned ? ZSpan{text.data + 1, text.size - 1} : text;
+}
+
+bool zreadSigned(ZSpan text, int64_t& number) {
+    ZSpan digits = ZLineGrammar().trimmed(text.data, text.data + text.size);
+    digits = withoutPlus(digits);
+    const bool isNegative = digits.size > 0 && digits.data[0] == '-';
+    const char* first = digits.data + isNegative;
+    const char* const end = digits.data + digits.size;
+    int base = 10;
+    if (end - first > 1 && *first == '0') {
+        const bool isHex = end - first > 2 && (first[1] == 'x' || first[1] == 'X');
+        base = isHex ? 16 : 8;
+        first += isHex ? 2 : 1;
+    }
+    // Unsigned, so that no second sign is read.
+    uint64_t magnitude;
+    const std::from_chars_result read = std::from_chars(first, end, magnitude, base);
+    const uint64_t most = static_cast<uint64_t>(INT64_MAX) + isNegative;
+    if (read.ec != std::errc() || read.ptr != end || magnitude > most)
+        return false;
+    number = static_cast<int64_t>(isNegative ? 0 - magnitude : magnitude);
+    return true;
+}
+
+bool zreadReal(ZSpan text, double& number) {
+    const ZSpan digits = withoutPlus(ZLineGrammar().trimmed(text.data, text.data + text.size));
+    const char* const end = digits.data + digits.size;
+    const std::from_chars_result read = std::from_chars(digits.data, end, number);
+    return read.ec == std::errc() && read.ptr == end;
 }
 
 // The first of each is the one that is written.

@@ -19,6 +19,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "qel/qel.h"
 #include "zassert.h"
 #include "zpblock.h"
 #include "zstoremodes.h"
@@ -56,7 +57,7 @@ inline size_t zlineLength(const char* text, size_t size, size_t longest = kLonge
 /// Divides lines. It asks for the locale's white space when it is made, and for one thread.
 class ZLineGrammar {
 public:
-    ZLineGrammar() : classes_(*__ctype_b_loc()) {}
+    ZLineGrammar() : classes_(qel_byte_classes()) {}
 
     /// As isspace.
     bool isBlank(char c) const {
@@ -142,6 +143,12 @@ bool zreadAnyNumber(const char* text, size_t length, unsigned int& number);
 inline bool zreadNumber(const char* text, size_t length, unsigned int& number) {
     return zreadShortNumber(text, length, number) || zreadAnyNumber(text, length, number);
 }
+
+/// A signed number of 64 bits: decimal, octal behind 0, hexadecimal behind 0x, all with an optional
+/// sign. False if the value, blanks around it apart, isn't one from end to end or is out of range.
+bool zreadSigned(ZSpan text, int64_t& number);
+/// A real number, in the notation of C whatever the locale; "inf" and "nan" are some. Likewise.
+bool zreadReal(ZSpan text, double& number);
 
 /// 1 for yes, y, true, t and 1, 0 for no, n, false, f and 0, in any case, and for an empty value.
 /// False if the value is none of these. Raises ZOutOfMemoryException.

@@ -71,6 +71,20 @@ void ZPLines::removeKeys(ZPId group, ZPId key) {
     }
 }
 
+void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
+    ZPGroup& group = groups_[groupId];
+    // The index of samples grows only: it is made anew when a key is added.
+    group.samples.reset();
+    group.knowsSamples = false;
+    for (ZPId l = first; l != end;) {
+        const ZPId next = lines_[l].next;
+        text.drop(lines_[l].slice());
+        --group.comments;
+        unlink(group, l);
+        l = next;
+    }
+}
+
 ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
     ZPId found = kNoId;
     for (ZPId g = firstOfStanza; g != kNoId; g = groups_[g].nextOfStanza)

@@ -87,6 +87,9 @@ public:
     /// `kSeveralIds`.
     ZPId lineOfKey(ZPId firstOfStanza, ZPId key) const;
 
+    /// Removes comment lines, from `first` to ahead of `end`, with their text.
+    void removeComments(ZPId group, ZPId first, ZPId end, ZPText& text);
+
     /// Calls visit(line) for each line of the group, first to last.
     template <typename Visit>
     void forEach(ZPId group, Visit visit) const {
@@ -128,6 +131,7 @@ private:
         return id;
     }
     void insert(ZPId group, ZPId before, ZPId line);
+    void unlink(ZPGroup& group, ZPId line);
     void insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text);
     void insertBlank(ZPId group, ZPId before, const ZPText& text);
     ZPId lastKey(ZPId group);
@@ -145,16 +149,19 @@ private:
     ZPPool<ZPGroup, &ZPGroup::next> groups_;
 };
 
-// Only key lines go alone: the samples' index knows of no other loss.
-inline void ZPLines::removeKey(ZPId groupId, ZPId id) {
-    ZPGroup& group = groups_[groupId];
-    ZPLine& line = lines_[id];
-    zassert(line.isKey());
+inline void ZPLines::unlink(ZPGroup& group, ZPId id) {
+    const ZPLine& line = lines_[id];
     *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = line.next;
     *(line.next == kNoId ? &group.last : &lines_[line.next].prev) = line.prev;
     if (group.keysEnd == id)
         group.keysEnd = line.prev;
     lines_.giveBack(id);
+}
+
+// The samples' index knows of no key lines.
+inline void ZPLines::removeKey(ZPId groupId, ZPId id) {
+    zassert(lines_[id].isKey());
+    unlink(groups_[groupId], id);
 }
 
 #endif

@@ -253,6 +253,11 @@ public:
     void addStanzaComment(Id stanza, ZSpan text);
     /// In front of the first line of that key text behind the stanza's header; nothing otherwise.
     void addKeyComment(Id key, ZSpan text);
+    /// Removes comment lines of a group, from `first` to ahead of `end`.
+    void removeComments(Id group, Id first, Id end) {
+        lines_.removeComments(group, first, end, text_);
+        compactIfWorthwhile();
+    }
     bool hasLine(Id key) const { return keys_[key].line != none; }
 
     Id firstGroup() const { return 0; }

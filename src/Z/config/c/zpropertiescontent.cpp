@@ -1,0 +1,131 @@
+// zpropertiescontent.cpp: the content of a handle as a whole: from and to memory, and in one walk.
+#include <cstring>
+#include <memory>
+
+#include "ZBuffer.h"
+#include "zmodelcontent.h"
+#include "zpropanswers.h"
+#include "zproperties.h"
+
+// ---------------------------------------------------------------- from and to memory
+
+int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t length,
+                      unsigned long attributes) {
+    zclearLastError();
+    if (out == nullptr || (bytes == nullptr && length != 0) ||
+        (attributes & ~kKnownAttributes) != 0)
+        return zparameterError();
+    *out = nullptr;
+    return zguarded(zfileGroup, [&] {
+        std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(ZPROP_OPEN_UPDATE));
+        handle->properties.setAttributes(attributes, nullptr);
+        handle->properties.loadBytes(bytes, length);
+        handle->properties.resetModified();
+        *out = handle.release();
+    });
+}
+
+int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length) {
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr || (bytes == nullptr && length != 0))
+        return zparameterError();
+    return zguarded(zfileGroup, [&] { properties->loadBytes(bytes, length); });
+}
+
+// Gives what fill(object, buffer) brings as a new string.
+template <typename Fill>
+static int giveBytes(ZPROP_handle* handle, char** bytes, size_t* length, Fill fill) {
+    *bytes = nullptr;
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr)
+        return zparameterError();
+    return zguarded(zreadGroup, [&] {
+        ZBuffer buffer;
+        fill(*properties, buffer);
+        *bytes = znewString(static_cast<const char*>(buffer.getBuffer()), buffer.getLength());
+        if (length != nullptr)
+            *length = buffer.getLength();
+    });
+}
+
+int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length) {
+    zclearLastError();
+    if (bytes == nullptr)
+        return zparameterError();
+    return giveBytes(handle, bytes, length,
+                     [](ZStanzaFileProperties& p, ZBuffer& out) { p.storeBytes(out); });
+}
+
+const char* zstzPropPath(ZPROP_handle* handle) {
+    const ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr) {
+        zparameterError();
+        return nullptr;
+    }
+    const char* path = properties->path();
+    return *path == '\0' ? nullptr : path;
+}
+
+int zstzPropIsModified(ZPROP_handle* handle) {
+    const ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr) {
+        zparameterError();
+        return 0;
+    }
+    return properties->isModified();
+}
+
+// ---------------------------------------------------------------- entries
+
+int zstzPropGetEntries(ZPROP_handle* handle, char** block, size_t* length) {
+    zclearLastError();
+    if (block == nullptr || length == nullptr)
+        return zparameterError();
+    return giveBytes(handle, block, length,
+                     [](ZStanzaFileProperties& p, ZBuffer& out) { p.getEntries(out); });
+}
+
+// Tells what a block of entries holds; see zstzPropGetEntries.
+static void visitEntries(const char* at, const char* end, ZPROP_entry_callback visit, void* data) {
+    ZPROP_entry entry = {nullptr, nullptr, nullptr, 0};
+    bool isTold = true;  // the key at hand, which is told alone only where it has no values
+    while (at < end) {
+        const char mark = *at;
+        const char* const text = at + 1;
+        at = text + strlen(text) + 1;
+        const bool isValue = mark == ZModelContent::kValue || mark == ZModelContent::kHidden;
+        if (!isValue && !isTold && visit(data, &entry) != 0)
+            return;
+        if (mark == ZModelContent::kStanza) {
+            entry = {text, nullptr, nullptr, 0};
+            isTold = true;
+            if (visit(data, &entry) != 0)
+                return;
+        } else if (mark == ZModelContent::kKey) {
+            entry = {entry.stanza, text, nullptr, 0};
+            isTold = false;
+        } else {
+            isTold = true;
+            const ZPROP_entry value = {entry.stanza, entry.key, text,
+                                       mark == ZModelContent::kHidden};
+            if (visit(data, &value) != 0)
+                return;
+        }
+    }
+    if (!isTold)
+        visit(data, &entry);
+}
+
+int zstzPropForEach(ZPROP_handle* handle, ZPROP_entry_callback visit, void* data) {
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr || visit == nullptr)
+        return zparameterError();
+    ZBuffer entries;
+    const int result = zguarded(zreadGroup, [&] { properties->getEntries(entries); });
+    if (result == ZPROP_OK && entries.getLength() != 0) {
+        const char* const first = static_cast<const char*>(entries.getBuffer());
+        visitEntries(first, first + entries.getLength(), visit, data);
+        zclearLastError();
+    }
+    return result;
+}

@@ -1,0 +1,126 @@
+// zpropcontent.cpp: a stanza file's object as a whole, from and to memory; its comments; numbers
+// of 64 bits and real ones.
+#include <charconv>
+#include <cstring>
+
+#include "ZBuffer.h"
+#include "ZPropertiesImpl.h"
+#include "ZStanzaFileProperties.h"
+#include "zgrammar.h"
+#include "zmemorystream.h"
+#include "zmodelcontent.h"
+#include "zraise.h"
+#include "zrefusal.h"
+#include "zscope.h"
+
+// ---------------------------------------------------------------- from and to memory
+
+void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
+    zrequire(bytes != nullptr || length == 0);
+    const ZSpan text = {static_cast<const char*>(bytes), length};
+    ZResourceLock guard(lock_);
+    // Bad data shows in a model that nobody has.
+    ZSCFData trial;
+    trial.setAttributes(cache_->attributes(), nullptr);
+    zreadText(trial, fileName_.getChars(), text);
+    ZBuffer hidden;
+    cache_->be_write_obfuscated(hidden);
+    const ZLCString side(cache_->obfuscatedDBName());
+
+    loading_ = 1;
+    const ZAtEnd loaded([this] { loading_ = 0; });
+    setModified();
+    cache_->clear();
+    zreadText(*cache_, fileName_.getChars(), text);
+    if (hidden.getLength() != 0) {
+        cache_->setObfuscatedDBName(side.getChars());
+        cache_->be_read_obfuscated(hidden);
+    }
+}
+
+void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
+    ZMemoryStream stream;
+    ZResourceLock guard(lock_);
+    cache_->be_write(fileName_.getChars(), stream.get());
+    const ZSpan text = stream.finish();
+    out.setBuffer(text.size, const_cast<char*>(text.data));
+}
+
+void ZStanzaFileProperties::getEntries(ZBuffer& out) const {
+    ZBytes entries;
+    {
+        ZResourceLock guard(lock_);
+        ZModelContent::listEntries(data(), entries);
+    }
+    out.setBuffer(entries.size(), entries.data());
+}
+
+const char* ZStanzaFileProperties::path() const {
+    ZResourceLock guard(lock_);
+    return fileName_.getChars();
+}
+
+// ---------------------------------------------------------------- comments
+
+static void requireCommented(const char* stanza, const char* key) {
+    zrequire(stanza == nullptr ? key == nullptr
+                               : zhasText(stanza) && (key == nullptr || zhasText(key)));
+}
+
+void ZStanzaFileProperties::getComments(const char* stanza, const char* key,
+                                        ZArrayList& list) const {
+    requireCommented(stanza, key);
+    zrequire(list.ownsMembers() != 0);
+    list.removeAll();
+    ZResourceLock guard(lock_);
+    ZModelContent::listComments(data(), stanza, key, list);
+}
+
+void ZStanzaFileProperties::deleteComments(const char* stanza, const char* key) {
+    requireCommented(stanza, key);
+    ZResourceLock guard(lock_);
+    if (ZModelContent::removeComments(data(), stanza, key))
+        setModified();
+}
+
+// ---------------------------------------------------------------- numbers
+
+// The last value of a key as `read` takes it, or `value` as it is if there is none.
+template <typename Number>
+static void readAs(const ZStanzaFileProperties& properties, const char* stanza, const char* key,
+                   int required, bool (*read)(ZSpan, Number&), Number& value) {
+    const ZPropertiesFile& file = ZPropertiesFile::of(properties);
+    file.giveValue(stanza, key, required, [&](const char* text, unsigned int length) {
+        if (!read({text, length}, value))
+            zraise(ZPropertiesInvalidNumValueException(file.path().getChars(), stanza, key,
+                                                       ZLCString(text, length).getChars()));
+    });
+}
+
+int64_t ZStanzaFileProperties::getInteger64Value(const char* stanza, const char* key, int required,
+                                                 int64_t defaultValue) const {
+    readAs(*this, stanza, key, required, zreadSigned, defaultValue);
+    return defaultValue;
+}
+
+double ZStanzaFileProperties::getDoubleValue(const char* stanza, const char* key, int required,
+                                             double defaultValue) const {
+    readAs(*this, stanza, key, required, zreadReal, defaultValue);
+    return defaultValue;
+}
+
+template <typename Number>
+static void write(ZStanzaFileProperties& properties, const char* stanza, const char* key,
+                  Number value) {
+    char text[64];
+    *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
+    properties.setValue(stanza, key, text);
+}
+
+void ZStanzaFileProperties::setInteger64Value(const char* stanza, const char* key, int64_t value) {
+    write(*this, stanza, key, value);
+}
+
+void ZStanzaFileProperties::setDoubleValue(const char* stanza, const char* key, double value) {
+    write(*this, stanza, key, value);
+}
