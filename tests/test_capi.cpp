@@ -4,6 +4,8 @@
 
 #include <poll.h>
 
+#include <cmath>
+
 #include "Z/zproperties.h"
 #include "support/Config.h"
 #include "support/FailingAllocator.h"
@@ -159,6 +161,29 @@ int readStanzas(Handle h, const char* = nullptr, const char* = nullptr) {
     return result;
 }
 
+int readList(Handle h, const char* stanza, const char* key) {
+    char** texts = nullptr;
+    const int result = key == nullptr ? zstzPropGetKeys(h, stanza, &texts)
+                                      : zstzPropGetComments(h, stanza, key, &texts);
+    EXPECT_EQ(texts == nullptr, result != ZPROP_OK);
+    zstzPropFreeStanzas(texts);
+    return result;
+}
+
+// All that the handle has, as a text that replaces it.
+int storeAndLoad(Handle h, const char* = nullptr, const char* = nullptr) {
+    char *bytes = nullptr, *entries = nullptr;
+    size_t length = 0;
+    int result = zstzPropStoreBytes(h, &bytes, &length);
+    const int listed = zstzPropGetEntries(h, &entries, &length);
+    EXPECT_EQ(entries == nullptr, listed != ZPROP_OK);
+    zstzPropFree(entries);
+    if (result == ZPROP_OK)
+        result = zstzPropLoadBytes(h, bytes, strlen(bytes));
+    zstzPropFree(bytes);
+    return result != ZPROP_OK ? result : listed;
+}
+
 int walkAndAdd(Handle h, const char* stanza, const char* value) {
     Iterator iterator = nullptr;
     int result = zstzPropIter_init(h, stanza, "many", &iterator), err = ZPROP_OK;
@@ -189,6 +214,19 @@ const HandleCall kHandleCalls[] = {
     {"GetBooleanValue", READER(1, zstzPropGetBooleanValue(h, stanza, key, 1, err)), "one", "truth"},
     {"GetValues", readValues, nullptr, nullptr},
     {"GetStanzas", readStanzas, nullptr, nullptr},
+    {"GetKeys", readList, "one", nullptr},
+    {"GetInt64Value", READER(int64_t(16), zstzPropGetInt64Value(h, stanza, key, 1, err)), "one",
+     "number"},
+    {"GetDoubleValue", READER(3.0, zstzPropGetDoubleValue(h, stanza, key, 1, err)), "one", "many"},
+    {"StoreBytes, GetEntries, LoadBytes", storeAndLoad, nullptr, nullptr},
+    {"ForEach",
+     CALL(zstzPropForEach(
+         h, [](void*, const ZPROP_entry*) { return 0; }, nullptr)),
+     nullptr, nullptr},
+    {"SetInt64Value", CALL(zstzPropSetInt64Value(h, stanza, key, INT64_MIN)), "n", "w"},
+    {"SetDoubleValue", CALL(zstzPropSetDoubleValue(h, stanza, key, 0.1)), "n", "d"},
+    {"AddStringValue", CALL(zstzPropAddStringValue(h, stanza, key, "0.2")), "n", "d"},
+    {"RemoveComments", CALL(zstzPropRemoveComments(h, "one", "number")), nullptr, nullptr},
     {"SetStringValue", CALL(zstzPropSetStringValue(h, stanza, key, "t")), "n", "s"},
     {"SetIntegerValue", CALL(zstzPropSetIntegerValue(h, stanza, key, 3)), "n", "i"},
     {"SetBooleanValue", CALL(zstzPropSetBooleanValue(h, stanza, key, 9)), "n", "b"},
@@ -206,7 +244,8 @@ TEST_F(CInterface, EveryCallDoesItsWorkOnAGoodHandle) {
         EXPECT_EQ(c.call(handle, c.stanza, c.key), ZPROP_OK) << c.name;
     EXPECT_EQ(stored(),
               "# head\n#more\n\n[one]\nnumber = 0x10\nword = 12abc\n\n#of many\n#2\nmany = 1\n"
-              "many = 2\nmany = 3\nempty =\n\n[n]\n#of n\n\ns = t\ni = 3\nb = yes\n");
+              "many = 2\nmany = 3\nempty =\n\n[n]\n#of n\n\nw = -9223372036854775808\n"
+              "d = 0.1\nd = 0.2\ns = t\ni = 3\nb = yes\n");
 }
 
 // Every function that takes an iterator, which is bad: its result number, or *err.
@@ -421,6 +460,97 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
     EXPECT_EQ(zstzPropIter_close(iterator), ZPROP_OK);
     EXPECT_EQ(values("two", "secret"), (Texts{"8", "added-secret"}));
     EXPECT_EQ(stored().find("secret"), string::npos);
+
+    // A text that replaces the content leaves them alone.
+    EXPECT_EQ(zstzPropLoadBytes(handle, "[n]\nk = 1\n", 10), ZPROP_OK);
+    string told;
+    EXPECT_EQ(zstzPropForEach(
+                  handle,
+                  [](void* data, const ZPROP_entry* e) {
+                      *static_cast<string*>(data) += str(e->stanza) + "/" + str(e->key) + "/" +
+                                                     str(e->value) + (e->hidden != 0 ? "! " : " ");
+                      return 0;
+                  },
+                  &told),
+              ZPROP_OK);
+    EXPECT_EQ(told,
+              "n/<null>/<null> n/k/1 two/<null>/<null> two/secret/8! two/secret/added-secret! ");
+}
+
+// ---------------------------------------------------------------- content
+
+TEST_F(CInterface, WideNumbersAreReadToTheirLimits) {
+    const double inf = HUGE_VAL;
+    const struct {
+        const char* text;
+        int whole;  // the result number
+        int64_t number;
+        int real;
+        double value;
+    } cases[] = {
+        {"9223372036854775807", 0, INT64_MAX, 0, 9223372036854775807.0},
+        {"9223372036854775808", ZPROP_ERR_VALUE, 0, 0, 9223372036854775808.0},
+        {"-0x8000000000000000", 0, INT64_MIN, ZPROP_ERR_VALUE, 0},
+        {"-9223372036854775809", ZPROP_ERR_VALUE, 0, 0, -9223372036854775809.0},
+        {"+017", 0, 15, 0, 17},
+        {"+-1", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+        {"--1", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+        {"0x", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+        {"08", ZPROP_ERR_VALUE, 0, 0, 8},
+        {"1,5", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+        {"-2.5e-3", ZPROP_ERR_VALUE, 0, 0, -0.0025},
+        {"1e999", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+        {"-inf", ZPROP_ERR_VALUE, 0, 0, -inf},
+        {"-", ZPROP_ERR_VALUE, 0, ZPROP_ERR_VALUE, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        ASSERT_EQ(zstzPropSetStringValue(handle, "n", "k", c.text), ZPROP_OK);
+        EXPECT_EQ(zstzPropGetInt64Value(handle, "n", "k", 1, &err), c.number);
+        EXPECT_EQ(err, c.whole);
+        EXPECT_EQ(zstzPropGetDoubleValue(handle, "n", "k", 1, &err), c.value);
+        EXPECT_EQ(err, c.real);
+    }
+    for (const double value : {0.1, 1.0 / 3, 5e-324, 1.7976931348623157e308, -inf}) {
+        ASSERT_EQ(zstzPropSetDoubleValue(handle, "n", "k", value), ZPROP_OK);
+        EXPECT_EQ(zstzPropGetDoubleValue(handle, "n", "k", 1, &err), value);
+    }
+}
+
+TEST_F(CInterface, CommentsAreReadAndRemovedWhereTheyStand) {
+    const struct {
+        const char *text, *stanza, *key;
+        Texts comments;
+        const char* left;
+    } cases[] = {
+        {"# a\n#b\n\n# c\n[s]\nk = 1\n", nullptr, nullptr, {"# a", "#b"}, "\n# c\n[s]\nk = 1\n"},
+        {"\n# c\n[s]\n", nullptr, nullptr, {}, "\n# c\n[s]\n"},
+        {"[s]\n# a\n\n# b\nk = 1\n", "s", nullptr, {"# a"}, "[s]\n\n# b\nk = 1\n"},
+        {"[s]\n# a\n\n# b\nk = 1\n", "s", "k", {"# b"}, "[s]\n# a\n\nk = 1\n"},
+        {"[s]\n# a\nk = 1\n", "s", nullptr, {"# a"}, "[s]\nk = 1\n"},
+        {"[s]\n# a\nk = 1\n", "s", "k", {"# a"}, "[s]\nk = 1\n"},
+        {"[s]\nj = 1\n# k = 2\n# b\nk = 1\n\n# n = 1\n",
+         "s",
+         "k",
+         {"# k = 2", "# b"},
+         "[s]\nj = 1\nk = 1\n\n# n = 1\n"},
+        {"[s]\nk = 1\n", "t", "k", {}, "[s]\nk = 1\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        ASSERT_EQ(zstzPropLoadBytes(handle, c.text, strlen(c.text)), ZPROP_OK);
+        char** lines = nullptr;
+        ASSERT_EQ(zstzPropGetComments(handle, c.stanza, c.key, &lines), ZPROP_OK);
+        EXPECT_EQ(textsOf(lines), c.comments);
+        zstzPropFreeStanzas(lines);
+        // What is placed by comments that read like entries is placed right before and behind.
+        zstzPropSetStringValue(handle, "s", "m", "1");
+        zstzPropRemoveKey(handle, "s", "m");
+        ASSERT_EQ(zstzPropRemoveComments(handle, c.stanza, c.key), ZPROP_OK);
+        zstzPropSetStringValue(handle, "s", "m", "1");
+        zstzPropRemoveKey(handle, "s", "m");
+        EXPECT_EQ(stored(), c.left);
+    }
 }
 
 // ---------------------------------------------------------------- walks
@@ -620,6 +750,13 @@ TEST_F(CInterface, NoMemoryIsANumberAndLeavesTheHandleUsable) {
         {"text", ZPROP_ERR_VALUE, [&] { return readText(handle, "one", "many"); }},
         {"requests", ZPROP_ERR_VALUE, [&] { return readValues(handle); }},
         {"stanzas", ZPROP_ERR_VALUE, [&] { return readStanzas(handle); }},
+        {"comments", ZPROP_ERR_VALUE, [&] { return readList(handle, "one", "many"); }},
+        {"from bytes", ZPROP_ERR_FILE,
+         [&] {
+             Handle other = nullptr;
+             const int result = zstzPropOpenBytes(&other, kText, sizeof kText - 1, 0);
+             return zstzPropClose(other), result;
+         }},
         {"walk", ZPROP_ERR_VALUE, [&] { return walkAndAdd(handle, "one", text); }},
     };
     for (const auto& c : cases) {

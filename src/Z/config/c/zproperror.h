@@ -1,5 +1,5 @@
 // zproperror.h: how the C interface tells failures: exceptions become result numbers, and what they
-// were about is kept for the thread. Never installed.
+// were about is kept for the thread; and what its units share. Never installed.
 #ifndef Z_ZPROPERROR_H
 #define Z_ZPROPERROR_H
 
@@ -23,6 +23,13 @@ int zresultOfException(ZPropGroup group);
 /// The object behind a live handle, or null. Calls come by here first, so that the last error ends
 /// here.
 ZStanzaFileProperties* zliveProperties(ZPROP_handle* handle);
+
+/// The attributes that a handle can be opened with.
+static const unsigned long kKnownAttributes =
+    ZPCACHE_KEEP_COMMENTS | ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
+
+/// A new string that zstzPropFree knows, with a NUL behind its `length` bytes.
+char* znewString(const char* text, size_t length);
 
 /// Runs a call and gives its result number.
 template <typename Call>

@@ -9,7 +9,6 @@
 #include "ZExceptionText.h"
 #include "ZPropHandle.h"
 #include "ZPropertiesImpl.h"
-#include "zpropanswers.h"
 #include "zproperror.h"
 #include "zqelutil.h"
 #include "zraise.h"
@@ -59,30 +58,51 @@ int zstzPropStore(ZPROP_handle* handle, const char* file) {
 
 // ---------------------------------------------------------------- reading
 
+// Answers a question about the object behind `handle`; the result number goes to *err. `complete`:
+// no argument is null that must not be; otherwise *err is left alone and the answer is
+// `incompleteAnswer`.
+template <typename Answer, typename Question>
+static Answer ask(ZPROP_handle* handle, int* err, bool complete, Answer incompleteAnswer,
+                  Question question) {
+    if (!complete || err == nullptr) {
+        zparameterError();
+        return incompleteAnswer;
+    }
+    const Answer nothing = Answer();
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr) {
+        *err = zparameterError();
+        return nothing;
+    }
+    Answer answer = nothing;
+    *err = zguarded(zreadGroup, [&] { answer = question(*properties); });
+    return *err == ZPROP_OK ? answer : nothing;
+}
+
 int zstzPropExists(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
-    return zask(handle, err, stanza != nullptr, 0, [&](ZStanzaFileProperties& p) {
+    return ask(handle, err, stanza != nullptr, 0, [&](ZStanzaFileProperties& p) {
         return key == nullptr ? p.exists(stanza) : p.exists(stanza, key);
     });
 }
 
 int zstzPropIsHidden(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
-    return zask(handle, err, stanza != nullptr && key != nullptr, 0, [&](ZStanzaFileProperties& p) {
+    return ask(handle, err, stanza != nullptr && key != nullptr, 0, [&](ZStanzaFileProperties& p) {
         return p.exists(stanza, key) != 0 ? p.isObfuscated(stanza, key) : 0;
     });
 }
 
 int zstzPropNumStanzas(ZPROP_handle* handle, int* err) {
-    return zask(handle, err, true, 0, [](ZStanzaFileProperties& p) { return p.count(); });
+    return ask(handle, err, true, 0, [](ZStanzaFileProperties& p) { return p.count(); });
 }
 
 int zstzPropNumKeys(ZPROP_handle* handle, const char* stanza, int* err) {
-    return zask(handle, err, stanza != nullptr, 0,
-                [&](ZStanzaFileProperties& p) { return p.count(stanza); });
+    return ask(handle, err, stanza != nullptr, 0,
+               [&](ZStanzaFileProperties& p) { return p.count(stanza); });
 }
 
 int zstzPropNumValues(ZPROP_handle* handle, const char* stanza, const char* key, int* err) {
-    return zask(handle, err, stanza != nullptr && key != nullptr, 0,
-                [&](ZStanzaFileProperties& p) { return p.numValues(stanza, key); });
+    return ask(handle, err, stanza != nullptr && key != nullptr, 0,
+               [&](ZStanzaFileProperties& p) { return p.numValues(stanza, key); });
 }
 
 // Strings that are handed out carry a word in front of them, by which zstzPropFree knows them.
@@ -122,43 +142,43 @@ void zstzPropFree(char* string) {
 
 char* zstzPropGetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                              int required, int* err) {
-    return zask(handle, err, stanza != nullptr && key != nullptr, static_cast<char*>(nullptr),
-                [&](ZStanzaFileProperties& p) {
-                    // As getValue, but copied once.
-                    char* copy = nullptr;
-                    ZPropertiesFile::of(p).giveValue(
-                        stanza, key, required, [&](const char* text, unsigned int length) {
-                            copy = length == 0 ? nullptr : znewString(text, length);
-                        });
-                    return copy;
-                });
+    return ask(handle, err, stanza != nullptr && key != nullptr, static_cast<char*>(nullptr),
+               [&](ZStanzaFileProperties& p) {
+                   // As getValue, but copied once.
+                   char* copy = nullptr;
+                   ZPropertiesFile::of(p).giveValue(
+                       stanza, key, required, [&](const char* text, unsigned int length) {
+                           copy = length == 0 ? nullptr : znewString(text, length);
+                       });
+                   return copy;
+               });
 }
 
 unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                      int required, int* err) {
-    return zask(handle, err, stanza != nullptr && key != nullptr,
-                static_cast<unsigned int>(ZPROP_ERR_PARAM), [&](ZStanzaFileProperties& p) {
-                    return p.getIntegerValue(stanza, key, required, 0);
-                });
+    return ask(handle, err, stanza != nullptr && key != nullptr,
+               static_cast<unsigned int>(ZPROP_ERR_PARAM), [&](ZStanzaFileProperties& p) {
+                   return p.getIntegerValue(stanza, key, required, 0);
+               });
 }
 
 int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int required,
                             int* err) {
-    return zask(
+    return ask(
         handle, err, stanza != nullptr && key != nullptr, ZPROP_ERR_PARAM,
         [&](ZStanzaFileProperties& p) { return p.getBooleanValue(stanza, key, required, 0); });
 }
 
 int64_t zstzPropGetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                               int required, int* err) {
-    return zask(
+    return ask(
         handle, err, stanza != nullptr && key != nullptr, int64_t(0),
         [&](ZStanzaFileProperties& p) { return p.getInteger64Value(stanza, key, required, 0); });
 }
 
 double zstzPropGetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
                               int required, int* err) {
-    return zask(
+    return ask(
         handle, err, stanza != nullptr && key != nullptr, 0.0,
         [&](ZStanzaFileProperties& p) { return p.getDoubleValue(stanza, key, required, 0); });
 }
@@ -171,6 +191,10 @@ static void freeTexts(char** texts) {
     free(texts);
 }
 
+// Holds an object's lock for a scope, so that a call of several steps is one for other threads: a
+// walk over nothing does just that.
+typedef ZPropertiesIterator ObjectLock;
+
 static char* duplicate(const char* text) {
     char* copy = strdup(text);
     if (copy == nullptr)
@@ -179,7 +203,7 @@ static char* duplicate(const char* text) {
 }
 
 // A list of plain copies that ends with null.
-char** znewTexts(const ZArrayList& strings) {
+static char** duplicateAll(const ZArrayList& strings) {
     const size_t count = strings.size();
     std::unique_ptr<char*, decltype(&freeTexts)> texts(
         static_cast<char**>(calloc(count + 1, sizeof(char*))), &freeTexts);
@@ -211,7 +235,7 @@ static void answerItem(ZStanzaFileProperties& p, const ZPROP_item& item) {
         case ZPROP_ITEM_VALUES: {
             ZArrayList values(2, 1);
             p.getValues(item.stanza, item.key, values, ZPROP_STRING_LOCAL);
-            *static_cast<char***>(item.result) = znewTexts(values);
+            *static_cast<char***>(item.result) = duplicateAll(values);
             break;
         }
         default:
@@ -224,7 +248,7 @@ int zstzPropGetValues(ZPROP_handle* handle, ZPROP_item* items, int count) {
     if (properties == nullptr || (items == nullptr && count != 0))
         return zparameterError();
     return zguarded(zreadGroup, [&] {
-        const ZObjectLock lock(*properties);
+        const ObjectLock lock(*properties);
         for (int i = 0; i < count; ++i)
             answerItem(*properties, items[i]);
     });
@@ -256,10 +280,10 @@ static int listTexts(ZPROP_handle* handle, char*** texts, bool complete, Fill fi
         return zparameterError();
     *texts = nullptr;
     return zguarded(zreadGroup, [&] {
-        const ZObjectLock lock(*properties);  // keyNames takes none
+        const ObjectLock lock(*properties);  // keyNames takes none
         ZArrayList list(10, 1);
         fill(*properties, list);
-        *texts = znewTexts(list);
+        *texts = duplicateAll(list);
     });
 }
 
@@ -286,70 +310,80 @@ void zstzPropFreeStanzas(char** names) {
 
 // ---------------------------------------------------------------- changing
 
+// Lets one change run on the object behind `handle` and turns its outcome into a result number.
+// `complete`: none of the arguments that are needed is null.
+template <typename Change>
+static int applyChange(ZPROP_handle* handle, bool complete, Change change) {
+    ZStanzaFileProperties* properties = zliveProperties(handle);
+    if (properties == nullptr || !complete)
+        return zparameterError();
+    return zguarded(zchangeGroup, [&] { change(*properties); });
+}
+
 int zstzPropSetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            const char* value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.setValue(stanza, key, value); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setValue(stanza, key, value); });
 }
 
 int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
                             unsigned int value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.setIntegerValue(stanza, key, value); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setIntegerValue(stanza, key, value); });
 }
 
 int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.setBooleanValue(stanza, key, value); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setBooleanValue(stanza, key, value); });
 }
 
 int zstzPropSetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                           int64_t value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.setInteger64Value(stanza, key, value); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setInteger64Value(stanza, key, value); });
 }
 
 int zstzPropSetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            double value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.setDoubleValue(stanza, key, value); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.setDoubleValue(stanza, key, value); });
 }
 
 int zstzPropAddStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            const char* value) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr && value != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.addValue(stanza, key, value, 0); });
+    return applyChange(handle, stanza != nullptr && key != nullptr && value != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addValue(stanza, key, value, 0); });
 }
 
 int zstzPropRemoveComments(ZPROP_handle* handle, const char* stanza, const char* key) {
-    return zapplyChange(handle, true,
-                        [&](ZStanzaFileProperties& p) { p.deleteComments(stanza, key); });
+    return applyChange(handle, true,
+                       [&](ZStanzaFileProperties& p) { p.deleteComments(stanza, key); });
 }
 
 int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.deleteKey(stanza, key); });
+    return applyChange(handle, stanza != nullptr && key != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.deleteKey(stanza, key); });
 }
 
 int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza) {
-    return zapplyChange(handle, stanza != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.deleteStanza(stanza); });
+    return applyChange(handle, stanza != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.deleteStanza(stanza); });
 }
 
 int zstzPropAddStanzaComment(ZPROP_handle* handle, const char* stanza, const char* text) {
-    return zapplyChange(handle, stanza != nullptr && text != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.addStanzaComment(stanza, text); });
+    return applyChange(handle, stanza != nullptr && text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addStanzaComment(stanza, text); });
 }
 
 int zstzPropAddFileComment(ZPROP_handle* handle, const char* text) {
-    return zapplyChange(handle, text != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.addFileComment(text); });
+    return applyChange(handle, text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addFileComment(text); });
 }
 
 int zstzPropAddLineComment(ZPROP_handle* handle, const char* stanza, const char* key,
                            const char* text) {
-    return zapplyChange(handle, stanza != nullptr && key != nullptr && text != nullptr,
-                        [&](ZStanzaFileProperties& p) { p.addEntryComment(stanza, key, text); });
+    return applyChange(handle, stanza != nullptr && key != nullptr && text != nullptr,
+                       [&](ZStanzaFileProperties& p) { p.addEntryComment(stanza, key, text); });
 }
 
 // ---------------------------------------------------------------- walking

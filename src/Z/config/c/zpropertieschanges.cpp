@@ -9,7 +9,6 @@
 #include "ZPropHandle.h"
 #include "ZPropertiesWatcher.h"
 #include "zmemory.h"
-#include "zpropanswers.h"
 #include "zproperror.h"
 #include "zwholefile.h"
 

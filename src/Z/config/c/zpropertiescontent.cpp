@@ -4,7 +4,7 @@
 
 #include "ZBuffer.h"
 #include "zmodelcontent.h"
-#include "zpropanswers.h"
+#include "zproperror.h"
 #include "zproperties.h"
 
 // ---------------------------------------------------------------- from and to memory
