@@ -3,6 +3,7 @@
 
 int main(void) {
     ZPROP_handle* handle;
+    zstzPropSetup(ZPROP_SETUP_UTF8);
     int result = zstzPropOpen(&handle, "service.conf", ZPROP_OPEN_UPDATE);
     if (result != ZPROP_OK)
         return result;
