@@ -10,6 +10,7 @@
 #include "support/Config.h"
 #include "support/FailingAllocator.h"
 #include "support/Gate.h"
+#include "support/SelfChild.h"
 #include "support/TempFolder.h"
 #include "support/Threads.h"
 
@@ -728,6 +729,31 @@ TEST_F(CInterface, ACancelledStoreGivesItsLockBack) {
     expectFree();
 }
 #endif
+
+// ---------------------------------------------------------------- set-up
+
+// Run in a process of its own, which has had no text.
+TEST(Child, DISABLED_SetUpBesideTheFirstText) {
+    Gate gate;
+    std::thread first([&] {
+        gate.await();
+        Handle handle = nullptr;
+        EXPECT_EQ(zstzPropOpenBytes(&handle, "[s]\nk = \xC3\xA4\n", 12, 0), ZPROP_OK);
+        int err;
+        EXPECT_EQ(taken(zstzPropGetStringValue(handle, "s", "k", 1, &err)), "\xC3\xA4");
+        zstzPropClose(handle);
+    });
+    gate.open();
+    const int result = zstzPropSetup(ZPROP_SETUP_UTF8);
+    first.join();
+    EXPECT_TRUE(result == ZPROP_OK || result == ZPROP_ERR_SETUP) << result;
+    EXPECT_EQ(zstzPropSetup(ZPROP_SETUP_UTF8), result);
+}
+
+TEST(Setup, IsMadeOnceByWhoeverComesFirst) {
+    for (int i = 0; i < 20; ++i)
+        expectChildPasses("Child.DISABLED_SetUpBesideTheFirstText", {});
+}
 
 // ---------------------------------------------------------------- memory runs out
 
