@@ -5,7 +5,8 @@
 // As a C program does it.
 int main(int argc, char** argv) {
     ZPROP_handle* file = nullptr;
-    if (argc != 2 || zstzPropOpen(&file, argv[1], ZPROP_OPEN_UPDATE) != ZPROP_OK ||
+    if (argc != 2 || zstzPropSetup(ZPROP_SETUP_UTF8) != ZPROP_OK ||
+        zstzPropOpen(&file, argv[1], ZPROP_OPEN_UPDATE) != ZPROP_OK ||
         zstzPropSetStringValue(file, "section1", "setting25", "1") != ZPROP_OK ||
         zstzPropStore(file, nullptr) != ZPROP_OK)
         return 2;

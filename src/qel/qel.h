@@ -67,6 +67,8 @@ int qel_os_cs_name(char* buffer, size_t size);
 
 /// A locale, independent of what setlocale() makes of the process later.
 qel_locale qel_loc_new(const char* name);
+/// One like another locale.
+qel_locale qel_loc_like(locale_t locale);
 void qel_loc_free(qel_locale locale);
 
 /// A codeset by its name, a new handle at each call; "UTF8" is UTF-8.

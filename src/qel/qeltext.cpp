@@ -188,7 +188,15 @@ std::atomic<locale_t> qel_own_locale{nullptr};
 
 static const char kOwnName[] = "C.UTF-8";
 
-locale_t qel_prepare_own() { return newlocale(LC_ALL_MASK, kOwnName, nullptr); }
+// Only the classes of characters have to be fetched from files: all else is as in the C locale,
+// which every process has. Its order is that of bytes, and so of code points.
+locale_t qel_prepare_own() {
+    const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    const locale_t own = plain == nullptr ? nullptr : newlocale(LC_CTYPE_MASK, kOwnName, plain);
+    if (own == nullptr && plain != nullptr)
+        freelocale(plain);
+    return own;
+}
 
 void qel_set_own(locale_t locale) { qel_own_locale.store(locale, std::memory_order_release); }
 
@@ -216,14 +224,8 @@ int qel_os_cs_name(char* buffer, size_t size) {
                     size);
 }
 
-qel_locale qel_loc_new(const char* name) {
-    if (name == nullptr)
-        return 0;
-    // The process's own locale is at hand, with all its categories.
-    const char* process = setlocale(LC_CTYPE, nullptr);
-    const locale_t locale = process != nullptr && strcmp(name, process) == 0
-                                ? duplocale(LC_GLOBAL_LOCALE)
-                                : newlocale(LC_ALL_MASK, name, nullptr);
+// Takes the locale over; 0 for none.
+static qel_locale makeLocale(locale_t locale) {
     if (locale == nullptr)
         return 0;
     Locale* made = new (std::nothrow) Locale;
@@ -238,6 +240,19 @@ qel_locale qel_loc_new(const char* name) {
     }
     return reinterpret_cast<qel_locale>(made);
 }
+
+qel_locale qel_loc_new(const char* name) {
+    if (name == nullptr)
+        return 0;
+    // The process's own locale is at hand, with all its categories.
+    const char* process = setlocale(LC_CTYPE, nullptr);
+    const locale_t locale = process != nullptr && strcmp(name, process) == 0
+                                ? duplocale(LC_GLOBAL_LOCALE)
+                                : newlocale(LC_ALL_MASK, name, nullptr);
+    return makeLocale(locale);
+}
+
+qel_locale qel_loc_like(locale_t own) { return own == nullptr ? 0 : makeLocale(duplocale(own)); }
 
 void qel_loc_free(qel_locale handle) {
     Locale* const locale = reinterpret_cast<Locale*>(handle);

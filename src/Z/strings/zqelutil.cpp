@@ -60,7 +60,7 @@ namespace {
 // What zsetUpUTF8 makes, and gives to the process if that has no text yet.
 struct OwnSetup {
     locale_t locale = qel_prepare_own();
-    qel_locale rules = qel_loc_new("C.UTF-8");
+    qel_locale rules = qel_loc_like(locale);
     char* name = strdup("C.UTF-8");
     char* codeset = strdup("UTF-8");
     qel_codeset local = qel_cs_new("UTF8");
