@@ -1,0 +1,225 @@
+// floor.cpp: what can't be spared. For the marks of bench_config and bench_base that are missed, the
+// unavoidable part of the work alone, beside the whole work and the best peer's:
+//
+// - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and
+//   for each key a slot with its hash and place; no records, no lines, no order;
+// - a look-up from C: the look-up from C++, and a block of malloc for the answer;
+// - a text key: its hash, which callers can ask for and which is laid down byte by byte;
+// - an edit as a process: a program that links what the library links and makes its system calls.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "adapters.h"
+
+namespace {
+
+typedef std::chrono::steady_clock Clock;
+
+double nanoseconds(Clock::time_point since) {
+    return std::chrono::duration<double, std::nano>(Clock::now() - since).count();
+}
+
+// The median of some rounds of `work`, which says what it took.
+template <typename Work>
+double median(int rounds, Work work) {
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i)
+        times.push_back(work());
+    std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
+    return times[rounds / 2];
+}
+
+volatile size_t sink;
+
+struct Slot {
+    uint32_t hash, place;
+};
+
+// Reads a file as little as it can be read, and gives the number of its keys.
+size_t readAlone(const char* path) {
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    struct flock lock = {};
+    lock.l_type = F_RDLCK;
+    fcntl(file, F_SETLK, &lock);
+    struct stat status;
+    fstat(file, &status);
+    struct stat journal;
+    sink = static_cast<size_t>(lstat((std::string(path) + ".zjournal").c_str(), &journal));
+    const size_t size = static_cast<size_t>(status.st_size);
+    char* const text = static_cast<char*>(malloc(size + 1));
+    if (read(file, text, size) != static_cast<ssize_t>(size))
+        abort();
+    close(file);
+    const size_t room = size / 16 + 8;
+    Slot* const slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
+    size_t keys = 0;
+    for (char* line = text; line < text + size;) {
+        char* const end = static_cast<char*>(memchr(line, '\n', text + size - line));
+        char* const divider = static_cast<char*>(memchr(line, '=', end - line));
+        if (divider != nullptr) {
+            uint64_t hash = 0x9E3779B97F4A7C15u, word = 0;
+            for (char* at = line; at < divider; at += 8) {
+                memcpy(&word, at, std::min<size_t>(8, divider - at));
+                hash = (hash ^ word) * 0xD6E8FEB86659FD93u;
+                hash ^= hash >> 32;
+            }
+            size_t slot = ((hash >> 32) * room) >> 32;
+            while (slots[slot].hash != 0)
+                slot = slot + 1 == room ? 0 : slot + 1;
+            slots[slot] = {static_cast<uint32_t>(hash) | 1, static_cast<uint32_t>(line - text)};
+            ++keys;
+        }
+        line = end + 1;
+    }
+    free(slots);
+    free(text);
+    return keys;
+}
+
+void makeFile(const char* path, size_t keys) {
+    std::ofstream out(path);
+    for (size_t i = 0; i < keys; ++i) {
+        if (i % 20 == 0)
+            out << "\n[section" << i / 20 << "]\n# What belongs together\n";
+        out << "setting" << i << " = " << 100000 + i * 7919 % 900000 << "\n";
+    }
+}
+
+void printRow(const char* what, double floor, double whole, double peer, const char* unit) {
+    printf("  %-28s %10.1f %10.1f %10.1f  %-7s %5.2f\n", what, floor, whole, peer, unit,
+           floor / peer);
+}
+
+template <typename File>
+double loadOf(const char* path, size_t keys) {
+    const int times = static_cast<int>(std::max<size_t>(1, 20000 / keys));
+    return median(9, [&] {
+        const Clock::time_point start = Clock::now();
+        for (int i = 0; i < times; ++i) {
+            File file;
+            file.load(path);
+        }
+        return nanoseconds(start) / times / static_cast<double>(keys);
+    });
+}
+
+void loads(const char* path) {
+    for (const size_t keys : {100, 1000, 10000, 100000, 1000000}) {
+        makeFile(path, keys);
+        const int times = static_cast<int>(std::max<size_t>(1, 20000 / keys));
+        const double alone = median(9, [&] {
+            const Clock::time_point start = Clock::now();
+            for (int i = 0; i < times; ++i)
+                sink = readAlone(path);
+            return nanoseconds(start) / times / static_cast<double>(keys);
+        });
+        const double peer = std::min(loadOf<GLibFile>(path, keys), loadOf<SimpleFile>(path, keys));
+        printRow(("load " + std::to_string(keys)).c_str(), alone, loadOf<OurFile>(path, keys), peer,
+                 "ns/key");
+    }
+}
+
+void lookUps(const char* path) {
+    makeFile(path, 1000);
+    OurFile file;
+    file.load(path);
+    ZPROP_handle* handle = nullptr;
+    if (zstzPropOpen(&handle, path, ZPROP_OPEN_READ) != ZPROP_OK)
+        abort();
+    std::vector<Name> names;
+    for (size_t i = 0; i < 1000; ++i) {
+        const size_t key = i * 387 % 1000;
+        names.push_back({"section" + std::to_string(key / 20), "setting" + std::to_string(key)});
+    }
+    const auto measure = [&](auto lookUp) {
+        return median(31, [&] {
+            const Clock::time_point start = Clock::now();
+            for (int round = 0; round < 20; ++round)
+                for (const Name& name : names)
+                    lookUp(name);
+            return nanoseconds(start) / 20 / static_cast<double>(names.size());
+        });
+    };
+    const double cpp = measure([&](const Name& name) { sink = file.get(name); });
+    const double block = measure([&](const Name& name) {
+        const size_t length = file.get(name);
+        char* const copy = static_cast<char*>(malloc(length + 5));
+        memcpy(copy, file.out.getChars(), length + 1);
+        sink = strlen(copy);
+        free(copy);
+    });
+    const double c = measure([&](const Name& name) {
+        int err;
+        char* const text =
+            zstzPropGetStringValue(handle, name.stanza.c_str(), name.key.c_str(), 0, &err);
+        sink = strlen(text);
+        zstzPropFree(text);
+    });
+    printRow("look-up from C, over C++", block, c, cpp, "ns");
+    zstzPropClose(handle);
+
+    std::unordered_map<std::string, size_t> map;
+    std::vector<ZLCString> keys;
+    for (const Name& name : names) {
+        map[name.key] = map.size();
+        keys.push_back(ZLCString(name.key.c_str()));
+    }
+    const double peer = measure([&](const Name& name) { sink = map.find(name.key)->second; });
+    size_t next = 0;
+    const double hash = measure([&](const Name&) {
+        const ZLCString& key = keys[next++ % keys.size()];
+        sink = key.hash() + static_cast<size_t>(key.getLength());
+    });
+    printRow("hash of a text key", hash, hash, peer, "ns");
+}
+
+double processOf(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    for (const std::string& argument : command)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    return median(101, [&] {
+        const Clock::time_point start = Clock::now();
+        const pid_t child = vfork();
+        if (child == 0) {
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+        int status;
+        waitpid(child, &status, 0);
+        if (status != 0)
+            abort();
+        return nanoseconds(start) / 1000;
+    });
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+    char folder[] = "/tmp/bench_floor.XXXXXX";
+    if (mkdtemp(folder) == nullptr)
+        return 2;
+    const std::string path = std::string(folder) + "/in.conf";
+    printf("  %-28s %10s %10s %10s  %-7s %s\n", "work", "floor", "zbase", "best peer", "unit",
+           "floor/peer");
+    loads(path.c_str());
+    lookUps(path.c_str());
+    makeFile(path.c_str(), 100);
+    const std::string self = argv[0], bench = self.substr(0, self.rfind('/') + 1);
+    const double peer = std::min(processOf({bench + "edit_glib", path}),
+                                 processOf({bench + "edit_simpleini", path}));
+    printRow("edit as a process, 100 keys", processOf({bench + "floor_process", path}),
+             processOf({bench + "edit_zbase", path}), peer, "us");
+    unlink(path.c_str());
+    rmdir(folder);
+    return 0;
+}
