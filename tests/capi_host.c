@@ -3,6 +3,7 @@
  * touched: what the library must not call is caught here, and what can be asked for is compared. */
 #include <Z/zproperties.h>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <locale.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -19,11 +20,13 @@ static const char* caught; /* what was called, while the library is at work */
 static int atWork;
 
 /* These take the place of the system's for the library too. */
-#define CATCH(result, name, parameters, value) \
-    result name parameters {                   \
-        if (atWork)                            \
-            caught = #name;                    \
-        value;                                 \
+#define CATCH(result, name, parameters, arguments) \
+    result name parameters {                       \
+        result(*real) parameters;                  \
+        *(void**)&real = dlsym(RTLD_NEXT, #name);  \
+        if (atWork)                                \
+            caught = #name;                        \
+        return real arguments;                     \
     }
 #define CATCH_END(name, parameters)                  \
     __attribute__((noreturn)) void name parameters { \
@@ -33,11 +36,13 @@ static int atWork;
         for (;;) {                                   \
         }                                            \
     }
-CATCH(int, setenv, (const char* n, const char* v, int o), (void)n; (void)v; (void)o; return 0)
-CATCH(int, putenv, (char* text), (void)text; return 0)
-CATCH(int, unsetenv, (const char* name), (void)name; return 0)
-CATCH(int, sigaction, (int s, const struct sigaction* n, struct sigaction* o),
-      return (int)syscall(SYS_rt_sigaction, s, n, o, 8))
+CATCH(char*, setlocale, (int category, const char* name), (category, name))
+CATCH(int, setenv, (const char* name, const char* value, int over), (name, value, over))
+CATCH(int, putenv, (char* text), (text))
+CATCH(int, unsetenv, (const char* name), (name))
+CATCH(sighandler_t, signal, (int number, sighandler_t handler), (number, handler))
+CATCH(int, sigaction, (int number, const struct sigaction* now, struct sigaction* before),
+      (number, now, before))
 CATCH_END(abort, (void))
 CATCH_END(exit, (__attribute__((unused)) int status))
 CATCH_END(_exit, (__attribute__((unused)) int status))
@@ -68,14 +73,14 @@ static void describe(char* text, size_t room) {
     size_t at =
         (size_t)snprintf(text, room, "%s %s", setlocale(LC_ALL, NULL), localeconv()->decimal_point);
     char** variable;
-    int signal;
+    int number;
     DIR* folder = opendir("/proc/self/fd");
     for (variable = environ; *variable != NULL; ++variable)
         at += (size_t)snprintf(text + at, room - at, " %s", *variable);
-    for (signal = 1; signal < 32; ++signal)
-        if (syscall(SYS_rt_sigaction, signal, NULL, &action, 8) == 0)
-            at +=
-                (size_t)snprintf(text + at, room - at, " %d:%lx", signal, *(unsigned long*)&action);
+    for (number = 1; number < 32; ++number)
+        if (sigaction(number, NULL, &action) == 0)
+            at += (size_t)snprintf(text + at, room - at, " %d:%lx", number,
+                                   (unsigned long)action.sa_handler);
     while ((entry = readdir(folder)) != NULL)
         at += (size_t)snprintf(text + at, room - at, " fd%s", entry->d_name);
     closedir(folder);
@@ -200,8 +205,10 @@ int main(int count, char** arguments) {
         close(saved[i]);
     }
     describe(after, sizeof after);
-    if (strcmp(before, after) != 0)
-        ++failures, printf("was: %s\nis: %s\n", before, after);
+    for (i = 0; before[i] != 0 && before[i] == after[i];)
+        ++i;
+    if (before[i] != after[i])
+        ++failures, printf("was: %.60s\nis: %.60s\n", before + i, after + i);
     rewind(said);
     while (fgets(output, sizeof output, said) != NULL)
         ++failures, printf("%s", output);
