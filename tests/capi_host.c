@@ -16,6 +16,10 @@
 
 extern char** environ;
 
+/* With LOCPATH set, glibc loses its copy of that at each locale that it makes. */
+__attribute__((visibility("default"))) const char* __lsan_default_suppressions(void);
+const char* __lsan_default_suppressions(void) { return "leak:__argz_add_sep\n"; }
+
 static const char* caught; /* what was called, while the library is at work */
 static int atWork;
 
