@@ -2,7 +2,7 @@
 # Two folders of links in the build folder show them so:
 #   include/Z    what gets installed: for examples, tools, benchmarks and tests
 #   internal/Z   all headers: for the library, and for tests of what stays inside
-file(GLOB_RECURSE ZBASE_HEADERS CONFIGURE_DEPENDS src/Z/*.h)
+file(GLOB_RECURSE ZBASE_HEADERS CONFIGURE_DEPENDS src/Z/*.h src/Z/*.hpp)
 set(ZBASE_INCLUDE ${CMAKE_BINARY_DIR}/include)
 set(ZBASE_INTERNAL ${CMAKE_BINARY_DIR}/internal)
 file(REMOVE_RECURSE ${ZBASE_INCLUDE} ${ZBASE_INTERNAL})
