@@ -2,6 +2,8 @@
 // refuses or converts on its own. scripts/check-modern compiles this in each standard.
 #include "support/Prelude.h"
 
+#include <cxxabi.h>
+
 #include "Z/ZString.h"
 #include "Z/zbase.hpp"
 #include "support/SelfChild.h"
@@ -15,41 +17,25 @@ namespace {
 
 const char kStart[] = "# top\n\n[s]\n# of k\nk = 1\nm = a\nm = b\nnone =\n[t]\nk = 2\n";
 
-zbase::options withoutWaiting() {
-    zbase::options how;
-    how.wait = 0ms;
-    return how;
-}
+const zbase::options kWithoutWaiting = {true, true, zbase::store_mode::safe, 0ms};
 
-/// The class, result and text of what a call raises: "locked 60 fcntl(): ...".
+/// The class, result and text of what a call raises: "zbase::locked 60 fcntl(): ...".
 template <typename Call>
 string raised(Call call) {
-    const auto told = [](const char* kind, const zbase::error& e) {
-        return kind + (" " + std::to_string(e.result())) + " " + e.text();
-    };
     try {
         call();
-    } catch (const zbase::bad_data& e) {
-        return told("bad_data", e);
-    } catch (const zbase::file_error& e) {
-        return told("file_error", e);
-    } catch (const zbase::locked& e) {
-        return told("locked", e);
-    } catch (const zbase::missing& e) {
-        return told("missing", e);
-    } catch (const zbase::bad_value& e) {
-        return told("bad_value", e);
     } catch (const zbase::error& e) {
-        return told("error", e);
+        const std::unique_ptr<char, decltype(&free)> name(
+            abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, nullptr), &free);
+        return name.get() + (" " + std::to_string(e.result())) + " " + e.text();
     }
     return "nothing";
 }
 
-string texts(const std::vector<string>& all) {
-    string joined;
-    for (const string& text : all)
-        joined += text + ";";
-    return joined;
+/// Whether a call raises this, with whatever text.
+template <typename Call>
+void expectRaised(const string& wanted, Call call) {
+    EXPECT_EQ(raised(call).substr(0, wanted.size()), wanted);
 }
 
 struct Modern : testing::Test {
@@ -73,7 +59,7 @@ TEST_F(Modern, WhatCameFromAFileOutlivesItsMovesAndItsEnd) {
     zbase::file moved = std::move(*f);
     k = "3";
     EXPECT_EQ(moved["s"]["k"].get(), "3");
-    EXPECT_EQ(raised([&] { (*f)["s"]["k"].get(); }), "error 55 bad handle or argument");
+    expectRaised("zbase::error 55 bad handle or argument", [&] { (*f)["s"]["k"].get(); });
     EXPECT_EQ(f->path(), "");
     f.reset();
     moved = zbase::file(folder.write("g", "[s]\nk = g\n"));
@@ -87,23 +73,22 @@ TEST_F(Modern, WhatCameFromAFileOutlivesItsMovesAndItsEnd) {
 }
 
 TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
-    zbase::file f(path, withoutWaiting()), g(path, withoutWaiting());
-    EXPECT_EQ(raised([&] {
-                  zbase::update u(f);
-                  f["s"]["k"] = "lost";
-                  throw zbase::error(1, 0, {}, 0, "on the way");
-              }),
-              "error 1 on the way");
+    zbase::file f(path, kWithoutWaiting), g(path, kWithoutWaiting);
+    expectRaised("zbase::error 1", [&] {
+        zbase::update u(f);
+        f["s"]["k"] = "lost";
+        throw zbase::error(1);
+    });
     EXPECT_EQ(f["s"]["k"].get(), "1");
     {
         zbase::update u(f), other(std::move(u));
         EXPECT_TRUE(!u.is_open() && other.is_open());
-        EXPECT_EQ(raised([&] { u.commit(); }).substr(0, 8), "error 62");
+        expectRaised("zbase::error 62", [&] { u.commit(); });
         u.rollback();
         f["s"]["k"] = "kept";
-        EXPECT_EQ(raised([&] { zbase::update v(g, 1ms); }).substr(0, 9), "locked 60");
-        EXPECT_EQ(raised([&] { zbase::file h(path, withoutWaiting()); }).substr(0, 9), "locked 60");
-        EXPECT_EQ(raised([&] { zbase::update v(f); }).substr(0, 8), "error 61");
+        expectRaised("zbase::locked 60", [&] { zbase::update v(g, 1ms); });
+        expectRaised("zbase::locked 60", [&] { zbase::file h(path, kWithoutWaiting); });
+        expectRaised("zbase::error 61", [&] { zbase::update v(f); });
         other.commit();
         // The place of an update that is open still ends that one.
         other = zbase::update(g);
@@ -121,30 +106,19 @@ TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
 TEST_F(Modern, WhatCallbacksRaiseComesOutBehindTheCall) {
     zbase::file f(path);
     zbase::watch w(f);
-    w.settling_time(0ms);
     folder.replace("f", "[s]\nk = 9\nnew = 1\n");
-    std::vector<string> told;
-    try {
-        w.process([&](const zbase::change& c) {
-            told.push_back(c.key.value_or("-"));
-            throw std::out_of_range("mine");
-        });
-        ADD_FAILURE() << "nothing came out";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "mine");
-    }
-    EXPECT_EQ(told.size(), 1u);
+    int told = 0, visits = 0;
+    const auto fail = [&](const zbase::change&) {
+        throw std::out_of_range(string(size_t(++told), 'x'));
+    };
+    EXPECT_THROW(w.process(fail), std::out_of_range);
+    EXPECT_EQ(told, 1);
     EXPECT_EQ(f["s"]["k"].get(), "9");
     EXPECT_EQ(w.process(), 0);
 
-    int visits = 0;
-    EXPECT_EQ(raised([&] {
-                  f.for_each([&](const zbase::entry& e) {
-                      ++visits;
-                      f[e.stanza]["more"].get();
-                  });
-              }),
-              "missing 54 more");
+    expectRaised("zbase::missing 54 more", [&] {
+        f.for_each([&](const zbase::entry& e) { ++visits, f[e.stanza]["more"].get(); });
+    });
     f.for_each([&](const zbase::entry&) { return ++visits < 3; });
     EXPECT_EQ(visits, 3);
     // No lock has stayed behind, which would keep another thread waiting. And cancelling one in a
@@ -167,10 +141,9 @@ TEST_F(Modern, WhatCallbacksRaiseComesOutBehindTheCall) {
 
 TEST_F(Modern, NoTextIsCutAtItsNul) {
     zbase::file f(path);
-    const string before = f.to_bytes();
     const std::string_view bad = "s\0x"sv;
     const std::function<void()> calls[] = {
-        [&] { zbase::file other(path + string(bad)); },
+        [&] { zbase::file(path + string(bad)); },
         [&] { f.store(path + string(bad)); },
         [&] { f[bad].exists(); },
         [&] { f["s"][bad].exists(); },
@@ -182,49 +155,48 @@ TEST_F(Modern, NoTextIsCutAtItsNul) {
         [&] { f.erase(bad); },
     };
     for (const auto& call : calls)
-        EXPECT_EQ(raised(call), "error 55 a text with a NUL in it") << &call - calls;
-    EXPECT_EQ(f.to_bytes(), before);
+        EXPECT_EQ(raised(call), "zbase::error 55 a text with a NUL in it") << &call - calls;
+    EXPECT_EQ(f.to_bytes(), kStart);
 }
 
 TEST_F(Modern, ValuesAreConvertedOrRefused) {
     zbase::file f(path);
     const auto as = [&f](const char* text, auto kind) {
         f["s"]["k"] = text;
-        string read;
+        string read = "none";
         const string failure = raised([&] {
-            const auto value = f["s"]["k"].as<decltype(kind)>();
-            read = value ? std::to_string(+*value) : "none";
+            if (const auto value = f["s"]["k"].as<decltype(kind)>())
+                read = std::to_string(+*value);
         });
-        return read.empty() ? failure.substr(0, 12) : read;
+        return failure == "nothing" ? read : failure;
     };
-    const char refused[] = "bad_value 53";
-    EXPECT_EQ(as("-128", std::int8_t()), "-128");
-    EXPECT_EQ(as("128", std::int8_t()), refused);
-    EXPECT_EQ(as("65535", std::uint16_t()), "65535");
-    EXPECT_EQ(as("65536", std::uint16_t()), refused);
-    EXPECT_EQ(as("-1", 0u), refused);
-    EXPECT_EQ(as("4294967295", 0u), "4294967295");
-    EXPECT_EQ(as("4294967296", 0), refused);
-    EXPECT_EQ(as("-9223372036854775808", 0ll), std::to_string(INT64_MIN));
-    EXPECT_EQ(as("9223372036854775808", 0ull), refused);
-    EXPECT_EQ(as("0", 0), "0");
-    EXPECT_EQ(as("", 0), "none");
-    EXPECT_EQ(as("1x", 0), refused);
-    EXPECT_EQ(as("1e39", 0.f), refused);
-    EXPECT_EQ(as("inf", 0.f), "inf");
-    EXPECT_EQ(as("True", false), "1");
-    EXPECT_EQ(as("maybe", false), refused);
-    EXPECT_EQ(raised([&] { f["s"]["k"].value_or(true); }), "bad_value 53 maybe");
-    EXPECT_EQ(raised([&] { f["s"]["k"] = UINT64_MAX; }).substr(0, 12), refused);
-    EXPECT_EQ(raised([&] { f["s"]["none"].get(); }).substr(0, 10), "missing 54");
+    const struct {
+        string got, wanted;
+    } conversions[] = {
+        {as("128", std::int8_t()), "zbase::bad_value 53 out of range: 128"},
+        {as("65535", std::uint16_t()), "65535"},
+        {as("65536", std::uint16_t()), "zbase::bad_value 53 out of range: 65536"},
+        {as("-1", 0u), "zbase::bad_value 53 out of range: -1"},
+        {as("0xffffffff", 0u), "4294967295"},
+        {as("4294967296", 0), "zbase::bad_value 53 out of range: 4294967296"},
+        {as("-9223372036854775808", 0ll), "-9223372036854775808"},
+        {as("9223372036854775808", 0ull), "zbase::bad_value 53 9223372036854775808"},
+        {as("0", 0), "0"},
+        {as("", 0), "none"},
+        {as("1e39", 0.f), "zbase::bad_value 53 out of range: 1e39"},
+        {as("inf", 0.f), "inf"},
+        {as("maybe", false), "zbase::bad_value 53 maybe"},
+    };
+    for (const auto& c : conversions)
+        EXPECT_EQ(c.got, c.wanted);
+    expectRaised("zbase::bad_value 53", [&] { f["s"]["k"] = UINT64_MAX; });
+    expectRaised("zbase::missing 54", [&] { f["s"]["none"].get(); });
     EXPECT_TRUE(f["s"]["none"].exists());
     // A text isn't taken for a truth.
     f["s"]["k"] = "text";
     EXPECT_EQ(f["s"]["k"].value_or("other"), "text");
     f["s"]["k"] = 0.1;
     EXPECT_EQ(f["s"]["k"].get(), "0.1");
-    f["s"]["k"] = INT64_MIN;
-    EXPECT_EQ(f["s"]["k"].get<std::int64_t>(), INT64_MIN);
 }
 
 TEST_F(Modern, BytesThatAreNoUtf8ComeBack) {
@@ -237,24 +209,23 @@ TEST_F(Modern, BytesThatAreNoUtf8ComeBack) {
     for (const zbase::file& g : {zbase::file(path), zbase::file::from_bytes(f.to_bytes())}) {
         EXPECT_EQ(g["s"]["k"].value(), odd);
         EXPECT_EQ(g[odd][odd].value(), odd);
-        EXPECT_EQ(texts(g[odd][odd].comments()), "# " + odd + ";");
+        EXPECT_EQ(g[odd][odd].comments(), std::vector<string>{"# " + odd});
     }
 }
 
 TEST_F(Modern, FailuresTellWhere) {
     const string bad = folder.write("bad", "[s]\nk = 1\nnonsense\n");
-    EXPECT_EQ(raised([&] { zbase::file f(bad); }), "bad_data 51 nonsense");
-    EXPECT_EQ(raised([&] { zbase::file::from_bytes("x"); }), "bad_data 51 x");
-    EXPECT_EQ(raised([&] { zbase::file f(folder / "no"); }).substr(0, 13), "file_error 51");
+    expectRaised("zbase::bad_data 51 nonsense", [&] { zbase::file f(bad); });
+    expectRaised("zbase::bad_data 51 x", [&] { zbase::file::from_bytes("x"); });
+    expectRaised("zbase::file_error 51", [&] { zbase::file f(folder / "no"); });
     try {
         zbase::file f(bad);
     } catch (const zbase::error& e) {
         EXPECT_EQ(e.what(), bad + ":3: can't be loaded or stored: nonsense");
-        EXPECT_EQ(e.path() + std::to_string(e.line()), bad + "3");
     }
     zbase::file f(path);
-    EXPECT_EQ(raised([&] { f["s"]["k"] = "two\nlines"; }).substr(0, 8), "error 52");
-    EXPECT_EQ(raised([&] { f.load_bytes("x"); }), "bad_data 51 x");
+    expectRaised("zbase::error 52", [&] { f["s"]["k"] = "two\nlines"; });
+    expectRaised("zbase::bad_data 51 x", [&] { f.load_bytes("x"); });
     EXPECT_EQ(f.to_bytes(), kStart);
 }
 
@@ -265,19 +236,17 @@ TEST_F(Modern, WalksGoOverWhatThereWas) {
     string walked;
     for (auto stanza : f)
         for (auto key : stanza) {
-            walked += stanza.name() + "." + key.name() + "=" + texts(key.values()) + " ";
+            walked += stanza.name() + "." + key.name() + "=" + key.value_or("none") + " ";
             f.erase("t");
             key.erase();
         }
-    EXPECT_EQ(walked, "s.k=1; s.m=a;b; s.none= ");
+    EXPECT_EQ(walked, "s.k=1 s.m=b s.none=none ");
     EXPECT_EQ(f["s"].size(), 0u);
     f["u"]["k"] = 1;
     EXPECT_EQ(std::distance(f.begin(), f.end()), 2);
-    const auto first = f.begin();
-    auto second = first;
-    EXPECT_EQ(second++, first);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(std::next(second), f.end());
+    auto place = f.begin();
+    EXPECT_EQ(place++, f.begin());
+    EXPECT_TRUE(place != f.begin() && ++place == f.end());
 #if __cplusplus >= 202002L
     static_assert(std::ranges::forward_range<zbase::file>);
     static_assert(std::forward_iterator<zbase::iterator<zbase::key>>);

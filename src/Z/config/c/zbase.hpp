@@ -44,9 +44,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-#if defined(__GLIBCXX__)
-#include <cxxabi.h>
-#endif
 
 /// Configuration files with the means of the standard library.
 namespace zbase {
@@ -245,14 +242,10 @@ public:
             return false;
         try {
             call(*function_);
-        }
-#if defined(__GLIBCXX__)
-        catch (abi::__forced_unwind&) {
-            throw;  // a cancelled thread goes on unwinding, and the library lets it through
-        }
-#endif
-        catch (...) {
+        } catch (...) {
             failure_ = std::current_exception();
+            if (failure_ == nullptr)
+                throw;  // no exception: a cancelled thread unwinds, and the library lets it through
         }
         return failure_ == nullptr;
     }
