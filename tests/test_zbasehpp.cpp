@@ -39,6 +39,7 @@ void expectRaised(const string& wanted, Call call) {
 }
 
 struct Modern : testing::Test {
+    Modern() { unsetenv("LOCPATH"); }  // glibc leaks its copy with each locale that it makes
     TempFolder folder;
     const string path = folder.write("f", kStart);
 };
@@ -264,7 +265,7 @@ TEST(ModernSetUp, DISABLED_GoesOnWithAnother) {
 }
 
 TEST(ModernSetUp, GoesOnWithAnother) {
-    expectChildPasses("ModernSetUp.DISABLED_GoesOnWithAnother");
+    expectChildPasses("ModernSetUp.DISABLED_GoesOnWithAnother", {{"LOCPATH", nullptr}});
 }
 
 }  // namespace
