@@ -7,8 +7,8 @@
 //     f["log"]["level"] = "debug";
 //     f.store();
 //
-// All of it is compiled into the program. What crosses the library's border are calls of C alone, so
-// that a program needn't have the library's compiler, standard library or its settings.
+// All of it is compiled into the program. What crosses the library's border are calls of C alone,
+// so that a program needn't have the library's compiler, standard library or its settings.
 //
 // Ownership: each object keeps what it stands on. A stanza, a key, an update or a watch is good for
 //   any time, wherever its file was moved to or whether that is gone; the file is closed behind the
@@ -19,9 +19,9 @@
 //   A key or stanza that isn't there is no error but for get().
 // Threads: calls with one file and with what came from it are atomic, each by itself. The objects
 //   themselves are values: while one thread moves or assigns one, no other may use it.
-// Text: UTF-8. The first file of the process sets texts up so (zstzPropSetup). Where the program had
-//   them set up otherwise before, by another call of the library, they stay in the local codeset.
-//   Bytes that are no UTF-8 come out as they stand in the file.
+// Text: UTF-8. The first file of the process sets texts up so (zstzPropSetup). Where the program
+//   had them set up otherwise before, by another call of the library, they stay in the local
+//   codeset. Bytes that are no UTF-8 come out as they stand in the file.
 #ifndef Z_ZBASE_HPP
 #define Z_ZBASE_HPP
 
@@ -457,8 +457,8 @@ private:
 };
 
 /// A forward iterator over the keys of a stanza or the stanzas of a file, as they were when begin()
-/// was called: whatever is changed meanwhile, the walk goes on. What it points at is good as long as
-/// an iterator of the walk is.
+/// was called: whatever is changed meanwhile, the walk goes on. What it points at is good as long
+/// as an iterator of the walk is.
 template <typename Member>
 class iterator {
 public:
@@ -612,8 +612,8 @@ public:
     }
 
     /// From bytes in place of a file, of none to begin with an empty one. The file has no path
-    /// before store(path), and is stored plainly and without waiting, whatever `how` says: open what
-    /// it was stored to for more. Raises bad_data.
+    /// before store(path), and is stored plainly and without waiting, whatever `how` says: open
+    /// what it was stored to for more. Raises bad_data.
     static file from_bytes(std::string_view bytes, const options& how = {}) {
         setUp();
         ZPROP_handle* opened = nullptr;
@@ -764,9 +764,9 @@ private:
 
 // ---------------------------------------------------------------- shared edits
 
-/// From its construction to commit() no other writer gets at the file, and other threads wait at any
-/// call with it; what is changed meanwhile is what the file holds. Without the commit the destructor
-/// takes everything back. The thread that began an update ends it, too.
+/// From its construction to commit() no other writer gets at the file, and other threads wait at
+/// any call with it; what is changed meanwhile is what the file holds. Without the commit the
+/// destructor takes everything back. The thread that began an update ends it, too.
 class update {
 public:
     /// Locks the file, waiting as long as the file's options say, and reads it anew. Raises locked;
