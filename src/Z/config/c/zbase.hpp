@@ -88,13 +88,13 @@ private:
             case ZPROP_ERR_MISSING:
                 return "missing";
             case ZPROP_ERR_PARAM:
-                return "bad argument";
+                return "refused";
             case ZPROP_ERR_LOCKED:
                 return "locked by somebody else";
             case ZPROP_ERR_UNSAVED:
-                return "unsaved changes, or an update that is open";
+                return "no update can begin";
             case ZPROP_ERR_NO_UPDATE:
-                return "no update is open";
+                return "no update can end";
             default:
                 return "failed";
         }
@@ -611,9 +611,9 @@ public:
         handle_ = detail::handle(opened, &zstzPropClose);
     }
 
-    /// From bytes in place of a file, of none to begin with an empty one. The file has no path
-    /// before store(path), and is stored plainly and without waiting, whatever `how` says: open
-    /// what it was stored to for more. Raises bad_data.
+    /// From bytes in place of a file, of none to begin with an empty one. It has no path, so that
+    /// stores need one, and is stored plainly and without waiting, whatever `how` says: for safe
+    /// stores and for updates open what it was stored to. Raises bad_data.
     static file from_bytes(std::string_view bytes, const options& how = {}) {
         setUp();
         ZPROP_handle* opened = nullptr;
@@ -648,7 +648,7 @@ public:
         return static_cast<store_mode>(mode);
     }
 
-    /// The path that it was opened with, or first stored to; empty without one.
+    /// The path that it was opened with; empty without one.
     std::string path() const {
         const char* path = zstzPropPath(native());
         return path == nullptr ? std::string() : std::string(path);
@@ -770,7 +770,7 @@ private:
 class update {
 public:
     /// Locks the file, waiting as long as the file's options say, and reads it anew. Raises locked;
-    /// error with ZPROP_ERR_UNSAVED if there are unsaved changes or an update is open already;
+    /// error with ZPROP_ERR_UNSAVED if it has no path, unsaved changes or an update open already;
     /// file_error.
     explicit update(file& of) : update(of, of.wait()) {}
     /// Likewise, waiting up to `wait`.
@@ -796,7 +796,7 @@ public:
     /// ZPROP_ERR_NO_UPDATE if it isn't.
     void commit() {
         if (handle_ == nullptr)
-            throw error(ZPROP_ERR_NO_UPDATE);
+            throw error(ZPROP_ERR_NO_UPDATE, 0, {}, 0, "no update is open");
         detail::check(zstzPropCommit(handle_.get()));
         handle_.reset();
     }
