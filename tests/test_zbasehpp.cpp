@@ -6,6 +6,7 @@
 
 #include "Z/ZString.h"
 #include "Z/zbase.hpp"
+#include "support/Gate.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
 
@@ -52,7 +53,7 @@ static_assert(!std::is_assignable_v<const zbase::key, const char*>);
 static_assert(std::is_nothrow_copy_constructible_v<zbase::bad_data>);
 
 TEST_F(Modern, WhatCameFromAFileOutlivesItsMovesAndItsEnd) {
-    std::optional<zbase::file> f(path);
+    auto f = std::make_unique<zbase::file>(path);
     zbase::key k = (*f)["s"]["k"];
     zbase::watch w(*f);
     zbase::file moved = std::move(*f);
@@ -72,6 +73,7 @@ TEST_F(Modern, WhatCameFromAFileOutlivesItsMovesAndItsEnd) {
 
 TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
     zbase::file f(path, kWithoutWaiting), g(path, kWithoutWaiting);
+    zbase::file elsewhere(folder.write("g", kStart));
     expectRaised("zbase::error 1", [&] {
         zbase::update u(f);
         f["s"]["k"] = "lost";
@@ -90,11 +92,10 @@ TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
         // The place of an update that is open still ends that one.
         other = zbase::update(g);
         g["s"]["k"] = "lost";
-        zbase::file elsewhere(folder.write("g", kStart));
         other = zbase::update(elsewhere);
-        EXPECT_EQ(g["s"]["k"].get(), "kept");
-        zbase::update(f).commit();
     }
+    EXPECT_EQ(g["s"]["k"].get(), "kept");
+    zbase::update(f).commit();
     EXPECT_EQ(zbase::file(path)["s"]["k"].get(), "kept");
 }
 
@@ -120,6 +121,8 @@ TEST_F(Modern, WhatCallbacksRaiseComesOutBehindTheCall) {
     EXPECT_EQ(visits, 3);
     // No lock has stayed behind, which would keep another thread waiting. And cancelling one in a
     // callback ends the thread and not the process.
+    if (!CAN_UNWIND)
+        return;
     pthread_t thread;
     const auto cancelled = [](void* file) -> void* {
         static_cast<zbase::file*>(file)->for_each([](const zbase::entry&) {
