@@ -21,7 +21,7 @@ public:
     /// Waits until it was opened `times` times in all.
     void reach(int times) {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [=] { return opened_ >= times; });
+        changed_.wait(lock, [this, times] { return opened_ >= times; });
     }
     int opened() {
         const std::lock_guard<std::mutex> guard(mutex_);
