@@ -1,4 +1,4 @@
-// floor.cpp: what can't be spared. For the marks of bench_config and bench_base that are missed, the
+// floor.cpp: what can't be spared. For marks of bench_config and bench_base that are missed, the
 // unavoidable part of the work alone, beside the whole work and the best peer's:
 //
 // - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and

@@ -127,11 +127,10 @@ ZEXPORT int zstzPropSetup(int how);
  * null then. */
 ZEXPORT int zstzPropOpen(ZPROP_handle** out, const char* file, ZPROPOpenMode mode);
 
-/* As zstzPropOpenWith, from `length` bytes in place of a file. The handle has no path: a store
- * needs one, and so does an update. The bytes aren't kept. The handle is for changing
- * too. 0; 55 for a null `out`, null bytes with
- * a length or unknown attributes, *out untouched; 51 for bad data or without memory, *out null
- * then. */
+/* A handle for changing with what `length` bytes say in place of a file; `attributes` as for
+ * zstzPropOpenWith. It has no path: each store names one, and is made plainly, and no update can be
+ * begun. The bytes aren't kept. 0; 55 for a null `out`, null bytes with a length or unknown
+ * attributes, *out untouched; 51 for bad data or without memory, *out null then. */
 ZEXPORT int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t length,
                               unsigned long attributes);
 
@@ -146,8 +145,8 @@ ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t le
  * `bytes`; 53 without memory, *bytes null then. */
 ZEXPORT int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length);
 
-/* The path that the handle was opened with, or first stored to. It belongs to the handle and is
- * good until that is closed. Null without a path and for a bad handle. */
+/* The path that the handle was opened with. It belongs to the handle and is good until that is
+ * closed. Null for a handle from bytes and for a bad one. */
 ZEXPORT const char* zstzPropPath(ZPROP_handle* handle);
 
 /* Whether something was changed since the last load or store. 0 for a bad handle. */
