@@ -25,6 +25,7 @@
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zmemorystream.h"
+#include "zmodeledits.h"
 #include "zmodelreading.h"
 #include "zqelutil.h"
 #include "zraise.h"
@@ -484,12 +485,11 @@ static void requireShortLines(const char* path, ZSpan text) {
     }
 }
 
-// What is to be stored of a text that the cache has written; in `kept`, if it keeps lines of the
-// old one.
 ZSpan ZPropertiesFile::finishText(const ZLCString& path, ZSpan oldText, ZSpan text,
                                   ZBytes& kept) const {
     if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {
-        zkeepLines(oldText, text, kept);
+        ZBytes room;
+        zkeepLines(ZModelEdits::oldText(cache(), oldText, room), text, kept);
         text = zspanOf(kept);
     }
     if (cache().isStrict() != 0)
@@ -537,5 +537,6 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
     lastStoreMode_ = zstore(work, journal, storeMode_);
     if (content != nullptr)
         content->swap(stored);
+    ZModelEdits::noteStored(cache());
     keepStamp(descriptor);
 }

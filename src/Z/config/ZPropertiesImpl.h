@@ -86,10 +86,15 @@ public:
 
     /// The caller has made checkFileAccess(path), without the lock.
     void store(const ZLCString& path);
+    /// What is to be stored of a text that the cache has written, into a file that holds `oldText`;
+    /// in `kept`, if it keeps lines of that. Raises for a text that a strict load would refuse.
+    ZSpan finishText(const ZLCString& path, ZSpan oldText, ZSpan text, ZBytes& kept) const;
 
     // --- updates ---
 
     bool hasUpdate() const { return update_ != nullptr; }
+    /// Its file; null without one.
+    const ZUpdatedFile* update() const { return update_; }
     /// Reads the file of an update that begins.
     void beginUpdate(ZUpdatedFile& file);
     void endUpdate() { update_ = nullptr; }
@@ -126,7 +131,6 @@ private:
     void writeSidePlainly(const ZLCString& name, int descriptor);
     void storeCarefully(const ZLCString& path);
     void storeTo(int descriptor, const ZLCString& path, ZFileContent* content);
-    ZSpan finishText(const ZLCString& path, ZSpan oldText, ZSpan text, ZBytes& kept) const;
 
     ZProperties& object_;
     std::atomic<int> changeTest_;  // read without the lock by design

@@ -177,6 +177,37 @@ public:
     /// The cache's own list of the stanza's keys, or null; no lock.
     ZArrayList* getKeys(const char* stanza) const { return keyNames(stanza); }
 
+    // Names and lines. What each of these four is about may be missing: 0, and nothing has changed;
+    // else 1. A null or empty name, and what else is refused, raises ZInvalidParameterException.
+    // With ZPCACHE_KEEP_LINES the next store leaves all other bytes, and the spelling of the lines
+    // that change, as they were. A walk of a stanza that is renamed ends; one on a key that is
+    // renamed goes on with that key; names that walks have handed out are gone.
+
+    /// Gives the stanza another name, at its place. Refused: a name that is taken, and the stanza
+    /// of the side database. Notices: PropertyDeleted of the old, PropertyAdded of the new one.
+    int renameStanza(const char* stanza, const char* name);
+    /// Likewise a key, with its values, hidden ones too, and the comments ahead of it.
+    int renameKey(const char* stanza, const char* key, const char* name);
+    /// Makes the stanza's first comment that reads like an entry of this key, "# key = value", that
+    /// entry, at its place. Refused: a key that is there already. Notice: PropertyAdded.
+    int uncommentKey(const char* stanza, const char* key);
+    /// Makes each value of the key a comment, "# key = value", at the place of the first. Refused:
+    /// hidden values. Notice: PropertyDeleted.
+    int disableKey(const char* stanza, const char* key);
+    /// Makes `out` what a store into a file that holds these bytes would write: as storeBytes, but
+    /// with ZPCACHE_KEEP_LINES by their lines. With ZPCACHE_STRICT raises
+    /// ZPropertiesInvalidDataException (44) for a line that came out too long.
+    void storeBytesOver(const void* bytes, size_t length, ZBuffer& out) const;
+    /// In an update (ZPropertiesUpdate.h), makes `out` what the file has held since it began, or
+    /// since the last store in it; ZInvalidParameterException outside of one.
+    void getUpdatedBytes(ZBuffer& out) const;
+    /// In an update, keeps these bytes beside the file as FILE.~1~, ahead of a store; those that
+    /// were kept before move on, up to FILE.~count~. Nothing happens if FILE.~1~ holds them
+    /// already. It gets the file's owner, group and access, or where the caller may not give it
+    /// these is the caller's alone. Raises ZInvalidParameterException outside of an update or for a
+    /// count of 0, and ZPropertiesIOException: no backup is lost then.
+    void backUp(unsigned int count) const;
+
 private:
     static void makeFactory();
     ZSCFData& data() const { return *static_cast<ZSCFData*>(cache_); }

@@ -9,6 +9,7 @@
 #include "zgrammar.h"
 #include "zmemorystream.h"
 #include "zmodelcontent.h"
+#include "zmodeledits.h"
 #include "zraise.h"
 #include "zrefusal.h"
 #include "zscope.h"
@@ -32,6 +33,7 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     setModified();
     cache_->clear();
     zreadText(*cache_, fileName_.getChars(), text);
+    ZModelEdits::noteText(data(), text);
     if (hidden.getLength() != 0) {
         cache_->setObfuscatedDBName(side.getChars());
         cache_->be_read_obfuscated(hidden);

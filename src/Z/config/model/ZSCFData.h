@@ -34,6 +34,7 @@ public:
 private:
     friend struct ZModelReading;
     friend struct ZModelContent;
+    friend struct ZModelEdits;
 };
 
 #endif

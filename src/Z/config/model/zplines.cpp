@@ -85,6 +85,17 @@ void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
     }
 }
 
+ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text) {
+    reserve(1);
+    const ZPId line = lines_.take({kNoId, kNoId, key, ZPLine::key});
+    insert(groupId, comment, line);
+    removeComments(groupId, comment, lines_[comment].next, text);
+    // Without an index of samples nothing has to be known of the blank lines on the way.
+    groups_[groupId].keysEnd = groups_[groupId].last;
+    lastKey(groupId);
+    return line;
+}
+
 ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
     ZPId found = kNoId;
     for (ZPId g = firstOfStanza; g != kNoId; g = groups_[g].nextOfStanza)
@@ -188,6 +199,12 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
 static void requireCommentLength(size_t length) {
     if (length >= ZPLine::kMaxLength)
         zraise(ZOutOfMemoryException());
+}
+
+void ZPLines::insertCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
+    requireCommentLength(comment.size);
+    reserve(1);
+    insertComment(group, line, text.append(comment), text);
 }
 
 void ZPLines::addFileComment(ZSpan comment, ZPText& text) {

@@ -87,6 +87,11 @@ public:
     /// `kSeveralIds`.
     ZPId lineOfKey(ZPId firstOfStanza, ZPId key) const;
 
+    /// Puts a key line in the place of a comment line, whose text goes. Makes room itself.
+    ZPId replaceComment(ZPId group, ZPId comment, ZPId key, ZPText& text);
+    /// Puts a comment line directly in front of a line. Makes room itself, in the text too.
+    void insertCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text);
+
     /// Removes comment lines, from `first` to ahead of `end`, with their text.
     void removeComments(ZPId group, ZPId first, ZPId end, ZPText& text);
 

@@ -686,6 +686,84 @@ void ZPStore::addKeyComment(Id key, ZSpan comment) {
         lines_.addCommentBefore(group, found, comment, text_);
 }
 
+// ---------------------------------------------------------------- other names
+
+void ZPStore::forgetLines(Id key) {
+    for (Id g = stanzas_[keys_[key].stanza].group; g != none; g = group(g).nextOfStanza)
+        lines_.removeKeys(g, key);
+    keys_[key].line = none;
+    freeKeyIfUnneeded(key);
+}
+
+// Puts another name in the place of one that a list was handed out with.
+static void renameIn(ZArrayList& list, ZSpan before, ZSpan name) {
+    const ZLCString old(before.data, static_cast<unsigned int>(before.size));
+    for (unsigned int i = 0; i < list.size(); ++i) {
+        if (!old.equals(*list.get(i)))
+            continue;
+        std::unique_ptr<ZLCString> fresh(
+            new ZLCString(name.data, static_cast<unsigned int>(name.size)));
+        list.addNoCopy(i, fresh.get());
+        fresh.release();
+        list.remove(i + 1);
+        return;
+    }
+}
+
+void ZPStore::renameKey(Id id, ZSpan name) {
+    requireLength(name.size);
+    const Id stanza = keys_[id].stanza;
+    const Id remembered = findKey(text_.span(stanzas_[stanza].name), name);
+    zassert(isInMap(id) && (remembered == none || !isInMap(remembered)));
+    text_.reserve(name.size);
+    if (ZArrayList* list = stanzas_[stanza].keyList.get())
+        renameIn(*list, text_.span(keys_[id].name), name);
+    if (remembered != none)
+        forgetLines(remembered);
+    ZPKey& key = keys_[id];
+    for (Cursor* c = cursors_; c != nullptr; c = c->next_)
+        if (c->key_ == id) {
+            c->key_ = key.prev;
+            c->isOnKey_ = false;
+        }
+    dropNameText(id);
+    // The place in the index that goes is room for the one that comes.
+    keyIndex_.remove(hashOf(id), id);
+    text_.drop(key.name);
+    key.name = text_.append(name);
+    keyIndex_.insert(hashOf(id), id, key.name.offset);
+    compactIfWorthwhile();
+}
+
+void ZPStore::renameStanza(Id id, ZSpan name) {
+    requireLength(name.size);
+    for (Id other = findStanza(name); other != none; other = findStanza(name)) {
+        zassert(other != id && !stanzas_[other].inMap);
+        removeGroup(other);
+    }
+    text_.reserve(name.size);
+    if (ZLCString* handedOut = stanzas_[id].nameObject.get())
+        handedOut->setChars(ZLCString(name.data, static_cast<unsigned int>(name.size)));
+    endCursors(id);
+    // Keys are found by both names: all leave the index before any comes back.
+    const auto forEachKey = [&](auto visit) {
+        for (Id k = 0; k < keys_.end(); ++k)
+            if (keys_[k].stanza == id)
+                visit(k);
+    };
+    forEachKey([&](Id k) { keyIndex_.remove(hashOf(k), k); });
+    ZPStanza& stanza = stanzas_[id];
+    stanzaIndex_.remove(znarrowHash(stanza.hash), id);
+    text_.drop(stanza.name);
+    stanza.name = text_.append(name);
+    stanza.hash = zhashOf(name);
+    memset(stanza.head, 0, sizeof stanza.head);
+    memcpy(stanza.head, name.data, name.size < sizeof stanza.head ? name.size : sizeof stanza.head);
+    stanzaIndex_.insert(znarrowHash(stanza.hash), id, stanza.name.offset);
+    forEachKey([&](Id k) { keyIndex_.insert(hashOf(k), k, keys_[k].name.offset); });
+    compactIfWorthwhile();
+}
+
 // ---------------------------------------------------------------- invariants
 
 void ZPStore::checkInvariants() const {

@@ -47,6 +47,7 @@
 
 #include "ZLCString.h"
 #include "ZList.h"
+#include "zoldtext.h"
 #include "zpindex.h"
 #include "zplines.h"
 #include "zptext.h"
@@ -104,6 +105,7 @@ protected:
     ZPId firstFollowed_ = kNoId, lastFollowed_ = kNoId;
     uint32_t followedCount_ = 0;
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
+    ZOldText oldText_;
     // Set by whoever makes room for hidden values, or for any ZPKeyExtra, and never taken back.
     mutable bool mayHaveHidden_ = false;
     mutable bool mayHaveExtras_ = false;
@@ -259,6 +261,28 @@ public:
         compactIfWorthwhile();
     }
     bool hasLine(Id key) const { return keys_[key].line != none; }
+
+    // --- Other names, and lines of another kind ---
+
+    /// Gives a stanza, or a key of the map, another name; lines and order stay. The walks of the
+    /// stanza end, those on the key stand ahead of it then. Requires: nothing of that name is in
+    /// the map. What only lines remember of the name is forgotten with these lines. Linear in all
+    /// keys; constant but for a key list that was handed out.
+    void renameStanza(Id stanza, ZSpan name);
+    void renameKey(Id key, ZSpan name);
+    /// Puts the key's line in the place of a comment of a group of its stanza.
+    void replaceComment(Id group, Id comment, Id key) {
+        noteLine(key, lines_.replaceComment(group, comment, key, text_));
+        compactIfWorthwhile();
+    }
+    /// Puts a comment directly in front of a line.
+    void insertCommentBefore(Id group, Id line, ZSpan comment) {
+        lines_.insertCommentBefore(group, line, comment, text_);
+    }
+    /// Takes all lines of a key away, and its record with them unless it is in the map.
+    void forgetLines(Id key);
+    /// What was done to lines since the text was read, for stores that keep lines.
+    ZOldText& oldText() { return oldText_; }
 
     Id firstGroup() const { return 0; }
     const ZPGroup& group(Id id) const { return lines_.group(id); }

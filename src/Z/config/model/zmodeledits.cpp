@@ -1,0 +1,165 @@
+#include "zmodeledits.h"
+
+#include "zgrammar.h"
+#include "zmodelreading.h"
+#include "zpstore.h"
+#include "zrefusal.h"
+
+// Room for a note of what is about to be done, if stores keep lines, and the note.
+namespace {
+
+class Note {
+public:
+    Note(ZPStore& store, unsigned long attributes, ZSpan stanza, ZSpan key, ZSpan name)
+        : oldText_(store.oldText()),
+          isWanted_((attributes & ZPCACHE_KEEP_LINES) != 0),
+          stanza_(stanza),
+          key_(key),
+          name_(name) {
+        if (isWanted_)
+            oldText_.reserve(stanza, key, name);
+    }
+    void make(ZOldText::Change change) {
+        if (isWanted_)
+            oldText_.note(change, stanza_, key_, name_);
+    }
+
+private:
+    ZOldText& oldText_;
+    const bool isWanted_;
+    const ZSpan stanza_, key_, name_;
+};
+
+}  // namespace
+
+static void refuseIf(bool speaksAgainst, const char* subject, const char* reason) {
+    zrequireNoFault(speaksAgainst ? ZFault{subject, reason} : ZFault{nullptr, nullptr});
+}
+
+static const ZSpan kNothing = {"", 0};
+
+bool ZModelEdits::renameStanza(ZSCFData& model, const char* stanza, const char* name) {
+    ZPStore& store = model.store();
+    if (model.isStrict() != 0)
+        zrequireNoFault(zfaultOfStanza(name));
+    const ZPId id = store.stanzaInMap(zspanOf(stanza));
+    if (id == ZPStore::none)
+        return false;
+    refuseIf(store.stanzaInMap(zspanOf(name)) != ZPStore::none, "the new name", "is taken already");
+    refuseIf(strcmp(stanza, kSideStanza) == 0 || strcmp(name, kSideStanza) == 0,
+             "the stanza of the side database", "keeps its name");
+    Note note(store, model.attributes(), zspanOf(stanza), kNothing, zspanOf(name));
+    store.renameStanza(id, zspanOf(name));
+    note.make(ZOldText::renamedStanza);
+    return true;
+}
+
+bool ZModelEdits::renameKey(ZSCFData& model, const char* stanza, const char* key,
+                            const char* name) {
+    ZPStore& store = model.store();
+    const ZSpan owner = zspanOf(stanza), before = zspanOf(key), now = zspanOf(name);
+    if (model.isStrict() != 0)
+        zrequireNoFault(zfaultOfKey(name));
+    const ZPId id = store.keyInMap(owner, before);
+    if (id == ZPStore::none)
+        return false;
+    refuseIf(store.keyInMap(owner, now) != ZPStore::none, "the new name", "is taken already");
+    // A longer name may make a line too long.
+    const ZPValueView values = store.values(id, ZPStore::plain);
+    for (uint32_t i = 0; i < values.count(); ++i) {
+        const ZLCString value(values[i].data, static_cast<unsigned int>(values[i].size));
+        model.checkValue(name, value.getChars(), 0, 1);
+    }
+    Note note(store, model.attributes(), owner, before, now);
+    store.renameKey(id, now);
+    note.make(ZOldText::renamedKey);
+    return true;
+}
+
+bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* key) {
+    ZPStore& store = model.store();
+    const ZSpan owner = zspanOf(stanza), name = zspanOf(key);
+    refuseIf(store.keyInMap(owner, name) != ZPStore::none, "the key", "is there already");
+    const ZPId id = store.stanzaInMap(owner);
+    if (id == ZPStore::none)
+        return false;
+    ZSpan value = kNothing;
+    for (ZPId g = store.stanza(id).group; g != ZPStore::none; g = store.group(g).nextOfStanza)
+        for (ZPId l = store.group(g).first; l != ZPStore::none; l = store.line(l).next) {
+            if (!store.line(l).isComment() ||
+                zfindDisabled(store.text().span(store.line(l).slice()), name, value).size == 0)
+                continue;
+            // The value is text of the comment, which is about to go.
+            ZBytes copy;
+            zcopyBytes(value, copy);
+            const ZPId remembered = store.findKey(owner, name);
+            if (remembered != ZPStore::none)
+                store.forgetLines(remembered);
+            Note note(store, model.attributes(), owner, name, kNothing);
+            const ZPId made = store.createKey(id, name);
+            store.appendValue(made, ZPStore::plain, zspanOf(copy));
+            store.replaceComment(g, l, made);
+            note.make(ZOldText::uncommentedKey);
+            return true;
+        }
+    return false;
+}
+
+// The group and the first line of a key; none without one.
+static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
+    for (ZPId g = store.stanza(store.key(key).stanza).group; g != ZPStore::none;
+         g = store.group(g).nextOfStanza)
+        for (line = store.group(g).first; line != ZPStore::none; line = store.line(line).next)
+            if (store.line(line).isKey() && store.line(line).ref == key)
+                return g;
+    return ZPStore::none;
+}
+
+bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* key) {
+    ZPStore& store = model.store();
+    const ZSpan owner = zspanOf(stanza), name = zspanOf(key);
+    const ZPId id = store.keyInMap(owner, name);
+    if (id == ZPStore::none)
+        return false;
+    refuseIf(store.values(id, ZPStore::hidden).count() != 0, "a hidden value",
+             "can't become a comment");
+    refuseIf(strcmp(stanza, kSideStanza) == 0, "the stanza of the side database", "stays");
+    const uint32_t count = store.values(id, ZPStore::plain).count();
+    ZBytes comment;
+    for (uint32_t i = 0; model.isStrict() != 0 && i < count; ++i) {
+        zmakeDisabled(name, store.values(id, ZPStore::plain)[i], comment);
+        refuseIf(comment.size() >= kLongestLine, "the entry", "is too long to become a comment");
+    }
+    Note note(store, model.attributes(), owner, name, kNothing);
+    if (store.stanza(store.key(id).stanza).group == ZPStore::none)
+        store.addHeader(store.key(id).stanza);
+    if (!store.hasLine(id))
+        store.placeKeyLine(id);
+    ZPId line;
+    const ZPId group = firstLineOf(store, id, line);
+    for (uint32_t i = 0; i < count || i == 0; ++i) {
+        zmakeDisabled(name, count == 0 ? kNothing : store.values(id, ZPStore::plain)[i], comment);
+        store.insertCommentBefore(group, line, zspanOf(comment));
+    }
+    store.removeKey(id);
+    if (store.findKey(owner, name) == id)
+        store.forgetLines(id);
+    note.make(ZOldText::disabledKey);
+    return true;
+}
+
+void ZModelEdits::noteText(ZSCFData& model, ZSpan text) {
+    if ((model.attributes() & ZPCACHE_KEEP_LINES) != 0)
+        model.store().oldText().replaceBy(text);
+}
+
+void ZModelEdits::noteStored(ZPCache& cache) {
+    if (ZModelReading::isOwn(cache))
+        static_cast<ZSCFData&>(cache).store().oldText().forget();
+}
+
+ZSpan ZModelEdits::oldText(const ZPCache& cache, ZSpan fileText, ZBytes& room) {
+    return ZModelReading::isOwn(cache)
+               ? static_cast<const ZSCFData&>(cache).store().oldText().changed(fileText, room)
+               : fileText;
+}

@@ -1,0 +1,33 @@
+// zmodeledits.h: what can be done to a model's stanzas and keys beyond other values: other names,
+// entries that become comments and comments that become entries. Never installed.
+#ifndef Z_ZMODELEDITS_H
+#define Z_ZMODELEDITS_H
+
+#include "ZSCFData.h"
+#include "zpblock.h"
+
+/// Names have text. Each call that changes something: whether there is what it is about; nothing
+/// has changed if there isn't. What can't be done is refused with the reason (zrefusal.h).
+struct ZModelEdits {
+    /// Refused where the name is taken, or is or was that of the stanza that tells of the side
+    /// database.
+    static bool renameStanza(ZSCFData& model, const char* stanza, const char* name);
+    static bool renameKey(ZSCFData& model, const char* stanza, const char* key, const char* name);
+    /// Makes the first comment of the stanza that reads like an entry of this key, "# key = value",
+    /// this entry, at its place. Refused where the key is there already.
+    static bool uncommentKey(ZSCFData& model, const char* stanza, const char* key);
+    /// Makes each plain value of the key a comment, at the place of the key's first line. Refused
+    /// where values are hidden.
+    static bool disableKey(ZSCFData& model, const char* stanza, const char* key);
+
+    // For stores that keep lines.
+
+    /// The model was read from this text, which isn't in the file yet.
+    static void noteText(ZSCFData& model, ZSpan text);
+    /// The file holds what the model holds.
+    static void noteStored(ZPCache& cache);
+    /// The text in which old lines are looked for; see ZOldText::changed.
+    static ZSpan oldText(const ZPCache& cache, ZSpan fileText, ZBytes& room);
+};
+
+#endif
