@@ -6,6 +6,10 @@
 #include "support/FileState.h"
 #include "support/TempFolder.h"
 
+#include <sys/stat.h>
+
+#include <random>
+
 using std::string;
 
 namespace {
@@ -66,14 +70,72 @@ TEST(Zstz, Reads) {
         {{"get", "f", "s", "k", "--all"}, 0, "1\n2\n"},
         {{"get", "f", "s", "empty"}, 0, "\n"},
         {{"get", "--all", "f", "s", "empty"}, 0},
-        {{"get", "f", "s", "x"}, 1, "", "f: no key x in [s]\n"},
+        {{"get", "f", "s", "x"}, 1, "", "f: no key x in [s]; see zstz list f s\n"},
         {{"get", "g", "s", "k"}, 3, "", "g: error: fopen(r): No such"},
         {{"get", ".", "s", "k"}, 3, "", ".: error: fopen(r): Is a directory\n"},
         {{"list", "f"}, 0, "s\nt\n"},
         {{"list", "f", "s"}, 0, "k = 1\nk = 2\nempty =\n"},
-        {{"list", "f", "x"}, 1, "", "f: no stanza [x]\n"},
+        {{"list", "f", "x"}, 1, "", "f: no stanza [x]; see zstz list f\n"},
         {{"check", "f"}, 0},
+        {{"get", "f", "s", "k", "t", "n"}, 0, "2\nx y\n"},
+        {{"get", "f", "s", "k", "t", "x"}, 1, "", "f: no key x in [t]"},
+        {{"get", "f", "s", "k", "t", "x", "--default", "d"}, 0, "2\nd\n"},
+        {{"get", "f", "s", "empty", "u", "x", "--default="}, 0, "\n\n"},
+        {{"get", "f", "s", "k", "t"}, 2, "", "zstz: get takes"},
+        {{"get", "--all", "f", "s", "k", "t", "n"}, 2, "", "zstz: --all with several"},
+        {{"get", "f", "s", "emtpy"}, 1, "", "f: no key emtpy in [s]; did you mean empty?\n"},
+        {{"unset", "f", "s", "mpty"}, 1, "", "f: no key mpty in [s]; did you mean empty?\n"},
+        {{"get", "f", "s", "Empty"}, 1, "", "f: no key Empty in [s]; did you mean empty?\n"},
+        {{"get", "f", "s", "empyt"}, 1, "", "f: no key empyt in [s]; did you mean empty?\n"},
+        {{"get", "f", "s", "epmyt"}, 1, "", "f: no key epmyt in [s]; see"},
     });
+}
+
+TEST(Zstz, AnswersInJSON) {
+    TempFolder folder;
+    folder.write("f", kText);
+    folder.write("g",
+                 "[s]\nk = 1\nempty = e\n[\xC3\xBC \"\\]\n\xFF = \xED\xA0\x80\n"
+                 "t\tb\x01 = \xF0\x9F\x98\x80 \xC0\x80\n[v]\n");
+    folder.write("bad", "[s]\n \"x\n");
+    const struct {
+        const char *line, *out;
+        int code;
+    } kCases[] = {
+        {"get --json f s k t n s empty", "\"2\"\n\"x y\"\nnull\n", 0},
+        {"get --json --all f s k t n s empty", "[\"1\", \"2\"]\n[\"x y\"]\n[]\n", 0},
+        {"list --json f",
+         "{\n\"s\": {\n  \"k\": [\"1\", \"2\"],\n  \"empty\": null\n},\n\"t\": {\n"
+         "  \"n\": \"x y\"\n}\n}\n",
+         0},
+        {"list --json f t", "{\n  \"n\": \"x y\"\n}\n", 0},
+        {"list --json - </dev/null", "{}\n", 0},
+        // What isn't UTF-8: a byte, a surrogate, a long form.
+        {"list --json g",
+         "{\n\"s\": {\n  \"k\": \"1\",\n  \"empty\": \"e\"\n},\n"
+         "\"\xC3\xBC \\\"\\\\\": {\n"
+         "  \"\\u0000/w==\": {\"bytes\": \"7aCA\"},\n"
+         "  \"t\\tb\\u0001\": {\"bytes\": \"8J+YgCDAgA==\"}\n},\n\"v\": {}\n}\n",
+         0},
+        {"diff --json f g | head -3",
+         "{\"change\": \"modified\", \"stanza\": \"s\", \"key\": \"k\", "
+         "\"old\": [\"1\", \"2\"], \"new\": \"1\"}\n"
+         "{\"change\": \"modified\", \"stanza\": \"s\", \"key\": \"empty\", "
+         "\"old\": null, \"new\": \"e\"}\n{\"change\": \"deleted\", \"stanza\": \"t\"}\n",
+         0},
+        {"check --json f bad no",
+         "{\"file\": \"f\", \"ok\": true}\n"
+         "{\"file\": \"bad\", \"ok\": false, \"in\": \"bad\", \"line\": 2, "
+         "\"error\": \"bad line\", \"text\": \" \\\"x\"}\n"
+         "{\"file\": \"no\", \"ok\": false, \"in\": \"no\", "
+         "\"error\": \"fopen(r): No such file or directory\"}\n",
+         4},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.line);
+        EXPECT_EQ(shell(folder, string("zstz ") + c.line + " >out"), c.code);
+        EXPECT_EQ(TempFolder::read(folder / "out"), c.out);
+    }
 }
 
 TEST(Zstz, Changes) {
@@ -99,6 +161,162 @@ TEST(Zstz, Changes) {
     });
 }
 
+TEST(Zstz, ChangesUnderConditions) {
+    check({
+        {{"set", "--if-missing", "f", "t", "m", "5"}, 0, "", "", "= 0\n", "= 0\nm = 5\n"},
+        {{"set", "--if-missing", "f", "s", "empty", "5"}, 1, "", "f: [s] empty is there already"},
+        {{"set", "--if-equals", "x y", "f", "t", "n", "5"}, 0, "", "", "x y", "5"},
+        {{"set", "--if-equals=", "f", "s", "empty", "5"}, 0, "", "", "empty =", "empty = 5"},
+        {{"set", "--if-equals=", "f", "t", "x", "5"}, 1, "", "f: [t] x has another value"},
+        {{"set", "--if-equals", "2", "f", "s", "k", "5"}, 1, "", "f: [s] k has another"},
+        {{"set", "--if-equals=1", "--if-missing", "f", "s", "k", "5"}, 2, "", "zstz: --if-"},
+        {{"edit", "f", "set --if-equals \"x y\" t n 5", "set --if-missing s k 3"}, 1, "", "f: [s]"},
+        {{"edit", "f", "set --if-equals \"x y\" --type integer t n 05"}, 0, "", "", "x y", "5"},
+    });
+}
+
+TEST(Zstz, TurnsLinesIntoOthers) {
+    check({
+        {{"set", "--uncomment", "f", "t", "m"}, 0, "", "", "# m = 0", "m = 0"},
+        {{"set", "--uncomment", "f", "t", "m", "5"}, 0, "", "", "# m = 0", "m = 5"},
+        {{"set", "--uncomment", "f", "t", "n"}, 0},
+        {{"set", "--uncomment", "f", "t", "o"}, 1, "", "f: [t] o has no sample"},
+        {{"set", "--uncomment", "f", "t", "o", "1"}, 0, "", "", "x y\n", "x y\no = 1\n"},
+        {{"set", "f", "t", "m"}, 2, "", "zstz: set takes a VALUE"},
+        {{"disable", "f", "t", "n"}, 0, "", "", "n = ", "# n = "},
+        {{"disable", "f", "s", "k"}, 0, "", "", "k = 1\nk = 2", "# k = 1\n# k = 2"},
+        {{"disable", "f", "s", "empty"}, 0, "", "", "empty", "# empty"},
+        {{"disable", "f", "t", "m"}, 1, "", "f: no key m in [t]"},
+        {{"edit", "f", "disable t n", "set --uncomment t n"}, 0},
+        {{"rename", "f", "t", "u v"}, 0, "", "", "[t]", "[u v]"},
+        {{"rename", "f", "s", "k", "l"}, 0, "", "", "k = 1\nk = 2", "l = 1\nl = 2"},
+        {{"rename", "f", "s", "t"}, 1, "", "f: [t] is there already"},
+        {{"rename", "f", "s", "k", "empty"}, 1, "", "f: [s] empty is there already"},
+        {{"rename", "f", "s", "x", "y"}, 1, "", "f: no key x in [s]"},
+        {{"rename", "f", "s", "k", "a=b"}, 2, "", "zstz: can't change [s] a=b: a key can't hold"},
+        {{"rename", "f", "s", "a]"}, 2, "", "zstz: can't change [a]] key: a stanza's name can't"},
+        {{"edit", "f", "rename t u", "rename s t", "rename u s"},
+         0,
+         "",
+         "",
+         "[s]\nk = 1\nk = 2\nempty =\n\n[t]",
+         "[t]\nk = 1\nk = 2\nempty =\n\n[s]"},
+    });
+}
+
+TEST(Zstz, ShowsAndKeepsWhatItChanges) {
+    TempFolder folder;
+    const string file = folder.write("f", kText);
+    EXPECT_EQ(run(folder, {"set", "--dry-run", "f", "s", "k", "3"}).out,
+              "--- f\n+++ f\n@@ -1,8 +1,7 @@\n   # head\n \n [s]\n-k = 1\n-k = 2\n+k = 3\n"
+              " empty =\n \n [t]\n");
+    EXPECT_EQ(run(folder, {"set", "--dry-run", "--create", "g", "s", "k", "3"}).out,
+              "--- g\n+++ g\n@@ -0,0 +1,3 @@\n+\n+[s]\n+k = 3\n");
+    EXPECT_EQ(run(folder, {"set", "--dry-run", "f", "t", "n", "x y"}).out, "");
+    EXPECT_EQ(TempFolder::read(file), kText);
+    EXPECT_EQ(TempFolder::read(folder / "g"), "<none>");
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    // What a backup holds already is no news, and neither is an update that changes nothing.
+    for (const char* value : {"1", "1", "2", "3"})
+        EXPECT_EQ(run(folder, {"set", "--backup=2", "f", "t", "n", value}).code, 0);
+    const string text = kText;
+    for (int i = 1; i <= 2; ++i) {
+        const string name = file + ".~" + std::to_string(i) + "~";
+        EXPECT_EQ(TempFolder::read(name),
+                  text.substr(0, text.find("x y")) + std::to_string(3 - i) + "\n");
+        struct stat status;
+        ASSERT_EQ(stat(name.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0640u);
+    }
+    EXPECT_EQ(TempFolder::read(file + ".~3~"), "<none>");
+    EXPECT_EQ(TempFolder::read(file + ".~new~"), "<none>");
+}
+
+// Patches of random texts, applied by patch(1) where there is one, give the new text.
+TEST(Zstz, PatchesLeadToTheNewText) {
+    TempFolder folder;
+    if (shell(folder, "command -v patch >/dev/null") != 0)
+        GTEST_SKIP() << "no patch";
+    std::mt19937 random(7);
+    for (int round = 0; round < 40; ++round) {
+        string text = "[s]\n", changes;
+        const int count = round % 8 == 0 ? 3000 : 12;
+        for (int i = 0; i < count; ++i) {
+            text += "k" + std::to_string(i) + " = v\n" + (random() % 3 == 0 ? "\n" : "");
+            if (random() % 4 == 0)
+                changes += "set s k" + std::to_string(i) + " w\n";
+            else if (random() % 4 == 0)
+                changes += "unset s k" + std::to_string(i) + "\n";
+            else if (random() % 4 == 0)
+                changes += "rename s k" + std::to_string(i) + " l" + std::to_string(i) + "\n";
+        }
+        folder.write("f", text.substr(0, text.size() - round % 2));
+        folder.write("changes", changes);
+        EXPECT_EQ(shell(folder,
+                        "cp f g; zstz --dry-run edit f <changes >p; zstz edit f <changes;"
+                        "cp g h; test ! -s p || patch -s h p; cmp f h"),
+                  0)
+            << changes;
+    }
+}
+
+TEST(Zstz, ReadsStandardInput) {
+    TempFolder folder;
+    folder.write("f", kText);
+    const struct {
+        const char *line, *out;
+        int code;
+    } kCases[] = {
+        {"get - s k", "2\n", 0},
+        {"list -", "s\nt\n", 0},
+        {"set - s k 3 | zstz unset - t | zstz add - s k 4",
+         "  # head\n\n[s]\nk = 3\nk = 4\nempty =\n\n", 0},
+        {"edit - 'rename t u' 'comment c' | zstz diff f -",
+         "- [t]\n- [t] n = x y\n+ [u]\n+ [u] n = x y\n", 1},
+        {"edit -", "", 2},
+        {"diff - -", "", 2},
+        {"set --backup - s k 3", "", 2},
+        {"set - s '#' 3", "", 2},
+        {"watch -", "", 2},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.line);
+        EXPECT_EQ(shell(folder, string("(zstz ") + c.line + ") <f >out 2>err"), c.code);
+        EXPECT_EQ(TempFolder::read(folder / "out"), c.out);
+    }
+}
+
+TEST(Zstz, StoresWhatAnEditorHasWritten) {
+    const struct {
+        const char *editor, *line, *text, *err;
+        int code;
+    } kCases[] = {
+        {"sed -i s/k=/l=/", "edit --editor f", "[s]\n l=1", "", 0},
+        {"true", "edit --editor f", "[s]\n k=1", "zstz: f is unchanged\n", 0},
+        {"false", "edit --editor f", "[s]\n k=1", "zstz: the editor has failed: false", 3},
+        {"sed -i s/=//", "edit --editor f", "[s]\n k=1", "f:2: error: bad line:  k1\n", 4},
+        {"zstz set f s k 7; sed -i s/k=/l=/", "edit --editor f", "[s]\nk = 7\n",
+         "f: error: somebody", 1},
+        {"sed -i s/k=/l=/", "edit --editor --dry-run f", "[s]\n k=1", "", 0},
+        {"true", "edit --editor -", "[s]\n k=1", "zstz: an editor can't", 2},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.line);
+        TempFolder folder;
+        const string file = folder.write("f", "[s]\n k=1");
+        EXPECT_EQ(shell(folder, string("export TMPDIR=$PWD VISUAL='") + c.editor + "'; zstz " +
+                                    c.line + " >out 2>err </dev/null"),
+                  c.code);
+        EXPECT_EQ(TempFolder::read(file), c.text);
+        const string err = TempFolder::read(folder / "err");
+        EXPECT_EQ(err.substr(0, strlen(c.err)), c.err);
+        // What was written is kept, and nothing else.
+        const bool isKept = err.find("what you wrote is in") != string::npos;
+        EXPECT_EQ(shell(folder, "ls zstz-*/f >out 2>&1") == 0, isKept);
+        EXPECT_EQ(isKept, c.code != 0 && c.code != 2);
+    }
+}
+
 TEST(Zstz, SeveralChangesAreOneUpdate) {
     check({
         {{"edit", "f", "set s k 3", "unset t n", "set s k \"4 5\""},
@@ -110,7 +328,10 @@ TEST(Zstz, SeveralChangesAreOneUpdate) {
         {{"edit", "f", "set --type integer t n 0x10"}, 0, "", "", "x y", "16"},
         {{"edit", "f", "comment \"# a \\\" b\""}, 0, "", "", "# head\n", "# head\n# a \" b\n"},
         // The last fails, and so does all.
-        {{"edit", "f", "set s k 3", "unset t x"}, 1, "", "f: no key x in [t]\nzstz: nothing"},
+        {{"edit", "f", "set s k 3", "unset t x"},
+         1,
+         "",
+         "f: no key x in [t]; see zstz list f t\nzstz: nothing"},
         {{"edit", "f", "set s k 3", "set s k a b"}, 2, "", "zstz: wrong number"},
     });
     TempFolder folder;
@@ -213,7 +434,9 @@ TEST(Zstz, FilesThatAreMissingLockedOrBad) {
         EXPECT_EQ(run(folder, {"get", "f", "s", "k"}).code, 0);
         const Outcome refused = run(folder, {"set", "--wait=0.1", "f", "s", "k", "v"});
         EXPECT_EQ(refused.code, 3);
-        EXPECT_EQ(refused.err, "f: error: fcntl(): Resource temporarily unavailable\n");
+        EXPECT_EQ(refused.err,
+                  "f: error: fcntl(): Resource temporarily unavailable\n"
+                  "zstz: somebody else has it locked; --wait SECONDS waits longer\n");
     }
     EXPECT_EQ(TempFolder::read(file), kText);
 
@@ -247,6 +470,19 @@ TEST(Zstz, HiddenValues) {
     EXPECT_EQ(run(folder, {"add", "f", "t", "secret", "new"}).code, 0);
     EXPECT_EQ(TempFolder::read(file).find("new"), string::npos);
     EXPECT_EQ(run(folder, {"list", "f", "t"}).out, "n = x y\nsecret = old\nsecret = new\n");
+    EXPECT_EQ(
+        run(folder, {"list", "--json", "f", "t"}).out,
+        "{\n  \"n\": \"x y\",\n  \"secret\": [{\"hidden\": \"old\"}, {\"hidden\": \"new\"}]\n}\n");
+    EXPECT_NE(run(folder, {"diff", "--json", "-", "f"}, "out </dev/null")
+                  .out.find("\"secret\", \"new\": {\"hidden\": null}}"),
+              string::npos);
+    EXPECT_EQ(run(folder, {"disable", "f", "t", "secret"}).code, 4);
+    EXPECT_EQ(run(folder, {"edit", "f", "rename t u", "rename u secret s", "rename u t"}).code, 0);
+    EXPECT_EQ(run(folder, {"get", "--all", "f", "t", "s"}).out, "old\nnew\n");
+    EXPECT_EQ(run(folder, {"rename", "f", "t", "s", "secret"}).code, 0);
+    EXPECT_EQ(run(folder, {"rename", "f", "configuration-database", "x"}).code, 4);
+    EXPECT_NE(run(folder, {"unset", "--dry-run", "f", "t", "secret"}).out.find("-file = /"),
+              string::npos);
     EXPECT_EQ(run(folder, {"unset", "f", "t", "secret"}).code, 0);
     EXPECT_EQ(TempFolder::read(file + ".obf"), "<none>");
     folder.write("f", "[configuration-database]\nfile = " + file + ".obf\n");

@@ -1,12 +1,6 @@
 // change.cpp: changes are checked first, all of them, then made in one update: all or none.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "zstz.h"
 
@@ -17,9 +11,9 @@ namespace {
 // One change, its words behind the name of the file: set s k v.
 struct Change {
     Words words;
-    ValueType type = anyType;  // of set
-    unsigned int number = 0;   // the value as one, of an integer
-    int truth = 0;             // of a boolean
+    Terms terms;              // of set
+    unsigned int number = 0;  // the value as one, of an integer
+    int truth = 0;            // of a boolean
 
     const char* word(size_t i) const { return i < words.size() ? words[i].c_str() : nullptr; }
     bool is(const char* name) const { return words[0] == name; }
@@ -39,20 +33,57 @@ static std::string placeOf(const char* stanza, const char* key) {
 // what can be wrong with it is that text would go where hidden values are.
 static Exit refuse(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
                    std::string why = lastErrorText()) {
-    int ignored = 0;
-    if (key != nullptr && zstzPropIsHidden(handle, stanza, key, &ignored) != 0)
+    if (key != nullptr && isHidden(handle, stanza, key))
         why = "its values are hidden; unset it first";
-    fprintf(stderr, "%s: error: can't change %s: %s\n", file, placeOf(stanza, key).c_str(),
-            why.c_str());
-    return badData;
+    return reportError(badData, file, "can't change " + placeOf(stanza, key) + ": " + why);
+}
+
+// A condition that doesn't hold.
+static Exit tellUnmet(const char* file, const char* stanza, const char* key, const char* why) {
+    fprintf(stderr, "%s: %s %s\n", file, placeOf(stanza, key).c_str(), why);
+    return unmet;
+}
+
+// Whether the change may be made to the key as it is now.
+static Exit checkConditions(ZPROP_handle* handle, const char* file, const Change& change) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    const bool exists = hasEntry(handle, stanza, key);
+    if (change.terms.ifMissing && exists)
+        return tellUnmet(file, stanza, key, "is there already");
+    if (!change.terms.ifEquals)
+        return done;
+    Words values;
+    if (const Exit failed = valuesOf(handle, file, stanza, key, values))
+        return failed;
+    const bool isEqual = values.empty() ? change.terms.equals.empty()
+                                        : values.size() == 1 && values[0] == change.terms.equals;
+    return exists && isEqual ? done : tellUnmet(file, stanza, key, "has another value");
+}
+
+// Turns the sample of a key that isn't there into its entry.
+static Exit uncomment(ZPROP_handle* handle, const char* file, const Change& change) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    bool found = hasEntry(handle, stanza, key);
+    if (!found && uncommentEntry(handle, stanza, key, found) != ZPROP_OK)
+        return refuse(handle, file, stanza, key);
+    // A value makes the entry where there is no sample.
+    return found || change.word(3) != nullptr
+               ? done
+               : tellUnmet(file, stanza, key, "has no sample, as # KEY = VALUE; give it a VALUE");
 }
 
 static Exit set(ZPROP_handle* handle, const char* file, const Change& change) {
     const char *stanza = change.word(1), *key = change.word(2);
-    const int result =
-        change.type == integerType   ? zstzPropSetIntegerValue(handle, stanza, key, change.number)
-        : change.type == booleanType ? zstzPropSetBooleanValue(handle, stanza, key, change.truth)
-                                     : zstzPropSetStringValue(handle, stanza, key, change.word(3));
+    Exit failed = checkConditions(handle, file, change);
+    if (failed == done && change.terms.uncomment)
+        failed = uncomment(handle, file, change);
+    if (failed != done || change.word(3) == nullptr)
+        return failed;
+    const int result = change.terms.type == integerType
+                           ? zstzPropSetIntegerValue(handle, stanza, key, change.number)
+                       : change.terms.type == booleanType
+                           ? zstzPropSetBooleanValue(handle, stanza, key, change.truth)
+                           : zstzPropSetStringValue(handle, stanza, key, change.word(3));
     return result == ZPROP_OK ? done : refuse(handle, file, stanza, key);
 }
 
@@ -131,11 +162,41 @@ static Exit comment(ZPROP_handle* handle, const char* file, const Change& change
                : refuse(handle, file, commented(change, 1), commented(change, 2));
 }
 
+// The last word is the new name, of the stanza or key ahead of it.
+static Exit rename(ZPROP_handle* handle, const char* file, const Change& change) {
+    const char *stanza = change.word(1), *key = commented(change, 2);
+    const char* name = change.words.back().c_str();
+    if (!isThere(handle, file, stanza, key))
+        return notFound;
+    if (hasEntry(handle, key == nullptr ? name : stanza, key == nullptr ? nullptr : name))
+        return tellUnmet(file, key == nullptr ? name : stanza, key == nullptr ? nullptr : name,
+                         "is there already; unset it first");
+    bool found = false;
+    return renameEntry(handle, stanza, key, name, found) == ZPROP_OK
+               ? done
+               : refuse(handle, file, stanza, nullptr);
+}
+
+static Exit disable(ZPROP_handle* handle, const char* file, const Change& change) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    bool found = false;
+    if (!isThere(handle, file, stanza, key))
+        return notFound;
+    return disableEntry(handle, stanza, key, found) == ZPROP_OK
+               ? done
+               : reportError(badData, file,
+                             "can't change " + placeOf(stanza, key) + ": " + lastErrorText());
+}
+
 static Exit apply(ZPROP_handle* handle, const char* file, const Change& change) {
     if (change.is("set"))
         return set(handle, file, change);
     if (change.is("add"))
         return add(handle, file, change.word(1), change.word(2), change.word(3));
+    if (change.is("rename"))
+        return rename(handle, file, change);
+    if (change.is("disable"))
+        return disable(handle, file, change);
     return change.is("unset") ? unset(handle, file, change) : comment(handle, file, change);
 }
 
@@ -143,62 +204,39 @@ static Exit apply(ZPROP_handle* handle, const char* file, const Change& change) 
 
 namespace {
 
-// An empty file, in memory if that can be had, on which changes are tried out: names and values
-// that the library refuses there it refuses in any file.
+// An empty text on which changes are tried out: names and values that the library refuses there it
+// refuses in any file.
 class Trial {
 public:
-    Trial() : descriptor_(memfd_create("zstz", MFD_CLOEXEC)) {}
-    ~Trial() {
-        handle_.reset();
-        if (descriptor_ != -1)
-            close(descriptor_);
-        if (!made_.empty())
-            unlink(made_.c_str());
-    }
-    Trial(const Trial&) = delete;
-    Trial& operator=(const Trial&) = delete;
-
-    // Tries out a change other than unset, and reads the value if it has a type.
+    // Tries out what a change brings, and reads the value if it has a type.
     Exit run(Change& change) {
         if (handle_ == nullptr)
-            if (const Exit failed = open())
+            if (const Exit failed = openText("zstz", "", handle_))
                 return failed;
         if (change.is("comment"))
             return addComment(handle_.get(), change) == ZPROP_OK
                        ? done
                        : refuse(commented(change, 1), commented(change, 2), lastErrorText());
         const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
+        if (change.is("rename")) {
+            const bool isStanza = commented(change, 2) == nullptr;
+            stanza = isStanza ? key : stanza;
+            key = isStanza ? "key" : value;
+            value = "";
+        }
         std::string why;
         if (zstzPropSetStringValue(handle_.get(), stanza, key, value) != ZPROP_OK)
             return refuse(stanza, key, lastErrorText());
         if (change.is("add") && !addValue(handle_.get(), stanza, key, value, why))
             return refuse(stanza, key, why);
-        if (change.type == integerType && !readInteger(change))
+        if (change.terms.type == integerType && !readInteger(change))
             return complain(usage, "not an integer from 0 to 4294967295: %s", value);
-        if (change.type == booleanType && !readBoolean(change))
+        if (change.terms.type == booleanType && !readBoolean(change))
             return complain(usage, "neither yes nor no: %s", value);
         return done;
     }
 
 private:
-    Exit open() {
-        std::string path = "/proc/self/fd/" + std::to_string(descriptor_);
-        if (access(path.c_str(), R_OK) != 0) {
-            const char* folder = getenv("TMPDIR");
-            path = std::string(folder == nullptr || *folder == '\0' ? "/tmp" : folder) +
-                   "/zstz-XXXXXX";
-            const int made = mkstemp(&path[0]);
-            if (made == -1)
-                return complain(fileError, "can't try changes out: %s: %s", path.c_str(),
-                                strerror(errno));
-            close(made);
-            made_ = path;
-        }
-        Options options;
-        options.storeMode = ZPROP_STORE_PLAIN;
-        return openFile(path.c_str(), options, handle_);
-    }
-
     static Exit refuse(const char* stanza, const char* key, const std::string& why) {
         return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
     }
@@ -219,8 +257,6 @@ private:
         return error == ZPROP_OK;
     }
 
-    const int descriptor_;
-    std::string made_;  // where no file in memory can be reached
     Handle handle_;
 };
 
@@ -234,52 +270,20 @@ static Exit checkChange(Change& change, Trial& trial) {
     // Its name stands in the place of the file.
     if (const Exit failed = checkCount(*command, change.words.size()))
         return failed;
-    if (const Exit failed = checkTakesType(*command, change.type))
+    if (const Exit failed = checkTerms(command->name, change.terms))
         return failed;
-    return change.is("unset") ? done : trial.run(change);
+    if (change.is("set") && change.word(3) == nullptr && !change.terms.uncomment)
+        return complain(usage, "set takes a VALUE, but with --uncomment");
+    return change.is("unset") || change.is("disable") ? done : trial.run(change);
 }
 
-// ---------------------------------------------------------------- updates
-
-// Makes an empty file that the library can open. One that is there stays as it is.
-static Exit createFile(const char* file) {
-    const int descriptor = open(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (descriptor == -1 && errno != EEXIST)
-        return complain(fileError, "%s: %s", file, strerror(errno));
-    if (descriptor != -1)
-        close(descriptor);
-    return done;
-}
-
-// Opens the file and lets `changes` run as one update.
-template <typename Changes>
-static Exit update(const char* file, const Options& options, Changes changes) {
-    if (options.create)
-        if (const Exit failed = createFile(file))
-            return failed;
-    Handle handle;
-    if (const Exit failed = openFile(file, options, handle))
-        return failed;
-    if (zstzPropBegin(handle.get(), options.wait) != ZPROP_OK)
-        return reportLastError(file);
-    if (const Exit failed = changes(handle.get()))
-        return failed;  // closing takes back what was done
-    if (zstzPropCommit(handle.get()) != ZPROP_OK)
-        return reportLastError(file);
-    int stored = options.storeMode;
-    if (zstzPropLastStoreMode(handle.get(), &stored) == ZPROP_OK && stored < options.storeMode)
-        fprintf(stderr,
-                "%s: note: changed in place, without a journal: it couldn't be given the "
-                "file's owner and access\n",
-                file);
-    return done;
-}
+// ---------------------------------------------------------------- one change
 
 Exit change(const Words& words, const Options& options) {
     Change change;
     change.words = words;
     change.words.erase(change.words.begin() + 1);  // the file
-    change.type = options.type;
+    change.terms = options.terms;
     Trial trial;
     if (const Exit failed = checkChange(change, trial))
         return failed;
@@ -318,15 +322,38 @@ static bool divide(const std::string& line, Words& words) {
     return quote == '\0';
 }
 
+// Takes the options behind a change's name.
+static Exit takeTerms(Change& change) {
+    Words& words = change.words;
+    while (words.size() > 1) {
+        const std::string option = words[1];
+        const bool takesWord = option == "--type" || option == "--if-equals";
+        if (takesWord && words.size() < 3)
+            return complain(usage, "%s needs a word behind it", option.c_str());
+        if (option == "--if-missing") {
+            change.terms.ifMissing = true;
+        } else if (option == "--uncomment") {
+            change.terms.uncomment = true;
+        } else if (option == "--if-equals") {
+            change.terms.ifEquals = true;
+            change.terms.equals = words[2];
+        } else if (option == "--type") {
+            if (const Exit failed = parseType(words[2].c_str(), change.terms.type))
+                return failed;
+        } else {
+            return done;
+        }
+        words.erase(words.begin() + 1, words.begin() + (takesWord ? 3 : 2));
+    }
+    return done;
+}
+
 // The change that a line says.
 static Exit readChange(const std::string& line, Change& change, Trial& trial) {
     if (!divide(line, change.words))
         return complain(usage, "a quote isn't closed: %s", line.c_str());
-    if (change.words.size() > 2 && change.words[1] == "--type") {
-        if (const Exit failed = parseType(change.words[2].c_str(), change.type))
-            return failed;
-        change.words.erase(change.words.begin() + 1, change.words.begin() + 3);
-    }
+    if (const Exit failed = takeTerms(change))
+        return failed;
     return change.words.empty() ? complain(usage, "an empty change") : checkChange(change, trial);
 }
 
@@ -347,6 +374,11 @@ static void readLines(Words& lines) {
 
 Exit edit(const Words& words, const Options& options) {
     Words lines(words.begin() + 1, words.end());
+    if (options.editor)
+        return lines.empty() ? editByEditor(words[0].c_str(), options)
+                             : complain(usage, "edit takes changes or --editor");
+    if (lines.empty() && isStandardInput(words[0].c_str()))
+        return complain(usage, "with standard input as FILE, changes are arguments");
     if (lines.empty())
         readLines(lines);
     std::vector<Change> changes(lines.size());
@@ -372,21 +404,18 @@ Exit edit(const Words& words, const Options& options) {
 // Makes the values of one key those of the other file.
 static Exit takeOver(ZPROP_handle* base, ZPROP_handle* over, const char* file, const char* overFile,
                      const char* stanza, const char* key) {
-    int error = 0;
     Words now, wanted;
     Exit failed = valuesOf(over, overFile, stanza, key, wanted);
     if (failed == done)
         failed = valuesOf(base, file, stanza, key, now);
     if (failed != done)
         return failed;
-    if (now == wanted && zstzPropExists(base, stanza, key, &error) != 0)
+    if (now == wanted && hasEntry(base, stanza, key))
         return done;
     // The C interface puts no hidden values in, and text must not show what was hidden.
-    if (zstzPropIsHidden(over, stanza, key, &error) != 0) {
-        fprintf(stderr, "%s: error: [%s] %s is hidden and can't be taken over\n", overFile, stanza,
-                key);
-        return badData;
-    }
+    if (isHidden(over, stanza, key))
+        return reportError(badData, overFile,
+                           placeOf(stanza, key) + " is hidden and can't be taken over");
     const char* first = wanted.empty() ? "" : wanted[0].c_str();
     if (zstzPropSetStringValue(base, stanza, key, first) != ZPROP_OK)
         return refuse(base, file, stanza, key);
@@ -402,10 +431,9 @@ static Exit removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* fil
     if (const Exit failed = stanzasOf(base, file, stanzas))
         return failed;
     for (const std::string& stanza : stanzas) {
-        int error = 0;
         if (stanza == ZPROP_SIDE_STANZA)  // says where hidden values are
             continue;
-        if (zstzPropExists(over, stanza.c_str(), nullptr, &error) == 0) {
+        if (!hasEntry(over, stanza.c_str(), nullptr)) {
             if (zstzPropRemoveStanza(base, stanza.c_str()) != ZPROP_OK)
                 return refuse(base, file, stanza.c_str(), nullptr);
             continue;
@@ -414,7 +442,7 @@ static Exit removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* fil
         if (const Exit failed = keysOf(base, file, stanza.c_str(), keys))
             return failed;
         for (const std::string& key : keys)
-            if (zstzPropExists(over, stanza.c_str(), key.c_str(), &error) == 0 &&
+            if (!hasEntry(over, stanza.c_str(), key.c_str()) &&
                 zstzPropRemoveKey(base, stanza.c_str(), key.c_str()) != ZPROP_OK)
                 return refuse(base, file, stanza.c_str(), key.c_str());
     }

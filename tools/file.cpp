@@ -1,6 +1,25 @@
-#include <cstdio>
+// file.cpp: files, and what is told about them.
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
 
 #include "zstz.h"
+
+// ---------------------------------------------------------------- messages
+
+const char* colourOf(FILE* stream, Colour colour) {
+    static const char* const kCodes[] = {"\033[31m", "\033[32m", "\033[m"};
+    static int wanted[2] = {-1, -1};  // of standard output and error
+    int& isWanted = wanted[stream == stderr];
+    if (isWanted == -1) {
+        const char *none = getenv("NO_COLOR"), *terminal = getenv("TERM");
+        isWanted = isatty(fileno(stream)) == 1 && (none == nullptr || *none == '\0') &&
+                   terminal != nullptr && strcmp(terminal, "dumb") != 0;
+    }
+    return isWanted == 1 ? kCodes[colour] : "";
+}
 
 Exit complain(Exit code, const char* format, const char* a, const char* b) {
     fputs("zstz: ", stderr);
@@ -9,23 +28,32 @@ Exit complain(Exit code, const char* format, const char* a, const char* b) {
     return code;
 }
 
-// ---------------------------------------------------------------- files
+Exit reportError(Exit code, const char* file, const std::string& text) {
+    fprintf(stderr, "%s: %serror:%s %s\n", file, colourOf(stderr, red),
+            colourOf(stderr, plainColour), text.c_str());
+    return code;
+}
 
-Exit reportLastError(const char* file) {
+Failed lastFailure(const char* file) {
     ZPROP_error error;
     zstzPropLastError(&error);
-    const char* where = error.file == nullptr ? file : error.file;
-    const char* text = error.text == nullptr ? "failed" : error.text;
+    const bool namesFile = error.file != nullptr && *error.file != '\0';
+    Failed failed = {fileError, namesFile ? error.file : file, error.line, lastErrorText()};
     if (error.line > 0) {
-        fprintf(stderr, "%s:%d: error: bad line: %s\n", where, error.line, text);
-        return badData;
+        failed.code = badData;
+    } else if (error.number == invalidData) {
+        failed.code = badData;
+        failed.text = "not a side database";
     }
-    if (error.number == invalidData) {
-        fprintf(stderr, "%s: error: not a side database\n", where);
-        return badData;
-    }
-    fprintf(stderr, "%s: error: %s\n", where, text);
-    return fileError;
+    return failed;
+}
+
+Exit reportLastError(const char* file) {
+    const Failed failed = lastFailure(file);
+    return failed.line > 0
+               ? reportError(failed.code, (failed.file + ":" + std::to_string(failed.line)).c_str(),
+                             "bad line: " + failed.text)
+               : reportError(failed.code, failed.file.c_str(), failed.text);
 }
 
 std::string lastErrorText() {
@@ -34,25 +62,112 @@ std::string lastErrorText() {
     return error.text == nullptr ? "failed" : error.text;
 }
 
-Exit openFile(const char* file, const Options& options, Handle& handle) {
+// ---------------------------------------------------------------- files
+
+static const unsigned long kAttributes = ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
+
+Exit readStandardInput(std::string& text) {
+    static bool wasRead = false;
+    if (wasRead)
+        return complain(usage, "standard input can be read once only");
+    wasRead = true;
+    char piece[64 * 1024];
+    for (size_t got; (got = fread(piece, 1, sizeof piece, stdin)) != 0;)
+        text.append(piece, got);
+    return ferror(stdin) == 0 ? done : complain(fileError, "standard input: %s", strerror(errno));
+}
+
+Exit openText(const char* file, const std::string& text, Handle& handle) {
     ZPROP_handle* opened = nullptr;
-    const int result =
-        zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, ZPCACHE_STRICT | ZPCACHE_KEEP_LINES,
-                         options.storeMode, options.wait);
+    if (zstzPropOpenBytes(&opened, text.data(), text.size(), kAttributes) != ZPROP_OK)
+        return reportLastError(file);
+    handle.reset(opened);
+    return done;
+}
+
+Exit openFile(const char* file, const Options& options, Handle& handle) {
+    if (isStandardInput(file)) {
+        std::string text;
+        const Exit failed = readStandardInput(text);
+        return failed != done ? failed : openText(file, text, handle);
+    }
+    ZPROP_handle* opened = nullptr;
+    const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
+                                        options.storeMode, options.wait);
     if (result != ZPROP_OK)
         return reportLastError(file);
     handle.reset(opened);
     return done;
 }
 
-bool isThere(ZPROP_handle* handle, const char* file, const char* stanza, const char* key) {
+// ---------------------------------------------------------------- what is there
+
+bool hasEntry(ZPROP_handle* handle, const char* stanza, const char* key) {
     int error = 0;
-    if (zstzPropExists(handle, stanza, key, &error) != 0)
+    return zstzPropExists(handle, stanza, key, &error) != 0;
+}
+
+bool isHidden(ZPROP_handle* handle, const char* stanza, const char* key) {
+    int error = 0;
+    return zstzPropIsHidden(handle, stanza, key, &error) != 0;
+}
+
+// Whether one letter more, less or other, two that have changed places, or their case make one name
+// the other.
+static bool isNear(const std::string& a, const std::string& b) {
+    if (a.size() < 3 || b.size() < 3)
+        return false;  // these are all alike
+    if (strcasecmp(a.c_str(), b.c_str()) == 0)
         return true;
-    if (key == nullptr || zstzPropExists(handle, stanza, nullptr, &error) == 0)
-        fprintf(stderr, "%s: no stanza [%s]\n", file, stanza);
-    else
-        fprintf(stderr, "%s: no key %s in [%s]\n", file, key, stanza);
+    const std::string &shorter = a.size() < b.size() ? a : b, &longer = a.size() < b.size() ? b : a;
+    const size_t more = longer.size() - shorter.size();
+    if (more > 1)
+        return false;
+    size_t at = 0;
+    while (at < shorter.size() && shorter[at] == longer[at])
+        ++at;
+    if (more == 1 || at + 1 >= shorter.size())
+        return shorter.compare(at + 1 - more, shorter.npos, longer, at + 1, longer.npos) == 0;
+    const bool changedPlaces = shorter[at] == longer[at + 1] && shorter[at + 1] == longer[at];
+    return shorter.compare(at + 1, shorter.npos, longer, at + 1, longer.npos) == 0 ||
+           (changedPlaces &&
+            shorter.compare(at + 2, shorter.npos, longer, at + 2, longer.npos) == 0);
+}
+
+// The only name that is near the wanted one; empty without one.
+static std::string nearestOf(const Words& names, const char* wanted) {
+    std::string found;
+    for (const std::string& name : names) {
+        if (!isNear(name, wanted))
+            continue;
+        if (!found.empty())
+            return "";
+        found = name;
+    }
+    return found;
+}
+
+bool isThere(ZPROP_handle* handle, const char* file, const char* stanza, const char* key) {
+    if (hasEntry(handle, stanza, key))
+        return true;
+    Words names;
+    if (key == nullptr || !hasEntry(handle, stanza, nullptr)) {
+        fprintf(stderr, "%s: no stanza [%s]", file, stanza);
+        stanzasOf(handle, file, names);
+        const std::string near = nearestOf(names, stanza);
+        if (near.empty())
+            fprintf(stderr, "; see zstz list %s\n", file);
+        else
+            fprintf(stderr, "; did you mean [%s]?\n", near.c_str());
+    } else {
+        fprintf(stderr, "%s: no key %s in [%s]", file, key, stanza);
+        keysOf(handle, file, stanza, names);
+        const std::string near = nearestOf(names, key);
+        if (near.empty())
+            fprintf(stderr, "; see zstz list %s %s\n", file, stanza);
+        else
+            fprintf(stderr, "; did you mean %s?\n", near.c_str());
+    }
     return false;
 }
 
@@ -65,9 +180,9 @@ Exit walkValues(ZPROP_handle* handle, const char* file, const char* stanza, cons
     return done;
 }
 
-Exit stanzasOf(ZPROP_handle* handle, const char* file, Words& out) {
-    char** names = nullptr;
-    if (zstzPropGetStanzas(handle, &names) != ZPROP_OK)
+// A list of names that the library has made.
+static Exit takeNames(int result, char** names, const char* file, Words& out) {
+    if (result != ZPROP_OK)
         return reportLastError(file);
     for (char** name = names; *name != nullptr; ++name)
         out.push_back(*name);
@@ -75,14 +190,16 @@ Exit stanzasOf(ZPROP_handle* handle, const char* file, Words& out) {
     return done;
 }
 
+Exit stanzasOf(ZPROP_handle* handle, const char* file, Words& out) {
+    char** names = nullptr;
+    const int result = zstzPropGetStanzas(handle, &names);
+    return takeNames(result, names, file, out);
+}
+
 Exit keysOf(ZPROP_handle* handle, const char* file, const char* stanza, Words& out) {
-    Walk walk;
-    if (const Exit failed = walkValues(handle, file, stanza, nullptr, walk))
-        return failed;
-    int error = 0;
-    while (zstzPropIter_next(walk.get(), &error) != 0)
-        out.push_back(zstzPropIter_getKey(walk.get(), &error));
-    return done;
+    char** names = nullptr;
+    const int result = zstzPropGetKeys(handle, stanza, &names);
+    return takeNames(result, names, file, out);
 }
 
 Exit valuesOf(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,

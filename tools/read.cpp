@@ -1,18 +1,20 @@
-#include <cstdio>
-
 #include "zstz.h"
 
-Exit get(const Words& words, const Options& options) {
-    const char *file = words[0].c_str(), *stanza = words[1].c_str(), *key = words[2].c_str();
-    Handle handle;
-    if (const Exit failed = openFile(file, options, handle))
-        return failed;
-    if (!isThere(handle.get(), file, stanza, key))
-        return notFound;
+// ---------------------------------------------------------------- get
+
+// Prints the values of one key as `get` does. A key that isn't there has the default one.
+static Exit printValues(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
+                        const Options& options) {
     Words values;
-    if (const Exit failed = valuesOf(handle.get(), file, stanza, key, values))
+    if (!hasEntry(handle, stanza, key))
+        values.push_back(options.defaultText);
+    else if (const Exit failed = valuesOf(handle, file, stanza, key, values))
         return failed;
-    if (options.all) {
+    if (options.all && options.json) {
+        puts(jsonList(values).c_str());
+    } else if (options.json) {
+        puts(values.empty() ? "null" : jsonOf(values.back()).c_str());
+    } else if (options.all) {
         for (const std::string& value : values)
             puts(value.c_str());
     } else {
@@ -21,9 +23,31 @@ Exit get(const Words& words, const Options& options) {
     return done;
 }
 
-static Exit listEntries(ZPROP_handle* handle, const char* file, const char* stanza) {
-    if (!isThere(handle, file, stanza, nullptr))
+Exit get(const Words& words, const Options& options) {
+    if (words.size() % 2 == 0)
+        return complain(usage, "get takes FILE and pairs of STANZA and KEY");
+    if (options.all && !options.json && words.size() > 3)
+        return complain(usage, "--all with several keys goes with --json: a list a line");
+    const char* file = words[0].c_str();
+    Handle handle;
+    if (const Exit failed = openFile(file, options, handle))
+        return failed;
+    // Either a line for each or none.
+    bool areThere = true;
+    for (size_t i = 1; !options.hasDefault && i < words.size(); i += 2)
+        areThere = isThere(handle.get(), file, words[i].c_str(), words[i + 1].c_str()) && areThere;
+    if (!areThere)
         return notFound;
+    for (size_t i = 1; i < words.size(); i += 2)
+        if (const Exit failed =
+                printValues(handle.get(), file, words[i].c_str(), words[i + 1].c_str(), options))
+            return failed;
+    return done;
+}
+
+// ---------------------------------------------------------------- list
+
+static Exit listEntries(ZPROP_handle* handle, const char* file, const char* stanza) {
     Words keys;
     if (const Exit failed = keysOf(handle, file, stanza, keys))
         return failed;
@@ -39,117 +63,137 @@ static Exit listEntries(ZPROP_handle* handle, const char* file, const char* stan
     return done;
 }
 
+namespace {
+
+// Prints entries, as a walk over all of them brings them, as nested objects: a line a key.
+class JSONPrinter {
+public:
+    // Of all stanzas if this is null.
+    explicit JSONPrinter(const char* only) : only_(only) { putchar('{'); }
+
+    void take(const ZPROP_entry& entry) {
+        if (entry.key == nullptr) {
+            endStanza();
+            if (only_ != nullptr && strcmp(only_, entry.stanza) != 0)
+                return;
+            isOpen_ = true;
+            isFirstKey_ = true;
+            if (only_ == nullptr)
+                printf("%s\n%s: {", isFirst_ ? "" : ",", jsonNameOf(entry.stanza).c_str());
+            isFirst_ = false;
+            return;
+        }
+        if (!isOpen_)
+            return;
+        if (!hasKey_ || key_ != entry.key)
+            endKey();
+        hasKey_ = true;
+        key_ = entry.key;
+        areHidden_ = entry.hidden != 0;
+        if (entry.value != nullptr)
+            values_.push_back(entry.value);
+    }
+    void end() {
+        endStanza();
+        fputs(only_ != nullptr || isFirst_ ? "}\n" : "\n}\n", stdout);
+    }
+
+private:
+    void endKey() {
+        if (hasKey_)
+            printf("%s\n  %s: %s", isFirstKey_ ? "" : ",", jsonNameOf(key_).c_str(),
+                   jsonOfValues(values_, areHidden_).c_str());
+        isFirstKey_ = isFirstKey_ && !hasKey_;
+        hasKey_ = false;
+        values_.clear();
+    }
+    void endStanza() {
+        endKey();
+        if (isOpen_ && !isFirstKey_)
+            putchar('\n');
+        if (isOpen_ && only_ == nullptr)
+            putchar('}');
+        isOpen_ = false;
+    }
+
+    const char* const only_;
+    bool isFirst_ = true, isFirstKey_ = true, isOpen_ = false, hasKey_ = false, areHidden_ = false;
+    std::string key_;
+    Words values_;
+};
+
+}  // namespace
+
+static Exit listAsJSON(ZPROP_handle* handle, const char* file, const char* stanza) {
+    JSONPrinter printer(stanza);
+    const auto take = [](void* to, const ZPROP_entry* entry) {
+        static_cast<JSONPrinter*>(to)->take(*entry);
+        return 0;
+    };
+    if (zstzPropForEach(handle, take, &printer) != ZPROP_OK)
+        return reportLastError(file);
+    printer.end();
+    return done;
+}
+
 Exit list(const Words& words, const Options& options) {
     const char* file = words[0].c_str();
+    const char* stanza = words.size() > 1 ? words[1].c_str() : nullptr;
     Handle handle;
     if (const Exit failed = openFile(file, options, handle))
         return failed;
-    if (words.size() > 1)
-        return listEntries(handle.get(), file, words[1].c_str());
+    if (stanza != nullptr && !isThere(handle.get(), file, stanza, nullptr))
+        return notFound;
+    if (options.json)
+        return listAsJSON(handle.get(), file, stanza);
+    if (stanza != nullptr)
+        return listEntries(handle.get(), file, stanza);
     Words stanzas;
     if (const Exit failed = stanzasOf(handle.get(), file, stanzas))
         return failed;
-    for (const std::string& stanza : stanzas)
-        puts(stanza.c_str());
+    for (const std::string& name : stanzas)
+        puts(name.c_str());
     return done;
+}
+
+// ---------------------------------------------------------------- check
+
+// Whether it is good; why not, goes to standard output.
+static Exit checkAsJSON(const char* file, const Options& options) {
+    ZPROP_handle* opened = nullptr;
+    int result;
+    if (isStandardInput(file)) {
+        std::string text;
+        if (const Exit failed = readStandardInput(text))
+            return failed;
+        result = zstzPropOpenBytes(&opened, text.data(), text.size(), ZPCACHE_STRICT);
+    } else {
+        result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.storeMode,
+                                  options.wait);
+    }
+    const Handle handle(opened);
+    if (result == ZPROP_OK) {
+        printf("{\"file\": %s, \"ok\": true}\n", jsonOf(file).c_str());
+        return done;
+    }
+    const Failed failed = lastFailure(file);
+    printf("{\"file\": %s, \"ok\": false, \"in\": %s, ", jsonOf(file).c_str(),
+           jsonOf(failed.file).c_str());
+    if (failed.line > 0)
+        printf("\"line\": %d, \"error\": \"bad line\", \"text\": %s}\n", failed.line,
+               jsonOf(failed.text).c_str());
+    else
+        printf("\"error\": %s}\n", jsonOf(failed.text).c_str());
+    return failed.code;
 }
 
 Exit check(const Words& words, const Options& options) {
     Exit worst = done;
     for (const std::string& file : words) {
         Handle handle;
-        const Exit result = openFile(file.c_str(), options, handle);
+        const Exit result = options.json ? checkAsJSON(file.c_str(), options)
+                                         : openFile(file.c_str(), options, handle);
         worst = result > worst ? result : worst;
     }
     return worst;
-}
-
-// ---------------------------------------------------------------- diff
-
-namespace {
-
-// One of the two files that are compared.
-struct Side {
-    const char* file;
-    char sign;
-    Handle handle;
-
-    bool has(const char* stanza, const char* key) const {
-        int error = 0;
-        return zstzPropExists(handle.get(), stanza, key, &error) != 0;
-    }
-    bool hides(const char* stanza, const char* key) const {
-        int error = 0;
-        return zstzPropIsHidden(handle.get(), stanza, key, &error) != 0;
-    }
-    // Prints what this side has of the key. What is hidden stays so.
-    Exit print(const char* stanza, const char* key) const {
-        if (hides(stanza, key)) {
-            printf("%c [%s] %s (hidden)\n", sign, stanza, key);
-            return done;
-        }
-        Words values;
-        if (const Exit failed = valuesOf(handle.get(), file, stanza, key, values))
-            return failed;
-        for (const std::string& value : values)
-            printf("%c [%s] %s = %s\n", sign, stanza, key, value.c_str());
-        if (values.empty())
-            printf("%c [%s] %s =\n", sign, stanza, key);
-        return done;
-    }
-};
-
-}  // namespace
-
-// Prints what one side has and the other lacks, and, once for both, where their values differ.
-static Exit printDifferences(const Side& here, const Side& there, bool printChanged, bool& found) {
-    Words stanzas;
-    if (const Exit failed = stanzasOf(here.handle.get(), here.file, stanzas))
-        return failed;
-    for (const std::string& name : stanzas) {
-        const char* stanza = name.c_str();
-        if (!there.has(stanza, nullptr)) {
-            printf("%c [%s]\n", here.sign, stanza);
-            found = true;
-        }
-        Words keys;
-        if (const Exit failed = keysOf(here.handle.get(), here.file, stanza, keys))
-            return failed;
-        for (const std::string& keyName : keys) {
-            const char* key = keyName.c_str();
-            const bool inBoth = there.has(stanza, key);
-            if (inBoth && !printChanged)
-                continue;
-            if (inBoth) {
-                Words left, right;
-                Exit failed = valuesOf(here.handle.get(), here.file, stanza, key, left);
-                if (failed == done)
-                    failed = valuesOf(there.handle.get(), there.file, stanza, key, right);
-                if (failed != done)
-                    return failed;
-                if (left == right && here.hides(stanza, key) == there.hides(stanza, key))
-                    continue;
-            }
-            found = true;
-            Exit failed = here.print(stanza, key);
-            if (failed == done && inBoth)
-                failed = there.print(stanza, key);
-            if (failed != done)
-                return failed;
-        }
-    }
-    return done;
-}
-
-Exit diff(const Words& words, const Options& options) {
-    Side before = {words[0].c_str(), '-', nullptr}, after = {words[1].c_str(), '+', nullptr};
-    Exit failed = openFile(before.file, options, before.handle);
-    if (failed == done)
-        failed = openFile(after.file, options, after.handle);
-    bool found = false;
-    if (failed == done)
-        failed = printDifferences(before, after, true, found);
-    if (failed == done)
-        failed = printDifferences(after, before, false, found);
-    return failed != done ? failed : found ? differ : done;
 }

@@ -2,7 +2,6 @@
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 
 #include "zstz.h"
@@ -17,6 +16,7 @@ struct CloseWatch {
 struct Action {
     const char* file;
     const char* command;  // null: the change is printed
+    bool asJSON;
 };
 
 }  // namespace
@@ -24,6 +24,12 @@ struct Action {
 static void act(void* data, const char* stanza, const char* key, int change) {
     static const char* const kWords[] = {"added", "deleted", "modified"};
     const Action& action = *static_cast<const Action*>(data);
+    if (action.asJSON) {
+        const std::string what = key == nullptr ? "" : ", \"key\": " + jsonOf(key);
+        printf("{\"change\": \"%s\", \"stanza\": %s%s}\n", kWords[change], jsonOf(stanza).c_str(),
+               what.c_str());
+        return;
+    }
     if (action.command == nullptr) {
         printf("%s [%s]%s%s\n", kWords[change], stanza, key == nullptr ? "" : " ",
                key == nullptr ? "" : key);
@@ -41,7 +47,11 @@ static void act(void* data, const char* stanza, const char* key, int change) {
 }
 
 Exit watch(const Words& words, const Options& options) {
-    Action action = {words[0].c_str(), words.size() > 1 ? words[1].c_str() : nullptr};
+    Action action = {words[0].c_str(), words.size() > 1 ? words[1].c_str() : nullptr, options.json};
+    if (options.json && action.command != nullptr)
+        return complain(usage, "--json prints changes, and goes without COMMAND");
+    if (isStandardInput(action.file))
+        return complain(usage, "standard input can't be watched");
     Handle handle;
     if (const Exit failed = openFile(action.file, options, handle))
         return failed;

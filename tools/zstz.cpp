@@ -4,53 +4,69 @@
 #include <getopt.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 
 static const char kHelp[] =
     "Usage: zstz COMMAND [OPTION]... ARGUMENT...\n"
     "Reads and changes stanza files: [stanza] headers, \"key = value\" entries, # comments.\n"
     "\n"
-    "  get FILE STANZA KEY            print the last value of the key\n"
+    "  get FILE STANZA KEY [STANZA KEY]...\n"
+    "                                 print the last value of each key\n"
     "      --all                      print all its values, one a line\n"
+    "      --default TEXT             print TEXT for a key that isn't there\n"
     "  list FILE [STANZA]             print the stanzas' names, or a stanza's entries\n"
     "  check FILE...                  load each; tell the first bad line of each bad one\n"
     "  diff A B                       print what differs, key by key\n"
     "  watch FILE [COMMAND]           print each change of the file, or run COMMAND for it\n"
+    "      --json                     print JSON (get, list, check, diff, watch)\n"
     "\n"
     "  set FILE STANZA KEY VALUE      make VALUE the only value of the key\n"
     "      --type TYPE                string (default), integer or boolean\n"
+    "      --if-missing               only if the key isn't there\n"
+    "      --if-equals OLD            only if OLD is its only value\n"
+    "      --uncomment                first make a comment \"# KEY = ...\" the entry, at its "
+    "place;\n"
+    "                                 without VALUE its value stays\n"
     "  add FILE STANZA KEY VALUE      add one more value to the key\n"
     "  unset FILE STANZA [KEY [VALUE]]\n"
     "                                 remove the stanza, the key, or VALUE from the key\n"
+    "  disable FILE STANZA KEY        make the key's entries comments, \"# KEY = VALUE\"\n"
+    "  rename FILE STANZA [KEY] NEW   give the stanza, or the key, another name\n"
     "  comment FILE TEXT              add a comment at the end of the file's first paragraph\n"
     "  comment FILE STANZA [KEY] TEXT add a comment below the stanza's header, or above the key\n"
-    "  edit FILE [CHANGE]...          make several changes, all or none: each is one of the four\n"
+    "  edit FILE [CHANGE]...          make several changes, all or none: each is one of the six\n"
     "                                 above without FILE; without any, lines of standard input\n"
+    "      --editor                   edit the file with $VISUAL or $EDITOR\n"
     "  merge BASE OVER                give BASE the values that OVER has\n"
     "      --delete                   and remove from BASE what OVER lacks\n"
     "\n"
     "      --create                   make the file if it doesn't exist (set, edit, merge)\n"
+    "      --dry-run                  print what would change, as a patch, and change nothing\n"
+    "      --backup[=N]               keep the last N contents, as FILE.~1~ to FILE.~N~ (default "
+    "1)\n"
     "      --wait SECONDS             how long to wait for the file's lock (default 10)\n"
     "      --store MODE               safe (default): a crash leaves the old or the new content;\n"
     "                                 checked: failures are told; plain\n"
     "      --help                     print this and end\n"
     "      --version                  print the version and end\n"
     "\n"
+    "FILE may be - for standard input; what changes it writes the result to standard output.\n"
     "Values go to standard output, messages to standard error. Arguments that begin with - come\n"
     "behind --. A change never touches the lines of other values, and any number of changes may\n"
     "run at once.\n"
     "\n"
-    "Exit status: 0 done, 1 stanza, key or value not found, or files that differ, 2 wrong usage,\n"
-    "3 the file can't be read, locked or written, 4 the file holds bad data, or hidden values "
-    "that\n"
-    "bar the change.\n";
+    "Exit status: 0 done, 1 stanza, key or value not found, a condition that doesn't hold, or\n"
+    "files that differ, 2 wrong usage, 3 the file can't be read, locked or written, 4 the file\n"
+    "holds bad data, or hidden values that bar the change.\n";
+
+static const size_t kAny = 1 << 20;
 
 static const Command kCommands[] = {
-    {"get", 3, 3, get},           {"set", 4, 4, change},      {"add", 4, 4, change},
-    {"unset", 2, 4, change},      {"comment", 2, 4, change},  {"list", 1, 2, list},
-    {"check", 1, 1 << 20, check}, {"edit", 1, 1 << 20, edit}, {"diff", 2, 2, diff},
-    {"merge", 2, 2, merge},       {"watch", 1, 2, watch},
+    {"get", 3, kAny, get},     {"set", 3, 4, change},     {"add", 4, 4, change},
+    {"unset", 2, 4, change},   {"comment", 2, 4, change}, {"rename", 3, 4, change},
+    {"disable", 3, 3, change}, {"list", 1, 2, list},      {"check", 1, kAny, check},
+    {"edit", 1, kAny, edit},   {"diff", 2, 2, diff},      {"merge", 2, 2, merge},
+    {"watch", 1, 2, watch},
 };
 
 const Command* findCommand(const std::string& name) {
@@ -66,10 +82,53 @@ Exit checkCount(const Command& command, size_t arguments) {
                : complain(usage, "wrong number of arguments for %s; see zstz --help", command.name);
 }
 
-Exit checkTakesType(const Command& command, ValueType type) {
-    return type == anyType || strcmp(command.name, "set") == 0
-               ? done
-               : complain(usage, "--type goes with set");
+namespace {
+
+// An option that was given, and the commands that take it.
+struct Given {
+    bool isGiven;
+    const char* option;
+    Words commands;
+};
+
+}  // namespace
+
+static Exit checkGiven(const std::string& command, const std::vector<Given>& options) {
+    for (const Given& option : options) {
+        std::string takers;
+        bool isTaken = !option.isGiven;
+        for (size_t i = 0; i < option.commands.size(); ++i) {
+            const bool isLast = i + 1 == option.commands.size();
+            takers += (i == 0 ? "" : isLast ? " and " : ", ") + option.commands[i];
+            isTaken = isTaken || option.commands[i] == command;
+        }
+        if (!isTaken)
+            return complain(usage, "%s goes with %s", option.option, takers.c_str());
+    }
+    return done;
+}
+
+Exit checkTerms(const char* command, const Terms& terms) {
+    if (terms.ifMissing && terms.ifEquals)
+        return complain(usage, "--if-missing and --if-equals exclude each other");
+    return checkGiven(command, {{terms.type != anyType, "--type", {"set"}},
+                                {terms.ifMissing, "--if-missing", {"set"}},
+                                {terms.ifEquals, "--if-equals", {"set"}},
+                                {terms.uncomment, "--uncomment", {"set"}}});
+}
+
+static Exit checkOptions(const std::string& command, const Options& options) {
+    const Words changes = {"set", "add", "unset", "comment", "rename", "disable", "edit", "merge"};
+    const Exit failed =
+        checkGiven(command, {{options.all, "--all", {"get"}},
+                             {options.hasDefault, "--default", {"get"}},
+                             {options.json, "--json", {"get", "list", "check", "diff", "watch"}},
+                             {options.create, "--create", {"set", "edit", "merge"}},
+                             {options.remove, "--delete", {"merge"}},
+                             {options.editor, "--editor", {"edit"}},
+                             {options.dryRun, "--dry-run", changes},
+                             {options.backups != 0, "--backup", changes}});
+    return failed == done ? checkTerms(command.c_str(), options.terms) : failed;
 }
 
 Exit parseType(const char* name, ValueType& type) {
@@ -94,14 +153,8 @@ static Exit run(Words words, const Options& options) {
         return complain(usage, "no such command: %s; see zstz --help", name.c_str());
     if (const Exit failed = checkCount(*command, words.size() - 1))
         return failed;
-    if (options.all && command->run != get)
-        return complain(usage, "--all goes with get");
-    if (const Exit failed = checkTakesType(*command, options.type))
+    if (const Exit failed = checkOptions(name, options))
         return failed;
-    if (options.create && name != "set" && name != "edit" && name != "merge")
-        return complain(usage, "--create goes with set, edit and merge");
-    if (options.remove && name != "merge")
-        return complain(usage, "--delete goes with merge");
     if (!command->isChange())
         words.erase(words.begin());
     return command->run(words, options);
@@ -124,6 +177,15 @@ static bool parseStoreMode(const char* text, int& mode) {
     return false;
 }
 
+static bool parseCount(const char* text, unsigned int& count) {
+    char* end;
+    const unsigned long number = text == nullptr ? 1 : strtoul(text, &end, 10);
+    if (text != nullptr && (*text < '1' || *text > '9' || *end != '\0' || number > 999))
+        return false;
+    count = static_cast<unsigned int>(number);
+    return true;
+}
+
 // A full disk or a closed pipe behind standard output shows here.
 static Exit finish(Exit result) {
     if (fclose(stdout) != 0 && result == done)
@@ -135,13 +197,21 @@ int main(int argc, char** argv) {
     // The library wants it set; a command should work without.
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
     static const option kOptions[] = {{"all", no_argument, nullptr, 'a'},
+                                      {"backup", optional_argument, nullptr, 'b'},
                                       {"create", no_argument, nullptr, 'c'},
-                                      {"type", required_argument, nullptr, 't'},
+                                      {"default", required_argument, nullptr, 'D'},
                                       {"delete", no_argument, nullptr, 'd'},
-                                      {"wait", required_argument, nullptr, 'w'},
-                                      {"store", required_argument, nullptr, 's'},
+                                      {"dry-run", no_argument, nullptr, 'n'},
+                                      {"editor", no_argument, nullptr, 'e'},
                                       {"help", no_argument, nullptr, 'h'},
+                                      {"if-equals", required_argument, nullptr, 'E'},
+                                      {"if-missing", no_argument, nullptr, 'm'},
+                                      {"json", no_argument, nullptr, 'j'},
+                                      {"store", required_argument, nullptr, 's'},
+                                      {"type", required_argument, nullptr, 't'},
+                                      {"uncomment", no_argument, nullptr, 'u'},
                                       {"version", no_argument, nullptr, 'v'},
+                                      {"wait", required_argument, nullptr, 'w'},
                                       {nullptr, 0, nullptr, 0}};
     Options options;
     int letter;
@@ -150,15 +220,42 @@ int main(int argc, char** argv) {
             case 'a':
                 options.all = true;
                 break;
+            case 'b':
+                if (!parseCount(optarg, options.backups))
+                    return complain(usage, "no number of backups from 1 to 999: %s", optarg);
+                break;
             case 'c':
                 options.create = true;
+                break;
+            case 'D':
+                options.hasDefault = true;
+                options.defaultText = optarg;
                 break;
             case 'd':
                 options.remove = true;
                 break;
+            case 'n':
+                options.dryRun = true;
+                break;
+            case 'e':
+                options.editor = true;
+                break;
+            case 'E':
+                options.terms.ifEquals = true;
+                options.terms.equals = optarg;
+                break;
+            case 'm':
+                options.terms.ifMissing = true;
+                break;
+            case 'j':
+                options.json = true;
+                break;
             case 't':
-                if (const Exit failed = parseType(optarg, options.type))
+                if (const Exit failed = parseType(optarg, options.terms.type))
                     return failed;
+                break;
+            case 'u':
+                options.terms.uncomment = true;
                 break;
             case 'w':
                 if (!parseWait(optarg, options.wait))

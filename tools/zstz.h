@@ -1,23 +1,31 @@
-// zstz.h: what the commands of zstz share. The command stands on the C interface and on nothing
-// below it.
+// zstz.h: what the commands of zstz share. The command stands on the C interface, but for inside.cpp,
+// which asks the object behind a handle for what only that has.
 //
-//   zstz.cpp    command line and help
-//   file.cpp    opening, reporting, reading
-//   read.cpp    get, list, check, diff
-//   change.cpp  set, add, unset, comment, edit, merge
-//   watch.cpp   watch
+//   zstz.cpp      command line and help
+//   file.cpp      opening, reporting, reading
+//   json.cpp      text as JSON
+//   read.cpp      get, list, check
+//   differ.cpp    diff
+//   change.cpp    set, add, unset, comment, rename, disable; edit, merge
+//   update.cpp    one update of a file: backups, trials, standard input and output
+//   textdiff.cpp  what differs between two texts, line by line
+//   editor.cpp    edit --editor
+//   inside.cpp    what the C interface lacks
+//   watch.cpp     watch
 #ifndef TOOLS_ZSTZ_H
 #define TOOLS_ZSTZ_H
 
 #include <Z/zproperties.h>
 
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-/// How zstz ends.
-enum Exit { done = 0, notFound = 1, differ = 1, usage = 2, fileError = 3, badData = 4 };
+/// How zstz ends. `unmet` is a condition that doesn't hold.
+enum Exit { done = 0, notFound = 1, differ = 1, unmet = 1, usage = 2, fileError = 3, badData = 4 };
 
 /// What zstzPropLastError calls failures that are no failed call of the system.
 enum Failure { invalidData = 44 };
@@ -25,11 +33,26 @@ enum Failure { invalidData = 44 };
 /// What the value of set has to be.
 enum ValueType { anyType, stringType, integerType, booleanType };
 
+/// What else is said of one set.
+struct Terms {
+    ValueType type = anyType;
+    bool ifMissing = false;
+    bool ifEquals = false;
+    std::string equals;
+    bool uncomment = false;
+};
+
 struct Options {
     bool all = false;
     bool create = false;
-    bool remove = false;       // of merge: what OVER lacks goes
-    ValueType type = anyType;  // of set
+    bool remove = false;  // of merge: what OVER lacks goes
+    bool json = false;
+    bool hasDefault = false;
+    std::string defaultText;  // of get
+    bool dryRun = false;
+    bool editor = false;       // of edit
+    unsigned int backups = 0;  // how many are kept; 0: none is made
+    Terms terms;
     int storeMode = ZPROP_STORE_SAFE;
     unsigned long wait = 10000;  // milliseconds
 };
@@ -53,6 +76,7 @@ Exit check(const Words& words, const Options& options);
 Exit diff(const Words& words, const Options& options);
 Exit change(const Words& words, const Options& options);
 Exit edit(const Words& words, const Options& options);
+Exit editByEditor(const char* file, const Options& options);
 Exit merge(const Words& words, const Options& options);
 Exit watch(const Words& words, const Options& options);
 
@@ -68,21 +92,50 @@ struct Command {
 const Command* findCommand(const std::string& name);
 /// Complains unless the command takes that many arguments.
 Exit checkCount(const Command& command, size_t arguments);
-/// Complains unless the command takes a type, or has none.
-Exit checkTakesType(const Command& command, ValueType type);
+/// Complains of what a command doesn't take.
+Exit checkTerms(const char* command, const Terms& terms);
 /// The type of this name; complains if there is none.
 Exit parseType(const char* name, ValueType& type);
+
+// ---------------------------------------------------------------- files and messages
 
 /// Tells a mistake and gives its code.
 Exit complain(Exit code, const char* format, const char* a = "", const char* b = "");
 
+/// What switches a colour on, and all of them off, where this stream leads to a terminal whose user
+/// wants them; empty otherwise.
+enum Colour { red, green, plainColour };
+const char* colourOf(FILE* stream, Colour colour);
+
+/// Whether this name means standard input.
+inline bool isStandardInput(const char* file) { return strcmp(file, "-") == 0; }
+/// All of standard input; complains where it was read before.
+Exit readStandardInput(std::string& text);
+
 /// Opens and loads the file, strictly and with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
-/// Tells what the last call has met, as a compiler would where it was a line of a file.
+/// The same of a text, as that of this file.
+Exit openText(const char* file, const std::string& text, Handle& handle);
+
+/// What the last call has met.
+struct Failed {
+    Exit code;
+    std::string file;
+    int line;  // 0: it isn't about a line
+    std::string text;
+};
+Failed lastFailure(const char* file);
+/// Tells it, as a compiler would where it was a line of a file.
 Exit reportLastError(const char* file);
 /// What the last call has met, in the library's words.
 std::string lastErrorText();
-/// Whether the stanza, or the key if it isn't null, is there; reports it otherwise.
+/// Tells an error of a file.
+Exit reportError(Exit code, const char* file, const std::string& text);
+
+bool hasEntry(ZPROP_handle* handle, const char* stanza, const char* key);
+bool isHidden(ZPROP_handle* handle, const char* stanza, const char* key);
+/// Whether the stanza, or the key if it isn't null, is there; reports it otherwise, with the name
+/// that may have been meant.
 bool isThere(ZPROP_handle* handle, const char* file, const char* stanza, const char* key);
 /// A walk over the values of a key, or the keys of a stanza; begun.
 Exit walkValues(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
@@ -93,5 +146,39 @@ Exit keysOf(ZPROP_handle* handle, const char* file, const char* stanza, Words& o
 /// All values of a key, in order.
 Exit valuesOf(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
               Words& out);
+
+// ---------------------------------------------------------------- JSON
+
+/// A text as a string, or where it isn't UTF-8 as {"bytes": "its base64"}.
+std::string jsonOf(const std::string& text);
+/// A name as that of a member. One that isn't UTF-8 is its base64 behind a NUL, which no name holds.
+std::string jsonNameOf(const std::string& name);
+/// The values of a key: null, the one there is, or a list. Hidden ones, unless they are `asPlain`,
+/// are members "hidden" of an object.
+std::string jsonOfValues(const Words& values, bool areHidden);
+std::string jsonList(const Words& values);
+
+// ---------------------------------------------------------------- updates
+
+/// Lets `changes` run as one update of the file, or on standard input, whose new content goes to
+/// standard output. With dryRun what would change is printed instead.
+Exit update(const char* file, const Options& options,
+            const std::function<Exit(ZPROP_handle*)>& changes);
+
+/// Prints what differs as a patch of this file; nothing for equal texts.
+void printPatch(const char* file, const std::string& before, const std::string& now);
+
+// ---------------------------------------------------------------- what the C interface lacks
+
+// Results as the C interface has them. `found`: whether what it is about is there.
+int renameEntry(ZPROP_handle* handle, const char* stanza, const char* key, const char* name,
+                bool& found);
+int uncommentEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool& found);
+int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool& found);
+/// What the file of an open update holds, and what a store over a text would write.
+int updatedText(ZPROP_handle* handle, std::string& text);
+int textOver(ZPROP_handle* handle, const std::string& before, std::string& text);
+/// Keeps what the file of an open update holds.
+int backUp(ZPROP_handle* handle, unsigned int count);
 
 #endif

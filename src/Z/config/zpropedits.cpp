@@ -78,8 +78,8 @@ void ZStanzaFileProperties::storeBytesOver(const void* bytes, size_t length, ZBu
     ZBytes kept;
     ZResourceLock guard(lock_);
     cache_->be_write(fileName_.getChars(), stream.get());
-    give(ZPropertiesFile::of(*this).finishText(
-             fileName_, {static_cast<const char*>(bytes), length}, stream.finish(), kept),
+    give(ZPropertiesFile::of(*this).finishText(fileName_, {static_cast<const char*>(bytes), length},
+                                               stream.finish(), kept),
          out);
 }
 

@@ -45,8 +45,8 @@ static ZFailure moveOn(const ZPlace& place, const char* name, unsigned int count
                      nameOf(place, number + 1).getChars()) != 0 &&
             errno != ENOENT)
             return zfailed("rename()");
-    return zresultOf(
-        renameat(place.folder(), name, place.folder(), nameOf(place, 1).getChars()), "rename()");
+    return zresultOf(renameat(place.folder(), name, place.folder(), nameOf(place, 1).getChars()),
+                     "rename()");
 }
 
 ZFailure zkeepBackup(const char* path, int descriptor, ZSpan content, unsigned int count) {

@@ -219,8 +219,7 @@ private:
             const ZSpan name = lines_[id].name, entry = zfindDisabled(name, key, value);
             if (entry.size == 0)
                 continue;
-            compose(id, rawBefore(id, name.data), entry,
-                    rawFrom(id, name.data + name.size));
+            compose(id, rawBefore(id, name.data), entry, rawFrom(id, name.data + name.size));
             enter(id);
             return;
         }

@@ -1,0 +1,153 @@
+// editor.cpp: edit --editor: a file in the user's own editor, checked, and stored unless somebody
+// else has stored meanwhile. No lock is held while he writes.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "zstz.h"
+
+namespace {
+
+// The copy that is edited, in a folder of its own that nobody else may enter. It bears the file's
+// name, from which editors know what it holds.
+class Copy {
+public:
+    ~Copy() {
+        if (folder_.empty() || isKept_)
+            return;
+        unlink(path_.c_str());
+        rmdir(folder_.c_str());  // what an editor has left beside it stays, and so does the folder
+    }
+
+    Exit make(const char* file, const std::string& text) {
+        const char* parent = getenv("TMPDIR");
+        std::string folder =
+            std::string(parent == nullptr || *parent == '\0' ? "/tmp" : parent) + "/zstz-XXXXXX";
+        if (mkdtemp(&folder[0]) == nullptr)
+            return complain(fileError, "%s: %s", folder.c_str(), strerror(errno));
+        folder_ = folder;
+        const char* slash = strrchr(file, '/');
+        path_ = folder_ + "/" + (slash == nullptr ? file : slash + 1);
+        const int descriptor = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        FILE* stream = descriptor == -1 ? nullptr : fdopen(descriptor, "w");
+        if (stream == nullptr)
+            return complain(fileError, "%s: %s", path_.c_str(), strerror(errno));
+        const bool isWritten = fwrite(text.data(), 1, text.size(), stream) == text.size();
+        return fclose(stream) == 0 && isWritten
+                   ? done
+                   : complain(fileError, "%s: %s", path_.c_str(), strerror(errno));
+    }
+
+    // What it holds now; an editor may have put another file in its place.
+    Exit read(std::string& text) const {
+        const int descriptor = open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        FILE* stream = descriptor == -1 ? nullptr : fdopen(descriptor, "r");
+        if (stream == nullptr)
+            return complain(fileError, "%s: %s", path_.c_str(), strerror(errno));
+        text.clear();
+        char piece[64 * 1024];
+        for (size_t got; (got = fread(piece, 1, sizeof piece, stream)) != 0;)
+            text.append(piece, got);
+        const bool isRead = ferror(stream) == 0;
+        fclose(stream);
+        return isRead ? done : complain(fileError, "%s: can't be read", path_.c_str());
+    }
+
+    // Runs the editor on it.
+    Exit edit() const {
+        const char* editor = getenv("VISUAL");
+        if (editor == nullptr || *editor == '\0')
+            editor = getenv("EDITOR");
+        if (editor == nullptr || *editor == '\0')
+            editor = "vi";
+        setenv("ZSTZ_COPY", path_.c_str(), 1);
+        const int status = system((std::string(editor) + " \"$ZSTZ_COPY\"").c_str());
+        if (status == -1)
+            return complain(fileError, "%s: %s", editor, strerror(errno));
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0
+                   ? done
+                   : complain(fileError, "the editor has failed: %s; set VISUAL or EDITOR", editor);
+    }
+
+    // Leaves it where it is.
+    Exit keep(Exit code) {
+        isKept_ = true;
+        return complain(code, "nothing is done; what you wrote is in %s", path_.c_str());
+    }
+
+private:
+    std::string folder_, path_;
+    bool isKept_ = false;
+};
+
+}  // namespace
+
+static bool wantsToGoOn() {
+    if (isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1)
+        return false;
+    fputs("zstz: edit it again? [Y/n] ", stderr);
+    char answer[16];
+    return fgets(answer, sizeof answer, stdin) != nullptr && *answer != 'n' && *answer != 'N';
+}
+
+// Lets the copy be edited until it is good or given up.
+static Exit editUntilGood(const char* file, const Copy& copy, std::string& text) {
+    for (;;) {
+        Handle trial;
+        Exit failed = copy.edit();
+        if (failed == done)
+            failed = copy.read(text);
+        if (failed == done)
+            failed = openText(file, text, trial);
+        if (failed == done || !wantsToGoOn())
+            return failed;
+    }
+}
+
+static Exit readNow(ZPROP_handle* handle, const char* file, std::string& text) {
+    return updatedText(handle, text) == ZPROP_OK ? done : reportLastError(file);
+}
+
+Exit editByEditor(const char* file, const Options& options) {
+    if (isStandardInput(file))
+        return complain(usage, "an editor can't edit standard input");
+    std::string before, text;
+    bool isMissing = options.create && access(file, F_OK) != 0 && errno == ENOENT;
+    Options looking;
+    looking.wait = options.wait;
+    Exit failed = done;
+    if (!isMissing) {
+        Handle handle;
+        failed = openFile(file, looking, handle);
+        if (failed == done && zstzPropBegin(handle.get(), options.wait) != ZPROP_OK)
+            failed = reportLastError(file);
+        if (failed == done)
+            failed = readNow(handle.get(), file, before);
+    }
+    if (failed != done)
+        return failed;
+    Copy copy;
+    if ((failed = copy.make(file, before)) != done)
+        return failed;
+    if ((failed = editUntilGood(file, copy, text)) != done)
+        return copy.keep(failed);
+    if (text == before && !isMissing)
+        return complain(done, "%s is unchanged", file);
+    failed = update(file, options, [&](ZPROP_handle* handle) -> Exit {
+        std::string now;
+        // A text that a dry run makes up for a missing file is in no update.
+        if (!(isMissing && options.dryRun))
+            if (const Exit unread = readNow(handle, file, now))
+                return unread;
+        if (now != before)
+            return reportError(unmet, file, "somebody else has stored meanwhile");
+        return zstzPropLoadBytes(handle, text.data(), text.size()) == ZPROP_OK
+                   ? done
+                   : reportLastError(file);
+    });
+    return failed == done ? done : copy.keep(failed);
+}
