@@ -1,5 +1,5 @@
-// zstz.h: what the commands of zstz share. The command stands on the C interface, but for inside.cpp,
-// which asks the object behind a handle for what only that has.
+// zstz.h: what the commands of zstz share. The command stands on the C interface, but for
+// inside.cpp, which asks the object behind a handle for what only that has.
 //
 //   zstz.cpp      command line and help
 //   file.cpp      opening, reporting, reading
@@ -151,7 +151,7 @@ Exit valuesOf(ZPROP_handle* handle, const char* file, const char* stanza, const 
 
 /// A text as a string, or where it isn't UTF-8 as {"bytes": "its base64"}.
 std::string jsonOf(const std::string& text);
-/// A name as that of a member. One that isn't UTF-8 is its base64 behind a NUL, which no name holds.
+/// A name as that of a member. One that isn't UTF-8 is its base64 behind a NUL, which no name has.
 std::string jsonNameOf(const std::string& name);
 /// The values of a key: null, the one there is, or a list. Hidden ones, unless they are `asPlain`,
 /// are members "hidden" of an object.

@@ -63,6 +63,7 @@ struct Line {
     ZSpan name, value;
     Id stanza;     // its header's line; none ahead of the first
     Id nextOfKey;  // of an entry: the next line of its key
+    Id next, prev;
     ZLineKind kind;
 };
 
@@ -83,7 +84,10 @@ public:
             if (parts.kind == zlineHeader)
                 stanza = id;
             lines_.reserveMore(1);
-            lines_.push({raw, parts.name, parts.value, stanza, kNoId, parts.kind});
+            const Id last = id == 0 ? kNoId : id - 1;
+            lines_.push({raw, parts.name, parts.value, stanza, kNoId, kNoId, last, parts.kind});
+            if (last != kNoId)
+                lines_[last].next = id;
             at += size;
         }
         // From the end, so that each chain begins with its first line.
@@ -102,29 +106,23 @@ public:
                 renameStanza(stanza, name);
                 break;
             case ZOldText::renamedKey:
-                // What had the name has gone before, or it couldn't have been given.
-                for (Id id = leave(stanza, name); id != kNoId; id = lines_[id].nextOfKey)
-                    lines_[id].raw.size = 0;
-                for (Id id = leave(stanza, key), next; id != kNoId; id = next) {
-                    next = lines_[id].nextOfKey;
-                    rename(id, name);
-                    enter(id);
-                }
+                forget(stanza, name);
+                renameKey(leave(stanza, key), name);
                 break;
             case ZOldText::disabledKey:
-                for (Id id = leave(stanza, key); id != kNoId; id = lines_[id].nextOfKey)
-                    disable(id);
+                disable(leave(stanza, key));
                 break;
             case ZOldText::uncommentedKey:
+                forget(stanza, key);
                 uncomment(stanza, key);
                 break;
         }
     }
 
     void write(ZBytes& out) const {
-        for (size_t i = 0; i < lines_.size(); ++i)
-            if (lines_[i].raw.size != 0)
-                zappendBytes(out, lines_[i].raw);
+        for (Id id = lines_.size() == 0 ? kNoId : 0; id != kNoId; id = lines_[id].next)
+            if (lines_[id].raw.size != 0)
+                zappendBytes(out, lines_[id].raw);
     }
 
 private:
@@ -159,11 +157,25 @@ private:
         return first;
     }
 
+    // The lines of a key that has gone since, or nothing could have got its name.
+    void forget(Id stanza, ZSpan key) {
+        for (Id id = leave(stanza, key); id != kNoId; id = lines_[id].nextOfKey)
+            lines_[id].raw.size = 0;
+    }
+
+    // From the key's first line on, which has left the index.
+    void renameKey(Id first, ZSpan name) {
+        for (Id id = first; id != kNoId; id = lines_[id].nextOfKey)
+            rename(id, name);
+        if (first != kNoId)
+            index_.insert(hashOf(zlineEntry, lines_[first].stanza, name), first, 0);
+    }
+
     void renameStanza(Id stanza, ZSpan name) {
         const Id before = find(zlineHeader, kNoId, name);
         if (before != kNoId) {
             index_.remove(hashOf(zlineHeader, kNoId, name), before);
-            for (Id id = before; id < lines_.size() && lines_[id].stanza == before; ++id)
+            for (Id id = before; isIn(id, before); id = lines_[id].next)
                 lines_[id].raw.size = 0;
         }
         index_.remove(hashOf(zlineHeader, kNoId, lines_[stanza].name), stanza);
@@ -203,7 +215,43 @@ private:
         compose(id, rawBefore(id, old.data), name, rawFrom(id, old.data + old.size));
     }
 
-    void disable(Id id) {
+    // Behind another line; the first of all is never moved. The last may have no end.
+    void moveBehind(Id id, Id place) {
+        const ZSpan raw = lines_[id].raw;
+        if (raw.size != 0 && raw.data[raw.size - 1] != '\n')
+            compose(id, {raw.data, 0}, raw, {"\n", 1});
+        Line& line = lines_[id];
+        lines_[line.prev].next = line.next;
+        if (line.next != kNoId)
+            lines_[line.next].prev = line.prev;
+        line.prev = place;
+        line.next = lines_[place].next;
+        lines_[place].next = id;
+        if (line.next != kNoId)
+            lines_[line.next].prev = id;
+    }
+
+    // The comments come behind each other, as a store writes a key's values; a line without one
+    // makes a comment where no line has any.
+    void disable(Id first) {
+        bool hasValues = false;
+        for (Id id = first; id != kNoId; id = lines_[id].nextOfKey)
+            hasValues = hasValues || lines_[id].value.size != 0;
+        Id place = kNoId;
+        for (Id id = first; id != kNoId; id = lines_[id].nextOfKey) {
+            if (lines_[id].value.size == 0 && (hasValues || id != first)) {
+                lines_[id].raw.size = 0;
+                lines_[id].kind = zlineBlank;
+            } else {
+                disableLine(id);
+            }
+            if (place != kNoId)
+                moveBehind(id, place);
+            place = id;
+        }
+    }
+
+    void disableLine(Id id) {
         const Line& line = lines_[id];
         ZBytes comment;
         zmakeDisabled(line.name, line.value, comment);
@@ -211,8 +259,10 @@ private:
                 rawFrom(id, line.value.data + line.value.size));
     }
 
+    bool isIn(Id id, Id stanza) const { return id != kNoId && lines_[id].stanza == stanza; }
+
     void uncomment(Id stanza, ZSpan key) {
-        for (Id id = stanza + 1; id < lines_.size() && lines_[id].stanza == stanza; ++id) {
+        for (Id id = lines_[stanza].next; isIn(id, stanza); id = lines_[id].next) {
             if (lines_[id].kind != zlineComment || lines_[id].raw.size == 0)
                 continue;
             ZSpan value;
