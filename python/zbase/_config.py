@@ -1,0 +1,702 @@
+"""Config and Section: what a stanza file holds, as a mapping of mappings."""
+
+import os
+import re
+from contextlib import contextmanager
+from threading import get_ident
+from typing import (
+    Any,
+    Callable,
+    Dict,
+    Iterable,
+    Iterator,
+    List,
+    Mapping,
+    MutableMapping,
+    Optional,
+    TextIO,
+    Tuple,
+    TypeVar,
+    Union,
+)
+
+from . import _lib
+from ._errors import DataError, MissingError, NotFoundError, RefusedError, StateError
+from ._lib import SEPARATOR, Handle, decode, encode
+
+Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+# What a section is made of: a text for a key with one value, a list for one with several.
+Values = Union[str, Iterable[str]]
+_T = TypeVar("_T")
+
+
+class _Unset:
+    """The fallback of who gives none."""
+
+
+_UNSET = _Unset()
+
+# Nearly all numbers are such, and mean the same to Python and to the library.
+_PLAIN_INTEGER = re.compile(r"-?[1-9][0-9]{0,17}|0", re.ASCII)
+_PLAIN_REAL = re.compile(r"-?[0-9]+(\.[0-9]+)?", re.ASCII)
+_TRUTHS = {
+    **dict.fromkeys(("yes", "y", "true", "t", "1", "on"), True),
+    **dict.fromkeys(("no", "n", "false", "f", "0", "off"), False),
+}
+
+
+def _last(values: str) -> str:
+    """The last of a key's values, or "" without any."""
+    return values if "\0" not in values else values.rpartition(SEPARATOR)[2]
+
+
+def _split(values: str) -> List[str]:
+    return values.split(SEPARATOR) if values else []
+
+
+def _listed(values: Values) -> List[str]:
+    """These values as a key can have them: no empty one, and none twice."""
+    texts = [values] if isinstance(values, str) else list(values)
+    for text in texts:
+        encode(text)
+    return list(dict.fromkeys(text for text in texts if text))
+
+
+class Section(MutableMapping[str, str]):
+    """A stanza of a Config: its keys, each with its last value, in the order of the file.
+
+    It is a view: it shows what the Config holds now, and what is assigned goes there. A key
+    without a value reads as the empty text. Keys are case sensitive.
+    """
+
+    __slots__ = ("_config", "_name")
+
+    def __init__(self, config: "Config", name: str) -> None:
+        self._config = config
+        self._name = name
+
+    @property
+    def name(self) -> str:
+        """The stanza's name."""
+        return self._name
+
+    @property
+    def parser(self) -> "Config":
+        """The Config that it belongs to, by the name that configparser has for it."""
+        return self._config
+
+    def __repr__(self) -> str:
+        return f"<Section: {self._name}>"
+
+    # --- Reading
+
+    def _table(self) -> Dict[str, str]:
+        return self._config._table(self._name)
+
+    def _values(self, option: str) -> str:
+        try:
+            return self._config._data()[self._name][option]
+        except KeyError:
+            raise self._missing(option) from None
+
+    def _missing(self, option: str) -> MissingError:
+        self._table()
+        return MissingError(
+            f"no key {option!r} in stanza {self._name!r}", 28, self._config._file()
+        )
+
+    def __getitem__(self, option: str) -> str:
+        """The key's last value; MissingError (a KeyError) if there is no such key."""
+        values = self._values(option)
+        return values if "\0" not in values else _last(values)
+
+    def __contains__(self, option: object) -> bool:
+        return option in self._table()
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self._config._ordered(self._name))
+
+    def __len__(self) -> int:
+        return len(self._table())
+
+    def getall(self, option: str) -> List[str]:
+        """All values of the key, in the order of the file; none for `key =` alone."""
+        return _split(self._values(option))
+
+    def get(  # type: ignore[override]
+        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
+    ) -> Union[str, Optional[_T]]:
+        """The key's last value, or the fallback if there is no such key.
+
+        `raw` is for callers of configparser: nothing is interpolated here.
+        """
+        values = self._table().get(option)
+        return fallback if values is None else _last(values)
+
+    def _converted(self, option: str, fallback: Any, convert: Callable[[str], _T]) -> Any:
+        values = self._table().get(option)
+        if values:
+            return convert(_last(values))
+        if fallback is _UNSET:
+            raise MissingError(
+                f"no value for key {option!r} in stanza {self._name!r}", 28, self._config._file()
+            )
+        return fallback
+
+    def _ask(self, function: Any, option: str) -> Any:
+        return self._config._handle.ask(function, encode(self._name), encode(option))
+
+    def getint(
+        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
+    ) -> Union[int, Optional[_T]]:
+        """The last value as a number of 64 bits, or the fallback if there is none.
+
+        As everywhere in stanza files, 0750 is octal and 0x1f hexadecimal. DataError (a ValueError)
+        for what is no number.
+        """
+
+        def convert(value: str) -> int:
+            plain = _PLAIN_INTEGER.fullmatch(value)
+            return int(value) if plain else int(self._ask(_lib.get_int64, option))
+
+        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
+
+    def getfloat(
+        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
+    ) -> Union[float, Optional[_T]]:
+        """The last value as a real number, with "." in any locale; else as getint."""
+
+        def convert(value: str) -> float:
+            plain = _PLAIN_REAL.fullmatch(value)
+            return float(value) if plain else float(self._ask(_lib.get_double, option))
+
+        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
+
+    def getboolean(
+        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
+    ) -> Union[bool, Optional[_T]]:
+        """The last value as a truth, in any case; else as getint.
+
+        yes, y, true, t, 1 and no, n, false, f, 0, and configparser's on and off.
+        """
+
+        def convert(value: str) -> bool:
+            truth = _TRUTHS.get(value.lower())
+            if truth is None:
+                raise DataError(f"bad value: {value}", 41, self._config._file())
+            return truth
+
+        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
+
+    def hidden(self, option: str) -> bool:
+        """Whether the key's values stand in the side database and not in the text."""
+        self._values(option)
+        return (self._name, option) in self._config._handle.hidden
+
+    # --- Changing
+
+    def __setitem__(self, option: str, value: str) -> None:
+        """Makes this the only value of the key, which is made if need be; "" empties the key.
+
+        RefusedError (a ValueError) if the file couldn't give it back: a line end, a NUL, blanks at
+        its ends, a line of more than 8191 bytes; for the key also an "=", or "#" or "[" ahead.
+        """
+        names = encode(self._name), encode(option), encode(value)
+        with self._config._changing() as handle:
+            table = self._table()
+            handle.run(_lib.set_value, *names)
+            self._put(table, option, value)
+
+    def _put(self, table: Dict[str, str], option: str, values: str) -> None:
+        # The library knows a better place for a new key than the end.
+        if option not in table:
+            self._config._handle.unordered.add(self._name)
+        table[option] = values
+
+    def add(self, option: str, value: str) -> None:
+        """Adds a value behind the key's others; one that is there already isn't added again.
+
+        RefusedError as above, and for the empty text.
+        """
+        names = encode(self._name), encode(option), encode(value)
+        with self._config._changing() as handle:
+            table = self._table()
+            handle.run(_lib.add_value, *names)
+            values = _split(table.get(option, ""))
+            if value not in values:
+                values.append(value)
+            self._put(table, option, SEPARATOR.join(values))
+
+    def setall(self, option: str, values: Iterable[str]) -> None:
+        """Makes these the values of the key, in this order, or changes nothing."""
+        self._replace({option: list(values)})
+
+    def _replace(self, content: Mapping[str, Values]) -> None:
+        listed = {option: _listed(values) for option, values in content.items()}
+        with self._config._changing() as handle:
+            table = self._table()
+            for option in listed:
+                if (self._name, option) in handle.hidden:
+                    raise RefusedError(f"the values of {option!r} are hidden", 22)
+            # What is refused is refused here, ahead of the first change.
+            trial = Handle.of_bytes(b"")
+            _write(trial, self._name, listed)
+            trial.close()
+            _write(handle, self._name, listed)
+            for option, texts in listed.items():
+                self._put(table, option, SEPARATOR.join(texts))
+
+    def __delitem__(self, option: str) -> None:
+        """Removes the key with its values; MissingError if there is none."""
+        names = encode(self._name), encode(option)
+        with self._config._changing() as handle:
+            self._values(option)
+            handle.run(_lib.remove_key, *names)
+            del self._table()[option]
+            handle.hidden.discard((self._name, option))
+
+    def clear(self) -> None:
+        """Removes all keys."""
+        for option in list(self):
+            del self[option]
+
+    # --- Comments
+
+    def comments(self, option: Optional[str] = None) -> List[str]:
+        """The comments directly below the header or, of a key, directly above its line.
+
+        Each as it stands, with its "#". Those between a header and its first key are both's.
+        """
+        names = self._comment_names(option)
+        return self._config._handle.texts(_lib.get_comments, *names)
+
+    def add_comment(self, text: str, option: Optional[str] = None) -> None:
+        """Adds a comment there, behind those that are there; "#" may be missing in the text."""
+        stanza, key = self._comment_names(option)
+        comment = encode(text)
+        handle = self._config._handle
+        if key is None:
+            handle.run(_lib.add_stanza_comment, stanza, comment)
+        else:
+            handle.run(_lib.add_line_comment, stanza, key, comment)
+
+    def remove_comments(self, option: Optional[str] = None) -> None:
+        """Removes what comments() tells."""
+        self._config._handle.run(_lib.remove_comments, *self._comment_names(option))
+
+    def _comment_names(self, option: Optional[str]) -> Tuple[bytes, Optional[bytes]]:
+        self._table()
+        if option is None:
+            return encode(self._name), None
+        self._values(option)
+        return encode(self._name), encode(option)
+
+
+def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
+    stanza = encode(name)
+    for option, texts in listed.items():
+        key = encode(option)
+        handle.run(_lib.set_value, stanza, key, encode(texts[0] if texts else ""))
+        for text in texts[1:]:
+            handle.run(_lib.add_value, stanza, key, encode(text))
+
+
+class Config(MutableMapping[str, Section]):
+    """What a stanza file holds: its stanzas by name, in the order of the file.
+
+    Config() is empty; open(), update() and loads() give others. Changes stay in memory until
+    store(), and comments, blank lines and the bytes of other lines stay where they are.
+
+    Where configparser has the same, it has the same name here. Threads may share a Config, except
+    while an update is open in it: that belongs to the thread that began it.
+    """
+
+    __slots__ = ("_handle",)
+
+    def __init__(self) -> None:
+        self._handle = Handle.of_bytes(b"")
+
+    @classmethod
+    def _of(cls, handle: Handle) -> "Config":
+        config = cls.__new__(cls)
+        config._handle = handle
+        return config
+
+    def __repr__(self) -> str:
+        return f"<Config of {self._file() or 'no file'}>"
+
+    # --- Inside
+
+    def _data(self) -> Dict[str, Dict[str, str]]:
+        handle = self._handle
+        tables = handle.tables
+        if tables is None or handle.updater not in (None, get_ident()):
+            return handle.entries()
+        return tables
+
+    def _table(self, section: str) -> Dict[str, str]:
+        try:
+            return self._data()[section]
+        except KeyError:
+            raise MissingError(f"no stanza {section!r}", 28, self._file()) from None
+
+    def _ordered(self, section: str) -> Dict[str, str]:
+        handle = self._handle
+        if section in handle.unordered:
+            handle.tables = None
+        return self._table(section)
+
+    def _file(self) -> Optional[str]:
+        return self._handle.path
+
+    @contextmanager
+    def _changing(self) -> Iterator[Handle]:
+        handle = self._handle
+        handle.entries()
+        with handle.lock:
+            try:
+                yield handle
+            except BaseException:
+                # How far it came, only the library knows.
+                handle.tables = None
+                raise
+
+    # --- Reading
+
+    def __getitem__(self, section: str) -> Section:
+        """The stanza, as a view; MissingError (a KeyError) if there is none."""
+        if section not in self._data():
+            self._table(section)
+        return Section(self, section)
+
+    def __contains__(self, section: object) -> bool:
+        return section in self._data()
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self._data())
+
+    def __len__(self) -> int:
+        return len(self._data())
+
+    def sections(self) -> List[str]:
+        """The names of the stanzas."""
+        return list(self._data())
+
+    def has_section(self, section: str) -> bool:
+        """Whether there is this stanza."""
+        return section in self._data()
+
+    def options(self, section: str) -> List[str]:
+        """The stanza's keys."""
+        return list(self._ordered(section))
+
+    def has_option(self, section: str, option: str) -> bool:
+        """Whether the stanza is there and has this key."""
+        return option in self._data().get(section, ())
+
+    def get(  # type: ignore[override]
+        self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
+    ) -> Any:
+        """The last value of the key; if there is none the fallback, or without one MissingError.
+
+        `raw` is for callers of configparser: nothing is interpolated here.
+        """
+        values = self._data().get(section, {}).get(option)
+        if values is not None:
+            return _last(values)
+        if fallback is _UNSET:
+            raise self[section]._missing(option)
+        return fallback
+
+    def _converted(self, getter: Callable[..., Any], section: str, option: str, fallback: Any) -> Any:
+        if fallback is not _UNSET and section not in self._data():
+            return fallback
+        return getter(self[section], option, fallback)
+
+    def getint(
+        self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
+    ) -> Any:
+        """As Section.getint, but MissingError without a fallback."""
+        return self._converted(Section.getint, section, option, fallback)
+
+    def getfloat(
+        self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
+    ) -> Any:
+        """As Section.getfloat, but MissingError without a fallback."""
+        return self._converted(Section.getfloat, section, option, fallback)
+
+    def getboolean(
+        self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
+    ) -> Any:
+        """As Section.getboolean, but MissingError without a fallback."""
+        return self._converted(Section.getboolean, section, option, fallback)
+
+    def getall(self, section: str, option: str) -> List[str]:
+        """All values of the key, in the order of the file."""
+        return self[section].getall(option)
+
+    def items(self, section: Optional[str] = None, raw: bool = True) -> Any:
+        """The stanzas with their names or, of one stanza, its keys with their last values."""
+        if section is None:
+            return super().items()
+        return list(self[section].items())
+
+    # --- Changing
+
+    def __setitem__(self, section: str, content: Mapping[str, Values]) -> None:
+        """Makes these the keys of the stanza, which is made if need be, or changes nothing.
+
+        A list as value gives a key several values.
+        """
+        content = content if not isinstance(content, Section) else {
+            option: content.getall(option) for option in content
+        }
+        with self._changing() as handle:
+            made = section not in self._data()
+            if made:
+                self.add_section(section)
+            try:
+                self[section]._replace(content)
+            except BaseException:
+                if made:
+                    handle.run(_lib.remove_stanza, encode(section))
+                raise
+            for option in [option for option in self[section] if option not in content]:
+                del self[section][option]
+
+    def __delitem__(self, section: str) -> None:
+        """Removes the stanza with its keys; MissingError if there is none."""
+        name = encode(section)
+        with self._changing() as handle:
+            self._table(section)
+            handle.run(_lib.remove_stanza, name)
+            del self._data()[section]
+            handle.hidden -= {key for key in handle.hidden if key[0] == section}
+
+    def clear(self) -> None:
+        """Removes all stanzas."""
+        for section in self.sections():
+            del self[section]
+
+    def add_section(self, section: str) -> None:
+        """Adds a stanza without keys, at the end; RefusedError if it is there already."""
+        name = encode(section)
+        with self._changing() as handle:
+            if section in self._data():
+                raise RefusedError(f"stanza {section!r} is there already", 22, self._file())
+            # A stanza is made with its first key, and stays when that goes.
+            handle.run(_lib.set_value, name, b"-", None)
+            handle.run(_lib.remove_key, name, b"-")
+            self._data()[section] = {}
+
+    def set(self, section: str, option: str, value: str) -> None:
+        """Makes this the only value of the key, in a stanza that must be there."""
+        self[section][option] = value
+
+    def remove_option(self, section: str, option: str) -> bool:
+        """Removes the key; whether there was one. MissingError if there is no such stanza."""
+        table = self[section]
+        existed = option in table
+        if existed:
+            del table[option]
+        return existed
+
+    def remove_section(self, section: str) -> bool:
+        """Removes the stanza; whether there was one."""
+        existed = section in self
+        if existed:
+            del self[section]
+        return existed
+
+    # --- Comments
+
+    def comments(self) -> List[str]:
+        """The file's own: its first lines, up to the first that is no comment."""
+        return self._handle.texts(_lib.get_comments, None, None)
+
+    def add_comment(self, text: str) -> None:
+        """Adds one behind these; "#" may be missing in the text."""
+        self._handle.run(_lib.add_file_comment, encode(text))
+
+    def remove_comments(self) -> None:
+        """Removes these."""
+        self._handle.run(_lib.remove_comments, None, None)
+
+    # --- Texts and files
+
+    def read(self, filenames: Union[Path, Iterable[Path]], encoding: Optional[str] = None
+             ) -> List[Path]:
+        """Reads these files, later ones over earlier ones; files that aren't there are left out.
+
+        The first one that is read into an empty Config without a file becomes its file, comments
+        and hidden values with it. Gives the list of those that were read. `encoding` is for
+        callers of configparser: text is UTF-8.
+        """
+        if isinstance(filenames, (str, bytes, os.PathLike)):
+            filenames = [filenames]
+        found: List[Path] = []
+        for name in filenames:
+            try:
+                other = open(name)
+            except NotFoundError:
+                continue
+            self._take(other)
+            found.append(name)
+        return found
+
+    def read_file(self, f: Iterable[str], source: Optional[str] = None) -> None:
+        """Reads the lines of a text file, over what is there."""
+        self.read_string("".join(f))
+
+    def read_string(self, string: str, source: Optional[str] = None) -> None:
+        """Reads a text, over what is there: a key gets the values that it has in the text.
+
+        DataError for bad data; nothing is changed then.
+        """
+        self._take(loads(string))
+
+    def read_dict(self, dictionary: Mapping[str, Mapping[str, Values]], source: str = "") -> None:
+        """Sets the keys of these stanzas, which are made if need be."""
+        for section, content in dictionary.items():
+            if section not in self:
+                self.add_section(section)
+            self[section]._replace(content)
+
+    def _take(self, other: "Config") -> None:
+        mine, theirs = self._handle, other._handle
+        if not self and not self.comments() and self._file() is None and not mine.is_modified():
+            self._handle = theirs
+            mine.close()
+            return
+        tables = other._data()
+        if theirs.hidden:
+            raise RefusedError("hidden values would become plain ones", 22, other._file())
+        self.read_dict({
+            name: {option: _split(values) for option, values in table.items()}
+            for name, table in tables.items()
+        })
+
+    def dumps(self) -> str:
+        """The text of a file with all that is here but the hidden values."""
+        return self._handle.block(_lib.store_bytes)
+
+    def write(self, fp: TextIO, space_around_delimiters: bool = True) -> None:
+        """Writes dumps() to an open text file. store() is the safe way to change a file."""
+        fp.write(self.dumps())
+
+    @property
+    def path(self) -> Optional[str]:
+        """The file that it was opened with or first stored to, or None."""
+        return self._file()
+
+    @property
+    def modified(self) -> bool:
+        """Whether something was changed since the last load or store."""
+        return self._handle.is_modified()
+
+    def store(self, path: Optional[Path] = None, *, wait: Optional[float] = 10) -> None:
+        """Writes all to the file, or to the one at `path`, in the mode that it was opened with.
+
+        Waits up to `wait` seconds for the file's lock; None waits for ever. What another process
+        has stored since this Config was loaded is lost: update() is the way to change a file that
+        others change too. LockedError, FileError.
+        """
+        handle = self._handle
+        if path is None and self._file() is None:
+            raise StateError("this object has no file yet", 22)
+        target = None if path is None else os.fsencode(path)
+        handle.store(target, wait)
+
+    def close(self) -> None:
+        """Ends the object: all else raises StateError from now on. Nothing is stored."""
+        self._handle.close()
+
+    def __enter__(self) -> "Config":
+        return self
+
+    def __exit__(self, *failure: object) -> None:
+        self.close()
+
+
+def open(path: Path, *, wait: Optional[float] = 10, mode: str = "safe") -> Config:
+    """Loads a file.
+
+    Waits up to `wait` seconds while somebody writes to it; None waits for ever. `mode` is what a
+    store() does about failures: "safe" leaves the old or the new content even after a crash,
+    "checked" reports each failure, "plain" looks at none.
+
+    FileError (NotFoundError, DeniedError), LockedError, DataError.
+    """
+    return Config._of(Handle.open(os.fsencode(path), mode, wait))
+
+
+def loads(text: Union[str, bytes]) -> Config:
+    """A Config of this text, without a file. DataError for bad data."""
+    return Config._of(
+        Handle.of_bytes(text if isinstance(text, bytes) else text.encode("utf-8", "surrogateescape"))
+    )
+
+
+def dumps(content: Mapping[str, Mapping[str, Values]]) -> str:
+    """The text of a file with these stanzas. A list as value gives a key several values."""
+    if isinstance(content, Config):
+        return content.dumps()
+    with Config() as config:
+        config.read_dict(content)
+        return config.dumps()
+
+
+class Update:
+    """An update of a file: see update()."""
+
+    def __init__(self, path: Path, wait: Optional[float], mode: str, create: bool) -> None:
+        self._path = os.fsencode(path)
+        self._wait = wait
+        self._mode = mode
+        self._create = create
+        self._config: Optional[Config] = None
+
+    def __enter__(self) -> Config:
+        if self._config is not None:
+            raise StateError("this update is open already")
+        if self._create:
+            try:
+                os.close(os.open(self._path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
+            except FileExistsError:
+                pass
+        handle = Handle.open(self._path, self._mode, self._wait)
+        try:
+            handle.begin(self._wait)
+        except BaseException:
+            handle.close()
+            raise
+        self._config = Config._of(handle)
+        return self._config
+
+    def __exit__(self, kind: object, failure: object, trace: object) -> None:
+        config, self._config = self._config, None
+        if config is None:
+            raise StateError("this update isn't open")
+        try:
+            if kind is None:
+                config._handle.commit()
+        finally:
+            # What isn't committed is taken back.
+            config.close()
+
+
+def update(
+    path: Path, *, wait: Optional[float] = 10, mode: str = "safe", create: bool = False
+) -> Update:
+    """Changes a file so that no other writer comes between:
+
+        with zbase.update("service.conf") as f:
+            f["log"]["level"] = "debug"
+
+    At the beginning the file is locked, which waits up to `wait` seconds (None: for ever), and
+    read. At the end it is stored, in the mode that open() tells, and the lock goes. After an
+    exception the file is what it was. `create` makes a file that isn't there, empty.
+
+    The update belongs to the thread that entered it. In others, what it gave raises StateError.
+    """
+    return Update(path, wait, mode, create)

@@ -1,0 +1,565 @@
+"""The C interface of libzbase.so.6, as the classes of this package call it.
+
+Every call goes through a Handle, which keeps what C can't know: that Python has closed the object,
+that the process has forked, that an update belongs to another thread. So no pointer reaches the
+library that isn't good. Nothing calls back from C: an exception couldn't get through there.
+"""
+
+import ctypes
+import errno
+import math
+import os
+import sys
+import threading
+import time
+import weakref
+from typing import Any, Callable, Dict, List, Optional, Set, Tuple, TypeVar
+
+from ._errors import (
+    DataError,
+    Error,
+    LockedError,
+    MissingError,
+    RefusedError,
+    StateError,
+    file_error,
+)
+
+# ZBASE_LIBRARY is for the development of this module: it names a library that isn't installed.
+_library = ctypes.CDLL(os.environ.get("ZBASE_LIBRARY") or "libzbase.so.6")
+
+
+class _LastError(ctypes.Structure):
+    """ZPROP_error."""
+
+    _fields_ = [
+        ("number", ctypes.c_int),
+        ("file", ctypes.c_char_p),
+        ("line", ctypes.c_int),
+        ("text", ctypes.c_char_p),
+    ]
+
+
+def _function(name: str, result: Any, *arguments: Any) -> Any:
+    function = getattr(_library, f"zstzProp{name}_6_0")
+    function.restype = result
+    function.argtypes = arguments
+    return function
+
+
+_int = ctypes.c_int
+_ulong = ctypes.c_ulong
+_text = ctypes.c_char_p
+_handle = ctypes.c_void_p
+_block = ctypes.c_void_p
+_size = ctypes.c_size_t
+_out = ctypes.POINTER(ctypes.c_void_p)
+_texts = ctypes.POINTER(ctypes.c_char_p)
+_err = ctypes.POINTER(ctypes.c_int)
+
+_setup = _function("Setup", _int, _int)
+_last_error = _function("LastError", _int, ctypes.POINTER(_LastError))
+_open_with = _function(
+    "OpenWith", _int, _out, _text, _int, _ulong, _int, _ulong
+)
+_open_bytes = _function("OpenBytes", _int, _out, _text, _size, _ulong)
+_close = _function("Close", None, _handle)
+_free = _function("Free", None, _block)
+_free_list = _function("FreeStanzas", None, _texts)
+_begin = _function("Begin", _int, _handle, _ulong)
+_commit = _function("Commit", _int, _handle)
+_rollback = _function("Rollback", _int, _handle)
+_watch_open = _function("Watch_open", _int, _handle, _out)
+_watch_process = _function("Watch_process", _int, _handle, ctypes.c_void_p, ctypes.c_void_p, _err)
+_watch_close = _function("Watch_close", _int, _handle)
+_watch_fd = _function("Watch_fd", _int, _handle)
+_is_modified = _function("IsModified", _int, _handle)
+_path = _function("Path", _text, _handle)
+_store = _function("Store", _int, _handle, _text)
+
+# What Handle.run takes; the first argument is the handle's own.
+load_bytes = _function("LoadBytes", _int, _handle, _text, _size)
+set_value = _function("SetStringValue", _int, _handle, _text, _text, _text)
+add_value = _function("AddStringValue", _int, _handle, _text, _text, _text)
+remove_key = _function("RemoveKey", _int, _handle, _text, _text)
+remove_stanza = _function("RemoveStanza", _int, _handle, _text)
+add_file_comment = _function("AddFileComment", _int, _handle, _text)
+add_stanza_comment = _function("AddStanzaComment", _int, _handle, _text, _text)
+add_line_comment = _function("AddLineComment", _int, _handle, _text, _text, _text)
+remove_comments = _function("RemoveComments", _int, _handle, _text, _text)
+# What Handle.ask, .block and .texts take.
+get_int64 = _function("GetInt64Value", ctypes.c_int64, _handle, _text, _text, _int, _err)
+get_double = _function("GetDoubleValue", ctypes.c_double, _handle, _text, _text, _int, _err)
+get_entries = _function("GetEntries", _int, _handle, _out, ctypes.POINTER(_size))
+store_bytes = _function("StoreBytes", _int, _handle, _out, ctypes.POINTER(_size))
+get_comments = _function("GetComments", _int, _handle, _text, _text, ctypes.POINTER(_texts))
+
+_SETUP_UTF8 = 1
+_OPEN_UPDATE = 2
+_STRICT_AND_KEEP_LINES = 2 | 4
+STORE_MODES = {"plain": 0, "checked": 1, "safe": 2}
+_ERR_VALUE, _ERR_MISSING, _ERR_LOCKED, _ERR_UNSAVED, _ERR_NO_UPDATE = 53, 54, 60, 61, 62
+_ERR_SETUP = 63
+_NO_MEMORY, _BAD_PARAMETER, _ACCESS_FAILED, _BAD_DATA = 1, 22, 43, 44
+
+# Interrupts come through between two calls, so none waits for longer.
+_SLICE = 0.1
+_PAUSE = 0.02
+
+# ---------------------------------------------------------------- text
+
+
+def encode(text: str) -> bytes:
+    """Text as it goes to C: what was read as surrogate escapes are the bytes that they stand for."""
+    if not isinstance(text, str):
+        raise TypeError(f"text is needed, not {type(text).__name__}")
+    encoded = text.encode("utf-8", "surrogateescape")
+    if b"\0" in encoded:
+        raise RefusedError("text can't hold a NUL", _BAD_PARAMETER)
+    return encoded
+
+
+def decode(text: bytes) -> str:
+    """Text as it comes from C: bytes that are no UTF-8 become surrogate escapes."""
+    return text.decode("utf-8", "surrogateescape")
+
+
+# ---------------------------------------------------------------- failures
+
+
+def _error_numbers() -> Dict[str, int]:
+    """The numbers of the system's errors by their texts in English, as the library gives them."""
+    libc = ctypes.CDLL(None)
+    libc.newlocale.restype = libc.strerror_l.restype = ctypes.c_void_p
+    libc.newlocale.argtypes = [_int, _text, ctypes.c_void_p]
+    libc.strerror_l.argtypes = [_int, ctypes.c_void_p]
+    libc.freelocale.argtypes = [ctypes.c_void_p]
+    locale = libc.newlocale(1 << 5, b"C", None)  # LC_MESSAGES_MASK
+    if not locale:
+        return {}
+    texts = {}
+    for number in errno.errorcode:
+        texts[decode(ctypes.string_at(libc.strerror_l(number, locale)))] = number
+    libc.freelocale(locale)
+    return texts
+
+
+_numbers: Dict[str, int] = {}
+
+
+def _error_number(text: str) -> Optional[int]:
+    """The errno in a text like "fopen(r): No such file or directory"."""
+    if not _numbers:
+        _numbers.update(_error_numbers())
+    return _numbers.get(text.partition(": ")[2])
+
+
+def _failure(result: int) -> Exception:
+    """The exception for a call that gave this result.
+
+    A finaliser or signal handler that ran since then may have made calls of its own; the result
+    alone has to do where they have cleared what the call had met.
+    """
+    last = _LastError()
+    number = _last_error(ctypes.byref(last)) or result
+    file = None if last.file is None else os.fsdecode(last.file)
+    text = f"failed with result {result}" if last.text is None else decode(last.text)
+    if number == _NO_MEMORY:
+        return MemoryError(text)
+    if result in (_ERR_UNSAVED, _ERR_NO_UPDATE, _ERR_SETUP):
+        return StateError(text, number, file)
+    if result == _ERR_LOCKED:
+        return LockedError(text, number, file, 0, errno.ETIMEDOUT)
+    if result == _ERR_MISSING:
+        return MissingError(text, number, file)
+    if number == _BAD_DATA:
+        return DataError(f"bad line: {text}", number, file, last.line)
+    if result == _ERR_VALUE:
+        return DataError(f"bad value: {text}", number, file)
+    if number == _ACCESS_FAILED:
+        return file_error(text, number, file, _error_number(text))
+    if number == _BAD_PARAMETER:
+        return RefusedError(text, number, file)
+    return Error(text, number, file)
+
+
+def _check(result: int) -> None:
+    if result != 0:
+        raise _failure(result)
+
+
+# ---------------------------------------------------------------- waiting
+
+_Answer = TypeVar("_Answer")
+
+
+def waiting(wait: Optional[float], attempt: Callable[[int], _Answer]) -> _Answer:
+    """What attempt(milliseconds) gives once it doesn't raise LockedError, within `wait` seconds.
+
+    None waits for ever. The attempts are short, so that an interrupt ends the wait.
+    """
+    end = math.inf if wait is None else time.monotonic() + wait
+    while True:
+        left = min(_SLICE, max(0.0, end - time.monotonic()))
+        try:
+            return attempt(math.ceil(left * 1000))
+        except LockedError:
+            if time.monotonic() >= end:
+                raise
+
+
+# ---------------------------------------------------------------- threads and forks
+
+
+class _ThreadUpdates:
+    """The updates that a thread has open: only it can end them, at the latest when it ends."""
+
+    def __init__(self) -> None:
+        self.open: "weakref.WeakSet[Handle]" = weakref.WeakSet()
+        # Pointers whose handles were finalised by another thread.
+        self.orphans: List[int] = []
+
+    def close_orphans(self) -> None:
+        while self.orphans:
+            _close(self.orphans.pop())
+
+    def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
+        if ends():
+            return
+        for handle in list(self.open):
+            handle.close()
+        self.close_orphans()
+
+
+class _Thread(threading.local):
+    def __init__(self) -> None:
+        # Nothing else refers to it, so that it goes when the thread does.
+        self.updates = _ThreadUpdates()
+
+
+_thread = _Thread()
+_handles: "weakref.WeakSet[Handle]" = weakref.WeakSet()
+
+
+def _forget_in_child() -> None:
+    """Locks and descriptors of the parent's handles are the parent's: the child lets them be."""
+    _thread.updates.orphans.clear()
+    _thread.updates.open.clear()
+    for handle in list(_handles):
+        handle.forget("this object was made before the fork, by the parent process")
+
+
+os.register_at_fork(after_in_child=_forget_in_child)
+
+
+def _set_up() -> None:
+    """Local text is UTF-8, and nothing of the process is touched."""
+    _check(_setup(_SETUP_UTF8))
+
+
+def entries_of(block: str) -> Tuple[Dict[str, Dict[str, str]], Set[Tuple[str, str]]]:
+    """What a block of zstzPropGetEntries holds: stanzas with their keys, and the hidden keys.
+
+    A key's values stay in one text, SEPARATOR between them: most have one, and ten thousand lists
+    would cost more than all else.
+    """
+    hidden: Set[Tuple[str, str]] = set()
+    tables: Dict[str, Dict[str, str]] = {}
+    for stanza in block[1:-1].split("\0[") if block else ():
+        name, *entries = stanza.split("\0.")
+        if "\0*" in stanza:
+            hidden.update((name, entry.split("\0", 1)[0]) for entry in entries if "\0*" in entry)
+            entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
+        divided = [entry.partition(SEPARATOR) for entry in entries]
+        tables[name] = {key: values for key, _, values in divided}
+    return tables, hidden
+
+
+SEPARATOR = "\0="
+
+
+class Handle:
+    """An object of the library, and what Python knows of it.
+
+    `lock` is held during each call, and by who changes the object and `tables` together. `tables`
+    is what the object holds, or None until somebody asks; it goes when the handle does, so that
+    whoever finds it needs no other test than that of the updater.
+    """
+
+    __slots__ = ("_pointer", "_gone", "_calls", "_home", "path", "lock", "updater", "tables", "hidden",
+                 "unordered", "watches", "__weakref__")
+
+    def __init__(self, pointer: int) -> None:
+        self._pointer: Optional[int] = pointer
+        self._gone = "this object is closed"
+        self._calls = 0  # a signal handler may find it in the middle of one
+        self._home: Optional[List[int]] = None  # where its updater finds what others let go
+        path = _path(pointer)
+        self.path: Optional[str] = os.fsdecode(path) if path else None
+        self.lock = threading.RLock()
+        self.updater: Optional[int] = None  # the thread that has an update open
+        self.tables: Optional[Dict[str, Dict[str, str]]] = None
+        self.hidden: Set[Tuple[str, str]] = set()
+        self.unordered: Set[str] = set()  # stanzas that got keys since `tables` was made
+        self.watches: "weakref.WeakSet[WatchHandle]" = weakref.WeakSet()
+        _handles.add(self)
+
+    @staticmethod
+    def open(path: bytes, mode: str, wait: Optional[float]) -> "Handle":
+        """A handle that has loaded the file."""
+        _set_up()
+        _thread.updates.close_orphans()
+        if b"\0" in path:
+            raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
+
+        def attempt(milliseconds: int) -> Handle:
+            out = ctypes.c_void_p()
+            _check(
+                _open_with(ctypes.byref(out), path, _OPEN_UPDATE, _STRICT_AND_KEEP_LINES,
+                           STORE_MODES[mode], milliseconds)
+            )
+            return Handle(out.value or 0)
+
+        return waiting(wait, attempt)
+
+    @staticmethod
+    def of_bytes(content: bytes) -> "Handle":
+        """A handle without a path."""
+        _set_up()
+        _refuse_nul(content)
+        out = ctypes.c_void_p()
+        _check(_open_bytes(ctypes.byref(out), content, len(content), _STRICT_AND_KEEP_LINES))
+        return Handle(out.value or 0)
+
+    # The pointer, for a call that begins now.
+    def _live(self) -> int:
+        pointer = self._pointer
+        if pointer is None:
+            raise StateError(self._gone)
+        # Threads that the interpreter has stopped may be in the middle of a call, lock and all.
+        if sys.is_finalizing():
+            raise StateError("the interpreter ends")
+        if self.updater is not None and self.updater != threading.get_ident():
+            raise StateError("another thread has an update of this object open")
+        return pointer
+
+    def _enter(self) -> int:
+        pointer = self._live()
+        self._calls += 1
+        return pointer
+
+    def run(self, function: Any, *arguments: Any) -> None:
+        """Makes a call that gives a result number."""
+        self._live()
+        with self.lock:
+            pointer = self._enter()
+            try:
+                _check(function(pointer, *arguments))
+            finally:
+                self._calls -= 1
+
+    def ask(self, function: Any, stanza: bytes, key: bytes) -> Any:
+        """Makes a call that gives an answer, or raises."""
+        err = ctypes.c_int()
+        answers: List[Any] = []
+
+        def call(pointer: int) -> int:
+            answers.append(function(pointer, stanza, key, 1, ctypes.byref(err)))
+            return err.value
+
+        self.run(call)
+        return answers[0]
+
+    def block(self, function: Any) -> str:
+        """The text that a call makes a block of."""
+        out, size = ctypes.c_void_p(), ctypes.c_size_t()
+        try:
+            self.run(function, ctypes.byref(out), ctypes.byref(size))
+            return decode(ctypes.string_at(out, size.value)) if out else ""
+        finally:
+            _free(out)
+
+    def texts(self, function: Any, *arguments: Any) -> List[str]:
+        """The texts that a call makes a list of."""
+        out = _texts()
+        try:
+            self.run(function, *arguments, ctypes.byref(out))
+            texts: List[str] = []
+            while out and out[len(texts)] is not None:
+                texts.append(decode(out[len(texts)]))
+            return texts
+        finally:
+            _free_list(out)
+
+    def is_modified(self) -> bool:
+        """Whether something was changed since the last load or store."""
+        with self.lock:
+            return bool(_is_modified(self._live()))
+
+    def entries(self) -> Dict[str, Dict[str, str]]:
+        """The stanzas with their keys: `tables`, made anew if need be."""
+        self._live()
+        with self.lock:
+            self._live()
+            if self.tables is None:
+                tables, self.hidden = entries_of(self.block(get_entries))
+                self.unordered.clear()
+                self.tables = tables
+            return self.tables
+
+    def store(self, path: Optional[bytes], wait: Optional[float]) -> None:
+        """Writes to this file, or to its own."""
+        if path is not None and b"\0" in path:
+            raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
+
+        def attempt(milliseconds: int) -> None:
+            try:
+                self.run(_store, path)
+            except LockedError:
+                # How long the library waits was said when the handle was opened.
+                time.sleep(min(milliseconds / 1000, _PAUSE))
+                raise
+
+        waiting(wait, attempt)
+        with self.lock:
+            stored = _path(self._live())
+            self.path = os.fsdecode(stored) if stored else None
+
+    def begin(self, wait: Optional[float]) -> None:
+        """Begins an update, which is the calling thread's."""
+        updates = _thread.updates
+        updates.close_orphans()
+
+        def attempt(milliseconds: int) -> None:
+            self._live()
+            with self.lock:
+                pointer = self._live()
+                if self.updater is not None:
+                    raise StateError("an update of this object is open already")
+                self.updater, self._home = threading.get_ident(), updates.orphans
+                updates.open.add(self)
+                try:
+                    _check(_begin(pointer, milliseconds))
+                except BaseException:
+                    # An interrupt may have come right behind the call.
+                    self._end_update()
+                    raise
+                finally:
+                    self.tables = None
+
+        waiting(wait, attempt)
+
+    def _end_update(self) -> None:
+        _rollback(self._pointer)
+        self.updater = self._home = self.tables = None
+        _thread.updates.open.discard(self)
+
+    def commit(self) -> None:
+        """Stores, and ends the update; one that fails is open still."""
+        self.run(_commit)
+        with self.lock:
+            self._end_update()
+
+    def rollback(self) -> None:
+        """Ends the update of the calling thread without a store."""
+        with self.lock:
+            self._live()
+            self._end_update()
+
+    def close(self) -> None:
+        """Ends the object, with an update that is open; again: nothing."""
+        if self._pointer is None:
+            return
+        with self.lock:
+            if self._pointer is None:
+                return
+            self._live()
+            if self._calls:
+                raise StateError("this object is in the middle of a call")
+            for watch in list(self.watches):
+                watch.close()
+            pointer = self._pointer
+            self.forget("this object is closed")
+            _close(pointer)
+
+    def forget(self, why: str) -> None:
+        """Lets go of the object, without a call."""
+        for watch in list(self.watches):
+            watch.forget()
+        self._pointer, self._gone = None, why
+        self.tables = self.updater = self._home = None
+        self.lock = threading.RLock()
+
+    def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
+        pointer = self._pointer
+        if pointer is None or ends():
+            return
+        if self._home is not None and self.updater != threading.get_ident():
+            self._home.append(pointer)
+        else:
+            _close(pointer)
+
+
+def _refuse_nul(content: bytes) -> None:
+    place = content.find(b"\0")
+    if place >= 0:
+        line = content.count(b"\n", 0, place) + 1
+        raise DataError("bad line: it holds a NUL", _BAD_DATA, None, line)
+
+
+class WatchHandle:
+    """A watch of the library on the file of a handle, which it keeps alive."""
+
+    def __init__(self, handle: Handle) -> None:
+        self._pointer: Optional[int] = None
+        self._handle = handle
+        out = ctypes.c_void_p()
+        with handle.lock:
+            handle.run(_watch_open, ctypes.byref(out))
+            self._pointer = out.value
+            handle.watches.add(self)
+
+    def _live(self) -> int:
+        self._handle._live()
+        if self._pointer is None:
+            raise StateError("this watch is closed")
+        return self._pointer
+
+    def is_open(self) -> bool:
+        """Whether nobody has closed it, or its handle."""
+        return self._pointer is not None
+
+    def fileno(self) -> int:
+        """The descriptor to poll."""
+        self._live()
+        with self._handle.lock:
+            return int(_watch_fd(self._live()))
+
+    def process(self) -> bool:
+        """Whether the handle was loaded anew."""
+        err = ctypes.c_int()
+        counts: List[int] = []
+
+        def call(_: int) -> int:
+            counts.append(_watch_process(self._live(), None, None, ctypes.byref(err)))
+            return err.value
+
+        self._handle.run(call)
+        return counts[0] > 0
+
+    def close(self) -> None:
+        """Ends the watch; again: nothing."""
+        if self._pointer is None:
+            return
+        with self._handle.lock:
+            pointer, self._pointer = self._pointer, None
+            if pointer is not None:
+                _watch_close(pointer)
+
+    def forget(self) -> None:
+        """Lets go of the watch, without a call."""
+        self._pointer = None
+
+    def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
+        if not ends():
+            self.close()

@@ -1,0 +1,120 @@
+"""Watch: what other processes, and other objects of this one, change in a file."""
+
+import os
+import select
+from typing import Dict, Iterator, List, NamedTuple, Optional, Union
+
+from ._config import Config, Path, _split, open as _open
+from ._errors import StateError
+from ._lib import WatchHandle
+
+_Tables = Dict[str, Dict[str, str]]
+
+
+class Change(NamedTuple):
+    """One difference between what a file was and what it is.
+
+    kind     "added", "deleted" or "modified"
+    section  the stanza
+    option   the key, or None where a stanza came or went
+    before   the values that the key had, none for a new one
+    after    the values that it has, none for one that is gone
+    """
+
+    kind: str
+    section: str
+    option: Optional[str]
+    before: List[str]
+    after: List[str]
+
+
+def _differences(before: _Tables, after: _Tables) -> Iterator[Change]:
+    for section in [*after, *(gone for gone in before if gone not in after)]:
+        if section not in before:
+            yield Change("added", section, None, [], [])
+        old, new = before.get(section, {}), after.get(section, {})
+        for option in [*new, *(gone for gone in old if gone not in new)]:
+            was, now = old.get(option), new.get(option)
+            if was != now:
+                kind = "added" if was is None else "deleted" if now is None else "modified"
+                yield Change(kind, section, option, _split(was or ""), _split(now or ""))
+        if section not in after:
+            yield Change("deleted", section, None, [], [])
+
+
+class Watch:
+    """A watch on a file: see watch(). `config` is what the file holds, kept up to date."""
+
+    def __init__(self, source: Union[Config, Path]) -> None:
+        self._owns = not isinstance(source, Config)
+        self.config = source if isinstance(source, Config) else _open(source)
+        if self.config.path is None:
+            raise StateError("this object has no file to watch", 22)
+        self._handle = WatchHandle(self.config._handle)
+        # A thread that waits in a loop ends it when the writing end is closed.
+        self._woken, self._wake = os.pipe()
+
+    def fileno(self) -> int:
+        """A descriptor that is readable when process() has something to do."""
+        return self._handle.fileno()
+
+    def process(self) -> List[Change]:
+        """Looks, without waiting, whether the file has changed; if so, config shows it.
+
+        Nothing is seen, and the next call looks again, while config has unsaved changes or a
+        writer holds the file. DataError, FileError: config is what it was then.
+        """
+        handle = self.config._handle
+        handle.entries()
+        with handle.lock:
+            before = self.config._data()
+            if not self._handle.process():
+                return []
+            handle.tables = None
+            return list(_differences(before, self.config._data()))
+
+    def __iter__(self) -> Iterator[Change]:
+        """Waits for changes, for ever: until close(), an interrupt, or an error of process()."""
+        ready = select.poll()
+        ready.register(self.fileno(), select.POLLIN)
+        ready.register(self._woken, select.POLLIN)
+        while self._handle.is_open():
+            yield from self.process()
+            if self._handle.is_open():
+                ready.poll()
+
+    def close(self) -> None:
+        """Ends the watch, in any thread; a loop over it ends too. Again: nothing."""
+        self._handle.close()
+        if self._owns:
+            self.config.close()
+        for descriptor in (self._wake, self._woken):
+            if descriptor >= 0:
+                os.close(descriptor)
+        self._wake = self._woken = -1
+
+    def __enter__(self) -> "Watch":
+        return self
+
+    def __exit__(self, *failure: object) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        for descriptor in (getattr(self, "_wake", -1), getattr(self, "_woken", -1)):
+            if descriptor >= 0:
+                os.close(descriptor)
+
+
+def watch(source: Union[Config, Path]) -> Watch:
+    """Tells what others change in a file, or in the file of a Config, which is kept up to date:
+
+        for change in zbase.watch("service.conf"):
+            print(change.kind, change.section, change.option, change.after)
+
+    For a loop of your own it has a descriptor, fileno(), and process(): give it to a selector, or
+    to asyncio as loop.add_reader(watch.fileno(), on_change).
+
+    The file may be rewritten or replaced, as editors do. StateError for a Config without a file,
+    FileError without descriptors.
+    """
+    return Watch(source)
