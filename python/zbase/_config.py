@@ -56,10 +56,27 @@ def _split(values: str) -> List[str]:
 
 def _listed(values: Values) -> List[str]:
     """These values as a key can have them: no empty one, and none twice."""
-    texts = [values] if isinstance(values, str) else list(values)
-    for text in texts:
-        encode(text)
-    return list(dict.fromkeys(text for text in texts if text))
+    texts = [values] if isinstance(values, str) else values
+    return [text for text in dict.fromkeys(texts) if text != ""]
+
+
+def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
+    stanza = encode(name)
+    for option, texts in listed.items():
+        key = encode(option)
+        handle.run(_lib.set_value, stanza, key, encode(texts[0] if texts else ""))
+        for text in texts[1:]:
+            handle.run(_lib.add_value, stanza, key, encode(text))
+
+
+def _tried(name: str, content: Mapping[str, Values]) -> Dict[str, List[str]]:
+    """The values of these keys, if a file can give all of it back: tried ahead of the first change,
+    so that a refusal comes before it."""
+    listed = {option: _listed(values) for option, values in content.items()}
+    trial = Handle.of_bytes(b"")
+    _write(trial, name, {"-": [], **listed})
+    trial.close()
+    return listed
 
 
 class Section(MutableMapping[str, str]):
@@ -232,16 +249,14 @@ class Section(MutableMapping[str, str]):
         self._replace({option: list(values)})
 
     def _replace(self, content: Mapping[str, Values]) -> None:
-        listed = {option: _listed(values) for option, values in content.items()}
+        self._write(_tried(self._name, content))
+
+    def _write(self, listed: Mapping[str, List[str]]) -> None:
         with self._config._changing() as handle:
             table = self._table()
             for option in listed:
                 if (self._name, option) in handle.hidden:
                     raise RefusedError(f"the values of {option!r} are hidden", 22)
-            # What is refused is refused here, ahead of the first change.
-            trial = Handle.of_bytes(b"")
-            _write(trial, self._name, listed)
-            trial.close()
             _write(handle, self._name, listed)
             for option, texts in listed.items():
                 self._put(table, option, SEPARATOR.join(texts))
@@ -290,15 +305,6 @@ class Section(MutableMapping[str, str]):
             return encode(self._name), None
         self._values(option)
         return encode(self._name), encode(option)
-
-
-def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
-    stanza = encode(name)
-    for option, texts in listed.items():
-        key = encode(option)
-        handle.run(_lib.set_value, stanza, key, encode(texts[0] if texts else ""))
-        for text in texts[1:]:
-            handle.run(_lib.add_value, stanza, key, encode(text))
 
 
 class Config(MutableMapping[str, Section]):
@@ -448,20 +454,14 @@ class Config(MutableMapping[str, Section]):
 
         A list as value gives a key several values.
         """
-        content = content if not isinstance(content, Section) else {
-            option: content.getall(option) for option in content
-        }
-        with self._changing() as handle:
-            made = section not in self._data()
-            if made:
+        if isinstance(content, Section):
+            content = {option: content.getall(option) for option in content}
+        listed = _tried(section, content)
+        with self._changing():
+            if section not in self._data():
                 self.add_section(section)
-            try:
-                self[section]._replace(content)
-            except BaseException:
-                if made:
-                    handle.run(_lib.remove_stanza, encode(section))
-                raise
-            for option in [option for option in self[section] if option not in content]:
+            self[section]._write(listed)
+            for option in [option for option in self[section] if option not in listed]:
                 del self[section][option]
 
     def __delitem__(self, section: str) -> None:
@@ -557,10 +557,12 @@ class Config(MutableMapping[str, Section]):
 
     def read_dict(self, dictionary: Mapping[str, Mapping[str, Values]], source: str = "") -> None:
         """Sets the keys of these stanzas, which are made if need be."""
-        for section, content in dictionary.items():
-            if section not in self:
-                self.add_section(section)
-            self[section]._replace(content)
+        tried = {section: _tried(section, content) for section, content in dictionary.items()}
+        with self._changing():
+            for section, listed in tried.items():
+                if section not in self._data():
+                    self.add_section(section)
+                self[section]._write(listed)
 
     def _take(self, other: "Config") -> None:
         mine, theirs = self._handle, other._handle
@@ -601,11 +603,7 @@ class Config(MutableMapping[str, Section]):
         has stored since this Config was loaded is lost: update() is the way to change a file that
         others change too. LockedError, FileError.
         """
-        handle = self._handle
-        if path is None and self._file() is None:
-            raise StateError("this object has no file yet", 22)
-        target = None if path is None else os.fsencode(path)
-        handle.store(target, wait)
+        self._handle.store(None if path is None else os.fsencode(path), wait)
 
     def close(self) -> None:
         """Ends the object: all else raises StateError from now on. Nothing is stored."""

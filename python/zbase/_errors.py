@@ -21,16 +21,16 @@ class Error(Exception):
     def __init__(
         self, text: str, number: int = 0, file: Optional[str] = None, line: int = 0
     ) -> None:
-        super().__init__(text)
+        Exception.__init__(self, text)
         self.text = text
         self.number = number
         self.file = file
         self.line = line
 
     def __str__(self) -> str:
-        place = "" if self.file is None else f"{self.file}:"
-        place += f"{self.line}:" if self.line else ""
-        return f"{place} {self.text}" if place else self.text
+        if self.file is None:
+            return f"line {self.line}: {self.text}" if self.line else self.text
+        return f"{self.file}:{self.line}: {self.text}" if self.line else f"{self.file}: {self.text}"
 
     def __reduce__(self) -> Tuple[Any, ...]:
         return type(self), (self.text, self.number, self.file, self.line)

@@ -162,7 +162,7 @@ def _failure(result: int) -> Exception:
     """
     last = _LastError()
     number = _last_error(ctypes.byref(last)) or result
-    file = None if last.file is None else os.fsdecode(last.file)
+    file = os.fsdecode(last.file) if last.file else None
     text = f"failed with result {result}" if last.text is None else decode(last.text)
     if number == _NO_MEMORY:
         return MemoryError(text)
@@ -409,6 +409,9 @@ class Handle:
 
     def store(self, path: Optional[bytes], wait: Optional[float]) -> None:
         """Writes to this file, or to its own."""
+        self._live()
+        if path is None and self.path is None:
+            raise StateError("this object has no file yet", _BAD_PARAMETER)
         if path is not None and b"\0" in path:
             raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
 
