@@ -22,7 +22,7 @@ from typing import (
 
 from . import _lib
 from ._errors import DataError, MissingError, NotFoundError, RefusedError, StateError
-from ._lib import SEPARATOR, Handle, decode, encode
+from ._lib import SEPARATOR, Handle, Tables, encode
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 # What a section is made of: a text for a key with one value, a list for one with several.
@@ -148,7 +148,9 @@ class Section(MutableMapping[str, str]):
         `raw` is for callers of configparser: nothing is interpolated here.
         """
         values = self._table().get(option)
-        return fallback if values is None else _last(values)
+        if values is None:
+            return fallback
+        return values if "\0" not in values else _last(values)
 
     def _converted(self, option: str, fallback: Any, convert: Callable[[str], _T]) -> Any:
         values = self._table().get(option)
@@ -208,7 +210,7 @@ class Section(MutableMapping[str, str]):
     def hidden(self, option: str) -> bool:
         """Whether the key's values stand in the side database and not in the text."""
         self._values(option)
-        return (self._name, option) in self._config._handle.hidden
+        return (self._name, option) in self._config._data().hidden
 
     # --- Changing
 
@@ -255,7 +257,7 @@ class Section(MutableMapping[str, str]):
         with self._config._changing() as handle:
             table = self._table()
             for option in listed:
-                if (self._name, option) in handle.hidden:
+                if (self._name, option) in self._config._data().hidden:
                     raise RefusedError(f"the values of {option!r} are hidden", 22)
             _write(handle, self._name, listed)
             for option, texts in listed.items():
@@ -268,7 +270,7 @@ class Section(MutableMapping[str, str]):
             self._values(option)
             handle.run(_lib.remove_key, *names)
             del self._table()[option]
-            handle.hidden.discard((self._name, option))
+            self._config._data().hidden.discard((self._name, option))
 
     def clear(self) -> None:
         """Removes all keys."""
@@ -333,7 +335,7 @@ class Config(MutableMapping[str, Section]):
 
     # --- Inside
 
-    def _data(self) -> Dict[str, Dict[str, str]]:
+    def _data(self) -> Tables:
         handle = self._handle
         tables = handle.tables
         if tables is None or handle.updater not in (None, get_ident()):
@@ -371,26 +373,26 @@ class Config(MutableMapping[str, Section]):
 
     def __getitem__(self, section: str) -> Section:
         """The stanza, as a view; MissingError (a KeyError) if there is none."""
-        if section not in self._data():
+        if section not in self._data().names:
             self._table(section)
         return Section(self, section)
 
     def __contains__(self, section: object) -> bool:
-        return section in self._data()
+        return section in self._data().names
 
     def __iter__(self) -> Iterator[str]:
-        return iter(self._data())
+        return iter(self._data().names)
 
     def __len__(self) -> int:
-        return len(self._data())
+        return len(self._data().names)
 
     def sections(self) -> List[str]:
         """The names of the stanzas."""
-        return list(self._data())
+        return list(self._data().names)
 
     def has_section(self, section: str) -> bool:
         """Whether there is this stanza."""
-        return section in self._data()
+        return section in self._data().names
 
     def options(self, section: str) -> List[str]:
         """The stanza's keys."""
@@ -398,7 +400,10 @@ class Config(MutableMapping[str, Section]):
 
     def has_option(self, section: str, option: str) -> bool:
         """Whether the stanza is there and has this key."""
-        return option in self._data().get(section, ())
+        try:
+            return option in self._data()[section]
+        except KeyError:
+            return False
 
     def get(  # type: ignore[override]
         self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
@@ -407,15 +412,16 @@ class Config(MutableMapping[str, Section]):
 
         `raw` is for callers of configparser: nothing is interpolated here.
         """
-        values = self._data().get(section, {}).get(option)
-        if values is not None:
-            return _last(values)
-        if fallback is _UNSET:
-            raise self[section]._missing(option)
+        try:
+            values = self._data()[section][option]
+            return values if "\0" not in values else _last(values)
+        except KeyError:
+            if fallback is _UNSET:
+                raise self[section]._missing(option) from None
         return fallback
 
     def _converted(self, getter: Callable[..., Any], section: str, option: str, fallback: Any) -> Any:
-        if fallback is not _UNSET and section not in self._data():
+        if fallback is not _UNSET and section not in self._data().names:
             return fallback
         return getter(self[section], option, fallback)
 
@@ -458,7 +464,7 @@ class Config(MutableMapping[str, Section]):
             content = {option: content.getall(option) for option in content}
         listed = _tried(section, content)
         with self._changing():
-            if section not in self._data():
+            if section not in self._data().names:
                 self.add_section(section)
             self[section]._write(listed)
             for option in [option for option in self[section] if option not in listed]:
@@ -470,8 +476,7 @@ class Config(MutableMapping[str, Section]):
         with self._changing() as handle:
             self._table(section)
             handle.run(_lib.remove_stanza, name)
-            del self._data()[section]
-            handle.hidden -= {key for key in handle.hidden if key[0] == section}
+            self._data().remove(section)
 
     def clear(self) -> None:
         """Removes all stanzas."""
@@ -482,12 +487,12 @@ class Config(MutableMapping[str, Section]):
         """Adds a stanza without keys, at the end; RefusedError if it is there already."""
         name = encode(section)
         with self._changing() as handle:
-            if section in self._data():
+            if section in self._data().names:
                 raise RefusedError(f"stanza {section!r} is there already", 22, self._file())
             # A stanza is made with its first key, and stays when that goes.
             handle.run(_lib.set_value, name, b"-", None)
             handle.run(_lib.remove_key, name, b"-")
-            self._data()[section] = {}
+            self._data().add(section)
 
     def set(self, section: str, option: str, value: str) -> None:
         """Makes this the only value of the key, in a stanza that must be there."""
@@ -560,7 +565,7 @@ class Config(MutableMapping[str, Section]):
         tried = {section: _tried(section, content) for section, content in dictionary.items()}
         with self._changing():
             for section, listed in tried.items():
-                if section not in self._data():
+                if section not in self._data().names:
                     self.add_section(section)
                 self[section]._write(listed)
 
@@ -571,12 +576,13 @@ class Config(MutableMapping[str, Section]):
             mine.close()
             return
         tables = other._data()
-        if theirs.hidden:
+        content = {
+            name: {option: _split(values) for option, values in tables[name].items()}
+            for name in tables.names
+        }
+        if tables.hidden:
             raise RefusedError("hidden values would become plain ones", 22, other._file())
-        self.read_dict({
-            name: {option: _split(values) for option, values in table.items()}
-            for name, table in tables.items()
-        })
+        self.read_dict(content)
 
     def dumps(self) -> str:
         """The text of a file with all that is here but the hidden values."""

@@ -13,6 +13,7 @@ import sys
 import threading
 import time
 import weakref
+from itertools import repeat
 from typing import Any, Callable, Dict, List, Optional, Set, Tuple, TypeVar
 
 from ._errors import (
@@ -257,25 +258,50 @@ def _set_up() -> None:
     _check(_setup(_SETUP_UTF8))
 
 
-def entries_of(block: str) -> Tuple[Dict[str, Dict[str, str]], Set[Tuple[str, str]]]:
-    """What a block of zstzPropGetEntries holds: stanzas with their keys, and the hidden keys.
-
-    A key's values stay in one text, SEPARATOR between them: most have one, and ten thousand lists
-    would cost more than all else.
-    """
-    hidden: Set[Tuple[str, str]] = set()
-    tables: Dict[str, Dict[str, str]] = {}
-    for stanza in block[1:-1].split("\0[") if block else ():
-        name, *entries = stanza.split("\0.")
-        if "\0*" in stanza:
-            hidden.update((name, entry.split("\0", 1)[0]) for entry in entries if "\0*" in entry)
-            entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
-        divided = [entry.partition(SEPARATOR) for entry in entries]
-        tables[name] = {key: values for key, _, values in divided}
-    return tables, hidden
-
-
+# Between the values of a key, and between the key and its values.
 SEPARATOR = "\0="
+
+
+class Tables(Dict[str, Dict[str, str]]):
+    """What a block of zstzPropGetEntries holds: a table of keys for each stanza.
+
+    A table is made when it is asked for, since most programs ask for a few. A key's values stay in
+    one text, SEPARATOR between them: most have one, and ten thousand lists would cost more than all
+    else.
+
+    names   the stanzas in the order of the file, each with its part of the block
+    hidden  the hidden keys of the tables that are made
+    """
+
+    __slots__ = ("names", "hidden")
+
+    def __init__(self, block: str) -> None:
+        super().__init__()
+        stanzas = block[1:-1].split("\0[") if block else []
+        self.names = {
+            name: entries for name, _, entries in map(str.partition, stanzas, repeat("\0."))
+        }
+        self.hidden: Set[Tuple[str, str]] = set()
+
+    def __missing__(self, name: str) -> Dict[str, str]:
+        entries = self.names[name].split("\0.") if self.names[name] else []
+        if "\0*" in self.names[name]:
+            self.hidden.update((name, e.partition("\0")[0]) for e in entries if "\0*" in e)
+            entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
+        divided = map(str.partition, entries, repeat(SEPARATOR))
+        self[name] = table = {key: values for key, _, values in divided}
+        return table
+
+    def add(self, name: str) -> None:
+        """A stanza without keys."""
+        self.names[name] = ""
+        self[name] = {}
+
+    def remove(self, name: str) -> None:
+        """A stanza and all of its keys."""
+        del self.names[name]
+        self.pop(name, None)
+        self.hidden = {key for key in self.hidden if key[0] != name}
 
 
 class Handle:
@@ -286,7 +312,7 @@ class Handle:
     whoever finds it needs no other test than that of the updater.
     """
 
-    __slots__ = ("_pointer", "_gone", "_calls", "_home", "path", "lock", "updater", "tables", "hidden",
+    __slots__ = ("_pointer", "_gone", "_calls", "_home", "path", "lock", "updater", "tables",
                  "unordered", "watches", "__weakref__")
 
     def __init__(self, pointer: int) -> None:
@@ -298,8 +324,7 @@ class Handle:
         self.path: Optional[str] = os.fsdecode(path) if path else None
         self.lock = threading.RLock()
         self.updater: Optional[int] = None  # the thread that has an update open
-        self.tables: Optional[Dict[str, Dict[str, str]]] = None
-        self.hidden: Set[Tuple[str, str]] = set()
+        self.tables: Optional[Tables] = None
         self.unordered: Set[str] = set()  # stanzas that got keys since `tables` was made
         self.watches: "weakref.WeakSet[WatchHandle]" = weakref.WeakSet()
         _handles.add(self)
@@ -396,15 +421,14 @@ class Handle:
         with self.lock:
             return bool(_is_modified(self._live()))
 
-    def entries(self) -> Dict[str, Dict[str, str]]:
-        """The stanzas with their keys: `tables`, made anew if need be."""
+    def entries(self) -> Tables:
+        """`tables`, made anew if need be."""
         self._live()
         with self.lock:
             self._live()
             if self.tables is None:
-                tables, self.hidden = entries_of(self.block(get_entries))
                 self.unordered.clear()
-                self.tables = tables
+                self.tables = Tables(self.block(get_entries))
             return self.tables
 
     def store(self, path: Optional[bytes], wait: Optional[float]) -> None:

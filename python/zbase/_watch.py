@@ -2,13 +2,11 @@
 
 import os
 import select
-from typing import Dict, Iterator, List, NamedTuple, Optional, Union
+from typing import Iterator, List, NamedTuple, Optional, Union
 
 from ._config import Config, Path, _split, open as _open
 from ._errors import StateError
-from ._lib import WatchHandle
-
-_Tables = Dict[str, Dict[str, str]]
+from ._lib import Tables, WatchHandle
 
 
 class Change(NamedTuple):
@@ -28,17 +26,18 @@ class Change(NamedTuple):
     after: List[str]
 
 
-def _differences(before: _Tables, after: _Tables) -> Iterator[Change]:
-    for section in [*after, *(gone for gone in before if gone not in after)]:
-        if section not in before:
+def _differences(before: Tables, after: Tables) -> Iterator[Change]:
+    for section in {**after.names, **before.names}:
+        if section not in before.names:
             yield Change("added", section, None, [], [])
-        old, new = before.get(section, {}), after.get(section, {})
-        for option in [*new, *(gone for gone in old if gone not in new)]:
+        old = before[section] if section in before.names else {}
+        new = after[section] if section in after.names else {}
+        for option in {**new, **old}:
             was, now = old.get(option), new.get(option)
             if was != now:
                 kind = "added" if was is None else "deleted" if now is None else "modified"
                 yield Change(kind, section, option, _split(was or ""), _split(now or ""))
-        if section not in after:
+        if section not in after.names:
             yield Change("deleted", section, None, [], [])
 
 
