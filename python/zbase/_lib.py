@@ -95,6 +95,11 @@ get_entries = _function("GetEntries", _int, _handle, _out, ctypes.POINTER(_size)
 store_bytes = _function("StoreBytes", _int, _handle, _out, ctypes.POINTER(_size))
 get_comments = _function("GetComments", _int, _handle, _text, _text, ctypes.POINTER(_texts))
 
+_view = ctypes.pythonapi.PyMemoryView_FromMemory
+_view.restype = ctypes.py_object
+_view.argtypes = (_block, ctypes.c_ssize_t, _int)
+_READ = 0x100  # PyBUF_READ
+
 _SETUP_UTF8 = 1
 _OPEN_UPDATE = 2
 _STRICT_AND_KEEP_LINES = 2 | 4
@@ -269,23 +274,30 @@ class Tables(Dict[str, Dict[str, str]]):
     one text, SEPARATOR between them: most have one, and ten thousand lists would cost more than all
     else.
 
-    names   the stanzas in the order of the file, each with its part of the block
+    names   the stanzas in the order of the file, each with its place in the block
     hidden  the hidden keys of the tables that are made
     """
 
-    __slots__ = ("names", "hidden")
+    __slots__ = ("_block", "names", "hidden")
 
     def __init__(self, block: str) -> None:
         super().__init__()
-        stanzas = block[1:-1].split("\0[") if block else []
-        self.names = {
-            name: entries for name, _, entries in map(str.partition, stanzas, repeat("\0."))
-        }
+        self._block = block
+        self.names: Dict[str, Tuple[int, int]] = {}
         self.hidden: Set[Tuple[str, str]] = set()
+        find, last, start = block.find, len(block) - 1, 1
+        while start < last:
+            name_end, end = find("\0", start), find("\0[", start)
+            if end < 0:
+                end = last
+            self.names[block[start:name_end]] = (name_end + 2, end)
+            start = end + 2
 
     def __missing__(self, name: str) -> Dict[str, str]:
-        entries = self.names[name].split("\0.") if self.names[name] else []
-        if "\0*" in self.names[name]:
+        first, end = self.names[name]
+        text = self._block[first:end]
+        entries = text.split("\0.") if text else []
+        if "\0*" in text:
             self.hidden.update((name, e.partition("\0")[0]) for e in entries if "\0*" in e)
             entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
         divided = map(str.partition, entries, repeat(SEPARATOR))
@@ -294,7 +306,7 @@ class Tables(Dict[str, Dict[str, str]]):
 
     def add(self, name: str) -> None:
         """A stanza without keys."""
-        self.names[name] = ""
+        self.names[name] = (0, 0)
         self[name] = {}
 
     def remove(self, name: str) -> None:
@@ -400,7 +412,9 @@ class Handle:
         out, size = ctypes.c_void_p(), ctypes.c_size_t()
         try:
             self.run(function, ctypes.byref(out), ctypes.byref(size))
-            return decode(ctypes.string_at(out, size.value)) if out else ""
+            # Straight from the block: a file may be big, and fresh memory is what costs.
+            view = _view(out, size.value, _READ) if out else b""
+            return str(view, "utf-8", "surrogateescape")
         finally:
             _free(out)
 
