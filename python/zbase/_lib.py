@@ -79,7 +79,6 @@ _path = _function("Path", _text, _handle)
 _store = _function("Store", _int, _handle, _text)
 
 # What Handle.run takes; the first argument is the handle's own.
-load_bytes = _function("LoadBytes", _int, _handle, _text, _size)
 set_value = _function("SetStringValue", _int, _handle, _text, _text, _text)
 add_value = _function("AddStringValue", _int, _handle, _text, _text, _text)
 remove_key = _function("RemoveKey", _int, _handle, _text, _text)
