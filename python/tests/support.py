@@ -45,7 +45,7 @@ class FolderTest(unittest.TestCase):
         """Runs one to its end; what it printed. It must end well and complain of nothing."""
         done = subprocess.run([sys.executable, "-X", "dev", "-c", program, *arguments],
                               capture_output=True, text=True, **options)
-        self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
+        self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout + done.stderr)
         return done.stdout
 
     def hold_lock(self):

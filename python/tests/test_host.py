@@ -15,7 +15,8 @@ libc.strtod.restype, libc.uselocale.restype = ctypes.c_double, ctypes.c_void_p
 libc.getenv.restype = ctypes.c_char_p
 
 def state():
-    masks = [line for line in open("/proc/self/status") if line.startswith(("Sig", "Shd"))]
+    with open("/proc/self/status") as status:
+        masks = [line for line in status if line.startswith(("SigBlk", "SigIgn", "SigCgt"))]
     return (locale.setlocale(locale.LC_ALL), locale.localeconv(), libc.uselocale(None),
             dict(os.environ), libc.getenv(b"QELDIR"), masks,
             {number: signal.getsignal(number) for number in signal.valid_signals()},
@@ -41,14 +42,13 @@ except FileNotFoundError as failure:
 conf.close()
 for was, now in zip(before, state()):
     assert was == now, (was, now)
-assert wanted != "de_DE.UTF-8" or (before[8] == 1.5 and "Datei" in before[12]) or before[8] == 1.5
+assert wanted != "de_DE.UTF-8" or before[8] == 1.5
 print("same")
 """
 
 
 class Host(FolderTest):
     def test_nothing_of_the_process_changes(self):
-        self.assertNotIn("LC_ALL", PROGRAM.split("setlocale")[0])
         locales = os.path.join(os.environ["ZBASE_BUILD"], "locales")
         environment = {name: value for name, value in os.environ.items()
                        if name != "QELDIR" and not name.startswith("LC_") and name != "LANG"}

@@ -259,7 +259,14 @@ os.register_at_fork(after_in_child=_forget_in_child)
 
 def _set_up() -> None:
     """Local text is UTF-8, and nothing of the process is touched."""
+    _refuse_at_exit()
     _check(_setup(_SETUP_UTF8))
+
+
+def _refuse_at_exit() -> None:
+    # Threads that the interpreter has stopped may be in the middle of a call, lock and all.
+    if sys.is_finalizing():
+        raise StateError("the interpreter ends")
 
 
 # Between the values of a key, and between the key and its values.
@@ -372,9 +379,7 @@ class Handle:
         pointer = self._pointer
         if pointer is None:
             raise StateError(self._gone)
-        # Threads that the interpreter has stopped may be in the middle of a call, lock and all.
-        if sys.is_finalizing():
-            raise StateError("the interpreter ends")
+        _refuse_at_exit()
         if self.updater is not None and self.updater != threading.get_ident():
             raise StateError("another thread has an update of this object open")
         return pointer
