@@ -1,5 +1,6 @@
-# What `cmake --install` puts into place, in two components that CPack makes packages of: runtime
-# (library, command and its pages) and development (headers, and how to find and link the library).
+# What `cmake --install` puts into place, in components that CPack makes packages of: runtime
+# (library, command and its pages), development (headers, and how to find and link the library) and
+# python (the Python package, from python/).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -54,7 +55,7 @@ set(CPACK_PACKAGE_NAME zbase)
 set(CPACK_PACKAGE_VENDOR "the zbase founders")
 set(CPACK_PACKAGE_CONTACT "the zbase founders <founders@zbase.invalid>")
 set(CPACK_PACKAGE_VERSION 6.0.0)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)
@@ -78,5 +79,14 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
   "Foundation library with a configuration database: development files
 Headers, static library, manual pages, and the files by which CMake and
 pkg-config find libzbase.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zbase)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3 (>= 3.9), libzbase6 (>= ${CPACK_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+  "Configuration in stanza files, edited by programs and people (Python 3)
+A mapping of mappings with the names that configparser has, updates that
+lose nothing, and a watch that tells what others have changed.")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 include(CPack)
