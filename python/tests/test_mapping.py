@@ -151,7 +151,8 @@ class Changing(FolderTest):
                 self.assertRaises(ValueError, conf.__setitem__, "log", {"new": "1", text: "v"})
         for text in texts:
             with self.subTest(value=text[:9]):
-                for change in (lambda: log.__setitem__("level", text), lambda: log.add("level", text),
+                for change in (lambda: log.__setitem__("level", text),
+                               lambda: log.add("level", text),
                                lambda: log.setall("level", ["fine", text]),
                                lambda: log.add_comment("#" + text + text, "level"),
                                lambda: conf.read_dict({"log": {"x": "1"}, "new": {"k": text}}),
@@ -180,7 +181,8 @@ class Changing(FolderTest):
     def test_comments(self):
         conf = zbase.open("service.conf")
         log, listener = conf["log"], conf["listener"]
-        self.assertEqual(conf.comments()[0], "# Heron, the label printing service of the warehouse.")
+        self.assertEqual(conf.comments()[0],
+                         "# Heron, the label printing service of the warehouse.")
         self.assertEqual(listener.comments(),
                          ["# Where clients connect; one address a line."])
         self.assertEqual(log.comments("keep"), ["# Days."])

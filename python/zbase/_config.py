@@ -420,7 +420,9 @@ class Config(MutableMapping[str, Section]):
                 raise self[section]._missing(option) from None
         return fallback
 
-    def _converted(self, getter: Callable[..., Any], section: str, option: str, fallback: Any) -> Any:
+    def _converted(
+        self, getter: Callable[..., Any], section: str, option: str, fallback: Any
+    ) -> Any:
         if fallback is not _UNSET and section not in self._data().names:
             return fallback
         return getter(self[section], option, fallback)
@@ -636,9 +638,9 @@ def open(path: Path, *, wait: Optional[float] = 10, mode: str = "safe") -> Confi
 
 def loads(text: Union[str, bytes]) -> Config:
     """A Config of this text, without a file. DataError for bad data."""
-    return Config._of(
-        Handle.of_bytes(text if isinstance(text, bytes) else text.encode("utf-8", "surrogateescape"))
-    )
+    if isinstance(text, str):
+        text = text.encode("utf-8", "surrogateescape")
+    return Config._of(Handle.of_bytes(text))
 
 
 def dumps(content: Mapping[str, Mapping[str, Values]]) -> str:

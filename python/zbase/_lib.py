@@ -115,7 +115,7 @@ _PAUSE = 0.02
 
 
 def encode(text: str) -> bytes:
-    """Text as it goes to C: what was read as surrogate escapes are the bytes that they stand for."""
+    """Text as it goes to C: surrogate escapes become the bytes that they stand for."""
     if not isinstance(text, str):
         raise TypeError(f"text is needed, not {type(text).__name__}")
     encoded = text.encode("utf-8", "surrogateescape")
