@@ -8,6 +8,7 @@ from typing import (
     Any,
     Callable,
     Dict,
+    ItemsView,
     Iterable,
     Iterator,
     List,
@@ -18,6 +19,7 @@ from typing import (
     Tuple,
     TypeVar,
     Union,
+    overload,
 )
 
 from . import _lib
@@ -140,9 +142,11 @@ class Section(MutableMapping[str, str]):
         """All values of the key, in the order of the file; none for `key =` alone."""
         return _split(self._values(option))
 
-    def get(  # type: ignore[override]
-        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
-    ) -> Union[str, Optional[_T]]:
+    @overload
+    def get(self, option: str, *, raw: bool = ...) -> Optional[str]: ...
+    @overload
+    def get(self, option: str, fallback: _T, *, raw: bool = ...) -> Union[str, _T]: ...
+    def get(self, option: str, fallback: Any = None, *, raw: bool = True) -> Any:
         """The key's last value, or the fallback if there is no such key.
 
         `raw` is for callers of configparser: nothing is interpolated here.
@@ -152,60 +156,66 @@ class Section(MutableMapping[str, str]):
             return fallback
         return values if "\0" not in values else _last(values)
 
-    def _converted(self, option: str, fallback: Any, convert: Callable[[str], _T]) -> Any:
-        values = self._table().get(option)
-        if values:
-            return convert(_last(values))
-        if fallback is _UNSET:
-            raise MissingError(
-                f"no value for key {option!r} in stanza {self._name!r}", 28, self._config._file()
-            )
-        return fallback
-
-    def _ask(self, function: Any, option: str) -> Any:
-        return self._config._handle.ask(function, encode(self._name), encode(option))
-
-    def getint(
-        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
-    ) -> Union[int, Optional[_T]]:
+    @overload
+    def getint(self, option: str, *, raw: bool = ...) -> Optional[int]: ...
+    @overload
+    def getint(self, option: str, fallback: _T, *, raw: bool = ...) -> Union[int, _T]: ...
+    def getint(self, option: str, fallback: Any = None, *, raw: bool = True) -> Any:
         """The last value as a number of 64 bits, or the fallback if there is none.
 
         As everywhere in stanza files, 0750 is octal and 0x1f hexadecimal. DataError (a ValueError)
         for what is no number.
         """
+        value = self._value(option, fallback)
+        if value is None:
+            return fallback
+        if _PLAIN_INTEGER.fullmatch(value):
+            return int(value)
+        return self._ask(_lib.get_int64, option)
 
-        def convert(value: str) -> int:
-            plain = _PLAIN_INTEGER.fullmatch(value)
-            return int(value) if plain else int(self._ask(_lib.get_int64, option))
-
-        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
-
-    def getfloat(
-        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
-    ) -> Union[float, Optional[_T]]:
+    @overload
+    def getfloat(self, option: str, *, raw: bool = ...) -> Optional[float]: ...
+    @overload
+    def getfloat(self, option: str, fallback: _T, *, raw: bool = ...) -> Union[float, _T]: ...
+    def getfloat(self, option: str, fallback: Any = None, *, raw: bool = True) -> Any:
         """The last value as a real number, with "." in any locale; else as getint."""
+        value = self._value(option, fallback)
+        if value is None:
+            return fallback
+        if _PLAIN_REAL.fullmatch(value):
+            return float(value)
+        return self._ask(_lib.get_double, option)
 
-        def convert(value: str) -> float:
-            plain = _PLAIN_REAL.fullmatch(value)
-            return float(value) if plain else float(self._ask(_lib.get_double, option))
-
-        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
-
-    def getboolean(
-        self, option: str, fallback: Optional[_T] = None, *, raw: bool = True
-    ) -> Union[bool, Optional[_T]]:
+    @overload
+    def getboolean(self, option: str, *, raw: bool = ...) -> Optional[bool]: ...
+    @overload
+    def getboolean(self, option: str, fallback: _T, *, raw: bool = ...) -> Union[bool, _T]: ...
+    def getboolean(self, option: str, fallback: Any = None, *, raw: bool = True) -> Any:
         """The last value as a truth, in any case; else as getint.
 
         yes, y, true, t, 1 and no, n, false, f, 0, and configparser's on and off.
         """
+        value = self._value(option, fallback)
+        if value is None:
+            return fallback
+        truth = _TRUTHS.get(value.lower())
+        if truth is None:
+            raise DataError(f"bad value: {value}", 41, self._config._file())
+        return truth
 
-        def convert(value: str) -> bool:
-            truth = _TRUTHS.get(value.lower())
-            if truth is None:
-                raise DataError(f"bad value: {value}", 41, self._config._file())
-            return truth
+    def _value(self, option: str, fallback: Any) -> Optional[str]:
+        """The last value, if there is one that isn't empty; without a fallback there must be."""
+        values = self._table().get(option)
+        if values:
+            return values if "\0" not in values else _last(values)
+        if fallback is _UNSET:
+            raise MissingError(
+                f"no value for key {option!r} in stanza {self._name!r}", 28, self._config._file()
+            )
+        return None
 
-        return self._converted(option, fallback, convert)  # type: ignore[no-any-return]
+    def _ask(self, function: Any, option: str) -> Any:
+        return self._config._handle.ask(function, encode(self._name), encode(option))
 
     def hidden(self, option: str) -> bool:
         """Whether the key's values stand in the side database and not in the text."""
@@ -405,9 +415,13 @@ class Config(MutableMapping[str, Section]):
         except KeyError:
             return False
 
-    def get(  # type: ignore[override]
-        self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
-    ) -> Any:
+    @overload  # type: ignore[override]
+    def get(self, section: str, option: str, *, raw: bool = ...) -> str: ...
+    @overload
+    def get(
+        self, section: str, option: str, *, raw: bool = ..., fallback: _T
+    ) -> Union[str, _T]: ...
+    def get(self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET) -> Any:
         """The last value of the key; if there is none the fallback, or without one MissingError.
 
         `raw` is for callers of configparser: nothing is interpolated here.
@@ -427,28 +441,50 @@ class Config(MutableMapping[str, Section]):
             return fallback
         return getter(self[section], option, fallback)
 
+    @overload
+    def getint(self, section: str, option: str, *, raw: bool = ...) -> int: ...
+    @overload
+    def getint(
+        self, section: str, option: str, *, raw: bool = ..., fallback: _T
+    ) -> Union[int, _T]: ...
     def getint(
         self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
     ) -> Any:
-        """As Section.getint, but MissingError without a fallback."""
+        """As Section.getint, but without a fallback MissingError."""
         return self._converted(Section.getint, section, option, fallback)
 
+    @overload
+    def getfloat(self, section: str, option: str, *, raw: bool = ...) -> float: ...
+    @overload
+    def getfloat(
+        self, section: str, option: str, *, raw: bool = ..., fallback: _T
+    ) -> Union[float, _T]: ...
     def getfloat(
         self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
     ) -> Any:
-        """As Section.getfloat, but MissingError without a fallback."""
+        """As Section.getfloat, but without a fallback MissingError."""
         return self._converted(Section.getfloat, section, option, fallback)
 
+    @overload
+    def getboolean(self, section: str, option: str, *, raw: bool = ...) -> bool: ...
+    @overload
+    def getboolean(
+        self, section: str, option: str, *, raw: bool = ..., fallback: _T
+    ) -> Union[bool, _T]: ...
     def getboolean(
         self, section: str, option: str, *, raw: bool = True, fallback: Any = _UNSET
     ) -> Any:
-        """As Section.getboolean, but MissingError without a fallback."""
+        """As Section.getboolean, but without a fallback MissingError."""
         return self._converted(Section.getboolean, section, option, fallback)
 
     def getall(self, section: str, option: str) -> List[str]:
         """All values of the key, in the order of the file."""
         return self[section].getall(option)
 
+    @overload
+    def items(self) -> ItemsView[str, Section]: ...
+    @overload
+    def items(self, section: str, raw: bool = ...) -> List[Tuple[str, str]]: ...
     def items(self, section: Optional[str] = None, raw: bool = True) -> Any:
         """The stanzas with their names or, of one stanza, its keys with their last values."""
         if section is None:
@@ -638,7 +674,7 @@ def open(path: Path, *, wait: Optional[float] = 10, mode: str = "safe") -> Confi
 
 def loads(text: Union[str, bytes]) -> Config:
     """A Config of this text, without a file. DataError for bad data."""
-    if isinstance(text, str):
+    if not isinstance(text, bytes):
         text = text.encode("utf-8", "surrogateescape")
     return Config._of(Handle.of_bytes(text))
 

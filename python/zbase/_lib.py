@@ -223,13 +223,15 @@ class _ThreadUpdates:
         self.open: "weakref.WeakSet[Handle]" = weakref.WeakSet()
         # Pointers whose handles were finalised by another thread.
         self.orphans: List[int] = []
+        self._process = os.getpid()
 
     def close_orphans(self) -> None:
         while self.orphans:
             _close(self.orphans.pop())
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        if ends():
+        # A forked child drops what other threads had ahead of all else.
+        if ends() or self._process != os.getpid():
             return
         for handle in list(self.open):
             handle.close()
@@ -284,11 +286,12 @@ class Tables(Dict[str, Dict[str, str]]):
     hidden  the hidden keys of the tables that are made
     """
 
-    __slots__ = ("_block", "names", "hidden")
+    __slots__ = ("_block", "_lock", "names", "hidden")
 
-    def __init__(self, block: str) -> None:
+    def __init__(self, block: str, lock: "threading.RLock") -> None:
         super().__init__()
         self._block = block
+        self._lock = lock  # of the handle: who changes a table holds it
         self.names: Dict[str, Tuple[int, int]] = {}
         self.hidden: Set[Tuple[str, str]] = set()
         find, last, start = block.find, len(block) - 1, 1
@@ -300,6 +303,13 @@ class Tables(Dict[str, Dict[str, str]]):
             start = end + 2
 
     def __missing__(self, name: str) -> Dict[str, str]:
+        with self._lock:
+            table = self.get(name)
+            if table is None:
+                self[name] = table = self._made(name)
+            return table
+
+    def _made(self, name: str) -> Dict[str, str]:
         first, end = self.names[name]
         text = self._block[first:end]
         entries = text.split("\0.") if text else []
@@ -307,8 +317,7 @@ class Tables(Dict[str, Dict[str, str]]):
             self.hidden.update((name, e.partition("\0")[0]) for e in entries if "\0*" in e)
             entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
         divided = map(str.partition, entries, repeat(SEPARATOR))
-        self[name] = table = {key: values for key, _, values in divided}
-        return table
+        return {key: values for key, _, values in divided}
 
     def add(self, name: str) -> None:
         """A stanza without keys."""
@@ -330,11 +339,12 @@ class Handle:
     whoever finds it needs no other test than that of the updater.
     """
 
-    __slots__ = ("_pointer", "_gone", "_calls", "_home", "path", "lock", "updater", "tables",
-                 "unordered", "watches", "__weakref__")
+    __slots__ = ("_pointer", "_process", "_gone", "_calls", "_home", "path", "lock", "updater",
+                 "tables", "unordered", "watches", "__weakref__")
 
     def __init__(self, pointer: int) -> None:
         self._pointer: Optional[int] = pointer
+        self._process = os.getpid()
         self._gone = "this object is closed"
         self._calls = 0  # a signal handler may find it in the middle of one
         self._home: Optional[List[int]] = None  # where its updater finds what others let go
@@ -352,6 +362,8 @@ class Handle:
         """A handle that has loaded the file."""
         _set_up()
         _thread.updates.close_orphans()
+        if mode not in STORE_MODES:
+            raise ValueError(f"the mode must be one of {', '.join(STORE_MODES)}")
         if b"\0" in path:
             raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
 
@@ -384,18 +396,13 @@ class Handle:
             raise StateError("another thread has an update of this object open")
         return pointer
 
-    def _enter(self) -> int:
-        pointer = self._live()
-        self._calls += 1
-        return pointer
-
     def run(self, function: Any, *arguments: Any) -> None:
         """Makes a call that gives a result number."""
         self._live()
         with self.lock:
-            pointer = self._enter()
+            self._calls += 1
             try:
-                _check(function(pointer, *arguments))
+                _check(function(self._live(), *arguments))
             finally:
                 self._calls -= 1
 
@@ -446,7 +453,7 @@ class Handle:
             self._live()
             if self.tables is None:
                 self.unordered.clear()
-                self.tables = Tables(self.block(get_entries))
+                self.tables = Tables(self.block(get_entries), self.lock)
             return self.tables
 
     def store(self, path: Optional[bytes], wait: Optional[float]) -> None:
@@ -535,9 +542,16 @@ class Handle:
         self.tables = self.updater = self._home = None
         self.lock = threading.RLock()
 
+    def is_of_this_process(self) -> bool:
+        """Whether no fork lies between."""
+        return self._process == os.getpid()
+
+    def __reduce__(self) -> Any:
+        raise TypeError("an object of the library can't be copied or pickled")
+
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
         pointer = self._pointer
-        if pointer is None or ends():
+        if pointer is None or ends() or not self.is_of_this_process():
             return
         if self._home is not None and self.updater != threading.get_ident():
             self._home.append(pointer)
@@ -605,6 +619,10 @@ class WatchHandle:
         """Lets go of the watch, without a call."""
         self._pointer = None
 
+    def __reduce__(self) -> Any:
+        raise TypeError("a watch can't be copied or pickled")
+
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        if not ends():
-            self.close()
+        # Nobody else has it any more. Its handle's lock could be another's, who waits for ours.
+        if self._pointer is not None and not ends() and self._handle.is_of_this_process():
+            _watch_close(self._pointer)

@@ -45,6 +45,7 @@ class Watch:
     """A watch on a file: see watch(). `config` is what the file holds, kept up to date."""
 
     def __init__(self, source: Union[Config, Path]) -> None:
+        self._wake = self._woken = -1
         self._owns = not isinstance(source, Config)
         self.config = source if isinstance(source, Config) else _open(source)
         if self.config.path is None:
@@ -87,10 +88,14 @@ class Watch:
         self._handle.close()
         if self._owns:
             self.config.close()
-        for descriptor in (self._wake, self._woken):
+        with self.config._handle.lock:
+            self._close_pipe()
+
+    def _close_pipe(self) -> None:
+        descriptors, self._wake, self._woken = (self._wake, self._woken), -1, -1
+        for descriptor in descriptors:
             if descriptor >= 0:
                 os.close(descriptor)
-        self._wake = self._woken = -1
 
     def __enter__(self) -> "Watch":
         return self
@@ -99,9 +104,7 @@ class Watch:
         self.close()
 
     def __del__(self) -> None:
-        for descriptor in (getattr(self, "_wake", -1), getattr(self, "_woken", -1)):
-            if descriptor >= 0:
-                os.close(descriptor)
+        self._close_pipe()
 
 
 def watch(source: Union[Config, Path]) -> Watch:
