@@ -3,7 +3,6 @@
 import os
 import re
 from contextlib import contextmanager
-from threading import get_ident
 from typing import (
     Any,
     Callable,
@@ -348,7 +347,7 @@ class Config(MutableMapping[str, Section]):
     def _data(self) -> Tables:
         handle = self._handle
         tables = handle.tables
-        if tables is None or handle.updater not in (None, get_ident()):
+        if tables is None or handle.updater is not None:
             return handle.entries()
         return tables
 

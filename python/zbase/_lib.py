@@ -449,6 +449,9 @@ class Handle:
     def entries(self) -> Tables:
         """`tables`, made anew if need be."""
         self._live()
+        made = self.tables
+        if made is not None:
+            return made
         with self.lock:
             self._live()
             if self.tables is None:
