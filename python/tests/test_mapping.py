@@ -169,11 +169,10 @@ class Changing(FolderTest):
                          (before, False, dict(zbase.loads(before)["log"])))
 
     def test_new_keys_are_listed_in_their_place(self):
-        conf = zbase.open("service.conf")
-        list(conf["log"])
-        conf["log"]["new"] = "1"
-        conf["listener"]["timeout"] = "90"
-        conf["log"]["level2"] = "1"
+        conf = zbase.loads("[a]\nx = 1\n# y = 1\n\nz = 1\n[b]\n")
+        list(conf["a"])
+        conf["a"]["y"] = conf["a"]["new"] = conf["b"]["new"] = "1"
+        self.assertEqual(conf.options("a"), ["x", "y", "z", "new"])
         again = zbase.loads(conf.dumps())
         for name in again:
             self.assertEqual(list(conf[name]), list(again[name]))

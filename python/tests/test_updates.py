@@ -10,6 +10,7 @@ import sys
 import threading
 import unittest
 from concurrent.futures import ThreadPoolExecutor
+from unittest import mock
 
 import zbase
 from support import FolderTest
@@ -90,8 +91,9 @@ class Updates(FolderTest):
     def test_locks(self):
         conf = zbase.open("service.conf")
         conf["log"]["level"] = "mine"
+        handle = zbase._lib.Handle.open(b"service.conf", "safe", 0)
         holder = self.hold_lock()
-        for call in (zbase.update("service.conf", wait=0).__enter__, lambda: conf.store(wait=0),
+        for call in (lambda: handle.begin(0.15), zbase.update("service.conf", wait=0).__enter__, lambda: conf.store(wait=0),
                      lambda: zbase.open("service.conf", wait=0.05)):
             with self.assertRaises(zbase.LockedError) as caught:
                 call()
@@ -102,6 +104,8 @@ class Updates(FolderTest):
         releaser.start()
         with zbase.update("service.conf", wait=None) as f:
             self.assertEqual(f["log"]["level"], "held")
+        handle.begin(0)
+        handle.close()
         releaser.join()
 
     def test_an_interrupt_ends_the_wait(self):
@@ -121,6 +125,25 @@ class Updates(FolderTest):
         said, complaints = waiter.communicate()
         self.assertEqual((said.replace("waits\n", ""), complaints), ("interrupted ['a']\n", ""))
         holder.communicate("\n")
+
+    def test_an_interrupt_behind_a_call(self):
+        def interrupted(name):
+            def call_and_raise(*arguments):
+                call(*arguments)
+                raise KeyboardInterrupt
+
+            call = getattr(zbase._lib, name)
+            return mock.patch.object(zbase._lib, name, call_and_raise)
+
+        conf = zbase.open("service.conf")
+        dict(conf["log"])
+        with interrupted("set_value"):
+            self.assertRaises(KeyboardInterrupt, conf.set, "log", "level", "x")
+        self.assertEqual(conf["log"]["level"], "x")
+        with interrupted("_begin"):
+            self.assertRaises(KeyboardInterrupt, zbase.update("service.conf").__enter__)
+        with zbase.update("service.conf", wait=0) as f:
+            self.assertEqual(f["log"]["level"], "info")
 
     def test_other_threads(self):
         with zbase.update("service.conf") as f:
@@ -238,7 +261,8 @@ class Updates(FolderTest):
         def work():
             conf = zbase.open("service.conf")
             list(conf["log"].items())
-            conf["log"].comments("keep")
+            for _ in range(20):
+                conf.comments()
             watch = zbase.watch(conf)
             watch.process()
             for wrong in (lambda: zbase.open("bad.conf"), lambda: zbase.loads("["),

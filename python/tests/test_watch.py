@@ -6,6 +6,7 @@ import selectors
 import subprocess
 import sys
 import threading
+import time
 import unittest
 
 import zbase
@@ -86,7 +87,12 @@ class Watching(FolderTest):
         self.assertEqual(plain(asyncio.run(wait())), WANTED)
 
     def test_a_close_ends_a_loop_in_another_thread(self):
-        watch = zbase.watch("service.conf")
+        for source, end in (("service.conf", lambda watch: watch.close()),
+                            (zbase.open("service.conf"), lambda watch: watch.config.close())):
+            self.setUp()
+            self.loop_until(zbase.watch(source), end)
+
+    def loop_until(self, watch, end):
         begun, seen = threading.Event(), []
 
         def loop():
@@ -99,9 +105,9 @@ class Watching(FolderTest):
         thread.start()
         begun.wait()
         self.change()
-        while not seen:
-            pass
-        watch.close()
+        while len(seen) < len(WANTED):
+            time.sleep(0.01)
+        end(watch)
         thread.join()
         self.assertEqual((plain(seen[:-1]), seen[-1]), (WANTED, "ended"))
 

@@ -343,15 +343,16 @@ class Handle:
                  "tables", "unordered", "watches", "__weakref__")
 
     def __init__(self, pointer: int) -> None:
-        self._pointer: Optional[int] = pointer
+        # First what __del__ needs, for an interrupt may come in between.
         self._process = os.getpid()
+        self.updater: Optional[int] = None  # the thread that has an update open
+        self._home: Optional[List[int]] = None  # where that finds what others let go
+        self._pointer: Optional[int] = pointer
         self._gone = "this object is closed"
         self._calls = 0  # a signal handler may find it in the middle of one
-        self._home: Optional[List[int]] = None  # where its updater finds what others let go
         path = _path(pointer)
         self.path: Optional[str] = os.fsdecode(path) if path else None
         self.lock = threading.RLock()
-        self.updater: Optional[int] = None  # the thread that has an update open
         self.tables: Optional[Tables] = None
         self.unordered: Set[str] = set()  # stanzas that got keys since `tables` was made
         self.watches: "weakref.WeakSet[WatchHandle]" = weakref.WeakSet()
@@ -553,7 +554,7 @@ class Handle:
         raise TypeError("an object of the library can't be copied or pickled")
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        pointer = self._pointer
+        pointer = getattr(self, "_pointer", None)
         if pointer is None or ends() or not self.is_of_this_process():
             return
         if self._home is not None and self.updater != threading.get_ident():
@@ -573,13 +574,16 @@ class WatchHandle:
     """A watch of the library on the file of a handle, which it keeps alive."""
 
     def __init__(self, handle: Handle) -> None:
-        self._pointer: Optional[int] = None
         self._handle = handle
+        self._pointer: Optional[int] = None
+        self._wake = self._woken = -1
         out = ctypes.c_void_p()
         with handle.lock:
             handle.run(_watch_open, ctypes.byref(out))
             self._pointer = out.value
             handle.watches.add(self)
+            # Who waits is woken by the end of the writing end.
+            self._woken, self._wake = os.pipe()
 
     def _live(self) -> int:
         self._handle._live()
@@ -596,6 +600,17 @@ class WatchHandle:
         self._live()
         with self._handle.lock:
             return int(_watch_fd(self._live()))
+
+    def descriptors(self) -> Tuple[int, int]:
+        """Two to poll, which stay the caller's: that one, and one that ends with the watch."""
+        self._live()
+        with self._handle.lock:
+            watched = os.dup(self.fileno())
+            try:
+                return watched, os.dup(self._woken)
+            except BaseException:
+                os.close(watched)
+                raise
 
     def process(self) -> bool:
         """Whether the handle was loaded anew."""
@@ -617,15 +632,24 @@ class WatchHandle:
             pointer, self._pointer = self._pointer, None
             if pointer is not None:
                 _watch_close(pointer)
+            self._close_pipe()
+
+    def _close_pipe(self) -> None:
+        descriptors, self._wake, self._woken = (self._wake, self._woken), -1, -1
+        for descriptor in descriptors:
+            if descriptor >= 0:
+                os.close(descriptor)
 
     def forget(self) -> None:
         """Lets go of the watch, without a call."""
         self._pointer = None
+        self._close_pipe()
 
     def __reduce__(self) -> Any:
         raise TypeError("a watch can't be copied or pickled")
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
         # Nobody else has it any more. Its handle's lock could be another's, who waits for ours.
-        if self._pointer is not None and not ends() and self._handle.is_of_this_process():
+        if getattr(self, "_pointer", None) is not None and not ends() and self._handle.is_of_this_process():
             _watch_close(self._pointer)
+            self._close_pipe()

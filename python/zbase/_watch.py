@@ -45,14 +45,11 @@ class Watch:
     """A watch on a file: see watch(). `config` is what the file holds, kept up to date."""
 
     def __init__(self, source: Union[Config, Path]) -> None:
-        self._wake = self._woken = -1
         self._owns = not isinstance(source, Config)
         self.config = source if isinstance(source, Config) else _open(source)
         if self.config.path is None:
             raise StateError("this object has no file to watch", 22)
         self._handle = WatchHandle(self.config._handle)
-        # A thread that waits in a loop ends it when the writing end is closed.
-        self._woken, self._wake = os.pipe()
 
     def fileno(self) -> int:
         """A descriptor that is readable when process() has something to do."""
@@ -76,35 +73,31 @@ class Watch:
     def __iter__(self) -> Iterator[Change]:
         """Waits for changes, for ever: until close(), an interrupt, or an error of process()."""
         ready = select.poll()
-        ready.register(self.fileno(), select.POLLIN)
-        ready.register(self._woken, select.POLLIN)
-        while self._handle.is_open():
-            yield from self.process()
-            if self._handle.is_open():
+        descriptors = self._handle.descriptors()
+        try:
+            for descriptor in descriptors:
+                ready.register(descriptor, select.POLLIN)
+            while self._handle.is_open():
+                yield from self.process()
                 ready.poll()
+        finally:
+            for descriptor in descriptors:
+                os.close(descriptor)
 
     def close(self) -> None:
-        """Ends the watch, in any thread; a loop over it ends too. Again: nothing."""
+        """Ends the watch, in any thread; a loop over it ends too, as when its Config is closed.
+
+        Again: nothing.
+        """
         self._handle.close()
         if self._owns:
             self.config.close()
-        with self.config._handle.lock:
-            self._close_pipe()
-
-    def _close_pipe(self) -> None:
-        descriptors, self._wake, self._woken = (self._wake, self._woken), -1, -1
-        for descriptor in descriptors:
-            if descriptor >= 0:
-                os.close(descriptor)
 
     def __enter__(self) -> "Watch":
         return self
 
     def __exit__(self, *failure: object) -> None:
         self.close()
-
-    def __del__(self) -> None:
-        self._close_pipe()
 
 
 def watch(source: Union[Config, Path]) -> Watch:
