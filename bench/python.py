@@ -5,8 +5,8 @@
 
 Each figure is the best of several runs, taken by turns, so that a busy machine moves both. Loading
 is the file's way into memory with its first look-up, which makes the package ask the library for
-everything; what a stanza holds becomes Python's with the first look-up there. The last line counts the rows that miss their marks, and so does the exit
-code.
+everything; what a stanza holds becomes Python's with the first look-up there. The last line counts
+the rows that miss their marks, and the exit code is 1 where there are some.
 """
 
 import configparser

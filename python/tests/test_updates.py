@@ -93,7 +93,8 @@ class Updates(FolderTest):
         conf["log"]["level"] = "mine"
         handle = zbase._lib.Handle.open(b"service.conf", "safe", 0)
         holder = self.hold_lock()
-        for call in (lambda: handle.begin(0.15), zbase.update("service.conf", wait=0).__enter__, lambda: conf.store(wait=0),
+        for call in (lambda: handle.begin(0.15), zbase.update("service.conf", wait=0).__enter__,
+                     lambda: conf.store(wait=0),
                      lambda: zbase.open("service.conf", wait=0.05)):
             with self.assertRaises(zbase.LockedError) as caught:
                 call()

@@ -83,6 +83,9 @@ def _tried(name: str, content: Mapping[str, Values]) -> Dict[str, List[str]]:
 class Section(MutableMapping[str, str]):
     """A stanza of a Config: its keys, each with its last value, in the order of the file.
 
+    Keys that were added since it was read come last here; in the file they go behind the sample of
+    theirs that is commented out, if there is one.
+
     It is a view: it shows what the Config holds now, and what is assigned goes there. A key
     without a value reads as the empty text. Keys are case sensitive.
     """
@@ -132,7 +135,7 @@ class Section(MutableMapping[str, str]):
         return option in self._table()
 
     def __iter__(self) -> Iterator[str]:
-        return iter(self._config._ordered(self._name))
+        return iter(self._table())
 
     def __len__(self) -> int:
         return len(self._table())
@@ -233,13 +236,7 @@ class Section(MutableMapping[str, str]):
         with self._config._changing() as handle:
             table = self._table()
             handle.run(_lib.set_value, *names)
-            self._put(table, option, value)
-
-    def _put(self, table: Dict[str, str], option: str, values: str) -> None:
-        # The library knows a better place for a new key than the end.
-        if option not in table:
-            self._config._handle.unordered.add(self._name)
-        table[option] = values
+            table[option] = value
 
     def add(self, option: str, value: str) -> None:
         """Adds a value behind the key's others; one that is there already isn't added again.
@@ -253,7 +250,7 @@ class Section(MutableMapping[str, str]):
             values = _split(table.get(option, ""))
             if value not in values:
                 values.append(value)
-            self._put(table, option, SEPARATOR.join(values))
+            table[option] = SEPARATOR.join(values)
 
     def setall(self, option: str, values: Iterable[str]) -> None:
         """Makes these the values of the key, in this order, or changes nothing."""
@@ -270,7 +267,7 @@ class Section(MutableMapping[str, str]):
                     raise RefusedError(f"the values of {option!r} are hidden", 22)
             _write(handle, self._name, listed)
             for option, texts in listed.items():
-                self._put(table, option, SEPARATOR.join(texts))
+                table[option] = SEPARATOR.join(texts)
 
     def __delitem__(self, option: str) -> None:
         """Removes the key with its values; MissingError if there is none."""
@@ -357,12 +354,6 @@ class Config(MutableMapping[str, Section]):
         except KeyError:
             raise MissingError(f"no stanza {section!r}", 28, self._file()) from None
 
-    def _ordered(self, section: str) -> Dict[str, str]:
-        handle = self._handle
-        if section in handle.unordered:
-            handle.tables = None
-        return self._table(section)
-
     def _file(self) -> Optional[str]:
         return self._handle.path
 
@@ -405,7 +396,7 @@ class Config(MutableMapping[str, Section]):
 
     def options(self, section: str) -> List[str]:
         """The stanza's keys."""
-        return list(self._ordered(section))
+        return list(self._table(section))
 
     def has_option(self, section: str, option: str) -> bool:
         """Whether the stanza is there and has this key."""

@@ -340,7 +340,7 @@ class Handle:
     """
 
     __slots__ = ("_pointer", "_process", "_gone", "_calls", "_home", "path", "lock", "updater",
-                 "tables", "unordered", "watches", "__weakref__")
+                 "tables", "watches", "__weakref__")
 
     def __init__(self, pointer: int) -> None:
         # First what __del__ needs, for an interrupt may come in between.
@@ -354,7 +354,6 @@ class Handle:
         self.path: Optional[str] = os.fsdecode(path) if path else None
         self.lock = threading.RLock()
         self.tables: Optional[Tables] = None
-        self.unordered: Set[str] = set()  # stanzas that got keys since `tables` was made
         self.watches: "weakref.WeakSet[WatchHandle]" = weakref.WeakSet()
         _handles.add(self)
 
@@ -456,7 +455,6 @@ class Handle:
         with self.lock:
             self._live()
             if self.tables is None:
-                self.unordered.clear()
                 self.tables = Tables(self.block(get_entries), self.lock)
             return self.tables
 
@@ -650,6 +648,7 @@ class WatchHandle:
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
         # Nobody else has it any more. Its handle's lock could be another's, who waits for ours.
-        if getattr(self, "_pointer", None) is not None and not ends() and self._handle.is_of_this_process():
-            _watch_close(self._pointer)
+        pointer = getattr(self, "_pointer", None)
+        if pointer is not None and not ends() and self._handle.is_of_this_process():
+            _watch_close(pointer)
             self._close_pipe()
