@@ -4,6 +4,7 @@
 #include <Z/zproperties.h>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fenv.h>
 #include <locale.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -88,11 +89,16 @@ static void describe(char* text, size_t room) {
     while ((entry = readdir(folder)) != NULL)
         at += (size_t)snprintf(text + at, room - at, " fd%s", entry->d_name);
     closedir(folder);
-    snprintf(text + at, room - at, " %g", strtod("1,5", NULL));
+    snprintf(text + at, room - at, " %g %d %d", strtod("1,5", NULL), fegetround(),
+             uselocale((locale_t)0) == LC_GLOBAL_LOCALE);
 }
 
+static ZPROP_handle* visited;
+
 static int visit(void* data, const ZPROP_entry* entry) {
+    int err;
     ++*(int*)data;
+    EXPECT(zstzPropExists(visited, entry->stanza, entry->key, &err) == 1 && err == 0);
     return entry->key != NULL && strcmp(entry->key, "last") == 0;
 }
 
@@ -120,6 +126,7 @@ static void callAll(const char* path) {
     text = zstzPropGetStringValue(handle, "a", "tenth", 1, &err);
     EXPECT(text != NULL && strcmp(text, "0.1") == 0);
     zstzPropFree(text);
+    visited = handle;
     EXPECT(zstzPropForEach(handle, visit, &count) == 0 && count == 6); /* ends at "last" */
     EXPECT(zstzPropGetEntries(handle, &text, &length) == 0 &&
            memcmp(text, "[a\0.real\0=1.5", 13) == 0);

@@ -462,8 +462,10 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
     EXPECT_EQ(values("two", "secret"), (Texts{"8", "added-secret"}));
     EXPECT_EQ(stored().find("secret"), string::npos);
 
-    // A text that replaces the content leaves them alone.
-    EXPECT_EQ(zstzPropLoadBytes(handle, "[n]\nk = 1\n", 10), ZPROP_OK);
+    // A text that replaces the content leaves them and their place alone, whatever it says.
+    const string other = folder.write("other", "precious");
+    const string text = "[n]\nk = 1\n[configuration-database]\nfile = " + other + "\n";
+    EXPECT_EQ(zstzPropLoadBytes(handle, text.data(), text.size()), ZPROP_OK);
     string told;
     EXPECT_EQ(zstzPropForEach(
                   handle,
@@ -475,7 +477,14 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
                   &told),
               ZPROP_OK);
     EXPECT_EQ(told,
-              "n/<null>/<null> n/k/1 two/<null>/<null> two/secret/8! two/secret/added-secret! ");
+              "n/<null>/<null> n/k/1 configuration-database/<null>/<null> "
+              "configuration-database/file/" +
+                  path + ".obf two/<null>/<null> two/secret/8! two/secret/added-secret! ");
+    Handle copy = nullptr;
+    ASSERT_EQ(zstzPropOpenBytes(&copy, text.data(), text.size(), 0), ZPROP_OK);
+    EXPECT_EQ(zstzPropStore(copy, (folder / "copy").c_str()), ZPROP_OK);
+    zstzPropClose(copy);
+    EXPECT_EQ(TempFolder::read(other), "precious");
 }
 
 // ---------------------------------------------------------------- content

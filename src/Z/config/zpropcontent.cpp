@@ -24,20 +24,16 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     ZSCFData trial;
     trial.setAttributes(cache_->attributes(), nullptr);
     zreadText(trial, fileName_.getChars(), text);
-    ZBuffer hidden;
-    cache_->be_write_obfuscated(hidden);
-    const ZLCString side(cache_->obfuscatedDBName());
-
-    loading_ = 1;
-    const ZAtEnd loaded([this] { loading_ = 0; });
+    ZModelContent::addHidden(data(), trial);
+    // Where the side database is, isn't the bytes' to say: a store would write there, or remove it.
+    const ZLCString& side = cache_->obfuscatedDBName();
+    if (side.isEmpty())
+        trial.delLine(kSideStanza, kSideKey);
+    else if (trial.contains(kSideStanza, kSideKey) != 0)
+        trial.addLine(kSideStanza, kSideKey, side.getChars(), 0);
+    ZModelEdits::noteText(trial, text);
+    ZModelContent::take(data(), trial);
     setModified();
-    cache_->clear();
-    zreadText(*cache_, fileName_.getChars(), text);
-    ZModelEdits::noteText(data(), text);
-    if (hidden.getLength() != 0) {
-        cache_->setObfuscatedDBName(side.getChars());
-        cache_->be_read_obfuscated(hidden);
-    }
 }
 
 void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {

@@ -29,8 +29,12 @@ static const char* qeldir_ = nullptr;  // only whether it is null matters
 
 static const char kDefaultDirectory[] = "/opt/Quillmere/nls/QEL";
 
+// Set-up by the environment has begun, or is over.
+static std::atomic<bool> isBegun{false};
+
 static void zonce_init() {
     const ZUncancelled guard;  // half of it would count as a failure for good
+    isBegun.store(true, std::memory_order_release);
     if (locstring_.load(std::memory_order_relaxed) != nullptr)
         return;
     setlocale(LC_ALL, "");
@@ -103,8 +107,12 @@ void giveOwnSetup() {
 
 int zsetUpUTF8(void) {
     const ZUncancelled guard;
+    if (isBegun.load(std::memory_order_acquire))
+        pthread_once(&qel_once, zonce_init);  // waits for whoever is at it
     if (qel_own() != nullptr)
         return 0;
+    if (isBegun.load(std::memory_order_relaxed))
+        return 1;
     OwnSetup setup;
     if (!setup.isWhole()) {
         setup.drop();

@@ -21,9 +21,9 @@ int zstzPropSetup(int how) {
         return zparameterError();
     const int result = zsetUpUTF8();
     if (result < 0)
-        znoteLastError(1, nullptr, 0, "text can't be set up");
+        znoteLastError(1, nullptr, 0, "no memory or no C.UTF-8 to set text up");
     if (result > 0)
-        znoteLastError(22, nullptr, 0, "text is set up by QELDIR already");
+        znoteLastError(22, nullptr, 0, "text was set up by QELDIR before, or couldn't be");
     return result == 0 ? ZPROP_OK : result < 0 ? ZPROP_ERR_VALUE : ZPROP_ERR_SETUP;
 }
 
@@ -114,7 +114,8 @@ char* znewString(const char* text, size_t length) {
         zraise(ZOutOfMemoryException());
     memcpy(block, &kStringMark, sizeof kStringMark);
     char* string = block + sizeof kStringMark;
-    memcpy(string, text, length);
+    if (length != 0)
+        memcpy(string, text, length);
     string[length] = '\0';
     return string;
 }
@@ -356,7 +357,7 @@ int zstzPropAddStringValue(ZPROP_handle* handle, const char* stanza, const char*
 }
 
 int zstzPropRemoveComments(ZPROP_handle* handle, const char* stanza, const char* key) {
-    return applyChange(handle, true,
+    return applyChange(handle, stanza != nullptr || key == nullptr,
                        [&](ZStanzaFileProperties& p) { p.deleteComments(stanza, key); });
 }
 

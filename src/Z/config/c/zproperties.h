@@ -116,8 +116,9 @@ Z_BEGIN_C
  * QELDIR isn't read then; the process's locale and environment stay as they are; case, classes and
  * order of characters, and the decimal point, are those of C.UTF-8; and the library neither ends
  * the process nor prints by itself. 0 when it is so from now on, or was set up so before; 55 for
- * another number; 63 if text was set up otherwise already; 53 without memory, and nothing is set up
- * then. Any thread, at any time. */
+ * another number; 63 if text was set up otherwise already; 53 without memory or
+ * where the system has no C.UTF-8, and nothing is set up then: the first text does it by QELDIR.
+ * Any thread, at any time. */
 ZEXPORT int zstzPropSetup(int how);
 
 /* --- Handles --- */
@@ -135,13 +136,14 @@ ZEXPORT int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t leng
                               unsigned long attributes);
 
 /* Puts what `length` bytes say in place of all that the handle has, as one change; a failure
- * changes nothing. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without
+ * changes nothing. Hidden values stay, but for keys to which the bytes give plain ones, and so does
+ * where the side database is, whatever the bytes say of it. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without
  * memory. */
 ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length);
 
-/* The bytes that a store into an empty file would write, as a new block with a NUL behind it, for
+/* The text of the handle as a store writes it, as a new block with a NUL behind it, for
  * zstzPropFree, into *bytes; their number into *length unless that is null. Hidden values aren't
- * among them. Changes nothing, and the handle stays modified. 0; 55 for a bad handle or a null
+ * in it. Changes nothing, and the handle stays modified. 0; 55 for a bad handle or a null
  * `bytes`; 53 without memory, *bytes null then. */
 ZEXPORT int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length);
 
@@ -190,9 +192,9 @@ ZEXPORT unsigned int zstzPropGetIntegerValue(ZPROP_handle* handle, const char* s
 ZEXPORT int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key,
                                     int required, int* err);
 
-/* The last value as a signed number of 64 bits (as above, with an optional sign) or as a real
- * number (decimal, with "." as decimal point in any locale; infinite and not a number as "inf" and
- * "nan"). White space around it isn't looked at. 0 if there is none; *err is 54 then if it is
+/* The last value as a signed number of 64 bits (decimal, octal with a leading 0, hexadecimal with
+ * 0x, with an optional sign) or as a real number (decimal, with "." as decimal point in any locale;
+ * infinite and not a number as "inf" and "nan"). White space around it isn't looked at. 0 if there is none; *err is 54 then if it is
  * required, and 53 if it can't be converted or lies out of range. */
 ZEXPORT int64_t zstzPropGetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                                       int required, int* err);
@@ -222,7 +224,7 @@ ZEXPORT int zstzPropGetStanzas(ZPROP_handle* handle, char*** names);
 /* The stanza's keys, likewise. A stanza that isn't there has none. Also 55 for a null stanza. */
 ZEXPORT int zstzPropGetKeys(ZPROP_handle* handle, const char* stanza, char*** names);
 
-/* The comments as they stand, a line each without its end, likewise: of the file if `stanza` is
+/* The comments, a line each without blanks at its ends, likewise: of the file if `stanza` is
  * null (its first lines, up to the first that is no comment), of the stanza if `key` is null
  * (directly below its header), or of the key (directly above its line). Comments between a header
  * and its first key belong to both. What isn't there has none. */
@@ -230,7 +232,8 @@ ZEXPORT int zstzPropGetComments(ZPROP_handle* handle, const char* stanza, const 
                                 char*** lines);
 
 /* Calls `visit` with `data` for each stanza, and behind it for each of its keys or, where a key has
- * values, for each of those: all in the order of the file, as of one moment. No lock is held
+ * values, for each of those: all in the order of the file, as of one moment; a key stands at its
+ * first line, with all its values. No lock is held
  * meanwhile, and `visit` may make any call. 0, also where `visit` ends the walk; 55 for a bad
  * handle or a null `visit`; 53 without memory, before the first call. */
 ZEXPORT int zstzPropForEach(ZPROP_handle* handle, ZPROP_entry_callback visit, void* data);

@@ -62,7 +62,8 @@ const char* zstzPropPath(ZPROP_handle* handle) {
         zparameterError();
         return nullptr;
     }
-    const char* path = properties->path();
+    const char* path = "";
+    zguarded(zreadGroup, [&] { path = properties->path(); });
     return *path == '\0' ? nullptr : path;
 }
 

@@ -14,6 +14,7 @@ bool zreadAnyNumber(const char* text, size_t length, unsigned int& number) {
     const char* start = value.getChars();
     char* end;
     errno = 0;
+    const QelScope scope;  // its blanks are the text's
     const unsigned long long wide = strtoull(start, &end, 0);
     const bool overflow = errno == ERANGE;
     const ZLineGrammar grammar;

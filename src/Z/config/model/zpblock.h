@@ -69,8 +69,10 @@ public:
             zraise(ZOutOfMemoryException());
         if (size() + more > state_.whole) {
             const size_t step = size() / 2 < kFirstRoom ? size_t(kFirstRoom) : size() / 2;
+            const size_t most = more > step ? more : step;
             // The size is at most half of the largest.
-            allocate(size() + (more + spare > step ? more + spare : step));
+            if (spare == 0 || !tryToAllocate(size() + (more + spare > most ? more + spare : most)))
+                allocate(size() + most);
         }
         // Some at a time, more of a large block.
         const size_t ahead = size() / 64 + kFetched / sizeof(T);
@@ -110,16 +112,24 @@ private:
 
     // The memory isn't given pages yet.
     void allocate(size_t whole) {
-        if (whole > SIZE_MAX / 2 / sizeof(T))
+        if (!tryToAllocate(whole))
             zraise(ZOutOfMemoryException());
+    }
+    bool tryToAllocate(size_t whole) {
+        if (whole > SIZE_MAX / 2 / sizeof(T))
+            return false;
         const size_t used = state_.size * sizeof(T), bytes = whole * sizeof(T);
         void* grown;
         if (used < kCopied || used > kMoved) {
-            grown = zrequireMemory(realloc(static_cast<void*>(state_.data), bytes));
+            grown = realloc(static_cast<void*>(state_.data), bytes);
+            if (grown == nullptr)
+                return false;
             zadviseSpread(grown, bytes);
         } else {
             // To be copied to; realloc would do it with a fault for each page.
-            grown = zrequireMemory(malloc(bytes));
+            grown = malloc(bytes);
+            if (grown == nullptr)
+                return false;
             zadviseSpread(grown, bytes);
             zfetchPages(grown, 0, used);
             memcpy(grown, static_cast<const void*>(state_.data), used);
@@ -127,6 +137,7 @@ private:
         }
         state_.data = static_cast<T*>(grown);
         state_.whole = whole;
+        return true;
     }
     void fetch(size_t room) {
         if (room > state_.whole)

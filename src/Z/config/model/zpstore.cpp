@@ -545,9 +545,9 @@ void ZPStore::reserveForLines(size_t lines) {
     // With room for some more keys: to move all this for the first one that is added would cost as
     // much as the whole load. What isn't used of a large block isn't there. There may be fewer
     // lines than was guessed, and not all are keys.
-    const size_t spare = lines / 4, fewer = lines - lines / 8;
-    keys_.reserveMore(fewer, lines - fewer + spare);
-    lines_.reserve(fewer, lines - fewer + spare);
+    const size_t spare = lines / 4;
+    keys_.reserveMore(1, lines + spare);
+    lines_.reserve(1, lines + spare);
     keyIndex_.reserveMore(lines + spare);
 }
 

@@ -157,6 +157,12 @@ public:
 
     /// Forgets all, and ends all walks.
     void clear();
+    /// Takes over what another store holds, in place of all of its own, and ends all walks.
+    void take(ZPStore& other) noexcept {
+        endCursors(none);
+        other.endCursors(none);
+        std::swap<ZPContent>(*this, other);
+    }
 
     // --- Stanzas ---
 
@@ -194,6 +200,8 @@ public:
         const Id id = findKey(stanza, key);
         return id != none && isInMap(id) ? id : none;
     }
+    /// All ids of keys are below.
+    Id keyEnd() const { return keys_.end(); }
     bool isInMap(Id key) const { return keys_[key].next != outsideMap; }
     /// Puts the key into the map, if it isn't there yet, without values.
     Id createKey(Id stanza, ZSpan key);
