@@ -175,6 +175,13 @@ TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
         {[](P p) { p.addStanza("s"); }, "+s ", start},
         {[](P p) { p.addStanza("t"); }, "+t ", start + "\n[t]\n"},
         {[](P p) { p.deleteStanza("s"); }, "-s ", ""},
+        {[](P p) { p.renameStanza("s", "t"); }, "-s +t ", "[t]\nk = 1\nk = 2\n"},
+        {[](P p) { p.renameStanza("t", "u"); }, nullptr, start},
+        {[](P p) { p.renameKey("s", "k", "l"); }, "-s.k +s.l ", "[s]\nl = 1\nl = 2\n"},
+        {[](P p) { p.renameKey("s", "l", "m"); }, nullptr, start},
+        {[](P p) { p.disableKey("s", "k"); }, "-s.k ", "[s]\n# k = 1\n# k = 2\n"},
+        {[](P p) { p.disableKey("s", "l"); }, nullptr, start},
+        {[](P p) { p.uncommentKey("s", "l"); }, nullptr, start},
         {[](P p) { p.addFileComment("c"); }, "", "#c\n\n" + start},
         {[](P p) { p.addEntryComment("s", "k", "# c"); }, "", "[s]\n\n# c\nk = 1\nk = 2\n"},
         {[](P p) { p.addStanzaComment("s", "c"); }, "", "[s]\n#c\n\nk = 1\nk = 2\n"},
@@ -193,6 +200,39 @@ TEST(Properties, ChangesTellTheirObserversAndMarkTheObject) {
         EXPECT_EQ(p.isModified(), kCases[i].heard == nullptr ? 0 : 1);
         EXPECT_EQ(p.written(), kCases[i].written);
     }
+}
+
+// What was handed out, walks and the names of hidden values' keys go with another name.
+TEST(Properties, OtherNamesReachAllThatKnowsThem) {
+    Loaded p("[s]\na = 1\nc = 3\n# d = 4\n[t]\na = 5\n");
+    p.setValue("s", "b", "hidden", 1);
+    ZArrayList* keys = p.getKeys("s");
+    ZStanzaIterator walk(p, "s"), ended(p, "t");
+    for (int i = 0; i < 3; ++i)
+        walk.nextEntry();
+    ended.nextEntry();
+    EXPECT_EQ(p.renameKey("s", "b", "e"), 1);
+    EXPECT_EQ(keys->size(), 3u);
+    EXPECT_EQ(static_cast<ZLCString*>(keys->get(2))->equals("e"), 1);
+    walk.nextEntry();
+    EXPECT_STREQ(walk.entryName(), "e");
+    EXPECT_EQ(p.renameStanza("t", "u"), 1);
+    EXPECT_EQ(ended.hasMore(), 0);
+    EXPECT_EQ(p.renameStanza("s", "t"), 1);
+    EXPECT_EQ(p.isObfuscated("t", "e"), 1);
+    EXPECT_EQ(valueIn(p, "t", "e"), "hidden");
+    EXPECT_EQ(valueIn(p, "u", "a"), "5");
+    EXPECT_EQ(valueIn(p, "s", "a"), "<none>");
+    EXPECT_EQ(p.uncommentKey("t", "d"), 1);
+    EXPECT_EQ(valueIn(p, "t", "d"), "4");
+    for (const auto refused : {+[](ZStanzaFileProperties& q) { q.renameStanza("t", "u"); },
+                               +[](ZStanzaFileProperties& q) { q.renameKey("t", "a", "c"); },
+                               +[](ZStanzaFileProperties& q) { q.renameKey("t", "a", ""); },
+                               +[](ZStanzaFileProperties& q) { q.uncommentKey("t", "a"); },
+                               +[](ZStanzaFileProperties& q) { q.disableKey("t", "e"); },
+                               +[](ZStanzaFileProperties& q) { q.backUp(1); }})
+        EXPECT_THROW(refused(p), ZInvalidParameterException);
+    p.data().checkInvariants();
 }
 
 // Says of each notice whether the object was locked by its teller; what it does then is the test's.

@@ -1,10 +1,10 @@
 // textdiff.cpp: what differs between two texts, line by line, as a patch.
 //
-// What both have at their beginning and end is taken off first. For the rest Myers' way is gone from
-// both ends at once, which takes memory for the lines alone: the place where the two walks meet
-// divides the texts. Where they don't meet after kMostSteps, the farthest place of the walk from the
-// front divides them: no shortest patch then, but one of 100,000 lines that all differ takes no
-// hours.
+// What both have at their beginning and end is taken off first. For the rest Myers' way is gone
+// from both ends at once: the place where the two walks meet divides the texts. Where they don't
+// meet in kMostSteps, the farthest place of the walk from the front divides them: the patch isn't
+// the shortest then, but texts of which no line is the same take no time that grows with the square
+// of their lines.
 #include <algorithm>
 #include <climits>
 #include <string_view>
@@ -107,8 +107,8 @@ private:
         compare({a.begin + x, a.end}, {b.begin + y, b.end});
     }
 
-    // The farthest place on diagonal `k` after one more step of a walk, ahead of what is equal there;
-    // kNowhere if no step leads into the text.
+    // The farthest place on diagonal `k` after one more step of a walk, ahead of what is equal
+    // there; kNowhere if no step leads into the text.
     static long stepTo(const long* places, long steps, long k, long n, long m) {
         if (steps == 0)
             return 0;
