@@ -230,6 +230,15 @@ TEST(Zstz, ShowsAndKeepsWhatItChanges) {
     }
     EXPECT_EQ(TempFolder::read(file + ".~3~"), "<none>");
     EXPECT_EQ(TempFolder::read(file + ".~new~"), "<none>");
+    // Links are followed on the way to the file, and nowhere else.
+    EXPECT_EQ(shell(folder,
+                    "mkdir d; ln -s ../f d/link; echo mine >victim; rm f.~*; "
+                    "ln -s victim f.~1~; ln -s victim f.~new~; "
+                    "zstz set --backup d/link t n 4"),
+              0);
+    EXPECT_EQ(TempFolder::read(folder / "victim"), "mine\n");
+    EXPECT_NE(TempFolder::read(file + ".~1~").find("n = 3"), string::npos);
+    EXPECT_EQ(TempFolder::read(folder / "d/link.~1~"), "<none>");
 }
 
 // Patches of random texts, applied by patch(1) where there is one, give the new text.

@@ -1,5 +1,6 @@
 // editor.cpp: edit --editor: a file in the user's own editor, checked, and stored unless somebody
 // else has stored meanwhile. No lock is held while he writes.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,8 +20,13 @@ public:
     ~Copy() {
         if (folder_.empty() || isKept_)
             return;
-        unlink(path_.c_str());
-        rmdir(folder_.c_str());  // what an editor has left beside it stays, and so does the folder
+        // Editors leave files of their own beside it, with the same text.
+        if (DIR* folder = opendir(folder_.c_str())) {
+            while (const struct dirent* entry = readdir(folder))
+                unlinkat(dirfd(folder), entry->d_name, 0);
+            closedir(folder);
+        }
+        rmdir(folder_.c_str());
     }
 
     Exit make(const char* file, const std::string& text) {
@@ -123,8 +129,11 @@ Exit editByEditor(const char* file, const Options& options) {
     if (!isMissing) {
         Handle handle;
         failed = openFile(file, looking, handle);
-        if (failed == done && zstzPropBegin(handle.get(), options.wait) != ZPROP_OK)
+        const int begun = failed == done ? zstzPropBegin(handle.get(), options.wait) : ZPROP_OK;
+        if (begun != ZPROP_OK) {
             failed = reportLastError(file);
+            adviseIfLocked(begun);
+        }
         if (failed == done)
             failed = readNow(handle.get(), file, before);
     }

@@ -85,6 +85,11 @@ Exit openText(const char* file, const std::string& text, Handle& handle) {
     return done;
 }
 
+void adviseIfLocked(int result) {
+    if (result == ZPROP_ERR_LOCKED)
+        complain(fileError, "somebody else has it locked; --wait SECONDS waits longer");
+}
+
 Exit openFile(const char* file, const Options& options, Handle& handle) {
     if (isStandardInput(file)) {
         std::string text;
@@ -94,8 +99,11 @@ Exit openFile(const char* file, const Options& options, Handle& handle) {
     ZPROP_handle* opened = nullptr;
     const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
                                         options.storeMode, options.wait);
-    if (result != ZPROP_OK)
-        return reportLastError(file);
+    if (result != ZPROP_OK) {
+        const Exit failed = reportLastError(file);
+        adviseIfLocked(result);
+        return failed;
+    }
     handle.reset(opened);
     return done;
 }

@@ -103,8 +103,7 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     const int begun = zstzPropBegin(handle.get(), options.wait);
     if (begun != ZPROP_OK) {
         const Exit failed = reportLastError(file);
-        if (begun == ZPROP_ERR_LOCKED)
-            complain(failed, "somebody else has it locked; --wait SECONDS waits longer");
+        adviseIfLocked(begun);
         return failed;
     }
     if (const Exit failed = changes(handle.get()))

@@ -112,6 +112,8 @@ inline bool isStandardInput(const char* file) { return strcmp(file, "-") == 0; }
 /// All of standard input; complains where it was read before.
 Exit readStandardInput(std::string& text);
 
+/// Tells what helps where the last result is that somebody else has the file locked.
+void adviseIfLocked(int result);
 /// Opens and loads the file, strictly and with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
 /// The same of a text, as that of this file.
