@@ -1,12 +1,14 @@
 """What the tests share: folders of their own, and other processes."""
 
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
 import unittest
+from pathlib import Path
 
-ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+ROOT = Path(__file__).resolve().parents[2]
 
 
 class FolderTest(unittest.TestCase):
@@ -17,17 +19,7 @@ class FolderTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.addCleanup(os.chdir, os.getcwd())
         os.chdir(folder.name)
-        self.write("service.conf", self.read(os.path.join(ROOT, "examples", "service.conf")))
-
-    @staticmethod
-    def write(path, content):
-        with open(path, "wb") as file:
-            file.write(content)
-
-    @staticmethod
-    def read(path):
-        with open(path, "rb") as file:
-            return file.read()
+        shutil.copy(ROOT / "examples" / "service.conf", ".")
 
     def start(self, program):
         """Starts a Python program, which tells by a line on its output how far it is."""

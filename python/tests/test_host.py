@@ -1,7 +1,6 @@
 """The process that uses the module stays as it was: locale, environment, signals, descriptors."""
 
 import os
-import unittest
 
 from support import FolderTest
 
@@ -50,7 +49,3 @@ class Host(FolderTest):
         for name in ("", "C", "de_DE.UTF-8", "en_US.ISO-8859-1", "ja_JP.EUC-JP"):
             with self.subTest(locale=name):
                 self.run_program(PROGRAM, name, env=environment)
-
-
-if __name__ == "__main__":
-    unittest.main()

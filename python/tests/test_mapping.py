@@ -8,7 +8,7 @@ import os
 import pickle
 import random
 import subprocess
-import unittest
+from pathlib import Path
 
 import zbase
 from support import FolderTest
@@ -18,8 +18,8 @@ NUMBERS = [  # value, as a whole number, as a real one, as a truth; None: refuse
     ("0750", 0o750, 750.0, None), ("0x1F", 31, None, None), ("08", None, 8.0, None),
     ("1_0", None, None, None), ("1.5", None, 1.5, None), ("1,5", None, None, None),
     ("-1e3", None, -1000.0, None), ("inf", None, math.inf, None), ("YES", None, None, True),
-    ("9223372036854775807", 2**63 - 1, 2.0**63, None), ("off", None, None, False),
-    ("9223372036854775808", None, 2.0**63, None), ("\u0661", None, None, None),
+    (str(2**63 - 1), 2**63 - 1, 2.0**63, None), (str(2**63), None, 2.0**63, None),
+    ("off", None, None, False), ("\u0661", None, None, None),
 ]
 
 
@@ -43,12 +43,12 @@ class Mapping(FolderTest):
 
     def test_every_byte_survives(self):
         odd = bytes(set(range(1, 256)) - set(b"\n\r"))
-        self.write("odd.conf", b"[\xff]\nplain = 1\nk\xe4y = x" + odd + b"x\nk\xe4y = \xfe\n")
+        Path("odd.conf").write_bytes(b"[\xff]\nplain = 1\nk\xe4y = x" + odd + b"x\nk\xe4y = \xfe\n")
         with zbase.update("odd.conf") as f:
             section = f["\udcff"]
             section["plain"] = "2"
             section["copy"] = section.getall("k\udce4y")[0]
-        text = self.read("odd.conf")
+        text = Path("odd.conf").read_bytes()
         self.assertEqual((text.count(b"= x" + odd + b"x\n"), text.count(b"= 2\n")), (2, 1))
         self.assertEqual(zbase.loads(zbase.loads(text).dumps())["\udcff"]["k\udce4y"], "\udcfe")
 
@@ -67,8 +67,8 @@ class Mapping(FolderTest):
             self.assertRaises(ValueError, change)
 
     def test_errors(self):
-        self.write("bad.conf", b"[a]\nb = 1\n\nno entry\n")
-        self.write("long.conf", b"[a]\nb = " + b"x" * 9000 + b"\n")
+        Path("bad.conf").write_bytes(b"[a]\nb = 1\n\nno entry\n")
+        Path("long.conf").write_bytes(b"[a]\nb = " + b"x" * 9000 + b"\n")
         conf = zbase.loads("[a]\nb = x\n")
         cases = [
             (lambda: zbase.open("none"), zbase.FileError, FileNotFoundError, errno.ENOENT, "none"),
@@ -84,11 +84,10 @@ class Mapping(FolderTest):
         for number, (call, kind, builtin, where, file) in enumerate(cases):
             with self.subTest(number), self.assertRaises(kind) as caught:
                 call()
-            for error in (caught.exception, pickle.loads(pickle.dumps(caught.exception))):
-                self.assertIsInstance(error, builtin)
-                place = error.errno if isinstance(error, OSError) else error.line
-                self.assertEqual((place, error.file, str(error)),
-                                 (where, file, str(caught.exception)))
+            error = pickle.loads(pickle.dumps(caught.exception))
+            self.assertIsInstance(error, builtin)
+            place = error.errno if isinstance(error, OSError) else error.line
+            self.assertEqual((place, error.file, str(error)), (where, file, str(caught.exception)))
 
     def test_against_a_model(self):
         for seed in range(5):
@@ -141,22 +140,18 @@ class Mapping(FolderTest):
         self.assertEqual((conf.dumps(), conf.modified, zbase.loads(before)), (before, False, conf))
 
     def test_comments(self):
-        conf = zbase.open("service.conf")
-        log = conf["log"]
-        self.assertEqual((len(conf.comments()), log.comments("keep")), (2, ["# Days."]))
-        conf.add_comment("# The file's.")
-        log.add_comment("the stanza's")
-        log.add_comment("# A month.", "keep")
-        self.assertEqual((conf.comments()[2:], log.comments(), log.comments("keep")),
-                         (["# The file's."], ["#the stanza's"], ["# Days.", "# A month."]))
-        conf.remove_comments()
-        log.remove_comments()
-        log.remove_comments("keep")
-        self.assertEqual((conf.comments(), log.comments(), log.comments("keep")), ([], [], []))
-        self.assertRaises(KeyError, log.add_comment, "x", "none")
+        conf = zbase.loads("# 1\n\n[s]\nx = 1\n# 2\nk = 1\n")
+        places = [(conf,), (conf["s"],), (conf["s"], "k")]
+        for number, (thing, *key) in enumerate(places):
+            thing.add_comment(f"a{number}", *key)
+        self.assertEqual([thing.comments(*key) for thing, *key in places],
+                         [["# 1", "#a0"], ["#a1"], ["# 2", "#a2"]])
+        for thing, *key in places:
+            thing.remove_comments(*key)
+        self.assertEqual([thing.comments(*key) for thing, *key in places], [[], [], []])
+        self.assertRaises(KeyError, conf["s"].add_comment, "x", "none")
 
 
-class LikeConfigparser(unittest.TestCase):
     @staticmethod
     def script(conf):
         """What scripts do, and what they see of it."""
@@ -167,15 +162,15 @@ class LikeConfigparser(unittest.TestCase):
         conf.set("d", "e", "f")
         conf["d"]["g"] = "h"
         a, b = conf["a"], conf["b"]
-        seen = [conf.sections(), conf.options("b"), conf.has_section("a"), conf.has_section("q"),
-                conf.has_option("a", "z"), conf.has_option("q", "z"), conf.get("b", "x", raw=True),
-                conf.get("b", "q", fallback="f"), conf.get("q", "q", fallback=None),
-                conf.getint("b", "x"), conf.getfloat("a", "z"), conf.getboolean("b", "y"),
-                conf.getint("b", "q", fallback=7), conf.items("a"), "z" in a, b.get("q"),
-                b.get("q", "f"), b.getint("q"), b.getint("q", 4), dict(a.items()), b.name, len(a),
-                conf.remove_option("d", "e"), conf.remove_option("d", "e"), a.pop("long"),
-                conf.remove_section("c"), conf.remove_section("c"), a.setdefault("new", "1"),
-                a.parser is conf]
+        seen = [
+            conf.sections(), conf.options("b"), conf.has_section("a"), conf.has_section("q"),
+            conf.has_option("a", "z"), conf.has_option("q", "z"), conf.get("b", "x", raw=True),
+            conf.get("b", "q", fallback="f"), conf.get("q", "q", fallback=None), b.getint("q", 4),
+            conf.getint("b", "x"), conf.getfloat("a", "z"), conf.getboolean("b", "y"), b.get("q"),
+            conf.getint("b", "q", fallback=7), conf.items("a"), "z" in a, b.get("q", "f"), len(a),
+            b.getint("q"), dict(a.items()), b.name, conf.remove_option("d", "e"), a.pop("long"),
+            conf.remove_option("d", "e"), a.setdefault("new", "1"), conf.remove_section("c"),
+            conf.remove_section("c"), a.parser is conf]
         conf["e"] = {"one": "1"}
         conf["e"].update(two="2", three="3")
         text = io.StringIO()
@@ -191,9 +186,5 @@ class LikeConfigparser(unittest.TestCase):
                 seen.append(isinstance(failure, KeyError))
         return seen
 
-    def test_scripts_see_the_same(self):
+    def test_scripts_see_what_configparser_shows(self):
         self.assertEqual(self.script(zbase.Config()), self.script(configparser.RawConfigParser()))
-
-
-if __name__ == "__main__":
-    unittest.main()

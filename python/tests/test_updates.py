@@ -9,9 +9,9 @@ import subprocess
 import sys
 import threading
 import traceback
-import unittest
 from concurrent.futures import ThreadPoolExecutor
 from unittest import mock
+from pathlib import Path
 
 import zbase
 from support import FolderTest
@@ -77,7 +77,7 @@ class Updates(FolderTest):
         self.can_be_updated()
         with self.assertRaises(zbase.FileError) as caught, zbase.update("service.conf") as f:
             f["log"]["level"] = "x"
-            self.write("new.conf", b"[log]\nlevel = editor\n")
+            Path("new.conf").write_bytes(b"[log]\nlevel = editor\n")
             os.rename("new.conf", "service.conf")
         self.assertEqual(caught.exception.errno, errno.ESTALE)
         self.can_be_updated("editor")
@@ -162,7 +162,7 @@ class Updates(FolderTest):
             with zbase.update("other.conf") as mine:
                 mine["a"]["b"] = str(mine["a"].getint("b") + 1)
 
-        self.write("other.conf", b"[a]\nb = 1\n")
+        Path("other.conf").write_bytes(b"[a]\nb = 1\n")
         with zbase.update("service.conf") as f:
             self.in_child(in_child)
             self.in_thread(lambda: self.in_child(in_child))
@@ -179,16 +179,14 @@ class Updates(FolderTest):
         # In finalisers, some of them after modules have gone, and with a thread in a call.
         self.run_program(
             "import threading, zbase\n"
-            "class Last:\n"
-            "    def __init__(self, conf): self.conf, self.zbase = conf, zbase\n"
+            "class Last:\n    def __init__(self, conf): self.conf, self.zbase = conf, zbase\n"
             "    def __del__(self):\n"
             "        for call in (lambda: self.conf['log']['level'], self.conf.dumps,\n"
-            "                     lambda: self.conf['log'].__setitem__('level', 'x'),\n"
-            "                     lambda: self.zbase.open('service.conf'), self.conf.close):\n"
-            "            try: call()\n"
-            "            except self.zbase.StateError: pass\n"
-            "conf, closed = zbase.open('service.conf'), zbase.open('service.conf')\n"
-            "closed.close()\n"
+            "                     lambda: self.conf.set('log', 'level', 'x'), self.conf.close,\n"
+            "                     lambda: self.zbase.open('service.conf')):\n"
+            "            try: call()\n            except self.zbase.StateError: pass\n"
+            "conf = zbase.open('service.conf')\n"
+            "closed = zbase.open('service.conf'); closed.close()\n"
             "cycle = [Last(conf), Last(closed), zbase.watch('service.conf')]\n"
             "cycle.append(cycle); zbase.last = Last(zbase.open('service.conf'))\n"
             "entered = zbase.update('service.conf'); f = entered.__enter__()\n"
@@ -202,7 +200,7 @@ class Updates(FolderTest):
             self.skipTest("needs mallinfo2")
         libc.mallinfo2.restype = type("Mallinfo", (ctypes.Structure,), {
             "_fields_": [(f"field{number}", ctypes.c_size_t) for number in range(10)]})
-        self.write("bad.conf", b"[a]\nbad\n")
+        Path("bad.conf").write_bytes(b"[a]\nbad\n")
 
         def work():
             conf = zbase.open("service.conf")
@@ -230,7 +228,3 @@ class Updates(FolderTest):
         self.assertEqual(left()[0], descriptors)
         # A handle alone would be a kilobyte, a hundred times.
         self.assertLess(left()[1] - before, 50_000)
-
-
-if __name__ == "__main__":
-    unittest.main()
