@@ -93,8 +93,9 @@ class Updates(FolderTest):
             self.assertIsInstance(caught.exception, TimeoutError)
             self.assertEqual(caught.exception.errno, errno.ETIMEDOUT)
         waiter = self.start("import zbase\nattempt = zbase._lib._open_with\n"
-                            "def tell(*arguments):\n    print('waits', flush=True)\n"
-                            "    return attempt(*arguments)\nzbase._lib._open_with = tell\n"
+                            "def tell(*arguments):\n    result = attempt(*arguments)\n"
+                            "    print('waits', flush=True)\n    return result\n"
+                            "zbase._lib._open_with = tell\n"
                             "try: zbase.update('service.conf', wait=None).__enter__()\n"
                             "except KeyboardInterrupt: raise SystemExit(5)\n")
         waiter.send_signal(signal.SIGINT)
