@@ -208,13 +208,15 @@ class Updates(FolderTest):
             list(conf["log"].items())
             for _ in range(20):
                 conf.comments()
-            zbase.watch(conf).process()
+            watch = zbase.watch(conf)
+            watch.process()
             for wrong in (lambda: zbase.open("bad.conf"), lambda: zbase.loads("["),
                           lambda: conf["log"].add("level", "\n"), lambda: zbase.open("none"),
                           lambda: zbase.watch(zbase.loads(""))):
                 self.assertRaises(zbase.Error, wrong)
             zbase.update("service.conf").__enter__().close()
             zbase.update("service.conf").__enter__()
+            conf.close()
 
         def left():
             gc.collect()
