@@ -142,21 +142,22 @@ public:
     /// exception; the results before it stay. Raises ZInvalidParameterException for null items, a
     /// count of 0 or a kind that is none.
     void getItems(ZStzFileItem* items, unsigned int count) const;
-    /// Puts what these bytes say, as a file, in place of all that the object holds, as one
-    /// change. Hidden values stay, but for keys to which the bytes give plain ones, and so does
-    /// where the side database is, whatever the bytes say of it. Raises ZPropertiesInvalidDataException (44) and changes nothing then. No notice.
+    /// Puts what these bytes say, as a file, in place of all that the object holds, as one change.
+    /// Hidden values stay, but for keys to which the bytes give plain ones, and so does where the
+    /// side database is, whatever the bytes say of it. Raises ZPropertiesInvalidDataException (44)
+    /// and changes nothing then. No notice.
     void loadBytes(const void* bytes, size_t length);
     /// Makes `out` the text of the object as a store writes it; hidden values aren't in it.
     void storeBytes(ZBuffer& out) const;
     /// Makes `out` all stanzas, keys and values in the order of the file, as of one moment: texts
     /// with a NUL behind each, of which the first byte tells what the rest is: "[" a stanza's name,
-    /// "." the name of one of its keys, "=" a value of that key, "*" a hidden one. A key stands at its
-    /// first line, with all its values.
+    /// "." the name of one of its keys, "=" a value of that key, "*" a hidden one. A key stands at
+    /// its first line, with all its values.
     void getEntries(ZBuffer& out) const;
-    /// Makes `list`, which must own its members, the comments, a ZLCString a line without blanks at its ends: of
-    /// the file if `stanza` is null (its first lines, up to the first that is no comment), of the
-    /// stanza if `key` is null (directly below its header), or of the key (directly above its
-    /// line). Those between a header and its first key belong to both.
+    /// Makes `list`, which must own its members, the comments, a ZLCString a line without blanks at
+    /// its ends: of the file if `stanza` is null (its first lines, up to the first that is no
+    /// comment), of the stanza if `key` is null (directly below its header), or of the key
+    /// (directly above its line). Those between a header and its first key belong to both.
     void getComments(const char* stanza, const char* key, ZArrayList& list) const;
     /// Removes these. No notice.
     void deleteComments(const char* stanza, const char* key);
@@ -173,7 +174,8 @@ public:
     /// failures as setIntegerValue.
     void setInteger64Value(const char* stanza, const char* key, int64_t value);
     void setDoubleValue(const char* stanza, const char* key, double value);
-    /// The path of the object's file, empty without one. Good as long as the object if there is one.
+    /// The path of the object's file, empty without one. Good as long as the object if there is
+    /// one.
     const char* path() const;
 
     /// The cache's own list of the stanza's keys, or null; no lock.

@@ -137,8 +137,8 @@ ZEXPORT int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t leng
 
 /* Puts what `length` bytes say in place of all that the handle has, as one change; a failure
  * changes nothing. Hidden values stay, but for keys to which the bytes give plain ones, and so does
- * where the side database is, whatever the bytes say of it. 0; 55 for a bad handle or null bytes with a length; 51 for bad data or without
- * memory. */
+ * where the side database is, whatever the bytes say of it. 0; 55 for a bad handle or null bytes
+ * with a length; 51 for bad data or without memory. */
 ZEXPORT int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length);
 
 /* The text of the handle as a store writes it, as a new block with a NUL behind it, for
@@ -194,8 +194,9 @@ ZEXPORT int zstzPropGetBooleanValue(ZPROP_handle* handle, const char* stanza, co
 
 /* The last value as a signed number of 64 bits (decimal, octal with a leading 0, hexadecimal with
  * 0x, with an optional sign) or as a real number (decimal, with "." as decimal point in any locale;
- * infinite and not a number as "inf" and "nan"). White space around it isn't looked at. 0 if there is none; *err is 54 then if it is
- * required, and 53 if it can't be converted or lies out of range. */
+ * infinite and not a number as "inf" and "nan"). White space around it isn't looked at. 0 if there
+ * is none; *err is 54 then if it is required, and 53 if it can't be converted or lies out of
+ * range. */
 ZEXPORT int64_t zstzPropGetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                                       int required, int* err);
 ZEXPORT double zstzPropGetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,

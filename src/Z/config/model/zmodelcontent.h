@@ -19,8 +19,8 @@ struct ZModelContent {
 
     /// Adds the hidden values of `from` to `to`, but for keys that have plain ones there.
     static void addHidden(const ZSCFData& from, ZSCFData& to);
-    /// Gives the model what another holds, in place of all its own; where its side database is stays
-    /// as it was.
+    /// Gives the model what another holds, in place of all its own; where its side database is
+    /// stays as it was.
     static void take(ZSCFData& model, ZSCFData& other) noexcept;
 
     /// Adds the comments of the file if `stanza` is null, of the stanza if `key` is null, or of the
