@@ -340,13 +340,17 @@ class Handle:
     """
 
     __slots__ = ("_pointer", "_process", "_gone", "_calls", "_home", "path", "lock", "updater",
-                 "tables", "watches", "__weakref__")
+                 "tables", "watches", "_opened", "_dropped", "__weakref__")
 
     def __init__(self, pointer: int) -> None:
         # First what __del__ needs, for an interrupt may come in between.
         self._process = os.getpid()
         self.updater: Optional[int] = None  # the thread that has an update open
         self._home: Optional[List[int]] = None  # where that finds what others let go
+        # The library's watches on it, which have to be closed ahead of it, and those of them that a
+        # finaliser let go while the lock was another thread's.
+        self._opened: Set[int] = set()
+        self._dropped: List[int] = []
         self._pointer: Optional[int] = pointer
         self._gone = "this object is closed"
         self._calls = 0  # a signal handler may find it in the middle of one
@@ -400,6 +404,7 @@ class Handle:
         """Makes a call that gives a result number."""
         self._live()
         with self.lock:
+            self._close_dropped()
             self._calls += 1
             try:
                 _check(function(self._live(), *arguments))
@@ -532,15 +537,49 @@ class Handle:
                 raise StateError("this object is in the middle of a call")
             for watch in list(self.watches):
                 watch.close()
+            self._close_watches()
             pointer = self._pointer
             self.forget("this object is closed")
             _close(pointer)
+
+    def open_watch(self) -> int:
+        """A watch on the file, of the library."""
+        out = ctypes.c_void_p()
+        with self.lock:
+            self.run(_watch_open, ctypes.byref(out))
+            self._opened.add(out.value or 0)
+        return out.value or 0
+
+    def close_watch(self, pointer: int) -> None:
+        """Closes one, unless that has been done."""
+        with self.lock:
+            if pointer in self._opened:
+                self._opened.remove(pointer)
+                _watch_close(pointer)
+
+    def drop_watch(self, pointer: int) -> None:
+        """The same in a finaliser, which mustn't wait for a lock: now, or with the next call."""
+        self._dropped.append(pointer)
+        if self.lock.acquire(blocking=False):
+            try:
+                self._close_dropped()
+            finally:
+                self.lock.release()
+
+    def _close_dropped(self) -> None:
+        while self._dropped:
+            self.close_watch(self._dropped.pop())
+
+    def _close_watches(self) -> None:
+        while self._opened:
+            _watch_close(self._opened.pop())
 
     def forget(self, why: str) -> None:
         """Lets go of the object, without a call."""
         for watch in list(self.watches):
             watch.forget()
         self._pointer, self._gone = None, why
+        self._opened.clear()
         self.tables = self.updater = self._home = None
         self.lock = threading.RLock()
 
@@ -555,6 +594,7 @@ class Handle:
         pointer = getattr(self, "_pointer", None)
         if pointer is None or ends() or not self.is_of_this_process():
             return
+        self._close_watches()
         if self._home is not None and self.updater != threading.get_ident():
             self._home.append(pointer)
         else:
@@ -575,10 +615,8 @@ class WatchHandle:
         self._handle = handle
         self._pointer: Optional[int] = None
         self._wake = self._woken = -1
-        out = ctypes.c_void_p()
         with handle.lock:
-            handle.run(_watch_open, ctypes.byref(out))
-            self._pointer = out.value
+            self._pointer = handle.open_watch()
             handle.watches.add(self)
             # Who waits is woken by the end of the writing end.
             self._woken, self._wake = os.pipe()
@@ -629,7 +667,7 @@ class WatchHandle:
         with self._handle.lock:
             pointer, self._pointer = self._pointer, None
             if pointer is not None:
-                _watch_close(pointer)
+                self._handle.close_watch(pointer)
             self._close_pipe()
 
     def _close_pipe(self) -> None:
@@ -647,8 +685,7 @@ class WatchHandle:
         raise TypeError("a watch can't be copied or pickled")
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        # Nobody else has it any more. Its handle's lock could be another's, who waits for ours.
         pointer = getattr(self, "_pointer", None)
         if pointer is not None and not ends() and self._handle.is_of_this_process():
-            _watch_close(pointer)
+            self._handle.drop_watch(pointer)
             self._close_pipe()
