@@ -144,6 +144,17 @@ class Updates(FolderTest):
             gc.collect()
         self.can_be_updated()
 
+    def test_a_watch_that_nobody_has_is_closed_once(self):
+        def close_both(pointer):
+            closed.append(pointer)
+            close(pointer)
+            conf.close()
+
+        conf, closed, close = zbase.open("service.conf"), [], zbase._lib._watch_close
+        with mock.patch.object(zbase._lib, "_watch_close", close_both):
+            zbase.watch(conf)
+        self.assertEqual(len(closed), 1)
+
     def test_forked_children(self):
         conf, watch = zbase.open("service.conf"), zbase.watch("service.conf")
 

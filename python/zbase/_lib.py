@@ -254,6 +254,8 @@ def _forget_in_child() -> None:
     _thread.updates.open.clear()
     for handle in list(_handles):
         handle.forget("this object was made before the fork, by the parent process")
+        # A thread that isn't here may have held the old one.
+        handle.lock = threading.RLock()
 
 
 os.register_at_fork(after_in_child=_forget_in_child)
@@ -581,7 +583,6 @@ class Handle:
         self._pointer, self._gone = None, why
         self._opened.clear()
         self.tables = self.updater = self._home = None
-        self.lock = threading.RLock()
 
     def is_of_this_process(self) -> bool:
         """Whether no fork lies between."""
@@ -591,7 +592,7 @@ class Handle:
         raise TypeError("an object of the library can't be copied or pickled")
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        pointer = getattr(self, "_pointer", None)
+        pointer, self._pointer = getattr(self, "_pointer", None), None
         if pointer is None or ends() or not self.is_of_this_process():
             return
         self._close_watches()
@@ -685,7 +686,8 @@ class WatchHandle:
         raise TypeError("a watch can't be copied or pickled")
 
     def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
-        pointer = getattr(self, "_pointer", None)
+        # Weak references still lead here: who comes by one meanwhile must find it closed.
+        pointer, self._pointer = getattr(self, "_pointer", None), None
         if pointer is not None and not ends() and self._handle.is_of_this_process():
             self._handle.drop_watch(pointer)
             self._close_pipe()
