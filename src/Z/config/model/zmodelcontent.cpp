@@ -1,6 +1,5 @@
 #include "zmodelcontent.h"
 
-#include <cstring>
 #include <memory>
 
 #include "ZLCString.h"
@@ -23,8 +22,8 @@ void ZModelContent::listEntries(const ZSCFData& model, ZBytes& out) {
     // A key is told at its first line.
     ZBytes isTold;
     isTold.reserveExactly(store.keyEnd());
-    memset(isTold.data(), 0, store.keyEnd());
-    isTold.setSize(store.keyEnd());
+    while (isTold.room() != 0)
+        isTold.push(0);
     const auto tell = [&](ZPId key) {
         isTold[key] = 1;
         addText(out, kKey, text.span(store.key(key).name));
