@@ -135,7 +135,7 @@ bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* ke
         store.addHeader(store.key(id).stanza);
     if (!store.hasLine(id))
         store.placeKeyLine(id);
-    ZPId line;
+    ZPId line = ZPStore::none;
     const ZPId group = firstLineOf(store, id, line);
     for (uint32_t i = 0; i < count || i == 0; ++i) {
         zmakeDisabled(name, count == 0 ? kNothing : store.values(id, ZPStore::plain)[i], comment);
