@@ -55,10 +55,7 @@ public:
         if (stream == nullptr)
             return complain(fileError, "%s: %s", path_.c_str(), strerror(errno));
         text.clear();
-        char piece[64 * 1024];
-        for (size_t got; (got = fread(piece, 1, sizeof piece, stream)) != 0;)
-            text.append(piece, got);
-        const bool isRead = ferror(stream) == 0;
+        const bool isRead = readAll(stream, text);
         fclose(stream);
         return isRead ? done : complain(fileError, "%s: can't be read", path_.c_str());
     }
@@ -130,10 +127,8 @@ Exit editByEditor(const char* file, const Options& options) {
         Handle handle;
         failed = openFile(file, looking, handle);
         const int begun = failed == done ? zstzPropBegin(handle.get(), options.wait) : ZPROP_OK;
-        if (begun != ZPROP_OK) {
-            failed = reportLastError(file);
-            adviseIfLocked(begun);
-        }
+        if (begun != ZPROP_OK)
+            failed = reportLocking(file, begun);
         if (failed == done)
             failed = readNow(handle.get(), file, before);
     }

@@ -66,15 +66,19 @@ std::string lastErrorText() {
 
 static const unsigned long kAttributes = ZPCACHE_STRICT | ZPCACHE_KEEP_LINES;
 
+bool readAll(FILE* stream, std::string& text) {
+    char piece[64 * 1024];
+    for (size_t got; (got = fread(piece, 1, sizeof piece, stream)) != 0;)
+        text.append(piece, got);
+    return ferror(stream) == 0;
+}
+
 Exit readStandardInput(std::string& text) {
     static bool wasRead = false;
     if (wasRead)
         return complain(usage, "standard input can be read once only");
     wasRead = true;
-    char piece[64 * 1024];
-    for (size_t got; (got = fread(piece, 1, sizeof piece, stdin)) != 0;)
-        text.append(piece, got);
-    return ferror(stdin) == 0 ? done : complain(fileError, "standard input: %s", strerror(errno));
+    return readAll(stdin, text) ? done : complain(fileError, "standard input: %s", strerror(errno));
 }
 
 Exit openText(const char* file, const std::string& text, Handle& handle) {
@@ -85,9 +89,11 @@ Exit openText(const char* file, const std::string& text, Handle& handle) {
     return done;
 }
 
-void adviseIfLocked(int result) {
+Exit reportLocking(const char* file, int result) {
+    const Exit failed = reportLastError(file);
     if (result == ZPROP_ERR_LOCKED)
         complain(fileError, "somebody else has it locked; --wait SECONDS waits longer");
+    return failed;
 }
 
 Exit openFile(const char* file, const Options& options, Handle& handle) {
@@ -99,11 +105,8 @@ Exit openFile(const char* file, const Options& options, Handle& handle) {
     ZPROP_handle* opened = nullptr;
     const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
                                         options.storeMode, options.wait);
-    if (result != ZPROP_OK) {
-        const Exit failed = reportLastError(file);
-        adviseIfLocked(result);
-        return failed;
-    }
+    if (result != ZPROP_OK)
+        return reportLocking(file, result);
     handle.reset(opened);
     return done;
 }

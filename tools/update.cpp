@@ -101,11 +101,8 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
         return failed;
     }
     const int begun = zstzPropBegin(handle.get(), options.wait);
-    if (begun != ZPROP_OK) {
-        const Exit failed = reportLastError(file);
-        adviseIfLocked(begun);
-        return failed;
-    }
+    if (begun != ZPROP_OK)
+        return reportLocking(file, begun);
     if (const Exit failed = changes(handle.get()))
         return failed;  // closing takes back what was done
     if (!options.dryRun)

@@ -109,11 +109,14 @@ const char* colourOf(FILE* stream, Colour colour);
 
 /// Whether this name means standard input.
 inline bool isStandardInput(const char* file) { return strcmp(file, "-") == 0; }
+/// Adds all that a stream holds. False where it can't be read.
+bool readAll(FILE* stream, std::string& text);
 /// All of standard input; complains where it was read before.
 Exit readStandardInput(std::string& text);
 
-/// Tells what helps where the last result is that somebody else has the file locked.
-void adviseIfLocked(int result);
+/// Tells the last error, of a call that takes the file's lock, and what helps where somebody else
+/// has that.
+Exit reportLocking(const char* file, int result);
 /// Opens and loads the file, strictly and with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
 /// The same of a text, as that of this file.

@@ -214,6 +214,10 @@ public:
 
 private:
     static void makeFactory();
+    // Makes one edit of names or lines. Where it finds what it is about, tells what has gone and
+    // what has come, each of which may be null.
+    template <typename Edit>
+    int changeLines(const ZChangeNames* gone, const ZChangeNames* come, Edit edit);
     ZSCFData& data() const { return *static_cast<ZSCFData*>(cache_); }
 
     static ZStanzaFilePropertiesFactory* factory_;

@@ -1,7 +1,6 @@
-// zpropcontent.cpp: a stanza file's object as a whole, from and to memory; its comments; numbers
-// of 64 bits and real ones.
+// zpropcontent.cpp: a stanza file's object as a whole: from memory, and all entries; its comments;
+// numbers of 64 bits and real ones.
 #include <charconv>
-#include <cstring>
 
 #include "ZBuffer.h"
 #include "ZPropertiesImpl.h"
@@ -12,9 +11,8 @@
 #include "zmodeledits.h"
 #include "zraise.h"
 #include "zrefusal.h"
-#include "zscope.h"
 
-// ---------------------------------------------------------------- from and to memory
+// ---------------------------------------------------------------- from memory, and all entries
 
 void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     zrequire(bytes != nullptr || length == 0);
@@ -34,14 +32,6 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     ZModelEdits::noteText(trial, text);
     ZModelContent::take(data(), trial);
     setModified();
-}
-
-void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
-    ZMemoryStream stream;
-    ZResourceLock guard(lock_);
-    cache_->be_write(fileName_.getChars(), stream.get());
-    const ZSpan text = stream.finish();
-    out.setBuffer(text.size, const_cast<char*>(text.data));
 }
 
 void ZStanzaFileProperties::getEntries(ZBuffer& out) const {

@@ -10,66 +10,63 @@
 
 // ---------------------------------------------------------------- names and lines
 
+template <typename Edit>
+int ZStanzaFileProperties::changeLines(const ZChangeNames* gone, const ZChangeNames* come,
+                                       Edit edit) {
+    {
+        ZResourceLock guard(lock_);
+        if (!edit())
+            return 0;
+        setModified();
+    }
+    if (gone != nullptr)
+        sendChangeNotice(ZPropertyChanged::PropertyDeleted, *gone);
+    if (come != nullptr)
+        sendChangeNotice(ZPropertyChanged::PropertyAdded, *come);
+    return 1;
+}
+
 int ZStanzaFileProperties::renameStanza(const char* stanza, const char* name) {
     zrequireStanzaName(stanza);
     zrequireStanzaName(name);
     const ZChangeNames before(hasObservers(), stanza, nullptr), now(hasObservers(), name, nullptr);
-    {
-        ZResourceLock guard(lock_);
-        if (!ZModelEdits::renameStanza(data(), stanza, name))
-            return 0;
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyDeleted, before);
-    sendChangeNotice(ZPropertyChanged::PropertyAdded, now);
-    return 1;
+    return changeLines(&before, &now,
+                       [&] { return ZModelEdits::renameStanza(data(), stanza, name); });
 }
 
 int ZStanzaFileProperties::renameKey(const char* stanza, const char* key, const char* name) {
     zrequireNames(stanza, key);
     zrequireNames(stanza, name);
     const ZChangeNames before(hasObservers(), stanza, key), now(hasObservers(), stanza, name);
-    {
-        ZResourceLock guard(lock_);
-        if (!ZModelEdits::renameKey(data(), stanza, key, name))
-            return 0;
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyDeleted, before);
-    sendChangeNotice(ZPropertyChanged::PropertyAdded, now);
-    return 1;
+    return changeLines(&before, &now,
+                       [&] { return ZModelEdits::renameKey(data(), stanza, key, name); });
 }
 
 int ZStanzaFileProperties::uncommentKey(const char* stanza, const char* key) {
     zrequireNames(stanza, key);
-    const ZChangeNames names(hasObservers(), stanza, key);
-    {
-        ZResourceLock guard(lock_);
-        if (!ZModelEdits::uncommentKey(data(), stanza, key))
-            return 0;
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyAdded, names);
-    return 1;
+    const ZChangeNames come(hasObservers(), stanza, key);
+    return changeLines(nullptr, &come,
+                       [&] { return ZModelEdits::uncommentKey(data(), stanza, key); });
 }
 
 int ZStanzaFileProperties::disableKey(const char* stanza, const char* key) {
     zrequireNames(stanza, key);
-    const ZChangeNames names(hasObservers(), stanza, key);
-    {
-        ZResourceLock guard(lock_);
-        if (!ZModelEdits::disableKey(data(), stanza, key))
-            return 0;
-        setModified();
-    }
-    sendChangeNotice(ZPropertyChanged::PropertyDeleted, names);
-    return 1;
+    const ZChangeNames gone(hasObservers(), stanza, key);
+    return changeLines(&gone, nullptr,
+                       [&] { return ZModelEdits::disableKey(data(), stanza, key); });
 }
 
 // ---------------------------------------------------------------- what a store would write
 
 static void give(ZSpan text, ZBuffer& out) {
     out.setBuffer(text.size, const_cast<char*>(text.data));
+}
+
+void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
+    ZMemoryStream stream;
+    ZResourceLock guard(lock_);
+    cache_->be_write(fileName_.getChars(), stream.get());
+    give(stream.finish(), out);
 }
 
 void ZStanzaFileProperties::storeBytesOver(const void* bytes, size_t length, ZBuffer& out) const {

@@ -206,9 +206,6 @@ ZFailure zwriteToEnd(int descriptor, ZSpan bytes, uint64_t from);
 inline ZSpan zspanFrom(ZSpan text, size_t from) { return {text.data + from, text.size - from}; }
 /// The first byte in which two texts differ, or the length of the shorter one.
 size_t zfirstDifference(ZSpan a, ZSpan b);
-inline bool zequals(ZSpan a, ZSpan b) {
-    return a.size == b.size && zfirstDifference(a, b) == a.size;
-}
 
 /// Gives a file that was just made for its owner alone the owner, group, mode and access list of
 /// `model`'s, so that at no moment anybody may do more with it than the model lets him. What

@@ -6,10 +6,6 @@
 #include "zgrammar.h"
 #include "zpindex.h"
 
-static bool equal(ZSpan a, ZSpan b) {
-    return a.size == b.size && (a.size == 0 || memcmp(a.data, b.data, a.size) == 0);
-}
-
 // ---------------------------------------------------------------- entries as comments
 
 void zmakeDisabled(ZSpan key, ZSpan value, ZBytes& out) {
@@ -28,7 +24,7 @@ ZSpan zfindDisabled(ZSpan comment, ZSpan key, ZSpan& value) {
         return {comment.data, 0};
     const ZSpan text = grammar.trimmed(comment.data + 1, comment.data + comment.size);
     const ZLineParts parts = grammar.divide(text);
-    if (parts.kind != zlineEntry || !equal(parts.name, key))
+    if (parts.kind != zlineEntry || !zequals(parts.name, key))
         return {comment.data, 0};
     value = parts.value;
     return text;
@@ -65,10 +61,6 @@ struct Line {
     Id nextOfKey;  // of an entry: the next line of its key
     Id next, prev;
     ZLineKind kind;
-};
-
-struct Free {
-    void operator()(char* block) const { free(block); }
 };
 
 class LineChanger {
@@ -133,7 +125,7 @@ private:
     // The first line of a stanza, or of a key.
     Id find(ZLineKind kind, Id stanza, ZSpan name) const {
         return index_.find(hashOf(kind, stanza, name), [&](Id id, uint32_t) {
-            return lines_[id].kind == kind && equal(lines_[id].name, name) &&
+            return lines_[id].kind == kind && zequals(lines_[id].name, name) &&
                    (kind == zlineHeader || lines_[id].stanza == stanza);
         });
     }
@@ -190,7 +182,7 @@ private:
         made_.reserveMore(1);
         const size_t size = before.size + name.size + behind.size;
         char* text = static_cast<char*>(zrequireMemory(malloc(size + 1)));
-        made_.push(std::unique_ptr<char, Free>(text));
+        made_.push(std::unique_ptr<char, ZPFree>(text));
         size_t at = 0;
         for (const ZSpan& piece : {before, name, behind}) {
             memcpy(text + at, piece.data, piece.size);
@@ -277,7 +269,7 @@ private:
 
     ZPBlock<Line> lines_;
     ZPIndex index_;  // of headers and of each key's first line
-    ZPBlock<std::unique_ptr<char, Free>> made_;
+    ZPBlock<std::unique_ptr<char, ZPFree>> made_;
 };
 
 }  // namespace

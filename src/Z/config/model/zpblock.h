@@ -211,6 +211,11 @@ private:
     size_t freeCount_ = 0;
 };
 
+/// Gives a block of malloc back.
+struct ZPFree {
+    void operator()(void* block) const { free(block); }
+};
+
 /// Bytes that are made here and handed on.
 typedef ZPBlock<char> ZBytes;
 
@@ -225,6 +230,10 @@ inline ZSpan zspanOf(const ZBytes& bytes) { return {bytes.data(), bytes.size()};
 /// Of a text with a NUL behind it; null counts as the empty text.
 inline ZSpan zspanOf(const char* text) {
     return text == nullptr ? ZSpan{"", 0} : ZSpan{text, strlen(text)};
+}
+
+inline bool zequals(ZSpan a, ZSpan b) {
+    return a.size == b.size && (a.size == 0 || memcmp(a.data, b.data, a.size) == 0);
 }
 
 /// Adds a copy at the end. ZOutOfMemoryException leaves `to` as it was.

@@ -53,10 +53,6 @@
 #include "zptext.h"
 #include "zpvalues.h"
 
-struct ZPFree {
-    void operator()(void* block) const { free(block); }
-};
-
 /// What few keys have.
 struct ZPKeyExtra : ZAllocated {
     ZPValues values[2];  // by ZPStore::Kind
