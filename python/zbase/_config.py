@@ -614,7 +614,7 @@ class Config(MutableMapping[str, Section]):
 
     def dumps(self) -> str:
         """The text of a file with all that is here but the hidden values."""
-        return self._handle.block(_lib.store_bytes)
+        return self._handle.text(_lib.store_bytes)
 
     def write(self, fp: TextIO, space_around_delimiters: bool = True) -> None:
         """Writes dumps() to an open text file. store() is the safe way to change a file."""

@@ -9,6 +9,7 @@ import ctypes
 import errno
 import math
 import os
+import re
 import sys
 import threading
 import time
@@ -276,13 +277,39 @@ def _refuse_at_exit() -> None:
 # Between the values of a key, and between the key and its values.
 SEPARATOR = "\0="
 
+# A stanza behind another in a block of zstzPropGetEntries.
+_NEXT_STANZA = re.compile(rb"\0\[([^\0]*)")
+_FIRST_STANZA = re.compile(rb"\[([^\0]*)")
+
+
+class Block:
+    """A block that the library has made, given back when nobody refers to it any more.
+
+    `view` must not outlive it.
+    """
+
+    __slots__ = ("_pointer", "view")
+
+    def __init__(self, pointer: Optional[int], size: int) -> None:
+        self._pointer = pointer
+        self.view = _view(pointer, size, _READ) if pointer else memoryview(b"")
+
+    def text(self, first: int, end: int) -> str:
+        """The text of these bytes."""
+        return str(self.view[first:end], "utf-8", "surrogateescape")
+
+    def __del__(self, ends: Callable[[], bool] = sys.is_finalizing) -> None:
+        pointer, self._pointer = getattr(self, "_pointer", None), None
+        if pointer is not None and not ends():
+            _free(pointer)
+
 
 class Tables(Dict[str, Dict[str, str]]):
     """What a block of zstzPropGetEntries holds: a table of keys for each stanza.
 
-    A table is made when it is asked for, since most programs ask for a few. A key's values stay in
-    one text, SEPARATOR between them: most have one, and ten thousand lists would cost more than all
-    else.
+    A table is made when it is asked for, since most programs ask for a few; the block stays as it
+    is until then, for fresh memory is what costs. A key's values stay in one text, SEPARATOR
+    between them: most have one, and ten thousand lists would cost more than all else.
 
     names   the stanzas in the order of the file, each with its place in the block
     hidden  the hidden keys of the tables that are made
@@ -290,19 +317,21 @@ class Tables(Dict[str, Dict[str, str]]):
 
     __slots__ = ("_block", "_lock", "names", "hidden")
 
-    def __init__(self, block: str, lock: "threading.RLock") -> None:
+    def __init__(self, block: Block, lock: "threading.RLock") -> None:
         super().__init__()
         self._block = block
         self._lock = lock  # of the handle: who changes a table holds it
         self.names: Dict[str, Tuple[int, int]] = {}
         self.hidden: Set[Tuple[str, str]] = set()
-        find, last, start = block.find, len(block) - 1, 1
-        while start < last:
-            name_end, end = find("\0", start), find("\0[", start)
-            if end < 0:
-                end = last
-            self.names[block[start:name_end]] = (name_end + 2, end)
-            start = end + 2
+        stanza = _FIRST_STANZA.match(block.view)
+        if stanza is None:
+            return
+        name, first = decode(stanza[1]), stanza.end() + 2
+        for stanza in _NEXT_STANZA.finditer(block.view):
+            end, behind = stanza.span()
+            self.names[name] = first, end
+            name, first = decode(stanza[1]), behind + 2
+        self.names[name] = first, len(block.view) - 1
 
     def __missing__(self, name: str) -> Dict[str, str]:
         with self._lock:
@@ -313,7 +342,7 @@ class Tables(Dict[str, Dict[str, str]]):
 
     def _made(self, name: str) -> Dict[str, str]:
         first, end = self.names[name]
-        text = self._block[first:end]
+        text = self._block.text(first, end)
         entries = text.split("\0.") if text else []
         if "\0*" in text:
             self.hidden.update((name, e.partition("\0")[0]) for e in entries if "\0*" in e)
@@ -425,16 +454,21 @@ class Handle:
         self.run(call)
         return answers[0]
 
-    def block(self, function: Any) -> str:
-        """The text that a call makes a block of."""
+    def block(self, function: Any) -> Block:
+        """The block that a call makes."""
         out, size = ctypes.c_void_p(), ctypes.c_size_t()
         try:
             self.run(function, ctypes.byref(out), ctypes.byref(size))
-            # Straight from the block: a file may be big, and fresh memory is what costs.
-            view = _view(out, size.value, _READ) if out else b""
-            return str(view, "utf-8", "surrogateescape")
+            block = Block(out.value, size.value)
+            out.value = None
+            return block
         finally:
             _free(out)
+
+    def text(self, function: Any) -> str:
+        """The same as a text."""
+        block = self.block(function)
+        return block.text(0, len(block.view))
 
     def texts(self, function: Any, *arguments: Any) -> List[str]:
         """The texts that a call makes a list of."""

@@ -40,7 +40,10 @@ void ZStanzaFileProperties::getEntries(ZBuffer& out) const {
         ZResourceLock guard(lock_);
         ZModelContent::listEntries(data(), entries);
     }
-    out.setBuffer(entries.size(), entries.data());
+    out.setLength(0);
+    const size_t size = entries.size();
+    if (size != 0)
+        out.setBufferNoCopy(size, entries.release());
 }
 
 const char* ZStanzaFileProperties::path() const {

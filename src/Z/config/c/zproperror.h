@@ -4,6 +4,7 @@
 #define Z_ZPROPERROR_H
 
 #include "ZPropHandle.h"
+#include "zpblock.h"
 
 /// What a failure is called in each group of functions.
 enum ZPropGroup { zfileGroup, zchangeGroup, zreadGroup };
@@ -30,6 +31,10 @@ static const unsigned long kKnownAttributes =
 
 /// A new string that zstzPropFree knows, with a NUL behind its `length` bytes.
 char* znewString(const char* text, size_t length);
+/// The same without a copy: what is added to empty `bytes` between the two calls becomes the
+/// string. ZOutOfMemoryException leaves the bytes theirs.
+void zbeginString(ZBytes& bytes);
+char* zendString(ZBytes& bytes);
 
 /// Runs a call and gives its result number.
 template <typename Call>

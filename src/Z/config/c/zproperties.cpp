@@ -120,6 +120,16 @@ char* znewString(const char* text, size_t length) {
     return string;
 }
 
+void zbeginString(ZBytes& bytes) {
+    zappendBytes(bytes, {reinterpret_cast<const char*>(&kStringMark), sizeof kStringMark});
+}
+
+char* zendString(ZBytes& bytes) {
+    bytes.reserveMore(1);
+    bytes.push('\0');
+    return bytes.release() + sizeof kStringMark;
+}
+
 // Looks in front of a pointer that may not be ours: out of bounds on purpose, in this one read.
 __attribute__((no_sanitize("address"), no_sanitize("thread"), noinline)) static bool hasStringMark(
     const char* string) {

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "ZBuffer.h"
+#include "ZPropertiesImpl.h"
 #include "zmodelcontent.h"
 #include "zproperror.h"
 #include "zproperties.h"
@@ -32,7 +33,7 @@ int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length) {
     return zguarded(zfileGroup, [&] { properties->loadBytes(bytes, length); });
 }
 
-// Gives what fill(object, buffer) brings as a new string.
+// Gives what fill(object, bytes) adds as a new string.
 template <typename Fill>
 static int giveBytes(ZPROP_handle* handle, char** bytes, size_t* length, Fill fill) {
     *bytes = nullptr;
@@ -40,11 +41,14 @@ static int giveBytes(ZPROP_handle* handle, char** bytes, size_t* length, Fill fi
     if (properties == nullptr)
         return zparameterError();
     return zguarded(zreadGroup, [&] {
-        ZBuffer buffer;
-        fill(*properties, buffer);
-        *bytes = znewString(static_cast<const char*>(buffer.getBuffer()), buffer.getLength());
+        ZBytes string;
+        zbeginString(string);
+        const size_t before = string.size();
+        fill(*properties, string);
+        const size_t added = string.size() - before;
+        *bytes = zendString(string);
         if (length != nullptr)
-            *length = buffer.getLength();
+            *length = added;
     });
 }
 
@@ -52,8 +56,11 @@ int zstzPropStoreBytes(ZPROP_handle* handle, char** bytes, size_t* length) {
     zclearLastError();
     if (bytes == nullptr)
         return zparameterError();
-    return giveBytes(handle, bytes, length,
-                     [](ZStanzaFileProperties& p, ZBuffer& out) { p.storeBytes(out); });
+    return giveBytes(handle, bytes, length, [](ZStanzaFileProperties& p, ZBytes& out) {
+        ZBuffer text;
+        p.storeBytes(text);
+        zappendBytes(out, {static_cast<const char*>(text.getBuffer()), text.getLength()});
+    });
 }
 
 const char* zstzPropPath(ZPROP_handle* handle) {
@@ -82,8 +89,12 @@ int zstzPropGetEntries(ZPROP_handle* handle, char** block, size_t* length) {
     zclearLastError();
     if (block == nullptr || length == nullptr)
         return zparameterError();
-    return giveBytes(handle, block, length,
-                     [](ZStanzaFileProperties& p, ZBuffer& out) { p.getEntries(out); });
+    // The object's own getEntries would make a block that has to be copied behind the mark.
+    return giveBytes(handle, block, length, [](ZStanzaFileProperties& p, ZBytes& out) {
+        const ZPropertiesFile& file = ZPropertiesFile::of(p);
+        ZResourceLock guard(file.lock());
+        ZModelContent::listEntries(static_cast<const ZSCFData&>(file.cache()), out);
+    });
 }
 
 // Tells what a block of entries holds; see zstzPropGetEntries.

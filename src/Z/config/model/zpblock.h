@@ -103,6 +103,9 @@ public:
     }
 
     void swap(ZPBlock& other) noexcept { std::swap(state_, other.state_); }
+    /// Hands the records on, as a block that the caller gives to free(); null if there never was
+    /// one. The block is empty then.
+    T* release() noexcept { return std::exchange(state_, State()).data; }
 
 private:
     static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
