@@ -656,6 +656,8 @@ TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
         {[&] { zstzPropGetBooleanValue(handle, "one", "word", 1, &err); }, "41 a.conf 0 12abc"},
         {[&] { iterator = walk("one", nullptr); }, kNoError},
         {[&] { zstzPropIter_getKey(iterator, &err); }, "42 "},
+        {[&] { zstzPropAddStringValue(handle, "one", "many", ""); },
+         "22 <null> 0 a value can't be empty"},
         {[&] { zstzPropIter_close(iterator); }, kNoError},
         // What an earlier call has met isn't taken for the failure of this one.
         {[&] { zstzPropGetIntegerValue(handle, "one", "word", 1, &err); }, "40 "},
@@ -666,6 +668,7 @@ TEST_F(CInterface, LastErrorTellsWhatACallHasMet) {
         c.call();
         const string error = lastError();
         EXPECT_EQ(c.error.size() == 3 ? error.substr(0, 3) : error, c.error);
+        EXPECT_EQ(zstzPropLastErrno(), error.find("No such file") == string::npos ? 0 : ENOENT);
     }
     zstzPropGetIntegerValue(handle, "one", "word", 1, &err);
     std::thread([this] {

@@ -61,6 +61,7 @@ _err = ctypes.POINTER(ctypes.c_int)
 
 _setup = _function("Setup", _int, _int)
 _last_error = _function("LastError", _int, ctypes.POINTER(_LastError))
+_last_errno = _function("LastErrno", _int)
 _open_with = _function(
     "OpenWith", _int, _out, _text, _int, _ulong, _int, _ulong
 )
@@ -133,33 +134,6 @@ def decode(text: bytes) -> str:
 # ---------------------------------------------------------------- failures
 
 
-def _error_numbers() -> Dict[str, int]:
-    """The numbers of the system's errors by their texts in English, as the library gives them."""
-    libc = ctypes.CDLL(None)
-    libc.newlocale.restype = libc.strerror_l.restype = ctypes.c_void_p
-    libc.newlocale.argtypes = [_int, _text, ctypes.c_void_p]
-    libc.strerror_l.argtypes = [_int, ctypes.c_void_p]
-    libc.freelocale.argtypes = [ctypes.c_void_p]
-    locale = libc.newlocale(1 << 5, b"C", None)  # LC_MESSAGES_MASK
-    if not locale:
-        return {}
-    texts = {}
-    for number in errno.errorcode:
-        texts[decode(ctypes.string_at(libc.strerror_l(number, locale)))] = number
-    libc.freelocale(locale)
-    return texts
-
-
-_numbers: Dict[str, int] = {}
-
-
-def _error_number(text: str) -> Optional[int]:
-    """The errno in a text like "fopen(r): No such file or directory"."""
-    if not _numbers:
-        _numbers.update(_error_numbers())
-    return _numbers.get(text.partition(": ")[2])
-
-
 def _failure(result: int) -> Exception:
     """The exception for a call that gave this result.
 
@@ -168,6 +142,7 @@ def _failure(result: int) -> Exception:
     """
     last = _LastError()
     number = _last_error(ctypes.byref(last)) or result
+    code = _last_errno() or None
     file = os.fsdecode(last.file) if last.file else None
     text = f"failed with result {result}" if last.text is None else decode(last.text)
     if number == _NO_MEMORY:
@@ -183,7 +158,7 @@ def _failure(result: int) -> Exception:
     if result == _ERR_VALUE:
         return DataError(f"bad value: {text}", number, file)
     if number == _ACCESS_FAILED:
-        return file_error(text, number, file, _error_number(text))
+        return file_error(text, number, file, code)
     if number == _BAD_PARAMETER:
         return RefusedError(text, number, file)
     return Error(text, number, file)

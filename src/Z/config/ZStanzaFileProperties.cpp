@@ -151,7 +151,7 @@ void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& lis
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const char* value,
                                      int obfuscated) {
     zrequireNames(stanza, key);
-    zrequire(zhasText(value));
+    zrequireValueText(value);
     ZArrayList list(1, 0);
     const ZLCConstString text(value);
     list.addNoCopy(&text);

@@ -239,6 +239,7 @@
 #define zstzPropGetStanzas zstzPropGetStanzas_6_0
 #define zstzPropFreeStanzas zstzPropFreeStanzas_6_0
 #define zstzPropLastError zstzPropLastError_6_0
+#define zstzPropLastErrno zstzPropLastErrno_6_0
 #define zstzPropOpenWith zstzPropOpenWith_6_0
 #define zstzPropBegin zstzPropBegin_6_0
 #define zstzPropCommit zstzPropCommit_6_0

@@ -41,6 +41,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -53,12 +54,12 @@ namespace zbase {
 /// What a call has met.
 class ZEXPORT error : public std::runtime_error {
 public:
-    /// With the result of the C call, and what zstzPropLastError tells of it.
+    /// With the result of the C call, and what zstzPropLastError and zstzPropLastErrno tell of it.
     explicit error(int result, int number = 0, std::string path = {}, int line = 0,
-                   std::string text = {})
+                   std::string text = {}, int code = 0)
         : std::runtime_error(message(result, path, line, text)),
           details_(std::make_shared<const details>(
-              details{result, number, line, std::move(path), std::move(text)})) {}
+              details{result, number, line, code, std::move(path), std::move(text)})) {}
 
     /// The result of the C call, such as ZPROP_ERR_FILE.
     int result() const noexcept { return details_->result; }
@@ -70,10 +71,13 @@ public:
     int line() const noexcept { return details_->line; }
     /// The bad line, the bad value, why something was refused, or what failed and why.
     const std::string& text() const noexcept { return details_->text; }
+    /// The failed call of the system, such as std::errc::no_such_file_or_directory; false where
+    /// none was involved.
+    std::error_code code() const noexcept { return {details_->code, std::generic_category()}; }
 
 private:
     struct details {
-        int result, number, line;
+        int result, number, line, code;
         std::string path, text;
     };
 
@@ -152,14 +156,14 @@ using handle = std::shared_ptr<ZPROP_handle>;
 // Raises what the thread's last call, with this result, has met.
 [[noreturn]] inline void raise(int result) {
     ZPROP_error last;
-    const int number = zstzPropLastError(&last);
+    const int number = zstzPropLastError(&last), code = zstzPropLastErrno();
     if (number == 1)  // whatever a function calls it
         throw std::bad_alloc();
     std::string path = last.file == nullptr ? "" : last.file;
     std::string text = last.text == nullptr ? "" : last.text;
     const auto as = [&](auto kind) {
         return typename decltype(kind)::type(result, number, std::move(path), last.line,
-                                             std::move(text));
+                                             std::move(text), code);
     };
     switch (result) {
         case ZPROP_ERR_FILE:

@@ -20,10 +20,14 @@ namespace {
 // call was made after that.
 struct LastError {
     ZPROP_error error;
+    int errorNumber;  // of the system
     char* file;
     char* text;
 
-    void clear() { error = {0, nullptr, 0, nullptr}; }
+    void clear() {
+        error = {0, nullptr, 0, nullptr};
+        errorNumber = 0;
+    }
 
     void freeTexts() {
         free(file);
@@ -76,6 +80,7 @@ static void noteIO(const ZPropertiesIOException& e) {
     char text[256];
     snprintf(text, sizeof text, "%s: %s", e.api(), why);
     lastError.set(NumberReader::numberOf(e), e.propFile(), 0, text);
+    lastError.errorNumber = e.excerrno();
 }
 
 // Why a name or value was refused, where there is a reason.
@@ -137,6 +142,8 @@ int zlastError(ZPROP_error* error) {
     *error = lastError.error;
     return error->number;
 }
+
+int zlastErrno() { return lastError.errorNumber; }
 
 int zparameterError() {
     znoteLastError(22, nullptr, 0, "bad handle or argument");

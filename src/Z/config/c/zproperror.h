@@ -13,6 +13,8 @@ enum ZPropGroup { zfileGroup, zchangeGroup, zreadGroup };
 void zclearLastError();
 void znoteLastError(int number, const char* file, int line, const char* text);
 int zlastError(ZPROP_error* error);
+/// The errno of the failed system call that was noted with it, or 0.
+int zlastErrno();
 
 /// Notes a bad handle or argument: 55.
 int zparameterError();

@@ -15,6 +15,8 @@
 
 int zstzPropLastError(ZPROP_error* error) { return zlastError(error); }
 
+int zstzPropLastErrno(void) { return zlastErrno(); }
+
 int zstzPropSetup(int how) {
     zclearLastError();
     if (how != ZPROP_SETUP_UTF8)

@@ -251,6 +251,9 @@ ZEXPORT void zstzPropFreeStanzas(char** names);
 /* What the calling thread's last zstzProp call has met if it failed; all zero and null if it
  * didn't. Returns error->number, 0 also for a null `error`. This call itself doesn't count. */
 ZEXPORT int zstzPropLastError(ZPROP_error* error);
+/* The errno of the system's call that made it fail, such as ENOENT; 0 if it didn't fail, or for
+ * another reason than a call of the system. Nor does this call count. */
+ZEXPORT int zstzPropLastErrno(void);
 
 /* --- Changing ---
  *

@@ -119,6 +119,8 @@ void zrefuseNames(const char* stanza, ZSite site) {
     refuse({zhasText(stanza) ? kKey : kStanza, kEmpty}, site);
 }
 
+void zrequireValueText(const char* value, ZSite site) { requireText(kValue, value, site); }
+
 void zrequireCommentText(const char* text, ZSite site) { requireText(kComment, text, site); }
 
 ZFault zfaultBehind(const ZInvalidParameterException& e) {

@@ -36,6 +36,7 @@ inline void zrequireNames(const char* stanza, const char* key, ZSite site = ZSit
         zrefuseNames(stanza, site);
 }
 void zrequireStanzaName(const char* stanza, ZSite site = ZSite());
+void zrequireValueText(const char* value, ZSite site = ZSite());
 void zrequireCommentText(const char* text, ZSite site = ZSite());
 
 /// The fault for which this exception was raised, as long as the thread has met no other; none for
