@@ -212,6 +212,11 @@ TEST_F(Modern, FailuresTellWhere) {
     expectRaised("zbase::bad_data 51 x", [&] { zbase::file::from_bytes("x"); });
     expectRaised("zbase::file_error 51", [&] { zbase::file f(folder / "no"); });
     try {
+        zbase::file f(folder / "no");
+    } catch (const zbase::error& e) {
+        EXPECT_EQ(e.code(), std::errc::no_such_file_or_directory);
+    }
+    try {
         zbase::file f(bad);
     } catch (const zbase::error& e) {
         EXPECT_EQ(e.what(), bad + ":3: can't be loaded or stored: nonsense");

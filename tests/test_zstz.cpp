@@ -432,8 +432,11 @@ TEST(Zstz, FilesThatAreMissingLockedOrBad) {
     const string file = folder.write("f", kText);
     EXPECT_EQ(run(folder, {"set", "g", "s", "k", "v"}).code, 3);
     EXPECT_EQ(run(folder, {"set", "--create", "g", "s", "#k", "v"}).code, 2);
+    const Outcome unmet = run(folder, {"set", "--create", "--if-equals=1", "g", "s", "k", "v"});
+    EXPECT_EQ(unmet.err, "g: [s] k has another value\n");
+    EXPECT_EQ(run(folder, {"set", "--create", "--uncomment", "g", "s", "k"}).code, unmet.code);
     EXPECT_EQ(TempFolder::read(folder / "g"), "<none>");
-    EXPECT_EQ(run(folder, {"set", "--create", "g", "s", "k", "v"}).code, 0);
+    EXPECT_EQ(run(folder, {"set", "--create", "--if-missing", "g", "s", "k", "v"}).code, 0);
     EXPECT_EQ(run(folder, {"set", "--create", "g", "s", "l", "w"}).code, 0);
     EXPECT_EQ(TempFolder::read(folder / "g"), "\n[s]\nk = v\nl = w\n");
     EXPECT_EQ(run(folder, {"set", "--create", "no/g", "s", "k", "v"}).code, 3);

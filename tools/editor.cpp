@@ -143,8 +143,8 @@ Exit editByEditor(const char* file, const Options& options) {
         return complain(done, "%s is unchanged", file);
     failed = update(file, options, [&](ZPROP_handle* handle) -> Exit {
         std::string now;
-        // A text that a dry run makes up for a missing file is in no update.
-        if (!(isMissing && options.dryRun))
+        // The text that stands for a missing file is in no update.
+        if (zstzPropPath(handle) != nullptr)
             if (const Exit unread = readNow(handle, file, now))
                 return unread;
         if (now != before)

@@ -20,6 +20,13 @@ static Exit createFile(const char* file) {
 
 static bool isMissing(const char* file) { return access(file, F_OK) != 0 && errno == ENOENT; }
 
+// Whether a file that is empty would take the changes. What fails is told.
+static Exit tryOnEmptyText(const char* file, const Changes& changes) {
+    Handle handle;
+    const Exit failed = openText(file, "", handle);
+    return failed != done ? failed : changes(handle.get());
+}
+
 // A text without a file: what becomes of it goes to standard output.
 static Exit updateText(const char* file, const std::string& before, const Options& options,
                        const Changes& changes) {
@@ -91,9 +98,14 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     }
     if (options.create && options.dryRun && isMissing(file))
         return updateText(file, "", options, changes);
-    if (options.create)
+    if (options.create) {
+        // A file that is made can't be taken away again: others may have opened it.
+        if (isMissing(file))
+            if (const Exit failed = tryOnEmptyText(file, changes))
+                return failed;
         if (const Exit failed = createFile(file))
             return failed;
+    }
     Handle handle;
     if (const Exit failed = openFile(file, options, handle)) {
         if (isMissing(file))

@@ -166,7 +166,8 @@ std::string jsonList(const Words& values);
 // ---------------------------------------------------------------- updates
 
 /// Lets `changes` run as one update of the file, or on standard input, whose new content goes to
-/// standard output. With dryRun what would change is printed instead.
+/// standard output. With dryRun what would change is printed instead. Ahead of making a file they
+/// run once more, on an empty text, so that none is made for changes that fail.
 Exit update(const char* file, const Options& options,
             const std::function<Exit(ZPROP_handle*)>& changes);
 
