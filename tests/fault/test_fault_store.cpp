@@ -245,6 +245,40 @@ TEST(FaultStore, EachCallIsDoneAndToldAsFailed) {
         failEachCall(kSafe, v, onward, EINTR, true);
 }
 
+TEST(FaultStore, ABackupThatFailsLosesNothing) {
+    const string text = "[s]\nk = 0\n";
+    for (unsigned int count : {1u, 3u}) {
+        bool failed = true;
+        int raisedOnes = 0;
+        for (int nth = 1; failed; ++nth) {
+            TempFolder folder;
+            Config p(folder.write("f", text));
+            for (const char* number : {"1", "2", "3"})
+                folder.write(string("f.~") + number + "~", number);
+            ZPropertiesUpdate update(p, 0);
+            const int descriptors = openDescriptors();
+            string failure;
+            {
+                FailCalls fail(once, nth, EIO);
+                failure = raised([&] { p.backUp(count); });
+                failed = hasFailed;
+            }
+            SCOPED_TRACE(std::to_string(nth) + ": " + failedCalls + ", raised " + failure);
+            EXPECT_EQ(openDescriptors(), descriptors);
+            string found;
+            for (const string& name : folder.names())
+                found += TempFolder::read(folder / name) + " ";
+            const string kept = count == 1 ? " 2 3 " : " 1 2 ";
+            EXPECT_EQ(found, text + " " + (failure.empty() ? text + kept : "1 2 3 "));
+            if (!failure.empty()) {
+                EXPECT_EQ(failure.substr(failure.rfind(' ')), " 5");
+            }
+            raisedOnes += !failure.empty();
+        }
+        EXPECT_GT(raisedOnes, count == 1 ? 5 : 9);
+    }
+}
+
 TEST(FaultStore, AFullDiskHasRoomForTheOldContent) {
     for (const Variant& v : kVariants)
         EXPECT_GT(failEachCall(kSafe, v, fullDisk, ENOSPC), 3);

@@ -23,10 +23,14 @@ static bool isNewest(const ZPlace& place, ZSpan content) {
            !zreadWholeFile(newest.get(), bytes) && zequals(zspanOf(bytes), content);
 }
 
+// One that is there was left by somebody who was stopped: the file's lock is ours.
+static ZFailure remove(const ZPlace& place, const char* name) {
+    return unlinkat(place.folder(), name, 0) != 0 && errno != ENOENT ? zfailed("unlink()") : zdone;
+}
+
 static ZFailure writeNew(const ZPlace& place, const char* name, int model, ZSpan content) {
-    // One that is there was left by somebody who was stopped: the file's lock is ours.
-    if (unlinkat(place.folder(), name, 0) != 0 && errno != ENOENT)
-        return zfailed("unlink()");
+    if (const ZFailure failure = remove(place, name))
+        return failure;
     ZOpenFile file(zopenFileAt(place.folder(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
                                S_IRUSR | S_IWUSR));
     if (file.get() < 0)
@@ -39,14 +43,34 @@ static ZFailure writeNew(const ZPlace& place, const char* name, int model, ZSpan
     return failure.orElse(file.close());
 }
 
+// Gives the new backup its name, and the others the next ones. The one that goes is kept until all
+// have theirs, so that after a failure each gets its own name back; a single one is replaced in one
+// step, which needs none of this.
 static ZFailure moveOn(const ZPlace& place, const char* name, unsigned int count) {
-    for (unsigned int number = count; number-- > 1;)
-        if (renameat(place.folder(), nameOf(place, number).getChars(), place.folder(),
-                     nameOf(place, number + 1).getChars()) != 0 &&
-            errno != ENOENT)
-            return zfailed("rename()");
-    return zresultOf(renameat(place.folder(), name, place.folder(), nameOf(place, 1).getChars()),
-                     "rename()");
+    const ZLCString goes(zbesideName(place.name(), ".~old~"));
+    const auto rename = [&](unsigned int from, unsigned int to) {
+        const auto nameAt = [&](unsigned int at) {
+            return at == 0 ? ZLCString(name) : at > count ? goes : nameOf(place, at);
+        };
+        const ZLCString before(nameAt(from)), now(nameAt(to));
+        const int result =
+            renameat(place.folder(), before.getChars(), place.folder(), now.getChars());
+        return result != 0 && errno == ENOENT && from != 0 ? zdone : zresultOf(result, "rename()");
+    };
+    const unsigned int last = count > 1 ? count : 0;
+    ZFailure failure = remove(place, goes.getChars());
+    if (failure)
+        return failure;
+    unsigned int number = last;
+    while (!(failure = rename(number, number + 1)) && number != 0)
+        --number;
+    if (!failure && count > 1)
+        failure = remove(place, goes.getChars());
+    // Where nothing stands, nothing was moved to.
+    if (failure && count > 1)
+        for (; number <= last; ++number)
+            rename(number + 1, number).passOver();
+    return failure;
 }
 
 ZFailure zkeepBackup(const char* path, int descriptor, ZSpan content, unsigned int count) {

@@ -2,6 +2,7 @@
 //
 //   FILE.~1~ .. FILE.~N~   the last N contents, the newest first
 //   FILE.~new~             one that is being written
+//   FILE.~old~             the oldest, until the others have their new names
 #ifndef Z_ZBACKUP_H
 #define Z_ZBACKUP_H
 

@@ -148,11 +148,11 @@ ZFailure ZPlace::find(const char* path, int descriptor) {
     if (failure)
         return failure.error == ENOENT ? lost : failure;
     struct stat open, named;
-    if (fstat(descriptor, &open) != 0 ||
-        fstatat(folder(), name(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-        open.st_dev != named.st_dev || open.st_ino != named.st_ino)
-        return lost;
-    return zdone;
+    if (fstat(descriptor, &open) != 0)
+        return zfailed("fstat()");
+    if (fstatat(folder(), name(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? lost : zfailed("stat()");
+    return open.st_dev == named.st_dev && open.st_ino == named.st_ino ? zdone : lost;
 }
 
 ZFailure ZPlace::find(const char* path) {
