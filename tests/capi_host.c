@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fenv.h>
+#include <limits.h>
 #include <locale.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -86,8 +87,12 @@ static void describe(char* text, size_t room) {
         if (sigaction(number, NULL, &action) == 0)
             at += (size_t)snprintf(text + at, room - at, " %d:%lx", number,
                                    (unsigned long)action.sa_handler);
-    while ((entry = readdir(folder)) != NULL)
-        at += (size_t)snprintf(text + at, room - at, " fd%s", entry->d_name);
+    while ((entry = readdir(folder)) != NULL) {
+        char leadsTo[PATH_MAX];
+        const ssize_t length = readlinkat(dirfd(folder), entry->d_name, leadsTo, sizeof leadsTo);
+        at += (size_t)snprintf(text + at, room - at, " fd%s:%.*s", entry->d_name,
+                               length < 0 ? 0 : (int)length, leadsTo);
+    }
     closedir(folder);
     snprintf(text + at, room - at, " %g %d %d", strtod("1,5", NULL), fegetround(),
              uselocale((locale_t)0) == LC_GLOBAL_LOCALE);

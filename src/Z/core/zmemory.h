@@ -6,7 +6,9 @@
 #include <memory>
 #include <new>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <type_traits>
@@ -64,7 +66,18 @@ struct ZVectorMemory {
 template <typename T>
 using ZVector = std::vector<T, ZVectorMemory<T>>;
 
-constexpr uintptr_t kMemoryPage = 4096;
+/// The size of a memory page, which the system is asked for once; 0 until then.
+inline std::atomic<uintptr_t> zmemoryPage(0);
+
+/// The begin of the page in which an address lies.
+inline uintptr_t zpageOf(uintptr_t address) {
+    uintptr_t page = zmemoryPage.load(std::memory_order_relaxed);
+    if (__builtin_expect(page == 0, false)) {
+        page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+        zmemoryPage.store(page, std::memory_order_relaxed);
+    }
+    return address & ~(page - 1);
+}
 
 /// Tells the system that a large block is used all over, so that it may lie in huge pages: that
 /// saves most page faults on filling it and most address look-ups on reading. The advice can't
@@ -74,9 +87,8 @@ inline void zadviseSpread(void* block, size_t size) {
     if (size < kHugePage)
         return;
     // Only whole pages of the block are meant.
-    const uintptr_t first =
-        (reinterpret_cast<uintptr_t>(block) + kMemoryPage - 1) / kMemoryPage * kMemoryPage;
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + size) / kMemoryPage * kMemoryPage;
+    const uintptr_t address = reinterpret_cast<uintptr_t>(block), end = zpageOf(address + size);
+    const uintptr_t first = zpageOf(address - 1) + zmemoryPage.load(std::memory_order_relaxed);
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
 }
 
@@ -92,8 +104,7 @@ inline void zfetchPages(void* block, size_t from, size_t to) {
     if (to - from < kLeast)
         return;
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-    const uintptr_t first = (address + from) / kMemoryPage * kMemoryPage;
-    const uintptr_t end = (address + to) / kMemoryPage * kMemoryPage;
+    const uintptr_t first = zpageOf(address + from), end = zpageOf(address + to);
     const int error = errno;
     if (madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) != 0)
         errno = error;
