@@ -3,6 +3,7 @@
 // functions below by the linker (--wrap).
 #include "support/Prelude.h"
 
+#include "Z/ZBuffer.h"
 #include "Z/ZPropertiesWatcher.h"
 #include "support/FailingAllocator.h"
 #include "support/FaultScene.h"
@@ -606,6 +607,49 @@ TEST(FaultMemory, EachStepLeavesAnObjectThatWorks) {
         p.setValue("s", "after", "1");
         p.store(outPath);
         EXPECT_EQ(Config(string(outPath)).value("s", "after"), "1");
+    }
+}
+
+string storedText(const ZStanzaFileProperties& p) {
+    ZBuffer text;
+    p.storeBytes(text);
+    return string(static_cast<const char*>(text.getBuffer()), text.getLength());
+}
+
+TEST(FaultMemory, AnEditOfLinesIsMadeOrNot) {
+    static const char text[] = "# top\n[s]\nk = 1\nk = 2\n# m = sample\nz = 3\n[t]\nk = 1\n";
+    typedef ZStanzaFileProperties Object;
+    int (*const edits[])(Object&) = {
+        [](Object& p) { return p.renameStanza("s", kLong); },
+        [](Object& p) { return p.renameKey("s", "k", kLong); },
+        [](Object& p) { return p.disableKey("s", "k"); },
+        [](Object& p) { return p.uncommentKey("s", "m"); },
+    };
+    int which = 0;
+    for (const auto edit : edits) {
+        SCOPED_TRACE(which++);
+        unsigned long failures = 0;
+        for (unsigned long nth = 1; nth == failures + 1 && !HasFailure(); ++nth) {
+            SCOPED_TRACE(nth);
+            Config p(kSafe, ZPCACHE_KEEP_LINES);
+            p.loadBytes(text, sizeof text - 1);
+            p.resetModified();
+            int made = 0;
+            const bool raised = endsWithoutMemory([&] { made = edit(p); }, nth);
+            failures += FailAllocations::asked() >= nth;
+            p.data().checkInvariants();
+            EXPECT_NE(raised, made != 0);
+            EXPECT_EQ(p.isModified() != 0, !raised);
+            EXPECT_EQ(storedText(p) == text, raised);
+            if (raised) {
+                EXPECT_EQ(edit(p), 1);
+            }
+            Config other(kSafe, ZPCACHE_KEEP_LINES);
+            other.loadBytes(text, sizeof text - 1);
+            edit(other);
+            EXPECT_EQ(storedText(p), storedText(other));
+        }
+        EXPECT_GT(failures, 0u);
     }
 }
 

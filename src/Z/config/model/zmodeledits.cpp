@@ -115,6 +115,29 @@ static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
     return ZPStore::none;
 }
 
+namespace {
+
+// Comments that were put in front of a line, and go again unless they are kept.
+struct NewComments {
+    ZPStore& store;
+    const ZPId group, line;
+    ZPId first;
+
+    NewComments(ZPStore& s, ZPId g, ZPId l) : store(s), group(g), line(l), first(ZPStore::none) {}
+    ~NewComments() {
+        if (first != ZPStore::none)
+            store.removeComments(group, first, line);
+    }
+    void add(ZSpan comment) {
+        store.insertCommentBefore(group, line, comment);
+        if (first == ZPStore::none)
+            first = store.line(line).prev;
+    }
+    void keep() { first = ZPStore::none; }
+};
+
+}  // namespace
+
 bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* key) {
     ZPStore& store = model.store();
     const ZSpan owner = zspanOf(stanza), name = zspanOf(key);
@@ -137,11 +160,13 @@ bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* ke
         store.placeKeyLine(id);
     ZPId line = ZPStore::none;
     const ZPId group = firstLineOf(store, id, line);
+    NewComments comments(store, group, line);
     for (uint32_t i = 0; i < count || i == 0; ++i) {
         zmakeDisabled(name, count == 0 ? kNothing : store.values(id, ZPStore::plain)[i], comment);
-        store.insertCommentBefore(group, line, zspanOf(comment));
+        comments.add(zspanOf(comment));
     }
     store.removeKey(id);
+    comments.keep();
     if (store.findKey(owner, name) == id)
         store.forgetLines(id);
     note.make(ZOldText::disabledKey);
