@@ -17,6 +17,13 @@
 #include "zmemory.h"
 #include "zwholefile.h"
 
+/// One of several paths to be watched.
+struct ZWatchedPath {
+    ZLCString path;
+    bool isFolder;  // each name in it counts
+    bool isLink;    // just the name that stands there: it isn't followed
+};
+
 class ZPathWatch : public ZAllocated {
 public:
     /// Begins to watch. Something that stands beside the file under its name and `suffix` counts as

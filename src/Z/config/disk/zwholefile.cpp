@@ -280,7 +280,7 @@ ZFailure ZLockScope::close() {
 
 // ---------------------------------------------------------------- stamp
 
-static void fill(const struct stat& status, ZFileStamp& stamp) {
+void zstampOf(const struct stat& status, ZFileStamp& stamp) {
     // The system's clock for files moves in steps of some milliseconds: a change within the same
     // step as the last one may leave all times as they are.
     static const int64_t kStep = kSecond / 20;
@@ -303,7 +303,7 @@ ZFailure zstampFile(int descriptor, ZFileStamp& stamp) {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
         return zfailed("stat()");
-    fill(status, stamp);
+    zstampOf(status, stamp);
     return zdone;
 }
 
@@ -311,7 +311,7 @@ ZFailure zstampFile(const char* path, ZFileStamp& stamp) {
     struct stat status;
     if (stat(path, &status) != 0)
         return zfailed("stat()");
-    fill(status, stamp);
+    zstampOf(status, stamp);
     return zdone;
 }
 

@@ -14,6 +14,8 @@
 #include "zpblock.h"
 #include "zraise.h"
 
+struct stat;
+
 /// How a step on files ended: the call that failed, as messages name it, its errno, and the path of
 /// the file concerned, which lives as long as who gives the failure. An errno of 0: all went well.
 struct [[nodiscard]] ZFailure {
@@ -181,6 +183,8 @@ struct ZFileStamp {
     bool settled;  // false: so young that another change might leave no trace in it
 };
 
+/// From what the system tells. Requires: this unit too is built for big files and late dates.
+void zstampOf(const struct stat& status, ZFileStamp& stamp);
 ZFailure zstampFile(int descriptor, ZFileStamp& stamp);
 /// When it was modified, in whole seconds.
 long zsecondsOf(const ZFileStamp& stamp);
