@@ -2,6 +2,8 @@
 // prefix.
 #include "support/Prelude.h"
 
+#include <poll.h>
+
 #include "Z/zlayertree.h"
 #include "support/Raised.h"
 #include "support/TempFolder.h"
@@ -298,6 +300,86 @@ TEST(LayerTree, NeverLeadsOutWhileLinksAreTurned) {
     isDone = true;
     turner.join();
     EXPECT_GT(found, 0);
+}
+
+// Looks at all files again until nothing else is to be watched.
+void watchAll(ZPathWatch& watch, const ZLayerTree& tree) {
+    ZVector<ZLayerFile> files;
+    ZVector<ZLayerTree::Watched> paths;
+    do {
+        tree.find(files);
+        tree.listWatched(files, paths);
+    } while (watch.setPaths(paths));
+    watch.hasNews();
+}
+
+bool tells(ZPathWatch& watch) {
+    struct pollfd readable = {watch.descriptor(), POLLIN, 0};
+    return poll(&readable, 1, 0) == 1 && watch.hasNews();
+}
+
+TEST(LayerTree, WatchesAllItsFiles) {
+    const std::pair<const char*, bool> kSteps[] = {
+        {"etc/app.conf=a", true},
+        {"etc/app.conf=b", true},
+        {"etc/other.conf=c", false},
+        {"run/app.conf.d/a.conf=d", true},
+        {"run/app.conf.d/a.conf=e", true},
+        {"run/b.conf=f", false},
+        {"-run/app.conf.d/a.conf", true},
+        {"-run", true},
+        {"etc/app.conf.d/l.conf>../../x/f", true},
+        {"x/f=g", true},
+        {"x/f=h", true},
+        {"x/g=i", false},
+        {"-x", true},
+        {"usr/app.conf>../x/y/../g", true},
+        {"x/h=i", true},
+        {"x/i=j", false},
+        {"x/y/z=j", true},
+        {"x/g=k", true},
+        {"-x/y", true},
+        {"run>/real", true},
+        {"real/app.conf.d/b.conf>/x/b", true},
+        {"x/b=l", true},
+        {"-run", true},
+        {"x/b=m", false},
+        {"-etc", true},
+    };
+    for (const bool hasPrefix : {true, false}) {
+        const TempFolder root;
+        make(root, {"etc/", "usr/"});
+        const string path = root / "", roots[] = {root / "usr", root / "run", root / "etc"};
+        const char* list[] = {roots[0].c_str(), roots[1].c_str(), roots[2].c_str(), nullptr};
+        ZLayersTerms wanted = terms(hasPrefix ? path.c_str() : nullptr);
+        if (!hasPrefix)
+            wanted.roots = list;
+        const ZLayerTree tree(wanted);
+        ZPathWatch watch((root / "etc/app.conf").c_str(), ".journal");
+        watchAll(watch, tree);
+        for (const auto& [step, isNews] : kSteps) {
+            if (!hasPrefix && strstr(step, ">/") != nullptr)
+                break;
+            if (*step == '-')
+                std::filesystem::remove_all(root / (step + 1));
+            else
+                make(root, {step});
+            EXPECT_EQ(tells(watch), isNews) << step << hasPrefix;
+            watchAll(watch, tree);
+            EXPECT_FALSE(tells(watch)) << step << hasPrefix;
+        }
+        watch.setSettlingTime(3600000);
+        make(root, {"etc/app.conf.d/", "usr/app.conf.d/"});
+        watchAll(watch, tree);
+        std::ofstream one(root / "etc/app.conf.d/a.conf"), two(root / "usr/app.conf.d/a.conf");
+        (one << "k = v").flush();
+        (two << "k = v").flush();
+        EXPECT_TRUE(!tells(watch) && watch.isBeingWritten());
+        one.close();
+        EXPECT_TRUE(!tells(watch) && watch.isBeingWritten());
+        two.close();
+        EXPECT_TRUE(tells(watch) && !watch.isBeingWritten());
+    }
 }
 
 }  // namespace

@@ -471,34 +471,39 @@ bool ZLayerTree::physicalPath(const char* path, ZLCString& out) const {
     return true;
 }
 
-void ZLayerTree::watch(const ZLCString& path, bool isFolder, ZVector<Watched>& out) const {
-    const ZOpenFile base(openBase());
+void ZLayerTree::watch(int base, const ZLCString& path, bool isFolder,
+                       ZVector<Watched>& out) const {
     const auto add = [&](const ZLCString& place, bool isFolderToo, bool isLink) {
         out.push_back({prefix_, isFolderToo, isLink});
         out.back().path.append(place);
     };
-    if (!hasPrefix() || base.get() < 0)
+    if (!hasPrefix() || base < 0)
         return add(path, isFolder, false);
     struct stat status;
-    ZRootedWay way(base.get());
+    ZRootedWay way(base);
     way.go(path.getChars(), status);
-    for (const ZLCString& link : way.links())
-        add(link, false, true);
-    // A link to /dev/null shows nothing else, and one that can't be followed no end.
+    for (const ZLCString& passed : way.passed())
+        add(passed, false, true);
+    // A link to /dev/null shows nothing else.
+    if (way.isNull())
+        return;
     const ZLCString place(way.place());
-    if (!way.isNull() && place.getLength() != 0)
+    if (place.getLength() != 0)
         add(place, isFolder, false);
+    else
+        add(way.end(), false, true);
 }
 
 void ZLayerTree::listWatched(const ZVector<ZLayerFile>& files, ZVector<Watched>& out) const {
     out.clear();
+    const ZOpenFile base(openBase());
     for (unsigned int root = 0; root < roots_.size(); ++root) {
-        watch(joined(folderOf(root, false), mainName_), false, out);
-        watch(folderOf(root, true), true, out);
+        watch(base.get(), joined(folderOf(root, false), mainName_), false, out);
+        watch(base.get(), folderOf(root, true), true, out);
     }
     for (const ZLayerFile& file : files) {
         if (file.kind == ZLayerFile::dropIn && file.isLink)
-            watch(placeOf(file), false, out);
+            watch(base.get(), placeOf(file), false, out);
     }
     for (const ZLCString& path : extra_)
         out.push_back({path, false, false});

@@ -83,7 +83,7 @@ private:
     bool hasPrefix() const { return prefix_.getLength() != 0; }
     int openBase() const;
     ZLCString placeOf(const ZLayerFile& file) const;
-    void watch(const ZLCString& path, bool isFolder, ZVector<Watched>& out) const;
+    void watch(int base, const ZLCString& path, bool isFolder, ZVector<Watched>& out) const;
 
     ZVector<ZLCString> roots_;
     ZLCString prefix_;   // empty: none

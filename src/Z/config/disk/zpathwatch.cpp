@@ -10,9 +10,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 
 #include "zinternal.h"
+#include "zrootedway.h"
 
 static const uint32_t kFileEvents =
     IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
@@ -31,17 +32,17 @@ static int64_t milliseconds() {
 ZPathWatch::ZPathWatch(const char* path, const char* suffix)
     : path_(path),
       suffix_(suffix),
+      paths_({{path, false, false}}),
+      isSeveral_(false),
       all_(epoll_create1(EPOLL_CLOEXEC)),
       notices_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)),
       mounts_(zopenFile("/proc/self/mountinfo", O_RDONLY)),
-      fileWatch_(-1),
       looksOften_(false),
       pending_(hasChanged),
       wasRead_(false),
       stamp_(),
       settling_(50),
-      isWritten_(false),
       lastByte_(0),
       firstByte_(0) {
     if (all_.get() < 0 || timer_.get() < 0)
@@ -84,31 +85,36 @@ bool ZPathWatch::follow() {
     return times != 0;
 }
 
-// The parts of a path, the last one first, behind those that are in `parts` already.
-static void pushParts(const char* path, ZVector<ZLCString>& parts) {
-    ZVector<ZLCString> own;
-    for (const char* at = path; *at != '\0';) {
-        const size_t length = strcspn(at, "/");
-        if (length != 0 && !(length == 1 && *at == '.'))
-            own.push_back(ZLCString(at, static_cast<unsigned int>(length)));
-        at += length + (at[length] == '/');
-    }
-    parts.insert(parts.end(), own.rbegin(), own.rend());
+bool ZPathWatch::setPaths(const ZVector<ZWatchedPath>& paths) {
+    paths_ = paths;
+    isSeveral_ = true;
+    return follow();
 }
 
-// As the system does. Whether the way is another one than before.
-bool ZPathWatch::followOnce() {
-    ZVector<Name> before;
-    before.swap(names_);
-    const int fileBefore = fileWatch_;
-    fileWatch_ = -1;
+static void pushNames(const char* path, ZVector<ZLCString>& parts) {
+    zpushParts(path, parts);
+    parts.erase(std::remove(parts.begin(), parts.end(), "."), parts.end());
+}
 
+// Whether the ways are others than before.
+bool ZPathWatch::followOnce() {
+    Watches before;
+    std::swap(before, watches_);
+    Steps steps;
+    for (const ZWatchedPath& path : paths_)
+        followPath(path, steps);
+    forgetOthers(before);
+    return !(before == watches_);
+}
+
+// As the system does.
+void ZPathWatch::followPath(const ZWatchedPath& wanted, Steps& steps) {
     ZLCString folder("/");
     ZVector<ZLCString> parts;
-    pushParts(path_.getChars(), parts);
+    pushNames(wanted.path.getChars(), parts);
     char text[PATH_MAX];
-    if (*path_.getChars() != '/' && getcwd(text, sizeof text) != nullptr)
-        pushParts(text, parts);
+    if (*wanted.path.getChars() != '/' && getcwd(text, sizeof text) != nullptr)
+        pushNames(text, parts);
     for (int links = 0; !parts.empty();) {
         const ZLCString part(parts.back());
         parts.pop_back();
@@ -116,88 +122,111 @@ bool ZPathWatch::followOnce() {
             folder = zfolderOf(folder.getChars());
             continue;
         }
-        int watch = -1;
-        if (watchFolder(folder, watch)) {
-            names_.push_back({watch, part});
-            if (parts.empty())
-                names_.push_back({watch, zbesideName(part.getChars(), suffix_.getChars())});
+        const bool isLast = parts.empty();
+        const int watch = watchWay(folder, steps);
+        if (watch >= 0) {
+            watches_.names.insert({watch, part});
+            if (isLast && !wanted.isFolder)
+                watches_.names.insert({watch, zbesideName(part.getChars(), suffix_.getChars())});
         }
+        if (isLast && wanted.isLink)
+            return;
         ZLCString target(folder);
         if (!folder.equals("/"))
             target.append('/');
         target.append(part);
-        struct stat status;
-        if (lstat(target.getChars(), &status) != 0)
-            break;
-        if (S_ISLNK(status.st_mode)) {
-            const ssize_t length = readlink(target.getChars(), text, sizeof text - 1);
-            if (length <= 0 || ++links > kMostLinks)
-                break;
-            text[length] = '\0';
-            if (*text == '/')
+        const Step& step = look(target, steps);
+        if (step.kind == Step::nothing)
+            return;
+        if (step.kind == Step::link) {
+            if (++links > kMostLinks)
+                return;
+            if (*step.target.getChars() == '/')
                 folder = "/";
-            pushParts(text, parts);
-        } else if (parts.empty()) {
-            watchFile(target);
+            pushNames(step.target.getChars(), parts);
+        } else if (isLast && !wanted.isFolder) {
+            // It is no link, or was none a moment ago.
+            const int file = addWatch(target, kFileEvents | IN_DONT_FOLLOW);
+            if (file >= 0)
+                watches_.files.insert(file);
+            return;
         } else {
             folder = target;
         }
     }
-    if (fileBefore >= 0)
-        before.push_back({fileBefore, ZLCString()});
-    forgetOthers(before);
-    if (fileBefore >= 0)
-        before.pop_back();
-    bool isSame = before.size() == names_.size() && fileBefore == fileWatch_;
-    for (size_t i = 0; isSame && i < before.size(); ++i)
-        isSame = before[i].watch == names_[i].watch && before[i].name.equals(names_[i].name);
-    return !isSame;
+    if (!wanted.isFolder)
+        return;
+    const int watch = addWatch(folder, kFolderEvents | IN_MODIFY);
+    if (watch >= 0)
+        watches_.folders.insert(watch);
 }
 
-// Watching what is watched already changes nothing. A folder that is gone is no matter; one that
+// Watching what is watched already changes nothing, or adds events. What is gone is no matter; what
 // can't be watched is.
-bool ZPathWatch::watchFolder(const ZLCString& path, int& watch) {
+int ZPathWatch::addWatch(const ZLCString& path, uint32_t events) {
     if (notices_.get() < 0)
-        return false;
-    watch = inotify_add_watch(notices_.get(), path.getChars(), kFolderEvents);
+        return -1;
+    const int watch = inotify_add_watch(notices_.get(), path.getChars(), events | IN_MASK_ADD);
     if (watch < 0 && errno != ENOENT && errno != ENOTDIR)
         looksOften_ = true;
-    return watch >= 0;
+    return watch;
 }
 
-void ZPathWatch::watchFile(const ZLCString& path) {
-    if (notices_.get() < 0)
-        return;
-    // The last part is no link, or was none a moment ago.
-    fileWatch_ = inotify_add_watch(notices_.get(), path.getChars(), kFileEvents | IN_DONT_FOLLOW);
-    if (fileWatch_ < 0 && errno != ENOENT && errno != ENOTDIR)
-        looksOften_ = true;
+int ZPathWatch::watchWay(const ZLCString& folder, Steps& steps) {
+    Step& step = steps[folder];
+    if (!step.isWatched)
+        step.watch = addWatch(folder, kFolderEvents);
+    step.isWatched = true;
+    return step.watch;
 }
 
-void ZPathWatch::forgetOthers(const ZVector<Name>& before) {
-    for (const Name& old : before) {
-        bool isUsed = old.watch == fileWatch_;
-        for (const Name& name : names_)
-            isUsed = isUsed || name.watch == old.watch;
-        if (!isUsed)
-            inotify_rm_watch(notices_.get(), old.watch);  // again: it isn't there any more
+const ZPathWatch::Step& ZPathWatch::look(const ZLCString& path, Steps& steps) {
+    Step& step = steps[path];
+    if (step.kind != Step::notAsked)
+        return step;
+    struct stat status;
+    if (lstat(path.getChars(), &status) != 0) {
+        step.kind = Step::nothing;
+    } else if (!S_ISLNK(status.st_mode)) {
+        step.kind = Step::other;
+    } else {
+        char text[PATH_MAX];
+        const ssize_t length = readlink(path.getChars(), text, sizeof text);
+        step.kind = length <= 0 ? Step::nothing : Step::link;
+        if (length > 0)
+            step.target = ZLCString(text, static_cast<unsigned int>(length));
     }
+    return step;
+}
+
+bool ZPathWatch::Watches::has(int watch) const {
+    const auto first = names.lower_bound({watch, ZLCString()});
+    return (first != names.end() && first->watch == watch) || files.count(watch) != 0 ||
+           folders.count(watch) != 0;
+}
+
+void ZPathWatch::forgetOthers(const Watches& before) {
+    Numbers old(before.files);
+    old.insert(before.folders.begin(), before.folders.end());
+    for (const Name& name : before.names)
+        old.insert(old.end(), name.watch);
+    for (const int watch : old)
+        if (!watches_.has(watch))
+            inotify_rm_watch(notices_.get(), watch);  // again: it isn't there any more
 }
 
 // ---------------------------------------------------------------- notices
 
-bool ZPathWatch::concerns(int watch, const char* name) const {
-    for (const Name& own : names_)
-        if (own.watch == watch && own.name.equals(name))
-            return true;
-    return false;
-}
-
-bool ZPathWatch::isOnTheWay(int watch) const {
-    for (const Name& own : names_)
-        if (own.watch == watch)
-            return true;
-    return false;
+// A file by its own watch, or by a name in its folder's.
+void ZPathWatch::noteBytes(int watch, uint32_t mask, const char* name) {
+    if ((mask & IN_MODIFY) != 0) {
+        lastByte_ = milliseconds();
+        if (written_.empty())
+            firstByte_ = lastByte_;
+        written_.insert({watch, name});
+    }
+    if ((mask & (IN_CLOSE_WRITE | IN_MOVED_FROM | IN_DELETE)) != 0)
+        written_.erase({watch, name});
 }
 
 void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
@@ -205,20 +234,17 @@ void ZPathWatch::note(int watch, uint32_t mask, const char* name) {
         pending_ = hasChanged;
         return;
     }
-    if (watch == fileWatch_) {
+    if (watches_.files.count(watch) != 0) {
         pending_ = hasChanged;
-        if ((mask & IN_MODIFY) != 0) {
-            lastByte_ = milliseconds();
-            if (!isWritten_)
-                firstByte_ = lastByte_;
-            isWritten_ = true;
-        }
-        if ((mask & IN_CLOSE_WRITE) != 0)
-            isWritten_ = false;
+        // Of one path, whatever stands there now is the file that is written to.
+        noteBytes(isSeveral_ ? watch : -1, mask, "");
         return;
     }
     const bool isOwn = (mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT)) != 0;
-    if (isOwn ? isOnTheWay(watch) : concerns(watch, name))
+    const bool isFolder = watches_.folders.count(watch) != 0;
+    if (isFolder && !isOwn)
+        noteBytes(watch, mask, name);
+    if (isFolder || (isOwn ? watches_.has(watch) : watches_.names.count({watch, name}) != 0))
         pending_ = hasChanged;
 }
 
@@ -248,7 +274,8 @@ void ZPathWatch::noteReading(int descriptor) { wasRead_ = !zstampFile(descriptor
 bool ZPathWatch::isAsRead() const {
     ZFileStamp before = stamp_, now;
     before.settled = before.settled || !looksOften_;
-    return wasRead_ && !zstampFile(path_.getChars(), now) && zsameContent(before, now);
+    return !isSeveral_ && wasRead_ && !zstampFile(path_.getChars(), now) &&
+           zsameContent(before, now);
 }
 
 bool ZPathWatch::hasNews() {
@@ -269,14 +296,14 @@ bool ZPathWatch::hasNews() {
     if (pending_ == noNews && (isOtherWay || !isNotice))
         pending_ = mayHaveChanged;
     readNotices();  // of watches that were given up
-    if (isWritten_) {
+    if (!written_.empty()) {
         const int64_t now = milliseconds(), settling = static_cast<int64_t>(settling_);
         // A writer that never stops is waited for twenty times as long, and no longer.
         if (now - lastByte_ < settling && now - firstByte_ < 20 * settling) {
             setTimer(static_cast<unsigned long>(settling - (now - lastByte_)) + 1, looksOften_);
             return false;
         }
-        isWritten_ = false;
+        written_.clear();
     }
     const News news = pending_;
     pending_ = noNews;

@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-static const size_t kMostLinks = 40;  // as many as the system follows
+static const int kMostLinks = 40;  // as many as the system follows
 
 void zpushParts(const char* path, ZVector<ZLCString>& parts) {
     ZVector<ZLCString> own;
@@ -29,7 +29,7 @@ int ZRootedWay::go(const char* path, struct stat& status) {
     zpushParts(path, rest_);
     name_ = ".";
     while (!rest_.empty()) {
-        if (!links_.empty() && endsAtNull()) {
+        if (links_ != 0 && endsAtNull()) {
             isNull_ = true;
             return ENOTDIR;
         }
@@ -40,8 +40,10 @@ int ZRootedWay::go(const char* path, struct stat& status) {
             continue;
         }
         if (part.equals("..")) {
-            if (!entered_.empty())
+            if (!entered_.empty()) {
+                passed_.push_back(placeOf(ZLCString(".")));
                 entered_.pop_back();
+            }
             rest_.pop_back();
             continue;
         }
@@ -77,12 +79,12 @@ int ZRootedWay::follow(const ZLCString& part) {
     const ssize_t length = readlinkat(folder(), part.getChars(), text, sizeof text - 1);
     if (length < 0)
         return errno == EINVAL ? ENOTDIR : errno;
-    if (links_.size() == kMostLinks)
+    if (++links_ > kMostLinks)
         return ELOOP;
     text[length] = '\0';
     if (*text == '\0')
         return ENOENT;
-    links_.push_back(placeOf(part));
+    passed_.push_back(placeOf(part));
     rest_.pop_back();
     if (*text == '/')
         entered_.clear();

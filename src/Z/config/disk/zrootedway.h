@@ -18,7 +18,7 @@ struct stat;
 class ZRootedWay {
 public:
     /// `root` is open, by O_PATH at least, as long as the way lives.
-    explicit ZRootedWay(int root) : root_(root), isNull_(false) {}
+    explicit ZRootedWay(int root) : root_(root), links_(0), isNull_(false) {}
     ZRootedWay(const ZRootedWay&) = delete;
     ZRootedWay& operator=(const ZRootedWay&) = delete;
 
@@ -34,8 +34,11 @@ public:
     /// Where that is, without links, from the root on. Of a way that has ended early, with the rest
     /// as it is named; empty if that goes back by "..".
     ZLCString place() const;
-    /// The places of the links that were followed.
-    const ZVector<ZLCString>& links() const { return links_; }
+    /// Of a way that has ended early: the place of the part that it has come to.
+    ZLCString end() const { return placeOf(rest_.empty() ? name_ : rest_.back()); }
+    /// The places that it has come by and place() doesn't show: links, and folders that it went
+    /// back from.
+    const ZVector<ZLCString>& passed() const { return passed_; }
 
 private:
     struct Entered {
@@ -52,7 +55,8 @@ private:
     std::deque<Entered, ZVectorMemory<Entered>> entered_;  // each folder below the root
     ZVector<ZLCString> rest_;                              // what is left, the next part last
     ZLCString name_;
-    ZVector<ZLCString> links_;
+    ZVector<ZLCString> passed_;
+    int links_;
     bool isNull_;
 };
 
