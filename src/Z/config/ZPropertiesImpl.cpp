@@ -133,55 +133,15 @@ ZUpdatedFile* ZPropertiesFile::updateOf(const ZLCString& path) const {
 
 // ---------------------------------------------------------------- load
 
-// Reads the file under the lock that its descriptor has: its own bytes, or what a store that was
-// stopped had written down for it; and its side database. The bytes are wanted in `content`, or
-// only read: by the stream, or where there is none as the library's own model does. 0, or the errno
-// of a reading that came to no end.
-int ZPropertiesFile::readContent(ZPCache& cache, const ZLCString& path, const Opened& file,
-                                 ZFileContent* wanted) const {
-    ZFileContent own;
-    ZFileContent& content = wanted != nullptr ? *wanted : own;
-    content.side.setSize(0);
-    const int descriptor = file.descriptor;
-    ZJournal journal(path.getChars(), descriptor, file.isDirect);
-    const bool unfinished = journal.find();
-    if (!unfinished && wanted == nullptr) {
-        if (file.stream != nullptr)
-            cache.be_read(path.getChars(), file.stream);
-        else
-            ZModelReading::readFile(cache, path.getChars(), descriptor, file.size);
-        int incomplete = cache.readError();
-        if (incomplete == 0 && file.stream != nullptr && ferror(file.stream) != 0)
-            incomplete = EIO;
-        if (incomplete != 0)
-            return incomplete;
-    } else {
-        if (unfinished)
-            zcopyBytes(journal.text(), content.text);
-        else
-            zcheckIO(zreadWholeFile(descriptor, content.text).of(path.getChars()));
-        zreadText(cache, path.getChars(), zspanOf(content.text));
-    }
-    const ZLCString name(cache.obfuscatedDBName());
-    if (name.getLength() == 0 || (unfinished && journal.sideAction() == zsideRemoved))
-        return 0;
-    if (unfinished && journal.sideAction() == zsideReplaced)
-        zcopyBytes(journal.side(), content.side);
-    else
-        zcheckIO(zreadSideFile(name.getChars(), descriptor, content.side));
-    zreadSide(cache, zspanOf(content.side));
-    return 0;
-}
-
 void ZPropertiesFile::readInto(ZPCache& cache, const ZLCString& path, int descriptor) const {
     ZFileContent content;
-    readContent(cache, path, {descriptor}, &content);
+    zreadContent(cache, path, {descriptor}, true, content);
 }
 
-// The same into the object's own cache, as a load. `close` gives the lock up, ahead of calls to
-// others.
+// Reads the file under the lock that its descriptor has into the object's own cache, as a load; its
+// bytes are wanted in `content`, or null. `close` gives the lock up, ahead of calls to others.
 template <typename Close>
-void ZPropertiesFile::readFile(const ZLCString& path, Opened file, ZFileContent* content,
+void ZPropertiesFile::readFile(const ZLCString& path, ZFileToRead file, ZFileContent* content,
                                Close close) {
     object_.loading_ = 1;  // no change notice goes out meanwhile
     const ZAtEnd loaded([this] { object_.loading_ = 0; });
@@ -190,7 +150,9 @@ void ZPropertiesFile::readFile(const ZLCString& path, Opened file, ZFileContent*
     const bool isStamped = !zstampFile(file.descriptor, stamp);
     hasStamp_ = false;
     file.size = stamp.isRegular ? stamp.size : 0;
-    const int incomplete = readContent(cache(), path, file, content);
+    ZFileContent own;
+    const int incomplete = zreadContent(cache(), path, file, content != nullptr,
+                                        content != nullptr ? *content : own);
     if (incomplete != 0 && isCareful()) {
         outcome_ = kIncomplete;
         zraiseIO(path.getChars(), "read()", incomplete);

@@ -111,17 +111,8 @@ private:
     bool isOutdated(const char* file) const;
     bool isCurrent(const char* file, int forceReload, long& stamp) const;
     ZUpdatedFile* updateOf(const ZLCString& path) const;
-    // A file that is open to be read.
-    struct Opened {
-        int descriptor;
-        FILE* stream = nullptr;  // null: there is none
-        bool isDirect = false;   // its path's last part is known to be no link
-        uint64_t size = 0;       // if that is known
-    };
-    int readContent(ZPCache& cache, const ZLCString& path, const Opened& file,
-                    ZFileContent* wanted) const;
     template <typename Close>
-    void readFile(const ZLCString& path, Opened file, ZFileContent* content, Close close);
+    void readFile(const ZLCString& path, ZFileToRead file, ZFileContent* content, Close close);
     void noteContent();
 
     ZLCString settleSideName(const ZLCString& path);

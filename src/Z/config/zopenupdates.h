@@ -4,19 +4,8 @@
 
 #include <pthread.h>
 
-#include "zpblock.h"
+#include "zfilecontent.h"
 #include "zwholefile.h"
-
-/// What a file holds, as bytes.
-struct ZFileContent {
-    ZBytes text;
-    ZBytes side;  // empty where there is no side database
-
-    void swap(ZFileContent& other) {
-        text.swap(other.text);
-        side.swap(other.side);
-    }
-};
 
 /// The file of an update that is open: the one way to it while it lasts.
 struct ZUpdatedFile {

@@ -194,9 +194,11 @@ private:
 
     bool takeHeader(ZSpan name) {
         flush();
-        if (store_.stanzaInMap(name) != ZPStore::none)
+        const Id known = store_.stanzaInMap(name);
+        group_ = known == ZPStore::none ? store_.readHeader(slice(name))
+                                        : store_.readHeaderAgain(known, slice(name));
+        if (group_ == ZPStore::none)
             return false;
-        group_ = store_.readHeader(slice(name));
         stanza_ = name.size == 0 ? ZPStore::none : store_.group(group_).stanza;
         isSideStanza_ = name.size == sizeof kSideStanza - 1 &&
                         memcmp(name.data, kSideStanza, sizeof kSideStanza - 1) == 0;

@@ -96,7 +96,7 @@ void ZPStore::clear() {
 // ---------------------------------------------------------------- text
 
 void ZPStore::compactIfWorthwhile() {
-    if (!text_.isWorthCompacting())
+    if (keepsPlaces_ || !text_.isWorthCompacting())
         return;
     // Without memory for it the text just stays as it is; nobody has asked for anything.
     try {
@@ -387,6 +387,8 @@ void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
     if (kind == hidden)
         noteHidden();
     ZPKey& key = keys_[id];
+    if (layerStart_ != none)
+        forgetLowerValues(id, false);
     if (kind == plain && takesValue(key))
         key.value = text_.append(value);
     else
@@ -399,7 +401,8 @@ void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
     // The usual case: one plain value takes the place of another and fits into its room.
     const bool isAlone = key.extra == nullptr || !(key.extra->values[plain].areHere() ||
                                                    key.extra->values[hidden].areHere());
-    if (isAlone && kind == plain && value.size != 0 && key.value.length >= value.size) {
+    if (isAlone && kind == plain && value.size != 0 && key.value.length >= value.size &&
+        !keepsPlaces_) {
         text_.overwrite(key.value, value);
         compactIfWorthwhile();
         return;
@@ -563,6 +566,32 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     return addGroup(stanza);
 }
 
+ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
+    ZPStanza& stanza = stanzas_[id];
+    if (layerStart_ == none || stanza.name.offset >= layerStart_)
+        return none;
+    if (stanza.group == none) {
+        lines_.reserveGroup();
+        addGroup(id);
+    }
+    // By its place it is known that this file has had it.
+    text_.drop(stanza.name);
+    stanza.name = name;
+    return stanza.group;
+}
+
+// An entry of a higher file is about to be added: what lower ones gave goes, but where values are
+// collected only for one without a value.
+void ZPStore::forgetLowerValues(Id id, bool isEmpty) {
+    const ZPSlice* first = placeOfValue(id, plain, 0);
+    if (first == nullptr && mayHaveHidden_)
+        first = placeOfValue(id, hidden, 0);
+    if (collects_ ? !isEmpty : first == nullptr || first->offset >= layerStart_)
+        return;
+    dropValues(id, plain);
+    dropValues(id, hidden);
+}
+
 // An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list
 // may have been handed out.
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
@@ -577,6 +606,8 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
         keys_[id].value = value;
         return id;
     }
+    if (layerStart_ != none)
+        forgetLowerValues(id, value.length == 0);
     if (value.length == 0)
         return id;
     ZPKey& key = keys_[id];

@@ -102,6 +102,10 @@ protected:
     uint32_t followedCount_ = 0;
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
     ZOldText oldText_;
+    // Of a store that holds several files: see beginLayer.
+    uint32_t layerStart_ = kNoId;
+    bool keepsPlaces_ = false;
+    bool collects_ = false;
     // Set by whoever makes room for hidden values, or for any ZPKeyExtra, and never taken back.
     mutable bool mayHaveHidden_ = false;
     mutable bool mayHaveExtras_ = false;
@@ -298,6 +302,35 @@ public:
     const char* text(const ZPSlice& slice) const { return text_.at(slice); }
     size_t textSize() const { return text_.size(); }
 
+    // --- Several files, one over the other ---
+    //
+    // What a later file says of a key takes the place of what earlier ones said, or with `collects`
+    // comes behind it. Bytes that were read stay at their places in the text for good, so that the
+    // place of a value tells the file and line that it came from: values that are set stand behind
+    // them.
+
+    /// What is read from here on is another file's, over those before.
+    void beginLayer(bool collects) {
+        layerStart_ = static_cast<uint32_t>(text_.size());
+        keepsPlaces_ = true;
+        collects_ = collects;
+    }
+    /// What comes from here on is no file's.
+    void endLayers() { layerStart_ = none; }
+    /// A header of the file that is read, of a stanza that is in the map: the stanza's group; none
+    /// if this file has had one already.
+    Id readHeaderAgain(Id stanza, ZPSlice name);
+    /// Where the values of a key stand in the text, or stood when they were read: those that were
+    /// set since have other bytes there, or stand behind all that was read.
+    const ZPSlice* placeOfValue(Id id, Kind kind, uint32_t index) const {
+        const ZPKey& key = keys_[id];
+        const ZPSlice* own = ownValue(key, kind);
+        const ZPKeyExtra* extra = zloadMade(key.extra);
+        if (extra != nullptr && extra->values[kind].slice(index) != nullptr)
+            return extra->values[kind].slice(index);
+        return own != nullptr && own->length != 0 && index == 0 ? own : nullptr;
+    }
+
     // --- For the reader, which has the file's bytes in the text block already ---
 
     /// Room for `more` bytes behind the text, to read into; commitText makes them part of it.
@@ -403,6 +436,7 @@ private:
     void endCursors(Id stanza);  // those of the stanza, or all if it is none
 
     Id addGroup(Id stanza);
+    void forgetLowerValues(Id key, bool isEmpty);
     Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {

@@ -77,6 +77,8 @@ public:
     /// Makes these, which are none yet, a copy: a list becomes a list.
     void copy(ZPText& text, ZPSlice* own, const ZPValueView& values);
 
+    /// The one at this index; null without it.
+    const ZPSlice* slice(uint32_t i) const { return i < slices_.size() ? &slices_[i] : nullptr; }
     /// Calls visit(slice) for all slices here.
     template <typename Visit>
     void forEachSlice(Visit visit) {
