@@ -12,7 +12,7 @@ int zreadContent(ZPCache& cache, const ZLCString& path, const ZFileToRead& file,
                  ZFileContent& content) {
     content.side.setSize(0);
     const int descriptor = file.descriptor;
-    ZJournal journal(path.getChars(), descriptor, file.isDirect);
+    ZJournal journal(file.place == nullptr ? path.getChars() : file.place->getChars(), descriptor, file.isDirect);
     const bool unfinished = journal.find();
     if (!unfinished && !keepsText) {
         if (file.stream != nullptr)
@@ -31,11 +31,13 @@ int zreadContent(ZPCache& cache, const ZLCString& path, const ZFileToRead& file,
             zcheckIO(zreadWholeFile(descriptor, content.text).of(path.getChars()));
         zreadText(cache, path.getChars(), zspanOf(content.text));
     }
-    const ZLCString name(cache.obfuscatedDBName());
+    ZLCString name(cache.obfuscatedDBName());
     if (name.getLength() == 0 || (unfinished && journal.sideAction() == zsideRemoved))
         return 0;
     if (unfinished && journal.sideAction() == zsideReplaced)
         zcopyBytes(journal.side(), content.side);
+    else if (file.placeSide != nullptr && !file.placeSide(file.data, name))
+        zraiseIO(path.getChars(), "mapFile()", errno);
     else
         zcheckIO(zreadSideFile(name.getChars(), descriptor, content.side));
     zreadSide(cache, zspanOf(content.side));

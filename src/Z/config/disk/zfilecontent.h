@@ -25,6 +25,11 @@ struct ZFileToRead {
     FILE* stream = nullptr;  // null: there is none
     bool isDirect = false;   // its path's last part is known to be no link
     uint64_t size = 0;       // if that is known
+    // Where its path, which is for messages then, leads to; and where that of its side database
+    // leads to, or false with errno. Null: they are what they are.
+    const ZLCString* place = nullptr;
+    bool (*placeSide)(const void* data, ZLCString& path) = nullptr;
+    const void* data = nullptr;
 };
 
 /// Reads it into the cache: its own bytes, or what a store that was stopped had written down for

@@ -6,7 +6,6 @@
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "zlayertree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -127,6 +126,12 @@ ZLCString ZLayerTree::placeOf(const ZLayerFile& file) const {
                   file.name);
 }
 
+ZLCString ZLayerTree::mainPath() const {
+    ZLCString path(prefix_);
+    path.append(joined(folderOf(static_cast<unsigned int>(roots_.size()) - 1, false), mainName_));
+    return path;
+}
+
 // ---------------------------------------------------------------- finding
 
 class ZLayerTree::Finder {
@@ -238,25 +243,12 @@ void ZLayerTree::Finder::findMains() {
 }
 
 ZFailure ZLayerTree::Finder::list(unsigned int root) {
-    ZOpenFile readable(zopenFileAt(folders_[root].get(), ".", O_RDONLY | O_DIRECTORY | O_NONBLOCK));
-    if (readable.get() < 0)
-        return zfailed("opendir()");
-    DIR* folder = fdopendir(readable.get());
-    if (folder == nullptr)
-        return zfailed("opendir()");
-    readable.release();
-    const ZAtEnd close([folder] {
-        const ZUncancelled uncancelled;
-        closedir(folder);
-    });
-    for (;;) {
-        errno = 0;
-        const struct dirent* entry = readdir(folder);
-        if (entry == nullptr)
-            return errno == 0 ? zdone : zfailed("readdir()");
-        if (tree_.isDropInName(entry->d_name))
-            listed_.push_back({ZLCString(entry->d_name), root});
-    }
+    ZVector<ZLCString> names;
+    const ZFailure failure = zlistFolder(folders_[root].get(), names);
+    for (const ZLCString& name : names)
+        if (tree_.isDropInName(name.getChars()))
+            listed_.push_back({name, root});
+    return failure;
 }
 
 void ZLayerTree::Finder::listDropIns() {
@@ -466,8 +458,9 @@ bool ZLayerTree::physicalPath(const char* path, ZLCString& out) const {
     const ZLCString place(way.place());
     if (errno != 0 && (errno != ENOENT || place.getLength() == 0))
         return false;
-    out = prefix_;
-    out.append(joined(place, ZLCString(name)));
+    ZLCString physical(prefix_);  // `path` may be the text of `out`
+    physical.append(joined(place, ZLCString(name)));
+    out = physical;
     return true;
 }
 

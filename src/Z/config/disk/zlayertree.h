@@ -64,6 +64,11 @@ public:
     /// The folder of the root's main file, or of its drop-ins, without the prefix.
     ZLCString folderOf(unsigned int root, bool dropIns) const;
     const ZLCString& mainName() const { return mainName_; }
+    /// The main file of the highest root, with the prefix.
+    ZLCString mainPath() const;
+    bool hasPrefix() const { return prefix_.getLength() != 0; }
+    /// Where a file is looked for, without the prefix.
+    ZLCString placeOf(const ZLayerFile& file) const;
     /// Whether a file of this name can be a drop-in.
     bool isDropInName(const char* name) const;
     /// A path below the prefix with all links on the way to its folder followed inside it, so that
@@ -80,9 +85,7 @@ private:
     class Finder;
 
     void setRoots(const ZLayersTerms& terms);
-    bool hasPrefix() const { return prefix_.getLength() != 0; }
     int openBase() const;
-    ZLCString placeOf(const ZLayerFile& file) const;
     void watch(int base, const ZLCString& path, bool isFolder, ZVector<Watched>& out) const;
 
     ZVector<ZLCString> roots_;

@@ -1,6 +1,7 @@
 // Built with 64-bit file offsets and times on 32-bit machines too.
 #include "zwholefile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
@@ -16,6 +17,8 @@
 
 #include "zinternal.h"
 #include "zqelutil.h"
+#include "zscope.h"
+#include "zuncancelled.h"
 
 // ---------------------------------------------------------------- descriptors and names
 
@@ -334,6 +337,28 @@ bool zleadsTo(const char* path, int descriptor) {
 // A call that a signal has interrupted is made again; but not for ever, should something else be
 // behind it.
 static bool isToBeRepeated(int error, int& times) { return error == EINTR && ++times < 1000; }
+
+ZFailure zlistFolder(int folder, ZVector<ZLCString>& names) {
+    ZOpenFile readable(zopenFileAt(folder, ".", O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+    if (readable.get() < 0)
+        return zfailed("opendir()");
+    DIR* listing = fdopendir(readable.get());
+    if (listing == nullptr)
+        return zfailed("opendir()");
+    readable.release();
+    const ZAtEnd close([listing] {
+        const ZUncancelled uncancelled;
+        closedir(listing);
+    });
+    for (;;) {
+        errno = 0;
+        const struct dirent* entry = readdir(listing);
+        if (entry == nullptr)
+            return errno == 0 ? zdone : zfailed("readdir()");
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+            names.push_back(ZLCString(entry->d_name));
+    }
+}
 
 ZFailure zreadWholeFile(int descriptor, ZBytes& bytes) {
     int times = 0;

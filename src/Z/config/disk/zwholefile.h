@@ -11,6 +11,7 @@
 #include "ZExceptionText.h"
 #include "ZLCString.h"
 #include "zassert.h"
+#include "zmemory.h"
 #include "zpblock.h"
 #include "zraise.h"
 
@@ -197,6 +198,10 @@ bool zsameFile(const ZFileStamp& a, const ZFileStamp& b);
 
 /// Whether the path leads to the file that is open.
 bool zleadsTo(const char* path, int descriptor);
+
+/// The names in a folder, which may be open by O_PATH, but for "." and "..", as the system has them.
+/// Unlisted ones may be missing after a failure.
+ZFailure zlistFolder(int folder, ZVector<ZLCString>& names);
 
 /// All bytes of the file, from its first, in place of those of `bytes`.
 ZFailure zreadWholeFile(int descriptor, ZBytes& bytes);

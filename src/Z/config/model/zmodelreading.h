@@ -19,6 +19,9 @@ struct ZModelReading {
     /// As be_read, from memory.
     static void readText(ZPCache& own, const char* file, ZSpan text);
 
+    /// What a model stands in, for who reads more than one file into it.
+    static ZPStore& storeOf(const ZSCFData& model) { return model.store(); }
+
 private:
     friend class ZSCFData;
     static void parse(ZSCFData& cache, const char* file, size_t start);

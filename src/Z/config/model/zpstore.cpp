@@ -580,6 +580,15 @@ ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
     return stanza.group;
 }
 
+void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
+    const Id owner = createStanza(stanza);
+    const Id id = createKey(owner, key);
+    if (value.size == 0)
+        forgetLowerValues(id, true);
+    else
+        appendValue(id, kind, value);
+}
+
 // An entry of a higher file is about to be added: what lower ones gave goes, but where values are
 // collected only for one without a value.
 void ZPStore::forgetLowerValues(Id id, bool isEmpty) {

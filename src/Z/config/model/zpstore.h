@@ -317,6 +317,8 @@ public:
     }
     /// What comes from here on is no file's.
     void endLayers() { layerStart_ = none; }
+    /// A value that this file has besides its text; an empty one is an entry without a value.
+    void addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value);
     /// A header of the file that is read, of a stanza that is in the map: the stanza's group; none
     /// if this file has had one already.
     Id readHeaderAgain(Id stanza, ZPSlice name);

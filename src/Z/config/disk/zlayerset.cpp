@@ -1,0 +1,480 @@
+// zlayerset.cpp: one load of all files, then where values stand in the model's text.
+//
+// The model keeps what was read at its place, one file behind the other, each followed by its
+// hidden values. So the place of a value tells its file, and nothing is noted while reading.
+#include "zlayerset.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZExceptionText.h"
+#include "zfilecontent.h"
+#include "zinternal.h"
+#include "zgrammar.h"
+#include "zlockedfile.h"
+#include "zmemorystream.h"
+#include "zmodelreading.h"
+#include "zpstore.h"
+#include "zraise.h"
+
+extern char** environ;
+
+static const int kMostTries = 16;
+static const uint32_t kPiece = 4096;  // bytes of a text for which its lines are counted at once
+static const char kCredentials[] = "CREDENTIALS_DIRECTORY";
+static const off_t kMostCredential = 1024 * 1024;  // as large as services are given
+
+ZLayerSet::ZLayerSet(const ZLayersTerms& terms)
+    : tree_(terms), flags_(terms.flags), counted_(nullptr) {
+    if (zhasText(terms.environment))
+        variablePrefix_ = ZLCString(terms.environment).append('_');
+    if (terms.keys == nullptr)
+        return;
+    for (const char* const* key = terms.keys; *key != nullptr; key += 2) {
+        zrequire(zhasText(key[0]) && zhasText(key[1]));
+        keys_.push_back(ZLCString(key[0]));
+        keys_.push_back(ZLCString(key[1]));
+    }
+}
+
+static ZPStore& storeOf(const ZSCFData& model) { return ZModelReading::storeOf(model); }
+
+static ZSpan spanOf(const ZLCString& text) { return {text.getChars(), text.getLength()}; }
+
+static ZLCString textOf(ZSpan text) {
+    return ZLCString(text.data, static_cast<unsigned int>(text.size));
+}
+
+static uint32_t newlinesIn(const char* text, uint32_t size) {
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < size; ++i)
+        count += text[i] == '\n';
+    return count;
+}
+
+static ZLayer layerOf(ZLayer::Kind kind, const ZLayerFile& found) {
+    return {kind, found, false, 0, 0, 0, 0, {}, {}, {}, {}};
+}
+
+// ---------------------------------------------------------------- load
+
+void ZLayerSet::load(ZSCFData& model, unsigned long wait) {
+    // What is bad shows only once it was read. Then all is read once more, each file by itself
+    // first, so that of a bad one nothing stays in the model.
+    bool checksFirst = false;
+    for (int tries = 0; tries < kMostTries; ++tries) {
+        tree_.find(found_);
+        layers_.clear();
+        counted_ = nullptr;
+        read_.clear();
+        model.clear();
+        for (const ZLayerFile& file : found_)
+            layers_.push_back(layerOf(ZLayer::file, file));
+        if (!readAll(model, wait, checksFirst)) {
+            checksFirst = true;
+            continue;
+        }
+        ZVector<ZLayerFile> now;
+        tree_.find(now);
+        if (!ZLayerTree::areSame(found_, now))
+            continue;
+        for (const ZLayer& layer : layers_)
+            if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
+                raiseBad(layer);
+        requireFiles();
+        readVariables(model);
+        readCredentials(model);
+        storeOf(model).endLayers();
+        for (size_t i = 0; i < layers_.size(); ++i)
+            if (layers_[i].isRead)
+                read_.push_back(i);
+        return;
+    }
+    zraiseIO(tree_.mainName().getChars(), "load()", EAGAIN);
+}
+
+// False if a file turned out to be bad, so that the model holds a part of it.
+bool ZLayerSet::readAll(ZSCFData& model, unsigned long wait, bool checksFirst) {
+    for (ZLayer& layer : layers_)
+        if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, wait, checksFirst))
+            return false;
+    return true;
+}
+
+void ZLayerSet::begin(ZSCFData& model, ZLayer& layer) const {
+    layer.start = layer.textEnd = layer.end = static_cast<uint32_t>(storeOf(model).textSize());
+    storeOf(model).beginLayer((flags_ & ZLAYERS_COLLECT) != 0);
+}
+
+static void noteIO(ZLayer& layer, const char* call, int error) {
+    layer.found.state = ZLayerFile::bad;
+    layer.found.call = call;
+    layer.found.error = error;
+}
+
+// A side database below the prefix is looked for there.
+static bool placeBelow(const void* tree, ZLCString& path) {
+    return static_cast<const ZLayerTree*>(tree)->physicalPath(path.getChars(), path);
+}
+
+void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
+                            ZFileContent& content) const {
+    ZFileToRead file = {descriptor};
+    ZLCString place;
+    if (layer.found.root >= 0 && tree_.hasPrefix()) {
+        // It was opened; what its name leads to by now is for the search behind the reading to tell.
+        place = tree_.placeOf(layer.found);
+        if (!placeBelow(&tree_, place))
+            zraiseIO(layer.found.path.getChars(), "fopen(r)", errno);
+        file.place = &place;
+        file.placeSide = placeBelow;
+        file.data = &tree_;
+    }
+    model.setObfuscatedDBName("");
+    const int incomplete = zreadContent(model, layer.found.path, file, true, content);
+    if (incomplete != 0)
+        zraiseIO(layer.found.path.getChars(), "read()", incomplete);
+}
+
+// The entry that names a side database is no value of the configuration's.
+static void forgetSideName(ZSCFData& model) {
+    ZPStore& store = storeOf(model);
+    model.setObfuscatedDBName("");
+    const ZPId key = store.keyInMap(zspanOf(kSideStanza), zspanOf(kSideKey));
+    if (key == ZPStore::none)
+        return;
+    store.removeKey(key);
+    const ZPId stanza = store.stanzaInMap(zspanOf(kSideStanza));
+    if (model.keyCount(kSideStanza) == 0)
+        store.removeStanza(stanza);
+}
+
+bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, unsigned long wait, bool checksFirst) {
+    ZOpenFile file(tree_.open(layer.found));
+    if (file.get() < 0) {
+        noteIO(layer, "fopen(r)", errno);
+        return true;  // the model has nothing of it
+    }
+    ZLockScope lock(file, zlockOfDescription);
+    zcheckIO(zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, wait)
+                 .of(layer.found.path.getChars()));
+    ZFileContent content;
+    try {
+        if (checksFirst) {
+            ZSCFData trial;
+            trial.setAttributes(model.attributes(), nullptr);
+            readContent(trial, layer, file.get(), content);
+            begin(model, layer);
+            zreadText(model, layer.found.path.getChars(), zspanOf(content.text));
+            if (content.side.size() != 0)
+                zreadSide(model, zspanOf(content.side));
+        } else {
+            begin(model, layer);
+            readContent(model, layer, file.get(), content);
+        }
+    } catch (ZPropertiesInvalidDataException& e) {
+        noteIO(layer, nullptr, 0);
+        layer.badLine = e.badline();
+        layer.reason = e.baddata();
+        return checksFirst;
+    } catch (ZPropertiesIOException& e) {
+        noteIO(layer, strcmp(e.api(), "mapFile()") == 0 ? "mapFile()" : "read()", e.excerrno());
+        return checksFirst;
+    }
+    layer.textEnd = layer.start + static_cast<uint32_t>(content.text.size());
+    layer.end = static_cast<uint32_t>(storeOf(model).textSize());
+    layer.isRead = true;
+    layer.side.swap(content.side);
+    forgetSideName(model);
+    lock.close().passOver();
+    return true;
+}
+
+void ZLayerSet::raiseBad(const ZLayer& layer) const {
+    const char* path = layer.found.path.getChars();
+    if (layer.found.call != nullptr)
+        zraiseIO(path, layer.found.call, layer.found.error);
+    zraise(ZPropertiesInvalidDataException(path, layer.reason.getChars(), layer.badLine));
+}
+
+void ZLayerSet::requireFiles() const {
+    bool hasAny = false, hasMain = false;
+    for (const ZLayer& layer : layers_) {
+        const bool isThere = layer.found.state != ZLayerFile::bad;
+        hasAny = hasAny || isThere;
+        hasMain = hasMain || (isThere && layer.found.kind == ZLayerFile::mainFile &&
+                              layer.found.state != ZLayerFile::masks);
+    }
+    if (hasMain || ((flags_ & ZLAYERS_NEEDS_MAIN) == 0 &&
+                    (hasAny || (flags_ & ZLAYERS_MAY_BE_EMPTY) != 0)))
+        return;
+    zraiseIO(tree_.mainPath().getChars(), "fopen(r)", ENOENT);
+}
+
+// ---------------------------------------------------------------- variables and credentials
+
+static void appendUpper(ZLCString& to, ZSpan name) {
+    for (size_t i = 0; i < name.size; ++i) {
+        const char c = name.data[i];
+        const bool isLower = c >= 'a' && c <= 'z';
+        const bool isOther = !isLower && !(c >= 'A' && c <= 'Z') && !(c >= '0' && c <= '9');
+        to.append(isLower ? static_cast<char>(c - 'a' + 'A') : isOther ? '_' : c);
+    }
+}
+
+void ZLayerSet::readVariable(ZSCFData& model, ZSpan stanza, ZSpan key) {
+    ZLCString name(variablePrefix_);
+    appendUpper(name, stanza);
+    name.append('_');
+    appendUpper(name, key);
+    const char* value = secure_getenv(name.getChars());
+    if (value == nullptr)
+        return;
+    ZLayer layer = layerOf(ZLayer::variable, ZLayerFile());
+    layer.found.path = ZLCString("$").append(name);
+    layer.stanza = textOf(stanza);
+    layer.key = textOf(key);
+    addValue(model, layer, ZPStore::plain, zspanOf(value));
+}
+
+void ZLayerSet::addValue(ZSCFData& model, ZLayer& layer, ZPStore::Kind kind, ZSpan value) {
+    begin(model, layer);
+    storeOf(model).addLayerValue(spanOf(layer.stanza), spanOf(layer.key), kind, value);
+    layer.end = static_cast<uint32_t>(storeOf(model).textSize());
+    layer.start = layer.end - static_cast<uint32_t>(value.size);  // behind new names
+    layer.isRead = true;
+    layers_.push_back(std::move(layer));
+}
+
+// Only of keys that are known, since no name tells where its stanza ends.
+void ZLayerSet::readVariables(ZSCFData& model) {
+    const char* prefix = variablePrefix_.getChars();
+    const size_t length = variablePrefix_.getLength();
+    bool hasAny = false;
+    for (char** variable = environ; length != 0 && variable != nullptr && *variable != nullptr;
+         ++variable)
+        hasAny = hasAny || strncmp(*variable, prefix, length) == 0;
+    if (!hasAny)
+        return;
+    ZPStore& store = storeOf(model);
+    ZVector<ZLCString> known;
+    store.forEachStanza([&](ZPId stanza) {
+        ZPStore::Cursor walk(store, stanza);
+        for (ZPId key = walk.nextKey(); key != ZPStore::none; key = walk.nextKey()) {
+            walk.moveTo(key);
+            known.push_back(textOf(store.text().span(store.stanza(stanza).name)));
+            known.push_back(textOf(store.text().span(store.key(key).name)));
+        }
+    });
+    for (size_t i = 0; i < known.size(); i += 2)
+        readVariable(model, spanOf(known[i]), spanOf(known[i + 1]));
+    for (size_t i = 0; i < keys_.size(); i += 2)
+        if (store.keyInMap(spanOf(keys_[i]), spanOf(keys_[i + 1])) == ZPStore::none)
+            readVariable(model, spanOf(keys_[i]), spanOf(keys_[i + 1]));
+}
+
+// The files "stanza.key" of the folder, by name. The system has made them for this process alone,
+// so they aren't locked.
+void ZLayerSet::readCredentials(ZSCFData& model) {
+    const char* folder =
+        (flags_ & ZLAYERS_CREDENTIALS) == 0 ? nullptr : secure_getenv(kCredentials);
+    if (!zhasText(folder))
+        return;
+    const ZOpenFile opened(zopenFile(folder, O_PATH | O_DIRECTORY));
+    if (opened.get() < 0)
+        zraiseIO(folder, "opendir()", errno);
+    ZVector<ZLCString> names;
+    zcheckIO(zlistFolder(opened.get(), names).of(folder));
+    std::sort(names.begin(), names.end(), [](const ZLCString& a, const ZLCString& b) {
+        return strcmp(a.getChars(), b.getChars()) < 0;
+    });
+    for (const ZLCString& name : names) {
+        const char* dot = strchr(name.getChars(), '.');
+        if (dot == nullptr || dot == name.getChars() || dot[1] == '\0')
+            continue;
+        ZLayer layer = layerOf(ZLayer::credential, ZLayerFile());
+        layer.found.path = ZLCString(folder).append('/').append(name);
+        layer.stanza = ZLCString(name.getChars(), static_cast<unsigned int>(dot - name.getChars()));
+        layer.key = dot + 1;
+        const char* path = layer.found.path.getChars();
+        const ZOpenFile file(zopenFileAt(opened.get(), name.getChars(),
+                                         O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+        struct stat status;
+        if (file.get() < 0 || fstat(file.get(), &status) != 0)
+            zraiseIO(path, "fopen(r)", errno);
+        if (!S_ISREG(status.st_mode))
+            continue;
+        if (status.st_size > kMostCredential)
+            zraiseIO(path, "read()", EFBIG);
+        ZBytes value;
+        zcheckIO(zreadWholeFile(file.get(), value).of(path));
+        if (value.size() != 0 && value.data()[value.size() - 1] == '\n')
+            value.setSize(value.size() - 1);
+        addValue(model, layer, ZPStore::hidden, zspanOf(value));
+    }
+}
+
+// ---------------------------------------------------------------- origins
+
+// By pieces of the layer's text, so that only the layer's first look-up goes through all of it.
+int ZLayerSet::lineOf(const ZSCFData& model, const ZLayer& layer, uint32_t offset) const {
+    const char* text = storeOf(model).text(layer.start);
+    if (counted_ != &layer) {
+        counted_ = nullptr;
+        marks_.clear();
+        uint32_t lines = 0;
+        for (uint32_t at = 0; at < layer.textEnd - layer.start; at += kPiece) {
+            marks_.push_back(lines);
+            lines += newlinesIn(text + at,
+                                    std::min(kPiece, layer.textEnd - layer.start - at));
+        }
+        counted_ = &layer;
+    }
+    const uint32_t at = offset - layer.start, piece = at / kPiece;
+    return static_cast<int>(marks_[piece] +
+                            newlinesIn(text + piece * kPiece, at - piece * kPiece) + 1);
+}
+
+bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* key, uint32_t index,
+                       const ZLayer*& layer, int& line) const {
+    const ZPStore& store = storeOf(model);
+    const ZPId id = store.keyInMap(zspanOf(stanza), zspanOf(key));
+    zrequire(id != ZPStore::none);
+    const ZPStore::Kind kind = store.anyKind(id);
+    const ZPValueView values = store.values(id, kind);
+    zrequire(index < values.count());
+    const ZPSlice* place = store.placeOfValue(id, kind, index);
+    // A list that was handed out may hold something else by now.
+    if (place == nullptr || !zequals(store.text().span(*place), values[index]))
+        return false;
+    const ZLayer* found = layerAt(place->offset);
+    if (found == nullptr)
+        return false;
+    layer = found;
+    line = found->kind == ZLayer::file && place->offset < found->textEnd
+               ? lineOf(model, *found, place->offset)
+               : 0;
+    return true;
+}
+
+// The layer that has these bytes, which are read in the order of the layers; null if none has.
+const ZLayer* ZLayerSet::layerAt(uint32_t offset) const {
+    size_t first = 0, end = read_.size();
+    while (first < end) {
+        const size_t middle = (first + end) / 2;
+        const ZLayer& layer = layers_[read_[middle]];
+        if (offset < layer.start)
+            end = middle;
+        else if (offset >= layer.end)
+            first = middle + 1;
+        else
+            return &layer;
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- all entries
+
+namespace {
+
+// Whether the model has a value that stands in this part of its text.
+class Counting {
+public:
+    explicit Counting(const ZPStore& store) : store_(store) {}
+
+    // `empty`: the entry has none, and counts if nothing else gives the key any.
+    bool operator()(ZSpan stanza, ZSpan key, ZPStore::Kind kind, uint32_t start, uint32_t end,
+                    bool empty) const {
+        const ZPId id = store_.keyInMap(stanza, key);
+        if (id == ZPStore::none)
+            return false;
+        if (empty)
+            return store_.values(id, ZPStore::plain).count() == 0 &&
+                   store_.values(id, ZPStore::hidden).count() == 0;
+        const uint32_t count = store_.values(id, kind).count();
+        uint32_t first = 0, last = count;  // places rise: they were read one behind the other
+        while (first < last) {
+            const uint32_t middle = (first + last) / 2;
+            const ZPSlice* place = store_.placeOfValue(id, kind, middle);
+            if (place == nullptr || place->offset >= end)
+                last = middle;
+            else if (place->offset < start)
+                first = middle + 1;
+            else
+                return true;
+        }
+        return false;
+    }
+
+private:
+    const ZPStore& store_;
+};
+
+}  // namespace
+
+void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
+    for (const size_t index : read_) {
+        const ZLayer& layer = layers_[index];
+        if (layer.kind == ZLayer::file) {
+            walkText(model, layer, visit, data);
+            walkHidden(model, layer, visit, data);
+            continue;
+        }
+        const ZPStore& store = storeOf(model);
+        const bool isHidden = layer.kind == ZLayer::credential;
+        const ZSpan value = store.text().span({layer.start, layer.end - layer.start});
+        const bool counts = Counting(store)(spanOf(layer.stanza), spanOf(layer.key),
+                                            isHidden ? ZPStore::hidden : ZPStore::plain,
+                                            layer.start, layer.end, value.size == 0);
+        visit(data, {spanOf(layer.stanza), spanOf(layer.key), value, &layer, 0, isHidden, counts});
+    }
+}
+
+void ZLayerSet::walkText(const ZSCFData& model, const ZLayer& layer, Visitor visit,
+                         void* data) const {
+    const ZPStore& store = storeOf(model);
+    const ZLineGrammar grammar;
+    const Counting counts(store);
+    ZSpan stanza = {nullptr, 0};
+    int line = 1;
+    for (uint32_t at = layer.start; at < layer.textEnd;) {
+        const char* text = store.text(at);
+        const size_t length = zlineLength(text, layer.textEnd - at);
+        const ZLineParts parts = grammar.divideRaw({text, length});
+        const bool isSide = zequals(stanza, zspanOf(kSideStanza)) &&
+                            zequals(parts.name, zspanOf(kSideKey));
+        if (parts.kind == zlineHeader) {
+            stanza = parts.name;
+        } else if (parts.kind == zlineEntry && !isSide) {
+            const uint32_t place = at + static_cast<uint32_t>(parts.value.data - text);
+            const bool has = counts(stanza, parts.name, ZPStore::plain, place, place + 1,
+                                    parts.value.size == 0);
+            visit(data, {stanza, parts.name, parts.value, &layer, line, false, has});
+        }
+        line += text[length - 1] == '\n';
+        at += static_cast<uint32_t>(length);
+    }
+}
+
+void ZLayerSet::walkHidden(const ZSCFData& model, const ZLayer& layer, Visitor visit,
+                           void* data) const {
+    if (layer.side.size() == 0)
+        return;
+    ZSCFData own;
+    zreadSide(own, zspanOf(layer.side));
+    const Counting counts(storeOf(model));
+    const ZPStore& store = storeOf(own);
+    for (ZPId key = store.firstFollowed(); key != ZPStore::none; key = store.nextFollowed(key)) {
+        const ZSpan stanza = store.text().span(store.stanza(store.key(key).stanza).name);
+        const ZSpan name = store.text().span(store.key(key).name);
+        const ZPValueView values = store.values(key, ZPStore::hidden);
+        const bool has = counts(stanza, name, ZPStore::hidden, layer.textEnd, layer.end, false);
+        for (uint32_t i = 0; i < values.count(); ++i)
+            visit(data, {stanza, name, values[i], &layer, 0, true, has});
+    }
+}

@@ -1,0 +1,105 @@
+// zlayerset.h: the files of a layered configuration in one model, and where each value comes from.
+// Never installed.
+#ifndef Z_ZLAYERSET_H
+#define Z_ZLAYERSET_H
+
+#include "ZSCFData.h"
+#include "zlayertree.h"
+#include "zpstore.h"
+
+/// Something that gives entries: a file that was found, or behind all files one variable or
+/// credential.
+struct ZLayer {
+    enum Kind { file, variable, credential };
+
+    Kind kind;
+    ZLayerFile found;      // of the others only the path: "$NAME", or the credential's
+    bool isRead;           // its text is in the model's:
+    uint32_t start;        //   its begin
+    uint32_t textEnd;      //   the end of what isn't hidden
+    uint32_t end;          //   the end of its hidden values
+    int badLine;           // of a bad file: from 1; 0 if it isn't about a line
+    ZLCString reason;      // of a bad file: the bad line, or what failed and why
+    ZBytes side;           // of a file: its side database; empty if it has none
+    ZLCString stanza, key;  // of the others
+
+    bool isBad() const { return found.state == ZLayerFile::bad; }
+};
+
+/// One entry of a file, or a value of another layer.
+struct ZLayerValue {
+    ZSpan stanza, key, value;
+    const ZLayer* layer;
+    int line;       // as origin() gives it
+    bool isHidden;  // stands in a side database, or is a credential
+    bool counts;    // the model has it
+};
+
+/// One thread at a time.
+class ZLayerSet : public ZAllocated {
+public:
+    /// Raises as ZLayerTree's.
+    explicit ZLayerSet(const ZLayersTerms& terms);
+
+    const ZLayerTree& tree() const { return tree_; }
+    /// Of the last load, in their order: the last goes before all others.
+    const ZVector<ZLayer>& layers() const { return layers_; }
+    /// What the last load has found; see ZLayerTree.
+    const ZVector<ZLayerFile>& found() const { return found_; }
+
+    /// Empties the model and reads all files into it, each under a lock for which `wait`
+    /// milliseconds are waited. The model is of one moment: what changes meanwhile has the reading
+    /// begin again. Raises ZPropertiesIOException, with "load()" and EAGAIN if that never ends, and
+    /// ZPropertiesInvalidDataException; the model is empty or holds a part then. Linear in the
+    /// bytes that are read, but for sorting names.
+    void load(ZSCFData& model, unsigned long wait);
+
+    /// Where a value of the model comes from that this set has loaded last. False if it was set
+    /// since. The layer is this set's; the line counts from 1 and is 0 if the value is hidden or
+    /// of no file. The first asking looks through the layer once.
+    bool origin(const ZSCFData& model, const char* stanza, const char* key, uint32_t index,
+                const ZLayer*& layer, int& line) const;
+
+    /// Calls visit(value) for each entry of all layers, in their order. Those of one side database
+    /// come behind its file's. Linear.
+    template <typename Visit>
+    void forEachValue(const ZSCFData& model, Visit visit) const {
+        walk(
+            model,
+            [](void* data, const ZLayerValue& value) { (*static_cast<Visit*>(data))(value); },
+            &visit);
+    }
+
+private:
+    typedef void (*Visitor)(void* data, const ZLayerValue& value);
+
+    bool readAll(ZSCFData& model, unsigned long wait, bool checksFirst);
+    bool readFile(ZSCFData& model, ZLayer& layer, unsigned long wait, bool checksFirst);
+    void readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
+                     struct ZFileContent& content) const;
+    void readVariables(ZSCFData& model);
+    void readVariable(ZSCFData& model, ZSpan stanza, ZSpan key);
+    void addValue(ZSCFData& model, ZLayer& layer, ZPStore::Kind kind, ZSpan value);
+    void readCredentials(ZSCFData& model);
+    void begin(ZSCFData& model, ZLayer& layer) const;
+    void requireFiles() const;
+    [[noreturn]] void raiseBad(const ZLayer& layer) const;
+    const ZLayer* layerAt(uint32_t offset) const;
+    int lineOf(const ZSCFData& model, const ZLayer& layer, uint32_t offset) const;
+    void walk(const ZSCFData& model, Visitor visit, void* data) const;
+    void walkText(const ZSCFData& model, const ZLayer& layer, Visitor visit, void* data) const;
+    void walkHidden(const ZSCFData& model, const ZLayer& layer, Visitor visit, void* data) const;
+
+    const ZLayerTree tree_;
+    const unsigned long flags_;
+    ZLCString variablePrefix_;  // empty: none count
+    ZVector<ZLCString> keys_;   // stanza, key, for variables
+    ZVector<ZLayerFile> found_;
+    ZVector<ZLayer> layers_;
+    ZVector<size_t> read_;  // those whose text is in the model's
+    // Of the layer that was asked for last: how many lines end ahead of each piece of its text.
+    mutable const ZLayer* counted_;
+    mutable ZVector<uint32_t> marks_;
+};
+
+#endif

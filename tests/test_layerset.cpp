@@ -1,0 +1,173 @@
+// What values a layered configuration has, and where each comes from.
+#include "support/Prelude.h"
+
+#include "Z/zlayerset.h"
+#include "support/Raised.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+namespace {
+
+struct Set {
+    explicit Set(const TempFolder& root, unsigned long flags = 0) : set(terms(root, flags)) {}
+
+    ZLayersTerms terms(const TempFolder& root, unsigned long flags) {
+        static const char* const kRoots[] = {"/usr", "/etc", nullptr};
+        static const char* const kKeys[] = {"new", "k.1", "s", "b", nullptr};
+        prefix = root / "";
+        ZLayersTerms made = {};
+        made.size = sizeof made;
+        made.name = "app";
+        made.roots = kRoots;
+        made.prefix = prefix.c_str();
+        made.environment = "APP";
+        made.keys = kKeys;
+        made.flags = flags;
+        return made;
+    }
+
+    string shortened(const string& path) const {
+        return path.compare(0, prefix.size(), prefix) == 0 ? path.substr(prefix.size()) : path;
+    }
+
+    // Each value of the stanza s as "key=value@file:line".
+    string values() {
+        string out;
+        for (const char* key : {"a", "b", "c"}) {
+            ZArrayList list(1, 1);
+            if (model.contains("s", key) == 0)
+                continue;
+            model.copyValues("s", key, list);
+            out += list.size() == 0 ? string(key) + "= " : "";
+            for (unsigned int i = 0; i < list.size(); ++i) {
+                const ZLayer* layer = nullptr;
+                int line = -1;
+                const bool has = set.origin(model, "s", key, i, layer, line);
+                out += string(key) + "=" + static_cast<ZLCString*>(list.get(i))->getChars() + "@" +
+                       (has ? shortened(layer->found.path.getChars()) : "?") + ":" +
+                       std::to_string(line) + " ";
+            }
+        }
+        return out;
+    }
+
+    // All entries as "key=value@line", those that count with a "+", hidden ones with a "*".
+    string entries() {
+        string out;
+        set.forEachValue(model, [&](const ZLayerValue& value) {
+            out += string(value.key.data, value.key.size) + "=" +
+                   string(value.value.data, value.value.size) + "@" + std::to_string(value.line) +
+                   (value.isHidden ? "*" : "") + (value.counts ? "+ " : " ");
+        });
+        return out;
+    }
+
+    string load() {
+        return raised([&] { set.load(model, 0); });
+    }
+
+    string prefix;
+    ZLayerSet set;
+    ZSCFData model;
+};
+
+typedef std::vector<std::pair<const char*, const char*>> Files;
+
+void write(const TempFolder& root, const Files& files) {
+    for (const auto& file : files) {
+        const string path = root / file.first;
+        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
+        root.write(file.first, file.second);
+    }
+}
+
+// clang-format off
+const struct { Files files; unsigned long flags; const char *values, *entries; } kValues[] = {
+    {{{"usr/app.conf", "# c\n\n[s]\na = 1\na = 2\nb = 3\n"}, {"etc/app.conf.d/1.conf", "[s]\n\nb=4"}},
+     0, "a=1@usr/app.conf:4 a=2@usr/app.conf:5 b=4@etc/app.conf.d/1.conf:3 ",
+     "a=1@4+ a=2@5+ b=3@6 b=4@3+ "},
+    // An empty entry takes all away, but not what comes behind it in its file.
+    {{{"usr/app.conf", "[s]\na = 1\nb = 2\n"}, {"usr/app.conf.d/1.conf", "[s]\na =\nb =\nb = 3\n"}},
+     0, "a= b=3@usr/app.conf.d/1.conf:4 ", "a=1@2 b=2@3 a=@2+ b=@3 b=3@4+ "},
+    // A header comes once in a file, and once in each.
+    {{{"usr/app.conf", "[s]\na = 1\n[t]\n"}, {"usr/app.conf.d/1.conf", "[t]\nx = 1\n[s]\nc = 2\n"}},
+     0, "a=1@usr/app.conf:2 c=2@usr/app.conf.d/1.conf:4 ", "a=1@2+ x=1@2+ c=2@4+ "},
+    {{{"usr/app.conf", "[s]\na = 1\na = 2\n"}, {"usr/app.conf.d/1.conf", "[s]\na = 3\n"},
+      {"usr/app.conf.d/2.conf", "[s]\na = 1\n"}},
+     ZLAYERS_COLLECT, "a=1@usr/app.conf:2 a=2@usr/app.conf:3 a=3@usr/app.conf.d/1.conf:2 "
+     "a=1@usr/app.conf.d/2.conf:2 ", "a=1@2+ a=2@3+ a=3@2+ a=1@2+ "},
+    {{{"usr/app.conf", "[s]\na = 1\n"}, {"usr/app.conf.d/1.conf", "[s]\na = 2\na =\na = 3\n"}},
+     ZLAYERS_COLLECT, "a=3@usr/app.conf.d/1.conf:4 ", "a=1@2 a=2@2 a=@3 a=3@4+ "},
+    // A file that is no configuration file is told or left out, and no part of it stays.
+    {{{"usr/app.conf", "[s]\na = 1\nb = 1\n"}, {"usr/app.conf.d/1.conf", "[s]\na = 2\nbad\n"},
+      {"usr/app.conf.d/2.conf", "[s]\nb = 2\n"}},
+     ZLAYERS_SKIP_BAD, "a=1@usr/app.conf:2 b=2@usr/app.conf.d/2.conf:2 ", "a=1@2+ b=1@3 b=2@2+ "},
+};
+// clang-format on
+
+TEST(LayerSet, GivesValuesWithTheirOrigins) {
+    for (const auto& row : kValues) {
+        SCOPED_TRACE(row.values);
+        const TempFolder root;
+        write(root, row.files);
+        Set set(root, row.flags);
+        ASSERT_EQ(set.load(), "");
+        EXPECT_EQ(set.values(), row.values);
+        EXPECT_EQ(set.entries(), row.entries);
+        // What is set has no origin, and everything else keeps its own.
+        const string before = set.values();
+        set.model.addLine("s", "a", "9", 0);
+        const string now = set.values();
+        EXPECT_EQ(now.substr(0, 9), "a=9@?:-1 ");
+        const size_t others = std::min(before.find("b="), before.find("c="));
+        EXPECT_EQ(now.substr(9), others == string::npos ? "" : before.substr(others));
+    }
+}
+
+TEST(LayerSet, TellsTheLineOfABadFile) {
+    const TempFolder root;
+    write(root, {{"usr/app.conf", "[s]\na = 1\n"}, {"etc/app.conf.d/2.conf", "[s]\n\n[s]\n"}});
+    Set set(root);
+    EXPECT_EQ(set.load(), "line 3");
+    const ZLayer& bad = set.set.layers().back();
+    EXPECT_EQ(bad.badLine, 3);
+    EXPECT_STREQ(bad.reason.getChars(), "[s]");
+    Set none(root, ZLAYERS_NEEDS_MAIN);
+    std::filesystem::remove(root / "usr/app.conf");
+    EXPECT_EQ(none.load(), "line 3");
+    root.write("etc/app.conf.d/2.conf", "[s]\n");
+    EXPECT_EQ(none.load(), "fopen(r) 2");
+}
+
+TEST(LayerSet, TakesVariablesCredentialsAndSideDatabases) {
+    const TempFolder root;
+    write(root, {{"usr/app.conf", "[s]\na = 1\nb = 2\n[configuration-database]\nfile = /etc/side\n"},
+                 {"creds/s.c", "secret\n"},
+                 {"creds/other", ""}});
+    std::filesystem::create_directories(root / "etc");
+    ZSCFData hidden;
+    hidden.addLine("s", "c", "lower", 1);
+    ZBuffer packed;
+    hidden.be_write_obfuscated(packed);
+    root.write("etc/side", string(static_cast<const char*>(packed.getBuffer()),
+                                  packed.getLength()));
+    Set set(root);
+    ASSERT_EQ(set.load(), "");
+    EXPECT_EQ(set.values(), "a=1@usr/app.conf:2 b=2@usr/app.conf:3 c=lower@usr/app.conf:0 ");
+    EXPECT_EQ(set.entries(), "a=1@2+ b=2@3+ c=lower@0*+ ");
+    EXPECT_EQ(set.model.contains("configuration-database"), 0);
+
+    setenv("APP_S_A", "", 1);
+    setenv("APP_NEW_K_1", "x = [y]", 1);
+    setenv("CREDENTIALS_DIRECTORY", (root / "creds").c_str(), 1);
+    Set over(root, ZLAYERS_CREDENTIALS);
+    ASSERT_EQ(over.load(), "");
+    EXPECT_EQ(over.values(), "a= b=2@usr/app.conf:3 c=secret@creds/s.c:0 ");
+    EXPECT_EQ(over.entries(), "a=1@2 b=2@3+ c=lower@0* a=@0+ k.1=x = [y]@0+ c=secret@0*+ ");
+    EXPECT_EQ(over.model.isObfuscated("s", "c"), 1);
+    for (const char* name : {"APP_S_A", "APP_NEW_K_1", "CREDENTIALS_DIRECTORY"})
+        unsetenv(name);
+}
+
+}  // namespace
