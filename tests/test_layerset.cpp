@@ -142,16 +142,17 @@ TEST(LayerSet, TellsTheLineOfABadFile) {
 
 TEST(LayerSet, TakesVariablesCredentialsAndSideDatabases) {
     const TempFolder root;
-    write(root, {{"usr/app.conf", "[s]\na = 1\nb = 2\n[configuration-database]\nfile = /etc/side\n"},
-                 {"creds/s.c", "secret\n"},
-                 {"creds/other", ""}});
+    write(root,
+          {{"usr/app.conf", "[s]\na = 1\nb = 2\n[configuration-database]\nfile = /etc/side\n"},
+           {"creds/s.c", "secret\n"},
+           {"creds/other", ""}});
     std::filesystem::create_directories(root / "etc");
     ZSCFData hidden;
     hidden.addLine("s", "c", "lower", 1);
     ZBuffer packed;
     hidden.be_write_obfuscated(packed);
-    root.write("etc/side", string(static_cast<const char*>(packed.getBuffer()),
-                                  packed.getLength()));
+    root.write("etc/side",
+               string(static_cast<const char*>(packed.getBuffer()), packed.getLength()));
     Set set(root);
     ASSERT_EQ(set.load(), "");
     EXPECT_EQ(set.values(), "a=1@usr/app.conf:2 b=2@usr/app.conf:3 c=lower@usr/app.conf:0 ");

@@ -20,8 +20,12 @@ ZAbstractProperties::ZPropResourceLock::~ZPropResourceLock() noexcept(false) {
         zrunReported([this] { lock_.unlock(); });
 }
 
-ZProperties::ZProperties(ZPCache* cache)
-    : cache_(cache), modified_(0), loading_(0), timeStamp_(0), file_(new ZPropertiesFile(*this)) {}
+static ZPropertiesFile* makeOneFile(ZProperties& object) { return new ZPropertiesFile(object); }
+
+ZProperties::ZProperties(ZPCache* cache) : ZProperties(cache, makeOneFile) {}
+
+ZProperties::ZProperties(ZPCache* cache, ZPropertiesFile* (*make)(ZProperties& object))
+    : cache_(cache), modified_(0), loading_(0), timeStamp_(0), file_(make(*this)) {}
 
 ZProperties::ZProperties(const ZProperties& other) : ZProperties(nullptr) {
     ZResourceLock guard(other.lock_);
@@ -278,11 +282,13 @@ void ZProperties::deleteKey(const char* category, const char* key) {
 }
 
 void ZProperties::addFileComment(const char* text) {
+    file_->requireOneFile();
     changeComment(text, [&](const char* comment) { cache_->addFileComment(comment); });
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
     zrequireNames(category, key);
+    file_->requireOneFile();
     changeComment(text,
                   [&](const char* comment) { cache_->addLineComment(category, key, comment); });
 }

@@ -331,6 +331,9 @@ private:
                 Change apply);
     void setOnly(const char* category, const char* key, const char* value, int obfuscated);
     static ZProperties* findPropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
+    // With a file's side that `make` gives.
+    ZProperties(ZPCache* cache, ZPropertiesFile* (*make)(ZProperties& object));
+
     static ZProperties* makePropertiesFor(const char* file, ZAbstractPropertiesFactory& factory);
 
     ZPropertiesFile* const file_;  // what the object knows of its file

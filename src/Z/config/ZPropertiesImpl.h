@@ -12,6 +12,7 @@
 #include "zmemory.h"
 #include "zopenupdates.h"
 #include "zraise.h"
+#include "zscope.h"
 #include "zstoremodes.h"
 #include "zwholefile.h"
 
@@ -32,6 +33,7 @@ void makeObfuscatedDBName(const char* file, ZLCString& out);
 class ZPropertiesFile : public ZAllocated {
 public:
     explicit ZPropertiesFile(ZProperties& object);
+    virtual ~ZPropertiesFile() {}
     static ZPropertiesFile& of(const ZProperties& object) { return *object.file_; }
 
     // What else the units around an object need of it.
@@ -68,7 +70,7 @@ public:
 
     // --- load ---
 
-    void load(const char* file);
+    virtual void load(const char* file);
     void reload(const char* file);
     /// Takes the lock. Somebody else's lock on the file makes it fail.
     void loadWithoutWaiting(const char* file);
@@ -85,21 +87,52 @@ public:
     // --- store ---
 
     /// The caller has made checkFileAccess(path), without the lock.
-    void store(const ZLCString& path);
+    virtual void store(const ZLCString& path);
     /// What is to be stored of a text that the cache has written, into a file that holds `oldText`;
     /// in `kept`, if it keeps lines of that. Raises for a text that a strict load would refuse.
     ZSpan finishText(const ZLCString& path, ZSpan oldText, ZSpan text, ZBytes& kept) const;
 
+    /// Refuses what can only be done to one file, with a reason, where there are several.
+    virtual void requireOneFile() const {}
+
     // --- updates ---
+
+    /// Makes what has to be there ahead of locking the file; true if the file itself may be made,
+    /// to be removed if nothing is stored in it.
+    virtual bool prepareUpdate() { return false; }
+    /// Whether an update that begins locks other files too. It waits for none of them while it has
+    /// its own, for their owners may wait for that.
+    virtual bool locksOthers() const { return false; }
+    /// The file of an update has been given up.
+    virtual void noteUpdateEnded() {}
 
     bool hasUpdate() const { return update_ != nullptr; }
     /// Its file; null without one.
     const ZUpdatedFile* update() const { return update_; }
     /// Reads the file of an update that begins.
-    void beginUpdate(ZUpdatedFile& file);
+    virtual void beginUpdate(ZUpdatedFile& file);
     void endUpdate() { update_ = nullptr; }
     /// Makes the object what the update's file held last, from memory.
-    void restore(const ZUpdatedFile& file);
+    virtual void restore(const ZUpdatedFile& file);
+
+    void setPath(const ZLCString& path) { object_.fileName_ = path; }
+
+protected:
+    // For those that aren't one file.
+    void setUpdate(ZUpdatedFile& file) { update_ = &file; }
+    ZUpdatedFile* openUpdate() const { return update_; }
+    unsigned long lockWait() const { return lockWait_; }
+    /// No change notice goes out while `call` runs; the object holds what its files hold then.
+    template <typename Call>
+    void readBy(Call call) {
+        object_.loading_ = 1;
+        const ZAtEnd loaded([this] { object_.loading_ = 0; });
+        outcome_ = kFailed;
+        call();
+        object_.resetModified();
+        outcome_ = kLoaded;
+    }
+    void requireLoaded() const { zrequire(outcome_ == kLoaded); }
 
 private:
     // How the last reading ended: an incomplete one has met a failure that plain objects pass over.

@@ -4,6 +4,7 @@
 // Order of locks: the object's lock, the file's lock.
 #include "ZPropertiesUpdate.h"
 
+#include <cstring>
 #include <memory>
 
 #include "ZPropertiesImpl.h"
@@ -15,7 +16,7 @@ public:
     Progress(ZProperties& properties, unsigned long wait)
         : properties_(properties),
           known_(ZPropertiesFile::of(properties)),
-          file_(path(), {zlockOfDescription, wait}, false) {
+          file_(path(), {zlockOfDescription, wait}, known_.prepareUpdate()) {
         updated_.descriptor = file_.descriptor();
         updated_.thread = pthread_self();
         zcheckIO(zstampFile(updated_.descriptor, updated_.stamp).of(path()));
@@ -25,8 +26,36 @@ public:
     ~Progress() {
         known_.endUpdate();
         zforgetUpdate(updated_);
-        file_.finish().passOver();
     }
+
+    // Tries again as a whole while one of several files is locked.
+    static Progress* makeAmongOthers(ZProperties& properties, unsigned long wait) {
+        struct Attempt {
+            ZProperties& properties;
+            ZLCString path;
+            Progress* made;
+        } attempt = {properties, ZLCString(), nullptr};
+        const ZFailure failure = zretryLocked(
+            wait,
+            [](void* data) {
+                Attempt& own = *static_cast<Attempt*>(data);
+                try {
+                    own.made = new Progress(own.properties, 0);
+                    return zdone;
+                } catch (ZPropertiesIOException& e) {
+                    const ZFailure busy = {"fcntl()", e.excerrno(), nullptr};
+                    if (strcmp(e.api(), busy.call) != 0 || !busy.isLockedByOthers())
+                        throw;
+                    own.path = e.propFile();
+                    return busy;
+                }
+            },
+            &attempt);
+        zcheckIO(failure.of(attempt.path.getChars()));
+        return attempt.made;
+    }
+
+    ZPropertiesFile& file() const { return known_; }
 
     void store() {
         // Somebody has put another file in its place, without asking for the lock. What he wrote
@@ -38,6 +67,7 @@ public:
 
     // Closes the file after a store.
     void finish() {
+        file_.forgetCreated();  // there was nothing to store
         const ZFailure failure = file_.finish();
         // A text that was synced has nothing left to lose.
         if (!failure || known_.storeMode() != ZPROP_STORE_CHECKED)
@@ -65,7 +95,8 @@ ZPropertiesUpdate::ZPropertiesUpdate(ZProperties& properties, unsigned long wait
     zrequire(properties.isModified() == 0);
     zrequire(known.path().getLength() != 0);
     zrequire(!known.hasUpdate());
-    progress_ = new Progress(properties, waitMilliseconds);
+    progress_ = known.locksOthers() ? Progress::makeAmongOthers(properties, waitMilliseconds)
+                                    : new Progress(properties, waitMilliseconds);
 }
 
 ZPropertiesUpdate::~ZPropertiesUpdate() noexcept(false) {
@@ -76,16 +107,23 @@ ZPropertiesUpdate::~ZPropertiesUpdate() noexcept(false) {
 void ZPropertiesUpdate::commit() {
     zrequire(progress_ != nullptr);
     progress_->store();
-    const std::unique_ptr<Progress> ended(progress_);
+    std::unique_ptr<Progress> ended(progress_);
     progress_ = nullptr;
     ended->finish();
+    ZPropertiesFile& file = ended->file();
+    ended.reset();
+    file.noteUpdateEnded();
 }
 
 void ZPropertiesUpdate::rollback() {
-    const std::unique_ptr<Progress> ended(progress_);
+    std::unique_ptr<Progress> ended(progress_);
     progress_ = nullptr;
-    if (ended != nullptr)
-        ended->restore();
+    if (ended == nullptr)
+        return;
+    ended->restore();
+    ZPropertiesFile& file = ended->file();
+    ended.reset();
+    file.noteUpdateEnded();
 }
 
 int ZPropertiesUpdate::isOpen() const { return progress_ != nullptr; }

@@ -25,6 +25,7 @@ ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
     {
         ZPropertiesFile& known = ZPropertiesFile::of(properties);
         ZProperties::ZPropResourceLock guard(known.lock());
+        known.requireOneFile();
         path_ = known.path();
     }
     zrequire(path_.getLength() != 0);

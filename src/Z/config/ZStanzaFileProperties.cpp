@@ -101,6 +101,11 @@ ZStanzaFileProperties::ZStanzaFileProperties(int keepComments)
         setAttributes(ZPCACHE_KEEP_COMMENTS, nullptr);
 }
 
+ZStanzaFileProperties::ZStanzaFileProperties(ZPropertiesFile* (*make)(ZProperties& object))
+    : ZProperties((getFactory(), nullptr), make) {
+    cache_ = new ZSCFData;
+}
+
 ZStanzaFileProperties::ZStanzaFileProperties(const char* file, int keepComments)
     : ZStanzaFileProperties(keepComments) {
     load(file);

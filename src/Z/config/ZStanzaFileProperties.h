@@ -213,6 +213,9 @@ public:
     void backUp(unsigned int count) const;
 
 private:
+    friend class ZLayers;
+    // With a file's side that `make` gives.
+    explicit ZStanzaFileProperties(ZPropertiesFile* (*make)(ZProperties& object));
     static void makeFactory();
     // Makes one edit of names or lines. Where it finds what it is about, tells what has gone and
     // what has come, each of which may be null.

@@ -18,6 +18,7 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     zrequire(bytes != nullptr || length == 0);
     const ZSpan text = {static_cast<const char*>(bytes), length};
     ZResourceLock guard(lock_);
+    ZPropertiesFile::of(*this).requireOneFile();
     // Bad data shows in a model that nobody has.
     ZSCFData trial;
     trial.setAttributes(cache_->attributes(), nullptr);
@@ -70,6 +71,7 @@ void ZStanzaFileProperties::getComments(const char* stanza, const char* key,
 void ZStanzaFileProperties::deleteComments(const char* stanza, const char* key) {
     requireCommented(stanza, key);
     ZResourceLock guard(lock_);
+    ZPropertiesFile::of(*this).requireOneFile();
     if (ZModelContent::removeComments(data(), stanza, key))
         setModified();
 }

@@ -15,6 +15,7 @@ int ZStanzaFileProperties::changeLines(const ZChangeNames* gone, const ZChangeNa
                                        Edit edit) {
     {
         ZResourceLock guard(lock_);
+        ZPropertiesFile::of(*this).requireOneFile();
         if (!edit())
             return 0;
         setModified();
@@ -74,6 +75,7 @@ void ZStanzaFileProperties::storeBytesOver(const void* bytes, size_t length, ZBu
     ZMemoryStream stream;
     ZBytes kept;
     ZResourceLock guard(lock_);
+    ZPropertiesFile::of(*this).requireOneFile();
     cache_->be_write(fileName_.getChars(), stream.get());
     give(ZPropertiesFile::of(*this).finishText(fileName_, {static_cast<const char*>(bytes), length},
                                                stream.finish(), kept),

@@ -12,7 +12,8 @@ int zreadContent(ZPCache& cache, const ZLCString& path, const ZFileToRead& file,
                  ZFileContent& content) {
     content.side.setSize(0);
     const int descriptor = file.descriptor;
-    ZJournal journal(file.place == nullptr ? path.getChars() : file.place->getChars(), descriptor, file.isDirect);
+    ZJournal journal(file.place == nullptr ? path.getChars() : file.place->getChars(), descriptor,
+                     file.isDirect);
     const bool unfinished = journal.find();
     if (!unfinished && !keepsText) {
         if (file.stream != nullptr)

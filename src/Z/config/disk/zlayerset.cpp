@@ -63,20 +63,42 @@ static ZLayer layerOf(ZLayer::Kind kind, const ZLayerFile& found) {
 
 // ---------------------------------------------------------------- load
 
-void ZLayerSet::load(ZSCFData& model, unsigned long wait) {
+// The entry that names a side database is no value of the configuration's.
+static void forgetSideName(ZSCFData& model) {
+    ZPStore& store = storeOf(model);
+    model.setObfuscatedDBName("");
+    const ZPId key = store.keyInMap(zspanOf(kSideStanza), zspanOf(kSideKey));
+    if (key == ZPStore::none)
+        return;
+    store.removeKey(key);
+    const ZPId stanza = store.stanzaInMap(zspanOf(kSideStanza));
+    if (model.keyCount(kSideStanza) == 0)
+        store.removeStanza(stanza);
+}
+
+void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own) {
+    read_.clear();
+    counted_ = nullptr;
+    loadFiles(model, {wait, own, false});
+    readVariables(model);
+    readCredentials(model);
+    storeOf(model).endLayers();
+    for (size_t i = 0; i < layers_.size(); ++i)
+        if (layers_[i].isRead)
+            read_.push_back(i);
+}
+
+void ZLayerSet::loadFiles(ZSCFData& model, Reading reading) {
     // What is bad shows only once it was read. Then all is read once more, each file by itself
     // first, so that of a bad one nothing stays in the model.
-    bool checksFirst = false;
     for (int tries = 0; tries < kMostTries; ++tries) {
         tree_.find(found_);
         layers_.clear();
-        counted_ = nullptr;
-        read_.clear();
         model.clear();
         for (const ZLayerFile& file : found_)
             layers_.push_back(layerOf(ZLayer::file, file));
-        if (!readAll(model, wait, checksFirst)) {
-            checksFirst = true;
+        if (!readAll(model, reading)) {
+            reading.checksFirst = true;
             continue;
         }
         ZVector<ZLayerFile> now;
@@ -87,21 +109,45 @@ void ZLayerSet::load(ZSCFData& model, unsigned long wait) {
             if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
                 raiseBad(layer);
         requireFiles();
-        readVariables(model);
-        readCredentials(model);
-        storeOf(model).endLayers();
-        for (size_t i = 0; i < layers_.size(); ++i)
-            if (layers_[i].isRead)
-                read_.push_back(i);
         return;
     }
-    zraiseIO(tree_.mainName().getChars(), "load()", EAGAIN);
+    zraiseIO(tree_.mainPath().getChars(), "load()", EAGAIN);
+}
+
+void ZLayerSet::rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const {
+    out.clear();
+    out.setAttributes(model.attributes(), nullptr);
+    for (const size_t index : read_) {
+        const ZLayer& layer = layers_[index];
+        if (index >= end || !isLoaded(model, layer))
+            break;
+        storeOf(out).beginLayer((flags_ & ZLAYERS_COLLECT) != 0);
+        if (layer.kind == ZLayer::file) {
+            zreadText(out, layer.found.path.getChars(),
+                      storeOf(model).text().span({layer.start, layer.textEnd - layer.start}));
+            if (layer.side.size() != 0)
+                zreadSide(out, zspanOf(layer.side));
+            forgetSideName(out);
+        } else {
+            storeOf(out).addLayerValue(
+                spanOf(layer.stanza), spanOf(layer.key),
+                layer.kind == ZLayer::credential ? ZPStore::hidden : ZPStore::plain,
+                storeOf(model).text().span({layer.start, layer.end - layer.start}));
+        }
+        zassert(storeOf(out).textSize() == layer.end);
+    }
+    storeOf(out).endLayers();
+}
+
+// The model may have been emptied since.
+bool ZLayerSet::isLoaded(const ZSCFData& model, const ZLayer& layer) const {
+    return layer.end <= storeOf(model).textSize();
 }
 
 // False if a file turned out to be bad, so that the model holds a part of it.
-bool ZLayerSet::readAll(ZSCFData& model, unsigned long wait, bool checksFirst) {
+bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
     for (ZLayer& layer : layers_)
-        if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, wait, checksFirst))
+        if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))
             return false;
     return true;
 }
@@ -141,31 +187,20 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
         zraiseIO(layer.found.path.getChars(), "read()", incomplete);
 }
 
-// The entry that names a side database is no value of the configuration's.
-static void forgetSideName(ZSCFData& model) {
-    ZPStore& store = storeOf(model);
-    model.setObfuscatedDBName("");
-    const ZPId key = store.keyInMap(zspanOf(kSideStanza), zspanOf(kSideKey));
-    if (key == ZPStore::none)
-        return;
-    store.removeKey(key);
-    const ZPId stanza = store.stanzaInMap(zspanOf(kSideStanza));
-    if (model.keyCount(kSideStanza) == 0)
-        store.removeStanza(stanza);
-}
-
-bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, unsigned long wait, bool checksFirst) {
+bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading) {
     ZOpenFile file(tree_.open(layer.found));
     if (file.get() < 0) {
         noteIO(layer, "fopen(r)", errno);
         return true;  // the model has nothing of it
     }
     ZLockScope lock(file, zlockOfDescription);
-    zcheckIO(zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, wait)
-                 .of(layer.found.path.getChars()));
+    const bool isOwn = reading.own != nullptr && zsameFile(*reading.own, layer.found.stamp);
+    if (!isOwn)
+        zcheckIO(zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, reading.wait)
+                     .of(layer.found.path.getChars()));
     ZFileContent content;
     try {
-        if (checksFirst) {
+        if (reading.checksFirst) {
             ZSCFData trial;
             trial.setAttributes(model.attributes(), nullptr);
             readContent(trial, layer, file.get(), content);
@@ -181,10 +216,10 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, unsigned long wait, boo
         noteIO(layer, nullptr, 0);
         layer.badLine = e.badline();
         layer.reason = e.baddata();
-        return checksFirst;
+        return reading.checksFirst;
     } catch (ZPropertiesIOException& e) {
         noteIO(layer, strcmp(e.api(), "mapFile()") == 0 ? "mapFile()" : "read()", e.excerrno());
-        return checksFirst;
+        return reading.checksFirst;
     }
     layer.textEnd = layer.start + static_cast<uint32_t>(content.text.size());
     layer.end = static_cast<uint32_t>(storeOf(model).textSize());
@@ -210,8 +245,8 @@ void ZLayerSet::requireFiles() const {
         hasMain = hasMain || (isThere && layer.found.kind == ZLayerFile::mainFile &&
                               layer.found.state != ZLayerFile::masks);
     }
-    if (hasMain || ((flags_ & ZLAYERS_NEEDS_MAIN) == 0 &&
-                    (hasAny || (flags_ & ZLAYERS_MAY_BE_EMPTY) != 0)))
+    if (hasMain ||
+        ((flags_ & ZLAYERS_NEEDS_MAIN) == 0 && (hasAny || (flags_ & ZLAYERS_MAY_BE_EMPTY) != 0)))
         return;
     zraiseIO(tree_.mainPath().getChars(), "fopen(r)", ENOENT);
 }
@@ -330,14 +365,13 @@ int ZLayerSet::lineOf(const ZSCFData& model, const ZLayer& layer, uint32_t offse
         uint32_t lines = 0;
         for (uint32_t at = 0; at < layer.textEnd - layer.start; at += kPiece) {
             marks_.push_back(lines);
-            lines += newlinesIn(text + at,
-                                    std::min(kPiece, layer.textEnd - layer.start - at));
+            lines += newlinesIn(text + at, std::min(kPiece, layer.textEnd - layer.start - at));
         }
         counted_ = &layer;
     }
     const uint32_t at = offset - layer.start, piece = at / kPiece;
-    return static_cast<int>(marks_[piece] +
-                            newlinesIn(text + piece * kPiece, at - piece * kPiece) + 1);
+    return static_cast<int>(marks_[piece] + newlinesIn(text + piece * kPiece, at - piece * kPiece) +
+                            1);
 }
 
 bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* key, uint32_t index,
@@ -353,7 +387,7 @@ bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* ke
     if (place == nullptr || !zequals(store.text().span(*place), values[index]))
         return false;
     const ZLayer* found = layerAt(place->offset);
-    if (found == nullptr)
+    if (found == nullptr || !isLoaded(model, *found))
         return false;
     layer = found;
     line = found->kind == ZLayer::file && place->offset < found->textEnd
@@ -420,6 +454,8 @@ private:
 void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
     for (const size_t index : read_) {
         const ZLayer& layer = layers_[index];
+        if (!isLoaded(model, layer))
+            return;
         if (layer.kind == ZLayer::file) {
             walkText(model, layer, visit, data);
             walkHidden(model, layer, visit, data);
@@ -446,14 +482,14 @@ void ZLayerSet::walkText(const ZSCFData& model, const ZLayer& layer, Visitor vis
         const char* text = store.text(at);
         const size_t length = zlineLength(text, layer.textEnd - at);
         const ZLineParts parts = grammar.divideRaw({text, length});
-        const bool isSide = zequals(stanza, zspanOf(kSideStanza)) &&
-                            zequals(parts.name, zspanOf(kSideKey));
+        const bool isSide =
+            zequals(stanza, zspanOf(kSideStanza)) && zequals(parts.name, zspanOf(kSideKey));
         if (parts.kind == zlineHeader) {
             stanza = parts.name;
         } else if (parts.kind == zlineEntry && !isSide) {
             const uint32_t place = at + static_cast<uint32_t>(parts.value.data - text);
-            const bool has = counts(stanza, parts.name, ZPStore::plain, place, place + 1,
-                                    parts.value.size == 0);
+            const bool has =
+                counts(stanza, parts.name, ZPStore::plain, place, place + 1, parts.value.size == 0);
             visit(data, {stanza, parts.name, parts.value, &layer, line, false, has});
         }
         line += text[length - 1] == '\n';

@@ -13,14 +13,14 @@ struct ZLayer {
     enum Kind { file, variable, credential };
 
     Kind kind;
-    ZLayerFile found;      // of the others only the path: "$NAME", or the credential's
-    bool isRead;           // its text is in the model's:
-    uint32_t start;        //   its begin
-    uint32_t textEnd;      //   the end of what isn't hidden
-    uint32_t end;          //   the end of its hidden values
-    int badLine;           // of a bad file: from 1; 0 if it isn't about a line
-    ZLCString reason;      // of a bad file: the bad line, or what failed and why
-    ZBytes side;           // of a file: its side database; empty if it has none
+    ZLayerFile found;       // of the others only the path: "$NAME", or the credential's
+    bool isRead;            // its text is in the model's:
+    uint32_t start;         //   its begin
+    uint32_t textEnd;       //   the end of what isn't hidden
+    uint32_t end;           //   the end of its hidden values
+    int badLine;            // of a bad file: from 1; 0 if it isn't about a line
+    ZLCString reason;       // of a bad file: the bad line, or what failed and why
+    ZBytes side;            // of a file: its side database; empty if it has none
     ZLCString stanza, key;  // of the others
 
     bool isBad() const { return found.state == ZLayerFile::bad; }
@@ -52,7 +52,11 @@ public:
     /// begin again. Raises ZPropertiesIOException, with "load()" and EAGAIN if that never ends, and
     /// ZPropertiesInvalidDataException; the model is empty or holds a part then. Linear in the
     /// bytes that are read, but for sorting names.
-    void load(ZSCFData& model, unsigned long wait);
+    /// One of the files, `own`, may be locked by the caller; null: none is.
+    void load(ZSCFData& model, unsigned long wait, const ZFileStamp* own = nullptr);
+    /// Makes `out` what a load of the layers with an index below `end` has read, out of the model
+    /// that was loaded, whatever has been changed in it since.
+    void rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const;
 
     /// Where a value of the model comes from that this set has loaded last. False if it was set
     /// since. The layer is this set's; the line counts from 1 and is 0 if the value is hidden or
@@ -73,8 +77,16 @@ public:
 private:
     typedef void (*Visitor)(void* data, const ZLayerValue& value);
 
-    bool readAll(ZSCFData& model, unsigned long wait, bool checksFirst);
-    bool readFile(ZSCFData& model, ZLayer& layer, unsigned long wait, bool checksFirst);
+    // How the files of one load are read.
+    struct Reading {
+        unsigned long wait;
+        const ZFileStamp* own;
+        bool checksFirst;
+    };
+    void loadFiles(ZSCFData& model, Reading reading);
+    bool readAll(ZSCFData& model, const Reading& reading);
+    bool readFile(ZSCFData& model, ZLayer& layer, const Reading& reading);
+    bool isLoaded(const ZSCFData& model, const ZLayer& layer) const;
     void readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
                      struct ZFileContent& content) const;
     void readVariables(ZSCFData& model);

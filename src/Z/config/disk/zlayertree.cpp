@@ -108,6 +108,17 @@ ZLCString ZLayerTree::folderOf(unsigned int root, bool dropIns) const {
     return folder;
 }
 
+int ZLayerTree::rootOf(const char* root) const {
+    int index = static_cast<int>(roots_.size()) - 1;
+    if (root == nullptr)
+        return index;
+    const ZLCString folder(folderPath(root));
+    while (index >= 0 && !(roots_[static_cast<size_t>(index)] ==
+                           (folder.getLength() == 0 ? ZLCString("/") : folder)))
+        --index;
+    return index;
+}
+
 bool ZLayerTree::isDropInName(const char* name) const {
     const size_t length = strlen(name), suffix = suffix_.getLength();
     return length != 0 && *name != '.' && name[length - 1] != '~' && length >= suffix &&

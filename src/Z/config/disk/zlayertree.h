@@ -69,6 +69,8 @@ public:
     bool hasPrefix() const { return prefix_.getLength() != 0; }
     /// Where a file is looked for, without the prefix.
     ZLCString placeOf(const ZLayerFile& file) const;
+    /// The index of a root; null: the highest. -1 if there is no such one.
+    int rootOf(const char* root) const;
     /// Whether a file of this name can be a drop-in.
     bool isDropInName(const char* name) const;
     /// A path below the prefix with all links on the way to its folder followed inside it, so that

@@ -66,10 +66,11 @@ public:
 
     /// The content is in place: unlocks and closes.
     ZFailure finish();
+    /// Takes a file away again that was made here, as long as it is empty.
+    void forgetCreated();
 
 private:
     void open(bool mayCreate);
-    void forgetCreated();
 
     const ZLCString path_;
     ZOpenFile file_;

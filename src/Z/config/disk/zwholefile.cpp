@@ -241,9 +241,8 @@ static ZFailure tryLock(int descriptor, short type, ZLockOwner owner) {
     return zresultOf(fcntl(descriptor, command, &whole), "fcntl()");
 }
 
-ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
-                        unsigned long waitMilliseconds) {
-    ZFailure failure = tryLock(descriptor, type, owner);
+ZFailure zretryLocked(unsigned long waitMilliseconds, ZFailure (*attempt)(void* data), void* data) {
+    ZFailure failure = attempt(data);
     if (!failure || waitMilliseconds == 0)
         return failure;
     // Whoever waits longer than a hundred years waits for ever.
@@ -256,9 +255,25 @@ ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
         if (left <= 0)
             break;
         pauses.pause(left);
-        failure = tryLock(descriptor, type, owner);
+        failure = attempt(data);
     }
     return failure;
+}
+
+ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
+                        unsigned long waitMilliseconds) {
+    struct Terms {
+        int descriptor;
+        short type;
+        ZLockOwner owner;
+    } terms = {descriptor, type, owner};
+    return zretryLocked(
+        waitMilliseconds,
+        [](void* data) {
+            const Terms& wanted = *static_cast<Terms*>(data);
+            return tryLock(wanted.descriptor, wanted.type, wanted.owner);
+        },
+        &terms);
 }
 
 static std::atomic<unsigned int> forks(0);

@@ -144,8 +144,12 @@ private:
 /// of the file is closed; a description's lock belongs to one open. The two exclude each other.
 enum ZLockOwner { zlockOfProcess, zlockOfDescription };
 
+/// Calls attempt(data) until it gives anything but a failure that is somebody else's lock, with
+/// growing pauses that no two processes share, until the time is over. What it gave last.
+ZFailure zretryLocked(unsigned long waitMilliseconds, ZFailure (*attempt)(void* data), void* data);
+
 /// Locks the whole file, `type` being F_RDLCK or F_WRLCK. While somebody else holds it, it is tried
-/// again, with growing pauses that no two processes share, until the time is over.
+/// again as above.
 ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
                         unsigned long waitMilliseconds);
 /// How often this process has forked, as far as it matters: counted from the first call on.

@@ -1,0 +1,103 @@
+// ZLayers.h: one configuration out of the files of several folders: vendor, system, drop-ins.
+#ifndef Z_ZLAYERS_H
+#define Z_ZLAYERS_H
+
+#include "ZStanzaFileProperties.h"
+#include "zlayerterms.h"
+
+class ZLayersFile;
+
+/// One file of a layered configuration.
+struct ZLayerInfo {
+    const char* path;    ///< with the prefix
+    ZLayerKind kind;     ///< what it is
+    ZLayerState state;   ///< what has become of it
+    const char* other;   ///< the file that hides it, or as which it counts; else null
+    int line;            ///< of a bad file: the line, from 1; 0 where it isn't about a line
+    const char* reason;  ///< of a bad file: what is wrong, or the bad line; else null
+};
+
+/// One entry of one of the files.
+struct ZLayerEntry {
+    const char* stanza;
+    const char* key;
+    const char* value;  ///< empty for "key ="
+    const char* file;   ///< where it stands; "$NAME" for a variable
+    int line;           ///< from 1; 0 for one that is hidden, a variable or a credential
+    int isHidden;       ///< whether it stands in a side database, or is a credential
+    int counts;         ///< whether the configuration has it; 0: a later entry has taken its place
+};
+
+/// A configuration whose values come from several files, see zlayerterms.h: to readers an object as
+/// that of one file, with the origin of each value. What is changed goes into one of the files, the
+/// target, as the changed keys alone, when the object is stored.
+///
+///     ZLayersTerms terms = {sizeof terms};
+///     terms.name = "service";
+///     ZLayers layers(terms);
+///     layers.setTarget("/etc", "50-local.conf");
+///     ZPropertiesUpdate update(layers, 10000);
+///     layers.setValue("log", "level", "debug");
+///     update.commit();
+///
+/// Reading: of a key the last file that has it gives all values; "key =" there gives none. With
+///   ZLAYERS_COLLECT the values of all files follow each other, and "key =" forgets those before
+///   it. A load is of one moment: if a file, a folder or a link has changed meanwhile it begins
+///   again, and raises ZPropertiesIOException with "load()" and EAGAIN if that never ends. A file
+///   that can't be read raises what loading it raises, unless ZLAYERS_SKIP_BAD leaves it out. Names
+///   of files given to load, reload and store raise ZInvalidParameterException.
+/// Changing: setters change the object; store(nullptr) and updates put what was changed since the
+///   load into the target: under its lock, safely, as the changed keys alone, into what it holds
+///   then. Removing a key that a lower file has writes "key =". Other than for values, names,
+///   comments and bytes can't be changed, and what renames, comments and loadBytes would do raises
+///   ZInvalidParameterException with a reason. After a store the object is as the files are.
+///   A target that isn't there is made, with its folder; but not where it would hide a file of a
+///   lower root. A drop-in that was made here goes with its last key.
+/// Shadows: a change to a key to which a file above the target gives other values is stored, and
+///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException, and
+///   nothing is stored.
+/// Updates (ZPropertiesUpdate.h) lock the target. path() is the target's.
+///
+/// Threads and ownership: as ZProperties.
+/// Cost: a load of each file, and of their folders. An origin: looking through the file at the first
+///   asking, then next to nothing.
+class ZEXPORT ZLayers : public ZStanzaFileProperties {
+public:
+    /// Loads at once. `attributes`: ZPCACHE_STRICT, or 0. Waits up to `wait` milliseconds for each
+    /// file's lock. Raises as load, and ZInvalidParameterException for terms that can't be.
+    explicit ZLayers(const ZLayersTerms& terms, unsigned long attributes = 0,
+                     unsigned long wait = 0);
+    ~ZLayers() noexcept override;
+    ZLayers(const ZLayers&) = delete;
+
+    void store(const char* file) override;
+    void reload(const char* file) override;
+
+    /// Where changes go: the main file of a root of the terms, or if `dropIn` isn't null that
+    /// drop-in; a null root is the highest. Raises ZInvalidParameterException for another root, for
+    /// a name that can't be a drop-in's, in an update and with unsaved changes.
+    void setTarget(const char* root, const char* dropIn);
+
+    /// Where the value at `index` of a key comes from: its file, and the line from 1. 0 in `line`
+    /// for one that is hidden or comes from a variable ("$NAME") or credential; and an empty `file`
+    /// too for one that isn't stored yet. Raises ZInvalidParameterException where there is no such
+    /// value.
+    void getOrigin(const char* stanza, const char* key, unsigned int index, ZLCString& file,
+                   int& line) const;
+
+    /// Calls visit(data, file) for each file that was found by the last load, in their order.
+    void forEachFile(void (*visit)(void* data, const ZLayerInfo& file), void* data) const;
+    /// Calls visit(data, entry) for each entry of all files, in their order, as they were loaded:
+    /// also those that have lost their place. No lock is held meanwhile.
+    void forEachEntry(void (*visit)(void* data, const ZLayerEntry& entry), void* data) const;
+
+    /// Of the last store: how many of the changed keys have other values by a file above the
+    /// target, and of the first of them the file and line.
+    unsigned int shadowed(ZLCString& file, int& line) const;
+
+private:
+    static ZPropertiesFile* makeFile(ZProperties& object);
+    ZLayersFile& layers() const;
+};
+
+#endif

@@ -1,0 +1,242 @@
+// A layered configuration as an object: what readers see, and that changes go into one file.
+#include "support/Prelude.h"
+
+#include <sys/stat.h>
+
+#include <thread>
+
+#include "Z/ZLayers.h"
+#include "Z/ZPropertiesUpdate.h"
+#include "support/Raised.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+namespace {
+
+typedef std::vector<std::pair<const char*, const char*>> Files;
+
+const char kMark[] = "# Made for changed keys; removed with the last of them.\n";
+
+struct Tree {
+    explicit Tree(const Files& files) {
+        prefix = folder / "";
+        for (const auto& file : files) {
+            const string path = folder / file.first;
+            std::filesystem::create_directories(path.substr(0, path.rfind('/')));
+            folder.write(file.first, file.second);
+        }
+        terms.size = sizeof terms;
+        terms.name = "app";
+        terms.prefix = prefix.c_str();
+        static const char* const kRoots[] = {"/usr", "/run", "/etc", nullptr};
+        terms.roots = kRoots;
+        terms.flags = ZLAYERS_MAY_BE_EMPTY;
+    }
+
+    string text(const string& name) const {
+        std::ifstream in(folder / name, std::ios::binary);
+        return in ? string(std::istreambuf_iterator<char>(in), {}) : "-";
+    }
+
+    TempFolder folder;
+    string prefix;
+    ZLayersTerms terms = {};
+};
+
+// All values of a key, and where the first comes from.
+string valueOf(const ZLayers& layers, const Tree& tree, const char* key) {
+    ZArrayList list(1, 1);
+    layers.getValues("s", key, list, ZPROP_STRING_LOCAL);
+    string out;
+    for (unsigned int i = 0; i < list.size(); ++i)
+        out += (i == 0 ? "" : ",") + string(static_cast<ZLCString*>(list.get(i))->getChars());
+    ZLCString file;
+    int line;
+    if (list.size() == 0)
+        return layers.exists("s", key) ? "empty" : "none";
+    layers.getOrigin("s", key, 0, file, line);
+    const string path = file.getChars();
+    return out + " " + path.substr(std::min(path.size(), tree.prefix.size())) + ":" +
+           std::to_string(line);
+}
+
+typedef std::function<void(ZLayers&)> Edit;
+
+void set(ZLayers& layers, const char* key, const char* value) { layers.setValue("s", key, value); }
+
+const Files kBase = {{"usr/app.conf", "# vendor\n[s]\na = 1\nb = 2\n"},
+                     {"run/app.conf.d/90-run.conf", "[s]\nb = 3\n"}};
+
+// What an edit leaves in the target, and what the key has then.
+const struct {
+    const char *root, *dropIn;
+    Edit edit;
+    const char *text, *key, *value;
+} kChanges[] = {
+    {"/etc", "50-a.conf", [](ZLayers& l) { set(l, "a", "x"); }, "\n[s]\na = x\n", "a",
+     "x etc/app.conf.d/50-a.conf:4"},
+    {"/etc", "50-a.conf", [](ZLayers& l) { l.deleteKey("s", "a"); }, "\n[s]\na =\n", "a", "empty"},
+    {"/etc", "50-a.conf", [](ZLayers& l) { set(l, "a", ""); }, "\n[s]\na =\n", "a", "empty"},
+    {"/etc", "50-a.conf",
+     [](ZLayers& l) {
+         set(l, "c", "1");
+         l.addValue("s", "c", "2", 0);
+     },
+     "\n[s]\nc = 1\nc = 2\n", "c", "1,2 etc/app.conf.d/50-a.conf:4"},
+    // A file above still says otherwise.
+    {"/etc", "50-a.conf", [](ZLayers& l) { set(l, "b", "9"); }, "\n[s]\nb = 9\n", "b",
+     "3 run/app.conf.d/90-run.conf:2"},
+    {"/usr", nullptr, [](ZLayers& l) { set(l, "a", "x"); }, "# vendor\n[s]\na = x\nb = 2\n", "a",
+     "x usr/app.conf:3"},
+    {"/usr", nullptr, [](ZLayers& l) { l.deleteKey("s", "a"); }, "# vendor\n[s]\nb = 2\n", "a",
+     "none"},
+    // What was set back isn't written.
+    {"/etc", "50-a.conf",
+     [](ZLayers& l) {
+         set(l, "a", "x");
+         set(l, "a", "1");
+     },
+     "-", "a", "1 usr/app.conf:3"},
+};
+
+TEST(Layers, PutsChangesIntoTheTargetAlone) {
+    for (const auto& row : kChanges) {
+        for (const bool inUpdate : {false, true}) {
+            SCOPED_TRACE(string(row.text) + (inUpdate ? " in an update" : ""));
+            Tree tree(kBase);
+            ZLayers layers(tree.terms);
+            layers.setTarget(row.root, row.dropIn);
+            if (inUpdate) {
+                ZPropertiesUpdate update(layers, 0);
+                row.edit(layers);
+                update.commit();
+            } else {
+                row.edit(layers);
+                layers.store(nullptr);
+            }
+            const string name =
+                row.dropIn == nullptr ? "usr/app.conf" : string("etc/app.conf.d/") + row.dropIn;
+            string wanted = row.text;
+            if (row.dropIn != nullptr && wanted != "-")
+                wanted = kMark + wanted;
+            EXPECT_EQ(tree.text(name), wanted);
+            EXPECT_EQ(valueOf(layers, tree, row.key), row.value);
+            EXPECT_EQ(tree.text("run/app.conf.d/90-run.conf"), "[s]\nb = 3\n");
+            ZLayers fresh(tree.terms);
+            EXPECT_EQ(valueOf(fresh, tree, row.key), row.value);
+            ZLCString file;
+            int line = -1;
+            EXPECT_EQ(layers.shadowed(file, line), row.key == string("b") ? 1u : 0u);
+            EXPECT_EQ(line, row.key == string("b") ? 2 : 0);
+        }
+    }
+}
+
+TEST(Layers, RemovesADropInOfItsOwnWithItsLastKey) {
+    Tree tree(kBase);
+    ZLayers layers(tree.terms);
+    layers.setTarget(nullptr, "50-a.conf");
+    set(layers, "a", "x");
+    layers.store(nullptr);
+    EXPECT_EQ(tree.text("etc/app.conf.d/50-a.conf"), string(kMark) + "\n[s]\na = x\n");
+    // Back to what the lower file says: the key still stands there.
+    set(layers, "new", "y");
+    layers.store(nullptr);
+    tree.folder.write("etc/app.conf.d/50-a.conf", string(kMark) + "[s]\nnew = y\n");
+    layers.reload(nullptr);
+    layers.deleteKey("s", "new");
+    layers.store(nullptr);
+    EXPECT_FALSE(std::filesystem::exists(tree.folder / "etc/app.conf.d"));
+    EXPECT_EQ(valueOf(layers, tree, "a"), "1 usr/app.conf:3");
+}
+
+TEST(Layers, TakesAnUpdateBack) {
+    Tree tree(kBase);
+    ZLayers layers(tree.terms);
+    layers.setTarget("/etc", "50-a.conf");
+    {
+        ZPropertiesUpdate update(layers, 0);
+        set(layers, "a", "x");
+        EXPECT_EQ(valueOf(layers, tree, "a"), "x :0");
+    }
+    EXPECT_EQ(valueOf(layers, tree, "a"), "1 usr/app.conf:3");
+    EXPECT_EQ(tree.text("etc/app.conf.d/50-a.conf"), "-");
+    EXPECT_EQ(layers.isModified(), 0);
+}
+
+TEST(Layers, CollectsAndAdds) {
+    Tree tree({{"usr/app.conf", "[s]\na = 1\n"}, {"etc/app.conf.d/9.conf", "[s]\na = 3\n"}});
+    tree.terms.flags |= ZLAYERS_COLLECT;
+    ZLayers layers(tree.terms);
+    layers.setTarget("/etc", "9.conf");
+    layers.addValue("s", "a", "4", 0);
+    layers.store(nullptr);
+    EXPECT_EQ(tree.text("etc/app.conf.d/9.conf"), "[s]\na = 3\na = 4\n");
+    EXPECT_EQ(valueOf(layers, tree, "a"), "1,3,4 usr/app.conf:2");
+    set(layers, "a", "5");  // would need what the lower file says to go
+    EXPECT_EQ(raised([&] { layers.store(nullptr); }), "22");
+    layers.reload(nullptr);
+    layers.deleteKey("s", "a");
+    layers.store(nullptr);
+    EXPECT_EQ(tree.text("etc/app.conf.d/9.conf"), "[s]\na =\n");
+}
+
+// Targets that would hide, or be hidden; and what can't be said of several files.
+TEST(Layers, RefusesWhatHidesOrIsHidden) {
+    Tree tree({{"usr/app.conf", "[s]\na = 1\n"}, {"run/app.conf.d/1.conf", "[s]\na = 2\n"}});
+    ZLayers layers(tree.terms);
+    const auto change = [&](const char* root, const char* dropIn) {
+        return raised([&] {
+            layers.reload(nullptr);
+            layers.setTarget(root, dropIn);
+            set(layers, "c", "3");
+            layers.store(nullptr);
+        });
+    };
+    const struct {
+        const char *root, *dropIn, *raised;
+    } kTargets[] = {
+        {"/etc", nullptr, "22"}, {"/etc", "1.conf", "22"},  {"/usr", "1.conf", "22"},
+        {"/opt", nullptr, "22"}, {"/etc", ".x.conf", "22"}, {"/etc", "a/b.conf", "22"},
+        {"/etc", "x.txt", "22"}, {"/etc/", "2.conf", ""},
+    };
+    for (const auto& row : kTargets)
+        EXPECT_EQ(change(row.root, row.dropIn), row.raised) << row.root << row.dropIn;
+    EXPECT_EQ(tree.text("etc/app.conf.d/1.conf"), "-");
+    EXPECT_EQ(raised([&] { layers.renameKey("s", "a", "z"); }), "22");
+    EXPECT_EQ(raised([&] { layers.addEntryComment("s", "a", "x"); }), "22");
+    EXPECT_EQ(raised([&] { layers.loadBytes("", 0); }), "22");
+
+    tree.terms.flags |= ZLAYERS_REFUSE_SHADOWED;
+    ZLayers strict(tree.terms);
+    strict.setTarget("/usr", nullptr);
+    set(strict, "a", "9");
+    EXPECT_EQ(raised([&] { strict.store(nullptr); }), "22");
+    EXPECT_EQ(tree.text("usr/app.conf"), "[s]\na = 1\n");
+}
+
+// Two in one layer and one in another, each adding keys of its own.
+TEST(Layers, LosesNoEditOfSeveralWriters) {
+    Tree tree(kBase);
+    static const int kEdits = 40;
+    const auto write = [&](const char* name, const char* dropIn) {
+        for (int i = 0; i < kEdits; ++i)
+            EXPECT_EQ(raised([&] {
+                          ZLayers layers(tree.terms, 0, 60000);
+                          layers.setTarget("/etc", dropIn);
+                          ZPropertiesUpdate update(layers, 60000);
+                          set(layers, (name + std::to_string(i)).c_str(), "1");
+                          update.commit();
+                      }),
+                      "");
+    };
+    std::thread writers[] = {std::thread(write, "x", "1.conf"), std::thread(write, "y", "1.conf"),
+                             std::thread(write, "z", "2.conf")};
+    for (std::thread& writer : writers)
+        writer.join();
+    ZLayers layers(tree.terms);
+    EXPECT_EQ(layers.count("s"), 2 + 3 * kEdits);
+}
+
+}  // namespace
