@@ -7,6 +7,7 @@
 
 #include "Z/ZLayers.h"
 #include "Z/ZPropertiesUpdate.h"
+#include "Z/zlayers.h"
 #include "support/Raised.h"
 #include "support/TempFolder.h"
 
@@ -237,6 +238,47 @@ TEST(Layers, LosesNoEditOfSeveralWriters) {
         writer.join();
     ZLayers layers(tree.terms);
     EXPECT_EQ(layers.count("s"), 2 + 3 * kEdits);
+}
+
+TEST(Layers, AnswersCCallers) {
+    Tree tree(kBase);
+    ZPROP_handle* handle = nullptr;
+    ZPROP_error last;
+    ASSERT_EQ(zstzLayers_open(&handle, &tree.terms, ZPROP_OPEN_UPDATE, 0, 0), ZPROP_OK);
+    EXPECT_EQ(zstzPropSetStringValue(handle, "s", "a", "9"), ZPROP_OK);
+    EXPECT_EQ(zstzPropStore(handle, nullptr), ZPROP_ERR_FILE);
+    EXPECT_EQ(zstzPropLastError(&last), 22);
+    EXPECT_STREQ(last.text, "a layered configuration needs a target for changes");
+    EXPECT_EQ(zstzLayers_setTarget(handle, nullptr, "5.conf"), ZPROP_ERR_PARAM);
+    zstzPropClose(handle);
+    ASSERT_EQ(zstzLayers_open(&handle, &tree.terms, ZPROP_OPEN_UPDATE, 0, 0), ZPROP_OK);
+    EXPECT_EQ(zstzLayers_setTarget(handle, nullptr, "5.conf"), ZPROP_OK);
+    ASSERT_EQ(zstzPropBegin(handle, 0), ZPROP_OK);
+    EXPECT_EQ(zstzPropSetStringValue(handle, "s", "b", "9"), ZPROP_OK);
+    EXPECT_EQ(zstzPropCommit(handle), ZPROP_SHADOWED);
+    EXPECT_EQ(zstzPropLastError(&last), ZPROP_SHADOWED);
+    EXPECT_EQ(last.file, tree.prefix + "run/app.conf.d/90-run.conf");
+    EXPECT_EQ(last.line, 2);
+    char* file = nullptr;
+    int line = 0;
+    EXPECT_EQ(zstzPropOrigin(handle, "s", "b", 0, &file, &line), ZPROP_OK);
+    EXPECT_EQ(file, tree.prefix + "run/app.conf.d/90-run.conf");
+    zstzPropFree(file);
+    EXPECT_EQ(zstzPropOrigin(handle, "s", "b", 1, &file, &line), ZPROP_ERR_PARAM);
+    // Up to the file that says so.
+    string files;
+    const auto take = [](void* data, const ZLayerInfo* info) {
+        *static_cast<string*>(data) += std::to_string(info->kind) + std::to_string(info->state);
+        return info->kind == ZLAYER_DROP_IN ? 7 : 0;
+    };
+    EXPECT_EQ(zstzLayers_forEachFile(handle, take, &files), 7);
+    EXPECT_EQ(files, "0010");
+    // Another main file would hide the one that is there.
+    EXPECT_EQ(zstzLayers_setTarget(handle, "/etc", nullptr), ZPROP_OK);
+    EXPECT_EQ(zstzPropBegin(handle, 0), ZPROP_ERR_FILE);
+    zstzPropLastError(&last);
+    EXPECT_STREQ(last.text, "the target would hide a file of a lower root");
+    zstzPropClose(handle);
 }
 
 }  // namespace

@@ -84,7 +84,8 @@ void write(const TempFolder& root, const Files& files) {
 
 // clang-format off
 const struct { Files files; unsigned long flags; const char *values, *entries; } kValues[] = {
-    {{{"usr/app.conf", "# c\n\n[s]\na = 1\na = 2\nb = 3\n"}, {"etc/app.conf.d/1.conf", "[s]\n\nb=4"}},
+    {{{"usr/app.conf", "# c\n\n[s]\na = 1\na = 2\nb = 3\n"},
+      {"etc/app.conf.d/1.conf", "[s]\n\nb=4"}},
      0, "a=1@usr/app.conf:4 a=2@usr/app.conf:5 b=4@etc/app.conf.d/1.conf:3 ",
      "a=1@4+ a=2@5+ b=3@6 b=4@3+ "},
     // An empty entry takes all away, but not what comes behind it in its file.

@@ -7,27 +7,6 @@
 
 class ZLayersFile;
 
-/// One file of a layered configuration.
-struct ZLayerInfo {
-    const char* path;    ///< with the prefix
-    ZLayerKind kind;     ///< what it is
-    ZLayerState state;   ///< what has become of it
-    const char* other;   ///< the file that hides it, or as which it counts; else null
-    int line;            ///< of a bad file: the line, from 1; 0 where it isn't about a line
-    const char* reason;  ///< of a bad file: what is wrong, or the bad line; else null
-};
-
-/// One entry of one of the files.
-struct ZLayerEntry {
-    const char* stanza;
-    const char* key;
-    const char* value;  ///< empty for "key ="
-    const char* file;   ///< where it stands; "$NAME" for a variable
-    int line;           ///< from 1; 0 for one that is hidden, a variable or a credential
-    int isHidden;       ///< whether it stands in a side database, or is a credential
-    int counts;         ///< whether the configuration has it; 0: a later entry has taken its place
-};
-
 /// A configuration whose values come from several files, see zlayerterms.h: to readers an object as
 /// that of one file, with the origin of each value. What is changed goes into one of the files, the
 /// target, as the changed keys alone, when the object is stored.
@@ -59,8 +38,8 @@ struct ZLayerEntry {
 /// Updates (ZPropertiesUpdate.h) lock the target. path() is the target's.
 ///
 /// Threads and ownership: as ZProperties.
-/// Cost: a load of each file, and of their folders. An origin: looking through the file at the first
-///   asking, then next to nothing.
+/// Cost: a load of each file, and listing their folders. An origin: at the first asking looking
+///   through the file, then next to nothing.
 class ZEXPORT ZLayers : public ZStanzaFileProperties {
 public:
     /// Loads at once. `attributes`: ZPCACHE_STRICT, or 0. Waits up to `wait` milliseconds for each

@@ -151,8 +151,8 @@ void ZPropertiesFile::readFile(const ZLCString& path, ZFileToRead file, ZFileCon
     hasStamp_ = false;
     file.size = stamp.isRegular ? stamp.size : 0;
     ZFileContent own;
-    const int incomplete = zreadContent(cache(), path, file, content != nullptr,
-                                        content != nullptr ? *content : own);
+    const int incomplete =
+        zreadContent(cache(), path, file, content != nullptr, content != nullptr ? *content : own);
     if (incomplete != 0 && isCareful()) {
         outcome_ = kIncomplete;
         zraiseIO(path.getChars(), "read()", incomplete);

@@ -198,6 +198,8 @@
 #define ZStanzaIterator ZStanzaIterator_6_0
 #define ZStanzaValueIterator ZStanzaValueIterator_6_0
 #define ZStanzaFileProperties ZStanzaFileProperties_6_0
+#define ZLayers ZLayers_6_0
+#define ZLayersFile ZLayersFile_6_0
 #define ZKVEntry ZKVEntry_6_0
 #define ZPropertiesKVList ZPropertiesKVList_6_0
 #define ZStzFileItem ZStzFileItem_6_0
@@ -240,6 +242,11 @@
 #define zstzPropFreeStanzas zstzPropFreeStanzas_6_0
 #define zstzPropLastError zstzPropLastError_6_0
 #define zstzPropLastErrno zstzPropLastErrno_6_0
+#define zstzPropOrigin zstzPropOrigin_6_0
+#define zstzLayers_open zstzLayers_open_6_0
+#define zstzLayers_setTarget zstzLayers_setTarget_6_0
+#define zstzLayers_forEachFile zstzLayers_forEachFile_6_0
+#define zstzLayers_forEachEntry zstzLayers_forEachEntry_6_0
 #define zstzPropOpenWith zstzPropOpenWith_6_0
 #define zstzPropBegin zstzPropBegin_6_0
 #define zstzPropCommit zstzPropCommit_6_0

@@ -23,7 +23,22 @@ Z_ANY_POINTER bool ZPROP_handle::isGood(const ZPROP_handle* handle) {
 }
 
 ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode)
-    : ZPROP_handle(mode), properties(1), update(nullptr), updater(pthread_self()), updates(false) {}
+    : ZPROP_handle(mode),
+      owned_(new ZStanzaFileProperties(1)),
+      properties(*owned_),
+      layers(nullptr),
+      update(nullptr),
+      updater(pthread_self()),
+      updates(false) {}
+
+ZPROP_stz_handle::ZPROP_stz_handle(ZPROPOpenMode mode, std::unique_ptr<ZLayers> several)
+    : ZPROP_handle(mode),
+      owned_(std::move(several)),
+      properties(*owned_),
+      layers(static_cast<ZLayers*>(owned_.get())),
+      update(nullptr),
+      updater(pthread_self()),
+      updates(false) {}
 
 bool ZPROP_stz_handle::updatesHere() const {
     return updates && pthread_equal(updater, pthread_self()) != 0;

@@ -14,7 +14,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 
+#include "ZLayers.h"
 #include "ZPropertiesUpdate.h"
 #include "ZStanzaFileProperties.h"
 #include "zproperties.h"
@@ -42,11 +44,13 @@ private:
     volatile uint32_t secondGuard_;
 };
 
-/// A handle with an object that keeps comments.
+/// A handle with an object that keeps comments, or one of several files.
 class ZEXPORT ZPROP_stz_handle : public ZPROP_handle {
 public:
     /// Nothing is loaded yet.
     explicit ZPROP_stz_handle(ZPROPOpenMode mode);
+    /// With an object of several files, which becomes the handle's own.
+    ZPROP_stz_handle(ZPROPOpenMode mode, std::unique_ptr<ZLayers> several);
     ~ZPROP_stz_handle() override;
 
     /// Whether the calling thread has an update open.
@@ -54,7 +58,12 @@ public:
     /// Whether another one has.
     bool updatesElsewhere() const;
 
-    ZStanzaFileProperties properties;  ///< what the calls are made on
+private:
+    const std::unique_ptr<ZStanzaFileProperties> owned_;
+
+public:
+    ZStanzaFileProperties& properties;  ///< what the calls are made on
+    ZLayers* const layers;              ///< the same if it has several files; else null
     // Set by the thread that begins an update and holds the object's lock.
     ZPropertiesUpdate* update;  ///< the open one, or null
     pthread_t updater;          ///< whose it is

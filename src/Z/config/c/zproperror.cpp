@@ -145,6 +145,17 @@ int zlastError(ZPROP_error* error) {
 
 int zlastErrno() { return lastError.errorNumber; }
 
+int zstoreResult(ZPROP_stz_handle* handle, int result) {
+    if (result != ZPROP_OK || handle->layers == nullptr)
+        return result;
+    ZLCString file;
+    int line = 0;
+    if (handle->layers->shadowed(file, line) == 0)
+        return result;
+    znoteLastError(ZPROP_SHADOWED, file.getChars(), line, "a higher file has other values");
+    return ZPROP_SHADOWED;
+}
+
 int zparameterError() {
     znoteLastError(22, nullptr, 0, "bad handle or argument");
     return ZPROP_ERR_PARAM;

@@ -5,6 +5,7 @@
 
 #include "ZPropHandle.h"
 #include "zpblock.h"
+#include "zwholefile.h"
 
 /// What a failure is called in each group of functions.
 enum ZPropGroup { zfileGroup, zchangeGroup, zreadGroup };
@@ -48,5 +49,24 @@ static int zguarded(ZPropGroup group, Call call) {
     }
     return ZPROP_OK;
 }
+
+/// The result of a call that takes the file's lock: a lock that didn't come in time has its own.
+template <typename Call>
+static int zguardedByLock(Call call) {
+    bool locked = false;
+    const int result = zguarded(zfileGroup, [&] {
+        try {
+            call();
+        } catch (const ZPropertiesIOException& e) {
+            const ZLCConstString word(e.api());
+            locked = word == "fcntl()" && ZFailure{"fcntl()", e.excerrno()}.isLockedByOthers();
+            throw;
+        }
+    });
+    return locked ? ZPROP_ERR_LOCKED : result;
+}
+
+/// The result of a store that gave `result`: with several files it may be one that isn't seen.
+int zstoreResult(ZPROP_stz_handle* handle, int result);
 
 #endif

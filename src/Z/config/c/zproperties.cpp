@@ -55,7 +55,8 @@ int zstzPropStore(ZPROP_handle* handle, const char* file) {
     ZStanzaFileProperties* properties = zliveProperties(handle);
     if (properties == nullptr)
         return zparameterError();
-    return zguarded(zfileGroup, [&] { properties->store(file); });
+    return zstoreResult(static_cast<ZPROP_stz_handle*>(handle),
+                        zguarded(zfileGroup, [&] { properties->store(file); }));
 }
 
 // ---------------------------------------------------------------- reading

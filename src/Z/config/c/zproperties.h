@@ -42,6 +42,7 @@
 #define ZPROP_ERR_UNSAVED 61   /* there are unsaved changes, or an update is open already */
 #define ZPROP_ERR_NO_UPDATE 62 /* the thread has no update open */
 #define ZPROP_ERR_SETUP 63     /* text was set up otherwise already */
+#define ZPROP_SHADOWED 64      /* stored, but a higher file has the key too; see zlayers.h */
 
 /* How zstzPropSetup sets text up. */
 #define ZPROP_SETUP_UTF8 1 /* local text is UTF-8, and nothing of the process is touched */

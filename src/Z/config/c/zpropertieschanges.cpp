@@ -10,23 +10,8 @@
 #include "ZPropertiesWatcher.h"
 #include "zmemory.h"
 #include "zproperror.h"
+#include "zrefusal.h"
 #include "zwholefile.h"
-
-// The result of a call that takes the file's lock: a lock that didn't come in time has its own.
-template <typename Call>
-static int guardedByLock(Call call) {
-    bool locked = false;
-    const int result = zguarded(zfileGroup, [&] {
-        try {
-            call();
-        } catch (const ZPropertiesIOException& e) {
-            const ZLCConstString word(e.api());
-            locked = word == "fcntl()" && ZFailure{"fcntl()", e.excerrno()}.isLockedByOthers();
-            throw;
-        }
-    });
-    return locked ? ZPROP_ERR_LOCKED : result;
-}
 
 // ---------------------------------------------------------------- updates
 
@@ -39,7 +24,7 @@ int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
         storeMode > ZPROP_STORE_SAFE)
         return zparameterError();
     *out = nullptr;
-    return guardedByLock([&] {
+    return zguardedByLock([&] {
         std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(mode));
         handle->properties.setAttributes(attributes, nullptr);
         handle->properties.setStoreMode(storeMode);
@@ -55,11 +40,11 @@ int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds) {
         return zparameterError();
     ZPROP_stz_handle* opened = static_cast<ZPROP_stz_handle*>(handle);
     bool ready = true;
-    const int result = guardedByLock([&] {
+    const int result = zguardedByLock([&] {
         try {
             opened->update = new ZPropertiesUpdate(*properties, milliseconds);
-        } catch (const ZInvalidParameterException&) {
-            ready = false;
+        } catch (const ZInvalidParameterException& e) {
+            ready = zfaultBehind(e).reason != nullptr;  // of a target that can't be changed
             throw;
         }
         opened->updater = pthread_self();
@@ -94,7 +79,8 @@ int zstzPropCommit(ZPROP_handle* handle) {
     ZPROP_stz_handle* opened = updatedHandle(handle);
     if (opened == nullptr)
         return ZPROP_ERR_NO_UPDATE;
-    const int result = zguarded(zfileGroup, [&] { opened->update->commit(); });
+    const int result =
+        zstoreResult(opened, zguarded(zfileGroup, [&] { opened->update->commit(); }));
     // A failed close has ended it, too.
     if (opened->update->isOpen() == 0)
         endUpdate(opened);

@@ -173,7 +173,7 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
     ZFileToRead file = {descriptor};
     ZLCString place;
     if (layer.found.root >= 0 && tree_.hasPrefix()) {
-        // It was opened; what its name leads to by now is for the search behind the reading to tell.
+        // It is open; what its name leads to by now is for the search behind the reading to tell.
         place = tree_.placeOf(layer.found);
         if (!placeBelow(&tree_, place))
             zraiseIO(layer.found.path.getChars(), "fopen(r)", errno);

@@ -42,6 +42,27 @@ typedef enum ZLayerState {
     ZLAYER_BAD = 4       /* was left out, since it can't be read */
 } ZLayerState;
 
+/* One file of a layered configuration. */
+typedef struct ZLayerInfo {
+    const char* path;   /* with the prefix */
+    ZLayerKind kind;    /* what it is */
+    ZLayerState state;  /* what has become of it */
+    const char* other;  /* the file that hides it, or as which it counts; else null */
+    int line;           /* of a bad file: the line, from 1; 0 where it isn't about a line */
+    const char* reason; /* of a bad file: what is wrong, or the bad line; else null */
+} ZLayerInfo;
+
+/* One entry of one of the files. */
+typedef struct ZLayerEntry {
+    const char* stanza;
+    const char* key;
+    const char* value; /* empty for "key =" */
+    const char* file;  /* where it stands; "$NAME" for a variable */
+    int line;          /* from 1; 0 for one that is hidden, a variable or a credential */
+    int isHidden;      /* whether it stands in a side database, or is a credential */
+    int counts;        /* whether the configuration has it; 0: a later entry has its place */
+} ZLayerEntry;
+
 /* What names the files. Start with one that is all zero but for `size` and `name`. Copied by
  * whoever is given one. */
 typedef struct ZLayersTerms {
