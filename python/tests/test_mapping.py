@@ -63,8 +63,16 @@ class Mapping(FolderTest):
         self.assertNotIn("swordfish", conf.dumps())
         for change in (lambda: conf.set(mail, "password", "x"),
                        lambda: conf[mail].setall("password", ["x"]),
+                       lambda: conf.read_dict({"log": {"level": "x"}, mail: {"password": "x"}}),
+                       lambda: conf.read_string("[new]\nk = 1\n[mail]\npassword = x\n"),
+                       lambda: conf[mail].update({"to": "x"}, password="x"),
+                       lambda: conf["log"].update(conf[mail]),
+                       lambda: conf.__setitem__("copy", conf[mail]),
+                       lambda: zbase.Config().read_dict(conf),
+                       lambda: zbase.dumps({"copy": conf[mail]}),
                        lambda: zbase.loads("[a]\nb=1\n").read("service.conf")):
             self.assertRaises(ValueError, change)
+        self.assertEqual((conf.modified, conf), (False, zbase.open("service.conf")))
 
     def test_errors(self):
         Path("bad.conf").write_bytes(b"[a]\nb = 1\n\nno entry\n")

@@ -73,6 +73,9 @@ def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
 def _tried(name: str, content: Mapping[str, Values]) -> Dict[str, List[str]]:
     """The values of these keys, if a file can give all of it back: tried ahead of the first change,
     so that a refusal comes before it."""
+    if isinstance(content, Section):
+        content._refuse_hidden(content)
+        content = {option: content.getall(option) for option in content}
     listed = {option: _listed(values) for option, values in content.items()}
     trial = Handle.of_bytes(b"")
     _write(trial, name, {"-": [], **listed})
@@ -262,12 +265,30 @@ class Section(MutableMapping[str, str]):
     def _write(self, listed: Mapping[str, List[str]]) -> None:
         with self._config._changing() as handle:
             table = self._table()
-            for option in listed:
-                if (self._name, option) in self._config._data().hidden:
-                    raise RefusedError(f"the values of {option!r} are hidden", 22)
+            self._refuse_hidden(listed)
             _write(handle, self._name, listed)
             for option, texts in listed.items():
                 table[option] = SEPARATOR.join(texts)
+
+    def _refuse_hidden(self, options: Iterable[str]) -> None:
+        self._table()
+        for option in options:
+            if (self._name, option) in self._config._data().hidden:
+                raise RefusedError(
+                    f"the values of {option!r} are hidden", 22, self._config._file()
+                )
+
+    def update(  # type: ignore[override]
+        self, other: Any = (), /, **more: Values
+    ) -> None:
+        """Sets the keys of a mapping, or of pairs, and those named here, or changes nothing.
+
+        A list as value gives a key several, and so does a key of a Section. RefusedError if one of
+        them or of the keys is hidden, or the file couldn't give it back.
+        """
+        if isinstance(other, Section):
+            other = _tried(self._name, other)
+        self._replace(dict(other, **more))
 
     def __delitem__(self, option: str) -> None:
         """Removes the key with its values; MissingError if there is none."""
@@ -486,10 +507,9 @@ class Config(MutableMapping[str, Section]):
     def __setitem__(self, section: str, content: Mapping[str, Values]) -> None:
         """Makes these the keys of the stanza, which is made if need be, or changes nothing.
 
-        A list as value gives a key several values.
+        A list as value gives a key several values. RefusedError for a Section with hidden values,
+        which would become plain ones.
         """
-        if isinstance(content, Section):
-            content = {option: content.getall(option) for option in content}
         listed = _tried(section, content)
         with self._changing():
             if section not in self._data().names:
@@ -584,14 +604,20 @@ class Config(MutableMapping[str, Section]):
     def read_string(self, string: str, source: Optional[str] = None) -> None:
         """Reads a text, over what is there: a key gets the values that it has in the text.
 
-        DataError for bad data; nothing is changed then.
+        DataError for bad data, RefusedError for a key that is hidden here; nothing is changed then.
         """
         self._take(loads(string))
 
     def read_dict(self, dictionary: Mapping[str, Mapping[str, Values]], source: str = "") -> None:
-        """Sets the keys of these stanzas, which are made if need be."""
+        """Sets the keys of these stanzas, which are made if need be, or changes nothing.
+
+        RefusedError where values are hidden, of a key here or of a Section in the dictionary.
+        """
         tried = {section: _tried(section, content) for section, content in dictionary.items()}
         with self._changing():
+            for section, listed in tried.items():
+                if section in self._data().names:
+                    self[section]._refuse_hidden(listed)
             for section, listed in tried.items():
                 if section not in self._data().names:
                     self.add_section(section)
@@ -670,7 +696,10 @@ def loads(text: Union[str, bytes]) -> Config:
 
 
 def dumps(content: Mapping[str, Mapping[str, Values]]) -> str:
-    """The text of a file with these stanzas. A list as value gives a key several values."""
+    """The text of a file with these stanzas. A list as value gives a key several values.
+
+    Hidden values of a Config are left out; for a Section that has some: RefusedError.
+    """
     if isinstance(content, Config):
         return content.dumps()
     with Config() as config:
