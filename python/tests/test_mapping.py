@@ -88,6 +88,9 @@ class Mapping(FolderTest):
             (lambda: conf["x"], zbase.MissingError, KeyError, 0, None),
             (lambda: conf["a"]["x"], zbase.MissingError, KeyError, 0, None),
             (conf.store, zbase.StateError, RuntimeError, 0, None),
+            (zbase.update("none/x", create=True).__enter__, zbase.NotFoundError, FileNotFoundError,
+             errno.ENOENT, "none/x"),
+            (lambda: zbase.update("a\0b", create=True), zbase.RefusedError, ValueError, 0, None),
         ]
         for number, (call, kind, builtin, where, file) in enumerate(cases):
             with self.subTest(number), self.assertRaises(kind) as caught:

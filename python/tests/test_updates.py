@@ -3,6 +3,7 @@
 import ctypes
 import errno
 import gc
+import math
 import os
 import signal
 import subprocess
@@ -24,6 +25,10 @@ CALLS = ("c['log']", "c.get('log', 'level')", "len(c)", "list(c)", "c.set('log',
          "s['level']", "s.getint('keep')", "s.getall('level')", "s.add('level', 'x')",
          "s.setall('level', 'x')", "s.pop('level')", "s.comments()", "s.hidden('level')")
 WATCH_CALLS = ("w.process()", "w.fileno()", "next(iter(w))")
+# It tells when a first attempt to get a lock has ended.
+WAITER = ("import zbase\nattempt = zbase._lib._open_with\ndef tell(*arguments):\n"
+          "    result = attempt(*arguments)\n    print('waits', flush=True)\n    return result\n"
+          "zbase._lib._open_with = tell\n")
 
 
 class Updates(FolderTest):
@@ -65,6 +70,9 @@ class Updates(FolderTest):
     def test_what_fails_is_taken_back(self):
         with self.assertRaises(ZeroDivisionError), zbase.update("service.conf") as f:
             f["log"]["level"] = "x"
+            f.store("copy.conf")
+            for path in (None, "service.conf", "./service.conf"):
+                self.assertRaises(zbase.StateError, f.store, path)
             raise ZeroDivisionError
         self.refused(f)
         self.can_be_updated()
@@ -74,6 +82,19 @@ class Updates(FolderTest):
             os.rename("new.conf", "service.conf")
         self.assertEqual(caught.exception.errno, errno.ESTALE)
         self.can_be_updated("editor")
+
+    def test_a_file_that_an_update_made_goes_with_it(self):
+        update = zbase.update("new.conf", create=True)
+        update.__enter__()
+        self.in_child(lambda: update.__exit__(OSError, None, None))
+        self.assertTrue(os.path.exists("new.conf"))
+        waiter = self.start(WAITER + "with zbase.update('new.conf', create=True, wait=None): pass")
+        update.__exit__(OSError, None, None)
+        self.assertEqual(waiter.wait(), 0)
+        for options in ({}, {"wait": math.nan}, {"mode": "odd"}):
+            with self.assertRaises(ValueError), zbase.update("x", create=True, **options):
+                raise ValueError
+        self.assertEqual(sorted(os.listdir()), ["new.conf", "service.conf"])
 
     def test_locks_and_interrupts(self):
         conf = zbase.open("service.conf")
@@ -85,11 +106,7 @@ class Updates(FolderTest):
                 call()
             self.assertIsInstance(caught.exception, TimeoutError)
             self.assertEqual(caught.exception.errno, errno.ETIMEDOUT)
-        waiter = self.start("import zbase\nattempt = zbase._lib._open_with\n"
-                            "def tell(*arguments):\n    result = attempt(*arguments)\n"
-                            "    print('waits', flush=True)\n    return result\n"
-                            "zbase._lib._open_with = tell\n"
-                            "try: zbase.update('service.conf', wait=None).__enter__()\n"
+        waiter = self.start(WAITER + "try: zbase.update('service.conf', wait=None).__enter__()\n"
                             "except KeyboardInterrupt: raise SystemExit(5)\n")
         waiter.send_signal(signal.SIGINT)
         self.assertEqual(waiter.wait(), 5)

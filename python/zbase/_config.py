@@ -23,7 +23,7 @@ from typing import (
 
 from . import _lib
 from ._errors import DataError, MissingError, NotFoundError, RefusedError, StateError
-from ._lib import SEPARATOR, Handle, Tables, encode
+from ._lib import SEPARATOR, Handle, Tables, check_opening, create_file, encode, encode_path
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 # What a section is made of: a text for a key with one value, a list for one with several.
@@ -661,9 +661,10 @@ class Config(MutableMapping[str, Section]):
 
         Waits up to `wait` seconds for the file's lock; None waits for ever. What another process
         has stored since this Config was loaded is lost: update() is the way to change a file that
-        others change too. LockedError, FileError.
+        others change too. LockedError, FileError; StateError in an update of that file, which
+        couldn't be taken back any more.
         """
-        self._handle.store(None if path is None else os.fsencode(path), wait)
+        self._handle.store(None if path is None else encode_path(path), wait)
 
     def close(self) -> None:
         """Ends the object: all else raises StateError from now on. Nothing is stored."""
@@ -685,7 +686,7 @@ def open(path: Path, *, wait: Optional[float] = 10, mode: str = "safe") -> Confi
 
     FileError (NotFoundError, DeniedError), LockedError, DataError.
     """
-    return Config._of(Handle.open(os.fsencode(path), mode, wait))
+    return Config._of(Handle.open(encode_path(path), mode, wait))
 
 
 def loads(text: Union[str, bytes]) -> Config:
@@ -711,28 +712,53 @@ class Update:
     """An update of a file: see update()."""
 
     def __init__(self, path: Path, wait: Optional[float], mode: str, create: bool) -> None:
-        self._path = os.fsencode(path)
+        self._path = encode_path(path)
         self._wait = wait
         self._mode = mode
         self._create = create
         self._config: Optional[Config] = None
+        self._made: Optional[Tuple[int, int]] = None
 
     def __enter__(self) -> Config:
         if self._config is not None:
             raise StateError("this update is open already")
-        if self._create:
+        check_opening(self._mode, self._wait)
+        tries = 10
+        while self._config is None:
             try:
-                os.close(os.open(self._path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
-            except FileExistsError:
-                pass
+                made = create_file(self._path) if self._create else None
+                self._config = self._begun()
+            except NotFoundError:
+                # Whoever made it may have taken it away again; but a link may lead nowhere.
+                tries -= 1
+                if not self._create or tries == 0:
+                    raise
+        self._made = made
+        return self._config
+
+    def _begun(self) -> Config:
         handle = Handle.open(self._path, self._mode, self._wait)
         try:
             handle.begin(self._wait)
         except BaseException:
             handle.close()
             raise
-        self._config = Config._of(handle)
-        return self._config
+        return Config._of(handle)
+
+    def _remove_made(self, handle: Handle) -> None:
+        """Takes away the file that this update made, while the lock keeps others from it.
+
+        Who waits for the lock finds the name gone. In a forked child the lock is the parent's.
+        """
+        made, self._made = self._made, None
+        if made is None or not handle.is_updating():
+            return
+        try:
+            found = os.lstat(self._path)
+            if (found.st_dev, found.st_ino, found.st_size) == (*made, 0):
+                os.unlink(self._path)
+        except OSError:
+            pass  # nobody needs it to go, and the failure that led here counts
 
     def __exit__(self, kind: object, failure: object, trace: object) -> None:
         config, self._config = self._config, None
@@ -741,7 +767,9 @@ class Update:
         try:
             if kind is None:
                 config._handle.commit()
+                self._made = None
         finally:
+            self._remove_made(config._handle)
             # What isn't committed is taken back.
             config.close()
 
@@ -756,7 +784,8 @@ def update(
 
     At the beginning the file is locked, which waits up to `wait` seconds (None: for ever), and
     read. At the end it is stored, in the mode that open() tells, and the lock goes. After an
-    exception the file is what it was. `create` makes a file that isn't there, empty.
+    exception the file is what it was. `create` makes a file that isn't there, empty; after an
+    exception that is taken away again.
 
     The update belongs to the thread that entered it. In others, what it gave raises StateError.
     """

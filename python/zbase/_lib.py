@@ -10,6 +10,7 @@ import errno
 import math
 import os
 import re
+import stat
 import sys
 import threading
 import time
@@ -126,6 +127,14 @@ def encode(text: str) -> bytes:
     return encoded
 
 
+def encode_path(path: Any) -> bytes:
+    """A path as it goes to C."""
+    encoded = os.fsencode(path)
+    if b"\0" in encoded:
+        raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
+    return encoded
+
+
 def decode(text: bytes) -> str:
     """Text as it comes from C: bytes that are no UTF-8 become surrogate escapes."""
     return text.decode("utf-8", "surrogateescape")
@@ -174,12 +183,25 @@ def _check(result: int) -> None:
 _Answer = TypeVar("_Answer")
 
 
+def _deadline(wait: Optional[float]) -> float:
+    if wait is not None and math.isnan(wait):
+        raise ValueError("the wait must be a number of seconds")
+    return math.inf if wait is None else time.monotonic() + wait
+
+
+def check_opening(mode: str, wait: Optional[float]) -> None:
+    """Refuses what can't be a mode or a wait."""
+    _deadline(wait)
+    if mode not in STORE_MODES:
+        raise ValueError(f"the mode must be one of {', '.join(STORE_MODES)}")
+
+
 def waiting(wait: Optional[float], attempt: Callable[[int], _Answer]) -> _Answer:
     """What attempt(milliseconds) gives once it doesn't raise LockedError, within `wait` seconds.
 
     None waits for ever. The attempts are short, so that an interrupt ends the wait.
     """
-    end = math.inf if wait is None else time.monotonic() + wait
+    end = _deadline(wait)
     while True:
         left = min(_SLICE, max(0.0, end - time.monotonic()))
         try:
@@ -187,6 +209,23 @@ def waiting(wait: Optional[float], attempt: Callable[[int], _Answer]) -> _Answer
         except LockedError:
             if time.monotonic() >= end:
                 raise
+
+
+# ---------------------------------------------------------------- files
+
+
+def create_file(path: bytes) -> Optional[Tuple[int, int]]:
+    """Makes an empty file; its device and number, or None if there is one already."""
+    try:
+        # Without a descriptor: closing that would end the lock that another thread may have on it.
+        os.mknod(path, stat.S_IFREG | 0o666)
+        made = os.lstat(path)
+        return made.st_dev, made.st_ino
+    except FileExistsError:
+        return None
+    except OSError as failure:
+        name, text = os.fsdecode(path), f"mknod(): {failure.strerror}"
+        raise file_error(text, _ACCESS_FAILED, name, failure.errno) from None
 
 
 # ---------------------------------------------------------------- threads and forks
@@ -372,10 +411,7 @@ class Handle:
         """A handle that has loaded the file."""
         _set_up()
         _thread.updates.close_orphans()
-        if mode not in STORE_MODES:
-            raise ValueError(f"the mode must be one of {', '.join(STORE_MODES)}")
-        if b"\0" in path:
-            raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
+        check_opening(mode, wait)
 
         def attempt(milliseconds: int) -> Handle:
             out = ctypes.c_void_p()
@@ -479,8 +515,9 @@ class Handle:
         self._live()
         if path is None and self.path is None:
             raise StateError("this object has no file yet", _BAD_PARAMETER)
-        if path is not None and b"\0" in path:
-            raise RefusedError("a path can't hold a NUL", _BAD_PARAMETER)
+        if self.updater is not None and (path is None or self._is_own(path)):
+            raise StateError("the update of this file stores it at its end", _BAD_PARAMETER,
+                             self.path)
 
         def attempt(milliseconds: int) -> None:
             try:
@@ -494,6 +531,17 @@ class Handle:
         with self.lock:
             stored = _path(self._live())
             self.path = os.fsdecode(stored) if stored else None
+
+    def _is_own(self, path: bytes) -> bool:
+        own = os.fsencode(self.path or "")
+        try:
+            return path == own or os.path.samefile(path, own)  # through a link, too
+        except OSError:
+            return False
+
+    def is_updating(self) -> bool:
+        """Whether the calling thread has an update open."""
+        return self.updater == threading.get_ident()
 
     def begin(self, wait: Optional[float]) -> None:
         """Begins an update, which is the calling thread's."""
