@@ -49,9 +49,10 @@ or takes all back after an exception; and watch() tells what others change:
     for change in zbase.watch("service.conf"):
         print(change.kind, change.section, change.option)
 
-Text is UTF-8; bytes that aren't come and go as surrogate escapes. The process's locale, environment
-and signals are left alone. Objects belong to the process that made them: in a forked child they
-raise StateError.
+Text is UTF-8; bytes that aren't come and go as surrogate escapes, and those that are UTF-8 together
+as the character that they make, under which alone a name is found. The process's locale,
+environment and signals are left alone. Objects belong to the process that made them: in a forked
+child they raise StateError.
 """
 
 from ._config import Config, Section, Update, dumps, loads, open, update

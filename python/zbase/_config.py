@@ -23,7 +23,17 @@ from typing import (
 
 from . import _lib
 from ._errors import DataError, MissingError, NotFoundError, RefusedError, StateError
-from ._lib import SEPARATOR, Handle, Tables, check_opening, create_file, encode, encode_path
+from ._lib import (
+    SEPARATOR,
+    Handle,
+    Tables,
+    canonical,
+    check_opening,
+    create_file,
+    decode,
+    encode,
+    encode_path,
+)
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 # What a section is made of: a text for a key with one value, a list for one with several.
@@ -58,7 +68,7 @@ def _split(values: str) -> List[str]:
 def _listed(values: Values) -> List[str]:
     """These values as a key can have them: no empty one, and none twice."""
     texts = [values] if isinstance(values, str) else values
-    return [text for text in dict.fromkeys(texts) if text != ""]
+    return [text for text in dict.fromkeys(map(canonical, texts)) if text != ""]
 
 
 def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
@@ -76,7 +86,7 @@ def _tried(name: str, content: Mapping[str, Values]) -> Dict[str, List[str]]:
     if isinstance(content, Section):
         content._refuse_hidden(content)
         content = {option: content.getall(option) for option in content}
-    listed = {option: _listed(values) for option, values in content.items()}
+    listed = {canonical(option): _listed(values) for option, values in content.items()}
     trial = Handle.of_bytes(b"")
     _write(trial, name, {"-": [], **listed})
     trial.close()
@@ -235,17 +245,18 @@ class Section(MutableMapping[str, str]):
         RefusedError (a ValueError) if the file couldn't give it back: a line end, a NUL, blanks at
         its ends, a line of more than 8191 bytes; for the key also an "=", or "#" or "[" ahead.
         """
-        names = encode(self._name), encode(option), encode(value)
+        stanza, key, text = encode(self._name), encode(option), encode(value)
         with self._config._changing() as handle:
             table = self._table()
-            handle.run(_lib.set_value, *names)
-            table[option] = value
+            handle.run(_lib.set_value, stanza, key, text)
+            table[decode(key)] = decode(text)
 
     def add(self, option: str, value: str) -> None:
         """Adds a value behind the key's others; one that is there already isn't added again.
 
         RefusedError as above, and for the empty text.
         """
+        option, value = canonical(option), canonical(value)
         names = encode(self._name), encode(option), encode(value)
         with self._config._changing() as handle:
             table = self._table()
@@ -510,6 +521,7 @@ class Config(MutableMapping[str, Section]):
         A list as value gives a key several values. RefusedError for a Section with hidden values,
         which would become plain ones.
         """
+        section = canonical(section)
         listed = _tried(section, content)
         with self._changing():
             if section not in self._data().names:
@@ -533,7 +545,7 @@ class Config(MutableMapping[str, Section]):
 
     def add_section(self, section: str) -> None:
         """Adds a stanza without keys, at the end; RefusedError if it is there already."""
-        name = encode(section)
+        name, section = encode(section), canonical(section)
         with self._changing() as handle:
             if section in self._data().names:
                 raise RefusedError(f"stanza {section!r} is there already", 22, self._file())
@@ -613,7 +625,8 @@ class Config(MutableMapping[str, Section]):
 
         RefusedError where values are hidden, of a key here or of a Section in the dictionary.
         """
-        tried = {section: _tried(section, content) for section, content in dictionary.items()}
+        tried = {canonical(section): _tried(section, content)
+                 for section, content in dictionary.items()}
         with self._changing():
             for section, listed in tried.items():
                 if section in self._data().names:

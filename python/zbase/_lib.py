@@ -140,6 +140,11 @@ def decode(text: bytes) -> str:
     return text.decode("utf-8", "surrogateescape")
 
 
+def canonical(text: str) -> str:
+    """Text as the library gives it back: of escapes that are UTF-8 together, the character."""
+    return decode(encode(text))
+
+
 # ---------------------------------------------------------------- failures
 
 
