@@ -55,6 +55,11 @@ class Watching(FolderTest):
             Path("service.conf").write_bytes(b"[log]\nlevel\n")
             self.assertRaises(zbase.DataError, next, iter(watch))
             self.assertEqual(watch.config["log"]["level"], "debug")
+        Path("service.conf").write_bytes(b"[log]\nlevel = 1\n")
+        with zbase.watch("service.conf", on_failure=lambda failure: Path(
+                "service.conf").write_bytes(b"[log]\nlevel = " + failure.text.encode())) as watch:
+            Path("service.conf").write_bytes(b"[log]\nlevel\n")
+            self.assertEqual(next(iter(watch)).after, ["bad line: level"])
 
     def test_asyncio(self):
         async def wait():

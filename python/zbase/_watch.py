@@ -2,10 +2,10 @@
 
 import os
 import select
-from typing import Iterator, List, NamedTuple, Optional, Union
+from typing import Callable, Iterator, List, NamedTuple, Optional, Union
 
 from ._config import Config, Path, _split, open as _open
-from ._errors import StateError
+from ._errors import DataError, Error, FileError, StateError
 from ._lib import Tables, WatchHandle
 
 
@@ -44,7 +44,12 @@ def _differences(before: Tables, after: Tables) -> Iterator[Change]:
 class Watch:
     """A watch on a file: see watch(). `config` is what the file holds, kept up to date."""
 
-    def __init__(self, source: Union[Config, Path]) -> None:
+    def __init__(
+        self,
+        source: Union[Config, Path],
+        on_failure: Optional[Callable[[Error], object]] = None,
+    ) -> None:
+        self._on_failure = on_failure
         self._owns = not isinstance(source, Config)
         self.config = source if isinstance(source, Config) else _open(source)
         if self.config.path is None:
@@ -71,18 +76,30 @@ class Watch:
             return list(_differences(before, self.config._data()))
 
     def __iter__(self) -> Iterator[Change]:
-        """Waits for changes, for ever: until close(), an interrupt, or an error of process()."""
+        """Waits for changes, for ever: until close(), an interrupt, or an error of process().
+
+        With on_failure, DataError and FileError end no loop.
+        """
         ready = select.poll()
         descriptors = self._handle.descriptors()
         try:
             for descriptor in descriptors:
                 ready.register(descriptor, select.POLLIN)
             while self._handle.is_open():
-                yield from self.process()
+                yield from self._looked()
                 ready.poll()
         finally:
             for descriptor in descriptors:
                 os.close(descriptor)
+
+    def _looked(self) -> List[Change]:
+        try:
+            return self.process()
+        except (DataError, FileError) as failure:
+            if self._on_failure is None:
+                raise
+            self._on_failure(failure)
+            return []
 
     def close(self) -> None:
         """Ends the watch, in any thread; a loop over it ends too, as when its Config is closed.
@@ -100,7 +117,9 @@ class Watch:
         self.close()
 
 
-def watch(source: Union[Config, Path]) -> Watch:
+def watch(
+    source: Union[Config, Path], *, on_failure: Optional[Callable[[Error], object]] = None
+) -> Watch:
     """Tells what others change in a file, or in the file of a Config, which is kept up to date:
 
         for change in zbase.watch("service.conf"):
@@ -109,7 +128,11 @@ def watch(source: Union[Config, Path]) -> Watch:
     For a loop of your own it has a descriptor, fileno(), and process(): give it to a selector, or
     to asyncio as loop.add_reader(watch.fileno(), on_change).
 
-    The file may be rewritten or replaced, as editors do. StateError for a Config without a file,
-    FileError without descriptors.
+    The file may be rewritten or replaced, as editors do. Where one writes in place, the loop may
+    find a line that is half written, and ends with its DataError. With `on_failure` it calls that
+    with each DataError and FileError, in the thread of the loop, and goes on: config is what it
+    was, and the next change of the file is looked at again.
+
+    StateError for a Config without a file, FileError without descriptors.
     """
-    return Watch(source)
+    return Watch(source, on_failure)
