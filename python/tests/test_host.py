@@ -1,8 +1,9 @@
 """The process that uses the module stays as it was: locale, environment, signals, descriptors."""
 
 import os
+import shutil
 
-from support import FolderTest
+from support import ROOT, FolderTest
 
 PROGRAM = """
 import ctypes, locale, os, signal, sys, threading
@@ -49,3 +50,8 @@ class Host(FolderTest):
         for name in ("", "C", "de_DE.UTF-8", "en_US.ISO-8859-1", "ja_JP.EUC-JP"):
             with self.subTest(locale=name):
                 self.run_program(PROGRAM, name, env=environment)
+
+    def test_only_the_sources_heed_a_library_of_the_environment(self):
+        shutil.copytree(ROOT / "python" / "zbase", "installed/zbase")
+        self.run_program("import zbase", env={**os.environ, "PYTHONPATH": "installed",
+                                              "ZBASE_LIBRARY": "none"})

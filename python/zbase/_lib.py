@@ -28,8 +28,17 @@ from ._errors import (
     file_error,
 )
 
-# ZBASE_LIBRARY is for the development of this module: it names a library that isn't installed.
-_library = ctypes.CDLL(os.environ.get("ZBASE_LIBRARY") or "libzbase.so.6")
+
+
+def _library_name() -> str:
+    """ZBASE_LIBRARY, in the tree of the sources alone: where this package is installed, no
+    environment may put other code into the programs that use it."""
+    sources = os.path.join(os.path.dirname(__file__), os.pardir, "CMakeLists.txt")
+    named = os.environ.get("ZBASE_LIBRARY") if os.path.exists(sources) else None
+    return named or "libzbase.so.6"
+
+
+_library = ctypes.CDLL(_library_name())
 
 
 class _LastError(ctypes.Structure):
