@@ -67,7 +67,7 @@ def _split(values: str) -> List[str]:
 
 def _listed(values: Values) -> List[str]:
     """These values as a key can have them: no empty one, and none twice."""
-    texts = [values] if isinstance(values, str) else values
+    texts = values if isinstance(values, Iterable) and not isinstance(values, str) else [values]
     return [text for text in dict.fromkeys(map(canonical, texts)) if text != ""]
 
 

@@ -82,7 +82,8 @@ class StateError(Error, RuntimeError):
     """The object can't do this now.
 
     It is closed; or it was made before a fork, and this is the child; or another thread has an
-    update open in it; or it has no file; or this process uses the library in another codeset.
+    update open in it, or this one, which stores it at its end; or it has no file; or this process
+    uses the library in another codeset.
     """
 
 
