@@ -1,12 +1,14 @@
 // A layered configuration as an object: what readers see, and that changes go into one file.
 #include "support/Prelude.h"
 
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <thread>
 
 #include "Z/ZLayers.h"
 #include "Z/ZPropertiesUpdate.h"
+#include "Z/ZPropertiesWatcher.h"
 #include "Z/zlayers.h"
 #include "support/Raised.h"
 #include "support/TempFolder.h"
@@ -238,6 +240,64 @@ TEST(Layers, LosesNoEditOfSeveralWriters) {
         writer.join();
     ZLayers layers(tree.terms);
     EXPECT_EQ(layers.count("s"), 2 + 3 * kEdits);
+}
+
+// Each step's notices once, nothing of what is below a shadow, and everything of folders that come
+// and go.
+TEST(Layers, TellsWhatChangesOnTheDisk) {
+    struct Watcher : ZPropertiesWatcher {
+        explicit Watcher(ZProperties& properties) : ZPropertiesWatcher(properties) {}
+        void tell(const ZPropertyChanged& change) override {
+            told += string(change.key == nullptr ? change.stanza : change.key) +
+                    "+-="[change.changeType] + " ";
+        }
+        string told;
+    };
+    Tree tree(kBase);
+    const auto drop = [&](const char* name, const char* text) {
+        std::filesystem::create_directories(tree.folder / "etc/app.conf.d");
+        tree.folder.replace(string("etc/app.conf.d/") + name, text);
+    };
+    const struct {
+        const char* name;
+        std::function<void()> change;
+        const char* told;
+    } kSteps[] = {
+        {"nothing", [] {}, ""},
+        {"a folder that comes with a file", [&] { drop("1.conf", "[s]\na = 5\n"); }, "a= "},
+        {"below a shadow", [&] { drop("2.conf", "[s]\nb = 7\n"); }, ""},
+        {"a file behind it", [&] { drop("95.conf", "[s]\nb = 7\nc = 1\n"); }, "b= c+ "},
+        {"a file that is bad", [&] { drop("3.conf", "[s\n"); }, "line 1"},
+        {"which goes", [&] { std::filesystem::remove(tree.folder / "etc/app.conf.d/3.conf"); }, ""},
+        {"all goes", [&] { std::filesystem::remove_all(tree.folder / "etc"); }, "c- a= b= "},
+        {"the main file is hidden",
+         [&] {
+             drop("1.conf", "[s]\na = 1\n");
+             tree.folder.write("etc/app.conf", "");
+         },
+         ""},
+        {"and has other content", [&] { tree.folder.write("etc/app.conf", "[s]\nd = 1\n"); },
+         "d+ "},
+    };
+    ZLayers layers(tree.terms);
+    Watcher watcher(layers);
+    watcher.setSettlingTime(0);
+    for (const auto& step : kSteps) {
+        SCOPED_TRACE(step.name);
+        step.change();
+        watcher.told.clear();
+        struct pollfd ready = {watcher.descriptor(), POLLIN, 0};
+        string told;
+        do {
+            told += raised([&] { watcher.process(); });
+        } while (watcher.told.size() + told.size() < strlen(step.told) &&
+                 poll(&ready, 1, 9000) > 0);
+        EXPECT_EQ(told + watcher.told, step.told);
+        tree.terms.flags = ZLAYERS_MAY_BE_EMPTY | ZLAYERS_SKIP_BAD;
+        ZLayers fresh(tree.terms);
+        for (const char* key : {"a", "b", "c", "d"})
+            EXPECT_EQ(valueOf(layers, tree, key), valueOf(fresh, tree, key));
+    }
 }
 
 TEST(Layers, AnswersCCallers) {

@@ -35,7 +35,8 @@ class ZLayersFile;
 /// Shadows: a change to a key to which a file above the target gives other values is stored, and
 ///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException, and
 ///   nothing is stored.
-/// Updates (ZPropertiesUpdate.h) lock the target. path() is the target's.
+/// Updates (ZPropertiesUpdate.h) lock the target, and watchers (ZPropertiesWatcher.h) watch all
+///   files and folders. path() is the target's.
 ///
 /// Threads and ownership: as ZProperties.
 /// Cost: a load of each file, and listing their folders. An origin: at the first asking looking

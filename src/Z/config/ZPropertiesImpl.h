@@ -11,6 +11,8 @@
 #include "zlockedfile.h"
 #include "zmemory.h"
 #include "zopenupdates.h"
+#include "zpathwatch.h"
+#include "zpropdiff.h"
 #include "zraise.h"
 #include "zscope.h"
 #include "zstoremodes.h"
@@ -94,6 +96,15 @@ public:
 
     /// Refuses what can only be done to one file, with a reason, where there are several.
     virtual void requireOneFile() const {}
+
+    // --- watches of several files; one file is its watcher's to read ---
+
+    /// What has to be watched to know of any change, as far as it is known by now. False if that
+    /// is the one file.
+    virtual bool listWatched(ZVector<ZWatchedPath>&) const { return false; }
+    /// Loads anew what has changed on the disk, and adds what that has changed here. False if
+    /// somebody else's lock or change came in between. What raises leaves all as it was.
+    virtual bool catchUp(ZVector<ZPropDifference>&) { return true; }
 
     // --- updates ---
 

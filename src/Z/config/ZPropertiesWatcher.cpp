@@ -21,16 +21,24 @@
 #include "zraise.h"
 
 ZPropertiesWatcher::ZPropertiesWatcher(ZProperties& properties)
-    : properties_(properties), watch_(nullptr), descriptor_(-1), pending_(false) {
+    : properties_(properties),
+      watch_(nullptr),
+      descriptor_(-1),
+      pending_(false),
+      isSeveral_(false) {
+    ZVector<ZWatchedPath> paths;
     {
         ZPropertiesFile& known = ZPropertiesFile::of(properties);
         ZProperties::ZPropResourceLock guard(known.lock());
-        known.requireOneFile();
-        path_ = known.path();
+        isSeveral_ = known.listWatched(paths);
+        path_ = isSeveral_ ? paths.front().path : known.path();
     }
     zrequire(path_.getLength() != 0);
-    watch_ = new ZPathWatch(path_.getChars(), kJournalSuffix);
-    descriptor_ = watch_->descriptor();
+    std::unique_ptr<ZPathWatch> watch(new ZPathWatch(path_.getChars(), kJournalSuffix));
+    if (isSeveral_)
+        watch->setPaths(paths);
+    descriptor_ = watch->descriptor();
+    watch_ = watch.release();
 }
 
 ZPropertiesWatcher::~ZPropertiesWatcher() noexcept { delete watch_; }
@@ -49,13 +57,42 @@ static bool wouldStoreTheSame(ZPCache& a, ZPCache& b) {
            (left.size == 0 || memcmp(left.data, right.data, left.size) == 0);
 }
 
+// What isn't watched yet may have changed unnoticed: all is looked at again once it is. False if it
+// has to be tried again. What can't be read raises, and once.
+static bool catchUpWithSeveral(ZPropertiesFile& known, ZPathWatch& watch,
+                               ZVector<ZPropDifference>& differences) {
+    static const int kMostTurns = 16;
+    for (int turns = 0; turns < kMostTurns; ++turns) {
+        ZVector<ZWatchedPath> paths;
+        known.listWatched(paths);
+        const bool isOther = watch.setPaths(paths);
+        try {
+            if (!known.catchUp(differences))
+                return false;
+        } catch (ZPropertiesException&) {
+            if (differences.empty())
+                throw;
+            return false;  // what was found before is told first
+        }
+        if (!isOther)
+            return true;
+    }
+    return false;
+}
+
 int ZPropertiesWatcher::process() {
     pending_ = watch_->hasNews() || pending_;
     if (!pending_ || watch_->isBeingWritten())
         return 0;
     ZPropertiesFile& known = ZPropertiesFile::of(properties_);
     ZVector<ZPropDifference> differences;
-    {
+    if (isSeveral_) {
+        ZProperties::ZPropResourceLock guard(known.lock());
+        if (properties_.isModified() != 0 || known.hasUpdate())
+            return 0;
+        pending_ = false;
+        pending_ = !catchUpWithSeveral(known, *watch_, differences);
+    } else {
         ZProperties::ZPropResourceLock guard(known.lock());
         if (properties_.isModified() != 0 || known.hasUpdate())
             return 0;

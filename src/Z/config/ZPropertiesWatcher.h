@@ -24,6 +24,9 @@ class ZPathWatch;
 /// the system can't tell of all that (inotify's limits, a folder that may not be read), the
 /// descriptor becomes readable once a second, to look.
 ///
+/// Of a configuration out of several files (ZLayers.h) all its files and folders are watched, also
+/// those that aren't there yet, and what is told is how its values change.
+///
 /// Ownership: the properties object must outlive the watcher.
 /// Failure: as each call says.
 /// Threads: one at a time may call a watcher; the object's lock is taken where it is needed.
@@ -68,7 +71,8 @@ private:
     ZPathWatch* watch_;
     int descriptor_;
     bool pending_;    // something has happened that process() hasn't dealt with
-    ZLCString path_;  // as the object says it
+    ZLCString path_;  // as the object says it; of several files, of one
+    bool isSeveral_;
 };
 
 #endif

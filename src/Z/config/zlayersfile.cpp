@@ -76,6 +76,37 @@ void ZLayersFile::restore(const ZUpdatedFile&) {
     });
 }
 
+// ---------------------------------------------------------------- watch
+
+bool ZLayersFile::listWatched(ZVector<ZWatchedPath>& paths) const {
+    ZVector<ZLayerFile> now;
+    set_->tree().find(now);
+    set_->tree().listWatched(now, paths);
+    return true;
+}
+
+bool ZLayersFile::catchUp(ZVector<ZPropDifference>& differences) {
+    ZVector<ZLayerFile> now;
+    set_->tree().find(now);
+    if (!isStale_ && ZLayerTree::areSettled(now) && ZLayerTree::areSame(set_->found(), now))
+        return true;
+    ZSCFData fresh;
+    fresh.setAttributes(model().attributes(), nullptr);
+    try {
+        set_->loadBeside(fresh, 0);
+    } catch (ZPropertiesIOException& e) {
+        const bool isBusy = ZFailure{"", e.excerrno(), nullptr}.isLockedByOthers() &&
+                            (strcmp(e.api(), "fcntl()") == 0 || strcmp(e.api(), "load()") == 0);
+        if (!isBusy)
+            throw;
+        return false;
+    }
+    zfindDifferences(model(), fresh, differences);
+    isStale_ = false;
+    readBy([&] { ZModelContent::take(model(), fresh); });
+    return true;
+}
+
 // ---------------------------------------------------------------- target
 
 void ZLayersFile::setTarget(const char* root, const char* dropIn) {

@@ -28,6 +28,8 @@ public:
     void load(const char* file) override;
     void store(const ZLCString& path) override;
     void requireOneFile() const override;
+    bool listWatched(ZVector<ZWatchedPath>& paths) const override;
+    bool catchUp(ZVector<ZPropDifference>& differences) override;
     bool prepareUpdate() override;
     void beginUpdate(ZUpdatedFile& file) override;
     void restore(const ZUpdatedFile& file) override;

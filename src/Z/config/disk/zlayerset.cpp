@@ -88,6 +88,22 @@ void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own)
             read_.push_back(i);
 }
 
+void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait) {
+    ZVector<ZLayerFile> found(found_);
+    ZVector<ZLayer> layers;
+    ZVector<size_t> read(read_);
+    layers.swap(layers_);
+    try {
+        load(other, wait);
+    } catch (...) {
+        found_.swap(found);
+        layers_.swap(layers);
+        read_.swap(read);
+        counted_ = nullptr;
+        throw;
+    }
+}
+
 void ZLayerSet::loadFiles(ZSCFData& model, Reading reading) {
     // What is bad shows only once it was read. Then all is read once more, each file by itself
     // first, so that of a bad one nothing stays in the model.

@@ -54,6 +54,9 @@ public:
     /// bytes that are read, but for sorting names.
     /// One of the files, `own`, may be locked by the caller; null: none is.
     void load(ZSCFData& model, unsigned long wait, const ZFileStamp* own = nullptr);
+    /// The same into another model than that which was loaded last. What raises leaves the set as
+    /// it was.
+    void loadBeside(ZSCFData& other, unsigned long wait);
     /// Makes `out` what a load of the layers with an index below `end` has read, out of the model
     /// that was loaded, whatever has been changed in it since.
     void rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const;
