@@ -482,7 +482,13 @@ TEST_F(CInterface, HiddenValuesAreReadAndNeverReplacedByText) {
                   path + ".obf two/<null>/<null> two/secret/8! two/secret/added-secret! ");
     Handle copy = nullptr;
     ASSERT_EQ(zstzPropOpenBytes(&copy, text.data(), text.size(), 0), ZPROP_OK);
+    // Without a file it is text like any other, but for a store to a file.
+    char* same = nullptr;
+    ASSERT_EQ(zstzPropStoreBytes(copy, &same, nullptr), ZPROP_OK);
+    EXPECT_EQ(same, text);
+    zstzPropFree(same);
     EXPECT_EQ(zstzPropStore(copy, (folder / "copy").c_str()), ZPROP_OK);
+    EXPECT_EQ(TempFolder::read(folder / "copy").find(other), string::npos);
     zstzPropClose(copy);
     EXPECT_EQ(TempFolder::read(other), "precious");
 }

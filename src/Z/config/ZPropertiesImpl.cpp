@@ -309,6 +309,9 @@ ZLCString ZPropertiesFile::settleSideName(const ZLCString& path) {
         if (name.getLength() == 0) {
             makeObfuscatedDBName(path.getChars(), name);
             cache().setObfuscatedDBName(name.getChars());
+            // A text from memory may name that of another file.
+            if (object_.fileName_.isEmpty())
+                cache().delLine(kSideStanza, kSideKey);
         }
         checkFileAccess(name.getChars());
     }

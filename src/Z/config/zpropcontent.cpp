@@ -25,10 +25,11 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     zreadText(trial, fileName_.getChars(), text);
     ZModelContent::addHidden(data(), trial);
     // Where the side database is, isn't the bytes' to say: a store would write there, or remove it.
+    // In an object without a file the entry is text like any other, which goes on to the next.
     const ZLCString& side = cache_->obfuscatedDBName();
-    if (side.isEmpty())
+    if (side.isEmpty() && !fileName_.isEmpty())
         trial.delLine(kSideStanza, kSideKey);
-    else if (trial.contains(kSideStanza, kSideKey) != 0)
+    else if (!side.isEmpty() && trial.contains(kSideStanza, kSideKey) != 0)
         trial.addLine(kSideStanza, kSideKey, side.getChars(), 0);
     ZModelEdits::noteText(trial, text);
     ZModelContent::take(data(), trial);
