@@ -123,6 +123,21 @@ TEST(Update, AChildThatLivesOnKeepsNoLock) {
     }
 }
 
+TEST(Update, AForkWhileAFileIsClosedKeepsNoLock) {
+    const TempFolder folder;
+    Config p(folder.write("f", kStart), kSafe);
+    for (int round = 0; round < 30; ++round) {
+        std::atomic<pid_t> child(0);
+        std::thread forker([&child] { child = startChild(pause); });
+        while (child == 0)
+            p.reload(nullptr);
+        forker.join();
+        EXPECT_EQ(raised([&p] { increment(p); }), "");
+        kill(child, SIGKILL);
+        endOf(child);
+    }
+}
+
 TEST(CarefulFiles, AreRegularAndWithinTheLimitForFileSizes) {
     const TempFolder folder;
     const string pipe = folder / "pipe", file = folder.write("f", kStart);

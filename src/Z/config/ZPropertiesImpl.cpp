@@ -188,18 +188,19 @@ void ZPropertiesFile::load(const char* file) {
         return;
     }
     bool isDirect;
-    ZOpenFile opened(zopenToRead(path.getChars(), isCareful(), isDirect));
+    const ZLockTerms terms = lockTerms();
+    ZOpenFile opened;
+    ZLockScope fileLock(opened, terms.owner);
+    opened.reset(zopenToRead(path.getChars(), isCareful(), isDirect));
     if (opened.get() < 0)
         zraiseIO(path.getChars(), "fopen(r)", errno);
-    const ZLockTerms terms = lockTerms();
     if (ZModelReading::isOwn(cache())) {
-        ZLockScope fileLock(opened, terms.owner);
         zcheckIO(
             zlockWholeFile(opened.get(), F_RDLCK, terms.owner, terms.wait).of(path.getChars()));
         readFile(path, {opened.get(), nullptr, isDirect}, nullptr,
                  [&] { fileLock.close().passOver(); });
     } else {
-        ZLockedStream stream;
+        ZLockedStream stream(fileLock.forksBefore());
         stream.take(zstreamOn(opened.release(), "r"), "fopen(r)", path.getChars(), F_RDLCK, terms);
         readFile(path, {stream.descriptor(), stream.get(), isDirect}, nullptr,
                  [&] { stream.close(); });

@@ -96,13 +96,14 @@ int ZPropertiesWatcher::process() {
         ZProperties::ZPropResourceLock guard(known.lock());
         if (properties_.isModified() != 0 || known.hasUpdate())
             return 0;
-        ZOpenFile file(zopenRegularFile(path_.getChars(), O_RDONLY));
+        const ZLockOwner owner = known.lockTerms().owner;
+        ZOpenFile file;
+        ZLockScope lock(file, owner);
+        file.reset(zopenRegularFile(path_.getChars(), O_RDONLY));
         if (file.get() < 0 && (errno == ENOENT || errno == ENOTDIR))
             return 0;
         if (file.get() < 0)
             zraiseIO(path_.getChars(), "fopen(r)", errno);
-        const ZLockOwner owner = known.lockTerms().owner;
-        ZLockScope lock(file, owner);
         const ZFailure failure = zlockWholeFile(file.get(), F_RDLCK, owner, 0);
         if (failure.isLockedByOthers())
             return 0;

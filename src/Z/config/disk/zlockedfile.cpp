@@ -22,14 +22,14 @@ void ZLockedStream::take(FILE* opened, const char* word, const char* path, short
         zraiseIO(path, word, errno);
     stream_.reset(opened);
     owner_ = terms.owner;
-    forks_ = zforkCount();
     room_.lendTo(opened);
     zcheckIO(zlockWholeFile(descriptor(), type, terms.owner, terms.wait).of(path));
 }
 
 int ZLockedStream::close() {
-    if (stream_.get() != nullptr)
-        zunlockSharedFile(descriptor(), owner_, forks_);
+    if (stream_.get() == nullptr)
+        return 0;
+    const ZSharedUnlock unlocked(descriptor(), owner_, forks_);
     return stream_.close();
 }
 

@@ -18,7 +18,9 @@ struct ZLockTerms {
 /// A stream on a file that is locked whole for as long as it is open.
 class ZLockedStream {
 public:
-    ZLockedStream() : owner_(zlockOfProcess), forks_(0), stream_(nullptr) {}
+    /// `forksBefore`: the zforkCount from ahead of the opening.
+    explicit ZLockedStream(unsigned int forksBefore = zforkCount())
+        : owner_(zlockOfProcess), forks_(forksBefore), stream_(nullptr) {}
     ~ZLockedStream() { close(); }
     ZLockedStream(const ZLockedStream&) = delete;
     ZLockedStream& operator=(const ZLockedStream&) = delete;
@@ -35,7 +37,7 @@ public:
 
 private:
     ZLockOwner owner_;
-    unsigned int forks_;
+    const unsigned int forks_;
     ZStreamRoom room_;
     ZStreamGuard stream_;
 };

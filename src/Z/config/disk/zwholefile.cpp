@@ -276,23 +276,38 @@ ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
         &terms);
 }
 
+// Counted behind the fork, ahead of giving the mutex up: who opens a file while a fork is under way
+// has the old count, and who closes one sees the new one.
 static std::atomic<unsigned int> forks(0);
+static pthread_mutex_t closing = PTHREAD_MUTEX_INITIALIZER;
 static pthread_once_t forksCounted = PTHREAD_ONCE_INIT;
 
 unsigned int zforkCount() {
-    const auto count = [] { ++forks; };
-    static void (*const kCount)() = count;
-    pthread_once(&forksCounted, [] { pthread_atfork(nullptr, kCount, kCount); });
+    static void (*const kPrepare)() = [] { pthread_mutex_lock(&closing); };
+    static void (*const kEnd)() = [] {
+        ++forks;
+        pthread_mutex_unlock(&closing);
+    };
+    pthread_once(&forksCounted, [] { pthread_atfork(kPrepare, kEnd, kEnd); });
     return forks;
 }
 
-void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore) {
-    if (descriptor >= 0 && owner == zlockOfDescription && forksBefore != zforkCount())
+ZSharedUnlock::ZSharedUnlock(int descriptor, ZLockOwner owner, unsigned int forksBefore)
+    : isHeld_(descriptor >= 0 && owner == zlockOfDescription) {
+    if (!isHeld_)
+        return;
+    pthread_mutex_lock(&closing);
+    if (forksBefore != forks)
         tryLock(descriptor, F_UNLCK, owner).passOver();
 }
 
+ZSharedUnlock::~ZSharedUnlock() {
+    if (isHeld_)
+        pthread_mutex_unlock(&closing);
+}
+
 ZFailure ZLockScope::close() {
-    zunlockSharedFile(file_.get(), owner_, forks_);
+    const ZSharedUnlock unlocked(file_.get(), owner_, forks_);
     return file_.close();
 }
 

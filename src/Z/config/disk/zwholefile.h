@@ -14,6 +14,7 @@
 #include "zmemory.h"
 #include "zpblock.h"
 #include "zraise.h"
+#include "zuncancelled.h"
 
 struct stat;
 
@@ -155,12 +156,27 @@ ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
 /// How often this process has forked, as far as it matters: counted from the first call on.
 unsigned int zforkCount();
 
-/// Closes a locked file at the end of a scope, or before. A description's lock that a forked child
-/// has too isn't ended by that and is given up first; but only then, for between the two a thread
-/// of this process may take a process's lock on the file, which closing drops.
+/// What goes around the closing of a locked file. A description's lock that a forked child has too
+/// isn't ended by closing and is given up first; but only then, for between the two a thread of
+/// this process may take a process's lock on the file, which closing drops. While it lives, forks
+/// wait: one between the look at their count and the closing would leave the lock in the child. No
+/// thread is cancelled meanwhile. A signal's handler that forks must not run in this thread.
+class ZSharedUnlock {
+public:
+    ZSharedUnlock(int descriptor, ZLockOwner owner, unsigned int forksBefore);
+    ~ZSharedUnlock();
+    ZSharedUnlock(const ZSharedUnlock&) = delete;
+    ZSharedUnlock& operator=(const ZSharedUnlock&) = delete;
+
+private:
+    const ZUncancelled uncancelled_;
+    const bool isHeld_;
+};
+
+/// Closes a locked file at the end of a scope, or before.
 class ZLockScope {
 public:
-    /// Ahead of the locking.
+    /// Ahead of the opening: a child may have the file from then on.
     ZLockScope(ZOpenFile& file, ZLockOwner owner)
         : file_(file), owner_(owner), forks_(zforkCount()) {}
     ~ZLockScope() { close().passOver(); }
@@ -168,14 +184,14 @@ public:
     ZLockScope& operator=(const ZLockScope&) = delete;
 
     ZFailure close();
+    /// The zforkCount at its beginning.
+    unsigned int forksBefore() const { return forks_; }
 
 private:
     ZOpenFile& file_;
     const ZLockOwner owner_;
     const unsigned int forks_;
 };
-/// Gives the lock up where that is needed ahead of closing.
-void zunlockSharedFile(int descriptor, ZLockOwner owner, unsigned int forksBefore);
 
 /// When and how a file was changed last, as exactly as the system tells.
 struct ZFileStamp {
