@@ -492,7 +492,17 @@ TEST(Zstz, HiddenValues) {
     EXPECT_EQ(run(folder, {"edit", "f", "rename t u", "rename u secret s", "rename u t"}).code, 0);
     EXPECT_EQ(run(folder, {"get", "--all", "f", "t", "s"}).out, "old\nnew\n");
     EXPECT_EQ(run(folder, {"rename", "f", "t", "s", "secret"}).code, 0);
-    EXPECT_EQ(run(folder, {"rename", "f", "configuration-database", "x"}).code, 4);
+    // What says where they are stays.
+    const string held = TempFolder::read(file);
+    for (const char* change :
+         {"set configuration-database file x", "add configuration-database file x",
+          "unset configuration-database", "unset configuration-database file",
+          "disable configuration-database file", "rename configuration-database x",
+          "rename configuration-database file x"}) {
+        EXPECT_EQ(run(folder, {"edit", "f", change}).code, 4) << change;
+        EXPECT_EQ(run(folder, {"edit", "--dry-run", "f", change}).code, 4) << change;
+    }
+    EXPECT_EQ(TempFolder::read(file), held);
     EXPECT_NE(run(folder, {"unset", "--dry-run", "f", "t", "secret"}).out.find("-file = /"),
               string::npos);
     EXPECT_EQ(run(folder, {"unset", "f", "t", "secret"}).code, 0);

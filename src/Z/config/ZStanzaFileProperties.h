@@ -190,7 +190,8 @@ public:
     /// Gives the stanza another name, at its place. Refused: a name that is taken, and the stanza
     /// of the side database. Notices: PropertyDeleted of the old, PropertyAdded of the new one.
     int renameStanza(const char* stanza, const char* name);
-    /// Likewise a key, with its values, hidden ones too, and the comments ahead of it.
+    /// Likewise a key, with its values, hidden ones too, and the comments ahead of it. Refused: the
+    /// entry of the side database, too.
     int renameKey(const char* stanza, const char* key, const char* name);
     /// Makes the stanza's first comment that reads like an entry of this key, "# key = value", that
     /// entry, at its place. Refused: a key that is there already. Notice: PropertyAdded.

@@ -1,5 +1,7 @@
 #include "ZPropHandle.h"
 
+#include "zgrammar.h"
+
 #include "zreport.h"
 
 static const uint32_t kFirstGuard = 0xBEEFF00Du;
@@ -76,6 +78,7 @@ ZPROP_stzvalue_iter_handle::ZPROP_stzvalue_iter_handle(ZStanzaFileProperties& pr
     : ZPROP_iter_handle(walksValues),
       iterator(properties, stanza, keyName, ZPROP_STRING_LOCAL,
                ZStanzaValueIterator::ZPROP_ITER_AUTO),
-      key(keyName) {}
+      key(keyName),
+      sideEntryOf(zisSideEntry(stanza, keyName) ? &properties : nullptr) {}
 
 ZPROP_stzvalue_iter_handle::~ZPROP_stzvalue_iter_handle() noexcept(false) {}

@@ -121,6 +121,8 @@ public:
     ZStanzaValueIterator iterator;  ///< the walk itself
     ZLCString value;                ///< what was handed out last of the walk's place
     ZLCString key;                  ///< the one that is walked
+    /// The object, where the key is the one that says where the side database is; else null.
+    const ZStanzaFileProperties* sideEntryOf;
 };
 
 #endif

@@ -9,9 +9,11 @@
 #include "ZExceptionText.h"
 #include "ZPropHandle.h"
 #include "ZPropertiesImpl.h"
+#include "zgrammar.h"
 #include "zproperror.h"
 #include "zqelutil.h"
 #include "zraise.h"
+#include "zrefusal.h"
 
 int zstzPropLastError(ZPROP_error* error) { return zlastError(error); }
 
@@ -334,38 +336,58 @@ static int applyChange(ZPROP_handle* handle, bool complete, Change change) {
     return zguarded(zchangeGroup, [&] { change(*properties); });
 }
 
+// Where hidden values are stays as long as there are any: without its entry, or with another, no
+// load would find them.
+static void requireNothingHidden(const ZStanzaFileProperties& properties) {
+    const ZPropertiesFile& file = ZPropertiesFile::of(properties);
+    ZResourceLock guard(file.lock());
+    if (file.cache().obfuscatedCount() != 0)
+        zrequireNoFault({"the entry of the side database", "stays while values are hidden"});
+}
+
+// Lets one change run on a key, or on a stanza if it is null.
+template <typename Change>
+static int changeEntry(ZPROP_handle* handle, bool complete, const char* stanza, const char* key,
+                       Change change) {
+    return applyChange(handle, complete && stanza != nullptr, [&](ZStanzaFileProperties& p) {
+        if (zisSideEntry(stanza, key))
+            requireNothingHidden(p);
+        change(p);
+    });
+}
+
 int zstzPropSetStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            const char* value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.setValue(stanza, key, value); });
 }
 
 int zstzPropSetIntegerValue(ZPROP_handle* handle, const char* stanza, const char* key,
                             unsigned int value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.setIntegerValue(stanza, key, value); });
 }
 
 int zstzPropSetBooleanValue(ZPROP_handle* handle, const char* stanza, const char* key, int value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.setBooleanValue(stanza, key, value); });
 }
 
 int zstzPropSetInt64Value(ZPROP_handle* handle, const char* stanza, const char* key,
                           int64_t value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.setInteger64Value(stanza, key, value); });
 }
 
 int zstzPropSetDoubleValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            double value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.setDoubleValue(stanza, key, value); });
 }
 
 int zstzPropAddStringValue(ZPROP_handle* handle, const char* stanza, const char* key,
                            const char* value) {
-    return applyChange(handle, stanza != nullptr && key != nullptr && value != nullptr,
+    return changeEntry(handle, key != nullptr && value != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.addValue(stanza, key, value, 0); });
 }
 
@@ -375,12 +397,12 @@ int zstzPropRemoveComments(ZPROP_handle* handle, const char* stanza, const char*
 }
 
 int zstzPropRemoveKey(ZPROP_handle* handle, const char* stanza, const char* key) {
-    return applyChange(handle, stanza != nullptr && key != nullptr,
+    return changeEntry(handle, key != nullptr, stanza, key,
                        [&](ZStanzaFileProperties& p) { p.deleteKey(stanza, key); });
 }
 
 int zstzPropRemoveStanza(ZPROP_handle* handle, const char* stanza) {
-    return applyChange(handle, stanza != nullptr,
+    return changeEntry(handle, true, stanza, nullptr,
                        [&](ZStanzaFileProperties& p) { p.deleteStanza(stanza); });
 }
 
@@ -522,7 +544,11 @@ static int changeWalk(ZPROP_iter_handle* iterator, Change change) {
         return zparameterError();
     if (walk.keys != nullptr)
         return unsuitable();
-    return zguarded(zreadGroup, [&] { change(*walk.values); });
+    return zguarded(zreadGroup, [&] {
+        if (walk.values->sideEntryOf != nullptr)
+            requireNothingHidden(*walk.values->sideEntryOf);
+        change(*walk.values);
+    });
 }
 
 int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text) {

@@ -259,7 +259,8 @@ ZEXPORT int zstzPropLastErrno(void);
 /* --- Changing ---
  *
  * Changes stay in memory until zstzPropStore. 0; 55 for a bad handle or a null argument; 52 if the
- * change fails, for instance on a key whose values are hidden. */
+ * change fails, for instance on a key whose values are hidden. While values are, the stanza
+ * configuration-database and its key `file`, which say where, can't be set, added to or removed. */
 
 /* The value becomes the only one of its key; null empties the key. Stanza, key and line are made as
  * needed. */
@@ -323,8 +324,8 @@ ZEXPORT int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err);
 ZEXPORT int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err);
 
 /* Replaces the value of the walk's place; adds one behind it and moves there; removes it and moves
- * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on. A null
- * text is the empty one. */
+ * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on; 55 where
+ * the key says where hidden values are. A null text is the empty one. */
 ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);

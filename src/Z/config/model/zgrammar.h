@@ -30,6 +30,10 @@ static const size_t kLongestLine = 8191;
 /// The entry that names the side database.
 static const char kSideStanza[] = ZPROP_SIDE_STANZA;
 static const char kSideKey[] = "file";
+/// Whether it is that entry, or its stanza where the key is null.
+inline bool zisSideEntry(const char* stanza, const char* key) {
+    return strcmp(stanza, kSideStanza) == 0 && (key == nullptr || strcmp(key, kSideKey) == 0);
+}
 /// What the default name of a side database has behind the stanza file's.
 static const char kSideSuffix[] = ".obf";
 

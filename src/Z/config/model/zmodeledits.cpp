@@ -64,6 +64,8 @@ bool ZModelEdits::renameKey(ZSCFData& model, const char* stanza, const char* key
     if (id == ZPStore::none)
         return false;
     refuseIf(store.keyInMap(owner, now) != ZPStore::none, "the new name", "is taken already");
+    refuseIf(zisSideEntry(stanza, key) || zisSideEntry(stanza, name),
+             "the entry of the side database", "keeps its name");
     // A longer name may make a line too long.
     const ZPValueView values = store.values(id, ZPStore::plain);
     for (uint32_t i = 0; i < values.count(); ++i) {
