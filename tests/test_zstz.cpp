@@ -299,15 +299,21 @@ TEST(Zstz, StoresWhatAnEditorHasWritten) {
     const struct {
         const char *editor, *line, *text, *err;
         int code;
+        bool keeps;  // what was written
     } kCases[] = {
-        {"sed -i s/k=/l=/", "edit --editor f", "[s]\n l=1", "", 0},
-        {"true", "edit --editor f", "[s]\n k=1", "zstz: f is unchanged\n", 0},
-        {"false", "edit --editor f", "[s]\n k=1", "zstz: the editor has failed: false", 3},
-        {"sed -i s/=//", "edit --editor f", "[s]\n k=1", "f:2: error: bad line:  k1\n", 4},
+        {"sed -i s/k=/l=/", "edit --editor f", "[s]\n l=1", "", 0, false},
+        {"true", "edit --editor f", "[s]\n k=1", "zstz: f is unchanged\n", 0, false},
+        {"false", "edit --editor f", "[s]\n k=1", "zstz: the editor has failed: false", 3, true},
+        {"sed -i s/=//", "edit --editor f", "[s]\n k=1", "f:2: error: bad line:  k1\n", 4, true},
         {"zstz set f s k 7; sed -i s/k=/l=/", "edit --editor f", "[s]\nk = 7\n",
-         "f: error: somebody", 1},
-        {"sed -i s/k=/l=/", "edit --editor --dry-run f", "[s]\n k=1", "", 0},
-        {"true", "edit --editor -", "[s]\n k=1", "zstz: an editor can't", 2},
+         "f: error: somebody", 1, true},
+        {"sed -i s/k=/l=/", "edit --editor --dry-run f", "[s]\n k=1", "zstz: nothing is done; what",
+         0, true},
+        {"true", "edit --editor -", "[s]\n k=1", "zstz: an editor can't", 2, false},
+        {"rm", "edit --editor f", "[s]\n k=1", "zstz: the editor has removed", 3, false},
+        {"sed -i s/k=/[configuration-database]\\\\nfile=/", "edit --editor f", "[s]\n k=1",
+         "f: error: [configuration-database] file can't", 4, true},
+        {"true", "edit --create --editor g", "[s]\n k=1", "zstz: g isn't made", 0, false},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.line);
@@ -322,7 +328,8 @@ TEST(Zstz, StoresWhatAnEditorHasWritten) {
         // What was written is kept, and nothing else.
         const bool isKept = err.find("what you wrote is in") != string::npos;
         EXPECT_EQ(shell(folder, "ls zstz-*/f >out 2>&1") == 0, isKept);
-        EXPECT_EQ(isKept, c.code != 0 && c.code != 2);
+        EXPECT_EQ(isKept, c.keeps);
+        EXPECT_EQ(TempFolder::read(folder / "g"), "<none>");
     }
 }
 

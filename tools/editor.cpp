@@ -26,7 +26,9 @@ public:
                 unlinkat(dirfd(folder), entry->d_name, 0);
             closedir(folder);
         }
-        rmdir(folder_.c_str());
+        if (rmdir(folder_.c_str()) != 0)
+            complain(fileError, "what is left in %s can't be removed: %s", folder_.c_str(),
+                     strerror(errno));
     }
 
     Exit make(const char* file, const std::string& text) {
@@ -50,6 +52,8 @@ public:
 
     // What it holds now; an editor may have put another file in its place.
     Exit read(std::string& text) const {
+        if (isGone())
+            return complain(fileError, "the editor has removed the copy that it was given");
         const int descriptor = open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
         FILE* stream = descriptor == -1 ? nullptr : fdopen(descriptor, "r");
         if (stream == nullptr)
@@ -78,27 +82,44 @@ public:
 
     // Leaves it where it is.
     Exit keep(Exit code) {
-        isKept_ = true;
-        return complain(code, "nothing is done; what you wrote is in %s", path_.c_str());
+        isKept_ = !isGone();
+        return isKept_ ? complain(code, "nothing is done; what you wrote is in %s", path_.c_str())
+                       : complain(code, "nothing is done");
+    }
+
+    // Asked on a terminal. Who ends the command here finds what he wrote.
+    bool isWantedAgain() {
+        if (isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1)
+            return false;
+        if (!isGone())
+            complain(done, "what you wrote is in %s", path_.c_str());
+        fputs("zstz: edit it again? [Y/n] ", stderr);
+        char answer[16];
+        return fgets(answer, sizeof answer, stdin) != nullptr && *answer != 'n' && *answer != 'N';
     }
 
 private:
+    bool isGone() const { return access(path_.c_str(), F_OK) != 0 && errno == ENOENT; }
+
     std::string folder_, path_;
     bool isKept_ = false;
 };
 
 }  // namespace
 
-static bool wantsToGoOn() {
-    if (isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1)
-        return false;
-    fputs("zstz: edit it again? [Y/n] ", stderr);
-    char answer[16];
-    return fgets(answer, sizeof answer, stdin) != nullptr && *answer != 'n' && *answer != 'N';
+// What a text says of the place of hidden values isn't taken over.
+static std::string sideEntryOf(const char* file, ZPROP_handle* text) {
+    Words values;
+    valuesOf(text, file, ZPROP_SIDE_STANZA, "file", values);
+    return values.empty() ? "" : values.back();
 }
 
 // Lets the copy be edited until it is good or given up.
-static Exit editUntilGood(const char* file, const Copy& copy, std::string& text) {
+static Exit editUntilGood(const char* file, Copy& copy, const std::string& before,
+                          std::string& text) {
+    Handle old;
+    if (const Exit failed = openText(file, before, old))
+        return failed;
     for (;;) {
         Handle trial;
         Exit failed = copy.edit();
@@ -106,7 +127,12 @@ static Exit editUntilGood(const char* file, const Copy& copy, std::string& text)
             failed = copy.read(text);
         if (failed == done)
             failed = openText(file, text, trial);
-        if (failed == done || !wantsToGoOn())
+        if (failed == done && sideEntryOf(file, old.get()) != sideEntryOf(file, trial.get()))
+            failed = reportError(badData, file,
+                                 "[" ZPROP_SIDE_STANZA
+                                 "] file can't be changed: it says where "
+                                 "hidden values are");
+        if (failed == done || !copy.isWantedAgain())
             return failed;
     }
 }
@@ -137,10 +163,11 @@ Exit editByEditor(const char* file, const Options& options) {
     Copy copy;
     if ((failed = copy.make(file, before)) != done)
         return failed;
-    if ((failed = editUntilGood(file, copy, text)) != done)
+    if ((failed = editUntilGood(file, copy, before, text)) != done)
         return copy.keep(failed);
-    if (text == before && !isMissing)
-        return complain(done, "%s is unchanged", file);
+    if (text == before)
+        return complain(done, isMissing ? "%s isn't made: nothing was written" : "%s is unchanged",
+                        file);
     failed = update(file, options, [&](ZPROP_handle* handle) -> Exit {
         std::string now;
         // The text that stands for a missing file is in no update.
@@ -153,5 +180,5 @@ Exit editByEditor(const char* file, const Options& options) {
                    ? done
                    : reportLastError(file);
     });
-    return failed == done ? done : copy.keep(failed);
+    return failed == done && !options.dryRun ? done : copy.keep(failed);
 }
