@@ -182,6 +182,13 @@ TEST(Zstz, TurnsLinesIntoOthers) {
         {{"set", "--uncomment", "f", "t", "n"}, 0},
         {{"set", "--uncomment", "f", "t", "o"}, 1, "", "f: [t] o has no sample"},
         {{"set", "--uncomment", "f", "t", "o", "1"}, 0, "", "", "x y\n", "x y\no = 1\n"},
+        {{"set", "--uncomment", "--type=integer", "f", "t", "m"}, 0, "", "", "# m = 0", "m = 0"},
+        {{"edit", "f", "comment t \"# z = x\"", "set --uncomment --type integer t z"},
+         4,
+         "",
+         "f: error: can't change [t] z: not an integer"},
+        {{"rename", "f", "s", "k", "k"}, 2, "", "zstz: k is the name that it has\n"},
+        {{"set", "", "s", "k", "1"}, 2, "", "zstz: FILE is empty\n"},
         {{"set", "f", "t", "m"}, 2, "", "zstz: set takes a VALUE"},
         {{"disable", "f", "t", "n"}, 0, "", "", "n = ", "# n = "},
         {{"disable", "f", "s", "k"}, 0, "", "", "k = 1\nk = 2", "# k = 1\n# k = 2"},
@@ -241,6 +248,30 @@ TEST(Zstz, ShowsAndKeepsWhatItChanges) {
     EXPECT_EQ(TempFolder::read(folder / "d/link.~1~"), "<none>");
 }
 
+TEST(Zstz, TellsWhatBarsASafeStore) {
+    TempFolder folder;
+    folder.write("f", kText);
+    const struct {
+        const char *before, *command, *err;
+        int code;
+    } kCases[] = {
+        {"ln f g", "set f s k 3", "f: error: link(): Too many links\nzstz: a safe store puts", 3},
+        {"true", "set --dry-run f s k 3", "f: error: can't be stored\nzstz: a safe store puts", 3},
+        {"true", "set --backup f s k 3", "f: error: can't be stored\nzstz: a safe store puts", 3},
+        {"true", "set --store checked f s k 3", "", 0},
+        {"ln -s no l", "set --create l s k 3", "zstz: l is a link that leads to no file", 3},
+        {"true", "set --create --backup n s k 3", "", 0},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.command);
+        const string line = string(c.before) + "; zstz " + c.command + " >out 2>err";
+        EXPECT_EQ(shell(folder, line), c.code);
+        const string err = TempFolder::read(folder / "err");
+        EXPECT_EQ(err.substr(0, *c.err == '\0' ? string::npos : strlen(c.err)), c.err);
+    }
+    EXPECT_NE(shell(folder, "ls *.~1~ 2>err"), 0);
+}
+
 // Patches of random texts, applied by patch(1) where there is one, give the new text.
 TEST(Zstz, PatchesLeadToTheNewText) {
     TempFolder folder;
@@ -282,6 +313,9 @@ TEST(Zstz, ReadsStandardInput) {
          "  # head\n\n[s]\nk = 3\nk = 4\nempty =\n\n", 0},
         {"edit - 'rename t u' 'comment c' | zstz diff f -",
          "- [t]\n- [t] n = x y\n+ [u]\n+ [u] n = x y\n", 1},
+        {"set --if-missing - s k 3", kText, 1},
+        {"edit - 'set s k 3' 'unset s x'", kText, 1},
+        {"set --dry-run --if-missing - s k 3", "", 1},
         {"edit -", "", 2},
         {"diff - -", "", 2},
         {"set --backup - s k 3", "", 2},

@@ -60,12 +60,42 @@ static Exit checkConditions(ZPROP_handle* handle, const char* file, const Change
     return exists && isEqual ? done : tellUnmet(file, stanza, key, "has another value");
 }
 
+// Reads the key's value, which is this text, as its type. What it isn't, if it is none; else null.
+static const char* readTyped(ZPROP_handle* handle, Change& change, const char* value) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    int error = ZPROP_OK;
+    if (change.terms.type == integerType) {
+        // A look-up takes the nearest number for one that is out of range, and lets a minus wrap.
+        change.number = zstzPropGetIntegerValue(handle, stanza, key, 1, &error);
+        const bool isGood =
+            error == ZPROP_OK && *value != '-' && strtoull(value, nullptr, 0) == change.number;
+        return isGood ? nullptr : "not an integer from 0 to 4294967295";
+    }
+    if (change.terms.type == booleanType)
+        change.truth = zstzPropGetBooleanValue(handle, stanza, key, 1, &error);
+    return error == ZPROP_OK ? nullptr : "neither yes nor no";
+}
+
+// Whether the value that a sample has brought is of the type.
+static Exit checkSample(ZPROP_handle* handle, const char* file, Change change) {
+    const char *stanza = change.word(1), *key = change.word(2);
+    Words values;
+    if (const Exit failed = valuesOf(handle, file, stanza, key, values))
+        return failed;
+    const std::string value = values.empty() ? "" : values.back();
+    const char* fault = readTyped(handle, change, value.c_str());
+    return fault == nullptr ? done
+                            : refuse(handle, file, stanza, key, std::string(fault) + ": " + value);
+}
+
 // Turns the sample of a key that isn't there into its entry.
 static Exit uncomment(ZPROP_handle* handle, const char* file, const Change& change) {
     const char *stanza = change.word(1), *key = change.word(2);
     bool found = hasEntry(handle, stanza, key);
     if (!found && uncommentEntry(handle, stanza, key, found) != ZPROP_OK)
         return refuse(handle, file, stanza, key);
+    if (found && change.word(3) == nullptr)
+        return checkSample(handle, file, change);
     // A value makes the entry where there is no sample.
     return found || change.word(3) != nullptr
                ? done
@@ -220,6 +250,8 @@ public:
         const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
         if (change.is("rename")) {
             const bool isStanza = commented(change, 2) == nullptr;
+            if (change.words.back() == change.words[change.words.size() - 2])
+                return complain(usage, "%s is the name that it has", change.words.back().c_str());
             stanza = isStanza ? key : stanza;
             key = isStanza ? "key" : value;
             value = "";
@@ -229,32 +261,13 @@ public:
             return refuse(stanza, key, lastErrorText());
         if (change.is("add") && !addValue(handle_.get(), stanza, key, value, why))
             return refuse(stanza, key, why);
-        if (change.terms.type == integerType && !readInteger(change))
-            return complain(usage, "not an integer from 0 to 4294967295: %s", value);
-        if (change.terms.type == booleanType && !readBoolean(change))
-            return complain(usage, "neither yes nor no: %s", value);
-        return done;
+        const char* fault = value == nullptr ? nullptr : readTyped(handle_.get(), change, value);
+        return fault == nullptr ? done : complain(usage, "%s: %s", fault, value);
     }
 
 private:
     static Exit refuse(const char* stanza, const char* key, const std::string& why) {
         return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
-    }
-
-    // A look-up takes the nearest number for one that is out of range, and lets a minus sign wrap.
-    bool readInteger(Change& change) {
-        int error = 0;
-        const char* value = change.word(3);
-        change.number =
-            zstzPropGetIntegerValue(handle_.get(), change.word(1), change.word(2), 1, &error);
-        return error == ZPROP_OK && *value != '-' && strtoull(value, nullptr, 0) == change.number;
-    }
-
-    bool readBoolean(Change& change) {
-        int error = 0;
-        change.truth =
-            zstzPropGetBooleanValue(handle_.get(), change.word(1), change.word(2), 1, &error);
-        return error == ZPROP_OK;
     }
 
     Handle handle_;

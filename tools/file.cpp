@@ -102,6 +102,8 @@ Exit openFile(const char* file, const Options& options, Handle& handle) {
         const Exit failed = readStandardInput(text);
         return failed != done ? failed : openText(file, text, handle);
     }
+    if (*file == '\0')
+        return complain(usage, "FILE is empty");
     ZPROP_handle* opened = nullptr;
     const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
                                         options.storeMode, options.wait);

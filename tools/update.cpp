@@ -1,24 +1,32 @@
 // update.cpp: one update of a file, or of a text that comes by standard input.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "zstz.h"
 
 typedef std::function<Exit(ZPROP_handle*)> Changes;
 
+static bool isMissing(const char* file) { return access(file, F_OK) != 0 && errno == ENOENT; }
+
 // Makes an empty file that the library can open. One that is there stays as it is.
-static Exit createFile(const char* file) {
+static Exit createFile(const char* file, bool& isMade) {
     const int descriptor = open(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    isMade = descriptor != -1;
+    if (descriptor == -1 && errno == EEXIST && isMissing(file))
+        return complain(fileError,
+                        "%s is a link that leads to no file; remove it, or make the file "
+                        "that it names",
+                        file);
     if (descriptor == -1 && errno != EEXIST)
-        return complain(fileError, "%s: %s", file, strerror(errno));
+        return complain(fileError, "%s can't be made: %s", file, strerror(errno));
     if (descriptor != -1)
         close(descriptor);
     return done;
 }
-
-static bool isMissing(const char* file) { return access(file, F_OK) != 0 && errno == ENOENT; }
 
 // Whether a file that is empty would take the changes. What fails is told.
 static Exit tryOnEmptyText(const char* file, const Changes& changes) {
@@ -34,6 +42,9 @@ static Exit updateText(const char* file, const std::string& before, const Option
     Exit failed = openText(file, before, handle);
     if (failed == done)
         failed = changes(handle.get());
+    // What isn't changed goes on as it was: the next in a pipe, or the file behind it, needs it all.
+    if (failed == unmet && isStandardInput(file) && !options.dryRun)
+        fwrite(before.data(), 1, before.size(), stdout);
     if (failed != done)
         return failed;
     std::string now;
@@ -69,16 +80,62 @@ static Exit foresee(ZPROP_handle* handle, const char* file, std::string& before,
     return textOver(handle, before, now) == ZPROP_OK ? done : reportLastError(file);
 }
 
-static Exit commit(ZPROP_handle* handle, const char* file, const Options& options) {
-    if (options.backups != 0) {
+// Says what helps where a store can't be made beside the file.
+static Exit tellOtherMode(const char* why) {
+    return complain(fileError,
+                    "%s; --store checked writes in place, and a crash may cut that in two", why);
+}
+
+static const char kSeveralNames[] =
+    "a safe store puts a new file in place, and this one has several hard links";
+static const char kNoFolder[] = "a safe store needs a folder that may be written to";
+
+static Exit reportStore(const char* file, const Options& options) {
+    const Failed failed = lastFailure(file);
+    const int error = zstzPropLastErrno();
+    const Exit code = reportLastError(file);
+    if (options.storeMode != ZPROP_STORE_SAFE)
+        return code;
+    if (error == EMLINK)
+        return tellOtherMode(kSeveralNames);
+    // What lies beside the file bears another name.
+    return (error == EACCES || error == EROFS) && failed.file != file ? tellOtherMode(kNoFolder)
+                                                                      : code;
+}
+
+// Whether a store would find the file and its folder as it needs them.
+static Exit checkStore(const char* file, const Options& options) {
+    struct stat status;
+    if (options.storeMode != ZPROP_STORE_SAFE || stat(file, &status) != 0)
+        return done;
+    if (status.st_nlink > 1) {
+        reportError(fileError, file, "can't be stored");
+        return tellOtherMode(kSeveralNames);
+    }
+    const std::unique_ptr<char, decltype(&free)> real(realpath(file, nullptr), &free);
+    const std::string path = real == nullptr ? file : real.get();
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == path.npos ? "." : path.substr(0, slash + 1);
+    if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
+        return done;
+    reportError(fileError, file, folder + ": " + strerror(errno));
+    return tellOtherMode(kNoFolder);
+}
+
+// `isNew`: the file was made for this update, and there is nothing to keep of it.
+static Exit commit(ZPROP_handle* handle, const char* file, const Options& options, bool isNew) {
+    if (options.backups != 0 && !isNew) {
         std::string before, now;
         if (const Exit failed = foresee(handle, file, before, now))
             return failed;
+        if (before != now)
+            if (const Exit failed = checkStore(file, options))
+                return failed;
         if (before != now && backUp(handle, options.backups) != ZPROP_OK)
             return reportLastError(file);
     }
     if (zstzPropCommit(handle) != ZPROP_OK)
-        return reportLastError(file);
+        return reportStore(file, options);
     int stored = options.storeMode;
     if (zstzPropLastStoreMode(handle, &stored) == ZPROP_OK && stored < options.storeMode)
         fprintf(stderr,
@@ -96,6 +153,9 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
         const Exit failed = readStandardInput(text);
         return failed != done ? failed : updateText(file, text, options, changes);
     }
+    if (*file == '\0')
+        return complain(usage, "FILE is empty");
+    bool isNew = false;
     if (options.create && options.dryRun && isMissing(file))
         return updateText(file, "", options, changes);
     if (options.create) {
@@ -103,12 +163,12 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
         if (isMissing(file))
             if (const Exit failed = tryOnEmptyText(file, changes))
                 return failed;
-        if (const Exit failed = createFile(file))
+        if (const Exit failed = createFile(file, isNew))
             return failed;
     }
     Handle handle;
     if (const Exit failed = openFile(file, options, handle)) {
-        if (isMissing(file))
+        if (isMissing(file) && !options.create)
             complain(failed, "--create makes a file that is missing (set, edit, merge)");
         return failed;
     }
@@ -118,10 +178,10 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     if (const Exit failed = changes(handle.get()))
         return failed;  // closing takes back what was done
     if (!options.dryRun)
-        return commit(handle.get(), file, options);
+        return commit(handle.get(), file, options, isNew);
     std::string before, now;
     if (const Exit failed = foresee(handle.get(), file, before, now))
         return failed;
     printPatch(file, before, now);
-    return done;
+    return before == now ? done : checkStore(file, options);
 }
