@@ -86,6 +86,9 @@ TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
         expectRaised("zbase::error 62", [&] { u.commit(); });
         u.rollback();
         f["s"]["k"] = "kept";
+        expectRaised("zbase::error 55", [&] { f.store(); });
+        expectRaised("zbase::error 55", [&] { f.store(path); });
+        f.store(folder / "copy");
         expectRaised("zbase::locked 60", [&] { zbase::update v(g, 1ms); });
         expectRaised("zbase::locked 60", [&] { zbase::file h(path, kWithoutWaiting); });
         other.commit();
@@ -96,6 +99,7 @@ TEST_F(Modern, AnUpdateIsTakenBackUnlessItWasCommitted) {
     }
     EXPECT_EQ(g["s"]["k"].get(), "kept");
     zbase::update(f).commit();
+    f.store();
     EXPECT_EQ(zbase::file(path)["s"]["k"].get(), "kept");
 }
 

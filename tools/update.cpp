@@ -18,8 +18,8 @@ static Exit createFile(const char* file, bool& isMade) {
     isMade = descriptor != -1;
     if (descriptor == -1 && errno == EEXIST && isMissing(file))
         return complain(fileError,
-                        "%s is a link that leads to no file; remove it, or make the file "
-                        "that it names",
+                        "%s is a link that leads to no file; remove it, or make the "
+                        "file that it names",
                         file);
     if (descriptor == -1 && errno != EEXIST)
         return complain(fileError, "%s can't be made: %s", file, strerror(errno));

@@ -27,6 +27,7 @@
 
 #include "zproperties.h"
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cmath>
@@ -42,6 +43,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -152,6 +154,26 @@ public:
 namespace detail {
 
 using handle = std::shared_ptr<ZPROP_handle>;
+
+// Closes what a handle leads to, and tells which thread has an update of it open.
+struct closing {
+    closing() noexcept : updater(std::thread::id()) {}
+    closing(const closing&) noexcept : closing() {}  // only ahead of any update
+    void operator()(ZPROP_handle* opened) const noexcept { zstzPropClose(opened); }
+
+    std::atomic<std::thread::id> updater;  // or none
+};
+
+inline handle own(ZPROP_handle* opened) { return handle(opened, closing()); }
+
+inline void set_updater(const handle& of, std::thread::id thread) noexcept {
+    if (closing* known = std::get_deleter<closing>(of))
+        known->updater = thread;
+}
+inline bool updates_here(const handle& of) noexcept {
+    const closing* known = std::get_deleter<closing>(of);
+    return known != nullptr && known->updater == std::this_thread::get_id();
+}
 
 // Raises what the thread's last call, with this result, has met.
 [[noreturn]] inline void raise(int result) {
@@ -612,7 +634,7 @@ public:
         detail::check(zstzPropOpenWith(&opened, detail::plain(path).c_str(), ZPROP_OPEN_UPDATE,
                                        attributes(how), static_cast<int>(how.store),
                                        detail::milliseconds(how.wait)));
-        handle_ = detail::handle(opened, &zstzPropClose);
+        handle_ = detail::own(opened);
     }
 
     /// From bytes in place of a file, of none to begin with an empty one. It has no path, so that
@@ -622,7 +644,7 @@ public:
         setUp();
         ZPROP_handle* opened = nullptr;
         detail::check(zstzPropOpenBytes(&opened, bytes.data(), bytes.size(), attributes(how)));
-        return file(detail::handle(opened, &zstzPropClose), how.wait);
+        return file(detail::own(opened), how.wait);
     }
 
     /// Puts what the bytes say in place of all that the file has in memory. A failure, bad_data,
@@ -638,10 +660,17 @@ public:
         return detail::taken(bytes, length);
     }
 
-    /// Writes to the path that it was opened with, or to another. Raises file_error.
-    void store() { detail::check(zstzPropStore(native(), nullptr)); }
-    /// Likewise.
+    /// Writes to the path that it was opened with, or to another. Raises file_error; error with
+    /// ZPROP_ERR_PARAM while the thread has an update of it open, which couldn't take it back then:
+    /// that one's commit() stores.
+    void store() {
+        requireNoUpdate();
+        detail::check(zstzPropStore(native(), nullptr));
+    }
+    /// Likewise, but to another path also in an update.
     void store(std::string_view path) {
+        if (path.empty() || path == this->path())
+            requireNoUpdate();
         detail::check(zstzPropStore(native(), detail::plain(path).c_str()));
     }
     /// In which way the last store was made: store_mode::checked in place of safe where what a safe
@@ -725,6 +754,11 @@ private:
     friend class update;
     friend class watch;
 
+    void requireNoUpdate() const {
+        if (detail::updates_here(handle_))
+            throw error(ZPROP_ERR_PARAM, 0, path(), 0, "an update is open, whose commit() stores");
+    }
+
     file(detail::handle handle, std::chrono::milliseconds wait) noexcept
         : handle_(std::move(handle)), wait_(wait) {}
 
@@ -781,6 +815,7 @@ public:
     update(file& of, std::chrono::milliseconds wait) {
         detail::check(zstzPropBegin(of.native(), detail::milliseconds(wait)));
         handle_ = of.handle_;
+        detail::set_updater(handle_, std::this_thread::get_id());
     }
     /// The other has none open then; what this one had is taken back.
     update(update&& other) noexcept = default;
@@ -802,7 +837,7 @@ public:
         if (handle_ == nullptr)
             throw error(ZPROP_ERR_NO_UPDATE, 0, {}, 0, "no update is open");
         detail::check(zstzPropCommit(handle_.get()));
-        handle_.reset();
+        forget();
     }
     /// Forgets what was changed, and ends the update. Nothing happens if it isn't open.
     void rollback() {
@@ -811,7 +846,7 @@ public:
         const detail::handle file = handle_;  // closed here at the earliest, behind the report
         const int result = zstzPropRollback(file.get());
         if (result != ZPROP_ERR_NO_UPDATE)  // as in a thread that isn't the update's
-            handle_.reset();
+            forget();
         detail::check(result);
     }
 
@@ -820,6 +855,12 @@ private:
     void takeBack() noexcept {
         if (handle_ != nullptr)
             zstzPropRollback(handle_.get());
+        forget();
+    }
+
+    void forget() noexcept {
+        if (handle_ != nullptr)
+            detail::set_updater(handle_, std::thread::id());
         handle_.reset();
     }
 

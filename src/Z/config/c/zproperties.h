@@ -324,8 +324,8 @@ ZEXPORT int zstzPropIter_numKeys(ZPROP_iter_handle* iterator, int* err);
 ZEXPORT int zstzPropIter_numValues(ZPROP_iter_handle* iterator, int* err);
 
 /* Replaces the value of the walk's place; adds one behind it and moves there; removes it and moves
- * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on; 55 where
- * the key says where hidden values are. A null text is the empty one. */
+ * back. 0; 57 in a walk over keys, and where replacing or removing has no value to work on; 55
+ * where the key says where hidden values are. A null text is the empty one. */
 ZEXPORT int zstzPropIter_chgValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_addValue(ZPROP_iter_handle* iterator, const char* text);
 ZEXPORT int zstzPropIter_rmvValue(ZPROP_iter_handle* iterator);
