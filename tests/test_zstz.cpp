@@ -272,6 +272,33 @@ TEST(Zstz, TellsWhatBarsASafeStore) {
     EXPECT_NE(shell(folder, "ls *.~1~ 2>err"), 0);
 }
 
+TEST(Zstz, AnEditorRepairsABadFile) {
+    TempFolder folder;
+    const string bad = "[s]\nbad\n[configuration-database]\nfile = x\n";
+    const struct {
+        const char *editor, *options;
+        int code;
+        bool isRepaired;
+    } kCases[] = {
+        {"true", "", 4, false},
+        {"sed -i s/bad/b=/", "--dry-run", 0, false},
+        {"cp f n; mv n f; sed -i s/bad/b=/", "", 1, false},
+        {"sed -i s/bad/b=/", "--backup", 2, false},
+        {"sed -i s/bad/b=/", "", 0, true},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(string(c.editor) + " " + c.options);
+        const string file = folder.write("f", bad);
+        EXPECT_EQ(
+            shell(folder, string("export TMPDIR=$PWD VISUAL='") + c.editor +
+                              "'; zstz edit --editor f " + c.options + " >out 2>err </dev/null"),
+            c.code);
+        EXPECT_EQ(TempFolder::read(folder / "err").substr(0, 4), "f:2:");
+        EXPECT_EQ(TempFolder::read(file),
+                  c.isRepaired ? "[s]\nb=\n[configuration-database]\nfile = x\n" : bad);
+    }
+}
+
 // Patches of random texts, applied by patch(1) where there is one, give the new text.
 TEST(Zstz, PatchesLeadToTheNewText) {
     TempFolder folder;

@@ -105,7 +105,87 @@ private:
     bool isKept_ = false;
 };
 
+// A file with a bad line, which no update can begin with: its bytes are edited, and put in place
+// under its lock. It stays open from the reading on.
+class BadFile {
+public:
+    ~BadFile() { close(descriptor_); }
+
+    Exit open(const char* file) {
+        file_ = file;
+        descriptor_ = ::open(file, O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (descriptor_ == -1 || fstat(descriptor_, &status_) != 0)
+            return tell(strerror(errno));
+        return S_ISREG(status_.st_mode) ? done : tell("no regular file");
+    }
+
+    Exit read(std::string& text) const {
+        char piece[64 * 1024];
+        ssize_t got;
+        text.clear();
+        while ((got = pread(descriptor_, piece, sizeof piece, text.size())) > 0)
+            text.append(piece, got);
+        return got == 0 ? done : tell(strerror(errno));
+    }
+
+    // Puts the text in the place of what was read, unless that isn't there any more.
+    Exit replace(const std::string& before, const std::string& text, unsigned long wait) const {
+        std::string now;
+        if (const Exit failed = lock(wait))
+            return failed;
+        if (const Exit failed = read(now))
+            return failed;
+        struct stat named;
+        if (stat(file_, &named) != 0 || named.st_dev != status_.st_dev ||
+            named.st_ino != status_.st_ino || now != before)
+            return reportError(unmet, file_, "somebody else has stored meanwhile");
+        if (write(text))
+            return done;
+        const int error = errno;
+        write(before);
+        return tell(strerror(error));
+    }
+
+private:
+    Exit tell(const char* why) const { return reportError(fileError, file_, why); }
+
+    Exit lock(unsigned long wait) const {
+        static const unsigned long kPause = 20;  // milliseconds
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        for (unsigned long waited = 0; fcntl(descriptor_, F_OFD_SETLK, &whole) != 0;
+             waited += kPause) {
+            if ((errno != EAGAIN && errno != EACCES) || waited >= wait)
+                return tell(strerror(errno));
+            usleep(kPause * 1000);
+        }
+        return done;
+    }
+
+    bool write(const std::string& text) const {
+        size_t at = 0;
+        while (at < text.size()) {
+            const ssize_t put = pwrite(descriptor_, text.data() + at, text.size() - at, at);
+            if (put <= 0)
+                return false;
+            at += put;
+        }
+        return ftruncate(descriptor_, text.size()) == 0 && fsync(descriptor_) == 0;
+    }
+
+    const char* file_ = nullptr;
+    int descriptor_ = -1;
+    struct stat status_;
+};
+
 }  // namespace
+
+// Whether the last call has met a bad line of this file.
+static bool isBadLineOf(const char* file) {
+    const Failed failed = lastFailure(file);
+    return failed.code == badData && failed.line > 0 && failed.file == file;
+}
 
 // What a text says of the place of hidden values isn't taken over.
 static std::string sideEntryOf(const char* file, ZPROP_handle* text) {
@@ -114,12 +194,8 @@ static std::string sideEntryOf(const char* file, ZPROP_handle* text) {
     return values.empty() ? "" : values.back();
 }
 
-// Lets the copy be edited until it is good or given up.
-static Exit editUntilGood(const char* file, Copy& copy, const std::string& before,
-                          std::string& text) {
-    Handle old;
-    if (const Exit failed = openText(file, before, old))
-        return failed;
+// Lets the copy be edited until it is good or given up. `old`: what was there; null if that is bad.
+static Exit editUntilGood(const char* file, Copy& copy, ZPROP_handle* old, std::string& text) {
     for (;;) {
         Handle trial;
         Exit failed = copy.edit();
@@ -127,7 +203,8 @@ static Exit editUntilGood(const char* file, Copy& copy, const std::string& befor
             failed = copy.read(text);
         if (failed == done)
             failed = openText(file, text, trial);
-        if (failed == done && sideEntryOf(file, old.get()) != sideEntryOf(file, trial.get()))
+        if (failed == done && old != nullptr &&
+            sideEntryOf(file, old) != sideEntryOf(file, trial.get()))
             failed = reportError(badData, file,
                                  "[" ZPROP_SIDE_STANZA
                                  "] file can't be changed: it says where "
@@ -141,44 +218,79 @@ static Exit readNow(ZPROP_handle* handle, const char* file, std::string& text) {
     return updatedText(handle, text) == ZPROP_OK ? done : reportLastError(file);
 }
 
-Exit editByEditor(const char* file, const Options& options) {
-    if (isStandardInput(file))
-        return complain(usage, "an editor can't edit standard input");
-    std::string before, text;
-    bool isMissing = options.create && access(file, F_OK) != 0 && errno == ENOENT;
+namespace {
+
+// What an edit begins with.
+struct Before {
+    std::string text;
+    bool isMissing = false;  // and may be made
+    bool isBad = false;
+    BadFile bad;  // where it is
+    Handle old;   // the text, unless it is
+};
+
+}  // namespace
+
+static Exit readBefore(const char* file, const Options& options, Before& before) {
+    before.isMissing = options.create && access(file, F_OK) != 0 && errno == ENOENT;
+    if (before.isMissing)
+        return openText(file, "", before.old);
     Options looking;
     looking.wait = options.wait;
-    Exit failed = done;
-    if (!isMissing) {
-        Handle handle;
-        failed = openFile(file, looking, handle);
-        const int begun = failed == done ? zstzPropBegin(handle.get(), options.wait) : ZPROP_OK;
-        if (begun != ZPROP_OK)
-            failed = reportLocking(file, begun);
-        if (failed == done)
-            failed = readNow(handle.get(), file, before);
+    Handle handle;
+    Exit failed = openFile(file, looking, handle);
+    before.isBad = failed == badData && isBadLineOf(file);
+    if (before.isBad) {
+        if (options.backups != 0)
+            return complain(usage, "a file with a bad line is repaired in place, without --backup");
+        failed = before.bad.open(file);
+        return failed == done ? before.bad.read(before.text) : failed;
     }
-    if (failed != done)
-        return failed;
-    Copy copy;
-    if ((failed = copy.make(file, before)) != done)
-        return failed;
-    if ((failed = editUntilGood(file, copy, before, text)) != done)
-        return copy.keep(failed);
-    if (text == before)
-        return complain(done, isMissing ? "%s isn't made: nothing was written" : "%s is unchanged",
-                        file);
-    failed = update(file, options, [&](ZPROP_handle* handle) -> Exit {
+    const int begun = failed == done ? zstzPropBegin(handle.get(), options.wait) : ZPROP_OK;
+    if (begun != ZPROP_OK)
+        failed = reportLocking(file, begun);
+    if (failed == done)
+        failed = readNow(handle.get(), file, before.text);
+    return failed == done ? openText(file, before.text, before.old) : failed;
+}
+
+static Exit storeText(const char* file, const Options& options, const Before& before,
+                      const std::string& text) {
+    if (before.isBad && options.dryRun)
+        printPatch(file, before.text, text);
+    if (before.isBad)
+        return options.dryRun ? done : before.bad.replace(before.text, text, options.wait);
+    return update(file, options, [&](ZPROP_handle* handle) -> Exit {
         std::string now;
         // The text that stands for a missing file is in no update.
         if (zstzPropPath(handle) != nullptr)
             if (const Exit unread = readNow(handle, file, now))
                 return unread;
-        if (now != before)
+        if (now != before.text)
             return reportError(unmet, file, "somebody else has stored meanwhile");
         return zstzPropLoadBytes(handle, text.data(), text.size()) == ZPROP_OK
                    ? done
                    : reportLastError(file);
     });
+}
+
+Exit editByEditor(const char* file, const Options& options) {
+    if (isStandardInput(file))
+        return complain(usage, "an editor can't edit standard input");
+    Before before;
+    Copy copy;
+    std::string text;
+    Exit failed = readBefore(file, options, before);
+    if (failed == done)
+        failed = copy.make(file, before.text);
+    if (failed != done)
+        return failed;
+    if ((failed = editUntilGood(file, copy, before.old.get(), text)) != done)
+        return copy.keep(failed);
+    if (text == before.text)
+        return complain(done,
+                        before.isMissing ? "%s isn't made: nothing was written" : "%s is unchanged",
+                        file);
+    failed = storeText(file, options, before, text);
     return failed == done && !options.dryRun ? done : copy.keep(failed);
 }

@@ -42,7 +42,7 @@ static Exit updateText(const char* file, const std::string& before, const Option
     Exit failed = openText(file, before, handle);
     if (failed == done)
         failed = changes(handle.get());
-    // What isn't changed goes on as it was: the next in a pipe, or the file behind it, needs it all.
+    // What isn't changed goes on as it was: the next in a pipe, or a file behind it, needs it all.
     if (failed == unmet && isStandardInput(file) && !options.dryRun)
         fwrite(before.data(), 1, before.size(), stdout);
     if (failed != done)
