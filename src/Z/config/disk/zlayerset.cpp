@@ -204,12 +204,13 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
 }
 
 bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading) {
-    ZOpenFile file(tree_.open(layer.found));
+    ZOpenFile file;
+    ZLockScope lock(file, zlockOfDescription);
+    file.reset(tree_.open(layer.found));
     if (file.get() < 0) {
         noteIO(layer, "fopen(r)", errno);
         return true;  // the model has nothing of it
     }
-    ZLockScope lock(file, zlockOfDescription);
     const bool isOwn = reading.own != nullptr && zsameFile(*reading.own, layer.found.stamp);
     if (!isOwn)
         zcheckIO(zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, reading.wait)
