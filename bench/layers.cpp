@@ -5,6 +5,7 @@
 //
 //   bench_layers [ROUNDS]
 #include <dirent.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -149,6 +151,10 @@ void timeOrigins(const string& folder, int count, int keys, int rounds) {
 int main(int argc, char** argv) {
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
     const int rounds = argc > 1 ? std::max(1, atoi(argv[1])) : 31;
+    // Or each round would give the system the pages of its last objects back and fetch them anew,
+    // which takes longer than a small load.
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_MMAP_THRESHOLD, 1 << 30);
     char folder[] = "/tmp/zbase-bench-XXXXXX";
     if (mkdtemp(folder) == nullptr)
         return 1;

@@ -51,9 +51,16 @@ static ZLCString textOf(ZSpan text) {
 }
 
 static uint32_t newlinesIn(const char* text, uint32_t size) {
-    uint32_t count = 0;
-    for (uint32_t i = 0; i < size; ++i)
-        count += text[i] == '\n';
+    static const uint32_t kBlock = 64;  // a fixed length is counted with wide registers
+    uint32_t count = 0, at = 0;
+    for (; size - at >= kBlock; at += kBlock) {
+        uint8_t inBlock = 0;
+        for (uint32_t i = 0; i < kBlock; ++i)
+            inBlock = static_cast<uint8_t>(inBlock + (text[at + i] == '\n'));
+        count += inBlock;
+    }
+    for (; at < size; ++at)
+        count += text[at] == '\n';
     return count;
 }
 
@@ -162,6 +169,12 @@ bool ZLayerSet::isLoaded(const ZSCFData& model, const ZLayer& layer) const {
 
 // False if a file turned out to be bad, so that the model holds a part of it.
 bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
+    static const uint64_t kMost = 1 << 30;  // beyond that the text grows with each file
+    uint64_t size = 0;
+    for (const ZLayer& layer : layers_)
+        size += layer.found.state == ZLayerFile::counts ? layer.found.stamp.size : 0;
+    if (size < kMost)
+        storeOf(model).textRoom(static_cast<size_t>(size), static_cast<size_t>(size) / 4);
     for (ZLayer& layer : layers_)
         if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))
             return false;
@@ -184,9 +197,11 @@ static bool placeBelow(const void* tree, ZLCString& path) {
     return static_cast<const ZLayerTree*>(tree)->physicalPath(path.getChars(), path);
 }
 
-void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
+void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor, bool keepsText,
                             ZFileContent& content) const {
     ZFileToRead file = {descriptor};
+    file.isDirect = !layer.found.isLink;
+    file.size = layer.found.stamp.size;  // if it has changed, all is read anew
     ZLCString place;
     if (layer.found.root >= 0 && tree_.hasPrefix()) {
         // It is open; what its name leads to by now is for the search behind the reading to tell.
@@ -198,7 +213,7 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
         file.data = &tree_;
     }
     model.setObfuscatedDBName("");
-    const int incomplete = zreadContent(model, layer.found.path, file, true, content);
+    const int incomplete = zreadContent(model, layer.found.path, file, keepsText, content);
     if (incomplete != 0)
         zraiseIO(layer.found.path.getChars(), "read()", incomplete);
 }
@@ -220,14 +235,14 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
         if (reading.checksFirst) {
             ZSCFData trial;
             trial.setAttributes(model.attributes(), nullptr);
-            readContent(trial, layer, file.get(), content);
+            readContent(trial, layer, file.get(), true, content);
             begin(model, layer);
             zreadText(model, layer.found.path.getChars(), zspanOf(content.text));
             if (content.side.size() != 0)
                 zreadSide(model, zspanOf(content.side));
         } else {
             begin(model, layer);
-            readContent(model, layer, file.get(), content);
+            readContent(model, layer, file.get(), false, content);
         }
     } catch (ZPropertiesInvalidDataException& e) {
         noteIO(layer, nullptr, 0);
@@ -238,8 +253,10 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
         noteIO(layer, strcmp(e.api(), "mapFile()") == 0 ? "mapFile()" : "read()", e.excerrno());
         return reading.checksFirst;
     }
-    layer.textEnd = layer.start + static_cast<uint32_t>(content.text.size());
     layer.end = static_cast<uint32_t>(storeOf(model).textSize());
+    // What has taken no way through `content` is as long as the file. Its hidden values are behind.
+    const uint64_t size = content.text.size() != 0 ? content.text.size() : layer.found.stamp.size;
+    layer.textEnd = static_cast<uint32_t>(std::min<uint64_t>(layer.start + size, layer.end));
     layer.isRead = true;
     layer.side.swap(content.side);
     forgetSideName(model);

@@ -408,7 +408,8 @@ int ZLayerTree::open(const ZLayerFile& file) const {
     ZFileStamp stamp = {};
     ZOpenFile opened;
     if (file.root < 0 || !hasPrefix()) {
-        opened.reset(zopenFile(placeOf(file).getChars(), kMode));
+        opened.reset(
+            zopenFile(placeOf(file).getChars(), file.isLink ? kMode : kMode | O_NOFOLLOW));
     } else {
         const ZOpenFile base(openBase());
         if (base.get() < 0)
@@ -418,11 +419,13 @@ int ZLayerTree::open(const ZLayerFile& file) const {
         if (errno != 0)
             return -1;
         opened.reset(zopenFileAt(way.folder(), way.name(), kMode | O_NOFOLLOW));
-        if (opened.get() < 0 && errno == ELOOP)
-            errno = ESTALE;
     }
-    if (opened.get() < 0)
+    if (opened.get() < 0) {
+        // It has become a link.
+        if (errno == ELOOP)
+            errno = ESTALE;
         return -1;
+    }
     if (!zstampFile(opened.get(), stamp) && zsameFile(stamp, file.stamp))
         return opened.release();
     opened.close().passOver();
