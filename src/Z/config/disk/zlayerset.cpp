@@ -51,13 +51,19 @@ static ZLCString textOf(ZSpan text) {
 }
 
 static uint32_t newlinesIn(const char* text, uint32_t size) {
-    static const uint32_t kBlock = 64;  // a fixed length is counted with wide registers
+    typedef uint8_t Lanes __attribute__((vector_size(16)));
+    static const uint32_t kStep = sizeof(Lanes), kMostSteps = 255;  // what a lane can count
     uint32_t count = 0, at = 0;
-    for (; size - at >= kBlock; at += kBlock) {
-        uint8_t inBlock = 0;
-        for (uint32_t i = 0; i < kBlock; ++i)
-            inBlock = static_cast<uint8_t>(inBlock + (text[at + i] == '\n'));
-        count += inBlock;
+    while (size - at >= kStep) {
+        Lanes counts = {};
+        const uint32_t end = at + std::min((size - at) / kStep, kMostSteps) * kStep;
+        for (; at < end; at += kStep) {
+            Lanes bytes;
+            memcpy(&bytes, text + at, kStep);
+            counts -= reinterpret_cast<Lanes>(bytes == '\n');
+        }
+        for (uint32_t lane = 0; lane < kStep; ++lane)
+            count += counts[lane];
     }
     for (; at < size; ++at)
         count += text[at] == '\n';
@@ -169,15 +175,29 @@ bool ZLayerSet::isLoaded(const ZSCFData& model, const ZLayer& layer) const {
 
 // False if a file turned out to be bad, so that the model holds a part of it.
 bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
-    static const uint64_t kMost = 1 << 30;  // beyond that the text grows with each file
+    static const uint64_t kMost = 64 << 20;  // beyond that room is made with each file
+    static const uint64_t kShortLine = 8;    // as reading a single file takes it
     uint64_t size = 0;
     for (const ZLayer& layer : layers_)
         size += layer.found.state == ZLayerFile::counts ? layer.found.stamp.size : 0;
     if (size < kMost)
         storeOf(model).textRoom(static_cast<size_t>(size), static_cast<size_t>(size) / 4);
-    for (ZLayer& layer : layers_)
-        if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))
+    bool isGuessed = size >= kMost;
+    for (ZLayer& layer : layers_) {
+        if (layer.found.state != ZLayerFile::counts)
+            continue;
+        if (!readFile(model, layer, reading))
             return false;
+        size -= std::min(size, layer.found.stamp.size);
+        if (isGuessed || layer.textEnd == layer.start)
+            continue;
+        // The others are taken to be like the first one.
+        const uint32_t length = layer.textEnd - layer.start;
+        const uint64_t lines = newlinesIn(storeOf(model).text(layer.start), length);
+        storeOf(model).reserveForLines(
+            static_cast<size_t>(std::min(lines * size / length, size / kShortLine)));
+        isGuessed = true;
+    }
     return true;
 }
 
