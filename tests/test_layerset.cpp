@@ -7,6 +7,18 @@
 
 using std::string;
 
+// Called by the library for each file that it reads.
+static std::function<void(int)> change;
+static int changes;
+extern "C" ssize_t __real_read(int descriptor, void* to, size_t room);
+extern "C" ssize_t __wrap_read(int descriptor, void* to, size_t room);
+ssize_t __wrap_read(int descriptor, void* to, size_t room) {
+    const ssize_t got = __real_read(descriptor, to, room);
+    if (change)
+        change(++changes);
+    return got;
+}
+
 namespace {
 
 struct Set {
@@ -170,6 +182,34 @@ TEST(LayerSet, TakesVariablesCredentialsAndSideDatabases) {
     EXPECT_EQ(over.model.isObfuscated("s", "c"), 1);
     for (const char* name : {"APP_S_A", "APP_NEW_K_1", "CREDENTIALS_DIRECTORY"})
         unsetenv(name);
+}
+
+// Each try ends with something else than it began with.
+TEST(LayerSet, EndsIfEachTryMeetsAChange) {
+    const TempFolder root;
+    write(root, {{"usr/app.conf", "[s]\na = 1\n"}, {"etc/app.conf.d/1.conf", "[s]\nb = 1\n"}});
+    const string link = root / "etc/app.conf.d/2.conf";
+    const std::function<void(int)> kChanges[] = {
+        [&](int) { std::ofstream(root / "usr/app.conf", std::ios::app) << "#\n"; },
+        [&](int n) { root.write("etc/app.conf.d/0" + std::to_string(n) + ".conf", ""); },
+        [&](int n) {
+            root.write("etc/" + std::to_string(n), "[s]\nc = 1\n");
+            unlink(link.c_str());
+            EXPECT_EQ(symlink(("../" + std::to_string(n)).c_str(), link.c_str()), 0);
+        },
+    };
+    Set set(root);
+    for (const auto& each : kChanges) {
+        changes = 0;
+        change = each;
+        EXPECT_EQ(set.load(), "load() 11");
+        change = nullptr;
+        EXPECT_TRUE(changes > 1 && changes < 100) << changes;
+        EXPECT_EQ(set.load(), "");
+    }
+    EXPECT_EQ(set.values(),
+              "a=1@usr/app.conf:2 b=1@etc/app.conf.d/1.conf:2 "
+              "c=1@etc/app.conf.d/2.conf:2 ");
 }
 
 }  // namespace
