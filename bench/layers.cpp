@@ -1,7 +1,7 @@
 // layers.cpp: opening a layered configuration beside plain loads of its files, each into an object
-// of its own, and a listing of its folders by opendir() and readdir(); and how long it takes to tell
-// where a value comes from. The two take turns on the same files; the medians and their ratio are
-// told.
+// of its own, and a listing of its folders by opendir() and readdir(); and how long it takes to
+// tell where a value comes from. The two take turns on the same files; the medians and their ratio
+// are told.
 //
 //   bench_layers [ROUNDS]
 #include <dirent.h>

@@ -176,28 +176,24 @@ bool ZLayerSet::isLoaded(const ZSCFData& model, const ZLayer& layer) const {
 // False if a file turned out to be bad, so that the model holds a part of it.
 bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
     static const uint64_t kMost = 64 << 20;  // beyond that room is made with each file
-    static const uint64_t kShortLine = 8;    // as reading a single file takes it
+    static const size_t kUsualLine = 32;
     uint64_t size = 0;
-    for (const ZLayer& layer : layers_)
-        size += layer.found.state == ZLayerFile::counts ? layer.found.stamp.size : 0;
-    if (size < kMost)
-        storeOf(model).textRoom(static_cast<size_t>(size), static_cast<size_t>(size) / 4);
-    bool isGuessed = size >= kMost;
-    for (ZLayer& layer : layers_) {
+    int files = 0;
+    for (const ZLayer& layer : layers_) {
         if (layer.found.state != ZLayerFile::counts)
             continue;
-        if (!readFile(model, layer, reading))
-            return false;
-        size -= std::min(size, layer.found.stamp.size);
-        if (isGuessed || layer.textEnd == layer.start)
-            continue;
-        // The others are taken to be like the first one.
-        const uint32_t length = layer.textEnd - layer.start;
-        const uint64_t lines = newlinesIn(storeOf(model).text(layer.start), length);
-        storeOf(model).reserveForLines(
-            static_cast<size_t>(std::min(lines * size / length, size / kShortLine)));
-        isGuessed = true;
+        size += layer.found.stamp.size;
+        ++files;
     }
+    // Of a single file the reading itself tells better what it needs.
+    if (files > 1 && size < kMost) {
+        const size_t bytes = static_cast<size_t>(size);
+        storeOf(model).textRoom(bytes, bytes / 4);
+        storeOf(model).reserveForLines(bytes / kUsualLine);
+    }
+    for (ZLayer& layer : layers_)
+        if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))
+            return false;
     return true;
 }
 

@@ -408,8 +408,7 @@ int ZLayerTree::open(const ZLayerFile& file) const {
     ZFileStamp stamp = {};
     ZOpenFile opened;
     if (file.root < 0 || !hasPrefix()) {
-        opened.reset(
-            zopenFile(placeOf(file).getChars(), file.isLink ? kMode : kMode | O_NOFOLLOW));
+        opened.reset(zopenFile(placeOf(file).getChars(), file.isLink ? kMode : kMode | O_NOFOLLOW));
     } else {
         const ZOpenFile base(openBase());
         if (base.get() < 0)
