@@ -16,9 +16,11 @@
 #include "zlayerterms.h"
 #include "zproperties.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+/* Visits of a walk: other than 0 ends it. What they are given is gone when they return. */
+typedef int (*ZLayers_file_callback)(void* data, const ZLayerInfo* file);
+typedef int (*ZLayers_entry_callback)(void* data, const ZLayerEntry* entry);
+
+Z_BEGIN_C
 
 /* A new handle into *out, for zstzPropClose; null on failure. The terms are copied. `attributes`:
  * ZPCACHE_STRICT, or 0. Waits up to `wait` milliseconds for the lock of each file, here and at each
@@ -43,15 +45,11 @@ ZEXPORT int zstzPropOrigin(ZPROP_handle* handle, const char* stanza, const char*
 
 /* Call `visit` for each file that the last load has found, in their order, or for each entry of all
  * files, also those that have lost their place; until it returns other than 0, which is given back
- * then. No lock is held meanwhile. What they are given is gone when they return. 0; 55 for a bad
+ * then. No lock is held meanwhile. 0; 55 for a bad
  * argument or a handle of one file; 53 without memory. */
-typedef int (*ZLayers_file_callback)(void* data, const ZLayerInfo* file);
 ZEXPORT int zstzLayers_forEachFile(ZPROP_handle* handle, ZLayers_file_callback visit, void* data);
-typedef int (*ZLayers_entry_callback)(void* data, const ZLayerEntry* entry);
 ZEXPORT int zstzLayers_forEachEntry(ZPROP_handle* handle, ZLayers_entry_callback visit, void* data);
 
-#ifdef __cplusplus
-}
-#endif
+Z_END_C
 
 #endif
