@@ -14,6 +14,8 @@
 #include <set>
 #include <tuple>
 
+#include "Z/ZLayers.h"
+#include "Z/ZPropertiesUpdate.h"
 #include "support/FaultScene.h"
 #include "support/SelfChild.h"
 
@@ -152,6 +154,48 @@ TEST(FaultKill, EachCallOfASafeStoreAndOfTheOneThatMendsIt) {
     RecordProperty("kills", kills);
     printf("%d kills, %zu different states left by stores: old or new content after each\n", kills,
            states);
+}
+
+// Each call of an edit that makes a drop-in with its folder, which then is there whole or not at all
+// to who reads, and in nobody's way who edits.
+TEST(FaultKill, EachCallOfAnEditThatMakesADropIn) {
+    if (inChild([] { return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : errno; }) ==
+        ENOSYS)
+        GTEST_SKIP() << "nothing can be traced here";
+    for (int nth = 0, isDone = 0; isDone == 0; ++nth) {
+        const TempFolder folder;
+        std::filesystem::create_directories(folder / "usr");
+        folder.write("usr/app.conf", "[s]\na = old\n");
+        static const char* const kRoots[] = {"/usr", "/etc", nullptr};
+        const string prefix = folder / "";
+        ZLayersTerms terms = {};
+        terms.size = sizeof terms;
+        terms.name = "app";
+        terms.prefix = prefix.c_str();
+        terms.roots = kRoots;
+        const auto edit = [&](const char* value, bool stops) {
+            ZLayers layers(terms);
+            layers.setTarget("/etc", "50.conf");
+            if (stops)
+                raise(SIGSTOP);
+            ZPropertiesUpdate update(layers, 0);
+            layers.setValue("s", "a", value);
+            update.commit();
+        };
+        const auto value = [&] {
+            ZLCString out;
+            ZLayers(terms).getValue("s", "a", out, 1, nullptr);
+            return string(out.getChars());
+        };
+        const Outcome outcome = killAt(nth, [&] { edit("new", true); });
+        ASSERT_NE(outcome, cantTrace) << "this machine doesn't let a process trace its child";
+        isDone = outcome == wentThrough;
+        if (value() != "old" || isDone) {
+            ASSERT_EQ(value(), "new") << "kill " << nth;
+        }
+        edit("next", false);
+        ASSERT_EQ(value(), "next") << "after kill " << nth;
+    }
 }
 
 }  // namespace
