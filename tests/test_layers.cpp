@@ -177,12 +177,32 @@ TEST(Layers, CollectsAndAdds) {
     layers.store(nullptr);
     EXPECT_EQ(tree.text("etc/app.conf.d/9.conf"), "[s]\na = 3\na = 4\n");
     EXPECT_EQ(valueOf(layers, tree, "a"), "1,3,4 usr/app.conf:2");
-    set(layers, "a", "5");  // would need what the lower file says to go
-    EXPECT_EQ(raised([&] { layers.store(nullptr); }), "22");
-    layers.reload(nullptr);
+    const auto store = [&] {
+        layers.store(nullptr);
+        return valueOf(layers, tree, "a") + "\n" + tree.text("etc/app.conf.d/9.conf");
+    };
+    // What the lower file says goes by a line that says so, and stays gone.
+    set(layers, "a", "5");
+    EXPECT_EQ(store(), "5 etc/app.conf.d/9.conf:3\n[s]\na =\na = 5\n");
+    layers.addValue("s", "a", "6", 0);
+    EXPECT_EQ(store(), "5,6 etc/app.conf.d/9.conf:3\n[s]\na =\na = 5\na = 6\n");
+    set(layers, "c", "1");
+    EXPECT_EQ(store(), "5,6 etc/app.conf.d/9.conf:3\n[s]\na =\na = 5\na = 6\nc = 1\n");
     layers.deleteKey("s", "a");
-    layers.store(nullptr);
-    EXPECT_EQ(tree.text("etc/app.conf.d/9.conf"), "[s]\na =\n");
+    EXPECT_EQ(store(), "empty\n[s]\nc = 1\na =\n");
+    layers.addValue("s", "a", "7", 0);
+    EXPECT_EQ(store(), "7 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\n");
+
+    // What a higher file adds is no more to be taken away here.
+    tree.folder.write("etc/app.conf.d/a.conf", "[s]\na = 8\n");
+    layers.reload(nullptr);
+    layers.addValue("s", "b", "1", 0);
+    EXPECT_EQ(store(), "7,8 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\nb = 1\n");
+    set(layers, "a", "9");
+    EXPECT_EQ(store(), "9,8 etc/app.conf.d/9.conf:5\n[s]\nc = 1\nb = 1\na =\na = 9\n");
+    ZLCString file;
+    int line;
+    EXPECT_EQ(layers.shadowed(file, line), 1u);
 }
 
 // Targets that would hide, or be hidden; and what can't be said of several files.

@@ -10,6 +10,7 @@
 
 #include "ZStanzaFileProperties.h"
 #include "zmodelcontent.h"
+#include "zmodeledits.h"
 #include "zmodelreading.h"
 #include "zpropdiff.h"
 #include "zrefusal.h"
@@ -209,6 +210,9 @@ void ZLayersFile::store(const ZLCString& path) {
     findChanges(before, changes);
     const Place target = place();
     lookAbove(target, changes);
+    if ((flags_ & ZLAYERS_COLLECT) != 0 && !changes.empty())
+        divide(target, before, changes);
+    noteShadows(changes);
     ZUpdatedFile* const update = openUpdate();
     if (update == nullptr && !changes.empty()) {
         requireUnhidden(target);
@@ -216,12 +220,12 @@ void ZLayersFile::store(const ZLCString& path) {
         ZLockedFile file(path.getChars(), {zlockOfDescription, lockWait()}, true);
         ZUpdatedFile own = {};
         own.descriptor = file.descriptor();
-        put(own, target, before, changes);
+        put(own, target, changes);
         zcheckIO(file.finish());
         return loadStored();
     }
     if (!changes.empty()) {
-        put(*update, target, before, changes);
+        put(*update, target, changes);
         isStale_ = true;
     }
     // What was changed and changed back has its origins again.
@@ -238,7 +242,8 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
     for (const ZPropDifference& difference : differences) {
         if (difference.key.getLength() == 0)
             continue;  // a stanza is what its keys are
-        changes.push_back({difference.stanza, difference.key, ZPStore::plain, {}, nullptr, 0, {}});
+        changes.push_back(
+            {difference.stanza, difference.key, ZPStore::plain, {}, false, false, nullptr, 0, {}});
         Change& change = changes.back();
         const ZPId key = store.keyInMap(spanOf(change.stanza), spanOf(change.key));
         if (key == ZPStore::none)
@@ -261,8 +266,8 @@ static bool isAhead(ZSpan stanzaA, ZSpan keyA, ZSpan stanzaB, ZSpan keyB) {
     return stanzas != 0 ? stanzas < 0 : compare(keyA, keyB) < 0;
 }
 
-// Which of the changes wouldn't be seen.
-void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) {
+// Which values the last file above the target gives the keys, and so which changes aren't seen.
+void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) const {
     std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
         return isAhead(spanOf(a.stanza), spanOf(a.key), spanOf(b.stanza), spanOf(b.key));
     });
@@ -286,24 +291,14 @@ void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) {
         if (value.value.size != 0)
             found->aboveValues.push_back(textOf(value.value));
     });
-    for (const Change& change : changes) {
-        // Values that are collected stay behind what the target gives.
-        const bool isSeen = change.above == nullptr || change.aboveValues == change.wanted ||
-                            ((flags_ & ZLAYERS_COLLECT) != 0 && !change.aboveValues.empty());
-        if (isSeen)
-            continue;
-        if (shadows_.count++ != 0)
-            continue;
-        shadows_.file = change.above->found.path;
-        shadows_.line = change.line;
-    }
-    if (shadows_.count != 0 && (flags_ & ZLAYERS_REFUSE_SHADOWED) != 0)
-        zrequireNoFault({"a key", "has other values by a file above the target"});
+    for (Change& change : changes)
+        change.isShadowed = change.above != nullptr && change.aboveValues != change.wanted;
 }
 
-// Where values are collected, the target gets what is neither of those below nor of those above.
-void ZLayersFile::stripOthers(const Place& place, const ZSCFData& before,
-                              ZVector<Change>& changes) const {
+// Where values are collected the target gets those between the lower files' and the higher ones'.
+// If lower ones' aren't wanted, it says so; higher ones' that aren't are a shadow.
+void ZLayersFile::divide(const Place& place, const ZSCFData& before,
+                         ZVector<Change>& changes) const {
     ZSCFData below, with;
     set_->rebuild(model(), place.below, below);
     set_->rebuild(model(), place.above, with);
@@ -324,19 +319,30 @@ void ZLayersFile::stripOthers(const Place& place, const ZSCFData& before,
         valuesOf(below, change, low);
         valuesOf(with, change, own);
         valuesOf(before, change, all);
-        const size_t high = startsWith(all, own) ? all.size() - own.size() : 0;
         ZVector<ZLCString>& wanted = change.wanted;
-        if (wanted.empty())
-            continue;
-        const bool isKept = startsWith(own, low) && startsWith(all, own) &&
-                            startsWith(wanted, low) && wanted.size() >= low.size() + high &&
-                            std::equal(all.end() - static_cast<ptrdiff_t>(high), all.end(),
-                                       wanted.end() - static_cast<ptrdiff_t>(high));
-        if (!isKept)
-            zrequireNoFault({"a key", "has values of other files, which can't be taken out here"});
-        wanted.erase(wanted.end() - static_cast<ptrdiff_t>(high), wanted.end());
-        wanted.erase(wanted.begin(), wanted.begin() + static_cast<ptrdiff_t>(low.size()));
+        const size_t high = startsWith(all, own) ? all.size() - own.size() : 0;
+        const bool endsWithHigh =
+            wanted.size() >= high && std::equal(all.end() - static_cast<ptrdiff_t>(high), all.end(),
+                                                wanted.end() - static_cast<ptrdiff_t>(high));
+        change.isShadowed = !startsWith(all, own) || !endsWithHigh;
+        if (endsWithHigh)
+            wanted.erase(wanted.end() - static_cast<ptrdiff_t>(high), wanted.end());
+        if (startsWith(own, low) && startsWith(wanted, low))
+            wanted.erase(wanted.begin(), wanted.begin() + static_cast<ptrdiff_t>(low.size()));
+        else
+            change.forgets = !low.empty();
     }
+}
+
+void ZLayersFile::noteShadows(const ZVector<Change>& changes) {
+    for (const Change& change : changes) {
+        if (!change.isShadowed || shadows_.count++ != 0)
+            continue;
+        shadows_.file = change.above->found.path;
+        shadows_.line = change.line;
+    }
+    if (shadows_.count != 0 && (flags_ & ZLAYERS_REFUSE_SHADOWED) != 0)
+        zrequireNoFault({"a key", "has other values by a file above the target"});
 }
 
 static bool hasKeys(const ZSCFData& model) {
@@ -347,12 +353,9 @@ static bool hasKeys(const ZSCFData& model) {
 }
 
 // Makes the changes in the file, which is locked.
-void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZSCFData& before,
-                      ZVector<Change>& changes) {
+void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZVector<Change>& changes) {
     ZSCFData below;
     set_->rebuild(model(), place.below, below);
-    if ((flags_ & ZLAYERS_COLLECT) != 0)
-        stripOthers(place, before, changes);
     ZStanzaFileProperties target(1);
     target.setAttributes(model().attributes() | ZPCACHE_KEEP_COMMENTS | ZPCACHE_KEEP_LINES,
                          nullptr);
@@ -371,7 +374,7 @@ void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZSCFData& be
                                                        model().contains(stanza, key) != 0);
         const bool isOtherKind =
             target.exists(stanza, key) && (target.isObfuscated(stanza, key) != 0) != isHidden;
-        if ((change.wanted.empty() && !isEmpty) || isOtherKind)
+        if ((change.wanted.empty() && !isEmpty) || isOtherKind || change.forgets)
             target.deleteKey(stanza, key);
         if (isEmpty)
             target.setValue(stanza, key, "");
@@ -381,6 +384,8 @@ void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZSCFData& be
             else
                 target.addValue(stanza, key, value, isHidden);
         }
+        if (change.forgets && !change.wanted.empty())
+            ZModelEdits::addForgettingLine(static_cast<ZSCFData&>(own.cache()), stanza, key);
     }
     if (isNew)
         target.addFileComment(kMark);

@@ -49,7 +49,9 @@ private:
     struct Change {
         ZLCString stanza, key;
         ZPStore::Kind kind;
-        ZVector<ZLCString> wanted;
+        ZVector<ZLCString> wanted;  // and then what the target is to hold of that
+        bool forgets;               // the target says "key =" ahead of it
+        bool isShadowed;
         const ZLayer* above;  // the last one that has the key; null: none
         int line;
         ZVector<ZLCString> aboveValues;
@@ -65,10 +67,10 @@ private:
     Place place() const;
     void requireUnhidden(const Place& place) const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
-    void lookAbove(const Place& place, ZVector<Change>& changes);
-    void put(ZUpdatedFile& file, const Place& place, const ZSCFData& before,
-             ZVector<Change>& changes);
-    void stripOthers(const Place& place, const ZSCFData& before, ZVector<Change>& changes) const;
+    void lookAbove(const Place& place, ZVector<Change>& changes) const;
+    void noteShadows(const ZVector<Change>& changes);
+    void put(ZUpdatedFile& file, const Place& place, const ZVector<Change>& changes);
+    void divide(const Place& place, const ZSCFData& before, ZVector<Change>& changes) const;
     void removeTarget(const ZUpdatedFile& file) const;
 
     std::unique_ptr<ZLayerSet> set_;

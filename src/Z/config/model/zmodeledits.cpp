@@ -117,6 +117,17 @@ static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
     return ZPStore::none;
 }
 
+void ZModelEdits::addForgettingLine(ZSCFData& model, const char* stanza, const char* key) {
+    ZPStore& store = model.store();
+    const ZPId id = store.keyInMap(zspanOf(stanza), zspanOf(key));
+    zassert(id != ZPStore::none);
+    if (!store.hasLine(id))
+        store.placeKeyLine(id);
+    ZPId line = ZPStore::none;
+    const ZPId group = firstLineOf(store, id, line);
+    store.insertCommentBefore(group, line, zspanOf(ZLCString(key).append(" =").getChars()));
+}
+
 namespace {
 
 // Comments that were put in front of a line, and go again unless they are kept.

@@ -19,6 +19,9 @@ struct ZModelEdits {
     /// Makes each plain value of the key a comment, at the place of the key's first line. Refused
     /// where values are hidden.
     static bool disableKey(ZSCFData& model, const char* stanza, const char* key);
+    /// Puts a line "key =" ahead of the lines of a key that is there. To this model it means
+    /// nothing; where it lies over others, that their values are forgotten.
+    static void addForgettingLine(ZSCFData& model, const char* stanza, const char* key);
 
     // For stores that keep lines.
 
