@@ -156,8 +156,8 @@ TEST(FaultKill, EachCallOfASafeStoreAndOfTheOneThatMendsIt) {
            states);
 }
 
-// Each call of an edit that makes a drop-in with its folder, which then is there whole or not at all
-// to who reads, and in nobody's way who edits.
+// Each call of an edit that makes a drop-in with its folder: it is there whole or not at all to who
+// reads, and in nobody's way who edits.
 TEST(FaultKill, EachCallOfAnEditThatMakesADropIn) {
     if (inChild([] { return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : errno; }) ==
         ENOSYS)
