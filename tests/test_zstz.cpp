@@ -582,4 +582,100 @@ TEST(Zstz, HiddenValues) {
     EXPECT_EQ(damaged.err, file + ".obf: error: not a side database\n");
 }
 
+TEST(Zstz, Layers) {
+    TempFolder folder;
+    for (const char* made : {"r", "r/usr", "r/usr/lib", "r/usr/lib/app.conf.d", "r/etc",
+                             "r/etc/app.conf.d", "r/run", "r/etc/own", "r/home"})
+        ASSERT_EQ(mkdir((folder / made).c_str(), 0777), 0);
+    folder.write("r/usr/lib/app.conf", "# vendor\n[s]\nk = 1\nk = 2\nl = x\n");
+    folder.write("r/usr/lib/app.conf.d/10-a.conf", "[t]\nm = 1\n");
+    folder.write("r/etc/app.conf.d/10-a.conf", "");
+    folder.write("r/usr/lib/app.conf.d/20-b.conf", "[t]\ne =\nm = 3");
+    // Only inside the root does the link lead to a file.
+    ASSERT_EQ(
+        symlink("/usr/lib/app.conf.d/20-b.conf", (folder / "r/etc/app.conf.d/30-c.conf").c_str()),
+        0);
+    folder.write("r/etc/app.conf.d/90-top.conf", "[s]\nk = 9\n");
+    folder.write("r/etc/bad.conf", "[s]\n");
+    ASSERT_EQ(mkdir((folder / "r/etc/bad.conf.d").c_str(), 0777), 0);
+    folder.write("r/etc/bad.conf.d/a.conf", "[s]\nnonsense\n");
+    folder.write("r/etc/own/main.conf", "[s]\nk = o\n");
+    // In order: ROOT stands for the root's path in what is printed.
+    const struct {
+        const char* line;
+        int code;
+        const char* out;
+        const char* err = "";
+    } kCases[] = {
+        {"layers app", 0,
+         "ROOT/usr/lib/app.conf: main\n"
+         "ROOT/usr/lib/app.conf.d/10-a.conf: drop-in, masked by ROOT/etc/app.conf.d/10-a.conf\n"
+         "ROOT/etc/app.conf.d/10-a.conf: drop-in, masks\n"
+         "ROOT/usr/lib/app.conf.d/20-b.conf: drop-in, repeated as "
+         "ROOT/etc/app.conf.d/30-c.conf\n"
+         "ROOT/etc/app.conf.d/30-c.conf: drop-in\nROOT/etc/app.conf.d/90-top.conf: drop-in\n"},
+        {"layers bad", 4,
+         "ROOT/etc/bad.conf: main\n"
+         "ROOT/etc/bad.conf.d/a.conf:2: drop-in, bad line: nonsense\n"},
+        {"layers none", 3, "", "zstz: none: no file; looked for ROOT/etc/none.conf"},
+        {"cat app", 0,
+         "# ROOT/usr/lib/app.conf\n# vendor\n[s]\nk = 1\nk = 2\nl = x\n\n"
+         "# ROOT/etc/app.conf.d/30-c.conf\n[t]\ne =\nm = 3\n\n"
+         "# ROOT/etc/app.conf.d/90-top.conf\n[s]\nk = 9\n"},
+        {"--layers app get s k t m", 0, "9\n3\n"},
+        {"--layers main:own get --origin s k", 0, "ROOT/etc/own/main.conf:2: o\n"},
+        {"--layers app get s x", 1, "", "--layers app: no key x in [s]; see zstz list --layers"},
+        {"--layers app list --origin t", 0,
+         "ROOT/etc/app.conf.d/30-c.conf:2: [t] e =\nROOT/etc/app.conf.d/30-c.conf:3: [t] m = 3\n"},
+        {"--layers app list --all-layers s", 0,
+         "- ROOT/usr/lib/app.conf:3: [s] k = 1\n- ROOT/usr/lib/app.conf:4: [s] k = 2\n"
+         "+ ROOT/etc/app.conf.d/90-top.conf:2: [s] k = 9\n+ ROOT/usr/lib/app.conf:5: [s] l = x\n"},
+        {"--layers app get --origin --json t e", 0,
+         "{\"stanza\": \"t\", \"key\": \"e\", \"value\": null, "
+         "\"file\": \"ROOT/etc/app.conf.d/30-c.conf\", \"line\": 2}\n"},
+        {"--layers bad check", 4, "", "ROOT/etc/bad.conf.d/a.conf:2: error: bad line: nonsense\n"},
+        {"--layers bad check --json", 4,
+         "{\"file\": \"--layers bad\", \"ok\": false, \"in\": "
+         "\"ROOT/etc/bad.conf.d/a.conf\", \"line\": 2, \"error\": "
+         "\"bad line\", \"text\": \"nonsense\"}\n"},
+        // Where there is no main file in /etc, changes go into a drop-in.
+        {"--layers app set s k 5", 5, "", "ROOT/etc/app.conf.d/90-top.conf:2: note: gives another"},
+        {"--layers app edit 'set s l y' 'unset s k'", 5, "", "ROOT/etc/app.conf.d/90-top.conf:2:"},
+        {"--layers app get --origin s l", 0, "ROOT/etc/app.conf.d/50-local.conf:5: y\n"},
+        {"--layers app add --to 99-z.conf s k 7", 0, ""},
+        {"--layers app diff r/usr/lib/app.conf", 1,
+         "- [s] k = 9\n- [s] k = 7\n+ [s] k = 1\n+ [s] k = 2\n- [s] l = y\n+ [s] l = x\n- [t]\n"
+         "- [t] e =\n- [t] m = 3\n"},
+        {"--layers app unset --to 99-z.conf s k", 0, ""},
+        {"--layers app get s k", 0, "\n"},
+        {"--layers bad:x set s k v", 0, ""},
+        {"--layers bad:x get --origin s k", 0, "ROOT/etc/x/bad.conf.d/50-local.conf:4: v\n"},
+        {"--layers main:own set s k v", 0, ""},
+        {"--layers main:own get --origin s k", 0, "ROOT/etc/own/main.conf:2: v\n"},
+        {"--layers new set --to user s k v", 0, ""},
+        {"--layers new get --user --origin s k", 0, "ROOT/home/new.conf:3: v\n"},
+        {"--layers app set --to etc s k v", 3, "", "--layers app: error: the target would hide"},
+        {"--layers app set --to b/c.conf s k v", 2, "", "zstz: no target of"},
+        {"--layers app get --to etc s k", 2, "", "zstz: --to goes with"},
+        {"--layers app comment x", 2, "", "zstz: comment doesn't go with --layers: a comment"},
+        {"--layers app edit 'rename s t'", 2, "", "zstz: rename doesn't go with --layers"},
+        {"--layers app set --backup s k v", 2, "", "zstz: --backup doesn't go with"},
+        {"--layers a/b list", 2, "", "zstz: no NAME or"},
+        {"list app", 2, "", "zstz: --root, --to,"},
+    };
+    const string root = folder / "r";
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.line);
+        const int code =
+            shell(folder, "XDG_CONFIG_HOME=/home zstz --root r " + string(c.line) + " >out 2>err");
+        EXPECT_EQ(code, c.code);
+        string said[] = {TempFolder::read(folder / "out"), TempFolder::read(folder / "err")};
+        for (string& text : said)
+            for (size_t at; (at = text.find(root)) != string::npos;)
+                text.replace(at, root.size(), "ROOT");
+        EXPECT_EQ(said[0], c.out);
+        EXPECT_EQ(said[1].substr(0, *c.err == '\0' ? string::npos : strlen(c.err)), c.err);
+    }
+}
+
 }  // namespace

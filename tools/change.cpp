@@ -396,11 +396,15 @@ Exit edit(const Words& words, const Options& options) {
         readLines(lines);
     std::vector<Change> changes(lines.size());
     Trial trial;
-    for (size_t i = 0; i < lines.size(); ++i)
-        if (const Exit failed = readChange(lines[i], changes[i], trial)) {
+    for (size_t i = 0; i < lines.size(); ++i) {
+        Exit failed = readChange(lines[i], changes[i], trial);
+        if (failed == done && options.isLayers(words[0].c_str()))
+            failed = checkForLayers(changes[i].word(0), changes[i].terms);
+        if (failed != done) {
             fprintf(stderr, "zstz: nothing is done, because of: %s\n", lines[i].c_str());
             return failed;
         }
+    }
     const char* file = words[0].c_str();
     return update(file, options, [&](ZPROP_handle* handle) -> Exit {
         for (size_t i = 0; i < changes.size(); ++i)

@@ -104,6 +104,8 @@ Exit openFile(const char* file, const Options& options, Handle& handle) {
     }
     if (*file == '\0')
         return complain(usage, "FILE is empty");
+    if (options.isLayers(file))
+        return openLayers(options, handle);
     ZPROP_handle* opened = nullptr;
     const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
                                         options.storeMode, options.wait);

@@ -1,7 +1,10 @@
 // inside.cpp: the one unit that looks behind the C interface.
 #include <Z/ZBuffer.h>
 #include <Z/ZPropHandle.h>
+#include <Z/zlayertree.h>
 #include <Z/zproperror.h>
+
+#include <cerrno>
 
 #include "zstz.h"
 
@@ -53,4 +56,21 @@ int textOver(ZPROP_handle* handle, const std::string& before, std::string& text)
 
 int backUp(ZPROP_handle* handle, unsigned int count) {
     return call(handle, [&](ZStanzaFileProperties& file) { file.backUp(count); });
+}
+
+int forEachCounting(const ZLayersTerms& terms,
+                    const std::function<void(const char* path, int descriptor)>& visit) {
+    zclearLastError();
+    return zguardedByLock([&] {
+        const ZLayerTree tree(terms);
+        ZVector<ZLayerFile> files;
+        tree.find(files);
+        for (const ZLayerFile& file : files) {
+            if (file.state != ZLayerFile::counts && file.state != ZLayerFile::bad)
+                continue;
+            const int descriptor = file.state == ZLayerFile::bad ? -1 : tree.open(file);
+            errno = file.state == ZLayerFile::bad ? file.error : errno;
+            visit(file.path.getChars(), descriptor);
+        }
+    });
 }

@@ -38,6 +38,8 @@ Exit get(const Words& words, const Options& options) {
         areThere = isThere(handle.get(), file, words[i].c_str(), words[i + 1].c_str()) && areThere;
     if (!areThere)
         return notFound;
+    if (options.layers.withOrigin)
+        return getOrigins(handle.get(), words, options);
     for (size_t i = 1; i < words.size(); i += 2)
         if (const Exit failed =
                 printValues(handle.get(), file, words[i].c_str(), words[i + 1].c_str(), options))
@@ -144,6 +146,8 @@ Exit list(const Words& words, const Options& options) {
         return failed;
     if (stanza != nullptr && !isThere(handle.get(), file, stanza, nullptr))
         return notFound;
+    if (options.layers.withOrigin || options.layers.all)
+        return listOrigins(handle.get(), file, stanza, options);
     if (options.json)
         return listAsJSON(handle.get(), file, stanza);
     if (stanza != nullptr)
@@ -167,6 +171,8 @@ static Exit checkAsJSON(const char* file, const Options& options) {
         if (const Exit failed = readStandardInput(text))
             return failed;
         result = zstzPropOpenBytes(&opened, text.data(), text.size(), ZPCACHE_STRICT);
+    } else if (options.isLayers(file)) {
+        result = openLayers(options, &opened);
     } else {
         result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.storeMode,
                                   options.wait);

@@ -134,10 +134,14 @@ static Exit commit(ZPROP_handle* handle, const char* file, const Options& option
         if (before != now && backUp(handle, options.backups) != ZPROP_OK)
             return reportLastError(file);
     }
-    if (zstzPropCommit(handle) != ZPROP_OK)
-        return reportStore(file, options);
+    const int committed = zstzPropCommit(handle);
+    if (committed == ZPROP_SHADOWED)
+        return reportShadowed(file);
+    if (committed != ZPROP_OK)
+        return options.isLayers(file) ? reportLastError(file) : reportStore(file, options);
     int stored = options.storeMode;
-    if (zstzPropLastStoreMode(handle, &stored) == ZPROP_OK && stored < options.storeMode)
+    if (!options.isLayers(file) && zstzPropLastStoreMode(handle, &stored) == ZPROP_OK &&
+        stored < options.storeMode)
         fprintf(stderr,
                 "%s: note: changed in place, without a journal: it couldn't be given the "
                 "file's owner and access\n",
@@ -168,7 +172,7 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     }
     Handle handle;
     if (const Exit failed = openFile(file, options, handle)) {
-        if (isMissing(file) && !options.create)
+        if (!options.isLayers(file) && isMissing(file) && !options.create)
             complain(failed, "--create makes a file that is missing (set, edit, merge)");
         return failed;
     }

@@ -17,8 +17,11 @@ static const char kHelp[] =
     "  list FILE [STANZA]             print the stanzas' names, or a stanza's entries\n"
     "  check FILE...                  load each; tell the first bad line of each bad one\n"
     "  diff A B                       print what differs, key by key\n"
+    "  layers NAME[:PROJECT]          print the files of a layered configuration and what became\n"
+    "                                 of each\n"
+    "  cat NAME[:PROJECT]             print those that count, each under a comment with its path\n"
     "  watch FILE [COMMAND]           print each change of the file, or run COMMAND for it\n"
-    "      --json                     print JSON (get, list, check, diff, watch)\n"
+    "      --json                     print JSON (get, list, check, diff, watch, layers)\n"
     "\n"
     "  set FILE STANZA KEY VALUE      make VALUE the only value of the key\n"
     "      --type TYPE                string (default), integer or boolean\n"
@@ -40,6 +43,17 @@ static const char kHelp[] =
     "  merge BASE OVER                give BASE the values that OVER has\n"
     "      --delete                   and remove from BASE what OVER lacks\n"
     "\n"
+    "  --layers NAME[:PROJECT] get|list|set|add|unset|edit|diff|check ...\n"
+    "                                 in the place of FILE: NAME.conf and NAME.conf.d/*.conf of\n"
+    "                                 /usr/lib, /usr/local/lib, /run and /etc, or of their folder\n"
+    "                                 PROJECT\n"
+    "      --root DIR                 look for all of them in DIR\n"
+    "      --user                     the user's folder comes on top\n"
+    "      --to TARGET                where changes go: etc, run, user, or a drop-in NAME.conf;\n"
+    "                                 default: the main file of /etc if there, else 50-local.conf\n"
+    "      --origin                   print FILE:LINE with each value (get, list)\n"
+    "      --all-layers               those of lower files, too, behind - (list)\n"
+    "\n"
     "      --create                   make the file if it doesn't exist (set, edit, merge)\n"
     "      --dry-run                  print what would change, as a patch, and change nothing\n"
     "      --backup[=N]               keep the last N contents, as FILE.~1~ to FILE.~N~ (default "
@@ -57,7 +71,8 @@ static const char kHelp[] =
     "\n"
     "Exit status: 0 done, 1 stanza, key or value not found, a condition that doesn't hold, or\n"
     "files that differ, 2 wrong usage, 3 the file can't be read, locked or written, 4 the file\n"
-    "holds bad data, or hidden values that bar the change.\n";
+    "holds bad data, or hidden values that bar the change, 5 stored, but a higher file of the\n"
+    "layered configuration still gives another value.\n";
 
 static const size_t kAny = 1 << 20;
 
@@ -66,7 +81,7 @@ static const Command kCommands[] = {
     {"unset", 2, 4, change},   {"comment", 2, 4, change}, {"rename", 3, 4, change},
     {"disable", 3, 3, change}, {"list", 1, 2, list},      {"check", 1, kAny, check},
     {"edit", 1, kAny, edit},   {"diff", 2, 2, diff},      {"merge", 2, 2, merge},
-    {"watch", 1, 2, watch},
+    {"watch", 1, 2, watch},    {"layers", 1, 1, layers},  {"cat", 1, 1, cat},
 };
 
 const Command* findCommand(const std::string& name) {
@@ -119,15 +134,15 @@ Exit checkTerms(const char* command, const Terms& terms) {
 
 static Exit checkOptions(const std::string& command, const Options& options) {
     const Words changes = {"set", "add", "unset", "comment", "rename", "disable", "edit", "merge"};
-    const Exit failed =
-        checkGiven(command, {{options.all, "--all", {"get"}},
-                             {options.hasDefault, "--default", {"get"}},
-                             {options.json, "--json", {"get", "list", "check", "diff", "watch"}},
-                             {options.create, "--create", {"set", "edit", "merge"}},
-                             {options.remove, "--delete", {"merge"}},
-                             {options.editor, "--editor", {"edit"}},
-                             {options.dryRun, "--dry-run", changes},
-                             {options.backups != 0, "--backup", changes}});
+    const Exit failed = checkGiven(
+        command, {{options.all, "--all", {"get"}},
+                  {options.hasDefault, "--default", {"get"}},
+                  {options.json, "--json", {"get", "list", "check", "diff", "watch", "layers"}},
+                  {options.create, "--create", {"set", "edit", "merge"}},
+                  {options.remove, "--delete", {"merge"}},
+                  {options.editor, "--editor", {"edit"}},
+                  {options.dryRun, "--dry-run", changes},
+                  {options.backups != 0, "--backup", changes}});
     return failed == done ? checkTerms(command.c_str(), options.terms) : failed;
 }
 
@@ -144,13 +159,15 @@ Exit parseType(const char* name, ValueType& type) {
     return complain(usage, "no such type: %s", name);
 }
 
-static Exit run(Words words, const Options& options) {
+static Exit run(Words words, Options& options) {
     if (words.empty())
         return complain(usage, "no command; see zstz --help");
     const std::string name = words[0];
     const Command* command = findCommand(name);
     if (command == nullptr)
         return complain(usage, "no such command: %s; see zstz --help", name.c_str());
+    if (const Exit failed = useLayers(words, options))
+        return failed;
     if (const Exit failed = checkCount(*command, words.size() - 1))
         return failed;
     if (const Exit failed = checkOptions(name, options))
@@ -186,17 +203,22 @@ static bool parseCount(const char* text, unsigned int& count) {
     return true;
 }
 
-// A full disk or a closed pipe behind standard output shows here.
+// A full disk or a closed pipe behind standard output shows here, that of a piece which went out
+// earlier too.
 static Exit finish(Exit result) {
-    if (fclose(stdout) != 0 && result == done)
-        return complain(fileError, "standard output: %s", strerror(errno));
-    return result;
+    const bool hasFailed = ferror(stdout) != 0;
+    const int error = fclose(stdout) != 0 ? errno : 0;
+    if (result != done || (!hasFailed && error == 0))
+        return result;
+    return complain(fileError, "standard output: %s",
+                    error == 0 ? "can't be written" : strerror(error));
 }
 
 int main(int argc, char** argv) {
     // The library wants it set; a command should work without.
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
     static const option kOptions[] = {{"all", no_argument, nullptr, 'a'},
+                                      {"all-layers", no_argument, nullptr, 'A'},
                                       {"backup", optional_argument, nullptr, 'b'},
                                       {"create", no_argument, nullptr, 'c'},
                                       {"default", required_argument, nullptr, 'D'},
@@ -207,9 +229,14 @@ int main(int argc, char** argv) {
                                       {"if-equals", required_argument, nullptr, 'E'},
                                       {"if-missing", no_argument, nullptr, 'm'},
                                       {"json", no_argument, nullptr, 'j'},
+                                      {"layers", required_argument, nullptr, 'L'},
+                                      {"origin", no_argument, nullptr, 'o'},
+                                      {"root", required_argument, nullptr, 'r'},
                                       {"store", required_argument, nullptr, 's'},
+                                      {"to", required_argument, nullptr, 'T'},
                                       {"type", required_argument, nullptr, 't'},
                                       {"uncomment", no_argument, nullptr, 'u'},
+                                      {"user", no_argument, nullptr, 'U'},
                                       {"version", no_argument, nullptr, 'v'},
                                       {"wait", required_argument, nullptr, 'w'},
                                       {nullptr, 0, nullptr, 0}};
@@ -219,6 +246,24 @@ int main(int argc, char** argv) {
         switch (letter) {
             case 'a':
                 options.all = true;
+                break;
+            case 'A':
+                options.layers.all = true;
+                break;
+            case 'L':
+                options.layers.name = optarg;
+                break;
+            case 'o':
+                options.layers.withOrigin = true;
+                break;
+            case 'r':
+                options.layers.root = optarg;
+                break;
+            case 'T':
+                options.layers.to = optarg;
+                break;
+            case 'U':
+                options.layers.withUser = true;
                 break;
             case 'b':
                 if (!parseCount(optarg, options.backups))

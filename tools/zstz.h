@@ -12,6 +12,7 @@
 //   editor.cpp    edit --editor
 //   inside.cpp    what the C interface lacks
 //   watch.cpp     watch
+//   layers.cpp    layered configurations: --layers, layers, cat
 #ifndef TOOLS_ZSTZ_H
 #define TOOLS_ZSTZ_H
 
@@ -25,7 +26,17 @@
 #include <vector>
 
 /// How zstz ends. `unmet` is a condition that doesn't hold.
-enum Exit { done = 0, notFound = 1, differ = 1, unmet = 1, usage = 2, fileError = 3, badData = 4 };
+/// `shadowed` is a change that is stored and has no effect.
+enum Exit {
+    done = 0,
+    notFound = 1,
+    differ = 1,
+    unmet = 1,
+    usage = 2,
+    fileError = 3,
+    badData = 4,
+    shadowed = 5
+};
 
 /// What zstzPropLastError calls failures that are no failed call of the system.
 enum Failure { invalidData = 44 };
@@ -42,6 +53,21 @@ struct Terms {
     bool uncomment = false;
 };
 
+/// A layered configuration in the place of FILE.
+struct LayerOptions {
+    std::string name;  // NAME or NAME:PROJECT; empty: none
+    std::string root;  // the prefix
+    std::string to;    // the target of changes
+    bool withUser = false;
+    bool withOrigin = false;
+    bool all = false;        // shadowed entries, too
+    bool isChanged = false;  // by this command
+
+    bool isTold() const { return !root.empty() || !to.empty() || withUser || withOrigin || all; }
+    /// What stands in the place of FILE, in messages too; no file is called so but as "./--layers".
+    std::string label() const;
+};
+
 struct Options {
     bool all = false;
     bool create = false;
@@ -53,7 +79,10 @@ struct Options {
     bool editor = false;       // of edit
     unsigned int backups = 0;  // how many are kept; 0: none is made
     Terms terms;
+    LayerOptions layers;
     int storeMode = ZPROP_STORE_SAFE;
+
+    bool isLayers(const char* file) const { return !layers.name.empty() && layers.label() == file; }
     unsigned long wait = 10000;  // milliseconds
 };
 
@@ -79,6 +108,8 @@ Exit edit(const Words& words, const Options& options);
 Exit editByEditor(const char* file, const Options& options);
 Exit merge(const Words& words, const Options& options);
 Exit watch(const Words& words, const Options& options);
+Exit layers(const Words& words, const Options& options);
+Exit cat(const Words& words, const Options& options);
 
 struct Command {
     const char* name;
@@ -117,7 +148,8 @@ Exit readStandardInput(std::string& text);
 /// Tells the last error, of a call that takes the file's lock, and what helps where somebody else
 /// has that.
 Exit reportLocking(const char* file, int result);
-/// Opens and loads the file, strictly and with its lines kept, or reports.
+/// Opens and loads the file, or the layered configuration that stands in its place, strictly and a
+/// file with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
 /// The same of a text, as that of this file.
 Exit openText(const char* file, const std::string& text, Handle& handle);
@@ -174,6 +206,22 @@ Exit update(const char* file, const Options& options,
 /// Prints what differs as a patch of this file; nothing for equal texts.
 void printPatch(const char* file, const std::string& before, const std::string& now);
 
+// ---------------------------------------------------------------- layered configurations
+
+/// Puts the label of a layered configuration in the place of FILE where one is named; complains of
+/// what doesn't go with it.
+Exit useLayers(Words& words, Options& options);
+/// Complains if a change can't be made to one.
+Exit checkForLayers(const char* command, const Terms& terms);
+/// Opens it, for changes with their target set, or reports; only opens it.
+Exit openLayers(const Options& options, Handle& handle);
+int openLayers(const Options& options, ZPROP_handle** handle);
+/// Tells that a higher file gives what was changed another value, after a store that said so.
+Exit reportShadowed(const char* file);
+/// As get and list, with the file and line of each value.
+Exit getOrigins(ZPROP_handle* handle, const Words& words, const Options& options);
+Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const Options& options);
+
 // ---------------------------------------------------------------- what the C interface lacks
 
 // Results as the C interface has them. `found`: whether what it is about is there.
@@ -184,6 +232,10 @@ int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool
 /// What the file of an open update holds, and what a store over a text would write.
 int updatedText(ZPROP_handle* handle, std::string& text);
 int textOver(ZPROP_handle* handle, const std::string& before, std::string& text);
+/// Calls `visit` for each file of a layered configuration that counts, in their order, with it
+/// opened to be read, which is the visitor's to close; -1 with errno where it can't be.
+int forEachCounting(const struct ZLayersTerms& terms,
+                    const std::function<void(const char* path, int descriptor)>& visit);
 /// Keeps what the file of an open update holds.
 int backUp(ZPROP_handle* handle, unsigned int count);
 
