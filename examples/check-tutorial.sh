@@ -24,8 +24,10 @@ for source in tutorial/*.cpp; do
     diff <(program "$(basename "$source")") "$source"
 done
 
-step() { "$build/examples/tutorial_$1"; }
+step() { "$build/examples/tutorial_$1" "${@:2}"; }
+mkdir -p "$folder/usr/lib"
 cp service.conf "$folder/"
+cp service.conf "$folder/usr/lib/"
 cd "$folder"
 shown "$(step read)"
 step change
@@ -43,3 +45,7 @@ until [ "$(wc -l <watched)" -eq 2 ]; do sleep 0.02; done
 wait
 shown "$(cat watched)"
 [ "$(wc -l <watched)" -eq 3 ]
+shown "$(step layers "$folder")"
+"$build/zstz" --layers service --root "$folder" set log level warn
+[ "$("$build/zstz" --layers service --root "$folder" get --origin log level)" = \
+    "$(realpath "$folder")/etc/service.conf.d/50-local.conf:4: warn" ]
