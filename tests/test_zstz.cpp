@@ -660,6 +660,7 @@ TEST(Zstz, Layers) {
         {"--layers app comment x", 2, "", "zstz: comment doesn't go with --layers: a comment"},
         {"--layers app edit 'rename s t'", 2, "", "zstz: rename doesn't go with --layers"},
         {"--layers app set --backup s k v", 2, "", "zstz: --backup doesn't go with"},
+        {"--layers main:own --root \"\" set s k w", 2, "", "zstz: --layers, --root and --to take"},
         {"--layers a/b list", 2, "", "zstz: no NAME or"},
         {"list app", 2, "", "zstz: --root, --to,"},
     };

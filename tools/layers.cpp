@@ -173,6 +173,8 @@ Exit useLayers(Words& words, Options& options) {
         return complain(usage, "--to takes etc, run, user or NAME.conf: %s", layers.to.c_str());
     if (layers.withOrigin && command != "get" && command != "list")
         return complain(usage, "--origin goes with get and list");
+    if (layers.withOrigin && options.hasDefault)
+        return complain(usage, "--default doesn't go with --origin: it comes from no file");
     if (layers.all && command != "list")
         return complain(usage, "--all-layers goes with list");
     if (!takesName)

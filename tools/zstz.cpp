@@ -243,6 +243,9 @@ int main(int argc, char** argv) {
     Options options;
     int letter;
     while ((letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+        // An empty root, say of a variable that isn't set, must not mean the whole system.
+        if (strchr("LrT", letter) != nullptr && *optarg == '\0')
+            return complain(usage, "--layers, --root and --to take a word that isn't empty");
         switch (letter) {
             case 'a':
                 options.all = true;
