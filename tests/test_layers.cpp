@@ -1,6 +1,7 @@
 // A layered configuration as an object: what readers see, and that changes go into one file.
 #include "support/Prelude.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 
@@ -168,6 +169,33 @@ TEST(Layers, TakesAnUpdateBack) {
     EXPECT_EQ(layers.isModified(), 0);
 }
 
+// Somebody else's lock on another file, and a store in the middle.
+TEST(Layers, KeepsWhatItHasIfAnotherFileIsBusy) {
+    Tree tree(kBase);
+    ZLayers layers(tree.terms);
+    layers.setTarget("/etc", "50-a.conf");
+    const string other = tree.folder / "run/app.conf.d/90-run.conf";
+    const auto lock = [&](short type) {
+        static const int descriptor = open(other.c_str(), O_RDWR | O_CLOEXEC);
+        struct flock whole = {};
+        whole.l_type = type;
+        return fcntl(descriptor, F_OFD_SETLK, &whole);
+    };
+    {
+        ZPropertiesUpdate update(layers, 0);
+        set(layers, "a", "x");
+        layers.store(nullptr);
+        set(layers, "a", "1");
+        ASSERT_EQ(lock(F_WRLCK), 0);
+        update.commit();
+    }
+    EXPECT_EQ(valueOf(layers, tree, "b").substr(0, 1), "3");
+    EXPECT_EQ(tree.text("etc/app.conf.d/50-a.conf"), string(kMark) + "\n[s]\na = 1\n");
+    EXPECT_EQ(raised([&] { ZPropertiesUpdate update(layers, 0); }), "fcntl() 11");
+    EXPECT_EQ(valueOf(layers, tree, "b").substr(0, 1), "3");
+    ASSERT_EQ(lock(F_UNLCK), 0);
+}
+
 TEST(Layers, CollectsAndAdds) {
     Tree tree({{"usr/app.conf", "[s]\na = 1\n"}, {"etc/app.conf.d/9.conf", "[s]\na = 3\n"}});
     tree.terms.flags |= ZLAYERS_COLLECT;
@@ -192,6 +220,14 @@ TEST(Layers, CollectsAndAdds) {
     EXPECT_EQ(store(), "empty\n[s]\nc = 1\na =\n");
     layers.addValue("s", "a", "7", 0);
     EXPECT_EQ(store(), "7 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\n");
+
+    // Back to what the lower file says: nothing of the target's own is needed.
+    tree.folder.write("etc/app.conf.d/9.conf", "[s]\na = 3\nb = 1\n");
+    layers.reload(nullptr);
+    set(layers, "a", "1");
+    EXPECT_EQ(store(), "1 usr/app.conf:2\n[s]\nb = 1\n");
+    tree.folder.write("etc/app.conf.d/9.conf", "[s]\nc = 1\na =\na = 7\n");
+    layers.reload(nullptr);
 
     // What a higher file adds is no more to be taken away here.
     tree.folder.write("etc/app.conf.d/a.conf", "[s]\na = 8\n");

@@ -38,6 +38,14 @@ public:
     std::string name, project, root;
 };
 
+// A file's name as a line holds it: others may name theirs as they like.
+std::string shown(std::string path) {
+    for (char& c : path)
+        if (static_cast<unsigned char>(c) < ' ' || c == 0x7f)
+            c = '?';
+    return path;
+}
+
 // One file of them, to be kept.
 struct File {
     explicit File(const ZLayerInfo& info)
@@ -64,12 +72,16 @@ struct Entry {
           value(entry.value),
           file(entry.file),
           line(entry.line),
+          isHidden(entry.isHidden != 0),
           counts(entry.counts != 0) {}
 
-    std::string place() const { return line > 0 ? file + ":" + std::to_string(line) : file; }
+    std::string place() const {
+        return line > 0 ? shown(file) + ":" + std::to_string(line) : shown(file);
+    }
 
     std::string stanza, key, value, file;
     int line;
+    bool isHidden;
     bool counts;
 };
 
@@ -190,7 +202,10 @@ static Exit setTarget(ZPROP_handle* handle, const LayersTerms& terms, const Laye
     if (options.to == "run") {
         root = "/run";
     } else if (options.to == "user") {
-        root = nullptr;  // the highest
+        root = nullptr;  // the highest, if there is one
+        const char *config = getenv("XDG_CONFIG_HOME"), *home = getenv("HOME");
+        if (!(config != nullptr && *config == '/') && !(home != nullptr && *home == '/'))
+            return complain(usage, "--to user needs HOME or XDG_CONFIG_HOME");
     } else if (endsWith(options.to, ".conf")) {
         dropIn = options.to.c_str();
     } else if (options.to.empty()) {
@@ -238,7 +253,7 @@ static void printEntry(const Entry& entry, bool valueOnly, const Options& option
     if (options.json) {
         printf("{\"stanza\": %s, \"key\": %s, \"value\": %s, \"file\": %s, \"line\": %s",
                jsonOf(entry.stanza).c_str(), jsonOf(entry.key).c_str(),
-               entry.value.empty() ? "null" : jsonOf(entry.value).c_str(),
+               entry.value.empty() ? "null" : jsonOfValues({entry.value}, entry.isHidden).c_str(),
                jsonOf(entry.file).c_str(),
                entry.line > 0 ? std::to_string(entry.line).c_str() : "null");
         puts(!options.layers.all ? "}"
@@ -320,7 +335,8 @@ static void printFile(const File& file, const std::vector<File>& files) {
         state = (file.line > 0 ? ", bad line: " : ", bad: ") + file.reason;
     }
     const std::string line = file.line > 0 ? ":" + std::to_string(file.line) : "";
-    printf("%s%s: %s%s\n", file.path.c_str(), line.c_str(), kKinds[file.kind], state.c_str());
+    printf("%s%s: %s%s\n", shown(file.path).c_str(), line.c_str(), kKinds[file.kind],
+           shown(state).c_str());
 }
 
 static void printFileAsJSON(const File& file) {
@@ -380,7 +396,7 @@ Exit cat(const Words& words, const Options& options) {
                 reportError(fileError, path, stream == nullptr ? strerror(error) : "can't be read");
             return;
         }
-        printf("%s# %s\n", isFirst ? "" : "\n", path);
+        printf("%s# %s\n", isFirst ? "" : "\n", shown(path).c_str());
         isFirst = false;
         fwrite(text.data(), 1, text.size(), stdout);
         if (!text.empty() && text.back() != '\n')

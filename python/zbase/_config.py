@@ -289,9 +289,7 @@ class Section(MutableMapping[str, str]):
                     f"the values of {option!r} are hidden", 22, self._config._file()
                 )
 
-    def update(  # type: ignore[override]
-        self, other: Any = (), /, **more: Values
-    ) -> None:
+    def update(self, other: Any = (), /, **more: Values) -> None:
         """Sets the keys of a mapping, or of pairs, and those named here, or changes nothing.
 
         A list as value gives a key several, and so does a key of a Section. RefusedError if one of

@@ -133,6 +133,7 @@ protected:
     void setUpdate(ZUpdatedFile& file) { update_ = &file; }
     ZUpdatedFile* openUpdate() const { return update_; }
     unsigned long lockWait() const { return lockWait_; }
+    void noteStoreMode(int mode) { lastStoreMode_ = mode; }
     /// No change notice goes out while `call` runs; the object holds what its files hold then.
     template <typename Call>
     void readBy(Call call) {

@@ -16,7 +16,8 @@ public:
     Progress(ZProperties& properties, unsigned long wait)
         : properties_(properties),
           known_(ZPropertiesFile::of(properties)),
-          file_(path(), {zlockOfDescription, wait}, known_.prepareUpdate()) {
+          mayCreate_(known_.prepareUpdate()),  // which may tell the path anew
+          file_(path(), {zlockOfDescription, wait}, mayCreate_) {
         updated_.descriptor = file_.descriptor();
         updated_.thread = pthread_self();
         zcheckIO(zstampFile(updated_.descriptor, updated_.stamp).of(path()));
@@ -85,6 +86,7 @@ private:
 
     ZProperties& properties_;
     ZPropertiesFile& known_;
+    const bool mayCreate_;
     ZLockedFile file_;
     ZUpdatedFile updated_;
 };

@@ -30,25 +30,34 @@ void ZLayersFile::requireOneFile() const {
 
 // ---------------------------------------------------------------- load
 
+// All files or, if one can't be read, nothing: the object is then what it was.
+void ZLayersFile::loadAll(unsigned long wait, const ZFileStamp* own,
+                          ZVector<ZPropDifference>* differences) {
+    ZSCFData fresh;
+    fresh.setAttributes(model().attributes(), nullptr);
+    set_->loadBeside(fresh, wait, own);
+    isStale_ = false;
+    // The set belongs to what it has read, whatever comes of telling the differences.
+    readBy([&] { ZModelContent::take(model(), fresh); });
+    if (differences != nullptr)
+        zfindDifferences(fresh, model(), *differences);
+}
+
 void ZLayersFile::load(const char* file) {
     zassert(lock().isHeld());
     zrequire(!zhasText(file) || path().equals(file));
     const ZUpdatedFile* update = openUpdate();
-    readBy([&] {
-        set_->load(model(), update == nullptr ? lockWait() : 0,
-                   update == nullptr ? nullptr : &update->stamp);
-        isStale_ = false;
-    });
+    loadAll(update == nullptr ? lockWait() : 0, update == nullptr ? nullptr : &update->stamp);
 }
 
-// What was stored stays so, whatever comes of reading it. Without the lock on the target: while
-// others are waited for, they may wait for that.
+// What was stored stays so, and the object as it is, if reading it fails. Outside of an update it
+// has no lock: while others are waited for, they may wait for that.
 void ZLayersFile::loadStored() {
     isStale_ = true;
     try {
         load(nullptr);
     } catch (ZPropertiesException&) {
-        // No more is stored from here on without a load.
+        readBy([] {});  // until the next load its values are right and their origins missing
     }
 }
 
@@ -59,13 +68,20 @@ void ZLayersFile::noteUpdateEnded() {
 
 void ZLayersFile::beginUpdate(ZUpdatedFile& file) {
     zassert(lock().isHeld() && !hasUpdate());
-    readBy([&] {
-        ZSCFData own;
-        zreadContent(own, path(), {file.descriptor}, true, file.content);
-        set_->load(model(), 0, &file.stamp);
-        isStale_ = false;
-        requireUnhidden(place());
-    });
+    loadAll(0, &file.stamp);
+    ZVector<ZLayerFile> files;
+    for (const ZLayer& layer : set_->layers())
+        if (layer.kind == ZLayer::file)
+            files.push_back(layer.found);
+    const Place target = placeIn(files);
+    requireUnhidden(files, target);
+    const bool isThere = target.below != target.above;
+    if (!isThere || !zsameFile(files[target.below].stamp, file.stamp))
+        zraiseIO(path().getChars(), "stat()", ESTALE);
+    if (set_->tree().hasPrefix() && set_->layers()[target.below].side.size() != 0)
+        zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
+    ZSCFData own;
+    zreadContent(own, path(), {file.descriptor}, true, file.content);
     setUpdate(file);
 }
 
@@ -89,12 +105,15 @@ bool ZLayersFile::listWatched(ZVector<ZWatchedPath>& paths) const {
 bool ZLayersFile::catchUp(ZVector<ZPropDifference>& differences) {
     ZVector<ZLayerFile> now;
     set_->tree().find(now);
-    if (!isStale_ && ZLayerTree::areSettled(now) && ZLayerTree::areSame(set_->found(), now))
+    // A hidden value may have changed without a trace in its text.
+    bool hasSide = false;
+    for (const ZLayer& layer : set_->layers())
+        hasSide = hasSide || layer.side.size() != 0;
+    if (!isStale_ && !hasSide && ZLayerTree::areSettled(set_->found()) &&
+        ZLayerTree::areSame(set_->found(), now))
         return true;
-    ZSCFData fresh;
-    fresh.setAttributes(model().attributes(), nullptr);
     try {
-        set_->loadBeside(fresh, 0);
+        loadAll(0, nullptr, &differences);
     } catch (ZPropertiesIOException& e) {
         const bool isBusy = ZFailure{"", e.excerrno(), nullptr}.isLockedByOthers() &&
                             (strcmp(e.api(), "fcntl()") == 0 || strcmp(e.api(), "load()") == 0);
@@ -102,9 +121,6 @@ bool ZLayersFile::catchUp(ZVector<ZPropDifference>& differences) {
             throw;
         return false;
     }
-    zfindDifferences(model(), fresh, differences);
-    isStale_ = false;
-    readBy([&] { ZModelContent::take(model(), fresh); });
     return true;
 }
 
@@ -114,20 +130,26 @@ void ZLayersFile::setTarget(const char* root, const char* dropIn) {
     zrequire(!hasUpdate());
     const ZLayerTree& tree = set_->tree();
     const int index = tree.rootOf(root);
-    zrequire(index >= 0);
+    if (index < 0)
+        zrequireNoFault({"a root", "has to be one of the configuration's"});
     if (dropIn != nullptr && (!tree.isDropInName(dropIn) || strchr(dropIn, '/') != nullptr ||
                               strpbrk(dropIn, "\n\r") != nullptr))
         zrequireNoFault({"a drop-in's name", "needs the suffix, and no /, dot or line end"});
-    ZLayerFile file = {};
-    file.kind = dropIn != nullptr ? ZLayerFile::dropIn : ZLayerFile::mainFile;
-    file.root = index;
-    file.name = dropIn != nullptr ? ZLCString(dropIn) : tree.mainName();
-    ZLCString path(tree.placeOf(file));
-    if (!tree.physicalPath(path.getChars(), path))
-        zraiseIO(path.getChars(), "open()", errno);
     root_ = index;
     isDropIn_ = dropIn != nullptr;
-    name_ = file.name;
+    name_ = dropIn != nullptr ? ZLCString(dropIn) : tree.mainName();
+    findPath();
+}
+
+// Where the target is, by the links that are there now.
+void ZLayersFile::findPath() {
+    ZLayerFile file = {};
+    file.kind = isDropIn_ ? ZLayerFile::dropIn : ZLayerFile::mainFile;
+    file.root = root_;
+    file.name = name_;
+    ZLCString path(set_->tree().placeOf(file));
+    if (!set_->tree().physicalPath(path.getChars(), path))
+        zraiseIO(path.getChars(), "open()", errno);
     setPath(path);
 }
 
@@ -136,28 +158,24 @@ void ZLayersFile::requireTarget() const {
         zrequireNoFault({"a layered configuration", "needs a target for changes"});
 }
 
-ZLayersFile::Place ZLayersFile::place() const {
-    const ZVector<ZLayer>& layers = set_->layers();
-    for (size_t i = 0; i < layers.size(); ++i) {
-        const ZLayer& layer = layers[i];
-        if (layer.kind == ZLayer::file && layer.found.root == root_ &&
-            (layer.found.kind == ZLayerFile::dropIn) == isDropIn_ && layer.found.name == name_)
+ZLayersFile::Place ZLayersFile::placeIn(const ZVector<ZLayerFile>& files) const {
+    const ZLayerFile::Kind kind = isDropIn_ ? ZLayerFile::dropIn : ZLayerFile::mainFile;
+    for (size_t i = 0; i < files.size(); ++i)
+        if (files[i].root == root_ && files[i].kind == kind && files[i].name == name_)
             return {i, i + 1};
-    }
     size_t at = 0;
-    while (at < layers.size() && layers[at].kind == ZLayer::file &&
-           (layers[at].found.kind == ZLayerFile::mainFile ||
-            (isDropIn_ && layers[at].found.kind == ZLayerFile::dropIn &&
-             strcmp(layers[at].found.name.getChars(), name_.getChars()) < 0)))
+    // A folder of drop-ins that is bad stands ahead of them.
+    while (at < files.size() && (files[at].kind == ZLayerFile::mainFile ||
+                                 (isDropIn_ && files[at].kind == ZLayerFile::dropIn &&
+                                  (!set_->tree().isDropInName(files[at].name.getChars()) ||
+                                   strcmp(files[at].name.getChars(), name_.getChars()) < 0))))
         ++at;
     return {at, at};
 }
 
 // What the target holds must count, and may hide nothing that did.
-void ZLayersFile::requireUnhidden(const Place& place) const {
-    requireTarget();
-    const ZVector<ZLayer>& layers = set_->layers();
-    const ZLayerFile* own = place.below == place.above ? nullptr : &layers[place.below].found;
+void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place) const {
+    const ZLayerFile* own = place.below == place.above ? nullptr : &files[place.below];
     const char* reason = nullptr;
     if (own != nullptr && own->state == ZLayerFile::hidden)
         reason = "is hidden by a file of a higher root";
@@ -170,20 +188,23 @@ void ZLayersFile::requireUnhidden(const Place& place) const {
     else if (own != nullptr && own->state == ZLayerFile::masks && own->isLink)
         reason = "is a link that hides others";
     const bool isEmpty = own == nullptr || own->state == ZLayerFile::masks;
-    for (const ZLayer& layer : layers) {
-        const ZLayerFile& other = layer.found;
-        if (reason == nullptr && isEmpty && layer.kind == ZLayer::file && &other != own &&
+    for (const ZLayerFile& other : files)
+        if (reason == nullptr && isEmpty && &other != own &&
             other.kind == (isDropIn_ ? ZLayerFile::dropIn : ZLayerFile::mainFile) &&
             other.name == name_)
             reason = other.root > root_ ? "would be hidden by a file of a higher root"
                                         : "would hide a file of a lower root";
-    }
     if (reason != nullptr)
         zrequireNoFault({"the target", reason});
 }
 
 bool ZLayersFile::prepareUpdate() {
     requireTarget();
+    // By what is there now, ahead of opening or making anything.
+    findPath();
+    ZVector<ZLayerFile> files;
+    set_->tree().find(files);
+    requireUnhidden(files, placeIn(files));
     // The folders alone: nobody takes an empty one for anything.
     const char* at = path().getChars();
     while ((at = strchr(at + 1, '/')) != nullptr) {
@@ -208,31 +229,31 @@ void ZLayersFile::store(const ZLCString& path) {
     set_->rebuild(model(), set_->layers().size(), before);
     ZVector<Change> changes;
     findChanges(before, changes);
-    const Place target = place();
+    const Place target = placeIn(set_->found());
     lookAbove(target, changes);
     if ((flags_ & ZLAYERS_COLLECT) != 0 && !changes.empty())
         divide(target, before, changes);
     noteShadows(changes);
     ZUpdatedFile* const update = openUpdate();
-    if (update == nullptr && !changes.empty()) {
-        requireUnhidden(target);
+    if (!changes.empty() && isStale_ && update != nullptr)
+        zrequireNoFault(
+            {"the target", "was stored in this update, and not all could be read since"});
+    if (!changes.empty() && update == nullptr) {
         prepareUpdate();
-        ZLockedFile file(path.getChars(), {zlockOfDescription, lockWait()}, true);
+        ZLockedFile file(this->path().getChars(), {zlockOfDescription, lockWait()}, true);
         ZUpdatedFile own = {};
         own.descriptor = file.descriptor();
         put(own, target, changes);
+        file.forgetCreated();
         zcheckIO(file.finish());
-        return loadStored();
-    }
-    if (!changes.empty()) {
+        loadStored();
+    } else if (!changes.empty()) {
         put(*update, target, changes);
-        isStale_ = true;
+        loadStored();
+    } else {
+        // What was changed and changed back has its origins again.
+        readBy([&] { ZModelContent::take(model(), before); });
     }
-    // What was changed and changed back has its origins again.
-    readBy([&] {
-        if (changes.empty())
-            ZModelContent::take(model(), before);
-    });
 }
 
 void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) const {
@@ -242,8 +263,16 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
     for (const ZPropDifference& difference : differences) {
         if (difference.key.getLength() == 0)
             continue;  // a stanza is what its keys are
-        changes.push_back(
-            {difference.stanza, difference.key, ZPStore::plain, {}, false, false, nullptr, 0, {}});
+        changes.push_back({difference.stanza,
+                           difference.key,
+                           ZPStore::plain,
+                           {},
+                           true,
+                           false,
+                           false,
+                           nullptr,
+                           0,
+                           {}});
         Change& change = changes.back();
         const ZPId key = store.keyInMap(spanOf(change.stanza), spanOf(change.key));
         if (key == ZPStore::none)
@@ -252,6 +281,9 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
         const ZPValueView values = store.values(key, change.kind);
         for (uint32_t i = 0; i < values.count(); ++i)
             change.wanted.push_back(textOf(values[i]));
+        change.isEmptied = change.wanted.empty();
+        if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
+            zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
     }
 }
 
@@ -370,8 +402,10 @@ void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZVector<Chan
         const char *stanza = change.stanza.getChars(), *key = change.key.getChars();
         const bool isHidden = change.kind == ZPStore::hidden;
         // That lower files' values don't count has to be said.
-        const bool isEmpty = change.wanted.empty() && (below.countValues(stanza, key) != 0 ||
-                                                       model().contains(stanza, key) != 0);
+        const bool isEmpty =
+            change.wanted.empty() && (change.isEmptied ? below.countValues(stanza, key) != 0 ||
+                                                             model().contains(stanza, key) != 0
+                                                       : change.forgets);
         const bool isOtherKind =
             target.exists(stanza, key) && (target.isObfuscated(stanza, key) != 0) != isHidden;
         if ((change.wanted.empty() && !isEmpty) || isOtherKind || change.forgets)
@@ -390,6 +424,7 @@ void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZVector<Chan
     if (isNew)
         target.addFileComment(kMark);
     target.store(path().getChars());
+    noteStoreMode(own.lastStoreMode());
     const ZSpan text = zspanOf(file.content.text);
     if (isDropIn_ && !hasKeys(static_cast<ZSCFData&>(own.cache())) && text.size >= sizeof kMark &&
         memcmp(text.data, kMark, sizeof kMark - 1) == 0)

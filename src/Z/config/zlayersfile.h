@@ -50,6 +50,7 @@ private:
         ZLCString stanza, key;
         ZPStore::Kind kind;
         ZVector<ZLCString> wanted;  // and then what the target is to hold of that
+        bool isEmptied;             // there were none to begin with
         bool forgets;               // the target says "key =" ahead of it
         bool isShadowed;
         const ZLayer* above;  // the last one that has the key; null: none
@@ -62,10 +63,13 @@ private:
         size_t above;  // the index of the first that is; `below` if there is no file yet
     };
 
+    void loadAll(unsigned long wait, const ZFileStamp* own,
+                 ZVector<ZPropDifference>* differences = nullptr);
     void loadStored();
+    void findPath();
     void requireTarget() const;
-    Place place() const;
-    void requireUnhidden(const Place& place) const;
+    Place placeIn(const ZVector<ZLayerFile>& files) const;
+    void requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place) const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
     void lookAbove(const Place& place, ZVector<Change>& changes) const;
     void noteShadows(const ZVector<Change>& changes);

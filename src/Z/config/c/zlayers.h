@@ -16,8 +16,10 @@
 #include "zlayerterms.h"
 #include "zproperties.h"
 
-/* Visits of a walk: other than 0 ends it. What they are given is gone when they return. */
+/* The function to call for each file; it ends the walk by returning another number than 0. What it
+ * is given is gone then. */
 typedef int (*ZLayers_file_callback)(void* data, const ZLayerInfo* file);
+/* Likewise for each entry. */
 typedef int (*ZLayers_entry_callback)(void* data, const ZLayerEntry* entry);
 
 Z_BEGIN_C

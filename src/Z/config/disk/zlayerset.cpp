@@ -101,13 +101,13 @@ void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own)
             read_.push_back(i);
 }
 
-void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait) {
+void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own) {
     ZVector<ZLayerFile> found(found_);
     ZVector<ZLayer> layers;
     ZVector<size_t> read(read_);
     layers.swap(layers_);
     try {
-        load(other, wait);
+        load(other, wait, own);
     } catch (...) {
         found_.swap(found);
         layers_.swap(layers);

@@ -56,7 +56,7 @@ public:
     void load(ZSCFData& model, unsigned long wait, const ZFileStamp* own = nullptr);
     /// The same into another model than that which was loaded last. What raises leaves the set as
     /// it was.
-    void loadBeside(ZSCFData& other, unsigned long wait);
+    void loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own = nullptr);
     /// Makes `out` what a load of the layers with an index below `end` has read, out of the model
     /// that was loaded, whatever has been changed in it since.
     void rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const;

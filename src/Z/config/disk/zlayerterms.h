@@ -32,8 +32,9 @@ enum {
                                      on top of all */
 };
 
-/* What a file is, and what has become of it. */
+/* What a file is. */
 typedef enum ZLayerKind { ZLAYER_MAIN = 0, ZLAYER_DROP_IN = 1, ZLAYER_EXTRA = 2 } ZLayerKind;
+/* What has become of it. */
 typedef enum ZLayerState {
     ZLAYER_COUNTS = 0,   /* its entries count, as far as no later file has the same keys */
     ZLAYER_MASKS = 1,    /* empty, or a link to /dev/null: hides those of its name in lower roots */
@@ -54,13 +55,13 @@ typedef struct ZLayerInfo {
 
 /* One entry of one of the files. */
 typedef struct ZLayerEntry {
-    const char* stanza;
-    const char* key;
-    const char* value; /* empty for "key =" */
-    const char* file;  /* where it stands; "$NAME" for a variable */
-    int line;          /* from 1; 0 for one that is hidden, a variable or a credential */
-    int isHidden;      /* whether it stands in a side database, or is a credential */
-    int counts;        /* whether the configuration has it; 0: a later entry has its place */
+    const char* stanza; /* in which it stands */
+    const char* key;    /* its name there */
+    const char* value;  /* empty for "key =" */
+    const char* file;   /* where it stands; "$NAME" for a variable */
+    int line;           /* from 1; 0 for one that is hidden, a variable or a credential */
+    int isHidden;       /* whether it stands in a side database, or is a credential */
+    int counts;         /* whether the configuration has it; 0: another has its place */
 } ZLayerEntry;
 
 /* What names the files. Start with one that is all zero but for `size` and `name`. Copied by

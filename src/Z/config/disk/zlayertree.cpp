@@ -87,6 +87,7 @@ void ZLayerTree::setRoots(const ZLayersTerms& terms) {
     for (const char* const* root = terms.roots == nullptr ? kRoots : terms.roots; *root != nullptr;
          ++root)
         add(*root);
+    zrequire(!roots_.empty());
     if ((flags_ & ZLAYERS_USER) == 0)
         return;
     const char* config = secure_getenv("XDG_CONFIG_HOME");

@@ -388,7 +388,7 @@ void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
         noteHidden();
     ZPKey& key = keys_[id];
     if (layerStart_ != none)
-        forgetLowerValues(id, false);
+        forgetLowerValues(id, kind, false);
     if (kind == plain && takesValue(key))
         key.value = text_.append(value);
     else
@@ -584,18 +584,22 @@ void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
     const Id owner = createStanza(stanza);
     const Id id = createKey(owner, key);
     if (value.size == 0)
-        forgetLowerValues(id, true);
+        forgetLowerValues(id, kind, true);
     else
         appendValue(id, kind, value);
 }
 
 // An entry of a higher file is about to be added: what lower ones gave goes, but where values are
-// collected only for one without a value.
-void ZPStore::forgetLowerValues(Id id, bool isEmpty) {
-    const ZPSlice* first = placeOfValue(id, plain, 0);
-    if (first == nullptr && mayHaveHidden_)
-        first = placeOfValue(id, hidden, 0);
-    if (collects_ ? !isEmpty : first == nullptr || first->offset >= layerStart_)
+// collected only for one without a value, or of the other kind.
+void ZPStore::forgetLowerValues(Id id, Kind kind, bool isEmpty) {
+    const auto isLower = [&](Kind which) {
+        const ZPSlice* first =
+            which == hidden && !mayHaveHidden_ ? nullptr : placeOfValue(id, which, 0);
+        return first != nullptr && first->offset < layerStart_;
+    };
+    const bool goes = !collects_ ? isLower(plain) || isLower(hidden)
+                                 : isEmpty || isLower(kind == plain ? hidden : plain);
+    if (!goes)
         return;
     dropValues(id, plain);
     dropValues(id, hidden);
@@ -616,7 +620,7 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
         return id;
     }
     if (layerStart_ != none)
-        forgetLowerValues(id, value.length == 0);
+        forgetLowerValues(id, plain, value.length == 0);
     if (value.length == 0)
         return id;
     ZPKey& key = keys_[id];

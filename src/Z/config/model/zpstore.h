@@ -438,7 +438,7 @@ private:
     void endCursors(Id stanza);  // those of the stanza, or all if it is none
 
     Id addGroup(Id stanza);
-    void forgetLowerValues(Id key, bool isEmpty);
+    void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {
