@@ -44,7 +44,9 @@ public:
                     own.made = new Progress(own.properties, 0);
                     return zdone;
                 } catch (ZPropertiesIOException& e) {
-                    const ZFailure busy = {"fcntl()", e.excerrno(), nullptr};
+                    // Locked, or changed by others all the time.
+                    const bool isLoad = strcmp(e.api(), "load()") == 0;
+                    const ZFailure busy = {isLoad ? "load()" : "fcntl()", e.excerrno(), nullptr};
                     if (strcmp(e.api(), busy.call) != 0 || !busy.isLockedByOthers())
                         throw;
                     own.path = e.propFile();

@@ -92,7 +92,22 @@ static void forgetSideName(ZSCFData& model) {
 void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own) {
     read_.clear();
     counted_ = nullptr;
-    loadFiles(model, {wait, own, false});
+    // Who writes all the time is waited for as one who has a lock.
+    struct Attempt {
+        ZLayerSet& set;
+        ZSCFData& model;
+        Reading reading;
+    } attempt = {*this, model, {wait, own, false}};
+    const ZFailure failure = zretryLocked(
+        wait,
+        [](void* data) {
+            Attempt& now = *static_cast<Attempt*>(data);
+            return now.set.loadFiles(now.model, now.reading) ? zdone
+                                                             : ZFailure{"load()", EAGAIN, nullptr};
+        },
+        &attempt);
+    if (failure)
+        zraiseIO(tree_.mainPath().getChars(), failure.call, failure.error);
     readVariables(model);
     readCredentials(model);
     storeOf(model).endLayers();
@@ -117,7 +132,8 @@ void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp
     }
 }
 
-void ZLayerSet::loadFiles(ZSCFData& model, Reading reading) {
+// False if something has changed during each of several tries.
+bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
     // What is bad shows only once it was read. Then all is read once more, each file by itself
     // first, so that of a bad one nothing stays in the model.
     for (int tries = 0; tries < kMostTries; ++tries) {
@@ -138,9 +154,9 @@ void ZLayerSet::loadFiles(ZSCFData& model, Reading reading) {
             if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
                 raiseBad(layer);
         requireFiles();
-        return;
+        return true;
     }
-    zraiseIO(tree_.mainPath().getChars(), "load()", EAGAIN);
+    return false;
 }
 
 void ZLayerSet::rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const {

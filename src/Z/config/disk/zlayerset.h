@@ -86,7 +86,7 @@ private:
         const ZFileStamp* own;
         bool checksFirst;
     };
-    void loadFiles(ZSCFData& model, Reading reading);
+    bool loadFiles(ZSCFData& model, Reading& reading);
     bool readAll(ZSCFData& model, const Reading& reading);
     bool readFile(ZSCFData& model, ZLayer& layer, const Reading& reading);
     bool isLoaded(const ZSCFData& model, const ZLayer& layer) const;
