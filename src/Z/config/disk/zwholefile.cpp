@@ -276,24 +276,19 @@ ZFailure zlockWholeFile(int descriptor, short type, ZLockOwner owner,
         &terms);
 }
 
-// Counted behind the fork, ahead of giving the lock up: who opens a file while a fork is under way
-// has the old count, and who closes one sees the new one. Those who close share the lock.
+// Counted behind the fork, ahead of giving the mutex up: who opens a file while a fork is under way
+// has the old count, and who closes one sees the new one.
 static std::atomic<unsigned int> forks(0);
-static pthread_rwlock_t closing = PTHREAD_RWLOCK_INITIALIZER;
+static pthread_mutex_t closing = PTHREAD_MUTEX_INITIALIZER;
 static pthread_once_t forksCounted = PTHREAD_ONCE_INIT;
 
 unsigned int zforkCount() {
-    static void (*const kPrepare)() = [] { pthread_rwlock_wrlock(&closing); };
-    static void (*const kParent)() = [] {
+    static void (*const kPrepare)() = [] { pthread_mutex_lock(&closing); };
+    static void (*const kEnd)() = [] {
         ++forks;
-        pthread_rwlock_unlock(&closing);
+        pthread_mutex_unlock(&closing);
     };
-    // The thread that has the lock is the parent's.
-    static void (*const kChild)() = [] {
-        ++forks;
-        closing = PTHREAD_RWLOCK_INITIALIZER;
-    };
-    pthread_once(&forksCounted, [] { pthread_atfork(kPrepare, kParent, kChild); });
+    pthread_once(&forksCounted, [] { pthread_atfork(kPrepare, kEnd, kEnd); });
     return forks;
 }
 
@@ -301,14 +296,14 @@ ZSharedUnlock::ZSharedUnlock(int descriptor, ZLockOwner owner, unsigned int fork
     : isHeld_(descriptor >= 0 && owner == zlockOfDescription) {
     if (!isHeld_)
         return;
-    pthread_rwlock_rdlock(&closing);
+    pthread_mutex_lock(&closing);
     if (forksBefore != forks)
         tryLock(descriptor, F_UNLCK, owner).passOver();
 }
 
 ZSharedUnlock::~ZSharedUnlock() {
     if (isHeld_)
-        pthread_rwlock_unlock(&closing);
+        pthread_mutex_unlock(&closing);
 }
 
 ZFailure ZLockScope::close() {
