@@ -58,10 +58,6 @@ struct OwnEntry {
 
 }  // namespace
 
-static ZLCString textOf(ZSpan text) {
-    return ZLCString(text.data, static_cast<unsigned int>(text.size));
-}
-
 static ZLCString reasonOf(const ZLayer& layer) {
     if (layer.found.call == nullptr)
         return layer.reason;
@@ -106,7 +102,7 @@ void ZLayers::forEachEntry(void (*visit)(void* data, const ZLayerEntry& entry), 
     {
         ZResourceLock guard(lock_);
         layers().set().forEachValue(layers().model(), [&](const ZLayerValue& value) {
-            entries.push_back({textOf(value.stanza), textOf(value.key), textOf(value.value),
+            entries.push_back({ztextOf(value.stanza), ztextOf(value.key), ztextOf(value.value),
                                value.layer->found.path, value.line, value.isHidden, value.counts});
         });
     }

@@ -58,7 +58,12 @@ public:
         return attempt.made;
     }
 
-    ZPropertiesFile& file() const { return known_; }
+    // Gives the file up, ahead of what the object does without it.
+    static void end(std::unique_ptr<Progress> ended) {
+        ZPropertiesFile& known = ended->known_;
+        ended.reset();
+        known.noteUpdateEnded();
+    }
 
     void store() {
         // Somebody has put another file in its place, without asking for the lock. What he wrote
@@ -114,9 +119,7 @@ void ZPropertiesUpdate::commit() {
     std::unique_ptr<Progress> ended(progress_);
     progress_ = nullptr;
     ended->finish();
-    ZPropertiesFile& file = ended->file();
-    ended.reset();
-    file.noteUpdateEnded();
+    Progress::end(std::move(ended));
 }
 
 void ZPropertiesUpdate::rollback() {
@@ -125,9 +128,7 @@ void ZPropertiesUpdate::rollback() {
     if (ended == nullptr)
         return;
     ended->restore();
-    ZPropertiesFile& file = ended->file();
-    ended.reset();
-    file.noteUpdateEnded();
+    Progress::end(std::move(ended));
 }
 
 int ZPropertiesUpdate::isOpen() const { return progress_ != nullptr; }

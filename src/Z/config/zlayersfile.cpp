@@ -18,12 +18,6 @@
 // The first line of a drop-in that was made here: such a one goes with its last key.
 static const char kMark[] = "# Made for changed keys; removed with the last of them.";
 
-static ZSpan spanOf(const ZLCString& text) { return {text.getChars(), text.getLength()}; }
-
-static ZLCString textOf(ZSpan text) {
-    return ZLCString(text.data, static_cast<unsigned int>(text.size));
-}
-
 void ZLayersFile::requireOneFile() const {
     zrequireNoFault({"a configuration of several files", "takes changes of values only"});
 }
@@ -274,13 +268,13 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
                            0,
                            {}});
         Change& change = changes.back();
-        const ZPId key = store.keyInMap(spanOf(change.stanza), spanOf(change.key));
+        const ZPId key = store.keyInMap(zspanOf(change.stanza), zspanOf(change.key));
         if (key == ZPStore::none)
             continue;
         change.kind = store.anyKind(key);
         const ZPValueView values = store.values(key, change.kind);
         for (uint32_t i = 0; i < values.count(); ++i)
-            change.wanted.push_back(textOf(values[i]));
+            change.wanted.push_back(ztextOf(values[i]));
         change.isEmptied = change.wanted.empty();
         if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
             zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
@@ -301,7 +295,7 @@ static bool isAhead(ZSpan stanzaA, ZSpan keyA, ZSpan stanzaB, ZSpan keyB) {
 // Which values the last file above the target gives the keys, and so which changes aren't seen.
 void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) const {
     std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
-        return isAhead(spanOf(a.stanza), spanOf(a.key), spanOf(b.stanza), spanOf(b.key));
+        return isAhead(zspanOf(a.stanza), zspanOf(a.key), zspanOf(b.stanza), zspanOf(b.key));
     });
     if (changes.empty())
         return;
@@ -311,17 +305,17 @@ void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) const 
             return;
         const auto found = std::lower_bound(
             changes.begin(), changes.end(), value, [](const Change& a, const ZLayerValue& b) {
-                return isAhead(spanOf(a.stanza), spanOf(a.key), b.stanza, b.key);
+                return isAhead(zspanOf(a.stanza), zspanOf(a.key), b.stanza, b.key);
             });
-        if (found == changes.end() || !zequals(spanOf(found->stanza), value.stanza) ||
-            !zequals(spanOf(found->key), value.key))
+        if (found == changes.end() || !zequals(zspanOf(found->stanza), value.stanza) ||
+            !zequals(zspanOf(found->key), value.key))
             return;
         if (found->above != value.layer)
             found->aboveValues.clear();
         found->above = value.layer;
         found->line = value.line;
         if (value.value.size != 0)
-            found->aboveValues.push_back(textOf(value.value));
+            found->aboveValues.push_back(ztextOf(value.value));
     });
     for (Change& change : changes)
         change.isShadowed = change.above != nullptr && change.aboveValues != change.wanted;
@@ -336,12 +330,12 @@ void ZLayersFile::divide(const Place& place, const ZSCFData& before,
     set_->rebuild(model(), place.above, with);
     const auto valuesOf = [](const ZSCFData& model, const Change& change, ZVector<ZLCString>& out) {
         const ZPStore& store = ZModelReading::storeOf(model);
-        const ZPId key = store.keyInMap(spanOf(change.stanza), spanOf(change.key));
+        const ZPId key = store.keyInMap(zspanOf(change.stanza), zspanOf(change.key));
         if (key == ZPStore::none)
             return;
         const ZPValueView values = store.values(key, store.anyKind(key));
         for (uint32_t i = 0; i < values.count(); ++i)
-            out.push_back(textOf(values[i]));
+            out.push_back(ztextOf(values[i]));
     };
     const auto startsWith = [](const ZVector<ZLCString>& all, const ZVector<ZLCString>& first) {
         return all.size() >= first.size() && std::equal(first.begin(), first.end(), all.begin());

@@ -64,22 +64,21 @@ struct Walk {
 
 }  // namespace
 
-int zstzLayers_forEachFile(ZPROP_handle* handle, ZLayers_file_callback visit, void* data) {
+template <typename What>
+static int walk(ZPROP_handle* handle, int (*visit)(void* data, const What* what), void* data,
+                void (ZLayers::*each)(void (*step)(void*, const What&), void*) const) {
     const ZLayers* layers = liveLayers(handle);
     if (layers == nullptr || visit == nullptr)
         return zparameterError();
-    Walk<ZLayerInfo> walk = {visit, data, 0};
-    const int result =
-        zguarded(zreadGroup, [&] { layers->forEachFile(&Walk<ZLayerInfo>::step, &walk); });
-    return result != ZPROP_OK ? result : walk.result;
+    Walk<What> own = {visit, data, 0};
+    const int result = zguarded(zreadGroup, [&] { (layers->*each)(&Walk<What>::step, &own); });
+    return result != ZPROP_OK ? result : own.result;
+}
+
+int zstzLayers_forEachFile(ZPROP_handle* handle, ZLayers_file_callback visit, void* data) {
+    return walk(handle, visit, data, &ZLayers::forEachFile);
 }
 
 int zstzLayers_forEachEntry(ZPROP_handle* handle, ZLayers_entry_callback visit, void* data) {
-    const ZLayers* layers = liveLayers(handle);
-    if (layers == nullptr || visit == nullptr)
-        return zparameterError();
-    Walk<ZLayerEntry> walk = {visit, data, 0};
-    const int result =
-        zguarded(zreadGroup, [&] { layers->forEachEntry(&Walk<ZLayerEntry>::step, &walk); });
-    return result != ZPROP_OK ? result : walk.result;
+    return walk(handle, visit, data, &ZLayers::forEachEntry);
 }

@@ -44,12 +44,6 @@ ZLayerSet::ZLayerSet(const ZLayersTerms& terms)
 
 static ZPStore& storeOf(const ZSCFData& model) { return ZModelReading::storeOf(model); }
 
-static ZSpan spanOf(const ZLCString& text) { return {text.getChars(), text.getLength()}; }
-
-static ZLCString textOf(ZSpan text) {
-    return ZLCString(text.data, static_cast<unsigned int>(text.size));
-}
-
 static uint32_t newlinesIn(const char* text, uint32_t size) {
     typedef uint8_t Lanes __attribute__((vector_size(16)));
     static const uint32_t kStep = sizeof(Lanes), kMostSteps = 255;  // what a lane can count
@@ -175,7 +169,7 @@ void ZLayerSet::rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const 
             forgetSideName(out);
         } else {
             storeOf(out).addLayerValue(
-                spanOf(layer.stanza), spanOf(layer.key),
+                zspanOf(layer.stanza), zspanOf(layer.key),
                 layer.kind == ZLayer::credential ? ZPStore::hidden : ZPStore::plain,
                 storeOf(model).text().span({layer.start, layer.end - layer.start}));
         }
@@ -338,14 +332,14 @@ void ZLayerSet::readVariable(ZSCFData& model, ZSpan stanza, ZSpan key) {
         return;
     ZLayer layer = layerOf(ZLayer::variable, ZLayerFile());
     layer.found.path = ZLCString("$").append(name);
-    layer.stanza = textOf(stanza);
-    layer.key = textOf(key);
+    layer.stanza = ztextOf(stanza);
+    layer.key = ztextOf(key);
     addValue(model, layer, ZPStore::plain, zspanOf(value));
 }
 
 void ZLayerSet::addValue(ZSCFData& model, ZLayer& layer, ZPStore::Kind kind, ZSpan value) {
     begin(model, layer);
-    storeOf(model).addLayerValue(spanOf(layer.stanza), spanOf(layer.key), kind, value);
+    storeOf(model).addLayerValue(zspanOf(layer.stanza), zspanOf(layer.key), kind, value);
     layer.end = static_cast<uint32_t>(storeOf(model).textSize());
     layer.start = layer.end - static_cast<uint32_t>(value.size);  // behind new names
     layer.isRead = true;
@@ -368,15 +362,15 @@ void ZLayerSet::readVariables(ZSCFData& model) {
         ZPStore::Cursor walk(store, stanza);
         for (ZPId key = walk.nextKey(); key != ZPStore::none; key = walk.nextKey()) {
             walk.moveTo(key);
-            known.push_back(textOf(store.text().span(store.stanza(stanza).name)));
-            known.push_back(textOf(store.text().span(store.key(key).name)));
+            known.push_back(ztextOf(store.text().span(store.stanza(stanza).name)));
+            known.push_back(ztextOf(store.text().span(store.key(key).name)));
         }
     });
     for (size_t i = 0; i < known.size(); i += 2)
-        readVariable(model, spanOf(known[i]), spanOf(known[i + 1]));
+        readVariable(model, zspanOf(known[i]), zspanOf(known[i + 1]));
     for (size_t i = 0; i < keys_.size(); i += 2)
-        if (store.keyInMap(spanOf(keys_[i]), spanOf(keys_[i + 1])) == ZPStore::none)
-            readVariable(model, spanOf(keys_[i]), spanOf(keys_[i + 1]));
+        if (store.keyInMap(zspanOf(keys_[i]), zspanOf(keys_[i + 1])) == ZPStore::none)
+            readVariable(model, zspanOf(keys_[i]), zspanOf(keys_[i + 1]));
 }
 
 // The files "stanza.key" of the folder, by name. The system has made them for this process alone,
@@ -530,10 +524,11 @@ void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
         const ZPStore& store = storeOf(model);
         const bool isHidden = layer.kind == ZLayer::credential;
         const ZSpan value = store.text().span({layer.start, layer.end - layer.start});
-        const bool counts = Counting(store)(spanOf(layer.stanza), spanOf(layer.key),
+        const bool counts = Counting(store)(zspanOf(layer.stanza), zspanOf(layer.key),
                                             isHidden ? ZPStore::hidden : ZPStore::plain,
                                             layer.start, layer.end, value.size == 0);
-        visit(data, {spanOf(layer.stanza), spanOf(layer.key), value, &layer, 0, isHidden, counts});
+        visit(data,
+              {zspanOf(layer.stanza), zspanOf(layer.key), value, &layer, 0, isHidden, counts});
     }
 }
 

@@ -7,6 +7,11 @@
 #include "zlayertree.h"
 #include "zpstore.h"
 
+inline ZSpan zspanOf(const ZLCString& text) { return {text.getChars(), text.getLength()}; }
+inline ZLCString ztextOf(ZSpan text) {
+    return ZLCString(text.data, static_cast<unsigned int>(text.size));
+}
+
 /// Something that gives entries: a file that was found, or behind all files one variable or
 /// credential.
 struct ZLayer {
