@@ -250,10 +250,23 @@ void ZLayersFile::store(const ZLCString& path) {
     }
 }
 
+// Adds the values of a key to `out`, which stays as it is without one. Their kind.
+static ZPStore::Kind valuesOf(const ZSCFData& model, const ZLCString& stanza, const ZLCString& key,
+                              ZVector<ZLCString>& out) {
+    const ZPStore& store = ZModelReading::storeOf(model);
+    const ZPId id = store.keyInMap(zspanOf(stanza), zspanOf(key));
+    if (id == ZPStore::none)
+        return ZPStore::plain;
+    const ZPStore::Kind kind = store.anyKind(id);
+    const ZPValueView values = store.values(id, kind);
+    for (uint32_t i = 0; i < values.count(); ++i)
+        out.push_back(ztextOf(values[i]));
+    return kind;
+}
+
 void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) const {
     ZVector<ZPropDifference> differences;
     zfindDifferences(before, model(), differences);
-    const ZPStore& store = ZModelReading::storeOf(model());
     for (const ZPropDifference& difference : differences) {
         if (difference.key.getLength() == 0)
             continue;  // a stanza is what its keys are
@@ -268,13 +281,7 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
                            0,
                            {}});
         Change& change = changes.back();
-        const ZPId key = store.keyInMap(zspanOf(change.stanza), zspanOf(change.key));
-        if (key == ZPStore::none)
-            continue;
-        change.kind = store.anyKind(key);
-        const ZPValueView values = store.values(key, change.kind);
-        for (uint32_t i = 0; i < values.count(); ++i)
-            change.wanted.push_back(ztextOf(values[i]));
+        change.kind = valuesOf(model(), change.stanza, change.key, change.wanted);
         change.isEmptied = change.wanted.empty();
         if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
             zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
@@ -328,23 +335,14 @@ void ZLayersFile::divide(const Place& place, const ZSCFData& before,
     ZSCFData below, with;
     set_->rebuild(model(), place.below, below);
     set_->rebuild(model(), place.above, with);
-    const auto valuesOf = [](const ZSCFData& model, const Change& change, ZVector<ZLCString>& out) {
-        const ZPStore& store = ZModelReading::storeOf(model);
-        const ZPId key = store.keyInMap(zspanOf(change.stanza), zspanOf(change.key));
-        if (key == ZPStore::none)
-            return;
-        const ZPValueView values = store.values(key, store.anyKind(key));
-        for (uint32_t i = 0; i < values.count(); ++i)
-            out.push_back(ztextOf(values[i]));
-    };
     const auto startsWith = [](const ZVector<ZLCString>& all, const ZVector<ZLCString>& first) {
         return all.size() >= first.size() && std::equal(first.begin(), first.end(), all.begin());
     };
     for (Change& change : changes) {
         ZVector<ZLCString> low, own, all;
-        valuesOf(below, change, low);
-        valuesOf(with, change, own);
-        valuesOf(before, change, all);
+        valuesOf(below, change.stanza, change.key, low);
+        valuesOf(with, change.stanza, change.key, own);
+        valuesOf(before, change.stanza, change.key, all);
         ZVector<ZLCString>& wanted = change.wanted;
         const size_t high = startsWith(all, own) ? all.size() - own.size() : 0;
         const bool endsWithHigh =
