@@ -73,6 +73,11 @@ int checkAndSetTimeStamp(const char* file, long& timeStamp) {
     return 1;
 }
 
+bool zisBusy(const ZPropertiesIOException& e) {
+    return ZFailure{"", e.excerrno(), nullptr}.isLockedByOthers() &&
+           (strcmp(e.api(), "fcntl()") == 0 || strcmp(e.api(), "load()") == 0);
+}
+
 void makeObfuscatedDBName(const char* file, ZLCString& out) {
     char directory[4096];
     out.clear();

@@ -26,6 +26,9 @@ void checkFileAccess(const char* file);
 /// also for a file that has vanished.
 int checkAndSetTimeStamp(const char* file, long& timeStamp);
 
+/// Whether a load of several files has met somebody else's lock, or changes all the time.
+bool zisBusy(const ZPropertiesIOException& e);
+
 /// The default path of a file's side database: absolute, with ".obf" behind it.
 void makeObfuscatedDBName(const char* file, ZLCString& out);
 

@@ -44,13 +44,11 @@ public:
                     own.made = new Progress(own.properties, 0);
                     return zdone;
                 } catch (ZPropertiesIOException& e) {
-                    // Locked, or changed by others all the time.
-                    const bool isLoad = strcmp(e.api(), "load()") == 0;
-                    const ZFailure busy = {isLoad ? "load()" : "fcntl()", e.excerrno(), nullptr};
-                    if (strcmp(e.api(), busy.call) != 0 || !busy.isLockedByOthers())
+                    if (!zisBusy(e))
                         throw;
                     own.path = e.propFile();
-                    return busy;
+                    const char* call = strcmp(e.api(), "load()") == 0 ? "load()" : "fcntl()";
+                    return ZFailure{call, e.excerrno(), nullptr};
                 }
             },
             &attempt);

@@ -109,9 +109,7 @@ bool ZLayersFile::catchUp(ZVector<ZPropDifference>& differences) {
     try {
         loadAll(0, nullptr, &differences);
     } catch (ZPropertiesIOException& e) {
-        const bool isBusy = ZFailure{"", e.excerrno(), nullptr}.isLockedByOthers() &&
-                            (strcmp(e.api(), "fcntl()") == 0 || strcmp(e.api(), "load()") == 0);
-        if (!isBusy)
+        if (!zisBusy(e))
             throw;
         return false;
     }
