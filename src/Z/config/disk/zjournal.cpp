@@ -306,11 +306,10 @@ void ZJournal::oldText(ZBytes& out) const {
     out.setSize(0);
     out.reserveMore(static_cast<size_t>(oldLength_));
     // What is kept lies behind a beginning, and ahead of an end, that the new text has as well.
-    const size_t keptEnd = static_cast<size_t>(oldFrom_) + oldPart_.size;
-    memcpy(out.data(), text_.data, static_cast<size_t>(oldFrom_));
-    memcpy(out.data() + oldFrom_, oldPart_.data, oldPart_.size);
-    memcpy(out.data() + keptEnd, text_.data + keptEnd, static_cast<size_t>(oldLength_) - keptEnd);
-    out.setSize(static_cast<size_t>(oldLength_));
+    const size_t start = static_cast<size_t>(oldFrom_), keptEnd = start + oldPart_.size;
+    zappendBytes(out, {text_.data, start});
+    zappendBytes(out, oldPart_);
+    zappendBytes(out, {text_.data + keptEnd, static_cast<size_t>(oldLength_) - keptEnd});
 }
 
 bool ZJournal::canBeLeft() const {
