@@ -4,7 +4,7 @@
 
 #include <poll.h>
 
-#include "Z/zlayertree.h"
+#include "Z/zlayerfinding.h"
 #include "support/Raised.h"
 #include "support/TempFolder.h"
 
@@ -45,7 +45,8 @@ void make(const TempFolder& root, const std::vector<string>& entries) {
 // Each file as its path and "+" counts, "0" masks, "-" hidden, "=" repeated, or an errno.
 string shown(const ZLayerTree& tree, const string& prefix, ZVector<ZLayerFile>* kept = nullptr) {
     ZVector<ZLayerFile> files;
-    tree.find(files);
+    ZLayerFinding finding(tree);
+    finding.find(files);
     string out;
     for (size_t i = 0; i < files.size(); ++i) {
         const ZLayerFile& file = files[i];
@@ -55,7 +56,7 @@ string shown(const ZLayerTree& tree, const string& prefix, ZVector<ZLayerFile>* 
                                               : string(1, "+0-="[file.state]));
         const bool isOther = file.state == ZLayerFile::hidden || file.state == ZLayerFile::repeated;
         EXPECT_EQ(file.other > static_cast<int>(i), isOther) << path;
-        const int opened = file.state == ZLayerFile::counts ? tree.open(file) : -1;
+        const int opened = file.state == ZLayerFile::counts ? finding.open(file) : -1;
         EXPECT_EQ(opened >= 0, file.state == ZLayerFile::counts) << path << strerror(errno);
         close(opened);
     }
@@ -254,7 +255,7 @@ TEST(LayerTree, KnowsFilesAgain) {
     EXPECT_FALSE(ZLayerTree::areSame(before, now));
     make(root, {"etc/new>f2"});
     rename((root / "etc/new").c_str(), (root / "etc/app.conf").c_str());
-    EXPECT_EQ(tree.open(now[1]), -1);
+    EXPECT_EQ(ZLayerFinding(tree).open(now[1]), -1);
     EXPECT_EQ(errno, ESTALE);
     ZLCString out;
     make(root, {"etc/d>/usr/./", "usr/x>../usr"});
@@ -265,6 +266,32 @@ TEST(LayerTree, KnowsFilesAgain) {
                                          {"/etc/f/x", ""}}) {
         const bool isTold = tree.physicalPath(logical.c_str(), out);
         EXPECT_EQ(isTold ? out.getChars() : "", place.empty() ? "" : root / place) << logical;
+    }
+}
+
+// With folders that have just been made, which are listed again, and with older ones.
+TEST(LayerTree, SeesWhatHasChangedSinceItsSearch) {
+    for (const int age : {0, 60}) {
+        const std::pair<const char*, bool> changes[] = {
+            {"usr/app.conf=hidden", true},       {"run/app.conf=new", false},
+            {"etc/app.conf.d/a.conf=b", false},  {"etc/app.conf.d/b.conf=", false},
+            {"usr/app.conf.d/0.conf=0", false},  {"etc/app.conf.d/.x=y", true},
+            {"run/app.conf.d/a.conf=", false},   {"f=turned", false},
+        };
+        for (const auto& [change, isStill] : changes) {
+            const TempFolder root;
+            make(root, {"usr/app.conf=a", "etc/app.conf=b", "etc/app.conf.d/a.conf=a", "f=b",
+                        "usr/app.conf.d/l.conf>../../f"});
+            usleep(age * 1000);
+            const string path = root / "";
+            const ZLayerTree tree(terms(path.c_str()));
+            ZVector<ZLayerFile> files;
+            ZLayerFinding finding(tree);
+            finding.find(files);
+            EXPECT_TRUE(finding.isStill(files));
+            make(root, {change});
+            EXPECT_EQ(finding.isStill(files), isStill) << change << " after " << age << " ms";
+        }
     }
 }
 

@@ -16,6 +16,7 @@
 #include "zfilecontent.h"
 #include "zinternal.h"
 #include "zgrammar.h"
+#include "zlayerfinding.h"
 #include "zlockedfile.h"
 #include "zmemorystream.h"
 #include "zmodelreading.h"
@@ -91,7 +92,7 @@ void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own)
         ZLayerSet& set;
         ZSCFData& model;
         Reading reading;
-    } attempt = {*this, model, {wait, own, false}};
+    } attempt = {*this, model, {wait, own, false, nullptr}};
     const ZFailure failure = zretryLocked(
         wait,
         [](void* data) {
@@ -131,7 +132,9 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
     // What is bad shows only once it was read. Then all is read once more, each file by itself
     // first, so that of a bad one nothing stays in the model.
     for (int tries = 0; tries < kMostTries; ++tries) {
-        tree_.find(found_);
+        ZLayerFinding finding(tree_);
+        finding.find(found_);
+        reading.finding = &finding;
         layers_.clear();
         model.clear();
         for (const ZLayerFile& file : found_)
@@ -140,9 +143,7 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
             reading.checksFirst = true;
             continue;
         }
-        ZVector<ZLayerFile> now;
-        tree_.find(now);
-        if (!ZLayerTree::areSame(found_, now))
+        if (!finding.isStill(found_))
             continue;
         for (const ZLayer& layer : layers_)
             if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
@@ -247,7 +248,7 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
 bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading) {
     ZOpenFile file;
     ZLockScope lock(file, zlockOfDescription);
-    file.reset(tree_.open(layer.found));
+    file.reset(reading.finding->open(layer.found));
     if (file.get() < 0) {
         noteIO(layer, "fopen(r)", errno);
         return true;  // the model has nothing of it
@@ -380,7 +381,7 @@ void ZLayerSet::readCredentials(ZSCFData& model) {
         (flags_ & ZLAYERS_CREDENTIALS) == 0 ? nullptr : secure_getenv(kCredentials);
     if (!zhasText(folder))
         return;
-    const ZOpenFile opened(zopenFile(folder, O_PATH | O_DIRECTORY));
+    const ZOpenFile opened(zopenFile(folder, O_RDONLY | O_DIRECTORY | O_NONBLOCK));
     if (opened.get() < 0)
         zraiseIO(folder, "opendir()", errno);
     ZVector<ZLCString> names;

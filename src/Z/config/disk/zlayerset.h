@@ -90,6 +90,7 @@ private:
         unsigned long wait;
         const ZFileStamp* own;
         bool checksFirst;
+        const class ZLayerFinding* finding;
     };
     bool loadFiles(ZSCFData& model, Reading& reading);
     bool readAll(ZSCFData& model, const Reading& reading);

@@ -53,8 +53,6 @@ public:
     /// system's policy keeps from being read shows in open(). Linear in their number, but for
     /// sorting names.
     void find(ZVector<ZLayerFile>& files) const;
-    /// Opens one that counts, to be read. -1 with errno: ESTALE if another file stands there now.
-    int open(const ZLayerFile& file) const;
     /// Whether two findings are the same, content included: no file was changed in between, as far
     /// as stamps tell. The content of a file that is hidden doesn't matter.
     static bool areSame(const ZVector<ZLayerFile>& a, const ZVector<ZLayerFile>& b);
@@ -84,9 +82,10 @@ public:
     void listWatched(const ZVector<ZLayerFile>& files, ZVector<Watched>& out) const;
 
 private:
-    class Finder;
+    friend class ZLayerFinding;
 
     void setRoots(const ZLayersTerms& terms);
+    ZLCString mainPlace(unsigned int root) const;
     int openBase() const;
     void watch(int base, const ZLCString& path, bool isFolder, ZVector<Watched>& out) const;
 

@@ -219,8 +219,8 @@ bool zsameFile(const ZFileStamp& a, const ZFileStamp& b);
 /// Whether the path leads to the file that is open.
 bool zleadsTo(const char* path, int descriptor);
 
-/// Adds the names in a folder, which may be open by O_PATH, but for "." and "..", as the system has
-/// them; after a failure some of them.
+/// Adds the names in a folder, which is open to be read and wasn't listed yet, but for "." and
+/// "..", as the system has them; after a failure some of them.
 ZFailure zlistFolder(int folder, ZVector<ZLCString>& names);
 
 /// All bytes of the file, from its first, in place of those of `bytes`.
