@@ -14,7 +14,7 @@ int zreadContent(ZPCache& cache, const ZLCString& path, const ZFileToRead& file,
     const int descriptor = file.descriptor;
     ZJournal journal(file.place == nullptr ? path.getChars() : file.place->getChars(), descriptor,
                      file.isDirect);
-    const bool unfinished = journal.find();
+    const bool unfinished = !file.hasNoJournal && journal.find();
     if (!unfinished && !keepsText) {
         if (file.stream != nullptr)
             cache.be_read(path.getChars(), file.stream);

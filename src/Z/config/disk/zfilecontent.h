@@ -22,9 +22,10 @@ struct ZFileContent {
 /// A file that is open to be read, under its lock.
 struct ZFileToRead {
     int descriptor;
-    FILE* stream = nullptr;  // null: there is none
-    bool isDirect = false;   // its path's last part is known to be no link
-    uint64_t size = 0;       // if that is known
+    FILE* stream = nullptr;     // null: there is none
+    bool isDirect = false;      // its path's last part is known to be no link
+    uint64_t size = 0;          // if that is known
+    bool hasNoJournal = false;  // as is known
     // Where its path, which is for messages then, leads to; and where that of its side database
     // leads to, or false with errno. Null: they are what they are.
     const ZLCString* place = nullptr;

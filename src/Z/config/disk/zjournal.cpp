@@ -119,6 +119,12 @@ static ZLCString pathBeside(const char* file) {
     return path;
 }
 
+bool zisJournalName(const char* name) {
+    static const size_t kLength = sizeof kJournalSuffix - 1;
+    const size_t length = strlen(name);
+    return length > kLength && strcmp(name + length - kLength, kJournalSuffix) == 0;
+}
+
 ZJournal::ZJournal(const char* path, int descriptor, bool isDirect)
     : filePath_(path),
       path_(pathBeside(path)),

@@ -55,6 +55,8 @@
 
 /// What a journal's name has behind the file's.
 static const char kJournalSuffix[] = ".zjournal";
+/// Whether a file of this name can be a journal.
+bool zisJournalName(const char* name);
 
 /// What a store makes of the side database.
 enum ZSideAction { zsideUntouched = 0, zsideReplaced = 1, zsideRemoved = 2 };

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "zjournal.h"
 #include "zrootedway.h"
 
 static const char kOpenCall[] = "fopen(r)";
@@ -77,9 +78,11 @@ ZFailure ZLayerFinding::list(unsigned int root) {
     const ZFailure stamped = zstampFile(folder.opened.get(), folder.stamp);
     ZVector<ZLCString> names;
     const ZFailure failure = stamped ? stamped : zlistFolder(folder.opened.get(), names);
-    for (const ZLCString& name : names)
+    for (const ZLCString& name : names) {
         if (tree_.isDropInName(name.getChars()))
             listed_.push_back({name, root});
+        folder.hasJournals = folder.hasJournals || zisJournalName(name.getChars());
+    }
     folder.error = failure.error;
     return failure;
 }
@@ -195,8 +198,7 @@ void ZLayerFinding::addExtra(ZVector<ZLayerFile>& files) const {
 // At a drop-in or an extra file.
 void ZLayerFinding::look(ZLayerFile& file) const {
     const bool isExtra = file.kind == ZLayerFile::extraFile;
-    const int folder =
-        isExtra ? AT_FDCWD : folders_[static_cast<size_t>(file.root)].opened.get();
+    const int folder = isExtra ? AT_FDCWD : folders_[static_cast<size_t>(file.root)].opened.get();
     const char* name = isExtra ? file.path.getChars() : file.name.getChars();
     struct stat status;
     if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
@@ -315,6 +317,14 @@ int ZLayerFinding::open(const ZLayerFile& file) const {
     return -1;
 }
 
+// Who makes one has the file's lock, so that none begins while the file is read.
+bool ZLayerFinding::hasNoJournal(const ZLayerFile& file) const {
+    if (file.kind != ZLayerFile::dropIn || file.isLink)
+        return false;
+    const Folder& folder = folders_[static_cast<size_t>(file.root)];
+    return folder.stamp.settled && !folder.hasJournals;
+}
+
 // Whether the folder of the root's drop-ins has the names that were listed in it; false if that
 // can't be told without listing it again.
 bool ZLayerFinding::isStillThere(unsigned int root) const {
@@ -332,18 +342,29 @@ bool ZLayerFinding::isStillThere(unsigned int root) const {
 
 bool ZLayerFinding::isStill(const ZVector<ZLayerFile>& files) const {
     ZVector<ZLayerFile> now;
-    bool isThere = !tree_.hasPrefix() || zleadsTo(tree_.prefix_.getChars(), base());
-    for (unsigned int root = 0; isThere && root < tree_.roots_.size(); ++root)
-        isThere = isStillThere(root);
-    if (!isThere) {
+    bool isSame = !tree_.hasPrefix() || zleadsTo(tree_.prefix_.getChars(), base());
+    for (unsigned int root = 0; isSame && root < tree_.roots_.size(); ++root) {
+        isSame = isStillThere(root);
+        if (!isSame && folders_[root].stamp.settled)
+            return false;
+    }
+    if (!isSame) {
         tree_.find(now);
         return ZLayerTree::areSame(files, now);
     }
     findMains(now);
     for (size_t i = now.size(); i < files.size(); ++i) {
         const ZLayerFile& file = files[i];
-        now.push_back({file.path, file.name, file.kind, file.state, file.root, file.other, nullptr,
-                       0, {}, false});
+        now.push_back({file.path,
+                       file.name,
+                       file.kind,
+                       file.state,
+                       file.root,
+                       file.other,
+                       nullptr,
+                       0,
+                       {},
+                       false});
         if (file.state != ZLayerFile::hidden)
             look(now.back());
     }

@@ -19,8 +19,12 @@ public:
     void find(ZVector<ZLayerFile>& files);
     /// Opens one that counts, to be read. -1 with errno: ESTALE if another file stands there now.
     int open(const ZLayerFile& file) const;
+    /// Whether the file, once it is open, certainly has no journal beside it, unless isStill() says
+    /// no then.
+    bool hasNoJournal(const ZLayerFile& file) const;
     /// Whether another search would find these files, which find() has told, as areSame() says. A
-    /// folder that was found long enough after its last change isn't listed again.
+    /// folder that was found long enough after its last change isn't listed again; if it has
+    /// changed in any way the answer is no.
     bool isStill(const ZVector<ZLayerFile>& files) const;
 
 private:
@@ -28,6 +32,7 @@ private:
         ZOpenFile opened;  // none: there is no such folder
         ZFileStamp stamp;
         int error = 0;
+        bool hasJournals = false;
     };
     struct Listed {
         ZLCString name;

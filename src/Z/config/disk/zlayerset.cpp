@@ -224,10 +224,11 @@ static bool placeBelow(const void* tree, ZLCString& path) {
     return static_cast<const ZLayerTree*>(tree)->physicalPath(path.getChars(), path);
 }
 
-void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor, bool keepsText,
-                            ZFileContent& content) const {
+void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
+                            const Reading& reading, ZFileContent& content) const {
     ZFileToRead file = {descriptor};
     file.isDirect = !layer.found.isLink;
+    file.hasNoJournal = reading.finding->hasNoJournal(layer.found);
     file.size = layer.found.stamp.size;  // if it has changed, all is read anew
     ZLCString place;
     if (layer.found.root >= 0 && tree_.hasPrefix()) {
@@ -240,7 +241,8 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
         file.data = &tree_;
     }
     model.setObfuscatedDBName("");
-    const int incomplete = zreadContent(model, layer.found.path, file, keepsText, content);
+    const int incomplete =
+        zreadContent(model, layer.found.path, file, reading.checksFirst, content);
     if (incomplete != 0)
         zraiseIO(layer.found.path.getChars(), "read()", incomplete);
 }
@@ -262,14 +264,14 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
         if (reading.checksFirst) {
             ZSCFData trial;
             trial.setAttributes(model.attributes(), nullptr);
-            readContent(trial, layer, file.get(), true, content);
+            readContent(trial, layer, file.get(), reading, content);
             begin(model, layer);
             zreadText(model, layer.found.path.getChars(), zspanOf(content.text));
             if (content.side.size() != 0)
                 zreadSide(model, zspanOf(content.side));
         } else {
             begin(model, layer);
-            readContent(model, layer, file.get(), false, content);
+            readContent(model, layer, file.get(), reading, content);
         }
     } catch (ZPropertiesInvalidDataException& e) {
         noteIO(layer, nullptr, 0);

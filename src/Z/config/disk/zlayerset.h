@@ -96,7 +96,7 @@ private:
     bool readAll(ZSCFData& model, const Reading& reading);
     bool readFile(ZSCFData& model, ZLayer& layer, const Reading& reading);
     bool isLoaded(const ZSCFData& model, const ZLayer& layer) const;
-    void readContent(ZSCFData& model, const ZLayer& layer, int descriptor, bool keepsText,
+    void readContent(ZSCFData& model, const ZLayer& layer, int descriptor, const Reading& reading,
                      struct ZFileContent& content) const;
     void readVariables(ZSCFData& model);
     void readVariable(ZSCFData& model, ZSpan stanza, ZSpan key);
