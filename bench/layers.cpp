@@ -1,7 +1,7 @@
-// layers.cpp: opening a layered configuration beside finding its files, a look for the main file in
-// each root and a listing of each folder by opendir() and readdir(), and plain loads of them, each
-// into an object of its own; and how long it takes to tell where a value comes from. The two take turns on the same files; the medians and their ratio
-// are told.
+// layers.cpp: opening a layered configuration beside finding its files, that is a look for the main
+// file in each root and a listing of each folder by opendir() and readdir(), and plain loads of
+// them, each into an object of its own; and how long it takes to tell where a value comes from. The
+// two take turns on the same files; the medians and their ratio are told.
 //
 //   bench_layers [ROUNDS]
 #include <dirent.h>

@@ -217,7 +217,7 @@ TEST(Layers, CollectsAndAdds) {
     set(layers, "c", "1");
     EXPECT_EQ(store(), "5,6 etc/app.conf.d/9.conf:3\n[s]\na =\na = 5\na = 6\nc = 1\n");
     layers.deleteKey("s", "a");
-    EXPECT_EQ(store(), "empty\n[s]\nc = 1\na =\n");
+    EXPECT_EQ(store(), "empty\n[s]\na =\nc = 1\n");
     layers.addValue("s", "a", "7", 0);
     EXPECT_EQ(store(), "7 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\n");
 
@@ -273,6 +273,39 @@ TEST(Layers, RefusesWhatHidesOrIsHidden) {
     set(strict, "a", "9");
     EXPECT_EQ(raised([&] { strict.store(nullptr); }), "22");
     EXPECT_EQ(tree.text("usr/app.conf"), "[s]\na = 1\n");
+    ZLCString file;
+    int line = 0;
+    EXPECT_EQ(strict.shadowed(file, line), 1u);
+    EXPECT_EQ(tree.text(file.getChars() + tree.prefix.size()) + std::to_string(line),
+              "[s]\na = 2\n2");
+}
+
+// A secret stands in its own file alone, and a file that was made for nothing is gone.
+TEST(Layers, LeavesNothingBehind) {
+    Tree tree({{"usr/app.conf", "[s]\nb = 1\nb = 1\n"}, {"creds/s.a", "secret\n"}});
+    setenv("CREDENTIALS_DIRECTORY", (tree.folder / "creds").c_str(), 1);
+    tree.terms.flags |= ZLAYERS_CREDENTIALS;
+    const string usr = tree.folder / "usr", etc = tree.folder / "etc";
+    const char* const roots[] = {usr.c_str(), etc.c_str(), nullptr};
+    tree.terms.roots = roots;
+    tree.terms.prefix = nullptr;
+    ZLayers layers(tree.terms);
+    unsetenv("CREDENTIALS_DIRECTORY");
+    layers.setTarget(nullptr, "5.conf");
+    { ZPropertiesUpdate update(layers, 0); }
+    layers.addValue("s", "b", "2", 0);
+    layers.addValue("s", "a", "new", 1);
+    const auto visit = [](void* data, const ZLayerInfo&) { ++*static_cast<int*>(data); };
+    int files = 0;
+    layers.forEachFile(visit, &files);
+    EXPECT_EQ(files, 1);
+    layers.store(nullptr);
+    EXPECT_EQ(valueOf(layers, tree, "b"), "1,1,2 etc/app.conf.d/5.conf:4");
+    ZStanzaFileProperties own(1);
+    own.load((tree.folder / "etc/app.conf.d/5.conf").c_str());
+    ZArrayList values(1, 1);
+    own.getValues("s", "a", values, ZPROP_STRING_LOCAL);
+    EXPECT_EQ(values.size(), 1u);
 }
 
 // Two in one layer and one in another, each adding keys of its own.

@@ -233,7 +233,7 @@ TEST(LayerTree, TakesThousandsOfDropIns) {
              (root / ("etc/app.conf.d/" + std::to_string(i) + ".conf")).c_str());
     ZVector<ZLayerFile> files;
     const string path = root / "";
-    ZLayerTree(terms(path.c_str())).find(files);
+    ZLayerFinding(ZLayerTree(terms(path.c_str()))).find(files);
     ASSERT_EQ(files.size(), 10000u);
     for (int i = 0; i < 9999; ++i)
         ASSERT_TRUE(files[i].state == ZLayerFile::repeated && files[i].other == 9999) << i;
@@ -246,12 +246,12 @@ TEST(LayerTree, KnowsFilesAgain) {
     const string path = root / "";
     const ZLayerTree tree(terms(path.c_str()));
     ZVector<ZLayerFile> before, now;
-    tree.find(before);
+    ZLayerFinding(tree).find(before);
     root.write("usr/app.conf", "hidden, so that it doesn't matter");
-    tree.find(now);
+    ZLayerFinding(tree).find(now);
     EXPECT_TRUE(ZLayerTree::areSame(before, now));
     root.write("etc/f", "longer");
-    tree.find(now);
+    ZLayerFinding(tree).find(now);
     EXPECT_FALSE(ZLayerTree::areSame(before, now));
     make(root, {"etc/new>f2"});
     rename((root / "etc/new").c_str(), (root / "etc/app.conf").c_str());
@@ -321,7 +321,7 @@ TEST(LayerTree, NeverLeadsOutWhileLinksAreTurned) {
     int found = 0;
     for (int i = 0; i < 3000; ++i) {
         ZVector<ZLayerFile> files;
-        tree.find(files);
+        ZLayerFinding(tree).find(files);
         for (const ZLayerFile& file : files) {
             EXPECT_NE(file.stamp.inode, outside.st_ino);
             found += file.state == ZLayerFile::counts;
@@ -337,7 +337,7 @@ void watchAll(ZPathWatch& watch, const ZLayerTree& tree) {
     ZVector<ZLayerFile> files;
     ZVector<ZLayerTree::Watched> paths;
     do {
-        tree.find(files);
+        ZLayerFinding(tree).find(files);
         tree.listWatched(files, paths);
     } while (watch.setPaths(paths));
     watch.hasNews();

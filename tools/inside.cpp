@@ -1,7 +1,7 @@
 // inside.cpp: the one unit that looks behind the C interface.
 #include <Z/ZBuffer.h>
 #include <Z/ZPropHandle.h>
-#include <Z/zlayertree.h>
+#include <Z/zlayerfinding.h>
 #include <Z/zproperror.h>
 
 #include <cerrno>
@@ -64,11 +64,12 @@ int forEachCounting(const ZLayersTerms& terms,
     return zguardedByLock([&] {
         const ZLayerTree tree(terms);
         ZVector<ZLayerFile> files;
-        tree.find(files);
+        ZLayerFinding finding(tree);
+        finding.find(files);
         for (const ZLayerFile& file : files) {
             if (file.state != ZLayerFile::counts && file.state != ZLayerFile::bad)
                 continue;
-            const int descriptor = file.state == ZLayerFile::bad ? -1 : tree.open(file);
+            const int descriptor = file.state == ZLayerFile::bad ? -1 : finding.open(file);
             errno = file.state == ZLayerFile::bad ? file.error : errno;
             visit(file.path.getChars(), descriptor);
         }

@@ -102,7 +102,10 @@ void ZLayers::forEachEntry(void (*visit)(void* data, const ZLayerEntry& entry), 
     {
         ZResourceLock guard(lock_);
         layers().set().forEachValue(layers().model(), [&](const ZLayerValue& value) {
-            entries.push_back({ztextOf(value.stanza), ztextOf(value.key), ztextOf(value.value),
+            // No list shows a credential.
+            const bool isSecret = value.layer->kind == ZLayer::credential;
+            entries.push_back({ztextOf(value.stanza), ztextOf(value.key),
+                               isSecret ? ZLCString() : ztextOf(value.value),
                                value.layer->found.path, value.line, value.isHidden, value.counts});
         });
     }

@@ -30,13 +30,18 @@ class ZLayersFile;
 ///   then. Removing a key that a lower file has writes "key =". Other than for values, names,
 ///   comments and bytes can't be changed, and what renames, comments and loadBytes would do raises
 ///   ZInvalidParameterException with a reason. After a store the object is as the files are.
-///   A target that isn't there is made, with its folder; but not where it would hide a file of a
-///   lower root. A drop-in that was made here goes with its last key.
+///   A target that isn't there is made, with its folder. A drop-in that was made here goes with its
+///   last key. Refused with a reason is a target that would hide a file of a lower root, is hidden
+///   itself, or stands at a later place once more; and below a prefix one that is a link, or has
+///   or gets hidden values.
+///   What a credential gives is never written anywhere.
 /// Shadows: a change to a key to which a file above the target gives other values is stored, and
-///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException, and
-///   nothing is stored.
-/// Updates (ZPropertiesUpdate.h) lock the target, and watchers (ZPropertiesWatcher.h) watch all
-///   files and folders. path() is the target's.
+///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException,
+///   nothing is stored, and shadowed() tells why.
+/// Updates (ZPropertiesUpdate.h) lock the target, which need not be there, read all files anew, and
+///   are undone to that. While they begin and end they wait for the other files' locks, but not
+///   with the target's in their hands. Watchers (ZPropertiesWatcher.h) watch all files and folders.
+///   path() is the target's.
 ///
 /// Threads and ownership: as ZProperties.
 /// Cost: a load of each file, and listing their folders. An origin: at the first asking looking
@@ -55,7 +60,8 @@ public:
 
     /// Where changes go: the main file of a root of the terms, or if `dropIn` isn't null that
     /// drop-in; a null root is the highest. Raises ZInvalidParameterException for another root, for
-    /// a name that can't be a drop-in's, in an update and with unsaved changes.
+    /// a name that can't be a drop-in's, in an update and with unsaved changes; and
+    /// ZPropertiesIOException where links on the way to it can't be followed.
     void setTarget(const char* root, const char* dropIn);
 
     /// Where the value at `index` of a key comes from: its file, and the line from 1. 0 in `line`

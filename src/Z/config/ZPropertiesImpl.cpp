@@ -278,6 +278,11 @@ void ZPropertiesFile::follow(const char* file, int forceReload) {
 
 // ---------------------------------------------------------------- updates
 
+std::unique_ptr<ZLockedFile> ZPropertiesFile::openToUpdate(unsigned long wait) {
+    return std::unique_ptr<ZLockedFile>(
+        new ZLockedFile(path().getChars(), {zlockOfDescription, wait}, false));
+}
+
 void ZPropertiesFile::beginUpdate(ZUpdatedFile& file) {
     zassert(lock().isHeld() && update_ == nullptr);
     // Always anew: what a stamp doesn't tell would be overwritten.

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "ZLCString.h"
 #include "ZProperties.h"
@@ -28,6 +30,33 @@ int checkAndSetTimeStamp(const char* file, long& timeStamp);
 
 /// Whether a load of several files has met somebody else's lock, or changes all the time.
 bool zisBusy(const ZPropertiesIOException& e);
+
+/// Calls attempt() again while it meets that, with growing pauses, until the time is over; raises
+/// what came last.
+template <typename Attempt>
+void zretryBusy(unsigned long waitMilliseconds, Attempt attempt) {
+    struct Tries {
+        Attempt& attempt;
+        ZLCString path;
+    } tries = {attempt, ZLCString()};
+    const ZFailure failure = zretryLocked(
+        waitMilliseconds,
+        [](void* data) {
+            Tries& own = *static_cast<Tries*>(data);
+            try {
+                own.attempt();
+                return zdone;
+            } catch (ZPropertiesIOException& e) {
+                if (!zisBusy(e))
+                    throw;
+                own.path = e.propFile();
+                return ZFailure{strcmp(e.api(), "load()") == 0 ? "load()" : "fcntl()", e.excerrno(),
+                                nullptr};
+            }
+        },
+        &tries);
+    zcheckIO(failure.of(tries.path.getChars()));
+}
 
 /// The default path of a file's side database: absolute, with ".obf" behind it.
 void makeObfuscatedDBName(const char* file, ZLCString& out);
@@ -111,13 +140,15 @@ public:
 
     // --- updates ---
 
-    /// Makes what has to be there ahead of locking the file; true if the file itself may be made,
-    /// to be removed if nothing is stored in it.
-    virtual bool prepareUpdate() { return false; }
+    /// Opens the file that is to be changed, and waits up to `wait` milliseconds for its lock. May
+    /// make it, to be removed if nothing is stored in it, and tell the path anew.
+    virtual std::unique_ptr<ZLockedFile> openToUpdate(unsigned long wait);
     /// Whether an update that begins locks other files too. It waits for none of them while it has
     /// its own, for their owners may wait for that.
     virtual bool locksOthers() const { return false; }
-    /// The file of an update has been given up.
+    /// The file of an update is about to be given up.
+    virtual void settleUpdate(const ZUpdatedFile&) {}
+    /// It was.
     virtual void noteUpdateEnded() {}
 
     bool hasUpdate() const { return update_ != nullptr; }

@@ -4,7 +4,6 @@
 // Order of locks: the object's lock, the file's lock.
 #include "ZPropertiesUpdate.h"
 
-#include <cstring>
 #include <memory>
 
 #include "ZPropertiesImpl.h"
@@ -16,9 +15,8 @@ public:
     Progress(ZProperties& properties, unsigned long wait)
         : properties_(properties),
           known_(ZPropertiesFile::of(properties)),
-          mayCreate_(known_.prepareUpdate()),  // which may tell the path anew
-          file_(path(), {zlockOfDescription, wait}, mayCreate_) {
-        updated_.descriptor = file_.descriptor();
+          file_(known_.openToUpdate(wait)) {
+        updated_.descriptor = file_->descriptor();
         updated_.thread = pthread_self();
         zcheckIO(zstampFile(updated_.descriptor, updated_.stamp).of(path()));
         known_.beginUpdate(updated_);
@@ -31,29 +29,9 @@ public:
 
     // Tries again as a whole while one of several files is locked.
     static Progress* makeAmongOthers(ZProperties& properties, unsigned long wait) {
-        struct Attempt {
-            ZProperties& properties;
-            ZLCString path;
-            Progress* made;
-        } attempt = {properties, ZLCString(), nullptr};
-        const ZFailure failure = zretryLocked(
-            wait,
-            [](void* data) {
-                Attempt& own = *static_cast<Attempt*>(data);
-                try {
-                    own.made = new Progress(own.properties, 0);
-                    return zdone;
-                } catch (ZPropertiesIOException& e) {
-                    if (!zisBusy(e))
-                        throw;
-                    own.path = e.propFile();
-                    const char* call = strcmp(e.api(), "load()") == 0 ? "load()" : "fcntl()";
-                    return ZFailure{call, e.excerrno(), nullptr};
-                }
-            },
-            &attempt);
-        zcheckIO(failure.of(attempt.path.getChars()));
-        return attempt.made;
+        Progress* made = nullptr;
+        zretryBusy(wait, [&] { made = new Progress(properties, 0); });
+        return made;
     }
 
     // Gives the file up, ahead of what the object does without it.
@@ -71,10 +49,13 @@ public:
         properties_.store(path());
     }
 
+    // Ahead of closing the file, which is then as it stays.
+    void settle() { known_.settleUpdate(updated_); }
+
     // Closes the file after a store.
     void finish() {
-        file_.forgetCreated();  // there was nothing to store
-        const ZFailure failure = file_.finish();
+        file_->forgetCreated();  // there was nothing to store
+        const ZFailure failure = file_->finish();
         // A text that was synced has nothing left to lose.
         if (!failure || known_.storeMode() != ZPROP_STORE_CHECKED)
             return;
@@ -91,8 +72,7 @@ private:
 
     ZProperties& properties_;
     ZPropertiesFile& known_;
-    const bool mayCreate_;
-    ZLockedFile file_;
+    const std::unique_ptr<ZLockedFile> file_;
     ZUpdatedFile updated_;
 };
 
@@ -116,6 +96,7 @@ void ZPropertiesUpdate::commit() {
     progress_->store();
     std::unique_ptr<Progress> ended(progress_);
     progress_ = nullptr;
+    ended->settle();
     ended->finish();
     Progress::end(std::move(ended));
 }
@@ -126,6 +107,7 @@ void ZPropertiesUpdate::rollback() {
     if (ended == nullptr)
         return;
     ended->restore();
+    ended->settle();
     Progress::end(std::move(ended));
 }
 

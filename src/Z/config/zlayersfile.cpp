@@ -2,6 +2,7 @@
 // the target holds by now, under its lock, as any program changes a file.
 #include "zlayersfile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,9 +10,11 @@
 #include <cstring>
 
 #include "ZStanzaFileProperties.h"
+#include "zlayerfinding.h"
 #include "zmodelcontent.h"
 #include "zmodeledits.h"
 #include "zmodelreading.h"
+#include "zmemorystream.h"
 #include "zpropdiff.h"
 #include "zrefusal.h"
 
@@ -29,7 +32,8 @@ void ZLayersFile::loadAll(unsigned long wait, const ZFileStamp* own,
                           ZVector<ZPropDifference>* differences) {
     ZSCFData fresh;
     fresh.setAttributes(model().attributes(), nullptr);
-    set_->loadBeside(fresh, wait, own);
+    ZLayerSet::Loaded before;
+    set_->loadBeside(fresh, wait, own, before);
     isStale_ = false;
     // The set belongs to what it has read, whatever comes of telling the differences.
     readBy([&] { ZModelContent::take(model(), fresh); });
@@ -55,25 +59,39 @@ void ZLayersFile::loadStored() {
     }
 }
 
+void ZLayersFile::settleUpdate(const ZUpdatedFile& file) {
+    if (!isLeftOver_)
+        return;
+    removeTarget(file);
+    isLeftOver_ = false;
+    isStale_ = true;
+}
+
 void ZLayersFile::noteUpdateEnded() {
-    if (isStale_)
+    const Place target = placeIn(found());
+    // One that was made for the update and has nothing in it is gone by now.
+    const bool wasEmpty =
+        target.below != target.above && found()[target.below].state == ZLayerFile::masks;
+    if (isStale_ || wasEmpty)
         loadStored();
+}
+
+// The target is locked; what was found then tells where it is.
+ZLayersFile::Place ZLayersFile::requireLocked(const ZFileStamp& stamp) const {
+    const Place target = placeIn(found());
+    requireUnhidden(found(), target, &stamp);
+    if (target.below == target.above || !zsameFile(found()[target.below].stamp, stamp))
+        zraiseIO(path().getChars(), "stat()", ESTALE);
+    if (set_->tree().hasPrefix() && set_->layers()[target.below].side.size() != 0)
+        zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
+    return target;
 }
 
 void ZLayersFile::beginUpdate(ZUpdatedFile& file) {
     zassert(lock().isHeld() && !hasUpdate());
+    isLeftOver_ = false;
     loadAll(0, &file.stamp);
-    ZVector<ZLayerFile> files;
-    for (const ZLayer& layer : set_->layers())
-        if (layer.kind == ZLayer::file)
-            files.push_back(layer.found);
-    const Place target = placeIn(files);
-    requireUnhidden(files, target);
-    const bool isThere = target.below != target.above;
-    if (!isThere || !zsameFile(files[target.below].stamp, file.stamp))
-        zraiseIO(path().getChars(), "stat()", ESTALE);
-    if (set_->tree().hasPrefix() && set_->layers()[target.below].side.size() != 0)
-        zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
+    requireLocked(file.stamp);
     ZSCFData own;
     zreadContent(own, path(), {file.descriptor}, true, file.content);
     setUpdate(file);
@@ -91,20 +109,20 @@ void ZLayersFile::restore(const ZUpdatedFile&) {
 
 bool ZLayersFile::listWatched(ZVector<ZWatchedPath>& paths) const {
     ZVector<ZLayerFile> now;
-    set_->tree().find(now);
+    ZLayerFinding(set_->tree()).find(now);
     set_->tree().listWatched(now, paths);
     return true;
 }
 
 bool ZLayersFile::catchUp(ZVector<ZPropDifference>& differences) {
     ZVector<ZLayerFile> now;
-    set_->tree().find(now);
+    ZLayerFinding(set_->tree()).find(now);
     // A hidden value may have changed without a trace in its text.
     bool hasSide = false;
     for (const ZLayer& layer : set_->layers())
         hasSide = hasSide || layer.side.size() != 0;
-    if (!isStale_ && !hasSide && ZLayerTree::areSettled(set_->found()) &&
-        ZLayerTree::areSame(set_->found(), now))
+    if (!isStale_ && !hasSide && ZLayerTree::areSettled(found()) &&
+        ZLayerTree::areSame(found(), now))
         return true;
     try {
         loadAll(0, nullptr, &differences);
@@ -165,8 +183,18 @@ ZLayersFile::Place ZLayersFile::placeIn(const ZVector<ZLayerFile>& files) const 
     return {at, at};
 }
 
+// One root may be another by a link.
+bool ZLayersFile::isSameFile(const ZLayerFile& file, const ZFileStamp& stamp) const {
+    ZLCString path(set_->tree().placeOf(file));
+    ZFileStamp named = {};
+    return set_->tree().physicalPath(path.getChars(), path) &&
+           !zstampFile(path.getChars(), named) && zsameFile(named, stamp);
+}
+
 // What the target holds must count, and may hide nothing that did.
-void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place) const {
+// `locked`: it is open; null: not yet.
+void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place,
+                                  const ZFileStamp* locked) const {
     const ZLayerFile* own = place.below == place.above ? nullptr : &files[place.below];
     const char* reason = nullptr;
     if (own != nullptr && own->state == ZLayerFile::hidden)
@@ -183,69 +211,127 @@ void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place&
     for (const ZLayerFile& other : files)
         if (reason == nullptr && isEmpty && &other != own &&
             other.kind == (isDropIn_ ? ZLayerFile::dropIn : ZLayerFile::mainFile) &&
-            other.name == name_)
+            other.name == name_ && !(locked != nullptr && isSameFile(other, *locked)))
             reason = other.root > root_ ? "would be hidden by a file of a higher root"
                                         : "would hide a file of a lower root";
     if (reason != nullptr)
         zrequireNoFault({"the target", reason});
 }
 
-bool ZLayersFile::prepareUpdate() {
+std::unique_ptr<ZLockedFile> ZLayersFile::openToUpdate(unsigned long wait) {
+    static const int kMostTries = 16;
     requireTarget();
-    // By what is there now, ahead of opening or making anything.
-    findPath();
-    ZVector<ZLayerFile> files;
-    set_->tree().find(files);
-    requireUnhidden(files, placeIn(files));
-    // The folders alone: nobody takes an empty one for anything.
-    const char* at = path().getChars();
-    while ((at = strchr(at + 1, '/')) != nullptr) {
-        const ZLCString folder(path().getChars(),
-                               static_cast<unsigned int>(at - path().getChars()));
-        if (mkdir(folder.getChars(), 0777) != 0 && errno != EEXIST && errno != EROFS &&
-            errno != EACCES)
-            zraiseIO(folder.getChars(), "mkdir()", errno);
+    for (int tries = 1;; ++tries) {
+        // By what is there now, ahead of opening or making anything.
+        findPath();
+        ZVector<ZLayerFile> files;
+        ZLayerFinding(set_->tree()).find(files);
+        requireUnhidden(files, placeIn(files), nullptr);
+        try {
+            return std::unique_ptr<ZLockedFile>(
+                new ZLockedFile(path().getChars(), makeFolder(), {zlockOfDescription, wait}, true));
+        } catch (ZPropertiesIOException& e) {
+            // Somebody has removed his last drop-in with the folder, or has turned a link.
+            const bool isGone = e.excerrno() == ENOENT || e.excerrno() == ESTALE;
+            if (!isGone || tries == kMostTries)
+                throw;
+        }
     }
-    return true;
+}
+
+// The folders alone: nobody takes an empty one for anything. Below a prefix the last one is given,
+// open; it was come to by no link.
+int ZLayersFile::makeFolder() const {
+    const ZLayerTree& tree = set_->tree();
+    const char* at = path().getChars();
+    ZOpenFile folder;
+    if (tree.hasPrefix()) {
+        folder.reset(tree.openBase());
+        if (folder.get() < 0)
+            zraiseIO(at, "open() of the folder", errno);
+        at += tree.prefix().getLength();
+    }
+    while (const char* end = strchr(at + 1, '/')) {
+        const ZLCString way(path().getChars(), static_cast<unsigned int>(end - path().getChars()));
+        const ZLCString part(at + 1, static_cast<unsigned int>(end - at - 1));
+        const bool isBelow = tree.hasPrefix();
+        const char* name = isBelow ? part.getChars() : way.getChars();
+        if (mkdirat(isBelow ? folder.get() : AT_FDCWD, name, 0777) != 0 && errno != EEXIST &&
+            errno != EROFS && errno != EACCES)
+            zraiseIO(way.getChars(), "mkdir()", errno);
+        if (isBelow) {
+            const int next = zopenFileAt(folder.get(), name, O_PATH | O_DIRECTORY | O_NOFOLLOW);
+            if (next < 0)
+                zraiseIO(way.getChars(), "open() of the folder",
+                         errno == ELOOP || errno == ENOTDIR ? ESTALE : errno);
+            folder.reset(next);
+        }
+        at = end;
+    }
+    return folder.release();
 }
 
 // ---------------------------------------------------------------- store
 
 void ZLayersFile::store(const ZLCString& path) {
     zassert(lock().isHeld());
+    shadows_ = Shadows();
     requireLoaded();
     requireTarget();
     zrequire(path == this->path());
-    shadows_ = Shadows();
     ZSCFData before;
     set_->rebuild(model(), set_->layers().size(), before);
     ZVector<Change> changes;
     findChanges(before, changes);
-    const Place target = placeIn(set_->found());
-    lookAbove(target, changes);
-    if ((flags_ & ZLAYERS_COLLECT) != 0 && !changes.empty())
-        divide(target, before, changes);
-    noteShadows(changes);
-    ZUpdatedFile* const update = openUpdate();
-    if (!changes.empty() && isStale_ && update != nullptr)
-        zrequireNoFault(
-            {"the target", "was stored in this update, and not all could be read since"});
-    if (!changes.empty() && update == nullptr) {
-        prepareUpdate();
-        ZLockedFile file(this->path().getChars(), {zlockOfDescription, lockWait()}, true);
-        ZUpdatedFile own = {};
-        own.descriptor = file.descriptor();
-        put(own, target, changes);
-        file.forgetCreated();
-        zcheckIO(file.finish());
-        loadStored();
-    } else if (!changes.empty()) {
-        put(*update, target, changes);
-        loadStored();
-    } else {
+    if (changes.empty()) {
         // What was changed and changed back has its origins again.
         readBy([&] { ZModelContent::take(model(), before); });
+        return;
     }
+    const Place target = placeIn(found());
+    lookAbove(model(), target, changes);
+    if (isCollecting())
+        divide(target, changes);
+    ZUpdatedFile* const update = openUpdate();
+    if (update == nullptr) {
+        shadows_ = storeByItself(changes);
+    } else {
+        if (isStale_)
+            zrequireNoFault(
+                {"the target", "was stored in this update, and not all could be read since"});
+        const Shadows shadows(shadowsOf(changes));
+        put(*update, model(), target, changes);
+        shadows_ = shadows;
+    }
+    loadStored();
+}
+
+// Under the target's lock, and by what the other files hold then. While it has this lock it waits
+// for none of them.
+ZLayersFile::Shadows ZLayersFile::storeByItself(ZVector<Change>& changes) {
+    std::unique_ptr<ZLockedFile> file;
+    ZUpdatedFile updated = {};
+    ZSCFData fresh;
+    fresh.setAttributes(model().attributes(), nullptr);
+    ZLayerSet::Loaded before;
+    zretryBusy(lockWait(), [&] {
+        file.reset();
+        file = openToUpdate(0);
+        updated.descriptor = file->descriptor();
+        zcheckIO(zstampFile(updated.descriptor, updated.stamp).of(path().getChars()));
+        set_->loadBeside(fresh, 0, &updated.stamp, before);
+    });
+    // The set belongs to the object's model, which is as it was until all is loaded.
+    const ZAtEnd restored([&] { set_->swapLoaded(before); });
+    const Place target = requireLocked(updated.stamp);
+    lookAbove(fresh, target, changes);
+    const Shadows shadows(shadowsOf(changes));
+    put(updated, fresh, target, changes);
+    if (isLeftOver_)
+        removeTarget(updated);
+    file->forgetCreated();
+    zcheckIO(file->finish());
+    return shadows;
 }
 
 // Adds the values of a key to `out`, which stays as it is without one. Their kind.
@@ -262,30 +348,6 @@ static ZPStore::Kind valuesOf(const ZSCFData& model, const ZLCString& stanza, co
     return kind;
 }
 
-void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) const {
-    ZVector<ZPropDifference> differences;
-    zfindDifferences(before, model(), differences);
-    for (const ZPropDifference& difference : differences) {
-        if (difference.key.getLength() == 0)
-            continue;  // a stanza is what its keys are
-        changes.push_back({difference.stanza,
-                           difference.key,
-                           ZPStore::plain,
-                           {},
-                           true,
-                           false,
-                           false,
-                           nullptr,
-                           0,
-                           {}});
-        Change& change = changes.back();
-        change.kind = valuesOf(model(), change.stanza, change.key, change.wanted);
-        change.isEmptied = change.wanted.empty();
-        if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
-            zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
-    }
-}
-
 static int compare(ZSpan a, ZSpan b) {
     const size_t shared = std::min(a.size, b.size);
     const int order = shared == 0 ? 0 : memcmp(a.data, b.data, shared);
@@ -297,15 +359,35 @@ static bool isAhead(ZSpan stanzaA, ZSpan keyA, ZSpan stanzaB, ZSpan keyB) {
     return stanzas != 0 ? stanzas < 0 : compare(keyA, keyB) < 0;
 }
 
-// Which values the last file above the target gives the keys, and so which changes aren't seen.
-void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) const {
+void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) const {
+    ZVector<ZPropDifference> differences;
+    zfindDifferences(before, model(), differences);
+    for (const ZPropDifference& difference : differences) {
+        if (difference.key.getLength() == 0)
+            continue;  // a stanza is what its keys are
+        changes.emplace_back(difference);
+        Change& change = changes.back();
+        change.kind = valuesOf(model(), change.stanza, change.key, change.wanted);
+        if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
+            zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
+        change.part = change.wanted;
+    }
     std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
         return isAhead(zspanOf(a.stanza), zspanOf(a.key), zspanOf(b.stanza), zspanOf(b.key));
     });
-    if (changes.empty())
-        return;
+}
+
+// Which values the files above the target give the keys.
+void ZLayersFile::lookAbove(const ZSCFData& model, const Place& place,
+                            ZVector<Change>& changes) const {
+    for (Change& change : changes) {
+        change.above = nullptr;
+        change.isReset = false;
+        change.aboveValues.clear();
+        change.secrets.clear();
+    }
     const ZVector<ZLayer>& layers = set_->layers();
-    set_->forEachValue(model(), [&](const ZLayerValue& value) {
+    set_->forEachValue(model, [&](const ZLayerValue& value) {
         if (static_cast<size_t>(value.layer - layers.data()) < place.above)
             return;
         const auto found = std::lower_bound(
@@ -315,72 +397,103 @@ void ZLayersFile::lookAbove(const Place& place, ZVector<Change>& changes) const 
         if (found == changes.end() || !zequals(zspanOf(found->stanza), value.stanza) ||
             !zequals(zspanOf(found->key), value.key))
             return;
-        if (found->above != value.layer)
+        const bool isReset = isCollecting() ? value.value.size == 0 : found->above != value.layer;
+        if (isReset) {
+            found->isReset = true;
             found->aboveValues.clear();
+            found->secrets.clear();
+        }
         found->above = value.layer;
         found->line = value.line;
-        if (value.value.size != 0)
-            found->aboveValues.push_back(ztextOf(value.value));
+        if (value.value.size == 0)
+            return;
+        found->aboveValues.push_back(ztextOf(value.value));
+        if (value.layer->kind == ZLayer::credential)
+            found->secrets.push_back(ztextOf(value.value));
     });
-    for (Change& change : changes)
-        change.isShadowed = change.above != nullptr && change.aboveValues != change.wanted;
+}
+
+static bool startsWith(const ZVector<ZLCString>& all, const ZVector<ZLCString>& first) {
+    return all.size() >= first.size() && std::equal(first.begin(), first.end(), all.begin());
+}
+
+static bool endsWith(const ZVector<ZLCString>& all, const ZVector<ZLCString>& last) {
+    return all.size() >= last.size() && std::equal(last.rbegin(), last.rend(), all.rbegin());
+}
+
+bool ZLayersFile::isShadowed(const Change& change) const {
+    return change.above != nullptr &&
+           (change.isReset ? change.aboveValues != change.wanted
+                           : !endsWith(change.wanted, change.aboveValues));
 }
 
 // Where values are collected the target gets those between the lower files' and the higher ones'.
-// If lower ones' aren't wanted, it says so; higher ones' that aren't are a shadow.
-void ZLayersFile::divide(const Place& place, const ZSCFData& before,
-                         ZVector<Change>& changes) const {
+// If lower ones' aren't wanted, it says so.
+void ZLayersFile::divide(const Place& place, ZVector<Change>& changes) const {
     ZSCFData below, with;
     set_->rebuild(model(), place.below, below);
     set_->rebuild(model(), place.above, with);
-    const auto startsWith = [](const ZVector<ZLCString>& all, const ZVector<ZLCString>& first) {
-        return all.size() >= first.size() && std::equal(first.begin(), first.end(), all.begin());
-    };
     for (Change& change : changes) {
-        ZVector<ZLCString> low, own, all;
+        ZVector<ZLCString> low, own;
         valuesOf(below, change.stanza, change.key, low);
         valuesOf(with, change.stanza, change.key, own);
-        valuesOf(before, change.stanza, change.key, all);
-        ZVector<ZLCString>& wanted = change.wanted;
-        const size_t high = startsWith(all, own) ? all.size() - own.size() : 0;
-        const bool endsWithHigh =
-            wanted.size() >= high && std::equal(all.end() - static_cast<ptrdiff_t>(high), all.end(),
-                                                wanted.end() - static_cast<ptrdiff_t>(high));
-        change.isShadowed = !startsWith(all, own) || !endsWithHigh;
-        if (endsWithHigh)
-            wanted.erase(wanted.end() - static_cast<ptrdiff_t>(high), wanted.end());
-        if (startsWith(own, low) && startsWith(wanted, low))
-            wanted.erase(wanted.begin(), wanted.begin() + static_cast<ptrdiff_t>(low.size()));
+        ZVector<ZLCString>& part = change.part;
+        if (!change.isReset && endsWith(part, change.aboveValues))
+            part.erase(part.end() - static_cast<ptrdiff_t>(change.aboveValues.size()), part.end());
+        if (startsWith(own, low) && startsWith(part, low))
+            part.erase(part.begin(), part.begin() + static_cast<ptrdiff_t>(low.size()));
         else
             change.forgets = !low.empty();
     }
 }
 
-void ZLayersFile::noteShadows(const ZVector<Change>& changes) {
+ZLayersFile::Shadows ZLayersFile::shadowsOf(const ZVector<Change>& changes) {
+    Shadows shadows;
     for (const Change& change : changes) {
-        if (!change.isShadowed || shadows_.count++ != 0)
+        if (!isShadowed(change) || shadows.count++ != 0)
             continue;
-        shadows_.file = change.above->found.path;
-        shadows_.line = change.line;
+        shadows.file = change.above->found.path;
+        shadows.line = change.line;
     }
-    if (shadows_.count != 0 && (flags_ & ZLAYERS_REFUSE_SHADOWED) != 0)
+    if (shadows.count != 0 && (flags_ & ZLAYERS_REFUSE_SHADOWED) != 0) {
+        shadows_ = shadows;
         zrequireNoFault({"a key", "has other values by a file above the target"});
+    }
+    return shadows;
 }
 
-static bool hasKeys(const ZSCFData& model) {
-    const ZPStore& store = ZModelReading::storeOf(model);
-    bool has = false;
-    store.forEachStanza([&](ZPId stanza) { has = has || store.stanza(stanza).count != 0; });
-    return has;
+// Credentials are never written down.
+static ZVector<ZLCString> withoutSecrets(const ZVector<ZLCString>& values,
+                                         const ZVector<ZLCString>& secrets) {
+    ZVector<ZLCString> left(values);
+    for (const ZLCString& secret : secrets) {
+        const auto found = std::find(left.begin(), left.end(), secret);
+        if (found != left.end())
+            left.erase(found);
+    }
+    return left;
 }
 
-// Makes the changes in the file, which is locked.
-void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZVector<Change>& changes) {
+// In place of those it has. What is there twice stays so, which addValue wouldn't do.
+static void setValues(ZStanzaFileProperties& target, const char* stanza, const char* key,
+                      const ZVector<ZLCString>& values, bool isHidden) {
+    typedef ZAbstractPropertyValuesIterator Iterator;
+    target.setValue(stanza, key, values.front().getChars(), isHidden);
+    ZStanzaValueIterator walk(
+        target, stanza, key, ZPROP_STRING_LOCAL,
+        isHidden ? Iterator::ZPROP_ITER_OBFUSCATED : Iterator::ZPROP_ITER_PLAIN);
+    walk.nextValue();
+    for (size_t i = 1; i < values.size(); ++i)
+        walk.addValue(values[i].getChars());
+}
+
+// Makes the changes in the file, which is locked. The layers are those of `model`.
+void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
+                      const ZVector<Change>& changes) {
     ZSCFData below;
-    set_->rebuild(model(), place.below, below);
+    set_->rebuild(model, place.below, below);
     ZStanzaFileProperties target(1);
-    target.setAttributes(model().attributes() | ZPCACHE_KEEP_COMMENTS | ZPCACHE_KEEP_LINES,
-                         nullptr);
+    target.setAttributes(model.attributes() | ZPCACHE_KEEP_COMMENTS | ZPCACHE_KEEP_LINES, nullptr);
     target.setStoreMode(ZPROP_STORE_SAFE);
     ZPropertiesFile& own = ZPropertiesFile::of(target);
     ZProperties::ZPropResourceLock guard(own.lock());
@@ -391,34 +504,41 @@ void ZLayersFile::put(ZUpdatedFile& file, const Place& place, const ZVector<Chan
     for (const Change& change : changes) {
         const char *stanza = change.stanza.getChars(), *key = change.key.getChars();
         const bool isHidden = change.kind == ZPStore::hidden;
+        const ZVector<ZLCString> part(withoutSecrets(change.part, change.secrets));
         // That lower files' values don't count has to be said.
         const bool isEmpty =
-            change.wanted.empty() && (change.isEmptied ? below.countValues(stanza, key) != 0 ||
-                                                             model().contains(stanza, key) != 0
-                                                       : change.forgets);
+            part.empty() && (change.wanted.empty() ? below.countValues(stanza, key) != 0 ||
+                                                         this->model().contains(stanza, key) != 0
+                                                   : change.forgets);
         const bool isOtherKind =
             target.exists(stanza, key) && (target.isObfuscated(stanza, key) != 0) != isHidden;
-        if ((change.wanted.empty() && !isEmpty) || isOtherKind || change.forgets)
+        if (part.empty() ? !isEmpty || isOtherKind : change.forgets || isOtherKind)
             target.deleteKey(stanza, key);
         if (isEmpty)
             target.setValue(stanza, key, "");
-        for (const ZLCString& value : change.wanted) {
-            if (&value == &change.wanted.front())
-                target.setValue(stanza, key, value.getChars(), isHidden);
-            else
-                target.addValue(stanza, key, value, isHidden);
-        }
-        if (change.forgets && !change.wanted.empty())
+        if (!part.empty())
+            setValues(target, stanza, key, part, isHidden);
+        if (change.forgets && !part.empty())
             ZModelEdits::addForgettingLine(static_cast<ZSCFData&>(own.cache()), stanza, key);
     }
     if (isNew)
         target.addFileComment(kMark);
     target.store(path().getChars());
     noteStoreMode(own.lastStoreMode());
+    isLeftOver_ = hasNothingLeft(file);
+}
+
+// Whether it is a drop-in that was made here and has no keys any more.
+bool ZLayersFile::hasNothingLeft(const ZUpdatedFile& file) const {
     const ZSpan text = zspanOf(file.content.text);
-    if (isDropIn_ && !hasKeys(static_cast<ZSCFData&>(own.cache())) && text.size >= sizeof kMark &&
-        memcmp(text.data, kMark, sizeof kMark - 1) == 0)
-        removeTarget(file);
+    if (!isDropIn_ || text.size < sizeof kMark || memcmp(text.data, kMark, sizeof kMark - 1) != 0)
+        return false;
+    ZSCFData own;
+    zreadText(own, path().getChars(), text);
+    const ZPStore& store = ZModelReading::storeOf(own);
+    bool hasKeys = false;
+    store.forEachStanza([&](ZPId stanza) { hasKeys = hasKeys || store.stanza(stanza).count != 0; });
+    return !hasKeys;
 }
 
 void ZLayersFile::removeTarget(const ZUpdatedFile& file) const {

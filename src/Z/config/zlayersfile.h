@@ -30,10 +30,11 @@ public:
     void requireOneFile() const override;
     bool listWatched(ZVector<ZWatchedPath>& paths) const override;
     bool catchUp(ZVector<ZPropDifference>& differences) override;
-    bool prepareUpdate() override;
+    std::unique_ptr<ZLockedFile> openToUpdate(unsigned long wait) override;
     void beginUpdate(ZUpdatedFile& file) override;
     void restore(const ZUpdatedFile& file) override;
     bool locksOthers() const override { return true; }
+    void settleUpdate(const ZUpdatedFile& file) override;
     void noteUpdateEnded() override;
 
     /// Of the last store: the changed keys to which a file above the target gives other values.
@@ -47,15 +48,20 @@ public:
 private:
     // Of one key, what it is to have, and what the layers around the target give it.
     struct Change {
+        explicit Change(const ZPropDifference& difference)
+            : stanza(difference.stanza), key(difference.key) {}
+
         ZLCString stanza, key;
-        ZPStore::Kind kind;
-        ZVector<ZLCString> wanted;  // and then what the target is to hold of that
-        bool isEmptied;             // there were none to begin with
-        bool forgets;               // the target says "key =" ahead of it
-        bool isShadowed;
-        const ZLayer* above;  // the last one that has the key; null: none
-        int line;
+        ZPStore::Kind kind = ZPStore::plain;
+        ZVector<ZLCString> wanted;
+        ZVector<ZLCString> part;  // what the target is to hold of that
+        bool forgets = false;     // and "key =" ahead of it
+        // What those above the target make of it: "key =" of one of them, and then the values.
+        const ZLayer* above = nullptr;  // the last one that has the key; null: none
+        int line = 0;
+        bool isReset = false;
         ZVector<ZLCString> aboveValues;
+        ZVector<ZLCString> secrets;  // which of these are credentials
     };
     // Where the target stands among the layers, or would.
     struct Place {
@@ -68,13 +74,23 @@ private:
     void loadStored();
     void findPath();
     void requireTarget() const;
+    const ZVector<ZLayerFile>& found() const { return set_->found(); }
     Place placeIn(const ZVector<ZLayerFile>& files) const;
-    void requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place) const;
+    bool isSameFile(const ZLayerFile& file, const ZFileStamp& stamp) const;
+    void requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place,
+                         const ZFileStamp* locked) const;
+    Place requireLocked(const ZFileStamp& stamp) const;
+    int makeFolder() const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
-    void lookAbove(const Place& place, ZVector<Change>& changes) const;
-    void noteShadows(const ZVector<Change>& changes);
-    void put(ZUpdatedFile& file, const Place& place, const ZVector<Change>& changes);
-    void divide(const Place& place, const ZSCFData& before, ZVector<Change>& changes) const;
+    void lookAbove(const ZSCFData& model, const Place& place, ZVector<Change>& changes) const;
+    bool isCollecting() const { return (flags_ & ZLAYERS_COLLECT) != 0; }
+    bool isShadowed(const Change& change) const;
+    Shadows shadowsOf(const ZVector<Change>& changes);
+    void divide(const Place& place, ZVector<Change>& changes) const;
+    Shadows storeByItself(ZVector<Change>& changes);
+    void put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
+             const ZVector<Change>& changes);
+    bool hasNothingLeft(const ZUpdatedFile& file) const;
     void removeTarget(const ZUpdatedFile& file) const;
 
     std::unique_ptr<ZLayerSet> set_;
@@ -83,7 +99,8 @@ private:
     bool isDropIn_ = false;
     ZLCString name_;  // of the target's file
     Shadows shadows_;
-    bool isStale_ = false;  // a store has changed the target since the load
+    bool isStale_ = false;     // a store has changed the target since the load
+    bool isLeftOver_ = false;  // the last one has left a drop-in that is to go
 };
 
 #endif

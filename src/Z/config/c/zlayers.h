@@ -6,8 +6,8 @@
  * files is refused, and zstzPropLastError gives 22 and the reason: comments, other names, bytes.
  *
  * Shadows: if a file above the target gives a changed key other values still, zstzPropStore and
- * zstzPropCommit have stored all the same and give ZPROP_SHADOWED, and zstzPropLastError that file
- * and line; with ZLAYERS_REFUSE_SHADOWED they give 51 and have stored nothing.
+ * zstzPropCommit have stored all the same and give ZPROP_SHADOWED; with ZLAYERS_REFUSE_SHADOWED
+ * they give 51 and have stored nothing. zstzPropLastError tells that file and line in both cases.
  *
  * Threads: as zproperties.h. */
 #ifndef Z_ZLAYERS_LOWER_H
@@ -34,8 +34,9 @@ ZEXPORT int zstzLayers_open(ZPROP_handle** out, const ZLayersTerms* terms, ZPROP
 
 /* Where changes go: the main file of this root, null being the highest, or if `dropIn` isn't null
  * that drop-in of it. 0; 55 for a handle of one file, another root, a name that can't be a
- * drop-in's, in an update and with unsaved changes. Whether the file may be changed shows when it
- * is: one that would hide others, or is hidden by them, gives 51 then. */
+ * drop-in's, in an update and with unsaved changes; 51 where links to it can't be followed. Whether
+ * the file may be changed shows when it is: one that would hide others, is hidden by them, or
+ * stands at a later place once more gives 51 then; below a prefix a link, too. */
 ZEXPORT int zstzLayers_setTarget(ZPROP_handle* handle, const char* root, const char* dropIn);
 
 /* Where the value at `index`, from 0, of a key comes from: a new string for zstzPropFree, and the

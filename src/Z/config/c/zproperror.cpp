@@ -72,6 +72,8 @@ public:
 
 }  // namespace
 
+static const int kParameterNumber = 22;  // that of its exception
+
 static void noteIO(const ZPropertiesIOException& e) {
     char reason[128];
     // In the locale of text.
@@ -146,18 +148,22 @@ int zlastError(ZPROP_error* error) {
 int zlastErrno() { return lastError.errorNumber; }
 
 int zstoreResult(ZPROP_stz_handle* handle, int result) {
-    if (result != ZPROP_OK || handle->layers == nullptr)
+    // Of all refusals only that of a change which nobody would see leaves such a file.
+    const bool isRefused = lastError.error.number == kParameterNumber;
+    if (handle->layers == nullptr || (result != ZPROP_OK && !isRefused))
         return result;
     ZLCString file;
     int line = 0;
     if (handle->layers->shadowed(file, line) == 0)
         return result;
-    znoteLastError(ZPROP_SHADOWED, file.getChars(), line, "a higher file has other values");
-    return ZPROP_SHADOWED;
+    const ZLCString reason(isRefused ? lastError.text : "a higher file has other values");
+    lastError.set(isRefused ? kParameterNumber : ZPROP_SHADOWED, file.getChars(), line,
+                  reason.getChars());
+    return isRefused ? result : ZPROP_SHADOWED;
 }
 
 int zparameterError() {
-    znoteLastError(22, nullptr, 0, "bad handle or argument");
+    znoteLastError(kParameterNumber, nullptr, 0, "bad handle or argument");
     return ZPROP_ERR_PARAM;
 }
 

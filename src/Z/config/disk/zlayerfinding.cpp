@@ -349,7 +349,7 @@ bool ZLayerFinding::isStill(const ZVector<ZLayerFile>& files) const {
             return false;
     }
     if (!isSame) {
-        tree_.find(now);
+        ZLayerFinding(tree_).find(now);
         return ZLayerTree::areSame(files, now);
     }
     findMains(now);

@@ -15,7 +15,11 @@ public:
     ZLayerFinding(const ZLayerFinding&) = delete;
     ZLayerFinding& operator=(const ZLayerFinding&) = delete;
 
-    /// As ZLayerTree::find. Once only.
+    /// Makes `files` all files that there are, in the order in which they count: the main files by
+    /// their roots, folders of drop-ins that are bad, the drop-ins by name and root, the extra
+    /// ones. What can't be read is an entry that is bad; one that only its access list or the
+    /// system's policy keeps from being read shows in open(). Linear in their number, but for
+    /// sorting names. Once only.
     void find(ZVector<ZLayerFile>& files);
     /// Opens one that counts, to be read. -1 with errno: ESTALE if another file stands there now.
     int open(const ZLayerFile& file) const;

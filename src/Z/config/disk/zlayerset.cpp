@@ -28,7 +28,7 @@ extern char** environ;
 static const int kMostTries = 16;
 static const uint32_t kPiece = 4096;  // bytes of a text for which its lines are counted at once
 static const char kCredentials[] = "CREDENTIALS_DIRECTORY";
-static const off_t kMostCredential = 1024 * 1024;  // as large as services are given
+static const uint64_t kMostCredential = 1024 * 1024;  // as large as services are given
 
 ZLayerSet::ZLayerSet(const ZLayersTerms& terms)
     : tree_(terms), flags_(terms.flags), counted_(nullptr) {
@@ -85,7 +85,7 @@ static void forgetSideName(ZSCFData& model) {
 }
 
 void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own) {
-    read_.clear();
+    loaded_.read.clear();
     counted_ = nullptr;
     // Who writes all the time is waited for as one who has a lock.
     struct Attempt {
@@ -106,25 +106,27 @@ void ZLayerSet::load(ZSCFData& model, unsigned long wait, const ZFileStamp* own)
     readVariables(model);
     readCredentials(model);
     storeOf(model).endLayers();
-    for (size_t i = 0; i < layers_.size(); ++i)
-        if (layers_[i].isRead)
-            read_.push_back(i);
+    for (size_t i = 0; i < loaded_.layers.size(); ++i)
+        if (loaded_.layers[i].isRead)
+            loaded_.read.push_back(i);
 }
 
-void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own) {
-    ZVector<ZLayerFile> found(found_);
-    ZVector<ZLayer> layers;
-    ZVector<size_t> read(read_);
-    layers.swap(layers_);
+void ZLayerSet::swapLoaded(Loaded& other) {
+    std::swap(loaded_, other);
+    counted_ = nullptr;
+}
+
+void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own,
+                           Loaded& before) {
+    Loaded kept;
+    swapLoaded(kept);
     try {
         load(other, wait, own);
     } catch (...) {
-        found_.swap(found);
-        layers_.swap(layers);
-        read_.swap(read);
-        counted_ = nullptr;
+        swapLoaded(kept);
         throw;
     }
+    std::swap(before, kept);
 }
 
 // False if something has changed during each of several tries.
@@ -133,19 +135,19 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
     // first, so that of a bad one nothing stays in the model.
     for (int tries = 0; tries < kMostTries; ++tries) {
         ZLayerFinding finding(tree_);
-        finding.find(found_);
+        finding.find(loaded_.found);
         reading.finding = &finding;
-        layers_.clear();
+        loaded_.layers.clear();
         model.clear();
-        for (const ZLayerFile& file : found_)
-            layers_.push_back(layerOf(ZLayer::file, file));
+        for (const ZLayerFile& file : loaded_.found)
+            loaded_.layers.push_back(layerOf(ZLayer::file, file));
         if (!readAll(model, reading)) {
             reading.checksFirst = true;
             continue;
         }
-        if (!finding.isStill(found_))
+        if (!finding.isStill(loaded_.found))
             continue;
-        for (const ZLayer& layer : layers_)
+        for (const ZLayer& layer : loaded_.layers)
             if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
                 raiseBad(layer);
         requireFiles();
@@ -157,8 +159,8 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
 void ZLayerSet::rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const {
     out.clear();
     out.setAttributes(model.attributes(), nullptr);
-    for (const size_t index : read_) {
-        const ZLayer& layer = layers_[index];
+    for (const size_t index : loaded_.read) {
+        const ZLayer& layer = loaded_.layers[index];
         if (index >= end || !isLoaded(model, layer))
             break;
         storeOf(out).beginLayer((flags_ & ZLAYERS_COLLECT) != 0);
@@ -190,7 +192,7 @@ bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
     static const size_t kUsualLine = 32;
     uint64_t size = 0;
     int files = 0;
-    for (const ZLayer& layer : layers_) {
+    for (const ZLayer& layer : loaded_.layers) {
         if (layer.found.state != ZLayerFile::counts)
             continue;
         size += layer.found.stamp.size;
@@ -202,7 +204,7 @@ bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
         storeOf(model).textRoom(bytes, bytes / 4);
         storeOf(model).reserveForLines(bytes / kUsualLine);
     }
-    for (ZLayer& layer : layers_)
+    for (ZLayer& layer : loaded_.layers)
         if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))
             return false;
     return true;
@@ -225,7 +227,7 @@ static bool placeBelow(const void* tree, ZLCString& path) {
 }
 
 void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor,
-                            const Reading& reading, ZFileContent& content) const {
+                            const Reading& reading, bool keepsText, ZFileContent& content) const {
     ZFileToRead file = {descriptor};
     file.isDirect = !layer.found.isLink;
     file.hasNoJournal = reading.finding->hasNoJournal(layer.found);
@@ -241,8 +243,7 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
         file.data = &tree_;
     }
     model.setObfuscatedDBName("");
-    const int incomplete =
-        zreadContent(model, layer.found.path, file, reading.checksFirst, content);
+    const int incomplete = zreadContent(model, layer.found.path, file, keepsText, content);
     if (incomplete != 0)
         zraiseIO(layer.found.path.getChars(), "read()", incomplete);
 }
@@ -261,17 +262,19 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
                      .of(layer.found.path.getChars()));
     ZFileContent content;
     try {
+        // Of one that tells no size, as /proc has them, nothing else says where its text ends.
+        const bool keepsText = reading.checksFirst || layer.found.stamp.size == 0;
         if (reading.checksFirst) {
             ZSCFData trial;
             trial.setAttributes(model.attributes(), nullptr);
-            readContent(trial, layer, file.get(), reading, content);
+            readContent(trial, layer, file.get(), reading, keepsText, content);
             begin(model, layer);
             zreadText(model, layer.found.path.getChars(), zspanOf(content.text));
             if (content.side.size() != 0)
                 zreadSide(model, zspanOf(content.side));
         } else {
             begin(model, layer);
-            readContent(model, layer, file.get(), reading, content);
+            readContent(model, layer, file.get(), reading, keepsText, content);
         }
     } catch (ZPropertiesInvalidDataException& e) {
         noteIO(layer, nullptr, 0);
@@ -302,7 +305,7 @@ void ZLayerSet::raiseBad(const ZLayer& layer) const {
 
 void ZLayerSet::requireFiles() const {
     bool hasAny = false, hasMain = false;
-    for (const ZLayer& layer : layers_) {
+    for (const ZLayer& layer : loaded_.layers) {
         const bool isThere = layer.found.state != ZLayerFile::bad;
         hasAny = hasAny || isThere;
         hasMain = hasMain || (isThere && layer.found.kind == ZLayerFile::mainFile &&
@@ -346,7 +349,7 @@ void ZLayerSet::addValue(ZSCFData& model, ZLayer& layer, ZPStore::Kind kind, ZSp
     layer.end = static_cast<uint32_t>(storeOf(model).textSize());
     layer.start = layer.end - static_cast<uint32_t>(value.size);  // behind new names
     layer.isRead = true;
-    layers_.push_back(std::move(layer));
+    loaded_.layers.push_back(std::move(layer));
 }
 
 // Only of keys that are known, since no name tells where its stanza ends.
@@ -376,6 +379,24 @@ void ZLayerSet::readVariables(ZSCFData& model) {
             readVariable(model, zspanOf(keys_[i]), zspanOf(keys_[i + 1]));
 }
 
+// Without the line end that who made it may have put behind it.
+static ZFailure readCredential(int folder, const ZLCString& name, ZBytes& value) {
+    const ZOpenFile file(
+        zopenRegularFileAt(folder, name.getChars(), O_RDONLY | O_NOCTTY | O_NOFOLLOW));
+    if (file.get() < 0)
+        return zfailed("fopen(r)");
+    ZFileStamp stamp;
+    const ZFailure stamped = zstampFile(file.get(), stamp);
+    if (stamped)
+        return stamped;
+    if (stamp.size > kMostCredential)
+        return {"read()", EFBIG, nullptr};
+    const ZFailure failure = zreadWholeFile(file.get(), value);
+    if (!failure && value.size() != 0 && value.data()[value.size() - 1] == '\n')
+        value.setSize(value.size() - 1);
+    return failure;
+}
+
 // The files "stanza.key" of the folder, by name. The system has made them for this process alone,
 // so they aren't locked.
 void ZLayerSet::readCredentials(ZSCFData& model) {
@@ -400,20 +421,13 @@ void ZLayerSet::readCredentials(ZSCFData& model) {
         layer.stanza = ZLCString(name.getChars(), static_cast<unsigned int>(dot - name.getChars()));
         layer.key = dot + 1;
         const char* path = layer.found.path.getChars();
-        const ZOpenFile file(zopenFileAt(opened.get(), name.getChars(),
-                                         O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
-        struct stat status;
-        if (file.get() < 0 || fstat(file.get(), &status) != 0)
-            zraiseIO(path, "fopen(r)", errno);
-        if (!S_ISREG(status.st_mode))
-            continue;
-        if (status.st_size > kMostCredential)
-            zraiseIO(path, "read()", EFBIG);
         ZBytes value;
-        zcheckIO(zreadWholeFile(file.get(), value).of(path));
-        if (value.size() != 0 && value.data()[value.size() - 1] == '\n')
-            value.setSize(value.size() - 1);
-        addValue(model, layer, ZPStore::hidden, zspanOf(value));
+        const ZFailure failure = readCredential(opened.get(), name, value);
+        if (!failure)
+            addValue(model, layer, ZPStore::hidden, zspanOf(value));
+        else if (failure.error != EISDIR && failure.error != EINVAL &&
+                 (flags_ & ZLAYERS_SKIP_BAD) == 0)
+            zcheckIO(failure.of(path));
     }
 }
 
@@ -461,10 +475,10 @@ bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* ke
 
 // The layer that has these bytes, which are read in the order of the layers; null if none has.
 const ZLayer* ZLayerSet::layerAt(uint32_t offset) const {
-    size_t first = 0, end = read_.size();
+    size_t first = 0, end = loaded_.read.size();
     while (first < end) {
         const size_t middle = (first + end) / 2;
-        const ZLayer& layer = layers_[read_[middle]];
+        const ZLayer& layer = loaded_.layers[loaded_.read[middle]];
         if (offset < layer.start)
             end = middle;
         else if (offset >= layer.end)
@@ -515,8 +529,8 @@ private:
 }  // namespace
 
 void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
-    for (const size_t index : read_) {
-        const ZLayer& layer = layers_[index];
+    for (const size_t index : loaded_.read) {
+        const ZLayer& layer = loaded_.layers[index];
         if (!isLoaded(model, layer))
             return;
         if (layer.kind == ZLayer::file) {

@@ -48,9 +48,9 @@ public:
 
     const ZLayerTree& tree() const { return tree_; }
     /// Of the last load, in their order: the last goes before all others.
-    const ZVector<ZLayer>& layers() const { return layers_; }
+    const ZVector<ZLayer>& layers() const { return loaded_.layers; }
     /// What the last load has found; see ZLayerTree.
-    const ZVector<ZLayerFile>& found() const { return found_; }
+    const ZVector<ZLayerFile>& found() const { return loaded_.found; }
 
     /// Empties the model and reads all files into it, each under a lock for which `wait`
     /// milliseconds are waited. The model is of one moment: what changes meanwhile has the reading
@@ -59,9 +59,17 @@ public:
     /// bytes that are read, but for sorting names.
     /// One of the files, `own`, may be locked by the caller; null: none is.
     void load(ZSCFData& model, unsigned long wait, const ZFileStamp* own = nullptr);
-    /// The same into another model than that which was loaded last. What raises leaves the set as
-    /// it was.
-    void loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own = nullptr);
+    /// What a load has found, which belongs to the model that it has filled.
+    struct Loaded {
+        ZVector<ZLayerFile> found;
+        ZVector<ZLayer> layers;
+        ZVector<size_t> read;  // the indices of those whose text is in the model's
+    };
+    /// Puts something else in the place of what the last load has found, which `other` takes.
+    void swapLoaded(Loaded& other);
+    /// A load into another model than that which was loaded last; `before` takes what that one has
+    /// found. What raises leaves the set as it was.
+    void loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp* own, Loaded& before);
     /// Makes `out` what a load of the layers with an index below `end` has read, out of the model
     /// that was loaded, whatever has been changed in it since.
     void rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const;
@@ -97,7 +105,7 @@ private:
     bool readFile(ZSCFData& model, ZLayer& layer, const Reading& reading);
     bool isLoaded(const ZSCFData& model, const ZLayer& layer) const;
     void readContent(ZSCFData& model, const ZLayer& layer, int descriptor, const Reading& reading,
-                     struct ZFileContent& content) const;
+                     bool keepsText, struct ZFileContent& content) const;
     void readVariables(ZSCFData& model);
     void readVariable(ZSCFData& model, ZSpan stanza, ZSpan key);
     void addValue(ZSCFData& model, ZLayer& layer, ZPStore::Kind kind, ZSpan value);
@@ -115,9 +123,7 @@ private:
     const unsigned long flags_;
     ZLCString variablePrefix_;  // empty: none count
     ZVector<ZLCString> keys_;   // stanza, key, for variables
-    ZVector<ZLayerFile> found_;
-    ZVector<ZLayer> layers_;
-    ZVector<size_t> read_;  // those whose text is in the model's
+    Loaded loaded_;
     // Of the layer that was asked for last: how many lines end ahead of each piece of its text.
     mutable const ZLayer* counted_;
     mutable ZVector<uint32_t> marks_;

@@ -57,7 +57,7 @@ typedef struct ZLayerInfo {
 typedef struct ZLayerEntry {
     const char* stanza; /* in which it stands */
     const char* key;    /* its name there */
-    const char* value;  /* empty for "key =" */
+    const char* value;  /* empty for "key =" and for a credential, which no list shows */
     const char* file;   /* where it stands; "$NAME" for a variable */
     int line;           /* from 1; 0 for one that is hidden, a variable or a credential */
     int isHidden;       /* whether it stands in a side database, or is a credential */

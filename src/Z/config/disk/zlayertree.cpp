@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zlayerfinding.h"
 #include "zraise.h"
 #include "zrootedway.h"
 
@@ -139,8 +138,6 @@ ZLCString ZLayerTree::mainPath() const {
 }
 
 // ---------------------------------------------------------------- what was found
-
-void ZLayerTree::find(ZVector<ZLayerFile>& files) const { ZLayerFinding(*this).find(files); }
 
 static bool areSameStamps(const ZFileStamp& a, const ZFileStamp& b) {
     return zsameFile(a, b) && a.modified == b.modified && a.changed == b.changed &&

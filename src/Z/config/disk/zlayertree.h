@@ -47,12 +47,6 @@ public:
 
     /// The roots, the lowest first, the user's last.
     const ZVector<ZLCString>& roots() const { return roots_; }
-    /// Makes `files` all files that there are, in the order in which they count: the main files by
-    /// their roots, folders of drop-ins that are bad, the drop-ins by name and root, the extra
-    /// ones. What can't be read is an entry that is bad; one that only its access list or the
-    /// system's policy keeps from being read shows in open(). Linear in their number, but for
-    /// sorting names.
-    void find(ZVector<ZLayerFile>& files) const;
     /// Whether two findings are the same, content included: no file was changed in between, as far
     /// as stamps tell. The content of a file that is hidden doesn't matter.
     static bool areSame(const ZVector<ZLayerFile>& a, const ZVector<ZLayerFile>& b);
@@ -65,6 +59,9 @@ public:
     /// The main file of the highest root, with the prefix.
     ZLCString mainPath() const;
     bool hasPrefix() const { return prefix_.getLength() != 0; }
+    const ZLCString& prefix() const { return prefix_; }
+    /// Opens, by O_PATH, the folder that is "/" for all but the extra files. -1 with errno.
+    int openBase() const;
     /// Where a file is looked for, without the prefix.
     ZLCString placeOf(const ZLayerFile& file) const;
     /// The index of a root; null: the highest. -1 if there is no such one.
@@ -86,7 +83,6 @@ private:
 
     void setRoots(const ZLayersTerms& terms);
     ZLCString mainPlace(unsigned int root) const;
-    int openBase() const;
     void watch(int base, const ZLCString& path, bool isFolder, ZVector<Watched>& out) const;
 
     ZVector<ZLCString> roots_;

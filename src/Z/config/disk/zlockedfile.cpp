@@ -65,8 +65,8 @@ int zopenToRead(const char* path, bool onlyRegular, bool& isDirect) {
 
 // ---------------------------------------------------------------- descriptors
 
-ZLockedFile::ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCreate)
-    : path_(path), lock_(file_, terms.owner), created_(false) {
+ZLockedFile::ZLockedFile(const char* path, int folder, const ZLockTerms& terms, bool mayCreate)
+    : path_(path), folder_(folder), lock_(file_, terms.owner), created_(false) {
     for (;;) {
         open(mayCreate);
         ZFailure failure = zlockWholeFile(descriptor(), F_WRLCK, terms.owner, terms.wait);
@@ -80,7 +80,7 @@ ZLockedFile::ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCrea
         ZFileStamp open = {}, named = {};
         failure = zstampFile(descriptor(), open);
         if (!failure)
-            failure = zstampFile(path, named);
+            failure = stampNamed(named);
         if (!failure && zsameFile(open, named))
             return;
         const bool isLost = failure && failure.error != ENOENT;
@@ -92,19 +92,35 @@ ZLockedFile::ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCrea
     }
 }
 
-void ZLockedFile::open(bool mayCreate) {
+int ZLockedFile::openBy(int flags, unsigned int mode) const {
     const char* path = path_.getChars();
+    return folder_.get() < 0 ? zopenRegularFile(path, O_RDWR | flags, mode)
+                             : zopenRegularFileAt(folder_.get(), znameOf(path),
+                                                  O_RDWR | O_NOFOLLOW | flags, mode);
+}
+
+ZFailure ZLockedFile::stampNamed(ZFileStamp& stamp) const {
+    if (folder_.get() < 0)
+        return zstampFile(path_.getChars(), stamp);
+    struct stat status;
+    if (fstatat(folder_.get(), znameOf(path_.getChars()), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return zfailed("stat()");
+    zstampOf(status, stamp);
+    return zdone;
+}
+
+void ZLockedFile::open(bool mayCreate) {
     created_ = false;
-    file_.reset(zopenRegularFile(path, O_RDWR));
+    file_.reset(openBy(0));
     if (descriptor() < 0 && errno == ENOENT && mayCreate) {
-        file_.reset(zopenFile(path, O_RDWR | O_CREAT | O_EXCL, 0666));
+        file_.reset(openBy(O_CREAT | O_EXCL, 0666));
         created_ = descriptor() >= 0;
         // Somebody was faster, or the path is a link that leads nowhere yet.
         if (descriptor() < 0 && errno == EEXIST)
-            file_.reset(zopenRegularFile(path, O_RDWR | O_CREAT, 0666));
+            file_.reset(openBy(O_CREAT, 0666));
     }
     if (descriptor() < 0)
-        zraiseIO(path, "fopen(r+)", errno);
+        zraiseIO(path_.getChars(), "fopen(r+)", errno);
 }
 
 // What was made here goes, if it is empty still, and what the path leads to.

@@ -7,6 +7,7 @@
 
 #include "zfilestream.h"
 #include "zinternal.h"
+#include "zmemory.h"
 #include "zwholefile.h"
 
 /// Whose lock is taken, and for how many milliseconds it is tried while somebody else holds it.
@@ -54,11 +55,15 @@ int zopenToRead(const char* path, bool onlyRegular, bool& isDirect);
 /// A stanza file that is open for a store, under its write lock, and the one to which the path
 /// leads: while the lock was awaited, an editor may have put another file in its place. Only a
 /// regular file is taken.
-class ZLockedFile {
+class ZLockedFile : public ZAllocated {
 public:
     /// Opens and locks. A missing file is made if `mayCreate`. Raises ZPropertiesIOException with
     /// "fopen(r+)" or "fcntl()".
-    ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCreate);
+    ZLockedFile(const char* path, const ZLockTerms& terms, bool mayCreate)
+        : ZLockedFile(path, -1, terms, mayCreate) {}
+    /// Likewise the file of that name in the folder that is open as `folder`, which becomes this
+    /// object's, and no other; -1: where `path` leads.
+    ZLockedFile(const char* path, int folder, const ZLockTerms& terms, bool mayCreate);
     /// What was made here and not finished isn't left behind.
     ~ZLockedFile();
     ZLockedFile(const ZLockedFile&) = delete;
@@ -73,8 +78,11 @@ public:
 
 private:
     void open(bool mayCreate);
+    int openBy(int flags, unsigned int mode = 0) const;
+    ZFailure stampNamed(ZFileStamp& stamp) const;
 
     const ZLCString path_;
+    const ZOpenFile folder_;
     ZOpenFile file_;
     ZLockScope lock_;
     bool created_;

@@ -50,7 +50,11 @@ int zopenFileAt(int folder, const char* name, int flags, unsigned int mode) {
 }
 
 int zopenRegularFile(const char* path, int flags, unsigned int mode) {
-    ZOpenFile file(zopenFile(path, flags | O_NONBLOCK, mode));
+    return zopenRegularFileAt(AT_FDCWD, path, flags, mode);
+}
+
+int zopenRegularFileAt(int folder, const char* name, int flags, unsigned int mode) {
+    ZOpenFile file(zopenFileAt(folder, name, flags | O_NONBLOCK, mode));
     struct stat status;
     if (file.get() < 0)
         return -1;

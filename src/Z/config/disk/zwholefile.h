@@ -86,9 +86,10 @@ private:
 int zopenFile(const char* path, int flags, unsigned int mode = 0);
 int zopenFileAt(int folder, const char* name, int flags, unsigned int mode = 0);
 
-/// As zopenFile, but waits for nobody at a pipe or device, and takes nothing but a regular file:
+/// As these, but waits for nobody at a pipe or device, and takes nothing but a regular file:
 /// EISDIR, or EINVAL, otherwise.
 int zopenRegularFile(const char* path, int flags, unsigned int mode = 0);
+int zopenRegularFileAt(int folder, const char* name, int flags, unsigned int mode = 0);
 
 /// Keeps the signal of a write beyond the process's limit for file sizes from the calling thread
 /// while it lives: the write fails with EFBIG, and that is enough.
