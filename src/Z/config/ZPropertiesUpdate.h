@@ -21,6 +21,10 @@
 /// a store is a commit that leaves the update open. getPropertiesFor of the file in this thread
 /// raises ZInvalidParameterException (22).
 ///
+/// Of several files (ZLayers.h) the target is updated: it need not be there, all files are read
+/// anew, and what isn't committed takes the object back to what they held then. The wait is the
+/// constructor's; at the end it is the object's own.
+///
 /// Ownership: a scope object, on the stack. The properties object must outlive it.
 /// Failure: as each call says. An update that couldn't begin has changed nothing, but that the
 ///   object may have been read anew, or be empty after a reading that failed.
@@ -32,7 +36,7 @@
 ///   out earlier are gone, as after a reload, and again where it was taken back.
 class ZEXPORT ZPropertiesUpdate {
 public:
-    /// Begins an update of the file that `properties` belongs to, which must exist. Waits up to
+    /// Begins an update of the file that `properties` belongs to and that must exist. Waits up to
     /// `waitMilliseconds` for the file's lock, whatever the object's own wait is. Raises
     /// ZInvalidParameterException if the object has unsaved changes, has no file, or is in an
     /// update already; ZPropertiesIOException with "fopen(r+)" or, where the lock didn't come in
