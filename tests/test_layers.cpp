@@ -308,7 +308,7 @@ TEST(Layers, LeavesNothingBehind) {
     EXPECT_EQ(values.size(), 1u);
 }
 
-// Two in one layer and one in another, each adding keys of its own.
+// Two in one layer and one in another, each adding keys of its own, by updates and by stores.
 TEST(Layers, LosesNoEditOfSeveralWriters) {
     Tree tree(kBase);
     static const int kEdits = 40;
@@ -317,8 +317,13 @@ TEST(Layers, LosesNoEditOfSeveralWriters) {
             EXPECT_EQ(raised([&] {
                           ZLayers layers(tree.terms, 0, 60000);
                           layers.setTarget("/etc", dropIn);
+                          const string key = name + std::to_string(i);
+                          if (i % 2 == 0) {
+                              set(layers, key.c_str(), "1");
+                              return layers.store(nullptr);
+                          }
                           ZPropertiesUpdate update(layers, 60000);
-                          set(layers, (name + std::to_string(i)).c_str(), "1");
+                          set(layers, key.c_str(), "1");
                           update.commit();
                       }),
                       "");

@@ -315,11 +315,11 @@ ZLayersFile::Shadows ZLayersFile::storeByItself(ZVector<Change>& changes) {
     fresh.setAttributes(model().attributes(), nullptr);
     ZLayerSet::Loaded before;
     zretryBusy(lockWait(), [&] {
-        file.reset();
-        file = openToUpdate(0);
-        updated.descriptor = file->descriptor();
+        std::unique_ptr<ZLockedFile> opened(openToUpdate(0));
+        updated.descriptor = opened->descriptor();
         zcheckIO(zstampFile(updated.descriptor, updated.stamp).of(path().getChars()));
         set_->loadBeside(fresh, 0, &updated.stamp, before);
+        file.swap(opened);  // which is given up where this isn't come to
     });
     // The set belongs to the object's model, which is as it was until all is loaded.
     const ZAtEnd restored([&] { set_->swapLoaded(before); });
