@@ -677,6 +677,10 @@ TEST(Zstz, Layers) {
         EXPECT_EQ(said[0], c.out);
         EXPECT_EQ(said[1].substr(0, *c.err == '\0' ? string::npos : strlen(c.err)), c.err);
     }
+    const Locked writer(folder / "r/usr/lib/app.conf", F_WRLCK);
+    const Outcome locked = run(folder, {"--root", "r", "cat", "app", "--wait=0.1"});
+    EXPECT_EQ(locked.code, 3);
+    EXPECT_EQ(locked.out, "");
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // inside.cpp: the one unit that looks behind the C interface.
 #include <Z/ZBuffer.h>
 #include <Z/ZPropHandle.h>
+#include <Z/zjournal.h>
 #include <Z/zlayerfinding.h>
 #include <Z/zproperror.h>
+#include <fcntl.h>
 
 #include <cerrno>
 
@@ -58,20 +60,55 @@ int backUp(ZPROP_handle* handle, unsigned int count) {
     return call(handle, [&](ZStanzaFileProperties& file) { file.backUp(count); });
 }
 
-int forEachCounting(const ZLayersTerms& terms,
-                    const std::function<void(const char* path, int descriptor)>& visit) {
+// As a load reads one: under its lock, and what a store that was stopped had written down for it.
+// 0 or errno.
+static int readLayer(const ZLayerTree& tree, const ZLayerFinding& finding, const ZLayerFile& layer,
+                     unsigned long wait, std::string& text) {
+    ZLCString place(tree.placeOf(layer));
+    if (layer.root >= 0 && !tree.physicalPath(place.getChars(), place))
+        return errno;
+    ZOpenFile file;
+    ZLockScope lock(file, zlockOfDescription);
+    file.reset(finding.open(layer));
+    if (file.get() < 0)
+        return errno;
+    zcheckIO(
+        zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, wait).of(layer.path.getChars()));
+    ZJournal journal(place.getChars(), file.get(), !layer.isLink);
+    if (journal.find()) {
+        text.assign(journal.text().data, journal.text().size);
+        return 0;
+    }
+    ZBytes bytes;
+    const ZFailure failure = zreadWholeFile(file.get(), bytes);
+    text.assign(bytes.data(), bytes.size());
+    return failure.error;
+}
+
+int readCounting(const ZLayersTerms& terms, unsigned long wait, std::vector<LayerText>& texts) {
     zclearLastError();
     return zguardedByLock([&] {
-        const ZLayerTree tree(terms);
-        ZVector<ZLayerFile> files;
-        ZLayerFinding finding(tree);
-        finding.find(files);
-        for (const ZLayerFile& file : files) {
-            if (file.state != ZLayerFile::counts && file.state != ZLayerFile::bad)
-                continue;
-            const int descriptor = file.state == ZLayerFile::bad ? -1 : finding.open(file);
-            errno = file.state == ZLayerFile::bad ? file.error : errno;
-            visit(file.path.getChars(), descriptor);
-        }
+        struct Attempt {
+            const ZLayerTree tree;
+            const unsigned long wait;
+            std::vector<LayerText>& texts;
+        } attempt = {ZLayerTree(terms), wait, texts};
+        const auto read = [](void* data) -> ZFailure {
+            Attempt& now = *static_cast<Attempt*>(data);
+            ZLayerFinding finding(now.tree);
+            ZVector<ZLayerFile> files;
+            finding.find(files);
+            now.texts.clear();
+            for (const ZLayerFile& file : files) {
+                if (file.state != ZLayerFile::counts && file.state != ZLayerFile::bad)
+                    continue;
+                now.texts.push_back({file.path.getChars(), "", file.error});
+                LayerText& layer = now.texts.back();
+                if (file.state == ZLayerFile::counts)
+                    layer.error = readLayer(now.tree, finding, file, now.wait, layer.text);
+            }
+            return finding.isStill(files) ? zdone : ZFailure{"load()", EAGAIN, nullptr};
+        };
+        zcheckIO(zretryLocked(wait, read, &attempt).of(attempt.tree.mainPath().getChars()));
     });
 }

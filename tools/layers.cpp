@@ -5,7 +5,6 @@
 #include <Z/zlayers.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <map>
 
@@ -381,30 +380,24 @@ Exit layers(const Words& words, const Options& options) {
 }
 
 Exit cat(const Words& words, const Options& options) {
-    const LayersTerms own(options.layers);
-    bool isFirst = true;
+    std::vector<LayerText> files;
+    const int result = readCounting(LayersTerms(options.layers).terms, options.wait, files);
+    if (result != ZPROP_OK)
+        return reportLocking(words[0].c_str(), result);
+    if (files.empty())
+        return complain(fileError, "%s: no file; see zstz layers", words[0].c_str());
     Exit worst = done;
-    const auto print = [&](const char* path, int descriptor) {
-        FILE* stream = descriptor == -1 ? nullptr : fdopen(descriptor, "r");
-        const int error = errno;
-        std::string text;
-        const bool isRead = stream != nullptr && readAll(stream, text);
-        if (stream != nullptr)
-            fclose(stream);
-        if (!isRead) {
-            worst =
-                reportError(fileError, path, stream == nullptr ? strerror(error) : "can't be read");
-            return;
+    bool isFirst = true;
+    for (const LayerText& file : files) {
+        if (file.error != 0) {
+            worst = reportError(fileError, shown(file.path).c_str(), strerror(file.error));
+            continue;
         }
-        printf("%s# %s\n", isFirst ? "" : "\n", shown(path).c_str());
+        printf("%s# %s\n", isFirst ? "" : "\n", shown(file.path).c_str());
         isFirst = false;
-        fwrite(text.data(), 1, text.size(), stdout);
-        if (!text.empty() && text.back() != '\n')
+        fwrite(file.text.data(), 1, file.text.size(), stdout);
+        if (!file.text.empty() && file.text.back() != '\n')
             putchar('\n');
-    };
-    if (forEachCounting(own.terms, print) != ZPROP_OK)
-        return reportLastError(words[0].c_str());
-    return isFirst && worst == done
-               ? complain(fileError, "%s: no file; see zstz layers", words[0].c_str())
-               : worst;
+    }
+    return worst;
 }

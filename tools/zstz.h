@@ -232,10 +232,14 @@ int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool
 /// What the file of an open update holds, and what a store over a text would write.
 int updatedText(ZPROP_handle* handle, std::string& text);
 int textOver(ZPROP_handle* handle, const std::string& before, std::string& text);
-/// Calls `visit` for each file of a layered configuration that counts, in their order, with it
-/// opened to be read, which is the visitor's to close; -1 with errno where it can't be.
-int forEachCounting(const struct ZLayersTerms& terms,
-                    const std::function<void(const char* path, int descriptor)>& visit);
+/// The files of a layered configuration that count, and those that can't be found out about, in
+/// their order, all of one moment. `error`: the errno where one can't be read.
+struct LayerText {
+    std::string path, text;
+    int error;
+};
+int readCounting(const struct ZLayersTerms& terms, unsigned long wait,
+                 std::vector<LayerText>& texts);
 /// Keeps what the file of an open update holds.
 int backUp(ZPROP_handle* handle, unsigned int count);
 
