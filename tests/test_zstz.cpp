@@ -599,6 +599,7 @@ TEST(Zstz, Layers) {
     folder.write("r/etc/bad.conf", "[s]\n");
     ASSERT_EQ(mkdir((folder / "r/etc/bad.conf.d").c_str(), 0777), 0);
     folder.write("r/etc/bad.conf.d/a.conf", "[s]\nnonsense\n");
+    folder.write("r/etc/bad.conf.d/b.conf", "[configuration-database]\nfile = /etc/bad.conf\n");
     folder.write("r/etc/own/main.conf", "[s]\nk = o\n");
     // In order: ROOT stands for the root's path in what is printed.
     const struct {
@@ -616,7 +617,8 @@ TEST(Zstz, Layers) {
          "ROOT/etc/app.conf.d/30-c.conf: drop-in\nROOT/etc/app.conf.d/90-top.conf: drop-in\n"},
         {"layers bad", 4,
          "ROOT/etc/bad.conf: main\n"
-         "ROOT/etc/bad.conf.d/a.conf:2: drop-in, bad line: nonsense\n"},
+         "ROOT/etc/bad.conf.d/a.conf:2: drop-in, bad line: nonsense\n"
+         "ROOT/etc/bad.conf.d/b.conf: drop-in, bad: not a side database\n"},
         {"layers none", 3, "", "zstz: none: no file; looked for ROOT/etc/none.conf"},
         {"cat app", 0,
          "# ROOT/usr/lib/app.conf\n# vendor\n[s]\nk = 1\nk = 2\nl = x\n\n"
@@ -630,14 +632,24 @@ TEST(Zstz, Layers) {
         {"--layers app list --all-layers s", 0,
          "- ROOT/usr/lib/app.conf:3: [s] k = 1\n- ROOT/usr/lib/app.conf:4: [s] k = 2\n"
          "+ ROOT/etc/app.conf.d/90-top.conf:2: [s] k = 9\n+ ROOT/usr/lib/app.conf:5: [s] l = x\n"},
+        {"--layers app get --all-layers s k", 0,
+         "- ROOT/usr/lib/app.conf:3: 1\n- ROOT/usr/lib/app.conf:4: 2\n"
+         "+ ROOT/etc/app.conf.d/90-top.conf:2: 9\n"},
+        {"--layers app get --all-layers s k s l", 2, "", "zstz: --all-layers with several keys"},
         {"--layers app get --origin --json t e", 0,
          "{\"stanza\": \"t\", \"key\": \"e\", \"value\": null, "
          "\"file\": \"ROOT/etc/app.conf.d/30-c.conf\", \"line\": 2}\n"},
-        {"--layers bad check", 4, "", "ROOT/etc/bad.conf.d/a.conf:2: error: bad line: nonsense\n"},
+        {"--layers bad check", 4, "",
+         "ROOT/etc/bad.conf.d/a.conf:2: error: bad line: nonsense\n"
+         "ROOT/etc/bad.conf.d/b.conf: error: not a side database\n"},
+        {"--layers none check", 3, "", "ROOT/etc/none.conf: error: no such file"},
+        {"--layers app check --json", 0, "{\"file\": \"--layers app\", \"ok\": true}\n"},
         {"--layers bad check --json", 4,
          "{\"file\": \"--layers bad\", \"ok\": false, \"in\": "
          "\"ROOT/etc/bad.conf.d/a.conf\", \"line\": 2, \"error\": "
-         "\"bad line\", \"text\": \"nonsense\"}\n"},
+         "\"bad line\", \"text\": \"nonsense\"}\n"
+         "{\"file\": \"--layers bad\", \"ok\": false, \"in\": \"ROOT/etc/bad.conf.d/b.conf\", "
+         "\"error\": \"not a side database\"}\n"},
         // Where there is no main file in /etc, changes go into a drop-in.
         {"--layers app set s k 5", 5, "", "ROOT/etc/app.conf.d/90-top.conf:2: note: gives another"},
         {"--layers app edit 'set s l y' 'unset s k'", 5, "", "ROOT/etc/app.conf.d/90-top.conf:2:"},
@@ -654,8 +666,15 @@ TEST(Zstz, Layers) {
         {"--layers main:own get --origin s k", 0, "ROOT/etc/own/main.conf:2: v\n"},
         {"--layers new set --to user s k v", 0, ""},
         {"--layers new get --user --origin s k", 0, "ROOT/home/new.conf:3: v\n"},
+        {"--layers new set --to run/b.conf s k w", 0, ""},
+        {"--layers new set --to user/a.conf s k v", 5, "", "ROOT/run/new.conf.d/b.conf:4: note:"},
+        {"layers --user new", 0,
+         "ROOT/home/new.conf: main, shadowed\n"
+         "ROOT/home/new.conf.d/a.conf: drop-in, shadowed\n"
+         "ROOT/run/new.conf.d/b.conf: drop-in\n"},
         {"--layers app set --to etc s k v", 3, "", "--layers app: error: the target would hide"},
-        {"--layers app set --to b/c.conf s k v", 2, "", "zstz: no target of"},
+        {"--layers app set --to etc/.c.conf s k v", 2, "", "zstz: no target of"},
+        {"--layers app set --to b/c.conf s k v", 2, "", "zstz: --to takes etc,"},
         {"--layers app get --to etc s k", 2, "", "zstz: --to goes with"},
         {"--layers app comment x", 2, "", "zstz: comment doesn't go with --layers: a comment"},
         {"--layers app edit 'rename s t'", 2, "", "zstz: rename doesn't go with --layers"},
@@ -681,6 +700,21 @@ TEST(Zstz, Layers) {
     const Outcome locked = run(folder, {"--root", "r", "cat", "app", "--wait=0.1"});
     EXPECT_EQ(locked.code, 3);
     EXPECT_EQ(locked.out, "");
+}
+
+TEST(Zstz, WatchesLayersThatComeLater) {
+    TempFolder folder;
+    const string line =
+        "mkdir r; layers='zstz --root r --layers app'; i=0; $layers watch "
+        "'echo $ZSTZ_FILE $ZSTZ_CHANGE $ZSTZ_STANZA/$ZSTZ_KEY >>ran' & watch=$!; "
+        "until [ -s ran ]; do i=$((i + 1)); $layers set s k $i; sleep 0.05; done; "
+        "$layers set s l 1; until grep -q s/l ran; do sleep 0.05; done; "
+        "$layers set --to run/10-a.conf s k 0 2>err; "  // changes no value
+        "$layers set --to run/90-a.conf s l 2; until grep -q 'modified s/l' ran; do sleep 0.05; "
+        "done; kill $watch";
+    ASSERT_EQ(shell(folder, line), 0);
+    const string ran = TempFolder::read(folder / "ran");
+    EXPECT_EQ(ran.substr(ran.find("app added s/l")), "app added s/l\napp modified s/l\n");
 }
 
 }  // namespace

@@ -43,18 +43,19 @@ Failed lastFailure(const char* file) {
         failed.code = badData;
     } else if (error.number == invalidData) {
         failed.code = badData;
-        failed.text = "not a side database";
+        failed.text = kNotASide;
     }
     return failed;
 }
 
-Exit reportLastError(const char* file) {
-    const Failed failed = lastFailure(file);
+Exit report(const Failed& failed) {
     return failed.line > 0
                ? reportError(failed.code, (failed.file + ":" + std::to_string(failed.line)).c_str(),
                              "bad line: " + failed.text)
                : reportError(failed.code, failed.file.c_str(), failed.text);
 }
+
+Exit reportLastError(const char* file) { return report(lastFailure(file)); }
 
 std::string lastErrorText() {
     ZPROP_error error;
@@ -89,10 +90,14 @@ Exit openText(const char* file, const std::string& text, Handle& handle) {
     return done;
 }
 
-Exit reportLocking(const char* file, int result) {
-    const Exit failed = reportLastError(file);
+void adviseWaiting(int result) {
     if (result == ZPROP_ERR_LOCKED)
         complain(fileError, "somebody else has it locked; --wait SECONDS waits longer");
+}
+
+Exit reportLocking(const char* file, int result) {
+    const Exit failed = reportLastError(file);
+    adviseWaiting(result);
     return failed;
 }
 

@@ -10,7 +10,27 @@
 
 #include "zstz.h"
 
+static bool endsWith(const std::string& text, const char* end) {
+    const size_t length = strlen(end);
+    return text.size() > length && text.compare(text.size() - length, length, end) == 0;
+}
+
 namespace {
+
+// What --to says: a root's main file, or a drop-in of it; one of /etc without a root.
+struct Target {
+    explicit Target(const std::string& to) {
+        const size_t name = to.find('/') + 1;  // 0 without one
+        if (endsWith(to, ".conf"))
+            dropIn = to.substr(name);
+        root = name != 0 ? to.substr(0, name - 1) : dropIn.empty() ? to : "etc";
+        isGood =
+            (name == 0 || !dropIn.empty()) && (root == "etc" || root == "run" || root == "user");
+    }
+
+    std::string root, dropIn;
+    bool isGood;
+};
 
 // The terms, with what they point to.
 class LayersTerms {
@@ -24,7 +44,7 @@ public:
         terms.name = name.c_str();
         terms.project = project.empty() ? nullptr : project.c_str();
         terms.prefix = root.empty() ? nullptr : root.c_str();
-        terms.flags = options.withUser || options.to == "user" ? ZLAYERS_USER : 0;
+        terms.flags = options.withUser || Target(options.to).root == "user" ? ZLAYERS_USER : 0;
     }
     LayersTerms(const LayersTerms&) = delete;
 
@@ -53,7 +73,14 @@ struct File {
           state(info.state),
           other(info.other == nullptr ? "" : info.other),
           line(info.line),
-          reason(info.reason == nullptr ? "" : info.reason) {}
+          reason(info.reason == nullptr ? "" : info.reason) {
+        if (state == ZLAYER_BAD && line == 0 && reason.empty())
+            reason = kNotASide;
+    }
+
+    Exit badness() const {
+        return state != ZLAYER_BAD ? done : line > 0 || reason == kNotASide ? badData : fileError;
+    }
 
     std::string path;
     ZLayerKind kind;
@@ -61,6 +88,7 @@ struct File {
     std::string other;
     int line;
     std::string reason;
+    bool isShadowed = false;  // has entries, and later files give all of their keys
 };
 
 // An entry of one of the files, to be kept.
@@ -122,11 +150,6 @@ static Exit parseName(LayerOptions& layers) {
 
 std::string LayerOptions::label() const { return "--layers " + name; }
 
-static bool endsWith(const std::string& text, const char* end) {
-    const size_t length = strlen(end);
-    return text.size() > length && text.compare(text.size() - length, length, end) == 0;
-}
-
 Exit checkForLayers(const char* command, const Terms& terms) {
     static const struct {
         const char *command, *why;
@@ -135,7 +158,6 @@ Exit checkForLayers(const char* command, const Terms& terms) {
         {"rename", "a name that other files give can't be changed in one of them"},
         {"disable", "comments belong to one file"},
         {"merge", "give the files themselves"},
-        {"watch", "it follows one file"},
         {"layers", "it takes NAME itself"},
         {"cat", "it takes NAME itself"},
     };
@@ -163,6 +185,7 @@ Exit useLayers(Words& words, Options& options) {
         return failed;
     layers.isChanged =
         command == "set" || command == "add" || command == "unset" || command == "edit";
+    layers.mayBeEmpty = layers.isChanged || command == "watch";
     const struct {
         bool isGiven;
         const char *option, *why;
@@ -179,15 +202,14 @@ Exit useLayers(Words& words, Options& options) {
                             refused.why);
     if (!layers.to.empty() && !layers.isChanged)
         return complain(usage, "--to goes with set, add, unset and edit");
-    if (!layers.to.empty() && layers.to != "etc" && layers.to != "run" && layers.to != "user" &&
-        !endsWith(layers.to, ".conf"))
-        return complain(usage, "--to takes etc, run, user or NAME.conf: %s", layers.to.c_str());
-    if (layers.withOrigin && command != "get" && command != "list")
-        return complain(usage, "--origin goes with get and list");
-    if (layers.withOrigin && options.hasDefault)
+    if (!layers.to.empty() && !Target(layers.to).isGood)
+        return complain(usage,
+                        "--to takes etc, run, user or NAME.conf, or both as run/NAME.conf: %s",
+                        layers.to.c_str());
+    if (layers.withOrigins() && command != "get" && command != "list")
+        return complain(usage, "--origin and --all-layers go with get and list");
+    if (layers.withOrigins() && options.hasDefault)
         return complain(usage, "--default doesn't go with --origin: it comes from no file");
-    if (layers.all && command != "list")
-        return complain(usage, "--all-layers goes with list");
     if (!takesName)
         words.insert(words.begin() + 1, layers.label());
     return parseName(layers);
@@ -197,16 +219,14 @@ Exit useLayers(Words& words, Options& options) {
 // none.
 static Exit setTarget(ZPROP_handle* handle, const LayersTerms& terms, const LayerOptions& options) {
     const std::string label = options.label();
-    const char *root = "/etc", *dropIn = nullptr;
-    if (options.to == "run") {
-        root = "/run";
-    } else if (options.to == "user") {
+    const Target target(options.to);
+    const char* root = target.root == "run" ? "/run" : "/etc";
+    const char* dropIn = target.dropIn.empty() ? nullptr : target.dropIn.c_str();
+    if (target.root == "user") {
         root = nullptr;  // the highest, if there is one
         const char *config = getenv("XDG_CONFIG_HOME"), *home = getenv("HOME");
         if (!(config != nullptr && *config == '/') && !(home != nullptr && *home == '/'))
             return complain(usage, "--to user needs HOME or XDG_CONFIG_HOME");
-    } else if (endsWith(options.to, ".conf")) {
-        dropIn = options.to.c_str();
     } else if (options.to.empty()) {
         std::vector<File> files;
         if (const Exit failed = filesOf(handle, label.c_str(), files))
@@ -224,7 +244,7 @@ static Exit setTarget(ZPROP_handle* handle, const LayersTerms& terms, const Laye
 
 int openLayers(const Options& options, ZPROP_handle** handle) {
     LayersTerms terms(options.layers);
-    terms.terms.flags |= options.layers.isChanged ? ZLAYERS_MAY_BE_EMPTY : 0;
+    terms.terms.flags |= options.layers.mayBeEmpty ? ZLAYERS_MAY_BE_EMPTY : 0;
     return zstzLayers_open(handle, &terms.terms, ZPROP_OPEN_UPDATE, ZPCACHE_STRICT, options.wait);
 }
 
@@ -260,13 +280,11 @@ static void printEntry(const Entry& entry, bool valueOnly, const Options& option
                                  : ", \"counts\": false}");
         return;
     }
-    const std::string value = (entry.value.empty() ? "" : " ") + entry.value;
     const char* sign = !options.layers.all ? "" : entry.counts ? "+ " : "- ";
-    if (valueOnly)
-        printf("%s:%s\n", entry.place().c_str(), value.c_str());
-    else
-        printf("%s%s: [%s] %s =%s\n", sign, entry.place().c_str(), entry.stanza.c_str(),
-               entry.key.c_str(), value.c_str());
+    printf("%s%s:", sign, entry.place().c_str());
+    if (!valueOnly)
+        printf(" [%s] %s =", entry.stanza.c_str(), entry.key.c_str());
+    printf("%s%s\n", entry.value.empty() ? "" : " ", entry.value.c_str());
 }
 
 static Exit entriesOf(ZPROP_handle* handle, const char* file, const Options& options,
@@ -289,7 +307,8 @@ Exit getOrigins(ZPROP_handle* handle, const Words& words, const Options& options
         if (found == entries.end())
             continue;
         const std::vector<Entry>& all = found->second;
-        for (size_t at = options.all ? 0 : all.size() - 1; at < all.size(); ++at)
+        for (size_t at = options.all || options.layers.all ? 0 : all.size() - 1; at < all.size();
+             ++at)
             printEntry(all[at], true, options);
     }
     return done;
@@ -315,13 +334,38 @@ Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const
     return done;
 }
 
-// ---------------------------------------------------------------- layers, cat
+// ---------------------------------------------------------------- layers, check, cat
 
 static const char* const kKinds[] = {"main", "drop-in", "extra"};
 
+// Whatever the state of its files is.
+static int openAnyState(const LayersTerms& own, const Options& options, Handle& handle) {
+    ZLayersTerms terms = own.terms;
+    terms.flags |= ZLAYERS_SKIP_BAD | ZLAYERS_MAY_BE_EMPTY;
+    ZPROP_handle* opened = nullptr;
+    const int result =
+        zstzLayers_open(&opened, &terms, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.wait);
+    handle.reset(opened);
+    return result;
+}
+
+// Which files have entries, and whether any of these counts.
+static Exit findCounting(ZPROP_handle* handle, const char* name,
+                         std::map<std::string, bool>& counting) {
+    const auto note = [](void* to, const ZLayerEntry* entry) {
+        bool& counts = (*static_cast<std::map<std::string, bool>*>(to))[entry->file];
+        counts = counts || entry->counts != 0;
+        return 0;
+    };
+    return zstzLayers_forEachEntry(handle, note, &counting) == ZPROP_OK ? done
+                                                                        : reportLastError(name);
+}
+
 static void printFile(const File& file, const std::vector<File>& files) {
     std::string state;
-    if (file.state == ZLAYER_MASKS) {
+    if (file.isShadowed) {
+        state = ", shadowed";
+    } else if (file.state == ZLAYER_MASKS) {
         state = ", masks";
     } else if (file.state == ZLAYER_HIDDEN) {
         state = ", hidden by " + file.other;
@@ -341,7 +385,7 @@ static void printFile(const File& file, const std::vector<File>& files) {
 static void printFileAsJSON(const File& file) {
     static const char* const kStates[] = {"counts", "masks", "hidden", "repeated", "bad"};
     printf("{\"file\": %s, \"kind\": \"%s\", \"state\": \"%s\"", jsonOf(file.path).c_str(),
-           kKinds[file.kind], kStates[file.state]);
+           kKinds[file.kind], file.isShadowed ? "shadowed" : kStates[file.state]);
     if (!file.other.empty())
         printf(", \"other\": %s", jsonOf(file.other).c_str());
     if (file.line > 0)
@@ -352,31 +396,52 @@ static void printFileAsJSON(const File& file) {
 }
 
 Exit layers(const Words& words, const Options& options) {
+    const char* name = words[0].c_str();
     const LayersTerms own(options.layers);
-    ZLayersTerms terms = own.terms;
-    terms.flags |= ZLAYERS_SKIP_BAD | ZLAYERS_MAY_BE_EMPTY;
-    ZPROP_handle* opened = nullptr;
-    const int result =
-        zstzLayers_open(&opened, &terms, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.wait);
+    Handle handle;
+    const int result = openAnyState(own, options, handle);
     if (result != ZPROP_OK)
-        return reportLocking(words[0].c_str(), result);
-    const Handle handle(opened);
+        return reportLocking(name, result);
     std::vector<File> files;
-    if (const Exit failed = filesOf(opened, words[0].c_str(), files))
+    std::map<std::string, bool> counting;
+    Exit failed = filesOf(handle.get(), name, files);
+    if (failed == done)
+        failed = findCounting(handle.get(), name, counting);
+    if (failed != done)
         return failed;
     if (files.empty())
-        return complain(fileError, "%s: no file; looked for %s, drop-ins, and in lower roots",
-                        words[0].c_str(), own.mainFile().c_str());
+        return complain(fileError, "%s: no file; looked for %s, drop-ins, and in lower roots", name,
+                        own.mainFile().c_str());
     Exit worst = done;
-    for (const File& file : files) {
+    for (File& file : files) {
+        const auto found = counting.find(file.path);
+        file.isShadowed = file.state == ZLAYER_COUNTS && found != counting.end() && !found->second;
         if (options.json)
             printFileAsJSON(file);
         else
             printFile(file, files);
-        if (file.state == ZLAYER_BAD)
-            worst = std::max(worst, file.line > 0 ? badData : fileError);
+        worst = std::max(worst, file.badness());
     }
     return worst;
+}
+
+void findBad(const Options& options, const std::function<void(const Failed&)>& tell) {
+    const LayersTerms own(options.layers);
+    const std::string label = options.layers.label();
+    Handle handle;
+    std::vector<File> files;
+    const int result = openAnyState(own, options, handle);
+    if (result != ZPROP_OK ||
+        zstzLayers_forEachFile(handle.get(), keep<File, ZLayerInfo>, &files) != ZPROP_OK) {
+        tell(lastFailure(label.c_str()));
+        adviseWaiting(result);
+        return;
+    }
+    if (files.empty())
+        tell({fileError, own.mainFile(), 0, "no such file, nor one in lower roots, nor drop-ins"});
+    for (const File& file : files)
+        if (file.badness() != done)
+            tell({file.badness(), shown(file.path), file.line, shown(file.reason)});
 }
 
 Exit cat(const Words& words, const Options& options) {

@@ -1,5 +1,7 @@
 #include "zstz.h"
 
+#include <algorithm>
+
 // ---------------------------------------------------------------- get
 
 // Prints the values of one key as `get` does. A key that isn't there has the default one.
@@ -26,8 +28,9 @@ static Exit printValues(ZPROP_handle* handle, const char* file, const char* stan
 Exit get(const Words& words, const Options& options) {
     if (words.size() % 2 == 0)
         return complain(usage, "get takes FILE and pairs of STANZA and KEY");
-    if (options.all && !options.json && words.size() > 3)
-        return complain(usage, "--all with several keys goes with --json: a list a line");
+    if ((options.all || options.layers.all) && !options.json && words.size() > 3)
+        return complain(usage, "%s with several keys goes with --json",
+                        options.all ? "--all" : "--all-layers");
     const char* file = words[0].c_str();
     Handle handle;
     if (const Exit failed = openFile(file, options, handle))
@@ -38,7 +41,7 @@ Exit get(const Words& words, const Options& options) {
         areThere = isThere(handle.get(), file, words[i].c_str(), words[i + 1].c_str()) && areThere;
     if (!areThere)
         return notFound;
-    if (options.layers.withOrigin)
+    if (options.layers.withOrigins())
         return getOrigins(handle.get(), words, options);
     for (size_t i = 1; i < words.size(); i += 2)
         if (const Exit failed =
@@ -146,7 +149,7 @@ Exit list(const Words& words, const Options& options) {
         return failed;
     if (stanza != nullptr && !isThere(handle.get(), file, stanza, nullptr))
         return notFound;
-    if (options.layers.withOrigin || options.layers.all)
+    if (options.layers.withOrigins())
         return listOrigins(handle.get(), file, stanza, options);
     if (options.json)
         return listAsJSON(handle.get(), file, stanza);
@@ -162,27 +165,7 @@ Exit list(const Words& words, const Options& options) {
 
 // ---------------------------------------------------------------- check
 
-// Whether it is good; why not, goes to standard output.
-static Exit checkAsJSON(const char* file, const Options& options) {
-    ZPROP_handle* opened = nullptr;
-    int result;
-    if (isStandardInput(file)) {
-        std::string text;
-        if (const Exit failed = readStandardInput(text))
-            return failed;
-        result = zstzPropOpenBytes(&opened, text.data(), text.size(), ZPCACHE_STRICT);
-    } else if (options.isLayers(file)) {
-        result = openLayers(options, &opened);
-    } else {
-        result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.storeMode,
-                                  options.wait);
-    }
-    const Handle handle(opened);
-    if (result == ZPROP_OK) {
-        printf("{\"file\": %s, \"ok\": true}\n", jsonOf(file).c_str());
-        return done;
-    }
-    const Failed failed = lastFailure(file);
+static void printAsJSON(const char* file, const Failed& failed) {
     printf("{\"file\": %s, \"ok\": false, \"in\": %s, ", jsonOf(file).c_str(),
            jsonOf(failed.file).c_str());
     if (failed.line > 0)
@@ -190,16 +173,49 @@ static Exit checkAsJSON(const char* file, const Options& options) {
                jsonOf(failed.text).c_str());
     else
         printf("\"error\": %s}\n", jsonOf(failed.text).c_str());
-    return failed.code;
+}
+
+// Tells what is wrong with one file, if anything is.
+static Exit checkFile(const char* file, const Options& options,
+                      const std::function<void(const Failed&)>& tell) {
+    ZPROP_handle* opened = nullptr;
+    int result;
+    if (isStandardInput(file)) {
+        std::string text;
+        if (const Exit failed = readStandardInput(text))
+            return failed;
+        result = zstzPropOpenBytes(&opened, text.data(), text.size(), ZPCACHE_STRICT);
+    } else if (*file == '\0') {
+        return complain(usage, "FILE is empty");
+    } else {
+        result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.storeMode,
+                                  options.wait);
+    }
+    const Handle handle(opened);
+    if (result != ZPROP_OK)
+        tell(lastFailure(file));
+    adviseWaiting(result);
+    return done;
 }
 
 Exit check(const Words& words, const Options& options) {
     Exit worst = done;
     for (const std::string& file : words) {
-        Handle handle;
-        const Exit result = options.json ? checkAsJSON(file.c_str(), options)
-                                         : openFile(file.c_str(), options, handle);
-        worst = result > worst ? result : worst;
+        Exit result = done;
+        const auto tell = [&](const Failed& failed) {
+            result = std::max(result, failed.code);
+            if (options.json)
+                printAsJSON(file.c_str(), failed);
+            else
+                report(failed);
+        };
+        if (options.isLayers(file.c_str()))
+            findBad(options, tell);
+        else if (const Exit failed = checkFile(file.c_str(), options, tell))
+            result = failed;
+        if (options.json && result == done)
+            printf("{\"file\": %s, \"ok\": true}\n", jsonOf(file).c_str());
+        worst = std::max(worst, result);
     }
     return worst;
 }

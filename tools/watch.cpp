@@ -14,7 +14,7 @@ struct CloseWatch {
 
 // What is done about one change.
 struct Action {
-    const char* file;
+    const char* file;     // or the name of a layered configuration
     const char* command;  // null: the change is printed
     bool asJSON;
 };
@@ -47,23 +47,25 @@ static void act(void* data, const char* stanza, const char* key, int change) {
 }
 
 Exit watch(const Words& words, const Options& options) {
-    Action action = {words[0].c_str(), words.size() > 1 ? words[1].c_str() : nullptr, options.json};
+    const char* file = words[0].c_str();
+    Action action = {options.isLayers(file) ? options.layers.name.c_str() : file,
+                     words.size() > 1 ? words[1].c_str() : nullptr, options.json};
     if (options.json && action.command != nullptr)
         return complain(usage, "--json prints changes, and goes without COMMAND");
-    if (isStandardInput(action.file))
+    if (isStandardInput(file))
         return complain(usage, "standard input can't be watched");
     Handle handle;
-    if (const Exit failed = openFile(action.file, options, handle))
+    if (const Exit failed = openFile(file, options, handle))
         return failed;
     ZPROP_watch_handle* opened = nullptr;
     if (zstzPropWatch_open(handle.get(), &opened) != ZPROP_OK)
-        return reportLastError(action.file);
+        return reportLastError(file);
     const std::unique_ptr<ZPROP_watch_handle, CloseWatch> watched(opened);
     for (;;) {
         int error = 0;
         zstzPropWatch_process(watched.get(), act, &action, &error);
         if (error != ZPROP_OK)
-            reportLastError(action.file);  // the next content may be better
+            reportLastError(file);  // the next content may be better
         if (fflush(stdout) != 0)
             return fileError;
         struct pollfd ready = {zstzPropWatch_fd(watched.get()), POLLIN, 0};

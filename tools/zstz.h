@@ -41,6 +41,9 @@ enum Exit {
 /// What zstzPropLastError calls failures that are no failed call of the system.
 enum Failure { invalidData = 44 };
 
+/// What is wrong with a side database of no such content.
+static const char kNotASide[] = "not a side database";
+
 /// What the value of set has to be.
 enum ValueType { anyType, stringType, integerType, booleanType };
 
@@ -60,10 +63,12 @@ struct LayerOptions {
     std::string to;    // the target of changes
     bool withUser = false;
     bool withOrigin = false;
-    bool all = false;        // shadowed entries, too
+    bool all = false;        // shadowed entries, too, all with their origin
     bool isChanged = false;  // by this command
+    bool mayBeEmpty = false;
 
-    bool isTold() const { return !root.empty() || !to.empty() || withUser || withOrigin || all; }
+    bool isTold() const { return !root.empty() || !to.empty() || withUser || withOrigins(); }
+    bool withOrigins() const { return withOrigin || all; }
     /// What stands in the place of FILE, in messages too; no file is called so but as "./--layers".
     std::string label() const;
 };
@@ -146,8 +151,9 @@ bool readAll(FILE* stream, std::string& text);
 Exit readStandardInput(std::string& text);
 
 /// Tells the last error, of a call that takes the file's lock, and what helps where somebody else
-/// has that.
+/// has that; only the latter.
 Exit reportLocking(const char* file, int result);
+void adviseWaiting(int result);
 /// Opens and loads the file, or the layered configuration that stands in its place, strictly and a
 /// file with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
@@ -163,6 +169,7 @@ struct Failed {
 };
 Failed lastFailure(const char* file);
 /// Tells it, as a compiler would where it was a line of a file.
+Exit report(const Failed& failed);
 Exit reportLastError(const char* file);
 /// What the last call has met, in the library's words.
 std::string lastErrorText();
@@ -218,6 +225,8 @@ Exit openLayers(const Options& options, Handle& handle);
 int openLayers(const Options& options, ZPROP_handle** handle);
 /// Tells that a higher file gives what was changed another value, after a store that said so.
 Exit reportShadowed(const char* file);
+/// Tells what is wrong with its files, one by one.
+void findBad(const Options& options, const std::function<void(const Failed&)>& tell);
 /// As get and list, with the file and line of each value.
 Exit getOrigins(ZPROP_handle* handle, const Words& words, const Options& options);
 Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const Options& options);
