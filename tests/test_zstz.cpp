@@ -608,6 +608,16 @@ TEST(Zstz, Layers) {
         const char* out;
         const char* err = "";
     } kCases[] = {
+        {"--layers app set --dry-run s k 5", 5,
+         "--- ROOT/etc/app.conf.d/50-local.conf\n+++ ROOT/etc/app.conf.d/50-local.conf\n"
+         "@@ -0,0 +1,4 @@\n+# Made for changed keys; removed with the last of them.\n+\n+[s]\n"
+         "+k = 5\n",
+         "ROOT/etc/app.conf.d/90-top.conf:2: note: gives another value still; the change would be"},
+        {"--layers app set --dry-run s l x", 0, ""},
+        {"--layers app unset --dry-run s x", 1, "", "--layers app: no key x in [s]"},
+        {"--layers app set --dry-run --to etc s k v", 3, "", "--layers app: error: the target wo"},
+        {"--layers none set --dry-run --to run s k v", 0,
+         "--- ROOT/run/none.conf\n+++ ROOT/run/none.conf\n@@ -0,0 +1,3 @@\n+\n+[s]\n+k = v\n"},
         {"layers app", 0,
          "ROOT/usr/lib/app.conf: main\n"
          "ROOT/usr/lib/app.conf.d/10-a.conf: drop-in, masked by ROOT/etc/app.conf.d/10-a.conf\n"
@@ -661,6 +671,10 @@ TEST(Zstz, Layers) {
         {"--layers app unset --to 99-z.conf s k", 0, ""},
         {"--layers app get s k", 0, "\n"},
         {"--layers bad:x set s k v", 0, ""},
+        {"--layers bad:x unset --dry-run s k", 0,  // which removes the file
+         "--- ROOT/etc/x/bad.conf.d/50-local.conf\n+++ ROOT/etc/x/bad.conf.d/50-local.conf\n"
+         "@@ -1,4 +0,0 @@\n-# Made for changed keys; removed with the last of them.\n-\n-[s]\n"
+         "-k = v\n"},
         {"--layers bad:x get --origin s k", 0, "ROOT/etc/x/bad.conf.d/50-local.conf:4: v\n"},
         {"--layers main:own set s k v", 0, ""},
         {"--layers main:own get --origin s k", 0, "ROOT/etc/own/main.conf:2: v\n"},

@@ -3,6 +3,7 @@
 #include <Z/ZPropHandle.h>
 #include <Z/zjournal.h>
 #include <Z/zlayerfinding.h>
+#include <Z/zlayersfile.h>
 #include <Z/zproperror.h>
 #include <fcntl.h>
 
@@ -58,6 +59,23 @@ int textOver(ZPROP_handle* handle, const std::string& before, std::string& text)
 
 int backUp(ZPROP_handle* handle, unsigned int count) {
     return call(handle, [&](ZStanzaFileProperties& file) { file.backUp(count); });
+}
+
+int foreseeTarget(ZPROP_handle* handle, std::string& path, std::string& before, std::string& now) {
+    ZPROP_stz_handle* several = static_cast<ZPROP_stz_handle*>(handle);
+    zclearLastError();
+    const int result = zguardedByLock([&] {
+        ZLayersFile& layers = ZLayersFile::of(several->properties);
+        ZBuffer old, fresh;
+        {
+            ZResourceLock guard(layers.lock());
+            layers.foresee(old, fresh);
+            path = layers.path().getChars();
+        }
+        take(old, before);
+        take(fresh, now);
+    });
+    return zstoreResult(several, result);
 }
 
 // As a load reads one: under its lock, and what a store that was stopped had written down for it.

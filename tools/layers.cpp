@@ -191,7 +191,6 @@ Exit useLayers(Words& words, Options& options) {
         const char *option, *why;
     } kRefused[] = {
         {options.backups != 0, "--backup", "keep the file that is changed yourself"},
-        {options.dryRun, "--dry-run", "the whole isn't the text of one file"},
         {options.create, "--create", "the file is made as needed"},
         {options.editor, "--editor", "edit the file itself, see zstz layers"},
         {options.storeMode != ZPROP_STORE_SAFE, "--store", "changes are always stored safely"},
@@ -258,11 +257,11 @@ Exit openLayers(const Options& options, Handle& handle) {
                                     : done;
 }
 
-Exit reportShadowed(const char* file) {
+Exit reportShadowed(const char* file, bool would) {
     const Failed by = lastFailure(file);
-    fprintf(stderr, "%s%s%s: note: gives another value still; the change is stored below it\n",
+    fprintf(stderr, "%s%s%s: note: gives another value still; the change %s stored below it\n",
             by.file.c_str(), by.line > 0 ? ":" : "",
-            by.line > 0 ? std::to_string(by.line).c_str() : "");
+            by.line > 0 ? std::to_string(by.line).c_str() : "", would ? "would be" : "is");
     return shadowed;
 }
 

@@ -81,9 +81,12 @@ static Exit foresee(ZPROP_handle* handle, const char* file, std::string& before,
 }
 
 // Says what helps where a store can't be made beside the file.
-static Exit tellOtherMode(const char* why) {
+static Exit tellOtherMode(const char* why, const Options& options) {
     return complain(fileError,
-                    "%s; --store checked writes in place, and a crash may cut that in two", why);
+                    options.layers.isChanged
+                        ? "%s"
+                        : "%s; --store checked writes in place, and a crash may cut that in two",
+                    why);
 }
 
 static const char kSeveralNames[] =
@@ -97,29 +100,33 @@ static Exit reportStore(const char* file, const Options& options) {
     if (options.storeMode != ZPROP_STORE_SAFE)
         return code;
     if (error == EMLINK)
-        return tellOtherMode(kSeveralNames);
+        return tellOtherMode(kSeveralNames, options);
     // What lies beside the file bears another name.
-    return (error == EACCES || error == EROFS) && failed.file != file ? tellOtherMode(kNoFolder)
-                                                                      : code;
+    return (error == EACCES || error == EROFS) && failed.file != file
+               ? tellOtherMode(kNoFolder, options)
+               : code;
 }
 
-// Whether a store would find the file and its folder as it needs them.
+// Whether a store would find the file as it needs it, and its folder, or the one that this would be
+// made in.
 static Exit checkStore(const char* file, const Options& options) {
     struct stat status;
-    if (options.storeMode != ZPROP_STORE_SAFE || stat(file, &status) != 0)
+    if (options.storeMode != ZPROP_STORE_SAFE)
         return done;
-    if (status.st_nlink > 1) {
+    if (stat(file, &status) == 0 && status.st_nlink > 1) {
         reportError(fileError, file, "can't be stored");
-        return tellOtherMode(kSeveralNames);
+        return tellOtherMode(kSeveralNames, options);
     }
     const std::unique_ptr<char, decltype(&free)> real(realpath(file, nullptr), &free);
     const std::string path = real == nullptr ? file : real.get();
-    const size_t slash = path.rfind('/');
+    size_t slash = path.rfind('/');
+    while (slash != path.npos && slash != 0 && isMissing(path.substr(0, slash).c_str()))
+        slash = path.rfind('/', slash - 1);
     const std::string folder = slash == path.npos ? "." : path.substr(0, slash + 1);
     if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
         return done;
     reportError(fileError, file, folder + ": " + strerror(errno));
-    return tellOtherMode(kNoFolder);
+    return tellOtherMode(kNoFolder, options);
 }
 
 // `isNew`: the file was made for this update, and there is nothing to keep of it.
@@ -149,6 +156,26 @@ static Exit commit(ZPROP_handle* handle, const char* file, const Options& option
     return done;
 }
 
+// Prints what an update of a layered configuration would do. Nothing is locked meanwhile: an update
+// would make the target to lock it.
+static Exit foreseeLayers(const char* file, const Options& options, const Changes& changes) {
+    Handle handle;
+    Exit failed = openFile(file, options, handle);
+    if (failed == done)
+        failed = changes(handle.get());
+    if (failed != done)
+        return failed;
+    std::string target, before, now;
+    const int result = foreseeTarget(handle.get(), target, before, now);
+    if (result != ZPROP_OK && result != ZPROP_SHADOWED)
+        return reportLocking(file, result);
+    const Exit isShadowed = result == ZPROP_SHADOWED ? reportShadowed(file, true) : done;
+    printPatch(target.c_str(), before, now);
+    if (before != now)
+        failed = checkStore(target.c_str(), options);
+    return failed != done ? failed : isShadowed;
+}
+
 Exit update(const char* file, const Options& options, const Changes& changes) {
     if (isStandardInput(file)) {
         std::string text;
@@ -159,6 +186,8 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     }
     if (*file == '\0')
         return complain(usage, "FILE is empty");
+    if (options.isLayers(file) && options.dryRun)
+        return foreseeLayers(file, options, changes);
     bool isNew = false;
     if (options.create && options.dryRun && isMissing(file))
         return updateText(file, "", options, changes);

@@ -223,8 +223,9 @@ Exit checkForLayers(const char* command, const Terms& terms);
 /// Opens it, for changes with their target set, or reports; only opens it.
 Exit openLayers(const Options& options, Handle& handle);
 int openLayers(const Options& options, ZPROP_handle** handle);
-/// Tells that a higher file gives what was changed another value, after a store that said so.
-Exit reportShadowed(const char* file);
+/// Tells that a higher file gives what was changed another value, after a store that said so, or
+/// that `would`.
+Exit reportShadowed(const char* file, bool would = false);
 /// Tells what is wrong with its files, one by one.
 void findBad(const Options& options, const std::function<void(const Failed&)>& tell);
 /// As get and list, with the file and line of each value.
@@ -241,6 +242,8 @@ int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool
 /// What the file of an open update holds, and what a store over a text would write.
 int updatedText(ZPROP_handle* handle, std::string& text);
 int textOver(ZPROP_handle* handle, const std::string& before, std::string& text);
+/// The target of a layered configuration, what it holds, and what a store would make of it.
+int foreseeTarget(ZPROP_handle* handle, std::string& path, std::string& before, std::string& now);
 /// The files of a layered configuration that count, and those that can't be found out about, in
 /// their order, all of one moment. `error`: the errno where one can't be read.
 struct LayerText {

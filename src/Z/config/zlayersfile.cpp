@@ -76,14 +76,19 @@ void ZLayersFile::noteUpdateEnded() {
         loadStored();
 }
 
+void ZLayersFile::requirePlain(const Place& place) const {
+    if (set_->tree().hasPrefix() && place.below != place.above &&
+        set_->layers()[place.below].side.size() != 0)
+        zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
+}
+
 // The target is locked; what was found then tells where it is.
 ZLayersFile::Place ZLayersFile::requireLocked(const ZFileStamp& stamp) const {
     const Place target = placeIn(found());
     requireUnhidden(found(), target, &stamp);
     if (target.below == target.above || !zsameFile(found()[target.below].stamp, stamp))
         zraiseIO(path().getChars(), "stat()", ESTALE);
-    if (set_->tree().hasPrefix() && set_->layers()[target.below].side.size() != 0)
-        zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
+    requirePlain(target);
     return target;
 }
 
@@ -218,15 +223,19 @@ void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place&
         zrequireNoFault({"the target", reason});
 }
 
+// By what is there now, ahead of opening or making anything.
+void ZLayersFile::settleTarget() {
+    requireTarget();
+    findPath();
+    ZVector<ZLayerFile> files;
+    ZLayerFinding(set_->tree()).find(files);
+    requireUnhidden(files, placeIn(files), nullptr);
+}
+
 std::unique_ptr<ZLockedFile> ZLayersFile::openToUpdate(unsigned long wait) {
     static const int kMostTries = 16;
-    requireTarget();
     for (int tries = 1;; ++tries) {
-        // By what is there now, ahead of opening or making anything.
-        findPath();
-        ZVector<ZLayerFile> files;
-        ZLayerFinding(set_->tree()).find(files);
-        requireUnhidden(files, placeIn(files), nullptr);
+        settleTarget();
         try {
             return std::unique_ptr<ZLockedFile>(
                 new ZLockedFile(path().getChars(), makeFolder(), {zlockOfDescription, wait}, true));
@@ -288,10 +297,7 @@ void ZLayersFile::store(const ZLCString& path) {
         readBy([&] { ZModelContent::take(model(), before); });
         return;
     }
-    const Place target = placeIn(found());
-    lookAbove(model(), target, changes);
-    if (isCollecting())
-        divide(target, changes);
+    const Place target = placeChanges(changes);
     ZUpdatedFile* const update = openUpdate();
     if (update == nullptr) {
         shadows_ = storeByItself(changes);
@@ -304,6 +310,36 @@ void ZLayersFile::store(const ZLCString& path) {
         shadows_ = shadows;
     }
     loadStored();
+}
+
+void ZLayersFile::foresee(ZBuffer& before, ZBuffer& now) {
+    zassert(lock().isHeld() && !hasUpdate());
+    shadows_ = Shadows();
+    requireLoaded();
+    settleTarget();
+    ZSCFData loaded;
+    set_->rebuild(model(), set_->layers().size(), loaded);
+    ZVector<Change> changes;
+    findChanges(loaded, changes);
+    const Place target = placeChanges(changes);
+    requirePlain(target);
+    const Shadows shadows(shadowsOf(changes));
+    ZOpenFile opened;
+    ZLockScope lock(opened, zlockOfDescription);
+    opened.reset(zopenRegularFile(path().getChars(), O_RDWR));  // as a store would
+    // A file that isn't there holds as little as this one.
+    if (opened.get() < 0 && (errno == ENOENT || errno == ENOTDIR))
+        opened.reset(zopenFile("/dev/null", O_RDONLY));
+    if (opened.get() < 0)
+        zraiseIO(path().getChars(), "fopen(r+)", errno);
+    zcheckIO(zlockWholeFile(opened.get(), F_RDLCK, zlockOfDescription, lockWait())
+                 .of(path().getChars()));
+    ZUpdatedFile file = {};
+    file.descriptor = opened.get();
+    put(file, model(), target, changes, &now);
+    const ZSpan text = zspanOf(file.content.text);
+    before.setBuffer(text.size, const_cast<char*>(text.data));
+    shadows_ = shadows;
 }
 
 // Under the target's lock, and by what the other files hold then. While it has this lock it waits
@@ -447,6 +483,15 @@ void ZLayersFile::divide(const Place& place, ZVector<Change>& changes) const {
     }
 }
 
+// Where the target stands, and what it is to hold of the changed keys.
+ZLayersFile::Place ZLayersFile::placeChanges(ZVector<Change>& changes) const {
+    const Place target = placeIn(found());
+    lookAbove(model(), target, changes);
+    if (isCollecting())
+        divide(target, changes);
+    return target;
+}
+
 ZLayersFile::Shadows ZLayersFile::shadowsOf(const ZVector<Change>& changes) {
     Shadows shadows;
     for (const Change& change : changes) {
@@ -487,9 +532,10 @@ static void setValues(ZStanzaFileProperties& target, const char* stanza, const c
         walk.addValue(values[i].getChars());
 }
 
-// Makes the changes in the file, which is locked. The layers are those of `model`.
+// Makes the changes in the file, which is locked; or only in what it holds, which becomes
+// `foreseen` if that isn't null. The layers are those of `model`.
 void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
-                      const ZVector<Change>& changes) {
+                      const ZVector<Change>& changes, ZBuffer* foreseen) {
     ZSCFData below;
     set_->rebuild(model, place.below, below);
     ZStanzaFileProperties target(1);
@@ -523,14 +569,20 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
     }
     if (isNew)
         target.addFileComment(kMark);
+    const ZBytes& text = file.content.text;
+    if (foreseen != nullptr) {
+        target.storeBytesOver(text.data(), text.size(), *foreseen);
+        if (hasNothingLeft({static_cast<char*>(foreseen->getBuffer()), foreseen->getLength()}))
+            foreseen->setLength(0);
+        return;
+    }
     target.store(path().getChars());
     noteStoreMode(own.lastStoreMode());
-    isLeftOver_ = hasNothingLeft(file);
+    isLeftOver_ = hasNothingLeft(zspanOf(text));
 }
 
 // Whether it is a drop-in that was made here and has no keys any more.
-bool ZLayersFile::hasNothingLeft(const ZUpdatedFile& file) const {
-    const ZSpan text = zspanOf(file.content.text);
+bool ZLayersFile::hasNothingLeft(ZSpan text) const {
     if (!isDropIn_ || text.size < sizeof kMark || memcmp(text.data, kMark, sizeof kMark - 1) != 0)
         return false;
     ZSCFData own;

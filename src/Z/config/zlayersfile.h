@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "ZBuffer.h"
 #include "ZPropertiesImpl.h"
 #include "zlayerset.h"
 
@@ -24,6 +25,11 @@ public:
     const ZLayerSet& set() const { return *set_; }
     ZSCFData& model() const { return static_cast<ZSCFData&>(cache()); }
     void setTarget(const char* root, const char* dropIn);
+
+    /// Makes `before` what the target holds, empty if it isn't there, and `now` what a store would
+    /// make of it, empty if it would go. Raises and notes shadows as that, but makes and writes
+    /// nothing. Outside of an update.
+    void foresee(ZBuffer& before, ZBuffer& now);
 
     void load(const char* file) override;
     void store(const ZLCString& path) override;
@@ -79,7 +85,9 @@ private:
     bool isSameFile(const ZLayerFile& file, const ZFileStamp& stamp) const;
     void requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place,
                          const ZFileStamp* locked) const;
+    void requirePlain(const Place& place) const;
     Place requireLocked(const ZFileStamp& stamp) const;
+    void settleTarget();
     int makeFolder() const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
     void lookAbove(const ZSCFData& model, const Place& place, ZVector<Change>& changes) const;
@@ -87,10 +95,11 @@ private:
     bool isShadowed(const Change& change) const;
     Shadows shadowsOf(const ZVector<Change>& changes);
     void divide(const Place& place, ZVector<Change>& changes) const;
+    Place placeChanges(ZVector<Change>& changes) const;
     Shadows storeByItself(ZVector<Change>& changes);
     void put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
-             const ZVector<Change>& changes);
-    bool hasNothingLeft(const ZUpdatedFile& file) const;
+             const ZVector<Change>& changes, ZBuffer* foreseen = nullptr);
+    bool hasNothingLeft(ZSpan text) const;
     void removeTarget(const ZUpdatedFile& file) const;
 
     std::unique_ptr<ZLayerSet> set_;
