@@ -179,11 +179,9 @@ ZLayersFile::Place ZLayersFile::placeIn(const ZVector<ZLayerFile>& files) const 
         if (files[i].root == root_ && files[i].kind == kind && files[i].name == name_)
             return {i, i + 1};
     size_t at = 0;
-    // A folder of drop-ins that is bad stands ahead of them.
     while (at < files.size() && (files[at].kind == ZLayerFile::mainFile ||
                                  (isDropIn_ && files[at].kind == ZLayerFile::dropIn &&
-                                  (!set_->tree().isDropInName(files[at].name.getChars()) ||
-                                   strcmp(files[at].name.getChars(), name_.getChars()) < 0))))
+                                  strcmp(files[at].name.getChars(), name_.getChars()) < 0)))
         ++at;
     return {at, at};
 }

@@ -152,8 +152,7 @@ void ZLayerFinding::listDropIns(ZVector<ZLayerFile>& files) {
         if (!failure)
             continue;
         const ZLCString path(tree_.folderOf(root, true));
-        ZLayerFile& file =
-            add(ZLayerFile::dropIn, ZLCString(strrchr(path.getChars(), '/') + 1), root, files);
+        ZLayerFile& file = add(ZLayerFile::dropIn, ZLCString(), root, files);
         file.path = tree_.prefix_;
         file.path.append(path);
         setBad(file, failure.call, failure.error);

@@ -24,7 +24,7 @@ struct ZLayerFile {
     };
 
     ZLCString path;  // with the prefix, for messages
-    ZLCString name;  // its own
+    ZLCString name;  // its own; empty if it is a folder of drop-ins, which is bad
     Kind kind;
     State state;
     int root;   // the index in roots(); -1: none
