@@ -2,6 +2,8 @@
 //
 //   count FILE TIMES MODE   adds 1 to the key "n" of the stanza "count", so often, in updates that
 //                           store in this mode
+//   layers PREFIX DROPIN NAME TIMES   as count, in the layers of "app": into this drop-in, each time
+//                           with a key more, NAME and the number
 //   hide FILE MODE VALUE    sets the hidden key "word" of the stanza "secrets" by such a store
 //   full FILE MODE          stores more and more until there is no room: prints how it failed, and
 //                           what is loaded then
@@ -11,6 +13,7 @@
 #include <string>
 
 #include "Z/ZExceptionText.h"
+#include "Z/ZLayers.h"
 #include "Z/ZPropertiesUpdate.h"
 #include "Z/ZStanzaFileProperties.h"
 
@@ -24,6 +27,25 @@ static int count(const char* file, int times, int mode) {
     for (int i = 0; i < times; ++i) {
         ZPropertiesUpdate update(p, 600000);
         p.setIntegerValue("count", "n", p.getIntegerValue("count", "n", 0, 0) + 1);
+        update.commit();
+    }
+    return 0;
+}
+
+static int countInLayers(const char* prefix, const char* dropIn, const string& name, int times) {
+    const char* const roots[] = {"/usr", "/etc", nullptr};
+    ZLayersTerms terms = {};
+    terms.size = sizeof terms;
+    terms.name = "app";
+    terms.prefix = prefix;
+    terms.roots = roots;
+    ZLayers layers(terms, 0, 600000);
+    layers.setTarget("/etc", dropIn);
+    for (int i = 0; i < times; ++i) {
+        ZPropertiesUpdate update(layers, 600000);
+        layers.setIntegerValue("count", dropIn, layers.getIntegerValue("count", dropIn, 0, 0) + 1);
+        layers.setIntegerValue("new", (name + std::to_string(i)).c_str(),
+                               static_cast<unsigned int>(i));
         update.commit();
     }
     return 0;
@@ -74,6 +96,8 @@ int main(int argc, char** argv) {
     try {
         if (command == "count")
             return count(argv[2], number(3), number(4));
+        if (command == "layers" && argc > 5)
+            return countInLayers(argv[2], argv[3], argv[4], number(5));
         if (command == "hide" && argc > 4)
             return hide(argv[2], number(3), argv[4]);
         if (command == "full")
