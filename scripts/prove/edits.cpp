@@ -2,8 +2,9 @@
 //
 //   count FILE TIMES MODE   adds 1 to the key "n" of the stanza "count", so often, in updates that
 //                           store in this mode
-//   layers PREFIX DROPIN NAME TIMES   as count, in the layers of "app": into this drop-in, each time
-//                           with a key more, NAME and the number
+//   layers PREFIX DROPIN NAME TIMES
+//                           counts in the layers of "app" likewise, into this drop-in, each time
+//                           with a key more: NAME and the number
 //   hide FILE MODE VALUE    sets the hidden key "word" of the stanza "secrets" by such a store
 //   full FILE MODE          stores more and more until there is no room: prints how it failed, and
 //                           what is loaded then

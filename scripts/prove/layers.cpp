@@ -1,24 +1,33 @@
 // layers.cpp: what scripts/prove-layers asks of the library: which files, values and entries a
-// layered configuration has.
+// layered configuration has, and what a change makes of it.
 //
 // From each line of the input, with tabs in between: prefix, project, name, suffix, flags, and
-// ":"-separated roots and extra files; "-" stands for none. The answer, each text with %XX for what
-// isn't a letter, a digit or one of "_./":
+// ":"-separated roots and extra files; "-" stands for none. For a change these follow, all texts
+// with %XX for what isn't a letter, a digit or one of "_./": "new" or the last question's "same"
+// object; "update" or "store"; the target's root and drop-in; and each "set STANZA KEY VALUE",
+// "add STANZA KEY VALUE", "delete STANZA KEY", "delete STANZA". The answer, with such texts:
 //
+//   S COUNT PATH LINE                          after a change: what is shadowed
 //   F STATE PATH                               each file, in their order
 //   V STANZA KEY                               each key, followed by
 //   v VALUE PATH LINE                          its values
 //   E STANZA KEY VALUE PATH LINE COUNTS        each entry
-//   !io CALL ERRNO PATH, or !data LINE PATH    what the load has raised, in place of V, v and E
+//   !io CALL ERRNO PATH, or !data LINE PATH    what was raised, in place of S, V, v and E; of
+//   or !refused                                a change in place of S alone
 //   .
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "Z/zlayerset.h"
+#include "Z/ZExceptionText.h"
+#include "Z/ZLayers.h"
+#include "Z/ZPropertiesUpdate.h"
+#include "Z/zlayersfile.h"
 #include "Z/zmodelreading.h"
 
 using std::string;
@@ -36,6 +45,17 @@ static string shown(const char* text, size_t size) {
 }
 static string shown(ZSpan text) { return shown(text.data, text.size); }
 static string shown(const char* text) { return shown(text, strlen(text)); }
+
+static string meant(const string& text) {
+    string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%')
+            out += static_cast<char>(strtoul(text.substr(i + 1, 2).c_str(), nullptr, 16)), i += 2;
+        else
+            out += text[i];
+    }
+    return out;
+}
 
 static std::vector<string> split(const string& text, char between) {
     std::vector<string> parts(1);
@@ -82,9 +102,95 @@ static void showValues(const ZLayerSet& set, const ZSCFData& model) {
     });
 }
 
+static void showFiles(const ZLayerSet& set) {
+    static const char* const kStates[] = {"counts", "masks", "hidden", "repeated", "bad"};
+    for (const ZLayer& layer : set.layers())
+        printf("F %s %s\n", kStates[layer.found.state], shown(layer.found.path.getChars()).c_str());
+}
+
+static void showContent(const ZLayerSet& set, const ZSCFData& model) {
+    showValues(set, model);
+    set.forEachValue(model, [](const ZLayerValue& value) {
+        printf("E %s %s %s %s %d %d\n", shown(value.stanza).c_str(), shown(value.key).c_str(),
+               shown(value.value).c_str(), shown(value.layer->found.path.getChars()).c_str(),
+               value.line, value.counts);
+    });
+}
+
+// What a call has raised, as it is shown; empty for nothing.
+static string failureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (ZPropertiesIOException& e) {
+        return "!io " + shown(e.api()) + " " + std::to_string(e.excerrno()) + " " +
+               shown(e.propFile());
+    } catch (ZPropertiesInvalidDataException& e) {
+        return "!data " + std::to_string(e.badline()) + " " + shown(e.propFile());
+    } catch (ZInvalidParameterException&) {
+        return "!refused";
+    }
+    return "";
+}
+
+static void showLoad(const ZLayersTerms& terms) {
+    ZLayerSet set(terms);
+    ZSCFData model;
+    const string failure = failureOf([&] { set.load(model, 0); });
+    showFiles(set);
+    if (failure.empty())
+        showContent(set, model);
+    else
+        puts(failure.c_str());
+}
+
+static void makeChange(ZLayers& layers, const string& change) {
+    std::vector<string> words = split(change, ' ');
+    for (string& word : words)
+        word = meant(word);
+    const char *const stanza = words[1].c_str(), *key = words.size() > 2 ? words[2].c_str() : "";
+    if (words[0] == "set")
+        layers.setValue(stanza, key, words[3].c_str());
+    else if (words[0] == "add")
+        layers.addValue(stanza, key, words[3].c_str(), 0);
+    else if (words.size() > 2)
+        layers.deleteKey(stanza, key);
+    else
+        layers.deleteStanza(stanza);
+}
+
+static void showChange(const ZLayersTerms& terms, const std::vector<string>& parts) {
+    static std::unique_ptr<ZLayers> layers;
+    const bool inUpdate = parts[8] == "update";
+    const string root = meant(parts[9]), dropIn = meant(parts[10]);
+    if (parts[7] == "new")
+        layers.reset(new ZLayers(terms));
+    const string failure = failureOf([&] {
+        layers->setTarget(root.c_str(), parts[10] == "-" ? nullptr : dropIn.c_str());
+        std::unique_ptr<ZPropertiesUpdate> update;
+        if (inUpdate)
+            update.reset(new ZPropertiesUpdate(*layers, 0));
+        for (size_t i = 11; i < parts.size(); ++i)
+            makeChange(*layers, parts[i]);
+        if (inUpdate)
+            update->commit();
+        else
+            layers->store(nullptr);
+    });
+    ZLCString file;
+    int line = 0;
+    const unsigned int count = layers->shadowed(file, line);
+    if (failure.empty())
+        printf("S %u %s %d\n", count, shown(file.getChars()).c_str(), line);
+    else
+        puts(failure.c_str());
+    const ZLayersFile& own = ZLayersFile::of(*layers);
+    showFiles(own.set());
+    showContent(own.set(), own.model());
+}
+
 static void answer(const string& question) {
     const std::vector<string> parts = split(question, '\t');
-    if (parts.size() != 7)
+    if (parts.size() != 7 && parts.size() < 11)
         exit(2);
     const std::vector<string> rootList = split(parts[5], ':'), extraList = split(parts[6], ':');
     const std::vector<const char*> roots = pointers(rootList), extra = pointers(extraList);
@@ -97,30 +203,10 @@ static void answer(const string& question) {
     terms.flags = strtoul(parts[4].c_str(), nullptr, 10);
     terms.roots = roots.data();
     terms.extra = extra.data();
-    ZLayerSet set(terms);
-    ZSCFData model;
-    string failure;
-    try {
-        set.load(model, 0);
-    } catch (ZPropertiesIOException& e) {
-        failure = "!io " + shown(e.api()) + " " + std::to_string(e.excerrno()) + " " +
-                  shown(e.propFile());
-    } catch (ZPropertiesInvalidDataException& e) {
-        failure = "!data " + std::to_string(e.badline()) + " " + shown(e.propFile());
-    }
-    static const char* const kStates[] = {"counts", "masks", "hidden", "repeated", "bad"};
-    for (const ZLayer& layer : set.layers())
-        printf("F %s %s\n", kStates[layer.found.state], shown(layer.found.path.getChars()).c_str());
-    if (failure.empty()) {
-        showValues(set, model);
-        set.forEachValue(model, [](const ZLayerValue& value) {
-            printf("E %s %s %s %s %d %d\n", shown(value.stanza).c_str(), shown(value.key).c_str(),
-                   shown(value.value).c_str(), shown(value.layer->found.path.getChars()).c_str(),
-                   value.line, value.counts);
-        });
-    } else {
-        puts(failure.c_str());
-    }
+    if (parts.size() == 7)
+        showLoad(terms);
+    else
+        showChange(terms, parts);
     puts(".");
     fflush(stdout);
 }
