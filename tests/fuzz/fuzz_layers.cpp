@@ -63,7 +63,7 @@ extern "C" {
 int __real_open(const char*, int, ...);
 int __real_openat(int, const char*, int, ...);
 FILE* __real_fopen(const char*, const char*);
-int __real_mkdir(const char*, mode_t);
+int __real_mkdirat(int, const char*, mode_t);
 
 int __wrap_open(const char* path, int flags, ...) {
     va_list arguments;
@@ -83,9 +83,10 @@ FILE* __wrap_fopen(const char* path, const char* mode) {
     FILE* const stream = __real_fopen(path, mode);
     return stream == nullptr ? stream : looked(stream, path, "opened");
 }
-int __wrap_mkdir(const char* path, mode_t mode) {
-    const int result = __real_mkdir(path, mode);
-    return result != 0 ? result : looked(result, path, "made");
+int __wrap_mkdirat(int at, const char* path, mode_t mode) {
+    const int result = __real_mkdirat(at, path, mode);
+    const string top = *path == '/' ? "" : "/proc/self/fd/" + std::to_string(at) + "/";
+    return result != 0 ? result : looked(result, top + path, "made");
 }
 }
 
