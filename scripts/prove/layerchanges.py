@@ -133,27 +133,33 @@ def on_disk(base):
 
 
 def others_lines(content, keys):
-    """The lines of a file but blank ones and the entries of these keys."""
-    stanza, kept = None, []
+    """The lines of a file but blank ones and the entries of these keys; and how many of them stand
+    ahead of each of these keys."""
+    stanza, kept, ahead = None, [], {}
     for line, parts in zip(content.split(b"\n"), lines_of(content)):
         if parts is not None and parts[0] == "header":
             stanza = parts[1]
-        if line.strip() and (parts is None or parts[0] != "entry" or
-                             (stanza, parts[1]) not in keys):
+        if parts is not None and parts[0] == "entry" and (stanza, parts[1]) in keys:
+            ahead.setdefault((stanza, parts[1]), len(kept))
+        elif line.strip():
             kept.append(line)
-    return kept
+    return kept, ahead
 
 
 def target_faults(change, old, new):
     """What is wrong with the target's text, apart from its values."""
     fresh = {stanza for stanza, _ in change.keys}
     fresh -= {parts[1] for parts in lines_of(old or b"") if parts and parts[0] == "header"}
-    left = others_lines(old or b"", change.keys)
-    for line in others_lines(new, change.keys):
+    left, places = others_lines(old or b"", change.keys)
+    lines, new_places = others_lines(new, change.keys)
+    for line in lines:
         if left and line in (left[0], *(line + b"\r" for line in left if len(left) == 1)):
             left.pop(0)  # the last one may have had no end
         elif line.strip() not in (MARK, *(b"[" + stanza + b"]" for stanza in fresh)):
             return ["the target has a line more: %r" % line]
+    moved = [which for which in places if new_places.get(which, places[which]) != places[which]]
+    if old and moved:
+        return ["%r stands at another place" % moved]
     return ["the target has lost %r" % left] if left else []
 
 
