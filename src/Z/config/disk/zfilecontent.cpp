@@ -40,7 +40,7 @@ int zreadContent(ZPCache& cache, const ZLCString& path, const ZFileToRead& file,
     else if (file.placeSide != nullptr && !file.placeSide(file.data, name))
         zraiseIO(path.getChars(), "mapFile()", errno);
     else
-        zcheckIO(zreadSideFile(name.getChars(), descriptor, content.side));
+        zcheckIO(zreadSideFile(name.getChars(), descriptor, file.badModes, content.side));
     zreadSide(cache, zspanOf(content.side));
     return 0;
 }

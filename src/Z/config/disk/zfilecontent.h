@@ -26,6 +26,7 @@ struct ZFileToRead {
     bool isDirect = false;      // its path's last part is known to be no link
     uint64_t size = 0;          // if that is known
     bool hasNoJournal = false;  // as is known
+    unsigned int badModes = 0;  // bits of a mode that no side database may have
     // Where its path, which is for messages then, leads to; and where that of its side database
     // leads to, or false with errno. Null: they are what they are.
     const ZLCString* place = nullptr;

@@ -66,7 +66,7 @@ static uint32_t newlinesIn(const char* text, uint32_t size) {
 }
 
 static ZLayer layerOf(ZLayer::Kind kind, const ZLayerFile& found) {
-    return {kind, found, false, 0, 0, 0, 0, {}, {}, {}, {}};
+    return {kind, found, false, 0, 0, 0, 0, {}, {}, false, {}, {}};
 }
 
 // ---------------------------------------------------------------- load
@@ -129,6 +129,11 @@ void ZLayerSet::loadBeside(ZSCFData& other, unsigned long wait, const ZFileStamp
     std::swap(before, kept);
 }
 
+// What says nothing about a file.
+static bool isOfThisProcess(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
 // False if something has changed during each of several tries.
 bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
     // What is bad shows only once it was read. Then all is read once more, each file by itself
@@ -148,7 +153,8 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
         if (!finding.isStill(loaded_.found))
             continue;
         for (const ZLayer& layer : loaded_.layers)
-            if (layer.isBad() && (flags_ & ZLAYERS_SKIP_BAD) == 0)
+            if (layer.isBad() &&
+                ((flags_ & ZLAYERS_SKIP_BAD) == 0 || isOfThisProcess(layer.found.error)))
                 raiseBad(layer);
         requireFiles();
         return true;
@@ -232,6 +238,7 @@ void ZLayerSet::readContent(ZSCFData& model, const ZLayer& layer, int descriptor
     file.isDirect = !layer.found.isLink;
     file.hasNoJournal = reading.finding->hasNoJournal(layer.found);
     file.size = layer.found.stamp.size;  // if it has changed, all is read anew
+    file.badModes = (flags_ & ZLAYERS_REFUSE_UNSAFE) != 0 ? S_IWOTH : 0;
     ZLCString place;
     if (layer.found.root >= 0 && tree_.hasPrefix()) {
         // It is open; what its name leads to by now is for the search behind the reading to tell.
@@ -291,6 +298,7 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
     layer.textEnd = static_cast<uint32_t>(std::min<uint64_t>(layer.start + size, layer.end));
     layer.isRead = true;
     layer.side.swap(content.side);
+    layer.namesSide = model.obfuscatedDBName().getLength() != 0;
     forgetSideName(model);
     lock.close().passOver();
     return true;

@@ -26,6 +26,7 @@ struct ZLayer {
     int badLine;            // of a bad file: from 1; 0 if it isn't about a line
     ZLCString reason;       // of a bad file: the bad line, or what failed and why
     ZBytes side;            // of a file: its side database; empty if it has none
+    bool namesSide;         // of a file: it says where that is, or would be
     ZLCString stanza, key;  // of the others
 
     bool isBad() const { return found.state == ZLayerFile::bad; }

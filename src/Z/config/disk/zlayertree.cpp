@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "zjournal.h"
 #include "zraise.h"
 #include "zrootedway.h"
 
@@ -40,8 +41,9 @@ static bool isDots(const char* part, size_t length) {
     return (length == 1 && *part == '.') || (length == 2 && part[0] == '.' && part[1] == '.');
 }
 
-ZLayerTree::ZLayerTree(const ZLayersTerms& terms) : flags_(terms.flags) {
+ZLayerTree::ZLayerTree(const ZLayersTerms& terms) : flags_(0) {
     zrequire(terms.size >= kFirstSize);
+    flags_ = terms.flags;
     // A wish that isn't known here can't be fulfilled.
     const char* bytes = reinterpret_cast<const char*>(&terms);
     for (size_t i = sizeof terms; i < terms.size; ++i)
@@ -112,7 +114,7 @@ int ZLayerTree::rootOf(const char* root) const {
 bool ZLayerTree::isDropInName(const char* name) const {
     const size_t length = strlen(name), suffix = suffix_.getLength();
     return length != 0 && *name != '.' && name[length - 1] != '~' && length >= suffix &&
-           strcmp(name + length - suffix, suffix_.getChars()) == 0;
+           strcmp(name + length - suffix, suffix_.getChars()) == 0 && !zisJournalName(name);
 }
 
 // The folder that is "/" for all but the extra files; open by O_PATH.

@@ -242,7 +242,7 @@ ZFailure ZSideFile::remove() {
 
 // ---------------------------------------------------------------- loading
 
-ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
+ZFailure zreadSideFile(const char* name, int text, unsigned int badModes, ZBytes& bytes) {
     const auto failed = [name](int error) { return ZFailure{"mapFile()", error, name}; };
     // Asked ahead: to open a device may do something.
     struct stat named;
@@ -258,6 +258,8 @@ ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes) {
         return failed(ENODEV);
     if (!S_ISREG(side.st_mode) || side.st_size == 0)
         return failed(EINVAL);
+    if ((side.st_mode & badModes) != 0)
+        return failed(EPERM);
     // The text itself as its own side database is bad data.
     const int error = refusal(side, owner);
     if (error != 0 && error != EINVAL)

@@ -89,7 +89,8 @@ private:
 ZFailure zsecureRoom(int descriptor, uint64_t oldSize, uint64_t newSize, bool mayLengthen);
 
 /// Reads the side database `name` of a text that is open under its lock, for a load. A failure has
-/// the word "mapFile()", and the errno that mapping it gave where there is nothing to read.
-ZFailure zreadSideFile(const char* name, int text, ZBytes& bytes);
+/// the word "mapFile()", and the errno that mapping it gave where there is nothing to read; EPERM
+/// if its mode has any of `badModes`.
+ZFailure zreadSideFile(const char* name, int text, unsigned int badModes, ZBytes& bytes);
 
 #endif
