@@ -153,6 +153,12 @@ TEST(Layers, RemovesADropInOfItsOwnWithItsLastKey) {
     layers.store(nullptr);
     EXPECT_FALSE(std::filesystem::exists(tree.folder / "etc/app.conf.d"));
     EXPECT_EQ(valueOf(layers, tree, "a"), "1 usr/app.conf:3");
+    // An empty one that somebody has made stays his.
+    std::filesystem::create_directories(tree.folder / "etc/app.conf.d");
+    tree.folder.write("etc/app.conf.d/50-a.conf", "");
+    set(layers, "a", "x");
+    layers.store(nullptr);
+    EXPECT_EQ(tree.text("etc/app.conf.d/50-a.conf"), "\n[s]\na = x\n");
 }
 
 TEST(Layers, TakesAnUpdateBack) {
@@ -194,6 +200,21 @@ TEST(Layers, KeepsWhatItHasIfAnotherFileIsBusy) {
     EXPECT_EQ(raised([&] { ZPropertiesUpdate update(layers, 0); }), "fcntl() 11");
     EXPECT_EQ(valueOf(layers, tree, "b").substr(0, 1), "3");
     ASSERT_EQ(lock(F_UNLCK), 0);
+    // What was stored isn't stored again, whatever has become of it.
+    tree.folder.write("etc/app.conf.d/50-a.conf", "[s]\na = 7\n");
+    set(layers, "c", "1");
+    layers.store(nullptr);
+    EXPECT_EQ(tree.text("etc/app.conf.d/50-a.conf"), "[s]\na = 7\nc = 1\n");
+    {
+        ZPropertiesUpdate update(layers, 0);
+        set(layers, "a", "8");
+        layers.deleteKey("s", "c");
+        ASSERT_EQ(lock(F_WRLCK), 0);
+        layers.store(nullptr);
+        set(layers, "a", "9");
+    }
+    EXPECT_EQ(valueOf(layers, tree, "a") + valueOf(layers, tree, "c"), "8 :0none");
+    ASSERT_EQ(lock(F_UNLCK), 0);
 }
 
 TEST(Layers, CollectsAndAdds) {
@@ -219,7 +240,7 @@ TEST(Layers, CollectsAndAdds) {
     layers.deleteKey("s", "a");
     EXPECT_EQ(store(), "empty\n[s]\na =\nc = 1\n");
     layers.addValue("s", "a", "7", 0);
-    EXPECT_EQ(store(), "7 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\n");
+    EXPECT_EQ(store(), "7 etc/app.conf.d/9.conf:3\n[s]\na =\na = 7\nc = 1\n");
 
     // Back to what the lower file says: nothing of the target's own is needed.
     tree.folder.write("etc/app.conf.d/9.conf", "[s]\na = 3\nb = 1\n");
@@ -235,7 +256,7 @@ TEST(Layers, CollectsAndAdds) {
     layers.addValue("s", "b", "1", 0);
     EXPECT_EQ(store(), "7,8 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 7\nb = 1\n");
     set(layers, "a", "9");
-    EXPECT_EQ(store(), "9,8 etc/app.conf.d/9.conf:5\n[s]\nc = 1\nb = 1\na =\na = 9\n");
+    EXPECT_EQ(store(), "9,8 etc/app.conf.d/9.conf:4\n[s]\nc = 1\na =\na = 9\nb = 1\n");
     ZLCString file;
     int line;
     EXPECT_EQ(layers.shadowed(file, line), 1u);
@@ -266,6 +287,12 @@ TEST(Layers, RefusesWhatHidesOrIsHidden) {
     EXPECT_EQ(raised([&] { layers.renameKey("s", "a", "z"); }), "22");
     EXPECT_EQ(raised([&] { layers.addEntryComment("s", "a", "x"); }), "22");
     EXPECT_EQ(raised([&] { layers.loadBytes("", 0); }), "22");
+    tree.folder.write("run/app.conf.d/3.conf", "[s\n");
+    tree.terms.flags |= ZLAYERS_SKIP_BAD;
+    ZLayers skipping(tree.terms);
+    skipping.setTarget("/run", "3.conf");
+    set(skipping, "c", "4");
+    EXPECT_EQ(raised([&] { skipping.store(nullptr); }), "22");
 
     tree.terms.flags |= ZLAYERS_REFUSE_SHADOWED;
     ZLayers strict(tree.terms);

@@ -146,6 +146,8 @@ public:
     /// Whether an update that begins locks other files too. It waits for none of them while it has
     /// its own, for their owners may wait for that.
     virtual bool locksOthers() const { return false; }
+    /// Raises, before a file is made again, what begins an update raises while others are locked.
+    virtual void requireOthersFree() {}
     /// The file of an update is about to be given up.
     virtual void settleUpdate(const ZUpdatedFile&) {}
     /// It was.

@@ -17,6 +17,7 @@ public:
           known_(ZPropertiesFile::of(properties)),
           file_(known_.openToUpdate(wait)) {
         updated_.descriptor = file_->descriptor();
+        updated_.isNew = file_->isCreated();
         updated_.thread = pthread_self();
         zcheckIO(zstampFile(updated_.descriptor, updated_.stamp).of(path()));
         known_.beginUpdate(updated_);
@@ -30,7 +31,13 @@ public:
     // Tries again as a whole while one of several files is locked.
     static Progress* makeAmongOthers(ZProperties& properties, unsigned long wait) {
         Progress* made = nullptr;
-        zretryBusy(wait, [&] { made = new Progress(properties, 0); });
+        bool isRetry = false;
+        zretryBusy(wait, [&] {
+            if (isRetry)
+                ZPropertiesFile::of(properties).requireOthersFree();
+            isRetry = true;
+            made = new Progress(properties, 0);
+        });
         return made;
     }
 
@@ -106,8 +113,13 @@ void ZPropertiesUpdate::rollback() {
     progress_ = nullptr;
     if (ended == nullptr)
         return;
-    ended->restore();
     ended->settle();
+    try {
+        ended->restore();
+    } catch (...) {
+        Progress::end(std::move(ended));
+        throw;
+    }
     Progress::end(std::move(ended));
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "ZStanzaFileProperties.h"
+#include "zgrammar.h"
 #include "zlayerfinding.h"
 #include "zmodelcontent.h"
 #include "zmodeledits.h"
@@ -17,6 +18,7 @@
 #include "zmemorystream.h"
 #include "zpropdiff.h"
 #include "zrefusal.h"
+#include "zreport.h"
 
 // The first line of a drop-in that was made here: such a one goes with its last key.
 static const char kMark[] = "# Made for changed keys; removed with the last of them.";
@@ -35,6 +37,7 @@ void ZLayersFile::loadAll(unsigned long wait, const ZFileStamp* own,
     ZLayerSet::Loaded before;
     set_->loadBeside(fresh, wait, own, before);
     isStale_ = false;
+    stored_.clear();
     // The set belongs to what it has read, whatever comes of telling the differences.
     readBy([&] { ZModelContent::take(model(), fresh); });
     if (differences != nullptr)
@@ -52,11 +55,29 @@ void ZLayersFile::load(const char* file) {
 // has no lock: while others are waited for, they may wait for that.
 void ZLayersFile::loadStored() {
     isStale_ = true;
-    try {
-        load(nullptr);
-    } catch (ZPropertiesException&) {
+    zrunAnyway([this] { load(nullptr); });
+    if (isStale_)
         readBy([] {});  // until the next load its values are right and their origins missing
+}
+
+// What the files hold, as far as it was read or stored here.
+void ZLayersFile::rebuildStored(ZSCFData& out) const {
+    set_->rebuild(model(), set_->layers().size(), out);
+    ZPStore& store = ZModelReading::storeOf(out);
+    store.beginLayer(false);
+    for (const Change& change : stored_) {
+        const ZPId known = store.keyInMap(zspanOf(change.stanza), zspanOf(change.key));
+        if (known != ZPStore::none)
+            store.removeKey(known);
+        const auto add = [&](ZSpan value) {
+            store.addLayerValue(zspanOf(change.stanza), zspanOf(change.key), change.kind, value);
+        };
+        for (const ZLCString& value : change.wanted)
+            add(zspanOf(value));
+        if (change.wanted.empty() && !change.isGone)
+            add({nullptr, 0});
     }
+    store.endLayers();
 }
 
 void ZLayersFile::settleUpdate(const ZUpdatedFile& file) {
@@ -76,9 +97,14 @@ void ZLayersFile::noteUpdateEnded() {
         loadStored();
 }
 
-void ZLayersFile::requirePlain(const Place& place) const {
-    if (set_->tree().hasPrefix() && place.below != place.above &&
-        set_->layers()[place.below].side.size() != 0)
+// As it was loaded: that it is bad may have shown only then.
+void ZLayersFile::requireReadable(const Place& place) const {
+    if (place.below == place.above)
+        return;
+    const ZLayer& own = set_->layers()[place.below];
+    if (own.isBad())
+        zrequireNoFault({"the target", "can't be read"});
+    if (set_->tree().hasPrefix() && own.namesSide)
         zrequireNoFault({"the target", "has hidden values, which can't be changed below a prefix"});
 }
 
@@ -88,7 +114,7 @@ ZLayersFile::Place ZLayersFile::requireLocked(const ZFileStamp& stamp) const {
     requireUnhidden(found(), target, &stamp);
     if (target.below == target.above || !zsameFile(found()[target.below].stamp, stamp))
         zraiseIO(path().getChars(), "stat()", ESTALE);
-    requirePlain(target);
+    requireReadable(target);
     return target;
 }
 
@@ -105,9 +131,16 @@ void ZLayersFile::beginUpdate(ZUpdatedFile& file) {
 void ZLayersFile::restore(const ZUpdatedFile&) {
     readBy([&] {
         ZSCFData before;
-        set_->rebuild(model(), set_->layers().size(), before);
+        rebuildStored(before);
         ZModelContent::take(model(), before);
     });
+}
+
+void ZLayersFile::requireOthersFree() {
+    ZSCFData now;
+    ZLayerSet::Loaded before;
+    set_->loadBeside(now, 0, nullptr, before);
+    set_->swapLoaded(before);
 }
 
 // ---------------------------------------------------------------- watch
@@ -195,7 +228,7 @@ bool ZLayersFile::isSameFile(const ZLayerFile& file, const ZFileStamp& stamp) co
 }
 
 // What the target holds must count, and may hide nothing that did.
-// `locked`: it is open; null: not yet.
+// `locked`: it is open; null: not yet, and it is known by what was found.
 void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place,
                                   const ZFileStamp* locked) const {
     const ZLayerFile* own = place.below == place.above ? nullptr : &files[place.below];
@@ -211,10 +244,11 @@ void ZLayersFile::requireUnhidden(const ZVector<ZLayerFile>& files, const Place&
     else if (own != nullptr && own->state == ZLayerFile::masks && own->isLink)
         reason = "is a link that hides others";
     const bool isEmpty = own == nullptr || own->state == ZLayerFile::masks;
+    const ZFileStamp* same = locked != nullptr || own == nullptr ? locked : &own->stamp;
     for (const ZLayerFile& other : files)
         if (reason == nullptr && isEmpty && &other != own &&
             other.kind == (isDropIn_ ? ZLayerFile::dropIn : ZLayerFile::mainFile) &&
-            other.name == name_ && !(locked != nullptr && isSameFile(other, *locked)))
+            other.name == name_ && !(same != nullptr && isSameFile(other, *same)))
             reason = other.root > root_ ? "would be hidden by a file of a higher root"
                                         : "would hide a file of a lower root";
     if (reason != nullptr)
@@ -263,9 +297,12 @@ int ZLayersFile::makeFolder() const {
         const ZLCString part(at + 1, static_cast<unsigned int>(end - at - 1));
         const bool isBelow = tree.hasPrefix();
         const char* name = isBelow ? part.getChars() : way.getChars();
-        if (mkdirat(isBelow ? folder.get() : AT_FDCWD, name, 0777) != 0 && errno != EEXIST &&
-            errno != EROFS && errno != EACCES)
-            zraiseIO(way.getChars(), "mkdir()", errno);
+        const ZFailure made =
+            zresultOf(mkdirat(isBelow ? folder.get() : AT_FDCWD, name, 0777), "mkdir()");
+        // Where nothing may be made, one that is there does as well.
+        if (made && made.error != EEXIST &&
+            faccessat(isBelow ? folder.get() : AT_FDCWD, name, F_OK, AT_EACCESS) != 0)
+            zcheckIO(made.of(way.getChars()));
         if (isBelow) {
             const int next = zopenFileAt(folder.get(), name, O_PATH | O_DIRECTORY | O_NOFOLLOW);
             if (next < 0)
@@ -287,7 +324,7 @@ void ZLayersFile::store(const ZLCString& path) {
     requireTarget();
     zrequire(path == this->path());
     ZSCFData before;
-    set_->rebuild(model(), set_->layers().size(), before);
+    rebuildStored(before);
     ZVector<Change> changes;
     findChanges(before, changes);
     if (changes.empty()) {
@@ -296,6 +333,8 @@ void ZLayersFile::store(const ZLCString& path) {
         return;
     }
     const Place target = placeChanges(changes);
+    ZVector<Change> stored(stored_);
+    stored.insert(stored.end(), changes.begin(), changes.end());
     ZUpdatedFile* const update = openUpdate();
     if (update == nullptr) {
         shadows_ = storeByItself(changes);
@@ -307,6 +346,7 @@ void ZLayersFile::store(const ZLCString& path) {
         put(*update, model(), target, changes);
         shadows_ = shadows;
     }
+    stored_.swap(stored);
     loadStored();
 }
 
@@ -316,11 +356,11 @@ void ZLayersFile::foresee(ZBuffer& before, ZBuffer& now) {
     requireLoaded();
     settleTarget();
     ZSCFData loaded;
-    set_->rebuild(model(), set_->layers().size(), loaded);
+    rebuildStored(loaded);
     ZVector<Change> changes;
     findChanges(loaded, changes);
     const Place target = placeChanges(changes);
-    requirePlain(target);
+    requireReadable(target);
     const Shadows shadows(shadowsOf(changes));
     ZOpenFile opened;
     ZLockScope lock(opened, zlockOfDescription);
@@ -334,6 +374,7 @@ void ZLayersFile::foresee(ZBuffer& before, ZBuffer& now) {
                  .of(path().getChars()));
     ZUpdatedFile file = {};
     file.descriptor = opened.get();
+    file.isNew = target.below == target.above;
     put(file, model(), target, changes, &now);
     const ZSpan text = zspanOf(file.content.text);
     before.setBuffer(text.size, const_cast<char*>(text.data));
@@ -348,9 +389,15 @@ ZLayersFile::Shadows ZLayersFile::storeByItself(ZVector<Change>& changes) {
     ZSCFData fresh;
     fresh.setAttributes(model().attributes(), nullptr);
     ZLayerSet::Loaded before;
+    bool isRetry = false;
     zretryBusy(lockWait(), [&] {
+        // The target isn't made and removed again for all that time.
+        if (isRetry)
+            requireOthersFree();
+        isRetry = true;
         std::unique_ptr<ZLockedFile> opened(openToUpdate(0));
         updated.descriptor = opened->descriptor();
+        updated.isNew = opened->isCreated();
         zcheckIO(zstampFile(updated.descriptor, updated.stamp).of(path().getChars()));
         set_->loadBeside(fresh, 0, &updated.stamp, before);
         file.swap(opened);  // which is given up where this isn't come to
@@ -411,6 +458,18 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
     });
 }
 
+// The one of this key, of all in their order; null if there is none.
+ZLayersFile::Change* ZLayersFile::changeOf(ZVector<Change>& changes, ZSpan stanza, ZSpan key) {
+    const auto found =
+        std::lower_bound(changes.begin(), changes.end(), key, [stanza](const Change& a, ZSpan b) {
+            return isAhead(zspanOf(a.stanza), zspanOf(a.key), stanza, b);
+        });
+    return found != changes.end() && zequals(zspanOf(found->stanza), stanza) &&
+                   zequals(zspanOf(found->key), key)
+               ? &*found
+               : nullptr;
+}
+
 // Which values the files above the target give the keys.
 void ZLayersFile::lookAbove(const ZSCFData& model, const Place& place,
                             ZVector<Change>& changes) const {
@@ -424,12 +483,8 @@ void ZLayersFile::lookAbove(const ZSCFData& model, const Place& place,
     set_->forEachValue(model, [&](const ZLayerValue& value) {
         if (static_cast<size_t>(value.layer - layers.data()) < place.above)
             return;
-        const auto found = std::lower_bound(
-            changes.begin(), changes.end(), value, [](const Change& a, const ZLayerValue& b) {
-                return isAhead(zspanOf(a.stanza), zspanOf(a.key), b.stanza, b.key);
-            });
-        if (found == changes.end() || !zequals(zspanOf(found->stanza), value.stanza) ||
-            !zequals(zspanOf(found->key), value.key))
+        Change* const found = changeOf(changes, value.stanza, value.key);
+        if (found == nullptr)
             return;
         const bool isReset = isCollecting() ? value.value.size == 0 : found->above != value.layer;
         if (isReset) {
@@ -474,6 +529,7 @@ void ZLayersFile::divide(const Place& place, ZVector<Change>& changes) const {
         ZVector<ZLCString>& part = change.part;
         if (!change.isReset && endsWith(part, change.aboveValues))
             part.erase(part.end() - static_cast<ptrdiff_t>(change.aboveValues.size()), part.end());
+        change.whole = part;
         if (startsWith(own, low) && startsWith(part, low))
             part.erase(part.begin(), part.begin() + static_cast<ptrdiff_t>(low.size()));
         else
@@ -517,6 +573,26 @@ static ZVector<ZLCString> withoutSecrets(const ZVector<ZLCString>& values,
     return left;
 }
 
+// Where the target says "key =" already it goes on doing so, ahead of the values.
+void ZLayersFile::keepForgetting(ZSpan text, ZVector<Change>& changes) {
+    const ZLineGrammar grammar;
+    ZSpan stanza = {nullptr, 0};
+    for (size_t at = 0; at < text.size;) {
+        const size_t length = zlineLength(text.data + at, text.size - at);
+        const ZLineParts parts = grammar.divideRaw({text.data + at, length});
+        if (parts.kind == zlineHeader)
+            stanza = parts.name;
+        Change* const change = parts.kind == zlineEntry && parts.value.size == 0
+                                   ? changeOf(changes, stanza, parts.name)
+                                   : nullptr;
+        at += length;
+        if (change == nullptr || change->part.empty())
+            continue;
+        change->forgets = true;
+        change->part = change->whole;
+    }
+}
+
 // In place of those it has. What is there twice stays so, which addValue wouldn't do.
 static void setValues(ZStanzaFileProperties& target, const char* stanza, const char* key,
                       const ZVector<ZLCString>& values, bool isHidden) {
@@ -533,7 +609,7 @@ static void setValues(ZStanzaFileProperties& target, const char* stanza, const c
 // Makes the changes in the file, which is locked; or only in what it holds, which becomes
 // `foreseen` if that isn't null. The layers are those of `model`.
 void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
-                      const ZVector<Change>& changes, ZBuffer* foreseen) {
+                      ZVector<Change>& changes, ZBuffer* foreseen) {
     ZSCFData below;
     set_->rebuild(model, place.below, below);
     ZStanzaFileProperties target(1);
@@ -544,19 +620,21 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
     own.setPath(path());
     own.beginUpdate(file);
     const ZAtEnd ended([&] { own.endUpdate(); });
-    const bool isNew = file.content.text.size() == 0 && isDropIn_;
+    const bool isNew = file.isNew && file.content.text.size() == 0 && isDropIn_;
+    if (isCollecting())
+        keepForgetting(zspanOf(file.content.text), changes);
     for (const Change& change : changes) {
         const char *stanza = change.stanza.getChars(), *key = change.key.getChars();
         const bool isHidden = change.kind == ZPStore::hidden;
         const ZVector<ZLCString> part(withoutSecrets(change.part, change.secrets));
         // That lower files' values don't count has to be said.
         const bool isEmpty =
-            part.empty() && (change.wanted.empty() ? below.countValues(stanza, key) != 0 ||
-                                                         this->model().contains(stanza, key) != 0
-                                                   : change.forgets);
+            part.empty() &&
+            (change.wanted.empty() ? below.countValues(stanza, key) != 0 || !change.isGone
+                                   : change.forgets);
         const bool isOtherKind =
             target.exists(stanza, key) && (target.isObfuscated(stanza, key) != 0) != isHidden;
-        if (part.empty() ? !isEmpty || isOtherKind : change.forgets || isOtherKind)
+        if ((part.empty() && !isEmpty) || isOtherKind)
             target.deleteKey(stanza, key);
         if (isEmpty)
             target.setValue(stanza, key, "");
@@ -596,5 +674,9 @@ void ZLayersFile::removeTarget(const ZUpdatedFile& file) const {
     if (place.find(path().getChars(), file.descriptor) ||
         unlinkat(place.folder(), place.name(), 0) != 0)
         return;  // a drop-in without keys does no harm
-    rmdir(zfolderOf(path().getChars()).getChars());
+    // By its own parent, which no link is asked for: only an empty folder goes, and no other one.
+    const ZOpenFile parent(zopenFileAt(place.folder(), "..", O_PATH | O_DIRECTORY));
+    const ZLCString folder(zfolderOf(path().getChars()));
+    if (parent.get() >= 0)
+        unlinkat(parent.get(), znameOf(folder.getChars()), AT_REMOVEDIR);
 }

@@ -40,6 +40,7 @@ public:
     void beginUpdate(ZUpdatedFile& file) override;
     void restore(const ZUpdatedFile& file) override;
     bool locksOthers() const override { return true; }
+    void requireOthersFree() override;
     void settleUpdate(const ZUpdatedFile& file) override;
     void noteUpdateEnded() override;
 
@@ -55,13 +56,17 @@ private:
     // Of one key, what it is to have, and what the layers around the target give it.
     struct Change {
         explicit Change(const ZPropDifference& difference)
-            : stanza(difference.stanza), key(difference.key) {}
+            : stanza(difference.stanza),
+              key(difference.key),
+              isGone(difference.type == ZPropDifference::deleted) {}
 
         ZLCString stanza, key;
+        bool isGone;  // there is no such key any more
         ZPStore::Kind kind = ZPStore::plain;
         ZVector<ZLCString> wanted;
-        ZVector<ZLCString> part;  // what the target is to hold of that
-        bool forgets = false;     // and "key =" ahead of it
+        ZVector<ZLCString> part;   // what the target is to hold of that
+        bool forgets = false;      // and "key =" ahead of it
+        ZVector<ZLCString> whole;  // the part, if it says that anyway
         // What those above the target make of it: "key =" of one of them, and then the values.
         const ZLayer* above = nullptr;  // the last one that has the key; null: none
         int line = 0;
@@ -78,6 +83,7 @@ private:
     void loadAll(unsigned long wait, const ZFileStamp* own,
                  ZVector<ZPropDifference>* differences = nullptr);
     void loadStored();
+    void rebuildStored(ZSCFData& out) const;
     void findPath();
     void requireTarget() const;
     const ZVector<ZLayerFile>& found() const { return set_->found(); }
@@ -85,11 +91,13 @@ private:
     bool isSameFile(const ZLayerFile& file, const ZFileStamp& stamp) const;
     void requireUnhidden(const ZVector<ZLayerFile>& files, const Place& place,
                          const ZFileStamp* locked) const;
-    void requirePlain(const Place& place) const;
+    void requireReadable(const Place& place) const;
     Place requireLocked(const ZFileStamp& stamp) const;
     void settleTarget();
     int makeFolder() const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
+    static Change* changeOf(ZVector<Change>& changes, ZSpan stanza, ZSpan key);
+    static void keepForgetting(ZSpan text, ZVector<Change>& changes);
     void lookAbove(const ZSCFData& model, const Place& place, ZVector<Change>& changes) const;
     bool isCollecting() const { return (flags_ & ZLAYERS_COLLECT) != 0; }
     bool isShadowed(const Change& change) const;
@@ -98,7 +106,7 @@ private:
     Place placeChanges(ZVector<Change>& changes) const;
     Shadows storeByItself(ZVector<Change>& changes);
     void put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
-             const ZVector<Change>& changes, ZBuffer* foreseen = nullptr);
+             ZVector<Change>& changes, ZBuffer* foreseen = nullptr);
     bool hasNothingLeft(ZSpan text) const;
     void removeTarget(const ZUpdatedFile& file) const;
 
@@ -109,6 +117,7 @@ private:
     ZLCString name_;  // of the target's file
     Shadows shadows_;
     bool isStale_ = false;     // a store has changed the target since the load
+    ZVector<Change> stored_;   // and how; empty if that is known otherwise
     bool isLeftOver_ = false;  // the last one has left a drop-in that is to go
 };
 

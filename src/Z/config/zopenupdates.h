@@ -11,6 +11,7 @@
 struct ZUpdatedFile {
     int descriptor;  // write-locked
     ZFileStamp stamp;
+    bool isNew;  // was made for it
     pthread_t thread;
     ZFileContent content;  // at the beginning, or at the last store since
     ZUpdatedFile* next;    // in the process's list of open updates

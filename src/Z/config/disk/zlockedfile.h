@@ -70,6 +70,8 @@ public:
     ZLockedFile& operator=(const ZLockedFile&) = delete;
 
     int descriptor() const { return file_.get(); }
+    /// Whether it wasn't there before.
+    bool isCreated() const { return created_; }
 
     /// The content is in place: unlocks and closes.
     ZFailure finish();

@@ -334,8 +334,11 @@ private:
         return end;
     }
 
-    // Whether the new lines are all values that the old lines of their key had, in that order.
+    // Whether the new lines are all values that the old lines of their key had, in that order. One
+    // without a value ahead of others forgets all values before it: the old ones have to do so too.
     bool isUnchanged(const ZPBlock<Line>& lines, Id at, Id end, Id old) const {
+        if (end - at > 1 && lines[at].value.size == 0 && !passForgotten(old))
+            return false;
         for (; at < end; ++at) {
             if (lines[at].value.size == 0)
                 continue;
@@ -345,6 +348,16 @@ private:
             old = lines_[old].nextOfKey;
         }
         return nextValue(old) == kNone;
+    }
+    // Goes behind the last line of a key that has no value; false if there is none.
+    bool passForgotten(Id& id) const {
+        bool forgets = false;
+        for (Id at = id; at != kNone; at = lines_[at].nextOfKey)
+            if (lines_[at].value.size == 0) {
+                forgets = true;
+                id = lines_[at].nextOfKey;
+            }
+        return forgets;
     }
     // From this line of a key on, the first that has a value.
     Id nextValue(Id id) const {
