@@ -150,12 +150,13 @@ def target_faults(change, old, new):
     """What is wrong with the target's text, apart from its values."""
     fresh = {stanza for stanza, _ in change.keys}
     fresh -= {parts[1] for parts in lines_of(old or b"") if parts and parts[0] == "header"}
+    new_lines = [b"[" + stanza + b"]" for stanza in fresh] + ([MARK] if old is None else [])
     left, places = others_lines(old or b"", change.keys)
     lines, new_places = others_lines(new, change.keys)
     for line in lines:
         if left and line in (left[0], *(line + b"\r" for line in left if len(left) == 1)):
             left.pop(0)  # the last one may have had no end
-        elif line.strip() not in (MARK, *(b"[" + stanza + b"]" for stanza in fresh)):
+        elif line.strip() not in new_lines:
             return ["the target has a line more: %r" % line]
     moved = [which for which in places if new_places.get(which, places[which]) != places[which]]
     if old and moved:
@@ -264,7 +265,7 @@ def disk_faults(change, path, before, after):
         return wrong
     if not change.keys:
         return [*wrong, "the target was changed for nothing"]
-    is_ours = change.drop_in is not None and (not old or old.startswith(MARK))
+    is_ours = change.drop_in is not None and (old is None or old.startswith(MARK))
     if new is not None and is_ours and not entries_of(new):
         wrong.append("the target is left without keys")
     if new is not None:

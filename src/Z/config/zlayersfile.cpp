@@ -623,6 +623,9 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
     const bool isNew = file.isNew && file.content.text.size() == 0 && isDropIn_;
     if (isCollecting())
         keepForgetting(zspanOf(file.content.text), changes);
+    ZSCFData& content = static_cast<ZSCFData&>(own.cache());
+    const ZPStore& store = ZModelReading::storeOf(content);
+    ZVector<ZPId> forgetting;
     for (const Change& change : changes) {
         const char *stanza = change.stanza.getChars(), *key = change.key.getChars();
         const bool isHidden = change.kind == ZPStore::hidden;
@@ -641,8 +644,9 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
         if (!part.empty())
             setValues(target, stanza, key, part, isHidden);
         if (change.forgets && !part.empty())
-            ZModelEdits::addForgettingLine(static_cast<ZSCFData&>(own.cache()), stanza, key);
+            forgetting.push_back(store.keyInMap(zspanOf(change.stanza), zspanOf(change.key)));
     }
+    ZModelEdits::addForgettingLines(content, forgetting);
     if (isNew)
         target.addFileComment(kMark);
     const ZBytes& text = file.content.text;

@@ -1,5 +1,7 @@
 #include "zmodeledits.h"
 
+#include <algorithm>
+
 #include "zgrammar.h"
 #include "zmodelreading.h"
 #include "zpstore.h"
@@ -117,15 +119,27 @@ static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
     return ZPStore::none;
 }
 
-void ZModelEdits::addForgettingLine(ZSCFData& model, const char* stanza, const char* key) {
+void ZModelEdits::addForgettingLines(ZSCFData& model, ZVector<ZPId>& keys) {
     ZPStore& store = model.store();
-    const ZPId id = store.keyInMap(zspanOf(stanza), zspanOf(key));
-    zassert(id != ZPStore::none);
-    if (!store.hasLine(id))
-        store.placeKeyLine(id);
-    ZPId line = ZPStore::none;
-    const ZPId group = firstLineOf(store, id, line);
-    store.insertCommentBefore(group, line, zspanOf(ZLCString(key).append(" =").getChars()));
+    for (const ZPId key : keys)
+        if (!store.hasLine(key))
+            store.placeKeyLine(key);
+    std::sort(keys.begin(), keys.end());
+    ZVector<bool> isDone(keys.size());
+    for (ZPId g = store.firstGroup(); g != ZPStore::none && !keys.empty(); g = store.group(g).next)
+        for (ZPId id = store.group(g).first; id != ZPStore::none; id = store.line(id).next) {
+            if (!store.line(id).isKey())
+                continue;
+            const ZPId key = store.line(id).ref;
+            const auto found = std::lower_bound(keys.begin(), keys.end(), key);
+            const size_t at = static_cast<size_t>(found - keys.begin());
+            if (found == keys.end() || *found != key || isDone[at])
+                continue;
+            isDone[at] = true;
+            const ZSpan name = store.text().span(store.key(key).name);
+            const ZLCString comment(name.data, static_cast<unsigned int>(name.size));
+            store.insertCommentBefore(g, id, zspanOf(ZLCString(comment).append(" =").getChars()));
+        }
 }
 
 namespace {

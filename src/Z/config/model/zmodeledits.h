@@ -4,6 +4,7 @@
 #define Z_ZMODELEDITS_H
 
 #include "ZSCFData.h"
+#include "zmemory.h"
 #include "zpblock.h"
 
 /// Names have text. Each call that changes something: whether there is what it is about; nothing
@@ -19,9 +20,10 @@ struct ZModelEdits {
     /// Makes each plain value of the key a comment, at the place of the key's first line. Refused
     /// where values are hidden.
     static bool disableKey(ZSCFData& model, const char* stanza, const char* key);
-    /// Puts a line "key =" ahead of the lines of a key that is there. To this model it means
-    /// nothing; where it lies over others, that their values are forgotten.
-    static void addForgettingLine(ZSCFData& model, const char* stanza, const char* key);
+    /// Puts a line "key =" ahead of the lines of each of these keys, which are there. To this model
+    /// it means nothing; where it lies over others, that their values are forgotten. Sorts the
+    /// keys. Linear in the lines.
+    static void addForgettingLines(ZSCFData& model, ZVector<uint32_t>& keys);
 
     // For stores that keep lines.
 
