@@ -23,24 +23,29 @@ class ZLayersFile;
 ///   ZLAYERS_COLLECT the values of all files follow each other, and "key =" forgets those before
 ///   it. A load is of one moment: if a file, a folder or a link has changed meanwhile it begins
 ///   again, and raises ZPropertiesIOException with "load()" and EAGAIN if that never ends. A file
-///   that can't be read raises what loading it raises, unless ZLAYERS_SKIP_BAD leaves it out. Names
-///   of files given to load, reload and store raise ZInvalidParameterException.
+///   Stamps tell of changes: one that is made twice within a tick of the clock, once on either side
+///   of the reading, may escape. A file that can't be read raises what loading it raises, unless
+///   ZLAYERS_SKIP_BAD leaves it out; that the process has no descriptor or memory left raises
+///   always. Names of files given to load, reload and store raise ZInvalidParameterException.
 /// Changing: setters change the object; store(nullptr) and updates put what was changed since the
 ///   load into the target: under its lock, safely, as the changed keys alone, into what it holds
 ///   then. Removing a key that a lower file has writes "key =". Other than for values, names,
 ///   comments and bytes can't be changed, and what renames, comments and loadBytes would do raises
-///   ZInvalidParameterException with a reason. After a store the object is as the files are.
-///   A target that isn't there is made, with its folder. A drop-in that was made here goes with its
-///   last key. Refused with a reason is a target that would hide a file of a lower root, is hidden
-///   itself, or stands at a later place once more; and below a prefix one that is a link, or has
-///   or gets hidden values.
+///   ZInvalidParameterException with a reason. After a store the object is as the files are; if one
+///   of them can't be read then, it keeps its values, which count as stored, and has no origins for
+///   them until the next load.
+///   A target that isn't there is made, with its folder, which stays if nothing comes of the
+///   change. A drop-in that was made here goes with its last key, and its folder if that is empty
+///   then. Refused with a reason is a target that would hide a file of a lower root, is hidden
+///   itself, can't be read, or stands at a later place once more; one that is empty and a link;
+///   and below a prefix one that is a link, or has or gets hidden values.
 ///   What a credential gives is never written anywhere.
 /// Shadows: a change to a key to which a file above the target gives other values is stored, and
 ///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException,
 ///   nothing is stored, and shadowed() tells why.
 /// Updates (ZPropertiesUpdate.h) lock the target, which need not be there, read all files anew, and
 ///   are undone to that. While they begin and end they wait for the other files' locks, but not
-///   with the target's in their hands. Watchers (ZPropertiesWatcher.h) watch all files and folders.
+///   with the target's in their hands: beginning is tried as a whole. Watchers (ZPropertiesWatcher.h) watch all files and folders.
 ///   path() is the target's.
 ///
 /// Threads and ownership: as ZProperties.
