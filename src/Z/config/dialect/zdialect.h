@@ -1,0 +1,115 @@
+/* zdialect.h: how a file that isn't this library's own spells stanzas, keys and values. Valid C99.
+ *
+ * A text is lines, which end at a newline or the text's end; a carriage return ahead of the newline
+ * belongs to the line's end. Blanks are space, tab, vertical tab, form feed and carriage return.
+ * Blanks at both ends of a line are no part of what it says. Then a line is, in this order: part of
+ * the value above (see `continued`), blank, a comment, a header, an entry, or bad data. A byte-order
+ * mark ahead of the first line and NULs in any line are bad data. */
+#ifndef Z_ZDIALECT_H
+#define Z_ZDIALECT_H
+
+#include <stddef.h>
+
+#include "z.h"
+
+/* `comments`, bits: with what a comment begins. */
+enum {
+    ZDIALECT_HASH = 1,     /* "#" */
+    ZDIALECT_SEMICOLON = 2 /* ";" */
+};
+
+/* `divider`: what stands between key and value, with blanks around it. Keys can't be empty. */
+enum {
+    ZDIALECT_EQUALS = 0, /* the first "=" */
+    ZDIALECT_COLON = 1,  /* the first ":" */
+    ZDIALECT_EITHER = 2, /* the first of both */
+    ZDIALECT_BLANK = 3   /* the first blanks */
+};
+
+/* `tails`: whether a comment may stand behind a value or a key without one, on its line. It begins
+ * at a comment character. */
+enum {
+    ZDIALECT_NO_TAILS = 0,
+    ZDIALECT_TAILS = 1,         /* behind a blank or at the value's begin */
+    ZDIALECT_TAILS_ANYWHERE = 2 /* behind any character; not within quotes */
+};
+
+/* `bare`: a line without a divider. */
+enum {
+    ZDIALECT_NOT_BARE = 0, /* is bad data */
+    ZDIALECT_BARE = 1      /* is a key of its own kind, which has no value and isn't "key =" */
+};
+
+/* `continued`: values of several lines. */
+enum {
+    ZDIALECT_ONE_LINE = 0,
+    ZDIALECT_INDENT = 1,   /* Lines that are indented deeper than their key's (in bytes) belong to
+                              the value: each gives a newline and its text; blank lines between them
+                              give a newline each; comment lines between them nothing. */
+    ZDIALECT_BACKSLASH = 2 /* A backslash as the line's last byte: the value has a space there, and
+                              goes on with the next line that is no comment, without its leading
+                              blanks. With git's quotes it has no space, takes the leading blanks,
+                              and a comment's line too; within quotes likewise. */
+};
+
+/* `quotes` */
+enum {
+    ZDIALECT_PLAIN = 0,      /* are bytes like others */
+    ZDIALECT_GIT_QUOTES = 1, /* Double quotes, in any part of a value, keep blanks and comment
+                                characters; in them and outside \" \\ \n \t \b stand for one byte,
+                                and any other backslash is bad data. */
+    ZDIALECT_SHELL_QUOTES = 2 /* A value that begins with ' or " ends with the next one of these,
+                                 which is bad data if anything but a comment follows, or if there is
+                                 none. Within "...", \" and \\ stand for one byte; other
+                                 backslashes, and all in '...', for themselves. Elsewhere quotes are
+                                 bytes. */
+};
+
+/* `repeated`: a header that was there before. */
+enum {
+    ZDIALECT_NOT_REPEATED = 0, /* is bad data */
+    ZDIALECT_MERGED = 1,       /* goes on with the stanza */
+    ZDIALECT_NUMBERED = 2      /* begins another: NAME, NAME#2, NAME#3, ... */
+};
+
+/* `names`: which spellings of stanzas and keys are the same. An object has the first one. */
+enum {
+    ZDIALECT_EXACT = 0,
+    ZDIALECT_FOLDED = 1,       /* those that differ in the case of ASCII letters */
+    ZDIALECT_FOLDED_BLANKS = 2 /* or in blanks too */
+};
+
+/* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored. */
+enum {
+    ZDIALECT_SUBSECTIONS = 1, /* [a "b"] too, which is the stanza a.b: \" and \\ in the quotes stand
+                                 for one byte; the case of b counts whatever `names` is */
+    ZDIALECT_HEADER_TAILS = 2 /* behind "]" only blanks and a comment may stand */
+};
+
+/* `orphans`: entries ahead of the first header. */
+enum {
+    ZDIALECT_NO_ORPHANS = 0, /* are bad data */
+    ZDIALECT_ORPHANS = 1     /* belong to the stanza with the empty name */
+};
+
+/* `values`: a key that stands in its stanza more than once. */
+enum {
+    ZDIALECT_ALL_VALUES = 0, /* has all values */
+    ZDIALECT_LAST_VALUE = 1  /* has the last one; a change goes there */
+};
+
+/* `lines` */
+enum {
+    ZDIALECT_SHORT_LINES = 0, /* a line of more than 8191 bytes, its end counted, is bad data */
+    ZDIALECT_ANY_LINES = 1
+};
+
+/* A dialect. Start with one that is all zero but for `size`: "#" begins comments then too, since
+ * some character must. */
+typedef struct ZDialect {
+    size_t size; /* of this struct, so that it can grow */
+    unsigned int comments, divider, tails, bare, continued, quotes;
+    unsigned int repeated, names, headers, orphans, values, lines;
+} ZDialect;
+
+#endif

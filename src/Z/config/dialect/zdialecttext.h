@@ -1,0 +1,73 @@
+// zdialecttext.h: texts of a dialect: reading them, and changing what they say by patches. Never
+// installed.
+//
+// Nothing here knows a model or a file: what belongs to one stanza or key, and which values count,
+// is for zdialectmodel to tell.
+#ifndef Z_ZDIALECTTEXT_H
+#define Z_ZDIALECTTEXT_H
+
+#include "zdialect.h"
+#include "zpblock.h"
+
+/// Which two switches clash, as "continued lines by indent" and "a blank as divider"; or one that
+/// has no such value, and null. Both null: none.
+struct ZDialectClash {
+    const char* first;
+    const char* second;
+};
+/// Whatever a later version may have added must be zero.
+ZDialectClash zdialectClash(const ZDialect& dialect);
+
+/// What one line says, or several that belong together.
+struct ZDialectPart {
+    enum Kind : uint8_t { blank, comment, header, entry, bareEntry, bad };
+
+    Kind kind;
+    int line;              // of its first line, from 1
+    ZSpan lines;           // all its bytes, line ends included
+    ZSpan name;            // a stanza's or key's, as it is read; a subsection's as "a.b"
+    ZSpan value;           // as it is read
+    ZSpan raw;             // the value's bytes in the text: quotes, comments between its lines and
+                           // all; empty at its place for "key =" and a bare key
+    bool isNameCased;      // a stanza's: what follows `casedFrom` counts in its case
+    size_t casedFrom;      //   the offset in `name`
+    const char* reason;    // of a bad one: a static text, "has no divider"
+};
+
+/// Takes a text apart from its begin. One thread at a time.
+class ZDialectReader {
+public:
+    /// The dialect has no clash; both must outlive this.
+    ZDialectReader(const ZDialect& dialect, ZSpan text);
+    /// False at the end. Names and values that don't stand in the text as they are read are this
+    /// object's, until the next call. Behind a bad part it goes on with the next line. Linear.
+    /// Raises ZOutOfMemoryException.
+    bool next(ZDialectPart& part);
+};
+
+/// How the entries of a stanza are spelled.
+struct ZDialectHabit {
+    ZSpan indent;    // ahead of a key
+    ZSpan before;    // between key and divider
+    ZSpan divider;
+    ZSpan after;     // between divider and value
+    ZSpan lineEnd;
+    ZSpan more;      // ahead of the second and later lines of a value
+};
+
+/// Adds to `out` what gives the value back, quoted and continued where that is needed; for a change
+/// of one that was quoted, `old` is its raw bytes, so that it stays quoted. False, and `out` as it
+/// was, if the dialect can't say it.
+bool zdialectEncode(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDialectHabit& habit,
+                    ZBytes& out);
+
+/// Why a dialect couldn't give these back: static texts as of zrefusal.h, "can't hold =". Null: it
+/// can.
+const char* zdialectStanzaFault(const ZDialect& dialect, ZSpan name);
+const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key);
+const char* zdialectValueFault(const ZDialect& dialect, ZSpan value);
+
+/// Adds the spelling of a name by which all that the dialect takes for the same agree.
+void zdialectFold(const ZDialect& dialect, ZSpan name, ZBytes& out);
+
+#endif

@@ -1,0 +1,21 @@
+// zdialectmodel.h: a model read from a text of another dialect, and such a text changed so that it
+// says what a model holds. Never installed.
+#ifndef Z_ZDIALECTMODEL_H
+#define Z_ZDIALECTMODEL_H
+
+#include "zdialect.h"
+#include "zpstore.h"
+
+/// Makes `out` what `old` becomes so that a load of it gives the stanzas, keys and values of the
+/// store, in this order of preference: a line that says the same stays byte for byte; a changed
+/// value takes the place of the old one's bytes, in its line; what is gone takes its own lines
+/// along; what is new follows the last line of its key, else the last entry of its stanza, else
+/// its header, and is spelled as the entries above it (indent, blanks around the divider, line
+/// end); a new stanza stands at the end, behind a blank line. Comments and blank lines of `old` stay,
+/// but for those of a stanza that is gone as a whole, which go with it: the lines from its header
+/// to the next, up to the comments directly above that. `old` has no bad data. Linear in both.
+/// Raises ZOutOfMemoryException, and ZInvalidParameterException (see zrefusal.h) for what the
+/// dialect can't say.
+void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out);
+
+#endif
