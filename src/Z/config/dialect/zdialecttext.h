@@ -29,8 +29,6 @@ struct ZDialectPart {
     ZSpan value;           // as it is read
     ZSpan raw;             // the value's bytes in the text: quotes, comments between its lines and
                            // all; empty at its place for "key =" and a bare key
-    bool isNameCased;      // a stanza's: what follows `casedFrom` counts in its case
-    size_t casedFrom;      //   the offset in `name`
     const char* reason;    // of a bad one: a static text, "has no divider"
 };
 
@@ -67,7 +65,8 @@ const char* zdialectStanzaFault(const ZDialect& dialect, ZSpan name);
 const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key);
 const char* zdialectValueFault(const ZDialect& dialect, ZSpan value);
 
-/// Adds the spelling of a name by which all that the dialect takes for the same agree.
-void zdialectFold(const ZDialect& dialect, ZSpan name, ZBytes& out);
+/// Adds the spelling of a name by which all that the dialect takes for the same agree. Of a stanza
+/// in a dialect with subsections that changes only what stands ahead of the first ".".
+void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out);
 
 #endif
