@@ -82,7 +82,8 @@ enum {
 /* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored. */
 enum {
     ZDIALECT_SUBSECTIONS = 1, /* [a "b"] too, which is the stanza a.b: \" and \\ in the quotes stand
-                                 for one byte; the case of b counts whatever `names` is */
+                                 for one byte; the case of b counts whatever `names` is, but
+                                 where names are folded [a.B] is a.b */
     ZDIALECT_HEADER_TAILS = 2 /* behind "]" only blanks and a comment may stand */
 };
 

@@ -113,7 +113,11 @@ void ZLockedFile::open(bool mayCreate) {
     created_ = false;
     file_.reset(openBy(0));
     if (descriptor() < 0 && errno == ENOENT && mayCreate) {
-        file_.reset(openBy(O_CREAT | O_EXCL, 0666));
+        // Nobody has to ask what it is: between the making and the answer it would be lost.
+        static const int kMade = O_RDWR | O_CREAT | O_EXCL;
+        file_.reset(folder_.get() < 0
+                        ? zopenFile(path_.getChars(), kMade, 0666)
+                        : zopenFileAt(folder_.get(), znameOf(path_.getChars()), kMade, 0666));
         created_ = descriptor() >= 0;
         // Somebody was faster, or the path is a link that leads nowhere yet.
         if (descriptor() < 0 && errno == EEXIST)
