@@ -45,7 +45,8 @@ class ZLayersFile;
 ///   nothing is stored, and shadowed() tells why.
 /// Updates (ZPropertiesUpdate.h) lock the target, which need not be there, read all files anew, and
 ///   are undone to that. While they begin and end they wait for the other files' locks, but not
-///   with the target's in their hands: beginning is tried as a whole. Watchers (ZPropertiesWatcher.h) watch all files and folders.
+///   with the target's in their hands: beginning is tried as a whole. Watchers (see
+///   ZPropertiesWatcher.h) watch all files and folders.
 ///   path() is the target's.
 ///
 /// Threads and ownership: as ZProperties.
