@@ -34,7 +34,7 @@ void ZLayers::reload(const char* file) { load(file); }
 
 void ZLayers::getOrigin(const char* stanza, const char* key, unsigned int index, ZLCString& file,
                         int& line) const {
-    zrequire(zhasText(stanza) && zhasText(key));
+    zrequire(layers().hasStanzaName(stanza) && zhasText(key));
     ZResourceLock guard(lock_);
     const ZLayer* layer = nullptr;
     int at = 0;

@@ -37,13 +37,13 @@ ZProperties::~ZProperties() noexcept { delete file_; }
 // ---------------------------------------------------------------- look-ups
 
 int ZProperties::exists(const char* category, const char* key) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     ZResourceLock guard(lock_);
     return cache_->contains(category, key);
 }
 
 int ZProperties::exists(const char* category) const {
-    zrequire(zhasText(category));
+    zrequire(file_->hasStanzaName(category));
     ZResourceLock guard(lock_);
     return cache_->contains(category);
 }
@@ -77,7 +77,7 @@ int ZProperties::extractValue(const char* category, const char* key, int require
 
 void ZProperties::getValue(const char* category, const char* key, ZAbstractMutableString& out,
                            int required, const char* defaultValue) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     zrequire(required == 0 || defaultValue == nullptr);
     ZResourceLock guard(lock_);
     const char* text;
@@ -96,7 +96,7 @@ void ZProperties::getValue(const char* category, const char* key, ZAbstractMutab
 
 unsigned int ZProperties::getIntegerValue(const char* category, const char* key, int required,
                                           unsigned int defaultValue) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     zrequire(required == 0 || defaultValue == 0);
     ZResourceLock guard(lock_);
     const char* text;
@@ -112,7 +112,7 @@ unsigned int ZProperties::getIntegerValue(const char* category, const char* key,
 
 int ZProperties::getBooleanValue(const char* category, const char* key, int required,
                                  int defaultValue) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     zrequire(required == 0 || defaultValue == 0);
     ZResourceLock guard(lock_);
     const char* text;
@@ -128,7 +128,7 @@ int ZProperties::getBooleanValue(const char* category, const char* key, int requ
 
 void ZProperties::getValues(const char* category, const char* key, ZArrayList& list,
                             ZPropertyStringType type) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     zrequire(list.ownsMembers() != 0);
     zrequire(type == ZPROP_STRING_LOCAL || type == ZPROP_STRING_UTF8);
     ZResourceLock guard(lock_);
@@ -156,7 +156,7 @@ int ZProperties::numValues(const char* key) const {
 }
 
 int ZProperties::numValues(const char* category, const char* key) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     ZResourceLock guard(lock_);
     return cache_->countValues(category, key);
 }
@@ -167,7 +167,7 @@ int ZProperties::count() const {
 }
 
 int ZProperties::count(const char* category) const {
-    zrequire(zhasText(category));
+    zrequire(file_->hasStanzaName(category));
     ZResourceLock guard(lock_);
     return cache_->keyCount(category);
 }
@@ -175,7 +175,7 @@ int ZProperties::count(const char* category) const {
 void ZProperties::list() const { cache_->list(stdout); }
 
 ZArrayList* ZProperties::get(const char* category, const char* key) const {
-    zrequire(zhasText(category) && zhasText(key));
+    zrequire(file_->hasStanzaName(category) && zhasText(key));
     return cache_->get(category, key, ZPCache::GET_ANY);
 }
 
@@ -185,13 +185,13 @@ void ZProperties::keyNames(ZArrayList& list) const {
 }
 
 void ZProperties::keyNames(const char* category, ZArrayList& list) const {
-    zrequire(zhasText(category));
+    zrequire(file_->hasStanzaName(category));
     zrequire(list.ownsMembers() != 0);
     cache_->getNames(category, list);
 }
 
 ZArrayList* ZProperties::keyNames(const char* category) const {
-    zrequire(zhasText(category));
+    zrequire(file_->hasStanzaName(category));
     return cache_->getNames(category);
 }
 
@@ -282,13 +282,13 @@ void ZProperties::deleteKey(const char* category, const char* key) {
 }
 
 void ZProperties::addFileComment(const char* text) {
-    file_->requireOneFile();
+    file_->requireLines();
     changeComment(text, [&](const char* comment) { cache_->addFileComment(comment); });
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
-    zrequireNames(category, key);
-    file_->requireOneFile();
+    file_->requireNames(category, key);
+    file_->requireLines();
     changeComment(text,
                   [&](const char* comment) { cache_->addLineComment(category, key, comment); });
 }

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 
 #include "ZExceptionText.h"
 #include "zassert.h"
+#include "zdialectmodel.h"
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zmemorystream.h"
@@ -421,14 +423,13 @@ void ZPropertiesFile::store(const ZLCString& path) {
     zassert(lock().isHeld() && path.getLength() != 0);
     zrequire(outcome_ == kLoaded || (outcome_ == kFailed && storeMode_ == ZPROP_STORE_PLAIN) ||
              mayStoreAnyway_);
-    static const unsigned long kOwnText = ZPCACHE_KEEP_LINES | ZPCACHE_STRICT;
     ZUpdatedFile* update = updateOf(path);
     // What was made of one file isn't put in the place of another.
     if (update == nullptr && update_ != nullptr && path.equals(object_.fileName_))
         zraiseIO(path.getChars(), "stat()", ESTALE);
     if (update != nullptr)
         storeTo(update->descriptor, path, &update->content);
-    else if (storeMode_ == ZPROP_STORE_PLAIN && (cache().attributes() & kOwnText) == 0)
+    else if (storeMode_ == ZPROP_STORE_PLAIN && !keepsLines() && cache().isStrict() == 0)
         storePlainly(path);
     else
         storeCarefully(path);
@@ -461,8 +462,33 @@ static void requireShortLines(const char* path, ZSpan text) {
     }
 }
 
+void ZPropertiesFile::setDialect(const ZDialect& dialect) {
+    zrequire(cache().count() == 0 && path().getLength() == 0 && ZModelReading::isOwn(cache()));
+    const ZDialectClash clash = zdialectClash(dialect);
+    if (clash.first != nullptr)
+        zrequireNoFault({clash.first, clash.second});
+    cache().clear();
+    ZDialect own = {};
+    memcpy(&own, &dialect, std::min(sizeof own, dialect.size));
+    ZModelReading::storeOf(static_cast<ZSCFData&>(cache()))
+        .setDialect(std::make_shared<const ZDialect>(own));
+    hasOrphans_ = own.orphans == ZDIALECT_ORPHANS;
+}
+
+void ZPropertiesFile::requireLines() const {
+    requireOneFile();
+    if (dialect() != nullptr)
+        zrequireNoFault({"a file of another dialect", "takes changes of values only"});
+}
+
 ZSpan ZPropertiesFile::finishText(const ZLCString& path, ZSpan oldText, ZSpan text,
                                   ZBytes& kept) const {
+    if (dialect() != nullptr) {
+        ZBytes room;
+        zdialectRewrite(*dialect(), ZModelReading::storeOf(static_cast<ZSCFData&>(cache())),
+                        ZModelEdits::oldText(cache(), oldText, room), kept);
+        return zspanOf(kept);
+    }
     if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {
         ZBytes room;
         zkeepLines(ZModelEdits::oldText(cache(), oldText, room), text, kept);
@@ -489,7 +515,7 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
         zcheckIO(side.examine(action == zsideReplaced));
     if (action == zsideReplaced)
         addSideLine(named);
-    else
+    else if (dialect() == nullptr)
         cache().delLine(kSideStanza, kSideKey);
 
     ZJournal journal(path.getChars(), descriptor);
@@ -500,8 +526,9 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
     }
     ZMemoryStream stream;
     ZBytes oldText, kept;
-    cache().be_write(path.getChars(), stream.get());
-    if (storeMode_ != ZPROP_STORE_PLAIN || (cache().attributes() & ZPCACHE_KEEP_LINES) != 0)
+    if (dialect() == nullptr)
+        cache().be_write(path.getChars(), stream.get());
+    if (storeMode_ != ZPROP_STORE_PLAIN || keepsLines())
         zcheckIO(zreadWholeFile(descriptor, oldText).of(path.getChars()));
     const ZSpan text = finishText(path, zspanOf(oldText), stream.finish(), kept);
     const ZStoreWork work(text, zspanOf(oldText), action, side, spanOf(hidden));

@@ -12,10 +12,12 @@
 #include "zinternal.h"
 #include "zlockedfile.h"
 #include "zmemory.h"
+#include "zmodelreading.h"
 #include "zopenupdates.h"
 #include "zpathwatch.h"
 #include "zpropdiff.h"
 #include "zraise.h"
+#include "zrefusal.h"
 #include "zscope.h"
 #include "zstoremodes.h"
 #include "zwholefile.h"
@@ -128,6 +130,22 @@ public:
 
     /// Refuses what can only be done to one file, with a reason, where there are several.
     virtual void requireOneFile() const {}
+    /// Refuses what is done to comments and lines, where only values can be changed.
+    void requireLines() const;
+
+    /// Before anything is loaded: the file is of this dialect. Raises ZInvalidParameterException,
+    /// with a reason for switches that clash.
+    void setDialect(const ZDialect& dialect);
+    /// Null: it is the library's own.
+    const ZDialect* dialect() const { return ZModelReading::dialectOf(cache()); }
+    /// Only where entries may stand ahead of all headers there is a stanza without a name.
+    bool hasStanzaName(const char* name) const {
+        return zhasText(name) || (hasOrphans_ && name != nullptr);
+    }
+    void requireNames(const char* stanza, const char* key, ZSite site = ZSite()) const {
+        if (__builtin_expect(!hasStanzaName(stanza) || !zhasText(key), false))
+            zrefuseNames(stanza, site);
+    }
 
     // --- watches of several files; one file is its watcher's to read ---
 
@@ -183,6 +201,10 @@ protected:
     void requireLoaded() const { zrequire(outcome_ == kLoaded); }
 
 private:
+    // Whether a store has to look at what the file holds.
+    bool keepsLines() const {
+        return (cache().attributes() & ZPCACHE_KEEP_LINES) != 0 || dialect() != nullptr;
+    }
     // How the last reading ended: an incomplete one has met a failure that plain objects pass over.
     enum Outcome { kLoaded, kFailed, kIncomplete };
 
@@ -213,6 +235,7 @@ private:
     unsigned long lockWait_;  // milliseconds
     bool waits_;              // false while getPropertiesFor is at work
     bool mayStoreAnyway_;     // although the last load failed
+    bool hasOrphans_ = false;  // entries may stand ahead of all headers
     bool hasStamp_;           // of the last load or store
     ZFileStamp stamp_;
     ZUpdatedFile* update_;  // null: none is open

@@ -23,7 +23,7 @@
 class ZPropertiesIterator::Place : public ZPStore::Cursor {
 public:
     static Place* make(const ZProperties& properties, const char* stanza) {
-        zrequire(zhasText(stanza));
+        zrequire(ZPropertiesFile::of(properties).hasStanzaName(stanza));
         if (!ZModelReading::isOwn(*properties.cache_))
             return nullptr;
         ZPStore& store = properties.cache_->store();

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "ZPropertiesImpl.h"
 #include "zinternal.h"
 #include "zraise.h"
 #include "zrefusal.h"
@@ -136,11 +137,12 @@ void ZStanzaFileProperties::deleteStanza(const char* stanza) {
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
     zrequireStanzaName(stanza);
+    ZPropertiesFile::of(*this).requireLines();
     changeComment(text, [&](const char* comment) { data().addStanzaComment(stanza, comment); });
 }
 
 void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {
-    zrequire(zhasText(stanza));
+    zrequire(ZPropertiesFile::of(*this).hasStanzaName(stanza));
     const ZLCString name(stanza);  // which may be a text of the list
     list.clear();
     ZResourceLock guard(lock_);
@@ -155,7 +157,7 @@ void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& lis
 
 void ZStanzaFileProperties::addValue(const char* stanza, const char* key, const char* value,
                                      int obfuscated) {
-    zrequireNames(stanza, key);
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
     zrequireValueText(value);
     ZArrayList list(1, 0);
     const ZLCConstString text(value);
@@ -189,7 +191,7 @@ void ZStanzaFileProperties::addValue(const char* stanza, const char* key,
 
 void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const ZArrayList& list,
                                       int obfuscated) {
-    zrequireNames(stanza, key);
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
     zrequire(list.size() != 0);
     typedef ZAbstractPropertyValuesIterator Iterator;
     ZStanzaValueIterator value(

@@ -33,7 +33,7 @@ void ZLayersFile::requireOneFile() const {
 void ZLayersFile::loadAll(unsigned long wait, const ZFileStamp* own,
                           ZVector<ZPropDifference>* differences) {
     ZSCFData fresh;
-    fresh.setAttributes(model().attributes(), nullptr);
+    ZModelReading::beLike(fresh, model());
     ZLayerSet::Loaded before;
     set_->loadBeside(fresh, wait, own, before);
     isStale_ = false;
@@ -387,7 +387,7 @@ ZLayersFile::Shadows ZLayersFile::storeByItself(ZVector<Change>& changes) {
     std::unique_ptr<ZLockedFile> file;
     ZUpdatedFile updated = {};
     ZSCFData fresh;
-    fresh.setAttributes(model().attributes(), nullptr);
+    ZModelReading::beLike(fresh, model());
     ZLayerSet::Loaded before;
     bool isRetry = false;
     zretryBusy(lockWait(), [&] {

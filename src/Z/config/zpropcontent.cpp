@@ -9,6 +9,7 @@
 #include "zmemorystream.h"
 #include "zmodelcontent.h"
 #include "zmodeledits.h"
+#include "zmodelreading.h"
 #include "zraise.h"
 #include "zrefusal.h"
 
@@ -21,7 +22,7 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     ZPropertiesFile::of(*this).requireOneFile();
     // Bad data shows in a model that nobody has.
     ZSCFData trial;
-    trial.setAttributes(cache_->attributes(), nullptr);
+    ZModelReading::beLike(trial, *cache_);
     zreadText(trial, fileName_.getChars(), text);
     ZModelContent::addHidden(data(), trial);
     // Where the side database is, isn't the bytes' to say: a store would write there, or remove it.
@@ -72,7 +73,7 @@ void ZStanzaFileProperties::getComments(const char* stanza, const char* key,
 void ZStanzaFileProperties::deleteComments(const char* stanza, const char* key) {
     requireCommented(stanza, key);
     ZResourceLock guard(lock_);
-    ZPropertiesFile::of(*this).requireOneFile();
+    ZPropertiesFile::of(*this).requireLines();
     if (ZModelContent::removeComments(data(), stanza, key))
         setModified();
 }

@@ -15,7 +15,7 @@ int ZStanzaFileProperties::changeLines(const ZChangeNames* gone, const ZChangeNa
                                        Edit edit) {
     {
         ZResourceLock guard(lock_);
-        ZPropertiesFile::of(*this).requireOneFile();
+        ZPropertiesFile::of(*this).requireLines();
         if (!edit())
             return 0;
         setModified();

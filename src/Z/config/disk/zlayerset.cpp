@@ -164,7 +164,7 @@ bool ZLayerSet::loadFiles(ZSCFData& model, Reading& reading) {
 
 void ZLayerSet::rebuild(const ZSCFData& model, size_t end, ZSCFData& out) const {
     out.clear();
-    out.setAttributes(model.attributes(), nullptr);
+    ZModelReading::beLike(out, model);
     for (const size_t index : loaded_.read) {
         const ZLayer& layer = loaded_.layers[index];
         if (index >= end || !isLoaded(model, layer))
@@ -273,7 +273,7 @@ bool ZLayerSet::readFile(ZSCFData& model, ZLayer& layer, const Reading& reading)
         const bool keepsText = reading.checksFirst || layer.found.stamp.size == 0;
         if (reading.checksFirst) {
             ZSCFData trial;
-            trial.setAttributes(model.attributes(), nullptr);
+            ZModelReading::beLike(trial, model);
             readContent(trial, layer, file.get(), reading, keepsText, content);
             begin(model, layer);
             zreadText(model, layer.found.path.getChars(), zspanOf(content.text));

@@ -288,17 +288,19 @@ void ZPCategoryBasedCache::remove(const char* category) {
 // ---------------------------------------------------------------- changes of map and lines
 
 void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int mayBeEmpty) const {
-    if (!isStrict())
+    const ZDialect* dialect = store().dialect().get();
+    if (isStrict() == 0 && dialect == nullptr)
         return;
     if (obfuscated != 0)
-        zrequireNoFault(zfaultOfHiddenValue(value));
+        zrequireNoFault(zfaultOfHiddenValue(value, dialect));
     else
-        zrequireNoFault(zfaultOfValue(key, value, mayBeEmpty != 0));
+        zrequireNoFault(zfaultOfValue(key, value, mayBeEmpty != 0, dialect));
 }
 
 int ZPCategoryBasedCache::addStanzaLine(const char* category) {
-    if (isStrict())
-        zrequireNoFault(zfaultOfStanza(category));
+    const ZDialect* dialect = store().dialect().get();
+    if (isStrict() != 0 || dialect != nullptr)
+        zrequireNoFault(zfaultOfStanza(category, dialect));
     const ZSpan name = zspanOf(category);
     if (store().stanzaInMap(name) != ZPStore::none)
         return 1;
@@ -323,9 +325,10 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
         addStanzaLine(category);
         return;
     }
-    if (isStrict()) {
-        zrequireNoFault(zfaultOfStanza(category));
-        zrequireNoFault(zfaultOfKey(key));
+    const ZDialect* dialect = store().dialect().get();
+    if (isStrict() != 0 || dialect != nullptr) {
+        zrequireNoFault(zfaultOfStanza(category, dialect));
+        zrequireNoFault(zfaultOfKey(key, dialect));
         checkValue(key, value, obfuscated, 1);
     }
     ZPStore& model = store();

@@ -23,6 +23,7 @@
 #include "ZExceptionText.h"
 #include "ZSqueeze.h"
 #include "zassert.h"
+#include "zdialectmodel.h"
 #include "zgrammar.h"
 #include "zmodelreading.h"
 #include "zpstore.h"
@@ -264,6 +265,9 @@ private:
 
 // In one place, so that the compiler makes one loop of all that a line takes.
 void ZModelReading::parse(ZSCFData& cache, const char* file, size_t start) {
+    if (cache.store().dialect() != nullptr)
+        return zdialectRead(cache.store(), file, start,
+                            (cache.attributes_ & ZPCACHE_KEEP_COMMENTS) != 0);
     StanzaReader(cache.store(), file, cache.attributes_, cache.obfuscatedDBName_).read(start);
 }
 
@@ -449,7 +453,13 @@ private:
 
 }  // namespace
 
-void ZSCFData::be_write(const char*, FILE* stream) { StanzaWriter(store(), stream).write(); }
+void ZSCFData::be_write(const char*, FILE* stream) {
+    if (store().dialect() == nullptr)
+        return StanzaWriter(store(), stream).write();
+    ZBytes text;
+    zdialectRewrite(*store().dialect(), store(), {nullptr, 0}, text);
+    fwrite(text.data(), 1, text.size(), stream);
+}
 
 // ---------------------------------------------------------------- side database
 

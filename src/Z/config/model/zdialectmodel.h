@@ -3,8 +3,13 @@
 #ifndef Z_ZDIALECTMODEL_H
 #define Z_ZDIALECTMODEL_H
 
-#include "zdialect.h"
 #include "zpstore.h"
+
+/// Adds what the store's text holds from `start` on, in its dialect. A stanza that appears again
+/// goes on, or is NAME#2; of values that are read otherwise than they stand there a copy is made.
+/// Raises ZPropertiesInvalidDataException for bad data, with its line and text; what was read
+/// before stays. `file` is for messages.
+void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComments);
 
 /// Makes `out` what `old` becomes so that a load of it gives the stanzas, keys and values of the
 /// store, in this order of preference: a line that says the same stays byte for byte; a changed

@@ -22,6 +22,7 @@ static void addString(ZArrayList& list, ZSpan text) {
 // ---------------------------------------------------------------- life
 
 ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
+    setDialect(other.dialect_);
     // The delegated constructor has finished, so that the destructor clears up if this raises.
     text_.reserve(other.text_.size());
     makeRoomForKey();
@@ -66,6 +67,8 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
         for (Id k = source.first; k != none; k = other.keys_[k].next) {
             const ZPKey& from = other.keys_[k];
             const Id key = createKey(stanza, other.text_.span(from.name));
+            if (other.isBare(k))
+                markBare(key);
             for (Kind kind : {plain, hidden}) {
                 const ZPValueView values = other.values(k, kind);
                 if (values.count() == 0)
@@ -89,6 +92,7 @@ ZPStore::~ZPStore() {
 void ZPStore::clear() {
     // A fresh store takes the place of this one; the old content goes with it.
     ZPStore fresh;
+    fresh.setDialect(dialect_);
     endCursors(none);
     std::swap<ZPContent>(*this, fresh);
 }
@@ -184,7 +188,7 @@ void ZPStore::moveText(ZPText& target) {
 // ---------------------------------------------------------------- stanzas
 
 ZPStore::Id ZPStore::findStanza(ZSpan name) const {
-    return stanzaIndex_.find(znarrowHash(zhashOf(name)),
+    return stanzaIndex_.find(znarrowHash(nameHash(name, true)),
                              [&](Id id, uint32_t) { return isNamed(stanzas_[id], name); });
 }
 
@@ -202,7 +206,7 @@ ZPStore::Id ZPStore::createStanza(ZSpan name) {
     if (id == none) {
         stanzas_.reserveMore(1);
         stanzaIndex_.reserveMore(1);
-        id = newStanza(text_.append(name), zhashOf(name));
+        id = newStanza(text_.append(name), nameHash(name, true));
     }
     putStanzaIntoMap(id);
     return id;
@@ -244,13 +248,28 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 // ---------------------------------------------------------------- keys
 
 ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
-    const uint32_t hash = zhashOfBoth(zhashOf(stanza), zhashOf(key));
+    const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         const ZPKey& candidate = keys_[id];
         __builtin_prefetch(&candidate);
-        return text_.stands(offset, key) && candidate.name.length == key.size &&
+        const bool isSame = text_.stands(offset, key) && candidate.name.length == key.size;
+        return (isSame || (folds_ && foldAlike(text_.span(candidate.name), key, false))) &&
                isNamed(stanzas_[candidate.stanza], stanza);
     });
+}
+
+// Only dialects whose names have several spellings come here.
+uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
+    ZBytes folded;
+    zdialectFold(*dialect_, name, isStanza, folded);
+    return zhashOf(zspanOf(folded));
+}
+
+bool ZPStore::foldAlike(ZSpan a, ZSpan b, bool areStanzas) const {
+    ZBytes left, right;
+    zdialectFold(*dialect_, a, areStanzas, left);
+    zdialectFold(*dialect_, b, areStanzas, right);
+    return zequals(zspanOf(left), zspanOf(right));
 }
 
 uint32_t ZPStore::hashOf(Id id) const {
@@ -376,8 +395,9 @@ void ZPStore::dropValues(Id id, Kind kind) {
         key.extra->values[kind].drop(text_, ownValue(key, kind));
     } else if (kind == plain) {
         text_.drop(key.value);
-        key.value.length = 0;
     }
+    if (kind == plain)
+        key.value = {0, 0};
 }
 
 void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
@@ -561,7 +581,7 @@ ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     Id stanza = findStanza(text_.span(name));
     zassert(stanza == none || !stanzas_[stanza].inMap);
     if (stanza == none)
-        stanza = newStanza(name, zhashOf(text_.span(name)));
+        stanza = newStanza(name, nameHash(text_.span(name), true));
     putStanzaIntoMap(stanza);
     return addGroup(stanza);
 }
@@ -800,7 +820,7 @@ void ZPStore::renameStanza(Id id, ZSpan name) {
     stanzaIndex_.remove(znarrowHash(stanza.hash), id);
     text_.drop(stanza.name);
     stanza.name = text_.append(name);
-    stanza.hash = zhashOf(name);
+    stanza.hash = nameHash(name, true);
     memset(stanza.head, 0, sizeof stanza.head);
     memcpy(stanza.head, name.data, name.size < sizeof stanza.head ? name.size : sizeof stanza.head);
     stanzaIndex_.insert(znarrowHash(stanza.hash), id, stanza.name.offset);

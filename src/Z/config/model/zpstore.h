@@ -47,6 +47,7 @@
 
 #include "ZLCString.h"
 #include "ZList.h"
+#include "zdialecttext.h"
 #include "zoldtext.h"
 #include "zpindex.h"
 #include "zplines.h"
@@ -102,6 +103,8 @@ protected:
     uint32_t followedCount_ = 0;
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
     ZOldText oldText_;
+    std::shared_ptr<const ZDialect> dialect_;
+    bool folds_ = false;  // it takes several spellings of a name for one
     // Of a store that holds several files: see beginLayer.
     uint32_t layerStart_ = kNoId;
     bool keepsPlaces_ = false;
@@ -118,6 +121,7 @@ public:
     static constexpr Id outsideMap = 0xFFFFFFFEu;
 
     enum Kind { plain = 0, hidden = 1 };
+    static constexpr uint32_t kBare = 0xFFFFFFFFu;  // the offset of no value, of a bare key
 
     /// A walk's place in the keys of a stanza that stays right whatever is removed meanwhile. Made,
     /// used and destroyed under the owner's lock.
@@ -155,7 +159,16 @@ public:
     ~ZPStore();
     ZPStore& operator=(const ZPStore&) = delete;
 
-    /// Forgets all, and ends all walks.
+    /// What is read is of this dialect, and names are found by all spellings that it takes for the
+    /// same; null: it is the library's own text. Requires: there is nothing yet.
+    void setDialect(std::shared_ptr<const ZDialect> dialect) {
+        zassert(keyIndex_.count() == 0 && stanzaIndex_.count() == 0);
+        dialect_ = std::move(dialect);
+        folds_ = dialect_ != nullptr && dialect_->names != ZDIALECT_EXACT;
+    }
+    const std::shared_ptr<const ZDialect>& dialect() const { return dialect_; }
+
+    /// Forgets all but the dialect, and ends all walks.
     void clear();
     /// Takes over what another store holds, in place of all of its own, and ends all walks.
     void take(ZPStore& other) noexcept {
@@ -227,6 +240,25 @@ public:
     void appendValue(Id key, Kind kind, ZSpan value);
     /// Replaces the values of `kind` by one, or by none if it is empty, and drops the other kind's.
     void replaceValues(Id key, Kind kind, ZSpan value);
+
+    /// Whether the key stands there without a divider, and so has no values.
+    bool isBare(Id key) const {
+        return keys_[key].value.length == 0 && keys_[key].value.offset == kBare &&
+               values(key, plain).count() == 0;
+    }
+    /// Makes it such a key.
+    void setBare(Id key) {
+        dropValues(key, plain);
+        dropValues(key, hidden);
+        markBare(key);
+    }
+    /// Likewise one that has just been read, if it has no values.
+    void markBare(Id key) {
+        if (values(key, plain).count() == 0)
+            keys_[key].value = {kBare, 0};
+    }
+    /// Takes away what was read for a key before.
+    void forgetRead(Id key) { dropValues(key, plain); }
 
     /// The list object of these values; made at first use.
     ZArrayList* valueList(Id key, Kind kind) const;
@@ -343,6 +375,8 @@ public:
     void setReadError(int error) { readError_ = error; }
     /// Takes bytes at the end back that nothing refers to.
     void truncateText(size_t size) { text_.truncate(size); }
+    /// What was read and doesn't stand in the text as it is.
+    ZPSlice addText(ZSpan text) { return text_.append(text); }
     /// Makes room for what a file of that many lines brings at most.
     void reserveForLines(size_t lines);
     /// A header at the end whose name lies in the text; the stanza must not be in the map.
@@ -384,7 +418,7 @@ public:
     }
     Id lastGroup() const { return lines_.lastGroup(); }
     uint32_t keyHash(Id stanza, ZSpan key) const {
-        return zhashOfBoth(stanzas_[stanza].hash, zhashOf(key));
+        return zhashOfBoth(stanzas_[stanza].hash, nameHash(key, false));
     }
     void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
     /// So many bytes of the text are in no slice.
@@ -402,13 +436,21 @@ private:
     size_t textNeeded() const;
 
     bool isNamed(const ZPStanza& stanza, ZSpan name) const {
-        return stanza.name.length == name.size &&
-               memcmp(name.size <= sizeof stanza.head ? stanza.head : text(stanza.name), name.data,
-                      name.size) == 0;
+        return (stanza.name.length == name.size &&
+                memcmp(name.size <= sizeof stanza.head ? stanza.head : text(stanza.name), name.data,
+                       name.size) == 0) ||
+               (folds_ && foldAlike(text_.span(stanza.name), name, true));
     }
     bool isNamed(const ZPKey& key, ZSpan name) const {
-        return key.name.length == name.size && memcmp(text(key.name), name.data, name.size) == 0;
+        return (key.name.length == name.size &&
+                memcmp(text(key.name), name.data, name.size) == 0) ||
+               (folds_ && foldAlike(text_.span(key.name), name, false));
     }
+    uint64_t nameHash(ZSpan name, bool isStanza) const {
+        return folds_ ? foldedHash(name, isStanza) : zhashOf(name);
+    }
+    uint64_t foldedHash(ZSpan name, bool isStanza) const;
+    bool foldAlike(ZSpan a, ZSpan b, bool areStanzas) const;
     uint32_t hashOf(Id key) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);

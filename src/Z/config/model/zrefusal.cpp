@@ -40,16 +40,22 @@ static bool hasBlankEnds(const char* text) {
     return grammar.isBlank(*text) || grammar.isBlank(text[strlen(text) - 1]);
 }
 
-ZFault zfaultOfStanza(const char* name) {
+static ZFault faultOf(const char* subject, const char* reason) {
+    return reason == nullptr ? kNoFault : ZFault{subject, reason};
+}
+
+ZFault zfaultOfStanza(const char* name, const ZDialect* dialect) {
+    if (dialect != nullptr)
+        return faultOf(kStanza, zdialectStanzaFault(*dialect, zspanOf(name)));
     const char* reason = reasonAgainst(name, strlen("[]\n"));
     if (reason == nullptr && strchr(name, ']') != nullptr)
         reason = "can't hold ]";
-    if (reason != nullptr)
-        return {kStanza, reason};
-    return kNoFault;
+    return faultOf(kStanza, reason);
 }
 
-ZFault zfaultOfKey(const char* name) {
+ZFault zfaultOfKey(const char* name, const ZDialect* dialect) {
+    if (dialect != nullptr)
+        return faultOf(kKey, zdialectKeyFault(*dialect, zspanOf(name)));
     const char* reason = reasonAgainst(name, strlen(" =\n"));
     if (reason == nullptr && hasBlankEnds(name))
         reason = kBlankEnds;
@@ -57,21 +63,24 @@ ZFault zfaultOfKey(const char* name) {
         reason = "can't hold =";
     else if (reason == nullptr && (*name == '#' || *name == '['))
         reason = "can't begin with # or [";
-    if (reason != nullptr)
-        return {kKey, reason};
-    return kNoFault;
+    return faultOf(kKey, reason);
 }
 
-ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty) {
-    if (!zhasText(value) && mayBeEmpty)
-        return kNoFault;
+ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty,
+                     const ZDialect* dialect) {
+    if (!zhasText(value))
+        return mayBeEmpty ? kNoFault : ZFault{kValue, kEmpty};
+    if (dialect != nullptr)
+        return faultOf(kValue, zdialectValueFault(*dialect, zspanOf(value)));
     const char* reason = reasonAgainst(value, strlen(key) + strlen(" = \n"));
     if (reason == nullptr && hasBlankEnds(value))
         reason = kBlankEnds;
-    return reason == nullptr ? kNoFault : ZFault{kValue, reason};
+    return faultOf(kValue, reason);
 }
 
-ZFault zfaultOfHiddenValue(const char* value) {
+ZFault zfaultOfHiddenValue(const char* value, const ZDialect* dialect) {
+    if (dialect != nullptr)
+        return {"a hidden value", "can't be stored in a file of another dialect"};
     return zhasText(value) ? kNoFault : ZFault{"a hidden value", kEmpty};
 }
 
@@ -81,9 +90,7 @@ ZFault zfaultOfComment(const char* text) {
         reason = "must begin with #";
     else if (reason == nullptr && hasBlankEnds(text))
         reason = kBlankEnds;
-    if (reason != nullptr)
-        return {kComment, reason};
-    return kNoFault;
+    return faultOf(kComment, reason);
 }
 
 ZFault zfaultOfForeignText() {

@@ -4,6 +4,7 @@
 #define Z_ZREFUSAL_H
 
 #include "ZException.h"
+#include "zdialecttext.h"
 #include "zinternal.h"
 #include "zraise.h"
 
@@ -14,12 +15,15 @@ struct ZFault {
     const char* reason;
 };
 
-ZFault zfaultOfStanza(const char* name);
-ZFault zfaultOfKey(const char* name);
+/// In the library's own files, or those of a dialect if that isn't null.
+ZFault zfaultOfStanza(const char* name, const ZDialect* dialect = nullptr);
+ZFault zfaultOfKey(const char* name, const ZDialect* dialect = nullptr);
 /// Of a value that stands in the text behind this key.
-ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty);
-/// Of a value that the side database holds: any text but the empty one is fine.
-ZFault zfaultOfHiddenValue(const char* value);
+ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty,
+                     const ZDialect* dialect = nullptr);
+/// Of a value that the side database holds: any text but the empty one is fine. Files of a dialect
+/// have none.
+ZFault zfaultOfHiddenValue(const char* value, const ZDialect* dialect = nullptr);
 /// Of a comment with its "#".
 ZFault zfaultOfComment(const char* text);
 /// Of text that has characters which the local codeset lacks.
