@@ -1,7 +1,6 @@
 # What `cmake --install` puts into place, in components that CPack makes packages of: runtime
 # (library, command and its pages), development (headers, and how to find and link the library) and
 # python (the Python package, from python/).
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zbase_shared EXPORT zbaseTargets
@@ -45,6 +44,7 @@ add_custom_command(OUTPUT ${man_folder}/made
 add_custom_target(man ALL DEPENDS ${man_folder}/made)
 install(DIRECTORY ${man_folder} DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.3")
+install(DIRECTORY share/zbase DESTINATION ${CMAKE_INSTALL_DATADIR} COMPONENT runtime)
 install(FILES docs/zstz.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES tools/zstz.bash-completion RENAME zstz
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)

@@ -181,6 +181,22 @@ public:
     /// The cache's own list of the stanza's keys, or null; no lock.
     ZArrayList* getKeys(const char* stanza) const { return keyNames(stanza); }
 
+    // Files of other programs (zdialect.h). Their values are read, changed and stored as those of
+    // the library's own; all bytes of a file that nothing is changed about stay as they are.
+    // Comments, names of stanzas and keys and hidden values can't be changed in them, which raises
+    // ZInvalidParameterException with a reason; and so does what the dialect can't say. Bad data is
+    // what a strict load refuses, and whatever the dialect excludes.
+
+    /// Says which dialect the file has; copied. Before the first load, of an object without a path
+    /// and content. Raises ZInvalidParameterException for switches that clash, with the two as the
+    /// reason.
+    void setDialect(const ZDialect& dialect);
+    /// Whether the key stands there without a divider, which only some dialects have. It has no
+    /// values then.
+    int isBare(const char* stanza, const char* key) const;
+    /// Makes it such a key. Notice: PropertyModified.
+    void setBare(const char* stanza, const char* key);
+
     // Names and lines. What each of these four is about may be missing: 0, and nothing has changed;
     // else 1. A null or empty name, and what else is refused, raises ZInvalidParameterException.
     // With ZPCACHE_KEEP_LINES the next store leaves all other bytes, and the spelling of the lines

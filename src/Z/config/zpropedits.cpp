@@ -57,6 +57,30 @@ int ZStanzaFileProperties::disableKey(const char* stanza, const char* key) {
                        [&] { return ZModelEdits::disableKey(data(), stanza, key); });
 }
 
+// ---------------------------------------------------------------- other dialects
+
+void ZStanzaFileProperties::setDialect(const ZDialect& dialect) {
+    ZResourceLock guard(lock_);
+    ZPropertiesFile::of(*this).setDialect(dialect);
+}
+
+int ZStanzaFileProperties::isBare(const char* stanza, const char* key) const {
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
+    ZResourceLock guard(lock_);
+    return ZModelEdits::isBare(data(), stanza, key);
+}
+
+void ZStanzaFileProperties::setBare(const char* stanza, const char* key) {
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
+    const ZChangeNames changed(hasObservers(), stanza, key);
+    {
+        ZResourceLock guard(lock_);
+        ZModelEdits::setBare(data(), stanza, key);
+        setModified();
+    }
+    sendChangeNotice(ZPropertyChanged::PropertyModified, changed);
+}
+
 // ---------------------------------------------------------------- what a store would write
 
 static void give(ZSpan text, ZBuffer& out) {
@@ -64,6 +88,8 @@ static void give(ZSpan text, ZBuffer& out) {
 }
 
 void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
+    if (ZPropertiesFile::of(*this).dialect() != nullptr)
+        return storeBytesOver(nullptr, 0, out);
     ZMemoryStream stream;
     ZResourceLock guard(lock_);
     cache_->be_write(fileName_.getChars(), stream.get());
@@ -76,7 +102,8 @@ void ZStanzaFileProperties::storeBytesOver(const void* bytes, size_t length, ZBu
     ZBytes kept;
     ZResourceLock guard(lock_);
     ZPropertiesFile::of(*this).requireOneFile();
-    cache_->be_write(fileName_.getChars(), stream.get());
+    if (ZPropertiesFile::of(*this).dialect() == nullptr)
+        cache_->be_write(fileName_.getChars(), stream.get());
     give(ZPropertiesFile::of(*this).finishText(fileName_, {static_cast<const char*>(bytes), length},
                                                stream.finish(), kept),
          out);

@@ -199,6 +199,7 @@
 #define ZStanzaValueIterator ZStanzaValueIterator_6_0
 #define ZStanzaFileProperties ZStanzaFileProperties_6_0
 #define ZLayers ZLayers_6_0
+#define ZDialects ZDialects_6_0
 #define ZLayersFile ZLayersFile_6_0
 #define ZKVEntry ZKVEntry_6_0
 #define ZPropertiesKVList ZPropertiesKVList_6_0
@@ -248,6 +249,14 @@
 #define zstzLayers_forEachFile zstzLayers_forEachFile_6_0
 #define zstzLayers_forEachEntry zstzLayers_forEachEntry_6_0
 #define zstzPropOpenWith zstzPropOpenWith_6_0
+#define zstzDialect_get zstzDialect_get_6_0
+#define zstzDialect_ofFile zstzDialect_ofFile_6_0
+#define zstzDialect_forEach zstzDialect_forEach_6_0
+#define zstzDialect_clash zstzDialect_clash_6_0
+#define zstzPropOpenDialect zstzPropOpenDialect_6_0
+#define zstzPropOpenDialectBytes zstzPropOpenDialectBytes_6_0
+#define zstzPropIsBare zstzPropIsBare_6_0
+#define zstzPropSetBare zstzPropSetBare_6_0
 #define zstzPropBegin zstzPropBegin_6_0
 #define zstzPropCommit zstzPropCommit_6_0
 #define zstzPropWatch_setSettlingTime zstzPropWatch_setSettlingTime_6_0

@@ -9,6 +9,7 @@
 #include "ZPropHandle.h"
 #include "ZPropertiesWatcher.h"
 #include "zmemory.h"
+#include "zdialects.h"
 #include "zproperror.h"
 #include "zrefusal.h"
 #include "zwholefile.h"
@@ -17,21 +18,7 @@
 
 int zstzPropOpenWith(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
                      unsigned long attributes, int storeMode, unsigned long wait) {
-    zclearLastError();
-    if (out == nullptr || file == nullptr ||
-        (mode != ZPROP_OPEN_READ && mode != ZPROP_OPEN_UPDATE) ||
-        (attributes & ~kKnownAttributes) != 0 || storeMode < ZPROP_STORE_PLAIN ||
-        storeMode > ZPROP_STORE_SAFE)
-        return zparameterError();
-    *out = nullptr;
-    return zguardedByLock([&] {
-        std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(mode));
-        handle->properties.setAttributes(attributes, nullptr);
-        handle->properties.setStoreMode(storeMode);
-        handle->properties.setLockWait(wait);
-        handle->properties.load(file);
-        *out = handle.release();
-    });
+    return zstzPropOpenDialect(out, file, mode, nullptr, attributes, storeMode, wait);
 }
 
 int zstzPropBegin(ZPROP_handle* handle, unsigned long milliseconds) {

@@ -5,6 +5,7 @@
 #include "ZBuffer.h"
 #include "ZPropertiesImpl.h"
 #include "zmodelcontent.h"
+#include "zdialects.h"
 #include "zproperror.h"
 #include "zproperties.h"
 
@@ -12,18 +13,7 @@
 
 int zstzPropOpenBytes(ZPROP_handle** out, const void* bytes, size_t length,
                       unsigned long attributes) {
-    zclearLastError();
-    if (out == nullptr || (bytes == nullptr && length != 0) ||
-        (attributes & ~kKnownAttributes) != 0)
-        return zparameterError();
-    *out = nullptr;
-    return zguarded(zfileGroup, [&] {
-        std::unique_ptr<ZPROP_stz_handle> handle(new ZPROP_stz_handle(ZPROP_OPEN_UPDATE));
-        handle->properties.setAttributes(attributes, nullptr);
-        handle->properties.loadBytes(bytes, length);
-        handle->properties.resetModified();
-        *out = handle.release();
-    });
+    return zstzPropOpenDialectBytes(out, bytes, length, nullptr, attributes);
 }
 
 int zstzPropLoadBytes(ZPROP_handle* handle, const void* bytes, size_t length) {

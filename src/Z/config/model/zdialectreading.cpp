@@ -103,7 +103,8 @@ private:
             counts_.push_back(1);
         const ZSpan name = store_.text().span(store_.stanza(first).name);
         ZLCString numbered(name.data, static_cast<unsigned int>(name.size));
-        return numbered.append('#').append(std::to_string(++counts_[first]).c_str());
+        numbered.append('#').append(std::to_string(++counts_[first]).c_str());
+        return numbered;
     }
 
     void takeEntry(const ZDialectPart& part) {

@@ -200,8 +200,21 @@ bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* ke
     return true;
 }
 
+int ZModelEdits::isBare(const ZSCFData& model, const char* stanza, const char* key) {
+    const ZPId id = model.store().keyInMap(zspanOf(stanza), zspanOf(key));
+    return id != ZPStore::none && model.store().isBare(id);
+}
+
+void ZModelEdits::setBare(ZSCFData& model, const char* stanza, const char* key) {
+    const ZDialect* dialect = model.store().dialect().get();
+    if (dialect == nullptr || dialect->bare != ZDIALECT_BARE)
+        zrequireNoFault({"a key without a divider", "can't be stored in this file"});
+    model.addLine(stanza, key, nullptr, 0);
+    model.store().setBare(model.store().keyInMap(zspanOf(stanza), zspanOf(key)));
+}
+
 void ZModelEdits::noteText(ZSCFData& model, ZSpan text) {
-    if ((model.attributes() & ZPCACHE_KEEP_LINES) != 0)
+    if ((model.attributes() & ZPCACHE_KEEP_LINES) != 0 || model.store().dialect() != nullptr)
         model.store().oldText().replaceBy(text);
 }
 

@@ -25,6 +25,11 @@ struct ZModelEdits {
     /// keys. Linear in the lines.
     static void addForgettingLines(ZSCFData& model, ZVector<uint32_t>& keys);
 
+    /// Whether a key stands there without a divider.
+    static int isBare(const ZSCFData& model, const char* stanza, const char* key);
+    /// Makes it such a key. Raises ZInvalidParameterException where the dialect has none.
+    static void setBare(ZSCFData& model, const char* stanza, const char* key);
+
     // For stores that keep lines.
 
     /// The model was read from this text, which isn't in the file yet.

@@ -1,0 +1,266 @@
+#include "ZDialects.h"
+
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZExceptionText.h"
+#include "ZLayers.h"
+#include "zdialecttext.h"
+#include "zinternal.h"
+#include "zlayertree.h"
+#include "zmemory.h"
+#include "zraise.h"
+#include "zwholefile.h"
+
+static const char kFolder[] = "zbase/dialects";
+static const char kSuffix[] = ".conf";
+static const char kSwitches[] = "dialect";
+
+namespace {
+
+struct Word {
+    const char* name;
+    unsigned int value;
+};
+
+struct Switch {
+    const char* name;
+    unsigned int ZDialect::*field;
+    bool hasBits;
+    Word words[5];
+};
+
+const Word kNo = {"no", 0};
+
+const Switch kAll[] = {
+    {"comments",
+     &ZDialect::comments,
+     true,
+     {{"hash", ZDIALECT_HASH}, {"semicolon", ZDIALECT_SEMICOLON}}},
+    {"divider",
+     &ZDialect::divider,
+     false,
+     {{"equals", ZDIALECT_EQUALS},
+      {"colon", ZDIALECT_COLON},
+      {"either", ZDIALECT_EITHER},
+      {"blank", ZDIALECT_BLANK}}},
+    {"tails",
+     &ZDialect::tails,
+     false,
+     {kNo, {"blank", ZDIALECT_TAILS}, {"anywhere", ZDIALECT_TAILS_ANYWHERE}}},
+    {"bare", &ZDialect::bare, false, {kNo, {"yes", ZDIALECT_BARE}}},
+    {"continued",
+     &ZDialect::continued,
+     false,
+     {kNo, {"indent", ZDIALECT_INDENT}, {"backslash", ZDIALECT_BACKSLASH}}},
+    {"quotes",
+     &ZDialect::quotes,
+     false,
+     {{"plain", ZDIALECT_PLAIN},
+      {"git", ZDIALECT_GIT_QUOTES},
+      {"shell", ZDIALECT_SHELL_QUOTES}}},
+    {"repeated",
+     &ZDialect::repeated,
+     false,
+     {kNo, {"merged", ZDIALECT_MERGED}, {"numbered", ZDIALECT_NUMBERED}}},
+    {"names",
+     &ZDialect::names,
+     false,
+     {{"exact", ZDIALECT_EXACT},
+      {"folded", ZDIALECT_FOLDED},
+      {"folded-blanks", ZDIALECT_FOLDED_BLANKS}}},
+    {"headers",
+     &ZDialect::headers,
+     true,
+     {{"subsections", ZDIALECT_SUBSECTIONS}, {"tails", ZDIALECT_HEADER_TAILS}}},
+    {"orphans", &ZDialect::orphans, false, {kNo, {"yes", ZDIALECT_ORPHANS}}},
+    {"values",
+     &ZDialect::values,
+     false,
+     {{"all", ZDIALECT_ALL_VALUES}, {"last", ZDIALECT_LAST_VALUE}}},
+    {"lines",
+     &ZDialect::lines,
+     false,
+     {{"short", ZDIALECT_SHORT_LINES}, {"any", ZDIALECT_ANY_LINES}}},
+};
+
+// The roots that hold the presets, the lowest first, behind each other; and pointers to them.
+class Roots {
+public:
+    Roots() {
+        add(ZBASE_DATA_FOLDER);
+        const char* folders = secure_getenv("XDG_DATA_DIRS");
+        if (!zhasText(folders))
+            folders = "/usr/local/share:/usr/share";
+        // Written with the most important first.
+        ZVector<ZLCString> given;
+        for (const char* at = folders; *at != '\0';) {
+            const size_t length = strcspn(at, ":");
+            if (*at == '/')
+                given.push_back(ZLCString(at, static_cast<unsigned int>(length)));
+            at += length + (at[length] == ':');
+        }
+        for (auto root = given.rbegin(); root != given.rend(); ++root)
+            add(root->getChars());
+        add("/etc");
+        for (const ZLCString& root : roots_)
+            pointers_.push_back(root.getChars());
+        pointers_.push_back(nullptr);
+    }
+
+    ZLayersTerms terms(const char* name) const {
+        ZLayersTerms terms = {};
+        terms.size = sizeof terms;
+        terms.name = name;
+        terms.project = kFolder;
+        terms.roots = pointers_.data();
+        terms.flags = ZLAYERS_USER;
+        return terms;
+    }
+
+private:
+    void add(const char* root) {
+        if (std::none_of(roots_.begin(), roots_.end(),
+                         [root](const ZLCString& known) { return known.equals(root); }))
+            roots_.push_back(ZLCString(root));
+    }
+
+    ZVector<ZLCString> roots_;
+    ZVector<const char*> pointers_;
+};
+
+}  // namespace
+
+[[noreturn]] static void raiseBad(const ZLayers& preset, const char* key, const char* text) {
+    ZLCString file;
+    int line = 0;
+    if (key != nullptr)
+        preset.getOrigin(kSwitches, key, 0, file, line);
+    zraise(ZPropertiesInvalidDataException(file.getChars(), text, line));
+}
+
+static void readSwitch(const ZLayers& preset, const Switch& which, ZDialect& dialect) {
+    ZArrayList values(2, 1);
+    preset.getValues(kSwitches, which.name, values, ZPROP_STRING_LOCAL);
+    for (unsigned int i = 0; i < values.size(); ++i) {
+        const char* text = static_cast<const ZLCString*>(values.get(i))->getChars();
+        const Word* found = std::find_if(
+            std::begin(which.words), std::end(which.words),
+            [text](const Word& word) { return word.name != nullptr && !strcmp(word.name, text); });
+        if (found == std::end(which.words))
+            raiseBad(preset, which.name, text);
+        unsigned int& field = dialect.*which.field;
+        field = which.hasBits ? field | found->value : found->value;
+    }
+}
+
+void ZDialects::get(const char* name, ZDialect& dialect) {
+    const Roots roots;
+    const ZLayers preset(roots.terms(name), ZPCACHE_STRICT);
+    ZDialect read = {};
+    read.size = sizeof read;
+    ZArrayList keys(20, 1);
+    if (preset.exists(kSwitches) != 0)
+        preset.keyNames(kSwitches, keys);
+    for (unsigned int i = 0; i < keys.size(); ++i) {
+        const char* key = static_cast<const ZLCString*>(keys.get(i))->getChars();
+        const Switch* which =
+            std::find_if(std::begin(kAll), std::end(kAll),
+                         [key](const Switch& one) { return strcmp(one.name, key) == 0; });
+        if (which == std::end(kAll))
+            raiseBad(preset, key, key);
+        readSwitch(preset, *which, read);
+    }
+    const ZDialectClash clash = zdialectClash(read);
+    if (clash.first != nullptr) {
+        ZLCString text(clash.first);
+        text.append(' ').append(clash.second);
+        raiseBad(preset, nullptr, text.getChars());
+    }
+    dialect = read;
+}
+
+// The names of all presets, sorted.
+static void listNames(const ZLayerTree& tree, ZVector<ZLCString>& names) {
+    for (unsigned int root = 0; root < tree.roots().size(); ++root) {
+        const ZOpenFile folder(
+            zopenFile(tree.folderOf(root, false).getChars(), O_RDONLY | O_DIRECTORY));
+        ZVector<ZLCString> listed;
+        if (folder.get() < 0 || zlistFolder(folder.get(), listed))
+            continue;  // as if it weren't there
+        for (const ZLCString& name : listed)
+            if (tree.isDropInName(name.getChars()) && name.getLength() >= sizeof kSuffix)
+                names.push_back(ZLCString(name.getChars(), name.getLength() -
+                                                               (sizeof kSuffix - 1)));
+    }
+    const auto isAhead = [](const ZLCString& a, const ZLCString& b) {
+        return strcmp(a.getChars(), b.getChars()) < 0;
+    };
+    std::sort(names.begin(), names.end(), isAhead);
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+}
+
+static ZLCString absolutePath(const char* path) {
+    if (*path == '/')
+        return ZLCString(path);
+    char* folder = getcwd(nullptr, 0);
+    if (folder == nullptr)
+        zraiseIO(path, "getcwd()", errno);
+    ZLCString absolute(folder);
+    free(folder);
+    absolute.append('/').append(path);
+    return absolute;
+}
+
+bool ZDialects::ofFile(const char* path, ZLCString& name, ZLCString& pattern) {
+    zrequire(zhasText(path));
+    const Roots roots;
+    const ZLCString absolute(absolutePath(path));
+    ZVector<ZLCString> names;
+    listNames(ZLayerTree(roots.terms("x")), names);
+    bool isFound = false;
+    for (const ZLCString& candidate : names) {
+        const ZLayers preset(roots.terms(candidate.getChars()), ZPCACHE_STRICT);
+        ZArrayList patterns(8, 1);
+        preset.getValues("files", "pattern", patterns, ZPROP_STRING_LOCAL);
+        for (unsigned int i = 0; i < patterns.size(); ++i) {
+            const ZLCString& one = *static_cast<const ZLCString*>(patterns.get(i));
+            if (fnmatch(one.getChars(), absolute.getChars(), 0) != 0 ||
+                (isFound && one.getLength() <= pattern.getLength()))
+                continue;
+            isFound = true;
+            name = candidate;
+            pattern = one;
+        }
+    }
+    return isFound;
+}
+
+void ZDialects::forEach(void (*visit)(void* data, const char* name, const char* description),
+                        void* data) {
+    zrequire(visit != nullptr);
+    const Roots roots;
+    ZVector<ZLCString> names;
+    listNames(ZLayerTree(roots.terms("x")), names);
+    for (const ZLCString& name : names) {
+        ZLCString file;
+        const auto keepCounting = [](void* to, const ZLayerInfo& info) {
+            if (info.kind == ZLAYER_MAIN && info.state == ZLAYER_COUNTS)
+                *static_cast<ZLCString*>(to) = ZLCString(info.path);
+        };
+        ZLayers(roots.terms(name.getChars())).forEachFile(keepCounting, &file);
+        ZStanzaFileProperties own(file.getChars(), 1);
+        ZArrayList comments(4, 1);
+        own.getComments(nullptr, nullptr, comments);
+        const char* text =
+            comments.size() == 0 ? "#" : static_cast<ZLCString*>(comments.get(0))->getChars();
+        ++text;
+        visit(data, name.getChars(), text + strspn(text, " "));
+    }
+}

@@ -1,0 +1,47 @@
+// ZDialects.h: dialects by their names, as files describe them.
+#ifndef Z_ZDIALECTS_H
+#define Z_ZDIALECTS_H
+
+#include "ZLCString.h"
+#include "zdialect.h"
+
+/// A preset is a stanza file NAME.conf in the folder zbase/dialects below one of these, the lowest
+/// first: the installation's data folder, those of $XDG_DATA_DIRS (else /usr/share and
+/// /usr/local/share), /etc, and the user's $XDG_CONFIG_HOME (else $HOME/.config). Of one name the
+/// highest counts; drop-ins NAME.conf.d/*.conf change single switches (see zlayerterms.h).
+///
+///     # What the file says of itself.
+///     [dialect]
+///     comments = hash
+///     comments = semicolon
+///     divider = either
+///     [files]
+///     pattern = */setup.cfg
+///
+/// Switches are named as the struct's members. Their words, the first one where nothing is said:
+/// divider equals, colon, either, blank; tails no, blank, anywhere; bare no, yes; continued no,
+/// indent, backslash; quotes plain, git, shell; repeated no, merged, numbered; names exact, folded,
+/// folded-blanks; orphans no, yes; values all, last; lines short, any. A line for each bit that is
+/// set have comments (hash, semicolon) and headers (subsections, tails). Patterns are the shell's,
+/// over the absolute path; a "*" takes slashes too.
+/// Which dialect a file has is never guessed from what it holds.
+///
+/// Threads: any. Cost: reads the files anew each time.
+class ZEXPORT ZDialects {
+public:
+    /// Raises ZPropertiesIOException with "fopen(r)" and ENOENT where there is no preset of this
+    /// name, ZPropertiesInvalidDataException for one that has an unknown word or that clashes (the
+    /// reason is its text), and what loads raise. ZInvalidParameterException for a name that can't
+    /// be one.
+    static void get(const char* name, ZDialect& dialect);
+    /// The preset with the longest pattern that the path fits, of these the first by name, and that
+    /// pattern. False if there is none. A relative path counts from the working directory; nothing
+    /// is asked of the file. Raises as get.
+    static bool ofFile(const char* path, ZLCString& name, ZLCString& pattern);
+    /// Calls visit(data, name, description) for each preset, by name; the description is the first
+    /// comment of its file, without "#".
+    static void forEach(void (*visit)(void* data, const char* name, const char* description),
+                        void* data);
+};
+
+#endif

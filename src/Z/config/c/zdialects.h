@@ -1,0 +1,54 @@
+/* zdialects.h: files of other programs, for C callers. Valid C99.
+ *
+ * zdialect.h says what a dialect is, ZDialects.h where its presets are looked for. A handle of a
+ * file in another dialect is an ordinary one: what can't be said there is refused, and
+ * zstzPropLastError gives 22 and the reason: comments, other names of stanzas and keys, hidden
+ * values, and texts that the dialect can't give back.
+ *
+ * Threads: as zproperties.h; the calls without a handle from any. */
+#ifndef Z_ZDIALECTS_LOWER_H
+#define Z_ZDIALECTS_LOWER_H
+
+#include "zdialect.h"
+#include "zproperties.h"
+
+/* The function to call for each preset; it ends the walk by returning another number than 0. What
+ * it is given is gone then. */
+typedef int (*ZDialect_callback)(void* data, const char* name, const char* description);
+
+Z_BEGIN_C
+
+/* The preset of this name into *dialect. 0; 51 if there is none, or it is bad, *dialect untouched;
+ * 55 for a null argument or a name that can't be one. Reads files. */
+ZEXPORT int zstzDialect_get(const char* name, ZDialect* dialect);
+
+/* The preset for a path, by the patterns of all presets, into *name, and the pattern into *pattern;
+ * both for zstzPropFree, and null if there is none, which is no failure. 0; 51 where a preset can't
+ * be read; 55 for a null argument or an empty path. Reads files, but not that one. */
+ZEXPORT int zstzDialect_ofFile(const char* path, char** name, char** pattern);
+
+/* Calls visit(data, name, description) for each preset, by name. 0, or what visit gave; 51 where a
+ * preset can't be read; 55 for a null visit. */
+ZEXPORT int zstzDialect_forEach(ZDialect_callback visit, void* data);
+
+/* Which two switches can't go together, or which one has no such value and null: static texts, null
+ * and null if none. */
+ZEXPORT void zstzDialect_clash(const ZDialect* dialect, const char** first, const char** second);
+
+/* As zstzPropOpenWith and zstzPropOpenBytes, of a text in this dialect, which is copied; null: the
+ * library's own. 55 too for a dialect that clashes. */
+ZEXPORT int zstzPropOpenDialect(ZPROP_handle** out, const char* file, ZPROPOpenMode mode,
+                                const ZDialect* dialect, unsigned long attributes, int storeMode,
+                                unsigned long wait);
+ZEXPORT int zstzPropOpenDialectBytes(ZPROP_handle** out, const void* bytes, size_t length,
+                                     const ZDialect* dialect, unsigned long attributes);
+
+/* 1 if the key stands there without a divider, which only some dialects have; it has no values
+ * then. Else 0. *err: 0, or 55 for a bad handle or a null name. */
+ZEXPORT int zstzPropIsBare(ZPROP_handle* handle, const char* stanza, const char* key, int* err);
+/* Makes it such a key. 0; 55 for a bad handle or a null name; 52 where the dialect has none. */
+ZEXPORT int zstzPropSetBare(ZPROP_handle* handle, const char* stanza, const char* key);
+
+Z_END_C
+
+#endif
