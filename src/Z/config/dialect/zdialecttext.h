@@ -23,13 +23,13 @@ struct ZDialectPart {
     enum Kind : uint8_t { blank, comment, header, entry, bareEntry, bad };
 
     Kind kind;
-    int line;              // of its first line, from 1
-    ZSpan lines;           // all its bytes, line ends included
-    ZSpan name;            // a stanza's or key's, as it is read; a subsection's as "a.b"
-    ZSpan value;           // as it is read
-    ZSpan raw;             // the value's bytes in the text: quotes, comments between its lines and
-                           // all; empty at its place for "key =" and a bare key
-    const char* reason;    // of a bad one: a static text, "has no divider"
+    int line;            // of its first line, from 1
+    ZSpan lines;         // all its bytes, line ends included
+    ZSpan name;          // a stanza's or key's, as it is read; a subsection's as "a.b"
+    ZSpan value;         // as it is read
+    ZSpan raw;           // the value's bytes in the text: quotes, comments between its lines and
+                         // all; empty at its place for "key =" and a bare key
+    const char* reason;  // of a bad one: a static text, "has no divider"
 };
 
 /// Takes a text apart from its begin. One thread at a time.
@@ -41,16 +41,46 @@ public:
     /// object's, until the next call. Behind a bad part it goes on with the next line. Linear.
     /// Raises ZOutOfMemoryException.
     bool next(ZDialectPart& part);
+
+private:
+    struct Line {
+        const char *first, *end, *next;  // its first byte that is no blank, its end, the next line
+        const char* reason;              // why it can't be read, or null
+    };
+
+    bool isComment(char c) const { return c == hash_ || c == semicolon_; }
+    Line lineAt(const char* at);
+    const char* tailIn(const char* first, const char* end) const;
+    const char* dividerIn(const char* first, const char* end) const;
+    // Each fills the part; what is wrong with it, or null.
+    const char* header(const Line& line, ZDialectPart& part);
+    const char* entry(const Line& line, const char* begin, ZDialectPart& part);
+    const char* plainValue(const Line& line, size_t indent, const char* behind, const char* first,
+                           ZDialectPart& part);
+    const char* gitValue(Line line, const char* behind, const char* first, ZDialectPart& part);
+    const char* shellValue(const Line& line, size_t indent, const char* first, ZDialectPart& part);
+    const char* indentedLines(size_t indent, ZDialectPart& part);
+    const char* backslashLines(Line line, const char* first, ZDialectPart& part);
+    void addSection(const char* first, const char* end);
+
+    const ZDialect& d_;
+    const char* at_;
+    const char* const end_;
+    const char* const start_;
+    const char* nul_;              // the next NUL, or null
+    const char hash_, semicolon_;  // what begins comments; alike if there is one
+    int line_ = 1;
+    ZBytes nameBytes_, valueBytes_;  // what doesn't stand in the text as it is read
 };
 
 /// How the entries of a stanza are spelled.
 struct ZDialectHabit {
-    ZSpan indent;    // ahead of a key
-    ZSpan before;    // between key and divider
+    ZSpan indent;  // ahead of a key
+    ZSpan before;  // between key and divider
     ZSpan divider;
-    ZSpan after;     // between divider and value
+    ZSpan after;  // between divider and value
     ZSpan lineEnd;
-    ZSpan more;      // ahead of the second and later lines of a value
+    ZSpan more;  // ahead of the second and later lines of a value
 };
 
 /// Adds to `out` what gives the value back, quoted and continued where that is needed; for a change
@@ -58,6 +88,9 @@ struct ZDialectHabit {
 /// was, if the dialect can't say it.
 bool zdialectEncode(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDialectHabit& habit,
                     ZBytes& out);
+
+/// Adds "[name]" without a line's end, of a subsection [a "b"].
+void zdialectSpellHeader(const ZDialect& dialect, ZSpan name, ZBytes& out);
 
 /// Why a dialect couldn't give these back: static texts as of zrefusal.h, "can't hold =". Null: it
 /// can.

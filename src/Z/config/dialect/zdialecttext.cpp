@@ -1,0 +1,664 @@
+// zdialecttext.cpp: takes texts of a dialect apart, and spells values so that they come back.
+//
+// What a value is spelled as is decided by trying: a spelling is read again, and counts only if it
+// gives the value. So the reader alone knows what a dialect can say. Only what changes is spelled.
+#include "zdialecttext.h"
+
+#include <cstring>
+
+namespace {
+
+const size_t kLongest = 8191;  // bytes of a short line, its end counted
+
+bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'); }
+
+ZSpan between(const char* first, const char* end) {
+    return {first, static_cast<size_t>(end - first)};
+}
+
+const char* skipBlanks(const char* at, const char* end) {
+    while (at < end && isBlank(*at))
+        ++at;
+    return at;
+}
+
+const char* trimEnd(const char* first, const char* end) {
+    while (end > first && isBlank(end[-1]))
+        --end;
+    return end;
+}
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+
+void push(ZBytes& to, char c) {
+    to.reserveMore(1);
+    to.push(c);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- clashes
+
+ZDialectClash zdialectClash(const ZDialect& d) {
+    const struct {
+        unsigned int value, most;
+        const char* name;
+    } kSwitches[] = {
+        {d.comments, 3, "comments"}, {d.divider, 3, "divider"},     {d.tails, 2, "tails"},
+        {d.bare, 1, "bare"},         {d.continued, 2, "continued"}, {d.quotes, 2, "quotes"},
+        {d.repeated, 2, "repeated"}, {d.names, 2, "names"},         {d.headers, 3, "headers"},
+        {d.orphans, 1, "orphans"},   {d.values, 1, "values"},       {d.lines, 1, "lines"},
+    };
+    for (const auto& s : kSwitches)
+        if (s.value > s.most)
+            return {s.name, nullptr};
+    if (d.size < sizeof d)
+        return {"size", nullptr};
+    const char* later = reinterpret_cast<const char*>(&d) + sizeof d;
+    for (size_t i = sizeof d; i < d.size; ++i)
+        if (*later++ != 0)
+            return {"size", nullptr};
+    const char* const indent = "continued lines by indent";
+    if (d.continued == ZDIALECT_INDENT && d.divider == ZDIALECT_BLANK)
+        return {indent, "a blank as divider"};
+    if (d.continued == ZDIALECT_INDENT && (d.headers & ZDIALECT_SUBSECTIONS) != 0)
+        return {indent, "subsections"};
+    if (d.continued == ZDIALECT_INDENT && d.quotes == ZDIALECT_GIT_QUOTES)
+        return {indent, "git's quotes"};
+    if (d.continued == ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_SHELL_QUOTES)
+        return {"continued lines by backslash", "shell quotes"};
+    // Blanks in a key would divide it.
+    if (d.divider == ZDIALECT_BLANK && d.names == ZDIALECT_FOLDED_BLANKS)
+        return {"a blank as divider", "names without blanks"};
+    return {nullptr, nullptr};
+}
+
+// ---------------------------------------------------------------- reader
+
+ZDialectReader::ZDialectReader(const ZDialect& dialect, ZSpan text)
+    : d_(dialect),
+      at_(text.data),
+      end_(text.data + text.size),
+      start_(text.data),
+      nul_(text.size == 0 ? nullptr : static_cast<const char*>(memchr(text.data, 0, text.size))),
+      hash_(d_.comments == 0 || (d_.comments & ZDIALECT_HASH) != 0 ? '#' : ';'),
+      semicolon_((d_.comments & ZDIALECT_SEMICOLON) != 0 ? ';' : hash_) {}
+
+// A line without its end, and where the next begins. `reason` tells what is wrong with its bytes.
+ZDialectReader::Line ZDialectReader::lineAt(const char* at) {
+    const void* newline = memchr(at, '\n', static_cast<size_t>(end_ - at));
+    Line line;
+    line.next = newline == nullptr ? end_ : static_cast<const char*>(newline) + 1;
+    line.end = newline == nullptr ? end_ : line.next - 1;
+    if (newline != nullptr && line.end > at && line.end[-1] == '\r')
+        --line.end;
+    line.first = skipBlanks(at, line.end);
+    line.reason = nullptr;
+    while (nul_ != nullptr && nul_ < at)
+        nul_ = static_cast<const char*>(memchr(at, 0, static_cast<size_t>(end_ - at)));
+    if (nul_ != nullptr && nul_ < line.next)
+        line.reason = "holds a NUL";
+    else if (d_.lines == ZDIALECT_SHORT_LINES && static_cast<size_t>(line.next - at) > kLongest)
+        line.reason = "is too long for a line of 8191 bytes";
+    else if (at == start_ && end_ - at >= 3 && memcmp(at, "\xEF\xBB\xBF", 3) == 0)
+        line.reason = "begins with a byte-order mark";
+    return line;
+}
+
+bool ZDialectReader::next(ZDialectPart& part) {
+    if (at_ == end_)
+        return false;
+    const Line line = lineAt(at_);
+    const char* const begin = at_;
+    part.line = line_++;
+    part.reason = line.reason;
+    part.name = part.value = part.raw = {line.first, 0};
+    at_ = line.next;
+    if (line.reason != nullptr) {
+        part.kind = ZDialectPart::bad;
+    } else if (line.first == line.end) {
+        part.kind = ZDialectPart::blank;
+    } else if (isComment(*line.first)) {
+        part.kind = ZDialectPart::comment;
+    } else {
+        const char* reason = *line.first == '[' ? header(line, part) : entry(line, begin, part);
+        if (reason != nullptr) {
+            // What follows has its own say.
+            part.kind = ZDialectPart::bad;
+            part.reason = reason;
+            at_ = line.next;
+            line_ = part.line + 1;
+        }
+    }
+    part.lines = between(begin, at_);
+    return true;
+}
+
+// Where a comment behind a value or key begins, or the end. `first` is where a value may begin.
+const char* ZDialectReader::tailIn(const char* first, const char* end) const {
+    if (d_.tails == ZDIALECT_NO_TAILS)
+        return end;
+    for (const char* at = first; at < end; ++at)
+        if (isComment(*at) &&
+            (d_.tails == ZDIALECT_TAILS_ANYWHERE || at == first || isBlank(at[-1])))
+            return at;
+    return end;
+}
+
+const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
+    part.kind = ZDialectPart::header;
+    const char* const first = line.first + 1;
+    const char* close =
+        static_cast<const char*>(memchr(first, ']', static_cast<size_t>(line.end - first)));
+    const char* nameEnd = close;
+    bool isQuoted = false;
+    if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0) {
+        const char* quote = static_cast<const char*>(
+            memchr(first, '"', static_cast<size_t>((close == nullptr ? line.end : close) - first)));
+        if (quote != nullptr && quote > first && isBlank(quote[-1])) {
+            isQuoted = true;
+            nameEnd = trimEnd(first, quote);
+            if (nameEnd == first)
+                return "has no name";
+            nameBytes_.setSize(0);
+            addSection(first, nameEnd);
+            push(nameBytes_, '.');
+            const char* at = quote + 1;
+            for (; at < line.end && *at != '"'; ++at) {
+                if (*at == '\\' && (++at == line.end || (*at != '"' && *at != '\\')))
+                    return "has an unknown backslash";
+                push(nameBytes_, *at);
+            }
+            close = at < line.end && at + 1 < line.end && at[1] == ']' ? at + 1 : nullptr;
+        }
+    }
+    if (close == nullptr)
+        return "has no ]";
+    if (!isQuoted && nameEnd == first)
+        return "has no name";
+    if ((d_.headers & ZDIALECT_HEADER_TAILS) != 0) {
+        const char* behind = skipBlanks(close + 1, line.end);
+        if (behind != line.end && !isComment(*behind))
+            return "has more behind ]";
+    }
+    if (isQuoted) {
+        part.name = zspanOf(nameBytes_);
+    } else if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0 && d_.names != ZDIALECT_EXACT) {
+        nameBytes_.setSize(0);
+        addSection(first, nameEnd);
+        part.name = zspanOf(nameBytes_);
+        if (zequals(part.name, between(first, nameEnd)))
+            part.name = between(first, nameEnd);
+    } else {
+        part.name = between(first, nameEnd);
+    }
+    return nullptr;
+}
+
+// What stands outside quotes: the case behind its first "." doesn't count where names are folded.
+void ZDialectReader::addSection(const char* first, const char* end) {
+    bool isBehind = false;
+    for (const char* at = first; at < end; ++at) {
+        push(nameBytes_, isBehind && d_.names != ZDIALECT_EXACT ? lower(*at) : *at);
+        isBehind = isBehind || *at == '.';
+    }
+}
+
+const char* ZDialectReader::dividerIn(const char* first, const char* end) const {
+    const size_t size = static_cast<size_t>(end - first);
+    switch (d_.divider) {
+        case ZDIALECT_EQUALS:
+            return static_cast<const char*>(memchr(first, '=', size));
+        case ZDIALECT_COLON:
+            return static_cast<const char*>(memchr(first, ':', size));
+        default:
+            break;
+    }
+    const bool isBlankOne = d_.divider == ZDIALECT_BLANK;
+    for (const char* at = first; at < end; ++at)
+        if (isBlankOne ? isBlank(*at) : *at == '=' || *at == ':')
+            return at;
+    return nullptr;
+}
+
+const char* ZDialectReader::entry(const Line& line, const char* begin, ZDialectPart& part) {
+    const bool mayBeBare = d_.bare == ZDIALECT_BARE;
+    const char* last = trimEnd(line.first, line.end);
+    const char* divider;
+    if (d_.divider == ZDIALECT_BLANK) {
+        divider = dividerIn(line.first, last);
+        // A comment alone behind the blanks is no value.
+        if (divider != nullptr && d_.tails != ZDIALECT_NO_TAILS &&
+            isComment(*skipBlanks(divider, last))) {
+            last = divider;
+            divider = nullptr;
+        }
+    } else {
+        // Of a key that needs no divider, a comment hides what would be one.
+        divider = dividerIn(line.first, mayBeBare ? tailIn(line.first, last) : last);
+    }
+    if (divider == nullptr) {
+        if (!mayBeBare)
+            return "has no divider";
+        part.kind = ZDialectPart::bareEntry;
+        last = trimEnd(line.first, tailIn(line.first, last));
+        part.name = between(line.first, last);
+        part.raw = part.value = {last, 0};
+        return nullptr;
+    }
+    part.kind = ZDialectPart::entry;
+    part.name = between(line.first, trimEnd(line.first, divider));
+    if (part.name.size == 0)
+        return "has no key";
+    const char* const behind = divider + 1;
+    const char* const first = skipBlanks(behind, line.end);
+    if (d_.quotes == ZDIALECT_GIT_QUOTES)
+        return gitValue(line, behind, first, part);
+    if (d_.quotes == ZDIALECT_SHELL_QUOTES && first < line.end && (*first == '"' || *first == '\''))
+        return shellValue(line, static_cast<size_t>(line.first - begin), first, part);
+    return plainValue(line, static_cast<size_t>(line.first - begin), behind, first, part);
+}
+
+const char* ZDialectReader::plainValue(const Line& line, size_t indent, const char* behind,
+                                       const char* first, ZDialectPart& part) {
+    const char* const tail = tailIn(first, line.end);
+    const char* const end = trimEnd(first, tail);
+    part.value = part.raw = end == first ? ZSpan{behind, 0} : between(first, end);
+    if (d_.continued == ZDIALECT_INDENT)
+        return indentedLines(indent, part);
+    if (d_.continued == ZDIALECT_BACKSLASH && tail == line.end && line.end > first &&
+        line.end[-1] == '\\')
+        return backslashLines(line, first, part);
+    return nullptr;
+}
+
+const char* ZDialectReader::indentedLines(size_t indent, ZDialectPart& part) {
+    size_t blanks = 0;
+    int count = 0;
+    bool isMore = false;
+    for (const char* at = at_; at != end_;) {
+        const Line more = lineAt(at);
+        if (more.reason != nullptr)
+            break;
+        ++count;
+        if (more.first == more.end) {
+            ++blanks;
+        } else if (!isComment(*more.first)) {
+            if (static_cast<size_t>(more.first - at) <= indent)
+                break;
+            if (!isMore) {
+                valueBytes_.setSize(0);
+                zappendBytes(valueBytes_, part.value);
+                isMore = true;
+            }
+            for (; blanks != 0; --blanks)
+                push(valueBytes_, '\n');
+            push(valueBytes_, '\n');
+            const char* end = trimEnd(more.first, tailIn(more.first, more.end));
+            zappendBytes(valueBytes_, between(more.first, end));
+            part.raw = between(part.raw.data, end);
+            at_ = more.next;
+            line_ += count;
+            count = 0;
+        }
+        at = more.next;
+    }
+    if (isMore)
+        part.value = zspanOf(valueBytes_);
+    return nullptr;
+}
+
+const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialectPart& part) {
+    valueBytes_.setSize(0);
+    const char* rawEnd = line.end;
+    const char* from = first;
+    for (;;) {
+        const char* tail = tailIn(from, line.end);
+        const bool goesOn = tail == line.end && line.end > from && line.end[-1] == '\\';
+        zappendBytes(valueBytes_, between(from, goesOn ? line.end - 1 : tail));
+        if (goesOn)
+            rawEnd = line.end;
+        else if (trimEnd(from, tail) != from)
+            rawEnd = trimEnd(from, tail);
+        if (!goesOn)
+            break;
+        push(valueBytes_, ' ');
+        do {
+            if (at_ == end_)
+                break;
+            line = lineAt(at_);
+            if (line.reason != nullptr)
+                return "goes on in a line that can't be read";
+            at_ = line.next;
+            ++line_;
+        } while (line.first < line.end && isComment(*line.first));
+        // Behind the last line there is nothing, whatever it was.
+        if (at_ == end_ && (line.first == line.end || isComment(*line.first) || line.end == rawEnd))
+            break;
+        from = line.first;
+    }
+    const char* const data = valueBytes_.data();
+    const char* const end = trimEnd(data, data + valueBytes_.size());
+    part.value = between(skipBlanks(data, end), end);
+    part.raw = between(first, rawEnd);
+    return nullptr;
+}
+
+const char* ZDialectReader::gitValue(Line line, const char* behind, const char* first,
+                                     ZDialectPart& part) {
+    // Most values have nothing that stands for something else.
+    const char* const tail = tailIn(first, line.end);
+    const char* at = first;
+    while (at < tail && *at != '"' && *at != '\\')
+        ++at;
+    if (at == tail) {
+        const char* const end = trimEnd(first, tail);
+        part.value = part.raw = end == first ? ZSpan{behind, 0} : between(first, end);
+        return nullptr;
+    }
+    valueBytes_.setSize(0);
+    size_t kept = 0;  // of the value: behind it are blanks only
+    bool isInside = false;
+    char before = ' ';
+    const char* rawEnd = first;
+    for (at = first;;) {
+        if (at == line.end) {
+            if (isInside)
+                return "has an open quote";
+            break;
+        }
+        char c = *at++;
+        if (c == '"') {
+            isInside = !isInside;
+            kept = valueBytes_.size();
+            rawEnd = at;
+            before = c;
+            continue;
+        }
+        if (!isInside && isComment(c) && d_.tails != ZDIALECT_NO_TAILS &&
+            (d_.tails == ZDIALECT_TAILS_ANYWHERE || isBlank(before)))
+            break;
+        const bool isPlainBlank = !isInside && isBlank(c);
+        before = c;
+        if (c == '\\') {
+            rawEnd = at;
+            if (at == line.end) {
+                if (d_.continued != ZDIALECT_BACKSLASH)
+                    return "has an unknown backslash";
+                if (at_ == end_) {
+                    if (isInside)
+                        return "has an open quote";
+                    break;
+                }
+                const char* const begin = at_;
+                line = lineAt(begin);
+                if (line.reason != nullptr)
+                    return "goes on in a line that can't be read";
+                at = begin;
+                at_ = line.next;
+                ++line_;
+                before = valueBytes_.size() == 0 ? ' ' : valueBytes_[valueBytes_.size() - 1];
+                continue;
+            }
+            const char* const known = "\"\\ntb";
+            const char* which = strchr(known, *at++);
+            if (which == nullptr)
+                return "has an unknown backslash";
+            c = "\"\\\n\t\b"[which - known];
+            before = 'x';
+        }
+        if (isPlainBlank && kept == 0 && valueBytes_.size() == 0 && rawEnd[-1] != '"')
+            continue;  // at the value's begin
+        push(valueBytes_, c);
+        if (!isPlainBlank) {
+            kept = valueBytes_.size();
+            rawEnd = at;
+        }
+    }
+    part.value = {valueBytes_.data(), kept};
+    part.raw = between(first, rawEnd);
+    return nullptr;
+}
+
+const char* ZDialectReader::shellValue(const Line& line, size_t indent, const char* first,
+                                       ZDialectPart& part) {
+    const char quote = *first;
+    valueBytes_.setSize(0);
+    const char* at = first + 1;
+    for (; at < line.end && *at != quote; ++at) {
+        if (quote == '"' && *at == '\\' && at + 1 < line.end && (at[1] == '"' || at[1] == '\\'))
+            ++at;
+        push(valueBytes_, *at);
+    }
+    if (at >= line.end)
+        return "has an open quote";
+    part.value = zspanOf(valueBytes_);
+    part.raw = between(first, ++at);
+    const char* const behind = skipBlanks(at, line.end);
+    const bool isTail =
+        behind < line.end && isComment(*behind) &&
+        (d_.tails == ZDIALECT_TAILS_ANYWHERE || (d_.tails == ZDIALECT_TAILS && behind != at));
+    if (behind != line.end && !isTail)
+        return "has more behind its quotes";
+    if (d_.continued == ZDIALECT_INDENT) {
+        const char* const next = at_;
+        ZDialectPart more = part;
+        more.value.size = 0;
+        const ZSpan value = part.value;
+        ZBytes copy;
+        zappendBytes(copy, value);
+        indentedLines(indent, more);
+        if (at_ != next)
+            return "goes on behind its quotes";
+        part.value = value;
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- spelling
+
+namespace {
+
+void addAll(ZBytes& out, std::initializer_list<ZSpan> spans) {
+    for (const ZSpan& span : spans)
+        zappendBytes(out, span);
+}
+
+void spellGit(ZSpan value, bool isQuoted, ZBytes& out) {
+    if (isQuoted)
+        push(out, '"');
+    for (size_t i = 0; i < value.size; ++i) {
+        const char* const plain = "\"\\\n\t\b";
+        const char c = value.data[i];
+        const char* which = c == 0 ? nullptr : strchr(plain, c);
+        if (which != nullptr)
+            push(out, '\\');
+        push(out, which != nullptr ? "\"\\ntb"[which - plain] : c);
+    }
+    if (isQuoted)
+        push(out, '"');
+}
+
+void spellShell(ZSpan value, char quote, ZBytes& out) {
+    push(out, quote);
+    for (size_t i = 0; i < value.size; ++i) {
+        const char c = value.data[i];
+        const bool isLast = i + 1 == value.size;
+        if (quote == '"' && (c == '"' || (c == '\\' && (isLast || value.data[i + 1] == '"' ||
+                                                        value.data[i + 1] == '\\'))))
+            push(out, '\\');
+        push(out, c);
+    }
+    push(out, quote);
+}
+
+void spellPlain(ZSpan value, const ZDialectHabit& habit, ZBytes& out) {
+    const char* at = value.data;
+    const char* const end = at + value.size;
+    while (const void* found =
+               at == end ? nullptr : memchr(at, '\n', static_cast<size_t>(end - at))) {
+        const char* const newline = static_cast<const char*>(found);
+        addAll(out, {between(at, newline), habit.lineEnd});
+        at = newline + 1;
+        if (at < end && *at != '\n')
+            zappendBytes(out, habit.more);
+    }
+    zappendBytes(out, between(at, end));
+}
+
+bool comesBack(const ZDialect& dialect, ZSpan value, ZSpan spelled, const ZDialectHabit& habit) {
+    ZBytes probe;
+    addAll(probe, {habit.indent, {"k", 1}, habit.before, habit.divider, habit.after, spelled});
+    addAll(probe, {habit.lineEnd});
+    const size_t size = probe.size();
+    addAll(probe, {habit.indent, {"k", 1}, habit.before, habit.divider, habit.after, {"v\n", 2}});
+    ZDialectReader reader(dialect, zspanOf(probe));
+    ZDialectPart part;
+    return reader.next(part) && part.kind == ZDialectPart::entry && part.lines.size == size &&
+           zequals(part.value, value);
+}
+
+ZSpan dividerOf(const ZDialect& dialect) {
+    return dialect.divider == ZDIALECT_COLON   ? ZSpan{":", 1}
+           : dialect.divider == ZDIALECT_BLANK ? ZSpan{" ", 1}
+                                               : ZSpan{"=", 1};
+}
+
+}  // namespace
+
+bool zdialectEncode(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDialectHabit& habit,
+                    ZBytes& out) {
+    if (value.size == 0)
+        return true;
+    const char wasQuoted = old.size == 0 ? 0 : *old.data;
+    const bool isGit = dialect.quotes == ZDIALECT_GIT_QUOTES;
+    const bool isShell = dialect.quotes == ZDIALECT_SHELL_QUOTES;
+    // As it was quoted, else plain, else quoted.
+    const char tries[] = {wasQuoted, 0, '"', '\''};
+    for (const char quote : tries) {
+        if ((quote != 0 && quote != '"' && quote != '\'') || (quote == '\'' && !isShell) ||
+            (quote == '"' && !isShell && !isGit))
+            continue;
+        ZBytes spelled;
+        if (isGit)
+            spellGit(value, quote != 0, spelled);
+        else if (quote != 0)
+            spellShell(value, quote, spelled);
+        else
+            spellPlain(value, habit, spelled);
+        if (comesBack(dialect, value, zspanOf(spelled), habit)) {
+            zappendBytes(out, zspanOf(spelled));
+            return true;
+        }
+    }
+    return false;
+}
+
+void zdialectSpellHeader(const ZDialect& dialect, ZSpan name, ZBytes& out) {
+    const char* const dot = (dialect.headers & ZDIALECT_SUBSECTIONS) == 0 || name.size == 0
+                                ? nullptr
+                                : static_cast<const char*>(memchr(name.data, '.', name.size));
+    push(out, '[');
+    if (dot == nullptr) {
+        zappendBytes(out, name);
+    } else {
+        addAll(out, {between(name.data, dot), {" \"", 2}});
+        for (const char* at = dot + 1; at < name.data + name.size; ++at) {
+            if (*at == '"' || *at == '\\')
+                push(out, '\\');
+            push(out, *at);
+        }
+        push(out, '"');
+    }
+    push(out, ']');
+}
+
+// ---------------------------------------------------------------- faults
+
+static const char* faultOfBytes(const ZDialect& dialect, ZSpan text, size_t others) {
+    if (text.size == 0)
+        return "can't be empty";
+    if (memchr(text.data, 0, text.size) != nullptr)
+        return "can't hold a NUL";
+    if (dialect.lines == ZDIALECT_SHORT_LINES && text.size + others > kLongest)
+        return "is too long for a line of 8191 bytes";
+    return nullptr;
+}
+
+static bool hasLineEnd(ZSpan text) {
+    return memchr(text.data, '\n', text.size) != nullptr ||
+           memchr(text.data, '\r', text.size) != nullptr;
+}
+
+const char* zdialectStanzaFault(const ZDialect& dialect, ZSpan name) {
+    if (name.size == 0 && dialect.orphans == ZDIALECT_ORPHANS)
+        return nullptr;
+    if (const char* reason = faultOfBytes(dialect, name, 3))
+        return reason;
+    if (hasLineEnd(name))
+        return "can't hold a line end";
+    ZBytes probe;
+    zdialectSpellHeader(dialect, name, probe);
+    push(probe, '\n');
+    ZDialectReader reader(dialect, zspanOf(probe));
+    ZDialectPart part;
+    if (reader.next(part) && part.kind == ZDialectPart::header && zequals(part.name, name))
+        return nullptr;
+    return memchr(name.data, ']', name.size) != nullptr ? "can't hold ]"
+                                                        : "can't be said in a header";
+}
+
+const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key) {
+    if (const char* reason = faultOfBytes(dialect, key, 4))
+        return reason;
+    if (hasLineEnd(key))
+        return "can't hold a line end";
+    if (isBlank(*key.data) || isBlank(key.data[key.size - 1]))
+        return "can't have blanks at its ends";
+    ZBytes probe;
+    addAll(probe, {key, dividerOf(dialect), {"v\n", 2}});
+    ZDialectReader reader(dialect, zspanOf(probe));
+    ZDialectPart part;
+    if (reader.next(part) && part.kind == ZDialectPart::entry && zequals(part.name, key))
+        return nullptr;
+    if (*key.data == '[' || part.kind == ZDialectPart::comment)
+        return "can't begin as a header or a comment";
+    if (dialect.divider == ZDIALECT_BLANK)
+        return "can't hold a blank";
+    if (memchr(key.data, '=', key.size) != nullptr && dialect.divider != ZDIALECT_COLON)
+        return "can't hold =";
+    if (memchr(key.data, ':', key.size) != nullptr && dialect.divider != ZDIALECT_EQUALS)
+        return "can't hold :";
+    return "can't hold a comment";
+}
+
+const char* zdialectValueFault(const ZDialect& dialect, ZSpan value) {
+    if (value.size == 0)
+        return nullptr;
+    if (memchr(value.data, 0, value.size) != nullptr)
+        return "can't hold a NUL";
+    const ZSpan gap = dialect.divider == ZDIALECT_BLANK ? ZSpan{"", 0} : ZSpan{" ", 1};
+    const ZDialectHabit habit = {{"", 0}, gap, dividerOf(dialect), gap, {"\n", 1}, {"    ", 4}};
+    ZBytes spelled;
+    if (zdialectEncode(dialect, value, {"", 0}, habit, spelled))
+        return nullptr;
+    if (dialect.lines == ZDIALECT_SHORT_LINES && value.size + 5 > kLongest)
+        return "is too long for a line of 8191 bytes";
+    if (dialect.continued != ZDIALECT_INDENT && hasLineEnd(value))
+        return "can't hold a line end";
+    if (isBlank(*value.data) || isBlank(value.data[value.size - 1]))
+        return "can't have blanks at its ends";
+    return "can't be said in this dialect";
+}
+
+void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out) {
+    const bool stops = isStanza && (dialect.headers & ZDIALECT_SUBSECTIONS) != 0;
+    bool folds = dialect.names != ZDIALECT_EXACT;
+    out.reserveMore(name.size);
+    for (size_t i = 0; i < name.size; ++i) {
+        const char c = name.data[i];
+        folds = folds && !(stops && c == '.');
+        if (!folds || dialect.names != ZDIALECT_FOLDED_BLANKS || !isBlank(c))
+            out.push(folds ? lower(c) : c);
+    }
+}
