@@ -37,7 +37,8 @@ enum {
 /* `bare`: a line without a divider. */
 enum {
     ZDIALECT_NOT_BARE = 0, /* is bad data */
-    ZDIALECT_BARE = 1      /* is a key of its own kind, which has no value and isn't "key =" */
+    ZDIALECT_BARE = 1      /* is a key of its own kind, which has no value and isn't "key =";
+                              a divider behind a comment's begin is none then */
 };
 
 /* `continued`: values of several lines. */
@@ -45,17 +46,19 @@ enum {
     ZDIALECT_ONE_LINE = 0,
     ZDIALECT_INDENT = 1,   /* Lines that are indented deeper than their key's (in bytes) belong to
                               the value: each gives a newline and its text; blank lines between them
-                              give a newline each; comment lines between them nothing. */
+                              give a newline each; comment lines between them nothing. A bare key
+                              has no such lines, a value in shell quotes may have none. */
     ZDIALECT_BACKSLASH = 2 /* A backslash as the line's last byte: the value has a space there, and
                               goes on with the next line that is no comment, without its leading
                               blanks. With git's quotes it has no space, takes the leading blanks,
-                              and a comment's line too; within quotes likewise. */
+                              and a comment's line too; within quotes likewise.
+                                 A backslash within a comment isn't one of these. */
 };
 
 /* `quotes` */
 enum {
-    ZDIALECT_PLAIN = 0,      /* are bytes like others */
-    ZDIALECT_GIT_QUOTES = 1, /* Double quotes, in any part of a value, keep blanks and comment
+    ZDIALECT_PLAIN = 0,       /* are bytes like others */
+    ZDIALECT_GIT_QUOTES = 1,  /* Double quotes, in any part of a value, keep blanks and comment
                                 characters; in them and outside \" \\ \n \t \b stand for one byte,
                                 and any other backslash is bad data. */
     ZDIALECT_SHELL_QUOTES = 2 /* A value that begins with ' or " ends with the next one of these,
@@ -79,11 +82,13 @@ enum {
     ZDIALECT_FOLDED_BLANKS = 2 /* or in blanks too */
 };
 
-/* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored. */
+/* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored.
+ * A name can't be empty. */
 enum {
     ZDIALECT_SUBSECTIONS = 1, /* [a "b"] too, which is the stanza a.b: \" and \\ in the quotes stand
                                  for one byte; the case of b counts whatever `names` is, but
-                                 where names are folded [a.B] is a.b */
+                                 where names are folded [a.B] is a.b. Any other backslash in the
+                                 quotes is bad data */
     ZDIALECT_HEADER_TAILS = 2 /* behind "]" only blanks and a comment may stand */
 };
 

@@ -126,6 +126,7 @@ bool ZDialectReader::next(ZDialectPart& part) {
             // What follows has its own say.
             part.kind = ZDialectPart::bad;
             part.reason = reason;
+            part.name = part.value = part.raw = {line.first, 0};
             at_ = line.next;
             line_ = part.line + 1;
         }
@@ -646,7 +647,8 @@ const char* zdialectValueFault(const ZDialect& dialect, ZSpan value) {
         return "is too long for a line of 8191 bytes";
     if (dialect.continued != ZDIALECT_INDENT && hasLineEnd(value))
         return "can't hold a line end";
-    if (isBlank(*value.data) || isBlank(value.data[value.size - 1]))
+    const char last = value.data[value.size - 1];
+    if (isBlank(*value.data) || isBlank(last) || last == '\n')
         return "can't have blanks at its ends";
     return "can't be said in this dialect";
 }

@@ -615,14 +615,15 @@ private:
             zappendBytes(out_, made);
             zappendBytes(out_, between(rawEnd, part.lines.data + part.lines.size));
         }
-        wasEntry_ = part.kind == ZDialectPart::entry;
+        // Any other part that ends with a backslash has what follows it in itself.
+        mayGoOn_ = part.kind == ZDialectPart::entry && &part == &parts_.back();
     }
 
     void putAll(const Chain& chain) {
         for (Id id = chain.first; id != kNone; id = additions_[id].next) {
             closeLine();
             zappendBytes(out_, text(additions_[id].at, additions_[id].size));
-            wasEntry_ = false;
+            mayGoOn_ = false;
         }
     }
 
@@ -636,17 +637,10 @@ private:
         size_t at = out_.size() - 1;
         if (at != 0 && out_[at - 1] == '\r')
             --at;
-        if (d_.continued == ZDIALECT_BACKSLASH && wasEntry_ && at != 0 && out_[at - 1] == '\\' &&
-            isOpenEnd())
+        if (d_.continued == ZDIALECT_BACKSLASH && mayGoOn_ && at != 0 && out_[at - 1] == '\\')
             zappendBytes(out_, lineEnd());
-        wasEntry_ = false;
+        mayGoOn_ = false;
     }
-    // Only the last line of the old text can end so and have nothing behind it.
-    bool isOpenEnd() const {
-        const Part& last = parts_.back();
-        return last.kind == ZDialectPart::entry && !last.isDropped;
-    }
-
     const ZDialect& d_;
     const ZPStore& store_;
     const ZSpan old_;
@@ -661,7 +655,7 @@ private:
     ZVector<uint32_t> counts_;
     Chain end_;
     Id orphans_ = kNone, firstEntry_ = kNone, lastEntry_ = kNone;
-    bool wasEntry_ = false;
+    bool mayGoOn_ = false;
 };
 
 }  // namespace
