@@ -10,8 +10,8 @@ using namespace std::string_literals;
 
 namespace {
 
-// clang-format off
-ZDialect dialect(std::initializer_list<std::pair<unsigned int ZDialect::*, unsigned int>> switches) {
+ZDialect dialect(
+    std::initializer_list<std::pair<unsigned int ZDialect::*, unsigned int>> switches) {
     ZDialect d = {};
     d.size = sizeof d;
     for (const auto& [field, value] : switches)
@@ -20,18 +20,30 @@ ZDialect dialect(std::initializer_list<std::pair<unsigned int ZDialect::*, unsig
 }
 typedef ZDialect D;
 const ZDialect kPlain = dialect({});
-const ZDialect kGit = dialect({{&D::comments, 3}, {&D::tails, ZDIALECT_TAILS_ANYWHERE},
-    {&D::bare, 1}, {&D::continued, ZDIALECT_BACKSLASH}, {&D::quotes, ZDIALECT_GIT_QUOTES},
-    {&D::repeated, ZDIALECT_MERGED}, {&D::names, ZDIALECT_FOLDED}, {&D::headers, 3}, {&D::lines, 1}});
-const ZDialect kPhp = dialect({{&D::comments, 2}, {&D::tails, ZDIALECT_TAILS},
-    {&D::quotes, ZDIALECT_SHELL_QUOTES}, {&D::repeated, ZDIALECT_MERGED}, {&D::orphans, 1},
-    {&D::values, ZDIALECT_LAST_VALUE}});
-const ZDialect kPython = dialect({{&D::comments, 3}, {&D::divider, ZDIALECT_EITHER},
-    {&D::continued, ZDIALECT_INDENT}, {&D::names, ZDIALECT_FOLDED}});
-const ZDialect kUnit = dialect({{&D::comments, 3}, {&D::continued, ZDIALECT_BACKSLASH},
-    {&D::repeated, ZDIALECT_MERGED}});
+const ZDialect kGit = dialect({{&D::comments, 3},
+                               {&D::tails, ZDIALECT_TAILS_ANYWHERE},
+                               {&D::bare, 1},
+                               {&D::continued, ZDIALECT_BACKSLASH},
+                               {&D::quotes, ZDIALECT_GIT_QUOTES},
+                               {&D::repeated, ZDIALECT_MERGED},
+                               {&D::names, ZDIALECT_FOLDED},
+                               {&D::headers, 3},
+                               {&D::lines, 1}});
+const ZDialect kPhp = dialect({{&D::comments, 2},
+                               {&D::tails, ZDIALECT_TAILS},
+                               {&D::quotes, ZDIALECT_SHELL_QUOTES},
+                               {&D::repeated, ZDIALECT_MERGED},
+                               {&D::orphans, 1},
+                               {&D::values, ZDIALECT_LAST_VALUE}});
+const ZDialect kPython = dialect({{&D::comments, 3},
+                                  {&D::divider, ZDIALECT_EITHER},
+                                  {&D::continued, ZDIALECT_INDENT},
+                                  {&D::names, ZDIALECT_FOLDED}});
+const ZDialect kUnit = dialect(
+    {{&D::comments, 3}, {&D::continued, ZDIALECT_BACKSLASH}, {&D::repeated, ZDIALECT_MERGED}});
 const ZDialect kPeers = dialect({{&D::tails, ZDIALECT_TAILS_ANYWHERE},
-    {&D::repeated, ZDIALECT_NUMBERED}, {&D::names, ZDIALECT_FOLDED_BLANKS}});
+                                 {&D::repeated, ZDIALECT_NUMBERED},
+                                 {&D::names, ZDIALECT_FOLDED_BLANKS}});
 const ZDialect kBlank = dialect({{&D::divider, ZDIALECT_BLANK}, {&D::orphans, 1}});
 
 // Each part as "_", "#", "[name", "=name|value", "-name" or "?line reason", with "/" between.
@@ -52,7 +64,10 @@ string described(const ZDialect& d, const string& text) {
 }
 
 TEST(Dialect, Lines) {
-    const struct { const ZDialect& d; string text, parts; } kTexts[] = {
+    const struct {
+        const ZDialect& d;
+        string text, parts;
+    } kTexts[] = {
         {kPlain, " [s] x\r\n\t\n#c\n k = a # b\n", "[s/_/#/=k|a # b"},
         {kPlain, "k v\n = w\n[s\n[]", "?1 has no divider/?2 has no key/?3 has no ]/?4 has no name"},
         {kPlain, "a = 1\nb\0 = 2\n"s, "=a|1/?2 holds a NUL"},
@@ -60,12 +75,16 @@ TEST(Dialect, Lines) {
         {kPlain, "k=" + string(8188, 'v') + "\nk=" + string(8189, 'v') + "\n",
          "=k|" + string(8188, 'v') + "/?2 is too long for a line of 8191 bytes"},
         {kGit, "[a \"b\\\"]C\"] # c\n[A.B]", "[a.b\"]C/[A.b"},
-        {kGit, "[a] b\n[a \"\\n\"]\n[a \"b]", "?1 has more behind ]/?2 has an unknown backslash/?3 has no ]"},
+        {kGit, "[a] b\n[a \"\\n\"]\n[a \"b]",
+         "?1 has more behind ]/?2 has an unknown backslash/?3 has no ]"},
         {kGit, "k = a\" ;\"b \\\"\\\\\\t;c\nx;=1\ny=", "=k|a ;b \"\\\t/-x/=y|"},
         {kGit, "k = a\\\n  b\\\n# c\nl = \"a\\\n b\"", "=k|a  b/=l|a b"},
-        {kGit, "k = \"  a \"  \nl = \"a\nm = \\x\n", "=k|  a /?2 has an open quote/?3 has an unknown backslash"},
-        {kPhp, "k = \"a;\\\"\\\\\\n\" ; c\nl='a\\' ;'\nm = a;b ;c\nn =;c", "=k|a;\"\\\\n/=l|a\\/=m|a;b/=n|"},
-        {kPhp, "k = 'a' b\nl = \"a\nm = a \"b;\"", "?1 has more behind its quotes/?2 has an open quote/=m|a \"b;\""},
+        {kGit, "k = \"  a \"  \nl = \"a\nm = \\x\n",
+         "=k|  a /?2 has an open quote/?3 has an unknown backslash"},
+        {kPhp, "k = \"a;\\\"\\\\\\n\" ; c\nl='a\\' ;'\nm = a;b ;c\nn =;c",
+         "=k|a;\"\\\\n/=l|a\\/=m|a;b/=n|"},
+        {kPhp, "k = 'a' b\nl = \"a\nm = a \"b;\"",
+         "?1 has more behind its quotes/?2 has an open quote/=m|a \"b;\""},
         {kPython, "k: a = 1\n  b\n\n# c\n \td\n\n# e\nl = m", "=k|a = 1\nb\n\nd/_/#/=l|m"},
         {kPython, " k =\n  [x]\n l = 1\n", "=k|\n[x]/=l|1"},
         {kUnit, "k = a \\\n# c\n;d\n  b\\\n\nl = \\ \n", "=k|a  b/=l|\\"},
@@ -77,15 +96,26 @@ TEST(Dialect, Lines) {
 }
 
 TEST(Dialect, Spelling) {
-    const struct { const ZDialect& d; string value, old, spelled; } kValues[] = {
-        {kGit, "a;b", "", "\"a;b\""}, {kGit, " a", "", "\" a\""}, {kGit, "a", "\"x\"", "\"a\""},
-        {kGit, "a\"\\\n\t\b", "", "a\\\"\\\\\\n\\t\\b"}, {kGit, "a\0b"s, "", "?can't hold a NUL"},
-        {kPhp, "a;b", "", "a;b"}, {kPhp, "a ;b", "", "\"a ;b\""}, {kPhp, "b", "'a'", "'b'"},
-        {kPhp, "it's", "'a'", "it's"}, {kPhp, " \"\\", "", "\" \\\"\\\\\""},
+    const struct {
+        const ZDialect& d;
+        string value, old, spelled;
+    } kValues[] = {
+        {kGit, "a;b", "", "\"a;b\""},
+        {kGit, " a", "", "\" a\""},
+        {kGit, "a", "\"x\"", "\"a\""},
+        {kGit, "a\"\\\n\t\b", "", "a\\\"\\\\\\n\\t\\b"},
+        {kGit, "a\0b"s, "", "?can't hold a NUL"},
+        {kPhp, "a;b", "", "a;b"},
+        {kPhp, "a ;b", "", "\"a ;b\""},
+        {kPhp, "b", "'a'", "'b'"},
+        {kPhp, "it's", "'a'", "it's"},
+        {kPhp, " \"\\", "", "\" \\\"\\\\\""},
         {kPhp, "a\nb", "", "?can't hold a line end"},
-        {kPython, "a\n\nb", "", "a\n\n    b"}, {kPython, "a\n# b", "", "?can't be said in this dialect"},
+        {kPython, "a\n\nb", "", "a\n\n    b"},
+        {kPython, "a\n# b", "", "?can't be said in this dialect"},
         {kPython, "a\n", "", "?can't have blanks at its ends"},
-        {kUnit, "a\\", "", "?can't be said in this dialect"}, {kPlain, "a ", "", "?can't have blanks at its ends"},
+        {kUnit, "a\\", "", "?can't be said in this dialect"},
+        {kPlain, "a ", "", "?can't have blanks at its ends"},
         {kPlain, string(8190, 'v'), "", "?is too long for a line of 8191 bytes"},
     };
     for (const auto& v : kValues) {
@@ -93,21 +123,35 @@ TEST(Dialect, Spelling) {
         ZBytes out;
         const bool done = zdialectEncode(v.d, spanOf(v.value), spanOf(v.old), habit, out);
         const char* fault = zdialectValueFault(v.d, spanOf(v.value));
-        EXPECT_EQ(done ? stringOf(zspanOf(out)) : "?" + string(fault == nullptr ? "" : fault), v.spelled);
+        EXPECT_EQ(done ? stringOf(zspanOf(out)) : "?" + string(fault == nullptr ? "" : fault),
+                  v.spelled);
     }
 }
 
 TEST(Dialect, Names) {
-    const struct { const ZDialect& d; bool isStanza; string name, reason; } kNames[] = {
-        {kGit, true, "a.b]\"\\", ""}, {kGit, true, "a]b", "can't hold ]"}, {kPlain, true, "a.b]", "can't hold ]"},
-        {kGit, true, ".b", "can't be said in a header"}, {kPlain, true, "", "can't be empty"},
-        {kPhp, true, "", ""}, {kPhp, false, "k;l", ""}, {kPlain, false, "k=l", "can't hold ="},
-        {kPython, false, "k:l", "can't hold :"}, {kBlank, false, "k l", "can't hold a blank"},
-        {kGit, false, "k;l", "can't hold a comment"}, {kPhp, false, ";k", "can't begin as a header or a comment"},
-        {kPlain, false, ";k", ""}, {kPlain, false, " k", "can't have blanks at its ends"},
+    const struct {
+        const ZDialect& d;
+        bool isStanza;
+        string name, reason;
+    } kNames[] = {
+        {kGit, true, "a.b]\"\\", ""},
+        {kGit, true, "a]b", "can't hold ]"},
+        {kPlain, true, "a.b]", "can't hold ]"},
+        {kGit, true, ".b", "can't be said in a header"},
+        {kPlain, true, "", "can't be empty"},
+        {kPhp, true, "", ""},
+        {kPhp, false, "k;l", ""},
+        {kPlain, false, "k=l", "can't hold ="},
+        {kPython, false, "k:l", "can't hold :"},
+        {kBlank, false, "k l", "can't hold a blank"},
+        {kGit, false, "k;l", "can't hold a comment"},
+        {kPhp, false, ";k", "can't begin as a header or a comment"},
+        {kPlain, false, ";k", ""},
+        {kPlain, false, " k", "can't have blanks at its ends"},
     };
     for (const auto& n : kNames) {
-        const char* fault = n.isStanza ? zdialectStanzaFault(n.d, spanOf(n.name)) : zdialectKeyFault(n.d, spanOf(n.name));
+        const char* fault = n.isStanza ? zdialectStanzaFault(n.d, spanOf(n.name))
+                                       : zdialectKeyFault(n.d, spanOf(n.name));
         EXPECT_EQ(fault == nullptr ? "" : fault, n.reason) << n.name;
     }
     EXPECT_EQ(foldedName(kGit, {"A.B.C", 5}, true), "a.B.C");
@@ -116,14 +160,24 @@ TEST(Dialect, Names) {
 }
 
 TEST(Dialect, Clashes) {
-    const struct { ZDialect d; string first, second; } kClashes[] = {
-        {kGit, "", ""}, {kPhp, "", ""}, {kPeers, "", ""},
-        {dialect({{&D::tails, 3}}), "tails", ""}, {dialect({{&D::headers, 4}}), "headers", ""},
+    const struct {
+        ZDialect d;
+        string first, second;
+    } kClashes[] = {
+        {kGit, "", ""},
+        {kPhp, "", ""},
+        {kPeers, "", ""},
+        {dialect({{&D::tails, 3}}), "tails", ""},
+        {dialect({{&D::headers, 4}}), "headers", ""},
         {dialect({{&D::lines, 2}}), "lines", ""},
-        {dialect({{&D::continued, 1}, {&D::divider, 3}}), "continued lines by indent", "a blank as divider"},
-        {dialect({{&D::continued, 1}, {&D::headers, 1}}), "continued lines by indent", "subsections"},
-        {dialect({{&D::continued, 1}, {&D::quotes, 1}}), "continued lines by indent", "git's quotes"},
-        {dialect({{&D::continued, 2}, {&D::quotes, 2}}), "continued lines by backslash", "shell quotes"},
+        {dialect({{&D::continued, 1}, {&D::divider, 3}}), "continued lines by indent",
+         "a blank as divider"},
+        {dialect({{&D::continued, 1}, {&D::headers, 1}}), "continued lines by indent",
+         "subsections"},
+        {dialect({{&D::continued, 1}, {&D::quotes, 1}}), "continued lines by indent",
+         "git's quotes"},
+        {dialect({{&D::continued, 2}, {&D::quotes, 2}}), "continued lines by backslash",
+         "shell quotes"},
     };
     for (const auto& c : kClashes) {
         const ZDialectClash clash = zdialectClash(c.d);
@@ -150,7 +204,10 @@ void edit(ZPStore& store, const string& edit) {
 }
 
 TEST(Dialect, Rewriting) {
-    const struct { const ZDialect& d; string old, edit, now; } kEdits[] = {
+    const struct {
+        const ZDialect& d;
+        string old, edit, now;
+    } kEdits[] = {
         {kPlain, "[s]\n  k=a\n", "s|l|b", "[s]\n  k=a\n  l=b\n"},
         {kPlain, "[s]\r\nk = a", "s|l|b", "[s]\r\nk = a\r\nl = b\r\n"},
         {kPlain, "[s]\nk = a\n# c\n[t]\n", "s|k", "[s]\n# c\n[t]\n"},
@@ -158,19 +215,25 @@ TEST(Dialect, Rewriting) {
         {kPlain, "[s]\nk = a\n", "t|l|b", "[s]\nk = a\n\n[t]\nl = b\n"},
         {kPlain, "[s]\nk = a\nk = b\nk = c\n", "s|k|a|x|y|c", "[s]\nk = a\nk = x\nk = y\nk = c\n"},
         {kPlain, "[s]\nk = a\nx = 1\nk = b\nk = c\n", "s|k|a|c", "[s]\nk = a\nx = 1\nk = c\n"},
-        {kPlain, "[s]\nk = a\n", "s|k||", "[s]\nk =\n"}, {kPlain, "[s]\nk =\n", "s|k|a", "[s]\nk = a\n"},
+        {kPlain, "[s]\nk = a\n", "s|k||", "[s]\nk =\n"},
+        {kPlain, "[s]\nk =\n", "s|k|a", "[s]\nk = a\n"},
         {kPlain, "[s]\nk = a\n# c\nk =\n", "s|k|b", "[s]\nk = b\n# c\nk =\n"},
         {kGit, "[a \"B\"]\n\tk = \"x\" ; c\n", "a.B|k|y z", "[a \"B\"]\n\tk = \"y z\" ; c\n"},
         {kGit, "[a]\n\tk = x\n", "b.C d|k|y", "[a]\n\tk = x\n\n[b \"C d\"]\n\tk = y\n"},
-        {kGit, "[a]\nk =;c\n", "a|k|y", "[a]\nk = y ;c\n"}, {kGit, "[a]\nk = x\\", "a|l|y", "[a]\nk = x\\\n\nl = y\n"},
+        {kGit, "[a]\nk =;c\n", "a|k|y", "[a]\nk = y ;c\n"},
+        {kGit, "[a]\nk = x\\", "a|l|y", "[a]\nk = x\\\n\nl = y\n"},
         {kGit, "[a]\nk = 1\n[b]\n[A]\nL = 2\n", "a|m|3", "[a]\nk = 1\n[b]\n[A]\nL = 2\nm = 3\n"},
         {kPhp, "k = 1\n[s]\nk = a\nk = b ; c\n", "s|k|x", "k = 1\n[s]\nk = a\nk = x ; c\n"},
-        {kPhp, "k = 1\n[s]\n", "|l|2", "k = 1\nl = 2\n[s]\n"}, {kPhp, "; c\n[s]\n", "|l|2", "; c\nl = 2\n\n[s]\n"},
+        {kPhp, "k = 1\n[s]\n", "|l|2", "k = 1\nl = 2\n[s]\n"},
+        {kPhp, "; c\n[s]\n", "|l|2", "; c\nl = 2\n\n[s]\n"},
         {kPython, "[s]\nk = a\n  b\n  # c\n  d\n", "s|k|x\ny", "[s]\nk = x\n  y\n"},
         {kPython, "[s]\n\tk: a\n", "s|k|x\ny", "[s]\n\tk: x\n\t\ty\n"},
-        {kPeers, "[P]\nk = a\n[p]\nk = b\n", "P|", "[p]\nk = b\n"}, {kPeers, "[p]\nk = a\n[p]\nk = b\n", "p#2|k|c", "[p]\nk = a\n[p]\nk = c\n"},
+        {kPeers, "[P]\nk = a\n[p]\nk = b\n", "P|", "[p]\nk = b\n"},
+        {kPeers, "[p]\nk = a\n[p]\nk = b\n", "p#2|k|c", "[p]\nk = a\n[p]\nk = c\n"},
         {kPeers, "[p]\nk = a\n", "p#2|k|c", "[p]\nk = a\n\n[p]\nk = c\n"},
-        {kPlain, "[s]\nk = a\n", "s|k|a ", "?"}, {kPlain, "[s]\nk = a\n", "s]|k|a", "?"}, {kPhp, "k = a\n", "|k|a|b", "?"},
+        {kPlain, "[s]\nk = a\n", "s|k|a ", "?"},
+        {kPlain, "[s]\nk = a\n", "s]|k|a", "?"},
+        {kPhp, "k = a\n", "|k|a|b", "?"},
     };
     for (const auto& e : kEdits) {
         SCOPED_TRACE(e.old + e.edit);
@@ -189,6 +252,5 @@ TEST(Dialect, Rewriting) {
         EXPECT_EQ(now, e.now);
     }
 }
-// clang-format on
 
 }  // namespace

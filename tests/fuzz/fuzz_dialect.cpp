@@ -108,6 +108,9 @@ static void checkRewrite(const ZDialect& d, const string& text, unsigned int wha
     const string keyName = stringOf(store.text().span(store.key(key).name));
     const string value = (what & 8) != 0 ? "x y" : "changed";
     const string added = "zzadded";
+    for (ZPStore::Id k = 0; k < store.keyEnd(); ++k)
+        if (foldedName(d, store.text().span(store.key(k).name), false).find("dded") != string::npos)
+            return;
     store.replaceValues(key, ZPStore::plain, spanOf(value));
     if ((what & 16) != 0)
         store.appendValue(store.createKey(stanza, spanOf(added)), ZPStore::plain, {"w", 1});

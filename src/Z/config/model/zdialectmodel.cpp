@@ -1,8 +1,9 @@
 // zdialectmodel.cpp: a text of another dialect, changed so that it says what a model holds.
 //
-// The old text is cut into parts. Each part of an entry finds its key in the model by a folded name;
-// a key has a chain of its parts. Then each part is kept, dropped or put anew, and what is new hangs
-// as a chain of texts on the old part behind which it goes. At last all is written in one walk.
+// The old text is cut into parts. Each part of an entry finds its key in the model by a folded
+// name; a key has a chain of its parts. Then each part is kept, dropped or put anew, and what is
+// new hangs as a chain of texts on the old part behind which it goes. At last all is written in one
+// walk.
 // Part 0 is empty and stands ahead of the text, so that everything new has a part to follow.
 #include "zdialectmodel.h"
 
