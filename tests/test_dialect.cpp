@@ -223,6 +223,7 @@ TEST(Dialect, Rewriting) {
         {kGit, "[a]\nk =;c\n", "a|k|y", "[a]\nk = y ;c\n"},
         {kGit, "[a]\nk = x\\", "a|l|y", "[a]\nk = x\\\n\nl = y\n"},
         {kGit, "[a]\nk = 1\n[b]\n[A]\nL = 2\n", "a|m|3", "[a]\nk = 1\n[b]\n[A]\nL = 2\nm = 3\n"},
+        {kUnit, "[s]\nk = a \\\n# c\n", "s|l|b", "[s]\nk = a \\\n# c\n\nl = b\n"},
         {kPhp, "k = 1\n[s]\nk = a\nk = b ; c\n", "s|k|x", "k = 1\n[s]\nk = a\nk = x ; c\n"},
         {kPhp, "k = 1\n[s]\n", "|l|2", "k = 1\nl = 2\n[s]\n"},
         {kPhp, "; c\n[s]\n", "|l|2", "; c\nl = 2\n\n[s]\n"},

@@ -3,8 +3,8 @@
  * A text is lines, which end at a newline or the text's end; a carriage return ahead of the newline
  * belongs to the line's end. Blanks are space, tab, vertical tab, form feed and carriage return.
  * Blanks at both ends of a line are no part of what it says. Then a line is, in this order: part
- * of the value above (see `continued`), blank, a comment, a header, an entry, or bad data. A byte-order
- * mark ahead of the first line and NULs in any line are bad data. */
+ * of the value above (see `continued`), blank, a comment, a header, an entry, or bad data. A
+ * byte-order mark ahead of the first line and NULs in any line are bad data. */
 #ifndef Z_ZDIALECT_H
 #define Z_ZDIALECT_H
 

@@ -616,8 +616,14 @@ private:
             zappendBytes(out_, made);
             zappendBytes(out_, between(rawEnd, part.lines.data + part.lines.size));
         }
-        // Any other part that ends with a backslash has what follows it in itself.
-        mayGoOn_ = part.kind == ZDialectPart::entry && &part == &parts_.back();
+        // Only the text's end can leave a backslash with nothing, or comments alone, behind it.
+        size_t backslashes = 0;
+        const char* const raw = part.raw.data;
+        while (backslashes < part.raw.size && raw[part.raw.size - 1 - backslashes] == '\\')
+            ++backslashes;
+        const bool isEscaped = d_.quotes == ZDIALECT_GIT_QUOTES && backslashes % 2 == 0;
+        mayGoOn_ = d_.continued == ZDIALECT_BACKSLASH && part.kind == ZDialectPart::entry &&
+                   &part == &parts_.back() && !part.isReplaced && backslashes != 0 && !isEscaped;
     }
 
     void putAll(const Chain& chain) {
@@ -635,10 +641,7 @@ private:
             return;
         if (out_[out_.size() - 1] != '\n')
             zappendBytes(out_, lineEnd());
-        size_t at = out_.size() - 1;
-        if (at != 0 && out_[at - 1] == '\r')
-            --at;
-        if (d_.continued == ZDIALECT_BACKSLASH && mayGoOn_ && at != 0 && out_[at - 1] == '\\')
+        if (mayGoOn_)
             zappendBytes(out_, lineEnd());
         mayGoOn_ = false;
     }

@@ -17,8 +17,8 @@ void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComme
 /// along; what is new follows the last line of its key, else the last entry of its stanza, else
 /// its header, and is spelled as the entries above it (indent, blanks around the divider, line
 /// end); a new stanza stands at the end, behind a blank line. Comments and blank lines of `old`
-/// stay, but for those of a stanza that is gone as a whole, which go with it: the lines from its header
-/// to the next, up to the comments directly above that. `old` has no bad data. Where
+/// stay, but for those of a stanza that is gone as a whole, which go with it: the lines from its
+/// header to the next, up to the comments directly above that. `old` has no bad data. Where
 /// repeated stanzas are numbered, a load counts those that are left anew. Linear in both.
 /// Raises ZOutOfMemoryException, and ZInvalidParameterException (see zrefusal.h) for what the
 /// dialect can't say.
