@@ -14,6 +14,7 @@
 #include "ZProperties.h"
 #include "ZPropertiesIterator.h"
 #include "ZSCFData.h"
+#include "zdialect.h"
 
 /// A key with a value; owns both.
 class ZEXPORT ZKVEntry : public ZObject {

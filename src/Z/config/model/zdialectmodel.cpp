@@ -19,9 +19,6 @@ namespace {
 typedef uint32_t Id;
 const Id kNone = kNoId;
 
-// To be replaced by the store's own once it tells keys without a divider.
-bool isBare(const ZPStore&, ZPStore::Id) { return false; }
-
 struct Chain {
     Id first = kNone, last = kNone;
 };
@@ -308,7 +305,7 @@ private:
 
     // The key stays without values.
     void leaveEmpty(const Key& key, Id from, const ZVector<Id>& old) {
-        const bool bare = isBare(store_, key.id);
+        const bool bare = store_.isBare(key.id);
         const ZDialectPart::Kind kind = bare ? ZDialectPart::bareEntry : ZDialectPart::entry;
         bool isThere = false;
         for (Id id = from; id != kNone; id = parts_[id].nextOfKey)
@@ -534,7 +531,7 @@ private:
             add(behind, lineOf(name, &value, false, like));
         }
         if (count == 0)
-            add(behind, lineOf(name, nullptr, isBare(store_, key.id), like));
+            add(behind, lineOf(name, nullptr, store_.isBare(key.id), like));
     }
 
     void addHeader(Id s) {
