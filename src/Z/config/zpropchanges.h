@@ -5,6 +5,7 @@
 
 #include "ZProperties.h"
 #include "zpropnotices.h"
+#include "ZPropertiesImpl.h"
 #include "zrefusal.h"
 
 template <typename Change>
@@ -22,7 +23,7 @@ void ZProperties::change(ZPropertyChanged::PropertyChangeType type, const char* 
 template <typename Change>
 void ZProperties::changeKey(ZPropertyChanged::PropertyChangeType type, const char* category,
                             const char* key, Change apply) {
-    zrequireNames(category, key);
+    file_->requireNames(category, key);
     change(type, category, key, apply);
 }
 

@@ -31,8 +31,8 @@ ZEXPORT int zstzDialect_ofFile(const char* path, char** name, char** pattern);
  * preset can't be read; 55 for a null visit. */
 ZEXPORT int zstzDialect_forEach(ZDialect_callback visit, void* data);
 
-/* Which two switches can't go together, or which one has no such value and null: static texts, null
- * and null if none. */
+/* What can't be, as "continued lines by indent" and "can't go with a blank as divider": static
+ * texts, null and null if all is well. */
 ZEXPORT void zstzDialect_clash(const ZDialect* dialect, const char** first, const char** second);
 
 /* As zstzPropOpenWith and zstzPropOpenBytes, of a text in this dialect, which is copied; null: the

@@ -40,6 +40,13 @@ void push(ZBytes& to, char c) {
 // ---------------------------------------------------------------- clashes
 
 ZDialectClash zdialectClash(const ZDialect& d) {
+    static const char kSize[] = "a dialect's size";
+    if (d.size < sizeof d)
+        return {kSize, "is too small"};
+    const char* later = reinterpret_cast<const char*>(&d) + sizeof d;
+    for (size_t i = sizeof d; i < d.size; ++i)
+        if (*later++ != 0)
+            return {kSize, "tells of switches that aren't known"};
     const struct {
         unsigned int value, most;
         const char* name;
@@ -51,25 +58,19 @@ ZDialectClash zdialectClash(const ZDialect& d) {
     };
     for (const auto& s : kSwitches)
         if (s.value > s.most)
-            return {s.name, nullptr};
-    if (d.size < sizeof d)
-        return {"size", nullptr};
-    const char* later = reinterpret_cast<const char*>(&d) + sizeof d;
-    for (size_t i = sizeof d; i < d.size; ++i)
-        if (*later++ != 0)
-            return {"size", nullptr};
+            return {s.name, "has no such value"};
     const char* const indent = "continued lines by indent";
     if (d.continued == ZDIALECT_INDENT && d.divider == ZDIALECT_BLANK)
-        return {indent, "a blank as divider"};
+        return {indent, "can't go with a blank as divider"};
     if (d.continued == ZDIALECT_INDENT && (d.headers & ZDIALECT_SUBSECTIONS) != 0)
-        return {indent, "subsections"};
+        return {indent, "can't go with subsections"};
     if (d.continued == ZDIALECT_INDENT && d.quotes == ZDIALECT_GIT_QUOTES)
-        return {indent, "git's quotes"};
+        return {indent, "can't go with git's quotes"};
     if (d.continued == ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_SHELL_QUOTES)
-        return {"continued lines by backslash", "shell quotes"};
+        return {"continued lines by backslash", "can't go with shell quotes"};
     // Blanks in a key would divide it.
     if (d.divider == ZDIALECT_BLANK && d.names == ZDIALECT_FOLDED_BLANKS)
-        return {"a blank as divider", "names without blanks"};
+        return {"a blank as divider", "can't go with names without blanks"};
     return {nullptr, nullptr};
 }
 

@@ -9,8 +9,8 @@
 #include "zdialect.h"
 #include "zpblock.h"
 
-/// Which two switches clash, as "continued lines by indent" and "a blank as divider"; or one that
-/// has no such value, and null. Both null: none.
+/// What can't be: "continued lines by indent", "can't go with a blank as divider"; static texts.
+/// Both null: all is well.
 struct ZDialectClash {
     const char* first;
     const char* second;

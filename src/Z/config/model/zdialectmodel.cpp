@@ -284,7 +284,7 @@ private:
             return;
         }
         if (old.empty()) {
-            replace(key, key.last, values[0]);
+            replace(key.last, values[0]);
             addValues(key, key.last, values, 1, values.size());
             return;
         }
@@ -296,7 +296,7 @@ private:
             ++end;
         size_t o = begin, v = begin;
         for (; o < old.size() - end && v < values.size() - end; ++o, ++v)
-            replace(key, old[o], values[v]);
+            replace(old[o], values[v]);
         // Ahead of all old ones: behind what stands above.
         addValues(key, o == 0 ? old[0] - 1 : old[o - 1], values, v, values.size() - end);
         for (; o < old.size() - end; ++o)
@@ -320,7 +320,19 @@ private:
             return;
         Part& part = parts_[key.last];
         part.isDropped = false;
+        if (!bare && part.kind == ZDialectPart::entry && d_.divider != ZDIALECT_BLANK &&
+            hasTail(part))
+            return patch(part, ZBytes(), {"", 0});
         setText(part, lineOf(nameOf(store_.key(key.id)), nullptr, bare, key.last), true);
+    }
+
+    // Whether a comment stands behind the value.
+    static bool hasTail(const Part& part) {
+        const char* at = part.raw.data + part.raw.size;
+        const char* const end = part.lines.data + part.lines.size;
+        while (at < end && (isBlank(*at) || *at == '\n'))
+            ++at;
+        return at < end;
     }
 
     void setText(Part& part, const ZBytes& made, bool isWhole) {
@@ -332,15 +344,14 @@ private:
     }
 
     // The value in the place of the old one's bytes.
-    void replace(const Key& key, Id id, ZSpan value) {
+    void replace(Id id, ZSpan value) {
         Part& part = parts_[id];
-        const ZSpan name = nameOf(store_.key(key.id));
-        if (part.kind == ZDialectPart::bareEntry) {
-            setText(part, lineOf(name, &value, false, id), true);
-            return;
-        }
-        const Habit habit(*this, id);
+        const bool wasBare = part.kind == ZDialectPart::bareEntry;
+        const Habit habit(*this, wasBare ? habitOf(id) : id);
         ZBytes made;
+        if (wasBare)
+            for (ZSpan span : {habit.spelled.before, habit.spelled.divider})
+                zappendBytes(made, span);
         const char* const rawEnd = part.raw.data + part.raw.size;
         const char* const end = part.lines.data + part.lines.size;
         if (part.raw.size == 0)
@@ -349,10 +360,16 @@ private:
             refuseValue(value);
         if (part.raw.size == 0 && rawEnd < end && !isBlank(*rawEnd) && *rawEnd != '\n')
             zappendBytes(made, {" ", 1});
+        patch(part, made, value);
+    }
+
+    // Puts what gives this value in the place of the old one's bytes.
+    void patch(Part& part, const ZBytes& made, ZSpan value) {
+        const char* const rawEnd = part.raw.data + part.raw.size;
         ZBytes line;
         zappendBytes(line, between(part.lines.data, part.raw.data));
         zappendBytes(line, zspanOf(made));
-        zappendBytes(line, between(rawEnd, end));
+        zappendBytes(line, between(rawEnd, part.lines.data + part.lines.size));
         requireRead(line, value);
         setText(part, made, false);
     }

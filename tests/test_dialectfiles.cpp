@@ -1,0 +1,156 @@
+// Files of other programs, by the presets: what readers see, and which bytes a change leaves alone.
+#include "support/Prelude.h"
+
+#include "Z/ZDialects.h"
+#include "Z/ZPropertiesUpdate.h"
+#include "Z/ZStanzaFileProperties.h"
+#include "Z/zdialects.h"
+#include "support/Raised.h"
+#include "support/TempFolder.h"
+
+using std::string;
+
+namespace {
+
+string contentOf(const string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return string(std::istreambuf_iterator<char>(in), {});
+}
+
+string valueOf(const ZStanzaFileProperties& p, const char* stanza, const char* key) {
+    if (p.exists(stanza, key) == 0)
+        return "none";
+    ZArrayList list(1, 1);
+    p.getValues(stanza, key, list, ZPROP_STRING_LOCAL);
+    string out = p.isBare(stanza, key) != 0 ? "bare" : "";
+    for (unsigned int i = 0; i < list.size(); ++i)
+        out += (i == 0 ? "" : "|") + string(static_cast<ZLCString*>(list.get(i))->getChars());
+    return out;
+}
+
+const struct {
+    const char *preset, *text, *stanza, *key, *value, *set, *after;
+} kFiles[] = {
+    {"git", "[core]\n\tbare\n[Remote \"Or\"]\n\tURL = \"a #b\" ; c\n", "remote.Or", "url", "a #b",
+     "x;y", "[core]\n\tbare\n[Remote \"Or\"]\n\tURL = \"x;y\" ; c\n"},
+    {"git", "[core]\n\tbare\n", "core", "bare", "bare", "1", "[core]\n\tbare = 1\n"},
+    {"samba", "# c\n[global]\n\tGuest OK = yes ; no\r\n", "Global", "guestok", "yes ; no", "no",
+     "# c\n[global]\n\tGuest OK = no\r\n"},
+    {"php", "a = 1\n[PHP]\nx = \"1;2\" ; c\n", "", "a", "1", "2",
+     "a = 2\n[PHP]\nx = \"1;2\" ; c\n"},
+    {"mysql", "[mysqld]\nskip-name # c\nport=1\n[mysqld]\nport = 3306 # d", "mysqld", "port",
+     "3306", "1", "[mysqld]\nskip-name # c\nport=1\n[mysqld]\nport = 1 # d"},
+    {"configparser", "[a]\nk: one\n  # c\n  two\nl = 1\n", "a", "k", "one\ntwo", "3",
+     "[a]\nk: 3\nl = 1\n"},
+    {"systemd", "[Service]\nExecStart=\nExecStart=/a \\\n  b\n", "Service", "ExecStart", "/a  b",
+     "/c", "[Service]\nExecStart=\nExecStart=/c\n"},
+    {"wireguard", "[Peer]\nKey = a=\n\n[Peer]\nKey = b= # c\n", "Peer#2", "key",
+     "b=", "d=", "[Peer]\nKey = a=\n\n[Peer]\nKey = d= # c\n"},
+    {"supervisord", "[program:x]\ncommand=/bin/cat ; c\n", "program:x", "command", "/bin/cat", "a",
+     "[program:x]\ncommand=a ; c\n"},
+    {"desktop", "[Desktop Entry]\nName[de]=x\nName = y\n", "Desktop Entry", "Name", "y", "z",
+     "[Desktop Entry]\nName[de]=x\nName = z\n"},
+    {"lax", "a\n[s]\nb : 1\n", "s", "b", "1", "2", "a\n[s]\nb : 2\n"},
+};
+
+}  // namespace
+
+TEST(DialectFiles, ChangeOneValueAndNoOtherByte) {
+    setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+    for (const auto& row : kFiles) {
+        SCOPED_TRACE(row.text);
+        TempFolder folder;
+        folder.write("f", row.text);
+        ZDialect dialect;
+        ZDialects::get(row.preset, dialect);
+        ZStanzaFileProperties p(1);
+        p.setDialect(dialect);
+        p.load((folder / "f").c_str());
+        EXPECT_EQ(valueOf(p, row.stanza, row.key), row.value);
+        p.store(nullptr);
+        EXPECT_EQ(contentOf(folder / "f"), row.text);
+        {
+            ZPropertiesUpdate update(p, 0);
+            p.setValue(row.stanza, row.key, row.set);
+            update.commit();
+        }
+        EXPECT_EQ(contentOf(folder / "f"), row.after);
+        EXPECT_EQ(valueOf(p, row.stanza, row.key), row.set);
+        {
+            ZPropertiesUpdate update(p, 0);
+            p.deleteKey(row.stanza, row.key);
+        }
+        EXPECT_EQ(valueOf(p, row.stanza, row.key), row.set);
+        if (row.stanza[0] != '\0') {
+            p.setValue(row.stanza, "added", "1");
+            p.store(nullptr);
+        }
+        ZStanzaFileProperties again(1);
+        again.setDialect(dialect);
+        again.load((folder / "f").c_str());
+        EXPECT_EQ(valueOf(again, row.stanza, row.key), row.set);
+    }
+}
+
+TEST(DialectFiles, RefuseWhatTheyCantSay) {
+    setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+    ZDialect dialect;
+    ZDialects::get("systemd", dialect);
+    ZStanzaFileProperties p(1);
+    p.setDialect(dialect);
+    p.loadBytes("[a]\nb=1\n", 8);
+    const std::function<void()> kRefused[] = {
+        [&] { p.setValue("a", "b", " x"); },
+        [&] { p.setValue("a", "b", "x\ny"); },
+        [&] { p.setValue("a", "b=c", "x"); },
+        [&] { p.setValue("a]", "b", "x"); },
+        [&] { p.addValue("a", "b", "x\\", 0); },
+        [&] { p.addValue("a", "s", "x", 1); },
+        [&] { p.renameKey("a", "b", "c"); },
+        [&] { p.addEntryComment("a", "b", "c"); },
+        [&] { p.setBare("a", "c"); },
+        [&] { p.setValue("", "c", "x"); },
+        [&] { p.setDialect(dialect); },
+    };
+    for (const auto& refused : kRefused)
+        EXPECT_EQ(raised(refused), "22") << &refused - kRefused;
+    ZBuffer out;
+    p.storeBytes(out);
+    EXPECT_EQ(string(static_cast<char*>(out.getBuffer()), out.getLength()), "[a]\nb=1\n");
+    EXPECT_EQ(raised([&] { p.loadBytes("a\n", 2); }), "line 1");
+    EXPECT_EQ(raised([&] { ZDialects::get("none", dialect); }), "fopen(r) 2");
+    dialect.divider = 9;
+    EXPECT_EQ(raised([&] { ZStanzaFileProperties(1).setDialect(dialect); }), "22");
+}
+
+TEST(DialectFiles, HaveTheirDialectByTheirPath) {
+    TempFolder folder;
+    setenv("XDG_DATA_DIRS", (folder / ":" TEST_SOURCE "/share").c_str(), 1);
+    const auto askedOf = [](const char* path) {
+        char *name = nullptr, *pattern = nullptr;
+        EXPECT_EQ(zstzDialect_ofFile(path, &name, &pattern), ZPROP_OK);
+        const string answer = name == nullptr ? "" : string(name) + " " + pattern;
+        zstzPropFree(name);
+        zstzPropFree(pattern);
+        return answer;
+    };
+    EXPECT_EQ(askedOf("/x/.git/config"), "git */.git/config");
+    EXPECT_EQ(askedOf("/etc/systemd/network/a.network"),
+              "systemd-network */systemd/network/*.network");
+    EXPECT_EQ(askedOf("/etc/passwd"), "");
+    // Another one of that name goes before it, and a bad one tells its line.
+    std::filesystem::create_directories(folder / "zbase/dialects");
+    folder.write("zbase/dialects/git.conf", "[dialect]\ndivider = colon\n");
+    EXPECT_EQ(askedOf("/x/.git/config"), "");
+    ZPROP_handle* handle = nullptr;
+    ZDialect dialect;
+    ASSERT_EQ(zstzDialect_get("git", &dialect), ZPROP_OK);
+    ASSERT_EQ(zstzPropOpenDialectBytes(&handle, "[a]\nb: c = d\n", 13, &dialect, 0), ZPROP_OK);
+    int error = -1;
+    char* text = zstzPropGetStringValue(handle, "a", "b", 1, &error);
+    EXPECT_STREQ(text, "c = d");
+    zstzPropFree(text);
+    zstzPropClose(handle);
+    folder.write("zbase/dialects/git.conf", "[dialect]\ndivider = comma\n");
+    EXPECT_EQ(raised([&] { ZDialects::get("git", dialect); }), "line 2");
+}
