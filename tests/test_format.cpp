@@ -173,15 +173,26 @@ std::string randomFormat(std::mt19937& random) {
 
 }  // namespace
 
-TEST(Format, RandomFormatsWithNumbers) {
+// A format lies right in front of a page that can't be read; many end within a directive.
+TEST(Format, RandomFormatsWithNumbersOfWhichNothingIsReadBehindTheNul) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char* const pages = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(pages, MAP_FAILED);
+    ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
     std::mt19937 random(20);
     for (int i = 0; i < 30000; ++i) {
-        const std::string format = randomFormat(random);
-        check(some, format.c_str(), 3L, 12L, 5L, -2L, 65L, 0L, 7L, 11L, -70000L, 9L, 10L, 4L, 13L,
-              14L, 8L, 6L, 17L, 18L, 19L, 20L, 21L, 22L, 23L, 24L, 25L, 26L, 27L, 28L, 29L, 30L,
-              31L, 32L, 33L, 34L, 35L, 36L, 37L, 38L, 39L, 40L, 41L, 42L, 43L, 44L, 45L, 46L, 47L);
+        std::string format = randomFormat(random);
+        if (random() % 4 == 0)
+            format.resize(random() % (format.size() + 1));
+        char* const text = pages + page - format.size() - 1;
+        memcpy(text, format.c_str(), format.size() + 1);
+        check(some, text, 3L, 12L, 5L, -2L, 65L, 0L, 7L, 11L, -70000L, 9L, 10L, 4L, 13L, 14L, 8L,
+              6L, 17L, 18L, 19L, 20L, 21L, 22L, 23L, 24L, 25L, 26L, 27L, 28L, 29L, 30L, 31L, 32L,
+              33L, 34L, 35L, 36L, 37L, 38L, 39L, 40L, 41L, 42L, 43L, 44L, 45L, 46L, 47L);
         ASSERT_FALSE(HasFatalFailure()) << i;
     }
+    munmap(pages, 2 * page);
 }
 
 TEST(Format, ManyDirectivesAndArguments) {
@@ -210,24 +221,6 @@ TEST(Format, LongTexts) {
     check(everywhere, "%.3s|%.*s", open.data(), 2, open.data());
     const std::vector<zwide_char> wideOpen(3, 'x');
     check(everywhere, "%.3S", wideOpen.data());
-}
-
-TEST(Format, NothingIsReadBehindTheNul) {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    char* const pages = static_cast<char*>(
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(pages, MAP_FAILED);
-    ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
-    for (const std::string format :
-         {"some text %1$-0+#' 12.34lld%2$*1$.*2$hx tail", "%%%5.*d%-*.3lX%qu%c", "no directive"}) {
-        for (size_t length = 0; length <= format.size(); ++length) {
-            const std::string cut = format.substr(0, length);
-            char* const copy = pages + page - length - 1;
-            memcpy(copy, cut.c_str(), length + 1);
-            check(some, copy, 3, 4, 5L, 6LL, 7, 8, 9, 10);
-        }
-    }
-    munmap(pages, 2 * page);
 }
 
 static void* formatHugeSizes(void*) {
@@ -367,10 +360,7 @@ TEST(Format, DISABLED_WideTexts) {
     const zwide_char text[] = {'a', kLetter, kLetter, 'b', kLetter, 0};
     const zwide_char bad[] = {'a', kLacking, 0};
     zgetLCSHandle();
-    for (const char* format : {"<%S>", "<%12S>", "<%-12S>|", "<%.5S>", "<%12.4S>", "<%-12.7S>",
-                               "<%.3S>", "<%2S>", "%S", "%20S", "%.0S"})
-        check(everywhere, format, text);
-    for (int width : {-9, 0, 3, 11}) {
+    for (int width : {-9, 0, 3, 20}) {
         for (int precision = -2; precision < 14; ++precision)
             check(everywhere, "[%*.*S]x", width, precision, text);
     }
