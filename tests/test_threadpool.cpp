@@ -122,7 +122,7 @@ TEST(ThreadPool, HandsOutEachIdleThreadOnceAndKeepsNoMoreThanItMay) {
         for (PoolWorker* worker : taken)
             worker->wakeUpFor([&] { again.open(); });
         again.reach(2);
-        pool.waitForExit();
+        inFourThreads([&] { pool.waitForExit(); });  // and the limit of idle threads is back
         EXPECT_EQ(pool.getAvailableIdleThread(thread), nullptr) << "stopped ones must not come out";
         awaitDeletions();
     }
@@ -169,36 +169,6 @@ TEST(ThreadPool, OnlyReportsAThreadThatCannotStartAndStaysAsItWas) {
             EXPECT_EQ(runs, c.runs + 1);
             EXPECT_EQ(service.reports(), Reports(i, c.report));
         }
-    }
-}
-
-TEST(ThreadPool, StopsIdleBusyAndSelfDeletingThreadsAndPutsItsLimitBack) {
-    for (int autoDelete = 0; autoDelete <= 1; ++autoDelete) {
-        ZThreadPool pool(4, 4);
-        pool.waitForExit();  // nothing to do
-        Gate atWork, leave;
-        PoolWorker* workers[4];
-        for (PoolWorker*& worker : workers) {
-            worker = new PoolWorker([] {}, autoDelete);
-            launch(pool, *worker);
-        }
-        takeIdle(pool).wakeUpFor([&] { atWork.open(), leave.await(); });
-        atWork.await();
-        std::thread waiters[3];
-        for (std::thread& waiter : waiters)
-            waiter = std::thread([&] { pool.waitForExit(); });
-        leave.open();
-        for (std::thread& waiter : waiters)
-            waiter.join();
-        for (PoolWorker* worker : workers) {
-            if (!autoDelete)
-                delete worker;
-        }
-        awaitDeletions();
-        submit(pool, [] {});
-        takeIdle(pool).wakeUp();  // idle again: the limit is back
-        pool.waitForExit();
-        awaitDeletions();
     }
 }
 
