@@ -3,6 +3,7 @@
 #include "support/Prelude.h"
 
 #include <random>
+#include <sstream>
 
 #include "zgrammar.h"
 #include "zkeeplines.h"
@@ -24,6 +25,7 @@ public:
     explicit Text(const string& text) {
         for (size_t at = 0; at < text.size(); at += lines_.back().size())
             lines_.push_back(text.substr(at, text.find('\n', at) - at + 1));
+        end_ = text.find('\r') == string::npos ? "\n" : "\r\n";
     }
     string all() const {
         string out;
@@ -83,18 +85,32 @@ public:
             const char* end = lines_[at].data() + lines_[at].size();
             string tail(parts.value.data + parts.value.size, end);
             if (at != places[0] && (tail.empty() || tail.back() != '\n'))
-                tail += '\n';
-            made.push_back(lines_[at].substr(0, lines_[at].find_first_not_of(' ')) + "# " + key +
+                tail += end_;
+            made.push_back(lines_[at].substr(0, lines_[at].find_first_not_of(" \t")) + "# " + key +
                            " =" + (value.empty() ? "" : " ") + value + tail);
         }
         erase(places);
         lines_.insert(lines_.begin() + static_cast<long>(places[0]), made.begin(), made.end());
         return true;
     }
-    bool unset(const string& stanza, const string& key) {
+    // One line, or none, in place of all of a key.
+    bool set(const string& stanza, const string& key, const string& instead) {
         const std::vector<size_t> places = entries(stanza, key);
         erase(places);
+        if (!places.empty() && !instead.empty())
+            lines_.insert(lines_.begin() + static_cast<long>(places[0]), instead + end_);
         return !places.empty();
+    }
+    // Whether all of it is there in another text, in this order.
+    bool isPartOf(const string& other) const {
+        std::istringstream old(all()), now(other);
+        for (string line, found; std::getline(old, line);) {
+            do
+                if (!std::getline(now, found))
+                    return false;
+            while (found != line && found != line + '\r');  // the last may have had no end
+        }
+        return true;
     }
 
 private:
@@ -122,6 +138,7 @@ private:
     }
 
     Lines lines_;
+    string end_;
 };
 
 // The model, and what its file holds.
@@ -162,29 +179,29 @@ bool isDone(Change change) {
 }
 
 string randomText(std::mt19937& random) {
-    static const char* const kIndents[] = {"", "  ", " "};
-    static const char* const kSigns[] = {"=", " = ", "  =", "= "};
+    static const char* const kBlanks[] = {"", "  ", " ", "\t"};
+    static const char* const kSigns[] = {"=", " = ", "\t=", "= "};
+    const string end = random() % 4 == 0 ? "\r\n" : "\n";
     string text;
-    int unique = 0;
-    for (const char* stanza : {"s0", "s1", "s2"}) {
-        text += string(kIndents[random() % 3]) + "[" + stanza + "]" + kIndents[random() % 3] + "\n";
-        const int count = static_cast<int>(random() % 8);
-        for (int i = 0; i < count; ++i) {
+    const auto add = [&](const string& line) {
+        text += kBlanks[random() % 4] + line + kBlanks[random() % 4] + end;
+    };
+    for (const string stanza : {"", "[s0]", "[s1] t", "[s2]"}) {
+        if (!stanza.empty())
+            add(stanza);
+        for (size_t left = random() % 8; left > 0; --left) {
             const string entry = "k" + std::to_string(random() % 6) + kSigns[random() % 4] +
-                                 (random() % 8 == 0 ? "" : "v" + std::to_string(unique++)) + "\n";
-            const string indent = kIndents[random() % 3];
-            if (random() % 3 == 0)
-                text += indent + "#" + kIndents[random() % 3] + entry;
-            else if (random() % 4 == 0)
-                text += indent + "# note " + std::to_string(unique++) + "\n";
-            else if (random() % 4 == 0)
-                text += indent + "\n";
+                                 (random() % 8 == 0 ? "" : string(1, "xyz"[random() % 3]));
+            if (random() % 4 == 0)
+                add("");
+            else if (stanza.empty() || random() % 4 == 0)
+                add(string("# ") + "ab"[random() % 2]);
             else
-                text += indent + entry;
+                add((random() % 3 == 0 ? "# " : "") + entry);
         }
     }
-    if (random() % 2 == 0)
-        text.pop_back();
+    if (random() % 2 == 0 && text.size() > end.size())
+        text.resize(text.size() - end.size());
     return text;
 }
 
@@ -195,51 +212,45 @@ TEST(LineEdits, LeaveAllOtherBytes) {
         SCOPED_TRACE(start);
         Text text(start);
         Model model(start);
+        ZSCFData& cache = model.cache();
         string done;
         for (int step = 0; step < 6; ++step) {
             const string stanza = "s" + std::to_string(random() % 4),
                          other = "s" + std::to_string(random() % 5),
                          key = "k" + std::to_string(random() % 6),
                          name = "k" + std::to_string(random() % 8);
-            ZSCFData& cache = model.cache();
             const char *s = stanza.c_str(), *k = key.c_str();
-            bool changed = false, expected = false;
-            switch (random() % 6) {
-                case 0:
-                    expected = text.renameStanza(stanza, other);
-                    changed =
-                        isDone([&] { return ZModelEdits::renameStanza(cache, s, other.c_str()); });
-                    done += "rename " + stanza + " " + other + "\n";
-                    break;
-                case 1:
-                    expected = text.renameKey(stanza, key, name);
-                    changed =
-                        isDone([&] { return ZModelEdits::renameKey(cache, s, k, name.c_str()); });
-                    done += "rename " + stanza + " " + key + " " + name + "\n";
-                    break;
-                case 2:
-                    expected = text.uncomment(stanza, key);
-                    changed = isDone([&] { return ZModelEdits::uncommentKey(cache, s, k); });
-                    done += "uncomment " + stanza + " " + key + "\n";
-                    break;
-                case 3:
-                    expected = text.disable(stanza, key);
-                    changed = isDone([&] { return ZModelEdits::disableKey(cache, s, k); });
-                    done += "disable " + stanza + " " + key + "\n";
-                    break;
-                case 4:
-                    expected = text.unset(stanza, key);
-                    changed = cache.contains(s, k) != 0;
-                    cache.delLine(s, k);
-                    done += "unset " + stanza + " " + key + "\n";
-                    break;
-                default:
-                    model.store();
-                    done += "store\n";
-            }
-            ASSERT_EQ(changed, expected) << done;
+            const bool isThere = cache.contains(s, k) != 0;
+            const struct {
+                const char* what;
+                std::function<bool()> ofText, ofModel;
+            } edits[] = {
+                {"another stanza's name", [&] { return text.renameStanza(stanza, other); },
+                 [&] { return ZModelEdits::renameStanza(cache, s, other.c_str()); }},
+                {"another key's name", [&] { return text.renameKey(stanza, key, name); },
+                 [&] { return ZModelEdits::renameKey(cache, s, k, name.c_str()); }},
+                {"uncomment", [&] { return text.uncomment(stanza, key); },
+                 [&] { return ZModelEdits::uncommentKey(cache, s, k); }},
+                {"disable", [&] { return text.disable(stanza, key); },
+                 [&] { return ZModelEdits::disableKey(cache, s, k); }},
+                {"unset", [&] { return text.set(stanza, key, ""); },
+                 [&] { return cache.delLine(s, k), isThere; }},
+                {"set", [&] { return text.set(stanza, key, key + " = new"); },
+                 [&] { return isThere && (cache.addLine(s, k, "new", 0), true); }},
+                {"store", [] { return false; }, [&] { return model.store(), false; }},
+            };
+            const auto& edit = edits[random() % std::size(edits)];
+            done += edit.what + (" " + stanza) + " " + key + " " + other + " " + name + "\n";
+            ASSERT_EQ(isDone(edit.ofModel), edit.ofText()) << done;
             ASSERT_EQ(model.wouldStore(), text.all()) << done;
         }
+        // What is added leaves all that was there in place.
+        model.store();
+        cache.addLineComment("s1", "k1", "# b");
+        cache.addStanzaComment("s0", "# a");
+        cache.addFileComment("# a");
+        cache.addLine("s2", "added", "1", 0);
+        ASSERT_TRUE(text.isPartOf(model.wouldStore())) << done << model.wouldStore();
     }
 }
 

@@ -3,7 +3,6 @@
 #include "support/Prelude.h"
 
 #include <optional>
-#include <sstream>
 #include <tuple>
 
 #include "Z/ZPropertiesUpdate.h"
@@ -149,104 +148,6 @@ TEST(KeepLines, OfAFileThatSomebodyElseHasChanged) {
     folder.write("f", "[s]\n  # x\n\t# b\n k=1\n m=2\n");
     p.store(nullptr);
     EXPECT_EQ(TempFolder::read(path), "[s]\n# a\n\t# b\n k=1\nm = 1\n");
-}
-
-// A file of odd lines and what it must be after an edit, kept line by line.
-class OddFile {
-public:
-    explicit OddFile(std::mt19937& random) : random_(random), end_(chance(4) ? "\r\n" : "\n") {
-        for (int s = chance(5) ? 0 : -1; s < 4; ++s) {
-            if (s >= 0)
-                add("[" + name('s', s) + "]" + (chance(4) ? " t" : ""), s);
-            for (int i = 0, n = pick(9); i < n; ++i) {
-                const int kind = s < 0 ? pick(2) : pick(5), k = pick(4);
-                if (kind < 2)
-                    add(kind == 0 ? "" : "# " + string(1, "ab"[pick(2)]), s);
-                else
-                    add(name('k', k) + blanks() + "=" + blanks() +
-                            (chance(5) ? "" : string(1, "xyz"[pick(3)])),
-                        s, k);
-            }
-        }
-        if (chance(4) && !lines_.empty() && lines_.back().raw.size() > end_.size())
-            lines_.back().raw.resize(lines_.back().raw.size() - end_.size());
-    }
-
-    string text() const {
-        string all;
-        for (const Line& line : lines_)
-            all += line.raw;
-        return all;
-    }
-
-    // One random change of the object and the lines.
-    void edit(Config& p) {
-        const int s = pick(4), k = pick(4);
-        const string stanza = name('s', s), key = name('k', k);
-        if (!p.exists(stanza.c_str(), key.c_str()))
-            return;
-        string instead;
-        if (chance(2)) {
-            p.deleteKey(stanza.c_str(), key.c_str());
-        } else {
-            const string value = "new" + std::to_string(++fresh_);
-            p.setValue(stanza.c_str(), key.c_str(), value.c_str());
-            instead = key + " = " + value + end_;
-        }
-        // All lines of the key go; another one comes in place of the first.
-        std::vector<Line> left;
-        for (const Line& line : lines_)
-            if (line.stanza != s || line.key != k)
-                left.push_back(line);
-            else if (!instead.empty())
-                left.push_back({instead, s, k}), instead.clear();
-        lines_.swap(left);
-    }
-
-private:
-    struct Line {
-        string raw;
-        int stanza, key;
-    };
-
-    static string name(char c, int i) { return string(1, c) + std::to_string(i); }
-    int pick(int n) { return static_cast<int>(random_() % n); }
-    bool chance(int n) { return pick(n) == 0; }
-    string blanks() { return string(static_cast<size_t>(pick(3)), " \t"[pick(2)]); }
-    void add(const string& text, int s, int k = -1) {
-        lines_.push_back({blanks() + text + blanks() + end_, s, k});
-    }
-
-    std::mt19937& random_;
-    const string end_;
-    std::vector<Line> lines_;
-    int fresh_ = 0;
-};
-
-TEST(KeepLines, RandomFilesKeepWhatWasntChanged) {
-    const TempFolder folder;
-    std::mt19937 random(8);
-    for (int round = 0; round < 400; ++round) {
-        OddFile model(random);
-        const string path = folder.write("f", model.text());
-        Config p(path, round % 3, kKeep);
-        for (int i = 0; i < round % 4; ++i)
-            model.edit(p);
-        p.store(nullptr);
-        ASSERT_EQ(TempFolder::read(path), model.text()) << "round " << round;
-        // What is added leaves all that was there in place.
-        p.addEntryComment("s1", "k1", "# b");
-        p.addStanzaComment("s0", "# a");
-        p.addFileComment("# a");
-        p.setValue("s2", "added", "1");
-        p.store(nullptr);
-        std::istringstream old(model.text()), now(TempFolder::read(path));
-        for (string line, found; std::getline(old, line);) {
-            do
-                ASSERT_TRUE(std::getline(now, found)) << "round " << round << ": " << line;
-            while (found != line);
-        }
-    }
 }
 
 // ---------------------------------------------------------------- store modes

@@ -66,6 +66,10 @@ struct Line {
 class LineChanger {
 public:
     explicit LineChanger(ZSpan text) {
+        size_t first = 0;
+        while (first < text.size && text.data[first] != '\n')
+            ++first;
+        hasReturns_ = first != 0 && first < text.size && text.data[first - 1] == '\r';
         const ZLineGrammar grammar;
         Id stanza = kNoId;
         for (size_t at = 0; at < text.size;) {
@@ -207,11 +211,12 @@ private:
         compose(id, rawBefore(id, old.data), name, rawFrom(id, old.data + old.size));
     }
 
-    // Behind another line; the first of all is never moved. The last may have no end.
+    // Behind another line; the first of all is never moved. The last may have no end, and gets the
+    // one that the first has.
     void moveBehind(Id id, Id place) {
         const ZSpan raw = lines_[id].raw;
         if (raw.size != 0 && raw.data[raw.size - 1] != '\n')
-            compose(id, {raw.data, 0}, raw, {"\n", 1});
+            compose(id, {raw.data, 0}, raw, hasReturns_ ? ZSpan{"\r\n", 2} : ZSpan{"\n", 1});
         Line& line = lines_[id];
         lines_[line.prev].next = line.next;
         if (line.next != kNoId)
@@ -270,6 +275,7 @@ private:
     ZPBlock<Line> lines_;
     ZPIndex index_;  // of headers and of each key's first line
     ZPBlock<std::unique_ptr<char, ZPFree>> made_;
+    bool hasReturns_;
 };
 
 }  // namespace
