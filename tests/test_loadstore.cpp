@@ -3,14 +3,12 @@
 
 #include <utime.h>
 
-#include <future>
-
-#include "support/Asleep.h"
 #include "support/Config.h"
 #include "support/FileState.h"
 #include "support/Raised.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
+#include "support/Threads.h"
 
 using std::string;
 
@@ -254,16 +252,11 @@ TEST_F(Registry, WhoWaitsForAnObjectKeepsItsChangesAndNobodyElseWaiting) {
     ZProperties* p = get(0);
     const string other = folder.write("b.conf", "[s]\nk = other\n");
     write("[s]\nk = 2\n", 2000);
-    std::promise<pid_t> id;
     std::thread asks;
     ZProperties* second = nullptr;
     {
         ZPropertiesIterator walk(*p, "s");
-        asks = std::thread([&] {
-            id.set_value(gettid());
-            get(0);
-        });
-        untilAsleep(getpid(), id.get_future().get());
+        asks = startAsleep([&] { get(0); });
         second = ZProperties::getPropertiesFor(other.c_str(), factory, 0);
         p->setValue("s", "k", "unsaved");
     }
@@ -279,18 +272,15 @@ TEST_F(Registry, WhoWaitsForAnObjectKeepsItsChangesAndNobodyElseWaiting) {
 TEST_F(Registry, ThreadsThatAskAtOnceGetOneObject) {
     write("[s]\nk = 1\n", 1000);
     ZProperties* got[4] = {};
-    std::vector<std::thread> threads;
-    for (ZProperties*& place : got)
-        threads.emplace_back([&] {
-            place = get(0);
-            for (int i = 0; i < 50; ++i) {
-                place->setIntegerValue("s", "k", 7);
-                place->getIntegerValue("s", "k", 1, 0);
-                get(i % 10 == 0);
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    std::atomic<int> count(0);
+    inFourThreads([&] {
+        ZProperties* p = got[count++] = get(0);
+        for (int i = 0; i < 50; ++i) {
+            p->setIntegerValue("s", "k", 7);
+            p->getIntegerValue("s", "k", 1, 0);
+            get(i % 10 == 0);
+        }
+    });
     for (ZProperties* p : got)
         EXPECT_EQ(p, got[0]);
     delete got[0];

@@ -13,12 +13,12 @@
 #include "Z/ZPropertiesUpdate.h"
 #include "Z/ZPropertiesWatcher.h"
 #include "Z/zproperties.h"
-#include "support/Asleep.h"
 #include "support/Config.h"
 #include "support/FileState.h"
 #include "support/Raised.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
+#include "support/Threads.h"
 
 using std::string;
 
@@ -608,17 +608,10 @@ TEST(Meeting, AnEditorThatRenames) {
         // While a store waits for the lock of the old one.
         p.setValue("s", "k", "9");
         p.setLockWait(60000);
-        std::atomic<pid_t> waits(0);
         std::thread waiting;
         {
             const Locked old(path, F_WRLCK);
-            waiting = std::thread([&] {
-                waits = gettid();
-                p.store(nullptr);
-            });
-            while (waits == 0)
-                sched_yield();
-            untilAsleep(getpid(), waits);
+            waiting = startAsleep([&] { p.store(nullptr); });
             folder.replace("f", "[s]\nk = 5\n[a longer text]\n");
         }
         waiting.join();

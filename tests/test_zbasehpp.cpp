@@ -9,6 +9,7 @@
 #include "support/Gate.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
+#include "support/Threads.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_view_literals;
@@ -127,18 +128,9 @@ TEST_F(Modern, WhatCallbacksRaiseComesOutBehindTheCall) {
     // callback ends the thread and not the process.
     if (!CAN_UNWIND)
         return;
-    pthread_t thread;
-    const auto cancelled = [](void* file) -> void* {
-        static_cast<zbase::file*>(file)->for_each([](const zbase::entry&) {
-            pthread_cancel(pthread_self());
-            pthread_testcancel();
-        });
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, nullptr, cancelled, &f), 0);
-    void* end = nullptr;
-    pthread_join(thread, &end);
-    EXPECT_EQ(end, PTHREAD_CANCELED);
+    std::promise<void> inside;
+    const auto visit = [&](const zbase::entry&) { inside.set_value(), pause(); };
+    cancelWithin([&] { f.for_each(visit); }, [&] { inside.get_future().wait(); });
 }
 
 // ---------------------------------------------------------------- texts and numbers
