@@ -187,33 +187,4 @@ TEST(SideDatabase, NothingToWriteLeavesTheBufferAlone) {
     EXPECT_EQ(cache.obfuscatedCount(), 1u);
 }
 
-// A key that came from the side database has no line; it gets one with its first plain value, and
-// its stanza a header, or the value would be missing from the file.
-TEST(SideDatabase, KeysWithoutLinesGetThemWithTheirFirstPlainValue) {
-    typedef ZSCFData& C;
-    const struct {
-        const char* what;
-        void (*change)(C);
-        const char* out;
-    } kCases[] = {
-        {"hidden again", [](C c) { c.addLine("s", "k", "w", 1); }, "[a]\n"},
-        {"emptied", [](C c) { c.addLine("s", "k", "", 0); }, "[a]\n"},
-        {"plain", [](C c) { c.addLine("s", "k", "w", 0); }, "[a]\n\n[s]\nk = w\n"},
-        {"new", [](C c) { c.addLine("s", "m", "w", 0); }, "[a]\n\n[s]\nm = w\n"},
-        {"remark", [](C c) { c.addStanzaComment("s", "# c"); }, "[a]\n\n[s]\n# c\n\n"},
-        {"a key comment", [](C c) { c.addLineComment("s", "k", "# c"); }, "[a]\n"},
-        {"the stanza", [](C c) { c.addStanzaLine("s"); }, "[a]\n"},
-        {"deleted", [](C c) { c.delStanzaLine("s"); }, "[a]\n"},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.what);
-        ZSCFData cache;
-        ASSERT_EQ(readText(cache, "[a]\n"), 0);
-        ASSERT_TRUE(readSide(cache, compressed(bytes("s\0k\0v\0"))));
-        c.change(cache);
-        cache.checkInvariants();
-        EXPECT_EQ(writtenText(cache), c.out);
-    }
-}
-
 }  // namespace
