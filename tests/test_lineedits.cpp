@@ -2,7 +2,6 @@
 // edited line by line.
 #include "support/Prelude.h"
 
-#include <random>
 #include <sstream>
 
 #include "zgrammar.h"
