@@ -38,9 +38,9 @@ const struct Place {
     ZFault (*fault)(const char* text);
     std::vector<std::pair<const char*, const char*>> texts;
 } kPlaces[] = {
-    {"a stanza's name", "[", "]\n", "[", "|", zfaultOfStanza,
+    {"a stanza's name", "[", "]\n", "[", "|", [](const char* name) { return zfaultOfStanza(name); },
      {{" s = # [ ", ""}, {"a]b", "can't hold ]"}}},
-    {"a key", "", " =\n", "=", "|", zfaultOfKey,
+    {"a key", "", " =\n", "=", "|", [](const char* key) { return zfaultOfKey(key); },
      {{"a b#[]", ""}, {"k=l", "can't hold ="}, {"#k", "can't begin with # or ["},
       {"[k", "can't begin with # or ["}, {"k\t", "can't have blanks at its ends"}}},
     {"a value", "k = ", "\n", "=k|", "", [](const char* v) { return zfaultOfValue("k", v, false); },

@@ -62,9 +62,7 @@ const Switch kAll[] = {
     {"quotes",
      &ZDialect::quotes,
      false,
-     {{"plain", ZDIALECT_PLAIN},
-      {"git", ZDIALECT_GIT_QUOTES},
-      {"shell", ZDIALECT_SHELL_QUOTES}}},
+     {{"plain", ZDIALECT_PLAIN}, {"git", ZDIALECT_GIT_QUOTES}, {"shell", ZDIALECT_SHELL_QUOTES}}},
     {"repeated",
      &ZDialect::repeated,
      false,
@@ -196,8 +194,8 @@ static void listNames(const ZLayerTree& tree, ZVector<ZLCString>& names) {
             continue;  // as if it weren't there
         for (const ZLCString& name : listed)
             if (tree.isDropInName(name.getChars()) && name.getLength() >= sizeof kSuffix)
-                names.push_back(ZLCString(name.getChars(), name.getLength() -
-                                                               (sizeof kSuffix - 1)));
+                names.push_back(
+                    ZLCString(name.getChars(), name.getLength() - (sizeof kSuffix - 1)));
     }
     const auto isAhead = [](const ZLCString& a, const ZLCString& b) {
         return strcmp(a.getChars(), b.getChars()) < 0;

@@ -232,11 +232,11 @@ private:
     Outcome outcome_;
     int storeMode_;
     int lastStoreMode_;
-    unsigned long lockWait_;  // milliseconds
-    bool waits_;              // false while getPropertiesFor is at work
-    bool mayStoreAnyway_;     // although the last load failed
+    unsigned long lockWait_;   // milliseconds
+    bool waits_;               // false while getPropertiesFor is at work
+    bool mayStoreAnyway_;      // although the last load failed
     bool hasOrphans_ = false;  // entries may stand ahead of all headers
-    bool hasStamp_;           // of the last load or store
+    bool hasStamp_;            // of the last load or store
     ZFileStamp stamp_;
     ZUpdatedFile* update_;  // null: none is open
 };

@@ -99,8 +99,7 @@ int zstzPropOpenDialectBytes(ZPROP_handle** out, const void* bytes, size_t lengt
         return zparameterError();
     *out = nullptr;
     return zguarded(zfileGroup, [&] {
-        std::unique_ptr<ZPROP_stz_handle> handle(
-            newHandle(ZPROP_OPEN_UPDATE, dialect, attributes));
+        std::unique_ptr<ZPROP_stz_handle> handle(newHandle(ZPROP_OPEN_UPDATE, dialect, attributes));
         handle->properties.loadBytes(bytes, length);
         handle->properties.resetModified();
         *out = handle.release();

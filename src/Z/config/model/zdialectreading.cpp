@@ -1,8 +1,8 @@
 // zdialectreading.cpp: fills a model from a text of another dialect.
 //
-// The text stands in the store, and most names and values are slices of it, as of the library's own
-// files. It is taken apart in a copy: what has to be spelled anew goes behind it in the store, which
-// may move meanwhile.
+// The text stands in the store, and most names and values are slices of it, as of the library's
+// own files. It is taken apart in a copy: what has to be spelled anew goes behind it in the store,
+// which may move meanwhile.
 #include "zdialectmodel.h"
 
 #include <string>
@@ -57,9 +57,9 @@ private:
                 return true;
             case ZDialectPart::comment:
                 if (keepComments_)
-                    store_.readComment(group_, slice(grammar_.trimmed(
-                                                   part.lines.data,
-                                                   part.lines.data + part.lines.size)));
+                    store_.readComment(group_,
+                                       slice(grammar_.trimmed(part.lines.data,
+                                                              part.lines.data + part.lines.size)));
                 return true;
             case ZDialectPart::header:
                 return takeHeader(part.name);

@@ -66,8 +66,7 @@ ZFault zfaultOfKey(const char* name, const ZDialect* dialect) {
     return faultOf(kKey, reason);
 }
 
-ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty,
-                     const ZDialect* dialect) {
+ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty, const ZDialect* dialect) {
     if (!zhasText(value))
         return mayBeEmpty ? kNoFault : ZFault{kValue, kEmpty};
     if (dialect != nullptr)
