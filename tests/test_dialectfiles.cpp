@@ -3,6 +3,7 @@
 
 #include "Z/ZDialects.h"
 #include "Z/ZPropertiesUpdate.h"
+#include "Z/ZPropertiesWatcher.h"
 #include "Z/ZStanzaFileProperties.h"
 #include "Z/zdialects.h"
 #include "support/Raised.h"
@@ -90,6 +91,33 @@ TEST(DialectFiles, ChangeOneValueAndNoOtherByte) {
         again.load((folder / "f").c_str());
         EXPECT_EQ(valueOf(again, row.stanza, row.key), row.set);
     }
+}
+
+// Told of the values alone, whatever else is changed.
+TEST(DialectFiles, AreWatched) {
+    struct Watcher : ZPropertiesWatcher {
+        explicit Watcher(ZProperties& properties) : ZPropertiesWatcher(properties) {}
+        void tell(const ZPropertyChanged& change) override { told += change.key; }
+        string told;
+    };
+    setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+    TempFolder folder;
+    folder.write("f", "[a]\nK = 1\n");
+    ZDialect dialect;
+    ZDialects::get("git", dialect);
+    ZStanzaFileProperties p(1);
+    p.setDialect(dialect);
+    p.load((folder / "f").c_str());
+    Watcher watcher(p);
+    watcher.setSettlingTime(0);
+    folder.write("f", "[A]\nk = \"1\" # c\n");
+    watcher.process();
+    folder.write("f", "[A]\nk = \"1\" # c\nl\n");
+    watcher.process();
+    EXPECT_EQ(watcher.told, "l");
+    p.setValue("a", "k", "2");
+    p.store(nullptr);
+    EXPECT_EQ(contentOf(folder / "f"), "[A]\nk = \"2\" # c\nl\n");
 }
 
 TEST(DialectFiles, RefuseWhatTheyCantSay) {

@@ -115,7 +115,8 @@ int ZPropertiesWatcher::process() {
         fresh->clear();
         known.readInto(*fresh, path_, file.get());
         zfindDifferences(known.cache(), *fresh, differences);
-        if (differences.empty() && wouldStoreTheSame(known.cache(), *fresh)) {
+        if (differences.empty() && known.dialect() == nullptr &&
+            wouldStoreTheSame(known.cache(), *fresh)) {
             known.keepStamp(file.get());
         } else {
             pending_ = true;  // should this reading fail, the next call tries again

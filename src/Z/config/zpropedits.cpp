@@ -88,10 +88,10 @@ static void give(ZSpan text, ZBuffer& out) {
 }
 
 void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
+    ZResourceLock guard(lock_);
     if (ZPropertiesFile::of(*this).dialect() != nullptr)
         return storeBytesOver(nullptr, 0, out);
     ZMemoryStream stream;
-    ZResourceLock guard(lock_);
     cache_->be_write(fileName_.getChars(), stream.get());
     give(stream.finish(), out);
 }
