@@ -147,6 +147,15 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     EXPECT_EQ(string(static_cast<char*>(out.getBuffer()), out.getLength()), "[a]\nb=1\n");
     EXPECT_EQ(raised([&] { p.loadBytes("a\n", 2); }), "line 1");
     EXPECT_EQ(raised([&] { ZDialects::get("none", dialect); }), "fopen(r) 2");
+    // A line that would go on with what comes to stand above it.
+    ZDialects::get("configparser", dialect);
+    dialect.bare = ZDIALECT_BARE;
+    ZStanzaFileProperties bare(1);
+    bare.setDialect(dialect);
+    const string text = "[a]\nk\n  l\n";
+    bare.loadBytes(text.data(), text.size());
+    bare.setValue("a", "k", "1");
+    EXPECT_EQ(raised([&] { bare.storeBytes(out); }), "22");
     dialect.divider = 9;
     EXPECT_EQ(raised([&] { ZStanzaFileProperties(1).setDialect(dialect); }), "22");
 }

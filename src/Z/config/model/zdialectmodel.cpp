@@ -7,8 +7,10 @@
 // Part 0 is empty and stands ahead of the text, so that everything new has a part to follow.
 #include "zdialectmodel.h"
 
+#include <memory>
 #include <string>
 
+#include "ZExceptionText.h"
 #include "zdialecttext.h"
 #include "zmemory.h"
 #include "zpindex.h"
@@ -678,6 +680,52 @@ private:
 
 }  // namespace
 
+static bool sameValues(const ZPStore& a, ZPStore::Id keyOfA, const ZPStore& b, ZPStore::Id keyOfB) {
+    const ZPValueView left = a.values(keyOfA, ZPStore::plain);
+    const ZPValueView right = b.values(keyOfB, ZPStore::plain);
+    bool same = left.count() == right.count() && a.isBare(keyOfA) == b.isBare(keyOfB);
+    for (uint32_t i = 0; same && i < left.count(); ++i)
+        same = zequals(left[i], right[i]);
+    return same;
+}
+
+static size_t keysOf(const ZPStore& store) {
+    size_t count = 0;
+    store.forEachStanza([&](ZPStore::Id stanza) { count += store.stanza(stanza).count; });
+    return count;
+}
+
+// Whether a load of the text gives the keys and values of the store. Of stanzas that are numbered
+// the number of keys alone: those that are left are counted anew.
+static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) {
+    ZPStore read;
+    read.setDialect(std::make_shared<const ZDialect>(dialect));
+    const size_t start = read.textSize();
+    if (text.size != 0)
+        memcpy(read.textRoom(text.size, 0), text.data, text.size);
+    read.commitText(text.size);
+    try {
+        zdialectRead(read, "", start, false);
+    } catch (ZPropertiesInvalidDataException&) {
+        return false;
+    }
+    bool same = keysOf(store) == keysOf(read);
+    if (dialect.repeated == ZDIALECT_NUMBERED)
+        return same;
+    store.forEachStanza([&](ZPStore::Id stanza) {
+        const ZSpan name = store.text().span(store.stanza(stanza).name);
+        for (ZPStore::Id key = store.stanza(stanza).first; same && key != ZPStore::none;
+             key = store.key(key).next) {
+            const ZPStore::Id other = read.keyInMap(name, store.text().span(store.key(key).name));
+            same = other != ZPStore::none && sameValues(store, key, read, other);
+        }
+    });
+    return same;
+}
+
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out) {
     Rewriter(dialect, store, old, out).run();
+    // Lines that go on with the one above are the only ones that another's change can reach.
+    if (dialect.continued != ZDIALECT_ONE_LINE && !saysWhat(dialect, store, zspanOf(out)))
+        zrequireNoFault({"a change", "would make lines below part of a value"});
 }

@@ -21,7 +21,7 @@ void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComme
 /// header to the next, up to the comments directly above that. `old` has no bad data. Where
 /// repeated stanzas are numbered, a load counts those that are left anew. Linear in both.
 /// Raises ZOutOfMemoryException, and ZInvalidParameterException (see zrefusal.h) for what the
-/// dialect can't say.
+/// dialect can't say, and where lines below would become part of a value.
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out);
 
 #endif
