@@ -118,6 +118,11 @@ TEST(DialectFiles, AreWatched) {
     p.setValue("a", "k", "2");
     p.store(nullptr);
     EXPECT_EQ(contentOf(folder / "f"), "[A]\nk = \"2\" # c\nl\n");
+    // Another spelling that has come into the file meanwhile is the same name.
+    folder.write("f", "[a]\n\tK = 2\n\tL\n");
+    p.setValue("a", "k", "3");
+    p.store(nullptr);
+    EXPECT_EQ(contentOf(folder / "f"), "[a]\n\tK = 3\n\tL\n");
 }
 
 TEST(DialectFiles, RefuseWhatTheyCantSay) {
@@ -146,6 +151,7 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     p.storeBytes(out);
     EXPECT_EQ(string(static_cast<char*>(out.getBuffer()), out.getLength()), "[a]\nb=1\n");
     EXPECT_EQ(raised([&] { p.loadBytes("a\n", 2); }), "line 1");
+    EXPECT_EQ(raised([&] { p.loadBytes("\na=1\n", 5); }), "line 2");
     EXPECT_EQ(raised([&] { ZDialects::get("none", dialect); }), "fopen(r) 2");
     // A line that would go on with what comes to stand above it.
     ZDialects::get("configparser", dialect);

@@ -7,6 +7,8 @@
 // Part 0 is empty and stands ahead of the text, so that everything new has a part to follow.
 #include "zdialectmodel.h"
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -680,23 +682,39 @@ private:
 
 }  // namespace
 
-static bool sameValues(const ZPStore& a, ZPStore::Id keyOfA, const ZPStore& b, ZPStore::Id keyOfB) {
-    const ZPValueView left = a.values(keyOfA, ZPStore::plain);
-    const ZPValueView right = b.values(keyOfB, ZPStore::plain);
-    bool same = left.count() == right.count() && a.isBare(keyOfA) == b.isBare(keyOfB);
-    for (uint32_t i = 0; same && i < left.count(); ++i)
-        same = zequals(left[i], right[i]);
-    return same;
+// All keys of a store with their values, sorted; all spellings of a name alike, and stanzas without
+// the numbers that a load gives anew.
+static void listKeys(const ZDialect& dialect, const ZPStore& store, ZVector<std::string>& out) {
+    const bool areNumbered = dialect.repeated == ZDIALECT_NUMBERED;
+    const auto add = [&](std::string& to, ZSpan text) {
+        to += std::to_string(text.size) + ' ';
+        to.append(text.data, text.size);
+    };
+    store.forEachStanza([&](ZPStore::Id stanza) {
+        ZSpan name = store.text().span(store.stanza(stanza).name);
+        const void* mark =
+            areNumbered && name.size != 0 ? memrchr(name.data, '#', name.size) : nullptr;
+        if (mark != nullptr)
+            name.size = static_cast<size_t>(static_cast<const char*>(mark) - name.data);
+        for (ZPStore::Id key = store.stanza(stanza).first; key != ZPStore::none;
+             key = store.key(key).next) {
+            std::string entry(store.isBare(key) ? "bare " : "");
+            ZBytes folded;
+            zdialectFold(dialect, name, true, folded);
+            add(entry, zspanOf(folded));
+            folded.setSize(0);
+            zdialectFold(dialect, store.text().span(store.key(key).name), false, folded);
+            add(entry, zspanOf(folded));
+            const ZPValueView values = store.values(key, ZPStore::plain);
+            for (uint32_t i = 0; i < values.count(); ++i)
+                add(entry, values[i]);
+            out.push_back(entry);
+        }
+    });
+    std::sort(out.begin(), out.end());
 }
 
-static size_t keysOf(const ZPStore& store) {
-    size_t count = 0;
-    store.forEachStanza([&](ZPStore::Id stanza) { count += store.stanza(stanza).count; });
-    return count;
-}
-
-// Whether a load of the text gives the keys and values of the store. Of stanzas that are numbered
-// the number of keys alone: those that are left are counted anew.
+// Whether a load of the text gives the keys and values of the store.
 static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) {
     ZPStore read;
     read.setDialect(std::make_shared<const ZDialect>(dialect));
@@ -709,18 +727,10 @@ static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) 
     } catch (ZPropertiesInvalidDataException&) {
         return false;
     }
-    bool same = keysOf(store) == keysOf(read);
-    if (dialect.repeated == ZDIALECT_NUMBERED)
-        return same;
-    store.forEachStanza([&](ZPStore::Id stanza) {
-        const ZSpan name = store.text().span(store.stanza(stanza).name);
-        for (ZPStore::Id key = store.stanza(stanza).first; same && key != ZPStore::none;
-             key = store.key(key).next) {
-            const ZPStore::Id other = read.keyInMap(name, store.text().span(store.key(key).name));
-            same = other != ZPStore::none && sameValues(store, key, read, other);
-        }
-    });
-    return same;
+    ZVector<std::string> wanted, found;
+    listKeys(dialect, store, wanted);
+    listKeys(dialect, read, found);
+    return wanted == found;
 }
 
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out) {

@@ -65,8 +65,7 @@ private:
                 return takeHeader(part.name);
             case ZDialectPart::entry:
             case ZDialectPart::bareEntry:
-                takeEntry(part);
-                return true;
+                return takeEntry(part);
             default:
                 return false;
         }
@@ -107,8 +106,10 @@ private:
         return numbered;
     }
 
-    void takeEntry(const ZDialectPart& part) {
-        if (stanza_ == ZPStore::none) {  // ahead of all headers, if the dialect has such entries
+    bool takeEntry(const ZDialectPart& part) {
+        if (stanza_ == ZPStore::none) {  // ahead of all headers
+            if (dialect_.orphans == ZDIALECT_NO_ORPHANS)
+                return false;
             const Id known = store_.stanzaInMap({"", 0});
             group_ = known == ZPStore::none ? store_.readHeader({0, 0})
                                             : store_.readHeaderAgain(known, {0, 0});
@@ -126,6 +127,7 @@ private:
         noteRead(key);
         if (part.kind == ZDialectPart::bareEntry)
             store_.markBare(key);
+        return true;
     }
 
     bool isRead(Id key) const { return key < isRead_.size() && isRead_[key]; }
