@@ -19,7 +19,7 @@
 #include "zwholefile.h"
 
 static const char kFolder[] = "zbase/dialects";
-static const char kSuffix[] = ".conf";
+static const unsigned int kSuffixLength = 5;  // of ".conf"
 static const char kSwitches[] = "dialect";
 
 namespace {
@@ -193,9 +193,8 @@ static void listNames(const ZLayerTree& tree, ZVector<ZLCString>& names) {
         if (folder.get() < 0 || zlistFolder(folder.get(), listed))
             continue;  // as if it weren't there
         for (const ZLCString& name : listed)
-            if (tree.isDropInName(name.getChars()) && name.getLength() >= sizeof kSuffix)
-                names.push_back(
-                    ZLCString(name.getChars(), name.getLength() - (sizeof kSuffix - 1)));
+            if (tree.isDropInName(name.getChars()) && name.getLength() > kSuffixLength)
+                names.push_back(ZLCString(name.getChars(), name.getLength() - kSuffixLength));
     }
     const auto isAhead = [](const ZLCString& a, const ZLCString& b) {
         return strcmp(a.getChars(), b.getChars()) < 0;
