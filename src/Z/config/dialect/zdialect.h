@@ -59,12 +59,13 @@ enum {
 enum {
     ZDIALECT_PLAIN = 0,       /* are bytes like others */
     ZDIALECT_GIT_QUOTES = 1,  /* Double quotes, in any part of a value, keep blanks and comment
-                                characters; in them and outside \" \\ \n \t \b stand for one byte,
-                                and any other backslash is bad data. */
+                                characters; in them and outside a backslash makes one byte of the
+                                character behind it: itself of a quote and a backslash, the control
+                                character of n, t and b. Any other backslash is bad data. */
     ZDIALECT_SHELL_QUOTES = 2 /* A value that begins with ' or " ends with the next one of these,
                                  which is bad data if anything but a comment follows, or if there is
-                                 none. Within "...", \" and \\ stand for one byte; other
-                                 backslashes, and all in '...', for themselves. Elsewhere quotes are
+                                 none. Within "..." a backslash ahead of a quote or backslash goes
+                                 away; all others, and all in '...', are bytes. Elsewhere quotes are
                                  bytes. */
 };
 
@@ -85,8 +86,9 @@ enum {
 /* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored.
  * A name can't be empty. */
 enum {
-    ZDIALECT_SUBSECTIONS = 1, /* [a "b"] too, which is the stanza a.b: \" and \\ in the quotes stand
-                                 for one byte; the case of b counts whatever `names` is, but
+    ZDIALECT_SUBSECTIONS =
+        1, /* [a "b"] too, which is the stanza a.b: a backslash ahead of a quote or
+                                 backslash in the quotes goes away; the case of b counts whatever `names` is, but
                                  where names are folded [a.B] is a.b. Any other backslash in the
                                  quotes is bad data */
     ZDIALECT_HEADER_TAILS = 2 /* behind "]" only blanks and a comment may stand */
@@ -113,9 +115,19 @@ enum {
 /* A dialect. Start with one that is all zero but for `size`: "#" begins comments then too, since
  * some character must. */
 typedef struct ZDialect {
-    size_t size; /* of this struct, so that it can grow */
-    unsigned int comments, divider, tails, bare, continued, quotes;
-    unsigned int repeated, names, headers, orphans, values, lines;
+    size_t size;            /* of this struct, so that it can grow */
+    unsigned int comments;  /* bits, as all of these from the list above */
+    unsigned int divider;   /* between key and value */
+    unsigned int tails;     /* comments behind values */
+    unsigned int bare;      /* keys without a divider */
+    unsigned int continued; /* values of several lines */
+    unsigned int quotes;    /* what they mean */
+    unsigned int repeated;  /* headers */
+    unsigned int names;     /* which are the same */
+    unsigned int headers;   /* bits */
+    unsigned int orphans;   /* entries ahead of the first header */
+    unsigned int values;    /* of a key that stands there more than once */
+    unsigned int lines;     /* how long they may be */
 } ZDialect;
 
 #endif
