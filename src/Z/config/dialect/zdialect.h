@@ -86,11 +86,10 @@ enum {
 /* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored.
  * A name can't be empty. */
 enum {
-    ZDIALECT_SUBSECTIONS =
-        1, /* [a "b"] too, which is the stanza a.b: a backslash ahead of a quote or
-                                 backslash in the quotes goes away; the case of b counts whatever `names` is, but
-                                 where names are folded [a.B] is a.b. Any other backslash in the
-                                 quotes is bad data */
+    ZDIALECT_SUBSECTIONS = 1, /* [a "b"] too, which is the stanza a.b: a backslash ahead of a quote
+                                 or backslash in the quotes goes away, any other one is bad data;
+                                 the case of b counts whatever `names` is, but where names are
+                                 folded [a.B] is a.b */
     ZDIALECT_HEADER_TAILS = 2 /* behind "]" only blanks and a comment may stand */
 };
 
