@@ -68,6 +68,8 @@ ZDialectClash zdialectClash(const ZDialect& d) {
         return {indent, "can't go with git's quotes"};
     if (d.continued == ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_SHELL_QUOTES)
         return {"continued lines by backslash", "can't go with shell quotes"};
+    if (d.repeated == ZDIALECT_NUMBERED && d.names == ZDIALECT_FOLDED_BLANKS)
+        return {"numbered stanzas", "can't go with names without blanks"};
     // Blanks in a key would divide it.
     if (d.divider == ZDIALECT_BLANK && d.names == ZDIALECT_FOLDED_BLANKS)
         return {"a blank as divider", "can't go with names without blanks"};
@@ -176,7 +178,8 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
     }
     if (close == nullptr)
         return "has no ]";
-    if (!isQuoted && nameEnd == first)
+    const bool areBlanksNone = d_.names == ZDIALECT_FOLDED_BLANKS;
+    if (!isQuoted && (areBlanksNone ? skipBlanks(first, nameEnd) : first) == nameEnd)
         return "has no name";
     if ((d_.headers & ZDIALECT_HEADER_TAILS) != 0) {
         const char* behind = skipBlanks(close + 1, line.end);
