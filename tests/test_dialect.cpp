@@ -43,7 +43,7 @@ const ZDialect kUnit = dialect(
     {{&D::comments, 3}, {&D::continued, ZDIALECT_BACKSLASH}, {&D::repeated, ZDIALECT_MERGED}});
 const ZDialect kPeers = dialect({{&D::tails, ZDIALECT_TAILS_ANYWHERE},
                                  {&D::repeated, ZDIALECT_NUMBERED},
-                                 {&D::names, ZDIALECT_FOLDED_BLANKS}});
+                                 {&D::names, ZDIALECT_FOLDED}});
 const ZDialect kBlank = dialect({{&D::divider, ZDIALECT_BLANK}, {&D::orphans, 1}});
 
 // Each part as "_", "#", "[name", "=name|value", "-name" or "?line reason", with "/" between.
@@ -156,7 +156,8 @@ TEST(Dialect, Names) {
     }
     EXPECT_EQ(foldedName(kGit, {"A.B.C", 5}, true), "a.B.C");
     EXPECT_EQ(foldedName(kGit, {"A.B", 3}, false), "a.b");
-    EXPECT_EQ(foldedName(kPeers, {"A \tb", 4}, false), "ab");
+    EXPECT_EQ(foldedName(dialect({{&D::names, ZDIALECT_FOLDED_BLANKS}}), {"A \tb", 4}, false),
+              "ab");
 }
 
 TEST(Dialect, Clashes) {
@@ -170,6 +171,8 @@ TEST(Dialect, Clashes) {
         {dialect({{&D::tails, 3}}), "tails", "has no such value"},
         {dialect({{&D::headers, 4}}), "headers", "has no such value"},
         {dialect({{&D::lines, 2}}), "lines", "has no such value"},
+        {dialect({{&D::repeated, 2}, {&D::names, 2}}), "numbered stanzas",
+         "can't go with names without blanks"},
         {dialect({{&D::continued, 1}, {&D::divider, 3}}), "continued lines by indent",
          "can't go with a blank as divider"},
         {dialect({{&D::continued, 1}, {&D::headers, 1}}), "continued lines by indent",
