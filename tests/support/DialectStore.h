@@ -2,10 +2,8 @@
 #ifndef SUPPORT_DIALECTSTORE_H
 #define SUPPORT_DIALECTSTORE_H
 
-#include <memory>
 #include <string>
 
-#include "Z/ZExceptionText.h"
 #include "Z/zdialectmodel.h"
 #include "Z/zdialecttext.h"
 
@@ -20,16 +18,7 @@ inline std::string foldedName(const ZDialect& dialect, ZSpan name, bool isStanza
 
 // False where the text has bad data.
 inline bool fillStore(const ZDialect& dialect, const std::string& text, ZPStore& store) {
-    store.setDialect(std::make_shared<const ZDialect>(dialect));
-    const size_t start = store.textSize();
-    memcpy(store.textRoom(text.size() + 1, 0), text.c_str(), text.size());
-    store.commitText(text.size());
-    try {
-        zdialectRead(store, "", start, false);
-    } catch (ZPropertiesInvalidDataException&) {
-        return false;
-    }
-    return true;
+    return zdialectFill(dialect, spanOf(text), store);
 }
 
 #endif

@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -468,8 +467,8 @@ void ZPropertiesFile::setDialect(const ZDialect& dialect) {
     if (clash.first != nullptr)
         zrequireNoFault({clash.first, clash.second});
     cache().clear();
-    ZDialect own = {};
-    memcpy(&own, &dialect, std::min(sizeof own, dialect.size));
+    ZDialect own(dialect);
+    own.size = sizeof own;  // what a later version may have added is zero
     ZModelReading::storeOf(static_cast<ZSCFData&>(cache()))
         .setDialect(std::make_shared<const ZDialect>(own));
     hasOrphans_ = own.orphans == ZDIALECT_ORPHANS;

@@ -33,19 +33,24 @@ int checkAndSetTimeStamp(const char* file, long& timeStamp);
 /// Whether a load of several files has met somebody else's lock, or changes all the time.
 bool zisBusy(const ZPropertiesIOException& e);
 
-/// Calls attempt() again while it meets that, with growing pauses, until the time is over; raises
-/// what came last.
-template <typename Attempt>
-void zretryBusy(unsigned long waitMilliseconds, Attempt attempt) {
+/// Calls attempt() again while it meets that, with growing pauses, until the time is over; ahead of
+/// each but the first ask(), which may meet it too. Raises what came last.
+template <typename Ask, typename Attempt>
+void zretryBusy(unsigned long waitMilliseconds, Ask ask, Attempt attempt) {
     struct Tries {
+        Ask& ask;
         Attempt& attempt;
+        bool isFirst;
         ZLCString path;
-    } tries = {attempt, ZLCString()};
+    } tries = {ask, attempt, true, ZLCString()};
     const ZFailure failure = zretryLocked(
         waitMilliseconds,
         [](void* data) {
             Tries& own = *static_cast<Tries*>(data);
             try {
+                if (!own.isFirst)
+                    own.ask();
+                own.isFirst = false;
                 own.attempt();
                 return zdone;
             } catch (ZPropertiesIOException& e) {

@@ -31,13 +31,9 @@ public:
     // Tries again as a whole while one of several files is locked.
     static Progress* makeAmongOthers(ZProperties& properties, unsigned long wait) {
         Progress* made = nullptr;
-        bool isRetry = false;
-        zretryBusy(wait, [&] {
-            if (isRetry)
-                ZPropertiesFile::of(properties).requireOthersFree();
-            isRetry = true;
-            made = new Progress(properties, 0);
-        });
+        zretryBusy(
+            wait, [&] { ZPropertiesFile::of(properties).requireOthersFree(); },
+            [&] { made = new Progress(properties, 0); });
         return made;
     }
 

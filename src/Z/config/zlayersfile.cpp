@@ -389,19 +389,17 @@ ZLayersFile::Shadows ZLayersFile::storeByItself(ZVector<Change>& changes) {
     ZSCFData fresh;
     ZModelReading::beLike(fresh, model());
     ZLayerSet::Loaded before;
-    bool isRetry = false;
-    zretryBusy(lockWait(), [&] {
-        // The target isn't made and removed again for all that time.
-        if (isRetry)
-            requireOthersFree();
-        isRetry = true;
-        std::unique_ptr<ZLockedFile> opened(openToUpdate(0));
-        updated.descriptor = opened->descriptor();
-        updated.isNew = opened->isCreated();
-        zcheckIO(zstampFile(updated.descriptor, updated.stamp).of(path().getChars()));
-        set_->loadBeside(fresh, 0, &updated.stamp, before);
-        file.swap(opened);  // which is given up where this isn't come to
-    });
+    // The target isn't made and removed again for all that time.
+    zretryBusy(
+        lockWait(), [&] { requireOthersFree(); },
+        [&] {
+            std::unique_ptr<ZLockedFile> opened(openToUpdate(0));
+            updated.descriptor = opened->descriptor();
+            updated.isNew = opened->isCreated();
+            zcheckIO(zstampFile(updated.descriptor, updated.stamp).of(path().getChars()));
+            set_->loadBeside(fresh, 0, &updated.stamp, before);
+            file.swap(opened);  // which is given up where this isn't come to
+        });
     // The set belongs to the object's model, which is as it was until all is loaded.
     const ZAtEnd restored([&] { set_->swapLoaded(before); });
     const Place target = requireLocked(updated.stamp);

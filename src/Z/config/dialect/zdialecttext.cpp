@@ -10,20 +10,14 @@ namespace {
 
 const size_t kLongest = 8191;  // bytes of a short line, its end counted
 
-bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'); }
-
-ZSpan between(const char* first, const char* end) {
-    return {first, static_cast<size_t>(end - first)};
-}
-
 const char* skipBlanks(const char* at, const char* end) {
-    while (at < end && isBlank(*at))
+    while (at < end && zisDialectBlank(*at))
         ++at;
     return at;
 }
 
 const char* trimEnd(const char* first, const char* end) {
-    while (end > first && isBlank(end[-1]))
+    while (end > first && zisDialectBlank(end[-1]))
         --end;
     return end;
 }
@@ -134,7 +128,7 @@ bool ZDialectReader::next(ZDialectPart& part) {
             line_ = part.line + 1;
         }
     }
-    part.lines = between(begin, at_);
+    part.lines = zspanBetween(begin, at_);
     return true;
 }
 
@@ -144,7 +138,7 @@ const char* ZDialectReader::tailIn(const char* first, const char* end) const {
         return end;
     for (const char* at = first; at < end; ++at)
         if (isComment(*at) &&
-            (d_.tails == ZDIALECT_TAILS_ANYWHERE || at == first || isBlank(at[-1])))
+            (d_.tails == ZDIALECT_TAILS_ANYWHERE || at == first || zisDialectBlank(at[-1])))
             return at;
     return end;
 }
@@ -159,7 +153,7 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
     if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0) {
         const char* quote = static_cast<const char*>(
             memchr(first, '"', static_cast<size_t>((close == nullptr ? line.end : close) - first)));
-        if (quote != nullptr && quote > first && isBlank(quote[-1])) {
+        if (quote != nullptr && quote > first && zisDialectBlank(quote[-1])) {
             isQuoted = true;
             nameEnd = trimEnd(first, quote);
             if (nameEnd == first)
@@ -192,10 +186,10 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
         nameBytes_.setSize(0);
         addSection(first, nameEnd);
         part.name = zspanOf(nameBytes_);
-        if (zequals(part.name, between(first, nameEnd)))
-            part.name = between(first, nameEnd);
+        if (zequals(part.name, zspanBetween(first, nameEnd)))
+            part.name = zspanBetween(first, nameEnd);
     } else {
-        part.name = between(first, nameEnd);
+        part.name = zspanBetween(first, nameEnd);
     }
     return nullptr;
 }
@@ -221,7 +215,7 @@ const char* ZDialectReader::dividerIn(const char* first, const char* end) const 
     }
     const bool isBlankOne = d_.divider == ZDIALECT_BLANK;
     for (const char* at = first; at < end; ++at)
-        if (isBlankOne ? isBlank(*at) : *at == '=' || *at == ':')
+        if (isBlankOne ? zisDialectBlank(*at) : *at == '=' || *at == ':')
             return at;
     return nullptr;
 }
@@ -247,12 +241,12 @@ const char* ZDialectReader::entry(const Line& line, const char* begin, ZDialectP
             return "has no divider";
         part.kind = ZDialectPart::bareEntry;
         last = trimEnd(line.first, tailIn(line.first, last));
-        part.name = between(line.first, last);
+        part.name = zspanBetween(line.first, last);
         part.raw = part.value = {last, 0};
         return nullptr;
     }
     part.kind = ZDialectPart::entry;
-    part.name = between(line.first, trimEnd(line.first, divider));
+    part.name = zspanBetween(line.first, trimEnd(line.first, divider));
     if (part.name.size == 0)
         return "has no key";
     const char* const behind = divider + 1;
@@ -268,7 +262,7 @@ const char* ZDialectReader::plainValue(const Line& line, size_t indent, const ch
                                        const char* first, ZDialectPart& part) {
     const char* const tail = tailIn(first, line.end);
     const char* const end = trimEnd(first, tail);
-    part.value = part.raw = end == first ? ZSpan{behind, 0} : between(first, end);
+    part.value = part.raw = end == first ? ZSpan{behind, 0} : zspanBetween(first, end);
     if (d_.continued == ZDIALECT_INDENT)
         return indentedLines(indent, part);
     if (d_.continued == ZDIALECT_BACKSLASH && tail == line.end && line.end > first &&
@@ -300,8 +294,8 @@ const char* ZDialectReader::indentedLines(size_t indent, ZDialectPart& part) {
                 push(valueBytes_, '\n');
             push(valueBytes_, '\n');
             const char* end = trimEnd(more.first, tailIn(more.first, more.end));
-            zappendBytes(valueBytes_, between(more.first, end));
-            part.raw = between(part.raw.data, end);
+            zappendBytes(valueBytes_, zspanBetween(more.first, end));
+            part.raw = zspanBetween(part.raw.data, end);
             at_ = more.next;
             line_ += count;
             count = 0;
@@ -320,7 +314,7 @@ const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialec
     for (;;) {
         const char* tail = tailIn(from, line.end);
         const bool goesOn = tail == line.end && line.end > from && line.end[-1] == '\\';
-        zappendBytes(valueBytes_, between(from, goesOn ? line.end - 1 : tail));
+        zappendBytes(valueBytes_, zspanBetween(from, goesOn ? line.end - 1 : tail));
         if (goesOn)
             rawEnd = line.end;
         else if (trimEnd(from, tail) != from)
@@ -344,8 +338,8 @@ const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialec
     }
     const char* const data = valueBytes_.data();
     const char* const end = trimEnd(data, data + valueBytes_.size());
-    part.value = between(skipBlanks(data, end), end);
-    part.raw = between(first, rawEnd);
+    part.value = zspanBetween(skipBlanks(data, end), end);
+    part.raw = zspanBetween(first, rawEnd);
     return nullptr;
 }
 
@@ -358,7 +352,7 @@ const char* ZDialectReader::gitValue(Line line, const char* behind, const char* 
         ++at;
     if (at == tail) {
         const char* const end = trimEnd(first, tail);
-        part.value = part.raw = end == first ? ZSpan{behind, 0} : between(first, end);
+        part.value = part.raw = end == first ? ZSpan{behind, 0} : zspanBetween(first, end);
         return nullptr;
     }
     valueBytes_.setSize(0);
@@ -381,9 +375,9 @@ const char* ZDialectReader::gitValue(Line line, const char* behind, const char* 
             continue;
         }
         if (!isInside && isComment(c) && d_.tails != ZDIALECT_NO_TAILS &&
-            (d_.tails == ZDIALECT_TAILS_ANYWHERE || isBlank(before)))
+            (d_.tails == ZDIALECT_TAILS_ANYWHERE || zisDialectBlank(before)))
             break;
-        const bool isPlainBlank = !isInside && isBlank(c);
+        const bool isPlainBlank = !isInside && zisDialectBlank(c);
         before = c;
         if (c == '\\') {
             rawEnd = at;
@@ -421,7 +415,7 @@ const char* ZDialectReader::gitValue(Line line, const char* behind, const char* 
         }
     }
     part.value = {valueBytes_.data(), kept};
-    part.raw = between(first, rawEnd);
+    part.raw = zspanBetween(first, rawEnd);
     return nullptr;
 }
 
@@ -438,7 +432,7 @@ const char* ZDialectReader::shellValue(const Line& line, size_t indent, const ch
     if (at >= line.end)
         return "has an open quote";
     part.value = zspanOf(valueBytes_);
-    part.raw = between(first, ++at);
+    part.raw = zspanBetween(first, ++at);
     const char* const behind = skipBlanks(at, line.end);
     const bool isTail =
         behind < line.end && isComment(*behind) &&
@@ -449,13 +443,9 @@ const char* ZDialectReader::shellValue(const Line& line, size_t indent, const ch
         const char* const next = at_;
         ZDialectPart more = part;
         more.value.size = 0;
-        const ZSpan value = part.value;
-        ZBytes copy;
-        zappendBytes(copy, value);
         indentedLines(indent, more);
         if (at_ != next)
             return "goes on behind its quotes";
-        part.value = value;
     }
     return nullptr;
 }
@@ -503,12 +493,12 @@ void spellPlain(ZSpan value, const ZDialectHabit& habit, ZBytes& out) {
     while (const void* found =
                at == end ? nullptr : memchr(at, '\n', static_cast<size_t>(end - at))) {
         const char* const newline = static_cast<const char*>(found);
-        addAll(out, {between(at, newline), habit.lineEnd});
+        addAll(out, {zspanBetween(at, newline), habit.lineEnd});
         at = newline + 1;
         if (at < end && *at != '\n')
             zappendBytes(out, habit.more);
     }
-    zappendBytes(out, between(at, end));
+    zappendBytes(out, zspanBetween(at, end));
 }
 
 bool comesBack(const ZDialect& dialect, ZSpan value, ZSpan spelled, const ZDialectHabit& habit) {
@@ -567,7 +557,7 @@ void zdialectSpellHeader(const ZDialect& dialect, ZSpan name, ZBytes& out) {
     if (dot == nullptr) {
         zappendBytes(out, name);
     } else {
-        addAll(out, {between(name.data, dot), {" \"", 2}});
+        addAll(out, {zspanBetween(name.data, dot), {" \"", 2}});
         for (const char* at = dot + 1; at < name.data + name.size; ++at) {
             if (*at == '"' || *at == '\\')
                 push(out, '\\');
@@ -618,7 +608,7 @@ const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key) {
         return reason;
     if (hasLineEnd(key))
         return "can't hold a line end";
-    if (isBlank(*key.data) || isBlank(key.data[key.size - 1]))
+    if (zisDialectBlank(*key.data) || zisDialectBlank(key.data[key.size - 1]))
         return "can't have blanks at its ends";
     ZBytes probe;
     addAll(probe, {key, dividerOf(dialect), {"v\n", 2}});
@@ -642,19 +632,30 @@ const char* zdialectValueFault(const ZDialect& dialect, ZSpan value) {
         return nullptr;
     if (memchr(value.data, 0, value.size) != nullptr)
         return "can't hold a NUL";
-    const ZSpan gap = dialect.divider == ZDIALECT_BLANK ? ZSpan{"", 0} : ZSpan{" ", 1};
-    const ZDialectHabit habit = {{"", 0}, gap, dividerOf(dialect), gap, {"\n", 1}, {"    ", 4}};
     ZBytes spelled;
-    if (zdialectEncode(dialect, value, {"", 0}, habit, spelled))
+    if (zdialectEncode(dialect, value, {"", 0}, zdialectUsualHabit(dialect), spelled))
         return nullptr;
     if (dialect.lines == ZDIALECT_SHORT_LINES && value.size + 5 > kLongest)
         return "is too long for a line of 8191 bytes";
     if (dialect.continued != ZDIALECT_INDENT && hasLineEnd(value))
         return "can't hold a line end";
     const char last = value.data[value.size - 1];
-    if (isBlank(*value.data) || isBlank(last) || last == '\n')
+    if (zisDialectBlank(*value.data) || zisDialectBlank(last) || last == '\n')
         return "can't have blanks at its ends";
     return "can't be said in this dialect";
+}
+
+ZDialectHabit zdialectUsualHabit(const ZDialect& dialect) {
+    const ZSpan gap = dialect.divider == ZDIALECT_BLANK ? ZSpan{"", 0} : ZSpan{" ", 1};
+    return {{"", 0}, gap, dividerOf(dialect), gap, {"\n", 1}, {"    ", 4}};
+}
+
+ZSpan zwithoutNumber(ZSpan name) {
+    size_t at = name.size;
+    while (at != 0 && name.data[at - 1] >= '0' && name.data[at - 1] <= '9')
+        --at;
+    const bool isNumbered = at != name.size && at > 1 && name.data[at - 1] == '#';
+    return isNumbered ? ZSpan{name.data, at - 1} : name;
 }
 
 void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out) {
@@ -664,7 +665,7 @@ void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& ou
     for (size_t i = 0; i < name.size; ++i) {
         const char c = name.data[i];
         folds = folds && !(stops && c == '.');
-        if (!folds || dialect.names != ZDIALECT_FOLDED_BLANKS || !isBlank(c))
+        if (!folds || dialect.names != ZDIALECT_FOLDED_BLANKS || !zisDialectBlank(c))
             out.push(folds ? lower(c) : c);
     }
 }

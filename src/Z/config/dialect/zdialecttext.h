@@ -18,6 +18,15 @@ struct ZDialectClash {
 /// Whatever a later version may have added must be zero.
 ZDialectClash zdialectClash(const ZDialect& dialect);
 
+/// What counts as a blank within lines.
+inline bool zisDialectBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'); }
+/// From one place of a text to ahead of another.
+inline ZSpan zspanBetween(const char* first, const char* end) {
+    return {first, static_cast<size_t>(end - first)};
+}
+/// The name of a repeated stanza without its number: "a" of "a#2"; any other as it is.
+ZSpan zwithoutNumber(ZSpan name);
+
 /// What one line says, or several that belong together.
 struct ZDialectPart {
     enum Kind : uint8_t { blank, comment, header, entry, bareEntry, bad };
@@ -82,6 +91,9 @@ struct ZDialectHabit {
     ZSpan lineEnd;
     ZSpan more;  // ahead of the second and later lines of a value
 };
+
+/// As entries are spelled where there are none to go by.
+ZDialectHabit zdialectUsualHabit(const ZDialect& dialect);
 
 /// Adds to `out` what gives the value back, quoted and continued where that is needed; for a change
 /// of one that was quoted, `old` is its raw bytes, so that it stays quoted. False, and `out` as it

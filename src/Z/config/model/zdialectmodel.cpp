@@ -9,10 +9,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <string>
 
-#include "ZExceptionText.h"
 #include "zdialecttext.h"
 #include "zmemory.h"
 #include "zpindex.h"
@@ -59,11 +57,6 @@ struct Key {
     size_t nameAt, nameSize;  // folded
     Id first = kNone, last = kNone;
 };
-
-bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'); }
-ZSpan between(const char* first, const char* end) {
-    return {first, static_cast<size_t>(end - first)};
-}
 
 class Rewriter {
 public:
@@ -334,7 +327,7 @@ private:
     static bool hasTail(const Part& part) {
         const char* at = part.raw.data + part.raw.size;
         const char* const end = part.lines.data + part.lines.size;
-        while (at < end && (isBlank(*at) || *at == '\n'))
+        while (at < end && (zisDialectBlank(*at) || *at == '\n'))
             ++at;
         return at < end;
     }
@@ -362,7 +355,7 @@ private:
             zappendBytes(made, habit.spelled.after);
         if (!zdialectEncode(d_, value, part.raw, habit.spelled, made))
             refuseValue(value);
-        if (part.raw.size == 0 && rawEnd < end && !isBlank(*rawEnd) && *rawEnd != '\n')
+        if (part.raw.size == 0 && rawEnd < end && !zisDialectBlank(*rawEnd) && *rawEnd != '\n')
             zappendBytes(made, {" ", 1});
         patch(part, made, value);
     }
@@ -371,9 +364,9 @@ private:
     void patch(Part& part, const ZBytes& made, ZSpan value) {
         const char* const rawEnd = part.raw.data + part.raw.size;
         ZBytes line;
-        zappendBytes(line, between(part.lines.data, part.raw.data));
+        zappendBytes(line, zspanBetween(part.lines.data, part.raw.data));
         zappendBytes(line, zspanOf(made));
-        zappendBytes(line, between(rawEnd, part.lines.data + part.lines.size));
+        zappendBytes(line, zspanBetween(rawEnd, part.lines.data + part.lines.size));
         requireRead(line, value);
         setText(part, made, false);
     }
@@ -406,15 +399,10 @@ private:
     // How an old entry is spelled, or what is usual where there is none.
     struct Habit {
         Habit(const Rewriter& owner, Id id) {
-            const ZDialect& d = owner.d_;
-            const bool isBlankOne = d.divider == ZDIALECT_BLANK;
-            const ZSpan gap = isBlankOne ? ZSpan{"", 0} : ZSpan{" ", 1};
-            const ZSpan divider = isBlankOne                    ? ZSpan{" ", 1}
-                                  : d.divider == ZDIALECT_COLON ? ZSpan{":", 1}
-                                                                : ZSpan{"=", 1};
-            spelled = {{"", 0}, gap, divider, gap, owner.lineEnd(), {"    ", 4}};
+            spelled = zdialectUsualHabit(owner.d_);
+            spelled.lineEnd = owner.lineEnd();
             if (id != kNone && owner.parts_[id].kind == ZDialectPart::entry)
-                take(owner.parts_[id], isBlankOne);
+                take(owner.parts_[id], owner.d_.divider == ZDIALECT_BLANK);
             const ZSpan indent = spelled.indent;
             if (ownMore.size() == 0) {
                 zappendBytes(ownMore, indent);
@@ -427,21 +415,21 @@ private:
         void take(const Part& part, bool isBlankOne) {
             const char* const end = part.lines.data + part.lines.size;
             const char* key = part.lines.data;
-            while (isBlank(*key))
+            while (zisDialectBlank(*key))
                 ++key;
-            spelled.indent = between(part.lines.data, key);
+            spelled.indent = zspanBetween(part.lines.data, key);
             const char* const behind = key + part.keySize;
             const char* divider = behind;
-            while (!isBlankOne && isBlank(*divider))
+            while (!isBlankOne && zisDialectBlank(*divider))
                 ++divider;
             const char* after = divider + 1;
             const char* value = after;
-            while (value < end && isBlank(*value))
+            while (value < end && zisDialectBlank(*value))
                 ++value;
-            spelled.before = between(behind, divider);
+            spelled.before = zspanBetween(behind, divider);
             spelled.divider = {divider, 1};
             // An empty value doesn't tell.
-            spelled.after = part.raw.size != 0 ? between(after, value)
+            spelled.after = part.raw.size != 0 ? zspanBetween(after, value)
                             : isBlankOne       ? ZSpan{"", 0}
                                                : spelled.before;
             if (end[-1] == '\n')
@@ -455,10 +443,10 @@ private:
                 spelled.after = spelled.before;
             const char* more = static_cast<const char*>(newline) + 1;
             const char* text = more;
-            while (text < end && isBlank(*text))
+            while (text < end && zisDialectBlank(*text))
                 ++text;
             if (text < end && *text != '\n')
-                zappendBytes(ownMore, between(more, text));
+                zappendBytes(ownMore, zspanBetween(more, text));
         }
         ZDialectHabit spelled;
         ZBytes ownMore;
@@ -558,7 +546,7 @@ private:
     void addHeader(Id s) {
         ZSpan name = nameOf(store_.stanza(stanzas_[s].id));
         if (d_.repeated == ZDIALECT_NUMBERED)
-            name = withoutNumber(name);
+            name = zwithoutNumber(name);
         if (const char* reason = zdialectStanzaFault(d_, name))
             refuse("a stanza's name", reason);
         const Habit habit(*this, lastEntry_);
@@ -573,13 +561,6 @@ private:
                 add(kNone, blank);
         }
         add(kNone, header);
-    }
-    static ZSpan withoutNumber(ZSpan name) {
-        size_t at = name.size;
-        while (at != 0 && name.data[at - 1] >= '0' && name.data[at - 1] <= '9')
-            --at;
-        return at != name.size && at > 1 && name.data[at - 1] == '#' ? ZSpan{name.data, at - 1}
-                                                                     : name;
     }
 
     // New entries ahead of the first header.
@@ -630,9 +611,9 @@ private:
             zappendBytes(out_, made);
         } else {
             const char* const rawEnd = part.raw.data + part.raw.size;
-            zappendBytes(out_, between(part.lines.data, part.raw.data));
+            zappendBytes(out_, zspanBetween(part.lines.data, part.raw.data));
             zappendBytes(out_, made);
-            zappendBytes(out_, between(rawEnd, part.lines.data + part.lines.size));
+            zappendBytes(out_, zspanBetween(rawEnd, part.lines.data + part.lines.size));
         }
         // Only the text's end can leave a backslash with nothing, or comments alone, behind it.
         size_t backslashes = 0;
@@ -685,17 +666,14 @@ private:
 // All keys of a store with their values, sorted; all spellings of a name alike, and stanzas without
 // the numbers that a load gives anew.
 static void listKeys(const ZDialect& dialect, const ZPStore& store, ZVector<std::string>& out) {
-    const bool areNumbered = dialect.repeated == ZDIALECT_NUMBERED;
     const auto add = [&](std::string& to, ZSpan text) {
         to += std::to_string(text.size) + ' ';
         to.append(text.data, text.size);
     };
     store.forEachStanza([&](ZPStore::Id stanza) {
         ZSpan name = store.text().span(store.stanza(stanza).name);
-        const void* mark =
-            areNumbered && name.size != 0 ? memrchr(name.data, '#', name.size) : nullptr;
-        if (mark != nullptr)
-            name.size = static_cast<size_t>(static_cast<const char*>(mark) - name.data);
+        if (dialect.repeated == ZDIALECT_NUMBERED)
+            name = zwithoutNumber(name);
         for (ZPStore::Id key = store.stanza(stanza).first; key != ZPStore::none;
              key = store.key(key).next) {
             std::string entry(store.isBare(key) ? "bare " : "");
@@ -717,16 +695,8 @@ static void listKeys(const ZDialect& dialect, const ZPStore& store, ZVector<std:
 // Whether a load of the text gives the keys and values of the store.
 static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) {
     ZPStore read;
-    read.setDialect(std::make_shared<const ZDialect>(dialect));
-    const size_t start = read.textSize();
-    if (text.size != 0)
-        memcpy(read.textRoom(text.size, 0), text.data, text.size);
-    read.commitText(text.size);
-    try {
-        zdialectRead(read, "", start, false);
-    } catch (ZPropertiesInvalidDataException&) {
+    if (!zdialectFill(dialect, text, read))
         return false;
-    }
     ZVector<std::string> wanted, found;
     listKeys(dialect, store, wanted);
     listKeys(dialect, read, found);

@@ -11,6 +11,10 @@
 /// before stays. `file` is for messages.
 void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComments);
 
+/// Likewise of a text in memory, into a store that is empty and becomes this dialect's; without
+/// comments. False for bad data.
+bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store);
+
 /// Makes `out` what `old` becomes so that a load of it gives the stanzas, keys and values of the
 /// store, in this order of preference: a line that says the same stays byte for byte; a changed
 /// value takes the place of the old one's bytes, in its line; what is gone takes its own lines

@@ -5,6 +5,8 @@
 // which may move meanwhile.
 #include "zdialectmodel.h"
 
+#include <cstring>
+#include <memory>
 #include <string>
 
 #include "ZExceptionText.h"
@@ -71,17 +73,9 @@ private:
         }
     }
 
-    // Whether a name ends as those of repeated stanzas are numbered.
-    static bool isNumbered(ZSpan name) {
-        size_t at = name.size;
-        while (at != 0 && name.data[at - 1] >= '0' && name.data[at - 1] <= '9')
-            --at;
-        return at != name.size && at > 1 && name.data[at - 1] == '#';
-    }
-
     bool takeHeader(ZSpan name) {
         const bool isNumbering = dialect_.repeated == ZDIALECT_NUMBERED;
-        if (isNumbering && isNumbered(name))
+        if (isNumbering && zwithoutNumber(name).size != name.size)
             return false;
         Id known = store_.stanzaInMap(name);
         group_ = known == ZPStore::none ? store_.readHeader(slice(name))
@@ -156,4 +150,18 @@ private:
 
 void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComments) {
     DialectReading(store, file, start, keepComments).read();
+}
+
+bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store) {
+    store.setDialect(std::make_shared<const ZDialect>(dialect));
+    const size_t start = store.textSize();
+    if (text.size != 0)
+        memcpy(store.textRoom(text.size, 0), text.data, text.size);
+    store.commitText(text.size);
+    try {
+        zdialectRead(store, "", start, false);
+        return true;
+    } catch (ZPropertiesInvalidDataException&) {
+        return false;
+    }
 }

@@ -137,8 +137,9 @@ void ZModelEdits::addForgettingLines(ZSCFData& model, ZVector<ZPId>& keys) {
                 continue;
             isDone[at] = true;
             const ZSpan name = store.text().span(store.key(key).name);
-            const ZLCString comment(name.data, static_cast<unsigned int>(name.size));
-            store.insertCommentBefore(g, id, zspanOf(ZLCString(comment).append(" =").getChars()));
+            ZLCString comment(name.data, static_cast<unsigned int>(name.size));
+            comment.append(" =");
+            store.insertCommentBefore(g, id, zspanOf(comment.getChars()));
         }
 }
 
