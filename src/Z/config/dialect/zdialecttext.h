@@ -19,7 +19,17 @@ struct ZDialectClash {
 ZDialectClash zdialectClash(const ZDialect& dialect);
 
 /// What counts as a blank within lines.
-inline bool zisDialectBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'); }
+inline bool zisDialectBlank(char c) {
+    return static_cast<unsigned char>(c) <= ' ' &&
+           (c == ' ' || (c >= '\t' && c <= '\r' && c != '\n'));
+}
+/// Whether any of the bytes is one.
+inline bool zhasDialectBlank(ZSpan text) {
+    for (size_t i = 0; i < text.size; ++i)
+        if (zisDialectBlank(text.data[i]))
+            return true;
+    return false;
+}
 /// From one place of a text to ahead of another.
 inline ZSpan zspanBetween(const char* first, const char* end) {
     return {first, static_cast<size_t>(end - first)};
@@ -50,6 +60,8 @@ public:
     /// object's, until the next call. Behind a bad part it goes on with the next line. Linear.
     /// Raises ZOutOfMemoryException.
     bool next(ZDialectPart& part);
+    /// The text, whose bytes are the same, stands here now.
+    void moveTo(const char* text);
 
 private:
     struct Line {
@@ -57,7 +69,13 @@ private:
         const char* reason;              // why it can't be read, or null
     };
 
-    bool isComment(char c) const { return c == hash_ || c == semicolon_; }
+    // What a character may be, as bits.
+    enum : uint8_t { kBlank = 1, kComment = 2 };
+
+    bool is(char c, unsigned int bits) const {
+        return (classes_[static_cast<unsigned char>(c)] & bits) != 0;
+    }
+    bool isComment(char c) const { return is(c, kComment); }
     Line lineAt(const char* at);
     const char* tailIn(const char* first, const char* end) const;
     const char* dividerIn(const char* first, const char* end) const;
@@ -66,7 +84,7 @@ private:
     const char* entry(const Line& line, const char* begin, ZDialectPart& part);
     const char* plainValue(const Line& line, size_t indent, const char* behind, const char* first,
                            ZDialectPart& part);
-    const char* gitValue(Line line, const char* behind, const char* first, ZDialectPart& part);
+    const char* gitValue(Line line, const char* first, ZDialectPart& part);
     const char* shellValue(const Line& line, size_t indent, const char* first, ZDialectPart& part);
     const char* indentedLines(size_t indent, ZDialectPart& part);
     const char* backslashLines(Line line, const char* first, ZDialectPart& part);
@@ -74,10 +92,11 @@ private:
 
     const ZDialect& d_;
     const char* at_;
-    const char* const end_;
-    const char* const start_;
+    const char* end_;
+    const char* start_;
     const char* nul_;              // the next NUL, or null
     const char hash_, semicolon_;  // what begins comments; alike if there is one
+    uint8_t classes_[256];
     int line_ = 1;
     ZBytes nameBytes_, valueBytes_;  // what doesn't stand in the text as it is read
 };
@@ -110,8 +129,18 @@ const char* zdialectStanzaFault(const ZDialect& dialect, ZSpan name);
 const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key);
 const char* zdialectValueFault(const ZDialect& dialect, ZSpan value);
 
+/// Eight characters with those of A to Z in lower case, whatever their order. Of each that is below
+/// 128 the high bit of a sum tells on which side of a letter it is.
+inline uint64_t zdialectLower(uint64_t eight) {
+    const uint64_t kOnes = 0x0101010101010101u;
+    const uint64_t low = eight & kOnes * 0x7F;
+    const uint64_t fromA = low + kOnes * (0x80 - 'A'), behindZ = low + kOnes * (0x80 - 'Z' - 1);
+    return eight | ((fromA & ~behindZ & ~eight & kOnes * 0x80) >> 2);
+}
 /// Adds the spelling of a name by which all that the dialect takes for the same agree. Of a stanza
 /// in a dialect with subsections that changes only what stands ahead of the first ".".
 void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out);
+/// Likewise into room for name.size bytes; its size.
+size_t zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, char* out);
 
 #endif

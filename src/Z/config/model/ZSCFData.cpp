@@ -93,7 +93,7 @@ public:
 
     void read(size_t start) {
         const size_t end = store_.textSize();
-        reserve(start, end);
+        store_.reserveForText(start);
         const bool hasNul = end != start && memchr(store_.text(start), 0, end - start) != nullptr;
         const ZLineGrammar grammar;
         int line = 0;
@@ -142,33 +142,6 @@ private:
     ZPSlice slice(ZSpan part) const {
         return {static_cast<uint32_t>(part.data - store_.text(0)),
                 static_cast<uint32_t>(part.size)};
-    }
-
-    // The number of lines in three pieces tells roughly how many there are in all: the first lines
-    // of a file alone are often shorter than the last. A guess only: it is kept within what a file
-    // of short entries needs, and without memory for it the blocks grow as they are filled.
-    void reserve(size_t start, size_t end) {
-        static const size_t kPiece = 16 * 1024;
-        const size_t size = end - start;
-        if (size == 0)
-            return;
-        const size_t piece = size < 3 * kPiece ? size : kPiece;
-        size_t lines = 1, sample = 0;
-        for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
-            const char* p = store_.text(static_cast<uint32_t>(at));
-            const char* const stop = p + piece;
-            while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
-                ++lines;
-                ++p;
-            }
-            sample += piece;
-        }
-        const uint64_t guess = static_cast<uint64_t>(lines) * size / sample;
-        const size_t most = size / 8 + 1;
-        try {
-            store_.reserveForLines(guess < most ? static_cast<size_t>(guess) : most);
-        } catch (ZOutOfMemoryException&) {
-        }
     }
 
     // False if no such line may stand here.

@@ -1,8 +1,7 @@
 // zdialectreading.cpp: fills a model from a text of another dialect.
 //
 // The text stands in the store, and most names and values are slices of it, as of the library's
-// own files. It is taken apart in a copy: what has to be spelled anew goes behind it in the store,
-// which may move meanwhile.
+// own files. What has to be spelled anew goes behind it.
 #include "zdialectmodel.h"
 
 #include <cstring>
@@ -25,45 +24,71 @@ public:
           file_(file),
           start_(start),
           keepComments_(keepComments),
+          text_(store.text(start)),
+          size_(store.textSize() - start),
+          reader_(dialect_, {text_, size_}),
           group_(store.lastGroup()),
-          stanza_(ZPStore::none) {
-        zcopyBytes({store.text(start), store.textSize() - start}, text_);
-    }
+          stanza_(ZPStore::none) {}
 
     void read() {
-        ZDialectReader reader(dialect_, zspanOf(text_));
+        store_.reserveForText(start_);
         ZDialectPart part;
-        while (reader.next(part))
+        while (reader_.next(part)) {
+            const size_t at = static_cast<size_t>(part.lines.data - text_);
             if (!take(part)) {
-                ZSpan bad = part.lines;
+                flush();
+                ZSpan bad = {text_ + at, part.lines.size};
                 while (bad.size != 0 && strchr("\r\n", bad.data[bad.size - 1]) != nullptr)
                     --bad.size;
                 const ZLCString data(bad.data, static_cast<unsigned int>(bad.size));
                 zraise(ZPropertiesInvalidDataException(file_, data.getChars(), part.line));
             }
+        }
+        flush();
     }
 
 private:
+    // What the store doesn't have yet.
+    struct Pending {
+        ZDialectPart::Kind kind;
+        ZPSlice name;  // comment's text or key
+        ZPSlice value;
+        uint32_t hash;
+    };
+
     ZPSlice slice(ZSpan span) {
-        if (span.data < text_.data() || span.data >= text_.data() + text_.size())
-            return span.size == 0 ? ZPSlice{0, 0} : store_.addText(span);
-        return {static_cast<uint32_t>(start_ + static_cast<size_t>(span.data - text_.data())),
-                static_cast<uint32_t>(span.size)};
+        const size_t at =
+            reinterpret_cast<uintptr_t>(span.data) - reinterpret_cast<uintptr_t>(text_);
+        if (__builtin_expect(at >= size_, false))
+            return sliceOfCopy(span);
+        return {static_cast<uint32_t>(start_ + at), static_cast<uint32_t>(span.size)};
+    }
+    // Of what doesn't stand in the text, a copy at its end, which may move all of it.
+    __attribute__((noinline)) ZPSlice sliceOfCopy(ZSpan span) {
+        if (span.size == 0)
+            return {0, 0};
+        const ZPSlice added = store_.addText(span);
+        text_ = store_.text(start_);
+        reader_.moveTo(text_);
+        return added;
     }
 
     bool take(const ZDialectPart& part) {
         switch (part.kind) {
             case ZDialectPart::blank:
                 if (keepComments_)
-                    store_.readBlank(group_);
+                    queue({part.kind, {0, 0}, {0, 0}, 0});
                 return true;
             case ZDialectPart::comment:
                 if (keepComments_)
-                    store_.readComment(group_,
-                                       slice(grammar_.trimmed(part.lines.data,
-                                                              part.lines.data + part.lines.size)));
+                    queue({part.kind,
+                           slice(grammar_.trimmed(part.lines.data,
+                                                  part.lines.data + part.lines.size)),
+                           {0, 0},
+                           0});
                 return true;
             case ZDialectPart::header:
+                flush();
                 return takeHeader(part.name);
             case ZDialectPart::entry:
             case ZDialectPart::bareEntry:
@@ -78,12 +103,15 @@ private:
         if (isNumbering && zwithoutNumber(name).size != name.size)
             return false;
         Id known = store_.stanzaInMap(name);
-        group_ = known == ZPStore::none ? store_.readHeader(slice(name))
-                                        : store_.readHeaderAgain(known, slice(name));
-        if (group_ == ZPStore::none && isNumbering)
-            group_ = store_.readHeader(store_.addText(zspanOf(nextName(known).getChars())));
-        else if (group_ == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED)
-            group_ = store_.stanza(known).group;
+        if (known == ZPStore::none) {
+            group_ = store_.readHeader(slice(name));
+        } else {
+            group_ = store_.readHeaderAgain(known, slice(name));
+            if (group_ == ZPStore::none && isNumbering)
+                group_ = store_.readHeader(slice(zspanOf(nextName(known).getChars())));
+            else if (group_ == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED)
+                group_ = store_.stanza(known).group;
+        }
         if (group_ == ZPStore::none)
             return false;
         stanza_ = store_.group(group_).stanza;
@@ -104,34 +132,46 @@ private:
         if (stanza_ == ZPStore::none) {  // ahead of all headers
             if (dialect_.orphans == ZDIALECT_NO_ORPHANS)
                 return false;
+            flush();
             const Id known = store_.stanzaInMap({"", 0});
             group_ = known == ZPStore::none ? store_.readHeader({0, 0})
                                             : store_.readHeaderAgain(known, {0, 0});
             stanza_ = store_.group(group_).stanza;
         }
-        if (dialect_.values == ZDIALECT_LAST_VALUE) {
-            const Id known =
-                store_.keyInMap(store_.text().span(store_.stanza(stanza_).name), part.name);
-            if (known != ZPStore::none && isRead(known))
-                store_.forgetRead(known);
-        }
-        bool isNew = false;
-        const Id key = store_.readEntry(group_, slice(part.name), slice(part.value),
-                                        store_.keyHash(stanza_, part.name), isNew);
-        noteRead(key);
-        if (part.kind == ZDialectPart::bareEntry)
-            store_.markBare(key);
+        const uint32_t hash = store_.keyHash(stanza_, part.name);
+        store_.prefetchKey(hash);
+        // The name first: it always stands in the text, which the value may move.
+        const ZPSlice name = slice(part.name);
+        queue({part.kind, name, slice(part.value), hash});
         return true;
     }
 
-    bool isRead(Id key) const { return key < isRead_.size() && isRead_[key]; }
-    void noteRead(Id key) {
-        if (dialect_.values != ZDIALECT_LAST_VALUE)
-            return;
-        if (isRead_.size() <= key)
-            isRead_.resize(key + 1);
-        isRead_[key] = true;
+    void queue(const Pending& piece) {
+        if (pending_ == kBatch)
+            flush();
+        batch_[pending_++] = piece;
     }
+
+    // In batches, so that the places of several keys in the store's index are fetched together.
+    void flush() {
+        const int count = pending_;
+        pending_ = 0;
+        for (int i = 0; i < count; ++i) {
+            const Pending& piece = batch_[i];
+            if (piece.kind == ZDialectPart::blank) {
+                store_.readBlank(group_);
+            } else if (piece.kind == ZDialectPart::comment) {
+                store_.readComment(group_, piece.name);
+            } else {
+                bool isNew = false;
+                const Id key = store_.readEntry(group_, piece.name, piece.value, piece.hash, isNew);
+                if (piece.kind == ZDialectPart::bareEntry)
+                    store_.markBare(key);
+            }
+        }
+    }
+
+    static const int kBatch = 16;
 
     ZPStore& store_;
     const ZDialect dialect_;
@@ -139,11 +179,14 @@ private:
     const size_t start_;
     const bool keepComments_;
     const ZLineGrammar grammar_;
-    ZBytes text_;
+    const char* text_;  // of the store, from start_ on, without what was added
+    const size_t size_;
+    ZDialectReader reader_;
     Id group_;
     Id stanza_;
     ZVector<uint32_t> counts_;  // by stanza: its headers so far
-    ZVector<bool> isRead_;      // by key: whether this text has given it a value
+    int pending_ = 0;
+    Pending batch_[kBatch];
 };
 
 }  // namespace

@@ -28,11 +28,13 @@ inline uint64_t zfoldedProduct(uint64_t a, uint64_t b) {
 constexpr uint64_t kHashA = 0x9E3779B97F4A7C15u;
 constexpr uint64_t kHashB = 0xD6E8FEB86659FD93u;
 
-/// The hash of a name.
-inline uint64_t zhashOf(ZSpan name) {
-    const auto load = [](const char* from, auto value) {
+/// The hash of a name whose bytes are taken eight at a time by `map`, which changes each by itself
+/// and leaves zero as it is.
+template <typename Map>
+inline uint64_t zhashOfMapped(ZSpan name, Map map) {
+    const auto load = [&map](const char* from, auto value) {
         memcpy(&value, from, sizeof value);
-        return static_cast<uint64_t>(value);
+        return map(static_cast<uint64_t>(value));
     };
     const char* at = name.data;
     size_t left = name.size;
@@ -49,10 +51,15 @@ inline uint64_t zhashOf(ZSpan name) {
         second = load(at + left - 4, uint32_t());
     } else if (left > 0) {
         const unsigned char* bytes = reinterpret_cast<const unsigned char*>(at);
-        first = bytes[0] | static_cast<uint64_t>(bytes[left / 2]) << 8 |
-                static_cast<uint64_t>(bytes[left - 1]) << 16;
+        first = map(bytes[0] | static_cast<uint64_t>(bytes[left / 2]) << 8 |
+                    static_cast<uint64_t>(bytes[left - 1]) << 16);
     }
     return zfoldedProduct(hash ^ first, kHashB ^ second);
+}
+
+/// The hash of a name.
+inline uint64_t zhashOf(ZSpan name) {
+    return zhashOfMapped(name, [](uint64_t eight) { return eight; });
 }
 
 /// The hash of two names together, from theirs.

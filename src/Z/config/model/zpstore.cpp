@@ -260,9 +260,16 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
 
 // Only dialects whose names have several spellings come here.
 uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
-    ZBytes folded;
-    zdialectFold(*dialect_, name, isStanza, folded);
-    return zhashOf(zspanOf(folded));
+    // Where only the case makes a difference nothing has to be copied.
+    if (!(isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0) &&
+        (dialect_->names == ZDIALECT_FOLDED || !zhasDialectBlank(name)))
+        return zhashOfMapped(name, [](uint64_t eight) { return zdialectLower(eight); });
+    char folded[256];
+    if (name.size <= sizeof folded)
+        return zhashOf({folded, zdialectFold(*dialect_, name, isStanza, folded)});
+    ZBytes all;
+    zdialectFold(*dialect_, name, isStanza, all);
+    return zhashOf(zspanOf(all));
 }
 
 bool ZPStore::foldAlike(ZSpan a, ZSpan b, bool areStanzas) const {
@@ -574,6 +581,33 @@ void ZPStore::reserveForLines(size_t lines) {
     keyIndex_.reserveMore(lines + spare);
 }
 
+// The number of lines in three pieces tells roughly how many there are in all: the first lines of a
+// file alone are often shorter than the last. A guess only: it is kept within what a file of short
+// entries needs, and without memory for it the blocks grow as they are filled.
+void ZPStore::reserveForText(size_t start) {
+    static const size_t kPiece = 16 * 1024;
+    const size_t size = text_.size() - start;
+    if (size == 0)
+        return;
+    const size_t piece = size < 3 * kPiece ? size : kPiece;
+    size_t lines = 1, sample = 0;
+    for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
+        const char* p = text_.at(at);
+        const char* const stop = p + piece;
+        while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
+            ++lines;
+            ++p;
+        }
+        sample += piece;
+    }
+    const uint64_t guess = static_cast<uint64_t>(lines) * size / sample;
+    const size_t most = size / 8 + 1;
+    try {
+        reserveForLines(guess < most ? static_cast<size_t>(guess) : most);
+    } catch (ZOutOfMemoryException&) {
+    }
+}
+
 ZPStore::Id ZPStore::readHeader(ZPSlice name) {
     stanzas_.reserveMore(1);
     stanzaIndex_.reserveMore(1);
@@ -641,6 +675,11 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     }
     if (layerStart_ != none)
         forgetLowerValues(id, plain, value.length == 0);
+    if (lastWins_) {
+        dropValues(id, plain);
+        if (keys_[id].value.length == 0)
+            keys_[id].value = {0, 0};  // a key without a divider is none from here on
+    }
     if (value.length == 0)
         return id;
     ZPKey& key = keys_[id];

@@ -104,7 +104,8 @@ protected:
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
     ZOldText oldText_;
     std::shared_ptr<const ZDialect> dialect_;
-    bool folds_ = false;  // it takes several spellings of a name for one
+    bool folds_ = false;     // it takes several spellings of a name for one
+    bool lastWins_ = false;  // an entry that is read takes the place of all before it
     // Of a store that holds several files: see beginLayer.
     uint32_t layerStart_ = kNoId;
     bool keepsPlaces_ = false;
@@ -165,6 +166,7 @@ public:
         zassert(keyIndex_.count() == 0 && stanzaIndex_.count() == 0);
         dialect_ = std::move(dialect);
         folds_ = dialect_ != nullptr && dialect_->names != ZDIALECT_EXACT;
+        lastWins_ = dialect_ != nullptr && dialect_->values == ZDIALECT_LAST_VALUE;
     }
     const std::shared_ptr<const ZDialect>& dialect() const { return dialect_; }
 
@@ -257,8 +259,6 @@ public:
         if (values(key, plain).count() == 0)
             keys_[key].value = {kBare, 0};
     }
-    /// Takes away what was read for a key before.
-    void forgetRead(Id key) { dropValues(key, plain); }
 
     /// The list object of these values; made at first use.
     ZArrayList* valueList(Id key, Kind kind) const;
@@ -379,6 +379,8 @@ public:
     ZPSlice addText(ZSpan text) { return text_.append(text); }
     /// Makes room for what a file of that many lines brings at most.
     void reserveForLines(size_t lines);
+    /// For what the text from `start` on will bring, as far as can be guessed.
+    void reserveForText(size_t start);
     /// A header at the end whose name lies in the text; the stanza must not be in the map.
     Id readHeader(ZPSlice name);
     /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
