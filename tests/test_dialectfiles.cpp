@@ -43,7 +43,7 @@ const struct {
      "3306", "1", "[mysqld]\nskip-name # c\nport=1\n[mysqld]\nport = 1 # d"},
     {"configparser", "[a]\nk: one\n  # c\n  two\nl = 1\n", "a", "k", "one\ntwo", "3",
      "[a]\nk: 3\nl = 1\n"},
-    {"systemd", "[Service]\nExecStart=\nExecStart=/a \\\n  b\n", "Service", "ExecStart", "/a  b",
+    {"systemd", "[Service]\nExecStart=\nExecStart=/a \\\n  b\n", "Service", "ExecStart", "/a    b",
      "/c", "[Service]\nExecStart=\nExecStart=/c\n"},
     {"wireguard", "[Peer]\nKey = a=\n\n[Peer]\nKey = b= # c\n", "Peer#2", "key",
      "b=", "d=", "[Peer]\nKey = a=\n\n[Peer]\nKey = d= # c\n"},

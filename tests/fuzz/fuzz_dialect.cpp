@@ -30,15 +30,15 @@ static ZDialect dialectOf(const uint8_t* data) {
     d.size = sizeof d;
     d.comments = data[0] & 3;
     d.divider = data[0] >> 2 & 3;
-    d.tails = (data[0] >> 4 & 3) % 3;
+    d.tails = data[0] >> 4 & 3;
     d.bare = data[0] >> 6 & 1;
-    d.continued = (data[1] & 3) % 3;
+    d.continued = data[1] & 3;
     d.quotes = (data[1] >> 2 & 3) % 3;
     d.repeated = (data[1] >> 4 & 3) % 3;
-    d.names = (data[1] >> 6 & 3) % 3;
+    d.names = (data[1] >> 6 & 3) + (data[2] >> 6 & 1);
     d.headers = data[2] & 3;
     d.orphans = data[2] >> 2 & 1;
-    d.values = data[2] >> 3 & 1;
+    d.values = (data[2] >> 3 & 1) + (data[2] >> 5 & 1);
     d.lines = data[2] >> 4 & 1;
     return d;
 }

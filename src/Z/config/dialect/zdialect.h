@@ -30,8 +30,9 @@ enum {
  * at a comment character. */
 enum {
     ZDIALECT_NO_TAILS = 0,
-    ZDIALECT_TAILS = 1,         /* behind a blank or at the value's begin */
-    ZDIALECT_TAILS_ANYWHERE = 2 /* behind any character; not within quotes */
+    ZDIALECT_TAILS = 1,          /* behind a blank */
+    ZDIALECT_TAILS_ANYWHERE = 2, /* behind any character; not within quotes */
+    ZDIALECT_HASH_TAILS = 3      /* likewise, only "#" whatever begins a comment line */
 };
 
 /* `bare`: a line without a divider. */
@@ -44,15 +45,19 @@ enum {
 /* `continued`: values of several lines. */
 enum {
     ZDIALECT_ONE_LINE = 0,
-    ZDIALECT_INDENT = 1,   /* Lines that are indented deeper than their key's (in bytes) belong to
+    ZDIALECT_INDENT = 1,    /* Lines that are indented deeper than their key's (in bytes) belong to
                               the value: each gives a newline and its text; blank lines between them
                               give a newline each; comment lines between them nothing. A bare key
                               has no such lines, a value in shell quotes may have none. */
-    ZDIALECT_BACKSLASH = 2 /* A backslash as the line's last byte: the value has a space there, and
-                              goes on with the next line that is no comment, without its leading
-                              blanks. With git's quotes it has no space, takes the leading blanks,
-                              and a comment's line too; within quotes likewise.
-                                 A backslash within a comment isn't one of these. */
+    ZDIALECT_BACKSLASH = 2, /* A backslash as the line's last byte, ahead of which an even number
+                               of them stands: the value has a space there, and goes on with the
+                               next line that is no comment, its leading blanks included. */
+    ZDIALECT_JOINED = 3     /* A backslash as the line's last byte: the value goes on with the next
+                               line, whatever that is, its leading blanks included; nothing stands
+                               there for both. With git's quotes a backslash that another one makes
+                               a byte isn't one of these; within quotes it is. */
+                            /* Of both: a backslash within a comment isn't one; blanks at the whole
+                               value's ends are no part of it; behind it must be a line. */
 };
 
 /* `quotes` */
@@ -79,8 +84,10 @@ enum {
 /* `names`: which spellings of stanzas and keys are the same. An object has the first one. */
 enum {
     ZDIALECT_EXACT = 0,
-    ZDIALECT_FOLDED = 1,       /* those that differ in the case of ASCII letters */
-    ZDIALECT_FOLDED_BLANKS = 2 /* or in blanks too */
+    ZDIALECT_FOLDED = 1,        /* those that differ in the case of ASCII letters */
+    ZDIALECT_FOLDED_BLANKS = 2, /* or in blanks too */
+    ZDIALECT_FOLDED_KEYS = 3,   /* keys that differ in the case of ASCII letters */
+    ZDIALECT_FOLDED_STANZAS = 4 /* stanzas that do */
 };
 
 /* `headers`, bits. Without any, a header is "[name]", and what stands behind "]" is ignored.
@@ -99,10 +106,12 @@ enum {
     ZDIALECT_ORPHANS = 1     /* belong to the stanza with the empty name */
 };
 
-/* `values`: a key that stands in its stanza more than once. */
+/* `values`: a key that stands in its stanza more than once. "key =" has none to give. */
 enum {
-    ZDIALECT_ALL_VALUES = 0, /* has all values */
-    ZDIALECT_LAST_VALUE = 1  /* has the last one; a change goes there */
+    ZDIALECT_ALL_VALUES = 0,  /* has all values; after a change the last one that isn't empty is the
+                                last line of the key, which is what those take who want only one */
+    ZDIALECT_LAST_VALUE = 1,  /* has the last one; a change goes there */
+    ZDIALECT_RESET_VALUES = 2 /* has those behind its last "key =", which forgets all above it */
 };
 
 /* `lines` */

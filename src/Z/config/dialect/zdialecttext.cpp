@@ -11,6 +11,10 @@
 
 namespace {
 
+const char kNoKey[] = "has no key";
+const char kGoesOnNowhere[] = "goes on behind the text's end";
+const char kGoesOnUnread[] = "goes on in a line that can't be read";
+
 const size_t kLongest = 8191;  // bytes of a short line, its end counted
 
 const char* skipBlanks(const char* at, const char* end) {
@@ -71,10 +75,10 @@ ZDialectClash zdialectClash(const ZDialect& d) {
         unsigned int value, most;
         const char* name;
     } kSwitches[] = {
-        {d.comments, 3, "comments"}, {d.divider, 3, "divider"},     {d.tails, 2, "tails"},
-        {d.bare, 1, "bare"},         {d.continued, 2, "continued"}, {d.quotes, 2, "quotes"},
-        {d.repeated, 2, "repeated"}, {d.names, 2, "names"},         {d.headers, 3, "headers"},
-        {d.orphans, 1, "orphans"},   {d.values, 1, "values"},       {d.lines, 1, "lines"},
+        {d.comments, 3, "comments"}, {d.divider, 3, "divider"},     {d.tails, 3, "tails"},
+        {d.bare, 1, "bare"},         {d.continued, 3, "continued"}, {d.quotes, 2, "quotes"},
+        {d.repeated, 2, "repeated"}, {d.names, 4, "names"},         {d.headers, 3, "headers"},
+        {d.orphans, 1, "orphans"},   {d.values, 2, "values"},       {d.lines, 1, "lines"},
     };
     for (const auto& s : kSwitches)
         if (s.value > s.most)
@@ -86,10 +90,15 @@ ZDialectClash zdialectClash(const ZDialect& d) {
         return {indent, "can't go with subsections"};
     if (d.continued == ZDIALECT_INDENT && d.quotes == ZDIALECT_GIT_QUOTES)
         return {indent, "can't go with git's quotes"};
-    if (d.continued == ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_SHELL_QUOTES)
+    if (d.continued == ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_GIT_QUOTES)
+        return {"continued lines by backslash",
+                "can't go with git's quotes, where lines are joined"};
+    if (d.continued >= ZDIALECT_BACKSLASH && d.quotes == ZDIALECT_SHELL_QUOTES)
         return {"continued lines by backslash", "can't go with shell quotes"};
     if (d.repeated == ZDIALECT_NUMBERED && d.names == ZDIALECT_FOLDED_BLANKS)
         return {"numbered stanzas", "can't go with names without blanks"};
+    if (d.values == ZDIALECT_RESET_VALUES && d.bare == ZDIALECT_BARE)
+        return {"values that an empty one forgets", "can't go with keys without a divider"};
     // Blanks in a key would divide it.
     if (d.divider == ZDIALECT_BLANK && d.names == ZDIALECT_FOLDED_BLANKS)
         return {"a blank as divider", "can't go with names without blanks"};
@@ -104,16 +113,19 @@ ZDialectReader::ZDialectReader(const ZDialect& dialect, ZSpan text)
       end_(text.data + text.size),
       start_(text.data),
       nul_(text.size == 0 ? nullptr : static_cast<const char*>(memchr(text.data, 0, text.size))),
-      hash_(d_.comments == 0 || (d_.comments & ZDIALECT_HASH) != 0 ? '#' : ';'),
-      semicolon_((d_.comments & ZDIALECT_SEMICOLON) != 0 ? ';' : hash_) {
+      isTailAnywhere_(d_.tails >= ZDIALECT_TAILS_ANYWHERE) {
     const auto mark = [this](const char* characters, uint8_t bit) {
         for (; *characters != '\0'; ++characters)
             classes_[static_cast<unsigned char>(*characters)] |= bit;
     };
     memset(classes_, 0, sizeof classes_);
     mark(" \t\v\f\r", kBlank);
-    const char comments[] = {hash_, semicolon_, '\0'};
+    const bool isHash = d_.comments == 0 || (d_.comments & ZDIALECT_HASH) != 0;
+    const bool isSemicolon = (d_.comments & ZDIALECT_SEMICOLON) != 0;
+    const char* const comments = !isSemicolon ? "#" : isHash ? "#;" : ";";
     mark(comments, kComment);
+    if (d_.tails != ZDIALECT_NO_TAILS)
+        mark(d_.tails == ZDIALECT_HASH_TAILS ? "#" : comments, kTail);
 }
 
 void ZDialectReader::moveTo(const char* text) {
@@ -139,18 +151,17 @@ inline ZDialectReader::Line ZDialectReader::lineAt(const char* at) {
         line.reason = "holds a NUL";
     else if (d_.lines == ZDIALECT_SHORT_LINES && static_cast<size_t>(line.next - at) > kLongest)
         line.reason = "is too long for a line of 8191 bytes";
-    else if (at == start_ && end_ - at >= 3 && memcmp(at, "\xEF\xBB\xBF", 3) == 0)
+    else if (at == start_ && zstartsWithMark(zspanBetween(at, end_)))
         line.reason = "begins with a byte-order mark";
     return line;
 }
 
-// Where a comment behind a value or key begins, or the end. `first` is where a value may begin.
+// Where a comment behind a value or key begins, or the end. Ahead of `first` stands something.
 inline const char* ZDialectReader::tailIn(const char* first, const char* end) const {
     if (d_.tails == ZDIALECT_NO_TAILS)
         return end;
     for (const char* at = first; (at = findFirst<'#', ';'>(at, end, end_)) < end; ++at)
-        if (isComment(*at) &&
-            (d_.tails == ZDIALECT_TAILS_ANYWHERE || at == first || zisDialectBlank(at[-1])))
+        if (isTail(*at) && (isTailAnywhere_ || zisDialectBlank(at[-1])))
             return at;
     return end;
 }
@@ -194,7 +205,7 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
     }
     if (isQuoted) {
         part.name = zspanOf(nameBytes_);
-    } else if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0 && d_.names != ZDIALECT_EXACT) {
+    } else if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0 && zfoldsNames(d_, true)) {
         nameBytes_.setSize(0);
         addSection(first, nameEnd);
         part.name = zspanOf(nameBytes_);
@@ -209,8 +220,9 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
 // What stands outside quotes: the case behind its first "." doesn't count where names are folded.
 void ZDialectReader::addSection(const char* first, const char* end) {
     bool isBehind = false;
+    const bool folds = zfoldsNames(d_, true);
     for (const char* at = first; at < end; ++at) {
-        push(nameBytes_, isBehind && d_.names != ZDIALECT_EXACT ? lower(*at) : *at);
+        push(nameBytes_, isBehind && folds ? lower(*at) : *at);
         isBehind = isBehind || *at == '.';
     }
 }
@@ -236,8 +248,8 @@ inline const char* ZDialectReader::plainValue(const Line& line, size_t indent, c
     part.value = part.raw = end == first ? ZSpan{behind, 0} : zspanBetween(first, end);
     if (d_.continued == ZDIALECT_INDENT)
         return indentedLines(indent, part);
-    if (d_.continued == ZDIALECT_BACKSLASH && tail == line.end && line.end > first &&
-        line.end[-1] == '\\')
+    if (d_.continued >= ZDIALECT_BACKSLASH && tail == line.end && line.end > first &&
+        line.end[-1] == '\\' && goesOn(first, line.end))
         return backslashLines(line, first, part);
     return nullptr;
 }
@@ -249,8 +261,7 @@ inline const char* ZDialectReader::entry(const Line& line, const char* begin, ZD
     if (d_.divider == ZDIALECT_BLANK) {
         divider = dividerIn(line.first, last);
         // A comment alone behind the blanks is no value.
-        if (divider != nullptr && d_.tails != ZDIALECT_NO_TAILS &&
-            isComment(*skipBlanks(divider, last))) {
+        if (divider != nullptr && isTail(*skipBlanks(divider, last))) {
             last = divider;
             divider = nullptr;
         }
@@ -267,12 +278,12 @@ inline const char* ZDialectReader::entry(const Line& line, const char* begin, ZD
         last = trimEnd(line.first, tailIn(line.first, last));
         part.name = zspanBetween(line.first, last);
         part.raw = part.value = {last, 0};
-        return nullptr;
+        return last == line.first ? kNoKey : nullptr;
     }
     part.kind = ZDialectPart::entry;
     part.name = zspanBetween(line.first, trimEnd(line.first, divider));
     if (part.name.size == 0)
-        return "has no key";
+        return kNoKey;
     const char* const behind = divider + 1;
     const char* const first = skipBlanks(behind, line.end);
     if (d_.quotes == ZDIALECT_GIT_QUOTES) {
@@ -347,6 +358,7 @@ const char* ZDialectReader::indentedLines(size_t indent, ZDialectPart& part) {
             for (; blanks != 0; --blanks)
                 push(valueBytes_, '\n');
             push(valueBytes_, '\n');
+            noteJoint(part.raw.data, at);
             const char* end = trimEnd(more.first, tailIn(more.first, more.end));
             zappendBytes(valueBytes_, zspanBetween(more.first, end));
             part.raw = zspanBetween(part.raw.data, end);
@@ -361,39 +373,57 @@ const char* ZDialectReader::indentedLines(size_t indent, ZDialectPart& part) {
     return nullptr;
 }
 
+// The value has all that is above, and goes on here.
+void ZDialectReader::noteJoint(const char* raw, const char* next) {
+    if (joints_ != nullptr)
+        joints_->push_back({valueBytes_.size(), static_cast<size_t>(next - raw)});
+}
+
+// Whether what stands ahead of the line's end asks for another.
+bool ZDialectReader::goesOn(const char* first, const char* end) const {
+    const char* at = end;
+    while (at > first && at[-1] == '\\')
+        --at;
+    return at != end && (d_.continued == ZDIALECT_JOINED || (end - at) % 2 != 0);
+}
+
 const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialectPart& part) {
     valueBytes_.setSize(0);
-    const char* rawEnd = line.end;
-    const char* from = first;
-    for (;;) {
-        const char* tail = tailIn(from, line.end);
-        const bool goesOn = tail == line.end && line.end > from && line.end[-1] == '\\';
-        zappendBytes(valueBytes_, zspanBetween(from, goesOn ? line.end - 1 : tail));
-        if (goesOn)
+    const size_t above = joints_ == nullptr ? 0 : joints_->size();
+    const bool isJoined = d_.continued == ZDIALECT_JOINED;
+    const char* rawEnd = first;
+    for (const char* from = first;;) {
+        const char* const tail = tailIn(from, line.end);
+        const bool isOpen = tail == line.end && goesOn(from, line.end);
+        const char* const end = isOpen ? line.end - 1 : tail;
+        zappendBytes(valueBytes_, zspanBetween(from, end));
+        if (isOpen)
             rawEnd = line.end;
-        else if (trimEnd(from, tail) != from)
-            rawEnd = trimEnd(from, tail);
-        if (!goesOn)
+        else if (trimEnd(from, end) != from)
+            rawEnd = trimEnd(from, end);
+        if (!isOpen)
             break;
-        push(valueBytes_, ' ');
+        if (!isJoined)
+            push(valueBytes_, ' ');
         do {
             if (at_ == end_)
-                break;
-            line = lineAt(at_);
+                return kGoesOnNowhere;
+            from = at_;
+            line = lineAt(from);
             if (line.reason != nullptr)
-                return "goes on in a line that can't be read";
+                return kGoesOnUnread;
             at_ = line.next;
             ++line_;
-        } while (line.first < line.end && isComment(*line.first));
-        // Behind the last line there is nothing, whatever it was.
-        if (at_ == end_ && (line.first == line.end || isComment(*line.first) || line.end == rawEnd))
-            break;
-        from = line.first;
+        } while (!isJoined && line.first < line.end && isComment(*line.first));
+        noteJoint(first, from);
     }
     const char* const data = valueBytes_.data();
     const char* const end = trimEnd(data, data + valueBytes_.size());
     part.value = zspanBetween(skipBlanks(data, end), end);
     part.raw = zspanBetween(first, rawEnd);
+    const size_t lead = static_cast<size_t>(part.value.data - data);
+    for (size_t i = above; joints_ != nullptr && i < joints_->size(); ++i)
+        (*joints_)[i].valueSize -= lead < (*joints_)[i].valueSize ? lead : (*joints_)[i].valueSize;
     return nullptr;
 }
 
@@ -401,7 +431,7 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
     valueBytes_.setSize(0);
     size_t kept = 0;  // of the value: behind it are blanks only
     bool isInside = false;
-    char before = ' ';
+    char before = first[-1];
     const char* rawEnd = first;
     for (const char* at = first;;) {
         if (at == line.end) {
@@ -412,33 +442,28 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
         char c = *at++;
         if (c == '"') {
             isInside = !isInside;
-            kept = valueBytes_.size();
             rawEnd = at;
             before = c;
             continue;
         }
-        if (!isInside && isComment(c) && d_.tails != ZDIALECT_NO_TAILS &&
-            (d_.tails == ZDIALECT_TAILS_ANYWHERE || zisDialectBlank(before)))
+        if (!isInside && isTail(c) && (isTailAnywhere_ || zisDialectBlank(before)))
             break;
         const bool isPlainBlank = !isInside && zisDialectBlank(c);
         before = c;
         if (c == '\\') {
             rawEnd = at;
             if (at == line.end) {
-                if (d_.continued != ZDIALECT_BACKSLASH)
+                if (d_.continued != ZDIALECT_JOINED)
                     return "has an unknown backslash";
-                if (at_ == end_) {
-                    if (isInside)
-                        return "has an open quote";
-                    break;
-                }
-                const char* const begin = at_;
-                line = lineAt(begin);
+                if (at_ == end_)
+                    return kGoesOnNowhere;
+                at = at_;
+                line = lineAt(at);
                 if (line.reason != nullptr)
-                    return "goes on in a line that can't be read";
-                at = begin;
+                    return kGoesOnUnread;
                 at_ = line.next;
                 ++line_;
+                noteJoint(first, at);
                 before = valueBytes_.size() == 0 ? ' ' : valueBytes_[valueBytes_.size() - 1];
                 continue;
             }
@@ -449,7 +474,7 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
             c = "\"\\\n\t\b"[which - known];
             before = 'x';
         }
-        if (isPlainBlank && kept == 0 && valueBytes_.size() == 0 && rawEnd[-1] != '"')
+        if (isPlainBlank && valueBytes_.size() == 0)
             continue;  // at the value's begin
         push(valueBytes_, c);
         if (!isPlainBlank) {
@@ -477,10 +502,8 @@ const char* ZDialectReader::shellValue(const Line& line, size_t indent, const ch
     part.value = zspanOf(valueBytes_);
     part.raw = zspanBetween(first, ++at);
     const char* const behind = skipBlanks(at, line.end);
-    const bool isTail =
-        behind < line.end && isComment(*behind) &&
-        (d_.tails == ZDIALECT_TAILS_ANYWHERE || (d_.tails == ZDIALECT_TAILS && behind != at));
-    if (behind != line.end && !isTail)
+    const bool hasComment = behind < line.end && isTail(*behind) && (isTailAnywhere_ || behind != at);
+    if (behind != line.end && !hasComment)
         return "has more behind its quotes";
     if (d_.continued == ZDIALECT_INDENT) {
         const char* const next = at_;
@@ -556,6 +579,73 @@ bool comesBack(const ZDialect& dialect, ZSpan value, ZSpan spelled, const ZDiale
            zequals(part.value, value);
 }
 
+// As the old value, whose lines stay that say the same at its begin and at its end; what is between
+// them takes one. False if there are none.
+bool spellByLines(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDialectHabit& habit,
+                  ZBytes& out) {
+    ZBytes probe;
+    addAll(probe, {habit.indent, {"k", 1}, habit.before, habit.divider});
+    const size_t begin = probe.size();
+    addAll(probe, {old, habit.lineEnd});
+    ZDialectReader reader(dialect, zspanOf(probe));
+    ZVector<ZDialectReader::Joint> joints;
+    reader.noteJoints(joints);
+    ZDialectPart part;
+    if (!reader.next(part) || part.kind != ZDialectPart::entry ||
+        part.raw.data != probe.data() + begin || part.raw.size != old.size || joints.empty())
+        return false;
+    const ZSpan before = part.value;
+    const size_t most = before.size < value.size ? before.size : value.size;
+    size_t prefix = 0, suffix = 0;
+    while (prefix < most && before.data[prefix] == value.data[prefix])
+        ++prefix;
+    while (suffix < most &&
+           before.data[before.size - 1 - suffix] == value.data[value.size - 1 - suffix])
+        ++suffix;
+    size_t head = 0;  // joints above the first line that changes
+    while (head < joints.size() && joints[head].valueSize <= prefix)
+        ++head;
+    const size_t headSize = head == 0 ? 0 : joints[head - 1].valueSize;
+    size_t tail = head == 0 ? 0 : head - 1;  // the joint ahead of the lines that stay
+    while (tail < joints.size() && (before.size - joints[tail].valueSize > suffix ||
+                                    before.size - joints[tail].valueSize > value.size - headSize))
+        ++tail;
+    const bool hasTail = tail < joints.size();
+    if (head == 0 && !hasTail)
+        return false;
+    const size_t tailSize = hasTail ? before.size - joints[tail].valueSize : 0;
+    ZSpan middle = {value.data + headSize, value.size - headSize - tailSize};
+    const bool isIndented = dialect.continued == ZDIALECT_INDENT;
+    const bool isGit = dialect.quotes == ZDIALECT_GIT_QUOTES;
+    const bool isOne = head == 0 || !hasTail || middle.size != 0;  // a line between them
+    if (hasTail && isOne && dialect.continued != ZDIALECT_JOINED) {
+        if (middle.size == 0 || middle.data[middle.size - 1] != (isIndented ? '\n' : ' '))
+            return false;
+        --middle.size;
+    }
+    if (head != 0)
+        zappendBytes(out, {old.data, joints[head - 1].rawSize});
+    if (isOne) {
+        if (head == 0 && isGit && *old.data == '"')
+            push(out, '"');
+        if (head != 0 && isIndented)
+            zappendBytes(out, habit.more);
+        if (isGit)
+            spellGit(middle, false, out);
+        else
+            spellPlain(middle, habit, out);
+        if (!hasTail && isGit && old.data[old.size - 1] == '"')
+            push(out, '"');
+        if (hasTail && !isIndented)
+            push(out, '\\');
+        if (hasTail)
+            zappendBytes(out, habit.lineEnd);
+    }
+    if (hasTail)
+        zappendBytes(out, {old.data + joints[tail].rawSize, old.size - joints[tail].rawSize});
+    return true;
+}
+
 ZSpan dividerOf(const ZDialect& dialect) {
     return dialect.divider == ZDIALECT_COLON   ? ZSpan{":", 1}
            : dialect.divider == ZDIALECT_BLANK ? ZSpan{" ", 1}
@@ -568,6 +658,14 @@ bool zdialectEncode(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDial
                     ZBytes& out) {
     if (value.size == 0)
         return true;
+    ZBytes lines;
+    if (dialect.continued != ZDIALECT_ONE_LINE && old.size != 0 &&
+        memchr(old.data, '\n', old.size) != nullptr &&
+        spellByLines(dialect, value, old, habit, lines) &&
+        comesBack(dialect, value, zspanOf(lines), habit)) {
+        zappendBytes(out, zspanOf(lines));
+        return true;
+    }
     const char wasQuoted = old.size == 0 ? 0 : *old.data;
     const bool isGit = dialect.quotes == ZDIALECT_GIT_QUOTES;
     const bool isShell = dialect.quotes == ZDIALECT_SHELL_QUOTES;
@@ -702,7 +800,7 @@ ZSpan zwithoutNumber(ZSpan name) {
 }
 
 size_t zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, char* out) {
-    if (dialect.names == ZDIALECT_EXACT) {
+    if (!zfoldsNames(dialect, isStanza)) {
         memcpy(out, name.data, name.size);
         return name.size;
     }

@@ -6,6 +6,8 @@
 #ifndef Z_ZDIALECTTEXT_H
 #define Z_ZDIALECTTEXT_H
 
+#include <cstring>
+
 #include "zdialect.h"
 #include "zpblock.h"
 
@@ -29,6 +31,15 @@ inline bool zhasDialectBlank(ZSpan text) {
         if (zisDialectBlank(text.data[i]))
             return true;
     return false;
+}
+/// Whether a text begins with a byte-order mark.
+inline bool zstartsWithMark(ZSpan text) {
+    return text.size >= 3 && memcmp(text.data, "\xEF\xBB\xBF", 3) == 0;
+}
+/// Whether spellings in another case are the same.
+inline bool zfoldsNames(const ZDialect& dialect, bool areStanzas) {
+    return dialect.names != ZDIALECT_EXACT &&
+           dialect.names != (areStanzas ? ZDIALECT_FOLDED_KEYS : ZDIALECT_FOLDED_STANZAS);
 }
 /// From one place of a text to ahead of another.
 inline ZSpan zspanBetween(const char* first, const char* end) {
@@ -63,6 +74,14 @@ public:
     /// The text, whose bytes are the same, stands here now.
     void moveTo(const char* text);
 
+    /// Where a value goes on in another line: how much of the value and of its raw bytes is above.
+    struct Joint {
+        size_t valueSize, rawSize;
+    };
+    /// Those of the values to come are added here. For a value that was continued `value` is a copy
+    /// whose blanks at its begin don't count.
+    void noteJoints(ZVector<Joint>& joints) { joints_ = &joints; }
+
 private:
     struct Line {
         const char *first, *end, *next;  // its first byte that is no blank, its end, the next line
@@ -70,12 +89,13 @@ private:
     };
 
     // What a character may be, as bits.
-    enum : uint8_t { kBlank = 1, kComment = 2 };
+    enum : uint8_t { kBlank = 1, kComment = 2, kTail = 4 };
 
     bool is(char c, unsigned int bits) const {
         return (classes_[static_cast<unsigned char>(c)] & bits) != 0;
     }
     bool isComment(char c) const { return is(c, kComment); }
+    bool isTail(char c) const { return is(c, kTail); }  // begins a comment behind a value
     Line lineAt(const char* at);
     const char* tailIn(const char* first, const char* end) const;
     const char* dividerIn(const char* first, const char* end) const;
@@ -89,13 +109,16 @@ private:
     const char* indentedLines(size_t indent, ZDialectPart& part);
     const char* backslashLines(Line line, const char* first, ZDialectPart& part);
     void addSection(const char* first, const char* end);
+    void noteJoint(const char* raw, const char* next);
+    bool goesOn(const char* first, const char* end) const;
 
     const ZDialect& d_;
     const char* at_;
     const char* end_;
     const char* start_;
-    const char* nul_;              // the next NUL, or null
-    const char hash_, semicolon_;  // what begins comments; alike if there is one
+    const char* nul_;  // the next NUL, or null
+    const bool isTailAnywhere_;
+    ZVector<Joint>* joints_ = nullptr;
     uint8_t classes_[256];
     int line_ = 1;
     ZBytes nameBytes_, valueBytes_;  // what doesn't stand in the text as it is read

@@ -24,6 +24,7 @@
 #include "ZSqueeze.h"
 #include "zassert.h"
 #include "zdialectmodel.h"
+#include "zdialecttext.h"
 #include "zgrammar.h"
 #include "zmodelreading.h"
 #include "zpstore.h"
@@ -107,7 +108,7 @@ public:
             ++line;
             const ZSpan text = grammar.trimmed(piece, stop);
             const bool isRefused =
-                strict_ && (nul != nullptr || startsWithMark(start, at) ||
+                strict_ && (nul != nullptr || (at == start && zstartsWithMark({piece, end - at})) ||
                             (piece[length - 1] != '\n' && length < end - at));  // cut
             if (isRefused || !take(grammar.divide(text))) {
                 flush();
@@ -131,13 +132,6 @@ private:
         ZPSlice value;
         uint32_t hash;
     };
-
-    // Whether the text begins with a byte-order mark, which would become part of its first line.
-    bool startsWithMark(size_t start, size_t at) const {
-        static const char kMark[] = "\xEF\xBB\xBF";
-        return at == start && store_.textSize() - at >= 3 &&
-               memcmp(store_.text(static_cast<uint32_t>(at)), kMark, 3) == 0;
-    }
 
     ZPSlice slice(ZSpan part) const {
         return {static_cast<uint32_t>(part.data - store_.text(0)),

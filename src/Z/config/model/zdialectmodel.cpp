@@ -262,42 +262,67 @@ private:
         for (uint32_t i = 0; i < wanted.count(); ++i)
             if (wanted[i].size != 0)
                 values.push_back(wanted[i]);
-        if (d_.values == ZDIALECT_LAST_VALUE) {
-            if (values.size() > 1)
-                refuse("a key", "can't have several values");
-            changeLines(key, key.last, values);
-        } else {
-            changeLines(key, key.first, values);
+        if (d_.values == ZDIALECT_LAST_VALUE && values.size() > 1)
+            refuse("a key", "can't have several values");
+        Id from = d_.values == ZDIALECT_LAST_VALUE ? key.last : key.first;
+        ZVector<Id> old;
+        Id lastEmpty = kNone;
+        for (Id id = from; id != kNone; id = parts_[id].nextOfKey) {
+            if (parts_[id].valueSize != 0) {
+                old.push_back(id);
+                continue;
+            }
+            lastEmpty = id;
+            if (d_.values == ZDIALECT_RESET_VALUES) {
+                from = id;
+                old.clear();
+            }
         }
+        if (values.empty())
+            leaveEmpty(key, from, old);
+        else if (!saysSame(old, values))
+            changeLines(key, old, lastEmpty, values);
     }
 
-    void changeLines(const Key& key, Id from, const ZVector<ZSpan>& values) {
-        ZVector<Id> old;
-        for (Id id = from; id != kNone; id = parts_[id].nextOfKey)
-            if (parts_[id].valueSize != 0)
-                old.push_back(id);
-        if (values.empty()) {
-            leaveEmpty(key, from, old);
-            return;
-        }
+    bool saysSame(const ZVector<Id>& old, const ZVector<ZSpan>& values) const {
+        bool isSame = old.size() == values.size();
+        for (size_t i = 0; isSame && i < old.size(); ++i)
+            isSame = zequals(valueOf(old[i]), values[i]);
+        return isSame;
+    }
+
+    // `lastEmpty`: the key's last line without a value. None may stand behind the last value: that
+    // is what those take who want only one, and where empty ones forget all above them no value is
+    // left then.
+    void changeLines(const Key& key, const ZVector<Id>& old, Id lastEmpty,
+                     const ZVector<ZSpan>& values) {
         if (old.empty()) {
-            replace(key.last, values[0]);
-            addValues(key, key.last, values, 1, values.size());
+            const bool fills = d_.values != ZDIALECT_RESET_VALUES;
+            if (fills)
+                replace(key.last, values[0]);
+            addValues(key, key.last, values, fills, values.size());
             return;
         }
-        size_t begin = 0, most = old.size() < values.size() ? old.size() : values.size(), end = 0;
+        const bool goesBehind = lastEmpty != kNone && lastEmpty > old.back();
+        const size_t last = values.size() - goesBehind;  // that one: behind the rest
+        size_t begin = 0, most = old.size() < last ? old.size() : last, end = 0;
         while (begin < most && zequals(valueOf(old[begin]), values[begin]))
             ++begin;
         while (end < most - begin &&
-               zequals(valueOf(old[old.size() - 1 - end]), values[values.size() - 1 - end]))
+               zequals(valueOf(old[old.size() - 1 - end]), values[last - 1 - end]))
             ++end;
         size_t o = begin, v = begin;
-        for (; o < old.size() - end && v < values.size() - end; ++o, ++v)
+        for (; o < old.size() - end && v < last - end; ++o, ++v)
             replace(old[o], values[v]);
         // Ahead of all old ones: behind what stands above.
-        addValues(key, o == 0 ? old[0] - 1 : old[o - 1], values, v, values.size() - end);
+        if (v < last - end)
+            addValues(key, o == 0 ? old[0] - 1 : old[o - 1], values, v, last - end);
         for (; o < old.size() - end; ++o)
             parts_[old[o]].isDropped = true;
+        if (goesBehind && values.size() <= old.size())
+            replace(lastEmpty, values[last]);
+        else
+            addValues(key, lastEmpty, values, last, values.size());
     }
 
     // The key stays without values.
@@ -351,7 +376,8 @@ private:
                 zappendBytes(made, span);
         const char* const rawEnd = part.raw.data + part.raw.size;
         const char* const end = part.lines.data + part.lines.size;
-        if (part.raw.size == 0)
+        // A value of several lines may begin in the second.
+        if (part.raw.size == 0 || (startsLine(part.raw) && *value.data != '\n'))
             zappendBytes(made, habit.spelled.after);
         if (!zdialectEncode(d_, value, part.raw, habit.spelled, made))
             refuseValue(value);
@@ -359,6 +385,8 @@ private:
             zappendBytes(made, {" ", 1});
         patch(part, made, value);
     }
+
+    static bool startsLine(ZSpan raw) { return *raw.data == '\n' || *raw.data == '\r'; }
 
     // Puts what gives this value in the place of the old one's bytes.
     void patch(Part& part, const ZBytes& made, ZSpan value) {
@@ -615,35 +643,20 @@ private:
             zappendBytes(out_, made);
             zappendBytes(out_, zspanBetween(rawEnd, part.lines.data + part.lines.size));
         }
-        // Only the text's end can leave a backslash with nothing, or comments alone, behind it.
-        size_t backslashes = 0;
-        const char* const raw = part.raw.data;
-        while (backslashes < part.raw.size && raw[part.raw.size - 1 - backslashes] == '\\')
-            ++backslashes;
-        const bool isEscaped = d_.quotes == ZDIALECT_GIT_QUOTES && backslashes % 2 == 0;
-        mayGoOn_ = d_.continued == ZDIALECT_BACKSLASH && part.kind == ZDialectPart::entry &&
-                   &part == &parts_.back() && !part.isReplaced && backslashes != 0 && !isEscaped;
     }
 
     void putAll(const Chain& chain) {
         for (Id id = chain.first; id != kNone; id = additions_[id].next) {
             closeLine();
             zappendBytes(out_, text(additions_[id].at, additions_[id].size));
-            mayGoOn_ = false;
         }
     }
 
-    // What comes next must not go on the line above: neither one without an end, nor one whose
-    // backslash has nothing behind it yet.
     void closeLine() {
-        if (out_.size() == 0)
-            return;
-        if (out_[out_.size() - 1] != '\n')
+        if (out_.size() != 0 && out_[out_.size() - 1] != '\n')
             zappendBytes(out_, lineEnd());
-        if (mayGoOn_)
-            zappendBytes(out_, lineEnd());
-        mayGoOn_ = false;
     }
+
     const ZDialect& d_;
     const ZPStore& store_;
     const ZSpan old_;
@@ -658,7 +671,6 @@ private:
     ZVector<uint32_t> counts_;
     Chain end_;
     Id orphans_ = kNone, firstEntry_ = kNone, lastEntry_ = kNone;
-    bool mayGoOn_ = false;
 };
 
 }  // namespace
@@ -705,6 +717,8 @@ static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) 
 
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out) {
     Rewriter(dialect, store, old, out).run();
+    if (zstartsWithMark(zspanOf(out)))
+        zrequireNoFault({"a change", "would make the text begin with a byte-order mark"});
     // Lines that go on with the one above are the only ones that another's change can reach.
     if (dialect.continued != ZDIALECT_ONE_LINE && !saysWhat(dialect, store, zspanOf(out)))
         zrequireNoFault({"a change", "would make lines below part of a value"});

@@ -260,9 +260,11 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
 
 // Only dialects whose names have several spellings come here.
 uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
+    if (!zfoldsNames(*dialect_, isStanza))
+        return zhashOf(name);
     // Where only the case makes a difference nothing has to be copied.
     if (!(isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0) &&
-        (dialect_->names == ZDIALECT_FOLDED || !zhasDialectBlank(name)))
+        (dialect_->names != ZDIALECT_FOLDED_BLANKS || !zhasDialectBlank(name)))
         return zhashOfMapped(name, [](uint64_t eight) { return zdialectLower(eight); });
     char folded[256];
     if (name.size <= sizeof folded)
@@ -675,7 +677,7 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     }
     if (layerStart_ != none)
         forgetLowerValues(id, plain, value.length == 0);
-    if (lastWins_) {
+    if (lastWins_ || (emptyResets_ && value.length == 0)) {
         dropValues(id, plain);
         if (keys_[id].value.length == 0)
             keys_[id].value = {0, 0};  // a key without a divider is none from here on

@@ -104,8 +104,9 @@ protected:
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
     ZOldText oldText_;
     std::shared_ptr<const ZDialect> dialect_;
-    bool folds_ = false;     // it takes several spellings of a name for one
-    bool lastWins_ = false;  // an entry that is read takes the place of all before it
+    bool folds_ = false;        // it takes several spellings of a name for one
+    bool lastWins_ = false;     // an entry that is read takes the place of all before it
+    bool emptyResets_ = false;  // one without a value does
     // Of a store that holds several files: see beginLayer.
     uint32_t layerStart_ = kNoId;
     bool keepsPlaces_ = false;
@@ -167,6 +168,7 @@ public:
         dialect_ = std::move(dialect);
         folds_ = dialect_ != nullptr && dialect_->names != ZDIALECT_EXACT;
         lastWins_ = dialect_ != nullptr && dialect_->values == ZDIALECT_LAST_VALUE;
+        emptyResets_ = dialect_ != nullptr && dialect_->values == ZDIALECT_RESET_VALUES;
     }
     const std::shared_ptr<const ZDialect>& dialect() const { return dialect_; }
 
