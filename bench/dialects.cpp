@@ -2,8 +2,8 @@
 // own, which take turns; the medians and their ratio are told.
 //
 //   bench_dialects [ROUNDS]
-//   bench_dialects default ROUNDS   the own dialect alone: nanoseconds a key of a load and a look-up,
-//                                   for bench/beside, which compares two builds of the library
+//   bench_dialects default ROUNDS   the own dialect alone: nanoseconds a key of a load and a
+//                                   look-up, for bench/beside, which compares two builds
 #include <malloc.h>
 #include <unistd.h>
 

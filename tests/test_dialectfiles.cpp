@@ -139,8 +139,9 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
         [&] { p.setValue("a]", "b", "x"); },
         [&] { p.addValue("a", "b", "x\\", 0); },
         [&] { p.addValue("a", "s", "x", 1); },
-        [&] { p.renameKey("a", "b", "c"); },
-        [&] { p.addEntryComment("a", "b", "c"); },
+        [&] { p.renameKey("a", "b", "c=d"); },
+        [&] { p.renameStanza("a", "b]"); },
+        [&] { p.addEntryComment("a", "b", "c\nd"); },
         [&] { p.setBare("a", "c"); },
         [&] { p.setValue("", "c", "x"); },
         [&] { p.setDialect(dialect); },
@@ -164,6 +165,80 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     EXPECT_EQ(raised([&] { bare.storeBytes(out); }), "22");
     dialect.divider = 9;
     EXPECT_EQ(raised([&] { ZStanzaFileProperties(1).setDialect(dialect); }), "22");
+}
+
+// What is done to lines in words, "rename STANZA KEY NAME", and the file then.
+TEST(DialectFiles, ChangeLinesAndNoOther) {
+    setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+    const struct {
+        const char *preset, *text, *edits, *after;
+    } kEdits[] = {
+        {"git", "[Remote \"O\"] # c\n\tURL = a\n", "rename remote.O url Url;stanza remote.O r.P",
+         "[r \"P\"] # c\n\tUrl = a\n"},
+        {"systemd", "[A]\n# c\n[B]\nx=1\n[A]\n  y = 1 \\\n2\n", "stanza A C;disable C y;add C z",
+         "[C]\n# c\n[B]\nx=1\n[C]\nz=1\n  # y = 1 \\\n# 2\n"},
+        {"systemd", "[A]\n  #  y = 1 \\\n#2\n# 3\n", "enable A y;set A y 1  2",
+         "[A]\n  y = 1 \\\n2\n# 3\n"},
+        {"configparser", "[a]\r\nk: 1\r\n  2\r\n  # c\r\n\r\n  3\r\nl: 1\r\n",
+         "disable a k;set a l 2;enable a K;rename a k m",
+         "[a]\r\nm: 1\r\n  2\r\n  c\r\n\r\n  # 3\r\nl: 2\r\n"},
+        {"wireguard", "[Peer]\na = 1\n[Peer]\na = 2\n[Peer]\na = 3\n",
+         "set Peer#3 a 4;rename Peer#2 a b;stanza Peer#2 Old",
+         "[Peer]\na = 1\n[Old]\nb = 2\n[Peer]\na = 4\n"},
+        {"php", "; c\n\n[a]\n  k = 'x' ; d\n",
+         "comment - - e;comment a - f;comment a k g;disable a k",
+         "; c\n;e\n\n[a]\n;f\n\n  ;g\n  ; k = 'x' ; d\n"},
+        {"samba", "k = 1\n[a]\n[b]", "comment - k c;comment a l d;comment b - #e",
+         "#c\nk = 1\n[a]\n\n#d\nl =\n[b]\n#e\n\n"},
+        {"desktop", "# a\n# b\n[s]\n# c\n\n# d\nk=1\n# e\n",
+         "remove - -;remove s -;remove s k;remove s k", "[s]\n\nk=1\n# e\n"},
+        {"lax", "a\n# a = 1\n[b]\na: 2\n", "disable - a;enable - a;set - a 3",
+         "# a\na = 3\n[b]\na: 2\n"},
+    };
+    for (const auto& row : kEdits) {
+        SCOPED_TRACE(string(row.text) + row.edits);
+        TempFolder folder;
+        folder.write("f", row.text);
+        ZDialect dialect;
+        ZDialects::get(row.preset, dialect);
+        ZStanzaFileProperties p(1);
+        p.setDialect(dialect);
+        p.load((folder / "f").c_str());
+        std::stringstream edits(row.edits);
+        for (string edit; std::getline(edits, edit, ';');) {
+            std::stringstream in(edit);
+            string what, stanza, key, text;
+            in >> what >> stanza >> key;
+            std::getline(in >> std::ws, text);
+            const bool isFile = stanza == "-" && (key == "-" || what == "comment");
+            const char* const s = isFile ? nullptr : stanza == "-" ? "" : stanza.c_str();
+            const char* const k = key == "-" ? nullptr : key.c_str();
+            if (what == "rename")
+                EXPECT_EQ(p.renameKey(s, k, text.c_str()), 1);
+            else if (what == "stanza")
+                EXPECT_EQ(p.renameStanza(s, k), 1);
+            else if (what == "disable")
+                EXPECT_EQ(p.disableKey(s, k), 1);
+            else if (what == "enable")
+                EXPECT_EQ(p.uncommentKey(s, k), 1);
+            else if (what == "remove")
+                p.deleteComments(s, k);
+            else if (what == "comment" && k != nullptr)
+                p.addEntryComment(s == nullptr ? "" : s, k, text.c_str());
+            else if (what == "comment" && s != nullptr)
+                p.addStanzaComment(s, text.c_str());
+            else if (what == "comment")
+                p.addFileComment(text.c_str());
+            else
+                p.setValue(s, k, what == "add" ? "1" : text.c_str());
+        }
+        // Another file comes to be as this one, comments and all.
+        p.store((folder / "g").c_str());
+        EXPECT_EQ(contentOf(folder / "g"), row.after);
+        p.store((folder / "f").c_str());
+        EXPECT_EQ(contentOf(folder / "f"), row.after);
+        EXPECT_EQ(p.renameKey("none", "k", "l"), 0);
+    }
 }
 
 TEST(DialectFiles, HaveTheirDialectByTheirPath) {

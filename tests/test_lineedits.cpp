@@ -159,7 +159,7 @@ public:
     }
     void store() {
         file_ = wouldStore();
-        ZModelEdits::noteStored(cache_);
+        ZModelEdits::noteStored(cache_, ZBytes());
     }
 
 private:

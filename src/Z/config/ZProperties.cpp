@@ -282,15 +282,20 @@ void ZProperties::deleteKey(const char* category, const char* key) {
 }
 
 void ZProperties::addFileComment(const char* text) {
-    file_->requireLines();
-    changeComment(text, [&](const char* comment) { cache_->addFileComment(comment); });
+    file_->requireOneFile();
+    changeComment(text, [&](const char* comment) {
+        if (!file_->addDialectComment(nullptr, nullptr, comment))
+            cache_->addFileComment(comment);
+    });
 }
 
 void ZProperties::addEntryComment(const char* category, const char* key, const char* text) {
     file_->requireNames(category, key);
-    file_->requireLines();
-    changeComment(text,
-                  [&](const char* comment) { cache_->addLineComment(category, key, comment); });
+    file_->requireOneFile();
+    changeComment(text, [&](const char* comment) {
+        if (!file_->addDialectComment(category, key, comment))
+            cache_->addLineComment(category, key, comment);
+    });
 }
 
 void ZProperties::postLoad(const char*) {}

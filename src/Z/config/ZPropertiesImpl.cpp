@@ -26,6 +26,7 @@
 #include "zinternal.h"
 #include "zkeeplines.h"
 #include "zmemorystream.h"
+#include "zmodelcontent.h"
 #include "zmodeledits.h"
 #include "zmodelreading.h"
 #include "zqelutil.h"
@@ -474,18 +475,24 @@ void ZPropertiesFile::setDialect(const ZDialect& dialect) {
     hasOrphans_ = own.orphans == ZDIALECT_ORPHANS;
 }
 
-void ZPropertiesFile::requireLines() const {
-    requireOneFile();
-    if (dialect() != nullptr)
-        zrequireNoFault({"a file of another dialect", "takes changes of values only"});
+bool ZPropertiesFile::addDialectComment(const char* stanza, const char* key, const char* text) {
+    if (dialect() == nullptr)
+        return false;
+    ZModelEdits::addComment(static_cast<ZSCFData&>(cache()), stanza, key, text);
+    return true;
 }
 
 ZSpan ZPropertiesFile::finishText(const ZLCString& path, ZSpan oldText, ZSpan text,
                                   ZBytes& kept) const {
     if (dialect() != nullptr) {
+        const ZPStore& store = ZModelReading::storeOf(static_cast<ZSCFData&>(cache()));
         ZBytes room;
-        zdialectRewrite(*dialect(), ZModelReading::storeOf(static_cast<ZSCFData&>(cache())),
-                        ZModelEdits::oldText(cache(), oldText, room), kept);
+        // Another file becomes as the one that was read.
+        const bool isOther = oldText.size == 0 || !path.equals(object_.fileName_);
+        const ZSpan read = store.readText();
+        zdialectRewrite(
+            *dialect(), store,
+            ZModelEdits::oldText(cache(), isOther && read.size != 0 ? read : oldText, room), kept);
         return zspanOf(kept);
     }
     if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {
@@ -531,6 +538,8 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
         zcheckIO(zreadWholeFile(descriptor, oldText).of(path.getChars()));
     const ZSpan text = finishText(path, zspanOf(oldText), stream.finish(), kept);
     const ZStoreWork work(text, zspanOf(oldText), action, side, spanOf(hidden));
+    ZSCFData renumbered;  // likewise
+    const bool isRenumbered = ZModelEdits::renumber(cache(), text, renumbered);
     ZFileContent stored;  // made ahead: what is in place can't fail for want of memory
     if (content != nullptr) {
         zcopyBytes(work.text, stored.text);
@@ -539,6 +548,10 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
     lastStoreMode_ = zstore(work, journal, storeMode_);
     if (content != nullptr)
         content->swap(stored);
-    ZModelEdits::noteStored(cache());
+    // Another file is a copy.
+    if (path.equals(object_.fileName_))
+        ZModelEdits::noteStored(cache(), std::move(kept));
+    if (isRenumbered)
+        ZModelContent::take(static_cast<ZSCFData&>(cache()), renumbered);
     keepStamp(descriptor);
 }

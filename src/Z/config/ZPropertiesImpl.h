@@ -135,14 +135,13 @@ public:
 
     /// Refuses what can only be done to one file, with a reason, where there are several.
     virtual void requireOneFile() const {}
-    /// Refuses what is done to comments and lines, where only values can be changed.
-    void requireLines() const;
-
     /// Before anything is loaded: the file is of this dialect. Raises ZInvalidParameterException,
     /// with a reason for switches that clash.
     void setDialect(const ZDialect& dialect);
     /// Null: it is the library's own.
     const ZDialect* dialect() const { return ZModelReading::dialectOf(cache()); }
+    /// Adds a comment to a file of another dialect, see ZModelEdits; false: it is none.
+    bool addDialectComment(const char* stanza, const char* key, const char* text);
     /// Only where entries may stand ahead of all headers there is a stanza without a name.
     bool hasStanzaName(const char* name) const {
         return zhasText(name) || (hasOrphans_ && name != nullptr);

@@ -8,6 +8,7 @@
 #include "zinternal.h"
 #include "zraise.h"
 #include "zrefusal.h"
+#include "zdialecttext.h"
 #include "zpropchanges.h"
 
 // ---------------------------------------------------------------- pairs
@@ -123,8 +124,10 @@ void ZStanzaFileProperties::addEntryComment(const char* category, const char* ke
 }
 
 void ZStanzaFileProperties::checkComment(ZLCString& text) {
-    if (*text.getChars() != '#')
-        text.prepend("#");
+    const ZDialect* dialect = ZPropertiesFile::of(*this).dialect();
+    const char first = *text.getChars();
+    if (dialect == nullptr ? first != '#' : !zisDialectComment(*dialect, first))
+        text.prepend(dialect == nullptr || zdialectCommentSign(*dialect) == '#' ? "#" : ";");
 }
 
 void ZStanzaFileProperties::addStanza(const char* stanza) {
@@ -137,8 +140,11 @@ void ZStanzaFileProperties::deleteStanza(const char* stanza) {
 
 void ZStanzaFileProperties::addStanzaComment(const char* stanza, const char* text) {
     zrequireStanzaName(stanza);
-    ZPropertiesFile::of(*this).requireLines();
-    changeComment(text, [&](const char* comment) { data().addStanzaComment(stanza, comment); });
+    ZPropertiesFile::of(*this).requireOneFile();
+    changeComment(text, [&](const char* comment) {
+        if (!ZPropertiesFile::of(*this).addDialectComment(stanza, nullptr, comment))
+            data().addStanzaComment(stanza, comment);
+    });
 }
 
 void ZStanzaFileProperties::getStanza(const char* stanza, ZPropertiesKVList& list) {

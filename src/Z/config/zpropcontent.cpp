@@ -56,14 +56,16 @@ const char* ZStanzaFileProperties::path() const {
 
 // ---------------------------------------------------------------- comments
 
-static void requireCommented(const char* stanza, const char* key) {
+// Only the entries ahead of all headers belong to a stanza without a name.
+static void requireCommented(const ZPropertiesFile& file, const char* stanza, const char* key) {
     zrequire(stanza == nullptr ? key == nullptr
-                               : zhasText(stanza) && (key == nullptr || zhasText(key)));
+             : key == nullptr  ? zhasText(stanza)
+                               : file.hasStanzaName(stanza) && zhasText(key));
 }
 
 void ZStanzaFileProperties::getComments(const char* stanza, const char* key,
                                         ZArrayList& list) const {
-    requireCommented(stanza, key);
+    requireCommented(ZPropertiesFile::of(*this), stanza, key);
     zrequire(list.ownsMembers() != 0);
     list.removeAll();
     ZResourceLock guard(lock_);
@@ -71,10 +73,10 @@ void ZStanzaFileProperties::getComments(const char* stanza, const char* key,
 }
 
 void ZStanzaFileProperties::deleteComments(const char* stanza, const char* key) {
-    requireCommented(stanza, key);
+    requireCommented(ZPropertiesFile::of(*this), stanza, key);
     ZResourceLock guard(lock_);
-    ZPropertiesFile::of(*this).requireLines();
-    if (ZModelContent::removeComments(data(), stanza, key))
+    ZPropertiesFile::of(*this).requireOneFile();
+    if (ZModelEdits::removeComments(data(), stanza, key))
         setModified();
 }
 

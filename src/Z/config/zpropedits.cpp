@@ -15,7 +15,7 @@ int ZStanzaFileProperties::changeLines(const ZChangeNames* gone, const ZChangeNa
                                        Edit edit) {
     {
         ZResourceLock guard(lock_);
-        ZPropertiesFile::of(*this).requireLines();
+        ZPropertiesFile::of(*this).requireOneFile();
         if (!edit())
             return 0;
         setModified();
@@ -36,22 +36,22 @@ int ZStanzaFileProperties::renameStanza(const char* stanza, const char* name) {
 }
 
 int ZStanzaFileProperties::renameKey(const char* stanza, const char* key, const char* name) {
-    zrequireNames(stanza, key);
-    zrequireNames(stanza, name);
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
+    ZPropertiesFile::of(*this).requireNames(stanza, name);
     const ZChangeNames before(hasObservers(), stanza, key), now(hasObservers(), stanza, name);
     return changeLines(&before, &now,
                        [&] { return ZModelEdits::renameKey(data(), stanza, key, name); });
 }
 
 int ZStanzaFileProperties::uncommentKey(const char* stanza, const char* key) {
-    zrequireNames(stanza, key);
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
     const ZChangeNames come(hasObservers(), stanza, key);
     return changeLines(nullptr, &come,
                        [&] { return ZModelEdits::uncommentKey(data(), stanza, key); });
 }
 
 int ZStanzaFileProperties::disableKey(const char* stanza, const char* key) {
-    zrequireNames(stanza, key);
+    ZPropertiesFile::of(*this).requireNames(stanza, key);
     const ZChangeNames gone(hasObservers(), stanza, key);
     return changeLines(&gone, nullptr,
                        [&] { return ZModelEdits::disableKey(data(), stanza, key); });

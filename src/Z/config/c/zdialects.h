@@ -1,9 +1,11 @@
 /* zdialects.h: files of other programs, for C callers. Valid C99.
  *
  * zdialect.h says what a dialect is, ZDialects.h where its presets are looked for. A handle of a
- * file in another dialect is an ordinary one: what can't be said there is refused, and
- * zstzPropLastError gives 22 and the reason: comments, other names of stanzas and keys, hidden
- * values, and texts that the dialect can't give back.
+ * file in another dialect is an ordinary one: a change takes the place of the bytes that it is
+ * about, and no other byte of the file. What can't be said there, as hidden values and texts that
+ * the dialect can't give back, is refused: zstzPropLastError gives 22 and the reason. A comment
+ * without a comment's sign gets the dialect's. Comments, other names of stanzas and keys, and
+ * entries that become comments or come from one cost as much as a load each.
  *
  * Threads: as zproperties.h; the calls without a handle from any. */
 #ifndef Z_ZDIALECTS_LOWER_H

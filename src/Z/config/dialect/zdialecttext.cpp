@@ -203,6 +203,7 @@ const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
         if (behind != line.end && !isComment(*behind))
             return "has more behind ]";
     }
+    part.raw = zspanBetween(line.first, close + 1);
     if (isQuoted) {
         part.name = zspanOf(nameBytes_);
     } else if ((d_.headers & ZDIALECT_SUBSECTIONS) != 0 && zfoldsNames(d_, true)) {
@@ -249,7 +250,7 @@ inline const char* ZDialectReader::plainValue(const Line& line, size_t indent, c
     if (d_.continued == ZDIALECT_INDENT)
         return indentedLines(indent, part);
     if (d_.continued >= ZDIALECT_BACKSLASH && tail == line.end && line.end > first &&
-        line.end[-1] == '\\' && goesOn(first, line.end))
+        zdialectGoesOn(d_, first, line.end))
         return backslashLines(line, first, part);
     return nullptr;
 }
@@ -379,14 +380,6 @@ void ZDialectReader::noteJoint(const char* raw, const char* next) {
         joints_->push_back({valueBytes_.size(), static_cast<size_t>(next - raw)});
 }
 
-// Whether what stands ahead of the line's end asks for another.
-bool ZDialectReader::goesOn(const char* first, const char* end) const {
-    const char* at = end;
-    while (at > first && at[-1] == '\\')
-        --at;
-    return at != end && (d_.continued == ZDIALECT_JOINED || (end - at) % 2 != 0);
-}
-
 const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialectPart& part) {
     valueBytes_.setSize(0);
     const size_t above = joints_ == nullptr ? 0 : joints_->size();
@@ -394,7 +387,7 @@ const char* ZDialectReader::backslashLines(Line line, const char* first, ZDialec
     const char* rawEnd = first;
     for (const char* from = first;;) {
         const char* const tail = tailIn(from, line.end);
-        const bool isOpen = tail == line.end && goesOn(from, line.end);
+        const bool isOpen = tail == line.end && zdialectGoesOn(d_, from, line.end);
         const char* const end = isOpen ? line.end - 1 : tail;
         zappendBytes(valueBytes_, zspanBetween(from, end));
         if (isOpen)
@@ -502,7 +495,8 @@ const char* ZDialectReader::shellValue(const Line& line, size_t indent, const ch
     part.value = zspanOf(valueBytes_);
     part.raw = zspanBetween(first, ++at);
     const char* const behind = skipBlanks(at, line.end);
-    const bool hasComment = behind < line.end && isTail(*behind) && (isTailAnywhere_ || behind != at);
+    const bool hasComment =
+        behind < line.end && isTail(*behind) && (isTailAnywhere_ || behind != at);
     if (behind != line.end && !hasComment)
         return "has more behind its quotes";
     if (d_.continued == ZDIALECT_INDENT) {
@@ -766,6 +760,14 @@ const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key) {
     if (memchr(key.data, ':', key.size) != nullptr && dialect.divider != ZDIALECT_EQUALS)
         return "can't hold :";
     return "can't hold a comment";
+}
+
+const char* zdialectCommentFault(const ZDialect& dialect, ZSpan comment) {
+    if (const char* reason = faultOfBytes(dialect, comment, 1))
+        return reason;
+    if (hasLineEnd(comment))
+        return "can't hold a line end";
+    return zisDialectComment(dialect, *comment.data) ? nullptr : "must begin with a comment's sign";
 }
 
 const char* zdialectValueFault(const ZDialect& dialect, ZSpan value) {

@@ -58,7 +58,8 @@ struct ZDialectPart {
     ZSpan name;          // a stanza's or key's, as it is read; a subsection's as "a.b"
     ZSpan value;         // as it is read
     ZSpan raw;           // the value's bytes in the text: quotes, comments between its lines and
-                         // all; empty at its place for "key =" and a bare key
+                         // all; empty at its place for "key =" and a bare key; of a header
+                         // its brackets and what they hold
     const char* reason;  // of a bad one: a static text, "has no divider"
 };
 
@@ -110,7 +111,6 @@ private:
     const char* backslashLines(Line line, const char* first, ZDialectPart& part);
     void addSection(const char* first, const char* end);
     void noteJoint(const char* raw, const char* next);
-    bool goesOn(const char* first, const char* end) const;
 
     const ZDialect& d_;
     const char* at_;
@@ -123,6 +123,32 @@ private:
     int line_ = 1;
     ZBytes nameBytes_, valueBytes_;  // what doesn't stand in the text as it is read
 };
+
+/// With what comments are begun, and whether a line may begin one so.
+inline char zdialectCommentSign(const ZDialect& dialect) {
+    return dialect.comments == ZDIALECT_SEMICOLON ? ';' : '#';
+}
+inline bool zisDialectComment(const ZDialect& dialect, char c) {
+    return c == zdialectCommentSign(dialect) ||
+           (c == ';' && (dialect.comments & ZDIALECT_SEMICOLON) != 0);
+}
+/// Whether a line of a value that ends here asks for the next one.
+inline bool zdialectGoesOn(const ZDialect& dialect, const char* first, const char* end) {
+    const char* at = end;
+    while (at > first && at[-1] == '\\')
+        --at;
+    const bool isPaired =
+        dialect.continued == ZDIALECT_BACKSLASH || dialect.quotes == ZDIALECT_GIT_QUOTES;
+    return at != end && (!isPaired || (end - at) % 2 != 0);
+}
+/// As the first line of the text ends.
+inline ZSpan zdialectLineEnd(ZSpan text) {
+    const void* newline = text.size == 0 ? nullptr : memchr(text.data, '\n', text.size);
+    return newline != nullptr && newline != text.data &&
+                   static_cast<const char*>(newline)[-1] == '\r'
+               ? ZSpan{"\r\n", 2}
+               : ZSpan{"\n", 1};
+}
 
 /// How the entries of a stanza are spelled.
 struct ZDialectHabit {
@@ -147,7 +173,8 @@ bool zdialectEncode(const ZDialect& dialect, ZSpan value, ZSpan old, const ZDial
 void zdialectSpellHeader(const ZDialect& dialect, ZSpan name, ZBytes& out);
 
 /// Why a dialect couldn't give these back: static texts as of zrefusal.h, "can't hold =". Null: it
-/// can.
+/// can. A comment is one with its sign.
+const char* zdialectCommentFault(const ZDialect& dialect, ZSpan comment);
 const char* zdialectStanzaFault(const ZDialect& dialect, ZSpan name);
 const char* zdialectKeyFault(const ZDialect& dialect, ZSpan key);
 const char* zdialectValueFault(const ZDialect& dialect, ZSpan value);

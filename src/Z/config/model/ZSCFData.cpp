@@ -424,7 +424,7 @@ void ZSCFData::be_write(const char*, FILE* stream) {
     if (store().dialect() == nullptr)
         return StanzaWriter(store(), stream).write();
     ZBytes text;
-    zdialectRewrite(*store().dialect(), store(), {nullptr, 0}, text);
+    zdialectRewrite(*store().dialect(), store(), store().readText(), text);
     fwrite(text.data(), 1, text.size(), stream);
 }
 

@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 
+#include "zdialectedits.h"
 #include "zdialecttext.h"
 #include "zmemory.h"
 #include "zpindex.h"
@@ -61,7 +63,12 @@ struct Key {
 class Rewriter {
 public:
     Rewriter(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out)
-        : d_(dialect), store_(store), old_(old), out_(out) {}
+        : d_(dialect),
+          store_(store),
+          old_(old),
+          out_(out),
+          headers_(dialect),
+          keptHeaders_(dialect) {}
 
     void run() {
         readModel();
@@ -206,30 +213,12 @@ private:
         key.last = id;
     }
 
-    // The model's stanza of a header: of one that was there before the numbered one.
     Id stanzaOfHeader(ZSpan name) {
-        const size_t at = folded(name, true);
-        if (d_.repeated == ZDIALECT_NUMBERED) {
-            const std::string base(bytes_.data() + at, bytes_.size() - at);
-            const uint32_t count = countHeader(base);
-            if (count > 1)
-                zappendBytes(bytes_, zspanOf(("#" + std::to_string(count)).c_str()));
-        }
+        const size_t at = bytes_.size();
+        headers_.add(name, bytes_);
         const Id found = findStanza(text(at, bytes_.size() - at));
         bytes_.setSize(at);
         return found;
-    }
-    uint32_t countHeader(const std::string& base) {
-        const uint32_t hash = znarrowHash(zhashOf({base.data(), base.size()}));
-        const Id known =
-            countIndex_.find(hash, [&](Id id, uint32_t) { return bases_[id] == base; });
-        if (known != kNone)
-            return ++counts_[known];
-        countIndex_.reserveMore(1);
-        countIndex_.insert(hash, static_cast<Id>(bases_.size()), 0);
-        bases_.push_back(base);
-        counts_.push_back(1);
-        return 1;
     }
 
     // From a header to the next, but for the comments directly above that.
@@ -480,13 +469,7 @@ private:
         ZBytes ownMore;
     };
 
-    ZSpan lineEnd() const {
-        const void* newline = old_.size == 0 ? nullptr : memchr(old_.data, '\n', old_.size);
-        return newline != nullptr && newline != old_.data &&
-                       static_cast<const char*>(newline)[-1] == '\r'
-                   ? ZSpan{"\r\n", 2}
-                   : ZSpan{"\n", 1};
-    }
+    ZSpan lineEnd() const { return zdialectLineEnd(old_); }
 
     // A whole line; a null value: the key has none.
     ZBytes lineOf(ZSpan name, const ZSpan* value, bool bare, Id like) {
@@ -573,8 +556,10 @@ private:
 
     void addHeader(Id s) {
         ZSpan name = nameOf(store_.stanza(stanzas_[s].id));
-        if (d_.repeated == ZDIALECT_NUMBERED)
+        if (d_.repeated == ZDIALECT_NUMBERED) {
             name = zwithoutNumber(name);
+            requireNumber(stanzas_[s], name);
+        }
         if (const char* reason = zdialectStanzaFault(d_, name))
             refuse("a stanza's name", reason);
         const Habit habit(*this, lastEntry_);
@@ -589,6 +574,22 @@ private:
                 add(kNone, blank);
         }
         add(kNone, header);
+    }
+
+    // The number of a new stanza has to be the one that a load will give it.
+    void requireNumber(const Stanza& stanza, ZSpan name) {
+        if (!countsKept_)
+            for (const Part& part : parts_)
+                if (part.kind == ZDialectPart::header && !part.isDropped) {
+                    const Stanza& kept = stanzas_[part.stanza];
+                    ZBytes counted;
+                    keptHeaders_.add(zwithoutNumber(text(kept.nameAt, kept.nameSize)), counted);
+                }
+        countsKept_ = true;
+        ZBytes counted;
+        keptHeaders_.add(name, counted);
+        if (!zequals(zspanOf(counted), text(stanza.nameAt, stanza.nameSize)))
+            refuse("a stanza's name", "would get another number");
     }
 
     // New entries ahead of the first header.
@@ -664,11 +665,11 @@ private:
     ZBytes bytes_;  // names, values and new texts
     ZVector<Stanza> stanzas_;
     ZVector<Key> keys_;  // by stanza
-    ZPIndex stanzaIndex_, keyIndex_, countIndex_;
+    ZPIndex stanzaIndex_, keyIndex_;
+    ZDialectHeaders headers_, keptHeaders_;
+    bool countsKept_ = false;
     ZVector<Part> parts_;
     ZVector<Addition> additions_;
-    ZVector<std::string> bases_;
-    ZVector<uint32_t> counts_;
     Chain end_;
     Id orphans_ = kNone, firstEntry_ = kNone, lastEntry_ = kNone;
 };
@@ -704,15 +705,20 @@ static void listKeys(const ZDialect& dialect, const ZPStore& store, ZVector<std:
     std::sort(out.begin(), out.end());
 }
 
+size_t zdialectDifference(const ZDialect& dialect, const ZPStore& one, const ZPStore& other) {
+    ZVector<std::string> left, right, onlyLeft;
+    listKeys(dialect, one, left);
+    listKeys(dialect, other, right);
+    std::set_difference(left.begin(), left.end(), right.begin(), right.end(),
+                        std::back_inserter(onlyLeft));
+    return onlyLeft.size();
+}
+
 // Whether a load of the text gives the keys and values of the store.
 static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) {
     ZPStore read;
-    if (!zdialectFill(dialect, text, read))
-        return false;
-    ZVector<std::string> wanted, found;
-    listKeys(dialect, store, wanted);
-    listKeys(dialect, read, found);
-    return wanted == found;
+    return zdialectFill(dialect, text, read) && zdialectDifference(dialect, store, read) == 0 &&
+           zdialectDifference(dialect, read, store) == 0;
 }
 
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out) {

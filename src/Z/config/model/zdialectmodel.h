@@ -28,4 +28,9 @@ bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store);
 /// dialect can't say, and where lines below would become part of a value.
 void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out);
 
+/// How many keys of one store, of which each has its stanza's name, its own and all its values, the
+/// other hasn't; all spellings of a name alike, and stanzas without the numbers that a load gives
+/// them anew. Both are of this dialect. n log n. Raises ZOutOfMemoryException.
+size_t zdialectDifference(const ZDialect& dialect, const ZPStore& one, const ZPStore& other);
+
 #endif

@@ -31,6 +31,7 @@ public:
           stanza_(ZPStore::none) {}
 
     void read() {
+        const bool isFirst = store_.stanzaCount() == 0;
         store_.reserveForText(start_);
         ZDialectPart part;
         while (reader_.next(part)) {
@@ -45,6 +46,7 @@ public:
             }
         }
         flush();
+        store_.noteRead(start_, isFirst ? size_ : 0);
     }
 
 private:

@@ -2,7 +2,11 @@
 
 #include <algorithm>
 
+#include "ZExceptionText.h"
+#include "zdialectedits.h"
+#include "zdialectmodel.h"
 #include "zgrammar.h"
+#include "zmodelcontent.h"
 #include "zmodelreading.h"
 #include "zpstore.h"
 #include "zrefusal.h"
@@ -40,14 +44,91 @@ static void refuseIf(bool speaksAgainst, const char* subject, const char* reason
 
 static const ZSpan kNothing = {"", 0};
 
+// ---------------------------------------------------------------- texts of another dialect
+
+// Changes the text of which the model is, and reads it again. So many keys go, and so many come:
+// any other change of keys or values would be one that nobody has asked for.
+template <typename Edit>
+static bool changeText(ZSCFData& model, size_t gone, size_t come, Edit edit) {
+    ZPStore& store = ZModelReading::storeOf(model);
+    const ZDialect& dialect = *store.dialect();
+    ZBytes before, now;
+    zdialectRewrite(dialect, store, store.readText(), before);
+    ZDialectEdits edits(dialect, zspanOf(before), now);
+    if (!edit(edits))
+        return false;
+    ZSCFData changed;
+    ZModelReading::beLike(changed, model);
+    ZPStore& fresh = ZModelReading::storeOf(changed);
+    bool isFine = true;
+    try {
+        ZModelReading::readText(changed, "", zspanOf(now));
+    } catch (ZPropertiesInvalidDataException&) {
+        isFine = false;
+    }
+    refuseIf(!isFine || zdialectDifference(dialect, store, fresh) != gone ||
+                 zdialectDifference(dialect, fresh, store) != come,
+             "a change", "would change other lines too");
+    fresh.oldText().replaceBy(zspanOf(now));
+    store.take(fresh);
+    return true;
+}
+
+void ZModelEdits::addComment(ZSCFData& model, const char* stanza, const char* key,
+                             const char* comment) {
+    zrequireNoFault(
+        {"a comment", zdialectCommentFault(*model.store().dialect(), zspanOf(comment))});
+    const bool makesStanza =
+        stanza != nullptr && model.store().stanzaInMap(zspanOf(stanza)) == ZPStore::none;
+    const bool makesKey = key != nullptr && model.contains(stanza, key) == 0;
+    if (makesKey)
+        model.addLine(stanza, key, nullptr, 0);
+    else if (makesStanza)
+        model.addStanzaLine(stanza);
+    try {
+        changeText(model, 0, 0, [&](ZDialectEdits& edits) {
+            return stanza == nullptr ? edits.addFileComment(zspanOf(comment))
+                   : key == nullptr
+                       ? edits.addStanzaComment(zspanOf(stanza), zspanOf(comment))
+                       : edits.addKeyComment(zspanOf(stanza), zspanOf(key), zspanOf(comment));
+        });
+    } catch (...) {
+        if (makesStanza)
+            model.delStanzaLine(stanza);
+        else if (makesKey)
+            model.delLine(stanza, key);
+        throw;
+    }
+}
+
+bool ZModelEdits::removeComments(ZSCFData& model, const char* stanza, const char* key) {
+    if (model.store().dialect() == nullptr)
+        return ZModelContent::removeComments(model, stanza, key);
+    return changeText(model, 0, 0, [&](ZDialectEdits& edits) {
+        return stanza == nullptr ? edits.removeFileComments()
+               : key == nullptr  ? edits.removeStanzaComments(zspanOf(stanza))
+                                 : edits.removeKeyComments(zspanOf(stanza), zspanOf(key));
+    });
+}
+
+// ---------------------------------------------------------------- names and kinds of lines
+
 bool ZModelEdits::renameStanza(ZSCFData& model, const char* stanza, const char* name) {
     ZPStore& store = model.store();
-    if (model.isStrict() != 0)
+    if (model.isStrict() != 0 && store.dialect() == nullptr)
         zrequireNoFault(zfaultOfStanza(name));
     const ZPId id = store.stanzaInMap(zspanOf(stanza));
     if (id == ZPStore::none)
         return false;
-    refuseIf(store.stanzaInMap(zspanOf(name)) != ZPStore::none, "the new name", "is taken already");
+    const ZPId taken = store.stanzaInMap(zspanOf(name));
+    if (store.dialect() != nullptr) {
+        refuseIf(taken != ZPStore::none && taken != id, "the new name", "is taken already");
+        const size_t moved = taken == id ? 0 : store.stanza(id).count;
+        return changeText(model, moved, moved, [&](ZDialectEdits& edits) {
+            return edits.renameStanza(zspanOf(stanza), zspanOf(name));
+        });
+    }
+    refuseIf(taken != ZPStore::none, "the new name", "is taken already");
     refuseIf(strcmp(stanza, kSideStanza) == 0 || strcmp(name, kSideStanza) == 0,
              "the stanza of the side database", "keeps its name");
     Note note(store, model.attributes(), zspanOf(stanza), kNothing, zspanOf(name));
@@ -60,12 +141,19 @@ bool ZModelEdits::renameKey(ZSCFData& model, const char* stanza, const char* key
                             const char* name) {
     ZPStore& store = model.store();
     const ZSpan owner = zspanOf(stanza), before = zspanOf(key), now = zspanOf(name);
-    if (model.isStrict() != 0)
+    if (model.isStrict() != 0 && store.dialect() == nullptr)
         zrequireNoFault(zfaultOfKey(name));
     const ZPId id = store.keyInMap(owner, before);
     if (id == ZPStore::none)
         return false;
-    refuseIf(store.keyInMap(owner, now) != ZPStore::none, "the new name", "is taken already");
+    const ZPId taken = store.keyInMap(owner, now);
+    if (store.dialect() != nullptr) {
+        refuseIf(taken != ZPStore::none && taken != id, "the new name", "is taken already");
+        return changeText(model, taken != id, taken != id, [&](ZDialectEdits& edits) {
+            return edits.renameKey(owner, before, now);
+        });
+    }
+    refuseIf(taken != ZPStore::none, "the new name", "is taken already");
     refuseIf(zisSideEntry(stanza, key) || zisSideEntry(stanza, name),
              "the entry of the side database", "keeps its name");
     // A longer name may make a line too long.
@@ -84,6 +172,9 @@ bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* 
     ZPStore& store = model.store();
     const ZSpan owner = zspanOf(stanza), name = zspanOf(key);
     refuseIf(store.keyInMap(owner, name) != ZPStore::none, "the key", "is there already");
+    if (store.dialect() != nullptr)
+        return changeText(model, 0, 1,
+                          [&](ZDialectEdits& edits) { return edits.uncommentKey(owner, name); });
     const ZPId id = store.stanzaInMap(owner);
     if (id == ZPStore::none)
         return false;
@@ -172,6 +263,9 @@ bool ZModelEdits::disableKey(ZSCFData& model, const char* stanza, const char* ke
     const ZPId id = store.keyInMap(owner, name);
     if (id == ZPStore::none)
         return false;
+    if (store.dialect() != nullptr)
+        return changeText(model, 1, 0,
+                          [&](ZDialectEdits& edits) { return edits.disableKey(owner, name); });
     refuseIf(store.values(id, ZPStore::hidden).count() != 0, "a hidden value",
              "can't become a comment");
     refuseIf(strcmp(stanza, kSideStanza) == 0, "the stanza of the side database", "stays");
@@ -219,9 +313,30 @@ void ZModelEdits::noteText(ZSCFData& model, ZSpan text) {
         model.store().oldText().replaceBy(text);
 }
 
-void ZModelEdits::noteStored(ZPCache& cache) {
-    if (ZModelReading::isOwn(cache))
-        static_cast<ZSCFData&>(cache).store().oldText().forget();
+void ZModelEdits::noteStored(ZPCache& cache, ZBytes&& text) {
+    if (!ZModelReading::isOwn(cache))
+        return;
+    ZPStore& store = static_cast<ZSCFData&>(cache).store();
+    if (store.dialect() != nullptr)
+        store.oldText().forget(std::move(text));
+    else
+        store.oldText().forget();
+}
+
+bool ZModelEdits::renumber(const ZPCache& cache, ZSpan text, ZSCFData& renumbered) {
+    const ZDialect* dialect = ZModelReading::dialectOf(cache);
+    if (dialect == nullptr || dialect->repeated != ZDIALECT_NUMBERED)
+        return false;
+    ZModelReading::beLike(renumbered, cache);
+    ZModelReading::readText(renumbered, "", text);
+    const ZPStore& now = ZModelReading::storeOf(renumbered);
+    const ZPStore& before = ZModelReading::storeOf(static_cast<const ZSCFData&>(cache));
+    bool isOther = false;
+    before.forEachStanza([&](ZPId stanza) {
+        const ZSpan name = before.text().span(before.stanza(stanza).name);
+        isOther = isOther || now.stanzaInMap(name) == ZPStore::none;
+    });
+    return isOther;
 }
 
 ZSpan ZModelEdits::oldText(const ZPCache& cache, ZSpan fileText, ZBytes& room) {

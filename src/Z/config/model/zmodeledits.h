@@ -25,6 +25,15 @@ struct ZModelEdits {
     /// keys. Linear in the lines.
     static void addForgettingLines(ZSCFData& model, ZVector<uint32_t>& keys);
 
+    /// Adds a comment, with its sign, as ZPCache does, to a model of another dialect: of the file,
+    /// of a stanza, of a key; null: not of one. A missing stanza or key is made. Of a model that
+    /// was changed so, and by the calls above, comments stand in the text first of all: that is
+    /// changed and read again. Linear in it.
+    static void addComment(ZSCFData& model, const char* stanza, const char* key,
+                           const char* comment);
+    /// Removes the comments of these.
+    static bool removeComments(ZSCFData& model, const char* stanza, const char* key);
+
     /// Whether a key stands there without a divider.
     static int isBare(const ZSCFData& model, const char* stanza, const char* key);
     /// Makes it such a key. Raises ZInvalidParameterException where the dialect has none.
@@ -34,8 +43,11 @@ struct ZModelEdits {
 
     /// The model was read from this text, which isn't in the file yet.
     static void noteText(ZSCFData& model, ZSpan text);
-    /// The file holds what the model holds.
-    static void noteStored(ZPCache& cache);
+    /// The file holds what the model holds; of another dialect, this text.
+    static void noteStored(ZPCache& cache, ZBytes&& text);
+    /// Fills an empty model from the text that is to be stored, if stanzas that are numbered there
+    /// get other numbers than they have in this model. False: they keep theirs.
+    static bool renumber(const ZPCache& cache, ZSpan text, ZSCFData& renumbered);
     /// The text in which old lines are looked for; see ZOldText::changed.
     static ZSpan oldText(const ZPCache& cache, ZSpan fileText, ZBytes& room);
 };

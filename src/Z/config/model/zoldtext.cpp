@@ -41,8 +41,20 @@ void ZOldText::note(Change change, ZSpan stanza, ZSpan key, ZSpan name) {
 }
 
 void ZOldText::replaceBy(ZSpan text) {
+    keep(text);
+    isAhead_ = true;
+}
+
+void ZOldText::keep(ZSpan text) {
     zcopyBytes(text, text_);
     notes_.setSize(0);
+    hasText_ = true;
+    isAhead_ = false;
+}
+
+void ZOldText::forget(ZBytes&& text) {
+    forget();
+    text_.swap(text);
     hasText_ = true;
 }
 
@@ -281,7 +293,7 @@ private:
 }  // namespace
 
 ZSpan ZOldText::changed(ZSpan fileText, ZBytes& room) const {
-    const ZSpan text = hasText_ ? zspanOf(text_) : fileText;
+    const ZSpan text = isAhead_ ? zspanOf(text_) : fileText;
     if (notes_.size() == 0)
         return text;
     LineChanger changer(text);

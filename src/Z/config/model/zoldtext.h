@@ -25,6 +25,19 @@ public:
     void replaceBy(ZSpan text);
     /// The file holds all that was noted.
     void forget();
+    /// Likewise, and holds this text.
+    void forget(ZBytes&& text);
+    /// The text is kept for whoever asks; the file may hold another by now.
+    /// Raises ZOutOfMemoryException.
+    void keep(ZSpan text);
+    /// Likewise, ahead of the file if another one is.
+    void keepAs(ZSpan text, const ZOldText& other) {
+        keep(text);
+        isAhead_ = other.isAhead_;
+    }
+    bool isKept() const { return hasText_; }
+    /// What it was replaced by or is kept.
+    ZSpan kept() const { return zspanOf(text_); }
 
     /// The old text with all that was noted; `fileText` is what the file holds, and what is made of
     /// it stands in `room`. Linear in the text, and for a comment that became an entry in its
@@ -35,6 +48,7 @@ private:
     ZBytes notes_;  // a change, stanza, key and name each, with a NUL behind each text
     ZBytes text_;
     bool hasText_ = false;
+    bool isAhead_ = false;  // of the file
 };
 
 /// What a line turned into a comment says, and the entry that a comment reads like: its text behind

@@ -25,6 +25,8 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     setDialect(other.dialect_);
     // The delegated constructor has finished, so that the destructor clears up if this raises.
     text_.reserve(other.text_.size());
+    if (dialect_ != nullptr)
+        oldText_.keepAs(other.readText(), other.oldText_);
     makeRoomForKey();
     keys_.reserveMore(other.keyIndex_.count());
     keyIndex_.reserve(other.keyIndex_.count());
@@ -108,6 +110,9 @@ void ZPStore::compactIfWorthwhile() {
         // there is no room either.
         ZPText target;
         target.reserve(textNeeded() + text_.size() / 8);
+        if (readSize_ != 0 && !oldText_.isKept())
+            oldText_.keep(readText());
+        readSize_ = 0;
         moveText(target);
     } catch (ZOutOfMemoryException&) {
     }

@@ -103,6 +103,8 @@ protected:
     uint32_t followedCount_ = 0;
     ZPBlock<ZPNameText> nameTexts_;  // by key id, as far as a walk has needed it; null: not made
     ZOldText oldText_;
+    size_t readStart_ = 0,
+           readSize_ = 0;  // of text_: what was read of a dialect, while it is there
     std::shared_ptr<const ZDialect> dialect_;
     bool folds_ = false;        // it takes several spellings of a name for one
     bool lastWins_ = false;     // an entry that is read takes the place of all before it
@@ -325,6 +327,16 @@ public:
     void forgetLines(Id key);
     /// What was done to lines since the text was read, for stores that keep lines.
     ZOldText& oldText() { return oldText_; }
+    /// The text of a dialect from here on is what was read.
+    void noteRead(size_t start, size_t size) {
+        readStart_ = start;
+        readSize_ = size;
+    }
+    /// The text of a dialect from which this was read, or as which it was stored; empty where it
+    /// was made of several.
+    ZSpan readText() const {
+        return oldText_.isKept() ? oldText_.kept() : ZSpan{text_.at(readStart_), readSize_};
+    }
 
     Id firstGroup() const { return 0; }
     const ZPGroup& group(Id id) const { return lines_.group(id); }
