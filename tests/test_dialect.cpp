@@ -91,7 +91,7 @@ TEST(Dialect, Lines) {
         {kPython, " k =\n  [x]\n l = 1\n", "=k|\n[x]/=l|1"},
         {kUnit, "k = a \\\n# c\n;d\n  b\\\n\nl = \\ \nm = \\\\\nn = \\\n#",
          "=k|a    b/=l|\\/=m|\\\\/?8 goes on behind the text's end/#"},
-        {kGit, "k = \"\" \"\" x \"\"\nl = x\\", "=k|x/?2 goes on behind the text's end"},
+        {kGit, "k = \"\" \"\" x \"\" \nl = x\\", "=k|x /?2 goes on behind the text's end"},
         {kPeers, "k = a#b\n[p]#c", "=k|a/[p"},
         {kBlank, "k \t v w\nl\n", "=k|v w/?2 has no divider"},
     };
@@ -234,6 +234,7 @@ TEST(Dialect, Rewriting) {
         {kUnit, "[s]\nk = a \\\n# c\n b \\\n c\n", "s|k|a   x   c",
          "[s]\nk = a \\\n# c\n x \\\n c\n"},
         {kUnit, "[s]\nk = a \\\n b \\\n c\n", "s|k|a   c", "[s]\nk = a \\\n c\n"},
+        {kPlain, "[s]\nk = a\nk =\nk = b\n", "s|k|c", "[s]\nk =\nk = c\n"},
         {kUnit, "[s]\nk = a\nk =\nk = b\n", "s|k|c", "[s]\nk = a\nk =\nk = c\n"},
         {kUnit, "[s]\nk = a\nk =\n", "s|k|b|c", "[s]\nk = a\nk =\nk = b\nk = c\n"},
         {kPython, "[s]\nk = a\n  # c\n  b\n", "s|k|a\nd\ne", "[s]\nk = a\n  # c\n  d\n  e\n"},

@@ -435,6 +435,7 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
         char c = *at++;
         if (c == '"') {
             isInside = !isInside;
+            kept = valueBytes_.size();
             rawEnd = at;
             before = c;
             continue;
@@ -445,6 +446,7 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
         before = c;
         if (c == '\\') {
             rawEnd = at;
+            kept = valueBytes_.size();
             if (at == line.end) {
                 if (d_.continued != ZDIALECT_JOINED)
                     return "has an unknown backslash";

@@ -292,26 +292,40 @@ private:
             addValues(key, key.last, values, fills, values.size());
             return;
         }
-        const bool goesBehind = lastEmpty != kNone && lastEmpty > old.back();
-        const size_t last = values.size() - goesBehind;  // that one: behind the rest
-        size_t begin = 0, most = old.size() < last ? old.size() : last, end = 0;
-        while (begin < most && zequals(valueOf(old[begin]), values[begin]))
-            ++begin;
-        while (end < most - begin &&
-               zequals(valueOf(old[old.size() - 1 - end]), values[last - 1 - end]))
-            ++end;
-        size_t o = begin, v = begin;
-        for (; o < old.size() - end && v < last - end; ++o, ++v)
-            replace(old[o], values[v]);
-        // Ahead of all old ones: behind what stands above.
-        if (v < last - end)
-            addValues(key, o == 0 ? old[0] - 1 : old[o - 1], values, v, last - end);
-        for (; o < old.size() - end; ++o)
-            parts_[old[o]].isDropped = true;
-        if (goesBehind && values.size() <= old.size())
+        if (lastEmpty == kNone)
+            return alignValues(key, old, old.size(), values, values.size());
+        const size_t last = values.size() - 1;
+        if (lastEmpty < old.back()) {
+            alignValues(key, old, old.size() - 1, values, last);
+            if (!zequals(valueOf(old.back()), values[last]))
+                replace(old.back(), values[last]);
+            return;
+        }
+        alignValues(key, old, old.size(), values, last);
+        if (last < old.size())
             replace(lastEmpty, values[last]);
         else
             addValues(key, lastEmpty, values, last, values.size());
+    }
+
+    // So many values into so many old lines: those that are the same at both ends stay.
+    void alignValues(const Key& key, const ZVector<Id>& old, size_t oldCount,
+                     const ZVector<ZSpan>& values, size_t count) {
+        const size_t most = oldCount < count ? oldCount : count;
+        size_t begin = 0, end = 0;
+        while (begin < most && zequals(valueOf(old[begin]), values[begin]))
+            ++begin;
+        while (end < most - begin &&
+               zequals(valueOf(old[oldCount - 1 - end]), values[count - 1 - end]))
+            ++end;
+        size_t o = begin, v = begin;
+        for (; o < oldCount - end && v < count - end; ++o, ++v)
+            replace(old[o], values[v]);
+        // Ahead of all old ones: behind what stands above.
+        if (v < count - end)
+            addValues(key, o == 0 ? old[0] - 1 : old[o - 1], values, v, count - end);
+        for (; o < oldCount - end; ++o)
+            parts_[old[o]].isDropped = true;
     }
 
     // The key stays without values.
