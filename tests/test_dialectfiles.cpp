@@ -232,6 +232,9 @@ TEST(DialectFiles, ChangeLinesAndNoOther) {
             else
                 p.setValue(s, k, what == "add" ? "1" : text.c_str());
         }
+        ZStanzaFileProperties copy(p);
+        copy.store((folder / "g").c_str());
+        EXPECT_EQ(contentOf(folder / "g"), row.after);
         // Another file comes to be as this one, comments and all.
         p.store((folder / "g").c_str());
         EXPECT_EQ(contentOf(folder / "g"), row.after);

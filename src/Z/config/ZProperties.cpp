@@ -30,6 +30,7 @@ ZProperties::ZProperties(ZPCache* cache, ZPropertiesFile* (*make)(ZProperties& o
 ZProperties::ZProperties(const ZProperties& other) : ZProperties(nullptr) {
     ZResourceLock guard(other.lock_);
     cache_ = other.cache_->clone();
+    file_->beOfDialectOf(*other.file_);
 }
 
 ZProperties::~ZProperties() noexcept { delete file_; }

@@ -138,6 +138,8 @@ public:
     /// Before anything is loaded: the file is of this dialect. Raises ZInvalidParameterException,
     /// with a reason for switches that clash.
     void setDialect(const ZDialect& dialect);
+    /// The content is a copy of another object's.
+    void beOfDialectOf(const ZPropertiesFile& other) { hasOrphans_ = other.hasOrphans_; }
     /// Null: it is the library's own.
     const ZDialect* dialect() const { return ZModelReading::dialectOf(cache()); }
     /// Adds a comment to a file of another dialect, see ZModelEdits; false: it is none.
