@@ -108,8 +108,8 @@ enum {
 
 /* `values`: a key that stands in its stanza more than once. "key =" has none to give. */
 enum {
-    ZDIALECT_ALL_VALUES = 0,  /* has all values; after a change the last one that isn't empty is the
-                                last line of the key, which is what those take who want only one */
+    ZDIALECT_ALL_VALUES = 0,  /* has all values; once they are changed the last one that isn't empty
+                                 is the key's last line, which those take who want only one */
     ZDIALECT_LAST_VALUE = 1,  /* has the last one; a change goes there */
     ZDIALECT_RESET_VALUES = 2 /* has those behind its last "key =", which forgets all above it */
 };
