@@ -1,25 +1,15 @@
 #include "ZDialects.h"
 
-#include <fcntl.h>
-#include <fnmatch.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "ZExceptionText.h"
 #include "ZLayers.h"
+#include "zdialectpatterns.h"
 #include "zdialecttext.h"
 #include "zinternal.h"
-#include "zlayertree.h"
-#include "zmemory.h"
 #include "zraise.h"
-#include "zwholefile.h"
 
-static const char kFolder[] = "zbase/dialects";
-static const unsigned int kSuffixLength = 5;  // of ".conf"
 static const char kSwitches[] = "dialect";
 
 namespace {
@@ -98,51 +88,6 @@ const Switch kAll[] = {
      {{"short", ZDIALECT_SHORT_LINES}, {"any", ZDIALECT_ANY_LINES}}},
 };
 
-// The roots that hold the presets, the lowest first, behind each other; and pointers to them.
-class Roots {
-public:
-    Roots() {
-        add(ZBASE_DATA_FOLDER);
-        const char* folders = secure_getenv("XDG_DATA_DIRS");
-        if (!zhasText(folders))
-            folders = "/usr/local/share:/usr/share";
-        // Written with the most important first.
-        ZVector<ZLCString> given;
-        for (const char* at = folders; *at != '\0';) {
-            const size_t length = strcspn(at, ":");
-            if (*at == '/')
-                given.push_back(ZLCString(at, static_cast<unsigned int>(length)));
-            at += length + (at[length] == ':');
-        }
-        for (auto root = given.rbegin(); root != given.rend(); ++root)
-            add(root->getChars());
-        add("/etc");
-        for (const ZLCString& root : roots_)
-            pointers_.push_back(root.getChars());
-        pointers_.push_back(nullptr);
-    }
-
-    ZLayersTerms terms(const char* name) const {
-        ZLayersTerms terms = {};
-        terms.size = sizeof terms;
-        terms.name = name;
-        terms.project = kFolder;
-        terms.roots = pointers_.data();
-        terms.flags = ZLAYERS_USER;
-        return terms;
-    }
-
-private:
-    void add(const char* root) {
-        if (std::none_of(roots_.begin(), roots_.end(),
-                         [root](const ZLCString& known) { return known.equals(root); }))
-            roots_.push_back(ZLCString(root));
-    }
-
-    ZVector<ZLCString> roots_;
-    ZVector<const char*> pointers_;
-};
-
 }  // namespace
 
 [[noreturn]] static void raiseBad(const ZLayers& preset, const char* key, const char* text) {
@@ -169,7 +114,7 @@ static void readSwitch(const ZLayers& preset, const Switch& which, ZDialect& dia
 }
 
 void ZDialects::get(const char* name, ZDialect& dialect) {
-    const Roots roots;
+    const ZDialectRoots roots;
     const ZLayers preset(roots.terms(name), ZPCACHE_STRICT);
     ZDialect read = {};
     read.size = sizeof read;
@@ -194,68 +139,19 @@ void ZDialects::get(const char* name, ZDialect& dialect) {
     dialect = read;
 }
 
-// The names of all presets, sorted.
-static void listNames(const ZLayerTree& tree, ZVector<ZLCString>& names) {
-    for (unsigned int root = 0; root < tree.roots().size(); ++root) {
-        const ZOpenFile folder(
-            zopenFile(tree.folderOf(root, false).getChars(), O_RDONLY | O_DIRECTORY));
-        ZVector<ZLCString> listed;
-        if (folder.get() < 0 || zlistFolder(folder.get(), listed))
-            continue;  // as if it weren't there
-        for (const ZLCString& name : listed)
-            if (tree.isDropInName(name.getChars()) && name.getLength() > kSuffixLength)
-                names.push_back(ZLCString(name.getChars(), name.getLength() - kSuffixLength));
-    }
-    const auto isAhead = [](const ZLCString& a, const ZLCString& b) {
-        return strcmp(a.getChars(), b.getChars()) < 0;
-    };
-    std::sort(names.begin(), names.end(), isAhead);
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-}
-
-static ZLCString absolutePath(const char* path) {
-    if (*path == '/')
-        return ZLCString(path);
-    char* folder = getcwd(nullptr, 0);
-    if (folder == nullptr)
-        zraiseIO(path, "getcwd()", errno);
-    ZLCString absolute(folder);
-    free(folder);
-    absolute.append('/').append(path);
-    return absolute;
-}
-
 bool ZDialects::ofFile(const char* path, ZLCString& name, ZLCString& pattern) {
     zrequire(zhasText(path));
-    const Roots roots;
-    const ZLCString absolute(absolutePath(path));
-    ZVector<ZLCString> names;
-    listNames(ZLayerTree(roots.terms("x")), names);
-    bool isFound = false;
-    for (const ZLCString& candidate : names) {
-        const ZLayers preset(roots.terms(candidate.getChars()), ZPCACHE_STRICT);
-        ZArrayList patterns(8, 1);
-        preset.getValues("files", "pattern", patterns, ZPROP_STRING_LOCAL);
-        for (unsigned int i = 0; i < patterns.size(); ++i) {
-            const ZLCString& one = *static_cast<const ZLCString*>(patterns.get(i));
-            if (fnmatch(one.getChars(), absolute.getChars(), 0) != 0 ||
-                (isFound && one.getLength() <= pattern.getLength()))
-                continue;
-            isFound = true;
-            name = candidate;
-            pattern = one;
-        }
-    }
-    return isFound;
+    return ZDialectPatterns().find(path, name, pattern);
 }
 
 void ZDialects::forEach(void (*visit)(void* data, const char* name, const char* description),
                         void* data) {
     zrequire(visit != nullptr);
-    const Roots roots;
-    ZVector<ZLCString> names;
-    listNames(ZLayerTree(roots.terms("x")), names);
-    for (const ZLCString& name : names) {
+    const ZDialectRoots roots;
+    ZVector<ZDialectPreset> presets;
+    zlistDialects(roots, presets);
+    for (const ZDialectPreset& preset : presets) {
+        const ZLCString& name = preset.name;
         ZLCString file;
         const auto keepCounting = [](void* to, const ZLayerInfo& info) {
             if (info.kind == ZLAYER_MAIN && info.state == ZLAYER_COUNTS)
