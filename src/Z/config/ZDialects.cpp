@@ -5,10 +5,12 @@
 
 #include "ZExceptionText.h"
 #include "ZLayers.h"
+#include "zdialectconvert.h"
 #include "zdialectpatterns.h"
 #include "zdialecttext.h"
 #include "zinternal.h"
 #include "zraise.h"
+#include "zrefusal.h"
 
 static const char kSwitches[] = "dialect";
 
@@ -166,4 +168,24 @@ void ZDialects::forEach(void (*visit)(void* data, const char* name, const char* 
         ++text;
         visit(data, name.getChars(), text + strspn(text, " "));
     }
+}
+
+static void requireNoClash(const ZDialect* dialect) {
+    const ZDialectClash clash = dialect == nullptr ? ZDialectClash{} : zdialectClash(*dialect);
+    if (clash.first != nullptr)
+        zrequireNoFault({clash.first, clash.second});
+}
+
+void ZDialects::convert(const ZDialect* from, const void* bytes, size_t length, const ZDialect* to,
+                        ZBuffer& out,
+                        void (*leftOut)(void* data, int line, const char* text, const char* reason),
+                        void* data) {
+    zrequire(bytes != nullptr || length == 0);
+    requireNoClash(from);
+    requireNoClash(to);
+    const auto ignore = [](void*, int, const char*, const char*) {};
+    ZBytes made;
+    zdialectConvert(from, "", {static_cast<const char*>(bytes), length}, to,
+                    leftOut == nullptr ? ignore : leftOut, data, made);
+    out.setBuffer(made.size(), made.data());
 }

@@ -2,6 +2,7 @@
 #ifndef Z_ZDIALECTS_H
 #define Z_ZDIALECTS_H
 
+#include "ZBuffer.h"
 #include "ZLCString.h"
 #include "zdialect.h"
 
@@ -27,7 +28,7 @@
 /// slashes too.
 /// Which dialect a file has is never guessed from what it holds.
 ///
-/// Threads: any. Cost: reads the files anew each time.
+/// Threads: any. Cost: reads the files anew each time, but for convert.
 class ZEXPORT ZDialects {
 public:
     /// Raises ZPropertiesIOException with "fopen(r)" and ENOENT where there is no preset of this
@@ -42,6 +43,22 @@ public:
     /// Calls visit(data, name, description) for each preset, by name; the description is the first
     /// comment of its file, without "#".
     static void forEach(void (*visit)(void* data, const char* name, const char* description),
+                        void* data);
+
+    /// Makes `out` what the text says, spelled as is usual in another dialect; null for a dialect:
+    /// the library's own. Stanzas, keys and comments keep their order; what stands behind a value
+    /// goes ahead of its line where the other dialect has no such comments. A stanza that is there
+    /// several times, numbered or not, is so there if it may be, else all of it stands where its
+    /// first header does. Names get their first spelling. Calls leftOut(data, line, text, reason),
+    /// unless that is null, for each line that can't be said there or says nothing: a line of a key
+    /// of which a later one counts, one that says where hidden values are. Nothing is read or
+    /// written but these bytes.
+    /// Raises ZPropertiesInvalidDataException for a bad line, ahead of the first call, and
+    /// ZInvalidParameterException for switches that clash. Cost: linear, but for names that the
+    /// other dialect folds, which are looked for.
+    static void convert(const ZDialect* from, const void* bytes, size_t length, const ZDialect* to,
+                        ZBuffer& out,
+                        void (*leftOut)(void* data, int line, const char* text, const char* reason),
                         void* data);
 };
 

@@ -252,6 +252,7 @@
 #define zstzDialect_get zstzDialect_get_6_0
 #define zstzDialect_ofFile zstzDialect_ofFile_6_0
 #define zstzDialect_forEach zstzDialect_forEach_6_0
+#define zstzDialect_convert zstzDialect_convert_6_0
 #define zstzDialect_clash zstzDialect_clash_6_0
 #define zstzPropOpenDialect zstzPropOpenDialect_6_0
 #define zstzPropOpenDialectBytes zstzPropOpenDialectBytes_6_0

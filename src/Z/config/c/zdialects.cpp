@@ -58,11 +58,31 @@ void zstzDialect_clash(const ZDialect* dialect, const char** first, const char**
     *second = clash.second;
 }
 
+static bool hasNoClash(const ZDialect* dialect) {
+    return dialect == nullptr || zdialectClash(*dialect).first == nullptr;
+}
+
+int zstzDialect_convert(const ZDialect* from, const void* bytes, size_t length, const ZDialect* to,
+                        ZDialect_left_callback left, void* data, char** made, size_t* size) {
+    zclearLastError();
+    if (made == nullptr || (bytes == nullptr && length != 0) || !hasNoClash(from) ||
+        !hasNoClash(to))
+        return zparameterError();
+    *made = nullptr;
+    return zguarded(zfileGroup, [&] {
+        ZBuffer out;
+        ZDialects::convert(from, bytes, length, to, out, left, data);
+        *made = znewString(static_cast<const char*>(out.getBuffer()), out.getLength());
+        if (size != nullptr)
+            *size = out.getLength();
+        zclearLastError();  // of calls that were made for lines that were left out
+    });
+}
+
 // ---------------------------------------------------------------- handles
 
 static bool mayBe(const ZDialect* dialect, unsigned long attributes) {
-    return (attributes & ~kKnownAttributes) == 0 &&
-           (dialect == nullptr || zdialectClash(*dialect).first == nullptr);
+    return (attributes & ~kKnownAttributes) == 0 && hasNoClash(dialect);
 }
 
 static std::unique_ptr<ZPROP_stz_handle> newHandle(ZPROPOpenMode mode, const ZDialect* dialect,

@@ -17,6 +17,10 @@
 /* The function to call for each preset; it ends the walk by returning another number than 0. What
  * it is given is gone then. */
 typedef int (*ZDialect_callback)(void* data, const char* name, const char* description);
+/* The function to call for each line that a conversion leaves out, with its number from 1, its text
+ * without the line's end, and why: "a value can't hold a line end". The texts are good during the
+ * call. */
+typedef void (*ZDialect_left_callback)(void* data, int line, const char* text, const char* reason);
 
 Z_BEGIN_C
 
@@ -36,6 +40,17 @@ ZEXPORT int zstzDialect_forEach(ZDialect_callback visit, void* data);
 /* What can't be, as "continued lines by indent" and "can't go with a blank as divider": static
  * texts, null and null if all is well. */
 ZEXPORT void zstzDialect_clash(const ZDialect* dialect, const char** first, const char** second);
+
+/* Says in the dialect `to` what `length` bytes say in the dialect `from`, as a new block with a NUL
+ * behind it, for zstzPropFree, into *made; its length into *size unless that is null. A null
+ * dialect is the library's own. Comments and the order of stanzas and keys are kept; calls
+ * left(data, line, text, reason), unless `left` is null, for each line that isn't said, in their
+ * order (ZDialects.h tells which). 0; 51 for bad data, whose line zstzPropLastError tells, *made
+ * null then and nothing called; 53 without memory; 55 for a null `made`, null bytes with a length,
+ * or a dialect that clashes. */
+ZEXPORT int zstzDialect_convert(const ZDialect* from, const void* bytes, size_t length,
+                                const ZDialect* to, ZDialect_left_callback left, void* data,
+                                char** made, size_t* size);
 
 /* As zstzPropOpenWith and zstzPropOpenBytes, of a text in this dialect, which is copied; null: the
  * library's own. 55 too for a dialect that clashes. */

@@ -166,6 +166,10 @@ inline const char* ZDialectReader::tailIn(const char* first, const char* end) co
     return end;
 }
 
+const char* ZDialectReader::tailOf(const char* first, const char* end) const {
+    return tailIn(first, end);
+}
+
 const char* ZDialectReader::header(const Line& line, ZDialectPart& part) {
     part.kind = ZDialectPart::header;
     const char* const first = line.first + 1;

@@ -82,6 +82,9 @@ public:
     /// Those of the values to come are added here. For a value that was continued `value` is a copy
     /// whose blanks at its begin don't count.
     void noteJoints(ZVector<Joint>& joints) { joints_ = &joints; }
+    /// Where a comment begins between `first`, ahead of which there is text, and the end of a value
+    /// without quotes, or that end.
+    const char* tailOf(const char* first, const char* end) const;
 
 private:
     struct Line {

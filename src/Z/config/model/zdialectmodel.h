@@ -12,7 +12,9 @@
 void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComments);
 
 /// Likewise of a text in memory, into a store that is empty and becomes this dialect's; without
-/// comments. False for bad data.
+/// comments.
+void zdialectLoad(const ZDialect& dialect, const char* file, ZSpan text, ZPStore& store);
+/// The same; false for bad data.
 bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store);
 
 /// Makes `out` what `old` becomes so that a load of it gives the stanzas, keys and values of the

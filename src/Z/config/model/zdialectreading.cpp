@@ -197,14 +197,18 @@ void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComme
     DialectReading(store, file, start, keepComments).read();
 }
 
-bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store) {
+void zdialectLoad(const ZDialect& dialect, const char* file, ZSpan text, ZPStore& store) {
     store.setDialect(std::make_shared<const ZDialect>(dialect));
     const size_t start = store.textSize();
     if (text.size != 0)
         memcpy(store.textRoom(text.size, 0), text.data, text.size);
     store.commitText(text.size);
+    zdialectRead(store, file, start, false);
+}
+
+bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store) {
     try {
-        zdialectRead(store, "", start, false);
+        zdialectLoad(dialect, "", text, store);
         return true;
     } catch (ZPropertiesInvalidDataException&) {
         return false;
