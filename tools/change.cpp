@@ -29,13 +29,28 @@ static std::string placeOf(const char* stanza, const char* key) {
     return std::string("[") + stanza + "]" + (hasText(key) ? " " : "") + (hasText(key) ? key : "");
 }
 
+namespace {
+
+// Why a change failed: what the last call has met, or something else.
+struct Refusal {
+    Refusal() : why(lastErrorText()), isOfText(wasRefused()) {}
+    explicit Refusal(const std::string& text) : why(text), isOfText(false) {}
+
+    std::string why;
+    bool isOfText;  // the file can't hold it
+};
+
+}  // namespace
+
 // A change that failed for another reason than the file. With names and values that were tried out,
 // what can be wrong with it is that text would go where hidden values are.
 static Exit refuse(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
-                   std::string why = lastErrorText()) {
+                   Refusal refusal = Refusal()) {
     if (key != nullptr && isHidden(handle, stanza, key))
-        why = "its values are hidden; unset it first";
-    return reportError(badData, file, "can't change " + placeOf(stanza, key) + ": " + why);
+        refusal = Refusal("its values are hidden; unset it first");
+    const bool isSide = stanza != nullptr && strcmp(stanza, ZPROP_SIDE_STANZA) == 0;
+    return reportError(refusal.isOfText && !isSide ? usage : badData, file,
+                       "can't change " + placeOf(stanza, key) + ": " + refusal.why);
 }
 
 // A condition that doesn't hold.
@@ -84,8 +99,9 @@ static Exit checkSample(ZPROP_handle* handle, const char* file, Change change) {
         return failed;
     const std::string value = values.empty() ? "" : values.back();
     const char* fault = readTyped(handle, change, value.c_str());
-    return fault == nullptr ? done
-                            : refuse(handle, file, stanza, key, std::string(fault) + ": " + value);
+    return fault == nullptr
+               ? done
+               : refuse(handle, file, stanza, key, Refusal(std::string(fault) + ": " + value));
 }
 
 // Turns the sample of a key that isn't there into its entry.
@@ -107,6 +123,9 @@ static Exit set(ZPROP_handle* handle, const char* file, const Change& change) {
     Exit failed = checkConditions(handle, file, change);
     if (failed == done && change.terms.uncomment)
         failed = uncomment(handle, file, change);
+    if (failed == done && change.terms.bare)
+        return zstzPropSetBare(handle, stanza, key) == ZPROP_OK ? done
+                                                                : refuse(handle, file, stanza, key);
     if (failed != done || change.word(3) == nullptr)
         return failed;
     const int result = change.terms.type == integerType
@@ -119,7 +138,7 @@ static Exit set(ZPROP_handle* handle, const char* file, const Change& change) {
 
 // Adds a value behind the last of the key. False, and why, if it can't be.
 static bool addValue(ZPROP_handle* handle, const char* stanza, const char* key, const char* value,
-                     std::string& why) {
+                     Refusal& refusal) {
     ZPROP_iter_handle* made = nullptr;
     int result = zstzPropIter_init(handle, stanza, key, &made);
     const Walk walk(made);
@@ -128,15 +147,16 @@ static bool addValue(ZPROP_handle* handle, const char* stanza, const char* key, 
     if (result == ZPROP_OK)
         result = zstzPropIter_addValue(walk.get(), value);
     if (result != ZPROP_OK)
-        why = lastErrorText();  // the end of the walk is a call too
+        refusal = Refusal();  // the end of the walk is a call too
     return result == ZPROP_OK;
 }
 
 static Exit add(ZPROP_handle* handle, const char* file, const char* stanza, const char* key,
                 const char* value) {
-    std::string why;
-    return addValue(handle, stanza, key, value, why) ? done
-                                                     : refuse(handle, file, stanza, key, why);
+    Refusal refusal;
+    return addValue(handle, stanza, key, value, refusal)
+               ? done
+               : refuse(handle, file, stanza, key, refusal);
 }
 
 // Removes every such value of the key.
@@ -238,16 +258,26 @@ namespace {
 // refuses in any file.
 class Trial {
 public:
+    Trial(const char* file, const Options& options) : file_(file), options_(options) {}
+
     // Tries out what a change brings, and reads the value if it has a type.
     Exit run(Change& change) {
         if (handle_ == nullptr)
-            if (const Exit failed = openText("zstz", "", handle_))
+            if (const Exit failed = openText(file_, "", options_, handle_))
                 return failed;
         if (change.is("comment"))
             return addComment(handle_.get(), change) == ZPROP_OK
                        ? done
                        : refuse(commented(change, 1), commented(change, 2), lastErrorText());
         const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
+        if (!mayChangeLines(change))
+            return refuse(stanza, key, lastErrorText());
+        if (change.is("disable"))
+            return done;
+        if (change.terms.bare)
+            return zstzPropSetBare(handle_.get(), stanza, key) == ZPROP_OK
+                       ? done
+                       : refuse(stanza, key, lastErrorText());
         if (change.is("rename")) {
             const bool isStanza = commented(change, 2) == nullptr;
             if (change.words.back() == change.words[change.words.size() - 2])
@@ -256,11 +286,11 @@ public:
             key = isStanza ? "key" : value;
             value = "";
         }
-        std::string why;
+        Refusal refusal;
         if (zstzPropSetStringValue(handle_.get(), stanza, key, value) != ZPROP_OK)
             return refuse(stanza, key, lastErrorText());
-        if (change.is("add") && !addValue(handle_.get(), stanza, key, value, why))
-            return refuse(stanza, key, why);
+        if (change.is("add") && !addValue(handle_.get(), stanza, key, value, refusal))
+            return refuse(stanza, key, refusal.why);
         const char* fault = value == nullptr ? nullptr : readTyped(handle_.get(), change, value);
         return fault == nullptr ? done : complain(usage, "%s: %s", fault, value);
     }
@@ -270,6 +300,16 @@ private:
         return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
     }
 
+    // In a file of another dialect only values can be changed, whatever is there.
+    bool mayChangeLines(const Change& change) {
+        const bool asks = change.is("rename") || change.is("disable") || change.terms.uncomment;
+        bool found = false;
+        return !asks || dialectOf(handle_.get()) == nullptr ||
+               disableEntry(handle_.get(), "stanza", "key", found) == ZPROP_OK;
+    }
+
+    const char* const file_;
+    const Options& options_;
     Handle handle_;
 };
 
@@ -285,9 +325,12 @@ static Exit checkChange(Change& change, Trial& trial) {
         return failed;
     if (const Exit failed = checkTerms(command->name, change.terms))
         return failed;
-    if (change.is("set") && change.word(3) == nullptr && !change.terms.uncomment)
-        return complain(usage, "set takes a VALUE, but with --uncomment");
-    return change.is("unset") || change.is("disable") ? done : trial.run(change);
+    if (change.is("set") && change.terms.bare && change.word(3) != nullptr)
+        return complain(usage, "set takes no VALUE with --bare");
+    if (change.is("set") && change.word(3) == nullptr && !change.terms.uncomment &&
+        !change.terms.bare)
+        return complain(usage, "set takes a VALUE, but with --uncomment or --bare");
+    return change.is("unset") ? done : trial.run(change);
 }
 
 // ---------------------------------------------------------------- one change
@@ -297,10 +340,12 @@ Exit change(const Words& words, const Options& options) {
     change.words = words;
     change.words.erase(change.words.begin() + 1);  // the file
     change.terms = options.terms;
-    Trial trial;
+    const char* file = words[1].c_str();
+    if (*file == '\0')
+        return complain(usage, "FILE is empty");
+    Trial trial(file, options);
     if (const Exit failed = checkChange(change, trial))
         return failed;
-    const char* file = words[1].c_str();
     return update(file, options, [&](ZPROP_handle* handle) { return apply(handle, file, change); });
 }
 
@@ -347,6 +392,8 @@ static Exit takeTerms(Change& change) {
             change.terms.ifMissing = true;
         } else if (option == "--uncomment") {
             change.terms.uncomment = true;
+        } else if (option == "--bare") {
+            change.terms.bare = true;
         } else if (option == "--if-equals") {
             change.terms.ifEquals = true;
             change.terms.equals = words[2];
@@ -395,7 +442,8 @@ Exit edit(const Words& words, const Options& options) {
     if (lines.empty())
         readLines(lines);
     std::vector<Change> changes(lines.size());
-    Trial trial;
+    const char* file = words[0].c_str();
+    Trial trial(file, options);
     for (size_t i = 0; i < lines.size(); ++i) {
         Exit failed = readChange(lines[i], changes[i], trial);
         if (failed == done && options.isLayers(words[0].c_str()))
@@ -405,7 +453,6 @@ Exit edit(const Words& words, const Options& options) {
             return failed;
         }
     }
-    const char* file = words[0].c_str();
     return update(file, options, [&](ZPROP_handle* handle) -> Exit {
         for (size_t i = 0; i < changes.size(); ++i)
             if (const Exit failed = apply(handle, file, changes[i])) {
@@ -418,39 +465,99 @@ Exit edit(const Words& words, const Options& options) {
 
 // ---------------------------------------------------------------- merge
 
-// Makes the values of one key those of the other file.
-static Exit takeOver(ZPROP_handle* base, ZPROP_handle* over, const char* file, const char* overFile,
-                     const char* stanza, const char* key) {
+namespace {
+
+// The two files of a merge.
+struct Merge {
+    ZPROP_handle *const base, *const over;
+    const char *const file, *const overFile;
+    // By the place in the base: the name that was taken over there.
+    std::map<std::pair<std::string, std::string>, std::string> taken;
+
+    // Makes the values of one key those of the other file. The names are that file's; `baseStanza`
+    // is the base's.
+    Exit takeOver(const char* stanza, const char* key, const char* baseStanza, const char* baseKey);
+    Exit takeStanza(const std::string& stanza, Counterparts& stanzas);
+    Exit removeOthers();
+
+private:
+    bool isSpelledTwice(const char* stanza, const char* key, const char* name);
+};
+
+}  // namespace
+
+// Whether the base takes two names of the other file for the same.
+bool Merge::isSpelledTwice(const char* stanza, const char* key, const char* name) {
+    const ZDialect* dialect = dialectOf(base);
+    if (dialect == nullptr || dialect->names == ZDIALECT_EXACT)
+        return false;
+    const auto place = std::make_pair(folded(*dialect, stanza, true),
+                                      key == nullptr ? "" : "=" + folded(*dialect, key, false));
+    return taken.emplace(place, name).first->second != name;
+}
+
+static const char kSpelledTwice[] = "another spelling of the same name was taken over already";
+
+Exit Merge::takeOver(const char* stanza, const char* key, const char* baseStanza,
+                     const char* baseKey) {
     Words now, wanted;
+    const char* name = baseKey == nullptr ? key : baseKey;
+    if (isSpelledTwice(baseStanza, name, key))
+        return reportError(usage, file,
+                           "can't change " + placeOf(stanza, key) + ": " + kSpelledTwice);
     Exit failed = valuesOf(over, overFile, stanza, key, wanted);
     if (failed == done)
-        failed = valuesOf(base, file, stanza, key, now);
+        failed = valuesOf(base, file, baseStanza, name, now);
     if (failed != done)
         return failed;
-    if (now == wanted && hasEntry(base, stanza, key))
+    const bool bare = isBare(over, stanza, key);
+    if (now == wanted && baseKey != nullptr &&
+        (!now.empty() || bare == isBare(base, baseStanza, name)))
         return done;
     // The C interface puts no hidden values in, and text must not show what was hidden.
     if (isHidden(over, stanza, key))
         return reportError(badData, overFile,
                            placeOf(stanza, key) + " is hidden and can't be taken over");
     const char* first = wanted.empty() ? "" : wanted[0].c_str();
-    if (zstzPropSetStringValue(base, stanza, key, first) != ZPROP_OK)
-        return refuse(base, file, stanza, key);
+    const int result = bare ? zstzPropSetBare(base, baseStanza, name)
+                            : zstzPropSetStringValue(base, baseStanza, name, first);
+    if (result != ZPROP_OK)
+        return refuse(base, file, baseStanza, name);
     for (size_t i = 1; i < wanted.size(); ++i)
-        if ((failed = add(base, file, stanza, key, wanted[i].c_str())) != done)
+        if ((failed = add(base, file, baseStanza, name, wanted[i].c_str())) != done)
             return failed;
     return done;
 }
 
+Exit Merge::takeStanza(const std::string& stanza, Counterparts& stanzas) {
+    Words keys;
+    if (const Exit failed = keysOf(over, overFile, stanza.c_str(), keys))
+        return failed;
+    const char* known = stanzas.find(stanza);
+    const std::string baseStanza = known == nullptr ? stanza : known;
+    if (isSpelledTwice(baseStanza.c_str(), nullptr, stanza.c_str()))
+        return reportError(
+            usage, file, "can't change " + placeOf(stanza.c_str(), nullptr) + ": " + kSpelledTwice);
+    Counterparts there(over, base, file, baseStanza.c_str());
+    for (const std::string& key : keys) {
+        const char* same = there.find(key);
+        if (const Exit failed = takeOver(stanza.c_str(), key.c_str(), baseStanza.c_str(), same))
+            return failed;
+    }
+    return done;
+}
+
 // Removes what only the first file has.
-static Exit removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* file) {
+Exit Merge::removeOthers() {
     Words stanzas;
     if (const Exit failed = stanzasOf(base, file, stanzas))
         return failed;
+    Counterparts others(base, over, overFile, nullptr);
     for (const std::string& stanza : stanzas) {
         if (stanza == ZPROP_SIDE_STANZA)  // says where hidden values are
             continue;
-        if (!hasEntry(over, stanza.c_str(), nullptr)) {
+        const char* const other = others.find(stanza);
+        if (other == nullptr) {
             if (zstzPropRemoveStanza(base, stanza.c_str()) != ZPROP_OK)
                 return refuse(base, file, stanza.c_str(), nullptr);
             continue;
@@ -458,8 +565,9 @@ static Exit removeOthers(ZPROP_handle* base, ZPROP_handle* over, const char* fil
         Words keys;
         if (const Exit failed = keysOf(base, file, stanza.c_str(), keys))
             return failed;
+        Counterparts otherKeys(base, over, overFile, other);
         for (const std::string& key : keys)
-            if (!hasEntry(over, stanza.c_str(), key.c_str()) &&
+            if (otherKeys.find(key) == nullptr &&
                 zstzPropRemoveKey(base, stanza.c_str(), key.c_str()) != ZPROP_OK)
                 return refuse(base, file, stanza.c_str(), key.c_str());
     }
@@ -472,20 +580,17 @@ Exit merge(const Words& words, const Options& options) {
     if (const Exit failed = openFile(overFile, options, over))
         return failed;
     return update(file, options, [&](ZPROP_handle* base) -> Exit {
+        Merge both = {base, over.get(), file, overFile, {}};
         Words stanzas;
         if (const Exit failed = stanzasOf(over.get(), overFile, stanzas))
             return failed;
+        Counterparts there(over.get(), base, file, nullptr);
         for (const std::string& stanza : stanzas) {
-            Words keys;
             if (stanza == ZPROP_SIDE_STANZA)
                 continue;
-            if (const Exit failed = keysOf(over.get(), overFile, stanza.c_str(), keys))
+            if (const Exit failed = both.takeStanza(stanza, there))
                 return failed;
-            for (const std::string& key : keys)
-                if (const Exit failed =
-                        takeOver(base, over.get(), file, overFile, stanza.c_str(), key.c_str()))
-                    return failed;
         }
-        return options.remove ? removeOthers(base, over.get(), file) : done;
+        return options.remove ? both.removeOthers() : done;
     });
 }

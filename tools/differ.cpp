@@ -9,31 +9,39 @@ struct Side {
     char sign;
     Handle handle;
 
-    bool has(const char* stanza, const char* key) const {
-        return hasEntry(handle.get(), stanza, key);
-    }
     bool hides(const char* stanza, const char* key) const {
         return isHidden(handle.get(), stanza, key);
+    }
+    bool isBare(const char* stanza, const char* key) const {
+        return ::isBare(handle.get(), stanza, key);
     }
     Exit read(const char* stanza, const char* key, Words& values) const {
         return valuesOf(handle.get(), file, stanza, key, values);
     }
 };
 
+// A stanza or, where `key` isn't null, a key of a file, as that names it.
+struct Named {
+    const Side* side;
+    const char *stanza, *key;
+
+    Exit read(Words& values) const { return side->read(stanza, key, values); }
+    bool isHidden() const { return side->hides(stanza, key); }
+    bool isBare() const { return side->isBare(stanza, key); }
+};
+
 // One difference: of a stanza, or of a key that `here` has. What is hidden stays so.
 class Difference {
 public:
-    Difference(const Side& here, const char* stanza) : here_(here), stanza_(stanza) {}
-    Difference(const Side& here, const char* stanza, const char* key)
-        : here_(here), stanza_(stanza), key_(key) {}
+    explicit Difference(const Named& here) : here_(here) {}
     // The other file has the key, too.
-    void alsoIn(const Side& there) { there_ = &there; }
+    void alsoIn(const Named& there) { there_ = &there; }
 
     Exit print(bool asJSON) const { return asJSON ? printJSON() : printText(); }
 
 private:
     Exit printText() const {
-        if (key_ == nullptr) {
+        if (here_.key == nullptr) {
             printLine(here_, "");
             return done;
         }
@@ -42,61 +50,64 @@ private:
             failed = printSide(*there_);
         return failed;
     }
-    void printLine(const Side& side, const std::string& text) const {
-        printf("%s%c [%s]%s%s\n", colourOf(stdout, side.sign == '-' ? red : green), side.sign,
-               stanza_, text.c_str(), colourOf(stdout, plainColour));
+    // A value of several lines is one of several lines here.
+    void printLine(const Named& named, const std::string& text) const {
+        const char sign = named.side->sign;
+        const std::string more = std::string(1, sign) + "     ";
+        printf("%s%c [%s]%s%s\n", colourOf(stdout, sign == '-' ? red : green), sign, named.stanza,
+               inLines(text, more.c_str()).c_str(), colourOf(stdout, plainColour));
     }
-    Exit printSide(const Side& side) const {
-        const std::string name = std::string(" ") + key_;
-        if (side.hides(stanza_, key_)) {
-            printLine(side, name + " (hidden)");
+    Exit printSide(const Named& named) const {
+        const std::string name = std::string(" ") + named.key;
+        if (named.isHidden()) {
+            printLine(named, name + " (hidden)");
             return done;
         }
         Words values;
-        if (const Exit failed = side.read(stanza_, key_, values))
+        if (const Exit failed = named.read(values))
             return failed;
         for (const std::string& value : values)
-            printLine(side, name + " = " + value);
+            printLine(named, name + " = " + value);
         if (values.empty())
-            printLine(side, name + " =");
+            printLine(named, name + (named.isBare() ? "" : " ="));
         return done;
     }
 
     Exit printJSON() const {
         std::string line = "{\"change\": \"";
-        line += there_ != nullptr ? "modified" : here_.sign == '-' ? "deleted" : "added";
-        line += "\", \"stanza\": " + jsonOf(stanza_);
-        if (key_ != nullptr)
-            line += ", \"key\": " + jsonOf(key_);
-        for (const Side* side : {&here_, there_}) {
-            if (key_ == nullptr || side == nullptr)
+        line += there_ != nullptr ? "modified" : here_.side->sign == '-' ? "deleted" : "added";
+        line += "\", \"stanza\": " + jsonOf(here_.stanza);
+        if (here_.key != nullptr)
+            line += ", \"key\": " + jsonOf(here_.key);
+        for (const Named* named : {&here_, there_}) {
+            if (here_.key == nullptr || named == nullptr)
                 continue;
             Words values;
-            if (const Exit failed = side->read(stanza_, key_, values))
+            if (const Exit failed = named->read(values))
                 return failed;
-            line += side->sign == '-' ? ", \"old\": " : ", \"new\": ";
-            line += side->hides(stanza_, key_) ? "{\"hidden\": null}" : jsonOfValues(values, false);
+            line += named->side->sign == '-' ? ", \"old\": " : ", \"new\": ";
+            line += named->isHidden() ? "{\"hidden\": null}"
+                    : values.empty()  ? jsonOfNone(named->isBare())
+                                      : jsonOfValues(values, false);
         }
         puts((line + "}").c_str());
         return done;
     }
 
-    const Side& here_;
-    const Side* there_ = nullptr;
-    const char* const stanza_;
-    const char* const key_ = nullptr;
+    const Named here_;
+    const Named* there_ = nullptr;
 };
 
 }  // namespace
 
 // Whether both say the same of a key that both have.
-static Exit compare(const Side& here, const Side& there, const char* stanza, const char* key,
-                    bool& areSame) {
+static Exit compare(const Named& here, const Named& there, bool& areSame) {
     Words left, right;
-    Exit failed = here.read(stanza, key, left);
+    Exit failed = here.read(left);
     if (failed == done)
-        failed = there.read(stanza, key, right);
-    areSame = left == right && here.hides(stanza, key) == there.hides(stanza, key);
+        failed = there.read(right);
+    areSame = left == right && here.isHidden() == there.isHidden() &&
+              (!left.empty() || here.isBare() == there.isBare());
     return failed;
 }
 
@@ -106,23 +117,29 @@ static Exit printDifferences(const Side& here, const Side& there, const Options&
     Words stanzas;
     if (const Exit failed = stanzasOf(here.handle.get(), here.file, stanzas))
         return failed;
+    Counterparts others(here.handle.get(), there.handle.get(), there.file, nullptr);
     for (const std::string& stanza : stanzas) {
         Exit failed = done;
-        if (!there.has(stanza.c_str(), nullptr)) {
-            failed = Difference(here, stanza.c_str()).print(options.json);
+        const char* const other = others.find(stanza);
+        if (other == nullptr) {
+            failed = Difference({&here, stanza.c_str(), nullptr}).print(options.json);
             found = true;
         }
         Words keys;
         if (failed == done)
             failed = keysOf(here.handle.get(), here.file, stanza.c_str(), keys);
+        Counterparts otherKeys(here.handle.get(), there.handle.get(), there.file,
+                               other == nullptr ? stanza.c_str() : other);
         for (const std::string& key : keys) {
-            Difference difference(here, stanza.c_str(), key.c_str());
+            const Named named = {&here, stanza.c_str(), key.c_str()};
+            const Named same = {&there, other, other == nullptr ? nullptr : otherKeys.find(key)};
+            Difference difference(named);
             bool areSame = false;
-            if (there.has(stanza.c_str(), key.c_str())) {
+            if (same.key != nullptr) {
                 if (!printChanged)
                     continue;
-                failed = compare(here, there, stanza.c_str(), key.c_str(), areSame);
-                difference.alsoIn(there);
+                failed = compare(named, same, areSame);
+                difference.alsoIn(same);
             }
             if (areSame)
                 continue;

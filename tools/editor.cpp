@@ -190,19 +190,22 @@ static bool isBadLineOf(const char* file) {
 // What a text says of the place of hidden values isn't taken over.
 static std::string sideEntryOf(const char* file, ZPROP_handle* text) {
     Words values;
+    if (dialectOf(text) != nullptr)
+        return "";
     valuesOf(text, file, ZPROP_SIDE_STANZA, "file", values);
     return values.empty() ? "" : values.back();
 }
 
 // Lets the copy be edited until it is good or given up. `old`: what was there; null if that is bad.
-static Exit editUntilGood(const char* file, Copy& copy, ZPROP_handle* old, std::string& text) {
+static Exit editUntilGood(const char* file, const Options& options, Copy& copy, ZPROP_handle* old,
+                          std::string& text) {
     for (;;) {
         Handle trial;
         Exit failed = copy.edit();
         if (failed == done)
             failed = copy.read(text);
         if (failed == done)
-            failed = openText(file, text, trial);
+            failed = openText(file, text, options, trial);
         if (failed == done && old != nullptr &&
             sideEntryOf(file, old) != sideEntryOf(file, trial.get()))
             failed = reportError(badData, file,
@@ -234,9 +237,10 @@ struct Before {
 static Exit readBefore(const char* file, const Options& options, Before& before) {
     before.isMissing = options.create && access(file, F_OK) != 0 && errno == ENOENT;
     if (before.isMissing)
-        return openText(file, "", before.old);
+        return openText(file, "", options, before.old);
     Options looking;
     looking.wait = options.wait;
+    looking.dialect = options.dialect;
     Handle handle;
     Exit failed = openFile(file, looking, handle);
     before.isBad = failed == badData && isBadLineOf(file);
@@ -251,7 +255,7 @@ static Exit readBefore(const char* file, const Options& options, Before& before)
         failed = reportLocking(file, begun);
     if (failed == done)
         failed = readNow(handle.get(), file, before.text);
-    return failed == done ? openText(file, before.text, before.old) : failed;
+    return failed == done ? openText(file, before.text, options, before.old) : failed;
 }
 
 static Exit storeText(const char* file, const Options& options, const Before& before,
@@ -285,7 +289,7 @@ Exit editByEditor(const char* file, const Options& options) {
         failed = copy.make(file, before.text);
     if (failed != done)
         return failed;
-    if ((failed = editUntilGood(file, copy, before.old.get(), text)) != done)
+    if ((failed = editUntilGood(file, options, copy, before.old.get(), text)) != done)
         return copy.keep(failed);
     if (text == before.text)
         return complain(done,

@@ -57,6 +57,18 @@ Exit report(const Failed& failed) {
 
 Exit reportLastError(const char* file) { return report(lastFailure(file)); }
 
+bool wasRefused() {
+    ZPROP_error error;
+    return zstzPropLastError(&error) == refused;
+}
+
+Exit reportStoring(ZPROP_handle* handle, const char* file) {
+    Failed failed = lastFailure(file);
+    if (wasRefused() && dialectOf(handle) != nullptr)
+        failed.code = usage;
+    return report(failed);
+}
+
 std::string lastErrorText() {
     ZPROP_error error;
     zstzPropLastError(&error);
@@ -82,9 +94,13 @@ Exit readStandardInput(std::string& text) {
     return readAll(stdin, text) ? done : complain(fileError, "standard input: %s", strerror(errno));
 }
 
-Exit openText(const char* file, const std::string& text, Handle& handle) {
+Exit openText(const char* file, const std::string& text, const Options& options, Handle& handle) {
     ZPROP_handle* opened = nullptr;
-    if (zstzPropOpenBytes(&opened, text.data(), text.size(), kAttributes) != ZPROP_OK)
+    const ZDialect* dialect;
+    if (const Exit failed = dialectFor(file, options, dialect))
+        return failed;
+    if (zstzPropOpenDialectBytes(&opened, text.data(), text.size(), dialect, kAttributes) !=
+        ZPROP_OK)
         return reportLastError(file);
     handle.reset(opened);
     return done;
@@ -105,15 +121,18 @@ Exit openFile(const char* file, const Options& options, Handle& handle) {
     if (isStandardInput(file)) {
         std::string text;
         const Exit failed = readStandardInput(text);
-        return failed != done ? failed : openText(file, text, handle);
+        return failed != done ? failed : openText(file, text, options, handle);
     }
     if (*file == '\0')
         return complain(usage, "FILE is empty");
     if (options.isLayers(file))
         return openLayers(options, handle);
     ZPROP_handle* opened = nullptr;
-    const int result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_UPDATE, kAttributes,
-                                        options.storeMode, options.wait);
+    const ZDialect* dialect;
+    if (const Exit failed = dialectFor(file, options, dialect))
+        return failed;
+    const int result = zstzPropOpenDialect(&opened, file, ZPROP_OPEN_UPDATE, dialect, kAttributes,
+                                           options.storeMode, options.wait);
     if (result != ZPROP_OK)
         return reportLocking(file, result);
     handle.reset(opened);
@@ -130,6 +149,11 @@ bool hasEntry(ZPROP_handle* handle, const char* stanza, const char* key) {
 bool isHidden(ZPROP_handle* handle, const char* stanza, const char* key) {
     int error = 0;
     return zstzPropIsHidden(handle, stanza, key, &error) != 0;
+}
+
+bool isBare(ZPROP_handle* handle, const char* stanza, const char* key) {
+    int error = 0;
+    return zstzPropIsBare(handle, stanza, key, &error) != 0;
 }
 
 // Whether one letter more, less or other, two that have changed places, or their case make one name

@@ -1,6 +1,9 @@
 // inside.cpp: the one unit that looks behind the C interface.
 #include <Z/ZBuffer.h>
 #include <Z/ZPropHandle.h>
+#include <Z/ZPropertiesImpl.h>
+#include <Z/zdialectpatterns.h>
+#include <Z/zdialecttext.h>
 #include <Z/zjournal.h>
 #include <Z/zlayerfinding.h>
 #include <Z/zlayersfile.h>
@@ -78,7 +81,60 @@ int foreseeTarget(ZPROP_handle* handle, std::string& path, std::string& before, 
     return zstoreResult(several, result);
 }
 
-// As a load reads one: under its lock, and what a store that was stopped had written down for it.
+const ZDialect* dialectOf(ZPROP_handle* handle) {
+    const ZDialect* dialect = nullptr;
+    call(handle,
+         [&](ZStanzaFileProperties& file) { dialect = ZPropertiesFile::of(file).dialect(); });
+    return dialect;
+}
+
+std::string folded(const ZDialect& dialect, const std::string& name, bool isStanza) {
+    ZBytes bytes;
+    zdialectFold(dialect, {name.data(), name.size()}, isStanza, bytes);
+    return std::string(bytes.data(), bytes.size());
+}
+
+int presetFor(const char* path, std::string& name, std::string& pattern) {
+    static std::unique_ptr<const ZDialectPatterns> patterns;
+    zclearLastError();
+    return zguarded(zfileGroup, [&] {
+        if (patterns == nullptr)
+            patterns.reset(new ZDialectPatterns);
+        ZLCString found, by;
+        const bool fits = patterns->find(path, found, by);
+        name = fits ? found.getChars() : "";
+        pattern = fits ? by.getChars() : "";
+    });
+}
+
+// As a load reads an open file: under its lock, and what a store that was stopped had written down
+// for it.
+static ZFailure readLocked(int descriptor, const char* path, const char* place, bool isDirect,
+                           unsigned long wait, std::string& text) {
+    zcheckIO(zlockWholeFile(descriptor, F_RDLCK, zlockOfDescription, wait).of(path));
+    ZJournal journal(place, descriptor, isDirect);
+    if (journal.find()) {
+        text.assign(journal.text().data, journal.text().size);
+        return zdone;
+    }
+    ZBytes bytes;
+    const ZFailure failure = zreadWholeFile(descriptor, bytes);
+    text.assign(bytes.data(), bytes.size());
+    return failure;
+}
+
+int readText(const char* file, unsigned long wait, std::string& text) {
+    zclearLastError();
+    return zguardedByLock([&] {
+        ZOpenFile open;
+        ZLockScope lock(open, zlockOfDescription);
+        open.reset(zopenFile(file, O_RDONLY | O_NONBLOCK));
+        if (open.get() < 0)
+            zraiseIO(file, "fopen(r)", errno);
+        zcheckIO(readLocked(open.get(), file, file, false, wait, text).of(file));
+    });
+}
+
 // 0 or errno.
 static int readLayer(const ZLayerTree& tree, const ZLayerFinding& finding, const ZLayerFile& layer,
                      unsigned long wait, std::string& text) {
@@ -90,17 +146,9 @@ static int readLayer(const ZLayerTree& tree, const ZLayerFinding& finding, const
     file.reset(finding.open(layer));
     if (file.get() < 0)
         return errno;
-    zcheckIO(
-        zlockWholeFile(file.get(), F_RDLCK, zlockOfDescription, wait).of(layer.path.getChars()));
-    ZJournal journal(place.getChars(), file.get(), !layer.isLink);
-    if (journal.find()) {
-        text.assign(journal.text().data, journal.text().size);
-        return 0;
-    }
-    ZBytes bytes;
-    const ZFailure failure = zreadWholeFile(file.get(), bytes);
-    text.assign(bytes.data(), bytes.size());
-    return failure.error;
+    return readLocked(file.get(), layer.path.getChars(), place.getChars(), !layer.isLink, wait,
+                      text)
+        .error;
 }
 
 int readCounting(const ZLayersTerms& terms, unsigned long wait, std::vector<LayerText>& texts) {

@@ -79,9 +79,11 @@ static std::string jsonListOf(const Words& values, const std::string& before,
 
 std::string jsonList(const Words& values) { return jsonListOf(values, "", ""); }
 
+std::string jsonOfNone(bool isBare) { return isBare ? "{\"bare\": true}" : "null"; }
+
 std::string jsonOfValues(const Words& values, bool areHidden) {
     if (values.empty())
-        return "null";
+        return jsonOfNone(false);
     const std::string list =
         areHidden ? jsonListOf(values, "{\"hidden\": ", "}") : jsonListOf(values, "", "");
     return values.size() > 1 ? list : list.substr(1, list.size() - 2);

@@ -15,7 +15,8 @@ static Exit printValues(ZPROP_handle* handle, const char* file, const char* stan
     if (options.all && options.json) {
         puts(jsonList(values).c_str());
     } else if (options.json) {
-        puts(values.empty() ? "null" : jsonOf(values.back()).c_str());
+        puts(values.empty() ? jsonOfNone(isBare(handle, stanza, key)).c_str()
+                            : jsonOf(values.back()).c_str());
     } else if (options.all) {
         for (const std::string& value : values)
             puts(value.c_str());
@@ -61,9 +62,9 @@ static Exit listEntries(ZPROP_handle* handle, const char* file, const char* stan
         if (const Exit failed = valuesOf(handle, file, stanza, key.c_str(), values))
             return failed;
         for (const std::string& value : values)
-            printf("%s = %s\n", key.c_str(), value.c_str());
+            printf("%s = %s\n", key.c_str(), inLines(value).c_str());
         if (values.empty())
-            printf("%s =\n", key.c_str());
+            printf("%s%s\n", key.c_str(), isBare(handle, stanza, key.c_str()) ? "" : " =");
     }
     return done;
 }
@@ -73,8 +74,10 @@ namespace {
 // Prints entries, as a walk over all of them brings them, as nested objects: a line a key.
 class JSONPrinter {
 public:
-    // Of all stanzas if this is null.
-    explicit JSONPrinter(const char* only) : only_(only) { putchar('{'); }
+    // Of all stanzas if `only` is null.
+    JSONPrinter(ZPROP_handle* handle, const char* only) : handle_(handle), only_(only) {
+        putchar('{');
+    }
 
     void take(const ZPROP_entry& entry) {
         if (entry.key == nullptr) {
@@ -83,6 +86,7 @@ public:
                 return;
             isOpen_ = true;
             isFirstKey_ = true;
+            stanza_ = entry.stanza;
             if (only_ == nullptr)
                 printf("%s\n%s: {", isFirst_ ? "" : ",", jsonNameOf(entry.stanza).c_str());
             isFirst_ = false;
@@ -107,7 +111,9 @@ private:
     void endKey() {
         if (hasKey_)
             printf("%s\n  %s: %s", isFirstKey_ ? "" : ",", jsonNameOf(key_).c_str(),
-                   jsonOfValues(values_, areHidden_).c_str());
+                   (values_.empty() ? jsonOfNone(isBare(handle_, stanza_.c_str(), key_.c_str()))
+                                    : jsonOfValues(values_, areHidden_))
+                       .c_str());
         isFirstKey_ = isFirstKey_ && !hasKey_;
         hasKey_ = false;
         values_.clear();
@@ -121,16 +127,17 @@ private:
         isOpen_ = false;
     }
 
+    ZPROP_handle* const handle_;
     const char* const only_;
     bool isFirst_ = true, isFirstKey_ = true, isOpen_ = false, hasKey_ = false, areHidden_ = false;
-    std::string key_;
+    std::string stanza_, key_;
     Words values_;
 };
 
 }  // namespace
 
 static Exit listAsJSON(ZPROP_handle* handle, const char* file, const char* stanza) {
-    JSONPrinter printer(stanza);
+    JSONPrinter printer(handle, stanza);
     const auto take = [](void* to, const ZPROP_entry* entry) {
         static_cast<JSONPrinter*>(to)->take(*entry);
         return 0;
@@ -179,17 +186,21 @@ static void printAsJSON(const char* file, const Failed& failed) {
 static Exit checkFile(const char* file, const Options& options,
                       const std::function<void(const Failed&)>& tell) {
     ZPROP_handle* opened = nullptr;
+    const ZDialect* dialect;
     int result;
+    if (*file == '\0')
+        return complain(usage, "FILE is empty");
+    if (const Exit failed = dialectFor(file, options, dialect))
+        return failed;
     if (isStandardInput(file)) {
         std::string text;
         if (const Exit failed = readStandardInput(text))
             return failed;
-        result = zstzPropOpenBytes(&opened, text.data(), text.size(), ZPCACHE_STRICT);
-    } else if (*file == '\0') {
-        return complain(usage, "FILE is empty");
+        result =
+            zstzPropOpenDialectBytes(&opened, text.data(), text.size(), dialect, ZPCACHE_STRICT);
     } else {
-        result = zstzPropOpenWith(&opened, file, ZPROP_OPEN_READ, ZPCACHE_STRICT, options.storeMode,
-                                  options.wait);
+        result = zstzPropOpenDialect(&opened, file, ZPROP_OPEN_READ, dialect, ZPCACHE_STRICT,
+                                     options.storeMode, options.wait);
     }
     const Handle handle(opened);
     if (result != ZPROP_OK)

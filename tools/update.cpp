@@ -29,17 +29,22 @@ static Exit createFile(const char* file, bool& isMade) {
 }
 
 // Whether a file that is empty would take the changes. What fails is told.
-static Exit tryOnEmptyText(const char* file, const Changes& changes) {
+static Exit tryOnEmptyText(const char* file, const Options& options, const Changes& changes) {
     Handle handle;
-    const Exit failed = openText(file, "", handle);
-    return failed != done ? failed : changes(handle.get());
+    std::string made;
+    Exit failed = openText(file, "", options, handle);
+    if (failed == done)
+        failed = changes(handle.get());
+    if (failed == done && textOver(handle.get(), "", made) != ZPROP_OK)
+        failed = reportStoring(handle.get(), file);
+    return failed;
 }
 
 // A text without a file: what becomes of it goes to standard output.
 static Exit updateText(const char* file, const std::string& before, const Options& options,
                        const Changes& changes) {
     Handle handle;
-    Exit failed = openText(file, before, handle);
+    Exit failed = openText(file, before, options, handle);
     if (failed == done)
         failed = changes(handle.get());
     // What isn't changed goes on as it was: the next in a pipe, or a file behind it, needs it all.
@@ -49,7 +54,7 @@ static Exit updateText(const char* file, const std::string& before, const Option
         return failed;
     std::string now;
     if (textOver(handle.get(), before, now) != ZPROP_OK)
-        return reportLastError(file);
+        return reportStoring(handle.get(), file);
     if (options.dryRun)
         printPatch(file, before, now);
     else
@@ -60,6 +65,8 @@ static Exit updateText(const char* file, const std::string& before, const Option
 // A store takes the entry away that names the side database, once nothing is hidden.
 static Exit dropSideEntry(ZPROP_handle* handle, const char* file) {
     bool hides = false;
+    if (dialectOf(handle) != nullptr)
+        return done;  // it names none there
     const auto look = [](void* to, const ZPROP_entry* entry) {
         *static_cast<bool*>(to) = entry->hidden != 0;
         return entry->hidden;  // the first ends the walk
@@ -77,7 +84,7 @@ static Exit foresee(ZPROP_handle* handle, const char* file, std::string& before,
         return reportLastError(file);
     if (const Exit failed = dropSideEntry(handle, file))
         return failed;
-    return textOver(handle, before, now) == ZPROP_OK ? done : reportLastError(file);
+    return textOver(handle, before, now) == ZPROP_OK ? done : reportStoring(handle, file);
 }
 
 // Says what helps where a store can't be made beside the file.
@@ -93,10 +100,10 @@ static const char kSeveralNames[] =
     "a safe store puts a new file in place, and this one has several hard links";
 static const char kNoFolder[] = "a safe store needs a folder that may be written to";
 
-static Exit reportStore(const char* file, const Options& options) {
+static Exit reportStore(ZPROP_handle* handle, const char* file, const Options& options) {
     const Failed failed = lastFailure(file);
     const int error = zstzPropLastErrno();
-    const Exit code = reportLastError(file);
+    const Exit code = reportStoring(handle, file);
     if (options.storeMode != ZPROP_STORE_SAFE)
         return code;
     if (error == EMLINK)
@@ -145,7 +152,7 @@ static Exit commit(ZPROP_handle* handle, const char* file, const Options& option
     if (committed == ZPROP_SHADOWED)
         return reportShadowed(file);
     if (committed != ZPROP_OK)
-        return options.isLayers(file) ? reportLastError(file) : reportStore(file, options);
+        return options.isLayers(file) ? reportLastError(file) : reportStore(handle, file, options);
     int stored = options.storeMode;
     if (!options.isLayers(file) && zstzPropLastStoreMode(handle, &stored) == ZPROP_OK &&
         stored < options.storeMode)
@@ -194,7 +201,7 @@ Exit update(const char* file, const Options& options, const Changes& changes) {
     if (options.create) {
         // A file that is made can't be taken away again: others may have opened it.
         if (isMissing(file))
-            if (const Exit failed = tryOnEmptyText(file, changes))
+            if (const Exit failed = tryOnEmptyText(file, options, changes))
                 return failed;
         if (const Exit failed = createFile(file, isNew))
             return failed;

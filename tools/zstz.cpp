@@ -79,11 +79,12 @@ static const char kHelp[] =
 static const size_t kAny = 1 << 20;
 
 static const Command kCommands[] = {
-    {"get", 3, kAny, get},     {"set", 3, 4, change},     {"add", 4, 4, change},
-    {"unset", 2, 4, change},   {"comment", 2, 4, change}, {"rename", 3, 4, change},
-    {"disable", 3, 3, change}, {"list", 1, 2, list},      {"check", 1, kAny, check},
-    {"edit", 1, kAny, edit},   {"diff", 2, 2, diff},      {"merge", 2, 2, merge},
-    {"watch", 1, 2, watch},    {"layers", 1, 1, layers},  {"cat", 1, 1, cat},
+    {"get", 3, kAny, get},           {"set", 3, 4, change},      {"add", 4, 4, change},
+    {"unset", 2, 4, change},         {"comment", 2, 4, change},  {"rename", 3, 4, change},
+    {"disable", 3, 3, change},       {"list", 1, 2, list},       {"check", 1, kAny, check},
+    {"edit", 1, kAny, edit},         {"diff", 2, 2, diff},       {"merge", 2, 2, merge},
+    {"watch", 1, 2, watch},          {"layers", 1, 1, layers},   {"cat", 1, 1, cat},
+    {"dialects", 0, kAny, dialects}, {"convert", 1, 1, convert},
 };
 
 const Command* findCommand(const std::string& name) {
@@ -128,23 +129,30 @@ static Exit checkGiven(const std::string& command, const std::vector<Given>& opt
 Exit checkTerms(const char* command, const Terms& terms) {
     if (terms.ifMissing && terms.ifEquals)
         return complain(usage, "--if-missing and --if-equals exclude each other");
+    if (terms.bare && (terms.type != anyType || terms.uncomment))
+        return complain(usage, "--bare makes a key without a value; --type and --uncomment don't");
     return checkGiven(command, {{terms.type != anyType, "--type", {"set"}},
                                 {terms.ifMissing, "--if-missing", {"set"}},
                                 {terms.ifEquals, "--if-equals", {"set"}},
-                                {terms.uncomment, "--uncomment", {"set"}}});
+                                {terms.uncomment, "--uncomment", {"set"}},
+                                {terms.bare, "--bare", {"set"}}});
 }
 
 static Exit checkOptions(const std::string& command, const Options& options) {
     const Words changes = {"set", "add", "unset", "comment", "rename", "disable", "edit", "merge"};
+    Words all = changes;
+    all.insert(all.end(), {"get", "list", "check", "diff", "watch", "convert"});
     const Exit failed = checkGiven(
-        command, {{options.all, "--all", {"get"}},
-                  {options.hasDefault, "--default", {"get"}},
-                  {options.json, "--json", {"get", "list", "check", "diff", "watch", "layers"}},
-                  {options.create, "--create", {"set", "edit", "merge"}},
-                  {options.remove, "--delete", {"merge"}},
-                  {options.editor, "--editor", {"edit"}},
-                  {options.dryRun, "--dry-run", changes},
-                  {options.backups != 0, "--backup", changes}});
+        command,
+        {{options.all, "--all", {"get"}},
+         {options.hasDefault, "--default", {"get"}},
+         {options.json, "--json", {"get", "list", "check", "diff", "watch", "layers", "dialects"}},
+         {!options.dialect.empty(), "--dialect", all},
+         {options.create, "--create", {"set", "edit", "merge"}},
+         {options.remove, "--delete", {"merge"}},
+         {options.editor, "--editor", {"edit"}},
+         {options.dryRun, "--dry-run", changes},
+         {options.backups != 0, "--backup", changes}});
     return failed == done ? checkTerms(command.c_str(), options.terms) : failed;
 }
 
@@ -168,6 +176,11 @@ static Exit run(Words words, Options& options) {
     const Command* command = findCommand(name);
     if (command == nullptr)
         return complain(usage, "no such command: %s; see zstz --help", name.c_str());
+    if (name == "convert")
+        options.toDialect.swap(options.layers.to);
+    if (!options.layers.name.empty() &&
+        (!options.dialect.empty() || name == "convert" || name == "dialects"))
+        return complain(usage, "the files of a layered configuration are stanza files");
     if (const Exit failed = useLayers(words, options))
         return failed;
     if (const Exit failed = checkCount(*command, words.size() - 1))
@@ -221,10 +234,12 @@ int main(int argc, char** argv) {
     setenv("QELDIR", "/opt/Quillmere/nls/QEL", 0);
     static const option kOptions[] = {{"all", no_argument, nullptr, 'a'},
                                       {"all-layers", no_argument, nullptr, 'A'},
+                                      {"bare", no_argument, nullptr, 'B'},
                                       {"backup", optional_argument, nullptr, 'b'},
                                       {"create", no_argument, nullptr, 'c'},
                                       {"default", required_argument, nullptr, 'D'},
                                       {"delete", no_argument, nullptr, 'd'},
+                                      {"dialect", required_argument, nullptr, 'i'},
                                       {"dry-run", no_argument, nullptr, 'n'},
                                       {"editor", no_argument, nullptr, 'e'},
                                       {"help", no_argument, nullptr, 'h'},
@@ -246,8 +261,10 @@ int main(int argc, char** argv) {
     int letter;
     while ((letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
         // An empty root, say of a variable that isn't set, must not mean the whole system.
-        if (strchr("LrT", letter) != nullptr && *optarg == '\0')
-            return complain(usage, "--layers, --root and --to take a word that isn't empty");
+        if (strchr("LrTi", letter) != nullptr && *optarg == '\0')
+            return complain(usage, letter == 'i'
+                                       ? "--dialect takes a word that isn't empty"
+                                       : "--layers, --root and --to take a word that isn't empty");
         switch (letter) {
             case 'a':
                 options.all = true;
@@ -303,6 +320,12 @@ int main(int argc, char** argv) {
             case 't':
                 if (const Exit failed = parseType(optarg, options.terms.type))
                     return failed;
+                break;
+            case 'B':
+                options.terms.bare = true;
+                break;
+            case 'i':
+                options.dialect = optarg;
                 break;
             case 'u':
                 options.terms.uncomment = true;

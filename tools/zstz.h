@@ -13,20 +13,24 @@
 //   inside.cpp    what the C interface lacks
 //   watch.cpp     watch
 //   layers.cpp    layered configurations: --layers, layers, cat
+//   dialects.cpp  files of other programs: --dialect, dialects, convert
 #ifndef TOOLS_ZSTZ_H
 #define TOOLS_ZSTZ_H
 
+#include <Z/zdialects.h>
 #include <Z/zproperties.h>
 
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 /// How zstz ends. `unmet` is a condition that doesn't hold.
 /// `shadowed` is a change that is stored and has no effect.
+/// `leftOut` is a conversion that lacks something.
 enum Exit {
     done = 0,
     notFound = 1,
@@ -35,11 +39,12 @@ enum Exit {
     usage = 2,
     fileError = 3,
     badData = 4,
-    shadowed = 5
+    shadowed = 5,
+    leftOut = 6
 };
 
 /// What zstzPropLastError calls failures that are no failed call of the system.
-enum Failure { invalidData = 44 };
+enum Failure { refused = 22, invalidData = 44 };
 
 /// What is wrong with a side database of no such content.
 static const char kNotASide[] = "not a side database";
@@ -54,6 +59,7 @@ struct Terms {
     bool ifEquals = false;
     std::string equals;
     bool uncomment = false;
+    bool bare = false;  // without a value and a divider
 };
 
 /// A layered configuration in the place of FILE.
@@ -83,6 +89,8 @@ struct Options {
     bool dryRun = false;
     bool editor = false;       // of edit
     unsigned int backups = 0;  // how many are kept; 0: none is made
+    std::string dialect;       // of all files; empty: the patterns of the presets choose
+    std::string toDialect;     // of convert
     Terms terms;
     LayerOptions layers;
     int storeMode = ZPROP_STORE_SAFE;
@@ -115,6 +123,8 @@ Exit merge(const Words& words, const Options& options);
 Exit watch(const Words& words, const Options& options);
 Exit layers(const Words& words, const Options& options);
 Exit cat(const Words& words, const Options& options);
+Exit dialects(const Words& words, const Options& options);
+Exit convert(const Words& words, const Options& options);
 
 struct Command {
     const char* name;
@@ -158,7 +168,7 @@ void adviseWaiting(int result);
 /// file with its lines kept, or reports.
 Exit openFile(const char* file, const Options& options, Handle& handle);
 /// The same of a text, as that of this file.
-Exit openText(const char* file, const std::string& text, Handle& handle);
+Exit openText(const char* file, const std::string& text, const Options& options, Handle& handle);
 
 /// What the last call has met.
 struct Failed {
@@ -173,11 +183,17 @@ Exit report(const Failed& failed);
 Exit reportLastError(const char* file);
 /// What the last call has met, in the library's words.
 std::string lastErrorText();
+/// Whether it was a name or value that the file can't hold.
+bool wasRefused();
+/// Tells of a store, or of what it would write. What a dialect refuses shows there only.
+Exit reportStoring(ZPROP_handle* handle, const char* file);
 /// Tells an error of a file.
 Exit reportError(Exit code, const char* file, const std::string& text);
 
 bool hasEntry(ZPROP_handle* handle, const char* stanza, const char* key);
 bool isHidden(ZPROP_handle* handle, const char* stanza, const char* key);
+/// Whether it stands there without a divider.
+bool isBare(ZPROP_handle* handle, const char* stanza, const char* key);
 /// Whether the stanza, or the key if it isn't null, is there; reports it otherwise, with the name
 /// that may have been meant.
 bool isThere(ZPROP_handle* handle, const char* file, const char* stanza, const char* key);
@@ -200,6 +216,8 @@ std::string jsonNameOf(const std::string& name);
 /// The values of a key: null, the one there is, or a list. Hidden ones, unless they are `asPlain`,
 /// are members "hidden" of an object.
 std::string jsonOfValues(const Words& values, bool areHidden);
+/// That of a key without values: null, or where it has no divider {"bare": true}.
+std::string jsonOfNone(bool isBare);
 std::string jsonList(const Words& values);
 
 // ---------------------------------------------------------------- updates
@@ -232,6 +250,38 @@ void findBad(const Options& options, const std::function<void(const Failed&)>& t
 Exit getOrigins(ZPROP_handle* handle, const Words& words, const Options& options);
 Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const Options& options);
 
+// ---------------------------------------------------------------- files of other programs
+
+/// The dialect that is named, or that the presets' patterns choose for the file; null for the
+/// library's own, as that of standard input where none is named. It is good to the end.
+Exit dialectFor(const char* file, const Options& options, const ZDialect*& dialect);
+/// A value of several lines as a list shows it, the others behind `indent`.
+std::string inLines(const std::string& value, const char* indent = "    ");
+
+/// Finds in one file what has the name of something in another one, where their dialects may take
+/// different spellings for the same. Such a name is there if either of them says so.
+class Counterparts {
+public:
+    /// Of the stanzas, or of the keys of one stanza, of `there`, which must stay as they are.
+    Counterparts(ZPROP_handle* here, ZPROP_handle* there, const char* file, const char* stanza)
+        : here_(here), there_(there), file_(file), stanza_(stanza) {}
+
+    /// A name by which `there` finds it, good until the next call; null if it isn't there.
+    const char* find(const std::string& name);
+
+private:
+    bool has(const std::string& name) const {
+        return stanza_ == nullptr ? hasEntry(there_, name.c_str(), nullptr)
+                                  : hasEntry(there_, stanza_, name.c_str());
+    }
+
+    ZPROP_handle *const here_, *const there_;
+    const char *const file_, *const stanza_;  // null: stanzas
+    bool isListed_ = false;
+    std::map<std::string, std::string> names_;  // by their spellings folded as `here` does
+    std::string found_;
+};
+
 // ---------------------------------------------------------------- what the C interface lacks
 
 // Results as the C interface has them. `found`: whether what it is about is there.
@@ -239,6 +289,15 @@ int renameEntry(ZPROP_handle* handle, const char* stanza, const char* key, const
                 bool& found);
 int uncommentEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool& found);
 int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool& found);
+/// The dialect of what is open, or null.
+const ZDialect* dialectOf(ZPROP_handle* handle);
+/// A name, with all that the dialect takes for the same spelled alike.
+std::string folded(const ZDialect& dialect, const std::string& name, bool isStanza);
+/// The preset whose pattern a path fits, and the pattern; empty without one. The presets are read
+/// once.
+int presetFor(const char* path, std::string& name, std::string& pattern);
+/// What a file holds, as a load reads it: under its lock, and with what a stopped store had begun.
+int readText(const char* file, unsigned long wait, std::string& text);
 /// What the file of an open update holds, and what a store over a text would write.
 int updatedText(ZPROP_handle* handle, std::string& text);
 int textOver(ZPROP_handle* handle, const std::string& before, std::string& text);
