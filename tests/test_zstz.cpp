@@ -731,4 +731,104 @@ TEST(Zstz, WatchesLayersThatComeLater) {
     EXPECT_EQ(ran.substr(ran.find("app added s/l")), "app added s/l\napp modified s/l\n");
 }
 
+// In order, in one folder; the presets are those of the sources.
+TEST(Zstz, FilesOfOtherPrograms) {
+    TempFolder folder;
+    ASSERT_EQ(mkdir((folder / "user").c_str(), 0777), 0);
+    for (const char* made : {"user/zbase", "user/zbase/dialects", "user/zbase/dialects/git.conf.d"})
+        ASSERT_EQ(mkdir((folder / made).c_str(), 0777), 0);
+    folder.write("user/zbase/dialects/git.conf.d/a.conf", "[files]\npattern = */*.repo\n");
+    folder.write("php.ini", "a = 1\n[P]\nm = 5 ; why\nb\ne =\n");
+    folder.write("my.cnf", "[m] # h\nport=1 # old\nskip # t\nport = 2\n");
+    folder.write("x.repo", "[A \"b\"]\n\tURL = \"x;\" # c\n");
+    folder.write("f", "[m]\nport = 3\nskip =\n[a.b]\nurl = y\n");
+    folder.write("setup.cfg", "[s]\nk = 1\n  2\n");
+    const struct {
+        const char* line;
+        int code;
+        const char* out;
+        const char* err = "";
+    } kCases[] = {
+        {"dialects php.ini x.repo f -", 0,
+         "php.ini: php (by the pattern */php.ini)\nx.repo: git (by the pattern */*.repo)\n"
+         "f: default (no pattern fits)\n-: default (standard input has no path)\n"},
+        {"dialects --json f my.cnf", 0,
+         "{\"file\": \"f\", \"dialect\": \"default\", \"pattern\": null}\n"
+         "{\"file\": \"my.cnf\", \"dialect\": \"mysql\", \"pattern\": \"*/my.cnf\"}\n"},
+        {"dialects | grep -c '^[a-z-]* *[A-Z]'", 0, "13\n"},
+        {"get php.ini P m '' a P b", 0, "5\n1\n\n"},
+        {"get --json php.ini P b P e", 0, "{\"bare\": true}\nnull\n"},
+        {"list php.ini P", 0, "m = 5\nb\ne =\n"},
+        {"list --json php.ini ''", 0, "{\n  \"a\": \"1\"\n}\n"},
+        {"list setup.cfg s", 0, "k = 1\n    2\n"},
+        {"check php.ini my.cnf x.repo f setup.cfg", 0, ""},
+        {"check --dialect default php.ini", 4, "", "php.ini:1: error: bad line: a = 1\n"},
+        {"list - <my.cnf", 4, "", "-:3: error: bad line"},
+        {"list --dialect mysql - m <my.cnf", 0, "port = 2\nskip\n"},
+        {"set --dry-run php.ini P m 6 | grep '^[+-]m'", 0, "-m = 5 ; why\n+m = 6 ; why\n"},
+        {"edit --dialect php - 'set --bare P m' 'set P b 1' <php.ini", 0,
+         "a = 1\n[P]\nm\nb = 1\ne =\n"},
+        {"set --bare f m k", 2, "", "zstz: can't change [m] k: a key without a divider can't be"},
+        {"set --bare php.ini P k 1", 2, "", "zstz: set takes no VALUE"},
+        {"set --bare --type integer php.ini P k", 2, "", "zstz: --bare makes"},
+        {"set --create new/php.ini P k 1", 3, "", "zstz: new/php.ini can't be made"},
+        {"set --create n.repo A.b k '#'", 0, ""},
+        {"add my.cnf m port 3", 2, "", "my.cnf: error: a key can't have several values\n"},
+        {"add --dry-run my.cnf m port 3", 2, "", "my.cnf: error: a key can't have several"},
+        {"add --create my.cnf m port 3", 2, "", "zstz: --create goes with"},
+        {"rename php.ini P Q", 2, "", "zstz: can't change [P] Q: a file of another dialect"},
+        {"disable php.ini P m", 2, "", "zstz: can't change [P] m: a file of another dialect"},
+        {"set --uncomment php.ini P x", 2, "", "zstz: can't change [P] x: a file of another"},
+        {"comment php.ini x", 2, "", "zstz: can't change the file: a file of another dialect"},
+        {"set php.ini P m 'a\nb'", 2, "", "zstz: can't change [P] m: a value can't hold"},
+        {"get --dialect nope f m port", 2, "", "zstz: no such dialect: nope; see zstz dialects\n"},
+        {"get --dialect= f m port", 2, "", "zstz: --dialect takes a word"},
+        {"dialects --dialect git f", 2, "", "zstz: --dialect goes with"},
+        {"--layers a --dialect git list", 2, "", "zstz: the files of a layered"},
+        // Names and values that are the same in one of the two dialects.
+        {"diff my.cnf f", 1,
+         "- [m] port = 2\n+ [m] port = 3\n- [m] skip\n+ [m] skip =\n+ [a.b]\n+ [a.b] url = y\n"},
+        {"diff x.repo f", 1,
+         "- [A.b] URL = x;\n+ [a.b] url = y\n+ [m]\n+ [m] port = 3\n+ [m] skip =\n"},
+        {"diff f x.repo | head -4", 0, "- [m]\n- [m] port = 3\n- [m] skip =\n- [a.b] url = y\n"},
+        {"merge --delete x.repo f; cat x.repo", 0,
+         "[A \"b\"]\n\tURL = \"y\" # c\n\n[m]\n\tport = 3\n\tskip =\n"},
+        {"merge --delete f x.repo; zstz get f a.b url", 0, "y\n"},
+        {"merge f my.cnf", 2, "", "f: error: can't change [m] skip: a key without a divider"},
+        {"merge f php.ini", 2, "", "f: error: can't change [] a: a stanza's name can't be empty\n"},
+        {"merge --create g setup.cfg; ls g", 2, "", "g: error: can't change [s] k: a value can't"},
+        {"get f m port", 0, "3\n"},
+        {"convert --to default my.cnf", 6, "# h\n[m]\n# old\n# t\nport = 2\n",
+         "my.cnf:2: port=1 # old: a later line of the key counts\n"
+         "my.cnf:3: skip # t: a key needs a divider\n"},
+        {"convert --to git --dialect mysql - <my.cnf 2>err", 6,
+         "[m] # h\n# old\nskip # t\nport = 2\n", "-:2: port=1"},
+        {"convert --to lax php.ini", 0, "a = 1\n[P]\n; why\nm = 5\nb\ne =\n"},
+        {"convert --to default --dialect default php.ini", 4, "", "php.ini:1: error: bad line"},
+        {"convert --to default no.cnf", 3, "", "no.cnf: error: fopen(r): No such"},
+        {"convert f", 2, "", "zstz: convert needs --to NAME"},
+        {"convert --to nope f", 2, "", "zstz: no such dialect: nope"},
+        {"edit --editor php.ini; cat php.ini", 0, "a = 1\n[P]\nm = 6 ; why\nb\ne =\n"},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.line);
+        const int code = shell(folder, "export XDG_DATA_DIRS=" TEST_SOURCE
+                                       "/share XDG_CONFIG_HOME=$PWD/user "
+                                       "VISUAL='sed -i s/5/6/'\n(zstz " +
+                                           string(c.line) + ") >out 2>err");
+        EXPECT_EQ(code, c.code);
+        EXPECT_EQ(TempFolder::read(folder / "out"), c.out);
+        const string err = TempFolder::read(folder / "err");
+        EXPECT_EQ(err.substr(0, *c.err == '\0' ? string::npos : strlen(c.err)), c.err);
+    }
+    EXPECT_EQ(TempFolder::read(folder / "n.repo"), "[A \"b\"]\nk = \"#\"\n");
+    // A preset that can't be read bars no file whose dialect is said.
+    folder.write("user/zbase/dialects/git.conf.d/a.conf", "nonsense\n");
+    const string user = "XDG_CONFIG_HOME=$PWD/user XDG_DATA_DIRS=" TEST_SOURCE "/share zstz ";
+    EXPECT_EQ(shell(folder, user + "get f m port >out 2>err"), 4);
+    EXPECT_NE(TempFolder::read(folder / "err").find("a.conf:1: error: bad line: nonsense\nzstz: "),
+              string::npos);
+    EXPECT_EQ(shell(folder, user + "get --dialect default f m port >out 2>err"), 0);
+}
+
 }  // namespace

@@ -506,7 +506,8 @@ Exit Merge::takeOver(const char* stanza, const char* key, const char* baseStanza
         return reportError(usage, file,
                            "can't change " + placeOf(stanza, key) + ": " + kSpelledTwice);
     Exit failed = valuesOf(over, overFile, stanza, key, wanted);
-    if (failed == done)
+    // A name that the base can't hold may not be asked for.
+    if (failed == done && baseKey != nullptr)
         failed = valuesOf(base, file, baseStanza, name, now);
     if (failed != done)
         return failed;
