@@ -21,7 +21,14 @@ static const char kHelp[] =
     "                                 of each\n"
     "  cat NAME[:PROJECT]             print those that count, each under a comment with its path\n"
     "  watch FILE [COMMAND]           print each change of the file, or run COMMAND for it\n"
-    "      --json                     print JSON (get, list, check, diff, watch, layers)\n"
+    "  dialects [FILE]...             print the dialects of other programs' files, or which one "
+    "each\n"
+    "                                 FILE has and why\n"
+    "  convert --to DIALECT FILE      print the file in another dialect, with its comments; lines "
+    "that\n"
+    "                                 can't be said there are named on standard error\n"
+    "      --json                     print JSON (get, list, check, diff, watch, layers, "
+    "dialects)\n"
     "\n"
     "  set FILE STANZA KEY VALUE      make VALUE the only value of the key\n"
     "      --type TYPE                string (default), integer or boolean\n"
@@ -30,6 +37,8 @@ static const char kHelp[] =
     "      --uncomment                first make a comment \"# KEY = ...\" the entry, at its "
     "place;\n"
     "                                 without VALUE its value stays\n"
+    "      --bare                     without VALUE: a key without a divider, where the dialect "
+    "has them\n"
     "  add FILE STANZA KEY VALUE      add one more value to the key\n"
     "  unset FILE STANZA [KEY [VALUE]]\n"
     "                                 remove the stanza, the key, or VALUE from the key\n"
@@ -56,6 +65,9 @@ static const char kHelp[] =
     "      --all-layers               so all values that files have: behind + those that count,\n"
     "                                 behind - those that later files have replaced (get, list)\n"
     "\n"
+    "      --dialect NAME             the dialect of FILE, or of both: default, or a name of "
+    "dialects;\n"
+    "                                 without it the presets' patterns choose by the path\n"
     "      --create                   make the file if it doesn't exist (set, edit, merge)\n"
     "      --dry-run                  print what would change, as a patch, and change nothing\n"
     "      --backup[=N]               keep the last N contents, as FILE.~1~ to FILE.~N~ (default "
@@ -74,7 +86,7 @@ static const char kHelp[] =
     "Exit status: 0 done, 1 stanza, key or value not found, a condition that doesn't hold, or\n"
     "files that differ, 2 wrong usage, 3 the file can't be read, locked or written, 4 the file\n"
     "holds bad data, or hidden values that bar the change, 5 stored, but a higher file of the\n"
-    "layered configuration still gives another value.\n";
+    "layered configuration still gives another value, 6 converted, and lines were left out.\n";
 
 static const size_t kAny = 1 << 20;
 
