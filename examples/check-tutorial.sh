@@ -6,6 +6,7 @@ set -euo pipefail
 build=$(cd "${1:?usage: check-tutorial.sh BUILD}" && pwd)
 cd "$(dirname "$0")"
 page=$PWD/../docs/tutorial.md
+share=$PWD/../share
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 export QELDIR=${QELDIR:-/opt/Quillmere/nls/QEL}
@@ -26,7 +27,7 @@ done
 
 step() { "$build/examples/tutorial_$1" "${@:2}"; }
 mkdir -p "$folder/usr/lib"
-cp service.conf "$folder/"
+cp service.conf my.cnf "$folder/"
 cp service.conf "$folder/usr/lib/"
 cd "$folder"
 shown "$(step read)"
@@ -49,3 +50,12 @@ shown "$(step layers "$folder")"
 "$build/zstz" --layers service --root "$folder" set log level warn
 [ "$("$build/zstz" --layers service --root "$folder" get --origin log level)" = \
     "$(realpath "$folder")/etc/service.conf.d/50-local.conf:4: warn" ]
+mkdir old && cp my.cnf old/
+export XDG_DATA_DIRS=$share
+shown "$(cat my.cnf)"
+shown "$(step dialects)"
+shown "$("$build/zstz" diff old/my.cnf my.cnf || [ $? = 1 ])"
+shown "$("$build/zstz" set --dry-run my.cnf mysqld max_connections 800 | grep '^[-+]max')"
+status=0
+"$build/zstz" convert --to default my.cnf >converted 2>left || status=$?
+[ "$status" -eq 6 ] && [ "$(wc -l <left)" -eq 2 ]
