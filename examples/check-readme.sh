@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check-readme.sh BUILD: the C and the C++ example of README.md are readme.c and readme.cpp to the
-# letter, and the programs built from those do what the page says.
+# letter, its table of presets names each, and the programs built from those do what the page says.
 set -euo pipefail
 
 build=$(cd "${1:?usage: check-readme.sh BUILD}" && pwd)
@@ -24,6 +24,10 @@ expect() {
 
 diff <(block c) readme.c
 diff <(block cpp) readme.cpp
+# The table of the presets has a row for each.
+rows='/^## Files of other/,/^## Limits/s/^| `\([a-z-]*\)` .*/\1.conf/p'
+diff <(sed -n "$rows" ../README.md | sort) \
+    <(cd ../share/zbase/dialects && printf '%s\n' *.conf | sort)
 
 export QELDIR=${QELDIR:-/opt/Quillmere/nls/QEL}
 cd "$folder"

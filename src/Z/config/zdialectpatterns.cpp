@@ -1,8 +1,8 @@
 // Built with 64-bit file offsets and times on 32-bit machines too.
 //
-// Which dialect a file has is asked for each file that a command opens, so this has to be cheap: the
-// folders are listed once for all presets, and one that no drop-in changes is read as a single file,
-// with a third of the system calls that a layered configuration takes.
+// Which dialect a file has is asked for each file that a command opens, so this has to be cheap:
+// the folders are listed once for all presets, and one that no drop-in changes is read as a single
+// file, with a third of the system calls that a layered configuration takes.
 #include "zdialectpatterns.h"
 
 #include <fcntl.h>

@@ -3,8 +3,8 @@
 // A model of the text tells what it says: which headers are one stanza, which lines are one key,
 // and which of them count. Then the text is gone through once more, and each part is said in the
 // other dialect, in a piece for each header; each line that is made is read again, so that only
-// what comes back goes out. Where the other dialect has a stanza once, what later headers bring goes
-// to the piece of the first.
+// what comes back goes out. Where the other dialect has a stanza once, what later headers bring
+// goes to the piece of the first.
 //
 // Names are those of the model: the first spelling of each.
 #include "zdialectconvert.h"
