@@ -806,6 +806,8 @@ TEST(Zstz, FilesOfOtherPrograms) {
         {"convert --to lax php.ini", 0, "a = 1\n[P]\n; why\nm = 5\nb\ne =\n"},
         {"convert --to default --dialect default php.ini", 4, "", "php.ini:1: error: bad line"},
         {"convert --to default no.cnf", 3, "", "no.cnf: error: fopen(r): No such"},
+        {"convert --to default my.cnf >/dev/full", 3, "", "my.cnf:2: port=1"},
+        {"merge --dry-run --delete php.ini f | grep '^[-+][am]'", 0, "-a = 1\n-m = 5 ; why\n"},
         {"convert f", 2, "", "zstz: convert needs --to NAME"},
         {"convert --to nope f", 2, "", "zstz: no such dialect: nope"},
         {"edit --editor php.ini; cat php.ini", 0, "a = 1\n[P]\nm = 6 ; why\nb\ne =\n"},

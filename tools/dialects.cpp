@@ -93,14 +93,13 @@ static void printDialect(bool asJSON, const char* name, const char* description)
 }
 
 static Exit listDialects(const Options& options) {
-    const auto print = [](void* data, const char* name, const char* description) {
-        printDialect(static_cast<const Options*>(data)->json, name, description);
+    const auto print = [](void* asJSON, const char* name, const char* description) {
+        printDialect(*static_cast<bool*>(asJSON), name, description);
         return 0;
     };
-    printDialect(options.json, kDefault, kOwnDescription);
-    return zstzDialect_forEach(print, const_cast<Options*>(&options)) == ZPROP_OK
-               ? done
-               : reportLastError("zstz");
+    bool asJSON = options.json;
+    printDialect(asJSON, kDefault, kOwnDescription);
+    return zstzDialect_forEach(print, &asJSON) == ZPROP_OK ? done : reportLastError("zstz");
 }
 
 Exit dialects(const Words& words, const Options& options) {

@@ -235,7 +235,7 @@ static bool parseCount(const char* text, unsigned int& count) {
 static Exit finish(Exit result) {
     const bool hasFailed = ferror(stdout) != 0;
     const int error = fclose(stdout) != 0 ? errno : 0;
-    if (result != done || (!hasFailed && error == 0))
+    if ((result != done && result != leftOut) || (!hasFailed && error == 0))
         return result;
     return complain(fileError, "standard output: %s",
                     error == 0 ? "can't be written" : strerror(error));

@@ -266,7 +266,8 @@ public:
     Counterparts(ZPROP_handle* here, ZPROP_handle* there, const char* file, const char* stanza)
         : here_(here), there_(there), file_(file), stanza_(stanza) {}
 
-    /// A name by which `there` finds it, good until the next call; null if it isn't there.
+    /// A name by which `there` finds it, good as long as this and `name` are; null if it isn't
+    /// there.
     const char* find(const std::string& name);
 
 private:
@@ -279,7 +280,6 @@ private:
     const char *const file_, *const stanza_;  // null: stanzas
     bool isListed_ = false;
     std::map<std::string, std::string> names_;  // by their spellings folded as `here` does
-    std::string found_;
 };
 
 // ---------------------------------------------------------------- what the C interface lacks

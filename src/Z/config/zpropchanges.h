@@ -30,7 +30,8 @@ void ZProperties::changeKey(ZPropertyChanged::PropertyChangeType type, const cha
 template <typename Change>
 void ZProperties::changeStanza(ZPropertyChanged::PropertyChangeType type, const char* stanza,
                                Change apply) {
-    zrequireStanzaName(stanza);
+    if (!file_->hasStanzaName(stanza))
+        zrequireStanzaName(stanza);
     change(type, stanza, nullptr, apply);
 }
 
