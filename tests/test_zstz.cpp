@@ -831,6 +831,13 @@ TEST(Zstz, FilesOfOtherPrograms) {
     EXPECT_NE(TempFolder::read(folder / "err").find("a.conf:1: error: bad line: nonsense\nzstz: "),
               string::npos);
     EXPECT_EQ(shell(folder, user + "get --dialect default f m port >out 2>err"), 0);
+    // Nor does one that is hidden, which is none any more.
+    EXPECT_EQ(shell(folder, "rm -r user/zbase/dialects/*; touch user/zbase/dialects/php.conf; (" +
+                                user + "dialects | grep php; " + user + "dialects php.ini; ! " +
+                                user + "list --dialect php f 2>err) >out"),
+              0);
+    EXPECT_EQ(TempFolder::read(folder / "out"), "php.ini: default (no pattern fits)\n");
+    EXPECT_EQ(TempFolder::read(folder / "err"), "zstz: no such dialect: php; see zstz dialects\n");
 }
 
 }  // namespace

@@ -25,8 +25,11 @@ static Exit namedDialect(const std::string& name, const ZDialect*& dialect) {
     const int result = zstzDialect_get(name.c_str(), &read);
     if (result == ZPROP_ERR_PARAM || zstzPropLastErrno() == ENOENT)
         return complain(usage, "no such dialect: %s; see zstz dialects", name.c_str());
+    // Switches that clash are the fault of no line.
     if (result != ZPROP_OK)
-        return reportLastError(name.c_str());
+        return lastFailure(name.c_str()).text == kNotASide
+                   ? reportError(badData, name.c_str(), lastErrorText())
+                   : reportLastError(name.c_str());
     dialect = &(known[name] = read);
     return done;
 }

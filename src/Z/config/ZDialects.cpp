@@ -1,6 +1,7 @@
 #include "ZDialects.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "ZExceptionText.h"
@@ -11,6 +12,7 @@
 #include "zinternal.h"
 #include "zraise.h"
 #include "zrefusal.h"
+#include "zwholefile.h"
 
 static const char kSwitches[] = "dialect";
 
@@ -118,6 +120,8 @@ static void readSwitch(const ZLayers& preset, const Switch& which, ZDialect& dia
 void ZDialects::get(const char* name, ZDialect& dialect) {
     const ZDialectRoots roots;
     const ZLayers preset(roots.terms(name), ZPCACHE_STRICT);
+    if (zfileOfDialect(preset).getLength() == 0)
+        zraiseIO(name, "fopen(r)", ENOENT);
     ZDialect read = {};
     read.size = sizeof read;
     ZArrayList keys(20, 1);
@@ -154,12 +158,9 @@ void ZDialects::forEach(void (*visit)(void* data, const char* name, const char* 
     zlistDialects(roots, presets);
     for (const ZDialectPreset& preset : presets) {
         const ZLCString& name = preset.name;
-        ZLCString file;
-        const auto keepCounting = [](void* to, const ZLayerInfo& info) {
-            if (info.kind == ZLAYER_MAIN && info.state == ZLAYER_COUNTS)
-                *static_cast<ZLCString*>(to) = ZLCString(info.path);
-        };
-        ZLayers(roots.terms(name.getChars())).forEachFile(keepCounting, &file);
+        const ZLCString file(zfileOfDialect(ZLayers(roots.terms(name.getChars()))));
+        if (file.getLength() == 0)
+            continue;
         ZStanzaFileProperties own(file.getChars(), 1);
         ZArrayList comments(4, 1);
         own.getComments(nullptr, nullptr, comments);

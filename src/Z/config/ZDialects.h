@@ -32,9 +32,9 @@
 class ZEXPORT ZDialects {
 public:
     /// Raises ZPropertiesIOException with "fopen(r)" and ENOENT where there is no preset of this
-    /// name, ZPropertiesInvalidDataException for one that has an unknown word or that clashes (the
-    /// reason is its text), and what loads raise. ZInvalidParameterException for a name that can't
-    /// be one.
+    /// name, or an empty file hides it; ZPropertiesInvalidDataException for one that has an unknown
+    /// word or that clashes (the reason is its text), and what loads raise;
+    /// ZInvalidParameterException for a name that can't be one.
     static void get(const char* name, ZDialect& dialect);
     /// The preset with the longest pattern that the path fits, of these the first by name, and that
     /// pattern. False if there is none. A relative path counts from the working directory; nothing

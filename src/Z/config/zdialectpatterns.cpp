@@ -107,6 +107,16 @@ void zlistDialects(const ZDialectRoots& roots, ZVector<ZDialectPreset>& presets)
             preset.path = ZLCString();
 }
 
+ZLCString zfileOfDialect(const ZLayers& preset) {
+    ZLCString file;
+    const auto keepCounting = [](void* to, const ZLayerInfo& info) {
+        if (info.kind == ZLAYER_MAIN && info.state == ZLAYER_COUNTS)
+            *static_cast<ZLCString*>(to) = ZLCString(info.path);
+    };
+    preset.forEachFile(keepCounting, &file);
+    return file;
+}
+
 // ---------------------------------------------------------------- patterns
 
 // Whether the one file could be read and has entries: an empty one hides others of its name.
@@ -128,10 +138,13 @@ ZDialectPatterns::ZDialectPatterns() {
     zlistDialects(roots, presets);
     for (const ZDialectPreset& preset : presets) {
         ZStanzaFileProperties file(0);
-        if (load(preset.path, file))
+        if (load(preset.path, file)) {
             add(preset.name, file);
-        else
-            add(preset.name, ZLayers(roots.terms(preset.name.getChars()), ZPCACHE_STRICT));
+            continue;
+        }
+        const ZLayers several(roots.terms(preset.name.getChars()), ZPCACHE_STRICT);
+        if (zfileOfDialect(several).getLength() != 0)
+            add(preset.name, several);
     }
 }
 

@@ -33,6 +33,9 @@ struct ZDialectPreset {
 /// All presets, by name. A folder that can't be listed counts as if it weren't there.
 void zlistDialects(const ZDialectRoots& roots, ZVector<ZDialectPreset>& presets);
 
+/// The file of a preset; empty where there is none, or an empty one hides those of its name.
+ZLCString zfileOfDialect(const class ZLayers& preset);
+
 /// The patterns of all presets, as they were when this was made.
 class ZDialectPatterns {
 public:
