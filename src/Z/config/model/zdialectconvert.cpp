@@ -81,8 +81,9 @@ private:
     // --- what the text says ---
 
     struct Key {
-        int lastLine = 0;       // of all lines of the key
-        int lastValueLine = 0;  // of those with a value
+        int lastLine = 0;         // of all lines of the key
+        int lastValueLine = 0;    // of those with a value
+        bool isLastSaid = false;  // the last of all can be said, where it alone counts in both
     };
 
     template <typename T>
@@ -113,8 +114,12 @@ private:
                 stanza = stanzaOf(part.name, counts);
             if (part.kind != ZDialectPart::entry && part.kind != ZDialectPart::bareEntry)
                 continue;
-            Key& key = at(keys_, model_.keyInMap(nameOf(stanza), part.name));
+            const Id id = model_.keyInMap(nameOf(stanza), part.name);
+            Key& key = at(keys_, id);
             key.lastLine = part.line;
+            std::string line;
+            if (from_.values == ZDIALECT_LAST_VALUE && to_.values == ZDIALECT_LAST_VALUE)
+                key.isLastSaid = spellEntry(part, keyNameOf(id), line).empty();
             if (part.value.size != 0)
                 key.lastValueLine = part.line;
         }
@@ -125,7 +130,8 @@ private:
         const Key& key = keys_[id];
         const bool isBare = part.kind == ZDialectPart::bareEntry;
         if (from_.values == ZDIALECT_LAST_VALUE)
-            return part.line == key.lastLine ? nullptr : "a later line of the key counts";
+            return part.line == key.lastLine || key.isLastSaid ? nullptr
+                                                               : "a later line of the key counts";
         if (part.value.size != 0)
             return to_.values == ZDIALECT_ALL_VALUES || part.line == key.lastValueLine
                        ? nullptr
@@ -357,8 +363,6 @@ private:
         const ZSpan name = keyNameOf(key);
         if (movesSide_ && zisSideEntry(stringOf(stanza).c_str(), stringOf(name).c_str()))
             return "an entry of this name says where hidden values are";
-        if (const char* fault = zdialectKeyFault(to_, name))
-            return std::string("a key ") + fault;
         std::string line;
         const std::string fault = spellEntry(part, name, line);
         if (!fault.empty())
@@ -375,6 +379,8 @@ private:
 
     std::string spellEntry(const ZDialectPart& part, ZSpan name, std::string& line) const {
         const bool isBare = part.kind == ZDialectPart::bareEntry;
+        if (const char* fault = zdialectKeyFault(to_, name))
+            return std::string("a key ") + fault;
         if (isBare && to_.bare == ZDIALECT_NOT_BARE)
             return "a key needs a divider";
         ZBytes made;
