@@ -60,9 +60,7 @@ public:
           data_(data),
           reader_(from_, text),
           habit_(zdialectUsualHabit(to_)) {
-        const char* const end = lineEndOf(text.data, text.data + text.size);
-        if (end != text.data + text.size && end != text.data && end[-1] == '\r')
-            habit_.lineEnd = {"\r\n", 2};
+        habit_.lineEnd = zdialectLineEnd(text);
     }
 
     void run(const char* file, ZBytes& out) {
@@ -81,9 +79,10 @@ private:
     // --- what the text says ---
 
     struct Key {
-        int lastLine = 0;         // of all lines of the key
-        int lastValueLine = 0;    // of those with a value
-        bool isLastSaid = false;  // the last of all can be said, where it alone counts in both
+        int lastLine = 0;          // of all lines of the key
+        int lastEmptyLine = 0;     // of those without a value
+        int lastValueLine = 0;     // of the others
+        bool isFirstSaid = false;  // the first that counts, as it would count there
     };
 
     template <typename T>
@@ -117,29 +116,38 @@ private:
             const Id id = model_.keyInMap(nameOf(stanza), part.name);
             Key& key = at(keys_, id);
             key.lastLine = part.line;
+            (part.value.size != 0 ? key.lastValueLine : key.lastEmptyLine) = part.line;
             std::string line;
-            if (from_.values == ZDIALECT_LAST_VALUE && to_.values == ZDIALECT_LAST_VALUE)
-                key.isLastSaid = spellEntry(part, keyNameOf(id), line).empty();
-            if (part.value.size != 0)
-                key.lastValueLine = part.line;
+            if (from_.values == to_.values && part.line == firstCounting(key))
+                key.isFirstSaid = spellEntry(part, keyNameOf(id), line).empty();
         }
+    }
+
+    // The line of a key ahead of which none counts.
+    int firstCounting(const Key& key) const {
+        return from_.values == ZDIALECT_LAST_VALUE     ? key.lastLine
+               : from_.values == ZDIALECT_RESET_VALUES ? key.lastEmptyLine
+                                                       : 0;
     }
 
     // Why a line of the key isn't said, or null.
     const char* whyNot(Id id, const ZDialectPart& part) {
         const Key& key = keys_[id];
         const bool isBare = part.kind == ZDialectPart::bareEntry;
+        if (part.line < firstCounting(key))
+            return key.isFirstSaid ? nullptr : "a later line of the key counts";
         if (from_.values == ZDIALECT_LAST_VALUE)
-            return part.line == key.lastLine || key.isLastSaid ? nullptr
-                                                               : "a later line of the key counts";
+            return nullptr;
+        const bool hasValues = key.lastValueLine > firstCounting(key);
         if (part.value.size != 0)
-            return to_.values == ZDIALECT_ALL_VALUES || part.line == key.lastValueLine
+            return to_.values != ZDIALECT_LAST_VALUE || part.line == key.lastValueLine
                        ? nullptr
                        : "a key can't have several values";
-        const bool saysNothing = key.lastValueLine != 0
-                                     ? isBare || to_.values == ZDIALECT_LAST_VALUE
-                                     : isBare != model_.isBare(id);
-        return saysNothing ? "says nothing beside other lines of the key" : nullptr;
+        // An empty line says something where it forgets what stands above it, or else is all.
+        const bool isKept = !hasValues ? isBare == model_.isBare(id)
+                                       : !isBare && (to_.values == ZDIALECT_ALL_VALUES ||
+                                                     to_.values == from_.values);
+        return isKept ? nullptr : "says nothing beside other lines of the key";
     }
 
     // --- output ---
@@ -168,8 +176,8 @@ private:
         while (end > first && zisDialectBlank(end[-1]))
             --end;
         std::string comment = stringOf(zspanBetween(first, end));
-        if (!ZDialectReader(to_, {"", 0}).isComment(comment[0]))
-            comment[0] = (to_.comments & ZDIALECT_HASH) != 0 || to_.comments == 0 ? '#' : ';';
+        if (!zisDialectComment(to_, comment[0]))
+            comment[0] = zdialectCommentSign(to_);
         return comment;
     }
 
@@ -190,10 +198,12 @@ private:
     void addWithComments(const ZDialectPart& part, const std::string& line, const Lines& comments,
                          ZDialectPart::Kind kind, ZSpan name, ZSpan value) {
         if (comments.size() == 1 && line.find('\n') == line.npos) {
-            const std::string both = line + " " + comments[0];
-            const bool hasTails = kind == ZDialectPart::header
-                                      ? (to_.headers & ZDIALECT_HEADER_TAILS) != 0
-                                      : to_.tails != ZDIALECT_NO_TAILS;
+            const bool isHeader = kind == ZDialectPart::header;
+            const bool hasTails = isHeader ? (to_.headers & ZDIALECT_HEADER_TAILS) != 0
+                                           : to_.tails != ZDIALECT_NO_TAILS;
+            std::string both = line + " " + comments[0];
+            if (!isHeader && to_.tails == ZDIALECT_HASH_TAILS)
+                both[line.size() + 1] = '#';
             if (hasTails && isRead(both, kind, name, value)) {
                 flushComments();
                 return addLine(both);
@@ -208,39 +218,26 @@ private:
     // Those behind a value and between its lines.
     Lines commentsOf(const ZDialectPart& part) const {
         Lines comments;
-        const char *const end = part.lines.data + part.lines.size, *const rawEnd = part.raw.data +
-                                                                                   part.raw.size;
-        const bool isPlain = from_.quotes != ZDIALECT_GIT_QUOTES;
+        const char* const end = part.lines.data + part.lines.size;
+        const char* const rawEnd = part.raw.data + part.raw.size;
+        // Quoted values and joined ones take all there is for text.
+        const bool isIndented = from_.continued == ZDIALECT_INDENT;
+        const bool hasLines = isIndented || from_.continued == ZDIALECT_BACKSLASH;
         for (const char* at = part.raw.data; at < end;) {
             const char* const lineEnd = lineEndOf(at, end);
-            const char* first = skipBlanks(at, lineEnd);
+            const char* const first = skipBlanks(at, lineEnd);
             const char* comment = lineEnd;
-            if (lineEnd >= rawEnd)  // behind the value there are blanks and comments only
+            if (lineEnd >= rawEnd)  // behind the value there are blanks and a comment only
                 comment = skipBlanks(at < rawEnd ? rawEnd : at, lineEnd);
-            else if (isPlain && from_.continued == ZDIALECT_INDENT)
-                comment = reader_.tailIn(first, lineEnd);
-            if (isPlain && at != part.raw.data && first < lineEnd && reader_.isComment(*first))
+            else if (hasLines && at != part.raw.data && zisDialectComment(from_, *first))
                 comment = first;
-            if (comment < lineEnd && reader_.isComment(*comment))
+            else if (isIndented)
+                comment = reader_.tailOf(first, lineEnd);
+            if (comment < lineEnd)
                 comments.push_back(commentOf(comment, lineEnd));
             at = lineEnd + 1;
         }
         return comments;
-    }
-
-    // The end of a header's name and its "]": the first at which the line ends as well.
-    const char* behindHeader(const ZDialectPart& part) const {
-        const char* const end = lineEndOf(part.lines.data, part.lines.data + part.lines.size);
-        for (const char* at = part.lines.data; at < end; ++at) {
-            if (*at != ']')
-                continue;
-            ZDialectReader reader(from_, zspanBetween(part.lines.data, at + 1));
-            ZDialectPart same;
-            if (reader.next(same) && same.kind == ZDialectPart::header &&
-                zequals(same.name, part.name))
-                return at + 1;
-        }
-        return end;
     }
 
     // --- parts ---
@@ -273,9 +270,9 @@ private:
         std::string spelled;
         const std::string fault = spellHeader(spelled);
         const char* const end = lineEndOf(part.lines.data, part.lines.data + part.lines.size);
-        const char* const behind = skipBlanks(behindHeader(part), end);
+        const char* const behind = skipBlanks(part.raw.data + part.raw.size, end);
         Lines tail;
-        if (behind < end && reader_.isComment(*behind))
+        if (behind < end && zisDialectComment(from_, *behind))
             tail.push_back(commentOf(behind, end));
         isLeftOut_ = !fault.empty();
         if (isLeftOut_) {
@@ -367,7 +364,7 @@ private:
         const std::string fault = spellEntry(part, name, line);
         if (!fault.empty())
             return fault;
-        if (to_.names != ZDIALECT_EXACT) {
+        if (zfoldsNames(to_, false)) {
             const std::string& own = at(stanzas_, stanza_).name;
             const std::string both = std::to_string(own.size()) + " " + own + folded(name, false);
             if (said_.emplace(both, key).first->second != key)
