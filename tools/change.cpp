@@ -270,10 +270,6 @@ public:
                        ? done
                        : refuse(commented(change, 1), commented(change, 2), lastErrorText());
         const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
-        if (!mayChangeLines(change))
-            return refuse(stanza, key, lastErrorText());
-        if (change.is("disable"))
-            return done;
         if (change.terms.bare)
             return zstzPropSetBare(handle_.get(), stanza, key) == ZPROP_OK
                        ? done
@@ -300,14 +296,6 @@ private:
         return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
     }
 
-    // In a file of another dialect only values can be changed, whatever is there.
-    bool mayChangeLines(const Change& change) {
-        const bool asks = change.is("rename") || change.is("disable") || change.terms.uncomment;
-        bool found = false;
-        return !asks || dialectOf(handle_.get()) == nullptr ||
-               disableEntry(handle_.get(), "stanza", "key", found) == ZPROP_OK;
-    }
-
     const char* const file_;
     const Options& options_;
     Handle handle_;
@@ -330,7 +318,7 @@ static Exit checkChange(Change& change, Trial& trial) {
     if (change.is("set") && change.word(3) == nullptr && !change.terms.uncomment &&
         !change.terms.bare)
         return complain(usage, "set takes a VALUE, but with --uncomment or --bare");
-    return change.is("unset") ? done : trial.run(change);
+    return change.is("unset") || change.is("disable") ? done : trial.run(change);
 }
 
 // ---------------------------------------------------------------- one change
