@@ -7,6 +7,7 @@
 
 #include <thread>
 
+#include "Z/ZDialects.h"
 #include "Z/ZLayers.h"
 #include "Z/ZPropertiesUpdate.h"
 #include "Z/ZPropertiesWatcher.h"
@@ -134,6 +135,128 @@ TEST(Layers, PutsChangesIntoTheTargetAlone) {
             EXPECT_EQ(layers.shadowed(file, line), row.key == string("b") ? 1u : 0u);
             EXPECT_EQ(line, row.key == string("b") ? 2 : 0);
         }
+    }
+}
+
+// A unit with drop-ins, as systemd merges them: lists grow, an empty assignment forgets what is
+// above it, and of what has one value the last one counts.
+struct Unit : Tree {
+    Unit()
+        : Tree({{"usr/d.service", "[Unit]\nAfter=a\n[s]\na=/bin/d \\\n  -x\nb=1\nc=2\n"},
+                {"run/d.service.d/20-more.conf", "; more\n[s]\nb=2\nb=3\n"},
+                {"run/d.service.d/README", "no drop-in\n"},
+                {"etc/d.service.d/30-other.conf", "[s]\na=\na=/bin/e\nc=\n"}}) {
+        setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+        ZDialects::get("systemd", dialect);
+        terms.name = "d";
+        terms.suffix = ".service";
+        terms.dropInSuffix = ".conf";
+        terms.dialect = &dialect;
+        terms.flags |= ZLAYERS_COLLECT;
+    }
+    ZDialect dialect;
+};
+
+const struct {
+    const char* dropIn;
+    Edit edit;
+    const char *text, *key, *value;
+} kUnitChanges[] = {
+    {"40-a.conf", [](ZLayers& l) { l.addValue("s", "b", "4", 0); }, "MARK\n\n[s]\nb = 4\n", "b",
+     "1,2,3,4 usr/d.service:6"},
+    {"40-a.conf", [](ZLayers& l) { set(l, "b", "4"); }, "MARK\n\n[s]\nb =\nb = 4\n", "b",
+     "4 etc/d.service.d/40-a.conf:5"},
+    {"40-a.conf", [](ZLayers& l) { l.deleteKey("s", "b"); }, "MARK\n\n[s]\nb =\n", "b", "empty"},
+    {"30-other.conf", [](ZLayers& l) { l.addValue("s", "a", "-y", 0); },
+     "[s]\na=\na=/bin/e\na=-y\nc=\n", "a", "/bin/e,-y etc/d.service.d/30-other.conf:3"},
+    {"30-other.conf", [](ZLayers& l) { set(l, "c", "3"); }, "[s]\na=\na=/bin/e\nc=\nc=3\n", "c",
+     "3 etc/d.service.d/30-other.conf:5"},
+    {"10-low.conf", [](ZLayers& l) { set(l, "b", "3"); }, "MARK\n\n[s]\nb =\nb = 3\n", "b",
+     "3,2,3 etc/d.service.d/10-low.conf:5"},
+};
+
+TEST(Layers, MergesUnitsAndDropInsAsTheirOwnerDoes) {
+    {
+        const Unit unit;
+        ZLayers layers(unit.terms);
+        EXPECT_EQ(valueOf(layers, unit, "a"), "/bin/e etc/d.service.d/30-other.conf:3");
+        EXPECT_EQ(valueOf(layers, unit, "b"), "1,2,3 usr/d.service:6");
+        EXPECT_EQ(valueOf(layers, unit, "c"), "empty");
+        unit.folder.write("etc/d.service.d/30-other.conf", "[s]\n");
+        layers.reload(nullptr);
+        EXPECT_EQ(valueOf(layers, unit, "a"), "/bin/d    -x usr/d.service:4");
+    }
+    for (const auto& row : kUnitChanges) {
+        SCOPED_TRACE(row.text);
+        const Unit unit;
+        ZLayers layers(unit.terms);
+        layers.setTarget("/etc", row.dropIn);
+        row.edit(layers);
+        layers.store(nullptr);
+        string text = unit.text(string("etc/d.service.d/") + row.dropIn);
+        if (text.compare(0, sizeof kMark - 1, kMark) == 0)
+            text.replace(0, sizeof kMark - 2, "MARK");
+        EXPECT_EQ(text, row.text);
+        EXPECT_EQ(valueOf(layers, unit, row.key), row.value);
+    }
+}
+
+typedef unsigned int ZDialect::*Switch;
+
+// What a change makes of an empty drop-in, of a text that has each of these keys, or the reason.
+const struct {
+    Switch which;
+    unsigned int word;
+    Edit edit;
+    const char *text, *shadow;
+} kDialectChanges[] = {
+    {&ZDialect::values, ZDIALECT_LAST_VALUE, [](ZLayers& l) { l.addValue("s", "a", "2", 0); },
+     "a key can't have several values", ""},
+    {&ZDialect::bare, ZDIALECT_BARE, [](ZLayers& l) { l.setBare("s", "a"); }, "[s]\na\n", ""},
+    {&ZDialect::bare, ZDIALECT_BARE, [](ZLayers& l) { l.deleteKey("s", "bare"); },
+     "[s]\nbare =\n", ""},
+    {&ZDialect::bare, ZDIALECT_BARE, [](ZLayers& l) { l.setBare("s", "b"); }, "[s]\nb\n", "2"},
+    {&ZDialect::names, ZDIALECT_FOLDED, [](ZLayers& l) { set(l, "B", "5"); }, "[s]\nb = 5\n", "2"},
+    {&ZDialect::divider, ZDIALECT_BLANK, [](ZLayers& l) { l.deleteKey("s", "a"); },
+     "a value can't be empty", ""},
+    {&ZDialect::quotes, ZDIALECT_GIT_QUOTES, [](ZLayers& l) { set(l, "a", " ;"); },
+     "[s]\na = \" ;\"\n", ""},
+};
+
+TEST(Layers, ChangesFilesOfADialect) {
+    for (const auto& row : kDialectChanges) {
+        SCOPED_TRACE(row.text);
+        ZDialect dialect = {};
+        dialect.size = sizeof dialect;
+        dialect.comments = ZDIALECT_SEMICOLON;
+        dialect.*row.which = row.word;
+        string low = "[s]\na = 1\n", high = "[s]\nb = 3\n";
+        if (row.which == &ZDialect::bare)
+            low += "bare\n";
+        if (row.which == &ZDialect::names)
+            low += "B = 2\n", high = "[S]\nb = 3\n";
+        if (row.which == &ZDialect::divider)
+            low[low.find('=')] = high[high.find('=')] = ' ';
+        Tree tree({{"usr/app.conf", low.c_str()}, {"run/app.conf.d/9.conf", high.c_str()}});
+        tree.terms.dialect = &dialect;
+        ZLayers layers(tree.terms);
+        layers.setTarget("/etc", "1.conf");
+        row.edit(layers);
+        EXPECT_EQ(raised([&] { layers.store(nullptr); }).empty(), row.text[0] == '[');
+        string text = tree.text("etc/app.conf.d/1.conf");
+        EXPECT_EQ(text, row.text[0] == '[' ? ";" + string(kMark + 1) + "\n" + row.text : "-");
+        ZLCString file;
+        int line = 0;
+        EXPECT_EQ(layers.shadowed(file, line), *row.shadow == '\0' ? 0u : 1u);
+        if (*row.text != '[')
+            continue;
+        // Once more there is nothing to change, and with its last key the drop-in goes.
+        for (const char* key : {"a", "b", "bare"})
+            EXPECT_EQ(layers.isBare("s", key), ZLayers(tree.terms).isBare("s", key));
+        ZBuffer merged;
+        layers.storeBytes(merged);
+        std::ofstream(tree.folder / "etc/app.conf.d/1.conf") << text.substr(0, text.find('['));
+        layers.reload(nullptr);
     }
 }
 

@@ -2,6 +2,8 @@
 #include "support/Prelude.h"
 
 #include "Z/zlayerset.h"
+#include "Z/zmodelreading.h"
+#include "Z/zpropdiff.h"
 #include "support/Raised.h"
 #include "support/TempFolder.h"
 
@@ -70,7 +72,8 @@ struct Set {
         set.forEachValue(model, [&](const ZLayerValue& value) {
             out += string(value.key.data, value.key.size) + "=" +
                    string(value.value.data, value.value.size) + "@" + std::to_string(value.line) +
-                   (value.isHidden ? "*" : "") + (value.counts ? "+ " : " ");
+                   (value.isBare ? "!" : "") + (value.isHidden ? "*" : "") +
+                   (value.counts ? "+ " : " ");
         });
         return out;
     }
@@ -135,6 +138,77 @@ TEST(LayerSet, GivesValuesWithTheirOrigins) {
         EXPECT_EQ(now.substr(0, 9), "a=9@?:-1 ");
         const size_t others = std::min(before.find("b="), before.find("c="));
         EXPECT_EQ(now.substr(9), others == string::npos ? "" : before.substr(others));
+    }
+}
+
+ZDialect dialectOf(unsigned int ZDialect::*field, unsigned int what) {
+    ZDialect dialect = {};
+    dialect.size = sizeof dialect;
+    dialect.divider = ZDIALECT_EITHER;
+    dialect.bare = ZDIALECT_BARE;
+    dialect.*field = what;
+    return dialect;
+}
+
+// clang-format off
+const struct {
+    ZDialect dialect; const char *low, *high; unsigned long flags; const char *values, *entries;
+} kDialects[] = {
+    // Values that aren't spelled as they are have their entries' lines, also when others go.
+    {dialectOf(&ZDialect::continued, ZDIALECT_INDENT),
+     "[s]\na = 1\n  2\nb: 3\n", "\n[s]\nb =\n # x\n  4\nc = 5\nc = 6\n 7\nc = 8\n", ZLAYERS_COLLECT,
+     "a=1\n2@low:2 b=3@low:4 b=\n4@high:3 c=5@high:6 c=6\n7@high:7 c=8@high:9 ",
+     "a=1\n2@2+ b=3@4+ b=\n4@3+ c=5@6+ c=6\n7@7+ c=8@9+ "},
+    {dialectOf(&ZDialect::quotes, ZDIALECT_GIT_QUOTES),
+     "[s]\na = \"1\\n\"\n", "[s]\nb = \"2\\t\"\nb = 3\nb = \"4\\t\"\n", 0,
+     "a=1\n@low:2 b=2\t@high:2 b=3@high:3 b=4\t@high:4 ", "a=1\n@2+ b=2\t@2+ b=3@3+ b=4\t@4+ "},
+    // What a file gives is settled before it is laid over others.
+    {dialectOf(&ZDialect::values, ZDIALECT_LAST_VALUE),
+     "[s]\na = 1\na = 2\nb = 3\n", "[s]\na = 4\na = 5\nb =\n", 0,
+     "a=5@high:3 b= ", "a=1@2 a=2@3 b=3@4 a=4@2 a=5@3+ b=@4+ "},
+    {dialectOf(&ZDialect::values, ZDIALECT_LAST_VALUE),
+     "[s]\na = 1\na = 2\nb = 3\n", "[s]\na = 4\na = 5\nb =\nb = 6\n", ZLAYERS_COLLECT,
+     "a=2@low:3 a=5@high:3 b=6@high:5 ", "a=1@2 a=2@3+ b=3@4 a=4@2 a=5@3+ b=@4 b=6@5+ "},
+    {dialectOf(&ZDialect::values, ZDIALECT_RESET_VALUES),
+     "[s]\na = 1\nb = 1\n", "[s]\na = 2\na = 3\nb = 2\nb =\nb = 3\nb = 4\n", 0,
+     "a=2@high:2 a=3@high:3 b=3@high:6 b=4@high:7 ",
+     "a=1@2 b=1@3 a=2@2+ a=3@3+ b=2@4 b=@5 b=3@6+ b=4@7+ "},
+    // Stanzas are numbered in each file, and each goes on with its like.
+    {dialectOf(&ZDialect::repeated, ZDIALECT_NUMBERED),
+     "[s]\na = 1\n[s]\na = 2\n", "[s]\nb = 3\n[s]\na = 4\n[s]\na = 5\n", 0,
+     "a=1@low:2 b=3@high:2 ", "a=1@2+ a=2@4 b=3@2+ a=4@4+ a=5@6+ "},
+    {dialectOf(&ZDialect::repeated, ZDIALECT_MERGED),
+     "[s]\na = 1\n[t]\n[s]\na = 2\n", "[s]\na = 3\n[s]\na = 4\n", 0,
+     "a=3@high:2 a=4@high:4 ", "a=1@2 a=2@5 a=3@2+ a=4@4+ "},
+    {dialectOf(&ZDialect::names, ZDIALECT_FOLDED),
+     "[S]\nA = 1\nB = 2\n", "[s]\na = 3\n", 0, "a=3@high:2 b=2@low:3 ", "A=1@2 B=2@3+ a=3@2+ "},
+    // A key without a divider goes before values and empty ones, and the other way round.
+    {dialectOf(&ZDialect::comments, ZDIALECT_SEMICOLON),
+     "[s]\na = 1\nb\nc\n", "[s]\na\nb =\nc = 2\n", 0,
+     "a= b= c=2@high:4 ", "a=1@2 b=@3! c=@4! a=@2!+ b=@3+ c=2@4+ "},
+};
+// clang-format on
+
+TEST(LayerSet, LaysFilesOfADialect) {
+    for (const auto& row : kDialects) {
+        SCOPED_TRACE(row.entries);
+        const TempFolder root;
+        write(root, {{"usr/app.conf", row.low}, {"etc/app.conf.d/1.conf", row.high}});
+        Set set(root, row.flags);
+        ZModelReading::storeOf(set.model).setDialect(std::make_shared<const ZDialect>(row.dialect));
+        ASSERT_EQ(set.load(), "");
+        string values = set.values();
+        for (const string path : {"usr/app.conf:", "etc/app.conf.d/1.conf:"})
+            for (size_t at; (at = values.find(path)) != string::npos;)
+                values.replace(at, path.size(), path[0] == 'u' ? "low:" : "high:");
+        EXPECT_EQ(values, row.values);
+        EXPECT_EQ(set.entries(), row.entries);
+        // What lower files say is known still.
+        ZSCFData again;
+        set.set.rebuild(set.model, set.set.layers().size(), again);
+        ZVector<ZPropDifference> differences;
+        zfindDifferences(set.model, again, differences);
+        EXPECT_EQ(differences.size(), 0u);
     }
 }
 

@@ -53,7 +53,7 @@ struct OwnInfo {
 
 struct OwnEntry {
     ZLCString stanza, key, value, file;
-    int line, isHidden, counts;
+    int line, isHidden, counts, isBare;
 };
 
 }  // namespace
@@ -106,12 +106,13 @@ void ZLayers::forEachEntry(void (*visit)(void* data, const ZLayerEntry& entry), 
             const bool isSecret = value.layer->kind == ZLayer::credential;
             entries.push_back({ztextOf(value.stanza), ztextOf(value.key),
                                isSecret ? ZLCString() : ztextOf(value.value),
-                               value.layer->found.path, value.line, value.isHidden, value.counts});
+                               value.layer->found.path, value.line, value.isHidden, value.counts,
+                               value.isBare});
         });
     }
     for (const OwnEntry& own : entries)
         visit(data, {own.stanza.getChars(), own.key.getChars(), own.value.getChars(),
-                     own.file.getChars(), own.line, own.isHidden, own.counts});
+                     own.file.getChars(), own.line, own.isHidden, own.counts, own.isBare});
 }
 
 unsigned int ZLayers::shadowed(ZLCString& file, int& line) const {

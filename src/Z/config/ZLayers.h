@@ -19,7 +19,8 @@ class ZLayersFile;
 ///     layers.setValue("log", "level", "debug");
 ///     update.commit();
 ///
-/// Reading: of a key the last file that has it gives all values; "key =" there gives none. With
+/// Reading: of a key the last file that has it gives all values; "key =" there gives none, and so
+///   does a key without a divider. With
 ///   ZLAYERS_COLLECT the values of all files follow each other, and "key =" forgets those before
 ///   it. A load is of one moment: if a file, a folder or a link has changed meanwhile it begins
 ///   again, and raises ZPropertiesIOException with "load()" and EAGAIN if that never ends. A file
@@ -40,6 +41,13 @@ class ZLayersFile;
 ///   itself, can't be read, or stands at a later place once more; one that is empty and a link;
 ///   and below a prefix one that is a link, or has or gets hidden values.
 ///   What a credential gives is never written anywhere.
+/// Dialects: with one in the terms all files are read in it and the target is changed in it, as
+///   ZStanzaFileProperties::setDialect says; hidden values can be had from credentials alone. What
+///   it can't say is refused with the reason, above all several values where it has the last one
+///   only. "key =", which takes back what lower files say, is to this object a key without values
+///   whatever the files' owner takes it for; where a blank divides it is key "" with quotes, and
+///   without them it can't be said. The mark of a drop-in that was made here is a comment of the
+///   dialect.
 /// Shadows: a change to a key to which a file above the target gives other values is stored, and
 ///   shadowed() tells of it; with ZLAYERS_REFUSE_SHADOWED it raises ZInvalidParameterException,
 ///   nothing is stored, and shadowed() tells why.
@@ -55,7 +63,8 @@ class ZLayersFile;
 class ZEXPORT ZLayers : public ZStanzaFileProperties {
 public:
     /// Loads at once. `attributes`: ZPCACHE_STRICT, or 0. Waits up to `wait` milliseconds for each
-    /// file's lock. Raises as load, and ZInvalidParameterException for terms that can't be.
+    /// file's lock. Raises as load, and ZInvalidParameterException for terms that can't be,
+    /// switches of a dialect that clash among them.
     explicit ZLayers(const ZLayersTerms& terms, unsigned long attributes = 0,
                      unsigned long wait = 0);
     ~ZLayers() noexcept override;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "ZStanzaFileProperties.h"
+#include "zdialectentries.h"
 #include "zgrammar.h"
 #include "zlayerfinding.h"
 #include "zmodelcontent.h"
@@ -22,6 +23,27 @@
 
 // The first line of a drop-in that was made here: such a one goes with its last key.
 static const char kMark[] = "# Made for changed keys; removed with the last of them.";
+
+void ZLayersFile::setTerms(const ZLayersTerms& terms) {
+    set_.reset(new ZLayerSet(terms));
+    flags_ = terms.flags;
+    const ZDialect* dialect = ZLayerTree::dialectOf(terms);
+    if (dialect == nullptr)
+        return;
+    ZDialect own(*dialect);
+    // A file's values are then what lower ones' are followed by.
+    if (isCollecting() && own.values == ZDIALECT_ALL_VALUES)
+        own.values = ZDIALECT_RESET_VALUES;
+    setDialect(own);
+}
+
+// In the characters that begin comments there.
+ZLCString ZLayersFile::mark() const {
+    ZLCString mark(kMark);
+    if (dialect() != nullptr && dialect()->comments == ZDIALECT_SEMICOLON)
+        mark.replace("#", ";");
+    return mark;
+}
 
 void ZLayersFile::requireOneFile() const {
     zrequireNoFault({"a configuration of several files", "takes changes of values only"});
@@ -76,6 +98,8 @@ void ZLayersFile::rebuildStored(ZSCFData& out) const {
             add(zspanOf(value));
         if (change.wanted.empty() && !change.isGone)
             add({nullptr, 0});
+        if (change.isBare)
+            store.markBare(store.keyInMap(zspanOf(change.stanza), zspanOf(change.key)));
     }
     store.endLayers();
 }
@@ -124,6 +148,7 @@ void ZLayersFile::beginUpdate(ZUpdatedFile& file) {
     loadAll(0, &file.stamp);
     requireLocked(file.stamp);
     ZSCFData own;
+    ZModelReading::beLike(own, model());
     zreadContent(own, path(), {file.descriptor}, true, file.content);
     setUpdate(file);
 }
@@ -447,23 +472,45 @@ void ZLayersFile::findChanges(const ZSCFData& before, ZVector<Change>& changes) 
         changes.emplace_back(difference);
         Change& change = changes.back();
         change.kind = valuesOf(model(), change.stanza, change.key, change.wanted);
+        change.isBare =
+            ZModelEdits::isBare(model(), change.stanza.getChars(), change.key.getChars()) != 0;
+        change.foldedStanza = folded(zspanOf(change.stanza), true);
+        change.foldedKey = folded(zspanOf(change.key), false);
         if (change.kind == ZPStore::hidden && set_->tree().hasPrefix())
             zrequireNoFault({"a hidden value", "can't be stored below a prefix"});
         change.part = change.wanted;
     }
     std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
-        return isAhead(zspanOf(a.stanza), zspanOf(a.key), zspanOf(b.stanza), zspanOf(b.key));
+        return isAhead(zspanOf(a.foldedStanza), zspanOf(a.foldedKey), zspanOf(b.foldedStanza),
+                       zspanOf(b.foldedKey));
     });
 }
 
+// The spelling of a name by which those agree that the dialect takes for the same.
+ZLCString ZLayersFile::folded(ZSpan name, bool isStanza) const {
+    if (dialect() == nullptr || name.size == 0)
+        return ztextOf(name);
+    ZBytes out;
+    zdialectFold(*dialect(), name, isStanza, out);
+    return ztextOf(zspanOf(out));
+}
+
 // The one of this key, of all in their order; null if there is none.
-ZLayersFile::Change* ZLayersFile::changeOf(ZVector<Change>& changes, ZSpan stanza, ZSpan key) {
+ZLayersFile::Change* ZLayersFile::changeOf(ZVector<Change>& changes, ZSpan stanza,
+                                           ZSpan key) const {
+    ZLCString ownStanza, ownKey;
+    if (dialect() != nullptr) {
+        ownStanza = folded(stanza, true);
+        ownKey = folded(key, false);
+        stanza = zspanOf(ownStanza);
+        key = zspanOf(ownKey);
+    }
     const auto found =
         std::lower_bound(changes.begin(), changes.end(), key, [stanza](const Change& a, ZSpan b) {
-            return isAhead(zspanOf(a.stanza), zspanOf(a.key), stanza, b);
+            return isAhead(zspanOf(a.foldedStanza), zspanOf(a.foldedKey), stanza, b);
         });
-    return found != changes.end() && zequals(zspanOf(found->stanza), stanza) &&
-                   zequals(zspanOf(found->key), key)
+    return found != changes.end() && zequals(zspanOf(found->foldedStanza), stanza) &&
+                   zequals(zspanOf(found->foldedKey), key)
                ? &*found
                : nullptr;
 }
@@ -473,7 +520,8 @@ void ZLayersFile::lookAbove(const ZSCFData& model, const Place& place,
                             ZVector<Change>& changes) const {
     for (Change& change : changes) {
         change.above = nullptr;
-        change.isReset = false;
+        change.isReset = change.isBareAbove = false;
+        change.lastAbove = nullptr;
         change.aboveValues.clear();
         change.secrets.clear();
     }
@@ -484,20 +532,31 @@ void ZLayersFile::lookAbove(const ZSCFData& model, const Place& place,
         Change* const found = changeOf(changes, value.stanza, value.key);
         if (found == nullptr)
             return;
-        const bool isReset = isCollecting() ? value.value.size == 0 : found->above != value.layer;
-        if (isReset) {
-            found->isReset = true;
-            found->aboveValues.clear();
-            found->secrets.clear();
-        }
-        found->above = value.layer;
-        found->line = value.line;
-        if (value.value.size == 0)
-            return;
-        found->aboveValues.push_back(ztextOf(value.value));
-        if (value.layer->kind == ZLayer::credential)
-            found->secrets.push_back(ztextOf(value.value));
+        const bool isEmpty = value.value.size == 0, isFirst = found->above != value.layer;
+        const bool isLastOnly = repeats() == ZDIALECT_LAST_VALUE;
+        if (isCollecting() && isLastOnly && found->lastAbove == value.layer)
+            found->aboveValues.pop_back();
+        const bool resets = isEmpty && repeats() == ZDIALECT_RESET_VALUES;
+        noteAbove(*found, value, isCollecting() ? isEmpty : isFirst || isLastOnly || resets);
     });
+}
+
+void ZLayersFile::noteAbove(Change& change, const ZLayerValue& value, bool isReset) {
+    if (isReset) {
+        change.isReset = true;
+        change.aboveValues.clear();
+        change.secrets.clear();
+        change.lastAbove = nullptr;
+    }
+    change.above = value.layer;
+    change.line = value.line;
+    change.isBareAbove = value.isBare && change.aboveValues.empty();
+    if (value.value.size == 0)
+        return;
+    change.lastAbove = value.layer;
+    change.aboveValues.push_back(ztextOf(value.value));
+    if (value.layer->kind == ZLayer::credential)
+        change.secrets.push_back(ztextOf(value.value));
 }
 
 static bool startsWith(const ZVector<ZLCString>& all, const ZVector<ZLCString>& first) {
@@ -510,8 +569,9 @@ static bool endsWith(const ZVector<ZLCString>& all, const ZVector<ZLCString>& la
 
 bool ZLayersFile::isShadowed(const Change& change) const {
     return change.above != nullptr &&
-           (change.isReset ? change.aboveValues != change.wanted
-                           : !endsWith(change.wanted, change.aboveValues));
+           (change.isReset
+                ? change.aboveValues != change.wanted || change.isBareAbove != change.isBare
+                : !endsWith(change.wanted, change.aboveValues));
 }
 
 // Where values are collected the target gets those between the lower files' and the higher ones'.
@@ -571,24 +631,91 @@ static ZVector<ZLCString> withoutSecrets(const ZVector<ZLCString>& values,
     return left;
 }
 
-// Where the target says "key =" already it goes on doing so, ahead of the values.
-void ZLayersFile::keepForgetting(ZSpan text, ZVector<Change>& changes) {
-    const ZLineGrammar grammar;
+// Calls visit(stanza, key, hasValue, part) for each entry of a file; `part` is null but for
+// dialects.
+template <typename Visit>
+void ZLayersFile::forEachEntry(ZSpan text, Visit visit) const {
     ZSpan stanza = {nullptr, 0};
+    if (dialect() != nullptr) {
+        ZDialectEntries entries(*dialect(), text);
+        ZDialectPart part;
+        while (entries.next(part, stanza))
+            visit(stanza, part.name, part.value.size != 0, &part);
+        return;
+    }
+    const ZLineGrammar grammar;
     for (size_t at = 0; at < text.size;) {
         const size_t length = zlineLength(text.data + at, text.size - at);
         const ZLineParts parts = grammar.divideRaw({text.data + at, length});
         if (parts.kind == zlineHeader)
             stanza = parts.name;
-        Change* const change = parts.kind == zlineEntry && parts.value.size == 0
-                                   ? changeOf(changes, stanza, parts.name)
-                                   : nullptr;
+        else if (parts.kind == zlineEntry)
+            visit(stanza, parts.name, parts.value.size != 0, static_cast<ZDialectPart*>(nullptr));
         at += length;
+    }
+}
+
+// Where the target says "key =" already it goes on doing so, ahead of the values.
+void ZLayersFile::keepForgetting(ZSpan text, ZVector<Change>& changes) const {
+    forEachEntry(text, [&](ZSpan stanza, ZSpan key, bool hasValue, const ZDialectPart*) {
+        Change* const change = hasValue ? nullptr : changeOf(changes, stanza, key);
         if (change == nullptr || change->part.empty())
-            continue;
+            return;
         change->forgets = true;
         change->part = change->whole;
+    });
+}
+
+// "key =", spelled as an entry that has a value.
+static void addEmptyEntry(const ZDialect& dialect, const ZDialectPart& like, ZBytes& out) {
+    ZSpan line = zspanBetween(like.lines.data, like.raw.data);
+    while (line.size != 0 && zisDialectBlank(line.data[line.size - 1]))
+        --line.size;
+    zappendBytes(out, line);
+    if (dialect.divider == ZDIALECT_BLANK && dialect.quotes == ZDIALECT_PLAIN)
+        zrequireNoFault({"a value", "can't be empty"});
+    if (dialect.divider == ZDIALECT_BLANK)
+        zappendBytes(out, {" \"\"", 3});
+    const void* newline = memchr(like.lines.data, '\n', like.lines.size);
+    const bool isLong = newline != nullptr && newline != like.lines.data &&
+                        static_cast<const char*>(newline)[-1] == '\r';
+    zappendBytes(out, isLong ? ZSpan{"\r\n", 2} : ZSpan{"\n", 1});
+}
+
+// Puts what a text of a dialect says into `out`, and "key =" ahead of the keys that are to forget
+// lower values and don't say so.
+void ZLayersFile::addForgetting(ZSpan text, ZVector<Change>& changes, ZBytes& out) const {
+    struct Addition {
+        size_t at = SIZE_MAX;
+        ZBytes line;
+    };
+    ZVector<Addition> additions(changes.size());
+    ZVector<bool> says(changes.size());
+    forEachEntry(text, [&](ZSpan stanza, ZSpan key, bool hasValue, const ZDialectPart* part) {
+        Change* const change = changeOf(changes, stanza, key);
+        if (change == nullptr || !change->forgets)
+            return;
+        const size_t index = static_cast<size_t>(change - changes.data());
+        says[index] = says[index] || !hasValue;
+        Addition& own = additions[index];
+        if (!hasValue || own.at != SIZE_MAX)
+            return;
+        own.at = static_cast<size_t>(part->lines.data - text.data);
+        addEmptyEntry(*dialect(), *part, own.line);
+    });
+    for (size_t i = 0; i < additions.size(); ++i)
+        additions[i].at = says[i] ? SIZE_MAX : additions[i].at;
+    std::sort(additions.begin(), additions.end(),
+              [](const Addition& a, const Addition& b) { return a.at < b.at; });
+    size_t done = 0;
+    for (const Addition& own : additions) {
+        if (own.at == SIZE_MAX)
+            break;
+        zappendBytes(out, {text.data + done, own.at - done});
+        zappendBytes(out, zspanOf(own.line));
+        done = own.at;
     }
+    zappendBytes(out, {text.data + done, text.size - done});
 }
 
 // In place of those it has. What is there twice stays so, which addValue wouldn't do.
@@ -615,12 +742,18 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
     target.setStoreMode(ZPROP_STORE_SAFE);
     ZPropertiesFile& own = ZPropertiesFile::of(target);
     ZProperties::ZPropResourceLock guard(own.lock());
+    if (dialect() != nullptr)
+        own.setDialect(*dialect());
     own.setPath(path());
     own.beginUpdate(file);
     const ZAtEnd ended([&] { own.endUpdate(); });
     const bool isNew = file.isNew && file.content.text.size() == 0 && isDropIn_;
     if (isCollecting())
         keepForgetting(zspanOf(file.content.text), changes);
+    if (isNew && dialect() != nullptr) {
+        const ZLCString line(mark().append('\n'));
+        target.loadBytes(line.getChars(), line.getLength());
+    }
     ZSCFData& content = static_cast<ZSCFData&>(own.cache());
     const ZPStore& store = ZModelReading::storeOf(content);
     ZVector<ZPId> forgetting;
@@ -629,14 +762,16 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
         const bool isHidden = change.kind == ZPStore::hidden;
         const ZVector<ZLCString> part(withoutSecrets(change.part, change.secrets));
         // That lower files' values don't count has to be said.
-        const bool isEmpty =
-            part.empty() &&
-            (change.wanted.empty() ? below.countValues(stanza, key) != 0 || !change.isGone
-                                   : change.forgets);
+        const bool isBelow =
+            below.countValues(stanza, key) != 0 || ZModelEdits::isBare(below, stanza, key) != 0;
+        const bool isEmpty = part.empty() && !change.isBare &&
+                             (change.wanted.empty() ? isBelow || !change.isGone : change.forgets);
         const bool isOtherKind =
             target.exists(stanza, key) && (target.isObfuscated(stanza, key) != 0) != isHidden;
-        if ((part.empty() && !isEmpty) || isOtherKind)
+        if ((part.empty() && !isEmpty && !change.isBare) || isOtherKind)
             target.deleteKey(stanza, key);
+        if (change.isBare)
+            target.setBare(stanza, key);
         if (isEmpty)
             target.setValue(stanza, key, "");
         if (!part.empty())
@@ -644,10 +779,18 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
         if (change.forgets && !part.empty())
             forgetting.push_back(store.keyInMap(zspanOf(change.stanza), zspanOf(change.key)));
     }
-    ZModelEdits::addForgettingLines(content, forgetting);
-    if (isNew)
-        target.addFileComment(kMark);
     const ZBytes& text = file.content.text;
+    if (dialect() == nullptr) {
+        ZModelEdits::addForgettingLines(content, forgetting);
+        if (isNew)
+            target.addFileComment(kMark);
+    } else if (!forgetting.empty()) {
+        ZBuffer made;
+        ZBytes whole;
+        target.storeBytesOver(text.data(), text.size(), made);
+        addForgetting({static_cast<char*>(made.getBuffer()), made.getLength()}, changes, whole);
+        target.loadBytes(whole.data(), whole.size());
+    }
     if (foreseen != nullptr) {
         target.storeBytesOver(text.data(), text.size(), *foreseen);
         if (hasNothingLeft({static_cast<char*>(foreseen->getBuffer()), foreseen->getLength()}))
@@ -661,9 +804,12 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
 
 // Whether it is a drop-in that was made here and has no keys any more.
 bool ZLayersFile::hasNothingLeft(ZSpan text) const {
-    if (!isDropIn_ || text.size < sizeof kMark || memcmp(text.data, kMark, sizeof kMark - 1) != 0)
+    const ZLCString line(mark());
+    if (!isDropIn_ || text.size <= line.getLength() ||
+        memcmp(text.data, line.getChars(), line.getLength()) != 0)
         return false;
     ZSCFData own;
+    ZModelReading::beLike(own, model());
     zreadText(own, path().getChars(), text);
     const ZPStore& store = ZModelReading::storeOf(own);
     bool hasKeys = false;

@@ -17,11 +17,8 @@ public:
         return static_cast<ZLayersFile&>(ZPropertiesFile::of(object));
     }
 
-    /// Ahead of all else.
-    void setTerms(const ZLayersTerms& terms) {
-        set_.reset(new ZLayerSet(terms));
-        flags_ = terms.flags;
-    }
+    /// Ahead of all else. Raises as ZLayerTree's, and as setDialect.
+    void setTerms(const ZLayersTerms& terms);
     const ZLayerSet& set() const { return *set_; }
     ZSCFData& model() const { return static_cast<ZSCFData&>(cache()); }
     void setTarget(const char* root, const char* dropIn);
@@ -61,7 +58,9 @@ private:
               isGone(difference.type == ZPropDifference::deleted) {}
 
         ZLCString stanza, key;
-        bool isGone;  // there is no such key any more
+        ZLCString foldedStanza, foldedKey;  // by which it is found
+        bool isGone;                        // there is no such key any more
+        bool isBare = false;                // it has no divider, and no values
         ZPStore::Kind kind = ZPStore::plain;
         ZVector<ZLCString> wanted;
         ZVector<ZLCString> part;   // what the target is to hold of that
@@ -71,6 +70,8 @@ private:
         const ZLayer* above = nullptr;  // the last one that has the key; null: none
         int line = 0;
         bool isReset = false;
+        bool isBareAbove = false;
+        const ZLayer* lastAbove = nullptr;  // the layer of the last of the values
         ZVector<ZLCString> aboveValues;
         ZVector<ZLCString> secrets;  // which of these are credentials
     };
@@ -96,8 +97,14 @@ private:
     void settleTarget();
     int makeFolder() const;
     void findChanges(const ZSCFData& before, ZVector<Change>& changes) const;
-    static Change* changeOf(ZVector<Change>& changes, ZSpan stanza, ZSpan key);
-    static void keepForgetting(ZSpan text, ZVector<Change>& changes);
+    ZLCString folded(ZSpan name, bool isStanza) const;
+    Change* changeOf(ZVector<Change>& changes, ZSpan stanza, ZSpan key) const;
+    template <typename Visit>
+    void forEachEntry(ZSpan text, Visit visit) const;
+    void keepForgetting(ZSpan text, ZVector<Change>& changes) const;
+    void addForgetting(ZSpan text, ZVector<Change>& changes, ZBytes& out) const;
+    static void noteAbove(Change& change, const ZLayerValue& value, bool isReset);
+    unsigned int repeats() const { return dialect() == nullptr ? 0u : dialect()->values; }
     void lookAbove(const ZSCFData& model, const Place& place, ZVector<Change>& changes) const;
     bool isCollecting() const { return (flags_ & ZLAYERS_COLLECT) != 0; }
     bool isShadowed(const Change& change) const;
@@ -108,6 +115,7 @@ private:
     void put(ZUpdatedFile& file, const ZSCFData& model, const Place& place,
              ZVector<Change>& changes, ZBuffer* foreseen = nullptr);
     bool hasNothingLeft(ZSpan text) const;
+    ZLCString mark() const;
     void removeTarget(const ZUpdatedFile& file) const;
 
     std::unique_ptr<ZLayerSet> set_;

@@ -28,7 +28,7 @@ void ZStanzaFileProperties::loadBytes(const void* bytes, size_t length) {
     // Where the side database is, isn't the bytes' to say: a store would write there, or remove it.
     // In an object without a file the entry is text like any other, which goes on to the next.
     const ZLCString& side = cache_->obfuscatedDBName();
-    if (side.isEmpty() && !fileName_.isEmpty())
+    if (side.isEmpty() && !fileName_.isEmpty() && ZPropertiesFile::of(*this).dialect() == nullptr)
         trial.delLine(kSideStanza, kSideKey);
     else if (!side.isEmpty() && trial.contains(kSideStanza, kSideKey) != 0)
         trial.addLine(kSideStanza, kSideKey, side.getChars(), 0);

@@ -89,8 +89,12 @@ static void give(ZSpan text, ZBuffer& out) {
 
 void ZStanzaFileProperties::storeBytes(ZBuffer& out) const {
     ZResourceLock guard(lock_);
-    if (ZPropertiesFile::of(*this).dialect() != nullptr)
-        return storeBytesOver(nullptr, 0, out);
+    if (ZPropertiesFile::of(*this).dialect() != nullptr) {
+        ZBytes made;
+        return give(
+            ZPropertiesFile::of(*this).finishText(fileName_, {nullptr, 0}, {nullptr, 0}, made),
+            out);
+    }
     ZMemoryStream stream;
     cache_->be_write(fileName_.getChars(), stream.get());
     give(stream.finish(), out);

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "ZExceptionText.h"
+#include "zdialectentries.h"
 #include "zfilecontent.h"
 #include "zinternal.h"
 #include "zgrammar.h"
@@ -74,6 +75,8 @@ static ZLayer layerOf(ZLayer::Kind kind, const ZLayerFile& found) {
 // The entry that names a side database is no value of the configuration's.
 static void forgetSideName(ZSCFData& model) {
     ZPStore& store = storeOf(model);
+    if (store.dialect() != nullptr)
+        return;
     model.setObfuscatedDBName("");
     const ZPId key = store.keyInMap(zspanOf(kSideStanza), zspanOf(kSideKey));
     if (key == ZPStore::none)
@@ -475,10 +478,18 @@ bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* ke
     if (found == nullptr || !isLoaded(model, *found))
         return false;
     layer = found;
-    line = found->kind == ZLayer::file && place->offset < found->textEnd
-               ? lineOf(model, *found, place->offset)
-               : 0;
+    const uint32_t entry = entryOf(store, *found, place->offset);
+    line = found->kind == ZLayer::file && entry < found->textEnd ? lineOf(model, *found, entry) : 0;
     return true;
+}
+
+// The place of the entry of a value. One that is spelled anew has it ahead of itself.
+uint32_t ZLayerSet::entryOf(const ZPStore& store, const ZLayer& layer, uint32_t place) {
+    if (store.dialect() == nullptr || layer.kind != ZLayer::file || place < layer.textEnd)
+        return place;
+    uint32_t entry;
+    memcpy(&entry, store.text(place - sizeof entry), sizeof entry);
+    return entry;
 }
 
 // The layer that has these bytes, which are read in the order of the layers; null if none has.
@@ -499,48 +510,57 @@ const ZLayer* ZLayerSet::layerAt(uint32_t offset) const {
 
 // ---------------------------------------------------------------- all entries
 
-namespace {
-
-// Whether the model has a value that stands in this part of its text.
-class Counting {
+// Whether the model has a value of an entry that stands in this part of its text.
+class ZLayerSet::Counting {
 public:
-    explicit Counting(const ZPStore& store) : store_(store) {}
+    Counting(const ZLayerSet& set, const ZPStore& store) : set_(set), store_(store) {}
 
-    // `empty`: the entry has none, and counts if nothing else gives the key any.
-    bool operator()(ZSpan stanza, ZSpan key, ZPStore::Kind kind, uint32_t start, uint32_t end,
-                    bool empty) const {
+    bool operator()(ZSpan stanza, ZSpan key, ZPStore::Kind kind, uint32_t start,
+                    uint32_t end) const {
         const ZPId id = store_.keyInMap(stanza, key);
         if (id == ZPStore::none)
             return false;
-        if (empty)
-            return store_.values(id, ZPStore::plain).count() == 0 &&
-                   store_.values(id, ZPStore::hidden).count() == 0;
         const uint32_t count = store_.values(id, kind).count();
         uint32_t first = 0, last = count;  // places rise: they were read one behind the other
         while (first < last) {
             const uint32_t middle = (first + last) / 2;
-            const ZPSlice* place = store_.placeOfValue(id, kind, middle);
-            if (place == nullptr || place->offset >= end)
+            const ZPSlice* slice = store_.placeOfValue(id, kind, middle);
+            const uint32_t place = slice == nullptr ? UINT32_MAX : entryAt(slice->offset);
+            if (place >= end)
                 last = middle;
-            else if (place->offset < start)
+            else if (place < start)
                 first = middle + 1;
             else
                 return true;
         }
         return false;
     }
+    // An entry without a value counts if nothing gives the key any.
+    bool withoutValue(ZSpan stanza, ZSpan key, bool isBare = false) const {
+        const ZPId id = store_.keyInMap(stanza, key);
+        return id != ZPStore::none && store_.values(id, ZPStore::plain).count() == 0 &&
+               store_.values(id, ZPStore::hidden).count() == 0 && store_.isBare(id) == isBare;
+    }
 
 private:
+    uint32_t entryAt(uint32_t place) const {
+        const ZLayer* layer = store_.dialect() == nullptr ? nullptr : set_.layerAt(place);
+        return layer == nullptr ? place : entryOf(store_, *layer, place);
+    }
+
+    const ZLayerSet& set_;
     const ZPStore& store_;
 };
-
-}  // namespace
 
 void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
     for (const size_t index : loaded_.read) {
         const ZLayer& layer = loaded_.layers[index];
         if (!isLoaded(model, layer))
             return;
+        if (layer.kind == ZLayer::file && storeOf(model).dialect() != nullptr) {
+            walkEntries(model, layer, visit, data);
+            continue;
+        }
         if (layer.kind == ZLayer::file) {
             walkText(model, layer, visit, data);
             walkHidden(model, layer, visit, data);
@@ -549,11 +569,13 @@ void ZLayerSet::walk(const ZSCFData& model, Visitor visit, void* data) const {
         const ZPStore& store = storeOf(model);
         const bool isHidden = layer.kind == ZLayer::credential;
         const ZSpan value = store.text().span({layer.start, layer.end - layer.start});
-        const bool counts = Counting(store)(zspanOf(layer.stanza), zspanOf(layer.key),
-                                            isHidden ? ZPStore::hidden : ZPStore::plain,
-                                            layer.start, layer.end, value.size == 0);
-        visit(data,
-              {zspanOf(layer.stanza), zspanOf(layer.key), value, &layer, 0, isHidden, counts});
+        const ZSpan stanza = zspanOf(layer.stanza), key = zspanOf(layer.key);
+        const Counting counts(*this, store);
+        const bool has = value.size == 0
+                             ? counts.withoutValue(stanza, key)
+                             : counts(stanza, key, isHidden ? ZPStore::hidden : ZPStore::plain,
+                                      layer.start, layer.end);
+        visit(data, {stanza, key, value, &layer, 0, isHidden, has, false});
     }
 }
 
@@ -561,7 +583,7 @@ void ZLayerSet::walkText(const ZSCFData& model, const ZLayer& layer, Visitor vis
                          void* data) const {
     const ZPStore& store = storeOf(model);
     const ZLineGrammar grammar;
-    const Counting counts(store);
+    const Counting counts(*this, store);
     ZSpan stanza = {nullptr, 0};
     int line = 1;
     for (uint32_t at = layer.start; at < layer.textEnd;) {
@@ -574,12 +596,32 @@ void ZLayerSet::walkText(const ZSCFData& model, const ZLayer& layer, Visitor vis
             stanza = parts.name;
         } else if (parts.kind == zlineEntry && !isSide) {
             const uint32_t place = at + static_cast<uint32_t>(parts.value.data - text);
-            const bool has =
-                counts(stanza, parts.name, ZPStore::plain, place, place + 1, parts.value.size == 0);
-            visit(data, {stanza, parts.name, parts.value, &layer, line, false, has});
+            const bool has = parts.value.size == 0
+                                 ? counts.withoutValue(stanza, parts.name)
+                                 : counts(stanza, parts.name, ZPStore::plain, place, place + 1);
+            visit(data, {stanza, parts.name, parts.value, &layer, line, false, has, false});
         }
         line += text[length - 1] == '\n';
         at += static_cast<uint32_t>(length);
+    }
+}
+
+void ZLayerSet::walkEntries(const ZSCFData& model, const ZLayer& layer, Visitor visit,
+                            void* data) const {
+    const ZPStore& store = storeOf(model);
+    const Counting counts(*this, store);
+    const ZSpan text = store.text().span({layer.start, layer.textEnd - layer.start});
+    ZDialectEntries entries(*store.dialect(), text);
+    ZDialectPart entry;
+    ZSpan stanza;
+    while (entries.next(entry, stanza)) {
+        const uint32_t at = layer.start + static_cast<uint32_t>(entry.lines.data - text.data);
+        const uint32_t end = at + static_cast<uint32_t>(entry.lines.size);
+        const bool isBare = entry.kind == ZDialectPart::bareEntry;
+        const bool has = entry.value.size == 0
+                             ? counts.withoutValue(stanza, entry.name, isBare)
+                             : counts(stanza, entry.name, ZPStore::plain, at, end);
+        visit(data, {stanza, entry.name, entry.value, &layer, entry.line, false, has, isBare});
     }
 }
 
@@ -589,14 +631,14 @@ void ZLayerSet::walkHidden(const ZSCFData& model, const ZLayer& layer, Visitor v
         return;
     ZSCFData own;
     zreadSide(own, zspanOf(layer.side));
-    const Counting counts(storeOf(model));
+    const Counting counts(*this, storeOf(model));
     const ZPStore& store = storeOf(own);
     for (ZPId key = store.firstFollowed(); key != ZPStore::none; key = store.nextFollowed(key)) {
         const ZSpan stanza = store.text().span(store.stanza(store.key(key).stanza).name);
         const ZSpan name = store.text().span(store.key(key).name);
         const ZPValueView values = store.values(key, ZPStore::hidden);
-        const bool has = counts(stanza, name, ZPStore::hidden, layer.textEnd, layer.end, false);
+        const bool has = counts(stanza, name, ZPStore::hidden, layer.textEnd, layer.end);
         for (uint32_t i = 0; i < values.count(); ++i)
-            visit(data, {stanza, name, values[i], &layer, 0, true, has});
+            visit(data, {stanza, name, values[i], &layer, 0, true, has, false});
     }
 }

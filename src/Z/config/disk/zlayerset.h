@@ -21,8 +21,8 @@ struct ZLayer {
     ZLayerFile found;       // of the others only the path: "$NAME", or the credential's
     bool isRead;            // its text is in the model's:
     uint32_t start;         //   its begin
-    uint32_t textEnd;       //   the end of what isn't hidden
-    uint32_t end;           //   the end of its hidden values
+    uint32_t textEnd;       //   the end of what isn't hidden, or spelled anew
+    uint32_t end;           //   the end of such names and values
     int badLine;            // of a bad file: from 1; 0 if it isn't about a line
     ZLCString reason;       // of a bad file: the bad line, or what failed and why
     ZBytes side;            // of a file: its side database; empty if it has none
@@ -39,9 +39,10 @@ struct ZLayerValue {
     int line;       // as origin() gives it
     bool isHidden;  // stands in a side database, or is a credential
     bool counts;    // the model has it
+    bool isBare;    // has no divider
 };
 
-/// One thread at a time.
+/// All files are in the dialect of the models they are read into. One thread at a time.
 class ZLayerSet : public ZAllocated {
 public:
     /// Raises as ZLayerTree's.
@@ -114,10 +115,13 @@ private:
     void begin(ZSCFData& model, ZLayer& layer) const;
     void requireFiles() const;
     [[noreturn]] void raiseBad(const ZLayer& layer) const;
+    class Counting;
     const ZLayer* layerAt(uint32_t offset) const;
+    static uint32_t entryOf(const ZPStore& store, const ZLayer& layer, uint32_t place);
     int lineOf(const ZSCFData& model, const ZLayer& layer, uint32_t offset) const;
     void walk(const ZSCFData& model, Visitor visit, void* data) const;
     void walkText(const ZSCFData& model, const ZLayer& layer, Visitor visit, void* data) const;
+    void walkEntries(const ZSCFData& model, const ZLayer& layer, Visitor visit, void* data) const;
     void walkHidden(const ZSCFData& model, const ZLayer& layer, Visitor visit, void* data) const;
 
     const ZLayerTree tree_;

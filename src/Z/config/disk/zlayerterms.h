@@ -5,16 +5,26 @@
  *   ROOT/PROJECT/NAME.conf.d/A.conf     drop-ins: of all roots, in the order of their names; of one
  *                                       name that of the highest root
  *
- * Without a project they stand in ROOT itself. Hidden names, names that end in "~" and those with
+ * Without a project they stand in ROOT itself. For a unit of systemd, which has its drop-ins in
+ * NAME.service.d/A.conf, "suffix" is ".service" and "dropInSuffix" ".conf". Hidden names, names that end in "~" and those with
  * another suffix are no drop-ins, and folders in the drop-ins' folder aren't looked into. An empty
  * file, or a link to /dev/null, hides what lower roots have under its name. A file that is reached
- * twice counts once, at its last place. What comes later goes before what comes earlier. */
+ * twice counts once, at its last place. What comes later goes before what comes earlier.
+ *
+ * With a dialect all files are texts of it. What the dialect says of a stanza or key that is there
+ * more than once goes for each file by itself: stanzas that repeat are numbered in each, and go on
+ * with those of that number in lower files; a key's last value, or those behind its last "key =",
+ * are what the file gives. Names that the dialect takes for the same are the same across files,
+ * spelled as in the first one that has them. A key without a divider goes before lower values as
+ * "key =" does. Where values are collected, "key =" forgets in each dialect whatever stands before
+ * it, and so does a key without a divider. */
 #ifndef Z_ZLAYERTERMS_H
 #define Z_ZLAYERTERMS_H
 
 #include <stddef.h>
 
 #include "z.h"
+#include "zdialect.h"
 
 /* Bits of `flags`. */
 enum {
@@ -62,6 +72,7 @@ typedef struct ZLayerEntry {
     int line;           /* from 1; 0 for one that is hidden, a variable or a credential */
     int isHidden;       /* whether it stands in a side database, or is a credential */
     int counts;         /* whether the configuration has it; 0: another has its place */
+    int isBare;         /* whether it has no divider, which only some dialects have */
 } ZLayerEntry;
 
 /* What names the files. Start with one that is all zero but for `size` and `name`. Copied by
@@ -83,6 +94,8 @@ typedef struct ZLayersTerms {
     const char* const* keys; /* for `environment`: stanza, key, stanza, key, a null behind the
                                 last; null: none */
     unsigned long flags;     /* the bits above */
+    const ZDialect* dialect; /* of all files; null: they are the library's own */
+    const char* dropInSuffix; /* of drop-ins; null: that of the main file */
 } ZLayersTerms;
 
 #endif

@@ -41,6 +41,19 @@ static bool isDots(const char* part, size_t length) {
     return (length == 1 && *part == '.') || (length == 2 && part[0] == '.' && part[1] == '.');
 }
 
+// A member that a caller's older struct doesn't have.
+template <typename T>
+static T later(const ZLayersTerms& terms, size_t offset) {
+    T value = T();
+    if (terms.size >= offset + sizeof value)
+        memcpy(&value, reinterpret_cast<const char*>(&terms) + offset, sizeof value);
+    return value;
+}
+
+const ZDialect* ZLayerTree::dialectOf(const ZLayersTerms& terms) {
+    return later<const ZDialect*>(terms, offsetof(ZLayersTerms, dialect));
+}
+
 ZLayerTree::ZLayerTree(const ZLayersTerms& terms) : flags_(0) {
     zrequire(terms.size >= kFirstSize);
     flags_ = terms.flags;
@@ -52,8 +65,10 @@ ZLayerTree::ZLayerTree(const ZLayersTerms& terms) : flags_(0) {
     const char* name = terms.name;
     zrequire(name != nullptr && *name != '\0' && strchr(name, '/') == nullptr &&
              !isDots(name, strlen(name)));
-    suffix_ = terms.suffix == nullptr ? ".conf" : terms.suffix;
-    zrequire(strchr(suffix_.getChars(), '/') == nullptr);
+    const char* suffix = terms.suffix == nullptr ? ".conf" : terms.suffix;
+    const char* ofDropIns = later<const char*>(terms, offsetof(ZLayersTerms, dropInSuffix));
+    dropInSuffix_ = ofDropIns == nullptr ? suffix : ofDropIns;
+    zrequire(strchr(suffix, '/') == nullptr && strchr(dropInSuffix_.getChars(), '/') == nullptr);
     project_ = terms.project == nullptr ? "" : terms.project;
     for (const char* part = project_.getChars(); *part != '\0';) {
         const size_t length = strcspn(part, "/");
@@ -61,7 +76,7 @@ ZLayerTree::ZLayerTree(const ZLayersTerms& terms) : flags_(0) {
         part += length + (part[length] == '/');
     }
     mainName_ = name;
-    mainName_.append(suffix_);
+    mainName_.append(suffix);
     if (terms.prefix != nullptr && *terms.prefix != '\0')
         prefix_ = folderPath(terms.prefix);
     setRoots(terms);
@@ -112,9 +127,9 @@ int ZLayerTree::rootOf(const char* root) const {
 }
 
 bool ZLayerTree::isDropInName(const char* name) const {
-    const size_t length = strlen(name), suffix = suffix_.getLength();
+    const size_t length = strlen(name), suffix = dropInSuffix_.getLength();
     return length != 0 && *name != '.' && name[length - 1] != '~' && length >= suffix &&
-           strcmp(name + length - suffix, suffix_.getChars()) == 0 && !zisJournalName(name);
+           strcmp(name + length - suffix, dropInSuffix_.getChars()) == 0 && !zisJournalName(name);
 }
 
 // The folder that is "/" for all but the extra files; open by O_PATH.

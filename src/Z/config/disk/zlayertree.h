@@ -37,11 +37,13 @@ struct ZLayerFile {
 
 class ZLayerTree : public ZAllocated {
 public:
-    /// Copies what it needs. Raises ZInvalidParameterException for terms that can't be: an empty
+    /// Copies what it needs, but no dialect. Raises ZInvalidParameterException for terms that can't be: an empty
     /// name, a "/" in name or suffix, a name or a part of the project that is "." or "..", a
     /// relative root or prefix, unknown bits in `flags`, a `size` that is smaller than the struct's
     /// first version, or anything but zeros in what it has beyond this version.
     explicit ZLayerTree(const ZLayersTerms& terms);
+    /// That of the terms, or null. Requires: such terms can be.
+    static const ZDialect* dialectOf(const ZLayersTerms& terms);
     ZLayerTree(const ZLayerTree&) = delete;
     ZLayerTree& operator=(const ZLayerTree&) = delete;
 
@@ -88,7 +90,7 @@ private:
     ZVector<ZLCString> roots_;
     ZLCString prefix_;   // empty: none
     ZLCString project_;  // empty: none
-    ZLCString suffix_;
+    ZLCString dropInSuffix_;
     ZLCString mainName_;
     ZVector<ZLCString> extra_;
     unsigned long flags_;

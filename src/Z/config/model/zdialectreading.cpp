@@ -104,20 +104,33 @@ private:
         const bool isNumbering = dialect_.repeated == ZDIALECT_NUMBERED;
         if (isNumbering && zwithoutNumber(name).size != name.size)
             return false;
-        Id known = store_.stanzaInMap(name);
-        if (known == ZPStore::none) {
-            group_ = store_.readHeader(slice(name));
-        } else {
-            group_ = store_.readHeaderAgain(known, slice(name));
-            if (group_ == ZPStore::none && isNumbering)
-                group_ = store_.readHeader(slice(zspanOf(nextName(known).getChars())));
-            else if (group_ == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED)
-                group_ = store_.stanza(known).group;
+        const Id known = store_.stanzaInMap(name);
+        group_ = enter(known, name);
+        if (group_ == ZPStore::none && isNumbering) {
+            const ZLCString next(nextName(known));
+            group_ = enter(store_.stanzaInMap(zspanOf(next.getChars())), zspanOf(next.getChars()));
+        } else if (group_ == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED) {
+            group_ = store_.stanza(known).group;
         }
         if (group_ == ZPStore::none)
             return false;
         stanza_ = store_.group(group_).stanza;
         return true;
+    }
+
+    // The group of a header of this name, that of a known stanza or of none; none if this text has
+    // had it.
+    Id enter(Id known, ZSpan name) {
+        if (known == ZPStore::none)
+            return store_.readHeader(slice(name));
+        if (!store_.readsLayers())
+            return ZPStore::none;
+        // It keeps its first spelling, for which this text has to have a place.
+        const ZSpan spelled = store_.text().span(store_.stanza(known).name);
+        if (zequals(name, spelled))
+            return store_.readHeaderAgain(known, slice(name));
+        const ZLCString own(spelled.data, static_cast<unsigned int>(spelled.size));
+        return store_.readHeaderAgain(known, sliceOfCopy({own.getChars(), own.getLength()}));
     }
 
     // NAME#2, NAME#3, ... for what follows this stanza.
@@ -136,16 +149,32 @@ private:
                 return false;
             flush();
             const Id known = store_.stanzaInMap({"", 0});
-            group_ = known == ZPStore::none ? store_.readHeader({0, 0})
-                                            : store_.readHeaderAgain(known, {0, 0});
+            group_ =
+                known == ZPStore::none ? store_.readHeader({0, 0}) : store_.stanza(known).group;
             stanza_ = store_.group(group_).stanza;
         }
         const uint32_t hash = store_.keyHash(stanza_, part.name);
         store_.prefetchKey(hash);
         // The name first: it always stands in the text, which the value may move.
         const ZPSlice name = slice(part.name);
-        queue({part.kind, name, slice(part.value), hash});
+        queue(
+            {part.kind, name, store_.readsLayers() ? placedValue(part) : slice(part.value), hash});
         return true;
+    }
+
+    // Of a value whose place doesn't tell its entry's line, a copy behind the place of the entry.
+    ZPSlice placedValue(const ZDialectPart& part) {
+        const ZSpan value = part.value;
+        const size_t at =
+            reinterpret_cast<uintptr_t>(value.data) - reinterpret_cast<uintptr_t>(text_);
+        const size_t entry = static_cast<size_t>(part.lines.data - text_);
+        if (value.size == 0 || (at < size_ && memchr(part.lines.data, '\n', at - entry) == nullptr))
+            return slice(value);
+        ZBytes own;
+        zappendBytes(own, value);  // the text may move
+        const uint32_t place = static_cast<uint32_t>(start_ + entry);
+        store_.addText({reinterpret_cast<const char*>(&place), sizeof place});
+        return sliceOfCopy(zspanOf(own));
     }
 
     void queue(const Pending& piece) {

@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "zmodeledits.h"
+#include "zmodelreading.h"
+
 typedef ZVector<ZPropDifference> Differences;
 
 static const char* text(const ZArrayList& list, unsigned int i) {
@@ -13,9 +16,14 @@ static void note(Differences& out, const char* stanza, const char* key,
     out.push_back({stanza, key, type});
 }
 
+static bool isBare(const ZPCache& cache, const char* stanza, const char* key) {
+    return ZModelReading::dialectOf(cache) != nullptr &&
+           ZModelEdits::isBare(static_cast<const ZSCFData&>(cache), stanza, key) != 0;
+}
+
 static bool sameValues(const ZPCache& a, const ZPCache& b, const char* stanza, const char* key) {
     const int count = a.countValues(stanza, key);
-    if (count != b.countValues(stanza, key) ||
+    if (count != b.countValues(stanza, key) || isBare(a, stanza, key) != isBare(b, stanza, key) ||
         a.isObfuscated(stanza, key) != b.isObfuscated(stanza, key))
         return false;
     if (count <= 1) {

@@ -17,7 +17,8 @@ struct ZPropDifference {
 
 /// Appends what has to be told of the way from `before` to `after`, in the order of the files:
 /// first what is gone, a stanza behind its keys, then what is new or has other values, a stanza
-/// ahead of its keys. Two keys differ if their values do, in number, order or kind.
+/// ahead of its keys. Two keys differ if their values do, in number, order or kind, or if just one
+/// has no divider.
 /// Cost: linear in both.
 void zfindDifferences(const ZPCache& before, const ZPCache& after, ZVector<ZPropDifference>& out);
 

@@ -644,10 +644,10 @@ ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
 void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
     const Id owner = createStanza(stanza);
     const Id id = createKey(owner, key);
-    if (value.size == 0)
-        forgetLowerValues(id, kind, true);
-    else
-        appendValue(id, kind, value);
+    if (value.size != 0)
+        return appendValue(id, kind, value);
+    forgetLowerValues(id, kind, true);
+    unmarkBare(id);
 }
 
 // An entry of a higher file is about to be added: what lower ones gave goes, but where values are
@@ -666,6 +666,25 @@ void ZPStore::forgetLowerValues(Id id, Kind kind, bool isEmpty) {
     dropValues(id, hidden);
 }
 
+// Likewise what other entries of this file gave, in dialects that don't keep all.
+void ZPStore::forgetValuesAbove(Id id, bool isEmpty) {
+    const bool collects = layerStart_ != none && collects_;
+    if (lastWins_ && collects) {
+        // Of those before it only the last one can be this file's.
+        const uint32_t count = values(id, plain).count();
+        const ZPSlice* last = count == 0 ? nullptr : placeOfValue(id, plain, count - 1);
+        if (last != nullptr && last->offset >= layerStart_ && keys_[id].extra == nullptr)
+            dropValues(id, plain);
+        else if (last != nullptr && last->offset >= layerStart_)
+            keys_[id].extra->values[plain].dropLast(text_, &keys_[id].value);
+    } else if (lastWins_ || (emptyResets_ && isEmpty)) {
+        dropValues(id, plain);
+    } else if (layerStart_ == none) {
+        return;
+    }
+    unmarkBare(id);
+}
+
 // An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list
 // may have been handed out.
 ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
@@ -682,11 +701,7 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     }
     if (layerStart_ != none)
         forgetLowerValues(id, plain, value.length == 0);
-    if (lastWins_ || (emptyResets_ && value.length == 0)) {
-        dropValues(id, plain);
-        if (keys_[id].value.length == 0)
-            keys_[id].value = {0, 0};  // a key without a divider is none from here on
-    }
+    forgetValuesAbove(id, value.length == 0);
     if (value.length == 0)
         return id;
     ZPKey& key = keys_[id];

@@ -264,6 +264,12 @@ public:
             keys_[key].value = {kBare, 0};
     }
 
+    /// It has a divider from here on.
+    void unmarkBare(Id key) {
+        if (keys_[key].value.length == 0)
+            keys_[key].value = {0, 0};
+    }
+
     /// The list object of these values; made at first use.
     ZArrayList* valueList(Id key, Kind kind) const;
     /// The list object of the stanza's keys; made at first use.
@@ -361,12 +367,13 @@ public:
         keepsPlaces_ = true;
         collects_ = collects;
     }
+    bool readsLayers() const { return layerStart_ != none; }
     /// What comes from here on is no file's.
     void endLayers() { layerStart_ = none; }
     /// A value that this file has besides its text; an empty one is an entry without a value.
     void addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value);
     /// A header of the file that is read, of a stanza that is in the map: the stanza's group; none
-    /// if this file has had one already.
+    /// if this file has had one already. The name is spelled as the stanza's.
     Id readHeaderAgain(Id stanza, ZPSlice name);
     /// Where the values of a key stand in the text, or stood when they were read: those that were
     /// set since have other bytes there, or stand behind all that was read.
@@ -497,6 +504,7 @@ private:
 
     Id addGroup(Id stanza);
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
+    void forgetValuesAbove(Id key, bool isEmpty);
     Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {

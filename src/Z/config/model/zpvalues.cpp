@@ -93,6 +93,14 @@ void ZPValues::drop(ZPText& text, ZPSlice* own) {
         list->removeAll();
 }
 
+void ZPValues::dropLast(ZPText& text, ZPSlice* own) {
+    zassert(list_.get() == nullptr);
+    if (slices_.size() == 0)
+        return drop(text, own);
+    text.drop(slices_[slices_.size() - 1]);
+    slices_.setSize(slices_.size() - 1);
+}
+
 void ZPValues::copy(ZPText& text, ZPSlice* own, const ZPValueView& values) {
     zassert(!areHere());
     if (values.list_ != nullptr)

@@ -74,6 +74,8 @@ public:
     void replace(ZPText& text, ZPSlice* own, ZSpan value);
     /// All values go. A list that was handed out becomes empty.
     void drop(ZPText& text, ZPSlice* own);
+    /// The last one goes. Requires: there is one, and no list.
+    void dropLast(ZPText& text, ZPSlice* own);
     /// Makes these, which are none yet, a copy: a list becomes a list.
     void copy(ZPText& text, ZPSlice* own, const ZPValueView& values);
 
