@@ -6,7 +6,7 @@ import os
 
 from layerrules import (
     COLLECT, REFUSE_SHADOWED, Failure, File, Link, ask, entries_of, expected, find, in_order,
-    lines_of, shown, values_of)
+    parts_of, shown, values_of)
 
 NAMES = ["10", "20-a", "9", "B", "a", "\u00e4", "b\n c", " x", "%s*", "a.conf", "-"]
 MARK = b"# Made for changed keys; removed with the last of them."
@@ -30,28 +30,35 @@ class Change:
         self.wanted = {which: list(texts) for which, texts in self.before.items()}
         self.words = []
         for _ in range(dice.choice([0, 1, 1, 1, 2, 3, 6])):
-            self.make_one(dice)
+            self.make_one(dice, terms.dialect)
+        self.dialect = terms.dialect
         self.keys = [which for which in {**self.before, **self.wanted}
                      if self.before.get(which) != self.wanted.get(which)]
 
-    def make_one(self, dice):
+    def make_one(self, dice, dialect):
         which = dice.choice([b"s", b"t", b"u v", b" s", b"new"]), dice.choice(
             [b"a", b"b", b"c", b"d e", b"new"])
         if self.wanted and dice.random() < 0.6:
             which = dice.choice(sorted(self.wanted))
         value = dice.choice([b"1", b"2", b"3", b"x = y", b"# no", b"[s]", b"\xc3\xa4 b", b"new"])
-        word = dice.choice(["set", "set", "empty", "add", "add", "delete", "drop"])
-        if word == "drop":
+        word = dice.choice(["set", "set", "empty", "add", "add", "delete", "drop"]
+                           + ["bare"] * dialect.bare)
+        if word == "drop" and which[0]:  # that without a name goes key by key
             self.words.append("delete " + shown(which[0]))
             for other in [other for other in self.wanted if other[0] == which[0]]:
                 del self.wanted[other]
             return
+        word = {"drop": "delete"}.get(word, word)
         words = [{"empty": "set"}.get(word, word), shown(which[0]), shown(which[1])]
         if word == "delete":
             self.wanted.pop(which, None)
+        elif word == "bare":
+            self.wanted[which] = [None]
         elif word == "add":
             words.append(shown(value))
             list_of = self.wanted.setdefault(which, [])
+            if list_of == [None]:
+                list_of.clear()
             if value not in list_of:
                 list_of.append(value)
         else:
@@ -93,7 +100,7 @@ class Change:
             return True
         if self.keys and sum(other is node for _, other in maker.files) > 1:
             return True  # a second hard link
-        return isinstance(entries_of(node.content), int)
+        return isinstance(entries_of(node.content, terms.dialect), int)
 
     def stands_twice(self, maker):
         """Whether more is found, by links, than the target when it gets its first key."""
@@ -132,27 +139,33 @@ def on_disk(base):
     return there
 
 
-def others_lines(content, keys):
+def others_lines(content, keys, dialect):
     """The lines of a file but blank ones and the entries of these keys; and how many of them stand
-    ahead of each of these keys."""
-    stanza, kept, ahead = None, [], {}
-    for line, parts in zip(content.split(b"\n"), lines_of(content)):
-        if parts is not None and parts[0] == "header":
-            stanza = parts[1]
-        if parts is not None and parts[0] == "entry" and (stanza, parts[1]) in keys:
-            ahead.setdefault((stanza, parts[1]), len(kept))
-        elif line.strip():
-            kept.append(line)
+    ahead of each of these keys, if that has a value in each of its entries."""
+    stanza, kept, ahead, emptied = b"", [], {}, set()
+    for _, lines, says in parts_of(content, dialect):
+        if says is not None and says[0] == "header":
+            stanza = says[1]
+        which = dialect.which(stanza, says[1]) if says and says[0] in ("entry", "bare") else None
+        if which in keys:
+            ahead.setdefault(which, len(kept))
+            if not (says[0] == "entry" and says[2]):
+                emptied.add(which)
+        else:
+            kept += [line for line in lines if line.strip()]
+    if dialect.name != "-":  # where values go behind those
+        ahead = {which: count for which, count in ahead.items() if which not in emptied}
     return kept, ahead
 
 
 def target_faults(change, old, new):
     """What is wrong with the target's text, apart from its values."""
     fresh = {stanza for stanza, _ in change.keys}
-    fresh -= {parts[1] for parts in lines_of(old or b"") if parts and parts[0] == "header"}
+    fresh -= {says[1] for _, _, says in parts_of(old or b"", change.dialect)
+              if says and says[0] == "header"}
     new_lines = [b"[" + stanza + b"]" for stanza in fresh] + ([MARK] if old is None else [])
-    left, places = others_lines(old or b"", change.keys)
-    lines, new_places = others_lines(new, change.keys)
+    left, places = others_lines(old or b"", change.keys, change.dialect)
+    lines, new_places = others_lines(new, change.keys, change.dialect)
     for line in lines:
         if left and line in (left[0], *(line + b"\r" for line in left if len(left) == 1)):
             left.pop(0)  # the last one may have had no end
@@ -206,11 +219,12 @@ def shadows_of(change, terms, high):
     shadows, values = [], values_of(high, terms)
     for which in change.keys:
         entries = [(found, value, line) for found, all_of in high
-                   for stanza, key, value, line in all_of if (stanza, key) == which]
+                   for stanza, key, value, line in all_of
+                   if terms.dialect.which(stanza, key) == which]
         if not entries:
             continue
         wanted, theirs = change.wanted.get(which, []), texts_of(values, which)
-        is_whole = not terms.flags & COLLECT or b"" in [value for _, value, _ in entries]
+        is_whole = not terms.flags & COLLECT or not all(value for _, value, _ in entries)
         if wanted != theirs if is_whole else wanted[len(wanted) - len(theirs) :] != theirs:
             last = entries[-1][0]
             shadows.append((which, {"%s %d" % (shown(found.shown), line)
@@ -266,7 +280,7 @@ def disk_faults(change, path, before, after):
     if not change.keys:
         return [*wrong, "the target was changed for nothing"]
     is_ours = change.drop_in is not None and (old is None or old.startswith(MARK))
-    if new is not None and is_ours and not entries_of(new):
+    if new is not None and is_ours and not entries_of(new, change.dialect):
         wrong.append("the target is left without keys")
     if new is not None:
         return wrong + target_faults(change, old, new)

@@ -110,37 +110,115 @@ class Tree:
 # ---------------------------------------------------------------- a file's text
 
 
-def lines_of(content):
-    """("header", name), ("entry", key, value), ("bad",) or None for each line."""
+class Dialect:
+    """What src/Z/config/dialect/zdialect.h says of some presets, and the library's own grammar."""
+
+    def __init__(self, name, **switches):
+        self.name, self.comments, self.dividers = name, b"#", b"="
+        self.bare = self.indent = self.backslash = self.merges = self.numbers = False
+        self.orphans = self.resets = self.folds_keys = False
+        self.__dict__.update(switches)
+
+    def which(self, stanza, key):
+        return stanza, key.lower() if self.folds_keys else key
+
+
+OWN = Dialect("-")
+BOTH = {"comments": b"#;"}
+DIALECTS = [
+    Dialect("systemd", **BOTH, backslash=True, merges=True, resets=True),
+    Dialect("systemd-network", **BOTH, backslash=True, numbers=True, resets=True),
+    Dialect("lax", **BOTH, dividers=b"=:", bare=True, merges=True, orphans=True),
+    Dialect("configparser", **BOTH, dividers=b"=:", indent=True, folds_keys=True),
+]
+
+
+def is_comment(line, dialect):
+    return line.strip()[:1] in [dialect.comments[i : i + 1] for i in range(len(dialect.comments))]
+
+
+def goes_on(line):
+    line = line[:-1] if line.endswith(b"\r") else line
+    return (len(line) - len(line.rstrip(b"\\"))) % 2 == 1
+
+
+def indent_of(line):
+    return len(line) - len(line.lstrip())
+
+
+def parts_of(content, dialect):
+    """(number of the first line, the lines, what they say): None, ("header", name),
+    ("entry", key, value), ("bare", key) or ("bad",)."""
     lines = content.split(b"\n")
-    for line in lines[:-1] if lines[-1] == b"" else lines:
-        line = line.strip()
-        if line == b"" or line.startswith(b"#"):
-            yield None
+    lines = lines[:-1] if lines[-1] == b"" else lines
+    at = 0
+    while at < len(lines):
+        first, at = at, at + 1
+        line = lines[first].strip()
+        if line == b"" or is_comment(line, dialect):
+            says = None
         elif line.startswith(b"[") and b"]" in line:
-            yield "header", line[1 : line.index(b"]")]
-        elif b"=" in line:
-            key, _, value = line.partition(b"=")
-            yield "entry", key.strip(), value.strip()
+            says = "header", line[1 : line.index(b"]")]
         else:
-            yield ("bad",)
+            divider = min((line.index(c) for c in dialect.dividers if c in line), default=None)
+            if divider is None:
+                says = ("bare", line) if dialect.bare else ("bad",)
+            else:
+                key, value = line[:divider].strip(), line[divider + 1 :].strip()
+                if dialect.indent:
+                    value, at = indented(lines, first, value, dialect)
+                if dialect.backslash and goes_on(lines[first]):
+                    value, at = continued(lines, first, value, dialect)
+                says = ("entry", key, value) if key and value is not None else ("bad",)
+        yield first + 1, lines[first:at], says
 
 
-def entries_of(content):
-    """[(stanza, key, value, line)]; or the number of the first bad line."""
-    entries, seen, stanza = [], set(), None
-    for number, parts in enumerate(lines_of(content), 1):
-        if parts is None:
+def indented(lines, first, value, dialect):
+    """The value with the lines that belong to it, and the line behind them."""
+    end, blanks = first + 1, b""
+    for at in range(first + 1, len(lines)):
+        text = lines[at].strip()
+        if text == b"":
+            blanks += b"\n"
+        elif not is_comment(text, dialect):
+            if indent_of(lines[at]) <= indent_of(lines[first]):
+                break
+            value += blanks + b"\n" + text
+            end, blanks = at + 1, b""
+    return value, end
+
+
+def continued(lines, first, value, dialect):
+    value, at = value[:-1] + b" ", first + 1
+    while at < len(lines):
+        line = lines[at][:-1] if lines[at].endswith(b"\r") else lines[at]
+        at += 1
+        if is_comment(line, dialect):
             continue
-        if parts[0] == "bad" or (parts[0] == "entry" and stanza is None):
+        if not goes_on(line):
+            return (value + line).strip(), at
+        value += line[:-1] + b" "
+    return None, first + 1
+
+
+def entries_of(content, dialect):
+    """[(stanza, key, value, line)], the value None where there is no divider; or the number of the
+    first bad line."""
+    entries, seen, stanza = [], {}, b"" if dialect.orphans else None
+    for number, _, says in parts_of(content, dialect):
+        if says is None:
+            continue
+        if says[0] == "bad" or (says[0] != "header" and stanza is None):
             return number
-        if parts[0] == "header":
-            stanza = parts[1]
-            if stanza in seen:
+        if says[0] == "header":
+            stanza = says[1]
+            seen[stanza] = seen.get(stanza, 0) + 1
+            if seen[stanza] > 1 and dialect.numbers:
+                stanza += b"#%d" % seen[stanza]
+            elif seen[stanza] > 1 and not dialect.merges:
                 return number
-            seen.add(stanza)
         else:
-            entries.append((stanza, parts[1], parts[2], number))
+            entries.append((stanza, says[1], says[2] if says[0] == "entry" else None, number))
     return entries
 
 
@@ -235,21 +313,31 @@ def find(tree, terms, prefix):
     return files
 
 
+class Values(dict):
+    """The values of each key as (value, found, line), by folded names; the one value of a key
+    without a divider is None."""
+
+    def __init__(self):
+        super().__init__()
+        self.spelled = {}
+
+
 def values_of(read, terms):
-    values = {}
+    values = Values()
     for found, entries in read:
         fresh = set()
         for stanza, key, value, line in entries:
-            which = stanza, key
-            if terms.flags & COLLECT:
-                if not value:
-                    values[which] = []
-            elif which not in fresh:
+            which = terms.dialect.which(stanza, key)
+            values.spelled.setdefault(which, (stanza, key))
+            is_first = which not in fresh
+            fresh.add(which)
+            resets = not value and (terms.dialect.resets or terms.flags & COLLECT)
+            if resets or (is_first and not terms.flags & COLLECT):
                 values[which] = []
-                fresh.add(which)
-            values.setdefault(which, [])
-            if value:
-                values[which].append((value, found, line))
+            mine = [each for each in values.get(which, []) if each[0] is not None]
+            if value or (value is None and not mine):
+                mine.append((value, found, line))
+            values[which] = mine
     return values
 
 
@@ -259,7 +347,7 @@ def expected(tree, terms, prefix):
     read = []
     for found in files:
         if found.state == "counts":
-            entries = entries_of(found.node.content)
+            entries = entries_of(found.node.content, terms.dialect)
             if isinstance(entries, int):
                 found.state, found.bad = "bad", -entries
             else:
@@ -280,14 +368,17 @@ def expected(tree, terms, prefix):
     values = values_of(read, terms)
     answer = ["F %s %s" % (found.state, shown(found.shown)) for found in files]
     for stanza, key in sorted(values):
-        answer.append("V %s %s" % (shown(stanza), shown(key)))
+        answer.append("V %s %s" % tuple(map(shown, values.spelled[stanza, key])))
         for value, found, line in values[stanza, key]:
-            answer.append("v %s %s %d" % (shown(value), shown(found.shown), line))
+            answer.append("v - - 0" if value is None else
+                          "v %s %s %d" % (shown(value), shown(found.shown), line))
     for found, entries in read:
         for stanza, key, value, line in entries:
-            mine = values[stanza, key]
+            mine = values[terms.dialect.which(stanza, key)]
             counts = (value, found, line) in mine if value else not mine
-            texts = shown(stanza), shown(key), shown(value), shown(found.shown)
+            if value is None:
+                counts = [each[0] for each in mine] == [None]
+            texts = shown(stanza), shown(key), shown(value or b""), shown(found.shown)
             answer.append("E %s %s %s %s %d %d" % (*texts, line, counts))
     return answer, values, read
 

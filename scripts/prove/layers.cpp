@@ -1,16 +1,17 @@
 // layers.cpp: what scripts/prove-layers asks of the library: which files, values and entries a
 // layered configuration has, and what a change makes of it.
 //
-// From each line of the input, with tabs in between: prefix, project, name, suffix, flags, and
-// ":"-separated roots and extra files; "-" stands for none. For a change these follow, all texts
+// From each line of the input, with tabs in between: prefix, project, name, suffix, flags,
+// ":"-separated roots and extra files, and a dialect; "-" stands for none. For a change these
+// follow, all texts
 // with %XX for what isn't a letter, a digit or one of "_./": "new" or the last question's "same"
 // object; "update" or "store"; the target's root and drop-in; and each "set STANZA KEY VALUE",
-// "add STANZA KEY VALUE", "delete STANZA KEY", "delete STANZA". The answer, with such texts:
+// "add STANZA KEY VALUE", "bare STANZA KEY", "delete STANZA KEY", "delete STANZA". The answer, with such texts:
 //
 //   S COUNT PATH LINE                          after a change: what is shadowed
 //   F STATE PATH                               each file, in their order
 //   V STANZA KEY                               each key, followed by
-//   v VALUE PATH LINE                          its values
+//   v VALUE PATH LINE                          its values; "v - - 0" if it has no divider
 //   E STANZA KEY VALUE PATH LINE COUNTS        each entry
 //   !io CALL ERRNO PATH, or !data LINE PATH    what was raised, in place of S, V, v and E; of
 //   or !refused                                a change in place of S alone
@@ -24,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "Z/ZDialects.h"
 #include "Z/ZExceptionText.h"
 #include "Z/ZLayers.h"
 #include "Z/ZPropertiesUpdate.h"
@@ -89,6 +91,8 @@ static void showValues(const ZLayerSet& set, const ZSCFData& model) {
             const ZSpan owner = store.text().span(store.stanza(stanza).name),
                         name = store.text().span(store.key(key).name);
             printf("V %s %s\n", shown(owner).c_str(), shown(name).c_str());
+            if (store.isBare(key))
+                puts("v - - 0");
             const ZPValueView values = store.values(key, ZPStore::plain);
             for (uint32_t i = 0; i < values.count(); ++i) {
                 const ZLayer* layer = nullptr;
@@ -135,6 +139,8 @@ static string failureOf(const std::function<void()>& call) {
 static void showLoad(const ZLayersTerms& terms) {
     ZLayerSet set(terms);
     ZSCFData model;
+    if (terms.dialect != nullptr)
+        ZModelReading::storeOf(model).setDialect(std::make_shared<const ZDialect>(*terms.dialect));
     const string failure = failureOf([&] { set.load(model, 0); });
     showFiles(set);
     if (failure.empty())
@@ -152,6 +158,8 @@ static void makeChange(ZLayers& layers, const string& change) {
         layers.setValue(stanza, key, words[3].c_str());
     else if (words[0] == "add")
         layers.addValue(stanza, key, words[3].c_str(), 0);
+    else if (words[0] == "bare")
+        layers.setBare(stanza, key);
     else if (words.size() > 2)
         layers.deleteKey(stanza, key);
     else
@@ -160,16 +168,16 @@ static void makeChange(ZLayers& layers, const string& change) {
 
 static void showChange(const ZLayersTerms& terms, const std::vector<string>& parts) {
     static std::unique_ptr<ZLayers> layers;
-    const bool inUpdate = parts[8] == "update";
-    const string root = meant(parts[9]), dropIn = meant(parts[10]);
-    if (parts[7] == "new")
+    const bool inUpdate = parts[9] == "update";
+    const string root = meant(parts[10]), dropIn = meant(parts[11]);
+    if (parts[8] == "new")
         layers.reset(new ZLayers(terms));
     const string failure = failureOf([&] {
-        layers->setTarget(root.c_str(), parts[10] == "-" ? nullptr : dropIn.c_str());
+        layers->setTarget(root.c_str(), parts[11] == "-" ? nullptr : dropIn.c_str());
         std::unique_ptr<ZPropertiesUpdate> update;
         if (inUpdate)
             update.reset(new ZPropertiesUpdate(*layers, 0));
-        for (size_t i = 11; i < parts.size(); ++i)
+        for (size_t i = 12; i < parts.size(); ++i)
             makeChange(*layers, parts[i]);
         if (inUpdate)
             update->commit();
@@ -190,7 +198,7 @@ static void showChange(const ZLayersTerms& terms, const std::vector<string>& par
 
 static void answer(const string& question) {
     const std::vector<string> parts = split(question, '\t');
-    if (parts.size() != 7 && parts.size() < 11)
+    if (parts.size() != 8 && parts.size() < 12)
         exit(2);
     const std::vector<string> rootList = split(parts[5], ':'), extraList = split(parts[6], ':');
     const std::vector<const char*> roots = pointers(rootList), extra = pointers(extraList);
@@ -203,7 +211,12 @@ static void answer(const string& question) {
     terms.flags = strtoul(parts[4].c_str(), nullptr, 10);
     terms.roots = roots.data();
     terms.extra = extra.data();
-    if (parts.size() == 7)
+    ZDialect dialect;
+    if (parts[7] != "-") {
+        ZDialects::get(parts[7].c_str(), dialect);
+        terms.dialect = &dialect;
+    }
+    if (parts.size() == 8)
         showLoad(terms);
     else
         showChange(terms, parts);

@@ -463,10 +463,14 @@ static void requireShortLines(const char* path, ZSpan text) {
 }
 
 void ZPropertiesFile::setDialect(const ZDialect& dialect) {
-    zrequire(cache().count() == 0 && path().getLength() == 0 && ZModelReading::isOwn(cache()));
     const ZDialectClash clash = zdialectClash(dialect);
     if (clash.first != nullptr)
         zrequireNoFault({clash.first, clash.second});
+    setOwnDialect(dialect);
+}
+
+void ZPropertiesFile::setOwnDialect(const ZDialect& dialect) {
+    zrequire(cache().count() == 0 && path().getLength() == 0 && ZModelReading::isOwn(cache()));
     cache().clear();
     ZDialect own(dialect);
     own.size = sizeof own;  // what a later version may have added is zero

@@ -138,6 +138,8 @@ public:
     /// Before anything is loaded: the file is of this dialect. Raises ZInvalidParameterException,
     /// with a reason for switches that clash.
     void setDialect(const ZDialect& dialect);
+    /// Likewise with switches that clash for others than the caller.
+    void setOwnDialect(const ZDialect& dialect);
     /// The content is a copy of another object's.
     void beOfDialectOf(const ZPropertiesFile& other) { hasOrphans_ = other.hasOrphans_; }
     /// Null: it is the library's own.

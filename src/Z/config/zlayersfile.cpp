@@ -30,11 +30,13 @@ void ZLayersFile::setTerms(const ZLayersTerms& terms) {
     const ZDialect* dialect = ZLayerTree::dialectOf(terms);
     if (dialect == nullptr)
         return;
+    setDialect(*dialect);
+    if (!isCollecting() || dialect->values != ZDIALECT_ALL_VALUES)
+        return;
+    // Then it is so within a file too.
     ZDialect own(*dialect);
-    // A file's values are then what lower ones' are followed by.
-    if (isCollecting() && own.values == ZDIALECT_ALL_VALUES)
-        own.values = ZDIALECT_RESET_VALUES;
-    setDialect(own);
+    own.values = ZDIALECT_RESET_VALUES;
+    setOwnDialect(own);
 }
 
 // In the characters that begin comments there.
@@ -743,7 +745,7 @@ void ZLayersFile::put(ZUpdatedFile& file, const ZSCFData& model, const Place& pl
     ZPropertiesFile& own = ZPropertiesFile::of(target);
     ZProperties::ZPropResourceLock guard(own.lock());
     if (dialect() != nullptr)
-        own.setDialect(*dialect());
+        own.setOwnDialect(*dialect());
     own.setPath(path());
     own.beginUpdate(file);
     const ZAtEnd ended([&] { own.endUpdate(); });
