@@ -141,20 +141,21 @@ def on_disk(base):
 
 def others_lines(content, keys, dialect):
     """The lines of a file but blank ones and the entries of these keys; and how many of them stand
-    ahead of each of these keys, if that has a value in each of its entries."""
-    stanza, kept, ahead, emptied = b"", [], {}, set()
+    ahead of each of these keys; in a dialect only of those with one value, for of several any may
+    stay, and those without go ahead of others."""
+    stanza, kept, ahead, others = b"", [], {}, set()
     for _, lines, says in parts_of(content, dialect):
         if says is not None and says[0] == "header":
             stanza = says[1]
         which = dialect.which(stanza, says[1]) if says and says[0] in ("entry", "bare") else None
         if which in keys:
+            if which in ahead or not (says[0] == "entry" and says[2]):
+                others.add(which)
             ahead.setdefault(which, len(kept))
-            if not (says[0] == "entry" and says[2]):
-                emptied.add(which)
         else:
             kept += [line for line in lines if line.strip()]
-    if dialect.name != "-":  # where values go behind those
-        ahead = {which: count for which, count in ahead.items() if which not in emptied}
+    if dialect.name != "-":
+        ahead = {which: count for which, count in ahead.items() if which not in others}
     return kept, ahead
 
 
