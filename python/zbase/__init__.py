@@ -49,6 +49,24 @@ or takes all back after an exception; and watch() tells what others change:
     for change in zbase.watch("service.conf"):
         print(change.kind, change.section, change.option)
 
+Files of other programs are read and changed in their dialects, which are presets by name, see
+dialects(), or switches of your own:
+
+    >>> text = "[Service]\n; the daemon\nExecStart=/bin/d \\\n -v\n"
+    >>> unit = zbase.loads(text, dialect="systemd")
+    >>> unit["Service"]["ExecStart"]
+    '/bin/d   -v'
+    >>> mine = zbase.Dialect(comments=("semicolon",), divider="either", bare=True)
+    >>> conf = zbase.loads("[net]\nport: 80 ; not a comment\nfast\n", dialect=mine)
+    >>> conf["net"]["port"], conf["net"].is_bare("fast")
+    ('80 ; not a comment', True)
+    >>> conf["net"]["slow"] = None
+    >>> print(conf.dumps(), end="")
+    [net]
+    port: 80 ; not a comment
+    fast
+    slow
+
 Text is UTF-8; bytes that aren't come and go as surrogate escapes, and those that are UTF-8 together
 as the character that they make, under which alone a name is found. The process's locale,
 environment and signals are left alone. Objects belong to the process that made them: in a forked
@@ -56,6 +74,7 @@ child they raise StateError.
 """
 
 from ._config import Config, Section, Update, dumps, loads, open, update
+from ._dialect import Dialect, dialect_of, dialects
 from ._errors import (
     DataError,
     DeniedError,
@@ -76,6 +95,7 @@ __all__ = [
     "Config",
     "DataError",
     "DeniedError",
+    "Dialect",
     "Error",
     "FileError",
     "LockedError",
@@ -86,6 +106,8 @@ __all__ = [
     "StateError",
     "Update",
     "Watch",
+    "dialect_of",
+    "dialects",
     "dumps",
     "loads",
     "open",

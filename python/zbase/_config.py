@@ -22,6 +22,7 @@ from typing import (
 )
 
 from . import _lib
+from ._dialect import Dialect, checked
 from ._errors import DataError, MissingError, NotFoundError, RefusedError, StateError
 from ._lib import (
     SEPARATOR,
@@ -36,8 +37,12 @@ from ._lib import (
 )
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
-# What a section is made of: a text for a key with one value, a list for one with several.
-Values = Union[str, Iterable[str]]
+# What a section is made of: a text for a key with one value, a list for one with several; None for
+# one without a divider, which some dialects have.
+Values = Union[str, Iterable[str], None]
+# The same, as it is written.
+Listed = Dict[str, Optional[List[str]]]
+AnyDialect = Union[str, Dialect, None]
 _T = TypeVar("_T")
 
 
@@ -65,31 +70,47 @@ def _split(values: str) -> List[str]:
     return values.split(SEPARATOR) if values else []
 
 
-def _listed(values: Values) -> List[str]:
+def _listed(values: Values) -> Optional[List[str]]:
     """These values as a key can have them: no empty one, and none twice."""
+    if values is None:
+        return None
     texts = values if isinstance(values, Iterable) and not isinstance(values, str) else [values]
     return [text for text in dict.fromkeys(map(canonical, texts)) if text != ""]
 
 
-def _write(handle: Handle, name: str, listed: Mapping[str, List[str]]) -> None:
+def _write(handle: Handle, name: str, listed: Mapping[str, Optional[List[str]]]) -> None:
     stanza = encode(name)
     for option, texts in listed.items():
         key = encode(option)
+        if texts is None:
+            handle.run(_lib.set_bare, stanza, key)
+            continue
         handle.run(_lib.set_value, stanza, key, encode(texts[0] if texts else ""))
         for text in texts[1:]:
             handle.run(_lib.add_value, stanza, key, encode(text))
 
 
-def _tried(name: str, content: Mapping[str, Values]) -> Dict[str, List[str]]:
+def _copied(section: "Section") -> Dict[str, Values]:
+    return {option: None if section.is_bare(option) else section.getall(option)
+            for option in section}
+
+
+def _tried(
+    name: str, content: Mapping[str, Values], dialect: Optional[_lib.DialectTerms]
+) -> Listed:
     """The values of these keys, if a file can give all of it back: tried ahead of the first change,
     so that a refusal comes before it."""
     if isinstance(content, Section):
         content._refuse_hidden(content)
-        content = {option: content.getall(option) for option in content}
+        content = _copied(content)
     listed = {canonical(option): _listed(values) for option, values in content.items()}
-    trial = Handle.of_bytes(b"")
-    _write(trial, name, {"-": [], **listed})
-    trial.close()
+    trial = Handle.of_bytes(b"", dialect)
+    try:
+        _write(trial, name, {"-": [], **listed} if dialect is None else listed)
+        if dialect is not None:
+            trial.text(_lib.store_bytes)  # what only the text shows, as a value too many
+    finally:
+        trial.close()
     return listed
 
 
@@ -100,7 +121,8 @@ class Section(MutableMapping[str, str]):
     theirs that is commented out, if there is one.
 
     It is a view: it shows what the Config holds now, and what is assigned goes there. A key
-    without a value reads as the empty text. Keys are case sensitive.
+    without a value reads as the empty text; is_bare() tells whether it has no divider either. Keys
+    are case sensitive, but where a dialect doesn't mind; they are listed as they are spelled first.
     """
 
     __slots__ = ("_config", "_name")
@@ -126,6 +148,10 @@ class Section(MutableMapping[str, str]):
 
     def _table(self) -> Dict[str, str]:
         return self._config._table(self._name)
+
+    def _spelled(self, option: str) -> str:
+        table = self._table()
+        return table.spelled(option) if isinstance(table, _lib.FoldedDict) else option
 
     def _values(self, option: str) -> str:
         try:
@@ -237,14 +263,24 @@ class Section(MutableMapping[str, str]):
         self._values(option)
         return (self._name, option) in self._config._data().hidden
 
+    def is_bare(self, option: str) -> bool:
+        """Whether the key stands there without a divider, which only some dialects have."""
+        return self._values(option) == "" and self._config._handle.is_bare(
+            encode(self._name), encode(option)
+        )
+
     # --- Changing
 
-    def __setitem__(self, option: str, value: str) -> None:
-        """Makes this the only value of the key, which is made if need be; "" empties the key.
+    def __setitem__(self, option: str, value: Optional[str]) -> None:
+        """Makes this the only value of the key, which is made if need be; "" empties the key, and
+        None leaves its divider away.
 
         RefusedError (a ValueError) if the file couldn't give it back: a line end, a NUL, blanks at
-        its ends, a line of more than 8191 bytes; for the key also an "=", or "#" or "[" ahead.
+        its ends, a line of more than 8191 bytes; for the key also an "=", or "#" or "[" ahead; None
+        where the file's dialect has no such keys. A dialect may refuse others, and allow some.
         """
+        if value is None:
+            return self._write({canonical(option): None})
         stanza, key, text = encode(self._name), encode(option), encode(value)
         with self._config._changing() as handle:
             table = self._table()
@@ -271,15 +307,15 @@ class Section(MutableMapping[str, str]):
         self._replace({option: list(values)})
 
     def _replace(self, content: Mapping[str, Values]) -> None:
-        self._write(_tried(self._name, content))
+        self._write(_tried(self._name, content, self._config._handle.dialect))
 
-    def _write(self, listed: Mapping[str, List[str]]) -> None:
+    def _write(self, listed: Listed) -> None:
         with self._config._changing() as handle:
             table = self._table()
             self._refuse_hidden(listed)
             _write(handle, self._name, listed)
             for option, texts in listed.items():
-                table[option] = SEPARATOR.join(texts)
+                table[option] = SEPARATOR.join(texts or [])
 
     def _refuse_hidden(self, options: Iterable[str]) -> None:
         self._table()
@@ -296,7 +332,7 @@ class Section(MutableMapping[str, str]):
         them or of the keys is hidden, or the file couldn't give it back.
         """
         if isinstance(other, Section):
-            other = _tried(self._name, other)
+            other = _tried(self._name, other, self._config._handle.dialect)
         self._replace(dict(other, **more))
 
     def __delitem__(self, option: str) -> None:
@@ -349,7 +385,8 @@ class Config(MutableMapping[str, Section]):
     """What a stanza file holds: its stanzas by name, in the order of the file.
 
     Config() is empty; open(), update() and loads() give others. Changes stay in memory until
-    store(), and comments, blank lines and the bytes of other lines stay where they are.
+    store(), and comments, blank lines and the bytes of other lines stay where they are. `dialect`
+    is the name of a preset or a Dialect; None is the library's own.
 
     Where configparser has the same, it has the same name here. Threads may share a Config, except
     while an update is open in it: that belongs to the thread that began it.
@@ -357,8 +394,8 @@ class Config(MutableMapping[str, Section]):
 
     __slots__ = ("_handle",)
 
-    def __init__(self) -> None:
-        self._handle = Handle.of_bytes(b"")
+    def __init__(self, *, dialect: AnyDialect = None) -> None:
+        self._handle = Handle.of_bytes(b"", checked(dialect))
 
     @classmethod
     def _of(cls, handle: Handle) -> "Config":
@@ -403,9 +440,10 @@ class Config(MutableMapping[str, Section]):
 
     def __getitem__(self, section: str) -> Section:
         """The stanza, as a view; MissingError (a KeyError) if there is none."""
-        if section not in self._data().names:
+        data = self._data()
+        if section not in data.names:
             self._table(section)
-        return Section(self, section)
+        return Section(self, data.spelled(section))
 
     def __contains__(self, section: object) -> bool:
         return section in self._data().names
@@ -520,13 +558,15 @@ class Config(MutableMapping[str, Section]):
         which would become plain ones.
         """
         section = canonical(section)
-        listed = _tried(section, content)
+        listed = _tried(section, content, self._handle.dialect)
         with self._changing():
             if section not in self._data().names:
                 self.add_section(section)
-            self[section]._write(listed)
-            for option in [option for option in self[section] if option not in listed]:
-                del self[section][option]
+            mine = self[section]
+            mine._write(listed)
+            kept = {mine._spelled(option) for option in listed}
+            for option in [option for option in mine if option not in kept]:
+                del mine[option]
 
     def __delitem__(self, section: str) -> None:
         """Removes the stanza with its keys; MissingError if there is none."""
@@ -552,8 +592,8 @@ class Config(MutableMapping[str, Section]):
             handle.run(_lib.remove_key, name, b"-")
             self._data().add(section)
 
-    def set(self, section: str, option: str, value: str) -> None:
-        """Makes this the only value of the key, in a stanza that must be there."""
+    def set(self, section: str, option: str, value: Optional[str]) -> None:
+        """Makes this the only value of the key, in a stanza that must be there; None as there."""
         self[section][option] = value
 
     def remove_option(self, section: str, option: str) -> bool:
@@ -600,7 +640,9 @@ class Config(MutableMapping[str, Section]):
         found: List[Path] = []
         for name in filenames:
             try:
-                other = open(name)
+                other = Config._of(
+                    Handle.open(encode_path(name), "safe", 10, self._handle.dialect)
+                )
             except NotFoundError:
                 continue
             self._take(other)
@@ -616,14 +658,14 @@ class Config(MutableMapping[str, Section]):
 
         DataError for bad data, RefusedError for a key that is hidden here; nothing is changed then.
         """
-        self._take(loads(string))
+        self._take(Config._of(_handle_of(string, self._handle.dialect)))
 
     def read_dict(self, dictionary: Mapping[str, Mapping[str, Values]], source: str = "") -> None:
         """Sets the keys of these stanzas, which are made if need be, or changes nothing.
 
         RefusedError where values are hidden, of a key here or of a Section in the dictionary.
         """
-        tried = {canonical(section): _tried(section, content)
+        tried = {canonical(section): _tried(section, content, self._handle.dialect)
                  for section, content in dictionary.items()}
         with self._changing():
             for section, listed in tried.items():
@@ -640,12 +682,8 @@ class Config(MutableMapping[str, Section]):
             self._handle = theirs
             mine.close()
             return
-        tables = other._data()
-        content = {
-            name: {option: _split(values) for option, values in tables[name].items()}
-            for name in tables.names
-        }
-        if tables.hidden:
+        content = {name: _copied(other[name]) for name in other}
+        if other._data().hidden:
             raise RefusedError("hidden values would become plain ones", 22, other._file())
         self.read_dict(content)
 
@@ -661,6 +699,12 @@ class Config(MutableMapping[str, Section]):
     def path(self) -> Optional[str]:
         """The file that it was opened with or first stored to, or None."""
         return self._file()
+
+    @property
+    def dialect(self) -> Optional[Dialect]:
+        """The switches of its dialect; None: it is the library's own."""
+        terms = self._handle.dialect
+        return None if terms is None else terms.said
 
     @property
     def modified(self) -> bool:
@@ -688,33 +732,50 @@ class Config(MutableMapping[str, Section]):
         self.close()
 
 
-def open(path: Path, *, wait: Optional[float] = 10, mode: str = "safe") -> Config:
+def open(
+    path: Path,
+    *,
+    wait: Optional[float] = 10,
+    mode: str = "safe",
+    dialect: AnyDialect = None,
+) -> Config:
     """Loads a file.
+
+    `dialect` is the name of a preset (see dialects()) or a Dialect; it is never guessed. Of one
+    that isn't None, hidden values can't be had.
 
     Waits up to `wait` seconds while somebody writes to it; None waits for ever. `mode` is what a
     store() does about failures: "safe" leaves the old or the new content even after a crash,
     "checked" reports each failure, "plain" looks at none.
 
-    FileError (NotFoundError, DeniedError), LockedError, DataError.
+    FileError (NotFoundError, DeniedError), LockedError, DataError; NotFoundError also for a preset
+    that isn't there, RefusedError for switches that clash.
     """
-    return Config._of(Handle.open(encode_path(path), mode, wait))
+    return Config._of(Handle.open(encode_path(path), mode, wait, checked(dialect)))
 
 
-def loads(text: Union[str, bytes]) -> Config:
-    """A Config of this text, without a file. DataError for bad data."""
+def _handle_of(text: Union[str, bytes], dialect: Optional[_lib.DialectTerms]) -> Handle:
     if not isinstance(text, bytes):
         text = text.encode("utf-8", "surrogateescape")
-    return Config._of(Handle.of_bytes(text))
+    return Handle.of_bytes(text, dialect)
 
 
-def dumps(content: Mapping[str, Mapping[str, Values]]) -> str:
+def loads(text: Union[str, bytes], *, dialect: AnyDialect = None) -> Config:
+    """A Config of this text, without a file. DataError for bad data; a dialect as for open()."""
+    return Config._of(_handle_of(text, checked(dialect)))
+
+
+def dumps(
+    content: Mapping[str, Mapping[str, Values]], *, dialect: AnyDialect = None
+) -> str:
     """The text of a file with these stanzas. A list as value gives a key several values.
 
-    Hidden values of a Config are left out; for a Section that has some: RefusedError.
+    Hidden values of a Config are left out; for a Section that has some: RefusedError. A Config has
+    its own text if no dialect is named.
     """
-    if isinstance(content, Config):
+    if isinstance(content, Config) and dialect is None:
         return content.dumps()
-    with Config() as config:
+    with Config(dialect=dialect) as config:
         config.read_dict(content)
         return config.dumps()
 
@@ -722,8 +783,11 @@ def dumps(content: Mapping[str, Mapping[str, Values]]) -> str:
 class Update:
     """An update of a file: see update()."""
 
-    def __init__(self, path: Path, wait: Optional[float], mode: str, create: bool) -> None:
+    def __init__(
+        self, path: Path, wait: Optional[float], mode: str, create: bool, dialect: AnyDialect
+    ) -> None:
         self._path = encode_path(path)
+        self._dialect = checked(dialect)
         self._wait = wait
         self._mode = mode
         self._create = create
@@ -748,7 +812,7 @@ class Update:
         return self._config
 
     def _begun(self) -> Config:
-        handle = Handle.open(self._path, self._mode, self._wait)
+        handle = Handle.open(self._path, self._mode, self._wait, self._dialect)
         try:
             handle.begin(self._wait)
         except BaseException:
@@ -786,7 +850,12 @@ class Update:
 
 
 def update(
-    path: Path, *, wait: Optional[float] = 10, mode: str = "safe", create: bool = False
+    path: Path,
+    *,
+    wait: Optional[float] = 10,
+    mode: str = "safe",
+    create: bool = False,
+    dialect: AnyDialect = None,
 ) -> Update:
     """Changes a file so that no other writer comes between:
 
@@ -796,8 +865,8 @@ def update(
     At the beginning the file is locked, which waits up to `wait` seconds (None: for ever), and
     read. At the end it is stored, in the mode that open() tells, and the lock goes. After an
     exception the file is what it was. `create` makes a file that isn't there, empty; after an
-    exception that is taken away again.
+    exception that is taken away again. `dialect` is that of the file, as for open().
 
     The update belongs to the thread that entered it. In others, what it gave raises StateError.
     """
-    return Update(path, wait, mode, create)
+    return Update(path, wait, mode, create, dialect)

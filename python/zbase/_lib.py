@@ -2,7 +2,8 @@
 
 Every call goes through a Handle, which keeps what C can't know: that Python has closed the object,
 that the process has forked, that an update belongs to another thread. So no pointer reaches the
-library that isn't good. Nothing calls back from C: an exception couldn't get through there.
+library that isn't good. Nothing but the walk over presets calls back from C: an exception couldn't
+get through there.
 """
 
 import ctypes
@@ -16,7 +17,18 @@ import threading
 import time
 import weakref
 from itertools import repeat
-from typing import Any, Callable, Dict, List, Optional, Set, Tuple, TypeVar
+from typing import (
+    Any,
+    Callable,
+    Dict,
+    List,
+    Mapping,
+    NamedTuple,
+    Optional,
+    Set,
+    Tuple,
+    TypeVar,
+)
 
 from ._errors import (
     DataError,
@@ -52,8 +64,18 @@ class _LastError(ctypes.Structure):
     ]
 
 
-def _function(name: str, result: Any, *arguments: Any) -> Any:
-    function = getattr(_library, f"zstzProp{name}_6_0")
+class _Dialect(ctypes.Structure):
+    """ZDialect."""
+
+    _fields_ = [("size", ctypes.c_size_t)] + [
+        (switch, ctypes.c_uint)
+        for switch in ("comments", "divider", "tails", "bare", "continued", "quotes", "repeated",
+                       "names", "headers", "orphans", "values", "lines")
+    ]
+
+
+def _function(name: str, result: Any, *arguments: Any, family: str = "Prop") -> Any:
+    function = getattr(_library, f"zstz{family}{name}_6_0")
     function.restype = result
     function.argtypes = arguments
     return function
@@ -72,10 +94,15 @@ _err = ctypes.POINTER(ctypes.c_int)
 _setup = _function("Setup", _int, _int)
 _last_error = _function("LastError", _int, ctypes.POINTER(_LastError))
 _last_errno = _function("LastErrno", _int)
-_open_with = _function(
-    "OpenWith", _int, _out, _text, _int, _ulong, _int, _ulong
-)
-_open_bytes = _function("OpenBytes", _int, _out, _text, _size, _ulong)
+_dialect = ctypes.POINTER(_Dialect)
+_open_with = _function("OpenDialect", _int, _out, _text, _int, _dialect, _ulong, _int, _ulong)
+_open_bytes = _function("OpenDialectBytes", _int, _out, _text, _size, _dialect, _ulong)
+_Preset = ctypes.CFUNCTYPE(_int, ctypes.c_void_p, _text, _text)
+_get_preset = _function("_get", _int, _text, _dialect, family="Dialect")
+_preset_of = _function("_ofFile", _int, _text, _out, _out, family="Dialect")
+_each_preset = _function("_forEach", _int, _Preset, ctypes.c_void_p, family="Dialect")
+_clash = _function("_clash", None, _dialect, _texts, _texts, family="Dialect")
+_is_bare = _function("IsBare", _int, _handle, _text, _text, _err)
 _close = _function("Close", None, _handle)
 _free = _function("Free", None, _block)
 _free_list = _function("FreeStanzas", None, _texts)
@@ -93,6 +120,7 @@ _store = _function("Store", _int, _handle, _text)
 # What Handle.run takes; the first argument is the handle's own.
 set_value = _function("SetStringValue", _int, _handle, _text, _text, _text)
 add_value = _function("AddStringValue", _int, _handle, _text, _text, _text)
+set_bare = _function("SetBare", _int, _handle, _text, _text)
 remove_key = _function("RemoveKey", _int, _handle, _text, _text)
 remove_stanza = _function("RemoveStanza", _int, _handle, _text)
 add_file_comment = _function("AddFileComment", _int, _handle, _text)
@@ -118,6 +146,8 @@ STORE_MODES = {"plain": 0, "checked": 1, "safe": 2}
 _ERR_VALUE, _ERR_MISSING, _ERR_LOCKED, _ERR_UNSAVED, _ERR_NO_UPDATE = 53, 54, 60, 61, 62
 _ERR_SETUP = 63
 _NO_MEMORY, _BAD_PARAMETER, _ACCESS_FAILED, _BAD_DATA = 1, 22, 43, 44
+
+_T = TypeVar("_T")
 
 # Interrupts come through between two calls, so none waits for longer.
 _SLICE = 0.1
@@ -190,6 +220,105 @@ def _failure(result: int) -> Exception:
 def _check(result: int) -> None:
     if result != 0:
         raise _failure(result)
+
+
+# ---------------------------------------------------------------- dialects
+
+
+def preset(name: bytes) -> Any:
+    """The switches of the preset, as numbers."""
+    _set_up()
+    dialect = _Dialect()
+    _check(_get_preset(name, ctypes.byref(dialect)))
+    return dialect
+
+
+def preset_of(path: bytes) -> Optional[bytes]:
+    """The name of the preset for a path; None: there is none."""
+    _set_up()
+    name, pattern = ctypes.c_void_p(), ctypes.c_void_p()
+    try:
+        _check(_preset_of(path, ctypes.byref(name), ctypes.byref(pattern)))
+        return None if name.value is None else ctypes.string_at(name.value)
+    finally:
+        _free(name)
+        _free(pattern)
+
+
+def presets() -> List[Tuple[bytes, bytes]]:
+    """Name and description of each."""
+    _set_up()
+    found: List[Tuple[bytes, bytes]] = []
+    failures: List[BaseException] = []
+
+    def visit(_: object, name: bytes, description: bytes) -> int:
+        try:
+            found.append((name, description))
+            return 0
+        except BaseException as failure:  # an interrupt, which C would lose
+            failures.append(failure)
+            return 1
+
+    result = _each_preset(_Preset(visit), None)
+    if failures:
+        raise failures[0]
+    _check(result)
+    return found
+
+
+class DialectTerms(NamedTuple):
+    """A dialect as handles take it."""
+
+    said: Any  # the caller's
+    numbers: Dict[str, int]
+    # What makes stanzas alike, and keys, that it takes for the same; None: nothing has to.
+    folding: Optional[Tuple[Callable[[str], str], Callable[[str], str]]]
+
+    def has_bare(self) -> bool:
+        """Whether there are keys without a divider."""
+        return bool(self.numbers["bare"])
+
+    def struct(self) -> Any:
+        """For calls. RefusedError for switches that clash."""
+        dialect = _Dialect(ctypes.sizeof(_Dialect), **self.numbers)
+        first, second = ctypes.c_char_p(), ctypes.c_char_p()
+        _clash(ctypes.byref(dialect), ctypes.byref(first), ctypes.byref(second))
+        if first.value is not None and second.value is not None:
+            raise RefusedError(f"{decode(first.value)} {decode(second.value)}", _BAD_PARAMETER)
+        return ctypes.byref(dialect)
+
+
+class FoldedDict(Dict[str, _T]):
+    """A dictionary in which names are the same that fold alike; each keeps its first spelling."""
+
+    __slots__ = ("_fold", "_spelled")
+
+    def __init__(self, fold: Callable[[str], str], content: Mapping[str, _T] = {}) -> None:
+        super().__init__()
+        self._fold = fold
+        self._spelled: Dict[str, str] = {}
+        for name, value in content.items():
+            self[name] = value
+
+    def spelled(self, name: str) -> str:
+        """How the name is spelled here; as it is, if it isn't here."""
+        return self._spelled.get(self._fold(name), name)
+
+    def __getitem__(self, name: str) -> _T:
+        return super().__getitem__(self.spelled(name))
+
+    def __contains__(self, name: object) -> bool:
+        return isinstance(name, str) and super().__contains__(self.spelled(name))
+
+    def get(self, name: str, default: Any = None) -> Any:
+        return super().get(self.spelled(name), default)
+
+    def __setitem__(self, name: str, value: _T) -> None:
+        super().__setitem__(self._spelled.setdefault(self._fold(name), name), value)
+
+    def __delitem__(self, name: str) -> None:
+        super().__delitem__(self.spelled(name))
+        del self._spelled[self._fold(name)]
 
 
 # ---------------------------------------------------------------- waiting
@@ -343,13 +472,17 @@ class Tables(Dict[str, Dict[str, str]]):
     hidden  the hidden keys of the tables that are made
     """
 
-    __slots__ = ("_block", "_lock", "names", "hidden")
+    __slots__ = ("_block", "_lock", "_fold_key", "names", "hidden")
 
-    def __init__(self, block: Block, lock: "threading.RLock") -> None:
+    def __init__(
+        self, block: Block, lock: "threading.RLock", dialect: Optional[DialectTerms]
+    ) -> None:
         super().__init__()
         self._block = block
         self._lock = lock  # of the handle: who changes a table holds it
-        self.names: Dict[str, Tuple[int, int]] = {}
+        folding = None if dialect is None else dialect.folding
+        self._fold_key = None if folding is None else folding[1]
+        self.names: Dict[str, Tuple[int, int]] = {} if folding is None else FoldedDict(folding[0])
         self.hidden: Set[Tuple[str, str]] = set()
         stanza = _FIRST_STANZA.match(block.view)
         if stanza is None:
@@ -361,7 +494,12 @@ class Tables(Dict[str, Dict[str, str]]):
             name, first = decode(stanza[1]), behind + 2
         self.names[name] = first, len(block.view) - 1
 
+    def spelled(self, name: str) -> str:
+        """How the name of a stanza is spelled here."""
+        return self.names.spelled(name) if isinstance(self.names, FoldedDict) else name
+
     def __missing__(self, name: str) -> Dict[str, str]:
+        name = self.spelled(name)
         with self._lock:
             table = self.get(name)
             if table is None:
@@ -376,15 +514,17 @@ class Tables(Dict[str, Dict[str, str]]):
             self.hidden.update((name, e.partition("\0")[0]) for e in entries if "\0*" in e)
             entries = [entry.replace("\0*", SEPARATOR) for entry in entries]
         divided = map(str.partition, entries, repeat(SEPARATOR))
-        return {key: values for key, _, values in divided}
+        made = {key: values for key, _, values in divided}
+        return made if self._fold_key is None else FoldedDict(self._fold_key, made)
 
     def add(self, name: str) -> None:
         """A stanza without keys."""
         self.names[name] = (0, 0)
-        self[name] = {}
+        self[name] = {} if self._fold_key is None else FoldedDict(self._fold_key)
 
     def remove(self, name: str) -> None:
         """A stanza and all of its keys."""
+        name = self.spelled(name)
         del self.names[name]
         self.pop(name, None)
         self.hidden = {key for key in self.hidden if key[0] != name}
@@ -399,9 +539,9 @@ class Handle:
     """
 
     __slots__ = ("_pointer", "_process", "_gone", "_calls", "_home", "path", "lock", "updater",
-                 "tables", "watches", "_opened", "_dropped", "__weakref__")
+                 "tables", "watches", "dialect", "_opened", "_dropped", "__weakref__")
 
-    def __init__(self, pointer: int) -> None:
+    def __init__(self, pointer: int, dialect: Optional[DialectTerms]) -> None:
         # First what __del__ needs, for an interrupt may come in between.
         self._process = os.getpid()
         self.updater: Optional[int] = None  # the thread that has an update open
@@ -411,6 +551,7 @@ class Handle:
         self._opened: Set[int] = set()
         self._dropped: List[int] = []
         self._pointer: Optional[int] = pointer
+        self.dialect = dialect  # None: the library's own
         self._gone = "this object is closed"
         self._calls = 0  # a signal handler may find it in the middle of one
         path = _path(pointer)
@@ -421,30 +562,35 @@ class Handle:
         _handles.add(self)
 
     @staticmethod
-    def open(path: bytes, mode: str, wait: Optional[float]) -> "Handle":
+    def open(
+        path: bytes, mode: str, wait: Optional[float], dialect: Optional[DialectTerms] = None
+    ) -> "Handle":
         """A handle that has loaded the file."""
         _set_up()
         _thread.updates.close_orphans()
         check_opening(mode, wait)
+        terms = None if dialect is None else dialect.struct()
 
         def attempt(milliseconds: int) -> Handle:
             out = ctypes.c_void_p()
             _check(
-                _open_with(ctypes.byref(out), path, _OPEN_UPDATE, _STRICT_AND_KEEP_LINES,
-                           STORE_MODES[mode], milliseconds)
+                _open_with(ctypes.byref(out), path, _OPEN_UPDATE, terms,
+                           _STRICT_AND_KEEP_LINES, STORE_MODES[mode], milliseconds)
             )
-            return Handle(out.value or 0)
+            return Handle(out.value or 0, dialect)
 
         return waiting(wait, attempt)
 
     @staticmethod
-    def of_bytes(content: bytes) -> "Handle":
+    def of_bytes(content: bytes, dialect: Optional[DialectTerms] = None) -> "Handle":
         """A handle without a path."""
         _set_up()
         _refuse_nul(content)
         out = ctypes.c_void_p()
-        _check(_open_bytes(ctypes.byref(out), content, len(content), _STRICT_AND_KEEP_LINES))
-        return Handle(out.value or 0)
+        terms = None if dialect is None else dialect.struct()
+        _check(_open_bytes(ctypes.byref(out), content, len(content), terms,
+                           _STRICT_AND_KEEP_LINES))
+        return Handle(out.value or 0, dialect)
 
     # The pointer, for a call that begins now.
     def _live(self) -> int:
@@ -478,6 +624,20 @@ class Handle:
 
         self.run(call)
         return answers[0]
+
+    def is_bare(self, stanza: bytes, key: bytes) -> bool:
+        """Whether the key has no divider."""
+        if self.dialect is None or not self.dialect.has_bare():
+            return False
+        err = ctypes.c_int()
+        answers: List[int] = []
+
+        def call(pointer: int) -> int:
+            answers.append(_is_bare(pointer, stanza, key, ctypes.byref(err)))
+            return err.value
+
+        self.run(call)
+        return answers[0] != 0
 
     def block(self, function: Any) -> Block:
         """The block that a call makes."""
@@ -521,7 +681,7 @@ class Handle:
         with self.lock:
             self._live()
             if self.tables is None:
-                self.tables = Tables(self.block(get_entries), self.lock)
+                self.tables = Tables(self.block(get_entries), self.lock, self.dialect)
             return self.tables
 
     def store(self, path: Optional[bytes], wait: Optional[float]) -> None:
