@@ -223,6 +223,43 @@ TEST_F(Modern, FailuresTellWhere) {
     EXPECT_EQ(f.to_bytes(), kStart);
 }
 
+// ---------------------------------------------------------------- dialects
+
+TEST_F(Modern, FilesOfOtherDialectsKeepTheirSpelling) {
+    std::filesystem::create_directories(folder / "zbase/dialects");
+    folder.write("zbase/dialects/ours.conf",
+                 "# Ours.\n[dialect]\ncomments = semicolon\ntails = anywhere\nbare = yes\n"
+                 "quotes = shell\norphans = yes\n[files]\npattern = */our.ini\n");
+    setenv("XDG_CONFIG_HOME", (folder / "").c_str(), 1);
+    const string ini = folder.write("our.ini", "; c\na = 'x' ; tail\n[s]\nfast\n");
+    zbase::options how;
+    how.dialect = zbase::dialect("ours");
+    zbase::file f(ini, how);
+    EXPECT_EQ(f[""]["a"].value(), "x");
+    EXPECT_TRUE(f["s"]["fast"].bare());
+    f[""]["a"] = "y;";
+    f["s"]["slow"].set_bare();
+    f["s"]["fast"] = 1;
+    f.store();
+    EXPECT_EQ(zbase::file(ini, how).to_bytes(), f.to_bytes());
+    std::ifstream stored(ini, std::ios::binary);
+    EXPECT_EQ(string(std::istreambuf_iterator<char>(stored), {}),
+              "; c\na = 'y;' ; tail\n[s]\nfast = 1\nslow\n");
+
+    ZDialect clash = how.dialect->native();
+    clash.continued = ZDIALECT_BACKSLASH;
+    expectRaised("zbase::error 55 continued lines by backslash can't go with shell quotes",
+                 [&] { how.dialect = zbase::dialect(clash); });
+    expectRaised("zbase::file_error 51", [] { zbase::dialect none("nobody's"); });
+    EXPECT_EQ(zbase::dialect::preset_of(ini), "ours");
+    EXPECT_EQ(zbase::dialect::preset_of("/none.of.these"), std::nullopt);
+    const auto all = zbase::dialect::presets();
+    EXPECT_EQ(std::count(all.begin(), all.end(), std::make_pair(string("ours"), string("Ours."))),
+              1);
+    zbase::file own(path);
+    expectRaised("zbase::error 52", [&] { own["s"]["k"].set_bare(); });
+}
+
 // ---------------------------------------------------------------- ranges
 
 TEST_F(Modern, WalksGoOverWhatThereWas) {

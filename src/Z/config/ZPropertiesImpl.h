@@ -85,7 +85,7 @@ public:
     /// none. Takes the lock.
     template <typename Take>
     void giveValue(const char* stanza, const char* key, int required, Take take) const {
-        zrequire(zhasText(stanza) && zhasText(key));
+        zrequire(hasStanzaName(stanza) && zhasText(key));
         ZResourceLock guard(lock());
         const char* text;
         unsigned int length;

@@ -25,6 +25,7 @@
 #ifndef Z_ZBASE_HPP
 #define Z_ZBASE_HPP
 
+#include "zdialects.h"
 #include "zproperties.h"
 
 #include <atomic>
@@ -206,6 +207,17 @@ inline bool updates_here(const handle& of) noexcept {
 inline void check(int result) {
     if (result != ZPROP_OK)
         raise(result);
+}
+
+// Once a process. Where texts were set up otherwise before, that is what there is.
+inline void set_up() {
+    static const int result = [] {
+        const int made = zstzPropSetup(ZPROP_SETUP_UTF8);
+        if (made != ZPROP_OK && made != ZPROP_ERR_SETUP)
+            raise(made);
+        return made;
+    }();
+    static_cast<void>(result);
 }
 
 // A text as C takes it.
@@ -400,6 +412,12 @@ public:
         set(value);
         return *this;
     }
+
+    /// Whether it stands there without a divider, which only some dialects have; it has no values
+    /// then.
+    bool bare() const { return detail::ask(&zstzPropIsBare, raw(), stanza(), c_str()) != 0; }
+    /// Makes it such a key.
+    void set_bare() { detail::check(zstzPropSetBare(raw(), stanza(), c_str())); }
 
     /// Adds a value behind the others. An empty one is refused.
     void add(std::string_view value) {
@@ -606,12 +624,72 @@ enum class store_mode {
     safe = ZPROP_STORE_SAFE         ///< that, and a crash leaves the old or the new content
 };
 
+/// How a file that is another program's spells stanzas, keys and values. Comments and other lines
+/// of such a file stay as they are, and what can't be said in it is refused. zdialect.h tells more.
+///
+///     zbase::options how;
+///     how.dialect = zbase::dialect("php");
+///     zbase::file ini("php.ini", how);
+class dialect {
+public:
+    /// The preset of this name. Raises file_error without it, bad_data for a bad one.
+    explicit dialect(std::string_view preset) : dialect() {
+        detail::set_up();
+        detail::check(zstzDialect_get(detail::plain(preset).c_str(), &switches_));
+    }
+    /// With switches of one's own. Raises error with ZPROP_ERR_PARAM for those that clash.
+    explicit dialect(const ZDialect& switches) : switches_(switches) {
+        const char *first = nullptr, *second = nullptr;
+        zstzDialect_clash(&switches, &first, &second);
+        if (first != nullptr)
+            throw error(ZPROP_ERR_PARAM, 0, {}, 0, std::string(first) + " " + second);
+        switches_.size = sizeof switches_;  // what a later version may have added is zero
+    }
+    /// The switches.
+    const ZDialect& native() const noexcept { return switches_; }
+
+    /// Name and description of each preset, by name. Raises file_error, bad_data.
+    static std::vector<std::pair<std::string, std::string>> presets() {
+        detail::set_up();
+        std::vector<std::pair<std::string, std::string>> all;
+        auto add = [&](const char* name, const char* text) { all.emplace_back(name, text); };
+        detail::caught<decltype(add)> guarded(add);
+        const int result = zstzDialect_forEach(&tell<decltype(add)>, &guarded);
+        guarded.rethrow();
+        detail::check(result);
+        return all;
+    }
+    /// The name of the preset for a path, by the patterns that presets have; none where none fits.
+    /// The file isn't looked at. Raises as presets().
+    static std::optional<std::string> preset_of(std::string_view path) {
+        detail::set_up();
+        char *name = nullptr, *pattern = nullptr;
+        detail::check(zstzDialect_ofFile(detail::plain(path).c_str(), &name, &pattern));
+        const std::unique_ptr<char, decltype(&zstzPropFree)> first(name, &zstzPropFree),
+            second(pattern, &zstzPropFree);
+        return name == nullptr ? std::nullopt : std::make_optional<std::string>(name);
+    }
+
+private:
+    dialect() noexcept : switches_() { switches_.size = sizeof switches_; }
+
+    template <typename Add>
+    static int tell(void* guarded, const char* name, const char* text) {
+        return static_cast<detail::caught<Add>*>(guarded)->run([&](Add& add) { add(name, text); })
+                   ? 0
+                   : 1;
+    }
+
+    ZDialect switches_;
+};
+
 /// How a file is opened.
 struct options {
     bool strict = true;                   ///< what a load wouldn't give back is refused
     bool keep_lines = true;               ///< lines of unchanged values keep their bytes
     store_mode store = store_mode::safe;  ///< how it is stored
     std::chrono::milliseconds wait = std::chrono::seconds(10);  ///< how long for the file's lock
+    std::optional<zbase::dialect> dialect = std::nullopt;       ///< none: the library's own
 };
 
 /// What file::for_each tells: a stanza where `key` is none, a key without values where `value` is,
@@ -629,11 +707,11 @@ class file {
 public:
     /// Opens and loads `path`, comments kept. Raises file_error, bad_data, locked.
     explicit file(std::string_view path, const options& how = {}) : wait_(how.wait) {
-        setUp();
+        detail::set_up();
         ZPROP_handle* opened = nullptr;
-        detail::check(zstzPropOpenWith(&opened, detail::plain(path).c_str(), ZPROP_OPEN_UPDATE,
-                                       attributes(how), static_cast<int>(how.store),
-                                       detail::milliseconds(how.wait)));
+        detail::check(zstzPropOpenDialect(
+            &opened, detail::plain(path).c_str(), ZPROP_OPEN_UPDATE, switches(how), attributes(how),
+            static_cast<int>(how.store), detail::milliseconds(how.wait)));
         handle_ = detail::own(opened);
     }
 
@@ -641,9 +719,10 @@ public:
     /// stores need one, and is stored plainly and without waiting, whatever `how` says: for safe
     /// stores and for updates open what it was stored to. Raises bad_data.
     static file from_bytes(std::string_view bytes, const options& how = {}) {
-        setUp();
+        detail::set_up();
         ZPROP_handle* opened = nullptr;
-        detail::check(zstzPropOpenBytes(&opened, bytes.data(), bytes.size(), attributes(how)));
+        detail::check(zstzPropOpenDialectBytes(&opened, bytes.data(), bytes.size(), switches(how),
+                                               attributes(how)));
         return file(detail::own(opened), how.wait);
     }
 
@@ -762,15 +841,8 @@ private:
     file(detail::handle handle, std::chrono::milliseconds wait) noexcept
         : handle_(std::move(handle)), wait_(wait) {}
 
-    // Once a process. Where texts were set up otherwise before, that is what there is.
-    static void setUp() {
-        static const int result = [] {
-            const int made = zstzPropSetup(ZPROP_SETUP_UTF8);
-            if (made != ZPROP_OK && made != ZPROP_ERR_SETUP)
-                detail::raise(made);
-            return made;
-        }();
-        static_cast<void>(result);
+    static const ZDialect* switches(const options& how) noexcept {
+        return how.dialect ? &how.dialect->native() : nullptr;
     }
 
     static unsigned long attributes(const options& how) noexcept {
