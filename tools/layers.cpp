@@ -44,6 +44,7 @@ public:
         terms.name = name.c_str();
         terms.project = project.empty() ? nullptr : project.c_str();
         terms.prefix = root.empty() ? nullptr : root.c_str();
+        terms.dialect = options.dialect;
         terms.flags = options.withUser || Target(options.to).root == "user" ? ZLAYERS_USER : 0;
     }
     LayersTerms(const LayersTerms&) = delete;

@@ -72,6 +72,7 @@ struct LayerOptions {
     bool all = false;        // shadowed entries, too, all with their origin
     bool isChanged = false;  // by this command
     bool mayBeEmpty = false;
+    const ZDialect* dialect = nullptr;  // of all files; null: the library's own
 
     bool isTold() const { return !root.empty() || !to.empty() || withUser || withOrigins(); }
     bool withOrigins() const { return withOrigin || all; }

@@ -3,10 +3,10 @@
 //
 // From each line of the input, with tabs in between: prefix, project, name, suffix, flags,
 // ":"-separated roots and extra files, and a dialect; "-" stands for none. For a change these
-// follow, all texts
-// with %XX for what isn't a letter, a digit or one of "_./": "new" or the last question's "same"
-// object; "update" or "store"; the target's root and drop-in; and each "set STANZA KEY VALUE",
-// "add STANZA KEY VALUE", "bare STANZA KEY", "delete STANZA KEY", "delete STANZA". The answer, with such texts:
+// follow, all texts with %XX for what isn't a letter, a digit or one of "_./": "new" or the last
+// question's "same" object; "update" or "store"; the target's root and drop-in; and each
+// "set STANZA KEY VALUE", "add STANZA KEY VALUE", "bare STANZA KEY", "delete STANZA KEY",
+// "delete STANZA". The answer, with such texts:
 //
 //   S COUNT PATH LINE                          after a change: what is shadowed
 //   F STATE PATH                               each file, in their order

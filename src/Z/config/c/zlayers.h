@@ -27,8 +27,8 @@ Z_BEGIN_C
 /* A new handle into *out, for zstzPropClose; null on failure. The terms are copied. `attributes`:
  * ZPCACHE_STRICT, or 0. Waits up to `wait` milliseconds for the lock of each file, here and at each
  * load and store. 0; 51 for a file that can't be read, where files change as fast as they are read,
- * and for terms that can't be, a dialect whose switches clash among them; 60 for a file that somebody else has locked; 55 for a bad argument;
- * 53 without memory. */
+ * and for terms that can't be, a dialect whose switches clash among them; 60 for a file that
+ * somebody else has locked; 55 for a bad argument; 53 without memory. */
 ZEXPORT int zstzLayers_open(ZPROP_handle** out, const ZLayersTerms* terms, ZPROPOpenMode mode,
                             unsigned long attributes, unsigned long wait);
 

@@ -5,11 +5,13 @@
  *   ROOT/PROJECT/NAME.conf.d/A.conf     drop-ins: of all roots, in the order of their names; of one
  *                                       name that of the highest root
  *
- * Without a project they stand in ROOT itself. For a unit of systemd, which has its drop-ins in
- * NAME.service.d/A.conf, "suffix" is ".service" and "dropInSuffix" ".conf". Hidden names, names that end in "~" and those with
+ * Without a project they stand in ROOT itself. Hidden names, names that end in "~" and those with
  * another suffix are no drop-ins, and folders in the drop-ins' folder aren't looked into. An empty
  * file, or a link to /dev/null, hides what lower roots have under its name. A file that is reached
  * twice counts once, at its last place. What comes later goes before what comes earlier.
+ *
+ * A unit of systemd is NAME.service with drop-ins NAME.service.d/A.conf: `suffix` ".service",
+ * `dropInSuffix` ".conf", the preset "systemd" as `dialect`, and ZLAYERS_COLLECT.
  *
  * With a dialect all files are texts of it. What the dialect says of a stanza or key that is there
  * more than once goes for each file by itself: stanzas that repeat are numbered in each, and go on

@@ -37,10 +37,10 @@ struct ZLayerFile {
 
 class ZLayerTree : public ZAllocated {
 public:
-    /// Copies what it needs, but no dialect. Raises ZInvalidParameterException for terms that can't be: an empty
-    /// name, a "/" in name or suffix, a name or a part of the project that is "." or "..", a
-    /// relative root or prefix, unknown bits in `flags`, a `size` that is smaller than the struct's
-    /// first version, or anything but zeros in what it has beyond this version.
+    /// Copies what it needs, but no dialect. Raises ZInvalidParameterException for terms that can't
+    /// be: an empty name, a "/" in name or a suffix, a name or a part of the project that is "." or
+    /// "..", a relative root or prefix, unknown bits in `flags`, a `size` that is smaller than the
+    /// struct's first version, or anything but zeros in what it has beyond this version.
     explicit ZLayerTree(const ZLayersTerms& terms);
     /// That of the terms, or null. Requires: such terms can be.
     static const ZDialect* dialectOf(const ZLayersTerms& terms);
