@@ -171,12 +171,13 @@ TEST(LayerTree, TakesProjectUserFolderAndExtraFiles) {
 
 TEST(LayerTree, RefusesTermsThatCanNotBe) {
     const std::pair<const char*, void (*)(ZLayersTerms&)> kTerms[] = {
-        {"size", [](ZLayersTerms& t) { t.size -= 1; }},
+        {"size", [](ZLayersTerms& t) { t.size = offsetof(ZLayersTerms, dialect) - 1; }},
         {"no name", [](ZLayersTerms& t) { t.name = nullptr; }},
         {"empty name", [](ZLayersTerms& t) { t.name = ""; }},
         {"folder in name", [](ZLayersTerms& t) { t.name = "a/b"; }},
         {"dots", [](ZLayersTerms& t) { t.name = ".."; }},
         {"suffix", [](ZLayersTerms& t) { t.suffix = "/.conf"; }},
+        {"of drop-ins", [](ZLayersTerms& t) { t.dropInSuffix = "/.conf"; }},
         {"project", [](ZLayersTerms& t) { t.project = "a/../.."; }},
         {"prefix", [](ZLayersTerms& t) { t.prefix = "image"; }},
         {"root",
@@ -191,6 +192,11 @@ TEST(LayerTree, RefusesTermsThatCanNotBe) {
         spoil(wanted);
         EXPECT_EQ(raised([&] { ZLayerTree tree(wanted); }), "22") << what;
     }
+    // What a caller's older struct doesn't have isn't looked at.
+    ZLayersTerms older = terms("/");
+    older.dropInSuffix = "/.conf";
+    older.size = offsetof(ZLayersTerms, dialect);
+    EXPECT_EQ(raised([&] { ZLayerTree tree(older); }), "");
     struct {
         ZLayersTerms known;
         long wish;
