@@ -839,6 +839,8 @@ size_t zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, char* ou
 }
 
 void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out) {
+    if (name.size == 0)
+        return;
     out.reserveMore(name.size);
     const size_t size = out.size();
     out.setSize(size + zdialectFold(dialect, name, isStanza, out.data() + size));

@@ -5,7 +5,7 @@ bool ZDialectEntries::next(ZDialectPart& entry, ZSpan& stanza) {
         if (entry.kind == ZDialectPart::header) {
             enter(entry.name);
         } else if (entry.kind == ZDialectPart::entry || entry.kind == ZDialectPart::bareEntry) {
-            stanza = zspanOf(stanza_);
+            stanza = stanza_.size() == 0 ? ZSpan{"", 0} : zspanOf(stanza_);
             return true;
         }
     }
