@@ -1,0 +1,303 @@
+"""What src/Z/config/dialect/zdialect.h says, as a small model for scripts/prove-dialects: which
+lines a text has, what they say, and what an edit leaves alone. Speed is no aim."""
+
+HASH, SEMICOLON = 1, 2
+EQUALS, COLON, EITHER, BLANK = range(4)
+NO_TAILS, TAILS, TAILS_ANYWHERE = range(3)
+ONE_LINE, INDENT, BACKSLASH = range(3)
+PLAIN, GIT_QUOTES, SHELL_QUOTES = range(3)
+NOT_REPEATED, MERGED, NUMBERED = range(3)
+EXACT, FOLDED, FOLDED_BLANKS = range(3)
+SUBSECTIONS, HEADER_TAILS = 1, 2
+
+BLANKS = b" \t\v\f\r"
+LONGEST = 8191  # bytes of a short line, its end counted
+
+
+class Bad(Exception):
+    """Bad data; `line` counts from 1."""
+
+    def __init__(self, line, why):
+        super().__init__("line %d %s" % (line, why))
+        self.line = line
+
+
+class Part:
+    """Some lines that belong together: kind is blank, comment, header or entry. `stanza` is the
+    name as content() has it, null ahead of all; `value` is null for a key that stands alone."""
+
+    def __init__(self, kind, lines, stanza, key=None, value=None):
+        self.kind, self.lines, self.stanza, self.key, self.value = kind, lines, stanza, key, value
+
+
+def without_end(line):
+    line = line[:-1] if line.endswith(b"\n") else line + b"\0"
+    return line[:-1] if line.endswith((b"\r", b"\0")) else line
+
+
+def fold(text):
+    return bytes(c + 32 if 65 <= c <= 90 else c for c in text)
+
+
+class Rules:
+    def __init__(self, dialect):
+        self.d = dialect
+        comments = dialect.comments or HASH
+        self.marks = b"#" * (comments & HASH) + b";" * (comments >> 1)
+
+    # ---------------------------------------------------------------- names
+
+    def same_key(self, key):
+        """What all spellings of a key have in common."""
+        if self.d.names == EXACT:
+            return key
+        return fold(key) if self.d.names == FOLDED else fold(key).translate(None, BLANKS)
+
+    def same_stanza(self, name):
+        if self.d.headers & SUBSECTIONS and self.d.names != EXACT:
+            section, dot, rest = name.partition(b".")
+            return self.same_key(section) + dot + rest
+        return self.same_key(name)
+
+    # ---------------------------------------------------------------- lines
+
+    def is_comment(self, line):
+        return line[:1] != b"" and line[0] in self.marks
+
+    def tail(self, text):
+        """Where a comment in what follows a divider, or in a key without one, begins."""
+        for at in range(len(text)):
+            if text[at] in self.marks and (
+                    self.d.tails == TAILS_ANYWHERE
+                    or self.d.tails == TAILS and (at == 0 or text[at - 1] in BLANKS)):
+                return at
+        return len(text)
+
+    def parts(self, text):
+        """All parts of the text; raises Bad at its first bad line."""
+        lines = [line + b"\n" for line in text.split(b"\n")]
+        lines[-1] = lines[-1][:-1]
+        if lines[-1] == b"":
+            lines.pop()
+        self.lines = lines
+        found, known, counts, stanza, at = [], {}, {}, None, 0
+        while at < len(lines):
+            first = at
+            line = self.line(at)
+            at += 1
+            if line == b"":
+                found.append(Part("blank", lines[first:at], stanza))
+            elif self.is_comment(line):
+                found.append(Part("comment", lines[first:at], stanza))
+            elif line[:1] == b"[":
+                name = self.header(line, at)
+                same = self.same_stanza(name)
+                if same in known and self.d.repeated == NOT_REPEATED:
+                    raise Bad(at, "repeats a header")
+                if same in known and self.d.repeated == NUMBERED:
+                    counts[same] = counts.get(same, 1) + 1
+                    name = known[same] + b"#%d" % counts[same]
+                    same = self.same_stanza(name)
+                stanza = known.setdefault(same, name)
+                found.append(Part("header", lines[first:at], stanza))
+            else:
+                if stanza is None:
+                    if not self.d.orphans:
+                        raise Bad(at, "stands ahead of all headers")
+                    stanza = known.setdefault(b"", b"")
+                key, value, at = self.entry(line, at)
+                found.append(Part("entry", lines[first:at], stanza, key, value))
+        return found
+
+    def line(self, index, first=None):
+        """The line's text, once it is known to be one. Of a value that goes on by a backslash the
+        first line is the bad one."""
+        line, at = self.lines[index], index if first is None else first - 1
+        if b"\0" in line:
+            raise Bad(at + 1, "has a NUL")
+        if self.d.lines == 0 and len(line) > LONGEST:
+            raise Bad(at + 1, "is too long")
+        if index == 0 and line.startswith(b"\xef\xbb\xbf"):
+            raise Bad(at + 1, "has a byte-order mark")
+        return without_end(line).strip(BLANKS)
+
+    def header(self, line, number):
+        inside, quote, _ = line[1:].partition(b'"')
+        close = line.find(b"]")
+        if (self.d.headers & SUBSECTIONS and quote and inside[-1:] != b""
+                and inside[-1] in BLANKS and b"]" not in inside):
+            section = inside.rstrip(BLANKS)
+            if section == b"":
+                raise Bad(number, "has no name")
+            at, name = len(inside) + 2, self.section(section) + b"."
+            while at < len(line) and line[at:at + 1] != b'"':
+                if line[at:at + 1] == b"\\":
+                    at += 1
+                    if line[at:at + 1] not in (b'"', b"\\"):
+                        raise Bad(number, "has a strange backslash")
+                name += line[at:at + 1]
+                at += 1
+            if line[at:at + 2] != b'"]':
+                raise Bad(number, "has no end")
+            behind = line[at + 2:]
+        else:
+            if close < 0:
+                raise Bad(number, "has no end")
+            name, behind = line[1:close], line[close + 1:]
+            if self.same_key(name) == b"":
+                raise Bad(number, "has no name")
+            if self.d.headers & SUBSECTIONS:
+                name = self.section(name)
+        behind = behind.lstrip(BLANKS)
+        if self.d.headers & HEADER_TAILS and behind != b"" and not self.is_comment(behind):
+            raise Bad(number, "has more behind it")
+        return name
+
+    def section(self, name):
+        """[a.B] is a.b where names are folded."""
+        first, dot, rest = name.partition(b".")
+        return first + dot + (rest if self.d.names == EXACT else fold(rest))
+
+    # ---------------------------------------------------------------- entries
+
+    def divider(self, text):
+        marks = (b"=", b":", b"=:", BLANKS)[self.d.divider]
+        return next((at for at in range(len(text)) if text[at] in marks), -1)
+
+    def entry(self, line, at):
+        """Key, value, and the line behind it."""
+        said = line
+        if self.d.bare:
+            said = line[:self.tail(line)].rstrip(BLANKS)
+        elif self.d.divider == BLANK and self.is_comment(line[self.divider(line) + 1:].strip(
+                BLANKS)[:1]) and self.d.tails:
+            raise Bad(at, "has no value")
+        divider = self.divider(said)
+        if divider < 0:
+            if not self.d.bare:
+                raise Bad(at, "has no divider")
+            return said, None, at
+        key = line[:divider].rstrip(BLANKS)
+        if key == b"":
+            raise Bad(at, "has no key")
+        value = line[divider + 1:].lstrip(BLANKS)
+        if self.d.quotes == GIT_QUOTES:
+            value, at = self.git_value(at, divider)
+        elif self.d.quotes == SHELL_QUOTES and value[:1] in (b'"', b"'"):
+            value = self.shell_value(value, at)
+        elif self.d.continued == INDENT:
+            value, at = self.indented(value[:self.tail(value)].rstrip(BLANKS), at)
+        elif self.d.continued == BACKSLASH:
+            value, at = self.continued(at, divider)
+        else:
+            value = value[:self.tail(value)].rstrip(BLANKS)
+        return key, value, at
+
+    def indented(self, value, at):
+        def indent(number):
+            text = without_end(self.lines[number])
+            return len(text) - len(text.lstrip(BLANKS))
+
+        own, end, gap = indent(at - 1), at, b""
+        for number in range(at, len(self.lines)):
+            line = self.line(number)
+            if line == b"":
+                gap += b"\n"
+            elif not self.is_comment(line):
+                if indent(number) <= own:
+                    break
+                value += gap + b"\n" + line[:self.tail(line)].rstrip(BLANKS)
+                gap, end = b"", number + 1
+        return value, end
+
+    def continued(self, at, divider):
+        text = without_end(self.lines[at - 1])
+        text = text.lstrip(BLANKS)[divider + 1:].lstrip(BLANKS)
+        first, value = at, b""
+        while True:
+            tail = self.tail(text)
+            if tail < len(text) or not text.endswith(b"\\"):
+                return (value + text[:tail]).strip(BLANKS), at
+            value += text[:-1] + b" "
+            text = b""
+            while at < len(self.lines):
+                self.line(at, first)
+                text = without_end(self.lines[at]).lstrip(BLANKS)
+                at += 1
+                if not self.is_comment(text):
+                    break
+                text = b""
+
+    def git_value(self, at, divider):
+        text = without_end(self.lines[at - 1]).lstrip(BLANKS)[divider + 1:].lstrip(BLANKS)
+        first, value, kept, inside, before = at, b"", 0, False, 32
+        while text:
+            c, text = text[:1], text[1:]
+            if c == b'"':
+                inside = not inside
+                kept = len(value)
+            elif c == b"\\" and text[:1] != b"":
+                if text[:1] not in b'"\\ntb':
+                    raise Bad(first, "has a strange backslash")
+                value += {b"n": b"\n", b"t": b"\t", b"b": b"\b"}.get(text[:1], text[:1])
+                kept, text = len(value), text[1:]
+            elif c == b"\\":
+                if self.d.continued != BACKSLASH:
+                    raise Bad(first, "has a strange backslash")
+                if at < len(self.lines):
+                    self.line(at, first)
+                    text = without_end(self.lines[at])
+                    at += 1
+                    if value == b"":
+                        text = text if inside else text.lstrip(BLANKS)
+            elif c[0] in self.marks and not inside and (
+                    self.d.tails == TAILS_ANYWHERE or self.d.tails == TAILS and before in BLANKS):
+                break
+            else:
+                value += c
+                if inside or c[0] not in BLANKS:
+                    kept = len(value)
+            before = c[0]
+        if inside:
+            raise Bad(first, "has an open quote")
+        return value[:kept], at
+
+    def shell_value(self, text, number):
+        quote, value, at = text[:1], b"", 1
+        while text[at:at + 1] != quote:
+            if at >= len(text):
+                raise Bad(number, "has an open quote")
+            if quote == b'"' and text[at:at + 1] == b"\\" and text[at + 1:at + 2] in (b'"', b"\\"):
+                at += 1
+            value += text[at:at + 1]
+            at += 1
+        behind = text[at:]  # with the quote, which is no blank
+        if behind[1:self.tail(behind)].strip(BLANKS) != b"":
+            raise Bad(number, "has more behind its quotes")
+        return value
+
+    # ---------------------------------------------------------------- content
+
+    def content(self, parts):
+        """{stanza: {key: [value, ...]}}, None for a key that stands there alone."""
+        content = {}
+        for part in parts:
+            if part.kind == "header" or part.kind == "entry":
+                keys = content.setdefault(part.stanza, {})
+            if part.kind != "entry":
+                continue
+            key = self.known_key(keys, part.key)
+            if key is None:
+                key = part.key
+            known = None if self.d.values else keys.get(key, [])
+            if part.value is None:
+                keys[key] = known or None
+            elif part.value != b"" or known == []:
+                keys[key] = (known or []) + [part.value] * (part.value != b"")
+            elif self.d.values:
+                keys[key] = []
+        return content
+
+    def known_key(self, keys, key):
+        same = self.same_key(key)
+        return next((known for known in keys if self.same_key(known) == same), None)
