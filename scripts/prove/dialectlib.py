@@ -4,6 +4,7 @@ import os
 
 HERE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.environ.get("ZBASE_BUILD", os.path.join(HERE, "build/64"))
+STRICT = 2  # ZPCACHE_STRICT
 SWITCHES = ("comments", "divider", "tails", "bare", "continued", "quotes", "repeated", "names",
             "headers", "orphans", "values", "lines")
 
@@ -89,15 +90,17 @@ def preset_of(path):
 
 
 class Opened:
-    """A text in a dialect: bytes, or the file at a path. To be used in a `with`."""
+    """A text in a dialect, null for the library's own: bytes, or the file at a path. To be used in
+    a `with`."""
 
-    def __init__(self, dialect, text=None, path=None):
+    def __init__(self, dialect, text=b"", path=None):
         self._handle = ctypes.c_void_p()
         handle = ctypes.byref(self._handle)
+        dialect = None if dialect is None else ctypes.byref(dialect)
         if path is None:
-            _check(_open_bytes(handle, text, len(text), ctypes.byref(dialect), 0))
+            _check(_open_bytes(handle, text, len(text), dialect, STRICT))
         else:
-            _check(_open(handle, os.fsencode(path), 2, ctypes.byref(dialect), 0, 1, 10000))
+            _check(_open(handle, os.fsencode(path), 2, dialect, STRICT, 1, 10000))
 
     def __enter__(self):
         return self

@@ -20,6 +20,8 @@ class Taste:
         self.odd_blanks = [b"\v", b"\f", b"\r"]
         self.odd_lines = [b"[", b"[]", b"]", b"=", b"= x", b"x", b"[s", b"[s] x", b"[ s ]", b"[s]]",
                           b"\\", b'"', b"[s \"b\"]x", b"[a \"b]", b"\0", b"\xef\xbb\xbf", b"<x>"]
+        self.header_tails = self.key_tails = True  # comments behind headers and keys alone
+        self.ahead = 0.5  # of the texts may have entries ahead of all headers, where these can be
         self.tame = 0.5  # of the texts have nothing odd
         self.__dict__.update(others)
 
@@ -105,7 +107,7 @@ class Maker:
             name += dice.choice([b' "', b'\t"', b'  "']) + dice.choice(
                 [b"x", b"X", b"a b", b"a.b", b'\\"', b"\\\\", b"]", b"#", b"", b"\xc3\xa4"]) + b'"'
         tail = b""
-        if dice.random() < 0.2:
+        if self.taste.header_tails and dice.random() < 0.2:
             tail = dice.choice([b" ", b"\t", b" "]) + self.comment()
         if self.is_odd():
             tail = dice.choice([b"x", b" k = v", b"]", b"#", b" \\"])
@@ -114,7 +116,8 @@ class Maker:
     def entry(self, indent):
         dice, d, key = self.dice, self.d, self.key()
         if d.bare and dice.random() < 0.15:
-            return key + dice.choice([b"", b"", b" ", b" #x", b" ; = x", b"\t"])
+            has_tail = self.taste.key_tails or self.is_odd()
+            return key + dice.choice([b"", b"", b" ", b"\t"] + [b" #x", b" ; = x"] * has_tail)
         if d.divider == BLANK:
             return key + (self.blanks() or b" ") + (self.value() or b"x")
         mark = b":" if d.divider == COLON or d.divider == EITHER and dice.random() < 0.3 else b"="
@@ -124,7 +127,7 @@ class Maker:
 
     def text(self):
         dice, taste = self.dice, self.taste
-        lines, has_header = [], self.d.orphans and dice.random() < 0.5
+        lines, has_header = [], self.d.orphans and dice.random() < taste.ahead
         for _ in range(dice.choice([0, 1, 3, 6, 10, 15])):
             indent = dice.choice([b"", b"", b"", b"\t", b"  ", b" "])
             kind = dice.random()
