@@ -429,7 +429,7 @@ class Php(Files):
             lambda case: case.has(rb"^\s+\["))),
         ("more behind a header, or no name in it", lambda case: case.has(rb"^\[(\]|.*\][^;\r]+)")),
         ("a key alone behind itself with a value, which stays for the owner",
-         lambda case: not case.refused_here and case.has_entry(
+         lambda case: not case.refused_here and not case.refused_there and case.has_entry(
              lambda part: part.value is None and (part.stanza, part.key) in case.theirs)),
         ("a sign that is an operator for the owner", only_here(
             lambda case: case.has(rb"=.*[]\[=!(){}|&~^?]"))),
@@ -568,7 +568,7 @@ class Mysql(Files):
          lambda case: case.has(rb"=.*\\")),
         ("quotes, which for the owner are the value's first and last byte",
          lambda case: case.has(rb"""=.*["']""")),
-        ("an empty key", only_there(rb"^=")),
+        ("no key, or no name of a stanza", only_there(rb"^=|^\[\]")),
         ("entries ahead of all headers", only_here(
             lambda case: case.has_entry(lambda part: part.stanza == b""))),
         STRANGE_BLANKS, NULS)

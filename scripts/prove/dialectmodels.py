@@ -1,0 +1,238 @@
+"""prove-dialects models: random texts of each preset, changed at random through the C interface,
+beside the model in dialectrules.py. Half of them are files, which each store writes and reads."""
+import collections
+import os
+import random
+import tempfile
+
+from dialectlib import Opened, Refused, preset
+from dialectrules import Bad, EXACT, NUMBERED, Rules, without_end
+from dialecttexts import Maker, Taste
+
+PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict", "supervisord",
+           "systemd", "systemd-network", "wireguard")
+
+
+class Story:
+    """One text and what is done to it."""
+
+    def __init__(self, dice, dialect, path):
+        self.dice, self.rules = dice, Rules(dialect)
+        self.maker = Maker(dice, dialect, Taste())
+        self.dialect, self.text = dialect, self.maker.text()
+        self.told, self.seen = [repr(self.text)], collections.Counter()
+        self.path = path
+        if path is not None:
+            self.told.append("(a file)")
+            with open(path, "wb") as out:
+                out.write(self.text)
+
+    def run(self):
+        """What is wrong, or None."""
+        try:
+            parts = self.rules.parts(self.text)
+        except Bad:
+            parts = None
+        try:
+            opened = Opened(self.dialect, self.text, self.path)
+        except Refused as refused:
+            self.seen["refused texts"] += 1
+            return None if parts is None else "refused: %s" % refused
+        with opened:
+            if parts is None:
+                return "not refused"
+            content = self.rules.content(parts)
+            if self.text_of(opened) != self.text:
+                return "stored otherwise"
+            for _ in range(self.dice.randint(1, 3)):
+                touched, removed = set(), set()
+                for _ in range(self.dice.randint(1, 2)):
+                    self.edit(opened, content, touched, removed)
+                wrong, parts = self.stored(opened, content, parts, touched, removed)
+                if wrong or parts is None:
+                    return wrong
+        return None
+
+    def text_of(self, opened):
+        """What a store has written."""
+        if self.path is None:
+            return opened.text()
+        opened.store()
+        with open(self.path, "rb") as stored:
+            return stored.read()
+
+    # ---------------------------------------------------------------- edits
+
+    def name(self, known):
+        """One that is there, perhaps in another case, or another."""
+        dice = self.dice
+        if known and dice.random() < 0.75:
+            name = dice.choice(list(known))
+            if dice.random() < 0.2 and self.rules.d.names != EXACT:
+                name = name.swapcase()
+            return name
+        return dice.choice([b"new", b"n2", b"a b", b"x.y", b"Zz"] + [b"", b" x", b"x=", b"#x", b"]",
+                                                                    b"x\ny"] * (dice.random() < 0.2))
+
+    def value(self):
+        dice = self.dice
+        value = self.maker.value()
+        if dice.random() < 0.2:
+            value += dice.choice([b" ", b"\n", b"\n  x", b"\nx", b"\\", b"\t", b"\r", b"\n\n  y", b"\x01"])
+        return dice.choice([value, value, b"", b" " + value, b"plain", b"two words"])
+
+    def edit(self, opened, content, touched, removed):
+        dice, rules = self.dice, self.rules
+        stanza = self.name(content)
+        same = {rules.same_stanza(name): name for name in content}
+        known = same.get(rules.same_stanza(stanza))
+        keys = content.get(known, {})
+        key, value = self.name(keys), self.value()
+        name = dice.choice(["SetStringValue"] * 4 + ["AddStringValue"] * 2 + ["RemoveKey"] * 2 +
+                           ["RemoveStanza", "SetBare"])
+        arguments = {"RemoveStanza": [stanza], "RemoveKey": [stanza, key], "SetBare": [stanza, key]
+                     }.get(name, [stanza, key, value])
+        self.told.append("%s %r" % (name, arguments))
+        try:
+            opened.change(name, *arguments)
+        except Refused as refused:
+            self.told[-1] += " is refused: %s" % refused
+            self.seen["refused edits"] += 1
+            return
+        self.seen["edits"] += 1
+        known_key = rules.known_key(keys, key)
+        if name == "RemoveStanza":
+            if known is not None:
+                removed.add(known)
+                del content[known]
+            return
+        touched.add((rules.same_stanza(stanza), rules.same_key(key)))
+        if name == "RemoveKey":
+            if known_key is not None:
+                del keys[known_key]
+            return
+        keys = content.setdefault(stanza if known is None else known, {})
+        known_key = key if known_key is None else known_key
+        if name == "SetBare":
+            keys[known_key] = None
+        elif name == "SetStringValue":
+            keys[known_key] = [value] if value else []
+        elif value not in (keys.get(known_key) or []):
+            keys[known_key] = (keys.get(known_key) or []) + [value]
+
+    # ---------------------------------------------------------------- stores
+
+    def stored(self, opened, content, before, touched, removed):
+        """What is wrong with the store, and the parts of the new text."""
+        try:
+            text = self.text_of(opened)
+        except Refused as refused:
+            self.told.append("the store is refused: %s" % refused)
+            self.seen["refused stores"] += 1
+            return None, None
+        self.told.append("-> %r" % text)
+        self.seen["stores"] += 1
+        try:
+            parts = self.rules.parts(text)
+            with Opened(self.dialect, text) as again:
+                library = again.content()
+        except (Bad, Refused) as bad:
+            return "stored as bad data: %s" % bad, None
+        for name in [name for name, keys in content.items() if not keys and not name]:
+            del content[name]
+        is_renumbered = self.renumber(content)
+        if library != self.rules.content(parts):
+            return "library and model read %r and %r" % (library, self.rules.content(parts)), None
+        if self.folded(library) != self.folded(content):
+            return "%r should be %r" % (library, content), None
+        if is_renumbered:  # which the handle isn't
+            return None, None
+        if self.folded({name: keys for name, keys in opened.content().items() if keys or name}) != (
+                self.folded(content)):
+            return "in memory is %r" % opened.content(), None
+        return self.lines(before, parts, touched, removed), parts
+
+    def renumber(self, content):
+        """Gives numbered stanzas the names that they have once earlier ones are gone."""
+        if self.rules.d.repeated != NUMBERED:
+            return False
+        names, counts = list(content), collections.Counter()
+        for name in names:
+            first = name.partition(b"#")[0] or name
+            same = self.rules.same_stanza(first)
+            counts[same] += 1
+            keys = content.pop(name)
+            content[first + (b"#%d" % counts[same] if counts[same] > 1 else b"")] = keys
+        return names != list(content)
+
+    def folded(self, content):
+        return {self.rules.same_stanza(stanza): {
+            self.rules.same_key(key): values for key, values in keys.items()}
+            for stanza, keys in content.items()}
+
+    def lines(self, before, after, touched, removed):
+        """Whether anything but what was touched has changed. A blank line may come with a new
+        header and go with an old one, or with the only entries ahead of all headers; comments of
+        a stanza that is gone may stay."""
+        rules = self.rules
+        headers = {part.stanza for part in before if part.kind == "header"}
+        known = {part.stanza for part in before} & {part.stanza for part in after}
+
+        def kept(parts):
+            """(line, whether it needn't be there)"""
+            lines = []
+            for part in parts:
+                is_gone = part.stanza in removed
+                if part.kind == "entry" and (is_gone or (
+                        rules.same_stanza(part.stanza), rules.same_key(part.key)) in touched):
+                    continue
+                if part.kind == "header" and (is_gone or part.stanza not in headers):
+                    if lines and lines[-1][0].strip() == b"":
+                        lines[-1] = lines[-1][0], True
+                    continue
+                is_gone = is_gone or part.kind == "blank" and part.stanza == b"" not in known
+                lines += [(without_end(line), is_gone) for line in part.lines]
+                if part.kind == "entry" and lines[-1][0] == b"":
+                    lines[-1] = b"", True  # so that no backslash takes what follows
+            return lines
+
+        old, new = kept(before), kept(after)
+        states = {(0, 0)}  # how far both can have been gone along
+        while states:
+            if (len(old), len(new)) in states:
+                return None
+            more = set()
+            for i, k in states:
+                if i < len(old) and k < len(new) and old[i][0] == new[k][0]:
+                    more.add((i + 1, k + 1))
+                if i < len(old) and old[i][1]:
+                    more.add((i + 1, k))
+                if k < len(new) and new[k][1]:
+                    more.add((i, k + 1))
+            states = more
+        return "other lines: %r became %r" % (old, new)
+
+
+def main(count, seed, only=(), show=3):
+    failures = 0
+    folder = tempfile.TemporaryDirectory(dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
+    for name in PRESETS:
+        if only and name not in only:
+            continue
+        dialect, seen, wrong_ones = preset(name), collections.Counter(), 0
+        for number in range(count):
+            path = os.path.join(folder.name, "f") if number % 2 else None
+            story = Story(random.Random("%s-%s-%d" % (seed, name, number)), dialect, path)
+            wrong = story.run()
+            seen.update(story.seen)
+            if wrong:
+                wrong_ones += 1
+                if wrong_ones <= show:
+                    print("%s, text %d of seed %s" % (name, number, seed), *story.told, wrong,
+                          sep="\n  ")
+        failures += wrong_ones
+        print("%-16s %d texts: %s%s" % (
+            name, count, ", ".join("%d %s" % (n, what) for what, n in sorted(seen.items())),
+            ", %d WRONG" % wrong_ones if wrong_ones else ""))
+    folder.cleanup()
+    return 1 if failures else 0
