@@ -14,7 +14,7 @@ import subprocess
 import tempfile
 
 from dialectlib import Opened, Refused, preset
-from dialectrules import BLANKS, Rules, fold
+from dialectrules import BLANKS, Bad, Rules, fold
 from dialecttexts import SIGNS, WORDS, Taste, random_text
 
 
@@ -57,11 +57,18 @@ def is_utf8(text):
         return False
 
 
+def parts_of(rules, text):
+    try:
+        return rules.parts(text)
+    except Bad:
+        return []
+
+
 class Case:
     """A text, and what the library and the dialect's owner say of it."""
 
     def __init__(self, peer, text, ours, theirs):
-        self.text, self.ours, self.theirs = text, ours, theirs
+        self.peer, self.text, self.ours, self.theirs = peer, text, ours, theirs
         self.refused_here, self.refused_there = isinstance(ours, str), isinstance(theirs, str)
         # The line that the library refuses.
         self.bad_line = None
@@ -69,7 +76,16 @@ class Case:
             number = int(re.match("[0-9]+, line ([0-9]+)", ours).group(1))
             self.bad_line = (text.split(b"\n") + [b""])[number - 1].strip(BLANKS)
         self.rules = Rules(preset(peer.preset))
-        self.parts = [] if self.refused_here else self.rules.parts(text)
+        self.parts = [] if self.refused_here else parts_of(self.rules, text)
+
+    def is_alike_joined(self, joint, is_odd, change):
+        """Whether both say the same once lines are joined as the owner does."""
+        answer = library_read(preset(self.peer.preset), joined(self.text, joint, is_odd))
+        if isinstance(answer, str):
+            return self.refused_there
+        answer = {key: values and [value.replace(b"\1", b"\\") for value in values]
+                  for key, values in self.peer.ours(answer).items()}
+        return Case(self.peer, self.text, answer, self.theirs).is_alike(change)
 
     def has(self, pattern):
         return re.search(pattern, self.text, re.M) is not None
@@ -85,10 +101,39 @@ class Case:
     def is_alike(self, change):
         """Whether the answers are the same once each value is changed so."""
         def changed(answer):
-            return {key: values and [new for new in map(change, values) if new]
+            return {key: [new for new in map(change, values or ()) if new] or None
                     for key, values in answer.items()}
         return not (self.refused_here or self.refused_there) and (
             changed(self.ours) == changed(self.theirs))
+
+
+def joined(text, joint, is_odd):
+    """A text whose continued lines are one each, as its owner joins them: with this in place of the
+    backslash, where there is an odd number of them or any. Comments among them are skipped if the
+    joint isn't empty. What isn't joined has no backslash at its end but the byte 1. Lines that the
+    owner only warns of go away."""
+    lines, more = [], None
+    for line in text.split(b"\n"):
+        is_comment = line.lstrip(BLANKS)[:1] in (b"#", b";")
+        if is_comment and (more is None or joint):
+            if more is None:
+                lines.append(line)
+            continue
+        line = line.removesuffix(b"\r")
+        if not is_odd:  # the owner has no blanks at a line's end
+            line = line.rstrip(BLANKS)
+        count = len(line) - len(line.rstrip(b"\\"))
+        line = (more or b"") + line[:len(line) - count] + b"\1" * count
+        if count % 2 if is_odd else count:
+            more = line[:-1] + joint
+        else:
+            lines.append(line)
+            more = None
+    if more is not None:
+        lines.append(more if is_odd else more + b"\1")
+    # Neither owner refuses a file for a line without =.
+    return b"\n".join(line for line in lines if line.strip(BLANKS)[:1] in (b"", b"#", b";", b"[")
+                      or b"=" in line)
 
 
 def only_there(pattern):
@@ -223,12 +268,21 @@ class Configparser(Peer):
                 for key, values in keys.items()}
 
 
+def has_late_comment(text):
+    """Whether a comment's sign begins none, and another one on its line does: Python looks at the
+    first place of each sign, then at the second, and takes the first comment that it finds so."""
+    return re.search(rb"[^\s#]#.*\s;|[^\s;];.*\s#", text) is not None
+
+
 class Supervisord(Configparser):
     """RawConfigParser(inline_comment_prefixes=(";", "#"), strict=False), which is what
     supervisor's class of options passes to it."""
 
     preset = "supervisord"
     taste = Taste(header_tails=False)
+    classes = (*Configparser.classes, (
+        "a sign that begins no comment ahead of one that does, of which the owner takes a later one",
+        lambda case: has_late_comment(case.text)))
     options = {"inline_comment_prefixes": (";", "#"), "strict": False}
 
 
@@ -242,15 +296,14 @@ class Systemd(Peer):
     preset = "systemd"
     taste = Taste(header_tails=False)
     classes = (
-        ("blanks ahead of a continued line, which the owner keeps",
-         lambda case: case.is_alike(lambda value: re.sub(rb"\s+", b" ", value))),
-        ("an even number of backslashes at a line's end, which the owner takes for text",
-         lambda case: case.has(rb"(?<!\\)(\\\\)+\r?$")),
-        ("more behind a header, for which the owner refuses the file, or which goes on",
+        ("joined lines: blanks ahead of the next, an even number of backslashes, headers",
+         lambda case: case.is_alike_joined(b" ", True, bytes)),
+        ("more behind a header, for which the owner refuses the file but for a last ]",
          lambda case: case.has_header(rb"\].+$")),
         ("a quote in a header's name", only_here(lambda case: case.has_header(rb"[\"']"))),
         ("a line without a key or =, which the owner warns of and skips", only_there(
             rb"^(=|[^=]*$)")),
+        ("a header that goes on in the next line", only_there(rb"^\[.*\\$")),
         ("entries ahead of all headers, which the owner skips", lambda case: only_there(rb"")(case)
          and not case.has(rb"(?s)^\s*\[.*" + re.escape(case.bad_line))),
         ("what is no UTF-8", only_here(lambda case: not is_utf8(case.text))),
@@ -334,6 +387,10 @@ class Network(Systemd):
 # ---------------------------------------------------------------- samba
 
 
+def first_blanks(value):
+    return re.sub(rb"(\s)\s+", rb"\1", value)
+
+
 class Samba(Peer):
     """LoadParm of samba's own modules for Python, the parser of all its programs: it tells values
     of parameters that it knows."""
@@ -346,10 +403,10 @@ class Samba(Peer):
         odd_keys=[b"zz:a", b"unknown", b"comm#ent", b"comment;"],
         words=[word for word in WORDS if word.isascii()])
     classes = (
-        ("blanks at the joint of continued lines, and several as one",
-         lambda case: case.is_alike(lambda value: re.sub(rb"\s+", b" ", value))),
-        ("lines joined by a backslash: no space for the owner, and comments are text",
-         lambda case: case.has(rb"\\[ \t]*\r?$")),
+        ("several blanks, of which the owner takes the first",
+         lambda case: case.is_alike(first_blanks)),
+        ("joined lines: no space for the owner, and comments are text",
+         lambda case: case.is_alike_joined(b"", False, first_blanks)),
         ("a line without =, which the owner warns of and skips", only_there(rb"^[^=]*$")),
         STRANGE_BLANKS, NULS)
     program = """
@@ -427,7 +484,10 @@ class Php(Files):
                                rb"""|"[^"]*$|'[^']*$)""")),
         ("an indented header, for which the owner refuses the file", only_here(
             lambda case: case.has(rb"^\s+\["))),
-        ("more behind a header, or no name in it", lambda case: case.has(rb"^\[(\]|.*\][^;\r]+)")),
+        ("more behind a header, or no name in it", lambda case: case.has(
+            rb"^\s*\[(\]|.*\][^;\r]+)")),
+        ("an empty value's comment without a newline at its end", only_here(
+            lambda case: case.has(rb"=\s*;[^\n]*\Z"))),
         ("a key alone behind itself with a value, which stays for the owner",
          lambda case: not case.refused_here and not case.refused_there and case.has_entry(
              lambda part: part.value is None and (part.stanza, part.key) in case.theirs)),
@@ -486,6 +546,8 @@ class PhpRaw(Php):
         ("single quotes and backslashes, which this scanner keeps",
          lambda case: case.is_alike(lambda value: re.sub(
              rb"\\([\"\\])", rb"\1", re.sub(rb"^'(.*)'$", rb"\1", value)))),
+        ("a ; within single quotes, which begins a comment for this scanner",
+         lambda case: case.has(rb"'[^'\n]*;")),
         ("quotes behind the value's", lambda case: case.has(rb"""=\s*["'].*["'].*["']""")),
         *Php.classes)
 
