@@ -6,7 +6,7 @@ import random
 import tempfile
 
 from dialectlib import Opened, Refused, preset
-from dialectrules import Bad, EXACT, NUMBERED, Rules, without_end
+from dialectrules import Bad, EXACT, NUMBERED, Rules, fold, without_end
 from dialecttexts import Maker, Taste
 
 PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict", "supervisord",
@@ -69,7 +69,7 @@ class Story:
         if known and dice.random() < 0.75:
             name = dice.choice(list(known))
             if dice.random() < 0.2 and self.rules.d.names != EXACT:
-                name = name.swapcase()
+                name = fold(name)
             return name
         return dice.choice([b"new", b"n2", b"a b", b"x.y", b"Zz"] + [b"", b" x", b"x=", b"#x", b"]",
                                                                     b"x\ny"] * (dice.random() < 0.2))
@@ -140,22 +140,34 @@ class Story:
             return "stored as bad data: %s" % bad, None
         for name in [name for name, keys in content.items() if not keys and not name]:
             del content[name]
-        is_renumbered = self.renumber(content)
+        self.renumber(content)
         if library != self.rules.content(parts):
             return "library and model read %r and %r" % (library, self.rules.content(parts)), None
         if self.folded(library) != self.folded(content):
             return "%r should be %r" % (library, content), None
-        if is_renumbered:  # which the handle isn't
-            return None, None
         if self.folded({name: keys for name, keys in opened.content().items() if keys or name}) != (
                 self.folded(content)):
             return "in memory is %r" % opened.content(), None
-        return self.lines(before, parts, touched, removed), parts
+        return self.last_lines(parts, content, touched) or (
+            self.lines(before, parts, touched, removed)), parts
+
+    def last_lines(self, parts, content, touched):
+        """Who reads only the last line of a key that was changed has to see its last value."""
+        rules, last = self.rules, {}
+        for part in parts:
+            if part.kind == "entry":
+                last[rules.same_stanza(part.stanza), rules.same_key(part.key)] = part.value
+        for stanza, keys in content.items():
+            for key, values in keys.items():
+                name = rules.same_stanza(stanza), rules.same_key(key)
+                if name in touched and values and last[name] != values[-1]:
+                    return "the last line of %r isn't its last value" % (name,)
+        return None
 
     def renumber(self, content):
         """Gives numbered stanzas the names that they have once earlier ones are gone."""
         if self.rules.d.repeated != NUMBERED:
-            return False
+            return
         names, counts = list(content), collections.Counter()
         for name in names:
             first = name.partition(b"#")[0] or name
@@ -163,7 +175,6 @@ class Story:
             counts[same] += 1
             keys = content.pop(name)
             content[first + (b"#%d" % counts[same] if counts[same] > 1 else b"")] = keys
-        return names != list(content)
 
     def folded(self, content):
         return {self.rules.same_stanza(stanza): {

@@ -113,24 +113,25 @@ def joined(text, joint, is_odd):
     joint isn't empty. What isn't joined has no backslash at its end but the byte 1. Lines that the
     owner only warns of go away."""
     lines, more = [], None
-    for line in text.split(b"\n"):
+    for line in text.removesuffix(b"\n").split(b"\n"):
         is_comment = line.lstrip(BLANKS)[:1] in (b"#", b";")
         if is_comment and (more is None or joint):
             if more is None:
                 lines.append(line)
             continue
         line = line.removesuffix(b"\r")
-        if not is_odd:  # the owner has no blanks at a line's end
-            line = line.rstrip(BLANKS)
+        if not is_odd:  # the owner has no blanks at a line's end, and looks at what it has so far
+            line, more = (more or b"") + line.rstrip(BLANKS), b""
         count = len(line) - len(line.rstrip(b"\\"))
         line = (more or b"") + line[:len(line) - count] + b"\1" * count
         if count % 2 if is_odd else count:
-            more = line[:-1] + joint
+            more = line[:-1].replace(b"\1", b"\\") + joint
         else:
             lines.append(line)
             more = None
     if more is not None:
-        lines.append(more if is_odd else more + b"\1")
+        count = len(more) - len(more.rstrip(b"\\"))
+        lines.append(more[:len(more) - count] + b"\1" * (count + (not is_odd and text[-1:] != b"\n")))
     # Neither owner refuses a file for a line without =.
     return b"\n".join(line for line in lines if line.strip(BLANKS)[:1] in (b"", b"#", b";", b"[")
                       or b"=" in line)
@@ -203,9 +204,6 @@ class Git(Files):
             lambda part: part.value is None and case.rules.tail(part.lines[0].strip())
             < len(part.lines[0].strip())))),
         ("an entry behind a header, on its line", only_there(rb"^\[.*\]")),
-        ("blanks behind an empty pair of quotes, which don't begin a value",
-         lambda case: case.has(rb'=\s*("" ?)+(\s|\\$)') and case.is_alike(
-             lambda value: re.sub(rb"\s+", b" ", value).lstrip())),
         STRANGE_BLANKS, NULS)
 
     def read_file(self, path):
@@ -238,13 +236,9 @@ class Configparser(Peer):
     classes = (
         ("a key twice, which has two values here", only_here(
             lambda case: case.theirs.startswith("DuplicateOption"))),
-        ("stanzas that differ in case alone, of which the owner has both",
-         lambda case: not case.refused_there and case.has(rb"(?is)^\s*\[(.*?)\].*^\s*\[\1\]")),
         ("a [ without ], which begins a key for the owner", only_there(rb"^\[[^]]*$")),
-        ("a comment's sign directly behind the divider, which begins none for the owner",
-         lambda case: case.has(rb"[=:][#;]") and not case.refused_here),
         ("more behind a header, which the owner takes to the line's last ]",
-         lambda case: case.has_header(rb"\].+$")),
+         lambda case: case.has(rb"^\s*\[.*\].*\S")),
         STRANGE_BLANKS, NULS)
 
     def read_one(self, text):
@@ -353,8 +347,12 @@ class Systemd(Peer):
             return "%d" % result
         found, names = {}, {}
         for stanza, line, key, value in self.settings:
-            if stanza is not None:
-                put(found, self.name(names, stanza, line), key, value)
+            if stanza is None:
+                continue
+            name = self.name(names, stanza, line)
+            if value == b"":  # the parsers of settings with several values forget these
+                found[name, key] = []
+            put(found, name, key, value)
         return found
 
     def name(self, _names, stanza, _line):
@@ -624,8 +622,6 @@ class Mysql(Files):
     taste = Taste(stanzas=[b"s", b"t", b"t.x", b"u-v"], keys=[b"a", b"A", b"b", b"key", b"k-l"],
                   ahead=0.02)
     classes = (
-        ("a comment behind a value: for the owner # anywhere, and ; nowhere", lambda case: case.has(
-            rb"\S#|[=\s];")),
         ("a backslash in a value, which the owner takes for the begin of a control character",
          lambda case: case.has(rb"=.*\\")),
         ("quotes, which for the owner are the value's first and last byte",

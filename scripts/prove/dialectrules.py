@@ -3,11 +3,12 @@ lines a text has, what they say, and what an edit leaves alone. Speed is no aim.
 
 HASH, SEMICOLON = 1, 2
 EQUALS, COLON, EITHER, BLANK = range(4)
-NO_TAILS, TAILS, TAILS_ANYWHERE = range(3)
-ONE_LINE, INDENT, BACKSLASH = range(3)
+NO_TAILS, TAILS, TAILS_ANYWHERE, HASH_TAILS = range(4)
+ONE_LINE, INDENT, BACKSLASH, JOINED = range(4)
 PLAIN, GIT_QUOTES, SHELL_QUOTES = range(3)
 NOT_REPEATED, MERGED, NUMBERED = range(3)
-EXACT, FOLDED, FOLDED_BLANKS = range(3)
+EXACT, FOLDED, FOLDED_BLANKS, FOLDED_KEYS, FOLDED_STANZAS = range(5)
+ALL_VALUES, LAST_VALUE, RESET_VALUES = range(3)
 SUBSECTIONS, HEADER_TAILS = 1, 2
 
 BLANKS = b" \t\v\f\r"
@@ -47,30 +48,42 @@ class Rules:
 
     # ---------------------------------------------------------------- names
 
+    def same(self, name):
+        name = fold(name)
+        return name.translate(None, BLANKS) if self.d.names == FOLDED_BLANKS else name
+
     def same_key(self, key):
         """What all spellings of a key have in common."""
-        if self.d.names == EXACT:
-            return key
-        return fold(key) if self.d.names == FOLDED else fold(key).translate(None, BLANKS)
+        return key if self.d.names in (EXACT, FOLDED_STANZAS) else self.same(key)
+
+    def are_stanzas_folded(self):
+        return self.d.names not in (EXACT, FOLDED_KEYS)
 
     def same_stanza(self, name):
-        if self.d.headers & SUBSECTIONS and self.d.names != EXACT:
+        if not self.are_stanzas_folded():
+            return name
+        if self.d.headers & SUBSECTIONS:
             section, dot, rest = name.partition(b".")
-            return self.same_key(section) + dot + rest
-        return self.same_key(name)
+            return self.same(section) + dot + rest
+        return self.same(name)
 
     # ---------------------------------------------------------------- lines
 
     def is_comment(self, line):
         return line[:1] != b"" and line[0] in self.marks
 
-    def tail(self, text):
-        """Where a comment in what follows a divider, or in a key without one, begins."""
-        for at in range(len(text)):
-            if text[at] in self.marks and (
-                    self.d.tails == TAILS_ANYWHERE
-                    or self.d.tails == TAILS and (at == 0 or text[at - 1] in BLANKS)):
-                return at
+    def tail(self, text, before=b""):
+        """Where a comment begins in what follows a divider, or in a key without one, behind these
+        bytes."""
+        all_of = before + text
+        for at in range(len(before), len(all_of)):
+            if self.d.tails == HASH_TAILS:
+                begins = all_of[at] == 35
+            else:
+                begins = all_of[at] in self.marks and (self.d.tails == TAILS_ANYWHERE or (
+                    self.d.tails == TAILS and at > 0 and all_of[at - 1] in BLANKS))
+            if begins:
+                return at - len(before)
         return len(text)
 
     def parts(self, text):
@@ -144,7 +157,7 @@ class Rules:
             if close < 0:
                 raise Bad(number, "has no end")
             name, behind = line[1:close], line[close + 1:]
-            if self.same_key(name) == b"":
+            if self.same_stanza(name) == b"":
                 raise Bad(number, "has no name")
             if self.d.headers & SUBSECTIONS:
                 name = self.section(name)
@@ -156,7 +169,7 @@ class Rules:
     def section(self, name):
         """[a.B] is a.b where names are folded."""
         first, dot, rest = name.partition(b".")
-        return first + dot + (rest if self.d.names == EXACT else fold(rest))
+        return first + dot + (fold(rest) if self.are_stanzas_folded() else rest)
 
     # ---------------------------------------------------------------- entries
 
@@ -169,9 +182,6 @@ class Rules:
         said = line
         if self.d.bare:
             said = line[:self.tail(line)].rstrip(BLANKS)
-        elif self.d.divider == BLANK and self.is_comment(line[self.divider(line) + 1:].strip(
-                BLANKS)[:1]) and self.d.tails:
-            raise Bad(at, "has no value")
         divider = self.divider(said)
         if divider < 0:
             if not self.d.bare:
@@ -181,16 +191,18 @@ class Rules:
         if key == b"":
             raise Bad(at, "has no key")
         value = line[divider + 1:].lstrip(BLANKS)
+        before = line[:len(line) - len(value)]
         if self.d.quotes == GIT_QUOTES:
             value, at = self.git_value(at, divider)
         elif self.d.quotes == SHELL_QUOTES and value[:1] in (b'"', b"'"):
             value = self.shell_value(value, at)
         elif self.d.continued == INDENT:
-            value, at = self.indented(value[:self.tail(value)].rstrip(BLANKS), at)
-        elif self.d.continued == BACKSLASH:
+            value, at = self.indented(
+                value[:self.tail(value, before)].rstrip(BLANKS), at)
+        elif self.d.continued:
             value, at = self.continued(at, divider)
         else:
-            value = value[:self.tail(value)].rstrip(BLANKS)
+            value = value[:self.tail(value, before)].rstrip(BLANKS)
         return key, value, at
 
     def indented(self, value, at):
@@ -211,22 +223,23 @@ class Rules:
         return value, end
 
     def continued(self, at, divider):
-        text = without_end(self.lines[at - 1])
-        text = text.lstrip(BLANKS)[divider + 1:].lstrip(BLANKS)
-        first, value = at, b""
+        text = without_end(self.lines[at - 1]).lstrip(BLANKS)
+        first, value, before = at, b"", text[:divider + 1]
+        text = text[divider + 1:]
         while True:
-            tail = self.tail(text)
-            if tail < len(text) or not text.endswith(b"\\"):
+            tail = self.tail(text, before)
+            count = len(text) - len(text.rstrip(b"\\"))
+            if tail < len(text) or count == 0 or self.d.continued == BACKSLASH and count % 2 == 0:
                 return (value + text[:tail]).strip(BLANKS), at
-            value += text[:-1] + b" "
-            text = b""
-            while at < len(self.lines):
+            value, before = value + text[:-1] + b" " * (self.d.continued == BACKSLASH), b""
+            while True:
+                if at == len(self.lines):
+                    raise Bad(first, "goes on behind the last line")
                 self.line(at, first)
-                text = without_end(self.lines[at]).lstrip(BLANKS)
+                text = without_end(self.lines[at])
                 at += 1
-                if not self.is_comment(text):
+                if self.d.continued == JOINED or not self.is_comment(text.lstrip(BLANKS)):
                     break
-                text = b""
 
     def git_value(self, at, divider):
         text = without_end(self.lines[at - 1]).lstrip(BLANKS)[divider + 1:].lstrip(BLANKS)
@@ -242,18 +255,17 @@ class Rules:
                 value += {b"n": b"\n", b"t": b"\t", b"b": b"\b"}.get(text[:1], text[:1])
                 kept, text = len(value), text[1:]
             elif c == b"\\":
-                if self.d.continued != BACKSLASH:
+                if self.d.continued != JOINED:
                     raise Bad(first, "has a strange backslash")
-                if at < len(self.lines):
-                    self.line(at, first)
-                    text = without_end(self.lines[at])
-                    at += 1
-                    if value == b"":
-                        text = text if inside else text.lstrip(BLANKS)
+                if at == len(self.lines):
+                    raise Bad(first, "goes on behind the last line")
+                self.line(at, first)
+                text = without_end(self.lines[at])
+                at += 1
             elif c[0] in self.marks and not inside and (
                     self.d.tails == TAILS_ANYWHERE or self.d.tails == TAILS and before in BLANKS):
                 break
-            else:
+            elif inside or c[0] not in BLANKS or value != b"":
                 value += c
                 if inside or c[0] not in BLANKS:
                     kept = len(value)
@@ -271,8 +283,8 @@ class Rules:
                 at += 1
             value += text[at:at + 1]
             at += 1
-        behind = text[at:]  # with the quote, which is no blank
-        if behind[1:self.tail(behind)].strip(BLANKS) != b"":
+        behind = text[at + 1:]
+        if behind[:self.tail(behind, quote)].strip(BLANKS) != b"":
             raise Bad(number, "has more behind its quotes")
         return value
 
@@ -289,12 +301,12 @@ class Rules:
             key = self.known_key(keys, part.key)
             if key is None:
                 key = part.key
-            known = None if self.d.values else keys.get(key, [])
+            known = None if self.d.values == LAST_VALUE else keys.get(key, [])
             if part.value is None:
                 keys[key] = known or None
-            elif part.value != b"" or known == []:
-                keys[key] = (known or []) + [part.value] * (part.value != b"")
-            elif self.d.values:
+            elif part.value != b"":
+                keys[key] = (known or []) + [part.value]
+            elif known == [] or self.d.values != ALL_VALUES:
                 keys[key] = []
         return content
 

@@ -1,7 +1,6 @@
 """Random texts in a dialect, most of them good, for scripts/prove-dialects."""
 from dialectrules import (
-    BACKSLASH, BLANK, BLANKS, COLON, EITHER, FOLDED, FOLDED_BLANKS, GIT_QUOTES, INDENT,
-    SHELL_QUOTES, SUBSECTIONS, Rules)
+    BACKSLASH, BLANK, COLON, EITHER, GIT_QUOTES, INDENT, JOINED, SHELL_QUOTES, SUBSECTIONS, Rules)
 
 WORDS = [b"a", b"b", b"cd", b"1", b"0", b"yes", b"/bin/x", b"%s", b"\xc3\xa4", b"$x", b"x.y", b"-"]
 SIGNS = [b"#", b";", b"=", b":", b'"', b"'", b"\\", b"[", b"]", b" ", b"  ", b"\t", b" #", b" ;",
@@ -86,9 +85,9 @@ class Maker:
                     deeper = indent + dice.choice([b" ", b"\t", b"    ", b"  "])
                     lines += b"\n" + deeper + (self.value() or b"x")
             return lines
-        while d.continued == BACKSLASH and dice.random() < 0.5:
+        while d.continued in (BACKSLASH, JOINED) and dice.random() < 0.5:
             lines += dice.choice([b"\\", b" \\", b" \\"]) + b"\n"
-            if dice.random() < 0.2 and d.quotes != GIT_QUOTES:
+            if dice.random() < 0.2 and (d.continued == BACKSLASH or self.is_odd()):
                 lines += self.blanks() + self.comment() + b"\n"
             lines += self.blanks() + dice.choice(
                 [b"x", b"y z", b"[t]", b"a = 1", b'"', b"x # y"] if self.oddness else [b"x", b"y"])
