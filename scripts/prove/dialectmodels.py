@@ -140,16 +140,32 @@ class Story:
             return "stored as bad data: %s" % bad, None
         for name in [name for name, keys in content.items() if not keys and not name]:
             del content[name]
-        self.renumber(content)
+        names = self.renumber(content)
         if library != self.rules.content(parts):
             return "library and model read %r and %r" % (library, self.rules.content(parts)), None
         if self.folded(library) != self.folded(content):
             return "%r should be %r" % (library, content), None
+        if self.path is None and any(name != now for name, now in names.items()):
+            return None, None  # the handle hasn't been stored
         if self.folded({name: keys for name, keys in opened.content().items() if keys or name}) != (
                 self.folded(content)):
             return "in memory is %r" % opened.content(), None
         return self.last_lines(parts, content, touched) or (
-            self.lines(before, parts, touched, removed)), parts
+            self.lines(before, parts, touched, removed, names)), parts
+
+    def renumber(self, content):
+        """Gives numbered stanzas the names that they have once earlier ones are gone: {old: new}."""
+        counts, names = collections.Counter(), {name: name for name in content}
+        if self.rules.d.repeated == NUMBERED:
+            old = dict(content)
+            content.clear()
+            for name in names:
+                first = name.partition(b"#")[0] or name
+                same = self.rules.same_stanza(first)
+                counts[same] += 1
+                names[name] = first + (b"#%d" % counts[same] if counts[same] > 1 else b"")
+                content[names[name]] = old[name]
+        return names
 
     def last_lines(self, parts, content, touched):
         """Who reads only the last line of a key that was changed has to see its last value."""
@@ -164,44 +180,38 @@ class Story:
                     return "the last line of %r isn't its last value" % (name,)
         return None
 
-    def renumber(self, content):
-        """Gives numbered stanzas the names that they have once earlier ones are gone."""
-        if self.rules.d.repeated != NUMBERED:
-            return
-        names, counts = list(content), collections.Counter()
-        for name in names:
-            first = name.partition(b"#")[0] or name
-            same = self.rules.same_stanza(first)
-            counts[same] += 1
-            keys = content.pop(name)
-            content[first + (b"#%d" % counts[same] if counts[same] > 1 else b"")] = keys
-
     def folded(self, content):
         return {self.rules.same_stanza(stanza): {
             self.rules.same_key(key): values for key, values in keys.items()}
             for stanza, keys in content.items()}
 
-    def lines(self, before, after, touched, removed):
+    def lines(self, before, after, touched, removed, names):
         """Whether anything but what was touched has changed. A blank line may come with a new
         header and go with an old one, or with the only entries ahead of all headers; comments of
         a stanza that is gone may stay."""
         rules = self.rules
-        headers = {part.stanza for part in before if part.kind == "header"}
-        known = {part.stanza for part in before} & {part.stanza for part in after}
+        same = rules.same_stanza
+        stayed = {same(names.get(name, name)) for name in {part.stanza for part in before
+                                                           if part.stanza is not None} - removed}
+        has_first = all(any(part.stanza == b"" for part in parts) for parts in (before, after))
+
+        now = {same(name): same(name_now) for name, name_now in names.items()}
+        keys = touched, {(now.get(stanza, stanza), key) for stanza, key in touched}
 
         def kept(parts):
             """(line, whether it needn't be there)"""
             lines = []
             for part in parts:
-                is_gone = part.stanza in removed
+                is_gone = parts is before and part.stanza in removed
                 if part.kind == "entry" and (is_gone or (
-                        rules.same_stanza(part.stanza), rules.same_key(part.key)) in touched):
+                        same(part.stanza), rules.same_key(part.key)) in keys[parts is after]):
                     continue
-                if part.kind == "header" and (is_gone or part.stanza not in headers):
+                if part.kind == "header" and (
+                        is_gone or parts is after and same(part.stanza) not in stayed):
                     if lines and lines[-1][0].strip() == b"":
                         lines[-1] = lines[-1][0], True
                     continue
-                is_gone = is_gone or part.kind == "blank" and part.stanza == b"" not in known
+                is_gone = is_gone or part.kind == "blank" and part.stanza == b"" and not has_first
                 lines += [(without_end(line), is_gone) for line in part.lines]
                 if part.kind == "entry" and lines[-1][0] == b"":
                     lines[-1] = b"", True  # so that no backslash takes what follows

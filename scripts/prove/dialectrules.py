@@ -261,7 +261,7 @@ class Rules:
                     raise Bad(first, "goes on behind the last line")
                 self.line(at, first)
                 text = without_end(self.lines[at])
-                at += 1
+                at, kept = at + 1, len(value)  # blanks ahead of it are inside then
             elif c[0] in self.marks and not inside and (
                     self.d.tails == TAILS_ANYWHERE or self.d.tails == TAILS and before in BLANKS):
                 break
