@@ -212,7 +212,9 @@ class Story:
                         lines[-1] = lines[-1][0], True
                     continue
                 is_gone = is_gone or part.kind == "blank" and part.stanza == b"" and not has_first
-                lines += [(without_end(line), is_gone) for line in part.lines]
+                # Behind the last line of all a carriage return may become part of a line's end.
+                lines += [(without_end(line) if line.endswith(b"\n") else line.rstrip(b"\r"), is_gone)
+                          for line in part.lines]
                 if part.kind == "entry" and lines[-1][0] == b"":
                     lines[-1] = b"", True  # so that no backslash takes what follows
             return lines
