@@ -9,8 +9,8 @@ from dialectlib import Opened, Refused, preset
 from dialectrules import Bad, EXACT, NUMBERED, Rules, fold, without_end
 from dialecttexts import Maker, Taste
 
-PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict", "supervisord",
-           "systemd", "systemd-network", "wireguard")
+PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict",
+           "supervisord", "systemd", "systemd-network", "wireguard")
 
 
 class Story:
@@ -71,14 +71,15 @@ class Story:
             if dice.random() < 0.2 and self.rules.d.names != EXACT:
                 name = fold(name)
             return name
-        return dice.choice([b"new", b"n2", b"a b", b"x.y", b"Zz"] + [b"", b" x", b"x=", b"#x", b"]",
-                                                                    b"x\ny"] * (dice.random() < 0.2))
+        odd = [b"", b" x", b"x=", b"#x", b"]", b"x\ny"]
+        return dice.choice([b"new", b"n2", b"a b", b"x.y", b"Zz"] + odd * (dice.random() < 0.2))
 
     def value(self):
         dice = self.dice
         value = self.maker.value()
         if dice.random() < 0.2:
-            value += dice.choice([b" ", b"\n", b"\n  x", b"\nx", b"\\", b"\t", b"\r", b"\n\n  y", b"\x01"])
+            value += dice.choice([b" ", b"\n", b"\n  x", b"\nx", b"\\", b"\t", b"\r",
+                                  b"\n\n  y", b"\x01"])
         return dice.choice([value, value, b"", b" " + value, b"plain", b"two words"])
 
     def edit(self, opened, content, touched, removed):
@@ -154,7 +155,7 @@ class Story:
             self.lines(before, parts, touched, removed, names)), parts
 
     def renumber(self, content):
-        """Gives numbered stanzas the names that they have once earlier ones are gone: {old: new}."""
+        """Gives numbered stanzas the names that they have now: {old: new}."""
         counts, names = collections.Counter(), {name: name for name in content}
         if self.rules.d.repeated == NUMBERED:
             old = dict(content)
@@ -213,8 +214,8 @@ class Story:
                     continue
                 is_gone = is_gone or part.kind == "blank" and part.stanza == b"" and not has_first
                 # Behind the last line of all a carriage return may become part of a line's end.
-                lines += [(without_end(line) if line.endswith(b"\n") else line.rstrip(b"\r"), is_gone)
-                          for line in part.lines]
+                lines += [(without_end(line) if line.endswith(b"\n") else line.rstrip(b"\r"),
+                           is_gone) for line in part.lines]
                 if part.kind == "entry" and lines[-1][0] == b"":
                     lines[-1] = b"", True  # so that no backslash takes what follows
             return lines

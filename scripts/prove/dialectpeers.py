@@ -131,7 +131,8 @@ def joined(text, joint, is_odd):
             more = None
     if more is not None:
         count = len(more) - len(more.rstrip(b"\\"))
-        lines.append(more[:len(more) - count] + b"\1" * (count + (not is_odd and text[-1:] != b"\n")))
+        count += not is_odd and text[-1:] != b"\n"
+        lines.append(more.rstrip(b"\\") + b"\1" * count)
     # Neither owner refuses a file for a line without =.
     return b"\n".join(line for line in lines if line.strip(BLANKS)[:1] in (b"", b"#", b";", b"[")
                       or b"=" in line)
@@ -275,7 +276,7 @@ class Supervisord(Configparser):
     preset = "supervisord"
     taste = Taste(header_tails=False)
     classes = (*Configparser.classes, (
-        "a sign that begins no comment ahead of one that does, of which the owner takes a later one",
+        "a sign that begins no comment ahead of ones that do, of which the owner takes a later",
         lambda case: has_late_comment(case.text)))
     options = {"inline_comment_prefixes": (";", "#"), "strict": False}
 
@@ -290,7 +291,7 @@ class Systemd(Peer):
     preset = "systemd"
     taste = Taste(header_tails=False)
     classes = (
-        ("joined lines: blanks ahead of the next, an even number of backslashes, headers",
+        ("lines without =, which the owner skips, and joints elsewhere than in values",
          lambda case: case.is_alike_joined(b" ", True, bytes)),
         ("more behind a header, for which the owner refuses the file but for a last ]",
          lambda case: case.has_header(rb"\].+$")),
@@ -403,7 +404,7 @@ class Samba(Peer):
     classes = (
         ("several blanks, of which the owner takes the first",
          lambda case: case.is_alike(first_blanks)),
-        ("joined lines: no space for the owner, and comments are text",
+        ("lines without =, which the owner skips, and joints elsewhere than in values",
          lambda case: case.is_alike_joined(b"", False, first_blanks)),
         ("a line without =, which the owner warns of and skips", only_there(rb"^[^=]*$")),
         STRANGE_BLANKS, NULS)

@@ -38,7 +38,8 @@ samba-common sahara-common senlin-common smbldap-tools sssd-common supervisor sw
 swift-container swift-object swift-proxy systemd systemd-container systemd-homed
 systemd-journal-remote systemd-oomd systemd-resolved systemd-tests systemd-timesyncd thunar
 trove-common tumbler-common tuned udev udisks2 unbound upower uwsgi-core vdirsyncer
-vitrage-common watcher-common wireguard-tools xfce4-session zaqar-common golang-github-git-lfs-git-lfs-dev
+vitrage-common watcher-common wireguard-tools xfce4-session zaqar-common
+golang-github-git-lfs-git-lfs-dev
 golang-github-go-git-go-git-dev golang-gopkg-ini.v1-dev
 """.split()
 
@@ -53,8 +54,8 @@ FAMILIES = [(preset_name, re.compile(pattern)) for preset_name, pattern in (
     ("systemd", r"/systemd/.*\.(service|socket|timer|target|mount|automount|path|slice|swap|scope"
                 r"|nspawn)$|/systemd/.*(?<!/resolv)\.conf$"),
     ("git", r"/(\.?gitconfig|\.gitmodules)$|\.git/config$|/plumbing/.*/config$"),
-    ("samba", r"/samba/(?!examples/logon).*\.conf|/smb(?!ldap)[^/]*\.conf|/samba-common/.*/smb\.conf"
-              r"|/rsyncd\.conf$"),
+    ("samba", r"/samba/(?!examples/logon).*\.conf|/smb(?!ldap)[^/]*\.conf"
+              r"|/samba-common/.*/smb\.conf|/rsyncd\.conf$"),
     ("php", r"/php.*\.ini(-\w+)?$"),
     ("php", r"/php/.*/pool\.d/.*\.conf$|/php-fpm\.conf$|/php8.2-fpm/.*\.conf$"),
     ("mysql", r"/(my|mysql|mariadb|akonadi)[^/]*/.*\.cnf$|/my\.cnf$"),
@@ -75,7 +76,8 @@ FAMILIES = [(preset_name, re.compile(pattern)) for preset_name, pattern in (
     ("configparser", r"/mercurial/.*\.rc$"),
     ("desktop", r"\.(desktop|directory|theme|plymouth|tablet|notifyrc|session|thumbnailer|lxqt)$"),
     ("desktop", r"/dbus-1/.*\.service$|/gvfs/mounts/.*\.mount$|/NetworkManager/.*\.(conf|name)$"),
-    ("desktop", r"/geany/(filedefs|colorschemes)/|/mc/(skins/.*\.ini|mc.*keymap.*|.*(?<!/sfs)\.ini)$"),
+    ("desktop", r"/geany/(filedefs|colorschemes)/|/mc/(skins/.*\.ini|mc.*keymap.*"
+                r"|.*(?<!/sfs)\.ini)$"),
     ("desktop", r"/(lightdm|gdm3|bluetooth|UPower|geoclue|fwupd|tumbler|iwd|avahi|udisks2)/.*"
                 r"\.(conf|rc)$|/search-provider\.ini$|/sssd/.*\.(conf|ini)$|/pklalib?/.*\.pkla$"),
 )]
@@ -172,7 +174,7 @@ class Trial:
         (before, old), (after, mine) = others(parts), others(self.rules.parts(text))
         if before != after and (before[:-1] != after[:-1] or before[-1] + b"\n" != after[-1]):
             self.wrong.append(what + "other lines")
-        # Ahead of the value may stand what was there and gives none: "key =", and what that forgets.
+        # Ahead of the value may stand what was there and gives none: "key =", what that forgets.
         if value is not None and (mine == [] or mine[-1].value != value or len(mine[-1].lines) != 1
                                   or any(part.lines not in [each.lines for each in old]
                                          for part in mine[:-1])):
