@@ -43,7 +43,8 @@ _entries = _function("PropGetEntries", _int, _handle, _out, ctypes.POINTER(_size
 _is_bare = _function("PropIsBare", _int, _handle, _text, _text, ctypes.POINTER(_int))
 _changes = {name: _function("Prop" + name, _int, _handle, *[_text] * count) for name, count in (
     ("SetStringValue", 3), ("AddStringValue", 3), ("RemoveKey", 2), ("RemoveStanza", 1),
-    ("SetBare", 2))}
+    ("SetBare", 2), ("AddFileComment", 1), ("AddStanzaComment", 2), ("AddLineComment", 3),
+    ("RemoveComments", 2))}
 
 # Presets are those of the tree, whatever the machine has.
 os.environ.update(XDG_DATA_DIRS=os.path.join(HERE, "share"), XDG_CONFIG_HOME="/nonexistent")

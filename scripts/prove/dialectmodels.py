@@ -3,10 +3,11 @@ beside the model in dialectrules.py. Half of them are files, which each store wr
 import collections
 import os
 import random
+import re
 import tempfile
 
 from dialectlib import Opened, Refused, preset
-from dialectrules import Bad, EXACT, NUMBERED, Rules, fold, without_end
+from dialectrules import BLANKS, Bad, EXACT, NUMBERED, Rules, fold, without_end
 from dialecttexts import Maker, Taste
 
 PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict",
@@ -46,6 +47,7 @@ class Story:
                 return "stored otherwise"
             for _ in range(self.dice.randint(1, 3)):
                 touched, removed = set(), set()
+                self.comments, self.has_fewer_comments = [], False
                 for _ in range(self.dice.randint(1, 2)):
                     self.edit(opened, content, touched, removed)
                 wrong, parts = self.stored(opened, content, parts, touched, removed)
@@ -82,8 +84,37 @@ class Story:
                                   b"\n\n  y", b"\x01"])
         return dice.choice([value, value, b"", b" " + value, b"plain", b"two words"])
 
+    def comment(self, opened, content):
+        """Adds or removes a comment, which changes no value."""
+        dice = self.dice
+        stanza = dice.choice(list(content))
+        key = dice.choice(list(content[stanza]) or [None])
+        text = dice.choice([b"", b" ", b"# ", b";", b"#"]) + dice.choice(
+            [b"c", b"", b"a = 1", b"[s]", b"x \\", b"x\\", b'"', b"x\ny", b"\t", b"\xef\xbb\xbf"])
+        name, *arguments = dice.choice([
+            ("AddFileComment", text), ("AddStanzaComment", stanza, text),
+            ("AddLineComment", stanza, key, text), ("RemoveComments", stanza, key),
+            ("RemoveComments", stanza, None), ("RemoveComments", None, None)])
+        if name == "AddLineComment" and key is None or name == "RemoveComments" and self.comments:
+            return  # of a comment that comes and goes a blank line stays
+        self.told.append("%s %r" % (name, arguments))
+        try:
+            opened.change(name, *arguments)
+        except Refused as refused:
+            self.told[-1] += " is refused: %s" % refused
+            self.seen["refused edits"] += 1
+            return
+        self.seen["comments"] += 1
+        if name == "RemoveComments":
+            self.has_fewer_comments = True
+        else:
+            self.comments.append(text.strip(BLANKS + b"#;"))
+
     def edit(self, opened, content, touched, removed):
         dice, rules = self.dice, self.rules
+        if content and dice.random() < 0.15:
+            self.comment(opened, content)
+            return
         stanza = self.name(content)
         same = {rules.same_stanza(name): name for name in content}
         known = same.get(rules.same_stanza(stanza))
@@ -161,7 +192,7 @@ class Story:
             old = dict(content)
             content.clear()
             for name in names:
-                first = name.partition(b"#")[0] or name
+                first = re.sub(rb"(?<=.)#[0-9]+$", b"", name)
                 same = self.rules.same_stanza(first)
                 counts[same] += 1
                 names[name] = first + (b"#%d" % counts[same] if counts[same] > 1 else b"")
@@ -188,8 +219,8 @@ class Story:
 
     def lines(self, before, after, touched, removed, names):
         """Whether anything but what was touched has changed. A blank line may come with a new
-        header and go with an old one, or with the only entries ahead of all headers; comments of
-        a stanza that is gone may stay."""
+        header or comment, and go with an old one or with the only entries ahead of all headers;
+        comments of a stanza that is gone may stay."""
         rules = self.rules
         same = rules.same_stanza
         stayed = {same(names.get(name, name)) for name in {part.stanza for part in before
@@ -201,7 +232,7 @@ class Story:
 
         def kept(parts):
             """(line, whether it needn't be there)"""
-            lines = []
+            lines, comments = [], []
             for part in parts:
                 is_gone = parts is before and part.stanza in removed
                 if part.kind == "entry" and (is_gone or (
@@ -212,12 +243,22 @@ class Story:
                     if lines and lines[-1][0].strip() == b"":
                         lines[-1] = lines[-1][0], True
                     continue
+                if part.kind == "comment":
+                    is_other = self.has_fewer_comments if parts is before else (
+                        part.lines[0].strip(BLANKS + b"#;\n") in self.comments)
+                    if is_other:
+                        comments.append(len(lines))
+                    is_gone = is_gone or is_other
                 is_gone = is_gone or part.kind == "blank" and part.stanza == b"" and not has_first
                 # Behind the last line of all a carriage return may become part of a line's end.
                 lines += [(without_end(line) if line.endswith(b"\n") else line.rstrip(b"\r"),
                            is_gone) for line in part.lines]
                 if part.kind == "entry" and lines[-1][0] == b"":
                     lines[-1] = b"", True  # so that no backslash takes what follows
+            for at in comments:
+                for near in (at - 1, at + 1):
+                    if 0 <= near < len(lines) and lines[near][0].strip() == b"":
+                        lines[near] = lines[near][0], True
             return lines
 
         old, new = kept(before), kept(after)

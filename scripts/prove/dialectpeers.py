@@ -376,7 +376,7 @@ class Network(Systemd):
         """The owner doesn't tell of stanzas without entries."""
         counts, found = collections.Counter(), {}
         for stanza, keys in content.items():
-            name = stanza.partition(b"#")[0]
+            name = re.sub(rb"#[0-9]+$", b"", stanza)
             counts[name] += keys != {}
             number = b"#%d" % counts[name] if counts[name] > 1 else b""
             found.update(((name + number, key), values) for key, values in keys.items())
