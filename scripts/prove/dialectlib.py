@@ -34,6 +34,7 @@ _close = _function("PropClose", None, _handle)
 _last_error = _function("PropLastError", _int, ctypes.POINTER(LastError))
 _get_dialect = _function("Dialect_get", _int, _text, _dialect)
 _of_file = _function("Dialect_ofFile", _int, _text, _out, _out)
+_clash = _function("Dialect_clash", None, _dialect, ctypes.POINTER(_text), ctypes.POINTER(_text))
 _open = _function("PropOpenDialect", _int, _out, _text, _int, _dialect, ctypes.c_ulong, _int,
                   ctypes.c_ulong)
 _open_bytes = _function("PropOpenDialectBytes", _int, _out, _text, _size, _dialect, ctypes.c_ulong)
@@ -80,6 +81,19 @@ def preset(name):
     dialect = Dialect()
     _check(_get_dialect(name.encode(), ctypes.byref(dialect)))
     return dialect
+
+
+def any_dialect(dice):
+    """One whose switches are random and can go together."""
+    most = {"comments": 3, "divider": 3, "tails": 3, "bare": 1, "continued": 3, "quotes": 2,
+            "repeated": 2, "names": 4, "headers": 3, "orphans": 1, "values": 2, "lines": 1}
+    first, second = ctypes.c_char_p(), ctypes.c_char_p()
+    while True:
+        dialect = Dialect(ctypes.sizeof(Dialect), *(dice.randint(0, most[name])
+                                                    for name in SWITCHES))
+        _clash(ctypes.byref(dialect), ctypes.byref(first), ctypes.byref(second))
+        if first.value is None:
+            return dialect
 
 
 def preset_of(path):

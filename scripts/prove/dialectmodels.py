@@ -6,12 +6,12 @@ import random
 import re
 import tempfile
 
-from dialectlib import Opened, Refused, preset
+from dialectlib import SWITCHES, Opened, Refused, any_dialect, preset
 from dialectrules import BLANKS, Bad, EXACT, NUMBERED, Rules, fold, without_end
 from dialecttexts import Maker, Taste
 
 PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict",
-           "supervisord", "systemd", "systemd-network", "wireguard")
+           "supervisord", "systemd", "systemd-network", "wireguard", "any")
 
 
 class Story:
@@ -284,17 +284,20 @@ def main(count, seed, only=(), show=3):
     for name in PRESETS:
         if only and name not in only:
             continue
-        dialect, seen, wrong_ones = preset(name), collections.Counter(), 0
+        dialect = None if name == "any" else preset(name)
+        seen, wrong_ones = collections.Counter(), 0
         for number in range(count):
             path = os.path.join(folder.name, "f") if number % 2 else None
-            story = Story(random.Random("%s-%s-%d" % (seed, name, number)), dialect, path)
+            dice = random.Random("%s-%s-%d" % (seed, name, number))
+            story = Story(dice, dialect or any_dialect(dice), path)
             wrong = story.run()
             seen.update(story.seen)
             if wrong:
                 wrong_ones += 1
                 if wrong_ones <= show:
-                    print("%s, text %d of seed %s" % (name, number, seed), *story.told, wrong,
-                          sep="\n  ")
+                    print("%s, text %d of seed %s" % (name, number, seed), ", ".join(
+                        "%s %d" % (switch, getattr(story.dialect, switch)) for switch in SWITCHES),
+                          *story.told, wrong, sep="\n  ")
         failures += wrong_ones
         print("%-16s %d texts: %s%s" % (
             name, count, ", ".join("%d %s" % (n, what) for what, n in sorted(seen.items())),

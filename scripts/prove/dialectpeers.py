@@ -294,7 +294,7 @@ class Systemd(Peer):
         ("lines without =, which the owner skips, and joints elsewhere than in values",
          lambda case: case.is_alike_joined(b" ", True, bytes)),
         ("more behind a header, for which the owner refuses the file but for a last ]",
-         lambda case: case.has_header(rb"\].+$")),
+         lambda case: case.has(rb"^\s*\[.*\].*\S")),
         ("a quote in a header's name", only_here(lambda case: case.has_header(rb"[\"']"))),
         ("a line without a key or =, which the owner warns of and skips", only_there(
             rb"^(=|[^=]*$)")),

@@ -75,16 +75,18 @@ class Rules:
     def tail(self, text, before=b""):
         """Where a comment begins in what follows a divider, or in a key without one, behind these
         bytes."""
-        all_of = before + text
-        for at in range(len(before), len(all_of)):
-            if self.d.tails == HASH_TAILS:
-                begins = all_of[at] == 35
-            else:
-                begins = all_of[at] in self.marks and (self.d.tails == TAILS_ANYWHERE or (
-                    self.d.tails == TAILS and at > 0 and all_of[at - 1] in BLANKS))
-            if begins:
-                return at - len(before)
+        before = before[-1] if before else 0
+        for at, c in enumerate(text):
+            if self.begins_tail(c, before):
+                return at
+            before = c
         return len(text)
+
+    def begins_tail(self, c, before):
+        if self.d.tails == HASH_TAILS:
+            return c == 35
+        return c in self.marks and (self.d.tails == TAILS_ANYWHERE or (
+            self.d.tails == TAILS and before in BLANKS))
 
     def parts(self, text):
         """All parts of the text; raises Bad at its first bad line."""
@@ -183,6 +185,10 @@ class Rules:
         if self.d.bare:
             said = line[:self.tail(line)].rstrip(BLANKS)
         divider = self.divider(said)
+        if self.d.divider == BLANK and divider >= 0:
+            behind = said[divider:].lstrip(BLANKS)
+            if self.tail(behind, b" ") == 0:  # a comment is no value
+                said, divider = said[:divider], -1
         if divider < 0:
             if not self.d.bare:
                 raise Bad(at, "has no divider")
@@ -196,6 +202,8 @@ class Rules:
             value, at = self.git_value(at, divider)
         elif self.d.quotes == SHELL_QUOTES and value[:1] in (b'"', b"'"):
             value = self.shell_value(value, at)
+            if self.d.continued == INDENT and self.indented(b"", at)[1] != at:
+                raise Bad(at, "goes on behind its quotes")
         elif self.d.continued == INDENT:
             value, at = self.indented(
                 value[:self.tail(value, before)].rstrip(BLANKS), at)
@@ -242,8 +250,10 @@ class Rules:
                     break
 
     def git_value(self, at, divider):
-        text = without_end(self.lines[at - 1]).lstrip(BLANKS)[divider + 1:].lstrip(BLANKS)
-        first, value, kept, inside, before = at, b"", 0, False, 32
+        line = without_end(self.lines[at - 1]).lstrip(BLANKS)
+        text = line[divider + 1:].lstrip(BLANKS)
+        first, value, kept, inside = at, b"", 0, False
+        before = line[len(line) - len(text) - 1]
         while text:
             c, text = text[:1], text[1:]
             if c == b'"':
@@ -262,8 +272,9 @@ class Rules:
                 self.line(at, first)
                 text = without_end(self.lines[at])
                 at, kept = at + 1, len(value)  # blanks ahead of it are inside then
-            elif c[0] in self.marks and not inside and (
-                    self.d.tails == TAILS_ANYWHERE or self.d.tails == TAILS and before in BLANKS):
+                before = value[-1] if value else 32
+                continue
+            elif not inside and self.begins_tail(c[0], before):
                 break
             elif inside or c[0] not in BLANKS or value != b"":
                 value += c
