@@ -185,12 +185,19 @@ class Trial:
 
 def download(folder):
     """Fetches what isn't there yet; what can't be had is told, and missing."""
-    have = {name.partition("_")[0] for name in os.listdir(folder)}
-    for package in sorted(set(PACKAGES) - have):
-        done = subprocess.run(["apt-get", "download", "-qq", package], cwd=folder,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
-        if done.returncode != 0:
-            print("no package %s here" % package)
+    def missing():
+        return sorted(set(PACKAGES) - {name.partition("_")[0] for name in os.listdir(folder)})
+
+    def fetch(*packages):
+        subprocess.run(["apt-get", "download", "-qq", *packages], cwd=folder, check=False,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    if missing():
+        fetch(*missing())  # which fetches none where one isn't known
+    for package in missing():
+        fetch(package)
+    for package in missing():
+        print("no package %s here" % package)
     return sorted(os.path.join(folder, name) for name in os.listdir(folder)
                   if name.partition("_")[0] in PACKAGES)
 
