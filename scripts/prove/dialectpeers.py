@@ -87,6 +87,9 @@ class Case:
                   for key, values in self.peer.ours(answer).items()}
         return Case(self.peer, self.text, answer, self.theirs).is_alike(change)
 
+    def is_same(self):
+        return self.ours == self.theirs or self.refused_here and self.refused_there
+
     def has(self, pattern):
         return re.search(pattern, self.text, re.M) is not None
 
@@ -149,9 +152,19 @@ def only_here(test):
     return lambda case: case.refused_there and not case.refused_here and test(case)
 
 
+def differs_by_blanks(case):
+    """Whether both say the same, or differ in other explained ways, once there are spaces in place
+    of strange blanks."""
+    text = re.sub(rb"[\v\f]|\r(?!\n)", b" ", case.text)
+    if text == case.text:
+        return False
+    other = Case(case.peer, text, our_answer(case.peer, text), case.peer.read([text])[0])
+    return other.is_same() or reason_of(other) is not None
+
+
 # What differs the same way from several owners.
 STRANGE_BLANKS = ("other blanks than space and tab, which the owner takes for text or line ends",
-                  lambda case: case.has(rb"[\v\f]|\r(?!\n)"))
+                  differs_by_blanks)
 NULS = ("a NUL or byte-order mark, which is bad data here", lambda case: case.refused_here and
         case.has(rb"\0|\xef\xbb\xbf"))
 
@@ -295,7 +308,8 @@ class Systemd(Peer):
          lambda case: case.is_alike_joined(b" ", True, bytes)),
         ("more behind a header, for which the owner refuses the file but for a last ]",
          lambda case: case.has(rb"^\s*\[.*\].*\S")),
-        ("a quote in a header's name", only_here(lambda case: case.has_header(rb"[\"']"))),
+        ("a quote or backslash in a header's name", only_here(
+            lambda case: case.has_header(rb"[\"'\\]"))),
         ("a line without a key or =, which the owner warns of and skips", only_there(
             rb"^(=|[^=]*$)")),
         ("a header that goes on in the next line", only_there(rb"^\[.*\\$")),
@@ -676,6 +690,17 @@ def library_read(dialect, text):
         return str(refused)
 
 
+def our_answer(peer, text):
+    """What the library says of a text, as peer.read() tells it."""
+    answer = library_read(preset(peer.preset), text)
+    return answer if isinstance(answer, str) else peer.ours(answer)
+
+
+def reason_of(case):
+    """Why both differ, or None."""
+    return next((name for name, differs in case.peer.classes if differs(case)), None)
+
+
 def compare(peer, count, seed, show):
     dialect = preset(peer.preset)
     texts = [random_text(random.Random("%s-%s-%d" % (seed, peer.preset, number)), dialect,
@@ -683,23 +708,21 @@ def compare(peer, count, seed, show):
     seen = collections.Counter()
     unknown = 0
     for text, theirs in zip(texts, peer.read(texts)):
-        ours = library_read(dialect, text)
-        if isinstance(ours, dict):
-            ours = peer.ours(ours)
-        seen["refused by both" if isinstance(ours, str) and isinstance(theirs, str) else
-             "refused here" if isinstance(ours, str) else
-             "refused there" if isinstance(theirs, str) else "read by both"] += 1
-        if isinstance(ours, str) and isinstance(theirs, str) or ours == theirs:
+        case = Case(peer, text, our_answer(peer, text), theirs)
+        seen["refused by both" if case.refused_here and case.refused_there else
+             "refused here" if case.refused_here else
+             "refused there" if case.refused_there else "read by both"] += 1
+        if case.is_same():
             seen["alike"] += 1
             continue
-        case = Case(peer, text, ours, theirs)
-        name = next((name for name, differs in peer.classes if differs(case)), None)
+        name = reason_of(case)
         if name is not None:
             seen["* " + name] += 1
             continue
         unknown += 1
         if unknown <= show:
-            print("%s differs: %r\n  owner   %s\n  library %s" % (peer.preset, text, theirs, ours))
+            print("%s differs: %r\n  owner   %s\n  library %s" % (
+                peer.preset, text, theirs, case.ours))
     print("%-16s %d files: %s%s" % (peer.preset, count, ", ".join(
         "%d %s" % (seen[kind], kind) for kind in (
             "alike", "read by both", "refused by both", "refused here", "refused there")),
