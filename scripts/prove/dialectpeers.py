@@ -87,6 +87,11 @@ class Case:
                   for key, values in self.peer.ours(answer).items()}
         return Case(self.peer, self.text, answer, self.theirs).is_alike(change)
 
+    def has_again(self):
+        """Whether a stanza has several headers."""
+        names = [part.stanza for part in self.parts if part.kind == "header"]
+        return len(names) != len(set(names))
+
     def is_same(self):
         return self.ours == self.theirs or self.refused_here and self.refused_there
 
@@ -124,7 +129,7 @@ def joined(text, joint, is_odd):
             continue
         line = line.removesuffix(b"\r")
         if not is_odd:  # the owner has no blanks at a line's end, and looks at what it has so far
-            line, more = (more or b"") + line.rstrip(BLANKS), b""
+            line, more = ((more or b"") + line).rstrip(BLANKS), b""
         count = len(line) - len(line.rstrip(b"\\"))
         line = (more or b"") + line[:len(line) - count] + b"\1" * count
         if count % 2 if is_odd else count:
@@ -495,6 +500,8 @@ class Php(Files):
         ("a value of several parts, in quotes and not, or of several lines",
          lambda case: case.has(rb"""=\s*([^"'\s;].*["']|".*"\s*[^;\s]|'[^']*'\s*[^;\s]""" +
                                rb"""|"[^"]*$|'[^']*$)""")),
+        ("a stanza that is there again, which takes the place of the first",
+         lambda case: case.has_again()),
         ("an indented header, for which the owner refuses the file", only_here(
             lambda case: case.has(rb"^\s+\["))),
         ("more behind a header, or no name in it", lambda case: case.has(
