@@ -43,6 +43,7 @@ class Story:
             if parts is None:
                 return "not refused"
             content = self.rules.content(parts)
+            self.was = self.folded(content)
             if self.text_of(opened) != self.text:
                 return "stored otherwise"
             for _ in range(self.dice.randint(1, 3)):
@@ -137,6 +138,8 @@ class Story:
             if known is not None:
                 removed.add(known)
                 del content[known]
+                gone = rules.same_stanza(known)
+                touched -= {name for name in touched if name[0] == gone}
             return
         touched.add((rules.same_stanza(stanza), rules.same_key(key)))
         if name == "RemoveKey":
@@ -200,15 +203,17 @@ class Story:
         return names
 
     def last_lines(self, parts, content, touched):
-        """Who reads only the last line of a key that was changed has to see its last value."""
-        rules, last = self.rules, {}
+        """Who reads only the last line of a key whose values have changed has to see the last."""
+        rules, last, was = self.rules, {}, self.was
+        self.was = self.folded(content)
         for part in parts:
             if part.kind == "entry":
                 last[rules.same_stanza(part.stanza), rules.same_key(part.key)] = part.value
         for stanza, keys in content.items():
             for key, values in keys.items():
                 name = rules.same_stanza(stanza), rules.same_key(key)
-                if name in touched and values and last[name] != values[-1]:
+                has_changed = name in touched and values != was.get(name[0], {}).get(name[1])
+                if has_changed and values and last[name] != values[-1]:
                     return "the last line of %r isn't its last value" % (name,)
         return None
 
