@@ -601,6 +601,10 @@ TEST(Zstz, Layers) {
     folder.write("r/etc/bad.conf.d/a.conf", "[s]\nnonsense\n");
     folder.write("r/etc/bad.conf.d/b.conf", "[configuration-database]\nfile = /etc/bad.conf\n");
     folder.write("r/etc/own/main.conf", "[s]\nk = o\n");
+    setenv("XDG_DATA_DIRS", TEST_SOURCE "/share", 1);
+    folder.write("r/usr/lib/u.conf", "[A]\nKey = 1\nskip\n");
+    ASSERT_EQ(mkdir((folder / "r/etc/u.conf.d").c_str(), 0777), 0);
+    folder.write("r/etc/u.conf.d/5.conf", "; c\n[a]\nkey = \"2\\n3\"\n");
     // In order: ROOT stands for the root's path in what is printed.
     const struct {
         const char* line;
@@ -635,6 +639,12 @@ TEST(Zstz, Layers) {
          "# ROOT/etc/app.conf.d/30-c.conf\n[t]\ne =\nm = 3\n\n"
          "# ROOT/etc/app.conf.d/90-top.conf\n[s]\nk = 9\n"},
         {"--layers app get s k t m", 0, "9\n3\n"},
+        {"--layers u --dialect git list --all-layers", 0,
+         "- ROOT/usr/lib/u.conf:2: [A] Key = 1\n+ ROOT/etc/u.conf.d/5.conf:3: [a] key = 2\n    3\n"
+         "+ ROOT/usr/lib/u.conf:3: [A] skip\n"},
+        {"--layers u --dialect git set --to 9.conf --bare a key", 0, ""},
+        {"--layers u --dialect git get --origin a KEY", 0, "ROOT/etc/u.conf.d/9.conf:4:\n"},
+        {"cat u --dialect none", 2, "", "zstz: no such dialect: none"},
         {"--layers main:own get --origin s k", 0, "ROOT/etc/own/main.conf:2: o\n"},
         {"--layers app get s x", 1, "", "--layers app: no key x in [s]; see zstz list --layers"},
         {"--layers app list --origin t", 0,
@@ -785,7 +795,7 @@ TEST(Zstz, FilesOfOtherPrograms) {
         {"get --dialect nope f m port", 2, "", "zstz: no such dialect: nope; see zstz dialects\n"},
         {"get --dialect= f m port", 2, "", "zstz: --dialect takes a word"},
         {"dialects --dialect git f", 2, "", "zstz: --dialect goes with"},
-        {"--layers a --dialect git list", 2, "", "zstz: the files of a layered"},
+        {"--layers a convert --to git", 2, "", "zstz: convert takes the files of a layered"},
         // Names and values that are the same in one of the two dialects.
         {"diff my.cnf f", 1,
          "- [m] port = 2\n+ [m] port = 3\n- [m] skip\n+ [m] skip =\n+ [a.b]\n+ [a.b] url = y\n"},

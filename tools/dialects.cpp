@@ -44,13 +44,17 @@ static Exit fittingPreset(const char* file, std::string& name, std::string& patt
 
 Exit dialectFor(const char* file, const Options& options, const ZDialect*& dialect) {
     std::string name = options.dialect, pattern;
-    dialect = nullptr;
+    dialect = options.isLayers(file) ? options.layers.dialect : nullptr;
     if (*file == '\0' || options.isLayers(file))
         return done;
     if (name.empty() && !isStandardInput(file))
         if (const Exit failed = fittingPreset(file, name, pattern))
             return failed;
     return name.empty() ? done : namedDialect(name, dialect);
+}
+
+Exit takeLayersDialect(Options& options) {
+    return options.dialect.empty() ? done : namedDialect(options.dialect, options.layers.dialect);
 }
 
 // ---------------------------------------------------------------- names and values

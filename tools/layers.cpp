@@ -101,7 +101,8 @@ struct Entry {
           file(entry.file),
           line(entry.line),
           isHidden(entry.isHidden != 0),
-          counts(entry.counts != 0) {}
+          counts(entry.counts != 0),
+          isBare(entry.isBare != 0) {}
 
     std::string place() const {
         return line > 0 ? shown(file) + ":" + std::to_string(line) : shown(file);
@@ -111,10 +112,12 @@ struct Entry {
     int line;
     bool isHidden;
     bool counts;
+    bool isBare;
 };
 
 // By stanza and key, those of one key in the order of their files.
-typedef std::map<std::pair<std::string, std::string>, std::vector<Entry>> Entries;
+typedef std::pair<std::string, std::string> Names;
+typedef std::map<Names, std::vector<Entry>> Entries;
 
 }  // namespace
 
@@ -283,8 +286,16 @@ static void printEntry(const Entry& entry, bool valueOnly, const Options& option
     const char* sign = !options.layers.all ? "" : entry.counts ? "+ " : "- ";
     printf("%s%s:", sign, entry.place().c_str());
     if (!valueOnly)
-        printf(" [%s] %s =", entry.stanza.c_str(), entry.key.c_str());
-    printf("%s%s\n", entry.value.empty() ? "" : " ", entry.value.c_str());
+        printf(" [%s] %s%s", entry.stanza.c_str(), entry.key.c_str(), entry.isBare ? "" : " =");
+    printf("%s%s\n", entry.value.empty() ? "" : " ", inLines(entry.value).c_str());
+}
+
+// By which an entry is found.
+static Names namesOf(const std::string& stanza, const std::string& key, const Options& options) {
+    const ZDialect* dialect = options.layers.dialect;
+    if (dialect == nullptr)
+        return {stanza, key};
+    return {folded(*dialect, stanza, true), folded(*dialect, key, false)};
 }
 
 static Exit entriesOf(ZPROP_handle* handle, const char* file, const Options& options,
@@ -294,7 +305,7 @@ static Exit entriesOf(ZPROP_handle* handle, const char* file, const Options& opt
         return reportLastError(file);
     for (const Entry& entry : all)
         if (entry.counts || options.layers.all)
-            entries[{entry.stanza, entry.key}].push_back(entry);
+            entries[namesOf(entry.stanza, entry.key, options)].push_back(entry);
     return done;
 }
 
@@ -303,7 +314,7 @@ Exit getOrigins(ZPROP_handle* handle, const Words& words, const Options& options
     if (const Exit failed = entriesOf(handle, words[0].c_str(), options, entries))
         return failed;
     for (size_t i = 1; i < words.size(); i += 2) {
-        const auto found = entries.find({words[i], words[i + 1]});
+        const auto found = entries.find(namesOf(words[i], words[i + 1], options));
         if (found == entries.end())
             continue;
         const std::vector<Entry>& all = found->second;
@@ -328,7 +339,7 @@ Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const
         if (const Exit failed = keysOf(handle, file, stanza.c_str(), keys))
             return failed;
         for (const std::string& key : keys)
-            for (const Entry& entry : entries[{stanza, key}])
+            for (const Entry& entry : entries[namesOf(stanza, key, options)])
                 printEntry(entry, false, options);
     }
     return done;

@@ -153,7 +153,7 @@ Exit checkTerms(const char* command, const Terms& terms) {
 static Exit checkOptions(const std::string& command, const Options& options) {
     const Words changes = {"set", "add", "unset", "comment", "rename", "disable", "edit", "merge"};
     Words all = changes;
-    all.insert(all.end(), {"get", "list", "check", "diff", "watch", "convert"});
+    all.insert(all.end(), {"get", "list", "check", "diff", "watch", "convert", "layers", "cat"});
     const Exit failed = checkGiven(
         command,
         {{options.all, "--all", {"get"}},
@@ -190,11 +190,13 @@ static Exit run(Words words, Options& options) {
         return complain(usage, "no such command: %s; see zstz --help", name.c_str());
     if (name == "convert")
         options.toDialect.swap(options.layers.to);
-    if (!options.layers.name.empty() &&
-        (!options.dialect.empty() || name == "convert" || name == "dialects"))
-        return complain(usage, "the files of a layered configuration are stanza files");
+    if (!options.layers.name.empty() && (name == "convert" || name == "dialects"))
+        return complain(usage, "%s takes the files of a layered configuration", name.c_str());
     if (const Exit failed = useLayers(words, options))
         return failed;
+    if (!options.layers.name.empty())
+        if (const Exit failed = takeLayersDialect(options))
+            return failed;
     if (const Exit failed = checkCount(*command, words.size() - 1))
         return failed;
     if (const Exit failed = checkOptions(name, options))

@@ -256,6 +256,8 @@ Exit listOrigins(ZPROP_handle* handle, const char* file, const char* only, const
 /// The dialect that is named, or that the presets' patterns choose for the file; null for the
 /// library's own, as that of standard input where none is named. It is good to the end.
 Exit dialectFor(const char* file, const Options& options, const ZDialect*& dialect);
+/// The named one for the files of a layered configuration, into its options.
+Exit takeLayersDialect(Options& options);
 /// A value of several lines as a list shows it, the others behind `indent`.
 std::string inLines(const std::string& value, const char* indent = "    ");
 
