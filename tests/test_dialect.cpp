@@ -235,6 +235,7 @@ TEST(Dialect, Rewriting) {
          "[s]\nk = a \\\n# c\n x \\\n c\n"},
         {kUnit, "[s]\nk = a \\\n b \\\n c\n", "s|k|a   c", "[s]\nk = a \\\n c\n"},
         {kPlain, "[s]\nk = a\nk =\nk = b\n", "s|k|c", "[s]\nk =\nk = c\n"},
+        {kUnit, "[s]\nk = a \\\n\nl = 1\n", "s|k|c", "[s]\nk = c\n\nl = 1\n"},
         {kUnit, "[s]\nk = a\nk =\nk = b\n", "s|k|c", "[s]\nk = a\nk =\nk = c\n"},
         {kUnit, "[s]\nk = a\nk =\n", "s|k|b|c", "[s]\nk = a\nk =\nk = b\nk = c\n"},
         {kPython, "[s]\nk = a\n  # c\n  b\n", "s|k|a\nd\ne", "[s]\nk = a\n  # c\n  d\n  e\n"},

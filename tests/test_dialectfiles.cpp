@@ -154,6 +154,21 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     EXPECT_EQ(raised([&] { p.loadBytes("a\n", 2); }), "line 1");
     EXPECT_EQ(raised([&] { p.loadBytes("\na=1\n", 5); }), "line 2");
     EXPECT_EQ(raised([&] { ZDialects::get("none", dialect); }), "fopen(r) 2");
+    // Names that the text doesn't have yet.
+    ZDialects::get("wireguard", dialect);
+    ZStanzaFileProperties numbered(1);
+    numbered.setDialect(dialect);
+    numbered.loadBytes("[p]\na=1\n[p]\nb=1\n", 16);
+    numbered.deleteStanza("p");
+    EXPECT_EQ(raised([&] { numbered.disableKey("p#2", "b"); }), "22");
+    // Where the last value counts there is only one.
+    ZDialects::get("desktop", dialect);
+    ZStanzaFileProperties last(1);
+    last.setDialect(dialect);
+    last.loadBytes("[a]\nb=1\n", 8);
+    last.addValue("a", "b", "1", 0);
+    EXPECT_EQ(raised([&] { last.addValue("a", "b", "2", 0); }), "22");
+    last.storeBytes(out);
     // A line that would go on with what comes to stand above it.
     ZDialects::get("configparser", dialect);
     dialect.bare = ZDIALECT_BARE;

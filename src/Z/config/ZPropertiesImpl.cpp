@@ -479,6 +479,11 @@ void ZPropertiesFile::setOwnDialect(const ZDialect& dialect) {
     hasOrphans_ = own.orphans == ZDIALECT_ORPHANS;
 }
 
+void ZPropertiesFile::requireSeveralValues() const {
+    if (dialect() != nullptr && dialect()->values == ZDIALECT_LAST_VALUE)
+        zrequireNoFault({"a key", "can't have several values"});
+}
+
 bool ZPropertiesFile::addDialectComment(const char* stanza, const char* key, const char* text) {
     if (dialect() == nullptr)
         return false;

@@ -144,6 +144,8 @@ public:
     void beOfDialectOf(const ZPropertiesFile& other) { hasOrphans_ = other.hasOrphans_; }
     /// Null: it is the library's own.
     const ZDialect* dialect() const { return ZModelReading::dialectOf(cache()); }
+    /// Refuses, with a reason, where a key has its last value only.
+    void requireSeveralValues() const;
     /// Adds a comment to a file of another dialect, see ZModelEdits; false: it is none.
     bool addDialectComment(const char* stanza, const char* key, const char* text);
     /// Only where entries may stand ahead of all headers there is a stanza without a name.

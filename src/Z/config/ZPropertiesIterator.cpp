@@ -300,6 +300,7 @@ void ZAbstractPropertyValuesIterator::addValue(const char* text) {
     convert(text, value);
     ZArrayList* list = values();
     if (list != nullptr && list->size() != 0) {
+        ZPropertiesFile::of(*properties_).requireSeveralValues();
         // Behind the end there is no place, and the list would take nothing.
         const unsigned int behind = static_cast<unsigned int>(index_ + 1);
         const unsigned int place = behind < list->size() ? behind : list->size();

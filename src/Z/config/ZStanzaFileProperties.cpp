@@ -204,6 +204,10 @@ void ZStanzaFileProperties::addValues(const char* stanza, const char* key, const
         *this, stanza, key, ZPROP_STRING_LOCAL,
         obfuscated != 0 ? Iterator::ZPROP_ITER_OBFUSCATED : Iterator::ZPROP_ITER_PLAIN);
     const unsigned int count = list.size();  // it may be a list that grows on the way
+    // Ahead of the first one that would be added.
+    for (unsigned int i = 1; i < count; ++i)
+        if (list.get(i)->equals(*list.get(0)) == 0)
+            ZPropertiesFile::of(*this).requireSeveralValues();
     for (unsigned int i = 0; i < count; ++i) {
         ZLCString wanted;
         convertToStored(*static_cast<const ZAbstractString*>(list.get(i)), wanted);

@@ -411,11 +411,15 @@ private:
     void requireRead(const ZBytes& line, ZSpan value) {
         ZDialectReader reader(d_, zspanOf(line));
         ZDialectPart part;
-        if (!reader.next(part) || part.kind != ZDialectPart::entry ||
-            part.lines.size != line.size() || !zequals(part.value, value))
-            refuse("a value", part.kind == ZDialectPart::bad && part.reason != nullptr
-                                  ? part.reason
-                                  : "can't stand in this line");
+        const bool isEntry = reader.next(part) && part.kind == ZDialectPart::entry &&
+                             zequals(part.value, value);
+        const char* const reason = part.kind == ZDialectPart::bad ? part.reason : nullptr;
+        // A line that the old value went on in may be left behind, blank.
+        bool isAlone = isEntry;
+        while (isAlone && reader.next(part))
+            isAlone = part.kind == ZDialectPart::blank;
+        if (!isAlone)
+            refuse("a value", reason != nullptr ? reason : "can't stand in this line");
     }
 
     void addValues(const Key& key, Id behind, const ZVector<ZSpan>& values, size_t from,

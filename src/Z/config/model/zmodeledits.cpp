@@ -54,6 +54,10 @@ static bool changeText(ZSCFData& model, size_t gone, size_t come, Edit edit) {
     const ZDialect& dialect = *store.dialect();
     ZBytes before, now;
     zdialectRewrite(dialect, store, store.readText(), before);
+    // The text knows a stanza by the number that it has there.
+    ZSCFData renumbered;
+    refuseIf(ZModelEdits::renumber(model, zspanOf(before), renumbered), "a change",
+             "needs a store ahead of it, since stanzas get other numbers");
     ZDialectEdits edits(dialect, zspanOf(before), now);
     if (!edit(edits))
         return false;
