@@ -1,6 +1,8 @@
 /* A host that minds what is its own: all calls of the C interface in a process that has set text up
  * itself, without QELDIR, in a locale whose decimal point is a comma. Nothing of the process may be
  * touched: what the library must not call is caught here, and what can be asked for is compared. */
+#include <Z/zdialects.h>
+#include <Z/zlayers.h>
 #include <Z/zproperties.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -194,6 +196,79 @@ static void callAll(const char* path) {
     EXPECT(zstzPropOpen(&handle, "/no/such/file", ZPROP_OPEN_READ) == ZPROP_ERR_FILE);
 }
 
+static int countPreset(void* data, const char* name, const char* description) {
+    ++*(int*)data;
+    return name == NULL || *description == 0;
+}
+
+static int countFile(void* data, const ZLayerInfo* file) {
+    ++*(int*)data;
+    return file->path == NULL;
+}
+
+static int countEntry(void* data, const ZLayerEntry* entry) {
+    ++*(int*)data;
+    return entry->key == NULL;
+}
+
+static void countLine(void* data, int line, const char* text, const char* reason) {
+    *(int*)data += line == 2 && strcmp(text, "b") == 0 && *reason != 0;
+}
+
+static void callAllOfDialects(const char* path) {
+    ZPROP_handle* handle = NULL;
+    ZDialect dialect;
+    char *text, *name = NULL, *pattern = NULL, *slash;
+    char root[PATH_MAX], own[64];
+    const char *first, *second, *roots[] = {root, NULL};
+    ZLayersTerms terms;
+    size_t length;
+    int err = -1, count = 0, line = 0;
+
+    EXPECT(zstzDialect_forEach(countPreset, &count) == 0 && count >= 12);
+    EXPECT(zstzDialect_ofFile("/x/my.cnf", &name, &pattern) == 0 && strcmp(name, "mysql") == 0);
+    EXPECT(zstzDialect_get(name, &dialect) == 0 && zstzDialect_get("none", &dialect) != 0);
+    zstzPropFree(name);
+    zstzPropFree(pattern);
+    zstzDialect_clash(&dialect, &first, &second);
+    EXPECT(first == NULL && second == NULL);
+    count = 0;
+    EXPECT(zstzDialect_convert(&dialect, "[a]\nb\n", 6, NULL, countLine, &count, &text, &length) ==
+           0);
+    EXPECT(count == 1 && strcmp(text, "[a]\n") == 0);
+    zstzPropFree(text);
+    EXPECT(zstzPropOpenDialectBytes(&handle, "[a]\nb\n", 6, &dialect, 0) == 0);
+    EXPECT(zstzPropIsBare(handle, "a", "b", &err) == 1 && zstzPropSetBare(handle, "a", "c") == 0);
+    EXPECT(zstzPropStore(handle, path) == 0);
+    zstzPropClose(handle);
+    EXPECT(zstzPropOpenDialect(&handle, path, ZPROP_OPEN_UPDATE, &dialect, 0, ZPROP_STORE_SAFE,
+                               0) == 0);
+    EXPECT(zstzPropSetStringValue(handle, "a", "b", "1 # 2") == 0 && zstzPropBegin(handle, 0) != 0);
+    EXPECT(zstzPropStore(handle, NULL) == 0);
+    zstzPropClose(handle);
+
+    snprintf(root, sizeof root, "%s", path);
+    slash = strrchr(root, '/');
+    EXPECT(slash != NULL);
+    *slash = 0;
+    snprintf(own, sizeof own, "%.*s", (int)(strcspn(slash + 1, ".")), slash + 1);
+    memset(&terms, 0, sizeof terms);
+    terms.size = sizeof terms;
+    terms.name = own;
+    terms.roots = roots;
+    terms.suffix = ".conf";
+    terms.dialect = &dialect;
+    EXPECT(zstzLayers_open(&handle, &terms, ZPROP_OPEN_UPDATE, 0, 0) == 0);
+    EXPECT(zstzPropOrigin(handle, "a", "b", 0, &text, &line) == 0 && line == 2);
+    zstzPropFree(text);
+    EXPECT(zstzLayers_setTarget(handle, NULL, NULL) == 0);
+    count = 0;
+    EXPECT(zstzLayers_forEachFile(handle, countFile, &count) == 0 && count == 1);
+    EXPECT(zstzLayers_forEachEntry(handle, countEntry, &count) == 0 && count == 3);
+    EXPECT(zstzPropSetStringValue(handle, "a", "b", "3") == 0 && zstzPropStore(handle, NULL) == 0);
+    zstzPropClose(handle);
+}
+
 int main(int count, char** arguments) {
     static char before[100000], after[100000];
     const char* path = count > 1 ? arguments[1] : "capi_host.conf";
@@ -213,6 +288,8 @@ int main(int count, char** arguments) {
     EXPECT(zstzPropSetup(2) == ZPROP_ERR_PARAM);
     EXPECT(zstzPropSetup(ZPROP_SETUP_UTF8) == 0);
     callAll(path);
+    unlink(path);
+    callAllOfDialects(path);
     EXPECT(zstzPropSetup(ZPROP_SETUP_UTF8) == 0);
     atWork = 0;
     fflush(stdout);

@@ -159,7 +159,12 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     ZStanzaFileProperties numbered(1);
     numbered.setDialect(dialect);
     numbered.loadBytes("[p]\na=1\n[p]\nb=1\n", 16);
+    for (const char* name : {"p#4", "p#03", "p#0", "q#2", "p#99999999999999999999"})
+        EXPECT_EQ(raised([&] { numbered.addStanza(name); }), "22") << name;
+    numbered.addStanza("P#3");
     numbered.deleteStanza("p");
+    for (const char* name : {"p", "p#4"})
+        EXPECT_EQ(raised([&] { numbered.addStanza(name); }), "22") << name;
     EXPECT_EQ(raised([&] { numbered.disableKey("p#2", "b"); }), "22");
     // Where the last value counts there is only one.
     ZDialects::get("desktop", dialect);

@@ -558,9 +558,10 @@ void ZPropertiesFile::storeTo(int descriptor, const ZLCString& path, ZFileConten
     if (content != nullptr)
         content->swap(stored);
     // Another file is a copy.
-    if (path.equals(object_.fileName_))
+    const bool isOwn = path.equals(object_.fileName_) != 0;
+    if (isOwn)
         ZModelEdits::noteStored(cache(), std::move(kept));
-    if (isRenumbered)
+    if (isOwn && isRenumbered)
         ZModelContent::take(static_cast<ZSCFData&>(cache()), renumbered);
     keepStamp(descriptor);
 }

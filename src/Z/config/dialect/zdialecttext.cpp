@@ -772,8 +772,11 @@ const char* zdialectCommentFault(const ZDialect& dialect, ZSpan comment) {
 }
 
 const char* zdialectValueFault(const ZDialect& dialect, ZSpan value) {
-    if (value.size == 0)
-        return nullptr;
+    if (value.size == 0) {
+        const bool isUnsaid = dialect.divider == ZDIALECT_BLANK &&
+                              dialect.bare == ZDIALECT_NOT_BARE && dialect.quotes == ZDIALECT_PLAIN;
+        return isUnsaid ? "can't be empty" : nullptr;
+    }
     if (memchr(value.data, 0, value.size) != nullptr)
         return "can't hold a NUL";
     ZBytes spelled;

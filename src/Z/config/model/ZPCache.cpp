@@ -2,11 +2,14 @@
 
 #include <pthread.h>
 
+#include <charconv>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <string>
 
 #include "ZException.h"
+#include "zdialecttext.h"
 #include "zpstore.h"
 #include "zraise.h"
 #include "zrefusal.h"
@@ -297,6 +300,47 @@ void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int
         zrequireNoFault(zfaultOfValue(key, value, mayBeEmpty != 0, dialect));
 }
 
+// Where repeated stanzas are numbered a new one stands behind all others of its name, and has to have
+// the number that a load will give it.
+static void requireNumber(const ZPStore& store, ZSpan name) {
+    const ZDialect* dialect = store.dialect().get();
+    if (dialect == nullptr || dialect->repeated != ZDIALECT_NUMBERED)
+        return;
+    const auto numberOf = [](ZSpan stanza) {
+        const size_t base = zwithoutNumber(stanza).size;
+        unsigned long number = 1;
+        if (base != stanza.size)
+            std::from_chars(stanza.data + base + 1, stanza.data + stanza.size, number);
+        return number;
+    };
+    const auto folded = [dialect](ZSpan stanza) {
+        ZBytes out;
+        zdialectFold(*dialect, zwithoutNumber(stanza), true, out);
+        return std::string(out.data(), out.size());
+    };
+    const std::string base = folded(name);
+    const unsigned long number = numberOf(name);
+    const std::string own = number == 1 ? base : base + '#' + std::to_string(number);
+    bool isNext = own.size() == name.size;
+    if (!store.hasGaps()) {
+        const std::string last = number == 2 ? base : base + '#' + std::to_string(number - 1);
+        isNext = isNext &&
+                 (number == 1 || store.stanzaInMap({last.data(), last.size()}) != ZPStore::none);
+    } else {
+        unsigned long count = 0;
+        store.forEachStanza([&](ZPStore::Id id) {
+            const ZSpan other = store.text().span(store.stanza(id).name);
+            if (folded(other) != base)
+                return;
+            ++count;
+            isNext = isNext && numberOf(other) < number;
+        });
+        isNext = isNext && count == number - 1;
+    }
+    if (!isNext)
+        zrequireNoFault({"a stanza's name", "would get another number"});
+}
+
 int ZPCategoryBasedCache::addStanzaLine(const char* category) {
     const ZDialect* dialect = store().dialect().get();
     if (isStrict() != 0 || dialect != nullptr)
@@ -304,6 +348,7 @@ int ZPCategoryBasedCache::addStanzaLine(const char* category) {
     const ZSpan name = zspanOf(category);
     if (store().stanzaInMap(name) != ZPStore::none)
         return 1;
+    requireNumber(store(), name);
     store().addHeader(store().createStanza(name));
     return 0;
 }
@@ -338,6 +383,7 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
     if (!existed) {
         Id owner = model.stanzaInMap(stanza);
         if (owner == ZPStore::none) {
+            requireNumber(model, stanza);
             owner = model.createStanza(stanza);
             model.addHeader(owner);
         }

@@ -63,12 +63,7 @@ struct Key {
 class Rewriter {
 public:
     Rewriter(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out)
-        : d_(dialect),
-          store_(store),
-          old_(old),
-          out_(out),
-          headers_(dialect),
-          keptHeaders_(dialect) {}
+        : d_(dialect), store_(store), old_(old), out_(out), headers_(dialect) {}
 
     void run() {
         readModel();
@@ -411,8 +406,8 @@ private:
     void requireRead(const ZBytes& line, ZSpan value) {
         ZDialectReader reader(d_, zspanOf(line));
         ZDialectPart part;
-        const bool isEntry = reader.next(part) && part.kind == ZDialectPart::entry &&
-                             zequals(part.value, value);
+        const bool isEntry =
+            reader.next(part) && part.kind == ZDialectPart::entry && zequals(part.value, value);
         const char* const reason = part.kind == ZDialectPart::bad ? part.reason : nullptr;
         // A line that the old value went on in may be left behind, blank.
         bool isAlone = isEntry;
@@ -574,10 +569,8 @@ private:
 
     void addHeader(Id s) {
         ZSpan name = nameOf(store_.stanza(stanzas_[s].id));
-        if (d_.repeated == ZDIALECT_NUMBERED) {
+        if (d_.repeated == ZDIALECT_NUMBERED)
             name = zwithoutNumber(name);
-            requireNumber(stanzas_[s], name);
-        }
         if (const char* reason = zdialectStanzaFault(d_, name))
             refuse("a stanza's name", reason);
         const Habit habit(*this, lastEntry_);
@@ -592,22 +585,6 @@ private:
                 add(kNone, blank);
         }
         add(kNone, header);
-    }
-
-    // The number of a new stanza has to be the one that a load will give it.
-    void requireNumber(const Stanza& stanza, ZSpan name) {
-        if (!countsKept_)
-            for (const Part& part : parts_)
-                if (part.kind == ZDialectPart::header && !part.isDropped) {
-                    const Stanza& kept = stanzas_[part.stanza];
-                    ZBytes counted;
-                    keptHeaders_.add(zwithoutNumber(text(kept.nameAt, kept.nameSize)), counted);
-                }
-        countsKept_ = true;
-        ZBytes counted;
-        keptHeaders_.add(name, counted);
-        if (!zequals(zspanOf(counted), text(stanza.nameAt, stanza.nameSize)))
-            refuse("a stanza's name", "would get another number");
     }
 
     // New entries ahead of the first header.
@@ -684,8 +661,7 @@ private:
     ZVector<Stanza> stanzas_;
     ZVector<Key> keys_;  // by stanza
     ZPIndex stanzaIndex_, keyIndex_;
-    ZDialectHeaders headers_, keptHeaders_;
-    bool countsKept_ = false;
+    ZDialectHeaders headers_;
     ZVector<Part> parts_;
     ZVector<Addition> additions_;
     Chain end_;

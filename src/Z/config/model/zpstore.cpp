@@ -225,6 +225,7 @@ void ZPStore::putStanzaIntoMap(Id id) {
 }
 
 void ZPStore::removeStanza(Id id) {
+    hasGaps_ = true;
     ZPStanza& stanza = stanzas_[id];
     if (!stanza.inMap)
         return;

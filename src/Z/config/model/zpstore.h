@@ -109,6 +109,7 @@ protected:
     bool folds_ = false;        // it takes several spellings of a name for one
     bool lastWins_ = false;     // an entry that is read takes the place of all before it
     bool emptyResets_ = false;  // one without a value does
+    bool hasGaps_ = false;      // a stanza was removed
     // Of a store that holds several files: see beginLayer.
     uint32_t layerStart_ = kNoId;
     bool keepsPlaces_ = false;
@@ -197,6 +198,8 @@ public:
     /// Takes the stanza with its keys out of the map; its lines stay.
     void removeStanza(Id stanza);
     uint32_t stanzaCount() const { return stanzasInMap_; }
+    /// Whether any stanza was removed since this was filled.
+    bool hasGaps() const { return hasGaps_; }
     /// Calls visit(id) for each stanza in the map: those with a header in file order, then others.
     template <typename Visit>
     void forEachStanza(Visit visit) const {

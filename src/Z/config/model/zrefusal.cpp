@@ -67,7 +67,7 @@ ZFault zfaultOfKey(const char* name, const ZDialect* dialect) {
 }
 
 ZFault zfaultOfValue(const char* key, const char* value, bool mayBeEmpty, const ZDialect* dialect) {
-    if (!zhasText(value))
+    if (!zhasText(value) && (!mayBeEmpty || dialect == nullptr))
         return mayBeEmpty ? kNoFault : ZFault{kValue, kEmpty};
     if (dialect != nullptr)
         return faultOf(kValue, zdialectValueFault(*dialect, zspanOf(value)));
