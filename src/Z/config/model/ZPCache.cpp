@@ -300,8 +300,8 @@ void ZPCache::checkValue(const char* key, const char* value, int obfuscated, int
         zrequireNoFault(zfaultOfValue(key, value, mayBeEmpty != 0, dialect));
 }
 
-// Where repeated stanzas are numbered a new one stands behind all others of its name, and has to have
-// the number that a load will give it.
+// Where repeated stanzas are numbered a new one stands behind all others of its name, and has to
+// have the number that a load will give it.
 static void requireNumber(const ZPStore& store, ZSpan name) {
     const ZDialect* dialect = store.dialect().get();
     if (dialect == nullptr || dialect->repeated != ZDIALECT_NUMBERED)
