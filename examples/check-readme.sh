@@ -25,7 +25,7 @@ expect() {
 diff <(block c) readme.c
 diff <(block cpp) readme.cpp
 # The table of the presets has a row for each.
-rows='/^## Files of other/,/^## Limits/s/^| `\([a-z-]*\)` .*/\1.conf/p'
+rows='/^## Files of other/,/^## Limits/s/^| `\([a-z0-9-]*\)` .*/\1.conf/p'
 diff <(sed -n "$rows" ../README.md | sort) \
     <(cd ../share/zbase/dialects && printf '%s\n' *.conf | sort)
 

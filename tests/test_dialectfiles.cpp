@@ -154,6 +154,18 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     EXPECT_EQ(raised([&] { p.loadBytes("a\n", 2); }), "line 1");
     EXPECT_EQ(raised([&] { p.loadBytes("\na=1\n", 5); }), "line 2");
     EXPECT_EQ(raised([&] { ZDialects::get("none", dialect); }), "fopen(r) 2");
+    // What somebody else has made of the file shows at the store, by its line.
+    TempFolder folder;
+    ZStanzaFileProperties file(1);
+    file.setDialect(dialect);
+    folder.write("f", "[a]\nb=1\n");
+    file.load((folder / "f").c_str());
+    file.setValue("a", "b", "2");
+    for (const char* bad : {"[a]\njunk\n", "\nb=1\n"}) {
+        folder.write("f", bad);
+        EXPECT_EQ(raised([&] { file.store(nullptr); }), "line 2");
+        EXPECT_EQ(contentOf(folder / "f"), bad);
+    }
     // Names that the text doesn't have yet.
     ZDialects::get("wireguard", dialect);
     ZStanzaFileProperties numbered(1);

@@ -240,8 +240,11 @@ TEST(Layers, ChangesFilesOfADialect) {
         tree.terms.dialect = &dialect;
         ZLayers layers(tree.terms);
         layers.setTarget("/etc", "1.conf");
-        row.edit(layers);
-        EXPECT_EQ(raised([&] { layers.store(nullptr); }).empty(), row.text[0] == '[');
+        const string failure = raised([&] {
+            row.edit(layers);
+            layers.store(nullptr);
+        });
+        EXPECT_EQ(failure.empty(), row.text[0] == '[');
         string text = tree.text("etc/app.conf.d/1.conf");
         EXPECT_EQ(text, row.text[0] == '[' ? ";" + string(kMark + 1) + "\n" + row.text : "-");
         ZLCString file;

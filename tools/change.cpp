@@ -218,13 +218,20 @@ static Exit rename(ZPROP_handle* handle, const char* file, const Change& change)
     const char* name = change.words.back().c_str();
     if (!isThere(handle, file, stanza, key))
         return notFound;
-    if (hasEntry(handle, key == nullptr ? name : stanza, key == nullptr ? nullptr : name))
+    // Another spelling of the same name is none that is taken.
+    const ZDialect* dialect = dialectOf(handle);
+    const bool isSame =
+        dialect != nullptr && folded(*dialect, name, key == nullptr) ==
+                                  folded(*dialect, key == nullptr ? stanza : key, key == nullptr);
+    if (!isSame &&
+        hasEntry(handle, key == nullptr ? name : stanza, key == nullptr ? nullptr : name))
         return tellUnmet(file, key == nullptr ? name : stanza, key == nullptr ? nullptr : name,
                          "is there already; unset it first");
     bool found = false;
-    return renameEntry(handle, stanza, key, name, found) == ZPROP_OK
-               ? done
-               : refuse(handle, file, stanza, nullptr);
+    return renameEntry(handle, stanza, key, name, found) != ZPROP_OK
+               ? refuse(handle, file, stanza, nullptr)
+           : found ? done
+                   : tellUnmet(file, stanza, key, "isn't in the file");
 }
 
 static Exit disable(ZPROP_handle* handle, const char* file, const Change& change) {
@@ -232,10 +239,10 @@ static Exit disable(ZPROP_handle* handle, const char* file, const Change& change
     bool found = false;
     if (!isThere(handle, file, stanza, key))
         return notFound;
-    return disableEntry(handle, stanza, key, found) == ZPROP_OK
-               ? done
-               : reportError(badData, file,
-                             "can't change " + placeOf(stanza, key) + ": " + lastErrorText());
+    if (disableEntry(handle, stanza, key, found) != ZPROP_OK)
+        return reportError(badData, file,
+                           "can't change " + placeOf(stanza, key) + ": " + lastErrorText());
+    return found ? done : tellUnmet(file, stanza, key, "isn't in the file");
 }
 
 static Exit apply(ZPROP_handle* handle, const char* file, const Change& change) {
@@ -265,11 +272,27 @@ public:
         if (handle_ == nullptr)
             if (const Exit failed = openText(file_, "", options_, handle_))
                 return failed;
+        // In an empty text there is none that could be repeated, and no value beside another.
+        const ZDialect* dialect = dialectOf(handle_.get());
+        if (dialect != nullptr && dialect->repeated == ZDIALECT_NUMBERED) {
+            Change first = change;
+            first.words[1] = withoutNumber(first.words[1]);
+            const Exit failed = tryOut(first, dialect);
+            change.number = first.number;
+            change.truth = first.truth;
+            return failed;
+        }
+        return tryOut(change, dialect);
+    }
+
+private:
+    Exit tryOut(Change& change, const ZDialect* dialect) {
         if (change.is("comment"))
             return addComment(handle_.get(), change) == ZPROP_OK
                        ? done
                        : refuse(commented(change, 1), commented(change, 2), lastErrorText());
         const char *stanza = change.word(1), *key = change.word(2), *value = change.word(3);
+        const bool isOnly = dialect != nullptr && dialect->values == ZDIALECT_LAST_VALUE;
         if (change.terms.bare)
             return zstzPropSetBare(handle_.get(), stanza, key) == ZPROP_OK
                        ? done
@@ -285,13 +308,12 @@ public:
         Refusal refusal;
         if (zstzPropSetStringValue(handle_.get(), stanza, key, value) != ZPROP_OK)
             return refuse(stanza, key, lastErrorText());
-        if (change.is("add") && !addValue(handle_.get(), stanza, key, value, refusal))
+        if (change.is("add") && !isOnly && !addValue(handle_.get(), stanza, key, value, refusal))
             return refuse(stanza, key, refusal.why);
         const char* fault = value == nullptr ? nullptr : readTyped(handle_.get(), change, value);
         return fault == nullptr ? done : complain(usage, "%s: %s", fault, value);
     }
 
-private:
     static Exit refuse(const char* stanza, const char* key, const std::string& why) {
         return complain(usage, "can't change %s: %s", placeOf(stanza, key).c_str(), why.c_str());
     }

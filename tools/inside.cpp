@@ -94,6 +94,10 @@ std::string folded(const ZDialect& dialect, const std::string& name, bool isStan
     return std::string(bytes.data(), bytes.size());
 }
 
+std::string withoutNumber(const std::string& stanza) {
+    return stanza.substr(0, zwithoutNumber({stanza.data(), stanza.size()}).size);
+}
+
 int presetFor(const char* path, std::string& name, std::string& pattern) {
     static std::unique_ptr<const ZDialectPatterns> patterns;
     zclearLastError();

@@ -296,6 +296,8 @@ int disableEntry(ZPROP_handle* handle, const char* stanza, const char* key, bool
 const ZDialect* dialectOf(ZPROP_handle* handle);
 /// A name, with all that the dialect takes for the same spelled alike.
 std::string folded(const ZDialect& dialect, const std::string& name, bool isStanza);
+/// A stanza's name without the number that a repeated one has.
+std::string withoutNumber(const std::string& stanza);
 /// The preset whose pattern a path fits, and the pattern; empty without one. The presets are read
 /// once.
 int presetFor(const char* path, std::string& name, std::string& pattern);

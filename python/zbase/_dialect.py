@@ -11,7 +11,7 @@ from ._lib import decode, encode, encode_path
 _WORDS: Dict[str, Tuple[str, ...]] = {
     "comments": ("hash", "semicolon"),
     "divider": ("equals", "colon", "either", "blank"),
-    "tails": ("no", "blank", "anywhere", "hash"),
+    "tails": ("no", "blank", "anywhere", "hash", "semicolon"),
     "continued": ("no", "indent", "backslash", "joined"),
     "quotes": ("plain", "git", "shell"),
     "repeated": ("no", "merged", "numbered"),
@@ -29,7 +29,8 @@ class Dialect:
 
     comments   with what a comment begins: "hash", "semicolon" or both
     divider    between key and value: "equals", "colon", "either" of both, or "blank"
-    tails      comments behind values: "no", behind a "blank", "anywhere", or those of "hash"
+    tails      comments behind values: "no", behind a "blank", "anywhere", "hash" anywhere or
+               "semicolon" behind a blank
     bare       whether there are keys without a divider, see Section.is_bare
     continued  values of several lines: "no", by "indent", by "backslash", or "joined" by one
     quotes     "plain" bytes, or those of "git" or the "shell"

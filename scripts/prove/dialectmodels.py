@@ -10,8 +10,8 @@ from dialectlib import SWITCHES, Opened, Refused, any_dialect, preset
 from dialectrules import BLANKS, Bad, EXACT, NUMBERED, Rules, fold, without_end
 from dialecttexts import Maker, Taste
 
-PRESETS = ("configparser", "desktop", "git", "lax", "mysql", "php", "samba", "strict",
-           "supervisord", "systemd", "systemd-network", "wireguard", "any")
+PRESETS = ("configparser", "desktop", "fail2ban", "git", "lax", "mysql", "php", "pylint", "samba",
+           "strict", "supervisord", "systemd", "systemd-network", "wireguard", "any")
 
 
 class Story:
@@ -54,6 +54,8 @@ class Story:
                 wrong, parts = self.stored(opened, content, parts, touched, removed)
                 if wrong or parts is None:
                     return wrong
+                if removed and self.path is None:
+                    break  # bytes are stored nowhere: a stanza that comes back has its comments
         return None
 
     def text_of(self, opened):

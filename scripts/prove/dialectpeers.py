@@ -299,6 +299,20 @@ class Supervisord(Configparser):
     options = {"inline_comment_prefixes": (";", "#"), "strict": False}
 
 
+class Fail2ban(Supervisord):
+    """RawConfigParser(inline_comment_prefixes=";"), which is what Fail2ban's client makes."""
+
+    preset = "fail2ban"
+    options = {"inline_comment_prefixes": (";",)}
+
+
+class Pylint(Supervisord):
+    """RawConfigParser(inline_comment_prefixes=("#", ";")), which is what Pylint makes."""
+
+    preset = "pylint"
+    options = {"inline_comment_prefixes": ("#", ";")}
+
+
 # ---------------------------------------------------------------- systemd
 
 
@@ -686,7 +700,8 @@ class Own(Peer):
             return str(refused)
 
 
-PEERS = (Git, Configparser, Supervisord, Systemd, Network, Samba, Php, PhpRaw, Keyfile, Mysql, Own)
+PEERS = (Git, Configparser, Fail2ban, Pylint, Supervisord, Systemd, Network, Samba, Php, PhpRaw,
+         Keyfile, Mysql, Own)
 
 
 def library_read(dialect, text):

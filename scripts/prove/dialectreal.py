@@ -63,7 +63,8 @@ FAMILIES = [(preset_name, re.compile(pattern)) for preset_name, pattern in (
     ("wireguard", r"/wireguard/.*\.conf$"),
     # Without any header.
     ("lax", r"/tuned/[^/]*-variables\.conf$|/tuned-main\.conf$|/uwsgi/.*\.ini$"),
-    ("configparser", r"/fail2ban/.*\.(conf|local)$"),
+    ("fail2ban", r"/fail2ban/.*\.(conf|local)$"),
+    ("pylint", r"/\.?pylintrc$"),
     ("configparser", r"/(setup|ansible|dput|gbp|mailman|tox|mypy|pytest|pylintrc|osc)[^/]*"
                      r"\.(cfg|ini|cf)$|/entry_points\.txt$|/pylintrc$|/\.?pypirc$"),
     ("configparser", r"/(nova|keystone|neutron|glance|cinder|heat|designate|barbican|ironic|magnum"

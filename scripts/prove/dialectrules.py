@@ -3,7 +3,7 @@ lines a text has, what they say, and what an edit leaves alone. Speed is no aim.
 
 HASH, SEMICOLON = 1, 2
 EQUALS, COLON, EITHER, BLANK = range(4)
-NO_TAILS, TAILS, TAILS_ANYWHERE, HASH_TAILS = range(4)
+NO_TAILS, TAILS, TAILS_ANYWHERE, HASH_TAILS, SEMICOLON_TAILS = range(5)
 ONE_LINE, INDENT, BACKSLASH, JOINED = range(4)
 PLAIN, GIT_QUOTES, SHELL_QUOTES = range(3)
 NOT_REPEATED, MERGED, NUMBERED = range(3)
@@ -85,6 +85,8 @@ class Rules:
     def begins_tail(self, c, before):
         if self.d.tails == HASH_TAILS:
             return c == 35
+        if self.d.tails == SEMICOLON_TAILS:
+            return c == 59 and before in BLANKS
         return c in self.marks and (self.d.tails == TAILS_ANYWHERE or (
             self.d.tails == TAILS and before in BLANKS))
 

@@ -30,7 +30,7 @@ static ZDialect dialectOf(const uint8_t* data) {
     d.size = sizeof d;
     d.comments = data[0] & 3;
     d.divider = data[0] >> 2 & 3;
-    d.tails = data[0] >> 4 & 3;
+    d.tails = (data[0] >> 4 & 3) + (data[2] >> 7 & 1);
     d.bare = data[0] >> 6 & 1;
     d.continued = data[1] & 3;
     d.quotes = (data[1] >> 2 & 3) % 3;

@@ -20,7 +20,7 @@
 ///     pattern = */setup.cfg
 ///
 /// Switches are named as the struct's members. Their words, the first one where nothing is said:
-/// divider equals, colon, either, blank; tails no, blank, anywhere, hash; bare no, yes; continued
+/// divider equals, colon, either, blank; tails no, blank, anywhere, hash, semicolon; bare no, yes; continued
 /// no, indent, backslash, joined; quotes plain, git, shell; repeated no, merged, numbered; names
 /// exact, folded, folded-blanks, folded-keys, folded-stanzas; orphans no, yes; values all, last,
 /// reset; lines short, any. A line for each bit that is set have comments (hash, semicolon) and

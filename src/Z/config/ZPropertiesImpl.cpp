@@ -501,7 +501,8 @@ ZSpan ZPropertiesFile::finishText(const ZLCString& path, ZSpan oldText, ZSpan te
         const ZSpan read = store.readText();
         zdialectRewrite(
             *dialect(), store,
-            ZModelEdits::oldText(cache(), isOther && read.size != 0 ? read : oldText, room), kept);
+            ZModelEdits::oldText(cache(), isOther && read.size != 0 ? read : oldText, room), kept,
+            path.getChars());
         return zspanOf(kept);
     }
     if ((cache().attributes() & ZPCACHE_KEEP_LINES) != 0) {

@@ -14,7 +14,15 @@ int zstzDialect_get(const char* name, ZDialect* dialect) {
     zclearLastError();
     if (!zhasText(name) || dialect == nullptr)
         return zparameterError();
-    return zguarded(zfileGroup, [&] { ZDialects::get(name, *dialect); });
+    bool isName = true;
+    const int result = zguarded(zfileGroup, [&] {
+        try {
+            ZDialects::get(name, *dialect);
+        } catch (ZInvalidParameterException&) {
+            isName = false;
+        }
+    });
+    return isName ? result : zparameterError();
 }
 
 int zstzDialect_ofFile(const char* path, char** name, char** pattern) {

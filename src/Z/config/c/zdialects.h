@@ -5,7 +5,9 @@
  * about, and no other byte of the file. What can't be said there, as hidden values and texts that
  * the dialect can't give back, is refused: zstzPropLastError gives 22 and the reason. A comment
  * without a comment's sign gets the dialect's. Comments, other names of stanzas and keys, and
- * entries that become comments or come from one cost as much as a load each.
+ * entries that become comments or come from one cost as much as a load each, and the next store
+ * takes the text that was read, changed so, for what the file holds: outside of an update what
+ * others have written there meanwhile is lost then.
  *
  * Threads: as zproperties.h; the calls without a handle from any. */
 #ifndef Z_ZDIALECTS_LOWER_H

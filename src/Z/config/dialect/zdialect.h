@@ -30,9 +30,10 @@ enum {
  * at a comment character. */
 enum {
     ZDIALECT_NO_TAILS = 0,
-    ZDIALECT_TAILS = 1,          /* behind a blank */
+    ZDIALECT_TAILS = 1,          /* behind a blank on the same line */
     ZDIALECT_TAILS_ANYWHERE = 2, /* behind any character; not within quotes */
-    ZDIALECT_HASH_TAILS = 3      /* likewise, only "#" whatever begins a comment line */
+    ZDIALECT_HASH_TAILS = 3,     /* likewise, only "#" whatever begins a comment line */
+    ZDIALECT_SEMICOLON_TAILS = 4 /* behind a blank, only ";" */
 };
 
 /* `bare`: a line without a divider. */

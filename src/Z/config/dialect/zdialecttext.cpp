@@ -75,7 +75,7 @@ ZDialectClash zdialectClash(const ZDialect& d) {
         unsigned int value, most;
         const char* name;
     } kSwitches[] = {
-        {d.comments, 3, "comments"}, {d.divider, 3, "divider"},     {d.tails, 3, "tails"},
+        {d.comments, 3, "comments"}, {d.divider, 3, "divider"},     {d.tails, 4, "tails"},
         {d.bare, 1, "bare"},         {d.continued, 3, "continued"}, {d.quotes, 2, "quotes"},
         {d.repeated, 2, "repeated"}, {d.names, 4, "names"},         {d.headers, 3, "headers"},
         {d.orphans, 1, "orphans"},   {d.values, 2, "values"},       {d.lines, 1, "lines"},
@@ -113,7 +113,7 @@ ZDialectReader::ZDialectReader(const ZDialect& dialect, ZSpan text)
       end_(text.data + text.size),
       start_(text.data),
       nul_(text.size == 0 ? nullptr : static_cast<const char*>(memchr(text.data, 0, text.size))),
-      isTailAnywhere_(d_.tails >= ZDIALECT_TAILS_ANYWHERE) {
+      isTailAnywhere_(d_.tails == ZDIALECT_TAILS_ANYWHERE || d_.tails == ZDIALECT_HASH_TAILS) {
     const auto mark = [this](const char* characters, uint8_t bit) {
         for (; *characters != '\0'; ++characters)
             classes_[static_cast<unsigned char>(*characters)] |= bit;
@@ -125,7 +125,7 @@ ZDialectReader::ZDialectReader(const ZDialect& dialect, ZSpan text)
     const char* const comments = !isSemicolon ? "#" : isHash ? "#;" : ";";
     mark(comments, kComment);
     if (d_.tails != ZDIALECT_NO_TAILS)
-        mark(d_.tails == ZDIALECT_HASH_TAILS ? "#" : comments, kTail);
+        mark(zdialectTails(d_) == nullptr ? comments : zdialectTails(d_), kTail);
 }
 
 void ZDialectReader::moveTo(const char* text) {
@@ -458,7 +458,7 @@ const char* ZDialectReader::gitValue(Line line, const char* first, ZDialectPart&
                 at_ = line.next;
                 ++line_;
                 noteJoint(first, at);
-                before = valueBytes_.size() == 0 ? ' ' : valueBytes_[valueBytes_.size() - 1];
+                before = '\n';
                 continue;
             }
             const char* const known = "\"\\ntb";

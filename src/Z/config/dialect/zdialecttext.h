@@ -135,6 +135,25 @@ inline bool zisDialectComment(const ZDialect& dialect, char c) {
     return c == zdialectCommentSign(dialect) ||
            (c == ';' && (dialect.comments & ZDIALECT_SEMICOLON) != 0);
 }
+/// With what comments behind values begin, if not with what comment lines do.
+inline const char* zdialectTails(const ZDialect& dialect) {
+    return dialect.tails == ZDIALECT_HASH_TAILS        ? "#"
+           : dialect.tails == ZDIALECT_SEMICOLON_TAILS ? ";"
+                                                       : nullptr;
+}
+/// Whether this character may stand between a key and its value.
+inline bool zdialectDivides(const ZDialect& dialect, char c) {
+    switch (dialect.divider) {
+        case ZDIALECT_BLANK:
+            return zisDialectBlank(c);
+        case ZDIALECT_EQUALS:
+            return c == '=';
+        case ZDIALECT_COLON:
+            return c == ':';
+        default:
+            return c == '=' || c == ':';
+    }
+}
 /// Whether a line of a value that ends here asks for the next one.
 inline bool zdialectGoesOn(const ZDialect& dialect, const char* first, const char* end) {
     const char* at = end;

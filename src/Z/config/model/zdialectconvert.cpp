@@ -202,8 +202,8 @@ private:
             const bool hasTails = isHeader ? (to_.headers & ZDIALECT_HEADER_TAILS) != 0
                                            : to_.tails != ZDIALECT_NO_TAILS;
             std::string both = line + " " + comments[0];
-            if (!isHeader && to_.tails == ZDIALECT_HASH_TAILS)
-                both[line.size() + 1] = '#';
+            if (!isHeader && zdialectTails(to_) != nullptr)
+                both[line.size() + 1] = *zdialectTails(to_);
             if (hasTails && isRead(both, kind, name, value)) {
                 flushComments();
                 return addLine(both);

@@ -6,14 +6,15 @@
 
 // ---------------------------------------------------------------- names of headers
 
-void ZDialectHeaders::add(ZSpan name, ZBytes& out) {
+uint32_t ZDialectHeaders::add(ZSpan name, ZBytes& out) {
     const size_t at = out.size();
     zdialectFold(d_, name, true, out);
-    if (d_.repeated != ZDIALECT_NUMBERED)
-        return;
+    if (d_.repeated == ZDIALECT_MERGED)
+        return 1;
     const uint32_t number = count({out.data() + at, out.size() - at});
-    if (number > 1)
+    if (d_.repeated == ZDIALECT_NUMBERED && number > 1)
         zappendBytes(out, zspanOf(("#" + std::to_string(number)).c_str()));
+    return number;
 }
 
 uint32_t ZDialectHeaders::count(ZSpan folded) {
@@ -80,20 +81,28 @@ void ZDialectEdits::read(ZSpan stanza) {
     }
 }
 
-bool ZDialectEdits::isKey(const Part& part, ZSpan key) {
-    if (!part.isWanted ||
-        (part.kind != ZDialectPart::entry && part.kind != ZDialectPart::bareEntry))
-        return false;
-    ZBytes own, wanted;
-    zdialectFold(d_, part.name, false, own);
-    zdialectFold(d_, key, false, wanted);
-    return zequals(zspanOf(own), zspanOf(wanted));
+void ZDialectEdits::lookFor(ZSpan key) {
+    key_.setSize(0);
+    zdialectFold(d_, key, false, key_);
 }
 
-// The part with the key's first line, or the number of parts.
+bool ZDialectEdits::isNamed(ZSpan name) {
+    name_.setSize(0);
+    zdialectFold(d_, name, false, name_);
+    return zequals(zspanOf(name_), zspanOf(key_));
+}
+
+bool ZDialectEdits::isKey(const Part& part) {
+    return part.isWanted &&
+           (part.kind == ZDialectPart::entry || part.kind == ZDialectPart::bareEntry) &&
+           isNamed(part.name);
+}
+
+// The part with the key's first line, or the number of parts. It is looked for from here on.
 size_t ZDialectEdits::firstOf(ZSpan key) {
+    lookFor(key);
     size_t at = 0;
-    while (at < parts_.size() && !isKey(parts_[at], key))
+    while (at < parts_.size() && !isKey(parts_[at]))
         ++at;
     return at;
 }
@@ -125,11 +134,11 @@ bool ZDialectEdits::putWithout(size_t from, size_t end) {
 
 // ---------------------------------------------------------------- names
 
-bool ZDialectEdits::replaceNames(ZDialectPart::Kind kind, ZSpan key, ZSpan name) {
+bool ZDialectEdits::replaceNames(ZDialectPart::Kind kind, ZSpan name) {
     bool isAny = false;
     for (const Part& part : parts_) {
         const bool isMeant =
-            kind == ZDialectPart::header ? part.kind == kind && part.isWanted : isKey(part, key);
+            kind == ZDialectPart::header ? part.kind == kind && part.isWanted : isKey(part);
         if (!isMeant) {
             put(part.lines);
             continue;
@@ -154,13 +163,14 @@ bool ZDialectEdits::renameStanza(ZSpan stanza, ZSpan name) {
     read(stanza);
     ZBytes header;
     zdialectSpellHeader(d_, name, header);
-    return replaceNames(ZDialectPart::header, {"", 0}, zspanOf(header));
+    return replaceNames(ZDialectPart::header, zspanOf(header));
 }
 
 bool ZDialectEdits::renameKey(ZSpan stanza, ZSpan key, ZSpan name) {
     zrequireNoFault({"the new name", zdialectKeyFault(d_, name)});
     read(stanza);
-    return replaceNames(ZDialectPart::entry, key, name);
+    lookFor(key);
+    return replaceNames(ZDialectPart::entry, name);
 }
 
 // ---------------------------------------------------------------- entries and comments
@@ -183,7 +193,7 @@ bool ZDialectEdits::disableKey(ZSpan stanza, ZSpan key) {
     if (firstOf(key) == parts_.size())
         return false;
     for (const Part& part : parts_)
-        isKey(part, key) ? disable(part.lines) : put(part.lines);
+        isKey(part) ? disable(part.lines) : put(part.lines);
     return true;
 }
 
@@ -211,8 +221,22 @@ bool ZDialectEdits::goesOnWith(size_t at, size_t indent, ZSpan entry) const {
     return d_.continued != ZDIALECT_ONE_LINE && zdialectGoesOn(d_, entry.data, end);
 }
 
+// Whether a line that may ask for another one begins as an entry of the key.
+bool ZDialectEdits::readsLikeKey(ZSpan line) {
+    size_t divider = 0;
+    while (divider < line.size && !zdialectDivides(d_, line.data[divider]))
+        ++divider;
+    size_t begin = 0, end = divider;
+    while (begin < end && zisDialectBlank(line.data[begin]))
+        ++begin;
+    while (end > begin && zisDialectBlank(line.data[end - 1]))
+        --end;
+    return divider < line.size && isNamed({line.data + begin, end - begin});
+}
+
 bool ZDialectEdits::uncommentKey(ZSpan stanza, ZSpan key) {
     read(stanza);
+    lookFor(key);
     ZBytes entry;
     for (size_t at = 0; at < parts_.size(); ++at) {
         if (!parts_[at].isWanted || !isComment(at))
@@ -220,14 +244,15 @@ bool ZDialectEdits::uncommentKey(ZSpan stanza, ZSpan key) {
         entry.setSize(0);
         addEnabled(parts_[at].lines, true, entry);
         const size_t indent = indentOf(parts_[at].lines).size;
+        if (!readsLikeKey({entry.data() + indent, entry.size() - indent}))
+            continue;
         size_t end = at + 1;
         while (goesOnWith(end, indent, zspanOf(entry)))
             addEnabled(parts_[end++].lines, false, entry);
         ZDialectReader reader(d_, zspanOf(entry));
         ZDialectPart part;
         if (!reader.next(part) || part.kind != ZDialectPart::entry ||
-            part.lines.size != entry.size() ||
-            !isKey({part.kind, true, part.lines, part.name, part.raw}, key))
+            part.lines.size != entry.size() || !isNamed(part.name))
             continue;
         putParts(0, at);
         put(zspanOf(entry));

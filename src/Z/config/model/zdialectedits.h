@@ -14,8 +14,9 @@
 class ZDialectHeaders {
 public:
     explicit ZDialectHeaders(const ZDialect& dialect) : d_(dialect) {}
-    /// Adds the name of the next header.
-    void add(ZSpan name, ZBytes& out);
+    /// Adds the name of the next header. Which it is of those that are named so, from 1; always 1
+    /// where repeated stanzas are merged.
+    uint32_t add(ZSpan name, ZBytes& out);
 
 private:
     uint32_t count(ZSpan folded);
@@ -28,8 +29,7 @@ private:
 
 /// Each call makes `out` of the text, whose stanzas and keys are meant by any of their spellings.
 /// False: there isn't what it is about, and `out` is nothing. The text has no bad data; whether
-/// what comes out has none is for the caller to see. Linear, but for comments that go on with
-/// others.
+/// what comes out has none is for the caller to see. Linear.
 /// Raises ZInvalidParameterException (see zrefusal.h) where a name can't be said, and
 /// ZOutOfMemoryException.
 class ZDialectEdits {
@@ -63,7 +63,9 @@ private:
     };
 
     void read(ZSpan stanza);
-    bool isKey(const Part& part, ZSpan key);
+    void lookFor(ZSpan key);
+    bool isKey(const Part& part);
+    bool isNamed(ZSpan name);
     size_t firstOf(ZSpan key);
     bool isComment(size_t at) const {
         return at < parts_.size() && parts_[at].kind == ZDialectPart::comment;
@@ -75,10 +77,11 @@ private:
     void putLine(ZSpan indent, ZSpan text);
     void putParts(size_t from, size_t end);
     bool putWithout(size_t from, size_t end);
-    bool replaceNames(ZDialectPart::Kind kind, ZSpan key, ZSpan name);
+    bool replaceNames(ZDialectPart::Kind kind, ZSpan name);
     void disable(ZSpan lines);
     void addEnabled(ZSpan line, bool all, ZBytes& entry) const;
     bool goesOnWith(size_t at, size_t indent, ZSpan entry) const;
+    bool readsLikeKey(ZSpan line);
 
     const ZDialect& d_;
     const ZSpan text_;
@@ -86,6 +89,7 @@ private:
     ZSpan lineEnd_;
     char sign_;  // with which a comment begins
     ZVector<Part> parts_;
+    ZBytes key_, name_;  // folded: the key that is looked for, and one that is compared
 };
 
 #endif

@@ -62,8 +62,9 @@ struct Key {
 
 class Rewriter {
 public:
-    Rewriter(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out)
-        : d_(dialect), store_(store), old_(old), out_(out), headers_(dialect) {}
+    Rewriter(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out,
+             const char* file)
+        : file_(file), d_(dialect), store_(store), old_(old), out_(out), headers_(dialect) {}
 
     void run() {
         readModel();
@@ -162,6 +163,7 @@ private:
         ZDialectPart read;
         Id stanza = findStanza({"", 0}), habit = kNone;
         orphans_ = stanza;
+        bool hasHeader = false;
         while (reader.next(read)) {
             const Id id = static_cast<Id>(parts_.size());
             Part part = {};
@@ -170,11 +172,17 @@ private:
             part.raw = read.raw;
             part.key = part.nextOfKey = kNone;
             if (read.kind == ZDialectPart::header) {
-                stanza = stanzaOfHeader(read.name);
+                hasHeader = true;
+                stanza = stanzaOfHeader(read);
                 if (stanza != kNone && !stanzas_[stanza].hasEntry)
                     stanzas_[stanza].place = id;
             }
             part.stanza = stanza;
+            const bool isOrphan =
+                !hasHeader && d_.orphans == ZDIALECT_NO_ORPHANS &&
+                (read.kind == ZDialectPart::entry || read.kind == ZDialectPart::bareEntry);
+            if (isOrphan || read.kind == ZDialectPart::bad)
+                raiseBad(read);
             if (read.kind == ZDialectPart::entry) {
                 habit = id;
                 firstEntry_ = firstEntry_ == kNone ? id : firstEntry_;
@@ -208,12 +216,20 @@ private:
         key.last = id;
     }
 
-    Id stanzaOfHeader(ZSpan name) {
+    Id stanzaOfHeader(const ZDialectPart& part) {
+        const bool isNumbering = d_.repeated == ZDIALECT_NUMBERED;
         const size_t at = bytes_.size();
-        headers_.add(name, bytes_);
+        const uint32_t number = headers_.add(part.name, bytes_);
+        if ((number > 1 && d_.repeated == ZDIALECT_NOT_REPEATED) ||
+            (isNumbering && zwithoutNumber(part.name).size != part.name.size))
+            raiseBad(part);
         const Id found = findStanza(text(at, bytes_.size() - at));
         bytes_.setSize(at);
         return found;
+    }
+
+    [[noreturn]] void raiseBad(const ZDialectPart& part) const {
+        zdialectRaiseBad(file_, part.lines, part.line);
     }
 
     // From a header to the next, but for the comments directly above that.
@@ -386,13 +402,26 @@ private:
 
     static bool startsLine(ZSpan raw) { return *raw.data == '\n' || *raw.data == '\r'; }
 
+    // What stays behind a value that changes: the rest of its line. Blank lines in which the old
+    // one went on are its own.
+    static ZSpan behindValue(const Part& part) {
+        const char* const first = part.raw.data + part.raw.size;
+        const char* const end = part.lines.data + part.lines.size;
+        const void* newline =
+            first == end ? nullptr : memchr(first, '\n', static_cast<size_t>(end - first));
+        const char* behind = newline == nullptr ? end : static_cast<const char*>(newline) + 1;
+        for (const char* at = behind; at < end; ++at)
+            if (!zisDialectBlank(*at) && *at != '\n')
+                behind = end;
+        return zspanBetween(first, behind);
+    }
+
     // Puts what gives this value in the place of the old one's bytes.
     void patch(Part& part, const ZBytes& made, ZSpan value) {
-        const char* const rawEnd = part.raw.data + part.raw.size;
         ZBytes line;
         zappendBytes(line, zspanBetween(part.lines.data, part.raw.data));
         zappendBytes(line, zspanOf(made));
-        zappendBytes(line, zspanBetween(rawEnd, part.lines.data + part.lines.size));
+        zappendBytes(line, behindValue(part));
         requireRead(line, value);
         setText(part, made, false);
     }
@@ -409,10 +438,10 @@ private:
         const bool isEntry =
             reader.next(part) && part.kind == ZDialectPart::entry && zequals(part.value, value);
         const char* const reason = part.kind == ZDialectPart::bad ? part.reason : nullptr;
-        // A line that the old value went on in may be left behind, blank.
+        // Comments between the old value's lines may be left behind.
         bool isAlone = isEntry;
         while (isAlone && reader.next(part))
-            isAlone = part.kind == ZDialectPart::blank;
+            isAlone = part.kind == ZDialectPart::blank || part.kind == ZDialectPart::comment;
         if (!isAlone)
             refuse("a value", reason != nullptr ? reason : "can't stand in this line");
     }
@@ -634,10 +663,9 @@ private:
         } else if (part.isWhole) {
             zappendBytes(out_, made);
         } else {
-            const char* const rawEnd = part.raw.data + part.raw.size;
             zappendBytes(out_, zspanBetween(part.lines.data, part.raw.data));
             zappendBytes(out_, made);
-            zappendBytes(out_, zspanBetween(rawEnd, part.lines.data + part.lines.size));
+            zappendBytes(out_, behindValue(part));
         }
     }
 
@@ -653,6 +681,7 @@ private:
             zappendBytes(out_, lineEnd());
     }
 
+    const char* const file_;
     const ZDialect& d_;
     const ZPStore& store_;
     const ZSpan old_;
@@ -715,8 +744,9 @@ static bool saysWhat(const ZDialect& dialect, const ZPStore& store, ZSpan text) 
            zdialectDifference(dialect, read, store) == 0;
 }
 
-void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out) {
-    Rewriter(dialect, store, old, out).run();
+void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out,
+                     const char* file) {
+    Rewriter(dialect, store, old, out, file).run();
     if (zstartsWithMark(zspanOf(out)))
         zrequireNoFault({"a change", "would make the text begin with a byte-order mark"});
     // Lines that go on with the one above are the only ones that another's change can reach.

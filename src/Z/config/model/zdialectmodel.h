@@ -5,6 +5,9 @@
 
 #include "zpstore.h"
 
+/// Raises ZPropertiesInvalidDataException for these lines of a file.
+[[noreturn]] void zdialectRaiseBad(const char* file, ZSpan lines, int line);
+
 /// Adds what the store's text holds from `start` on, in its dialect. A stanza that appears again
 /// goes on, or is NAME#2; of values that are read otherwise than they stand there a copy is made.
 /// Raises ZPropertiesInvalidDataException for bad data, with its line and text; what was read
@@ -24,11 +27,13 @@ bool zdialectFill(const ZDialect& dialect, ZSpan text, ZPStore& store);
 /// its header, and is spelled as the entries above it (indent, blanks around the divider, line
 /// end); a new stanza stands at the end, behind a blank line. Comments and blank lines of `old`
 /// stay, but for those of a stanza that is gone as a whole, which go with it: the lines from its
-/// header to the next, up to the comments directly above that. `old` has no bad data. Where
+/// header to the next, up to the comments directly above that. Where
 /// repeated stanzas are numbered, a load counts those that are left anew. Linear in both.
 /// Raises ZOutOfMemoryException, and ZInvalidParameterException (see zrefusal.h) for what the
 /// dialect can't say, and where lines below would become part of a value.
-void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out);
+/// ZPropertiesInvalidDataException for bad data in `old`, which is `file`'s.
+void zdialectRewrite(const ZDialect& dialect, const ZPStore& store, ZSpan old, ZBytes& out,
+                     const char* file = "");
 
 /// How many keys of one store, of which each has its stanza's name, its own and all its values, the
 /// other hasn't; all spellings of a name alike, and stanzas without the numbers that a load gives

@@ -38,11 +38,7 @@ public:
             const size_t at = static_cast<size_t>(part.lines.data - text_);
             if (!take(part)) {
                 flush();
-                ZSpan bad = {text_ + at, part.lines.size};
-                while (bad.size != 0 && strchr("\r\n", bad.data[bad.size - 1]) != nullptr)
-                    --bad.size;
-                const ZLCString data(bad.data, static_cast<unsigned int>(bad.size));
-                zraise(ZPropertiesInvalidDataException(file_, data.getChars(), part.line));
+                zdialectRaiseBad(file_, {text_ + at, part.lines.size}, part.line);
             }
         }
         flush();
@@ -221,6 +217,13 @@ private:
 };
 
 }  // namespace
+
+void zdialectRaiseBad(const char* file, ZSpan lines, int line) {
+    while (lines.size != 0 && strchr("\r\n", lines.data[lines.size - 1]) != nullptr)
+        --lines.size;
+    const ZLCString data(lines.data, static_cast<unsigned int>(lines.size));
+    zraise(ZPropertiesInvalidDataException(file, data.getChars(), line));
+}
 
 void zdialectRead(ZPStore& store, const char* file, size_t start, bool keepComments) {
     DialectReading(store, file, start, keepComments).read();
