@@ -20,12 +20,12 @@
 ///     pattern = */setup.cfg
 ///
 /// Switches are named as the struct's members. Their words, the first one where nothing is said:
-/// divider equals, colon, either, blank; tails no, blank, anywhere, hash, semicolon; bare no, yes; continued
-/// no, indent, backslash, joined; quotes plain, git, shell; repeated no, merged, numbered; names
-/// exact, folded, folded-blanks, folded-keys, folded-stanzas; orphans no, yes; values all, last,
-/// reset; lines short, any. A line for each bit that is set have comments (hash, semicolon) and
-/// headers (subsections, tails). Patterns are the shell's, over the absolute path; a "*" takes
-/// slashes too.
+/// divider equals, colon, either, blank; tails no, blank, anywhere, hash, semicolon; bare no, yes;
+/// continued no, indent, backslash, joined; quotes plain, git, shell; repeated no, merged,
+/// numbered; names exact, folded, folded-blanks, folded-keys, folded-stanzas; orphans no, yes;
+/// values all, last, reset; lines short, any. A line for each bit that is set have comments (hash,
+/// semicolon) and headers (subsections, tails). Patterns are the shell's, over the absolute path; a
+/// "*" takes slashes too.
 /// Which dialect a file has is never guessed from what it holds.
 ///
 /// Threads: any. Cost: reads the files anew each time, but for convert.
