@@ -262,10 +262,18 @@ inline const char* ZDialectReader::plainValue(const Line& line, size_t indent, c
 inline const char* ZDialectReader::entry(const Line& line, const char* begin, ZDialectPart& part) {
     const bool mayBeBare = d_.bare == ZDIALECT_BARE;
     const char* last = trimEnd(line.first, line.end);
-    const char* divider = dividerIn(line.first, last);
-    // Of a key that needs no divider, a comment hides what would be one.
-    if (divider != nullptr && mayBeBare && tailIn(line.first, divider) != divider)
-        divider = nullptr;
+    const char* divider;
+    const char* const sign = mayBeBare && d_.divider == ZDIALECT_EQUALS
+                                 ? findFirst<'=', '#', ';'>(line.first, last, end_)
+                                 : last;
+    if (sign != last && *sign == '=') {
+        divider = sign;
+    } else {
+        divider = dividerIn(line.first, last);
+        // Of a key that needs no divider, a comment hides what would be one.
+        if (divider != nullptr && mayBeBare && tailIn(line.first, divider) != divider)
+            divider = nullptr;
+    }
     // A comment alone behind blanks is no value.
     if (d_.divider == ZDIALECT_BLANK && divider != nullptr && isTail(*skipBlanks(divider, last))) {
         last = divider;

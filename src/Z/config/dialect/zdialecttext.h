@@ -27,10 +27,22 @@ inline bool zisDialectBlank(char c) {
 }
 /// Whether any of the bytes is one.
 inline bool zhasDialectBlank(ZSpan text) {
-    for (size_t i = 0; i < text.size; ++i)
-        if (zisDialectBlank(text.data[i]))
-            return true;
-    return false;
+    // Of eight characters of which none is below "!" none is one.
+    const auto mayHave = [](const char* at) {
+        const uint64_t kOnes = 0x0101010101010101u;
+        uint64_t eight;
+        memcpy(&eight, at, sizeof eight);
+        return ((eight - kOnes * '!') & ~eight & kOnes * 0x80) != 0;
+    };
+    const char* at = text.data;
+    const char* const end = at + text.size;
+    while (end - at > 8 && !mayHave(at))
+        at += 8;
+    if (text.size >= 8 && end - at <= 8 && !mayHave(end - 8))
+        return false;
+    while (at < end && !zisDialectBlank(*at))
+        ++at;
+    return at != end;
 }
 /// Whether a text begins with a byte-order mark.
 inline bool zstartsWithMark(ZSpan text) {
