@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "Z/ZStanzaFileProperties.h"
+#include "timing.h"
 #ifdef WITH_DIALECTS
 #include "Z/ZDialects.h"
 #endif
@@ -25,17 +25,6 @@
 namespace {
 
 using std::string;
-typedef std::vector<double> Times;
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-double medianOf(Times times) {
-    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-    return times[times.size() / 2];
-}
 
 string stanzaName(int key) { return "part" + std::to_string(key / 20); }
 string keyName(int key) { return "setting" + std::to_string(key); }

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -21,21 +20,11 @@
 
 #include "Z/ZStanzaFileProperties.h"
 #include "Z/zlayerset.h"
+#include "timing.h"
 
 namespace {
 
 using std::string;
-typedef std::vector<double> Times;
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-double medianOf(Times times) {
-    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-    return times[times.size() / 2];
-}
 
 string keyName(int number) { return "setting" + std::to_string(number); }
 

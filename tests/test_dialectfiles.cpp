@@ -178,6 +178,8 @@ TEST(DialectFiles, RefuseWhatTheyCantSay) {
     for (const char* name : {"p", "p#4"})
         EXPECT_EQ(raised([&] { numbered.addStanza(name); }), "22") << name;
     EXPECT_EQ(raised([&] { numbered.disableKey("p#2", "b"); }), "22");
+    ZStanzaFileProperties copied(numbered);
+    EXPECT_EQ(raised([&] { copied.addStanza("p#4"); }), "22");
     // Where the last value counts there is only one.
     ZDialects::get("desktop", dialect);
     ZStanzaFileProperties last(1);

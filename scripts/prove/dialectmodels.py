@@ -87,6 +87,17 @@ class Story:
                                   b"\n\n  y", b"\x01"])
         return dice.choice([value, value, b"", b" " + value, b"plain", b"two words"])
 
+    def change(self, opened, name, arguments):
+        """Whether the library takes it."""
+        self.told.append("%s %r" % (name, arguments))
+        try:
+            opened.change(name, *arguments)
+        except Refused as refused:
+            self.told[-1] += " is refused: %s" % refused
+            self.seen["refused edits"] += 1
+            return False
+        return True
+
     def comment(self, opened, content):
         """Adds or removes a comment, which changes no value."""
         dice = self.dice
@@ -100,12 +111,7 @@ class Story:
             ("RemoveComments", stanza, None), ("RemoveComments", None, None)])
         if name == "AddLineComment" and key is None or name == "RemoveComments" and self.comments:
             return  # of a comment that comes and goes a blank line stays
-        self.told.append("%s %r" % (name, arguments))
-        try:
-            opened.change(name, *arguments)
-        except Refused as refused:
-            self.told[-1] += " is refused: %s" % refused
-            self.seen["refused edits"] += 1
+        if not self.change(opened, name, arguments):
             return
         self.seen["comments"] += 1
         if name == "RemoveComments":
@@ -127,12 +133,7 @@ class Story:
                            ["RemoveStanza", "SetBare"])
         arguments = {"RemoveStanza": [stanza], "RemoveKey": [stanza, key], "SetBare": [stanza, key]
                      }.get(name, [stanza, key, value])
-        self.told.append("%s %r" % (name, arguments))
-        try:
-            opened.change(name, *arguments)
-        except Refused as refused:
-            self.told[-1] += " is refused: %s" % refused
-            self.seen["refused edits"] += 1
+        if not self.change(opened, name, arguments):
             return
         self.seen["edits"] += 1
         known_key = rules.known_key(keys, key)

@@ -13,6 +13,7 @@
 #include <map>
 #include <string>
 
+#include "zdialectedits.h"
 #include "zdialectmodel.h"
 #include "zdialecttext.h"
 #include "zgrammar.h"
@@ -59,6 +60,7 @@ public:
           leftOut_(leftOut),
           data_(data),
           reader_(from_, text),
+          fromHeaders_(from_),
           habit_(zdialectUsualHabit(to_)) {
         habit_.lineEnd = zdialectLineEnd(text);
     }
@@ -94,23 +96,21 @@ private:
     ZSpan nameOf(Id stanza) const { return model_.text().span(model_.stanza(stanza).name); }
     ZSpan keyNameOf(Id key) const { return model_.text().span(model_.key(key).name); }
 
-    // The model's stanza of a header; `counts` are those of the headers so far.
-    Id stanzaOf(ZSpan name, ZVector<int>& counts) const {
-        const Id first = model_.stanzaInMap(name);
-        if (from_.repeated != ZDIALECT_NUMBERED || ++at(counts, first) == 1)
-            return first;
-        return model_.stanzaInMap(
-            spanOf(stringOf(nameOf(first)) + "#" + std::to_string(counts[first])));
+    // The model's stanza of the next header.
+    Id stanzaOf(ZSpan name, ZDialectHeaders& headers) const {
+        ZBytes folded;
+        headers.add(name, folded);
+        return model_.stanzaInMap(zspanOf(folded));
     }
 
     void noteCounting() {
         ZDialectReader reader(from_, text_);
         ZDialectPart part;
-        ZVector<int> counts;
+        ZDialectHeaders headers(from_);
         Id stanza = model_.stanzaInMap({"", 0});
         while (reader.next(part)) {
             if (part.kind == ZDialectPart::header)
-                stanza = stanzaOf(part.name, counts);
+                stanza = stanzaOf(part.name, headers);
             if (part.kind != ZDialectPart::entry && part.kind != ZDialectPart::bareEntry)
                 continue;
             const Id id = model_.keyInMap(nameOf(stanza), part.name);
@@ -266,7 +266,7 @@ private:
     };
 
     void takeHeader(const ZDialectPart& part) {
-        stanza_ = stanzaOf(part.name, counts_);
+        stanza_ = stanzaOf(part.name, fromHeaders_);
         std::string spelled;
         const std::string fault = spellHeader(spelled);
         const char* const end = lineEndOf(part.lines.data, part.lines.data + part.lines.size);
@@ -408,10 +408,10 @@ private:
     void* const data_;
     ZPStore model_;
     ZDialectReader reader_;
+    ZDialectHeaders fromHeaders_;
     ZDialectHabit habit_;
     ZVector<Key> keys_;        // by the model's number
     ZVector<Stanza> stanzas_;  // likewise
-    ZVector<int> counts_;      // likewise: headers so far
     ZVector<std::string> pieces_;
     Lines comments_;    // that wait for what comes behind them
     Map<int> headers_;  // by folded name: how many are said

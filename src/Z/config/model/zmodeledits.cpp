@@ -331,10 +331,13 @@ bool ZModelEdits::renumber(const ZPCache& cache, ZSpan text, ZSCFData& renumbere
     const ZDialect* dialect = ZModelReading::dialectOf(cache);
     if (dialect == nullptr || dialect->repeated != ZDIALECT_NUMBERED)
         return false;
+    // As long as none has gone their numbers are those of the text.
+    const ZPStore& before = ZModelReading::storeOf(static_cast<const ZSCFData&>(cache));
+    if (!before.hasGaps())
+        return false;
     ZModelReading::beLike(renumbered, cache);
     ZModelReading::readText(renumbered, "", text);
     const ZPStore& now = ZModelReading::storeOf(renumbered);
-    const ZPStore& before = ZModelReading::storeOf(static_cast<const ZSCFData&>(cache));
     bool isOther = false;
     before.forEachStanza([&](ZPId stanza) {
         const ZSpan name = before.text().span(before.stanza(stanza).name);

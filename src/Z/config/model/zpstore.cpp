@@ -27,6 +27,7 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     text_.reserve(other.text_.size());
     if (dialect_ != nullptr)
         oldText_.keepAs(other.readText(), other.oldText_);
+    hasGaps_ = other.hasGaps_;
     makeRoomForKey();
     keys_.reserveMore(other.keyIndex_.count());
     keyIndex_.reserve(other.keyIndex_.count());
