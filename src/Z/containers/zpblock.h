@@ -176,6 +176,10 @@ public:
     }
     /// Whether nothing can be taken without making room.
     bool isFull() const { return records_.isFull() && free_ == kNoId; }
+    /// Records that can be taken, but for those that were given back.
+    size_t room() const { return records_.room(); }
+    /// Which will be the next to be taken.
+    ZPId nextId() const { return free_ != kNoId ? free_ : end(); }
 
     /// Needs room made before.
     ZPId take(T&& record) {

@@ -470,15 +470,15 @@ bool ZLayerSet::origin(const ZSCFData& model, const char* stanza, const char* ke
     const ZPStore::Kind kind = store.anyKind(id);
     const ZPValueView values = store.values(id, kind);
     zrequire(index < values.count());
-    const ZPSlice* place = store.placeOfValue(id, kind, index);
+    const ZPSlice place = store.placeOfValue(id, kind, index);
     // A list that was handed out may hold something else by now.
-    if (place == nullptr || !zequals(store.text().span(*place), values[index]))
+    if (place.length == 0 || !zequals(store.text().span(place), values[index]))
         return false;
-    const ZLayer* found = layerAt(place->offset);
+    const ZLayer* found = layerAt(place.offset);
     if (found == nullptr || !isLoaded(model, *found))
         return false;
     layer = found;
-    const uint32_t entry = entryOf(store, *found, place->offset);
+    const uint32_t entry = entryOf(store, *found, place.offset);
     line = found->kind == ZLayer::file && entry < found->textEnd ? lineOf(model, *found, entry) : 0;
     return true;
 }
@@ -524,8 +524,8 @@ public:
         uint32_t first = 0, last = count;  // places rise: they were read one behind the other
         while (first < last) {
             const uint32_t middle = (first + last) / 2;
-            const ZPSlice* slice = store_.placeOfValue(id, kind, middle);
-            const uint32_t place = slice == nullptr ? UINT32_MAX : entryAt(slice->offset);
+            const ZPSlice slice = store_.placeOfValue(id, kind, middle);
+            const uint32_t place = slice.length == 0 ? UINT32_MAX : entryAt(slice.offset);
             if (place >= end)
                 last = middle;
             else if (place < start)

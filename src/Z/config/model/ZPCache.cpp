@@ -200,7 +200,7 @@ void ZPCategoryBasedCache::getNames(const char* category, ZArrayList& list) cons
         return;
     }
     // Copies are made from the names themselves: a list that is handed out has to be kept current.
-    for (Id k = store().stanza(stanza).first; k != ZPStore::none; k = store().key(k).next) {
+    for (Id k = store().stanza(stanza).first; k != ZPStore::none; k = store().nextKey(k)) {
         const ZPSlice& slice = store().key(k).name;
         const ZLCString key(store().text(slice), slice.length);
         list.add(&key);
@@ -223,7 +223,7 @@ void ZPCategoryBasedCache::list(FILE* stream) const {
     const ZPStore& model = store();
     model.forEachStanza([&](Id s) {
         print(stream, {{"\n[", 2}, model.text().span(model.stanza(s).name), {"]\n", 2}});
-        for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.key(k).next) {
+        for (Id k = model.stanza(s).first; k != ZPStore::none; k = model.nextKey(k)) {
             const ZSpan key = model.text().span(model.key(k).name);
             const ZPValueView values = model.values(k, ZPStore::plain);
             for (uint32_t i = 0; i < values.count(); ++i)
@@ -389,15 +389,22 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
         }
         id = model.createKey(owner, name);
     }
-    setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);
-    // A key that only the side database knew gets a line with its first plain value, or the value
-    // would be missing from the file.
-    if (existed && (model.hasLine(id) || obfuscated != 0 || text.size == 0))
-        return;
-    const Id owner = model.key(id).stanza;
-    if (model.stanza(owner).group == ZPStore::none)
-        model.addHeader(owner);
-    model.placeKeyLine(id);
+    try {
+        setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);
+        // A key that only the side database knew gets a line with its first plain value, or the
+        // value would be missing from the file.
+        if (existed && (model.hasLine(id) || obfuscated != 0 || text.size == 0))
+            return;
+        const Id owner = model.key(id).stanza;
+        if (model.stanza(owner).group == ZPStore::none)
+            model.addHeader(owner);
+        model.placeKeyLine(id);
+    } catch (...) {
+        // Without a line it would be there for everybody but the file.
+        if (!existed)
+            model.removeKey(id);
+        throw;
+    }
 }
 
 void ZPCategoryBasedCache::delLine(const char* category, const char* key) {

@@ -298,7 +298,7 @@ public:
                     continue;
                 header(store_.stanza(group.stanza).name);
             }
-            for (Id l = group.first; l != ZPStore::none; l = store_.line(l).next)
+            for (Id l = group.first; l != ZPStore::none; l = store_.nextLine(l))
                 line(store_.line(l));
         }
         endRun();

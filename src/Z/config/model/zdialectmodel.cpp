@@ -121,7 +121,7 @@ private:
             stanzaIndex_.reserveMore(1);
             stanzaIndex_.insert(znarrowHash(zhashOf(name)), id, 0);
             added(stanzas_, stanza);
-            for (ZPStore::Id k = store_.stanza(s).first; k != ZPStore::none; k = store_.key(k).next)
+            for (ZPStore::Id k = store_.stanza(s).first; k != ZPStore::none; k = store_.nextKey(k))
                 readKey(id, k);
         });
     }
@@ -711,7 +711,7 @@ static void listKeys(const ZDialect& dialect, const ZPStore& store, ZVector<std:
         if (dialect.repeated == ZDIALECT_NUMBERED)
             name = zwithoutNumber(name);
         for (ZPStore::Id key = store.stanza(stanza).first; key != ZPStore::none;
-             key = store.key(key).next) {
+             key = store.nextKey(key)) {
             std::string entry(store.isBare(key) ? "bare " : "");
             ZBytes folded;
             zdialectFold(dialect, name, true, folded);

@@ -37,7 +37,7 @@ void ZModelContent::listEntries(const ZSCFData& model, ZBytes& out) {
         uint32_t left = store.stanza(stanza).count;
         for (ZPId g = store.stanza(stanza).group; g != kNoId && left != 0;
              g = store.group(g).nextOfStanza)
-            for (ZPId l = store.group(g).first; l != kNoId; l = store.line(l).next) {
+            for (ZPId l = store.group(g).first; l != kNoId; l = store.nextLine(l)) {
                 const ZPLine& line = store.line(l);
                 if (!line.isKey() || !store.isInMap(line.ref) || isTold[line.ref] != 0)
                     continue;
@@ -46,7 +46,7 @@ void ZModelContent::listEntries(const ZSCFData& model, ZBytes& out) {
             }
         // Those without a line, as hidden ones are.
         for (ZPId key = store.stanza(stanza).first; key != kNoId && left != 0;
-             key = store.key(key).next)
+             key = store.nextKey(key))
             if (isTold[key] == 0) {
                 tell(key);
                 --left;
@@ -83,14 +83,14 @@ void ZModelContent::take(ZSCFData& model, ZSCFData& other) noexcept {
 ZModelContent::Run ZModelContent::commentsFrom(const ZPStore& store, ZPId group, ZPId first) {
     ZPId end = first;
     while (end != kNoId && store.line(end).isComment())
-        end = store.line(end).next;
+        end = store.nextLine(end);
     return {group, first, end};
 }
 
 ZModelContent::Run ZModelContent::commentsAbove(const ZPStore& store, ZPId group, ZPId line) {
     ZPId first = line;
-    for (ZPId l = store.line(line).prev; l != kNoId && store.line(l).isComment();
-         l = store.line(l).prev)
+    for (ZPId l = store.prevLine(line); l != kNoId && store.line(l).isComment();
+         l = store.prevLine(l))
         first = l;
     return {group, first, line};
 }
@@ -112,7 +112,7 @@ ZModelContent::Run ZModelContent::commentsOf(const ZPStore& store, const char* s
     // The first of the key's lines.
     for (ZPId g = store.stanza(id).group; wanted != kNoId && g != kNoId;
          g = store.group(g).nextOfStanza)
-        for (ZPId l = store.group(g).first; l != kNoId; l = store.line(l).next) {
+        for (ZPId l = store.group(g).first; l != kNoId; l = store.nextLine(l)) {
             if (!store.line(l).isKey() || store.line(l).ref != wanted)
                 continue;
             return commentsAbove(store, g, l);
@@ -124,7 +124,7 @@ void ZModelContent::listComments(const ZSCFData& model, const char* stanza, cons
                                  ZArrayList& list) {
     const ZPStore& store = model.store();
     const Run run = commentsOf(store, stanza, key);
-    for (ZPId l = run.first; l != run.end; l = store.line(l).next) {
+    for (ZPId l = run.first; l != run.end; l = store.nextLine(l)) {
         const ZSpan comment = store.text().span(store.line(l).slice());
         std::unique_ptr<ZLCString> line(
             new ZLCString(comment.data, static_cast<unsigned int>(comment.size)));

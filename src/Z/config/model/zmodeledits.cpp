@@ -184,7 +184,7 @@ bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* 
         return false;
     ZSpan value = kNothing;
     for (ZPId g = store.stanza(id).group; g != ZPStore::none; g = store.group(g).nextOfStanza)
-        for (ZPId l = store.group(g).first; l != ZPStore::none; l = store.line(l).next) {
+        for (ZPId l = store.group(g).first; l != ZPStore::none; l = store.nextLine(l)) {
             if (!store.line(l).isComment() ||
                 zfindDisabled(store.text().span(store.line(l).slice()), name, value).size == 0)
                 continue;
@@ -196,8 +196,13 @@ bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* 
                 store.forgetLines(remembered);
             Note note(store, model.attributes(), owner, name, kNothing);
             const ZPId made = store.createKey(id, name);
-            store.appendValue(made, ZPStore::plain, zspanOf(copy));
-            store.replaceComment(g, l, made);
+            try {
+                store.appendValue(made, ZPStore::plain, zspanOf(copy));
+                store.replaceComment(g, l, made);
+            } catch (...) {
+                store.removeKey(made);
+                throw;
+            }
             note.make(ZOldText::uncommentedKey);
             return true;
         }
@@ -208,7 +213,7 @@ bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* 
 static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
     for (ZPId g = store.stanza(store.key(key).stanza).group; g != ZPStore::none;
          g = store.group(g).nextOfStanza)
-        for (line = store.group(g).first; line != ZPStore::none; line = store.line(line).next)
+        for (line = store.group(g).first; line != ZPStore::none; line = store.nextLine(line))
             if (store.line(line).isKey() && store.line(line).ref == key)
                 return g;
     return ZPStore::none;
@@ -222,7 +227,7 @@ void ZModelEdits::addForgettingLines(ZSCFData& model, ZVector<ZPId>& keys) {
     std::sort(keys.begin(), keys.end());
     ZVector<bool> isDone(keys.size());
     for (ZPId g = store.firstGroup(); g != ZPStore::none && !keys.empty(); g = store.group(g).next)
-        for (ZPId id = store.group(g).first; id != ZPStore::none; id = store.line(id).next) {
+        for (ZPId id = store.group(g).first; id != ZPStore::none; id = store.nextLine(id)) {
             if (!store.line(id).isKey())
                 continue;
             const ZPId key = store.line(id).ref;
@@ -254,7 +259,7 @@ struct NewComments {
     void add(ZSpan comment) {
         store.insertCommentBefore(group, line, comment);
         if (first == ZPStore::none)
-            first = store.line(line).prev;
+            first = store.prevLine(line);
     }
     void keep() { first = ZPStore::none; }
 };

@@ -14,8 +14,8 @@ T* zloadMade(T* const& place) {
 
 /// Puts a fresh object into its place and returns it. Two may ask for one object at the same time:
 /// whoever comes second gets the first one's.
-template <typename T>
-T* zpublish(T*& place, std::unique_ptr<T> fresh) {
+template <typename T, typename Delete>
+T* zpublish(T*& place, std::unique_ptr<T, Delete> fresh) {
     T* current = nullptr;
     if (__atomic_compare_exchange_n(&place, &current, fresh.get(), false, __ATOMIC_ACQ_REL,
                                     __ATOMIC_ACQUIRE))

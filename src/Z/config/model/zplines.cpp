@@ -30,7 +30,7 @@ void ZPLines::removeGroup(ZPId id) {
     groups_[group.prev].next = group.next;
     groups_[group.next == kNoId ? 0 : group.next].prev = group.prev;
     for (ZPId l = group.first; l != kNoId;) {
-        const ZPId next = lines_[l].next;
+        const ZPId next = lines_.next(l);
         lines_.giveBack(l);
         l = next;
     }
@@ -40,14 +40,22 @@ void ZPLines::removeGroup(ZPId id) {
 
 // ---------------------------------------------------------------- lines
 
+// Room for lines that are put between others, each of which changes two neighbours.
+void ZPLines::reserveInserts(size_t lines) {
+    lines_.reserveMore(lines);
+    lines_.reserveChanges(2 * lines);
+}
+
 // In front of `before` in the group, at its end if that is none.
 void ZPLines::insert(ZPId groupId, ZPId before, ZPId id) {
     ZPGroup& group = groups_[groupId];
-    ZPLine& line = lines_[id];
-    line.next = before;
-    line.prev = before == kNoId ? group.last : lines_[before].prev;
-    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = id;
-    *(before == kNoId ? &group.last : &lines_[before].prev) = id;
+    const ZPId prev = before == kNoId ? group.last : lines_.prev(before);
+    lines_.connect(prev, id);
+    lines_.connect(id, before);
+    if (prev == kNoId)
+        group.first = id;
+    if (before == kNoId)
+        group.last = id;
 }
 
 void ZPLines::insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text) {
@@ -57,14 +65,14 @@ void ZPLines::insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPTe
 }
 
 void ZPLines::insertBlank(ZPId group, ZPId before, const ZPText& text) {
-    const ZPId id = lines_.take({kNoId, kNoId, 0, ZPLine::blank});
+    const ZPId id = lines_.take({0, ZPLine::blank});
     insert(group, before, id);
     noteOther(groups_[group], id, text);
 }
 
 void ZPLines::removeKeys(ZPId group, ZPId key) {
     for (ZPId l = groups_[group].first; l != kNoId;) {
-        const ZPId next = lines_[l].next;
+        const ZPId next = lines_.next(l);
         if (lines_[l].isKey() && lines_[l].ref == key)
             removeKey(group, l);
         l = next;
@@ -77,7 +85,7 @@ void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
     group.samples.reset();
     group.knowsSamples = false;
     for (ZPId l = first; l != end;) {
-        const ZPId next = lines_[l].next;
+        const ZPId next = lines_.next(l);
         text.drop(lines_[l].slice());
         --group.comments;
         unlink(group, l);
@@ -86,10 +94,10 @@ void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
 }
 
 ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text) {
-    reserve(1);
-    const ZPId line = lines_.take({kNoId, kNoId, key, ZPLine::key});
+    reserveInserts(1);
+    const ZPId line = lines_.take({key, ZPLine::key});
     insert(groupId, comment, line);
-    removeComments(groupId, comment, lines_[comment].next, text);
+    removeComments(groupId, comment, lines_.next(comment), text);
     // Without an index of samples nothing has to be known of the blank lines on the way.
     groups_[groupId].keysEnd = groups_[groupId].last;
     lastKey(groupId);
@@ -99,7 +107,7 @@ ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text)
 ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
     ZPId found = kNoId;
     for (ZPId g = firstOfStanza; g != kNoId; g = groups_[g].nextOfStanza)
-        for (ZPId l = groups_[g].first; l != kNoId; l = lines_[l].next)
+        for (ZPId l = groups_[g].first; l != kNoId; l = lines_.next(l))
             if (lines_[l].isKey() && lines_[l].ref == key)
                 found = found == kNoId ? l : kSeveralIds;
     return found;
@@ -109,7 +117,7 @@ ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
 ZPId ZPLines::lastKey(ZPId groupId) {
     ZPGroup& group = groups_[groupId];
     ZPId l = group.keysEnd;
-    for (; l != kNoId && !lines_[l].isKey(); l = lines_[l].prev)
+    for (; l != kNoId && !lines_[l].isKey(); l = lines_.prev(l))
         if (group.samples != nullptr && lines_[l].isBlank())
             group.samples->setTail(lines_[l], true);
     return group.keysEnd = l;
@@ -144,7 +152,7 @@ void ZPLines::indexSamples(ZPGroup& group, const ZPText& text) {
     ZPId l = group.first;
     while (l != kNoId &&
            !(lines_[l].isComment() && ZPSamples::isSample(text.span(lines_[l].slice()))))
-        l = lines_[l].next;
+        l = lines_.next(l);
     if (l != kNoId)
         group.samples.reset(new ZPSamples(lines_, text, group.last));
     group.knowsSamples = true;
@@ -167,26 +175,26 @@ ZPId ZPLines::findParagraphEnd(ZPGroup& group, ZSpan key, const ZPText& text) {
     ZPId l = group.first;
     while (l != kNoId &&
            !(lines_[l].isComment() && ZPSamples::isSampleOf(key, text.span(lines_[l].slice()))))
-        l = lines_[l].next;
+        l = lines_.next(l);
     while (l != kNoId && !lines_[l].isBlank())
-        l = lines_[l].next;
+        l = lines_.next(l);
     return l;
 }
 
 ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
-    reserve(1);
+    reserveInserts(1);
     ZPGroup& group = groups_[groupId];
     const ZPId closing = findParagraphEnd(group, name, text);
     const ZPId last = lastKey(groupId);
-    const ZPId behindLast = last == kNoId ? group.first : lines_[last].next;
-    const ZPId line = lines_.take({kNoId, kNoId, key, ZPLine::key});
+    const ZPId behindLast = last == kNoId ? group.first : lines_.next(last);
+    const ZPId line = lines_.take({key, ZPLine::key});
     insert(groupId, closing == kNoId ? behindLast : closing, line);
     if (closing == kNoId) {
         group.keysEnd = line;
     } else if (group.samples->isTail(lines_[closing])) {
         // Each blank line loses its mark once, however many keys come.
-        for (ZPId l = last == kNoId ? group.first : lines_[last].next; l != line;
-             l = lines_[l].next)
+        for (ZPId l = last == kNoId ? group.first : lines_.next(last); l != line;
+             l = lines_.next(l))
             if (lines_[l].isBlank())
                 group.samples->setTail(lines_[l], false);
         group.keysEnd = line;
@@ -203,18 +211,18 @@ static void requireCommentLength(size_t length) {
 
 void ZPLines::insertCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
     requireCommentLength(comment.size);
-    reserve(1);
+    reserveInserts(1);
     insertComment(group, line, text.append(comment), text);
 }
 
 void ZPLines::addFileComment(ZSpan comment, ZPText& text) {
     requireCommentLength(comment.size);
-    reserve(2);
+    reserveInserts(2);
     const ZPSlice slice = text.append(comment);
     const ZPId first = groups_[0].first;
     ZPId l = first;
     while (l != kNoId && !lines_[l].isBlank())
-        l = lines_[l].next;
+        l = lines_.next(l);
     if (l != kNoId) {
         insertComment(0, l, slice, text);
         return;
@@ -225,11 +233,11 @@ void ZPLines::addFileComment(ZSpan comment, ZPText& text) {
 
 void ZPLines::addStanzaComment(ZPId group, ZSpan comment, ZPText& text) {
     requireCommentLength(comment.size);
-    reserve(2);
+    reserveInserts(2);
     const ZPSlice slice = text.append(comment);
     ZPId l = groups_[group].first;
     while (l != kNoId && lines_[l].isComment())
-        l = lines_[l].next;
+        l = lines_.next(l);
     insertComment(group, l, slice, text);
     if (l == kNoId || !lines_[l].isBlank())
         insertBlank(group, l, text);
@@ -237,9 +245,9 @@ void ZPLines::addStanzaComment(ZPId group, ZSpan comment, ZPText& text) {
 
 void ZPLines::addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
     requireCommentLength(comment.size);
-    reserve(2);
+    reserveInserts(2);
     const ZPSlice slice = text.append(comment);
-    const ZPId before = lines_[line].prev;
+    const ZPId before = lines_.prev(line);
     if (before == kNoId || lines_[before].isKey())
         insertBlank(group, line, text);
     insertComment(group, line, slice, text);
@@ -260,9 +268,9 @@ void ZPLines::checkInvariants(const ZPText& text) const {
         ZPId previous = kNoId, lastKeySeen = kNoId;
         bool isBehindKeys = group.keysEnd == kNoId, hasSamples = false;
         uint32_t comments = 0, blanks = 0;
-        for (ZPId l = group.first; l != kNoId; l = lines_[l].next) {
+        for (ZPId l = group.first; l != kNoId; l = lines_.next(l)) {
             const ZPLine& line = lines_[l];
-            ZPHOLDS(line.prev == previous);
+            ZPHOLDS(lines_.prev(l) == previous);
             previous = l;
             ++linesSeen;
             comments += line.isComment();
@@ -285,6 +293,7 @@ void ZPLines::checkInvariants(const ZPText& text) const {
                                            lastKeySeen);
     }
     ZPHOLDS(groups_[0].prev == lastGroupSeen);
+    lines_.checkInvariants();
     ZPHOLDS(linesSeen + lines_.countFree() == lines_.end());
     ZPHOLDS(groupsSeen + groups_.countFree() == groups_.end());
 }

@@ -62,11 +62,24 @@ public:
 
     // --- Lines ---
 
+    ZPId next(ZPId line) const { return lines_.next(line); }
+    ZPId prev(ZPId line) const { return lines_.prev(line); }
+
+    /// Room for lines that are read.
     void reserve(size_t lines, size_t spare = 0) { lines_.reserveMore(lines, spare); }
-    bool isFull() const { return lines_.isFull(); }
+    /// Room for one more line at the end of a group.
+    void reserveAt(ZPId group) {
+        lines_.reserveMore(1);
+        if (!lines_.takesBehind(groups_[group].last))
+            lines_.reserveChanges(1);
+    }
+    /// Whether there is.
+    bool hasRoomAt(ZPId group) const {
+        return !lines_.isFull() && lines_.takesBehind(groups_[group].last);
+    }
     /// At the end of the group. These need room.
     ZPId appendKey(ZPId group, ZPId key) {
-        const ZPId id = append(group, {kNoId, kNoId, key, ZPLine::key});
+        const ZPId id = append(group, {key, ZPLine::key});
         groups_[group].keysEnd = id;
         return id;
     }
@@ -74,7 +87,7 @@ public:
         noteOther(groups_[group], append(group, commentLine(comment)), text);
     }
     void appendBlank(ZPId group, const ZPText& text) {
-        noteOther(groups_[group], append(group, {kNoId, kNoId, 0, ZPLine::blank}), text);
+        noteOther(groups_[group], append(group, {0, ZPLine::blank}), text);
     }
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
@@ -98,7 +111,7 @@ public:
     /// Calls visit(line) for each line of the group, first to last.
     template <typename Visit>
     void forEach(ZPId group, Visit visit) const {
-        for (ZPId l = groups_[group].first; l != kNoId; l = lines_[l].next)
+        for (ZPId l = groups_[group].first; l != kNoId; l = lines_.next(l))
             visit(lines_[l]);
     }
 
@@ -125,16 +138,19 @@ public:
 
 private:
     static ZPLine commentLine(ZPSlice comment) {
-        return {kNoId, kNoId, comment.offset, comment.length << 2 | ZPLine::comment};
+        return {comment.offset, comment.length << 2 | ZPLine::comment};
     }
     ZPId append(ZPId group, ZPLine line) {
         ZPGroup& owner = groups_[group];
-        line.prev = owner.last;
         const ZPId id = lines_.take(std::move(line));
-        *(owner.last == kNoId ? &owner.first : &lines_[owner.last].next) = id;
+        if (owner.last == kNoId)
+            owner.first = id;
+        else
+            lines_.connect(owner.last, id);
         owner.last = id;
         return id;
     }
+    void reserveInserts(size_t lines);
     void insert(ZPId group, ZPId before, ZPId line);
     void unlink(ZPGroup& group, ZPId line);
     void insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text);
@@ -155,11 +171,14 @@ private:
 };
 
 inline void ZPLines::unlink(ZPGroup& group, ZPId id) {
-    const ZPLine& line = lines_[id];
-    *(line.prev == kNoId ? &group.first : &lines_[line.prev].next) = line.next;
-    *(line.next == kNoId ? &group.last : &lines_[line.next].prev) = line.prev;
+    const ZPId prev = lines_.prev(id), next = lines_.next(id);
+    lines_.unlink(id);
+    if (prev == kNoId)
+        group.first = next;
+    if (next == kNoId)
+        group.last = prev;
     if (group.keysEnd == id)
-        group.keysEnd = line.prev;
+        group.keysEnd = prev;
     lines_.giveBack(id);
 }
 

@@ -105,8 +105,8 @@ uint32_t ZPSamples::addParagraph(ZPId closing, uint32_t next, bool isTail) {
 // The paragraph in which a comment is that the index doesn't know yet.
 uint32_t ZPSamples::paragraphOf(const ZPLinePool& lines, ZPId comment) const {
     // The nearer end of the paragraph tells.
-    ZPId behind = lines[comment].next, before = lines[comment].prev;
-    for (;; behind = lines[behind].next, before = lines[before].prev) {
+    ZPId behind = lines.next(comment), before = lines.prev(comment);
+    for (;; behind = lines.next(behind), before = lines.prev(before)) {
         if (behind == kNoId)
             return last_;
         if (lines[behind].isBlank())
@@ -121,7 +121,7 @@ uint32_t ZPSamples::paragraphOf(const ZPLinePool& lines, ZPId comment) const {
 // The samples between two lines, the second excluded, are in this paragraph now.
 void ZPSamples::moveSamples(const ZPLinePool& lines, const ZPText& text, ZPId from, ZPId to,
                             uint32_t paragraph) {
-    for (ZPId l = from; l != to; l = lines[l].next) {
+    for (ZPId l = from; l != to; l = lines.next(l)) {
         uint32_t hash;
         if (!lines[l].isComment() || !hashOfSample(text.span(lines[l].slice()), hash))
             continue;
@@ -137,7 +137,7 @@ void ZPSamples::moveSamples(const ZPLinePool& lines, const ZPText& text, ZPId fr
 ZPSamples::ZPSamples(ZPLinePool& lines, const ZPText& text, ZPId lastLine) {
     uint32_t paragraph = addParagraph(kNoId, kNoId, true);
     bool isTail = true;
-    for (ZPId l = lastLine; l != kNoId; l = lines[l].prev) {
+    for (ZPId l = lastLine; l != kNoId; l = lines.prev(l)) {
         ZPLine& line = lines[l];
         uint32_t hash;
         if (line.isKey()) {
@@ -159,7 +159,7 @@ ZPSamples::ZPSamples(ZPLinePool& lines, const ZPText& text, ZPId lastLine) {
 
 void ZPSamples::addComment(const ZPLinePool& lines, const ZPText& text, ZPId comment) {
     const ZPLine& line = lines[comment];
-    const bool isPiled = recent_ != kNoId && recent_ == line.prev;
+    const bool isPiled = recent_ != kNoId && recent_ == lines.prev(comment);
     if (isPiled)
         recent_ = comment;
     uint32_t hash;
@@ -179,13 +179,13 @@ void ZPSamples::addComment(const ZPLinePool& lines, const ZPText& text, ZPId com
 // a few times.
 void ZPSamples::addBlank(ZPLinePool& lines, const ZPText& text, ZPId firstLine, ZPId blank) {
     recent_ = kNoId;
-    ZPId key = lines[blank].next;
+    ZPId key = lines.next(blank);
     while (key != kNoId && lines[key].isComment())
-        key = lines[key].next;
+        key = lines.next(key);
     const bool isTail = key == kNoId;
     paragraphs_.reserveMore(1);
-    ZPId behind = lines[blank].next, before = lines[blank].prev;
-    for (;; behind = lines[behind].next, before = lines[before].prev) {
+    ZPId behind = lines.next(blank), before = lines.prev(blank);
+    for (;; behind = lines.next(behind), before = lines.prev(before)) {
         if (behind == kNoId || lines[behind].isBlank()) {
             // What stands behind the new line gets the new number.
             uint32_t& number = behind == kNoId ? last_ : lines[behind].ref;
@@ -194,14 +194,14 @@ void ZPSamples::addBlank(ZPLinePool& lines, const ZPText& text, ZPId firstLine, 
             number = addParagraph(behind, whole.next, whole.isTail);
             paragraphs_[old] = {blank, number, isTail};
             lines[blank].ref = old;
-            moveSamples(lines, text, lines[blank].next, behind, number);
+            moveSamples(lines, text, lines.next(blank), behind, number);
             return;
         }
         if (before == kNoId || lines[before].isBlank()) {
             uint32_t& number = before == kNoId ? first_ : paragraphs_[lines[before].ref].next;
             number = addParagraph(blank, number, isTail);
             lines[blank].ref = number;
-            moveSamples(lines, text, before == kNoId ? firstLine : lines[before].next, blank,
+            moveSamples(lines, text, before == kNoId ? firstLine : lines.next(before), blank,
                         number);
             return;
         }
@@ -229,7 +229,7 @@ bool ZPSamples::findParagraphEnd(const ZPLinePool& lines, const ZPText& text, ZS
 void ZPSamples::checkInvariants(const ZPLinePool& lines, const ZPText& text, ZPId firstLine,
                                 ZPId lastLine, ZPId keysEnd, ZPId lastKeyLine) const {
     uint32_t paragraph = first_, hash;
-    for (ZPId l = firstLine; l != kNoId; l = lines[l].next) {
+    for (ZPId l = firstLine; l != kNoId; l = lines.next(l)) {
         if (lines[l].isBlank()) {
             ZPHOLDS(lines[l].ref == paragraph);
             ZPHOLDS(paragraphs_[paragraph].closing == l);
@@ -241,8 +241,8 @@ void ZPSamples::checkInvariants(const ZPLinePool& lines, const ZPText& text, ZPI
         }
     }
     ZPHOLDS(paragraph == last_ && paragraphs_[last_].closing == kNoId);
-    for (ZPId l = lastLine; l != keysEnd; l = lines[l].prev)
+    for (ZPId l = lastLine; l != keysEnd; l = lines.prev(l))
         ZPHOLDS(!lines[l].isBlank() || isTail(lines[l]));
-    for (ZPId l = lastKeyLine; l != kNoId; l = lines[l].prev)
+    for (ZPId l = lastKeyLine; l != kNoId; l = lines.prev(l))
         ZPHOLDS(!lines[l].isBlank() || !isTail(lines[l]));
 }

@@ -28,9 +28,9 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     if (dialect_ != nullptr)
         oldText_.keepAs(other.readText(), other.oldText_);
     hasGaps_ = other.hasGaps_;
-    makeRoomForKey();
+    makeRoomForKey(0);
     keys_.reserveMore(other.keyIndex_.count());
-    keyIndex_.reserve(other.keyIndex_.count());
+    makeRoomInKeyIndex(other.keyIndex_.count());
     // The lines first, in file order, for they decide where the text comes to lie.
     for (Id g = 0; g != none; g = other.group(g).next) {
         Id group = 0;
@@ -46,17 +46,17 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
             group = addGroup(stanza);
         }
         other.lines_.forEach(g, [&](const ZPLine& line) {
-            lines_.reserve(1);
+            lines_.reserveAt(group);
             if (line.isBlank()) {
                 lines_.appendBlank(group, text_);
             } else if (line.isComment()) {
                 lines_.appendComment(group, text_.append(other.text_.span(line.slice())), text_);
             } else {
-                const ZSpan name = other.text_.span(other.keys_[line.ref].name);
+                const ZSpan name = other.text_.span(other.keys_.name(line.ref));
                 const Id stanza = lines_.group(group).stanza;
                 Id key = findKey(text_.span(stanzas_[stanza].name), name);
                 if (key == none) {
-                    makeRoomForKey();
+                    makeRoomForKey(name.size);
                     key = newKey(stanza, text_.append(name), keyHash(stanza, name));
                 }
                 noteLine(key, lines_.appendKey(group, key));
@@ -67,9 +67,8 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
     other.forEachStanza([&](Id s) {
         const ZPStanza& source = other.stanzas_[s];
         const Id stanza = createStanza(other.text_.span(source.name));
-        for (Id k = source.first; k != none; k = other.keys_[k].next) {
-            const ZPKey& from = other.keys_[k];
-            const Id key = createKey(stanza, other.text_.span(from.name));
+        for (Id k = source.first; k != none; k = other.keys_.next(k)) {
+            const Id key = createKey(stanza, other.text_.span(other.keys_.name(k)));
             if (other.isBare(k))
                 markBare(key);
             for (Kind kind : {plain, hidden}) {
@@ -78,18 +77,17 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
                     continue;
                 if (kind == hidden)
                     noteHidden();
-                if (kind == plain && values.onlySlice() != nullptr)
-                    keys_[key].value = text_.append(values[0]);
-                else
-                    extraOf(key).values[kind].copy(text_, ownValue(keys_[key], kind), values);
+                if (kind == plain && values.onlySlice() != nullptr) {
+                    makeRoomForValue(key, values[0].size);
+                    keys_.setValue(key, text_.append(values[0]));
+                } else {
+                    changeValues(key, kind, [&](ZPValues& copy, ZPSlice* own) {
+                        copy.copy(text_, own, values);
+                    });
+                }
             }
         }
     });
-}
-
-ZPStore::~ZPStore() {
-    for (Id i = 0; mayHaveExtras_ && i < keys_.end(); ++i)
-        delete keys_[i].extra;  // null in records that were given back
 }
 
 void ZPStore::clear() {
@@ -128,10 +126,9 @@ size_t ZPStore::textNeeded() const {
         });
     stanzaIndex_.forEach([&](Id s) { needed += stanzas_[s].name.length + 3; });
     keyIndex_.forEach([&](Id k) {
-        const ZPKey& key = keys_[k];
-        needed += key.name.length + key.value.length + 4;
-        if (key.extra != nullptr)
-            for (ZPValues& values : key.extra->values)
+        needed += keys_.name(k).length + keys_.value(k).length + 4;
+        if (ZPKeyExtra* extra = keys_.extra(k))
+            for (ZPValues& values : extra->values)
                 values.forEachSlice([&](const ZPSlice& slice) { needed += slice.length; });
     });
     return needed;
@@ -161,21 +158,23 @@ void ZPStore::moveText(ZPText& target) {
         if (movedKeys[k])
             return;
         movedKeys[k] = true;
-        ZPKey& key = keys_[k];
+        ZPKey key = keys_[k];
         move(key.name);
+        keys_.setName(k, key.name);
         if (key.value.length != 0) {
             target.append({" = ", 3});
             move(key.value);
+            keys_.setValue(k, key.value);
         }
         target.append({"\n", 1});
-        if (key.extra != nullptr)
-            for (ZPValues& values : key.extra->values)
+        if (ZPKeyExtra* extra = keys_.extra(k))
+            for (ZPValues& values : extra->values)
                 values.forEachSlice(move);
     };
     for (Id g = 0; g != none; g = group(g).next) {
         if (g != 0)
             moveStanza(group(g).stanza);
-        for (Id l = group(g).first; l != none; l = line(l).next) {
+        for (Id l = group(g).first; l != none; l = nextLine(l)) {
             if (line(l).isKey()) {
                 moveKey(line(l).ref);
             } else if (line(l).isComment()) {
@@ -187,7 +186,7 @@ void ZPStore::moveText(ZPText& target) {
     stanzaIndex_.forEach(moveStanza);
     keyIndex_.forEach(moveKey);
     text_ = std::move(target);
-    keyIndex_.renewOffsets([&](Id key) { return keys_[key].name.offset; });
+    keyIndex_.renewOffsets([&](Id key) { return keys_.name(key).offset; });
     stanzaIndex_.renewOffsets([&](Id stanza) { return stanzas_[stanza].name.offset; });
 }
 
@@ -210,12 +209,26 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
 ZPStore::Id ZPStore::createStanza(ZSpan name) {
     Id id = findStanza(name);
     if (id == none) {
-        stanzas_.reserveMore(1);
-        stanzaIndex_.reserveMore(1);
+        makeRoomForStanza();
         id = newStanza(text_.append(name), nameHash(name, true));
     }
     putStanzaIntoMap(id);
     return id;
+}
+
+void ZPStore::makeRoomForStanza() {
+    stanzas_.reserveMore(1);
+    if (stanzaIndex_.isFull())
+        stanzaIndex_.reserve(stanzaIndex_.count() + 1, [&](auto insert) {
+            for (Id s = 0; s < stanzas_.end(); ++s)
+                if (stanzas_[s].inUse)
+                    insert(znarrowHash(stanzas_[s].hash), s, stanzas_[s].name.offset);
+        });
+}
+
+void ZPStore::takeStanzaOutOfIndex(Id id) {
+    stanzaIndex_.remove(znarrowHash(stanzas_[id].hash), id,
+                        [&](Id other) { return znarrowHash(stanzas_[other].hash); });
 }
 
 void ZPStore::putStanzaIntoMap(Id id) {
@@ -246,7 +259,7 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
     if (stanza.inMap || stanza.group != none)
         return;
     zassert(stanza.inUse && stanza.count == 0);
-    stanzaIndex_.remove(znarrowHash(stanza.hash), id);
+    takeStanzaOutOfIndex(id);
     text_.drop(stanza.name);
     stanza.inUse = false;
     stanzas_.giveBack(id);
@@ -257,11 +270,10 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
-        const ZPKey& candidate = keys_[id];
-        __builtin_prefetch(&candidate);
-        const bool isSame = text_.stands(offset, key) && candidate.name.length == key.size;
-        return (isSame || (folds_ && foldAlike(text_.span(candidate.name), key, false))) &&
-               isNamed(stanzas_[candidate.stanza], stanza);
+        keys_.prefetch(id);
+        const bool isSame = text_.stands(offset, key) && keys_.name(id).length == key.size;
+        return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
+               isNamed(stanzas_[keys_.stanza(id)], stanza);
     });
 }
 
@@ -289,34 +301,55 @@ bool ZPStore::foldAlike(ZSpan a, ZSpan b, bool areStanzas) const {
 }
 
 uint32_t ZPStore::hashOf(Id id) const {
-    const ZPKey& key = keys_[id];
-    return keyHash(key.stanza, text_.span(key.name));
+    return keyHash(keys_.stanza(id), text_.span(keys_.name(id)));
 }
 
-void ZPStore::makeRoomForKey() {
+void ZPStore::makeRoomForKey(size_t nameLength) {
     keys_.reserveMore(1);
-    keyIndex_.reserveMore(1);
+    if (nameLength >= ZPKeys::kLong)
+        keys_.makeExtra(keys_.nextId());
+    if (keyIndex_.isFull())
+        makeRoomInKeyIndex(1);
+}
+
+void ZPStore::makeRoomToRead(Id group) {
+    makeRoomForKey(0);
+    lines_.reserveAt(group);
+}
+
+void ZPStore::makeRoomInKeyIndex(size_t more) {
+    if (more > keyIndex_.room())
+        keyIndex_.reserve(keyIndex_.count() + more, [&](auto insert) {
+            for (Id k = 0; k < keys_.end(); ++k)
+                if (!isFree(k))
+                    insert(hashOf(k), k, keys_.name(k).offset);
+        });
+}
+
+void ZPStore::takeOutOfIndex(Id id) {
+    keyIndex_.remove(hashOf(id), id, [&](Id other) { return hashOf(other); });
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
-    const Id id = keys_.take({name, {0, 0}, stanza, none, outsideMap, none, nullptr});
+    const Id id = keys_.take(name, stanza);
     keyIndex_.insert(hash, id, name.offset);
     return id;
 }
 
 // At the end of its stanza's key order. A handed-out key list takes the name first, since that
-// alone can fail.
+// may fail.
 void ZPStore::putIntoMap(Id id) {
     zassert(!isInMap(id));
-    ZPKey& key = keys_[id];
-    ZPStanza& stanza = stanzas_[key.stanza];
+    ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     zassert(stanza.inMap);
+    keys_.prepare(id);
+    if (stanza.last != none && stanza.last + 1 != id)
+        keys_.reserveChanges(1);
     if (ZArrayList* list = stanza.keyList.get())
-        addString(*list, text_.span(key.name));
-    key.next = none;
-    key.prev = stanza.last;
+        addString(*list, text_.span(keys_.name(id)));
+    keys_.setInMap(id, true);
     if (stanza.last != none)
-        keys_[stanza.last].next = id;
+        keys_.connect(stanza.last, id);
     else
         stanza.first = id;
     stanza.last = id;
@@ -326,13 +359,13 @@ void ZPStore::putIntoMap(Id id) {
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
     const uint32_t hash = keyHash(stanza, name);
     Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
-        return keys_[candidate].stanza == stanza && isNamed(keys_[candidate], name);
+        return keys_.stanza(candidate) == stanza && isNamed(candidate, name);
     });
     if (id != none && isInMap(id))
         return id;
     const bool made = id == none;
     if (made) {
-        makeRoomForKey();
+        makeRoomForKey(name.size);
         id = newKey(stanza, text_.append(name), hash);
     }
     try {
@@ -347,10 +380,10 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
 
 void ZPStore::removeKey(Id id) {
     zassert(!isFree(id) && isInMap(id));
-    ZPKey& key = keys_[id];
-    ZPStanza& stanza = stanzas_[key.stanza];
+    const Id prev = keys_.prev(id), next = keys_.next(id);
+    ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     if (ZArrayList* list = stanza.keyList.get()) {
-        const ZLCString name(text(key.name), key.name.length);
+        const ZLCString name(text(keys_.name(id)), keys_.name(id).length);
         const unsigned int last = list->size() - 1;
         if (stanza.last == id && name.equals(*list->get(last)))
             list->remove(last);
@@ -359,24 +392,20 @@ void ZPStore::removeKey(Id id) {
     }
     for (Cursor* c = cursors_; c != nullptr; c = c->next_)
         if (c->key_ == id) {
-            c->key_ = key.prev;
+            c->key_ = prev;
             c->isOnKey_ = false;
         }
     dropNameText(id);
     unfollow(id);
     dropValues(id, plain);
     dropValues(id, hidden);
-    delete key.extra;
-    key.extra = nullptr;
-    if (key.prev != none)
-        keys_[key.prev].next = key.next;
-    else
-        stanza.first = key.next;
-    if (key.next != none)
-        keys_[key.next].prev = key.prev;
-    else
-        stanza.last = key.prev;
-    key.next = outsideMap;
+    keys_.dropExtra(id);
+    keys_.unlink(id);
+    if (prev == none)
+        stanza.first = next;
+    if (next == none)
+        stanza.last = prev;
+    keys_.setInMap(id, false);
     zassert(stanza.count != 0);
     --stanza.count;
     freeKeyIfUnneeded(id);
@@ -384,36 +413,25 @@ void ZPStore::removeKey(Id id) {
 
 void ZPStore::freeKeyIfUnneeded(Id id) {
     zassert(!isFree(id));
-    ZPKey& key = keys_[id];
-    if (isInMap(id) || key.line != none)
+    if (isInMap(id) || hasLine(id))
         return;
-    zassert(key.extra == nullptr && key.value.length == 0);
-    keyIndex_.remove(hashOf(id), id);
-    text_.drop(key.name);
-    key.stanza = none;
+    zassert(keys_.value(id).length == 0);
+    takeOutOfIndex(id);
+    text_.drop(keys_.name(id));
     keys_.giveBack(id);
 }
 
 // ---------------------------------------------------------------- values
 
-ZPKeyExtra& ZPStore::extraOf(Id id) {
-    ZPKey& key = keys_[id];
-    if (key.extra == nullptr) {
-        key.extra = new ZPKeyExtra;
-        mayHaveExtras_ = true;
-    }
-    return *key.extra;
-}
-
 void ZPStore::dropValues(Id id, Kind kind) {
-    ZPKey& key = keys_[id];
-    if (key.extra != nullptr) {
-        key.extra->values[kind].drop(text_, ownValue(key, kind));
-    } else if (kind == plain) {
-        text_.drop(key.value);
-    }
+    ZPKeyExtra* const extra = keys_.extra(id);
+    ZPSlice own = ownValue(id, kind);
+    if (extra != nullptr)
+        extra->values[kind].drop(text_, &own);
+    else
+        text_.drop(own);
     if (kind == plain)
-        key.value = {0, 0};
+        keys_.setValue(id, {0, 0});
 }
 
 void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
@@ -422,24 +440,27 @@ void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
     requireLength(value.size);
     if (kind == hidden)
         noteHidden();
-    ZPKey& key = keys_[id];
     if (layerStart_ != none)
         forgetLowerValues(id, kind, false);
-    if (kind == plain && takesValue(key))
-        key.value = text_.append(value);
-    else
-        extraOf(id).values[kind].append(text_, ownValue(key, kind), value);
+    if (kind == plain && takesValue(id)) {
+        makeRoomForValue(id, value.size);
+        keys_.setValue(id, text_.append(value));
+    } else {
+        changeValues(id, kind,
+                     [&](ZPValues& values, ZPSlice* own) { values.append(text_, own, value); });
+    }
 }
 
 void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
     requireLength(value.size);
-    ZPKey& key = keys_[id];
     // The usual case: one plain value takes the place of another and fits into its room.
-    const bool isAlone = key.extra == nullptr || !(key.extra->values[plain].areHere() ||
-                                                   key.extra->values[hidden].areHere());
-    if (isAlone && kind == plain && value.size != 0 && key.value.length >= value.size &&
-        !keepsPlaces_) {
-        text_.overwrite(key.value, value);
+    const ZPKeyExtra* const extra = keys_.extra(id);
+    const bool isAlone =
+        extra == nullptr || !(extra->values[plain].areHere() || extra->values[hidden].areHere());
+    ZPSlice own = keys_.value(id);
+    if (isAlone && kind == plain && value.size != 0 && own.length >= value.size && !keepsPlaces_) {
+        text_.overwrite(own, value);
+        keys_.setValue(id, own);
         compactIfWorthwhile();
         return;
     }
@@ -447,12 +468,15 @@ void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
         noteHidden();
     if (value.size == 0) {
         dropValues(id, kind);
-    } else if (kind == hidden || key.extra != nullptr) {
-        extraOf(id).values[kind].replace(text_, ownValue(key, kind), value);
+    } else if (kind == hidden || extra != nullptr) {
+        changeValues(id, kind, [&](ZPValues& values, ZPSlice* place) {
+            values.replace(text_, place, value);
+        });
     } else {
+        makeRoomForValue(id, value.size);
         const ZPSlice fresh = text_.append(value);
         dropValues(id, plain);
-        key.value = fresh;
+        keys_.setValue(id, fresh);
     }
     // Last, for the value may be the text of one of these.
     dropValues(id, kind == plain ? hidden : plain);
@@ -464,13 +488,7 @@ void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
 ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
     if (kind == hidden)
         noteHidden();
-    const ZPKey& key = keys_[id];
-    ZPKeyExtra* extra = zloadMade(key.extra);
-    if (extra == nullptr) {
-        extra = zpublish(key.extra, std::unique_ptr<ZPKeyExtra>(new ZPKeyExtra));
-        __atomic_store_n(&mayHaveExtras_, true, __ATOMIC_RELAXED);
-    }
-    return extra->values[kind].list(text_, ownValue(key, kind));
+    return keys_.makeExtra(id).values[kind].list(text_, ownValue(id, kind));
 }
 
 ZArrayList* ZPStore::keyList(Id id) const {
@@ -478,8 +496,8 @@ ZArrayList* ZPStore::keyList(Id id) const {
     if (ZArrayList* list = stanza.keyList.get())
         return list;
     std::unique_ptr<ZArrayList> fresh(new ZArrayList(stanza.count, 1));
-    for (Id k = stanza.first; k != none; k = keys_[k].next)
-        addString(*fresh, text_.span(keys_[k].name));
+    for (Id k = stanza.first; k != none; k = keys_.next(k))
+        addString(*fresh, text_.span(keys_.name(k)));
     return stanza.keyList.publish(std::move(fresh));
 }
 
@@ -498,7 +516,7 @@ const char* ZPStore::nameText(Id id) {
             nameTexts_.push(nullptr);
     }
     if (nameTexts_[id] == nullptr) {
-        const ZSpan name = text_.span(keys_[id].name);
+        const ZSpan name = text_.span(keys_.name(id));
         char* copy = static_cast<char*>(malloc(name.size + 1));
         if (copy == nullptr)
             zraise(ZOutOfMemoryException());
@@ -526,12 +544,12 @@ ZPStore::Cursor::~Cursor() {
 ZPStore::Id ZPStore::Cursor::nextKey() const {
     if (stanza_ == none)
         return none;
-    return key_ == none ? store_.stanzas_[stanza_].first : store_.keys_[key_].next;
+    return key_ == none ? store_.stanzas_[stanza_].first : store_.keys_.next(key_);
 }
 
 void ZPStore::Cursor::moveTo(Id key) {
     zassert(store_.isInMap(key));
-    stanza_ = store_.keys_[key].stanza;
+    stanza_ = store_.keys_.stanza(key);
     key_ = key;
     isOnKey_ = true;
 }
@@ -548,13 +566,13 @@ void ZPStore::endCursors(Id stanza) {
 
 void ZPStore::follow(Id id) {
     zassert(isInMap(id));
-    ZPKeyExtra& extra = extraOf(id);
+    ZPKeyExtra& extra = keys_.makeExtra(id);
     unfollow(id);
     extra.isFollowed = true;
     extra.followedPrev = lastFollowed_;
     extra.followedNext = none;
     if (lastFollowed_ != none)
-        keys_[lastFollowed_].extra->followedNext = id;
+        keys_.extra(lastFollowed_)->followedNext = id;
     else
         firstFollowed_ = id;
     lastFollowed_ = id;
@@ -562,15 +580,15 @@ void ZPStore::follow(Id id) {
 }
 
 void ZPStore::unfollow(Id id) {
-    ZPKeyExtra* extra = keys_[id].extra;
+    ZPKeyExtra* extra = keys_.extra(id);
     if (extra == nullptr || !extra->isFollowed)
         return;
     if (extra->followedPrev != none)
-        keys_[extra->followedPrev].extra->followedNext = extra->followedNext;
+        keys_.extra(extra->followedPrev)->followedNext = extra->followedNext;
     else
         firstFollowed_ = extra->followedNext;
     if (extra->followedNext != none)
-        keys_[extra->followedNext].extra->followedPrev = extra->followedPrev;
+        keys_.extra(extra->followedNext)->followedPrev = extra->followedPrev;
     else
         lastFollowed_ = extra->followedPrev;
     extra->isFollowed = false;
@@ -587,7 +605,7 @@ void ZPStore::reserveForLines(size_t lines) {
     const size_t spare = lines / 4;
     keys_.reserveMore(1, lines + spare);
     lines_.reserve(1, lines + spare);
-    keyIndex_.reserveMore(lines + spare);
+    makeRoomInKeyIndex(lines + spare);
 }
 
 // The number of lines in three pieces tells roughly how many there are in all: the first lines of a
@@ -618,8 +636,7 @@ void ZPStore::reserveForText(size_t start) {
 }
 
 ZPStore::Id ZPStore::readHeader(ZPSlice name) {
-    stanzas_.reserveMore(1);
-    stanzaIndex_.reserveMore(1);
+    makeRoomForStanza();
     lines_.reserveGroup();
     Id stanza = findStanza(text_.span(name));
     zassert(stanza == none || !stanzas_[stanza].inMap);
@@ -656,9 +673,8 @@ void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
 // collected only for one without a value, or of the other kind.
 void ZPStore::forgetLowerValues(Id id, Kind kind, bool isEmpty) {
     const auto isLower = [&](Kind which) {
-        const ZPSlice* first =
-            which == hidden && !mayHaveHidden_ ? nullptr : placeOfValue(id, which, 0);
-        return first != nullptr && first->offset < layerStart_;
+        const ZPSlice first = placeOfValue(id, which, 0);
+        return first.length != 0 && first.offset < layerStart_;
     };
     const bool goes = !collects_ ? isLower(plain) || isLower(hidden)
                                  : isEmpty || isLower(kind == plain ? hidden : plain);
@@ -674,11 +690,14 @@ void ZPStore::forgetValuesAbove(Id id, bool isEmpty) {
     if (lastWins_ && collects) {
         // Of those before it only the last one can be this file's.
         const uint32_t count = values(id, plain).count();
-        const ZPSlice* last = count == 0 ? nullptr : placeOfValue(id, plain, count - 1);
-        if (last != nullptr && last->offset >= layerStart_ && keys_[id].extra == nullptr)
-            dropValues(id, plain);
-        else if (last != nullptr && last->offset >= layerStart_)
-            keys_[id].extra->values[plain].dropLast(text_, &keys_[id].value);
+        const ZPSlice last = count == 0 ? ZPSlice{0, 0} : placeOfValue(id, plain, count - 1);
+        if (last.length != 0 && last.offset >= layerStart_) {
+            if (keys_.extra(id) == nullptr)
+                dropValues(id, plain);
+            else
+                changeValues(id, plain,
+                             [&](ZPValues& values, ZPSlice* own) { values.dropLast(text_, own); });
+        }
     } else if (lastWins_ || (emptyResets_ && isEmpty)) {
         dropValues(id, plain);
     } else if (layerStart_ == none) {
@@ -694,11 +713,14 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     const Id stanza = lines_.group(group).stanza;
     isNew = id == none || !isInMap(id);
     if (isNew) {
-        if (id == none)
+        if (id == none) {
+            makeRoomForKey(name.length);
             id = newKey(stanza, name, hash);
+        }
+        makeRoomForValue(id, value.length);
         putIntoMap(id);
         noteLine(id, lines_.appendKey(group, id));
-        keys_[id].value = value;
+        keys_.setValue(id, value);
         return id;
     }
     if (layerStart_ != none)
@@ -706,11 +728,13 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     forgetValuesAbove(id, value.length == 0);
     if (value.length == 0)
         return id;
-    ZPKey& key = keys_[id];
-    if (takesValue(key))
-        key.value = value;
-    else
-        extraOf(id).values[plain].append(text_, &key.value, value);
+    if (takesValue(id)) {
+        makeRoomForValue(id, value.length);
+        keys_.setValue(id, value);
+    } else {
+        changeValues(id, plain,
+                     [&](ZPValues& values, ZPSlice* own) { values.append(text_, own, value); });
+    }
     return id;
 }
 
@@ -725,7 +749,7 @@ ZPStore::Id ZPStore::addGroup(Id stanza) {
 }
 
 void ZPStore::addHeader(Id stanza) {
-    lines_.reserve(1);
+    lines_.reserveAt(lastGroup());
     lines_.reserveGroup();
     lines_.appendBlank(lastGroup(), text_);
     addGroup(stanza);
@@ -741,10 +765,10 @@ void ZPStore::removeGroup(Id stanza) {
     lines_.forEach(id, [&](const ZPLine& line) {
         if (line.isComment())
             text_.drop(line.slice());
-        else if (line.isKey() && keys_[line.ref].line == kSeveralIds)
+        else if (line.isKey() && keys_.line(line.ref) == kSeveralIds)
             countLines(line.ref);
     });
-    for (Id l = group(id).first; l != none; l = line(l).next) {
+    for (Id l = group(id).first; l != none; l = nextLine(l)) {
         if (!line(l).isKey())
             continue;
         // A key without any line now is forgotten unless it is in the map. One of several lines of
@@ -752,8 +776,8 @@ void ZPStore::removeGroup(Id stanza) {
         const Id key = line(l).ref;
         if (isFree(key))
             continue;
-        if (keys_[key].line == l)
-            keys_[key].line = none;
+        if (keys_.line(key) == l)
+            keys_.setLine(key, none);
         freeKeyIfUnneeded(key);
     }
     lines_.removeGroup(id);
@@ -762,22 +786,21 @@ void ZPStore::removeGroup(Id stanza) {
 }
 
 void ZPStore::placeKeyLine(Id key) {
-    const ZPKey& record = keys_[key];
-    zassert(stanzas_[record.stanza].group != none);
-    noteLine(key,
-             lines_.placeKey(stanzas_[record.stanza].group, key, text_.span(record.name), text_));
+    const Id group = stanzas_[keys_.stanza(key)].group;
+    zassert(group != none);
+    noteLine(key, lines_.placeKey(group, key, text_.span(keys_.name(key)), text_));
 }
 
 void ZPStore::removeKeyLines(Id key) {
-    const Id line = keys_[key].line;
-    const Id group = stanzas_[keys_[key].stanza].group;
+    const Id line = keys_.line(key);
+    const Id group = stanzas_[keys_.stanza(key)].group;
     if (line == none || group == none) {
         freeKeyIfUnneeded(key);
         return;
     }
     if (line != kSeveralIds && lines_.group(group).nextOfStanza == none) {
         lines_.removeKey(group, line);
-        keys_[key].line = none;
+        keys_.setLine(key, none);
     } else {
         // Several lines, or several groups of one name: only those of the first group go.
         lines_.removeKeys(group, key);
@@ -792,18 +815,18 @@ void ZPStore::addStanzaComment(Id stanza, ZSpan comment) {
 }
 
 void ZPStore::addKeyComment(Id key, ZSpan comment) {
-    const ZSpan name = text_.span(keys_[key].name);
-    Id group = stanzas_[keys_[key].stanza].group;
+    const ZSpan name = text_.span(keys_.name(key));
+    Id group = stanzas_[keys_.stanza(key)].group;
     if (group == none)
         return;
     // The one line of the key is the first with its text behind the header, if the header is the
     // only one of that name; otherwise the walk decides, and it goes on into later stanzas.
-    Id found = keys_[key].line;
+    Id found = keys_.line(key);
     if (found == none || found == kSeveralIds || lines_.group(group).nextOfStanza != none) {
         found = none;
         while (found == none && group != none) {
-            for (Id l = lines_.group(group).first; found == none && l != none; l = line(l).next)
-                if (line(l).isKey() && isNamed(keys_[line(l).ref], name))
+            for (Id l = lines_.group(group).first; found == none && l != none; l = nextLine(l))
+                if (line(l).isKey() && isNamed(line(l).ref, name))
                     found = l;
             if (found == none)
                 group = lines_.group(group).next;
@@ -816,9 +839,9 @@ void ZPStore::addKeyComment(Id key, ZSpan comment) {
 // ---------------------------------------------------------------- other names
 
 void ZPStore::forgetLines(Id key) {
-    for (Id g = stanzas_[keys_[key].stanza].group; g != none; g = group(g).nextOfStanza)
+    for (Id g = stanzas_[keys_.stanza(key)].group; g != none; g = group(g).nextOfStanza)
         lines_.removeKeys(g, key);
-    keys_[key].line = none;
+    keys_.setLine(key, none);
     freeKeyIfUnneeded(key);
 }
 
@@ -839,26 +862,27 @@ static void renameIn(ZArrayList& list, ZSpan before, ZSpan name) {
 
 void ZPStore::renameKey(Id id, ZSpan name) {
     requireLength(name.size);
-    const Id stanza = keys_[id].stanza;
+    const Id stanza = keys_.stanza(id);
     const Id remembered = findKey(text_.span(stanzas_[stanza].name), name);
     zassert(isInMap(id) && (remembered == none || !isInMap(remembered)));
     text_.reserve(name.size);
+    if (name.size >= ZPKeys::kLong)
+        keys_.makeExtra(id);
     if (ZArrayList* list = stanzas_[stanza].keyList.get())
-        renameIn(*list, text_.span(keys_[id].name), name);
+        renameIn(*list, text_.span(keys_.name(id)), name);
     if (remembered != none)
         forgetLines(remembered);
-    ZPKey& key = keys_[id];
     for (Cursor* c = cursors_; c != nullptr; c = c->next_)
         if (c->key_ == id) {
-            c->key_ = key.prev;
+            c->key_ = keys_.prev(id);
             c->isOnKey_ = false;
         }
     dropNameText(id);
     // The place in the index that goes is room for the one that comes.
-    keyIndex_.remove(hashOf(id), id);
-    text_.drop(key.name);
-    key.name = text_.append(name);
-    keyIndex_.insert(hashOf(id), id, key.name.offset);
+    takeOutOfIndex(id);
+    text_.drop(keys_.name(id));
+    keys_.setName(id, text_.append(name));
+    keyIndex_.insert(hashOf(id), id, keys_.name(id).offset);
     compactIfWorthwhile();
 }
 
@@ -875,19 +899,19 @@ void ZPStore::renameStanza(Id id, ZSpan name) {
     // Keys are found by both names: all leave the index before any comes back.
     const auto forEachKey = [&](auto visit) {
         for (Id k = 0; k < keys_.end(); ++k)
-            if (keys_[k].stanza == id)
+            if (!isFree(k) && keys_.stanza(k) == id)
                 visit(k);
     };
-    forEachKey([&](Id k) { keyIndex_.remove(hashOf(k), k); });
+    forEachKey([&](Id k) { takeOutOfIndex(k); });
     ZPStanza& stanza = stanzas_[id];
-    stanzaIndex_.remove(znarrowHash(stanza.hash), id);
+    takeStanzaOutOfIndex(id);
     text_.drop(stanza.name);
     stanza.name = text_.append(name);
     stanza.hash = nameHash(name, true);
     memset(stanza.head, 0, sizeof stanza.head);
     memcpy(stanza.head, name.data, name.size < sizeof stanza.head ? name.size : sizeof stanza.head);
     stanzaIndex_.insert(znarrowHash(stanza.hash), id, stanza.name.offset);
-    forEachKey([&](Id k) { keyIndex_.insert(hashOf(k), k, keys_[k].name.offset); });
+    forEachKey([&](Id k) { keyIndex_.insert(hashOf(k), k, keys_.name(k).offset); });
     compactIfWorthwhile();
 }
 
@@ -896,17 +920,20 @@ void ZPStore::renameStanza(Id id, ZSpan name) {
 void ZPStore::checkInvariants() const {
     size_t used = 0;  // bytes of slices
     size_t keysSeen = 0, keysInMap = 0, stanzasInMap = 0;
-    keyIndex_.checkInvariants([&](Id id) { return keys_[id].name.offset; });
-    stanzaIndex_.checkInvariants([&](Id id) { return stanzas_[id].name.offset; });
+    keyIndex_.checkInvariants([&](Id id) { return keys_.name(id).offset; },
+                              [&](Id id) { return hashOf(id); });
+    stanzaIndex_.checkInvariants([&](Id id) { return stanzas_[id].name.offset; },
+                                 [&](Id id) { return znarrowHash(stanzas_[id].hash); });
     lines_.checkInvariants(text_);
     keyIndex_.forEach([&](Id id) {
         ++keysSeen;
-        const ZPKey& key = keys_[id];
+        const ZPKey key = keys_[id];
+        ZPKeyExtra* const extra = keys_.extra(id);
         used += key.name.length + key.value.length;
-        if (key.extra != nullptr)
+        if (extra != nullptr)
             for (Kind kind : {plain, hidden}) {
-                key.extra->values[kind].checkInvariants(ownValue(key, kind));
-                key.extra->values[kind].forEachSlice(
+                extra->values[kind].checkInvariants(kind == plain ? &key.value : nullptr);
+                extra->values[kind].forEachSlice(
                     [&](const ZPSlice& slice) { used += slice.length; });
             }
         ZPHOLDS(stanzas_[key.stanza].inUse);
@@ -915,10 +942,12 @@ void ZPStore::checkInvariants() const {
             ++keysInMap;
             ZPHOLDS(stanzas_[key.stanza].inMap);
         } else {
-            ZPHOLDS(key.line != none && key.extra == nullptr && key.value.length == 0);
+            ZPHOLDS(key.line != none && key.value.length == 0);
+            ZPHOLDS(keys_.next(id) == none && keys_.prev(id) == none);
         }
     });
     ZPHOLDS(keysSeen == keyIndex_.count());
+    keys_.checkInvariants();
     ZPHOLDS(keysSeen + keys_.countFree() == keys_.end());
     ZPHOLDS(stanzaIndex_.count() + stanzas_.countFree() == stanzas_.end());
     size_t chained = 0;
@@ -930,8 +959,8 @@ void ZPStore::checkInvariants() const {
         stanzasInMap += stanza.inMap ? 1 : 0;
         uint32_t count = 0;
         Id previous = none;
-        for (Id k = stanza.first; k != none; k = keys_[k].next) {
-            ZPHOLDS(keys_[k].stanza == id && keys_[k].prev == previous);
+        for (Id k = stanza.first; k != none; k = keys_.next(k)) {
+            ZPHOLDS(isInMap(k) && keys_.stanza(k) == id && keys_.prev(k) == previous);
             previous = k;
             ++count;
         }
@@ -943,11 +972,11 @@ void ZPStore::checkInvariants() const {
     });
     ZPHOLDS(chained == keysInMap && stanzasInMap == stanzasInMap_);
     for (Id g = 0; g != none; g = group(g).next) {
-        for (Id l = group(g).first; l != none; l = line(l).next) {
+        for (Id l = group(g).first; l != none; l = nextLine(l)) {
             if (line(l).isComment()) {
                 used += line(l).slice().length;
             } else if (line(l).isKey()) {
-                const ZPKey& key = keys_[line(l).ref];
+                const ZPKey key = keys_[line(l).ref];
                 ZPHOLDS(key.stanza == group(g).stanza);
                 ZPHOLDS(key.line == l || key.line == kSeveralIds);
             }
@@ -956,16 +985,16 @@ void ZPStore::checkInvariants() const {
     text_.checkInvariants(used);
     uint32_t items = 0;
     Id previous = none;
-    for (Id k = firstFollowed_; k != none; k = keys_[k].extra->followedNext) {
-        ZPHOLDS(isInMap(k) && keys_[k].extra->isFollowed &&
-                keys_[k].extra->followedPrev == previous);
+    for (Id k = firstFollowed_; k != none; k = keys_.extra(k)->followedNext) {
+        ZPHOLDS(isInMap(k) && keys_.extra(k)->isFollowed &&
+                keys_.extra(k)->followedPrev == previous);
         previous = k;
         ++items;
     }
     ZPHOLDS(items == followedCount_ && lastFollowed_ == previous);
     for (const Cursor* c = cursors_; c != nullptr; c = c->next_) {
         ZPHOLDS(c->stanza_ != none || c->key_ == none);
-        ZPHOLDS(c->key_ == none || (isInMap(c->key_) && keys_[c->key_].stanza == c->stanza_));
+        ZPHOLDS(c->key_ == none || (isInMap(c->key_) && keys_.stanza(c->key_) == c->stanza_));
         ZPHOLDS(c->key_ != none || !c->isOnKey_);
     }
 }

@@ -6,12 +6,13 @@
 //
 //   text_      one block of bytes (zptext.h): names, values and comments are slices of it. It is
 //              written anew when more than half of it is unused.
-//   keys_      a 40-byte record a key: name, the value if there is exactly one plain value, its
-//              line, its neighbours in the stanza's key order. What few keys have (several values,
-//              hidden values, lists that were handed out) hangs on it as a ZPKeyExtra.
-//   keyIndex_  from the hash of stanza and key together (zpindex.h), so that finding a value is one
-//              probe, whatever the number of stanzas or keys. It knows where the name stands too:
-//              at a million keys record and name, two cache misses, are fetched together.
+//   keys_      a 20-byte record a key (zpkeys.h): name, the value if there is exactly one plain
+//              value, its line. The chain of a stanza's keys is told by their numbers (zplinks.h)
+//              and takes room only where it was changed. What few keys have (several values, hidden
+//              values, lists that were handed out) hangs on it as a ZPKeyExtra.
+//   keyIndex_  from the hash of stanza and key together (zpnameindex.h), so that finding a value is
+//              one probe, whatever the number of stanzas or keys. It knows where the name stands
+//              too: at a million keys record and name, two cache misses, are fetched together.
 //   lines_     the lines of the file (zplines.h): a key line names its key's record
 //
 // Invariants, checked by checkInvariants():
@@ -49,28 +50,11 @@
 #include "ZList.h"
 #include "zdialecttext.h"
 #include "zoldtext.h"
-#include "zpindex.h"
+#include "zpkeys.h"
+#include "zpnameindex.h"
 #include "zplines.h"
 #include "zptext.h"
 #include "zpvalues.h"
-
-/// What few keys have.
-struct ZPKeyExtra : ZAllocated {
-    ZPValues values[2];  // by ZPStore::Kind
-    // Among the keys that the side database follows.
-    ZPId followedNext = kNoId, followedPrev = kNoId;
-    bool isFollowed = false;
-};
-
-struct ZPKey {
-    ZPSlice name;
-    ZPSlice value;  // the one plain value; length 0: none here
-    ZPId stanza;
-    ZPId line;
-    ZPId next, prev;  // in the stanza's key order; next is ZPStore::outsideMap for one that isn't
-    mutable ZPKeyExtra* extra;
-};
-static_assert(sizeof(ZPKey) == 32 + sizeof(void*), "keys are to be small");
 
 struct ZPStanza {
     ZPSlice name;
@@ -93,11 +77,11 @@ typedef std::unique_ptr<char, ZPFree> ZPNameText;
 class ZPContent {
 protected:
     ZPText text_;
-    ZPPool<ZPKey, &ZPKey::line> keys_;
+    ZPKeys keys_;
     ZPPool<ZPStanza, &ZPStanza::first> stanzas_;
     ZPLines lines_;
-    ZPIndex keyIndex_;
-    ZPIndex stanzaIndex_;
+    ZPNameIndex keyIndex_;
+    ZPNameIndex stanzaIndex_;
     uint32_t stanzasInMap_ = 0;
     ZPId firstFollowed_ = kNoId, lastFollowed_ = kNoId;
     uint32_t followedCount_ = 0;
@@ -114,16 +98,14 @@ protected:
     uint32_t layerStart_ = kNoId;
     bool keepsPlaces_ = false;
     bool collects_ = false;
-    // Set by whoever makes room for hidden values, or for any ZPKeyExtra, and never taken back.
+    // Set by whoever makes room for hidden values, and never taken back.
     mutable bool mayHaveHidden_ = false;
-    mutable bool mayHaveExtras_ = false;
 };
 
 class ZPStore : public ZAllocated, private ZPContent {
 public:
     typedef ZPId Id;
     static constexpr Id none = kNoId;
-    static constexpr Id outsideMap = 0xFFFFFFFEu;
 
     enum Kind { plain = 0, hidden = 1 };
     static constexpr uint32_t kBare = 0xFFFFFFFFu;  // the offset of no value, of a bare key
@@ -161,7 +143,6 @@ public:
     ZPStore() {}
     /// Copies stanzas, keys, values and lines; the copy's side database follows no keys.
     ZPStore(const ZPStore& other);
-    ~ZPStore();
     ZPStore& operator=(const ZPStore&) = delete;
 
     /// What is read is of this dialect, and names are found by all spellings that it takes for the
@@ -224,7 +205,7 @@ public:
     }
     /// All ids of keys are below.
     Id keyEnd() const { return keys_.end(); }
-    bool isInMap(Id key) const { return keys_[key].next != outsideMap; }
+    bool isInMap(Id key) const { return keys_.isInMap(key); }
     /// Puts the key into the map, if it isn't there yet, without values.
     Id createKey(Id stanza, ZSpan key);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
@@ -233,10 +214,9 @@ public:
     // --- Values ---
 
     ZPValueView values(Id id, Kind kind) const {
-        const ZPSlice* own = ownValue(keys_[id], kind);
-        const ZPKeyExtra* extra = zloadMade(keys_[id].extra);
-        return extra == nullptr ? ZPValues::viewOfOwn(text_, own)
-                                : extra->values[kind].view(text_, own);
+        const ZPSlice own = ownValue(id, kind);
+        const ZPKeyExtra* extra = keys_.extra(id);
+        return extra == nullptr ? ZPValueView(text_, own) : extra->values[kind].view(text_, own);
     }
     /// Which kind a look-up of any kind answers with: plain unless only hidden values are there.
     Kind anyKind(Id key) const {
@@ -252,8 +232,8 @@ public:
 
     /// Whether the key stands there without a divider, and so has no values.
     bool isBare(Id key) const {
-        return keys_[key].value.length == 0 && keys_[key].value.offset == kBare &&
-               values(key, plain).count() == 0;
+        const ZPSlice value = keys_.value(key);
+        return value.length == 0 && value.offset == kBare && values(key, plain).count() == 0;
     }
     /// Makes it such a key.
     void setBare(Id key) {
@@ -264,13 +244,13 @@ public:
     /// Likewise one that has just been read, if it has no values.
     void markBare(Id key) {
         if (values(key, plain).count() == 0)
-            keys_[key].value = {kBare, 0};
+            keys_.setValue(key, {kBare, 0});
     }
 
     /// It has a divider from here on.
     void unmarkBare(Id key) {
-        if (keys_[key].value.length == 0)
-            keys_[key].value = {0, 0};
+        if (keys_.value(key).length == 0)
+            keys_.setValue(key, {0, 0});
     }
 
     /// The list object of these values; made at first use.
@@ -289,7 +269,7 @@ public:
     void follow(Id key);  // as the last, also if it is among them already
     void unfollow(Id key);
     Id firstFollowed() const { return firstFollowed_; }
-    Id nextFollowed(Id key) const { return keys_[key].extra->followedNext; }
+    Id nextFollowed(Id key) const { return keys_.extra(key)->followedNext; }
     uint32_t followedCount() const { return followedCount_; }
 
     // --- Lines ---
@@ -313,7 +293,7 @@ public:
         lines_.removeComments(group, first, end, text_);
         compactIfWorthwhile();
     }
-    bool hasLine(Id key) const { return keys_[key].line != none; }
+    bool hasLine(Id key) const { return keys_.line(key) != none; }
 
     // --- Other names, and lines of another kind ---
 
@@ -350,7 +330,12 @@ public:
     Id firstGroup() const { return 0; }
     const ZPGroup& group(Id id) const { return lines_.group(id); }
     const ZPLine& line(Id id) const { return lines_.line(id); }
-    const ZPKey& key(Id id) const { return keys_[id]; }
+    /// The neighbours of a line in its group, or none.
+    Id nextLine(Id line) const { return lines_.next(line); }
+    Id prevLine(Id line) const { return lines_.prev(line); }
+    ZPKey key(Id id) const { return keys_[id]; }
+    /// The next in the stanza's key order, or none.
+    Id nextKey(Id key) const { return keys_.next(key); }
     const ZPStanza& stanza(Id id) const { return stanzas_[id]; }
     const ZPText& text() const { return text_; }
     const char* text(size_t offset) const { return text_.at(offset); }
@@ -379,14 +364,13 @@ public:
     /// if this file has had one already. The name is spelled as the stanza's.
     Id readHeaderAgain(Id stanza, ZPSlice name);
     /// Where the values of a key stand in the text, or stood when they were read: those that were
-    /// set since have other bytes there, or stand behind all that was read.
-    const ZPSlice* placeOfValue(Id id, Kind kind, uint32_t index) const {
-        const ZPKey& key = keys_[id];
-        const ZPSlice* own = ownValue(key, kind);
-        const ZPKeyExtra* extra = zloadMade(key.extra);
+    /// set since have other bytes there, or stand behind all that was read. Length 0: there is
+    /// none.
+    ZPSlice placeOfValue(Id id, Kind kind, uint32_t index) const {
+        const ZPKeyExtra* extra = keys_.extra(id);
         if (extra != nullptr && extra->values[kind].slice(index) != nullptr)
-            return extra->values[kind].slice(index);
-        return own != nullptr && own->length != 0 && index == 0 ? own : nullptr;
+            return *extra->values[kind].slice(index);
+        return index == 0 ? ownValue(id, kind) : ZPSlice{0, 0};
     }
 
     // --- For the reader, which has the file's bytes in the text block already ---
@@ -410,36 +394,38 @@ public:
     /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
     /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
     Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
-        if (keyIndex_.isFull() || keys_.isFull() || lines_.isFull()) {
-            makeRoomForKey();
-            lines_.reserve(1);
-        }
+        if (keyIndex_.isFull() || keys_.isFull() || !lines_.hasRoomAt(group))
+            makeRoomToRead(group);
         const Id stanzaId = lines_.group(group).stanza;
         const ZSpan bytes = text_.span(name);
         size_t slot;
         const Id found = keyIndex_.findOrPlace(hash, slot, [&](Id candidate, uint32_t) {
-            const ZPKey& key = keys_[candidate];
-            return key.stanza == stanzaId && isNamed(key, bytes);
+            return keys_.stanza(candidate) == stanzaId && isNamed(candidate, bytes);
         });
         ZPStanza& stanza = stanzas_[stanzaId];
-        if (found != none || stanza.keyList.get() != nullptr)
+        const bool isUsual = found == none && stanza.keyList.get() == nullptr &&
+                             keys_.takesBehind(stanza.last) &&
+                             (name.length | value.length) < ZPKeys::kLong;
+        if (!isUsual)
             return readEntrySlowly(group, name, value, hash, found, isNew);
-        // The usual case, all in one: a new key at the end of its stanza and group.
-        const Id id = keys_.take({name, value, stanzaId, none, none, stanza.last, nullptr});
+        // All in one: a new key at the end of its stanza and group.
+        const Id id = keys_.take(name, value, stanzaId, lines_.appendKey(group, keys_.nextId()));
         keyIndex_.insertAt(slot, hash, id, name.offset);
-        *(stanza.last == none ? &stanza.first : &keys_[stanza.last].next) = id;
+        if (stanza.last == none)
+            stanza.first = id;
+        else
+            keys_.connect(stanza.last, id);
         stanza.last = id;
         ++stanza.count;
-        keys_[id].line = lines_.appendKey(group, id);
         isNew = true;
         return id;
     }
     void readComment(Id group, ZPSlice comment) {
-        lines_.reserve(1);
+        lines_.reserveAt(group);
         lines_.appendComment(group, comment, text_);
     }
     void readBlank(Id group) {
-        lines_.reserve(1);
+        lines_.reserveAt(group);
         lines_.appendBlank(group, text_);
     }
     Id lastGroup() const { return lines_.lastGroup(); }
@@ -467,10 +453,10 @@ private:
                        name.size) == 0) ||
                (folds_ && foldAlike(text_.span(stanza.name), name, true));
     }
-    bool isNamed(const ZPKey& key, ZSpan name) const {
-        return (key.name.length == name.size &&
-                memcmp(text(key.name), name.data, name.size) == 0) ||
-               (folds_ && foldAlike(text_.span(key.name), name, false));
+    bool isNamed(Id key, ZSpan name) const {
+        const ZPSlice own = keys_.name(key);
+        return (own.length == name.size && memcmp(text(own), name.data, name.size) == 0) ||
+               (folds_ && foldAlike(text_.span(own), name, false));
     }
     uint64_t nameHash(ZSpan name, bool isStanza) const {
         return folds_ ? foldedHash(name, isStanza) : zhashOf(name);
@@ -483,19 +469,37 @@ private:
     Id newKey(Id stanza, ZPSlice name, uint32_t hash);
     void putStanzaIntoMap(Id stanza);
     void putIntoMap(Id key);
-    void makeRoomForKey();
+    void makeRoomForKey(size_t nameLength);
+    void makeRoomToRead(Id group);
+    void makeRoomInKeyIndex(size_t keys);
+    void makeRoomForStanza();
+    void takeOutOfIndex(Id key);
+    void takeStanzaOutOfIndex(Id stanza);
     void freeKeyIfUnneeded(Id key);
     void freeStanzaIfUnneeded(Id stanza);
-    ZPKeyExtra& extraOf(Id key);
-    /// The record's room for a value of this kind.
-    static const ZPSlice* ownValue(const ZPKey& key, Kind kind) {
-        return kind == plain ? &key.value : nullptr;
+    ZPSlice ownValue(Id key, Kind kind) const {
+        return kind == plain ? keys_.value(key) : ZPSlice{0, 0};
     }
-    static ZPSlice* ownValue(ZPKey& key, Kind kind) { return kind == plain ? &key.value : nullptr; }
+    /// Calls change(values, own) with what the key has of this kind, for changes of both.
+    template <typename Change>
+    void changeValues(Id key, Kind kind, Change change) {
+        ZPValues& values = keys_.makeExtra(key).values[kind];
+        if (kind == hidden)
+            return change(values, static_cast<ZPSlice*>(nullptr));
+        ZPSlice own = keys_.value(key);
+        change(values, &own);
+        keys_.setValue(key, own);
+    }
     /// Whether the record itself takes the next plain value.
-    static bool takesValue(const ZPKey& key) {
-        return key.value.length == 0 &&
-               (key.extra == nullptr || !key.extra->values[plain].areHere());
+    bool takesValue(Id key) const {
+        const ZPKeyExtra* extra = keys_.extra(key);
+        return keys_.value(key).length == 0 &&
+               (extra == nullptr || !extra->values[plain].areHere());
+    }
+    /// Makes room for a plain value that the record is to have.
+    void makeRoomForValue(Id key, size_t length) {
+        if (length >= ZPKeys::kLong)
+            keys_.makeExtra(key);
     }
     void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
     void dropValues(Id key, Kind kind);
@@ -511,12 +515,12 @@ private:
     Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {
-        keys_[key].line = keys_[key].line == none ? line : kSeveralIds;
+        keys_.setLine(key, keys_.line(key) == none ? line : kSeveralIds);
     }
     void countLines(Id key) {
-        keys_[key].line = lines_.lineOfKey(stanzas_[keys_[key].stanza].group, key);
+        keys_.setLine(key, lines_.lineOfKey(stanzas_[keys_.stanza(key)].group, key));
     }
-    bool isFree(Id key) const { return keys_[key].stanza == none; }
+    bool isFree(Id key) const { return keys_.isFree(key); }
 
     int readError_ = 0;
     Cursor* cursors_ = nullptr;

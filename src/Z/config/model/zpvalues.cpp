@@ -23,12 +23,12 @@ void ZPValueView::copyTo(ZArrayList& list) const {
         return;
     }
     for (uint32_t i = 0; i < count_; ++i)
-        addString(list, text_->span(slices_[i]));
+        addString(list, (*this)[i]);
 }
 
 // ---------------------------------------------------------------- ZPValues
 
-ZArrayList* ZPValues::list(const ZPText& text, const ZPSlice* own) const {
+ZArrayList* ZPValues::list(const ZPText& text, ZPSlice own) const {
     ZArrayList* made = list_.get();
     if (made != nullptr)
         return made;

@@ -26,14 +26,21 @@ public:
     explicit ZPValueView(const ZArrayList& list) : list_(&list), count_(list.size()) {}
     ZPValueView(const ZPText& text, const ZPSlice* slices, size_t count)
         : text_(&text), slices_(slices), count_(static_cast<uint32_t>(count)) {}
+    /// One value, or none of length 0.
+    ZPValueView(const ZPText& text, ZPSlice only)
+        : text_(&text), only_(only), count_(only.length != 0) {}
 
     uint32_t count() const { return count_; }
     /// Null data: a member of a list that was handed out is null.
     ZSpan operator[](uint32_t i) const {
-        return list_ == nullptr ? text_->span(slices_[i]) : textOfMember(i);
+        return list_ == nullptr ? text_->span(slices_ == nullptr ? only_ : slices_[i])
+                                : textOfMember(i);
     }
-    /// The one value's slice, or null: there isn't just one value, or it has none.
-    const ZPSlice* onlySlice() const { return list_ == nullptr && count_ == 1 ? slices_ : nullptr; }
+    /// The one value's slice; null if there isn't just one value, or it has none. As long as this
+    /// is there.
+    const ZPSlice* onlySlice() const {
+        return list_ != nullptr || count_ != 1 ? nullptr : slices_ == nullptr ? &only_ : slices_;
+    }
     /// Adds copies of all at the end of a list that owns its members.
     void copyTo(ZArrayList& list) const;
 
@@ -43,29 +50,27 @@ private:
 
     const ZArrayList* list_ = nullptr;
     const ZPText* text_ = nullptr;
-    const ZPSlice* slices_ = nullptr;
+    const ZPSlice* slices_ = nullptr;  // null: the one
+    ZPSlice only_ = {0, 0};
     uint32_t count_ = 0;
 };
 
-/// `own` is the record's room for one value, of length 0 while it has none; null for hidden values.
+/// `own` is the record's room for one value, of length 0 while it has none; null for hidden values
+/// where they change.
 /// Raises ZOutOfMemoryException before anything has changed.
 class ZPValues {
 public:
     /// Whether the values are here, and not in the record.
     bool areHere() const { return list_.get() != nullptr || slices_.size() != 0; }
-    ZPValueView view(const ZPText& text, const ZPSlice* own) const {
+    ZPValueView view(const ZPText& text, ZPSlice own) const {
         const ZArrayList* list = list_.get();
         if (list != nullptr)
             return ZPValueView(*list);
-        return slices_.size() == 0 ? viewOfOwn(text, own)
+        return slices_.size() == 0 ? ZPValueView(text, own)
                                    : ZPValueView(text, slices_.data(), slices_.size());
     }
-    /// The same of a key that has no ZPValues.
-    static ZPValueView viewOfOwn(const ZPText& text, const ZPSlice* own) {
-        return own == nullptr || own->length == 0 ? ZPValueView() : ZPValueView(text, own, 1);
-    }
     /// The list of them; made at first use, also by look-ups side by side.
-    ZArrayList* list(const ZPText& text, const ZPSlice* own) const;
+    ZArrayList* list(const ZPText& text, ZPSlice own) const;
 
     /// One more value, from outside or in the text already.
     void append(ZPText& text, ZPSlice* own, ZSpan value);

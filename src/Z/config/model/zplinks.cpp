@@ -1,0 +1,103 @@
+#include "zplinks.h"
+
+#include "zpholds.h"
+
+void ZPLinks::growBits(size_t records) {
+    const size_t words = records / kBits + 1;
+    bits_.reserveMore(words - bits_.size());
+    while (bits_.size() < words)
+        bits_.push(0);
+}
+
+void ZPLinks::growTable(size_t more) {
+    if (!tryToGrowTable(more))
+        zraise(ZOutOfMemoryException());
+}
+
+bool ZPLinks::tryToGrowTable(size_t more) {
+    size_t capacity = table_.capacity == 0 ? size_t(16) : table_.capacity;
+    while (capacity / 2 < table_.count + more)
+        capacity *= 2;
+    Table grown;
+    if (capacity < UINT32_MAX / 2)
+        grown.slots = static_cast<Slot*>(calloc(capacity, sizeof(Slot)));
+    if (grown.slots == nullptr)
+        return false;
+    grown.capacity = static_cast<uint32_t>(capacity);
+    grown.limit = static_cast<uint32_t>(capacity / 2);
+    grown.count = table_.count;
+    std::swap(table_, grown);
+    for (size_t i = 0; i < grown.capacity; ++i)
+        if (grown.slots[i].idPlusOne != 0)
+            table_.slots[slotOf(grown.slots[i].idPlusOne - 1)] = grown.slots[i];
+    free(grown.slots);
+    return true;
+}
+
+void ZPLinks::unlink(ZPId id) noexcept {
+    const ZPId before = prev(id), behind = next(id);
+    const bool isEnd = before == kNoId || behind == kNoId;
+    if (!isEnd && table_.limit - table_.count < 2 && !tryToGrowTable(2)) {
+        bits_[id / kBits] |= bit(id) << kBits;
+        ++deadCount_;
+        return;
+    }
+    connect(before, behind);
+    forget(id);
+}
+
+// Others may have closed the gap around it meanwhile: then nothing leads to it any more.
+void ZPLinks::bury(ZPId id) {
+    reserveChanges(1);
+    const ZPId before = prev(id), behind = next(id);
+    if (before != kNoId ? next(before) == behind : behind != kNoId && prev(behind) == kNoId)
+        connect(before, behind);
+    forget(id);
+    bits_[id / kBits] &= ~(bit(id) << kBits);
+    --deadCount_;
+}
+
+void ZPLinks::set(ZPId id, ZPId Slot::*side, ZPId other) {
+    if (other == kNoId && table_.count == 0)
+        return;
+    const size_t at = slotOf(id);
+    Slot& slot = table_.slots[at];
+    if (slot.idPlusOne == 0) {
+        if (other == kNoId)
+            return;
+        zassert(table_.count < table_.limit);
+        slot = {id + 1, kNoId, kNoId};
+        ++table_.count;
+    }
+    slot.*side = other;
+    if (slot.next == kNoId && slot.prev == kNoId)
+        remove(at);
+}
+
+// Whatever follows in the run and may stand in the hole moves there.
+void ZPLinks::remove(size_t hole) {
+    const size_t mask = table_.capacity - 1;
+    table_.slots[hole].idPlusOne = 0;
+    --table_.count;
+    for (size_t i = (hole + 1) & mask; table_.slots[i].idPlusOne != 0; i = (i + 1) & mask) {
+        const Slot moved = table_.slots[i];
+        table_.slots[i].idPlusOne = 0;
+        table_.slots[slotOf(moved.idPlusOne - 1)] = moved;
+    }
+}
+
+void ZPLinks::checkInvariants() const {
+    size_t count = 0;
+    for (size_t i = 0; i < table_.capacity; ++i) {
+        const Slot& slot = table_.slots[i];
+        if (slot.idPlusOne == 0)
+            continue;
+        ++count;
+        const ZPId id = slot.idPlusOne - 1;
+        ZPHOLDS(slotOf(id) == i);
+        ZPHOLDS(slot.next != kNoId || slot.prev != kNoId);
+        ZPHOLDS(!isJoined(id) || slot.next == kNoId);
+        ZPHOLDS(id == 0 || !isJoined(id - 1) || slot.prev == kNoId);
+    }
+    ZPHOLDS(count == table_.count && count <= table_.limit && table_.limit * 2 == table_.capacity);
+}

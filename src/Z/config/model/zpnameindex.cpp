@@ -1,0 +1,25 @@
+#include "zpnameindex.h"
+
+// An empty table with room for `count` entries: at most seven eighths full, since a probe reads
+// eight slots of one cache line and hardly ever looks at a wrong record; grown by doubling, or at
+// once to what a load announces.
+void ZPNameIndex::allocate(size_t count, const State& before) {
+    static const uint32_t kMostIdBits = 30, kStepBits = 4;
+    size_t wanted = count + count / 7 + 16;  // seven eighths of it hold count
+    if (before.count != 0 && wanted < static_cast<size_t>(before.capacity) * 2)
+        wanted = static_cast<size_t>(before.capacity) * 2;
+    if (wanted >= size_t(1) << kMostIdBits || wanted > SIZE_MAX / sizeof(Slot))
+        zraise(ZOutOfMemoryException());
+    const size_t bytes = wanted * sizeof(Slot);
+    state_.slots = static_cast<Slot*>(zrequireMemory(malloc(bytes)));
+    zadviseSpread(state_.slots, bytes);
+    zfetchPages(state_.slots, 0, bytes);
+    memset(static_cast<void*>(state_.slots), 0, bytes);
+    state_.capacity = static_cast<uint32_t>(wanted);
+    state_.limit = static_cast<uint32_t>(wanted / 8 * 7);
+    while (state_.limit >> state_.idBits != 0)
+        ++state_.idBits;
+    const uint32_t left = 32 - state_.idBits;
+    state_.far = (uint32_t(1) << (left < kStepBits ? left : kStepBits)) - 1;
+    state_.tags = ((uint32_t(1) << left) - 1) & ~state_.far;
+}
