@@ -180,6 +180,8 @@ public:
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.
     ZPId nextId() const { return free_ != kNoId ? free_ : end(); }
+    /// Whether there is room, and the next to be taken comes at the end.
+    bool isReadyAtEnd() const { return free_ == kNoId && !records_.isFull(); }
 
     /// Needs room made before.
     ZPId take(T&& record) {

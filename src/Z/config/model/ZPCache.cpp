@@ -172,6 +172,14 @@ int ZPCategoryBasedCache::lastValue(const char* category, const char* key, const
     const Id id = findKey(store(), category, key);
     if (id == ZPStore::none)
         return 0;
+    if (store().areValuesSimple()) {
+        const ZPSlice only = store().simpleValue(id);
+        if (only.length == 0)
+            return 0;
+        text = store().text(only);
+        length = only.length;
+        return 1;
+    }
     const ZPValueView values = store().values(id, store().anyKind(id));
     if (values.count() == 0)
         return 0;

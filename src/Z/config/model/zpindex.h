@@ -31,7 +31,7 @@ constexpr uint64_t kHashB = 0xD6E8FEB86659FD93u;
 /// The hash of a name whose bytes are taken eight at a time by `map`, which changes each by itself
 /// and leaves zero as it is.
 template <typename Map>
-inline uint64_t zhashOfMapped(ZSpan name, Map map) {
+__attribute__((always_inline)) inline uint64_t zhashOfMapped(ZSpan name, Map map) {
     const auto load = [&map](const char* from, auto value) {
         memcpy(&value, from, sizeof value);
         return map(static_cast<uint64_t>(value));
@@ -58,7 +58,7 @@ inline uint64_t zhashOfMapped(ZSpan name, Map map) {
 }
 
 /// The hash of a name.
-inline uint64_t zhashOf(ZSpan name) {
+__attribute__((always_inline)) inline uint64_t zhashOf(ZSpan name) {
     return zhashOfMapped(name, [](uint64_t eight) { return eight; });
 }
 

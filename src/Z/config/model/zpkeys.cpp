@@ -10,8 +10,16 @@ ZPKeys::~ZPKeys() {
     free(directory_);
 }
 
-void ZPKeys::reserveMore(size_t more, size_t spare) {
-    records_.reserveMore(more, spare);
+ZPKeyExtra* ZPKeys::extraIn(const Directory* directory, ZPId id) {
+    const Chunk* chunk = zloadMade(directory->chunks[id / kChunk]);
+    return chunk == nullptr ? nullptr : zloadMade(chunk->extras[id % kChunk]);
+}
+
+void ZPKeys::setLongValue(ZPId id, uint32_t length) { extra(id)->valueLength = length; }
+uint32_t ZPKeys::longName(ZPId id) const { return extra(id)->nameLength; }
+uint32_t ZPKeys::longValue(ZPId id) const { return extra(id)->valueLength; }
+
+void ZPKeys::coverByDirectory() {
     if (directory_ == nullptr || records_.end() + records_.room() <= directory_->size * kChunk)
         return;
     Directory* const grown = newDirectory();

@@ -48,17 +48,20 @@ public:
         const Record& record = records_[id];
         return {name(id), value(id), record.stanza(), record.line};
     }
-    ZPSlice name(ZPId id) const {
+    __attribute__((always_inline)) ZPSlice name(ZPId id) const {
         const Record& record = records_[id];
-        if (__builtin_expect(record.nameLength == kLong, 0))
-            return {record.name, extra(id)->nameLength};
-        return {record.name, record.nameLength};
+        const uint32_t length = record.nameLength;
+        return {record.name, __builtin_expect(length == kLong, 0) ? longName(id) : length};
     }
-    ZPSlice value(ZPId id) const {
+    __attribute__((always_inline)) ZPSlice value(ZPId id) const {
         const Record& record = records_[id];
-        if (__builtin_expect(record.valueLength == kLong, 0))
-            return {record.value, extra(id)->valueLength};
-        return {record.value, record.valueLength};
+        const uint32_t length = record.valueLength;
+        return {record.value, __builtin_expect(length == kLong, 0) ? longValue(id) : length};
+    }
+    /// Whether the name is of this length.
+    bool hasLength(ZPId id, size_t length) const {
+        return __builtin_expect(length < kLong, 1) ? records_[id].nameLength == length
+                                                   : name(id).length == length;
     }
     ZPId stanza(ZPId id) const { return records_[id].stanza(); }
     ZPId line(ZPId id) const { return records_[id].line; }
@@ -74,12 +77,12 @@ public:
         if (record.nameLength == kLong)
             extra(id)->nameLength = name.length;
     }
-    void setValue(ZPId id, ZPSlice value) {
+    __attribute__((always_inline)) void setValue(ZPId id, ZPSlice value) {
         Record& record = records_[id];
         record.value = value.offset;
         record.valueLength = shortened(value.length);
-        if (record.valueLength == kLong)
-            extra(id)->valueLength = value.length;
+        if (__builtin_expect(record.valueLength == kLong, 0))
+            setLongValue(id, value.length);
     }
     void setLine(ZPId id, ZPId line) { records_[id].line = line; }
     void setInMap(ZPId id, bool isInMap) {
@@ -90,23 +93,34 @@ public:
 
     /// All ids are below.
     ZPId end() const { return records_.end(); }
-    void reserveMore(size_t more, size_t spare = 0);
-    bool isFull() const { return records_.isFull(); }
+    /// Very many are about to be read. Requires: there are none.
+    void expectMany() { records_.expectMany(); }
+    /// Room for keys that are read, and `spare` that may come later; and for others.
+    void reserveToRead(size_t more, size_t spare = 0) {
+        records_.reserveToRead(more, spare);
+        coverByDirectory();
+    }
+    void reserveMore(size_t more) {
+        records_.reserveMore(more);
+        coverByDirectory();
+    }
     /// Which will be the next to be taken.
     ZPId nextId() const { return records_.nextId(); }
     /// A key that isn't in the map, without value and line. Needs room, and an extra of nextId() if
     /// the name is long.
-    ZPId take(ZPSlice name, ZPId stanza) {
-        const ZPId id =
-            records_.take({name.offset, 0, shortened(name.length), 0, stanza << 1, kNoId});
+    ZPId take(ZPSlice name, ZPId stanza, bool isRead) {
+        Record fresh = {name.offset, 0, shortened(name.length), 0, stanza << 1, kNoId};
+        const ZPId id = records_.take(std::move(fresh), isRead);
         if (name.length >= kLong)
             setName(id, name);
         return id;
     }
-    /// A key of the map with a line. Neither is long. Needs room.
-    ZPId take(ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
-        return records_.take({name.offset, value.offset, static_cast<uint16_t>(name.length),
-                              static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
+    /// A key of the map with a line, behind another or none. Nothing is long. Requires:
+    /// isReadyBehind().
+    ZPId takeBehind(ZPId before, ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
+        return records_.takeBehind(before,
+                                   {name.offset, value.offset, static_cast<uint16_t>(name.length),
+                                    static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
     }
     /// Its neighbours are connected already.
     void giveBack(ZPId id) {
@@ -121,21 +135,18 @@ public:
     ZPId next(ZPId id) const { return records_.next(id); }
     ZPId prev(ZPId id) const { return records_.prev(id); }
     void reserveChanges(size_t changes) { records_.reserveChanges(changes); }
-    bool takesBehind(ZPId id) const { return records_.takesBehind(id); }
+    bool isReadyBehind(ZPId id) const { return records_.isReadyBehind(id); }
     void connect(ZPId before, ZPId behind) { records_.connect(before, behind); }
-    void unlink(ZPId id) noexcept { records_.unlink(id); }
+    ZPLinks::Neighbours unlink(ZPId id) noexcept { return records_.unlink(id); }
     void prepare(ZPId id) { records_.prepare(id); }
 
     // --- Extras ---
 
     bool mayHaveExtras() const { return zloadMade(directory_) != nullptr; }
     /// Null: it has none.
-    ZPKeyExtra* extra(ZPId id) const {
+    __attribute__((always_inline)) ZPKeyExtra* extra(ZPId id) const {
         const Directory* directory = zloadMade(directory_);
-        if (directory == nullptr)
-            return nullptr;
-        const Chunk* chunk = zloadMade(directory->chunks[id / kChunk]);
-        return chunk == nullptr ? nullptr : zloadMade(chunk->extras[id % kChunk]);
+        return __builtin_expect(directory == nullptr, 1) ? nullptr : extraIn(directory, id);
     }
     /// Made at first use.
     ZPKeyExtra& makeExtra(ZPId id) const;
@@ -166,6 +177,10 @@ private:
         Chunk* chunks[1];
     };
 
+    static ZPKeyExtra* extraIn(const Directory* directory, ZPId id);
+    void setLongValue(ZPId id, uint32_t length);
+    uint32_t longName(ZPId id) const;
+    uint32_t longValue(ZPId id) const;
     static uint16_t shortened(uint32_t length) {
         return static_cast<uint16_t>(length < kLong ? length : kLong);
     }
@@ -174,6 +189,7 @@ private:
         std::swap(directory_, other.directory_);
     }
     Directory* newDirectory() const;
+    void coverByDirectory();
     void deleteExtra(ZPId id);
 
     ZPChainedPool<Record, &Record::line> records_;

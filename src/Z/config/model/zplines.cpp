@@ -46,12 +46,10 @@ void ZPLines::reserveInserts(size_t lines) {
     lines_.reserveChanges(2 * lines);
 }
 
-// In front of `before` in the group, at its end if that is none.
-void ZPLines::insert(ZPId groupId, ZPId before, ZPId id) {
+// Between two lines of the group, or at an end of it.
+void ZPLines::insert(ZPId groupId, ZPId prev, ZPId before, ZPId id) {
     ZPGroup& group = groups_[groupId];
-    const ZPId prev = before == kNoId ? group.last : lines_.prev(before);
-    lines_.connect(prev, id);
-    lines_.connect(id, before);
+    lines_.insert(id, prev, before);
     if (prev == kNoId)
         group.first = id;
     if (before == kNoId)
@@ -188,7 +186,10 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
     const ZPId last = lastKey(groupId);
     const ZPId behindLast = last == kNoId ? group.first : lines_.next(last);
     const ZPId line = lines_.take({key, ZPLine::key});
-    insert(groupId, closing == kNoId ? behindLast : closing, line);
+    if (closing == kNoId)
+        insert(groupId, last, behindLast, line);
+    else
+        insert(groupId, closing, line);
     if (closing == kNoId) {
         group.keysEnd = line;
     } else if (group.samples->isTail(lines_[closing])) {

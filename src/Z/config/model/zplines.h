@@ -62,21 +62,22 @@ public:
 
     // --- Lines ---
 
+    /// All ids of lines are below.
+    ZPId end() const { return lines_.end(); }
     ZPId next(ZPId line) const { return lines_.next(line); }
     ZPId prev(ZPId line) const { return lines_.prev(line); }
 
-    /// Room for lines that are read.
-    void reserve(size_t lines, size_t spare = 0) { lines_.reserveMore(lines, spare); }
+    /// Very many lines are about to be read. Requires: there are none.
+    void expectMany() { lines_.expectMany(); }
+    void reserve(size_t lines, size_t spare = 0) { lines_.reserveToRead(lines, spare); }
     /// Room for one more line at the end of a group.
     void reserveAt(ZPId group) {
-        lines_.reserveMore(1);
-        if (!lines_.takesBehind(groups_[group].last))
+        lines_.reserveToRead(1);
+        if (!lines_.isReadyBehind(groups_[group].last))
             lines_.reserveChanges(1);
     }
-    /// Whether there is.
-    bool hasRoomAt(ZPId group) const {
-        return !lines_.isFull() && lines_.takesBehind(groups_[group].last);
-    }
+    /// Whether a line that is read can be put there at once.
+    bool isReadyAt(ZPId group) const { return lines_.isReadyBehind(groups_[group].last); }
     /// At the end of the group. These need room.
     ZPId appendKey(ZPId group, ZPId key) {
         const ZPId id = append(group, {key, ZPLine::key});
@@ -140,18 +141,25 @@ private:
     static ZPLine commentLine(ZPSlice comment) {
         return {comment.offset, comment.length << 2 | ZPLine::comment};
     }
-    ZPId append(ZPId group, ZPLine line) {
+    __attribute__((always_inline)) ZPId append(ZPId group, ZPLine line) {
         ZPGroup& owner = groups_[group];
-        const ZPId id = lines_.take(std::move(line));
+        ZPId id;
+        if (lines_.isReadyBehind(owner.last)) {
+            id = lines_.takeBehind(owner.last, std::move(line));
+        } else {
+            id = lines_.take(std::move(line), true);
+            lines_.connect(owner.last, id);
+        }
         if (owner.last == kNoId)
             owner.first = id;
-        else
-            lines_.connect(owner.last, id);
         owner.last = id;
         return id;
     }
     void reserveInserts(size_t lines);
-    void insert(ZPId group, ZPId before, ZPId line);
+    void insert(ZPId group, ZPId before, ZPId line) {
+        insert(group, before == kNoId ? groups_[group].last : lines_.prev(before), before, line);
+    }
+    void insert(ZPId group, ZPId prev, ZPId before, ZPId line);
     void unlink(ZPGroup& group, ZPId line);
     void insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text);
     void insertBlank(ZPId group, ZPId before, const ZPText& text);
@@ -171,14 +179,13 @@ private:
 };
 
 inline void ZPLines::unlink(ZPGroup& group, ZPId id) {
-    const ZPId prev = lines_.prev(id), next = lines_.next(id);
-    lines_.unlink(id);
-    if (prev == kNoId)
-        group.first = next;
-    if (next == kNoId)
-        group.last = prev;
+    const ZPLinks::Neighbours were = lines_.unlink(id);
+    if (were.prev == kNoId)
+        group.first = were.next;
+    if (were.next == kNoId)
+        group.last = were.prev;
     if (group.keysEnd == id)
-        group.keysEnd = prev;
+        group.keysEnd = were.prev;
     lines_.giveBack(id);
 }
 

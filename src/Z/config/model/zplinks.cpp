@@ -15,9 +15,9 @@ void ZPLinks::growTable(size_t more) {
 }
 
 bool ZPLinks::tryToGrowTable(size_t more) {
-    size_t capacity = table_.capacity == 0 ? size_t(16) : table_.capacity;
+    size_t capacity = table_.capacity == 0 ? size_t(64) : table_.capacity;
     while (capacity / 2 < table_.count + more)
-        capacity *= 2;
+        capacity *= 4;
     Table grown;
     if (capacity < UINT32_MAX / 2)
         grown.slots = static_cast<Slot*>(calloc(capacity, sizeof(Slot)));
@@ -34,16 +34,18 @@ bool ZPLinks::tryToGrowTable(size_t more) {
     return true;
 }
 
-void ZPLinks::unlink(ZPId id) noexcept {
+ZPLinks::Neighbours ZPLinks::unlink(ZPId id) noexcept {
     const ZPId before = prev(id), behind = next(id);
     const bool isEnd = before == kNoId || behind == kNoId;
-    if (!isEnd && table_.limit - table_.count < 2 && !tryToGrowTable(2)) {
+    if (!isEnd && (before < base_ || behind < base_) && table_.limit - table_.count < 2 &&
+        !tryToGrowTable(2)) {
         bits_[id / kBits] |= bit(id) << kBits;
         ++deadCount_;
-        return;
+        return {before, behind};
     }
     connect(before, behind);
     forget(id);
+    return {before, behind};
 }
 
 // Others may have closed the gap around it meanwhile: then nothing leads to it any more.
@@ -57,9 +59,7 @@ void ZPLinks::bury(ZPId id) {
     --deadCount_;
 }
 
-void ZPLinks::set(ZPId id, ZPId Slot::*side, ZPId other) {
-    if (other == kNoId && table_.count == 0)
-        return;
+void ZPLinks::setInTable(ZPId id, ZPId Slot::*side, ZPId other) {
     const size_t at = slotOf(id);
     Slot& slot = table_.slots[at];
     if (slot.idPlusOne == 0) {
@@ -94,10 +94,13 @@ void ZPLinks::checkInvariants() const {
             continue;
         ++count;
         const ZPId id = slot.idPlusOne - 1;
-        ZPHOLDS(slotOf(id) == i);
+        ZPHOLDS(slotOf(id) == i && id < base_);
         ZPHOLDS(slot.next != kNoId || slot.prev != kNoId);
         ZPHOLDS(!isJoined(id) || slot.next == kNoId);
         ZPHOLDS(id == 0 || !isJoined(id - 1) || slot.prev == kNoId);
     }
     ZPHOLDS(count == table_.count && count <= table_.limit && table_.limit * 2 == table_.capacity);
+    ZPHOLDS(bits_.size() * kBits >= end());
+    ZPHOLDS(base_ == 0 || !isJoined(base_ - 1));
+    ZPHOLDS(!isThrifty_ || later_.size() == 0);
 }

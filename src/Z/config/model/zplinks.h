@@ -4,17 +4,21 @@
 
 #include "zpblock.h"
 
-/// Which record follows which. As they are read records follow each other by number, and a bit for
-/// each says so; what changes make of that stands in a table of its own. A file of a million keys
-/// needs a bit for each this way, where two numbers in each record would be more than the names.
-///
-/// Invariants, checked by checkInvariants():
-/// (1) The table has no entry that says nothing: of a record that is joined to both neighbours, or
-///     to one and has none on its other side, or has none at all.
-/// (2) At most half of the table's slots are taken, so that a probe ends soon.
+/// Which record follows which: each has its neighbours in a block, but where many are read at once.
+/// These follow each other by number, and a bit for each says so; what changes make of that stands
+/// in a table of its own. A file of a million keys needs a bit for each this way, where two numbers
+/// for each would be more than the names. A table is slower to change, which shows where all the
+/// rest is in the processor's cache, and few records need no thrift.
 ///
 /// Taking a record out of a chain may need room in the table, and yet has to go well without memory
 /// as well: then the record stays where it is, marked as dead, and is passed over.
+///
+/// Invariants, checked by checkInvariants():
+/// (1) Records below `base_` have bits, all others are in `later_`. None below is joined to it. As
+///     long as `isThrifty_` there are no others.
+/// (2) The table has entries of records below alone, and none that says nothing: of a record that
+///     is joined to both neighbours, or to one and has none on its other side, or has none at all.
+/// (3) At most half of the table's slots are taken, so that a probe ends soon.
 class ZPLinks {
 public:
     ZPLinks() {}
@@ -39,22 +43,55 @@ public:
         return found;
     }
 
-    /// So many records may be there; raises ZOutOfMemoryException.
-    void reserve(size_t records) {
+    // --- Records: each is told once, in the order of their numbers ---
+
+    /// Room for bits of so many records, and for `more` that have a place in the block, with
+    /// `spare` after them.
+    void reserve(size_t records, size_t more, size_t spare) {
         if (records > bits_.size() * kBits)
             growBits(records);
+        if (more != 0)
+            later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
     }
-    /// Room for so many changes, each of which is a call of connect. Raises
-    /// ZOutOfMemoryException.
+    /// Those that come from here on follow each other by number, until one comes that doesn't.
+    void expectMany() { isThrifty_ = later_.size() == 0; }
+    bool isThrifty() const { return isThrifty_; }
+    /// Whether a record that is about to come can follow this one, or none, at once.
+    bool isReadyBehind(ZPId before) const {
+        return isThrifty_ ? before == kNoId || before + 1 == base_ : !later_.isFull();
+    }
+    /// All ids that were told are below.
+    size_t end() const { return base_ + later_.size(); }
+    /// One more record, behind another one or none. Requires: isReadyBehind().
+    void addBehind(ZPId before) {
+        if (isThrifty_) {
+            if (before != kNoId)
+                bits_[before / kBits] |= bit(before);
+            ++base_;
+            return;
+        }
+        const ZPId id = static_cast<ZPId>(end());
+        later_.push({kNoId, before});
+        if (before != kNoId)
+            setNext(before, id);
+    }
+    /// One that has no neighbours yet.
+    void add() {
+        isThrifty_ = false;
+        later_.push({kNoId, kNoId});
+    }
+
+    // --- Chains ---
+
+    /// Room for so many calls of connect; raises ZOutOfMemoryException.
     void reserveChanges(size_t changes) {
-        if (changes * 2 > table_.limit - table_.count)
+        if (changes * 2 > table_.limit - table_.count && base_ != 0)
             growTable(changes * 2);
     }
     /// Makes one record the follower of another; either may be none, and then the other one is an
-    /// end. Whoever changes one side of a record sees to its other side. Needs room for a change,
-    /// but for a follower by number.
+    /// end. Whoever changes one side of a record sees to its other side.
     void connect(ZPId before, ZPId behind) {
-        if (before != kNoId && before + 1 == behind) {
+        if (before != kNoId && before + 1 == behind && behind < base_) {
             if (table_.count != 0) {
                 setNext(before, kNoId);
                 setPrev(behind, kNoId);
@@ -62,28 +99,39 @@ public:
             bits_[before / kBits] |= bit(before);
             return;
         }
-        if (before != kNoId) {
-            part(before);
+        if (before != kNoId)
             setNext(before, behind);
-        }
-        if (behind != kNoId) {
-            if (behind != 0)
-                part(behind - 1);
+        if (behind != kNoId)
             setPrev(behind, before);
+    }
+    /// Puts one that has no neighbours between two, either of which may be none.
+    void insert(ZPId id, ZPId before, ZPId behind) {
+        if (id < base_) {
+            connect(before, id);
+            connect(id, behind);
+            return;
         }
+        later_[id - base_] = {behind, before};
+        if (before != kNoId)
+            setNext(before, id);
+        if (behind != kNoId)
+            setPrev(behind, id);
     }
     /// Nothing is told of a record any more. Requires: it is in no chain, or the whole chain goes.
     void forget(ZPId id) {
-        part(id);
-        if (id != 0)
-            part(id - 1);
-        if (table_.count != 0) {
-            setNext(id, kNoId);
-            setPrev(id, kNoId);
+        if (id >= base_) {
+            later_[id - base_] = {kNoId, kNoId};
+            return;
         }
+        setNext(id, kNoId);
+        setPrev(id, kNoId);
     }
-    /// Takes a record out of its chain; without memory it is dead then.
-    void unlink(ZPId id) noexcept;
+    struct Neighbours {
+        ZPId prev, next;
+    };
+    /// Takes a record out of its chain and tells between which it stood; without memory it is dead
+    /// then.
+    Neighbours unlink(ZPId id) noexcept;
     bool isDead(ZPId id) const {
         return deadCount_ != 0 && (bits_[id / kBits] >> kBits & bit(id)) != 0;
     }
@@ -94,7 +142,11 @@ public:
     void checkInvariants() const;
 
 private:
-    static const size_t kBits = 32;  // of a word: joined below, dead above
+    static const size_t kSpare = 128;  // of later ones, for who adds one adds more
+    static const size_t kBits = 32;    // of a word: joined below, dead above
+    struct Later {
+        ZPId next, prev;
+    };
     struct Slot {
         uint32_t idPlusOne;  // 0: free
         ZPId next, prev;
@@ -108,17 +160,25 @@ private:
 
     void swap(ZPLinks& other) noexcept {
         bits_.swap(other.bits_);
+        later_.swap(other.later_);
+        std::swap(base_, other.base_);
+        std::swap(isThrifty_, other.isThrifty_);
         std::swap(table_, other.table_);
         std::swap(deadCount_, other.deadCount_);
     }
     static uint64_t bit(ZPId id) { return uint64_t(1) << (id % kBits); }
     bool isJoined(ZPId id) const { return (bits_[id / kBits] & bit(id)) != 0; }
-    void part(ZPId id) { bits_[id / kBits] &= ~bit(id); }
     ZPId nearestNext(ZPId id) const {
+        if (id >= base_)
+            return later_[id - base_].next;
         return isJoined(id) ? id + 1 : table_.count == 0 ? kNoId : find(id).next;
     }
     ZPId nearestPrev(ZPId id) const {
-        return id != 0 && isJoined(id - 1) ? id - 1 : table_.count == 0 ? kNoId : find(id).prev;
+        if (id >= base_)
+            return later_[id - base_].prev;
+        if (id != 0 && isJoined(id - 1))
+            return id - 1;
+        return table_.count == 0 ? kNoId : find(id).prev;
     }
     void growBits(size_t records);
     void growTable(size_t more);
@@ -137,12 +197,35 @@ private:
         const Slot& slot = table_.slots[slotOf(id)];
         return slot.idPlusOne == 0 ? kNothing : slot;
     }
-    void setNext(ZPId id, ZPId next) { set(id, &Slot::next, next); }
-    void setPrev(ZPId id, ZPId prev) { set(id, &Slot::prev, prev); }
-    void set(ZPId id, ZPId Slot::*side, ZPId other);
+    // What follows by its number doesn't any more.
+    void setNext(ZPId id, ZPId next) {
+        if (id >= base_) {
+            later_[id - base_].next = next;
+            return;
+        }
+        bits_[id / kBits] &= ~bit(id);
+        set(id, &Slot::next, next);
+    }
+    void setPrev(ZPId id, ZPId prev) {
+        if (id >= base_) {
+            later_[id - base_].prev = prev;
+            return;
+        }
+        if (id != 0)
+            bits_[(id - 1) / kBits] &= ~bit(id - 1);
+        set(id, &Slot::prev, prev);
+    }
+    void set(ZPId id, ZPId Slot::*side, ZPId other) {
+        if (table_.count != 0 || other != kNoId)
+            setInTable(id, side, other);
+    }
+    void setInTable(ZPId id, ZPId Slot::*side, ZPId other);
     void remove(size_t slot);
 
-    ZPBlock<uint64_t> bits_;  // whether the next number follows, and whether it is dead
+    ZPBlock<uint64_t> bits_;  // of a record: whether the next number follows; whether it is dead
+    uint32_t base_ = 0;
+    bool isThrifty_ = false;
+    ZPBlock<Later> later_;
     Table table_;
     uint32_t deadCount_ = 0;
 };
@@ -157,21 +240,42 @@ public:
     ZPId next(ZPId id) const { return links_.next(id); }
     ZPId prev(ZPId id) const { return links_.prev(id); }
 
-    /// Room for records, and for a change of the chains with each.
-    void reserveMore(size_t more, size_t spare = 0) {
+    /// Room for records that are read, and `spare` that may come later.
+    void reserveToRead(size_t more, size_t spare = 0) {
         records_.reserveMore(more, spare);
-        links_.reserve(records_.end() + records_.room());
+        links_.reserve(records_.end() + records_.room(), links_.isThrifty() ? 0 : more, spare);
+    }
+    /// So many are about to be read that thrift is worth while. Requires: there are none.
+    void expectMany() { links_.expectMany(); }
+    /// Room for others.
+    void reserveMore(size_t more) {
+        records_.reserveMore(more);
+        links_.reserve(records_.end() + records_.room(), more, 0);
     }
     void reserveChanges(size_t changes) { links_.reserveChanges(changes); }
-    bool isFull() const { return records_.isFull(); }
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.
     ZPId nextId() const { return records_.nextId(); }
-    /// Whether the record that is taken next follows this one, or none, without a change.
-    bool takesBehind(ZPId id) const { return id == kNoId || id + 1 == records_.nextId(); }
+    /// Whether a record that is read can be taken behind this one, or behind none.
+    bool isReadyBehind(ZPId id) const {
+        return records_.isReadyAtEnd() && links_.isReadyBehind(id);
+    }
 
-    /// Needs room made before.
-    ZPId take(T&& record) { return records_.take(std::move(record)); }
+    /// Requires: isReadyBehind().
+    ZPId takeBehind(ZPId before, T&& record) {
+        links_.addBehind(before);
+        return records_.take(std::move(record));
+    }
+    /// A record without neighbours; `isRead`: it comes with many. Needs room made before.
+    ZPId take(T&& record, bool isRead = false) {
+        if (records_.nextId() == links_.end()) {
+            if (isRead && links_.isReadyBehind(kNoId))
+                links_.addBehind(kNoId);
+            else
+                links_.add();
+        }
+        return records_.take(std::move(record));
+    }
     /// Requires: it is in use, and in no chain any more, or the whole chain goes.
     void giveBack(ZPId id) {
         if (links_.isDead(id)) {
@@ -182,8 +286,9 @@ public:
         records_.giveBack(id);
     }
     void connect(ZPId before, ZPId behind) { links_.connect(before, behind); }
+    void insert(ZPId id, ZPId before, ZPId behind) { links_.insert(id, before, behind); }
     /// Takes a record out of its chain.
-    void unlink(ZPId id) noexcept { links_.unlink(id); }
+    ZPLinks::Neighbours unlink(ZPId id) noexcept { return links_.unlink(id); }
     /// Before a record that was taken out of a chain comes into one again.
     void prepare(ZPId id) {
         if (links_.isDead(id))
@@ -191,7 +296,10 @@ public:
     }
 
     size_t countFree() const { return records_.countFree() + lost_; }
-    void checkInvariants() const { links_.checkInvariants(); }
+    void checkInvariants() const {
+        links_.checkInvariants();
+        ZPHOLDS(links_.end() == records_.end());
+    }
 
 private:
     ZPPool<T, Link> records_;

@@ -49,47 +49,51 @@ public:
         *this = std::move(grown);
     }
 
+    /// Where an entry would go.
+    struct Place {
+        size_t slot = 0;
+        uint32_t kept = 0;  // what a slot keeps of the hash there
+    };
+
     /// The id for which matches(id, offset) holds among those that may have this hash, or none.
     template <typename Matches>
     ZPId find(uint32_t hash, Matches matches) const {
-        size_t slot;
-        return state_.count == 0 ? kNoId : findOrPlace(hash, slot, matches);
+        Place place;
+        return state_.count == 0 ? kNoId : findOrPlace(hash, place, matches);
     }
 
-    /// Likewise where there is room for one more; `slot` is where the id would go if it is none.
+    /// Likewise where there is room for one more; `place` is where the id would go if it is none.
     template <typename Matches>
-    ZPId findOrPlace(uint32_t hash, size_t& slot, Matches matches) const {
-        const uint32_t tag = tagOf(hash);
-        uint32_t steps = 0;
-        for (size_t i = place(hash);; i = follower(i), ++steps) {
+    ZPId findOrPlace(uint32_t hash, Place& place, Matches matches) const {
+        const uint32_t idBits = state_.idBits, far = state_.far;
+        uint32_t kept = tagOf(hash);  // and the steps
+        for (size_t i = placeOf(hash);; i = follower(i)) {
             const Slot candidate = state_.slots[i];
-            slot = i;
-            if (candidate.isFree())
+            if (candidate.isFree()) {
+                place = {i, kept};
                 return kNoId;
-            if (candidate.meta >> state_.idBits ==
-                (tag | (steps < state_.far ? steps : state_.far)))
-                if (matches(idOf(candidate), candidate.offset))
-                    return idOf(candidate);
+            }
+            if (candidate.meta >> idBits == kept && matches(idOf(candidate), candidate.offset))
+                return idOf(candidate);
+            kept += (kept & far) != far;
         }
     }
-    void insertAt(size_t slot, uint32_t hash, ZPId id, uint32_t offset) {
-        zassert(!isFull() && state_.slots[slot].isFree() && id < state_.limit);
-        state_.slots[slot] = {offset, metaOf(tagOf(hash), distance(place(hash), slot), id)};
+    void insertAt(const Place& place, ZPId id, uint32_t offset) {
+        zassert(!isFull() && state_.slots[place.slot].isFree() && id < state_.limit);
+        state_.slots[place.slot] = {offset, place.kept << state_.idBits | (id + 1)};
         ++state_.count;
     }
 
     /// Needs room made before.
     void insert(uint32_t hash, ZPId id, uint32_t offset) {
-        zassert(!isFull());
-        size_t slot = place(hash);
-        while (!state_.slots[slot].isFree())
-            slot = follower(slot);
-        insertAt(slot, hash, id, offset);
+        Place place;
+        findOrPlace(hash, place, [](ZPId, uint32_t) { return false; });
+        insertAt(place, id, offset);
     }
     /// hashOf(id) tells the hash of any entry. Requires: the entry is there.
     template <typename HashOf>
     void remove(uint32_t hash, ZPId id, HashOf hashOf) {
-        size_t hole = place(hash);
+        size_t hole = placeOf(hash);
         while (idOf(state_.slots[hole]) != id || state_.slots[hole].isFree()) {
             zassert(!state_.slots[hole].isFree());
             hole = follower(hole);
@@ -101,7 +105,7 @@ public:
             const uint32_t kept = slot.meta >> state_.idBits;
             size_t steps = kept & state_.far;
             if (steps == state_.far)
-                steps = distance(place(hashOf(idOf(slot))), i);
+                steps = distance(placeOf(hashOf(idOf(slot))), i);
             const size_t back = distance(hole, i);
             if (steps < back)
                 continue;
@@ -115,7 +119,7 @@ public:
 
     void prefetch(uint32_t hash) const {
         if (state_.capacity != 0)
-            __builtin_prefetch(&state_.slots[place(hash)]);
+            __builtin_prefetch(&state_.slots[placeOf(hash)]);
     }
 
     /// Calls visit(id) for each entry.
@@ -144,9 +148,9 @@ public:
             ++taken;
             const ZPId id = idOf(slot);
             const uint32_t hash = hashOf(id);
-            const size_t steps = distance(place(hash), i);
+            const size_t steps = distance(placeOf(hash), i);
             ZPHOLDS(id < state_.limit && slot.meta == metaOf(tagOf(hash), steps, id));
-            for (size_t probe = place(hash); probe != i; probe = follower(probe))
+            for (size_t probe = placeOf(hash); probe != i; probe = follower(probe))
                 ZPHOLDS(!state_.slots[probe].isFree());
             ZPHOLDS(slot.offset == offsetOf(id));
         }
@@ -182,7 +186,7 @@ private:
         const uint32_t kept = steps < state_.far ? static_cast<uint32_t>(steps) : state_.far;
         return (tag | kept) << state_.idBits | (id + 1);
     }
-    size_t place(uint32_t hash) const {
+    size_t placeOf(uint32_t hash) const {
         return static_cast<size_t>((static_cast<uint64_t>(hash) * state_.capacity) >> 32);
     }
     size_t follower(size_t slot) const { return slot + 1 == state_.capacity ? 0 : slot + 1; }

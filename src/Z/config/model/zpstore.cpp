@@ -271,7 +271,7 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         keys_.prefetch(id);
-        const bool isSame = text_.stands(offset, key) && keys_.name(id).length == key.size;
+        const bool isSame = text_.stands(offset, key) && keys_.hasLength(id, key.size);
         return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
                isNamed(stanzas_[keys_.stanza(id)], stanza);
     });
@@ -312,11 +312,6 @@ void ZPStore::makeRoomForKey(size_t nameLength) {
         makeRoomInKeyIndex(1);
 }
 
-void ZPStore::makeRoomToRead(Id group) {
-    makeRoomForKey(0);
-    lines_.reserveAt(group);
-}
-
 void ZPStore::makeRoomInKeyIndex(size_t more) {
     if (more > keyIndex_.room())
         keyIndex_.reserve(keyIndex_.count() + more, [&](auto insert) {
@@ -330,8 +325,8 @@ void ZPStore::takeOutOfIndex(Id id) {
     keyIndex_.remove(hashOf(id), id, [&](Id other) { return hashOf(other); });
 }
 
-ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash) {
-    const Id id = keys_.take(name, stanza);
+ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead) {
+    const Id id = keys_.take(name, stanza, isRead);
     keyIndex_.insert(hash, id, name.offset);
     return id;
 }
@@ -343,7 +338,7 @@ void ZPStore::putIntoMap(Id id) {
     ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     zassert(stanza.inMap);
     keys_.prepare(id);
-    if (stanza.last != none && stanza.last + 1 != id)
+    if (stanza.last != none)
         keys_.reserveChanges(1);
     if (ZArrayList* list = stanza.keyList.get())
         addString(*list, text_.span(keys_.name(id)));
@@ -380,7 +375,6 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
 
 void ZPStore::removeKey(Id id) {
     zassert(!isFree(id) && isInMap(id));
-    const Id prev = keys_.prev(id), next = keys_.next(id);
     ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     if (ZArrayList* list = stanza.keyList.get()) {
         const ZLCString name(text(keys_.name(id)), keys_.name(id).length);
@@ -392,7 +386,7 @@ void ZPStore::removeKey(Id id) {
     }
     for (Cursor* c = cursors_; c != nullptr; c = c->next_)
         if (c->key_ == id) {
-            c->key_ = prev;
+            c->key_ = keys_.prev(id);
             c->isOnKey_ = false;
         }
     dropNameText(id);
@@ -400,11 +394,11 @@ void ZPStore::removeKey(Id id) {
     dropValues(id, plain);
     dropValues(id, hidden);
     keys_.dropExtra(id);
-    keys_.unlink(id);
-    if (prev == none)
-        stanza.first = next;
-    if (next == none)
-        stanza.last = prev;
+    const ZPLinks::Neighbours were = keys_.unlink(id);
+    if (were.prev == none)
+        stanza.first = were.next;
+    if (were.next == none)
+        stanza.last = were.prev;
     keys_.setInMap(id, false);
     zassert(stanza.count != 0);
     --stanza.count;
@@ -453,13 +447,19 @@ void ZPStore::appendValue(Id id, Kind kind, ZSpan value) {
 
 void ZPStore::replaceValues(Id id, Kind kind, ZSpan value) {
     requireLength(value.size);
-    // The usual case: one plain value takes the place of another and fits into its room.
+    // The usual case: one plain value takes the place of another, and its room if it fits in.
     const ZPKeyExtra* const extra = keys_.extra(id);
     const bool isAlone =
         extra == nullptr || !(extra->values[plain].areHere() || extra->values[hidden].areHere());
-    ZPSlice own = keys_.value(id);
-    if (isAlone && kind == plain && value.size != 0 && own.length >= value.size && !keepsPlaces_) {
-        text_.overwrite(own, value);
+    if (isAlone && kind == plain && value.size != 0 && value.size < ZPKeys::kLong) {
+        ZPSlice own = keys_.value(id);
+        if (own.length >= value.size && !keepsPlaces_) {
+            text_.overwrite(own, value);
+        } else {
+            const ZPSlice fresh = text_.append(value);
+            text_.drop(own);
+            own = fresh;
+        }
         keys_.setValue(id, own);
         compactIfWorthwhile();
         return;
@@ -579,7 +579,7 @@ void ZPStore::follow(Id id) {
     ++followedCount_;
 }
 
-void ZPStore::unfollow(Id id) {
+void ZPStore::takeFromFollowed(Id id) {
     ZPKeyExtra* extra = keys_.extra(id);
     if (extra == nullptr || !extra->isFollowed)
         return;
@@ -598,14 +598,24 @@ void ZPStore::unfollow(Id id) {
 
 // ---------------------------------------------------------------- reading
 
+// From here on memory is dearer than instructions.
+static const size_t kManyLines = 256 * 1024;
+static const size_t kFewLines = 4096;
+
 void ZPStore::reserveForLines(size_t lines) {
     // With room for some more keys: to move all this for the first one that is added would cost as
     // much as the whole load. What isn't used of a large block isn't there. There may be fewer
     // lines than was guessed, and not all are keys.
-    const size_t spare = lines / 4;
-    keys_.reserveMore(1, lines + spare);
+    const bool areMany = lines >= kManyLines;
+    const size_t spare = areMany ? lines / 16 : lines / 4;
+    if (areMany && keys_.end() == 0 && lines_.end() == 0) {
+        keys_.expectMany();
+        lines_.expectMany();
+    }
+    keys_.reserveToRead(1, lines + spare);
     lines_.reserve(1, lines + spare);
-    makeRoomInKeyIndex(lines + spare);
+    // A small index is made with more room, or it would be made anew for the first additions.
+    makeRoomInKeyIndex(lines < kFewLines ? lines * 2 : lines + spare);
 }
 
 // The number of lines in three pieces tells roughly how many there are in all: the first lines of a
@@ -713,9 +723,12 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     const Id stanza = lines_.group(group).stanza;
     isNew = id == none || !isInMap(id);
     if (isNew) {
+        lines_.reserveAt(group);
         if (id == none) {
-            makeRoomForKey(name.length);
-            id = newKey(stanza, name, hash);
+            keys_.reserveToRead(1);
+            if (name.length >= ZPKeys::kLong)
+                keys_.makeExtra(keys_.nextId());
+            id = newKey(stanza, name, hash, true);
         }
         makeRoomForValue(id, value.length);
         putIntoMap(id);

@@ -213,6 +213,11 @@ public:
 
     // --- Values ---
 
+    /// The value of a key that has no more than one, plain or hidden: then false means none. Asked
+    /// only as long as no key has had anything else.
+    bool areValuesSimple() const { return !keys_.mayHaveExtras(); }
+    ZPSlice simpleValue(Id key) const { return keys_.value(key); }
+
     ZPValueView values(Id id, Kind kind) const {
         const ZPSlice own = ownValue(id, kind);
         const ZPKeyExtra* extra = keys_.extra(id);
@@ -267,7 +272,10 @@ public:
     // --- The keys that the side database follows ---
 
     void follow(Id key);  // as the last, also if it is among them already
-    void unfollow(Id key);
+    void unfollow(Id key) {
+        if (followedCount_ != 0)
+            takeFromFollowed(key);
+    }
     Id firstFollowed() const { return firstFollowed_; }
     Id nextFollowed(Id key) const { return keys_.extra(key)->followedNext; }
     uint32_t followedCount() const { return followedCount_; }
@@ -394,27 +402,26 @@ public:
     /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
     /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
     Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
-        if (keyIndex_.isFull() || keys_.isFull() || !lines_.hasRoomAt(group))
-            makeRoomToRead(group);
+        if (keyIndex_.isFull())
+            makeRoomInKeyIndex(1);
         const Id stanzaId = lines_.group(group).stanza;
         const ZSpan bytes = text_.span(name);
-        size_t slot;
-        const Id found = keyIndex_.findOrPlace(hash, slot, [&](Id candidate, uint32_t) {
+        ZPNameIndex::Place place;
+        const Id found = keyIndex_.findOrPlace(hash, place, [&](Id candidate, uint32_t) {
             return keys_.stanza(candidate) == stanzaId && isNamed(candidate, bytes);
         });
         ZPStanza& stanza = stanzas_[stanzaId];
         const bool isUsual = found == none && stanza.keyList.get() == nullptr &&
-                             keys_.takesBehind(stanza.last) &&
+                             keys_.isReadyBehind(stanza.last) && lines_.isReadyAt(group) &&
                              (name.length | value.length) < ZPKeys::kLong;
         if (!isUsual)
             return readEntrySlowly(group, name, value, hash, found, isNew);
         // All in one: a new key at the end of its stanza and group.
-        const Id id = keys_.take(name, value, stanzaId, lines_.appendKey(group, keys_.nextId()));
-        keyIndex_.insertAt(slot, hash, id, name.offset);
+        const Id id = keys_.takeBehind(stanza.last, name, value, stanzaId,
+                                       lines_.appendKey(group, keys_.end()));
+        keyIndex_.insertAt(place, id, name.offset);
         if (stanza.last == none)
             stanza.first = id;
-        else
-            keys_.connect(stanza.last, id);
         stanza.last = id;
         ++stanza.count;
         isNew = true;
@@ -454,11 +461,11 @@ private:
                (folds_ && foldAlike(text_.span(stanza.name), name, true));
     }
     bool isNamed(Id key, ZSpan name) const {
-        const ZPSlice own = keys_.name(key);
-        return (own.length == name.size && memcmp(text(own), name.data, name.size) == 0) ||
-               (folds_ && foldAlike(text_.span(own), name, false));
+        return (keys_.hasLength(key, name.size) &&
+                memcmp(text(keys_.name(key).offset), name.data, name.size) == 0) ||
+               (folds_ && foldAlike(text_.span(keys_.name(key)), name, false));
     }
-    uint64_t nameHash(ZSpan name, bool isStanza) const {
+    __attribute__((always_inline)) uint64_t nameHash(ZSpan name, bool isStanza) const {
         return folds_ ? foldedHash(name, isStanza) : zhashOf(name);
     }
     uint64_t foldedHash(ZSpan name, bool isStanza) const;
@@ -466,11 +473,10 @@ private:
     uint32_t hashOf(Id key) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);
-    Id newKey(Id stanza, ZPSlice name, uint32_t hash);
+    Id newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead = false);
     void putStanzaIntoMap(Id stanza);
     void putIntoMap(Id key);
     void makeRoomForKey(size_t nameLength);
-    void makeRoomToRead(Id group);
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
     void takeOutOfIndex(Id key);
@@ -502,6 +508,7 @@ private:
             keys_.makeExtra(key);
     }
     void noteHidden() const { __atomic_store_n(&mayHaveHidden_, true, __ATOMIC_RELAXED); }
+    void takeFromFollowed(Id key);
     void dropValues(Id key, Kind kind);
     void dropNameText(Id key) {
         if (key < nameTexts_.size())

@@ -2,6 +2,13 @@
 
 #include "zpholds.h"
 
+void ZPText::grow(size_t more, size_t spare) {
+    const size_t most = kMaxSize - bytes_.size();
+    if (more > most)
+        zraise(ZOutOfMemoryException());
+    bytes_.reserveMore(more, spare < most - more ? spare : most - more);
+}
+
 void ZPText::overwrite(ZPSlice& slice, ZSpan bytes) {
     zassert(bytes.size <= slice.length);
     char* place = bytes_.data() + slice.offset;

@@ -46,10 +46,8 @@ public:
     /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where
     /// offsets wouldn't fit.
     void reserve(size_t more, size_t spare = 0) {
-        const size_t most = kMaxSize - bytes_.size();
-        if (more > most)
-            zraise(ZOutOfMemoryException());
-        bytes_.reserveMore(more, spare < most - more ? spare : most - more);
+        if (__builtin_expect(more > bytes_.room() || more > kMaxSize - bytes_.size(), 0))
+            grow(more, spare);
     }
     ZPSlice append(ZSpan bytes) {
         reserve(bytes.size);
@@ -89,6 +87,8 @@ public:
     void checkInvariants(size_t used) const;
 
 private:
+    void grow(size_t more, size_t spare);
+
     // Less isn't worth the work.
     static constexpr size_t kCompactFrom = 64 * 1024;
 
