@@ -9,6 +9,29 @@ void ZPLinks::growBits(size_t records) {
         bits_.push(0);
 }
 
+void ZPLinks::unfold() {
+    if (!tryToUnfold())
+        zraise(ZOutOfMemoryException());
+}
+
+bool ZPLinks::tryToUnfold() noexcept {
+    ZPBlock<Later> all;
+    try {
+        all.reserveExactly(base_ + base_ / 8 + kSpare);
+    } catch (ZOutOfMemoryException&) {
+        return false;
+    }
+    zassert(later_.size() == 0);
+    for (ZPId id = 0; id < base_; ++id)
+        all.push({nearestNext(id), nearestPrev(id)});
+    later_ = std::move(all);
+    base_ = 0;
+    isThrifty_ = false;
+    free(table_.slots);
+    table_ = Table();
+    return true;
+}
+
 void ZPLinks::growTable(size_t more) {
     if (!tryToGrowTable(more))
         zraise(ZOutOfMemoryException());
@@ -34,7 +57,9 @@ bool ZPLinks::tryToGrowTable(size_t more) {
     return true;
 }
 
-ZPLinks::Neighbours ZPLinks::unlink(ZPId id) noexcept {
+ZPLinks::Neighbours ZPLinks::unlinkSlowly(ZPId id) noexcept {
+    if (base_ != 0 && !keepsBits_)
+        tryToUnfold();
     const ZPId before = prev(id), behind = next(id);
     const bool isEnd = before == kNoId || behind == kNoId;
     if (!isEnd && (before < base_ || behind < base_) && table_.limit - table_.count < 2 &&

@@ -4,18 +4,18 @@
 
 #include "zpblock.h"
 
-/// Which record follows which: each has its neighbours in a block, but where many are read at once.
-/// These follow each other by number, and a bit for each says so; what changes make of that stands
-/// in a table of its own. A file of a million keys needs a bit for each this way, where two numbers
-/// for each would be more than the names. A table is slower to change, which shows where all the
-/// rest is in the processor's cache, and few records need no thrift.
+/// Which record follows which. As they are read records follow each other by number, and a bit for
+/// each says so; whoever only looks never needs more. The first change gives each record its
+/// neighbours in a block, but where very many were read: there what changes make of the numbers
+/// stands in a table of its own, since a million neighbours would take more room than the names.
 ///
 /// Taking a record out of a chain may need room in the table, and yet has to go well without memory
 /// as well: then the record stays where it is, marked as dead, and is passed over.
 ///
 /// Invariants, checked by checkInvariants():
 /// (1) Records below `base_` have bits, all others are in `later_`. None below is joined to it. As
-///     long as `isThrifty_` there are no others.
+///     long as `isThrifty_` there are no others; all bits become places in the block at the first
+///     change unless `keepsBits_`.
 /// (2) The table has entries of records below alone, and none that says nothing: of a record that
 ///     is joined to both neighbours, or to one and has none on its other side, or has none at all.
 /// (3) At most half of the table's slots are taken, so that a probe ends soon.
@@ -50,11 +50,14 @@ public:
     void reserve(size_t records, size_t more, size_t spare) {
         if (records > bits_.size() * kBits)
             growBits(records);
-        if (more != 0)
-            later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
+        if (more == 0)
+            return;
+        if (base_ != 0 && !keepsBits_)
+            unfold();
+        later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
     }
-    /// Those that come from here on follow each other by number, until one comes that doesn't.
-    void expectMany() { isThrifty_ = later_.size() == 0; }
+    /// Very many are about to be read.
+    void expectMany() { keepsBits_ = true; }
     bool isThrifty() const { return isThrifty_; }
     /// Whether a record that is about to come can follow this one, or none, at once.
     bool isReadyBehind(ZPId before) const {
@@ -85,7 +88,11 @@ public:
 
     /// Room for so many calls of connect; raises ZOutOfMemoryException.
     void reserveChanges(size_t changes) {
-        if (changes * 2 > table_.limit - table_.count && base_ != 0)
+        if (base_ == 0)
+            return;
+        if (!keepsBits_)
+            unfold();
+        else if (changes * 2 > table_.limit - table_.count)
             growTable(changes * 2);
     }
     /// Makes one record the follower of another; either may be none, and then the other one is an
@@ -131,7 +138,17 @@ public:
     };
     /// Takes a record out of its chain and tells between which it stood; without memory it is dead
     /// then.
-    Neighbours unlink(ZPId id) noexcept;
+    Neighbours unlink(ZPId id) noexcept {
+        if (base_ != 0 || deadCount_ != 0)
+            return unlinkSlowly(id);
+        const Later were = later_[id];
+        if (were.prev != kNoId)
+            later_[were.prev].next = were.next;
+        if (were.next != kNoId)
+            later_[were.next].prev = were.prev;
+        later_[id] = {kNoId, kNoId};
+        return {were.prev, were.next};
+    }
     bool isDead(ZPId id) const {
         return deadCount_ != 0 && (bits_[id / kBits] >> kBits & bit(id)) != 0;
     }
@@ -163,6 +180,7 @@ private:
         later_.swap(other.later_);
         std::swap(base_, other.base_);
         std::swap(isThrifty_, other.isThrifty_);
+        std::swap(keepsBits_, other.keepsBits_);
         std::swap(table_, other.table_);
         std::swap(deadCount_, other.deadCount_);
     }
@@ -180,7 +198,10 @@ private:
             return id - 1;
         return table_.count == 0 ? kNoId : find(id).prev;
     }
+    Neighbours unlinkSlowly(ZPId id) noexcept;
     void growBits(size_t records);
+    void unfold();
+    bool tryToUnfold() noexcept;
     void growTable(size_t more);
     bool tryToGrowTable(size_t more);
 
@@ -224,7 +245,8 @@ private:
 
     ZPBlock<uint64_t> bits_;  // of a record: whether the next number follows; whether it is dead
     uint32_t base_ = 0;
-    bool isThrifty_ = false;
+    bool isThrifty_ = true;
+    bool keepsBits_ = false;
     ZPBlock<Later> later_;
     Table table_;
     uint32_t deadCount_ = 0;

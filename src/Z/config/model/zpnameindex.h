@@ -94,7 +94,8 @@ public:
     template <typename HashOf>
     void remove(uint32_t hash, ZPId id, HashOf hashOf) {
         size_t hole = placeOf(hash);
-        while (idOf(state_.slots[hole]) != id || state_.slots[hole].isFree()) {
+        const uint32_t idMask = (uint32_t(1) << state_.idBits) - 1;
+        while ((state_.slots[hole].meta & idMask) != id + 1) {
             zassert(!state_.slots[hole].isFree());
             hole = follower(hole);
         }
@@ -170,7 +171,7 @@ private:
         Slot* slots = nullptr;
         uint32_t capacity = 0;
         uint32_t count = 0;
-        uint32_t limit = 0;   // seven eighths of the capacity
+        uint32_t limit = 0;   // some way below the capacity
         uint32_t idBits = 0;  // that hold the limit
         uint32_t far = 0;     // so many steps and more: as many as its bits hold
         uint32_t tags = 0;    // the bits of a hash that are kept, above those of the steps

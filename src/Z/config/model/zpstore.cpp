@@ -391,9 +391,14 @@ void ZPStore::removeKey(Id id) {
         }
     dropNameText(id);
     unfollow(id);
-    dropValues(id, plain);
-    dropValues(id, hidden);
-    keys_.dropExtra(id);
+    if (keys_.extra(id) == nullptr) {
+        text_.drop(keys_.value(id));
+        keys_.setValue(id, {0, 0});
+    } else {
+        dropValues(id, plain);
+        dropValues(id, hidden);
+        keys_.dropExtra(id);
+    }
     const ZPLinks::Neighbours were = keys_.unlink(id);
     if (were.prev == none)
         stanza.first = were.next;
@@ -607,15 +612,14 @@ void ZPStore::reserveForLines(size_t lines) {
     // much as the whole load. What isn't used of a large block isn't there. There may be fewer
     // lines than was guessed, and not all are keys.
     const bool areMany = lines >= kManyLines;
-    const size_t spare = areMany ? lines / 16 : lines / 4;
+    const size_t spare = areMany ? lines / 16 : lines < kFewLines ? lines : lines / 4;
     if (areMany && keys_.end() == 0 && lines_.end() == 0) {
         keys_.expectMany();
         lines_.expectMany();
     }
     keys_.reserveToRead(1, lines + spare);
     lines_.reserve(1, lines + spare);
-    // A small index is made with more room, or it would be made anew for the first additions.
-    makeRoomInKeyIndex(lines < kFewLines ? lines * 2 : lines + spare);
+    makeRoomInKeyIndex(lines + spare);
 }
 
 // The number of lines in three pieces tells roughly how many there are in all: the first lines of a
