@@ -4,7 +4,9 @@
 
 #include "Z/ZExceptionText.h"
 #include "Z/ZSCFData.h"
+#include "Z/zmodelreading.h"
 #include "support/CacheText.h"
+#include "support/FailingAllocator.h"
 
 using std::string;
 using std::vector;
@@ -370,6 +372,9 @@ TEST_P(RandomOperations, AgreeWithThePlainModel) {
     Model model;
     ZSCFData cache;
     fill(model);
+    // As where very many lines come.
+    if (GetParam() % 3 == 0)
+        ZModelReading::storeOf(cache).expectMany();
     ASSERT_EQ(readText(cache, model.written()), 0);
     // Without lists the values stay in the store; with them each list is the truth.
     const bool makeLists = GetParam() % 2 != 0;
@@ -392,6 +397,41 @@ TEST_P(RandomOperations, AgreeWithThePlainModel) {
 INSTANTIATE_TEST_SUITE_P(Seeds, RandomOperations, ::testing::Range(1, 13));
 
 // ---------------------------------------------------------------- what random steps reach rarely
+
+// What is taken out without memory stays among the others unseen, and can come again.
+TEST(Removal, NeedsNoMemory) {
+    for (int round = 0; round < 24; ++round) {
+        SCOPED_TRACE(round);
+        std::mt19937 random(static_cast<unsigned int>(round));
+        Model model;
+        ZSCFData cache;
+        for (int i = 0; i < 80; ++i)
+            model.addLine(i < 60 ? "a" : "b", "k" + std::to_string(i), "1", false);
+        if (round % 2 != 0)
+            ZModelReading::storeOf(cache).expectMany();
+        ASSERT_EQ(readText(cache, model.written()), 0);
+        for (int i = 0; i < 200; ++i) {
+            const bool adds = random() % 4 == 0, keepsLine = random() % 2 == 0;
+            const char* const s = random() % 4 != 0 ? "a" : "b";
+            const string key = "k" + std::to_string(random() % 60 + (*s == 'b' ? 20 : 0));
+            const char* const k = key.c_str();
+            bool raised = false;
+            if (adds) {
+                model.addLine(s, k, "2", false), cache.addLine(s, k, "2", 0);
+            } else if (keepsLine) {
+                model.remove(s, k);
+                raised = endsWithoutMemory([&] { cache.remove(s, k); }, 1, FailAllocations::onward);
+            } else {
+                model.delLine(s, k);
+                raised =
+                    endsWithoutMemory([&] { cache.delLine(s, k); }, 1, FailAllocations::onward);
+            }
+            EXPECT_FALSE(raised);
+            if (i % 8 == 0 || i > 190)
+                compareAll(model, cache, false);
+        }
+    }
+}
 
 TEST(Cache, ListsKeepTheirIdentity) {
     ZSCFData cache;

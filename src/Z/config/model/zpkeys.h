@@ -139,6 +139,7 @@ public:
     void connect(ZPId before, ZPId behind) { records_.connect(before, behind); }
     ZPLinks::Neighbours unlink(ZPId id) noexcept { return records_.unlink(id); }
     void prepare(ZPId id) { records_.prepare(id); }
+    bool isDead(ZPId id) const { return records_.isDead(id); }
 
     // --- Extras ---
 

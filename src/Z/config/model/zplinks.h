@@ -311,6 +311,7 @@ public:
     void insert(ZPId id, ZPId before, ZPId behind) { links_.insert(id, before, behind); }
     /// Takes a record out of its chain.
     ZPLinks::Neighbours unlink(ZPId id) noexcept { return links_.unlink(id); }
+    bool isDead(ZPId id) const { return links_.isDead(id); }
     /// Before a record that was taken out of a chain comes into one again.
     void prepare(ZPId id) {
         if (links_.isDead(id))

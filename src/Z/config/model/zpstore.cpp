@@ -603,7 +603,6 @@ void ZPStore::takeFromFollowed(Id id) {
 
 // ---------------------------------------------------------------- reading
 
-// From here on memory is dearer than instructions.
 static const size_t kManyLines = 256 * 1024;
 static const size_t kFewLines = 4096;
 
@@ -613,10 +612,8 @@ void ZPStore::reserveForLines(size_t lines) {
     // lines than was guessed, and not all are keys.
     const bool areMany = lines >= kManyLines;
     const size_t spare = areMany ? lines / 16 : lines < kFewLines ? lines : lines / 4;
-    if (areMany && keys_.end() == 0 && lines_.end() == 0) {
-        keys_.expectMany();
-        lines_.expectMany();
-    }
+    if (areMany && keys_.end() == 0 && lines_.end() == 0)
+        expectMany();
     keys_.reserveToRead(1, lines + spare);
     lines_.reserve(1, lines + spare);
     makeRoomInKeyIndex(lines + spare);
@@ -960,7 +957,7 @@ void ZPStore::checkInvariants() const {
             ZPHOLDS(stanzas_[key.stanza].inMap);
         } else {
             ZPHOLDS(key.line != none && key.value.length == 0);
-            ZPHOLDS(keys_.next(id) == none && keys_.prev(id) == none);
+            ZPHOLDS(keys_.isDead(id) || (keys_.next(id) == none && keys_.prev(id) == none));
         }
     });
     ZPHOLDS(keysSeen == keyIndex_.count());

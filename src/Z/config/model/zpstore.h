@@ -393,6 +393,12 @@ public:
     void truncateText(size_t size) { text_.truncate(size); }
     /// What was read and doesn't stand in the text as it is.
     ZPSlice addText(ZSpan text) { return text_.append(text); }
+    /// Very many lines are about to be read: memory is dearer than instructions then. Requires:
+    /// there is nothing yet.
+    void expectMany() {
+        keys_.expectMany();
+        lines_.expectMany();
+    }
     /// Makes room for what a file of that many lines brings at most.
     void reserveForLines(size_t lines);
     /// For what the text from `start` on will bring, as far as can be guessed.
