@@ -4,6 +4,8 @@
 // - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and
 //   for each key a slot with its hash and place; no records, no lines, no order;
 // - a look-up from C: the look-up from C++, and a block of malloc for the answer;
+// - a look-up, an added key and the memory at a million keys in one stanza: a table of the texts'
+//   hashes and places, and the text; no records, no stanzas, no lines, no locks;
 // - a text key: its hash, which callers can ask for and which is laid down byte by byte;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
@@ -42,6 +44,78 @@ volatile size_t sink;
 
 struct Slot {
     uint32_t hash, place;
+};
+
+// A table of keys by what stands ahead of "=" in a text, as little as can be looked up in.
+struct Table {
+    char* text = nullptr;
+    size_t size = 0, whole = 0;
+    Slot* slots = nullptr;
+    size_t room = 0, keys = 0;
+
+    ~Table() {
+        free(slots);
+        free(text);
+    }
+    static uint64_t hashOf(const char* name, size_t length) {
+        uint64_t hash = 0x9E3779B97F4A7C15u, word = 0;
+        for (size_t i = 0; i < length; i += 8) {
+            memcpy(&word, name + i, std::min<size_t>(8, length - i));
+            hash = (hash ^ word) * 0xD6E8FEB86659FD93u;
+            hash ^= hash >> 32;
+        }
+        return hash;
+    }
+    // The slot of a name, or the free one where it would go.
+    Slot& find(const char* name, size_t length, uint32_t& hash) const {
+        const uint64_t whole = hashOf(name, length);
+        hash = static_cast<uint32_t>(whole) | 1;
+        size_t slot = ((whole >> 32) * room) >> 32;
+        while (slots[slot].hash != 0 &&
+               (slots[slot].hash != hash || memcmp(text + slots[slot].place, name, length) != 0))
+            slot = slot + 1 == room ? 0 : slot + 1;
+        return slots[slot];
+    }
+    void read(const char* path) {
+        const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        struct stat status;
+        fstat(file, &status);
+        size = static_cast<size_t>(status.st_size);
+        whole = size + size / 8;
+        text = static_cast<char*>(malloc(whole));
+        if (::read(file, text, size) != static_cast<ssize_t>(size))
+            abort();
+        close(file);
+        room = size / 16 + 8;
+        slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
+        for (char* line = text; line < text + size;) {
+            char* const end = static_cast<char*>(memchr(line, '\n', text + size - line));
+            char* const divider = static_cast<char*>(memchr(line, '=', end - line));
+            if (divider != nullptr) {
+                uint32_t hash;
+                Slot& slot = find(line, divider - line, hash);
+                slot = {hash, static_cast<uint32_t>(line - text)};
+                ++keys;
+            }
+            line = end + 1;
+        }
+    }
+    // The value is copied out, as a caller would have it.
+    size_t get(const std::string& name, std::string& out) const {
+        uint32_t hash;
+        const char* const value =
+            text + find(name.data(), name.size(), hash).place + name.size() + 2;
+        out.assign(value, static_cast<const char*>(memchr(value, '\n', 16)) - value);
+        return out.size();
+    }
+    void add(const std::string& name) {
+        uint32_t hash;
+        Slot& slot = find(name.data(), name.size(), hash);
+        slot = {hash, static_cast<uint32_t>(size)};
+        memcpy(text + size, name.data(), name.size());
+        memcpy(text + size + name.size(), " = 42\n", 6);
+        size += name.size() + 6;
+    }
 };
 
 // Reads a file as little as it can be read, and gives the number of its keys.
@@ -182,6 +256,67 @@ void lookUps(const char* path) {
     printRow("hash of a text key", hash, hash, peer, "ns");
 }
 
+template <typename Work>
+double perName(const std::vector<Name>& names, Work work) {
+    const Clock::time_point start = Clock::now();
+    for (const Name& name : names)
+        work(name);
+    return nanoseconds(start) / static_cast<double>(names.size());
+}
+
+// One stanza of a million keys, and what a table alone takes.
+void million(const char* path) {
+    const size_t keys = 1000000;
+    std::ofstream file(path);
+    file << "[section0]\n";
+    for (size_t i = 0; i < keys; ++i)
+        file << "setting" << i << " = " << 100000 + i * 7919 % 900000 << "\n";
+    file.close();
+    std::vector<Name> probes, fresh;
+    for (size_t i = 0; i < 200000; ++i)
+        probes.push_back({"section0", "setting" + std::to_string(i * 387421 % keys) + " "});
+    for (size_t i = 0; i < 20000; ++i)
+        fresh.push_back({"section0", "added" + std::to_string(i)});
+    std::vector<double> looked, added;
+    std::string out;
+    double bytes = 0;
+    for (int round = 0; round < 5; ++round) {
+        Table table;
+        table.read(path);
+        bytes = static_cast<double>(table.size + table.room * sizeof(Slot)) / keys;
+        looked.push_back(perName(probes, [&](const Name& n) { sink = table.get(n.key, out); }));
+        added.push_back(perName(fresh, [&](const Name& n) { table.add(n.key); }));
+    }
+    for (Name& name : probes)
+        name.key.pop_back();
+    const auto both = [&](auto& file, double& look, double& add) {
+        file.load(path);
+        look = perName(probes, [&](const Name& n) { sink = file.get(n); });
+        add = perName(fresh, [&](const Name& n) { file.set(n, "42"); });
+    };
+    const auto medianOf = [](std::vector<double> times) {
+        std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+        return times[times.size() / 2];
+    };
+    std::vector<double> ours[2], peers[2];
+    for (int round = 0; round < 5; ++round) {
+        double look, add;
+        OurFile own;
+        both(own, look, add);
+        ours[0].push_back(look);
+        ours[1].push_back(add);
+        GLibFile glib;
+        both(glib, look, add);
+        peers[0].push_back(look);
+        peers[1].push_back(add);
+    }
+    printRow("look-up, 10^6 in one stanza", medianOf(looked), medianOf(ours[0]), medianOf(peers[0]),
+             "ns");
+    printRow("add, 10^6 in one stanza", medianOf(added), medianOf(ours[1]), medianOf(peers[1]),
+             "ns");
+    printf("  %-28s %10.1f\n", "memory, text and table", bytes);
+}
+
 double processOf(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
     for (const std::string& argument : command)
@@ -213,6 +348,7 @@ int main(int, char** argv) {
            "floor/peer");
     loads(path.c_str());
     lookUps(path.c_str());
+    million(path.c_str());
     makeFile(path.c_str(), 100);
     const std::string self = argv[0], bench = self.substr(0, self.rfind('/') + 1);
     const double peer = std::min(processOf({bench + "edit_glib", path}),

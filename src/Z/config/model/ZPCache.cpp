@@ -395,7 +395,9 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
             owner = model.createStanza(stanza);
             model.addHeader(owner);
         }
+        model.prefetchGroup(owner);
         id = model.createKey(owner, name);
+        model.prefetchEnd(owner);
     }
     try {
         setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);

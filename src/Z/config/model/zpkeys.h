@@ -102,7 +102,8 @@ public:
     }
     void reserveMore(size_t more) {
         records_.reserveMore(more);
-        coverByDirectory();
+        if (directory_ != nullptr)
+            coverByDirectory();
     }
     /// Which will be the next to be taken.
     ZPId nextId() const { return records_.nextId(); }

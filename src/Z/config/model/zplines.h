@@ -60,6 +60,16 @@ public:
     /// Takes the group with its lines away; the stanza's chain is the owner's to shorten.
     void removeGroup(ZPId group);
 
+    void prefetchGroup(ZPId group) const {
+        const char* const place = reinterpret_cast<const char*>(&groups_[group]);
+        __builtin_prefetch(place);
+        __builtin_prefetch(place + sizeof(ZPGroup) - 1);
+    }
+    void prefetchEnd(ZPId group) const {
+        if (groups_[group].keysEnd != kNoId)
+            __builtin_prefetch(&lines_[groups_[group].keysEnd]);
+    }
+
     // --- Lines ---
 
     /// All ids of lines are below.

@@ -17,13 +17,24 @@ void ZPLinks::unfold() {
 bool ZPLinks::tryToUnfold() noexcept {
     ZPBlock<Later> all;
     try {
-        all.reserveExactly(base_ + base_ / 8 + kSpare);
+        all.reserveMore(base_, base_ / 4 + kSpare);
     } catch (ZOutOfMemoryException&) {
         return false;
     }
     zassert(later_.size() == 0);
-    for (ZPId id = 0; id < base_; ++id)
-        all.push({nearestNext(id), nearestPrev(id)});
+    all.setSize(base_);
+    if (table_.count != 0) {
+        for (ZPId id = 0; id < base_; ++id)
+            all[id] = {nearestNext(id), nearestPrev(id)};
+    } else {
+        // Without a look at each: this is a good part of the first change.
+        uint32_t apart = 1;  // from the one before
+        for (ZPId id = 0; id < base_; ++id) {
+            const uint32_t parts = static_cast<uint32_t>(~bits_[id / kBits] >> (id % kBits)) & 1;
+            all[id] = {(id + 1) | (0 - parts), (id - 1) | (0 - apart)};
+            apart = parts;
+        }
+    }
     later_ = std::move(all);
     base_ = 0;
     isThrifty_ = false;

@@ -58,6 +58,8 @@ public:
     }
     /// Very many are about to be read.
     void expectMany() { keepsBits_ = true; }
+    /// Whether there is room for so many records that are not read, and for their changes.
+    bool hasRoom(size_t more) const { return base_ == 0 && later_.room() >= more; }
     bool isThrifty() const { return isThrifty_; }
     /// Whether a record that is about to come can follow this one, or none, at once.
     bool isReadyBehind(ZPId before) const {
@@ -271,8 +273,8 @@ public:
     void expectMany() { links_.expectMany(); }
     /// Room for others.
     void reserveMore(size_t more) {
-        records_.reserveMore(more);
-        links_.reserve(records_.end() + records_.room(), more, 0);
+        if (more > records_.room() || !links_.hasRoom(more))
+            grow(more);
     }
     void reserveChanges(size_t changes) { links_.reserveChanges(changes); }
     size_t room() const { return records_.room(); }
@@ -325,6 +327,11 @@ public:
     }
 
 private:
+    void grow(size_t more) {
+        records_.reserveMore(more);
+        links_.reserve(records_.end() + records_.room(), more, 0);
+    }
+
     ZPPool<T, Link> records_;
     ZPLinks links_;
     size_t lost_ = 0;  // were given back dead

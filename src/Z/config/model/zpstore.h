@@ -282,6 +282,16 @@ public:
 
     // --- Lines ---
 
+    /// A key line will be placed in the stanza: what that looks at is fetched meanwhile, first the
+    /// group and then its end.
+    void prefetchGroup(Id stanza) const {
+        if (stanzas_[stanza].group != none)
+            lines_.prefetchGroup(stanzas_[stanza].group);
+    }
+    void prefetchEnd(Id stanza) const {
+        if (stanzas_[stanza].group != none)
+            lines_.prefetchEnd(stanzas_[stanza].group);
+    }
     /// A blank line, then the stanza's header line, at the end.
     void addHeader(Id stanza);
     /// Removes the first group that bears the stanza's name, if there is one.
@@ -442,7 +452,7 @@ public:
         lines_.appendBlank(group, text_);
     }
     Id lastGroup() const { return lines_.lastGroup(); }
-    uint32_t keyHash(Id stanza, ZSpan key) const {
+    __attribute__((always_inline)) uint32_t keyHash(Id stanza, ZSpan key) const {
         return zhashOfBoth(stanzas_[stanza].hash, nameHash(key, false));
     }
     void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
