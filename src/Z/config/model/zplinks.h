@@ -63,7 +63,9 @@ public:
     bool isThrifty() const { return isThrifty_; }
     /// Whether a record that is about to come can follow this one, or none, at once.
     bool isReadyBehind(ZPId before) const {
-        return isThrifty_ ? before == kNoId || before + 1 == base_ : !later_.isFull();
+        if (isThrifty_)
+            return before == kNoId || before + 1 == base_;
+        return !later_.isFull() && (before == kNoId || before >= base_);
     }
     /// All ids that were told are below.
     size_t end() const { return base_ + later_.size(); }
