@@ -398,6 +398,29 @@ INSTANTIATE_TEST_SUITE_P(Seeds, RandomOperations, ::testing::Range(1, 13));
 
 // ---------------------------------------------------------------- what random steps reach rarely
 
+// Room that can't be made ahead of a load is made on the way.
+TEST(Reading, GoesOnWhereMemoryWasShortForAMoment) {
+    const char* const texts[] = {"[s]\na = 1\nb = 2\n",
+                                 "# c\n[s]\na = 1\n# d\nb = 2\n\n[t]\nc = 3\n"};
+    for (const string text : texts)
+        for (unsigned long nth = 2; nth < 60; ++nth) {
+            SCOPED_TRACE(text + std::to_string(nth));
+            ZSCFData cache;
+            if (nth % 2 == 0) {
+                ASSERT_EQ(readText(cache, "[other]\na = 1\na = 2\n"), 0);
+            }
+            const bool raised =
+                endsWithoutMemory([&] { EXPECT_EQ(readText(cache, text), 0); }, nth / 2);
+            cache.checkInvariants();
+            if (!raised) {
+                EXPECT_EQ(cache.countValues("s", "b"), 1);
+                EXPECT_EQ(cache.addStanzaLine("u"), 0);
+                cache.addLine("s", "c", "4", 0);
+                cache.checkInvariants();
+            }
+        }
+}
+
 // What is taken out without memory stays among the others unseen, and can come again.
 TEST(Removal, NeedsNoMemory) {
     for (int round = 0; round < 24; ++round) {

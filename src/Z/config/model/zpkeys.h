@@ -136,7 +136,10 @@ public:
     ZPId next(ZPId id) const { return records_.next(id); }
     ZPId prev(ZPId id) const { return records_.prev(id); }
     void reserveChanges(size_t changes) { records_.reserveChanges(changes); }
-    bool isReadyBehind(ZPId id) const { return records_.isReadyBehind(id); }
+    bool isReadyBehind(ZPId id) const {
+        return records_.isReadyBehind(id) &&
+               (directory_ == nullptr || records_.end() < directory_->size * kChunk);
+    }
     void connect(ZPId before, ZPId behind) { records_.connect(before, behind); }
     ZPLinks::Neighbours unlink(ZPId id) noexcept { return records_.unlink(id); }
     void prepare(ZPId id) { records_.prepare(id); }

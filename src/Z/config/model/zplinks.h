@@ -59,10 +59,12 @@ public:
     /// Very many are about to be read.
     void expectMany() { keepsBits_ = true; }
     /// Whether there is room for so many records that are not read, and for their changes.
-    bool hasRoom(size_t more) const { return base_ == 0 && later_.room() >= more; }
+    bool hasRoom(size_t more) const { return base_ == 0 && later_.room() >= more && hasBits(more); }
     bool isThrifty() const { return isThrifty_; }
     /// Whether a record that is about to come can follow this one, or none, at once.
     bool isReadyBehind(ZPId before) const {
+        if (!hasBits(1))
+            return false;
         if (isThrifty_)
             return before == kNoId || before + 1 == base_;
         return !later_.isFull() && (before == kNoId || before >= base_);
@@ -188,6 +190,7 @@ private:
         std::swap(table_, other.table_);
         std::swap(deadCount_, other.deadCount_);
     }
+    bool hasBits(size_t more) const { return end() + more <= bits_.size() * kBits; }
     static uint64_t bit(ZPId id) { return uint64_t(1) << (id % kBits); }
     bool isJoined(ZPId id) const { return (bits_[id / kBits] & bit(id)) != 0; }
     ZPId nearestNext(ZPId id) const {

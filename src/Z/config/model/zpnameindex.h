@@ -18,7 +18,7 @@
 /// (4) Ids are below `limit`.
 ///
 /// (3) is the owner's to keep: it tells the offset with an entry, and again when the text has
-/// moved; (4) as well: records that were given back are taken again first.
+/// moved; (4) as well, by reserving for the ids that it gives.
 class ZPNameIndex {
 public:
     ZPNameIndex() {}
@@ -32,8 +32,10 @@ public:
 
     bool isFull() const { return state_.count == state_.limit; }
     size_t count() const { return state_.count; }
-    /// Entries that fit in beside those that are there.
-    size_t room() const { return state_.limit - state_.count; }
+    /// So many entries fit in, and ids are below.
+    size_t limit() const { return state_.limit; }
+    /// Whether there is room for one more, with this id.
+    bool takes(ZPId id) const { return !isFull() && id < state_.limit; }
 
     /// Room for `count` entries in all; raises ZOutOfMemoryException. forEachEntry(insert) calls
     /// insert(hash, id, offset) for each that is there.

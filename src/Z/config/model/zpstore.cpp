@@ -308,13 +308,16 @@ void ZPStore::makeRoomForKey(size_t nameLength) {
     keys_.reserveMore(1);
     if (nameLength >= ZPKeys::kLong)
         keys_.makeExtra(keys_.nextId());
-    if (keyIndex_.isFull())
+    if (!keyIndex_.takes(keys_.nextId()))
         makeRoomInKeyIndex(1);
 }
 
 void ZPStore::makeRoomInKeyIndex(size_t more) {
-    if (more > keyIndex_.room())
-        keyIndex_.reserve(keyIndex_.count() + more, [&](auto insert) {
+    // Ids that were lost without memory aren't given again.
+    const size_t taken =
+        keyIndex_.count() < keys_.nextId() ? size_t(keys_.nextId()) : keyIndex_.count();
+    if (taken + more > keyIndex_.limit())
+        keyIndex_.reserve(taken + more, [&](auto insert) {
             for (Id k = 0; k < keys_.end(); ++k)
                 if (!isFree(k))
                     insert(hashOf(k), k, keys_.name(k).offset);
@@ -725,14 +728,21 @@ ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint
     isNew = id == none || !isInMap(id);
     if (isNew) {
         lines_.reserveAt(group);
-        if (id == none) {
+        const bool isMade = id == none;
+        if (isMade) {
             keys_.reserveToRead(1);
             if (name.length >= ZPKeys::kLong)
                 keys_.makeExtra(keys_.nextId());
             id = newKey(stanza, name, hash, true);
         }
-        makeRoomForValue(id, value.length);
-        putIntoMap(id);
+        try {
+            makeRoomForValue(id, value.length);
+            putIntoMap(id);
+        } catch (...) {
+            if (isMade)
+                freeKeyIfUnneeded(id);
+            throw;
+        }
         noteLine(id, lines_.appendKey(group, id));
         keys_.setValue(id, value);
         return id;

@@ -418,7 +418,7 @@ public:
     /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
     /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
     Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
-        if (keyIndex_.isFull())
+        if (!keyIndex_.takes(keys_.nextId()))
             makeRoomInKeyIndex(1);
         const Id stanzaId = lines_.group(group).stanza;
         const ZSpan bytes = text_.span(name);
