@@ -78,8 +78,12 @@ struct Table {
     }
     void read(const char* path) {
         const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-        struct stat status;
+        struct flock lock = {};
+        lock.l_type = F_RDLCK;
+        fcntl(file, F_SETLK, &lock);
+        struct stat status, journal;
         fstat(file, &status);
+        sink = static_cast<size_t>(lstat((std::string(path) + ".zjournal").c_str(), &journal));
         size = static_cast<size_t>(status.st_size);
         whole = size + size / 8;
         text = static_cast<char*>(malloc(whole));
@@ -120,43 +124,9 @@ struct Table {
 
 // Reads a file as little as it can be read, and gives the number of its keys.
 size_t readAlone(const char* path) {
-    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    struct flock lock = {};
-    lock.l_type = F_RDLCK;
-    fcntl(file, F_SETLK, &lock);
-    struct stat status;
-    fstat(file, &status);
-    struct stat journal;
-    sink = static_cast<size_t>(lstat((std::string(path) + ".zjournal").c_str(), &journal));
-    const size_t size = static_cast<size_t>(status.st_size);
-    char* const text = static_cast<char*>(malloc(size + 1));
-    if (read(file, text, size) != static_cast<ssize_t>(size))
-        abort();
-    close(file);
-    const size_t room = size / 16 + 8;
-    Slot* const slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
-    size_t keys = 0;
-    for (char* line = text; line < text + size;) {
-        char* const end = static_cast<char*>(memchr(line, '\n', text + size - line));
-        char* const divider = static_cast<char*>(memchr(line, '=', end - line));
-        if (divider != nullptr) {
-            uint64_t hash = 0x9E3779B97F4A7C15u, word = 0;
-            for (char* at = line; at < divider; at += 8) {
-                memcpy(&word, at, std::min<size_t>(8, divider - at));
-                hash = (hash ^ word) * 0xD6E8FEB86659FD93u;
-                hash ^= hash >> 32;
-            }
-            size_t slot = ((hash >> 32) * room) >> 32;
-            while (slots[slot].hash != 0)
-                slot = slot + 1 == room ? 0 : slot + 1;
-            slots[slot] = {static_cast<uint32_t>(hash) | 1, static_cast<uint32_t>(line - text)};
-            ++keys;
-        }
-        line = end + 1;
-    }
-    free(slots);
-    free(text);
-    return keys;
+    Table table;
+    table.read(path);
+    return table.keys;
 }
 
 void makeFile(const char* path, size_t keys) {

@@ -19,13 +19,13 @@ uint32_t ZDialectHeaders::add(ZSpan name, ZBytes& out) {
 
 uint32_t ZDialectHeaders::count(ZSpan folded) {
     const uint32_t hash = znarrowHash(zhashOf(folded));
-    const ZPId known = index_.find(hash, [&](ZPId id, uint32_t) {
+    const ZPId known = index_.find(hash, [&](ZPId id) {
         return zequals({names_[id].data(), names_[id].size()}, folded);
     });
     if (known != kNoId)
         return ++counts_[known];
     index_.reserveMore(1);
-    index_.insert(hash, static_cast<ZPId>(names_.size()), 0);
+    index_.insert(hash, static_cast<ZPId>(names_.size()));
     names_.emplace_back(folded.data, folded.size);
     counts_.push_back(1);
     return 1;

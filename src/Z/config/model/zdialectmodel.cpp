@@ -93,7 +93,7 @@ private:
     }
 
     Id findStanza(ZSpan name) const {
-        return stanzaIndex_.find(znarrowHash(zhashOf(name)), [&](Id id, uint32_t) {
+        return stanzaIndex_.find(znarrowHash(zhashOf(name)), [&](Id id) {
             return zequals(text(stanzas_[id].nameAt, stanzas_[id].nameSize), name);
         });
     }
@@ -101,7 +101,7 @@ private:
         return zhashOfBoth(stanza * kHashB, zhashOf(name));
     }
     Id findKey(Id stanza, ZSpan name) const {
-        return keyIndex_.find(keyHash(stanza, name), [&](Id id, uint32_t) {
+        return keyIndex_.find(keyHash(stanza, name), [&](Id id) {
             return keys_[id].stanza == stanza &&
                    zequals(text(keys_[id].nameAt, keys_[id].nameSize), name);
         });
@@ -119,7 +119,7 @@ private:
                 refuse("a stanza's name", "is spelled otherwise there already");
             const Id id = static_cast<Id>(stanzas_.size());
             stanzaIndex_.reserveMore(1);
-            stanzaIndex_.insert(znarrowHash(zhashOf(name)), id, 0);
+            stanzaIndex_.insert(znarrowHash(zhashOf(name)), id);
             added(stanzas_, stanza);
             for (ZPStore::Id k = store_.stanza(s).first; k != ZPStore::none; k = store_.nextKey(k))
                 readKey(id, k);
@@ -138,7 +138,7 @@ private:
         if (findKey(stanza, name) != kNone)
             refuse("a key", "is spelled otherwise there already");
         keyIndex_.reserveMore(1);
-        keyIndex_.insert(keyHash(stanza, name), static_cast<Id>(keys_.size()), 0);
+        keyIndex_.insert(keyHash(stanza, name), static_cast<Id>(keys_.size()));
         added(keys_, key);
     }
     template <typename Record>

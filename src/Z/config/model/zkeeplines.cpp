@@ -175,14 +175,14 @@ private:
 
     // The first old line that says this in this old stanza and isn't given up yet.
     Id find(const Line& line, Id stanza) const {
-        return index_.find(hashOf(line, stanza), [&](uint32_t id, uint32_t) {
+        return index_.find(hashOf(line, stanza), [&](uint32_t id) {
             return says(id, line) && (line.kind == zlineHeader || lines_[id].stanza == stanza);
         });
     }
 
     // The first old line of this entry's key.
     Id findKey(const Line& line, Id stanza) const {
-        return keys_.find(hashOfName(line, stanza), [&](uint32_t id, uint32_t) {
+        return keys_.find(hashOfName(line, stanza), [&](uint32_t id) {
             return lines_[id].stanza == stanza && equal(lines_[id].name, line.name);
         });
     }
@@ -197,7 +197,7 @@ private:
         if (before != kNone)
             index.remove(hash, before);
         if (now != kNone)
-            index.insert(hash, now, 0);
+            index.insert(hash, now);
     }
 
     // The first old line that says the same as this one, isn't taken, and if it is no entry, stands

@@ -140,7 +140,7 @@ private:
 
     // The first line of a stanza, or of a key.
     Id find(ZLineKind kind, Id stanza, ZSpan name) const {
-        return index_.find(hashOf(kind, stanza, name), [&](Id id, uint32_t) {
+        return index_.find(hashOf(kind, stanza, name), [&](Id id) {
             return lines_[id].kind == kind && zequals(lines_[id].name, name) &&
                    (kind == zlineHeader || lines_[id].stanza == stanza);
         });
@@ -154,7 +154,7 @@ private:
         if (line.nextOfKey != kNoId)
             index_.remove(hash, line.nextOfKey);
         index_.reserveMore(1);
-        index_.insert(hash, id, 0);
+        index_.insert(hash, id);
     }
 
     // Takes a key's lines out of the index, and gives the first.
@@ -176,7 +176,7 @@ private:
         for (Id id = first; id != kNoId; id = lines_[id].nextOfKey)
             rename(id, name);
         if (first != kNoId)
-            index_.insert(hashOf(zlineEntry, lines_[first].stanza, name), first, 0);
+            index_.insert(hashOf(zlineEntry, lines_[first].stanza, name), first);
     }
 
     void renameStanza(Id stanza, ZSpan name) {

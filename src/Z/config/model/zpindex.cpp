@@ -19,6 +19,6 @@ void ZPIndex::reserve(size_t count) {
     grown.state_.limit = static_cast<uint32_t>(wanted / 4 * 3);
     for (size_t i = 0; i < state_.capacity; ++i)
         if (!state_.slots[i].isFree())
-            grown.insert(state_.slots[i].hash, state_.slots[i].id(), state_.slots[i].offset);
+            grown.insert(state_.slots[i].hash, state_.slots[i].id());
     *this = std::move(grown);
 }

@@ -76,13 +76,9 @@ inline uint32_t znarrowHash(uint64_t hash) { return static_cast<uint32_t>(hash >
 /// multiplication and a shift, so that the table can have any size; removal moves the followers
 /// back, so that there are no tombstones and a table stays as fast as it was.
 ///
-/// Invariants, checked by checkInvariants():
+/// Invariants:
 /// (1) `count` slots are taken, at most `limit`: a probe always ends at a free one.
 /// (2) Between the place of an entry's hash and the entry no slot is free.
-/// (3) A slot's offset is where the name of its record stands in the text.
-///
-/// (3) is the owner's to keep: it tells the offset with an entry, and again when the text has
-/// moved. An owner without a text gives any.
 class ZPIndex {
 public:
     ZPIndex() {}
@@ -100,81 +96,27 @@ public:
         if (more > state_.limit - state_.count)
             reserve(static_cast<size_t>(state_.count) + more);
     }
-    bool isFull() const { return state_.count == state_.limit; }
-    size_t count() const { return state_.count; }
 
-    /// The id for which matches(id, offset) holds among those of this hash, or none.
+    /// The id for which matches(id) holds among those of this hash, or none.
     template <typename Matches>
     ZPId find(uint32_t hash, Matches matches) const {
-        size_t slot;
-        return state_.count == 0 ? kNoId : findOrPlace(hash, slot, matches);
-    }
-
-    /// Likewise where there is room for one more; `slot` is where the id would go if it is none.
-    template <typename Matches>
-    ZPId findOrPlace(uint32_t hash, size_t& slot, Matches matches) const {
-        for (size_t i = place(hash);; i = follower(i)) {
-            const Slot& candidate = state_.slots[i];
-            slot = i;
-            if (candidate.isFree())
-                return kNoId;
-            if (candidate.hash == hash && matches(candidate.id(), candidate.offset))
-                return candidate.id();
-        }
-    }
-    void insertAt(size_t slot, uint32_t hash, ZPId id, uint32_t offset) {
-        zassert(!isFull() && state_.slots[slot].isFree());
-        state_.slots[slot] = {hash, id + 1, offset};
-        ++state_.count;
+        if (state_.count == 0)
+            return kNoId;
+        for (size_t i = place(hash); !state_.slots[i].isFree(); i = follower(i))
+            if (state_.slots[i].hash == hash && matches(state_.slots[i].id()))
+                return state_.slots[i].id();
+        return kNoId;
     }
 
     /// Needs room made before.
-    void insert(uint32_t hash, ZPId id, uint32_t offset);
+    void insert(uint32_t hash, ZPId id);
     /// Requires: the entry is there.
     void remove(uint32_t hash, ZPId id);
-
-    void prefetch(uint32_t hash) const {
-        if (state_.capacity != 0)
-            __builtin_prefetch(&state_.slots[place(hash)]);
-    }
-
-    /// Calls visit(id) for each entry.
-    template <typename Visit>
-    void forEach(Visit visit) const {
-        for (size_t i = 0; i < state_.capacity; ++i)
-            if (!state_.slots[i].isFree())
-                visit(state_.slots[i].id());
-    }
-    /// Asks offsetOf(id) anew for each entry, after the text has moved.
-    template <typename OffsetOf>
-    void renewOffsets(OffsetOf offsetOf) {
-        for (size_t i = 0; i < state_.capacity; ++i)
-            if (!state_.slots[i].isFree())
-                state_.slots[i].offset = offsetOf(state_.slots[i].id());
-    }
-
-    /// Ends the process unless the invariants hold; offsetOf(id) is where the name stands.
-    template <typename OffsetOf>
-    void checkInvariants(OffsetOf offsetOf) const {
-        size_t taken = 0;
-        for (size_t i = 0; i < state_.capacity; ++i) {
-            const Slot& slot = state_.slots[i];
-            if (slot.isFree())
-                continue;
-            ++taken;
-            for (size_t probe = place(slot.hash); probe != i; probe = follower(probe))
-                ZPHOLDS(!state_.slots[probe].isFree());
-            ZPHOLDS(slot.offset == offsetOf(slot.id()));
-        }
-        ZPHOLDS(taken == state_.count && state_.count <= state_.limit);
-        ZPHOLDS(state_.capacity == 0 || state_.limit < state_.capacity);
-    }
 
 private:
     struct Slot {
         uint32_t hash;
         uint32_t idPlusOne;  // 0: free, so that a fresh zeroed block is an empty table
-        uint32_t offset;     // of the name, so that it is fetched while its record is
         bool isFree() const { return idPlusOne == 0; }
         ZPId id() const { return idPlusOne - 1; }
     };
@@ -197,12 +139,13 @@ private:
     State state_;
 };
 
-inline void ZPIndex::insert(uint32_t hash, ZPId id, uint32_t offset) {
-    zassert(!isFull());
+inline void ZPIndex::insert(uint32_t hash, ZPId id) {
+    zassert(state_.count != state_.limit);
     size_t slot = place(hash);
     while (!state_.slots[slot].isFree())
         slot = follower(slot);
-    insertAt(slot, hash, id, offset);
+    state_.slots[slot] = {hash, id + 1};
+    ++state_.count;
 }
 
 inline void ZPIndex::remove(uint32_t hash, ZPId id) {
