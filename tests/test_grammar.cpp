@@ -2,6 +2,7 @@
 #include "support/Prelude.h"
 
 #include "Z/zgrammar.h"
+#include "Z/zlinemarks.h"
 #include "Z/zrefusal.h"
 
 using std::string;
@@ -60,6 +61,26 @@ void check(const Place& place, const string& text, const string& reason) {
     const bool comesBack = !text.empty() && described(place.ahead + text + place.behind) ==
                                                 place.readAhead + text + place.readBehind;
     EXPECT_EQ(comesBack, reason.empty());
+}
+
+// Many bytes are looked at together: each place in them counts, and each to begin at. Among them
+// are bytes that differ from a mark by one bit.
+TEST(LineMarks, AreFoundAtEachPlace) {
+    std::mt19937 random(7);
+    const string kinds("a\n=\0\x0b\x8a\x3c\xbd\x01\x80", 10), marks("\n=\0", 3);
+    for (const size_t size : {0, 1, 63, 64, 65, 200}) {
+        string text;
+        while (text.size() < size)
+            text.push_back(kinds[random() % kinds.size()]);
+        for (size_t start = 0; start <= size; ++start) {
+            SCOPED_TRACE(std::to_string(size) + " from " + std::to_string(start));
+            ZLineMarks walk({text.data(), size}, start);
+            for (size_t at = start, found = 0; found != size; at = found + 1) {
+                found = walk.next();
+                ASSERT_EQ(found, std::min(text.find_first_of(marks, at), size));
+            }
+        }
+    }
 }
 
 TEST(Grammar, WhatComesBackHasNoFault) {

@@ -71,12 +71,21 @@ public:
             const size_t step = size() / 2 < kFirstRoom ? size_t(kFirstRoom) : size() / 2;
             const size_t most = more > step ? more : step;
             // The size is at most half of the largest.
-            if (spare == 0 || !tryToAllocate(size() + (more + spare > most ? more + spare : most)))
-                allocate(size() + most);
+            if (spare == 0 ||
+                !tryToAllocate(size() + (more + spare > most ? more + spare : most), more))
+                allocate(size() + most, more);
         }
         // Some at a time, more of a large block.
         const size_t ahead = size() / 64 + kFetched / sizeof(T);
         fetch(size() + (more > ahead ? more : ahead));
+    }
+    /// For so many more records, which are likely to come, and `spare` after them the block needn't
+    /// move; reserveMore makes their room.
+    void expect(size_t more, size_t spare) {
+        if (more > SIZE_MAX - size() || spare > SIZE_MAX - size() - more)
+            zraise(ZOutOfMemoryException());
+        if (size() + more + spare > state_.whole)
+            allocate(size() + more + spare, more);
     }
     bool isFull() const { return state_.size == state_.room; }
     /// Records that fit behind the last.
@@ -86,7 +95,7 @@ public:
         if (room <= state_.room)
             return;
         if (room > state_.whole)
-            allocate(room);
+            allocate(room, room - size());
         fetch(room);
     }
 
@@ -112,30 +121,32 @@ private:
     static const size_t kFetched = 128 * 1024;  // bytes at least, as far as there are
     // Smaller blocks may grow where they are, larger ones are moved by their pages.
     static const size_t kCopied = 64 * 1024, kMoved = 4 * 1024 * 1024;
+    // So large a block is spread.
+    static const size_t kSpread = 1024 * 1024;
 
-    // The memory isn't given pages yet.
-    void allocate(size_t whole) {
-        if (!tryToAllocate(whole))
+    // The memory isn't given pages yet; `more` records are about to come.
+    void allocate(size_t whole, size_t more) {
+        if (!tryToAllocate(whole, more))
             zraise(ZOutOfMemoryException());
     }
-    bool tryToAllocate(size_t whole) {
+    bool tryToAllocate(size_t whole, size_t more) {
         if (whole > SIZE_MAX / 2 / sizeof(T))
             return false;
         const size_t used = state_.size * sizeof(T), bytes = whole * sizeof(T);
         void* grown;
-        if (used < kCopied || used > kMoved) {
+        if (used > kMoved || (used < kCopied && bytes < kSpread)) {
             grown = realloc(static_cast<void*>(state_.data), bytes);
             if (grown == nullptr)
                 return false;
             zadviseSpread(grown, bytes);
         } else {
             // To be copied to; realloc would do it with a fault for each page.
-            grown = malloc(bytes);
+            grown = zmallocSpread(bytes, used + more * sizeof(T));
             if (grown == nullptr)
                 return false;
-            zadviseSpread(grown, bytes);
             zfetchPages(grown, 0, used);
-            memcpy(grown, static_cast<const void*>(state_.data), used);
+            if (used != 0)
+                memcpy(grown, static_cast<const void*>(state_.data), used);
             free(state_.data);
         }
         state_.data = static_cast<T*>(grown);
@@ -174,14 +185,16 @@ public:
         if (freeCount_ < more)
             records_.reserveMore(more - freeCount_, spare);
     }
+    /// As ZPBlock::expect.
+    void expect(size_t more, size_t spare) { records_.expect(more, spare); }
     /// Whether nothing can be taken without making room.
     bool isFull() const { return records_.isFull() && free_ == kNoId; }
     /// Records that can be taken, but for those that were given back.
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.
     ZPId nextId() const { return free_ != kNoId ? free_ : end(); }
-    /// Whether there is room, and the next to be taken comes at the end.
-    bool isReadyAtEnd() const { return free_ == kNoId && !records_.isFull(); }
+    /// Whether there is room for so many, and the next to be taken comes at the end.
+    bool isReadyAtEnd(size_t more) const { return free_ == kNoId && records_.room() >= more; }
 
     /// Needs room made before.
     ZPId take(T&& record) {

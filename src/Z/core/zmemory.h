@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -79,17 +80,31 @@ inline uintptr_t zpageOf(uintptr_t address) {
     return address & ~(page - 1);
 }
 
+constexpr size_t kHugePage = 2 * 1024 * 1024;
+
 /// Tells the system that a large block is used all over, so that it may lie in huge pages: that
 /// saves most page faults on filling it and most address look-ups on reading. The advice can't
 /// fail in a way that matters.
 inline void zadviseSpread(void* block, size_t size) {
-    static const uintptr_t kHugePage = 2 * 1024 * 1024;
     if (size < kHugePage)
         return;
     // Only whole pages of the block are meant.
     const uintptr_t address = reinterpret_cast<uintptr_t>(block), end = zpageOf(address + size);
     const uintptr_t first = zpageOf(address - 1) + zmemoryPage.load(std::memory_order_relaxed);
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+}
+
+/// As malloc, of a block of which `used` bytes are about to be filled. Where that is most of a huge
+/// page and more it begins with one: a block that lies by chance may hold none. A rest of less than
+/// half of one stays with small pages.
+inline void* zmallocSpread(size_t size, size_t used) {
+    const size_t spread = (used + kHugePage / 2) / kHugePage * kHugePage;
+    if (spread == 0 || size > SIZE_MAX - kHugePage)
+        return malloc(size);
+    void* const block = aligned_alloc(kHugePage, (size + kHugePage - 1) / kHugePage * kHugePage);
+    if (block != nullptr)
+        zadviseSpread(block, spread);
+    return block;
 }
 
 /// Has the system bring the pages of the bytes from `from` to `to` of a block that is filled now,

@@ -26,7 +26,9 @@
 #include "zdialectmodel.h"
 #include "zdialecttext.h"
 #include "zgrammar.h"
+#include "zlinemarks.h"
 #include "zmodelreading.h"
+#include "zpbatch.h"
 #include "zpstore.h"
 #include "zraise.h"
 
@@ -74,9 +76,7 @@ static uint64_t sizeOf(FILE* stream) {
 
 namespace {
 
-// One pass over the text that readAll brought. Entries are handed to the store in batches: the
-// places of a batch in the store's index are fetched together, since at a million keys each of
-// them is a cache miss.
+// One pass over the text that readAll brought.
 class StanzaReader {
 public:
     StanzaReader(ZPStore& store, const char* file, unsigned long attributes,
@@ -86,53 +86,53 @@ public:
           keepComments_((attributes & ZPCACHE_KEEP_COMMENTS) != 0),
           strict_((attributes & ZPCACHE_STRICT) != 0),
           sideDatabase_(sideDatabase),
-          group_(store.lastGroup()),
+          lines_(store),
           stanza_(ZPStore::none),
           isSideStanza_(false),
-          pending_(0),
           unused_(0) {}
 
     void read(size_t start) {
         const size_t end = store_.textSize();
         store_.reserveForText(start);
-        const bool hasNul = end != start && memchr(store_.text(start), 0, end - start) != nullptr;
+        // Nothing is added to the text on the way, so that it stays where it is.
+        const char* const all = store_.text(0);
+        ZLineMarks marks({all, end}, start);
         const ZLineGrammar grammar;
         int line = 0;
         for (size_t at = start; at < end;) {
-            const char* piece = store_.text(static_cast<uint32_t>(at));
-            const size_t length = zlineLength(piece, end - at);
-            const char* stop = piece + length;
-            const void* nul = hasNul ? memchr(piece, 0, length) : nullptr;
-            if (nul != nullptr)
-                stop = static_cast<const char*>(nul);
+            const size_t longest = end - at < kLongestLine ? end - at : kLongestLine;
+            const char *const piece = all + at, *divider = nullptr, *nul = nullptr;
+            size_t mark;
+            while ((mark = marks.next() - at) < longest && piece[mark] != '\n') {
+                if (piece[mark] == '\0')
+                    nul = nul == nullptr ? piece + mark : nul;
+                else if (divider == nullptr && nul == nullptr)
+                    divider = piece + mark;
+            }
+            const bool isWhole = mark < longest;
+            if (!isWhole)
+                marks.moveTo(at + longest);
             ++line;
-            const ZSpan text = grammar.trimmed(piece, stop);
+            const ZSpan text =
+                grammar.trimmed(piece, nul != nullptr ? nul : piece + (isWhole ? mark : longest));
             const bool isRefused =
                 strict_ && (nul != nullptr || (at == start && zstartsWithMark({piece, end - at})) ||
-                            (piece[length - 1] != '\n' && length < end - at));  // cut
-            if (isRefused || !take(grammar.divide(text))) {
-                flush();
+                            (!isWhole && longest < end - at));  // cut
+            if (isRefused || !take(grammar.divide(text, divider))) {
+                lines_.flush();
                 // The indent is part of it.
                 const ZLCString data(piece,
                                      static_cast<unsigned int>(text.data + text.size - piece));
                 store_.truncateText(at);  // nothing refers to the rest
                 zraise(ZPropertiesInvalidDataException(file_, data.getChars(), line));
             }
-            at += length;
+            at += isWhole ? mark + 1 : longest;
         }
-        flush();
+        lines_.flush();
         store_.addUnused(unused_);
     }
 
 private:
-    // An entry, comment or blank line that the store doesn't have yet.
-    struct Pending {
-        ZLineKind kind;
-        ZPSlice name;  // comment's text or key
-        ZPSlice value;
-        uint32_t hash;
-    };
-
     ZPSlice slice(ZSpan part) const {
         return {static_cast<uint32_t>(part.data - store_.text(0)),
                 static_cast<uint32_t>(part.size)};
@@ -143,11 +143,11 @@ private:
         switch (line.kind) {
             case zlineBlank:
                 if (keepComments_)
-                    queue({zlineBlank, {0, 0}, {0, 0}, 0});
+                    lines_.addBlank();
                 return true;
             case zlineComment:
                 if (keepComments_)
-                    queue({zlineComment, slice(line.name), {0, 0}, 0});
+                    lines_.addComment(slice(line.name));
                 else
                     unused_ += line.name.size;
                 return true;
@@ -161,71 +161,42 @@ private:
     }
 
     bool takeHeader(ZSpan name) {
-        flush();
+        lines_.flush();
         const Id known = store_.stanzaInMap(name);
-        group_ = known == ZPStore::none ? store_.readHeader(slice(name))
-                                        : store_.readHeaderAgain(known, slice(name));
-        if (group_ == ZPStore::none)
+        lines_.enter(known == ZPStore::none ? store_.readHeader(slice(name))
+                                            : store_.readHeaderAgain(known, slice(name)));
+        if (lines_.group() == ZPStore::none)
             return false;
-        stanza_ = name.size == 0 ? ZPStore::none : store_.group(group_).stanza;
-        isSideStanza_ = name.size == sizeof kSideStanza - 1 &&
-                        memcmp(name.data, kSideStanza, sizeof kSideStanza - 1) == 0;
+        stanza_ = name.size == 0 ? ZPStore::none : store_.group(lines_.group()).stanza;
+        isSideStanza_ = zequals(name, {kSideStanza, sizeof kSideStanza - 1});
         return true;
     }
 
     bool takeEntry(ZSpan key, ZSpan value) {
         if (stanza_ == ZPStore::none || key.size == 0)
             return false;
-        const uint32_t hash = store_.keyHash(stanza_, key);
-        store_.prefetchKey(hash);
-        queue({zlineEntry, slice(key), slice(value), hash});
+        const bool isSideKey = isSideStanza_ && zequals(key, {kSideKey, sizeof kSideKey - 1});
+        if (isSideKey)
+            lines_.flush();
+        const bool namesSide = isSideKey && store_.keyInMap({kSideStanza, sizeof kSideStanza - 1},
+                                                            key) == ZPStore::none;
+        lines_.addEntry(store_.keyHash(stanza_, key), slice(key), slice(value));
+        if (namesSide) {
+            lines_.flush();
+            sideDatabase_ = ZLCString(value.data, static_cast<unsigned int>(value.size));
+        }
         return true;
     }
-
-    void queue(const Pending& piece) {
-        if (pending_ == kBatch)
-            flush();
-        batch_[pending_++] = piece;
-    }
-
-    void flush() {
-        const int count = pending_;
-        pending_ = 0;
-        for (int i = 0; i < count; ++i) {
-            const Pending& piece = batch_[i];
-            if (piece.kind == zlineBlank) {
-                store_.readBlank(group_);
-            } else if (piece.kind == zlineComment) {
-                store_.readComment(group_, piece.name);
-            } else {
-                zassert(piece.kind == zlineEntry && piece.name.length != 0);
-                bool isNew = false;
-                store_.readEntry(group_, piece.name, piece.value, piece.hash, isNew);
-                if (isSideStanza_ && isNew)
-                    noteSideDatabase(piece);
-            }
-        }
-    }
-
-    void noteSideDatabase(const Pending& piece) {
-        if (piece.name.length == sizeof kSideKey - 1 &&
-            memcmp(store_.text(piece.name), kSideKey, sizeof kSideKey - 1) == 0)
-            sideDatabase_ = ZLCString(store_.text(piece.value), piece.value.length);
-    }
-
-    static const int kBatch = 16;
 
     ZPStore& store_;
     const char* file_;
     const bool keepComments_;
     const bool strict_;  // what would be taken apart is bad data
     ZLCString& sideDatabase_;
-    Id group_;
+    ZPBatch lines_;
     Id stanza_;  // none before the first header and behind an empty name
     bool isSideStanza_;
-    int pending_;
     size_t unused_;
-    Pending batch_[kBatch];
 };
 
 }  // namespace

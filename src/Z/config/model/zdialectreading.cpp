@@ -10,6 +10,7 @@
 
 #include "ZExceptionText.h"
 #include "zgrammar.h"
+#include "zpbatch.h"
 #include "zraise.h"
 
 namespace {
@@ -27,7 +28,7 @@ public:
           text_(store.text(start)),
           size_(store.textSize() - start),
           reader_(dialect_, {text_, size_}),
-          group_(store.lastGroup()),
+          lines_(store),
           stanza_(ZPStore::none) {}
 
     void read() {
@@ -37,23 +38,15 @@ public:
         while (reader_.next(part)) {
             const size_t at = static_cast<size_t>(part.lines.data - text_);
             if (!take(part)) {
-                flush();
+                lines_.flush();
                 zdialectRaiseBad(file_, {text_ + at, part.lines.size}, part.line);
             }
         }
-        flush();
+        lines_.flush();
         store_.noteRead(start_, isFirst ? size_ : 0);
     }
 
 private:
-    // What the store doesn't have yet.
-    struct Pending {
-        ZDialectPart::Kind kind;
-        ZPSlice name;  // comment's text or key
-        ZPSlice value;
-        uint32_t hash;
-    };
-
     ZPSlice slice(ZSpan span) {
         const size_t at =
             reinterpret_cast<uintptr_t>(span.data) - reinterpret_cast<uintptr_t>(text_);
@@ -75,18 +68,15 @@ private:
         switch (part.kind) {
             case ZDialectPart::blank:
                 if (keepComments_)
-                    queue({part.kind, {0, 0}, {0, 0}, 0});
+                    lines_.addBlank();
                 return true;
             case ZDialectPart::comment:
                 if (keepComments_)
-                    queue({part.kind,
-                           slice(grammar_.trimmed(part.lines.data,
-                                                  part.lines.data + part.lines.size)),
-                           {0, 0},
-                           0});
+                    lines_.addComment(slice(
+                        grammar_.trimmed(part.lines.data, part.lines.data + part.lines.size)));
                 return true;
             case ZDialectPart::header:
-                flush();
+                lines_.flush();
                 return takeHeader(part.name);
             case ZDialectPart::entry:
             case ZDialectPart::bareEntry:
@@ -101,22 +91,22 @@ private:
         if (isNumbering && zwithoutNumber(name).size != name.size)
             return false;
         const Id known = store_.stanzaInMap(name);
-        group_ = enter(known, name);
-        if (group_ == ZPStore::none && isNumbering) {
+        Id group = groupOf(known, name);
+        if (group == ZPStore::none && isNumbering) {
             const ZLCString next(nextName(known));
-            group_ = enter(store_.stanzaInMap(zspanOf(next.getChars())), zspanOf(next.getChars()));
-        } else if (group_ == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED) {
-            group_ = store_.stanza(known).group;
+            group = groupOf(store_.stanzaInMap(zspanOf(next.getChars())), zspanOf(next.getChars()));
+        } else if (group == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED) {
+            group = store_.stanza(known).group;
         }
-        if (group_ == ZPStore::none)
+        if (group == ZPStore::none)
             return false;
-        stanza_ = store_.group(group_).stanza;
+        enter(group);
         return true;
     }
 
     // The group of a header of this name, that of a known stanza or of none; none if this text has
     // had it.
-    Id enter(Id known, ZSpan name) {
+    Id groupOf(Id known, ZSpan name) {
         if (known == ZPStore::none)
             return store_.readHeader(slice(name));
         if (!store_.readsLayers())
@@ -127,6 +117,11 @@ private:
             return store_.readHeaderAgain(known, slice(name));
         const ZLCString own(spelled.data, static_cast<unsigned int>(spelled.size));
         return store_.readHeaderAgain(known, sliceOfCopy({own.getChars(), own.getLength()}));
+    }
+
+    void enter(Id group) {
+        lines_.enter(group);
+        stanza_ = store_.group(group).stanza;
     }
 
     // NAME#2, NAME#3, ... for what follows this stanza.
@@ -143,18 +138,15 @@ private:
         if (stanza_ == ZPStore::none) {  // ahead of all headers
             if (dialect_.orphans == ZDIALECT_NO_ORPHANS)
                 return false;
-            flush();
+            lines_.flush();
             const Id known = store_.stanzaInMap({"", 0});
-            group_ =
-                known == ZPStore::none ? store_.readHeader({0, 0}) : store_.stanza(known).group;
-            stanza_ = store_.group(group_).stanza;
+            enter(known == ZPStore::none ? store_.readHeader({0, 0}) : store_.stanza(known).group);
         }
+        // The name's hash and place first: it always stands in the text, which the value may move.
         const uint32_t hash = store_.keyHash(stanza_, part.name);
-        store_.prefetchKey(hash);
-        // The name first: it always stands in the text, which the value may move.
         const ZPSlice name = slice(part.name);
-        queue(
-            {part.kind, name, store_.readsLayers() ? placedValue(part) : slice(part.value), hash});
+        const ZPSlice value = store_.readsLayers() ? placedValue(part) : slice(part.value);
+        lines_.addEntry(hash, name, value, part.kind == ZDialectPart::bareEntry);
         return true;
     }
 
@@ -173,33 +165,6 @@ private:
         return sliceOfCopy(zspanOf(own));
     }
 
-    void queue(const Pending& piece) {
-        if (pending_ == kBatch)
-            flush();
-        batch_[pending_++] = piece;
-    }
-
-    // In batches, so that the places of several keys in the store's index are fetched together.
-    void flush() {
-        const int count = pending_;
-        pending_ = 0;
-        for (int i = 0; i < count; ++i) {
-            const Pending& piece = batch_[i];
-            if (piece.kind == ZDialectPart::blank) {
-                store_.readBlank(group_);
-            } else if (piece.kind == ZDialectPart::comment) {
-                store_.readComment(group_, piece.name);
-            } else {
-                bool isNew = false;
-                const Id key = store_.readEntry(group_, piece.name, piece.value, piece.hash, isNew);
-                if (piece.kind == ZDialectPart::bareEntry)
-                    store_.markBare(key);
-            }
-        }
-    }
-
-    static const int kBatch = 16;
-
     ZPStore& store_;
     const ZDialect dialect_;
     const char* file_;
@@ -209,11 +174,9 @@ private:
     const char* text_;  // of the store, from start_ on, without what was added
     const size_t size_;
     ZDialectReader reader_;
-    Id group_;
+    ZPBatch lines_;
     Id stanza_;
     ZVector<uint32_t> counts_;  // by stanza: its headers so far
-    int pending_ = 0;
-    Pending batch_[kBatch];
 };
 
 }  // namespace

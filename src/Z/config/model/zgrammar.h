@@ -81,6 +81,12 @@ public:
 
     /// What a trimmed line without NULs is.
     ZLineParts divide(ZSpan text) const {
+        return divide(text, text.size == 0
+                                ? nullptr
+                                : static_cast<const char*>(memchr(text.data, '=', text.size)));
+    }
+    /// Likewise; `divider` is the line's first "=", or null.
+    ZLineParts divide(ZSpan text, const char* divider) const {
         const ZSpan nothing = {text.data, 0};
         if (text.size == 0)
             return {zlineBlank, text, nothing};
@@ -88,13 +94,13 @@ public:
         zassert(!isBlank(first) && !isBlank(text.data[text.size - 1]));
         if (first == '#')
             return {zlineComment, text, nothing};
-        const char* end = text.data + text.size;
-        const char* divider =
-            static_cast<const char*>(memchr(text.data, first == '[' ? ']' : '=', text.size));
+        if (first == '[')
+            divider = static_cast<const char*>(memchr(text.data, ']', text.size));
         if (divider == nullptr)
             return {zlineBad, text, nothing};
         if (first == '[')
             return {zlineHeader, between(text.data + 1, divider), nothing};
+        const char* const end = text.data + text.size;
         // Neither the first nor the last character is a blank: there the walks end.
         const char* keyEnd = divider;
         if (keyEnd > text.data)

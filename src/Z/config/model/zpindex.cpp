@@ -11,8 +11,7 @@ void ZPIndex::reserve(size_t count) {
         zraise(ZOutOfMemoryException());
     ZPIndex grown;
     const size_t bytes = wanted * sizeof(Slot);
-    grown.state_.slots = static_cast<Slot*>(zrequireMemory(malloc(bytes)));
-    zadviseSpread(grown.state_.slots, bytes);
+    grown.state_.slots = static_cast<Slot*>(zrequireMemory(zmallocSpread(bytes, bytes)));
     zfetchPages(grown.state_.slots, 0, bytes);
     memset(static_cast<void*>(grown.state_.slots), 0, bytes);
     grown.state_.capacity = static_cast<uint32_t>(wanted);

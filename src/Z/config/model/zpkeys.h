@@ -93,13 +93,15 @@ public:
 
     /// All ids are below.
     ZPId end() const { return records_.end(); }
-    /// Very many are about to be read. Requires: there are none.
-    void expectMany() { records_.expectMany(); }
     /// Room for keys that are read, and `spare` that may come later; and for others.
     void reserveToRead(size_t more, size_t spare = 0) {
         records_.reserveToRead(more, spare);
         coverByDirectory();
     }
+    /// Many are about to be read. Requires: there are none.
+    void expectMany() { records_.expectMany(); }
+    /// As ZPBlock::expect.
+    void expect(size_t more, size_t spare) { records_.expect(more, spare); }
     void reserveMore(size_t more) {
         records_.reserveMore(more);
         if (directory_ != nullptr)
@@ -136,9 +138,9 @@ public:
     ZPId next(ZPId id) const { return records_.next(id); }
     ZPId prev(ZPId id) const { return records_.prev(id); }
     void reserveChanges(size_t changes) { records_.reserveChanges(changes); }
-    bool isReadyBehind(ZPId id) const {
-        return records_.isReadyBehind(id) &&
-               (directory_ == nullptr || records_.end() < directory_->size * kChunk);
+    bool isReadyBehind(ZPId id, size_t more) const {
+        return records_.isReadyBehind(id, more) &&
+               (directory_ == nullptr || records_.end() + more <= directory_->size * kChunk);
     }
     void connect(ZPId before, ZPId behind) { records_.connect(before, behind); }
     ZPLinks::Neighbours unlink(ZPId id) noexcept { return records_.unlink(id); }

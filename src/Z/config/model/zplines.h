@@ -53,6 +53,8 @@ public:
 
     // --- Groups ---
 
+    /// As ZPBlock::expect.
+    void expectGroups(size_t groups, size_t spare) { groups_.expect(groups, spare); }
     void reserveGroup() { groups_.reserveMore(1); }
     /// A group at the end, and in the chain of the stanza's groups, of which `firstOfStanza` is the
     /// first, or none. Returns it. Needs room.
@@ -77,17 +79,22 @@ public:
     ZPId next(ZPId line) const { return lines_.next(line); }
     ZPId prev(ZPId line) const { return lines_.prev(line); }
 
-    /// Very many lines are about to be read. Requires: there are none.
+    /// Many lines are about to be read. Requires: there are none.
     void expectMany() { lines_.expectMany(); }
-    void reserve(size_t lines, size_t spare = 0) { lines_.reserveToRead(lines, spare); }
+    /// As ZPBlock::expect.
+    void expect(size_t lines, size_t spare) { lines_.expect(lines, spare); }
     /// Room for one more line at the end of a group.
     void reserveAt(ZPId group) {
-        lines_.reserveToRead(1);
-        if (!lines_.isReadyBehind(groups_[group].last))
+        reserveToRead(1);
+        if (!isReadyAt(group, 1))
             lines_.reserveChanges(1);
     }
-    /// Whether a line that is read can be put there at once.
-    bool isReadyAt(ZPId group) const { return lines_.isReadyBehind(groups_[group].last); }
+    /// Room for lines that are read.
+    void reserveToRead(size_t more) { lines_.reserveToRead(more); }
+    /// Whether so many lines that are read can be put there at once.
+    bool isReadyAt(ZPId group, size_t more) const {
+        return lines_.isReadyBehind(groups_[group].last, more);
+    }
     /// At the end of the group. These need room.
     ZPId appendKey(ZPId group, ZPId key) {
         const ZPId id = append(group, {key, ZPLine::key});
@@ -99,6 +106,18 @@ public:
     }
     void appendBlank(ZPId group, const ZPText& text) {
         noteOther(groups_[group], append(group, {0, ZPLine::blank}), text);
+    }
+    /// The next line that is read will have this id if isReadyAt(), and be put there by one of
+    /// these.
+    ZPId nextId() const { return lines_.end(); }
+    __attribute__((always_inline)) void readKey(ZPId group, ZPId key) {
+        groups_[group].keysEnd = appendReady(groups_[group], {key, ZPLine::key});
+    }
+    void readComment(ZPId group, ZPSlice comment, const ZPText& text) {
+        noteOther(groups_[group], appendReady(groups_[group], commentLine(comment)), text);
+    }
+    void readBlank(ZPId group, const ZPText& text) {
+        noteOther(groups_[group], appendReady(groups_[group], {0, ZPLine::blank}), text);
     }
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
@@ -151,18 +170,23 @@ private:
     static ZPLine commentLine(ZPSlice comment) {
         return {comment.offset, comment.length << 2 | ZPLine::comment};
     }
-    __attribute__((always_inline)) ZPId append(ZPId group, ZPLine line) {
+    static void noteLast(ZPGroup& group, ZPId line) {
+        if (group.last == kNoId)
+            group.first = line;
+        group.last = line;
+    }
+    __attribute__((always_inline)) ZPId appendReady(ZPGroup& group, ZPLine line) {
+        const ZPId id = lines_.takeBehind(group.last, std::move(line));
+        noteLast(group, id);
+        return id;
+    }
+    ZPId append(ZPId group, ZPLine line) {
         ZPGroup& owner = groups_[group];
-        ZPId id;
-        if (lines_.isReadyBehind(owner.last)) {
-            id = lines_.takeBehind(owner.last, std::move(line));
-        } else {
-            id = lines_.take(std::move(line), true);
-            lines_.connect(owner.last, id);
-        }
-        if (owner.last == kNoId)
-            owner.first = id;
-        owner.last = id;
+        if (lines_.isReadyBehind(owner.last, 1))
+            return appendReady(owner, line);
+        const ZPId id = lines_.take(std::move(line), true);
+        lines_.connect(owner.last, id);
+        noteLast(owner, id);
         return id;
     }
     void reserveInserts(size_t lines);

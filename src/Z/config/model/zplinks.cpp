@@ -9,20 +9,14 @@ void ZPLinks::growBits(size_t records) {
         bits_.push(0);
 }
 
-void ZPLinks::unfold() {
-    if (!tryToUnfold())
-        zraise(ZOutOfMemoryException());
-}
-
 bool ZPLinks::tryToUnfold() noexcept {
     ZPBlock<Later> all;
     try {
-        all.reserveMore(base_, base_ / 4 + kSpare);
+        all.reserveMore(end() + later_.room(), end() / 4 + kSpare);
     } catch (ZOutOfMemoryException&) {
         return false;
     }
-    zassert(later_.size() == 0);
-    all.setSize(base_);
+    all.setSize(end());
     if (table_.count != 0) {
         for (ZPId id = 0; id < base_; ++id)
             all[id] = {nearestNext(id), nearestPrev(id)};
@@ -35,6 +29,8 @@ bool ZPLinks::tryToUnfold() noexcept {
             apart = parts;
         }
     }
+    for (size_t i = 0; i < later_.size(); ++i)
+        all[base_ + i] = later_[i];
     later_ = std::move(all);
     base_ = 0;
     isThrifty_ = false;
@@ -48,10 +44,12 @@ void ZPLinks::growTable(size_t more) {
         zraise(ZOutOfMemoryException());
 }
 
-bool ZPLinks::tryToGrowTable(size_t more) {
-    size_t capacity = table_.capacity == 0 ? size_t(64) : table_.capacity;
+bool ZPLinks::tryToGrowTable(size_t more) noexcept {
+    size_t capacity = table_.capacity == 0 ? size_t(16) : table_.capacity;
     while (capacity / 2 < table_.count + more)
         capacity *= 4;
+    if (!areMany_ || capacity * sizeof(Slot) >= base_ * sizeof(Later))
+        return tryToUnfold();
     Table grown;
     if (capacity < UINT32_MAX / 2)
         grown.slots = static_cast<Slot*>(calloc(capacity, sizeof(Slot)));
@@ -69,7 +67,7 @@ bool ZPLinks::tryToGrowTable(size_t more) {
 }
 
 ZPLinks::Neighbours ZPLinks::unlinkSlowly(ZPId id) noexcept {
-    if (base_ != 0 && !keepsBits_)
+    if (base_ != 0 && !areMany_)
         tryToUnfold();
     const ZPId before = prev(id), behind = next(id);
     const bool isEnd = before == kNoId || behind == kNoId;

@@ -5,17 +5,17 @@
 #include "zpblock.h"
 
 /// Which record follows which. As they are read records follow each other by number, and a bit for
-/// each says so; whoever only looks never needs more. The first change gives each record its
-/// neighbours in a block, but where very many were read: there what changes make of the numbers
-/// stands in a table of its own, since a million neighbours would take more room than the names.
+/// each says so; whoever only looks never needs more. What changes make of the numbers stands in a
+/// table of its own, for a million neighbours would take more room than the names. Few records get
+/// their neighbours in a block at the first change, others as soon as the table would need as much
+/// room: a change is short there.
 ///
 /// Taking a record out of a chain may need room in the table, and yet has to go well without memory
 /// as well: then the record stays where it is, marked as dead, and is passed over.
 ///
 /// Invariants, checked by checkInvariants():
 /// (1) Records below `base_` have bits, all others are in `later_`. None below is joined to it. As
-///     long as `isThrifty_` there are no others; all bits become places in the block at the first
-///     change unless `keepsBits_`.
+///     long as `isThrifty_` there are no others.
 /// (2) The table has entries of records below alone, and none that says nothing: of a record that
 ///     is joined to both neighbours, or to one and has none on its other side, or has none at all.
 /// (3) At most half of the table's slots are taken, so that a probe ends soon.
@@ -50,24 +50,22 @@ public:
     void reserve(size_t records, size_t more, size_t spare) {
         if (records > bits_.size() * kBits)
             growBits(records);
-        if (more == 0)
-            return;
-        if (base_ != 0 && !keepsBits_)
-            unfold();
-        later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
+        if (more != 0)
+            later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
     }
-    /// Very many are about to be read.
-    void expectMany() { keepsBits_ = true; }
-    /// Whether there is room for so many records that are not read, and for their changes.
-    bool hasRoom(size_t more) const { return base_ == 0 && later_.room() >= more && hasBits(more); }
+    /// Many are about to be read.
+    void expectMany() { areMany_ = true; }
+    /// Whether there is room for so many records that are not read.
+    bool hasRoom(size_t more) const { return later_.room() >= more && hasBits(more); }
     bool isThrifty() const { return isThrifty_; }
-    /// Whether a record that is about to come can follow this one, or none, at once.
-    bool isReadyBehind(ZPId before) const {
-        if (!hasBits(1))
+    /// Whether `more` records that are about to come can follow this one, or none, and each other
+    /// at once.
+    bool isReadyBehind(ZPId before, size_t more) const {
+        if (!hasBits(more))
             return false;
         if (isThrifty_)
             return before == kNoId || before + 1 == base_;
-        return !later_.isFull() && (before == kNoId || before >= base_);
+        return later_.room() >= more && (before == kNoId || before >= base_);
     }
     /// All ids that were told are below.
     size_t end() const { return base_ + later_.size(); }
@@ -94,11 +92,7 @@ public:
 
     /// Room for so many calls of connect; raises ZOutOfMemoryException.
     void reserveChanges(size_t changes) {
-        if (base_ == 0)
-            return;
-        if (!keepsBits_)
-            unfold();
-        else if (changes * 2 > table_.limit - table_.count)
+        if (base_ != 0 && (!areMany_ || changes * 2 > table_.limit - table_.count))
             growTable(changes * 2);
     }
     /// Makes one record the follower of another; either may be none, and then the other one is an
@@ -186,7 +180,7 @@ private:
         later_.swap(other.later_);
         std::swap(base_, other.base_);
         std::swap(isThrifty_, other.isThrifty_);
-        std::swap(keepsBits_, other.keepsBits_);
+        std::swap(areMany_, other.areMany_);
         std::swap(table_, other.table_);
         std::swap(deadCount_, other.deadCount_);
     }
@@ -207,10 +201,9 @@ private:
     }
     Neighbours unlinkSlowly(ZPId id) noexcept;
     void growBits(size_t records);
-    void unfold();
-    bool tryToUnfold() noexcept;
     void growTable(size_t more);
-    bool tryToGrowTable(size_t more);
+    bool tryToGrowTable(size_t more) noexcept;
+    bool tryToUnfold() noexcept;
 
     // Where a record's entry stands, or would.
     size_t slotOf(ZPId id) const {
@@ -253,7 +246,7 @@ private:
     ZPBlock<uint64_t> bits_;  // of a record: whether the next number follows; whether it is dead
     uint32_t base_ = 0;
     bool isThrifty_ = true;
-    bool keepsBits_ = false;
+    bool areMany_ = false;
     ZPBlock<Later> later_;
     Table table_;
     uint32_t deadCount_ = 0;
@@ -274,7 +267,9 @@ public:
         records_.reserveMore(more, spare);
         links_.reserve(records_.end() + records_.room(), links_.isThrifty() ? 0 : more, spare);
     }
-    /// So many are about to be read that thrift is worth while. Requires: there are none.
+    /// As ZPBlock::expect.
+    void expect(size_t more, size_t spare) { records_.expect(more, spare); }
+    /// Many are about to be read. Requires: there are none.
     void expectMany() { links_.expectMany(); }
     /// Room for others.
     void reserveMore(size_t more) {
@@ -285,9 +280,10 @@ public:
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.
     ZPId nextId() const { return records_.nextId(); }
-    /// Whether a record that is read can be taken behind this one, or behind none.
-    bool isReadyBehind(ZPId id) const {
-        return records_.isReadyAtEnd() && links_.isReadyBehind(id);
+    /// Whether so many records that are read can be taken behind this one, or behind none, and
+    /// each behind the one before.
+    bool isReadyBehind(ZPId id, size_t more) const {
+        return records_.isReadyAtEnd(more) && links_.isReadyBehind(id, more);
     }
 
     /// Requires: isReadyBehind().
@@ -298,7 +294,7 @@ public:
     /// A record without neighbours; `isRead`: it comes with many. Needs room made before.
     ZPId take(T&& record, bool isRead = false) {
         if (records_.nextId() == links_.end()) {
-            if (isRead && links_.isReadyBehind(kNoId))
+            if (isRead && links_.isReadyBehind(kNoId, 1))
                 links_.addBehind(kNoId);
             else
                 links_.add();

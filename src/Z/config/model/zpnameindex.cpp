@@ -12,8 +12,7 @@ void ZPNameIndex::allocate(size_t count, const State& before) {
     if (wanted >= size_t(1) << kMostIdBits || wanted > SIZE_MAX / sizeof(Slot))
         zraise(ZOutOfMemoryException());
     const size_t bytes = wanted * sizeof(Slot);
-    state_.slots = static_cast<Slot*>(zrequireMemory(malloc(bytes)));
-    zadviseSpread(state_.slots, bytes);
+    state_.slots = static_cast<Slot*>(zrequireMemory(zmallocSpread(bytes, bytes)));
     zfetchPages(state_.slots, 0, bytes);
     memset(static_cast<void*>(state_.slots), 0, bytes);
     state_.capacity = static_cast<uint32_t>(wanted);

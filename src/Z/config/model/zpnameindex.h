@@ -30,12 +30,14 @@ public:
     }
     ~ZPNameIndex() { free(state_.slots); }
 
-    bool isFull() const { return state_.count == state_.limit; }
     size_t count() const { return state_.count; }
     /// So many entries fit in, and ids are below.
     size_t limit() const { return state_.limit; }
-    /// Whether there is room for one more, with this id.
-    bool takes(ZPId id) const { return !isFull() && id < state_.limit; }
+    /// Whether there is room for so many more, with ids from this one on.
+    bool takes(ZPId id, size_t more) const {
+        const size_t limit = state_.limit;
+        return more <= limit - state_.count && id <= limit && more <= limit - id;
+    }
 
     /// Room for `count` entries in all; raises ZOutOfMemoryException. forEachEntry(insert) calls
     /// insert(hash, id, offset) for each that is there.
@@ -81,7 +83,8 @@ public:
         }
     }
     void insertAt(const Place& place, ZPId id, uint32_t offset) {
-        zassert(!isFull() && state_.slots[place.slot].isFree() && id < state_.limit);
+        zassert(state_.count < state_.limit && state_.slots[place.slot].isFree() &&
+                id < state_.limit);
         state_.slots[place.slot] = {offset, place.kept << state_.idBits | (id + 1)};
         ++state_.count;
     }

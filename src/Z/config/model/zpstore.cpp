@@ -218,8 +218,12 @@ ZPStore::Id ZPStore::createStanza(ZSpan name) {
 
 void ZPStore::makeRoomForStanza() {
     stanzas_.reserveMore(1);
-    if (stanzaIndex_.isFull())
-        stanzaIndex_.reserve(stanzaIndex_.count() + 1, [&](auto insert) {
+    makeRoomInStanzaIndex(1);
+}
+
+void ZPStore::makeRoomInStanzaIndex(size_t more) {
+    if (!stanzaIndex_.takes(stanzas_.nextId(), more))
+        stanzaIndex_.reserve(stanzaIndex_.count() + more, [&](auto insert) {
             for (Id s = 0; s < stanzas_.end(); ++s)
                 if (stanzas_[s].inUse)
                     insert(znarrowHash(stanzas_[s].hash), s, stanzas_[s].name.offset);
@@ -308,7 +312,7 @@ void ZPStore::makeRoomForKey(size_t nameLength) {
     keys_.reserveMore(1);
     if (nameLength >= ZPKeys::kLong)
         keys_.makeExtra(keys_.nextId());
-    if (!keyIndex_.takes(keys_.nextId()))
+    if (!keyIndex_.takes(keys_.nextId(), 1))
         makeRoomInKeyIndex(1);
 }
 
@@ -602,164 +606,6 @@ void ZPStore::takeFromFollowed(Id id) {
     extra->isFollowed = false;
     zassert(followedCount_ != 0);
     --followedCount_;
-}
-
-// ---------------------------------------------------------------- reading
-
-static const size_t kManyLines = 256 * 1024;
-static const size_t kFewLines = 4096;
-
-void ZPStore::reserveForLines(size_t lines) {
-    // With room for some more keys: to move all this for the first one that is added would cost as
-    // much as the whole load. What isn't used of a large block isn't there. There may be fewer
-    // lines than was guessed, and not all are keys.
-    const bool areMany = lines >= kManyLines;
-    const size_t spare = areMany ? lines / 16 : lines < kFewLines ? lines : lines / 4;
-    if (areMany && keys_.end() == 0 && lines_.end() == 0)
-        expectMany();
-    keys_.reserveToRead(1, lines + spare);
-    lines_.reserve(1, lines + spare);
-    makeRoomInKeyIndex(lines + spare);
-}
-
-// The number of lines in three pieces tells roughly how many there are in all: the first lines of a
-// file alone are often shorter than the last. A guess only: it is kept within what a file of short
-// entries needs, and without memory for it the blocks grow as they are filled.
-void ZPStore::reserveForText(size_t start) {
-    static const size_t kPiece = 16 * 1024;
-    const size_t size = text_.size() - start;
-    if (size == 0)
-        return;
-    const size_t piece = size < 3 * kPiece ? size : kPiece;
-    size_t lines = 1, sample = 0;
-    for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
-        const char* p = text_.at(at);
-        const char* const stop = p + piece;
-        while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
-            ++lines;
-            ++p;
-        }
-        sample += piece;
-    }
-    const uint64_t guess = static_cast<uint64_t>(lines) * size / sample;
-    const size_t most = size / 8 + 1;
-    try {
-        reserveForLines(guess < most ? static_cast<size_t>(guess) : most);
-    } catch (ZOutOfMemoryException&) {
-    }
-}
-
-ZPStore::Id ZPStore::readHeader(ZPSlice name) {
-    makeRoomForStanza();
-    lines_.reserveGroup();
-    Id stanza = findStanza(text_.span(name));
-    zassert(stanza == none || !stanzas_[stanza].inMap);
-    if (stanza == none)
-        stanza = newStanza(name, nameHash(text_.span(name), true));
-    putStanzaIntoMap(stanza);
-    return addGroup(stanza);
-}
-
-ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
-    ZPStanza& stanza = stanzas_[id];
-    if (layerStart_ == none || stanza.name.offset >= layerStart_)
-        return none;
-    if (stanza.group == none) {
-        lines_.reserveGroup();
-        addGroup(id);
-    }
-    // By its place it is known that this file has had it.
-    text_.drop(stanza.name);
-    stanza.name = name;
-    return stanza.group;
-}
-
-void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
-    const Id owner = createStanza(stanza);
-    const Id id = createKey(owner, key);
-    if (value.size != 0)
-        return appendValue(id, kind, value);
-    forgetLowerValues(id, kind, true);
-    unmarkBare(id);
-}
-
-// An entry of a higher file is about to be added: what lower ones gave goes, but where values are
-// collected only for one without a value, or of the other kind.
-void ZPStore::forgetLowerValues(Id id, Kind kind, bool isEmpty) {
-    const auto isLower = [&](Kind which) {
-        const ZPSlice first = placeOfValue(id, which, 0);
-        return first.length != 0 && first.offset < layerStart_;
-    };
-    const bool goes = !collects_ ? isLower(plain) || isLower(hidden)
-                                 : isEmpty || isLower(kind == plain ? hidden : plain);
-    if (!goes)
-        return;
-    dropValues(id, plain);
-    dropValues(id, hidden);
-}
-
-// Likewise what other entries of this file gave, in dialects that don't keep all.
-void ZPStore::forgetValuesAbove(Id id, bool isEmpty) {
-    const bool collects = layerStart_ != none && collects_;
-    if (lastWins_ && collects) {
-        // Of those before it only the last one can be this file's.
-        const uint32_t count = values(id, plain).count();
-        const ZPSlice last = count == 0 ? ZPSlice{0, 0} : placeOfValue(id, plain, count - 1);
-        if (last.length != 0 && last.offset >= layerStart_) {
-            if (keys_.extra(id) == nullptr)
-                dropValues(id, plain);
-            else
-                changeValues(id, plain,
-                             [&](ZPValues& values, ZPSlice* own) { values.dropLast(text_, own); });
-        }
-    } else if (lastWins_ || (emptyResets_ && isEmpty)) {
-        dropValues(id, plain);
-    } else if (layerStart_ == none) {
-        return;
-    }
-    unmarkBare(id);
-}
-
-// An entry in all its cases: `id` is the key's record if there is one, and the stanza's key list
-// may have been handed out.
-ZPStore::Id ZPStore::readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id,
-                                     bool& isNew) {
-    const Id stanza = lines_.group(group).stanza;
-    isNew = id == none || !isInMap(id);
-    if (isNew) {
-        lines_.reserveAt(group);
-        const bool isMade = id == none;
-        if (isMade) {
-            keys_.reserveToRead(1);
-            if (name.length >= ZPKeys::kLong)
-                keys_.makeExtra(keys_.nextId());
-            id = newKey(stanza, name, hash, true);
-        }
-        try {
-            makeRoomForValue(id, value.length);
-            putIntoMap(id);
-        } catch (...) {
-            if (isMade)
-                freeKeyIfUnneeded(id);
-            throw;
-        }
-        noteLine(id, lines_.appendKey(group, id));
-        keys_.setValue(id, value);
-        return id;
-    }
-    if (layerStart_ != none)
-        forgetLowerValues(id, plain, value.length == 0);
-    forgetValuesAbove(id, value.length == 0);
-    if (value.length == 0)
-        return id;
-    if (takesValue(id)) {
-        makeRoomForValue(id, value.length);
-        keys_.setValue(id, value);
-    } else {
-        changeValues(id, plain,
-                     [&](ZPValues& values, ZPSlice* own) { values.append(text_, own, value); });
-    }
-    return id;
 }
 
 // ---------------------------------------------------------------- lines

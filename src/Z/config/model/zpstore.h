@@ -69,6 +69,15 @@ struct ZPStanza {
     ZPLazy<ZLCString> nameObject;
 };
 
+/// A line that was read.
+struct ZPReadLine {
+    enum Kind : uint32_t { blank, comment, entry, bareEntry };  // bare: without a divider
+    Kind kind;
+    uint32_t hash;  // of an entry: ZPStore::keyHash() of stanza and name
+    ZPSlice name;   // or a comment's text
+    ZPSlice value;
+};
+
 /// A name with a NUL behind it.
 typedef std::unique_ptr<char, ZPFree> ZPNameText;
 
@@ -403,54 +412,23 @@ public:
     void truncateText(size_t size) { text_.truncate(size); }
     /// What was read and doesn't stand in the text as it is.
     ZPSlice addText(ZSpan text) { return text_.append(text); }
-    /// Very many lines are about to be read: memory is dearer than instructions then. Requires:
-    /// there is nothing yet.
+    /// Many lines are about to be read: a single change of them is to stay cheap. Requires: there
+    /// is nothing yet.
     void expectMany() {
         keys_.expectMany();
         lines_.expectMany();
     }
     /// Makes room for what a file of that many lines brings at most.
     void reserveForLines(size_t lines);
+    /// For that many stanzas.
+    void expectStanzas(size_t stanzas);
     /// For what the text from `start` on will bring, as far as can be guessed.
     void reserveForText(size_t start);
     /// A header at the end whose name lies in the text; the stanza must not be in the map.
     Id readHeader(ZPSlice name);
-    /// An entry of the group's stanza: one more value if length isn't 0; a key that is new gets a
-    /// line at the end. `hash` is keyHash() of the stanza and the name. Returns the key.
-    Id readEntry(Id group, ZPSlice name, ZPSlice value, uint32_t hash, bool& isNew) {
-        if (!keyIndex_.takes(keys_.nextId()))
-            makeRoomInKeyIndex(1);
-        const Id stanzaId = lines_.group(group).stanza;
-        const ZSpan bytes = text_.span(name);
-        ZPNameIndex::Place place;
-        const Id found = keyIndex_.findOrPlace(hash, place, [&](Id candidate, uint32_t) {
-            return keys_.stanza(candidate) == stanzaId && isNamed(candidate, bytes);
-        });
-        ZPStanza& stanza = stanzas_[stanzaId];
-        const bool isUsual = found == none && stanza.keyList.get() == nullptr &&
-                             keys_.isReadyBehind(stanza.last) && lines_.isReadyAt(group) &&
-                             (name.length | value.length) < ZPKeys::kLong;
-        if (!isUsual)
-            return readEntrySlowly(group, name, value, hash, found, isNew);
-        // All in one: a new key at the end of its stanza and group.
-        const Id id = keys_.takeBehind(stanza.last, name, value, stanzaId,
-                                       lines_.appendKey(group, keys_.end()));
-        keyIndex_.insertAt(place, id, name.offset);
-        if (stanza.last == none)
-            stanza.first = id;
-        stanza.last = id;
-        ++stanza.count;
-        isNew = true;
-        return id;
-    }
-    void readComment(Id group, ZPSlice comment) {
-        lines_.reserveAt(group);
-        lines_.appendComment(group, comment, text_);
-    }
-    void readBlank(Id group) {
-        lines_.reserveAt(group);
-        lines_.appendBlank(group, text_);
-    }
+    /// Lines of a group, at its end. An entry is one more value of its key if it has a value, and
+    /// a key that is new gets a line.
+    void readLines(Id group, const ZPReadLine* lines, size_t count);
     Id lastGroup() const { return lines_.lastGroup(); }
     __attribute__((always_inline)) uint32_t keyHash(Id stanza, ZSpan key) const {
         return zhashOfBoth(stanzas_[stanza].hash, nameHash(key, false));
@@ -495,6 +473,7 @@ private:
     void makeRoomForKey(size_t nameLength);
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
+    void makeRoomInStanzaIndex(size_t stanzas);
     void takeOutOfIndex(Id key);
     void takeStanzaOutOfIndex(Id stanza);
     void freeKeyIfUnneeded(Id key);
@@ -535,7 +514,9 @@ private:
     Id addGroup(Id stanza);
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     void forgetValuesAbove(Id key, bool isEmpty);
-    Id readEntrySlowly(Id group, ZPSlice name, ZPSlice value, uint32_t hash, Id id, bool& isNew);
+    bool isReadyToRead(Id group, size_t lines) const;
+    void readLine(Id group, const ZPReadLine& line);
+    Id readEntry(Id group, const ZPReadLine& line);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {
         keys_.setLine(key, keys_.line(key) == none ? line : kSeveralIds);

@@ -1,0 +1,234 @@
+// zpstoreread.cpp: how a store is filled with what was read.
+#include "zpstore.h"
+
+static const size_t kFewLines = 4096, kManyLines = 16 * 1024, kMostLines = 256 * 1024;
+
+void ZPStore::reserveForLines(size_t lines) {
+    // With room for some more keys: to move all this for the first one that is added would cost as
+    // much as the whole load. What isn't used of a large block isn't there. There may be fewer
+    // lines than was guessed, and not all are keys.
+    const size_t spare = lines >= kMostLines ? lines / 16 : lines < kFewLines ? lines : lines / 4;
+    if (lines >= kManyLines && keys_.end() == 0 && lines_.end() == 0)
+        expectMany();
+    keys_.expect(lines, spare);
+    lines_.expect(lines, spare);
+    makeRoomInKeyIndex(lines + spare);
+}
+
+void ZPStore::expectStanzas(size_t stanzas) {
+    stanzas_.expect(stanzas, stanzas / 4);
+    lines_.expectGroups(stanzas, stanzas / 4);
+    makeRoomInStanzaIndex(stanzas + stanzas / 4);
+}
+
+// The number of lines in three pieces tells roughly how many there are in all: the first lines of a
+// file alone are often shorter than the last. A guess only: it is kept within what a file of short
+// entries needs, and without memory for it the blocks grow as they are filled.
+void ZPStore::reserveForText(size_t start) {
+    static const size_t kPiece = 16 * 1024;
+    const size_t size = text_.size() - start;
+    if (size == 0)
+        return;
+    const size_t piece = size < 3 * kPiece ? size : kPiece;
+    size_t lines = 1, headers = 1, sample = 0;
+    for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
+        const char* p = text_.at(at);
+        const char* const stop = p + piece;
+        while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
+            ++lines;
+            ++p;
+            headers += p != stop && *p == '[';
+        }
+        sample += piece;
+    }
+    const auto inAll = [&](size_t found) {
+        const uint64_t guess = static_cast<uint64_t>(found) * size / sample;
+        const size_t most = size / 8 + 1;
+        return guess < most ? static_cast<size_t>(guess) : most;
+    };
+    try {
+        reserveForLines(inAll(lines));
+        expectStanzas(inAll(headers));
+    } catch (ZOutOfMemoryException&) {
+    }
+}
+
+ZPStore::Id ZPStore::readHeader(ZPSlice name) {
+    makeRoomForStanza();
+    lines_.reserveGroup();
+    Id stanza = findStanza(text_.span(name));
+    zassert(stanza == none || !stanzas_[stanza].inMap);
+    if (stanza == none)
+        stanza = newStanza(name, nameHash(text_.span(name), true));
+    putStanzaIntoMap(stanza);
+    return addGroup(stanza);
+}
+
+ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
+    ZPStanza& stanza = stanzas_[id];
+    if (layerStart_ == none || stanza.name.offset >= layerStart_)
+        return none;
+    if (stanza.group == none) {
+        lines_.reserveGroup();
+        addGroup(id);
+    }
+    // By its place it is known that this file has had it.
+    text_.drop(stanza.name);
+    stanza.name = name;
+    return stanza.group;
+}
+
+void ZPStore::addLayerValue(ZSpan stanza, ZSpan key, Kind kind, ZSpan value) {
+    const Id owner = createStanza(stanza);
+    const Id id = createKey(owner, key);
+    if (value.size != 0)
+        return appendValue(id, kind, value);
+    forgetLowerValues(id, kind, true);
+    unmarkBare(id);
+}
+
+// An entry of a higher file is about to be added: what lower ones gave goes, but where values are
+// collected only for one without a value, or of the other kind.
+void ZPStore::forgetLowerValues(Id id, Kind kind, bool isEmpty) {
+    const auto isLower = [&](Kind which) {
+        const ZPSlice first = placeOfValue(id, which, 0);
+        return first.length != 0 && first.offset < layerStart_;
+    };
+    const bool goes = !collects_ ? isLower(plain) || isLower(hidden)
+                                 : isEmpty || isLower(kind == plain ? hidden : plain);
+    if (!goes)
+        return;
+    dropValues(id, plain);
+    dropValues(id, hidden);
+}
+
+// Likewise what other entries of this file gave, in dialects that don't keep all.
+void ZPStore::forgetValuesAbove(Id id, bool isEmpty) {
+    const bool collects = layerStart_ != none && collects_;
+    if (lastWins_ && collects) {
+        // Of those before it only the last one can be this file's.
+        const uint32_t count = values(id, plain).count();
+        const ZPSlice last = count == 0 ? ZPSlice{0, 0} : placeOfValue(id, plain, count - 1);
+        if (last.length != 0 && last.offset >= layerStart_) {
+            if (keys_.extra(id) == nullptr)
+                dropValues(id, plain);
+            else
+                changeValues(id, plain,
+                             [&](ZPValues& values, ZPSlice* own) { values.dropLast(text_, own); });
+        }
+    } else if (lastWins_ || (emptyResets_ && isEmpty)) {
+        dropValues(id, plain);
+    } else if (layerStart_ == none) {
+        return;
+    }
+    unmarkBare(id);
+}
+
+// Whether new keys of the group's stanza, and all other lines, can be put at its end one behind
+// the other, without a look at anything else.
+bool ZPStore::isReadyToRead(Id group, size_t lines) const {
+    const Id id = lines_.group(group).stanza;
+    if (id == none || !lines_.isReadyAt(group, lines))
+        return false;
+    const ZPStanza& stanza = stanzas_[id];
+    return stanza.keyList.get() == nullptr && keys_.isReadyBehind(stanza.last, lines);
+}
+
+void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
+    keys_.reserveToRead(count);
+    lines_.reserveToRead(count);
+    if (!keyIndex_.takes(keys_.end(), count))
+        makeRoomInKeyIndex(count);
+    bool isReady = isReadyToRead(group, count);
+    for (const ZPReadLine *line = lines, *const end = lines + count; line != end; ++line) {
+        if (!isReady) {
+            readLine(group, *line);
+            isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
+        } else if (line->kind == ZPReadLine::blank) {
+            lines_.readBlank(group, text_);
+        } else if (line->kind == ZPReadLine::comment) {
+            lines_.readComment(group, line->name, text_);
+        } else {
+            // All in one: a new key at the end of its stanza and group.
+            const Id stanzaId = lines_.group(group).stanza, id = keys_.end();
+            ZPNameIndex::Place place;
+            if ((line->name.length | line->value.length) >= ZPKeys::kLong ||
+                keyIndex_.findOrPlace(line->hash, place, [&](Id candidate, uint32_t) {
+                    return keys_.stanza(candidate) == stanzaId &&
+                           isNamed(candidate, text_.span(line->name));
+                }) != none) {
+                readLine(group, *line);
+                isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
+                continue;
+            }
+            ZPStanza& stanza = stanzas_[stanzaId];
+            keys_.takeBehind(stanza.last, line->name, line->value, stanzaId, lines_.nextId());
+            lines_.readKey(group, id);
+            keyIndex_.insertAt(place, id, line->name.offset);
+            if (stanza.last == none)
+                stanza.first = id;
+            stanza.last = id;
+            ++stanza.count;
+        }
+    }
+}
+
+// In all its cases.
+void ZPStore::readLine(Id group, const ZPReadLine& line) {
+    if (line.kind == ZPReadLine::entry || line.kind == ZPReadLine::bareEntry) {
+        const Id key = readEntry(group, line);
+        if (line.kind == ZPReadLine::bareEntry)
+            markBare(key);
+        return;
+    }
+    lines_.reserveAt(group);
+    if (line.kind == ZPReadLine::blank)
+        lines_.appendBlank(group, text_);
+    else
+        lines_.appendComment(group, line.name, text_);
+}
+
+ZPStore::Id ZPStore::readEntry(Id group, const ZPReadLine& line) {
+    const Id stanza = lines_.group(group).stanza;
+    const ZSpan name = text_.span(line.name);
+    Id id = keyIndex_.find(line.hash, [&](Id candidate, uint32_t) {
+        return keys_.stanza(candidate) == stanza && isNamed(candidate, name);
+    });
+    const ZPSlice value = line.value;
+    if (id == none || !isInMap(id)) {
+        lines_.reserveAt(group);
+        const bool isMade = id == none;
+        if (isMade) {
+            keys_.reserveToRead(1);
+            if (name.size >= ZPKeys::kLong)
+                keys_.makeExtra(keys_.nextId());
+            if (!keyIndex_.takes(keys_.nextId(), 1))
+                makeRoomInKeyIndex(1);
+            id = newKey(stanza, line.name, line.hash, true);
+        }
+        try {
+            makeRoomForValue(id, value.length);
+            putIntoMap(id);
+        } catch (...) {
+            if (isMade)
+                freeKeyIfUnneeded(id);
+            throw;
+        }
+        noteLine(id, lines_.appendKey(group, id));
+        keys_.setValue(id, value);
+        return id;
+    }
+    if (layerStart_ != none)
+        forgetLowerValues(id, plain, value.length == 0);
+    forgetValuesAbove(id, value.length == 0);
+    if (value.length == 0)
+        return id;
+    if (takesValue(id)) {
+        makeRoomForValue(id, value.length);
+        keys_.setValue(id, value);
+    } else {
+        changeValues(id, plain,
+                     [&](ZPValues& values, ZPSlice* own) { values.append(text_, own, value); });
+    }
+    return id;
+}
