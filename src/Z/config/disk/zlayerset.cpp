@@ -211,7 +211,7 @@ bool ZLayerSet::readAll(ZSCFData& model, const Reading& reading) {
     if (files > 1 && size < kMost) {
         const size_t bytes = static_cast<size_t>(size);
         storeOf(model).textRoom(bytes, bytes / 4);
-        storeOf(model).reserveForLines(bytes / kUsualLine);
+        storeOf(model).reserveForLines(bytes / kUsualLine, bytes / kUsualLine);
     }
     for (ZLayer& layer : loaded_.layers)
         if (layer.found.state == ZLayerFile::counts && !readFile(model, layer, reading))

@@ -270,7 +270,7 @@ public:
                 header(store_.stanza(group.stanza).name);
             }
             for (Id l = group.first; l != ZPStore::none; l = store_.nextLine(l))
-                line(store_.line(l));
+                line(l);
         }
         endRun();
         flush();
@@ -288,7 +288,8 @@ private:
         put("]\n", 2);
     }
 
-    void line(const ZPLine& line) {
+    void line(Id id) {
+        const ZPLine& line = store_.line(id);
         switch (line.type()) {
             case ZPLine::blank:
                 if (runEnd_ != runStart_ && at(runEnd_, "\n", 1))
@@ -297,11 +298,11 @@ private:
                     put("\n", 1);
                 break;
             case ZPLine::comment:
-                comment(line.slice());
+                comment(store_.comment(id));
                 break;
             case ZPLine::key:
-                if (store_.isInMap(line.ref))
-                    entry(line.ref);
+                if (store_.isInMap(line.ref()))
+                    entry(line.ref());
                 break;
         }
     }

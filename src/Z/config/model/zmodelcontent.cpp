@@ -39,9 +39,9 @@ void ZModelContent::listEntries(const ZSCFData& model, ZBytes& out) {
              g = store.group(g).nextOfStanza)
             for (ZPId l = store.group(g).first; l != kNoId; l = store.nextLine(l)) {
                 const ZPLine& line = store.line(l);
-                if (!line.isKey() || !store.isInMap(line.ref) || isTold[line.ref] != 0)
+                if (!line.isKey() || !store.isInMap(line.ref()) || isTold[line.ref()] != 0)
                     continue;
-                tell(line.ref);
+                tell(line.ref());
                 --left;
             }
         // Those without a line, as hidden ones are.
@@ -113,7 +113,7 @@ ZModelContent::Run ZModelContent::commentsOf(const ZPStore& store, const char* s
     for (ZPId g = store.stanza(id).group; wanted != kNoId && g != kNoId;
          g = store.group(g).nextOfStanza)
         for (ZPId l = store.group(g).first; l != kNoId; l = store.nextLine(l)) {
-            if (!store.line(l).isKey() || store.line(l).ref != wanted)
+            if (!store.line(l).isKey() || store.line(l).ref() != wanted)
                 continue;
             return commentsAbove(store, g, l);
         }
@@ -125,7 +125,7 @@ void ZModelContent::listComments(const ZSCFData& model, const char* stanza, cons
     const ZPStore& store = model.store();
     const Run run = commentsOf(store, stanza, key);
     for (ZPId l = run.first; l != run.end; l = store.nextLine(l)) {
-        const ZSpan comment = store.text().span(store.line(l).slice());
+        const ZSpan comment = store.text().span(store.comment(l));
         std::unique_ptr<ZLCString> line(
             new ZLCString(comment.data, static_cast<unsigned int>(comment.size)));
         list.addNoCopy(line.get());

@@ -186,7 +186,7 @@ bool ZModelEdits::uncommentKey(ZSCFData& model, const char* stanza, const char* 
     for (ZPId g = store.stanza(id).group; g != ZPStore::none; g = store.group(g).nextOfStanza)
         for (ZPId l = store.group(g).first; l != ZPStore::none; l = store.nextLine(l)) {
             if (!store.line(l).isComment() ||
-                zfindDisabled(store.text().span(store.line(l).slice()), name, value).size == 0)
+                zfindDisabled(store.text().span(store.comment(l)), name, value).size == 0)
                 continue;
             // The value is text of the comment, which is about to go.
             ZBytes copy;
@@ -214,7 +214,7 @@ static ZPId firstLineOf(const ZPStore& store, ZPId key, ZPId& line) {
     for (ZPId g = store.stanza(store.key(key).stanza).group; g != ZPStore::none;
          g = store.group(g).nextOfStanza)
         for (line = store.group(g).first; line != ZPStore::none; line = store.nextLine(line))
-            if (store.line(line).isKey() && store.line(line).ref == key)
+            if (store.line(line).isKey() && store.line(line).ref() == key)
                 return g;
     return ZPStore::none;
 }
@@ -230,7 +230,7 @@ void ZModelEdits::addForgettingLines(ZSCFData& model, ZVector<ZPId>& keys) {
         for (ZPId id = store.group(g).first; id != ZPStore::none; id = store.nextLine(id)) {
             if (!store.line(id).isKey())
                 continue;
-            const ZPId key = store.line(id).ref;
+            const ZPId key = store.line(id).ref();
             const auto found = std::lower_bound(keys.begin(), keys.end(), key);
             const size_t at = static_cast<size_t>(found - keys.begin());
             if (found == keys.end() || *found != key || isDone[at])

@@ -57,13 +57,13 @@ void ZPLines::insert(ZPId groupId, ZPId prev, ZPId before, ZPId id) {
 }
 
 void ZPLines::insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text) {
-    const ZPId id = lines_.take(commentLine(comment));
+    const ZPId id = lines_.take(lines_.newComment(comment));
     insert(group, before, id);
     noteOther(groups_[group], id, text);
 }
 
 void ZPLines::insertBlank(ZPId group, ZPId before, const ZPText& text) {
-    const ZPId id = lines_.take({0, ZPLine::blank});
+    const ZPId id = lines_.take(ZPLine::make(ZPLine::blank, 0));
     insert(group, before, id);
     noteOther(groups_[group], id, text);
 }
@@ -71,7 +71,7 @@ void ZPLines::insertBlank(ZPId group, ZPId before, const ZPText& text) {
 void ZPLines::removeKeys(ZPId group, ZPId key) {
     for (ZPId l = groups_[group].first; l != kNoId;) {
         const ZPId next = lines_.next(l);
-        if (lines_[l].isKey() && lines_[l].ref == key)
+        if (lines_[l].isKey() && lines_[l].ref() == key)
             removeKey(group, l);
         l = next;
     }
@@ -84,7 +84,7 @@ void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
     group.knowsSamples = false;
     for (ZPId l = first; l != end;) {
         const ZPId next = lines_.next(l);
-        text.drop(lines_[l].slice());
+        text.drop(lines_.comment(l));
         --group.comments;
         unlink(group, l);
         l = next;
@@ -93,7 +93,7 @@ void ZPLines::removeComments(ZPId groupId, ZPId first, ZPId end, ZPText& text) {
 
 ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text) {
     reserveInserts(1);
-    const ZPId line = lines_.take({key, ZPLine::key});
+    const ZPId line = lines_.take(ZPLine::make(ZPLine::key, key));
     insert(groupId, comment, line);
     removeComments(groupId, comment, lines_.next(comment), text);
     // Without an index of samples nothing has to be known of the blank lines on the way.
@@ -106,7 +106,7 @@ ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
     ZPId found = kNoId;
     for (ZPId g = firstOfStanza; g != kNoId; g = groups_[g].nextOfStanza)
         for (ZPId l = groups_[g].first; l != kNoId; l = lines_.next(l))
-            if (lines_[l].isKey() && lines_[l].ref == key)
+            if (lines_[l].isKey() && lines_[l].ref() == key)
                 found = found == kNoId ? l : kSeveralIds;
     return found;
 }
@@ -129,7 +129,7 @@ void ZPLines::noteForSamples(ZPGroup& group, ZPId id, const ZPText& text) {
     if (group.samples == nullptr) {
         // Nothing is known of paragraphs yet.
         group.knowsSamples =
-            !lines_[id].isComment() || !ZPSamples::isSample(text.span(lines_[id].slice()));
+            !lines_[id].isComment() || !ZPSamples::isSample(text.span(lines_.comment(id)));
         return;
     }
     try {
@@ -149,7 +149,7 @@ void ZPLines::indexSamples(ZPGroup& group, const ZPText& text) {
     // Most groups have none, and then no index.
     ZPId l = group.first;
     while (l != kNoId &&
-           !(lines_[l].isComment() && ZPSamples::isSample(text.span(lines_[l].slice()))))
+           !(lines_[l].isComment() && ZPSamples::isSample(text.span(lines_.comment(l)))))
         l = lines_.next(l);
     if (l != kNoId)
         group.samples.reset(new ZPSamples(lines_, text, group.last));
@@ -172,7 +172,7 @@ ZPId ZPLines::findParagraphEnd(ZPGroup& group, ZSpan key, const ZPText& text) {
         return closing;
     ZPId l = group.first;
     while (l != kNoId &&
-           !(lines_[l].isComment() && ZPSamples::isSampleOf(key, text.span(lines_[l].slice()))))
+           !(lines_[l].isComment() && ZPSamples::isSampleOf(key, text.span(lines_.comment(l)))))
         l = lines_.next(l);
     while (l != kNoId && !lines_[l].isBlank())
         l = lines_.next(l);
@@ -185,7 +185,7 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
     const ZPId closing = findParagraphEnd(group, name, text);
     const ZPId last = lastKey(groupId);
     const ZPId behindLast = last == kNoId ? group.first : lines_.next(last);
-    const ZPId line = lines_.take({key, ZPLine::key});
+    const ZPId line = lines_.take(ZPLine::make(ZPLine::key, key));
     if (closing == kNoId)
         insert(groupId, last, behindLast, line);
     else
@@ -205,20 +205,15 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
 
 // ---------------------------------------------------------------- comments
 
-static void requireCommentLength(size_t length) {
-    if (length >= ZPLine::kMaxLength)
-        zraise(ZOutOfMemoryException());
-}
-
 void ZPLines::insertCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
-    requireCommentLength(comment.size);
     reserveInserts(1);
+    lines_.reserveComments(1);
     insertComment(group, line, text.append(comment), text);
 }
 
 void ZPLines::addFileComment(ZSpan comment, ZPText& text) {
-    requireCommentLength(comment.size);
     reserveInserts(2);
+    lines_.reserveComments(1);
     const ZPSlice slice = text.append(comment);
     const ZPId first = groups_[0].first;
     ZPId l = first;
@@ -233,8 +228,8 @@ void ZPLines::addFileComment(ZSpan comment, ZPText& text) {
 }
 
 void ZPLines::addStanzaComment(ZPId group, ZSpan comment, ZPText& text) {
-    requireCommentLength(comment.size);
     reserveInserts(2);
+    lines_.reserveComments(1);
     const ZPSlice slice = text.append(comment);
     ZPId l = groups_[group].first;
     while (l != kNoId && lines_[l].isComment())
@@ -245,8 +240,8 @@ void ZPLines::addStanzaComment(ZPId group, ZSpan comment, ZPText& text) {
 }
 
 void ZPLines::addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& text) {
-    requireCommentLength(comment.size);
     reserveInserts(2);
+    lines_.reserveComments(1);
     const ZPSlice slice = text.append(comment);
     const ZPId before = lines_.prev(line);
     if (before == kNoId || lines_[before].isKey())
@@ -258,7 +253,7 @@ void ZPLines::addCommentBefore(ZPId group, ZPId line, ZSpan comment, ZPText& tex
 
 void ZPLines::checkInvariants(const ZPText& text) const {
     ZPId lastGroupSeen = 0;
-    size_t linesSeen = 0, groupsSeen = 0;
+    size_t linesSeen = 0, groupsSeen = 0, commentsSeen = 0;
     for (ZPId g = 0; g != kNoId; g = groups_[g].next) {
         const ZPGroup& group = groups_[g];
         ZPHOLDS(g == 0 || group.prev == lastGroupSeen);
@@ -276,8 +271,8 @@ void ZPLines::checkInvariants(const ZPText& text) const {
             ++linesSeen;
             comments += line.isComment();
             blanks += line.isBlank();
-            hasSamples =
-                hasSamples || (line.isComment() && ZPSamples::isSample(text.span(line.slice())));
+            hasSamples = hasSamples ||
+                         (line.isComment() && ZPSamples::isSample(text.span(lines_.comment(l))));
             if (line.isKey()) {
                 ZPHOLDS(!isBehindKeys);
                 lastKeySeen = l;
@@ -286,6 +281,7 @@ void ZPLines::checkInvariants(const ZPText& text) const {
         }
         ZPHOLDS(group.last == previous);
         ZPHOLDS(isBehindKeys);
+        commentsSeen += comments;
         ZPHOLDS(group.comments == comments && group.blanks == blanks);
         ZPHOLDS(group.samples == nullptr || group.knowsSamples);
         ZPHOLDS(!group.knowsSamples || hasSamples == (group.samples != nullptr));
@@ -295,6 +291,7 @@ void ZPLines::checkInvariants(const ZPText& text) const {
     }
     ZPHOLDS(groups_[0].prev == lastGroupSeen);
     lines_.checkInvariants();
+    ZPHOLDS(commentsSeen == lines_.countComments());
     ZPHOLDS(linesSeen + lines_.countFree() == lines_.end());
     ZPHOLDS(groupsSeen + groups_.countFree() == groups_.end());
 }

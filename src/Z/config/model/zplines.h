@@ -48,6 +48,8 @@ public:
     ZPLines();
 
     const ZPLine& line(ZPId id) const { return lines_[id]; }
+    /// Where the text of a comment line is.
+    ZPSlice comment(ZPId line) const { return lines_.comment(line); }
     const ZPGroup& group(ZPId id) const { return groups_[id]; }
     ZPId lastGroup() const { return groups_[0].prev; }
 
@@ -83,41 +85,44 @@ public:
     void expectMany() { lines_.expectMany(); }
     /// As ZPBlock::expect.
     void expect(size_t lines, size_t spare) { lines_.expect(lines, spare); }
+    void expectComments(size_t more, size_t spare) { lines_.expectComments(more, spare); }
     /// Room for one more line at the end of a group.
     void reserveAt(ZPId group) {
         reserveToRead(1);
         if (!isReadyAt(group, 1))
             lines_.reserveChanges(1);
     }
-    /// Room for lines that are read.
+    /// Room for lines that are read; and for where so many of them that are comments are.
     void reserveToRead(size_t more) { lines_.reserveToRead(more); }
+    void reserveComments(size_t more) { lines_.reserveComments(more); }
     /// Whether so many lines that are read can be put there at once.
     bool isReadyAt(ZPId group, size_t more) const {
         return lines_.isReadyBehind(groups_[group].last, more);
     }
     /// At the end of the group. These need room.
     ZPId appendKey(ZPId group, ZPId key) {
-        const ZPId id = append(group, {key, ZPLine::key});
+        const ZPId id = append(group, ZPLine::make(ZPLine::key, key));
         groups_[group].keysEnd = id;
         return id;
     }
     void appendComment(ZPId group, ZPSlice comment, const ZPText& text) {
-        noteOther(groups_[group], append(group, commentLine(comment)), text);
+        noteOther(groups_[group], append(group, lines_.newComment(comment)), text);
     }
     void appendBlank(ZPId group, const ZPText& text) {
-        noteOther(groups_[group], append(group, {0, ZPLine::blank}), text);
+        noteOther(groups_[group], append(group, ZPLine::make(ZPLine::blank, 0)), text);
     }
     /// The next line that is read will have this id if isReadyAt(), and be put there by one of
     /// these.
     ZPId nextId() const { return lines_.end(); }
     __attribute__((always_inline)) void readKey(ZPId group, ZPId key) {
-        groups_[group].keysEnd = appendReady(groups_[group], {key, ZPLine::key});
+        groups_[group].keysEnd = appendReady(groups_[group], ZPLine::make(ZPLine::key, key));
     }
     void readComment(ZPId group, ZPSlice comment, const ZPText& text) {
-        noteOther(groups_[group], appendReady(groups_[group], commentLine(comment)), text);
+        noteOther(groups_[group], appendReady(groups_[group], lines_.newComment(comment)), text);
     }
     void readBlank(ZPId group, const ZPText& text) {
-        noteOther(groups_[group], appendReady(groups_[group], {0, ZPLine::blank}), text);
+        noteOther(groups_[group], appendReady(groups_[group], ZPLine::make(ZPLine::blank, 0)),
+                  text);
     }
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
@@ -138,11 +143,11 @@ public:
     /// Removes comment lines, from `first` to ahead of `end`, with their text.
     void removeComments(ZPId group, ZPId first, ZPId end, ZPText& text);
 
-    /// Calls visit(line) for each line of the group, first to last.
+    /// Calls visit(id, line) for each line of the group, first to last.
     template <typename Visit>
     void forEach(ZPId group, Visit visit) const {
         for (ZPId l = groups_[group].first; l != kNoId; l = lines_.next(l))
-            visit(lines_[l]);
+            visit(l, lines_[l]);
     }
 
     // --- Comments, appended to the text ---
@@ -158,18 +163,15 @@ public:
     /// Calls move(slice) for the text of this comment, which takes it to its place in a new text.
     template <typename Move>
     void moveComment(ZPId line, Move move) {
-        ZPSlice slice = lines_[line].slice();
+        ZPSlice slice = lines_.comment(line);
         move(slice);
-        lines_[line].ref = slice.offset;
+        lines_.setComment(line, slice);
     }
 
     /// Ends the process unless the invariants hold.
     void checkInvariants(const ZPText& text) const;
 
 private:
-    static ZPLine commentLine(ZPSlice comment) {
-        return {comment.offset, comment.length << 2 | ZPLine::comment};
-    }
     static void noteLast(ZPGroup& group, ZPId line) {
         if (group.last == kNoId)
             group.first = line;

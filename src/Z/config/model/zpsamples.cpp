@@ -110,11 +110,11 @@ uint32_t ZPSamples::paragraphOf(const ZPLinePool& lines, ZPId comment) const {
         if (behind == kNoId)
             return last_;
         if (lines[behind].isBlank())
-            return lines[behind].ref;
+            return lines[behind].ref();
         if (before == kNoId)
             return first_;
         if (lines[before].isBlank())
-            return paragraphs_[lines[before].ref].next;
+            return paragraphs_[lines[before].ref()].next;
     }
 }
 
@@ -123,7 +123,7 @@ void ZPSamples::moveSamples(const ZPLinePool& lines, const ZPText& text, ZPId fr
                             uint32_t paragraph) {
     for (ZPId l = from; l != to; l = lines.next(l)) {
         uint32_t hash;
-        if (!lines[l].isComment() || !hashOfSample(text.span(lines[l].slice()), hash))
+        if (!lines[l].isComment() || !hashOfSample(text.span(lines.comment(l)), hash))
             continue;
         Slot& slot = find(hash);
         if (slot.line == l)
@@ -143,13 +143,14 @@ ZPSamples::ZPSamples(ZPLinePool& lines, const ZPText& text, ZPId lastLine) {
         if (line.isKey()) {
             isTail = false;
         } else if (line.isBlank()) {
-            paragraph = line.ref = addParagraph(l, paragraph, isTail);
-        } else if (hashOfSample(text.span(line.slice()), hash)) {
+            paragraph = addParagraph(l, paragraph, isTail);
+            line.setRef(paragraph);
+        } else if (hashOfSample(text.span(lines.comment(l)), hash)) {
             Slot& slot = findOrMake(hash);
             const bool isOther =
                 slot.line == kSeveralIds ||
                 (slot.line != kNoId &&
-                 !nameTheSame(text.at(lines[slot.line].slice()), text.at(line.slice())));
+                 !nameTheSame(text.at(lines.comment(slot.line)), text.at(lines.comment(l))));
             slot.line = isOther ? kSeveralIds : l;
             slot.paragraph = paragraph;
         }
@@ -158,12 +159,11 @@ ZPSamples::ZPSamples(ZPLinePool& lines, const ZPText& text, ZPId lastLine) {
 }
 
 void ZPSamples::addComment(const ZPLinePool& lines, const ZPText& text, ZPId comment) {
-    const ZPLine& line = lines[comment];
     const bool isPiled = recent_ != kNoId && recent_ == lines.prev(comment);
     if (isPiled)
         recent_ = comment;
     uint32_t hash;
-    if (!hashOfSample(text.span(line.slice()), hash))
+    if (!hashOfSample(text.span(lines.comment(comment)), hash))
         return;
     Slot& slot = findOrMake(hash);
     if (slot.line != kNoId) {
@@ -188,19 +188,22 @@ void ZPSamples::addBlank(ZPLinePool& lines, const ZPText& text, ZPId firstLine, 
     for (;; behind = lines.next(behind), before = lines.prev(before)) {
         if (behind == kNoId || lines[behind].isBlank()) {
             // What stands behind the new line gets the new number.
-            uint32_t& number = behind == kNoId ? last_ : lines[behind].ref;
-            const uint32_t old = number;
+            const uint32_t old = behind == kNoId ? last_ : lines[behind].ref();
             const Paragraph whole = paragraphs_[old];
-            number = addParagraph(behind, whole.next, whole.isTail);
+            const uint32_t number = addParagraph(behind, whole.next, whole.isTail);
+            if (behind == kNoId)
+                last_ = number;
+            else
+                lines[behind].setRef(number);
             paragraphs_[old] = {blank, number, isTail};
-            lines[blank].ref = old;
+            lines[blank].setRef(old);
             moveSamples(lines, text, lines.next(blank), behind, number);
             return;
         }
         if (before == kNoId || lines[before].isBlank()) {
-            uint32_t& number = before == kNoId ? first_ : paragraphs_[lines[before].ref].next;
+            uint32_t& number = before == kNoId ? first_ : paragraphs_[lines[before].ref()].next;
             number = addParagraph(blank, number, isTail);
-            lines[blank].ref = number;
+            lines[blank].setRef(number);
             moveSamples(lines, text, before == kNoId ? firstLine : lines.next(before), blank,
                         number);
             return;
@@ -219,7 +222,7 @@ bool ZPSamples::findParagraphEnd(const ZPLinePool& lines, const ZPText& text, ZS
     // for.
     if (slot.line == kSeveralIds || memchr(key.data, '=', key.size) != nullptr)
         return false;
-    if (isSampleOf(key, text.span(lines[slot.line].slice())))
+    if (isSampleOf(key, text.span(lines.comment(slot.line))))
         closing = paragraphs_[slot.paragraph].closing;
     return true;
 }
@@ -231,10 +234,10 @@ void ZPSamples::checkInvariants(const ZPLinePool& lines, const ZPText& text, ZPI
     uint32_t paragraph = first_, hash;
     for (ZPId l = firstLine; l != kNoId; l = lines.next(l)) {
         if (lines[l].isBlank()) {
-            ZPHOLDS(lines[l].ref == paragraph);
+            ZPHOLDS(lines[l].ref() == paragraph);
             ZPHOLDS(paragraphs_[paragraph].closing == l);
             paragraph = paragraphs_[paragraph].next;
-        } else if (lines[l].isComment() && hashOfSample(text.span(lines[l].slice()), hash)) {
+        } else if (lines[l].isComment() && hashOfSample(text.span(lines.comment(l)), hash)) {
             const Slot& slot = find(hash);
             ZPHOLDS(slot.line != kNoId);
             ZPHOLDS(slot.line != l || slot.paragraph == paragraph);

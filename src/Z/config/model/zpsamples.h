@@ -45,8 +45,8 @@ public:
                           ZPId& closing) const;
 
     /// Whether a blank line is known to have no key line behind it; and what becomes known.
-    bool isTail(const ZPLine& blank) const { return paragraphs_[blank.ref].isTail; }
-    void setTail(const ZPLine& blank, bool isTail) { paragraphs_[blank.ref].isTail = isTail; }
+    bool isTail(const ZPLine& blank) const { return paragraphs_[blank.ref()].isTail; }
+    void setTail(const ZPLine& blank, bool isTail) { paragraphs_[blank.ref()].isTail = isTail; }
 
     /// Ends the process unless the invariants hold. `keysEnd` is the group's, `lastKeyLine` what it
     /// stands for.

@@ -45,14 +45,16 @@ ZPStore::ZPStore(const ZPStore& other) : ZPStore() {
             lines_.reserveGroup();
             group = addGroup(stanza);
         }
-        other.lines_.forEach(g, [&](const ZPLine& line) {
+        other.lines_.forEach(g, [&](Id l, const ZPLine& line) {
             lines_.reserveAt(group);
             if (line.isBlank()) {
                 lines_.appendBlank(group, text_);
             } else if (line.isComment()) {
-                lines_.appendComment(group, text_.append(other.text_.span(line.slice())), text_);
+                lines_.reserveComments(1);
+                lines_.appendComment(group, text_.append(other.text_.span(other.comment(l))),
+                                     text_);
             } else {
-                const ZSpan name = other.text_.span(other.keys_.name(line.ref));
+                const ZSpan name = other.text_.span(other.keys_.name(line.ref()));
                 const Id stanza = lines_.group(group).stanza;
                 Id key = findKey(text_.span(stanzas_[stanza].name), name);
                 if (key == none) {
@@ -121,8 +123,8 @@ void ZPStore::compactIfWorthwhile() {
 size_t ZPStore::textNeeded() const {
     size_t needed = 0;
     for (Id g = 0; g != none; g = group(g).next)
-        lines_.forEach(g, [&](const ZPLine& line) {
-            needed += line.isComment() ? line.slice().length + 1 : 0;
+        lines_.forEach(g, [&](Id l, const ZPLine& line) {
+            needed += line.isComment() ? comment(l).length + 1 : 0;
         });
     stanzaIndex_.forEach([&](Id s) { needed += stanzas_[s].name.length + 3; });
     keyIndex_.forEach([&](Id k) {
@@ -176,7 +178,7 @@ void ZPStore::moveText(ZPText& target) {
             moveStanza(group(g).stanza);
         for (Id l = group(g).first; l != none; l = nextLine(l)) {
             if (line(l).isKey()) {
-                moveKey(line(l).ref);
+                moveKey(line(l).ref());
             } else if (line(l).isComment()) {
                 lines_.moveComment(l, move);
                 target.append({"\n", 1});
@@ -632,18 +634,18 @@ void ZPStore::removeGroup(Id stanza) {
     // Out of the stanza's chain first, so that the keys' other lines are counted without this
     // group.
     stanzas_[stanza].group = group(id).nextOfStanza;
-    lines_.forEach(id, [&](const ZPLine& line) {
+    lines_.forEach(id, [&](Id l, const ZPLine& line) {
         if (line.isComment())
-            text_.drop(line.slice());
-        else if (line.isKey() && keys_.line(line.ref) == kSeveralIds)
-            countLines(line.ref);
+            text_.drop(comment(l));
+        else if (line.isKey() && keys_.line(line.ref()) == kSeveralIds)
+            countLines(line.ref());
     });
     for (Id l = group(id).first; l != none; l = nextLine(l)) {
         if (!line(l).isKey())
             continue;
         // A key without any line now is forgotten unless it is in the map. One of several lines of
         // such a key finds that this has been done.
-        const Id key = line(l).ref;
+        const Id key = line(l).ref();
         if (isFree(key))
             continue;
         if (keys_.line(key) == l)
@@ -696,7 +698,7 @@ void ZPStore::addKeyComment(Id key, ZSpan comment) {
         found = none;
         while (found == none && group != none) {
             for (Id l = lines_.group(group).first; found == none && l != none; l = nextLine(l))
-                if (line(l).isKey() && isNamed(line(l).ref, name))
+                if (line(l).isKey() && isNamed(line(l).ref(), name))
                     found = l;
             if (found == none)
                 group = lines_.group(group).next;
@@ -844,9 +846,9 @@ void ZPStore::checkInvariants() const {
     for (Id g = 0; g != none; g = group(g).next) {
         for (Id l = group(g).first; l != none; l = nextLine(l)) {
             if (line(l).isComment()) {
-                used += line(l).slice().length;
+                used += comment(l).length;
             } else if (line(l).isKey()) {
-                const ZPKey key = keys_[line(l).ref];
+                const ZPKey key = keys_[line(l).ref()];
                 ZPHOLDS(key.stanza == group(g).stanza);
                 ZPHOLDS(key.line == l || key.line == kSeveralIds);
             }

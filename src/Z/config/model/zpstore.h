@@ -357,6 +357,8 @@ public:
     Id firstGroup() const { return 0; }
     const ZPGroup& group(Id id) const { return lines_.group(id); }
     const ZPLine& line(Id id) const { return lines_.line(id); }
+    /// Where the text of a comment line is.
+    ZPSlice comment(Id line) const { return lines_.comment(line); }
     /// The neighbours of a line in its group, or none.
     Id nextLine(Id line) const { return lines_.next(line); }
     Id prevLine(Id line) const { return lines_.prev(line); }
@@ -418,8 +420,8 @@ public:
         keys_.expectMany();
         lines_.expectMany();
     }
-    /// Makes room for what a file of that many lines brings at most.
-    void reserveForLines(size_t lines);
+    /// Makes room for what a file of that many lines brings, `keys` of them keys.
+    void reserveForLines(size_t lines, size_t keys);
     /// For that many stanzas.
     void expectStanzas(size_t stanzas);
     /// For what the text from `start` on will bring, as far as can be guessed.

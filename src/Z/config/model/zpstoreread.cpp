@@ -3,16 +3,16 @@
 
 static const size_t kFewLines = 4096, kManyLines = 16 * 1024, kMostLines = 256 * 1024;
 
-void ZPStore::reserveForLines(size_t lines) {
+void ZPStore::reserveForLines(size_t lines, size_t keys) {
     // With room for some more keys: to move all this for the first one that is added would cost as
     // much as the whole load. What isn't used of a large block isn't there. There may be fewer
-    // lines than was guessed, and not all are keys.
+    // lines than was guessed.
     const size_t spare = lines >= kMostLines ? lines / 16 : lines < kFewLines ? lines : lines / 4;
     if (lines >= kManyLines && keys_.end() == 0 && lines_.end() == 0)
         expectMany();
-    keys_.expect(lines, spare);
+    keys_.expect(keys, spare);
     lines_.expect(lines, spare);
-    makeRoomInKeyIndex(lines + spare);
+    makeRoomInKeyIndex(keys + spare);
 }
 
 void ZPStore::expectStanzas(size_t stanzas) {
@@ -30,14 +30,18 @@ void ZPStore::reserveForText(size_t start) {
     if (size == 0)
         return;
     const size_t piece = size < 3 * kPiece ? size : kPiece;
-    size_t lines = 1, headers = 1, sample = 0;
+    size_t lines = 1, comments = 0, headers = 1, blanks = 0, sample = 0;
     for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
         const char* p = text_.at(at);
         const char* const stop = p + piece;
         while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
             ++lines;
             ++p;
-            headers += p != stop && *p == '[';
+            if (p == stop)
+                break;
+            headers += *p == '[';
+            comments += *p == '#';
+            blanks += *p == '\n';
         }
         sample += piece;
     }
@@ -47,7 +51,8 @@ void ZPStore::reserveForText(size_t start) {
         return guess < most ? static_cast<size_t>(guess) : most;
     };
     try {
-        reserveForLines(inAll(lines));
+        reserveForLines(inAll(lines), inAll(lines - (headers - 1) - comments - blanks));
+        lines_.expectComments(inAll(comments), 0);
         expectStanzas(inAll(headers));
     } catch (ZOutOfMemoryException&) {
     }
@@ -147,6 +152,7 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
         } else if (line->kind == ZPReadLine::blank) {
             lines_.readBlank(group, text_);
         } else if (line->kind == ZPReadLine::comment) {
+            lines_.reserveComments(1);
             lines_.readComment(group, line->name, text_);
         } else {
             // All in one: a new key at the end of its stanza and group.
@@ -183,9 +189,9 @@ void ZPStore::readLine(Id group, const ZPReadLine& line) {
     }
     lines_.reserveAt(group);
     if (line.kind == ZPReadLine::blank)
-        lines_.appendBlank(group, text_);
-    else
-        lines_.appendComment(group, line.name, text_);
+        return lines_.appendBlank(group, text_);
+    lines_.reserveComments(1);
+    lines_.appendComment(group, line.name, text_);
 }
 
 ZPStore::Id ZPStore::readEntry(Id group, const ZPReadLine& line) {
