@@ -386,8 +386,9 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
     }
     ZPStore& model = store();
     const ZSpan stanza = zspanOf(category), name = zspanOf(key), text = zspanOf(value);
-    Id id = model.keyInMap(stanza, name);
-    const bool existed = id != ZPStore::none;
+    const ZPStore::Sought sought = model.seekKey(stanza, name);
+    Id id = sought.key;
+    const bool existed = id != ZPStore::none && model.isInMap(id);
     if (!existed) {
         Id owner = model.stanzaInMap(stanza);
         if (owner == ZPStore::none) {
@@ -396,7 +397,7 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
             model.addHeader(owner);
         }
         model.prefetchGroup(owner);
-        id = model.createKey(owner, name);
+        id = model.createKey(owner, name, sought);
         model.prefetchEnd(owner);
     }
     try {
@@ -420,14 +421,9 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
 void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
     if (key == nullptr)
         return;
-    const Id id = store().findKey(zspanOf(category), zspanOf(key));
-    if (id == ZPStore::none)
-        return;
-    // The lines go first: a key that has neither map entry nor line is forgotten.
-    const bool inMap = store().isInMap(id);
-    store().removeKeyLines(id);
-    if (inMap)
-        store().removeKey(id);
+    const ZPStore::Sought sought = store().seekKey(zspanOf(category), zspanOf(key));
+    if (sought.key != ZPStore::none)
+        store().removeWithLines(sought);
 }
 
 void ZPCategoryBasedCache::addFileComment(const char* text) {

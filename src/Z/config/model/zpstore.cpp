@@ -273,14 +273,15 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- keys
 
-ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
+ZPStore::Sought ZPStore::seekKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
-    return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
+    const Id found = keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         keys_.prefetch(id);
         const bool isSame = text_.stands(offset, key) && keys_.hasLength(id, key.size);
         return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
                isNamed(stanzas_[keys_.stanza(id)], stanza);
     });
+    return {found, hash};
 }
 
 // Only dialects whose names have several spellings come here.
@@ -330,8 +331,9 @@ void ZPStore::makeRoomInKeyIndex(size_t more) {
         });
 }
 
-void ZPStore::takeOutOfIndex(Id id) {
-    keyIndex_.remove(hashOf(id), id, [&](Id other) { return hashOf(other); });
+void ZPStore::takeOutOfIndex(Id id, uint64_t hash) {
+    keyIndex_.remove(hash == kNoHash ? hashOf(id) : static_cast<uint32_t>(hash), id,
+                     [&](Id other) { return hashOf(other); });
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead) {
@@ -362,15 +364,18 @@ void ZPStore::putIntoMap(Id id) {
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
     const uint32_t hash = keyHash(stanza, name);
-    Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
+    const Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
         return keys_.stanza(candidate) == stanza && isNamed(candidate, name);
     });
-    if (id != none && isInMap(id))
-        return id;
+    return id != none && isInMap(id) ? id : createKey(stanza, name, {id, hash});
+}
+
+ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, Sought sought) {
+    Id id = sought.key;
     const bool made = id == none;
     if (made) {
         makeRoomForKey(name.size);
-        id = newKey(stanza, text_.append(name), hash);
+        id = newKey(stanza, text_.append(name), sought.hash);
     }
     try {
         putIntoMap(id);
@@ -382,7 +387,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
     return id;
 }
 
-void ZPStore::removeKey(Id id) {
+void ZPStore::removeKey(Id id, uint64_t hash) {
     zassert(!isFree(id) && isInMap(id));
     ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     if (ZArrayList* list = stanza.keyList.get()) {
@@ -416,15 +421,23 @@ void ZPStore::removeKey(Id id) {
     keys_.setInMap(id, false);
     zassert(stanza.count != 0);
     --stanza.count;
-    freeKeyIfUnneeded(id);
+    freeKeyIfUnneeded(id, hash);
 }
 
-void ZPStore::freeKeyIfUnneeded(Id id) {
+void ZPStore::removeWithLines(Sought sought) {
+    // The lines go first: a key that has neither map entry nor line is forgotten.
+    const bool inMap = isInMap(sought.key);
+    removeKeyLines(sought.key, sought.hash);
+    if (inMap)
+        removeKey(sought.key, sought.hash);
+}
+
+void ZPStore::freeKeyIfUnneeded(Id id, uint64_t hash) {
     zassert(!isFree(id));
     if (isInMap(id) || hasLine(id))
         return;
     zassert(keys_.value(id).length == 0);
-    takeOutOfIndex(id);
+    takeOutOfIndex(id, hash);
     text_.drop(keys_.name(id));
     keys_.giveBack(id);
 }
@@ -663,11 +676,11 @@ void ZPStore::placeKeyLine(Id key) {
     noteLine(key, lines_.placeKey(group, key, text_.span(keys_.name(key)), text_));
 }
 
-void ZPStore::removeKeyLines(Id key) {
+void ZPStore::removeKeyLines(Id key, uint64_t hash) {
     const Id line = keys_.line(key);
     const Id group = stanzas_[keys_.stanza(key)].group;
     if (line == none || group == none) {
-        freeKeyIfUnneeded(key);
+        freeKeyIfUnneeded(key, hash);
         return;
     }
     if (line != kSeveralIds && lines_.group(group).nextOfStanza == none) {
@@ -678,7 +691,7 @@ void ZPStore::removeKeyLines(Id key) {
         lines_.removeKeys(group, key);
         countLines(key);
     }
-    freeKeyIfUnneeded(key);
+    freeKeyIfUnneeded(key, hash);
     compactIfWorthwhile();
 }
 

@@ -206,7 +206,13 @@ public:
     // --- Keys ---
 
     /// The record of that key, in the map or not; none if there is no record.
-    Id findKey(ZSpan stanza, ZSpan key) const;
+    Id findKey(ZSpan stanza, ZSpan key) const { return seekKey(stanza, key).key; }
+    /// Likewise, with what spares another look if it is to be made or removed.
+    struct Sought {
+        Id key;
+        uint32_t hash;
+    };
+    Sought seekKey(ZSpan stanza, ZSpan key) const;
     /// The key if it is in the map, else none.
     Id keyInMap(ZSpan stanza, ZSpan key) const {
         const Id id = findKey(stanza, key);
@@ -217,8 +223,13 @@ public:
     bool isInMap(Id key) const { return keys_.isInMap(key); }
     /// Puts the key into the map, if it isn't there yet, without values.
     Id createKey(Id stanza, ZSpan key);
+    /// Likewise a key that isn't in the map, as seekKey() told of it.
+    Id createKey(Id stanza, ZSpan key, Sought sought);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
-    void removeKey(Id key);
+    void removeKey(Id key) { removeKey(key, kNoHash); }
+    /// Takes a key's lines away as removeKeyLines() does, and the key out of the map. Requires:
+    /// there is a record.
+    void removeWithLines(Sought sought);
 
     // --- Values ---
 
@@ -309,7 +320,7 @@ public:
     void placeKeyLine(Id key);
     /// Removes the key's lines from the first group of its stanza, and the record with them if
     /// nothing else needs it.
-    void removeKeyLines(Id key);
+    void removeKeyLines(Id key) { removeKeyLines(key, kNoHash); }
     void addFileComment(ZSpan text) { lines_.addFileComment(text, text_); }
     /// The stanza must have a group.
     void addStanzaComment(Id stanza, ZSpan text);
@@ -476,9 +487,13 @@ private:
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
     void makeRoomInStanzaIndex(size_t stanzas);
-    void takeOutOfIndex(Id key);
+    // Where a key may go from the index its hash spares the work of making it anew.
+    static constexpr uint64_t kNoHash = UINT64_MAX;
+    void removeKey(Id key, uint64_t hash);
+    void removeKeyLines(Id key, uint64_t hash);
+    void takeOutOfIndex(Id key, uint64_t hash = kNoHash);
     void takeStanzaOutOfIndex(Id stanza);
-    void freeKeyIfUnneeded(Id key);
+    void freeKeyIfUnneeded(Id key, uint64_t hash = kNoHash);
     void freeStanzaIfUnneeded(Id stanza);
     ZPSlice ownValue(Id key, Kind kind) const {
         return kind == plain ? keys_.value(key) : ZPSlice{0, 0};
