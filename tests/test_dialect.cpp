@@ -210,6 +210,24 @@ void edit(ZPStore& store, const string& edit) {
         store.appendValue(key, ZPStore::plain, spanOf(words[i]));
 }
 
+// Entries that come out of order into a block that has just been filled, of lines as short as can
+// be, and of so many that changes of their order stand in a table until that is too large.
+TEST(Dialect, ManyEntriesOutOfOrder) {
+    for (const int value : {1, 100000000}) {
+        string text = "[A]\nx=1\n[B]\n";
+        for (int i = 0; i < 20000; ++i)
+            text += string{char('a' + i % 26), char('a' + i / 26 % 26), char('a' + i / 676)} + '=' +
+                    std::to_string(value) + '\n';
+        for (int i = 0; i < 9000; ++i)
+            text += string(i % 2 != 0 ? "[B]" : "[A]") + "\nz" + std::to_string(i) + "=1\n";
+        ZPStore store;
+        ASSERT_TRUE(fillStore(kUnit, text, store));
+        store.checkInvariants();
+        EXPECT_EQ(store.stanza(store.findStanza({"A", 1})).count, 4501u);
+        EXPECT_EQ(store.stanza(store.findStanza({"B", 1})).count, 24500u);
+    }
+}
+
 TEST(Dialect, Rewriting) {
     const struct {
         const ZDialect& d;

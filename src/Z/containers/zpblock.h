@@ -80,12 +80,13 @@ public:
         fetch(size() + (more > ahead ? more : ahead));
     }
     /// For so many more records, which are likely to come, and `spare` after them the block needn't
-    /// move; reserveMore makes their room.
-    void expect(size_t more, size_t spare) {
-        if (more > SIZE_MAX - size() || spare > SIZE_MAX - size() - more)
-            zraise(ZOutOfMemoryException());
-        if (size() + more + spare > state_.whole)
-            allocate(size() + more + spare, more);
+    /// move, if there is memory for it; reserveMore makes their room.
+    void expect(size_t more, size_t spare) noexcept {
+        const size_t most = SIZE_MAX / 4;
+        if (more > most || spare > most || size() + more <= state_.whole)
+            return;
+        const size_t step = size() / 2;
+        tryToAllocate(size() + (more + spare > step ? more + spare : step), more);
     }
     bool isFull() const { return state_.size == state_.room; }
     /// Records that fit behind the last.

@@ -12,7 +12,8 @@ void ZPLinks::growBits(size_t records) {
 bool ZPLinks::tryToUnfold() noexcept {
     ZPBlock<Later> all;
     try {
-        all.reserveMore(end() + later_.room(), end() / 4 + kSpare);
+        // Of what had room none loses it, and a record that was to get a bit has a place.
+        all.reserveMore(end() + later_.room() + 1, end() / 4 + kSpare);
     } catch (ZOutOfMemoryException&) {
         return false;
     }

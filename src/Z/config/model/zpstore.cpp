@@ -321,8 +321,7 @@ void ZPStore::makeRoomForKey(size_t nameLength) {
 
 void ZPStore::makeRoomInKeyIndex(size_t more) {
     // Ids that were lost without memory aren't given again.
-    const size_t taken =
-        keyIndex_.count() < keys_.nextId() ? size_t(keys_.nextId()) : keyIndex_.count();
+    const size_t taken = keyIndex_.count() < keys_.end() ? size_t(keys_.end()) : keyIndex_.count();
     if (taken + more > keyIndex_.limit())
         keyIndex_.reserve(taken + more, [&](auto insert) {
             for (Id k = 0; k < keys_.end(); ++k)
