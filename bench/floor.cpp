@@ -4,11 +4,13 @@
 // - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and
 //   for each key a slot with its hash and place; no records, no lines, no order;
 // - a look-up from C: the look-up from C++, and a block of malloc for the answer;
-// - a look-up, an added key and the memory at a million keys in one stanza: a table of the texts'
-//   hashes and places, and the text; no records, no stanzas, no lines, no locks;
+// - a look-up, an added and a deleted key and the memory at a million keys: a table of the texts'
+//   hashes and places, and the text; no records, no lines, no locks. In stanzas of 20 a second table
+//   of the stanzas, each with the place of its last key; the deleted key's slot is marked alone;
 // - a text key: its hash, which callers can ask for and which is laid down byte by byte;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,6 +59,15 @@ struct Table {
         free(slots);
         free(text);
     }
+    // In huge pages if there is much of it.
+    static void* fresh(size_t bytes) {
+        const size_t page = 2 * 1024 * 1024;
+        if (bytes < page)
+            return malloc(bytes);
+        void* const block = aligned_alloc(page, (bytes + page - 1) / page * page);
+        madvise(block, bytes / page * page, MADV_HUGEPAGE);
+        return block;
+    }
     static uint64_t hashOf(const char* name, size_t length) {
         uint64_t hash = 0x9E3779B97F4A7C15u, word = 0;
         for (size_t i = 0; i < length; i += 8) {
@@ -86,23 +97,38 @@ struct Table {
         sink = static_cast<size_t>(lstat((std::string(path) + ".zjournal").c_str(), &journal));
         size = static_cast<size_t>(status.st_size);
         whole = size + size / 8;
-        text = static_cast<char*>(malloc(whole));
+        text = static_cast<char*>(fresh(whole));
         if (::read(file, text, size) != static_cast<ssize_t>(size))
             abort();
         close(file);
         room = size / 16 + 8;
-        slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
+        slots = static_cast<Slot*>(fresh(room * sizeof(Slot)));
+        memset(static_cast<void*>(slots), 0, room * sizeof(Slot));
         for (char* line = text; line < text + size;) {
             char* const end = static_cast<char*>(memchr(line, '\n', text + size - line));
             char* const divider = static_cast<char*>(memchr(line, '=', end - line));
-            if (divider != nullptr) {
-                uint32_t hash;
-                Slot& slot = find(line, divider - line, hash);
-                slot = {hash, static_cast<uint32_t>(line - text)};
-                ++keys;
-            }
+            if (divider != nullptr)
+                note(line, divider - line);
             line = end + 1;
         }
+    }
+    void note(const char* name, size_t length) {
+        uint32_t hash;
+        Slot& slot = find(name, length, hash);
+        slot = {hash, static_cast<uint32_t>(name - text)};
+        ++keys;
+    }
+    // The headers of a text that another table has read, each with a place for its last key.
+    void readHeaders(Table& other) {
+        text = other.text;
+        room = other.keys / 15 + 8;
+        slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
+        const char* const end = text + other.size;
+        for (const char* line = text; line < end;
+             line = static_cast<const char*>(memchr(line, '\n', end - line)) + 1)
+            if (*line == '[')
+                note(line + 1, static_cast<const char*>(memchr(line, ']', end - line)) - line - 1);
+        text = nullptr;
     }
     // The value is copied out, as a caller would have it.
     size_t get(const std::string& name, std::string& out) const {
@@ -120,6 +146,10 @@ struct Table {
         memcpy(text + size + name.size(), " = 42\n", 6);
         size += name.size() + 6;
     }
+    void remove(const std::string& name) {
+        uint32_t hash;
+        find(name.data(), name.size(), hash).hash = 2;  // no name has it
+    }
 };
 
 // Reads a file as little as it can be read, and gives the number of its keys.
@@ -129,17 +159,17 @@ size_t readAlone(const char* path) {
     return table.keys;
 }
 
-void makeFile(const char* path, size_t keys) {
+void makeFile(const char* path, size_t keys, size_t perStanza = 20) {
     std::ofstream out(path);
     for (size_t i = 0; i < keys; ++i) {
-        if (i % 20 == 0)
-            out << "\n[section" << i / 20 << "]\n# What belongs together\n";
+        if (i % perStanza == 0)
+            out << "\n[section" << i / perStanza << "]\n# What belongs together\n";
         out << "setting" << i << " = " << 100000 + i * 7919 % 900000 << "\n";
     }
 }
 
 void printRow(const char* what, double floor, double whole, double peer, const char* unit) {
-    printf("  %-28s %10.1f %10.1f %10.1f  %-7s %5.2f\n", what, floor, whole, peer, unit,
+    printf("  %-30s %10.1f %10.1f %10.1f  %-7s %5.2f\n", what, floor, whole, peer, unit,
            floor / peer);
 }
 
@@ -234,57 +264,65 @@ double perName(const std::vector<Name>& names, Work work) {
     return nanoseconds(start) / static_cast<double>(names.size());
 }
 
-// One stanza of a million keys, and what a table alone takes.
-void million(const char* path) {
+// A million keys, and what a table alone takes.
+void million(const char* path, size_t perStanza) {
     const size_t keys = 1000000;
-    std::ofstream file(path);
-    file << "[section0]\n";
-    for (size_t i = 0; i < keys; ++i)
-        file << "setting" << i << " = " << 100000 + i * 7919 % 900000 << "\n";
-    file.close();
+    makeFile(path, keys, perStanza);
     std::vector<Name> probes, fresh;
-    for (size_t i = 0; i < 200000; ++i)
-        probes.push_back({"section0", "setting" + std::to_string(i * 387421 % keys) + " "});
+    const auto stanzaOf = [&](size_t key) { return "section" + std::to_string(key / perStanza); };
+    for (size_t i = 0; i < 200000; ++i) {
+        const size_t key = i * 387421 % keys;
+        probes.push_back({stanzaOf(key), "setting" + std::to_string(key) + " "});
+    }
     for (size_t i = 0; i < 20000; ++i)
-        fresh.push_back({"section0", "added" + std::to_string(i)});
-    std::vector<double> looked, added;
+        fresh.push_back({stanzaOf(i * 387421 % keys), "added" + std::to_string(i)});
+    static const char* const kWork[] = {"look-up", "add", "delete"};
+    std::vector<double> floors[3], ours[3], peers[3];
     std::string out;
     double bytes = 0;
     for (int round = 0; round < 5; ++round) {
-        Table table;
+        Table table, stanzas;
         table.read(path);
-        bytes = static_cast<double>(table.size + table.room * sizeof(Slot)) / keys;
-        looked.push_back(perName(probes, [&](const Name& n) { sink = table.get(n.key, out); }));
-        added.push_back(perName(fresh, [&](const Name& n) { table.add(n.key); }));
+        stanzas.readHeaders(table);
+        std::vector<uint32_t> ends(stanzas.room);
+        bytes = static_cast<double>(table.size + (table.room + stanzas.room) * sizeof(Slot)) / keys;
+        floors[0].push_back(perName(probes, [&](const Name& n) { sink = table.get(n.key, out); }));
+        floors[1].push_back(perName(fresh, [&](const Name& n) {
+            stanzas.text = table.text;
+            uint32_t hash;
+            const Slot& stanza = stanzas.find(n.stanza.data(), n.stanza.size(), hash);
+            ends[&stanza - stanzas.slots] = static_cast<uint32_t>(table.size);
+            table.add(n.key);
+        }));
+        stanzas.text = nullptr;
+        floors[2].push_back(perName(fresh, [&](const Name& n) { table.remove(n.key); }));
     }
     for (Name& name : probes)
         name.key.pop_back();
-    const auto both = [&](auto& file, double& look, double& add) {
+    const auto measure = [&](auto& file, std::vector<double>* times) {
         file.load(path);
-        look = perName(probes, [&](const Name& n) { sink = file.get(n); });
-        add = perName(fresh, [&](const Name& n) { file.set(n, "42"); });
+        times[0].push_back(perName(probes, [&](const Name& n) { sink = file.get(n); }));
+        times[1].push_back(perName(fresh, [&](const Name& n) { file.set(n, "42"); }));
+        // The peer walks a long stanza for each key.
+        if (perStanza < keys)
+            times[2].push_back(perName(fresh, [&](const Name& n) { file.remove(n); }));
     };
+    for (int round = 0; round < 5; ++round) {
+        OurFile own;
+        measure(own, ours);
+        GLibFile glib;
+        measure(glib, peers);
+    }
     const auto medianOf = [](std::vector<double> times) {
         std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
         return times[times.size() / 2];
     };
-    std::vector<double> ours[2], peers[2];
-    for (int round = 0; round < 5; ++round) {
-        double look, add;
-        OurFile own;
-        both(own, look, add);
-        ours[0].push_back(look);
-        ours[1].push_back(add);
-        GLibFile glib;
-        both(glib, look, add);
-        peers[0].push_back(look);
-        peers[1].push_back(add);
-    }
-    printRow("look-up, 10^6 in one stanza", medianOf(looked), medianOf(ours[0]), medianOf(peers[0]),
-             "ns");
-    printRow("add, 10^6 in one stanza", medianOf(added), medianOf(ours[1]), medianOf(peers[1]),
-             "ns");
-    printf("  %-28s %10.1f\n", "memory, text and table", bytes);
+    const std::string shape = perStanza < keys ? ", 10^6, stanzas of 20" : ", 10^6 in one stanza";
+    for (int work = 0; work < 3; ++work)
+        if (!ours[work].empty())
+            printRow((kWork[work] + shape).c_str(), medianOf(floors[work]), medianOf(ours[work]),
+                     medianOf(peers[work]), "ns");
+    printf("  %-30s %10.1f\n", ("memory" + shape).c_str(), bytes);
 }
 
 double processOf(const std::vector<std::string>& command) {
@@ -314,11 +352,12 @@ int main(int, char** argv) {
     if (mkdtemp(folder) == nullptr)
         return 2;
     const std::string path = std::string(folder) + "/in.conf";
-    printf("  %-28s %10s %10s %10s  %-7s %s\n", "work", "floor", "zbase", "best peer", "unit",
+    printf("  %-30s %10s %10s %10s  %-7s %s\n", "work", "floor", "zbase", "best peer", "unit",
            "floor/peer");
     loads(path.c_str());
     lookUps(path.c_str());
-    million(path.c_str());
+    million(path.c_str(), 1000000);
+    million(path.c_str(), 20);
     makeFile(path.c_str(), 100);
     const std::string self = argv[0], bench = self.substr(0, self.rfind('/') + 1);
     const double peer = std::min(processOf({bench + "edit_glib", path}),
