@@ -75,9 +75,11 @@ TEST(LineMarks, AreFoundAtEachPlace) {
         for (size_t start = 0; start <= size; ++start) {
             SCOPED_TRACE(std::to_string(size) + " from " + std::to_string(start));
             ZLineMarks walk({text.data(), size}, start);
-            for (size_t at = start, found = 0; found != size; at = found + 1) {
-                found = walk.next();
-                ASSERT_EQ(found, std::min(text.find_first_of(marks, at), size));
+            for (size_t at = start, end = start, found = 0; found != size;) {
+                found = walk.next(end);
+                ASSERT_EQ(found, std::min(text.find_first_of(marks, at), end));
+                at = found == end ? end : found + 1;
+                end = std::max(end, std::min(at + random() % 90, size));
             }
         }
     }

@@ -101,20 +101,17 @@ public:
         int line = 0;
         for (size_t at = start; at < end;) {
             const size_t longest = end - at < kLongestLine ? end - at : kLongestLine;
-            const char *const piece = all + at, *divider = nullptr, *nul = nullptr;
-            size_t mark;
-            while ((mark = marks.next() - at) < longest && piece[mark] != '\n') {
-                if (piece[mark] == '\0')
-                    nul = nul == nullptr ? piece + mark : nul;
+            const char *const piece = all + at, *const limit = piece + longest;
+            const char *stop, *divider = nullptr, *nul = nullptr;
+            while ((stop = all + marks.next(at + longest)) != limit && *stop != '\n') {
+                if (*stop == '\0')
+                    nul = nul == nullptr ? stop : nul;
                 else if (divider == nullptr && nul == nullptr)
-                    divider = piece + mark;
+                    divider = stop;
             }
-            const bool isWhole = mark < longest;
-            if (!isWhole)
-                marks.moveTo(at + longest);
+            const bool isWhole = stop != limit;
             ++line;
-            const ZSpan text =
-                grammar.trimmed(piece, nul != nullptr ? nul : piece + (isWhole ? mark : longest));
+            const ZSpan text = grammar.trimmed(piece, nul != nullptr ? nul : stop);
             const bool isRefused =
                 strict_ && (nul != nullptr || (at == start && zstartsWithMark({piece, end - at})) ||
                             (!isWhole && longest < end - at));  // cut
@@ -126,7 +123,7 @@ public:
                 store_.truncateText(at);  // nothing refers to the rest
                 zraise(ZPropertiesInvalidDataException(file_, data.getChars(), line));
             }
-            at += isWhole ? mark + 1 : longest;
+            at += static_cast<size_t>(stop - piece) + (isWhole ? 1 : 0);
         }
         lines_.flush();
         store_.addUnused(unused_);

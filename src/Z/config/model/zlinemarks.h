@@ -17,25 +17,24 @@
 class ZLineMarks {
 public:
     /// From `start` on. The text has to stay where it is.
-    ZLineMarks(ZSpan text, size_t start) : text_(text) { moveTo(start); }
+    ZLineMarks(ZSpan text, size_t start) : text_(text), block_(start), marks_(find()) {
+        zassert(start <= text.size);
+    }
 
-    /// The place of the next mark, or the size of the text.
-    __attribute__((always_inline)) size_t next() {
+    /// The place of the next mark ahead of `end`, or `end`; no mark behind it is passed over.
+    /// Requires: a place in the text, or its end, and no former one.
+    __attribute__((always_inline)) size_t next(size_t end) {
         while (marks_ == 0) {
-            if (text_.size - block_ <= kBlock)
-                return text_.size;
+            if (end - block_ <= kBlock)
+                return end;
             block_ += kBlock;
             marks_ = find();
         }
-        const unsigned bit = static_cast<unsigned>(__builtin_ctzll(marks_));
+        const size_t mark = block_ + static_cast<unsigned>(__builtin_ctzll(marks_));
+        if (mark >= end)
+            return end;
         marks_ &= marks_ - 1;
-        return block_ + bit;
-    }
-    /// Goes on from there. Requires: a place in the text, or its end.
-    void moveTo(size_t place) {
-        zassert(place <= text_.size);
-        block_ = place;
-        marks_ = find();
+        return mark;
     }
 
 private:

@@ -9,6 +9,9 @@
 struct ZPLine {
     enum Type : uint32_t { comment = 0, blank = 1, key = 2 };
 
+    /// What a line refers to is below.
+    static constexpr uint32_t kMostRefs = uint32_t(1) << 30;
+
     uint32_t bits;  // the type in the low 2, the rest above
 
     static ZPLine make(Type type, uint32_t ref) { return {ref << 2 | type}; }
@@ -35,7 +38,11 @@ public:
 
     /// As ZPBlock::expect.
     void expectComments(size_t more, size_t spare) { comments_.expect(more, spare); }
-    void reserveComments(size_t more) { comments_.reserveMore(more); }
+    void reserveComments(size_t more) {
+        if (comments_.end() + more > ZPLine::kMostRefs)
+            zraise(ZOutOfMemoryException());
+        comments_.reserveMore(more);
+    }
     /// A comment line to be taken. Needs room.
     ZPLine newComment(ZPSlice text) {
         return ZPLine::make(ZPLine::comment, comments_.take(std::move(text)));

@@ -97,6 +97,8 @@ ZPSamples::Slot& ZPSamples::findOrMake(uint32_t hash) {
 }
 
 uint32_t ZPSamples::addParagraph(ZPId closing, uint32_t next, bool isTail) {
+    if (paragraphs_.size() == ZPLine::kMostRefs)
+        zraise(ZOutOfMemoryException());
     paragraphs_.reserveMore(1);
     paragraphs_.push({closing, next, isTail});
     return static_cast<uint32_t>(paragraphs_.size() - 1);
