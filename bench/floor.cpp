@@ -6,7 +6,8 @@
 // - a look-up from C: the look-up from C++, and a block of malloc for the answer;
 // - a look-up, an added and a deleted key and the memory at a million keys: a table of the texts'
 //   hashes and places, and the text; no records, no lines, no locks. In stanzas of 20 a second
-//   table of the stanzas, each with the place of its last key; a deleted key's slot is marked alone;
+//   table of the stanzas, with the place of the last key of each. Of a deleted key the slot is
+//   marked alone;
 // - a text key: its hash, which callers can ask for and which is laid down byte by byte;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
