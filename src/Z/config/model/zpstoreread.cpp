@@ -25,13 +25,15 @@ void ZPStore::expectStanzas(size_t stanzas) {
 // file alone are often shorter than the last. A guess only: it is kept within what a file of short
 // entries needs, and without memory for it the blocks grow as they are filled.
 void ZPStore::reserveForText(size_t start) {
-    static const size_t kPiece = 16 * 1024;
+    static const size_t kLeast = 1024, kMost = 16 * 1024, kShare = 64;
     const size_t size = text_.size() - start;
     if (size == 0)
         return;
-    const size_t piece = size < 3 * kPiece ? size : kPiece;
+    const size_t share = size / kShare;
+    const size_t part = share < kLeast ? kLeast : share < kMost ? share : kMost;
+    const size_t piece = size < 3 * part ? size : part;
     size_t lines = 1, comments = 0, headers = 1, blanks = 0, sample = 0;
-    for (size_t at = start; sample < size && sample < 3 * kPiece; at += (size - piece) / 2) {
+    for (size_t at = start; sample < size && sample < 3 * part; at += (size - piece) / 2) {
         const char* p = text_.at(at);
         const char* const stop = p + piece;
         while ((p = static_cast<const char*>(memchr(p, '\n', stop - p))) != nullptr) {
