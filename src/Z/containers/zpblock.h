@@ -182,14 +182,12 @@ public:
     /// All ids are below.
     ZPId end() const { return static_cast<ZPId>(records_.size()); }
 
-    void reserveMore(size_t more, size_t spare = 0) {
+    void reserveMore(size_t more) {
         if (freeCount_ < more)
-            records_.reserveMore(more - freeCount_, spare);
+            records_.reserveMore(more - freeCount_);
     }
     /// As ZPBlock::expect.
     void expect(size_t more, size_t spare) { records_.expect(more, spare); }
-    /// Whether nothing can be taken without making room.
-    bool isFull() const { return records_.isFull() && free_ == kNoId; }
     /// Records that can be taken, but for those that were given back.
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.

@@ -93,15 +93,15 @@ public:
 
     /// All ids are below.
     ZPId end() const { return records_.end(); }
-    /// Room for keys that are read, and `spare` that may come later; and for others.
-    void reserveToRead(size_t more, size_t spare = 0) {
-        records_.reserveToRead(more, spare);
-        coverByDirectory();
-    }
     /// Many are about to be read. Requires: there are none.
     void expectMany() { records_.expectMany(); }
     /// As ZPBlock::expect.
     void expect(size_t more, size_t spare) { records_.expect(more, spare); }
+    /// Room for keys that are read; and for others.
+    void reserveToRead(size_t more) {
+        records_.reserveToRead(more);
+        coverByDirectory();
+    }
     void reserveMore(size_t more) {
         records_.reserveMore(more);
         if (directory_ != nullptr)

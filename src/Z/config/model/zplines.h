@@ -111,18 +111,10 @@ public:
     void appendBlank(ZPId group, const ZPText& text) {
         noteOther(groups_[group], append(group, ZPLine::make(ZPLine::blank, 0)), text);
     }
-    /// The next line that is read will have this id if isReadyAt(), and be put there by one of
-    /// these.
+    /// A key line that is read, which will have the id nextId(). Requires: isReadyAt().
     ZPId nextId() const { return lines_.end(); }
     __attribute__((always_inline)) void readKey(ZPId group, ZPId key) {
         groups_[group].keysEnd = appendReady(groups_[group], ZPLine::make(ZPLine::key, key));
-    }
-    void readComment(ZPId group, ZPSlice comment, const ZPText& text) {
-        noteOther(groups_[group], appendReady(groups_[group], lines_.newComment(comment)), text);
-    }
-    void readBlank(ZPId group, const ZPText& text) {
-        noteOther(groups_[group], appendReady(groups_[group], ZPLine::make(ZPLine::blank, 0)),
-                  text);
     }
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.

@@ -45,13 +45,12 @@ public:
 
     // --- Records: each is told once, in the order of their numbers ---
 
-    /// Room for bits of so many records, and for `more` that have a place in the block, with
-    /// `spare` after them.
-    void reserve(size_t records, size_t more, size_t spare) {
+    /// Room for bits of so many records, and for `more` that have a place in the block.
+    void reserve(size_t records, size_t more) {
         if (records > bits_.size() * kBits)
             growBits(records);
         if (more != 0)
-            later_.reserveMore(more, spare != 0 || later_.size() != 0 ? spare : kSpare);
+            later_.reserveMore(more, later_.size() != 0 ? 0 : kSpare);
     }
     /// Many are about to be read.
     void expectMany() { areMany_ = true; }
@@ -262,10 +261,10 @@ public:
     ZPId next(ZPId id) const { return links_.next(id); }
     ZPId prev(ZPId id) const { return links_.prev(id); }
 
-    /// Room for records that are read, and `spare` that may come later.
-    void reserveToRead(size_t more, size_t spare = 0) {
-        records_.reserveMore(more, spare);
-        links_.reserve(records_.end() + records_.room(), links_.isThrifty() ? 0 : more, spare);
+    /// Room for records that are read.
+    void reserveToRead(size_t more) {
+        records_.reserveMore(more);
+        links_.reserve(records_.end() + records_.room(), links_.isThrifty() ? 0 : more);
     }
     /// As ZPBlock::expect.
     void expect(size_t more, size_t spare) { records_.expect(more, spare); }
@@ -330,7 +329,7 @@ public:
 private:
     void grow(size_t more) {
         records_.reserveMore(more);
-        links_.reserve(records_.end() + records_.room(), more, 0);
+        links_.reserve(records_.end() + records_.room(), more);
     }
 
     ZPPool<T, Link> records_;

@@ -363,9 +363,8 @@ void ZPStore::putIntoMap(Id id) {
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
     const uint32_t hash = keyHash(stanza, name);
-    const Id id = keyIndex_.find(hash, [&](Id candidate, uint32_t) {
-        return keys_.stanza(candidate) == stanza && isNamed(candidate, name);
-    });
+    const Id id =
+        keyIndex_.find(hash, [&](Id other, uint32_t) { return isKeyOf(other, stanza, name); });
     return id != none && isInMap(id) ? id : createKey(stanza, name, {id, hash});
 }
 

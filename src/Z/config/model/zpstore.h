@@ -472,6 +472,9 @@ private:
                 memcmp(text(keys_.name(key).offset), name.data, name.size) == 0) ||
                (folds_ && foldAlike(text_.span(keys_.name(key)), name, false));
     }
+    bool isKeyOf(Id key, Id stanza, ZSpan name) const {
+        return keys_.stanza(key) == stanza && isNamed(key, name);
+    }
     __attribute__((always_inline)) uint64_t nameHash(ZSpan name, bool isStanza) const {
         return folds_ ? foldedHash(name, isStanza) : zhashOf(name);
     }
@@ -532,8 +535,8 @@ private:
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     void forgetValuesAbove(Id key, bool isEmpty);
     bool isReadyToRead(Id group, size_t lines) const;
-    void readLine(Id group, const ZPReadLine& line);
-    Id readEntry(Id group, const ZPReadLine& line);
+    void readOther(Id group, const ZPReadLine& line);
+    Id readEntry(Id group, const ZPReadLine& line, Id id);
     /// The key has got one more line.
     void noteLine(Id key, Id line) {
         keys_.setLine(key, keys_.line(key) == none ? line : kSeveralIds);

@@ -146,49 +146,39 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
     lines_.reserveToRead(count);
     if (!keyIndex_.takes(keys_.end(), count))
         makeRoomInKeyIndex(count);
+    const Id stanzaId = lines_.group(group).stanza;
     bool isReady = isReadyToRead(group, count);
     for (const ZPReadLine *line = lines, *const end = lines + count; line != end; ++line) {
-        if (!isReady) {
-            readLine(group, *line);
-            isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
-        } else if (line->kind == ZPReadLine::blank) {
-            lines_.readBlank(group, text_);
-        } else if (line->kind == ZPReadLine::comment) {
-            lines_.reserveComments(1);
-            lines_.readComment(group, line->name, text_);
+        if (line->kind == ZPReadLine::blank || line->kind == ZPReadLine::comment) {
+            readOther(group, *line);
         } else {
-            // All in one: a new key at the end of its stanza and group.
-            const Id stanzaId = lines_.group(group).stanza, id = keys_.end();
+            const Id id = keys_.end();
             ZPNameIndex::Place place;
-            if ((line->name.length | line->value.length) >= ZPKeys::kLong ||
-                keyIndex_.findOrPlace(line->hash, place, [&](Id candidate, uint32_t) {
-                    return keys_.stanza(candidate) == stanzaId &&
-                           isNamed(candidate, text_.span(line->name));
-                }) != none) {
-                readLine(group, *line);
-                isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
+            const Id found = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
+                return isKeyOf(other, stanzaId, text_.span(line->name));
+            });
+            if (isReady && found == none &&
+                (line->name.length | line->value.length) < ZPKeys::kLong) {
+                // All in one: a new key at the end of its stanza and group.
+                ZPStanza& stanza = stanzas_[stanzaId];
+                keys_.takeBehind(stanza.last, line->name, line->value, stanzaId, lines_.nextId());
+                lines_.readKey(group, id);
+                keyIndex_.insertAt(place, id, line->name.offset);
+                if (stanza.last == none)
+                    stanza.first = id;
+                stanza.last = id;
+                ++stanza.count;
                 continue;
             }
-            ZPStanza& stanza = stanzas_[stanzaId];
-            keys_.takeBehind(stanza.last, line->name, line->value, stanzaId, lines_.nextId());
-            lines_.readKey(group, id);
-            keyIndex_.insertAt(place, id, line->name.offset);
-            if (stanza.last == none)
-                stanza.first = id;
-            stanza.last = id;
-            ++stanza.count;
+            const Id key = readEntry(group, *line, found);
+            if (line->kind == ZPReadLine::bareEntry)
+                markBare(key);
         }
+        isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
     }
 }
 
-// In all its cases.
-void ZPStore::readLine(Id group, const ZPReadLine& line) {
-    if (line.kind == ZPReadLine::entry || line.kind == ZPReadLine::bareEntry) {
-        const Id key = readEntry(group, line);
-        if (line.kind == ZPReadLine::bareEntry)
-            markBare(key);
-        return;
-    }
+void ZPStore::readOther(Id group, const ZPReadLine& line) {
     lines_.reserveAt(group);
     if (line.kind == ZPReadLine::blank)
         return lines_.appendBlank(group, text_);
@@ -196,22 +186,17 @@ void ZPStore::readLine(Id group, const ZPReadLine& line) {
     lines_.appendComment(group, line.name, text_);
 }
 
-ZPStore::Id ZPStore::readEntry(Id group, const ZPReadLine& line) {
+// An entry in all its cases: `id` is the key's record if there is one. The index has room.
+ZPStore::Id ZPStore::readEntry(Id group, const ZPReadLine& line, Id id) {
     const Id stanza = lines_.group(group).stanza;
-    const ZSpan name = text_.span(line.name);
-    Id id = keyIndex_.find(line.hash, [&](Id candidate, uint32_t) {
-        return keys_.stanza(candidate) == stanza && isNamed(candidate, name);
-    });
     const ZPSlice value = line.value;
     if (id == none || !isInMap(id)) {
         lines_.reserveAt(group);
         const bool isMade = id == none;
         if (isMade) {
             keys_.reserveToRead(1);
-            if (name.size >= ZPKeys::kLong)
+            if (line.name.length >= ZPKeys::kLong)
                 keys_.makeExtra(keys_.nextId());
-            if (!keyIndex_.takes(keys_.nextId(), 1))
-                makeRoomInKeyIndex(1);
             id = newKey(stanza, line.name, line.hash, true);
         }
         try {
