@@ -1,7 +1,10 @@
 // Load, store and the registry on real files and beside the locks of others.
 #include "support/Prelude.h"
 
+#include <unistd.h>
 #include <utime.h>
+
+#include <fstream>
 
 #include "support/Config.h"
 #include "support/FileState.h"
@@ -43,6 +46,30 @@ TEST(Load, AFailureKeepsTheMarkOfChangesAndNoticesGoOn) {
     p.setValue("s", "k", "2");
     EXPECT_EQ(notices.told, "~t.x ~s.k ");
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what was freed
+static size_t residentBytes() {
+    size_t pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(Load, OfALargeFileAgainAndAgainTakesTheSameMemory) {
+    TempFolder folder;
+    string text = "[s]\n";
+    for (int i = 0; i < 300000; ++i)
+        text += "setting" + std::to_string(i) + " = " + std::to_string(100000 + i) + "\n";
+    const string path = folder.write("large.conf", text);
+    size_t before = 0;
+    for (int i = 0; i < 12; ++i) {
+        if (i == 4)
+            before = residentBytes();
+        Config p;
+        p.load(path.c_str());
+    }
+    EXPECT_LT(residentBytes(), before + 2 * text.size());
+}
+#endif
 
 TEST(Store, ChecksTheDirectoryOfAFileThatIsToBeMade) {
     TempFolder folder;

@@ -39,7 +39,7 @@ public:
         if constexpr (!std::is_trivially_destructible<T>::value)
             for (size_t i = 0; i < size(); ++i)
                 data()[i].~T();
-        free(state_.data);
+        free(state_.memory);
     }
 
     T& operator[](size_t i) {
@@ -115,7 +115,12 @@ public:
     void swap(ZPBlock& other) noexcept { std::swap(state_, other.state_); }
     /// Hands the records on, as a block that the caller gives to free(); null if there never was
     /// one. The block is empty then.
-    T* release() noexcept { return std::exchange(state_, State()).data; }
+    T* release() noexcept {
+        const State state = std::exchange(state_, State());
+        if (state.memory != state.data)
+            memmove(state.memory, static_cast<const void*>(state.data), state.size * sizeof(T));
+        return static_cast<T*>(state.memory);
+    }
 
 private:
     static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
@@ -134,23 +139,27 @@ private:
         if (whole > SIZE_MAX / 2 / sizeof(T))
             return false;
         const size_t used = state_.size * sizeof(T), bytes = whole * sizeof(T);
-        void* grown;
+        ZSpreadBlock grown;
         if (used > kMoved || (used < kCopied && bytes < kSpread)) {
-            grown = realloc(static_cast<void*>(state_.data), bytes);
-            if (grown == nullptr)
+            const size_t ahead = static_cast<size_t>(reinterpret_cast<char*>(state_.data) -
+                                                     static_cast<char*>(state_.memory));
+            grown.memory = realloc(state_.memory, ahead + bytes);
+            if (grown.memory == nullptr)
                 return false;
-            zadviseSpread(grown, bytes);
+            grown.block = static_cast<char*>(grown.memory) + ahead;
+            zadviseSpread(grown.block, bytes);
         } else {
             // To be copied to; realloc would do it with a fault for each page.
             grown = zmallocSpread(bytes, used + more * sizeof(T));
-            if (grown == nullptr)
+            if (grown.block == nullptr)
                 return false;
-            zfetchPages(grown, 0, used);
+            zfetchPages(grown.block, 0, used);
             if (used != 0)
-                memcpy(grown, static_cast<const void*>(state_.data), used);
-            free(state_.data);
+                memcpy(grown.block, static_cast<const void*>(state_.data), used);
+            free(state_.memory);
         }
-        state_.data = static_cast<T*>(grown);
+        state_.data = static_cast<T*>(grown.block);
+        state_.memory = grown.memory;
         state_.whole = whole;
         return true;
     }
@@ -164,6 +173,7 @@ private:
     // Records: in use, with pages behind them, and allocated.
     struct State {
         T* data = nullptr;
+        void* memory = nullptr;  // of malloc, where the data stand
         size_t size = 0;
         size_t room = 0;
         size_t whole = 0;

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -94,17 +95,26 @@ inline void zadviseSpread(void* block, size_t size) {
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
 }
 
+/// A block and what malloc gave for it, where it may begin later.
+struct ZSpreadBlock {
+    void* block;
+    void* memory;  // to be given to free()
+};
+
 /// As malloc, of a block of which `used` bytes are about to be filled. Where that is most of a huge
 /// page and more it begins with one: a block that lies by chance may hold none. A rest of less than
-/// half of one stays with small pages.
-inline void* zmallocSpread(size_t size, size_t used) {
+/// half of one stays with small pages. What lies ahead of the block is never touched;
+/// aligned_alloc would give it away, and once small pieces lie there the place is too short for the
+/// next block of that size: a process that loads again and again would grow without end.
+inline ZSpreadBlock zmallocSpread(size_t size, size_t used) {
     const size_t spread = (used + kHugePage / 2) / kHugePage * kHugePage;
-    if (spread == 0 || size > SIZE_MAX - kHugePage)
-        return malloc(size);
-    void* const block = aligned_alloc(kHugePage, (size + kHugePage - 1) / kHugePage * kHugePage);
-    if (block != nullptr)
-        zadviseSpread(block, spread);
-    return block;
+    const bool isSpread = spread != 0 && size < SIZE_MAX - kHugePage;
+    char* const memory = static_cast<char*>(malloc(isSpread ? size + kHugePage : size));
+    if (memory == nullptr || !isSpread)
+        return {memory, memory};
+    char* const block = memory + (0 - reinterpret_cast<uintptr_t>(memory)) % kHugePage;
+    zadviseSpread(block, spread);
+    return {block, memory};
 }
 
 /// Has the system bring the pages of the bytes from `from` to `to` of a block that is filled now,
@@ -123,6 +133,16 @@ inline void zfetchPages(void* block, size_t from, size_t to) {
     const int error = errno;
     if (madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) != 0)
         errno = error;
+}
+
+/// A block of zeroes, which is going to be used all over; nulls without memory.
+inline ZSpreadBlock zspreadZeroes(size_t size) {
+    const ZSpreadBlock made = zmallocSpread(size, size);
+    if (made.block != nullptr) {
+        zfetchPages(made.block, 0, size);
+        memset(made.block, 0, size);
+    }
+    return made;
 }
 
 #endif

@@ -386,19 +386,18 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
     }
     ZPStore& model = store();
     const ZSpan stanza = zspanOf(category), name = zspanOf(key), text = zspanOf(value);
-    const ZPStore::Sought sought = model.seekKey(stanza, name);
+    const ZPStore::Sought sought = model.seekToChange(stanza, name);
     Id id = sought.key;
     const bool existed = id != ZPStore::none && model.isInMap(id);
     if (!existed) {
-        Id owner = model.stanzaInMap(stanza);
+        Id owner = model.stanzaInMap(stanza, sought);
         if (owner == ZPStore::none) {
             requireNumber(model, stanza);
             owner = model.createStanza(stanza);
             model.addHeader(owner);
         }
-        model.prefetchGroup(owner);
-        id = model.createKey(owner, name, sought);
         model.prefetchEnd(owner);
+        id = model.createKey(owner, name, sought);
     }
     try {
         setValue(model, id, obfuscated != 0 ? ZPStore::hidden : ZPStore::plain, text);
@@ -421,7 +420,7 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
 void ZPCategoryBasedCache::delLine(const char* category, const char* key) {
     if (key == nullptr)
         return;
-    const ZPStore::Sought sought = store().seekKey(zspanOf(category), zspanOf(key));
+    const ZPStore::Sought sought = store().seekToChange(zspanOf(category), zspanOf(key));
     if (sought.key != ZPStore::none)
         store().removeWithLines(sought);
 }

@@ -10,10 +10,9 @@ void ZPIndex::reserve(size_t count) {
     if (wanted > 0xFFFFFFF0u || wanted > SIZE_MAX / sizeof(Slot))
         zraise(ZOutOfMemoryException());
     ZPIndex grown;
-    const size_t bytes = wanted * sizeof(Slot);
-    grown.state_.slots = static_cast<Slot*>(zrequireMemory(zmallocSpread(bytes, bytes)));
-    zfetchPages(grown.state_.slots, 0, bytes);
-    memset(static_cast<void*>(grown.state_.slots), 0, bytes);
+    const ZSpreadBlock fresh = zspreadZeroes(wanted * sizeof(Slot));
+    grown.state_.memory = zrequireMemory(fresh.memory);
+    grown.state_.slots = static_cast<Slot*>(fresh.block);
     grown.state_.capacity = static_cast<uint32_t>(wanted);
     grown.state_.limit = static_cast<uint32_t>(wanted / 4 * 3);
     for (size_t i = 0; i < state_.capacity; ++i)

@@ -88,7 +88,7 @@ public:
         std::swap(state_, taken.state_);
         return *this;
     }
-    ~ZPIndex() { free(state_.slots); }
+    ~ZPIndex() { free(state_.memory); }
 
     /// Room for `count` entries in all; raises ZOutOfMemoryException.
     void reserve(size_t count);
@@ -122,6 +122,7 @@ private:
     };
     struct State {
         Slot* slots = nullptr;
+        void* memory = nullptr;  // of malloc, where the slots stand
         uint32_t capacity = 0;
         uint32_t count = 0;
         uint32_t limit = 0;  // three quarters of the capacity

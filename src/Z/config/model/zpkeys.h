@@ -68,6 +68,7 @@ public:
     bool isInMap(ZPId id) const { return (records_[id].stanzaAndMap & 1) != 0; }
     bool isFree(ZPId id) const { return records_[id].stanzaAndMap == kFree; }
     void prefetch(ZPId id) const { __builtin_prefetch(&records_[id]); }
+    void prefetchLinks(ZPId id) const { records_.prefetchLinks(id); }
 
     /// A long name or value needs an extra made before.
     void setName(ZPId id, ZPSlice name) {

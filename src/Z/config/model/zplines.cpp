@@ -98,6 +98,7 @@ ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text)
     removeComments(groupId, comment, lines_.next(comment), text);
     // Without an index of samples nothing has to be known of the blank lines on the way.
     groups_[groupId].keysEnd = groups_[groupId].last;
+    groups_[groupId].isEndLoose = true;
     lastKey(groupId);
     return line;
 }
@@ -115,6 +116,9 @@ ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
 ZPId ZPLines::lastKey(ZPId groupId) {
     ZPGroup& group = groups_[groupId];
     ZPId l = group.keysEnd;
+    if (!group.isEndLoose)
+        return l;
+    group.isEndLoose = false;
     for (; l != kNoId && !lines_[l].isKey(); l = lines_.prev(l))
         if (group.samples != nullptr && lines_[l].isBlank())
             group.samples->setTail(lines_[l], true);
@@ -263,6 +267,7 @@ void ZPLines::checkInvariants(const ZPText& text) const {
         ++groupsSeen;
         ZPId previous = kNoId, lastKeySeen = kNoId;
         bool isBehindKeys = group.keysEnd == kNoId, hasSamples = false;
+        ZPHOLDS(group.isEndLoose || group.keysEnd == kNoId || lines_[group.keysEnd].isKey());
         uint32_t comments = 0, blanks = 0;
         for (ZPId l = group.first; l != kNoId; l = lines_.next(l)) {
             const ZPLine& line = lines_[l];

@@ -15,8 +15,8 @@
 // (2) Each line is in one group or given back.
 // (3) The groups of one stanza are chained by `nextOfStanza` in file order; the owner knows the
 //     first of them.
-// (4) No key line stands behind ZPGroup::keysEnd, which is the last key line or stands behind it,
-//     or none where there is no key line.
+// (4) No key line stands behind ZPGroup::keysEnd, which is the last key line, or none where there is
+//     no key line; with `isEndLoose` it may stand behind the last key line.
 // (5) `comments` and `blanks` count the group's lines of these types.
 // (6) A group that knows its samples and has no index of them has none. One with an index has some,
 //     and then what zpsamples.h says holds.
@@ -35,6 +35,7 @@ struct ZPGroup {
     ZPId nextOfStanza = kNoId;
     ZPId keysEnd = kNoId;
     uint32_t comments = 0, blanks = 0;
+    bool isEndLoose = false;             // a look for the last key line has to go back
     bool knowsSamples = true;            // not once a sample was read, until a key is added
     std::unique_ptr<ZPSamples> samples;  // their index; null while there are none
 
@@ -64,6 +65,8 @@ public:
     /// Takes the group with its lines away; the stanza's chain is the owner's to shorten.
     void removeGroup(ZPId group);
 
+    /// All ids of groups are below.
+    ZPId groupEnd() const { return groups_.end(); }
     void prefetchGroup(ZPId group) const {
         const char* const place = reinterpret_cast<const char*>(&groups_[group]);
         __builtin_prefetch(place);
@@ -71,7 +74,7 @@ public:
     }
     void prefetchEnd(ZPId group) const {
         if (groups_[group].keysEnd != kNoId)
-            __builtin_prefetch(&lines_[groups_[group].keysEnd]);
+            lines_.prefetchLinks(groups_[group].keysEnd);
     }
 
     // --- Lines ---
@@ -212,8 +215,10 @@ inline void ZPLines::unlink(ZPGroup& group, ZPId id) {
         group.first = were.next;
     if (were.next == kNoId)
         group.last = were.prev;
-    if (group.keysEnd == id)
+    if (group.keysEnd == id) {
         group.keysEnd = were.prev;
+        group.isEndLoose = true;
+    }
     lines_.giveBack(id);
 }
 

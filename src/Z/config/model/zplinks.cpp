@@ -35,7 +35,7 @@ bool ZPLinks::tryToUnfold() noexcept {
     later_ = std::move(all);
     base_ = 0;
     isThrifty_ = false;
-    free(table_.slots);
+    free(table_.memory);
     table_ = Table();
     return true;
 }
@@ -52,10 +52,13 @@ bool ZPLinks::tryToGrowTable(size_t more) noexcept {
     if (!areMany_ || capacity * sizeof(Slot) >= base_ * sizeof(Later))
         return tryToUnfold();
     Table grown;
-    if (capacity < UINT32_MAX / 2)
-        grown.slots = static_cast<Slot*>(calloc(capacity, sizeof(Slot)));
-    if (grown.slots == nullptr)
+    if (capacity >= UINT32_MAX / 2)
         return false;
+    const ZSpreadBlock fresh = zspreadZeroes(capacity * sizeof(Slot));
+    if (fresh.block == nullptr)
+        return false;
+    grown.slots = static_cast<Slot*>(fresh.block);
+    grown.memory = fresh.memory;
     grown.capacity = static_cast<uint32_t>(capacity);
     grown.limit = static_cast<uint32_t>(capacity / 2);
     grown.count = table_.count;
@@ -63,7 +66,7 @@ bool ZPLinks::tryToGrowTable(size_t more) noexcept {
     for (size_t i = 0; i < grown.capacity; ++i)
         if (grown.slots[i].idPlusOne != 0)
             table_.slots[slotOf(grown.slots[i].idPlusOne - 1)] = grown.slots[i];
-    free(grown.slots);
+    free(grown.memory);
     return true;
 }
 

@@ -28,7 +28,7 @@ public:
         swap(taken);
         return *this;
     }
-    ~ZPLinks() { free(table_.slots); }
+    ~ZPLinks() { free(table_.memory); }
 
     ZPId next(ZPId id) const {
         ZPId found = nearestNext(id);
@@ -41,6 +41,17 @@ public:
         while (__builtin_expect(deadCount_ != 0, 0) && found != kNoId && isDead(found))
             found = nearestPrev(found);
         return found;
+    }
+
+    /// What is read and written where a record's neighbours change.
+    void prefetch(ZPId id) const {
+        if (id >= base_) {
+            __builtin_prefetch(&later_[id - base_], 1);
+            return;
+        }
+        __builtin_prefetch(&bits_[id / kBits], 1);
+        if (table_.count != 0)
+            __builtin_prefetch(&table_.slots[placeOf(id)], 1);
     }
 
     // --- Records: each is told once, in the order of their numbers ---
@@ -169,7 +180,8 @@ private:
     };
     struct Table {
         Slot* slots = nullptr;
-        uint32_t capacity = 0;  // a power of two
+        void* memory = nullptr;  // of malloc, where the slots stand
+        uint32_t capacity = 0;   // a power of two
         uint32_t count = 0;
         uint32_t limit = 0;
     };
@@ -204,10 +216,14 @@ private:
     bool tryToGrowTable(size_t more) noexcept;
     bool tryToUnfold() noexcept;
 
+    // Where a search for a record's entry begins.
+    size_t placeOf(ZPId id) const {
+        return static_cast<size_t>(id * 0x9E3779B97F4A7C15u >> 32) & (table_.capacity - 1);
+    }
     // Where a record's entry stands, or would.
     size_t slotOf(ZPId id) const {
         const uint32_t mask = table_.capacity - 1;
-        size_t slot = static_cast<size_t>(id * 0x9E3779B97F4A7C15u >> 32) & mask;
+        size_t slot = placeOf(id);
         while (table_.slots[slot].idPlusOne != 0 && table_.slots[slot].idPlusOne != id + 1)
             slot = (slot + 1) & mask;
         return slot;
@@ -309,6 +325,7 @@ public:
         links_.forget(id);
         records_.giveBack(id);
     }
+    void prefetchLinks(ZPId id) const { links_.prefetch(id); }
     void connect(ZPId before, ZPId behind) { links_.connect(before, behind); }
     void insert(ZPId id, ZPId before, ZPId behind) { links_.insert(id, before, behind); }
     /// Takes a record out of its chain.

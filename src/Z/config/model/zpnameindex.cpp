@@ -11,10 +11,9 @@ void ZPNameIndex::allocate(size_t count, const State& before) {
         wanted = static_cast<size_t>(before.capacity) * 2;
     if (wanted >= size_t(1) << kMostIdBits || wanted > SIZE_MAX / sizeof(Slot))
         zraise(ZOutOfMemoryException());
-    const size_t bytes = wanted * sizeof(Slot);
-    state_.slots = static_cast<Slot*>(zrequireMemory(zmallocSpread(bytes, bytes)));
-    zfetchPages(state_.slots, 0, bytes);
-    memset(static_cast<void*>(state_.slots), 0, bytes);
+    const ZSpreadBlock fresh = zspreadZeroes(wanted * sizeof(Slot));
+    state_.memory = zrequireMemory(fresh.memory);
+    state_.slots = static_cast<Slot*>(fresh.block);
     state_.capacity = static_cast<uint32_t>(wanted);
     state_.limit = static_cast<uint32_t>(count >= kLarge ? wanted / 8 * 7 : wanted / 4 * 3);
     while (state_.limit >> state_.idBits != 0)

@@ -28,7 +28,7 @@ public:
         std::swap(state_, taken.state_);
         return *this;
     }
-    ~ZPNameIndex() { free(state_.slots); }
+    ~ZPNameIndex() { free(state_.memory); }
 
     size_t count() const { return state_.count; }
     /// So many entries fit in, and ids are below.
@@ -174,6 +174,7 @@ private:
     };
     struct State {
         Slot* slots = nullptr;
+        void* memory = nullptr;  // of malloc, where the slots stand
         uint32_t capacity = 0;
         uint32_t count = 0;
         uint32_t limit = 0;   // some way below the capacity

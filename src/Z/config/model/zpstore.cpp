@@ -194,9 +194,24 @@ void ZPStore::moveText(ZPText& target) {
 
 // ---------------------------------------------------------------- stanzas
 
-ZPStore::Id ZPStore::findStanza(ZSpan name) const {
-    return stanzaIndex_.find(znarrowHash(nameHash(name, true)),
+ZPStore::Id ZPStore::findStanza(ZSpan name) const { return findStanza(name, nameHash(name, true)); }
+
+ZPStore::Id ZPStore::findStanza(ZSpan name, uint64_t hash) const {
+    return stanzaIndex_.find(znarrowHash(hash),
                              [&](Id id, uint32_t) { return isNamed(stanzas_[id], name); });
+}
+
+// Of what most likely is the stanza with this hash. Where each stanza has one group their numbers
+// tell of each other, so that one need not wait for the other.
+void ZPStore::prefetchStanza(uint64_t hash) const {
+    const Id id = stanzaIndex_.find(znarrowHash(hash), [](Id, uint32_t) { return true; });
+    if (id == none)
+        return;
+    const char* const place = reinterpret_cast<const char*>(&stanzas_[id]);
+    __builtin_prefetch(place);
+    __builtin_prefetch(place + sizeof(ZPStanza) - 1);
+    if (id + 1 < lines_.groupEnd())
+        lines_.prefetchGroup(id + 1);
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
@@ -273,15 +288,32 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- keys
 
-ZPStore::Sought ZPStore::seekKey(ZSpan stanza, ZSpan key) const {
+inline bool ZPStore::isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const {
+    const bool isSame = text_.stands(offset, key) && keys_.hasLength(id, key.size);
+    return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
+           isNamed(stanzas_[keys_.stanza(id)], stanza);
+}
+
+ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
+    return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
+        keys_.prefetch(id);
+        return isKeyAt(id, offset, stanza, key);
+    });
+}
+
+ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
+    const uint64_t stanzaHash = nameHash(stanza, true);
+    stanzaIndex_.prefetch(znarrowHash(stanzaHash));
+    const uint32_t hash = zhashOfBoth(stanzaHash, nameHash(key, false));
     const Id found = keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         keys_.prefetch(id);
-        const bool isSame = text_.stands(offset, key) && keys_.hasLength(id, key.size);
-        return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
-               isNamed(stanzas_[keys_.stanza(id)], stanza);
+        prefetchStanza(stanzaHash);
+        return isKeyAt(id, offset, stanza, key);
     });
-    return {found, hash};
+    if (found == none)
+        prefetchStanza(stanzaHash);
+    return {found, hash, stanzaHash};
 }
 
 // Only dialects whose names have several spellings come here.
@@ -365,7 +397,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
     const uint32_t hash = keyHash(stanza, name);
     const Id id =
         keyIndex_.find(hash, [&](Id other, uint32_t) { return isKeyOf(other, stanza, name); });
-    return id != none && isInMap(id) ? id : createKey(stanza, name, {id, hash});
+    return id != none && isInMap(id) ? id : createKey(stanza, name, {id, hash, 0});
 }
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, Sought sought) {

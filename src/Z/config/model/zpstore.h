@@ -206,13 +206,20 @@ public:
     // --- Keys ---
 
     /// The record of that key, in the map or not; none if there is no record.
-    Id findKey(ZSpan stanza, ZSpan key) const { return seekKey(stanza, key).key; }
-    /// Likewise, with what spares another look if it is to be made or removed.
+    Id findKey(ZSpan stanza, ZSpan key) const;
+    /// Likewise, with what spares another look if it is to be made or removed: then stanza and
+    /// group, which such a change looks at, are fetched while the key is looked for.
     struct Sought {
         Id key;
         uint32_t hash;
+        uint64_t stanzaHash;
     };
-    Sought seekKey(ZSpan stanza, ZSpan key) const;
+    Sought seekToChange(ZSpan stanza, ZSpan key) const;
+    /// As stanzaInMap(), of the stanza where a key was sought.
+    Id stanzaInMap(ZSpan name, const Sought& sought) const {
+        const Id id = findStanza(name, sought.stanzaHash);
+        return id != none && stanzas_[id].inMap ? id : none;
+    }
     /// The key if it is in the map, else none.
     Id keyInMap(ZSpan stanza, ZSpan key) const {
         const Id id = findKey(stanza, key);
@@ -223,7 +230,7 @@ public:
     bool isInMap(Id key) const { return keys_.isInMap(key); }
     /// Puts the key into the map, if it isn't there yet, without values.
     Id createKey(Id stanza, ZSpan key);
-    /// Likewise a key that isn't in the map, as seekKey() told of it.
+    /// Likewise a key that isn't in the map, as seekToChange() told of it.
     Id createKey(Id stanza, ZSpan key, Sought sought);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
     void removeKey(Id key) { removeKey(key, kNoHash); }
@@ -302,13 +309,11 @@ public:
 
     // --- Lines ---
 
-    /// A key line will be placed in the stanza: what that looks at is fetched meanwhile, first the
-    /// group and then its end.
-    void prefetchGroup(Id stanza) const {
-        if (stanzas_[stanza].group != none)
-            lines_.prefetchGroup(stanzas_[stanza].group);
-    }
+    /// A key will be created in the stanza and its line placed: what that looks at is fetched
+    /// meanwhile.
     void prefetchEnd(Id stanza) const {
+        if (stanzas_[stanza].last != none)
+            keys_.prefetchLinks(stanzas_[stanza].last);
         if (stanzas_[stanza].group != none)
             lines_.prefetchEnd(stanzas_[stanza].group);
     }
@@ -481,6 +486,9 @@ private:
     uint64_t foldedHash(ZSpan name, bool isStanza) const;
     bool foldAlike(ZSpan a, ZSpan b, bool areStanzas) const;
     uint32_t hashOf(Id key) const;
+    Id findStanza(ZSpan name, uint64_t hash) const;
+    bool isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const;
+    void prefetchStanza(uint64_t hash) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);
     Id newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead = false);
