@@ -75,15 +75,21 @@ public:
                 !tryToAllocate(size() + (more + spare > most ? more + spare : most), more))
                 allocate(size() + most, more);
         }
-        // Some at a time, more of a large block.
-        const size_t ahead = size() / 64 + kFetched / sizeof(T);
-        fetch(size() + (more > ahead ? more : ahead));
+        // Some at a time, more of a large block, but no more than are likely to come.
+        const size_t needed = size() + more;
+        const size_t ahead = size() + size() / 64 + kFetched / sizeof(T);
+        const size_t likely =
+            needed <= state_.expected && state_.expected < ahead ? state_.expected : ahead;
+        fetch(needed > likely ? needed : likely);
     }
     /// For so many more records, which are likely to come, and `spare` after them the block needn't
     /// move, if there is memory for it; reserveMore makes their room.
     void expect(size_t more, size_t spare) noexcept {
         const size_t most = SIZE_MAX / 4;
-        if (more > most || spare > most || size() + more <= state_.whole)
+        if (more > most || spare > most)
+            return;
+        state_.expected = size() + more;
+        if (state_.expected <= state_.whole)
             return;
         const size_t step = size() / 2;
         tryToAllocate(size() + (more + spare > step ? more + spare : step), more);
@@ -124,7 +130,7 @@ public:
 
 private:
     static const size_t kFirstRoom = sizeof(T) == 1 ? 64 : 4;
-    static const size_t kFetched = 128 * 1024;  // bytes at least, as far as there are
+    static const size_t kFetched = 64 * 1024;  // bytes at least, as far as there are
     // Smaller blocks may grow where they are, larger ones are moved by their pages.
     static const size_t kCopied = 64 * 1024, kMoved = 4 * 1024 * 1024;
     // So large a block is spread.
@@ -170,13 +176,14 @@ private:
         state_.room = room;
     }
 
-    // Records: in use, with pages behind them, and allocated.
+    // Records: in use, with pages behind them, allocated, and likely to come.
     struct State {
         T* data = nullptr;
         void* memory = nullptr;  // of malloc, where the data stand
         size_t size = 0;
         size_t room = 0;
         size_t whole = 0;
+        size_t expected = 0;
     };
     State state_;
 };

@@ -100,22 +100,24 @@ public:
         const ZLineGrammar grammar;
         int line = 0;
         for (size_t at = start; at < end;) {
-            const size_t longest = end - at < kLongestLine ? end - at : kLongestLine;
-            const char *const piece = all + at, *const limit = piece + longest;
-            const char *stop, *divider = nullptr, *nul = nullptr;
-            while ((stop = all + marks.next(at + longest)) != limit && *stop != '\n') {
-                if (*stop == '\0')
-                    nul = nul == nullptr ? stop : nul;
-                else if (divider == nullptr && nul == nullptr)
-                    divider = stop;
+            // Where a longer line is cut.
+            const size_t limit = end - at < kLongestLine ? end : at + kLongestLine;
+            size_t stop, divider = limit, nul = limit;
+            while ((stop = marks.next(limit)) != limit && all[stop] != '\n') {
+                if (all[stop] == '=')
+                    divider = divider == limit ? stop : divider;
+                else
+                    nul = nul == limit ? stop : nul;
             }
-            const bool isWhole = stop != limit;
+            const bool isWhole = stop != limit, hasNul = nul != limit;
             ++line;
-            const ZSpan text = grammar.trimmed(piece, nul != nullptr ? nul : stop);
+            const char* const piece = all + at;
+            const ZSpan text = grammar.trimmed(piece, all + (hasNul ? nul : stop));
             const bool isRefused =
-                strict_ && (nul != nullptr || (at == start && zstartsWithMark({piece, end - at})) ||
-                            (!isWhole && longest < end - at));  // cut
-            if (isRefused || !take(grammar.divide(text, divider))) {
+                strict_ && (hasNul || (at == start && zstartsWithMark({piece, end - at})) ||
+                            (!isWhole && limit != end));
+            const char* const dividerInText = divider < nul ? all + divider : nullptr;
+            if (isRefused || !take(grammar.divide(text, dividerInText))) {
                 lines_.flush();
                 // The indent is part of it.
                 const ZLCString data(piece,
@@ -123,7 +125,7 @@ public:
                 store_.truncateText(at);  // nothing refers to the rest
                 zraise(ZPropertiesInvalidDataException(file_, data.getChars(), line));
             }
-            at += static_cast<size_t>(stop - piece) + (isWhole ? 1 : 0);
+            at = stop + (isWhole ? 1 : 0);
         }
         lines_.flush();
         store_.addUnused(unused_);
@@ -159,9 +161,10 @@ private:
 
     bool takeHeader(ZSpan name) {
         lines_.flush();
-        const Id known = store_.stanzaInMap(name);
-        lines_.enter(known == ZPStore::none ? store_.readHeader(slice(name))
-                                            : store_.readHeaderAgain(known, slice(name)));
+        const ZPStore::SoughtStanza sought = store_.seekStanza(name);
+        lines_.enter(store_.isStanzaInMap(sought.id)
+                         ? store_.readHeaderAgain(sought.id, slice(name))
+                         : store_.readHeader(slice(name), sought));
         if (lines_.group() == ZPStore::none)
             return false;
         stanza_ = name.size == 0 ? ZPStore::none : store_.group(lines_.group()).stanza;

@@ -90,11 +90,13 @@ private:
         const bool isNumbering = dialect_.repeated == ZDIALECT_NUMBERED;
         if (isNumbering && zwithoutNumber(name).size != name.size)
             return false;
-        const Id known = store_.stanzaInMap(name);
-        Id group = groupOf(known, name);
+        const ZPStore::SoughtStanza sought = store_.seekStanza(name);
+        const Id known = sought.id;
+        Id group = groupOf(sought, name);
         if (group == ZPStore::none && isNumbering) {
             const ZLCString next(nextName(known));
-            group = groupOf(store_.stanzaInMap(zspanOf(next.getChars())), zspanOf(next.getChars()));
+            const ZSpan numbered = zspanOf(next.getChars());
+            group = groupOf(store_.seekStanza(numbered), numbered);
         } else if (group == ZPStore::none && dialect_.repeated == ZDIALECT_MERGED) {
             group = store_.stanza(known).group;
         }
@@ -106,9 +108,10 @@ private:
 
     // The group of a header of this name, that of a known stanza or of none; none if this text has
     // had it.
-    Id groupOf(Id known, ZSpan name) {
-        if (known == ZPStore::none)
-            return store_.readHeader(slice(name));
+    Id groupOf(const ZPStore::SoughtStanza& sought, ZSpan name) {
+        const Id known = sought.id;
+        if (!store_.isStanzaInMap(known))
+            return store_.readHeader(slice(name), sought);
         if (!store_.readsLayers())
             return ZPStore::none;
         // It keeps its first spelling, for which this text has to have a place.
@@ -139,8 +142,9 @@ private:
             if (dialect_.orphans == ZDIALECT_NO_ORPHANS)
                 return false;
             lines_.flush();
-            const Id known = store_.stanzaInMap({"", 0});
-            enter(known == ZPStore::none ? store_.readHeader({0, 0}) : store_.stanza(known).group);
+            const ZPStore::SoughtStanza known = store_.seekStanza({"", 0});
+            enter(store_.isStanzaInMap(known.id) ? store_.stanza(known.id).group
+                                                 : store_.readHeader({0, 0}, known));
         }
         // The name's hash and place first: it always stands in the text, which the value may move.
         const uint32_t hash = store_.keyHash(stanza_, part.name);

@@ -21,15 +21,15 @@ public:
         group_ = group;
     }
 
-    void addBlank() { add({ZPReadLine::blank, 0, {0, 0}, {0, 0}}); }
-    void addComment(ZPSlice text) { add({ZPReadLine::comment, 0, text, {0, 0}}); }
+    void addBlank() { add(ZPReadLine::blank, 0, {0, 0}, {0, 0}); }
+    void addComment(ZPSlice text) { add(ZPReadLine::comment, 0, text, {0, 0}); }
     /// `hash` is ZPStore::keyHash() of stanza and name.
     void addEntry(uint32_t hash, ZPSlice name, ZPSlice value, bool isBare = false) {
         store_.prefetchKey(hash);
         if (isBare)
-            add({ZPReadLine::bareEntry, hash, name, {ZPStore::kBare, 0}});
+            add(ZPReadLine::bareEntry, hash, name, {ZPStore::kBare, 0});
         else
-            add({ZPReadLine::entry, hash, name, value});
+            add(ZPReadLine::entry, hash, name, value);
     }
     /// Hands all to the store.
     void flush() {
@@ -38,10 +38,15 @@ public:
     }
 
 private:
-    void add(const ZPReadLine& line) {
+    // Part by part, for as a whole it would be made elsewhere first.
+    void add(ZPReadLine::Kind kind, uint32_t hash, ZPSlice name, ZPSlice value) {
         if (count_ == kMost)
             flush();
-        lines_[count_++] = line;
+        ZPReadLine& line = lines_[count_++];
+        line.kind = kind;
+        line.hash = hash;
+        line.name = name;
+        line.value = value;
     }
 
     static const uint32_t kMost = 16;

@@ -119,13 +119,13 @@ public:
             setName(id, name);
         return id;
     }
-    /// A key of the map with a line, behind another or none. Nothing is long. Requires:
-    /// isReadyBehind().
-    ZPId takeBehind(ZPId before, ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
-        return records_.takeBehind(before,
-                                   {name.offset, value.offset, static_cast<uint16_t>(name.length),
-                                    static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
+    /// Keys of the map with a line, one by one, which are chained behind another, or behind none,
+    /// when all are there. Nothing is long. Requires: isReadyBehind().
+    void push(ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
+        records_.push({name.offset, value.offset, static_cast<uint16_t>(name.length),
+                       static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
     }
+    void chainPushed(ZPId before, size_t count) { records_.chainPushed(before, count); }
     /// Its neighbours are connected already.
     void giveBack(ZPId id) {
         deleteExtra(id);

@@ -15,8 +15,8 @@
 // (2) Each line is in one group or given back.
 // (3) The groups of one stanza are chained by `nextOfStanza` in file order; the owner knows the
 //     first of them.
-// (4) No key line stands behind ZPGroup::keysEnd, which is the last key line, or none where there is
-//     no key line; with `isEndLoose` it may stand behind the last key line.
+// (4) No key line stands behind ZPGroup::keysEnd, which is the last key line, or none where there
+//     is none; with `isEndLoose` it may stand behind the last key line.
 // (5) `comments` and `blanks` count the group's lines of these types.
 // (6) A group that knows its samples and has no index of them has none. One with an index has some,
 //     and then what zpsamples.h says holds.
@@ -114,11 +114,10 @@ public:
     void appendBlank(ZPId group, const ZPText& text) {
         noteOther(groups_[group], append(group, ZPLine::make(ZPLine::blank, 0)), text);
     }
-    /// A key line that is read, which will have the id nextId(). Requires: isReadyAt().
+    /// Lines of keys that are read and numbered one behind the other. The first line will have the
+    /// id nextId(). Requires: isReadyAt().
     ZPId nextId() const { return lines_.end(); }
-    __attribute__((always_inline)) void readKey(ZPId group, ZPId key) {
-        groups_[group].keysEnd = appendReady(groups_[group], ZPLine::make(ZPLine::key, key));
-    }
+    void readKeys(ZPId group, ZPId firstKey, size_t count);
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
     ZPId placeKey(ZPId group, ZPId key, ZSpan name, const ZPText& text);
@@ -167,23 +166,16 @@ public:
     void checkInvariants(const ZPText& text) const;
 
 private:
-    static void noteLast(ZPGroup& group, ZPId line) {
-        if (group.last == kNoId)
-            group.first = line;
-        group.last = line;
-    }
-    __attribute__((always_inline)) ZPId appendReady(ZPGroup& group, ZPLine line) {
-        const ZPId id = lines_.takeBehind(group.last, std::move(line));
-        noteLast(group, id);
-        return id;
-    }
     ZPId append(ZPId group, ZPLine line) {
         ZPGroup& owner = groups_[group];
-        if (lines_.isReadyBehind(owner.last, 1))
-            return appendReady(owner, line);
-        const ZPId id = lines_.take(std::move(line), true);
-        lines_.connect(owner.last, id);
-        noteLast(owner, id);
+        const bool isReady = lines_.isReadyBehind(owner.last, 1);
+        const ZPId id = isReady ? lines_.takeBehind(owner.last, std::move(line))
+                                : lines_.take(std::move(line), true);
+        if (!isReady)
+            lines_.connect(owner.last, id);
+        if (owner.last == kNoId)
+            owner.first = id;
+        owner.last = id;
         return id;
     }
     void reserveInserts(size_t lines);
@@ -208,6 +200,17 @@ private:
     ZPLinePool lines_;
     ZPPool<ZPGroup, &ZPGroup::next> groups_;
 };
+
+inline void ZPLines::readKeys(ZPId groupId, ZPId firstKey, size_t count) {
+    ZPGroup& group = groups_[groupId];
+    const ZPId first = lines_.end();
+    for (ZPId key = firstKey, end = firstKey + static_cast<ZPId>(count); key != end; ++key)
+        lines_.push(ZPLine::make(ZPLine::key, key));
+    lines_.chainPushed(group.last, count);
+    if (group.last == kNoId)
+        group.first = first;
+    group.keysEnd = group.last = lines_.end() - 1;
+}
 
 inline void ZPLines::unlink(ZPGroup& group, ZPId id) {
     const ZPLinks::Neighbours were = lines_.unlink(id);

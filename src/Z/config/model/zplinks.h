@@ -92,6 +92,22 @@ public:
         if (before != kNoId)
             setNext(before, id);
     }
+    /// Likewise `count` records, each behind the one before.
+    void addRun(ZPId before, size_t count) {
+        if (!isThrifty_) {
+            for (; count != 0; --count, before = static_cast<ZPId>(end() - 1))
+                addBehind(before);
+            return;
+        }
+        ZPId id = before != kNoId ? before : base_;
+        base_ += static_cast<uint32_t>(count);
+        while (id + 1 < base_) {
+            const uint32_t left = base_ - 1 - id, inWord = kBits - id % kBits;
+            const uint32_t joined = left < inWord ? left : inWord;
+            bits_[id / kBits] |= ((uint64_t(1) << joined) - 1) << (id % kBits);
+            id += joined;
+        }
+    }
     /// One that has no neighbours yet.
     void add() {
         isThrifty_ = false;
@@ -306,6 +322,10 @@ public:
         links_.addBehind(before);
         return records_.take(std::move(record));
     }
+    /// Likewise some, one by one, which are chained behind this one, or behind none, when all are
+    /// there.
+    void push(T&& record) { records_.take(std::move(record)); }
+    void chainPushed(ZPId before, size_t count) { links_.addRun(before, count); }
     /// A record without neighbours; `isRead`: it comes with many. Needs room made before.
     ZPId take(T&& record, bool isRead = false) {
         if (records_.nextId() == links_.end()) {

@@ -53,7 +53,7 @@ public:
         *this = std::move(grown);
     }
 
-    /// Where an entry would go.
+    /// Where an entry would go, as long as nothing else has come or gone.
     struct Place {
         size_t slot = 0;
         uint32_t kept = 0;  // what a slot keeps of the hash there

@@ -201,17 +201,18 @@ ZPStore::Id ZPStore::findStanza(ZSpan name, uint64_t hash) const {
                              [&](Id id, uint32_t) { return isNamed(stanzas_[id], name); });
 }
 
-// Of what most likely is the stanza with this hash. Where each stanza has one group their numbers
+// What most likely is the stanza with this hash, or none, while it is fetched with its group. Where each stanza has one group their numbers
 // tell of each other, so that one need not wait for the other.
-void ZPStore::prefetchStanza(uint64_t hash) const {
+ZPStore::Id ZPStore::prefetchStanza(uint64_t hash) const {
     const Id id = stanzaIndex_.find(znarrowHash(hash), [](Id, uint32_t) { return true; });
     if (id == none)
-        return;
+        return none;
     const char* const place = reinterpret_cast<const char*>(&stanzas_[id]);
     __builtin_prefetch(place);
     __builtin_prefetch(place + sizeof(ZPStanza) - 1);
     if (id + 1 < lines_.groupEnd())
         lines_.prefetchGroup(id + 1);
+    return id;
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
@@ -224,13 +225,13 @@ ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
 }
 
 ZPStore::Id ZPStore::createStanza(ZSpan name) {
-    Id id = findStanza(name);
-    if (id == none) {
+    SoughtStanza sought = seekStanza(name);
+    if (sought.id == none) {
         makeRoomForStanza();
-        id = newStanza(text_.append(name), nameHash(name, true));
+        sought.id = newStanza(text_.append(name), sought.hash);
     }
-    putStanzaIntoMap(id);
-    return id;
+    putStanzaIntoMap(sought.id);
+    return sought.id;
 }
 
 void ZPStore::makeRoomForStanza() {
@@ -303,17 +304,17 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
 }
 
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
-    const uint64_t stanzaHash = nameHash(stanza, true);
-    stanzaIndex_.prefetch(znarrowHash(stanzaHash));
-    const uint32_t hash = zhashOfBoth(stanzaHash, nameHash(key, false));
-    const Id found = keyIndex_.find(hash, [&](Id id, uint32_t offset) {
-        keys_.prefetch(id);
-        prefetchStanza(stanzaHash);
-        return isKeyAt(id, offset, stanza, key);
-    });
-    if (found == none)
-        prefetchStanza(stanzaHash);
-    return {found, hash, stanzaHash};
+    Sought sought = {none, 0, {}, nameHash(stanza, true), none};
+    stanzaIndex_.prefetch(znarrowHash(sought.stanzaHash));
+    sought.hash = zhashOfBoth(sought.stanzaHash, nameHash(key, false));
+    if (keyIndex_.limit() != 0)
+        sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id id, uint32_t offset) {
+            keys_.prefetch(id);
+            return isKeyAt(id, offset, stanza, key);
+        });
+    sought.stanza =
+        sought.key != none ? keys_.stanza(sought.key) : prefetchStanza(sought.stanzaHash);
+    return sought;
 }
 
 // Only dialects whose names have several spellings come here.
@@ -343,12 +344,15 @@ uint32_t ZPStore::hashOf(Id id) const {
     return keyHash(keys_.stanza(id), text_.span(keys_.name(id)));
 }
 
-void ZPStore::makeRoomForKey(size_t nameLength) {
+// Whether the index was made anew for it.
+bool ZPStore::makeRoomForKey(size_t nameLength) {
     keys_.reserveMore(1);
     if (nameLength >= ZPKeys::kLong)
         keys_.makeExtra(keys_.nextId());
-    if (!keyIndex_.takes(keys_.nextId(), 1))
+    const bool isMissing = !keyIndex_.takes(keys_.nextId(), 1);
+    if (isMissing)
         makeRoomInKeyIndex(1);
+    return isMissing;
 }
 
 void ZPStore::makeRoomInKeyIndex(size_t more) {
@@ -394,18 +398,25 @@ void ZPStore::putIntoMap(Id id) {
 }
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
-    const uint32_t hash = keyHash(stanza, name);
-    const Id id =
-        keyIndex_.find(hash, [&](Id other, uint32_t) { return isKeyOf(other, stanza, name); });
-    return id != none && isInMap(id) ? id : createKey(stanza, name, {id, hash, 0});
+    Sought sought = {none, keyHash(stanza, name), {}, 0, none};
+    if (keyIndex_.limit() != 0)
+        sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id other, uint32_t) {
+            return isKeyOf(other, stanza, name);
+        });
+    return sought.key != none && isInMap(sought.key) ? sought.key : createKey(stanza, name, sought);
 }
 
-ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, Sought sought) {
+ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, const Sought& sought) {
     Id id = sought.key;
     const bool made = id == none;
     if (made) {
-        makeRoomForKey(name.size);
-        id = newKey(stanza, text_.append(name), sought.hash);
+        const bool isIndexNew = makeRoomForKey(name.size);
+        const ZPSlice slice = text_.append(name);
+        id = keys_.take(slice, stanza, false);
+        if (isIndexNew)
+            keyIndex_.insert(sought.hash, id, slice.offset);
+        else
+            keyIndex_.insertAt(sought.place, id, slice.offset);
     }
     try {
         putIntoMap(id);
@@ -454,7 +465,7 @@ void ZPStore::removeKey(Id id, uint64_t hash) {
     freeKeyIfUnneeded(id, hash);
 }
 
-void ZPStore::removeWithLines(Sought sought) {
+void ZPStore::removeWithLines(const Sought& sought) {
     // The lines go first: a key that has neither map entry nor line is forgotten.
     const bool inMap = isInMap(sought.key);
     removeKeyLines(sought.key, sought.hash);

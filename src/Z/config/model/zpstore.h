@@ -181,8 +181,18 @@ public:
     /// The stanza of that name if it is in the map, else none.
     Id stanzaInMap(ZSpan name) const {
         const Id id = findStanza(name);
-        return id != none && stanzas_[id].inMap ? id : none;
+        return isStanzaInMap(id) ? id : none;
     }
+    /// As findStanza(), with what spares another look.
+    struct SoughtStanza {
+        Id id;
+        uint64_t hash;
+    };
+    SoughtStanza seekStanza(ZSpan name) const {
+        const uint64_t hash = nameHash(name, true);
+        return {findStanza(name, hash), hash};
+    }
+    bool isStanzaInMap(Id id) const { return id != none && stanzas_[id].inMap; }
     /// Puts the stanza into the map, if it isn't there yet.
     Id createStanza(ZSpan name);
     /// Takes the stanza with its keys out of the map; its lines stay.
@@ -207,18 +217,23 @@ public:
 
     /// The record of that key, in the map or not; none if there is no record.
     Id findKey(ZSpan stanza, ZSpan key) const;
-    /// Likewise, with what spares another look if it is to be made or removed: then stanza and
-    /// group, which such a change looks at, are fetched while the key is looked for.
+    /// Likewise, with what spares another look if it is to be made or removed, as long as nothing
+    /// else has changed: then stanza and group, which such a change looks at, are fetched while the
+    /// key is looked for.
     struct Sought {
         Id key;
         uint32_t hash;
+        ZPNameIndex::Place place;  // for the key, if there is none
         uint64_t stanzaHash;
+        Id stanza;  // which most likely has this hash, or none
     };
     Sought seekToChange(ZSpan stanza, ZSpan key) const;
     /// As stanzaInMap(), of the stanza where a key was sought.
     Id stanzaInMap(ZSpan name, const Sought& sought) const {
-        const Id id = findStanza(name, sought.stanzaHash);
-        return id != none && stanzas_[id].inMap ? id : none;
+        Id id = sought.stanza;
+        if (id != none && !isNamed(stanzas_[id], name))
+            id = findStanza(name, sought.stanzaHash);
+        return isStanzaInMap(id) ? id : none;
     }
     /// The key if it is in the map, else none.
     Id keyInMap(ZSpan stanza, ZSpan key) const {
@@ -231,12 +246,12 @@ public:
     /// Puts the key into the map, if it isn't there yet, without values.
     Id createKey(Id stanza, ZSpan key);
     /// Likewise a key that isn't in the map, as seekToChange() told of it.
-    Id createKey(Id stanza, ZSpan key, Sought sought);
+    Id createKey(Id stanza, ZSpan key, const Sought& sought);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
     void removeKey(Id key) { removeKey(key, kNoHash); }
     /// Takes a key's lines away as removeKeyLines() does, and the key out of the map. Requires:
     /// there is a record.
-    void removeWithLines(Sought sought);
+    void removeWithLines(const Sought& sought);
 
     // --- Values ---
 
@@ -442,8 +457,9 @@ public:
     void expectStanzas(size_t stanzas);
     /// For what the text from `start` on will bring, as far as can be guessed.
     void reserveForText(size_t start);
-    /// A header at the end whose name lies in the text; the stanza must not be in the map.
-    Id readHeader(ZPSlice name);
+    /// A header at the end whose name lies in the text: its group. `sought` is what was found of
+    /// the name: no stanza of the map.
+    Id readHeader(ZPSlice name, const SoughtStanza& sought);
     /// Lines of a group, at its end. An entry is one more value of its key if it has a value, and
     /// a key that is new gets a line.
     void readLines(Id group, const ZPReadLine* lines, size_t count);
@@ -488,13 +504,13 @@ private:
     uint32_t hashOf(Id key) const;
     Id findStanza(ZSpan name, uint64_t hash) const;
     bool isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const;
-    void prefetchStanza(uint64_t hash) const;
+    Id prefetchStanza(uint64_t hash) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);
     Id newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead = false);
     void putStanzaIntoMap(Id stanza);
     void putIntoMap(Id key);
-    void makeRoomForKey(size_t nameLength);
+    bool makeRoomForKey(size_t nameLength);
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
     void makeRoomInStanzaIndex(size_t stanzas);
@@ -543,6 +559,8 @@ private:
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     void forgetValuesAbove(Id key, bool isEmpty);
     bool isReadyToRead(Id group, size_t lines) const;
+    const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end);
+    void readLine(Id group, const ZPReadLine& line);
     void readOther(Id group, const ZPReadLine& line);
     Id readEntry(Id group, const ZPReadLine& line, Id id);
     /// The key has got one more line.

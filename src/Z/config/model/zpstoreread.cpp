@@ -60,13 +60,11 @@ void ZPStore::reserveForText(size_t start) {
     }
 }
 
-ZPStore::Id ZPStore::readHeader(ZPSlice name) {
+ZPStore::Id ZPStore::readHeader(ZPSlice name, const SoughtStanza& sought) {
+    zassert(!isStanzaInMap(sought.id));
     makeRoomForStanza();
     lines_.reserveGroup();
-    Id stanza = findStanza(text_.span(name));
-    zassert(stanza == none || !stanzas_[stanza].inMap);
-    if (stanza == none)
-        stanza = newStanza(name, nameHash(text_.span(name), true));
+    const Id stanza = sought.id != none ? sought.id : newStanza(name, sought.hash);
     putStanzaIntoMap(stanza);
     return addGroup(stanza);
 }
@@ -146,36 +144,60 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
     lines_.reserveToRead(count);
     if (!keyIndex_.takes(keys_.end(), count))
         makeRoomInKeyIndex(count);
-    const Id stanzaId = lines_.group(group).stanza;
+    const ZPReadLine *line = lines, *const end = lines + count;
     bool isReady = isReadyToRead(group, count);
-    for (const ZPReadLine *line = lines, *const end = lines + count; line != end; ++line) {
-        if (line->kind == ZPReadLine::blank || line->kind == ZPReadLine::comment) {
-            readOther(group, *line);
-        } else {
-            const Id id = keys_.end();
-            ZPNameIndex::Place place;
-            const Id found = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
-                return isKeyOf(other, stanzaId, text_.span(line->name));
-            });
-            if (isReady && found == none &&
-                (line->name.length | line->value.length) < ZPKeys::kLong) {
-                // All in one: a new key at the end of its stanza and group.
-                ZPStanza& stanza = stanzas_[stanzaId];
-                keys_.takeBehind(stanza.last, line->name, line->value, stanzaId, lines_.nextId());
-                lines_.readKey(group, id);
-                keyIndex_.insertAt(place, id, line->name.offset);
-                if (stanza.last == none)
-                    stanza.first = id;
-                stanza.last = id;
-                ++stanza.count;
-                continue;
-            }
-            const Id key = readEntry(group, *line, found);
-            if (line->kind == ZPReadLine::bareEntry)
-                markBare(key);
-        }
-        isReady = isReadyToRead(group, static_cast<size_t>(end - line - 1));
+    while (line != end) {
+        if (isReady)
+            line = readNewKeys(group, line, end);
+        if (line == end)
+            break;
+        // Other lines leave it ready, for there is room for all.
+        const bool isEntry = line->kind >= ZPReadLine::entry;
+        readLine(group, *line++);
+        if (isEntry)
+            isReady = isReadyToRead(group, static_cast<size_t>(end - line));
     }
+}
+
+// The entries that a batch begins with, as long as they are of new keys. Returns the first line
+// that isn't.
+inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
+                                              const ZPReadLine* end) {
+    const Id stanzaId = lines_.group(group).stanza, first = keys_.end();
+    const Id lineOfFirst = lines_.nextId() - first;  // and so on, which may wrap
+    Id id = first;
+    for (; line != end && line->kind >= ZPReadLine::entry; ++line, ++id) {
+        ZPNameIndex::Place place;
+        const Id found = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
+            return isKeyOf(other, stanzaId, text_.span(line->name));
+        });
+        if (found != none || (line->name.length | line->value.length) >= ZPKeys::kLong)
+            break;
+        keys_.push(line->name, line->value, stanzaId, lineOfFirst + id);
+        keyIndex_.insertAt(place, id, line->name.offset);
+    }
+    if (id == first)
+        return line;
+    ZPStanza& stanza = stanzas_[stanzaId];
+    keys_.chainPushed(stanza.last, id - first);
+    lines_.readKeys(group, first, id - first);
+    if (stanza.last == none)
+        stanza.first = first;
+    stanza.last = id - 1;
+    stanza.count += id - first;
+    return line;
+}
+
+void ZPStore::readLine(Id group, const ZPReadLine& line) {
+    if (line.kind < ZPReadLine::entry)
+        return readOther(group, line);
+    const Id stanza = lines_.group(group).stanza;
+    const Id found = keyIndex_.find(line.hash, [&](Id other, uint32_t) {
+        return isKeyOf(other, stanza, text_.span(line.name));
+    });
+    const Id key = readEntry(group, line, found);
+    if (line.kind == ZPReadLine::bareEntry)
+        markBare(key);
 }
 
 void ZPStore::readOther(Id group, const ZPReadLine& line) {
