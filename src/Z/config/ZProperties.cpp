@@ -217,7 +217,12 @@ void ZProperties::sendChangeNotice(ZPropertyChanged::PropertyChangeType type,
 }
 
 void ZProperties::checkAccess(const char* category, const char* key, int obfuscated) const {
-    ZResourceLock guard(lock_);
+    // Changes ask with the lock in their hands: to take it once more would be a good part of them.
+    if (!lock_.isHeld()) {
+        ZResourceLock guard(lock_);
+        checkAccess(category, key, obfuscated);
+        return;
+    }
     // A key without values may take either kind; a hidden one has values.
     const bool isHidden = cache_->isObfuscated(category, key) != 0;
     zrequire(obfuscated == 0 ? !isHidden : isHidden || cache_->countValues(category, key) == 0);

@@ -289,31 +289,39 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- keys
 
-inline bool ZPStore::isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const {
-    const bool isSame = text_.stands(offset, key) && keys_.hasLength(id, key.size);
-    return (isSame || (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
-           isNamed(stanzas_[keys_.stanza(id)], stanza);
+// Whether the key whose name stands there is of this name.
+inline bool ZPStore::isNamedAt(Id id, uint32_t offset, ZSpan name) const {
+    return (text_.stands(offset, name) && keys_.hasLength(id, name.size)) ||
+           (folds_ && foldAlike(text_.span(keys_.name(id)), name, false));
 }
 
 ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
     return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
         keys_.prefetch(id);
-        return isKeyAt(id, offset, stanza, key);
+        return isNamedAt(id, offset, key) && isNamed(stanzas_[keys_.stanza(id)], stanza);
     });
 }
 
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
+    // In fewer nothing is far away, and a look at the stanza may turn out to be for nothing.
+    static const size_t kMany = 16 * 1024;
     Sought sought = {none, 0, {}, nameHash(stanza, true), none};
-    stanzaIndex_.prefetch(znarrowHash(sought.stanzaHash));
     sought.hash = zhashOfBoth(sought.stanzaHash, nameHash(key, false));
+    const bool areMany = keyIndex_.limit() > kMany;
+    if (areMany) {
+        keyIndex_.prefetch(sought.hash);
+        sought.stanza = prefetchStanza(sought.stanzaHash);
+    }
     if (keyIndex_.limit() != 0)
         sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id id, uint32_t offset) {
             keys_.prefetch(id);
-            return isKeyAt(id, offset, stanza, key);
+            return isNamedAt(id, offset, key) && isNamed(stanzas_[keys_.stanza(id)], stanza);
         });
-    sought.stanza =
-        sought.key != none ? keys_.stanza(sought.key) : prefetchStanza(sought.stanzaHash);
+    if (sought.key != none)
+        sought.stanza = keys_.stanza(sought.key);
+    else if (!areMany)
+        sought.stanza = prefetchStanza(sought.stanzaHash);
     return sought;
 }
 

@@ -503,7 +503,7 @@ private:
     bool foldAlike(ZSpan a, ZSpan b, bool areStanzas) const;
     uint32_t hashOf(Id key) const;
     Id findStanza(ZSpan name, uint64_t hash) const;
-    bool isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const;
+    bool isNamedAt(Id id, uint32_t offset, ZSpan name) const;
     Id prefetchStanza(uint64_t hash) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);
