@@ -64,8 +64,8 @@ bool ZPLinks::tryToGrowTable(size_t more) noexcept {
     grown.count = table_.count;
     std::swap(table_, grown);
     for (size_t i = 0; i < grown.capacity; ++i)
-        if (grown.slots[i].idPlusOne != 0)
-            table_.slots[slotOf(grown.slots[i].idPlusOne - 1)] = grown.slots[i];
+        if (grown.slots[i].gapPlusOne != 0)
+            table_.slots[slotOf(grown.slots[i].gapPlusOne - 1)] = grown.slots[i];
     free(grown.memory);
     return true;
 }
@@ -97,14 +97,14 @@ void ZPLinks::bury(ZPId id) {
     --deadCount_;
 }
 
-void ZPLinks::setInTable(ZPId id, ZPId Slot::*side, ZPId other) {
-    const size_t at = slotOf(id);
+void ZPLinks::setInTable(ZPId gap, ZPId Slot::*side, ZPId other) {
+    const size_t at = slotOf(gap);
     Slot& slot = table_.slots[at];
-    if (slot.idPlusOne == 0) {
+    if (slot.gapPlusOne == 0) {
         if (other == kNoId)
             return;
         zassert(table_.count < table_.limit);
-        slot = {id + 1, kNoId, kNoId};
+        slot = {gap + 1, kNoId, kNoId};
         ++table_.count;
     }
     slot.*side = other;
@@ -115,12 +115,12 @@ void ZPLinks::setInTable(ZPId id, ZPId Slot::*side, ZPId other) {
 // Whatever follows in the run and may stand in the hole moves there.
 void ZPLinks::remove(size_t hole) {
     const size_t mask = table_.capacity - 1;
-    table_.slots[hole].idPlusOne = 0;
+    table_.slots[hole].gapPlusOne = 0;
     --table_.count;
-    for (size_t i = (hole + 1) & mask; table_.slots[i].idPlusOne != 0; i = (i + 1) & mask) {
+    for (size_t i = (hole + 1) & mask; table_.slots[i].gapPlusOne != 0; i = (i + 1) & mask) {
         const Slot moved = table_.slots[i];
-        table_.slots[i].idPlusOne = 0;
-        table_.slots[slotOf(moved.idPlusOne - 1)] = moved;
+        table_.slots[i].gapPlusOne = 0;
+        table_.slots[slotOf(moved.gapPlusOne - 1)] = moved;
     }
 }
 
@@ -128,14 +128,14 @@ void ZPLinks::checkInvariants() const {
     size_t count = 0;
     for (size_t i = 0; i < table_.capacity; ++i) {
         const Slot& slot = table_.slots[i];
-        if (slot.idPlusOne == 0)
+        if (slot.gapPlusOne == 0)
             continue;
         ++count;
-        const ZPId id = slot.idPlusOne - 1;
-        ZPHOLDS(slotOf(id) == i && id < base_);
+        const ZPId gap = slot.gapPlusOne - 1;
+        ZPHOLDS(slotOf(gap) == i && gap <= base_);
         ZPHOLDS(slot.next != kNoId || slot.prev != kNoId);
-        ZPHOLDS(!isJoined(id) || slot.next == kNoId);
-        ZPHOLDS(id == 0 || !isJoined(id - 1) || slot.prev == kNoId);
+        ZPHOLDS(gap == 0 ? slot.next == kNoId : !isJoined(gap - 1));
+        ZPHOLDS(gap < base_ || slot.prev == kNoId);
     }
     ZPHOLDS(count == table_.count && count <= table_.limit && table_.limit * 2 == table_.capacity);
     ZPHOLDS(bits_.size() * kBits >= end());

@@ -16,8 +16,9 @@
 /// Invariants, checked by checkInvariants():
 /// (1) Records below `base_` have bits, all others are in `later_`. None below is joined to it. As
 ///     long as `isThrifty_` there are no others.
-/// (2) The table has entries of records below alone, and none that says nothing: of a record that
-///     is joined to both neighbours, or to one and has none on its other side, or has none at all.
+/// (2) The table has entries of gaps between records below, and at their ends, that are not joined,
+///     and none that says nothing. Gap g is ahead of record g: its entry says what follows the record
+///     g - 1 and what precedes g, so that what is put between two takes one entry.
 /// (3) At most half of the table's slots are taken, so that a probe ends soon.
 class ZPLinks {
 public:
@@ -51,7 +52,7 @@ public:
         }
         __builtin_prefetch(&bits_[id / kBits], 1);
         if (table_.count != 0)
-            __builtin_prefetch(&table_.slots[placeOf(id)], 1);
+            __builtin_prefetch(&table_.slots[placeOf(id + 1)], 1);
     }
 
     // --- Records: each is told once, in the order of their numbers ---
@@ -191,8 +192,8 @@ private:
         ZPId next, prev;
     };
     struct Slot {
-        uint32_t idPlusOne;  // 0: free
-        ZPId next, prev;
+        uint32_t gapPlusOne;  // 0: free
+        ZPId next, prev;      // of the record ahead of it, and of the one behind
     };
     struct Table {
         Slot* slots = nullptr;
@@ -217,7 +218,7 @@ private:
     ZPId nearestNext(ZPId id) const {
         if (id >= base_)
             return later_[id - base_].next;
-        return isJoined(id) ? id + 1 : table_.count == 0 ? kNoId : find(id).next;
+        return isJoined(id) ? id + 1 : table_.count == 0 ? kNoId : find(id + 1).next;
     }
     ZPId nearestPrev(ZPId id) const {
         if (id >= base_)
@@ -232,22 +233,22 @@ private:
     bool tryToGrowTable(size_t more) noexcept;
     bool tryToUnfold() noexcept;
 
-    // Where a search for a record's entry begins.
-    size_t placeOf(ZPId id) const {
-        return static_cast<size_t>(id * 0x9E3779B97F4A7C15u >> 32) & (table_.capacity - 1);
+    // Where a search for a gap's entry begins.
+    size_t placeOf(ZPId gap) const {
+        return static_cast<size_t>(gap * 0x9E3779B97F4A7C15u >> 32) & (table_.capacity - 1);
     }
-    // Where a record's entry stands, or would.
-    size_t slotOf(ZPId id) const {
+    // Where a gap's entry stands, or would.
+    size_t slotOf(ZPId gap) const {
         const uint32_t mask = table_.capacity - 1;
-        size_t slot = placeOf(id);
-        while (table_.slots[slot].idPlusOne != 0 && table_.slots[slot].idPlusOne != id + 1)
+        size_t slot = placeOf(gap);
+        while (table_.slots[slot].gapPlusOne != 0 && table_.slots[slot].gapPlusOne != gap + 1)
             slot = (slot + 1) & mask;
         return slot;
     }
-    const Slot& find(ZPId id) const {
+    const Slot& find(ZPId gap) const {
         static const Slot kNothing = {0, kNoId, kNoId};
-        const Slot& slot = table_.slots[slotOf(id)];
-        return slot.idPlusOne == 0 ? kNothing : slot;
+        const Slot& slot = table_.slots[slotOf(gap)];
+        return slot.gapPlusOne == 0 ? kNothing : slot;
     }
     // What follows by its number doesn't any more.
     void setNext(ZPId id, ZPId next) {
@@ -256,7 +257,7 @@ private:
             return;
         }
         bits_[id / kBits] &= ~bit(id);
-        set(id, &Slot::next, next);
+        set(id + 1, &Slot::next, next);
     }
     void setPrev(ZPId id, ZPId prev) {
         if (id >= base_) {
@@ -267,11 +268,11 @@ private:
             bits_[(id - 1) / kBits] &= ~bit(id - 1);
         set(id, &Slot::prev, prev);
     }
-    void set(ZPId id, ZPId Slot::*side, ZPId other) {
+    void set(ZPId gap, ZPId Slot::*side, ZPId other) {
         if (table_.count != 0 || other != kNoId)
-            setInTable(id, side, other);
+            setInTable(gap, side, other);
     }
-    void setInTable(ZPId id, ZPId Slot::*side, ZPId other);
+    void setInTable(ZPId gap, ZPId Slot::*side, ZPId other);
     void remove(size_t slot);
 
     ZPBlock<uint64_t> bits_;  // of a record: whether the next number follows; whether it is dead
