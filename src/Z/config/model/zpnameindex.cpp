@@ -1,12 +1,12 @@
 #include "zpnameindex.h"
 
 // An empty table with room for `count` entries, grown by doubling, or at once to what a load
-// announces. At most three quarters of it are taken, or seven eighths where it is large: a probe
+// announces. At most three quarters of it are taken, or four fifths where it is large: a probe
 // reads eight slots of one cache line, and then fewer lines are worth more than fewer steps.
 void ZPNameIndex::allocate(size_t count, const State& before) {
     static const uint32_t kMostIdBits = 30, kStepBits = 4;
     static const size_t kLarge = 256 * 1024;
-    size_t wanted = count >= kLarge ? count + count / 7 + 16 : count + count / 3 + 16;
+    size_t wanted = count >= kLarge ? count + count / 4 + 16 : count + count / 3 + 16;
     if (before.count != 0 && wanted < static_cast<size_t>(before.capacity) * 2)
         wanted = static_cast<size_t>(before.capacity) * 2;
     if (wanted >= size_t(1) << kMostIdBits || wanted > SIZE_MAX / sizeof(Slot))
@@ -15,7 +15,7 @@ void ZPNameIndex::allocate(size_t count, const State& before) {
     state_.memory = zrequireMemory(fresh.memory);
     state_.slots = static_cast<Slot*>(fresh.block);
     state_.capacity = static_cast<uint32_t>(wanted);
-    state_.limit = static_cast<uint32_t>(count >= kLarge ? wanted / 8 * 7 : wanted / 4 * 3);
+    state_.limit = static_cast<uint32_t>(count >= kLarge ? wanted / 5 * 4 : wanted / 4 * 3);
     while (state_.limit >> state_.idBits != 0)
         ++state_.idBits;
     const uint32_t left = 32 - state_.idBits;

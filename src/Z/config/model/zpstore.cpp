@@ -305,7 +305,7 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
 
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
     // In fewer nothing is far away, and a look at the stanza may turn out to be for nothing.
-    static const size_t kMany = 16 * 1024;
+    static const size_t kMany = 64 * 1024;
     Sought sought = {none, 0, {}, nameHash(stanza, true), none};
     sought.hash = zhashOfBoth(sought.stanzaHash, nameHash(key, false));
     const bool areMany = keyIndex_.limit() > kMany;

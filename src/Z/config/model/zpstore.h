@@ -484,13 +484,13 @@ private:
 
     bool isNamed(const ZPStanza& stanza, ZSpan name) const {
         return (stanza.name.length == name.size &&
-                memcmp(name.size <= sizeof stanza.head ? stanza.head : text(stanza.name), name.data,
-                       name.size) == 0) ||
+                zsameBytes(name.size <= sizeof stanza.head ? stanza.head : text(stanza.name),
+                           name.data, name.size)) ||
                (folds_ && foldAlike(text_.span(stanza.name), name, true));
     }
     bool isNamed(Id key, ZSpan name) const {
         return (keys_.hasLength(key, name.size) &&
-                memcmp(text(keys_.name(key).offset), name.data, name.size) == 0) ||
+                zsameBytes(text(keys_.name(key).offset), name.data, name.size)) ||
                (folds_ && foldAlike(text_.span(keys_.name(key)), name, false));
     }
     bool isKeyOf(Id key, Id stanza, ZSpan name) const {

@@ -40,7 +40,7 @@ public:
     /// Whether these bytes stand there.
     bool stands(uint32_t offset, ZSpan bytes) const {
         return offset <= bytes_.size() && bytes.size <= bytes_.size() - offset &&
-               memcmp(bytes_.data() + offset, bytes.data, bytes.size) == 0;
+               zsameBytes(bytes_.data() + offset, bytes.data, bytes.size);
     }
 
     /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where
