@@ -108,8 +108,9 @@ struct ZSpreadBlock {
 /// next block of that size: a process that loads again and again would grow without end.
 inline ZSpreadBlock zmallocSpread(size_t size, size_t used) {
     const size_t spread = (used + kHugePage / 2) / kHugePage * kHugePage;
-    const bool isSpread = spread != 0 && size < SIZE_MAX - kHugePage;
-    char* const memory = static_cast<char*>(malloc(isSpread ? size + kHugePage : size));
+    const bool isSpread = spread != 0 && size < SIZE_MAX - 2 * kHugePage;
+    const size_t whole = (size < spread ? spread : size) + kHugePage;
+    char* const memory = static_cast<char*>(malloc(isSpread ? whole : size));
     if (memory == nullptr || !isSpread)
         return {memory, memory};
     char* const block = memory + (0 - reinterpret_cast<uintptr_t>(memory)) % kHugePage;

@@ -47,7 +47,8 @@ void ZPLines::reserveInserts(size_t lines) {
 }
 
 // Between two lines of the group, or at an end of it.
-void ZPLines::insert(ZPId groupId, ZPId prev, ZPId before, ZPId id) {
+__attribute__((always_inline)) inline void ZPLines::insert(ZPId groupId, ZPId prev, ZPId before,
+                                                           ZPId id) {
     ZPGroup& group = groups_[groupId];
     lines_.insert(id, prev, before);
     if (prev == kNoId)
@@ -116,8 +117,6 @@ ZPId ZPLines::lineOfKey(ZPId firstOfStanza, ZPId key) const {
 ZPId ZPLines::lastKey(ZPId groupId) {
     ZPGroup& group = groups_[groupId];
     ZPId l = group.keysEnd;
-    if (!group.isEndLoose)
-        return l;
     group.isEndLoose = false;
     for (; l != kNoId && !lines_[l].isKey(); l = lines_.prev(l))
         if (group.samples != nullptr && lines_[l].isBlank())
@@ -186,8 +185,10 @@ ZPId ZPLines::findParagraphEnd(ZPGroup& group, ZSpan key, const ZPText& text) {
 ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
     reserveInserts(1);
     ZPGroup& group = groups_[groupId];
-    const ZPId closing = findParagraphEnd(group, name, text);
-    const ZPId last = lastKey(groupId);
+    // Nearly always there are no samples, and the last key line is known.
+    const bool hasNoSamples = group.knowsSamples && group.samples == nullptr;
+    const ZPId closing = hasNoSamples ? kNoId : findParagraphEnd(group, name, text);
+    const ZPId last = group.isEndLoose ? lastKey(groupId) : group.keysEnd;
     const ZPId behindLast = last == kNoId ? group.first : lines_.next(last);
     const ZPId line = lines_.take(ZPLine::make(ZPLine::key, key));
     if (closing == kNoId)

@@ -31,7 +31,7 @@ public:
     }
     ~ZPLinks() { free(table_.memory); }
 
-    ZPId next(ZPId id) const {
+    __attribute__((always_inline)) ZPId next(ZPId id) const {
         ZPId found = nearestNext(id);
         while (__builtin_expect(deadCount_ != 0, 0) && found != kNoId && isDead(found))
             found = nearestNext(found);

@@ -216,7 +216,7 @@ ZPStore::Id ZPStore::prefetchStanza(uint64_t hash) const {
 }
 
 ZPStore::Id ZPStore::newStanza(ZPSlice name, uint64_t hash) {
-    ZPStanza fresh = {name, {}, hash, none, none, 0, none, true, false, {}, {}};
+    ZPStanza fresh = {name, {}, hash, none, none, 0, none, {}, true, false};
     memcpy(fresh.head, text(name),
            name.length < sizeof fresh.head ? name.length : sizeof fresh.head);
     const Id id = stanzas_.take(std::move(fresh));
@@ -266,9 +266,8 @@ void ZPStore::removeStanza(Id id) {
     if (!stanza.inMap)
         return;
     endCursors(id);
-    // The handed-out list goes first: it would be shortened key by key otherwise.
-    stanza.keyList.reset();
-    stanza.nameObject.reset();
+    // What was handed out goes first, the list: it would be shortened key by key otherwise.
+    stanza.objects.reset();
     while (stanza.first != none)
         removeKey(stanza.first);
     stanza.inMap = false;
@@ -394,7 +393,7 @@ void ZPStore::putIntoMap(Id id) {
     keys_.prepare(id);
     if (stanza.last != none)
         keys_.reserveChanges(1);
-    if (ZArrayList* list = stanza.keyList.get())
+    if (ZArrayList* list = stanza.keyList())
         addString(*list, text_.span(keys_.name(id)));
     keys_.setInMap(id, true);
     if (stanza.last != none)
@@ -439,7 +438,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, const Sought& sought) {
 void ZPStore::removeKey(Id id, uint64_t hash) {
     zassert(!isFree(id) && isInMap(id));
     ZPStanza& stanza = stanzas_[keys_.stanza(id)];
-    if (ZArrayList* list = stanza.keyList.get()) {
+    if (ZArrayList* list = stanza.keyList()) {
         const ZLCString name(text(keys_.name(id)), keys_.name(id).length);
         const unsigned int last = list->size() - 1;
         if (stanza.last == id && name.equals(*list->get(last)))
@@ -567,22 +566,30 @@ ZArrayList* ZPStore::valueList(Id id, Kind kind) const {
     return keys_.makeExtra(id).values[kind].list(text_, ownValue(id, kind));
 }
 
+ZPStanzaObjects& ZPStore::makeObjects(Id stanza) const {
+    const ZPLazy<ZPStanzaObjects>& objects = stanzas_[stanza].objects;
+    if (ZPStanzaObjects* made = objects.get())
+        return *made;
+    return *objects.publish(std::unique_ptr<ZPStanzaObjects>(new ZPStanzaObjects));
+}
+
 ZArrayList* ZPStore::keyList(Id id) const {
-    const ZPStanza& stanza = stanzas_[id];
-    if (ZArrayList* list = stanza.keyList.get())
+    const ZPStanzaObjects& objects = makeObjects(id);
+    if (ZArrayList* list = objects.keyList.get())
         return list;
+    const ZPStanza& stanza = stanzas_[id];
     std::unique_ptr<ZArrayList> fresh(new ZArrayList(stanza.count, 1));
     for (Id k = stanza.first; k != none; k = keys_.next(k))
         addString(*fresh, text_.span(keys_.name(k)));
-    return stanza.keyList.publish(std::move(fresh));
+    return objects.keyList.publish(std::move(fresh));
 }
 
 ZLCString* ZPStore::nameObject(Id id) const {
-    const ZPStanza& stanza = stanzas_[id];
-    if (ZLCString* name = stanza.nameObject.get())
+    const ZPStanzaObjects& objects = makeObjects(id);
+    if (ZLCString* name = objects.name.get())
         return name;
-    return stanza.nameObject.publish(
-        std::unique_ptr<ZLCString>(new ZLCString(text(stanza.name), stanza.name.length)));
+    const ZPSlice& name = stanzas_[id].name;
+    return objects.name.publish(std::unique_ptr<ZLCString>(new ZLCString(text(name), name.length)));
 }
 
 const char* ZPStore::nameText(Id id) {
@@ -802,7 +809,7 @@ void ZPStore::renameKey(Id id, ZSpan name) {
     text_.reserve(name.size);
     if (name.size >= ZPKeys::kLong)
         keys_.makeExtra(id);
-    if (ZArrayList* list = stanzas_[stanza].keyList.get())
+    if (ZArrayList* list = stanzas_[stanza].keyList())
         renameIn(*list, text_.span(keys_.name(id)), name);
     if (remembered != none)
         forgetLines(remembered);
@@ -827,7 +834,7 @@ void ZPStore::renameStanza(Id id, ZSpan name) {
         removeGroup(other);
     }
     text_.reserve(name.size);
-    if (ZLCString* handedOut = stanzas_[id].nameObject.get())
+    if (ZLCString* handedOut = stanzas_[id].nameObject())
         handedOut->setChars(ZLCString(name.data, static_cast<unsigned int>(name.size)));
     endCursors(id);
     // Keys are found by both names: all leave the index before any comes back.
@@ -899,7 +906,7 @@ void ZPStore::checkInvariants() const {
             ++count;
         }
         ZPHOLDS(stanza.last == previous && stanza.count == count);
-        ZPHOLDS(stanza.keyList.get() == nullptr || stanza.keyList.get()->size() == count);
+        ZPHOLDS(stanza.keyList() == nullptr || stanza.keyList()->size() == count);
         chained += count;
         for (Id g = stanza.group; g != none; g = group(g).nextOfStanza)
             ZPHOLDS(group(g).stanza == id);

@@ -56,6 +56,13 @@
 #include "zptext.h"
 #include "zpvalues.h"
 
+/// What of a stanza was handed out as objects.
+struct ZPStanzaObjects : ZAllocated {
+    ZPLazy<ZArrayList> keyList;
+    ZPLazy<ZLCString> name;
+};
+
+/// 64 bytes, a line of the processor's cache.
 struct ZPStanza {
     ZPSlice name;
     char head[16];  // the name's first bytes, so that a short one is compared without its text
@@ -63,11 +70,20 @@ struct ZPStanza {
     ZPId first, last;  // its keys
     uint32_t count;    // of them
     ZPId group;        // the first of its groups
+    ZPLazy<ZPStanzaObjects> objects;
     bool inUse;
     bool inMap;
-    ZPLazy<ZArrayList> keyList;
-    ZPLazy<ZLCString> nameObject;
+
+    ZArrayList* keyList() const {
+        const ZPStanzaObjects* made = objects.get();
+        return made == nullptr ? nullptr : made->keyList.get();
+    }
+    ZLCString* nameObject() const {
+        const ZPStanzaObjects* made = objects.get();
+        return made == nullptr ? nullptr : made->name.get();
+    }
 };
+static_assert(sizeof(ZPStanza) <= 64, "stanzas are to be small");
 
 /// A line that was read.
 struct ZPReadLine {
@@ -304,7 +320,7 @@ public:
     ZArrayList* valueList(Id key, Kind kind) const;
     /// The list object of the stanza's keys; made at first use.
     ZArrayList* keyList(Id stanza) const;
-    bool hasKeyList(Id stanza) const { return stanzas_[stanza].keyList.get() != nullptr; }
+    bool hasKeyList(Id stanza) const { return stanzas_[stanza].keyList() != nullptr; }
     /// The stanza's name as an object, for lists that don't own; made at first use.
     ZLCString* nameObject(Id stanza) const;
     /// The key's name with a NUL behind it, good until the key leaves the map; made at first use.
@@ -505,6 +521,7 @@ private:
     Id findStanza(ZSpan name, uint64_t hash) const;
     bool isNamedAt(Id id, uint32_t offset, ZSpan name) const;
     Id prefetchStanza(uint64_t hash) const;
+    ZPStanzaObjects& makeObjects(Id stanza) const;
     // These need room made before.
     Id newStanza(ZPSlice name, uint64_t hash);
     Id newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead = false);

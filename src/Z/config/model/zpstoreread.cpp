@@ -136,7 +136,7 @@ bool ZPStore::isReadyToRead(Id group, size_t lines) const {
     if (id == none || !lines_.isReadyAt(group, lines))
         return false;
     const ZPStanza& stanza = stanzas_[id];
-    return stanza.keyList.get() == nullptr && keys_.isReadyBehind(stanza.last, lines);
+    return stanza.keyList() == nullptr && keys_.isReadyBehind(stanza.last, lines);
 }
 
 void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
