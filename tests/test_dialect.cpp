@@ -4,6 +4,7 @@
 #include "Z/ZException.h"
 #include "Z/zgrammar.h"
 #include "support/DialectStore.h"
+#include "support/FailingAllocator.h"
 
 using std::string;
 using namespace std::string_literals;
@@ -225,6 +226,21 @@ TEST(Dialect, ManyEntriesOutOfOrder) {
         store.checkInvariants();
         EXPECT_EQ(store.stanza(store.findStanza({"A", 1})).count, 4501u);
         EXPECT_EQ(store.stanza(store.findStanza({"B", 1})).count, 24500u);
+    }
+}
+
+// To compare two spellings of a name takes memory.
+TEST(Dialect, ReadingThatEndsWithoutMemory) {
+    bool hasRaised = true;
+    for (unsigned long nth = 1; hasRaised; ++nth) {
+        SCOPED_TRACE(nth);
+        ZPStore store;
+        hasRaised = endsWithoutMemory(
+            [&] { fillStore(kPython, "[s]\nx = 0\nPort = 1\nport = 2\ny = 3\n", store); }, nth);
+        store.checkInvariants();
+        if (!hasRaised) {
+            EXPECT_EQ(store.stanza(store.findStanza({"s", 1})).count, 3u);
+        }
     }
 }
 

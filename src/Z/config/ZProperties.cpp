@@ -220,7 +220,7 @@ void ZProperties::checkAccess(const char* category, const char* key, int obfusca
     // Changes ask with the lock in their hands: to take it once more would be a good part of them.
     if (!lock_.isHeld()) {
         ZResourceLock guard(lock_);
-        checkAccess(category, key, obfuscated);
+        ZProperties::checkAccess(category, key, obfuscated);  // not that of another class
         return;
     }
     // A key without values may take either kind; a hidden one has values.

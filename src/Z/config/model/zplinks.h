@@ -62,7 +62,7 @@ public:
         if (records > bits_.size() * kBits)
             growBits(records);
         if (more != 0)
-            later_.reserveMore(more, later_.size() != 0 ? 0 : kSpare);
+            later_.reserveMore(more, later_.size() != 0 ? 0 : base_ / 16 + kSpare);
     }
     /// Many are about to be read.
     void expectMany() { areMany_ = true; }

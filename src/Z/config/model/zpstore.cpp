@@ -201,8 +201,8 @@ ZPStore::Id ZPStore::findStanza(ZSpan name, uint64_t hash) const {
                              [&](Id id, uint32_t) { return isNamed(stanzas_[id], name); });
 }
 
-// What most likely is the stanza with this hash, or none, while it is fetched with its group. Where each stanza has one group their numbers
-// tell of each other, so that one need not wait for the other.
+// What most likely is the stanza with this hash, or none; it is fetched meanwhile, and its group:
+// where each stanza has one, their numbers tell of each other, so that neither waits for the other.
 ZPStore::Id ZPStore::prefetchStanza(uint64_t hash) const {
     const Id id = stanzaIndex_.find(znarrowHash(hash), [](Id, uint32_t) { return true; });
     if (id == none)

@@ -577,6 +577,7 @@ private:
     void forgetValuesAbove(Id key, bool isEmpty);
     bool isReadyToRead(Id group, size_t lines) const;
     const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end);
+    void chainPushed(Id group, Id first) noexcept;
     void readLine(Id group, const ZPReadLine& line);
     void readOther(Id group, const ZPReadLine& line);
     Id readEntry(Id group, const ZPReadLine& line, Id id);

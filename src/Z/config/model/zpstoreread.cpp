@@ -165,6 +165,12 @@ inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
                                               const ZPReadLine* end) {
     const Id stanzaId = lines_.group(group).stanza, first = keys_.end();
     const Id lineOfFirst = lines_.nextId() - first;  // and so on, which may wrap
+    // Also if there is no memory to compare names that have several spellings.
+    struct Chaining {
+        ~Chaining() { store.chainPushed(group, first); }
+        ZPStore& store;
+        const Id group, first;
+    } chaining = {*this, group, first};
     Id id = first;
     for (; line != end && line->kind >= ZPReadLine::entry; ++line, ++id) {
         ZPNameIndex::Place place;
@@ -176,16 +182,21 @@ inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
         keys_.push(line->name, line->value, stanzaId, lineOfFirst + id);
         keyIndex_.insertAt(place, id, line->name.offset);
     }
-    if (id == first)
-        return line;
-    ZPStanza& stanza = stanzas_[stanzaId];
-    keys_.chainPushed(stanza.last, id - first);
-    lines_.readKeys(group, first, id - first);
+    return line;
+}
+
+// Chains the keys from this one on, which have just been pushed, and gives them their lines.
+inline void ZPStore::chainPushed(Id group, Id first) noexcept {
+    const Id count = keys_.end() - first;
+    if (count == 0)
+        return;
+    ZPStanza& stanza = stanzas_[lines_.group(group).stanza];
+    keys_.chainPushed(stanza.last, count);
+    lines_.readKeys(group, first, count);
     if (stanza.last == none)
         stanza.first = first;
-    stanza.last = id - 1;
-    stanza.count += id - first;
-    return line;
+    stanza.last = keys_.end() - 1;
+    stanza.count += count;
 }
 
 void ZPStore::readLine(Id group, const ZPReadLine& line) {
