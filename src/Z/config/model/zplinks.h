@@ -17,8 +17,8 @@
 /// (1) Records below `base_` have bits, all others are in `later_`. None below is joined to it. As
 ///     long as `isThrifty_` there are no others.
 /// (2) The table has entries of gaps between records below, and at their ends, that are not joined,
-///     and none that says nothing. Gap g is ahead of record g: its entry says what follows the record
-///     g - 1 and what precedes g, so that what is put between two takes one entry.
+///     and none that says nothing. Gap g is ahead of record g: its entry says what follows record
+///     g - 1 and what precedes record g, so that what is put between two takes one entry.
 /// (3) At most half of the table's slots are taken, so that a probe ends soon.
 class ZPLinks {
 public:
