@@ -4,10 +4,10 @@
 // - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and
 //   for each key a slot with its hash and place; no records, no lines, no order;
 // - a look-up from C: the look-up from C++, and a block of malloc for the answer;
-// - a look-up, an added and a deleted key and the memory at a million keys: a table of the texts'
-//   hashes and places, and the text; no records, no lines, no locks. In stanzas of 20 a second
-//   table of the stanzas, with the place of the last key of each. Of a deleted key the slot is
-//   marked alone;
+// - a look-up, also as a number, an added and a deleted key and the memory at a million keys: a
+//   table of the texts' hashes and places, and the text; no records, no lines, no locks. In stanzas
+//   of 20 a second table of the stanzas, with the place of the last key of each. Of a deleted key
+//   the slot is marked alone;
 // - a text key: its hash, which callers can ask for and which is laid down byte by byte;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
@@ -138,6 +138,15 @@ struct Table {
             text + find(name.data(), name.size(), hash).place + name.size() + 2;
         out.assign(value, static_cast<const char*>(memchr(value, '\n', 16)) - value);
         return out.size();
+    }
+    size_t getNumber(const std::string& name) const {
+        uint32_t hash;
+        size_t number = 0;
+        for (const char* digit =
+                 text + find(name.data(), name.size(), hash).place + name.size() + 2;
+             *digit != '\n'; ++digit)
+            number = number * 10 + static_cast<size_t>(*digit - '0');
+        return number;
     }
     void add(const std::string& name) {
         uint32_t hash;
@@ -277,8 +286,8 @@ void million(const char* path, size_t perStanza) {
     }
     for (size_t i = 0; i < 20000; ++i)
         fresh.push_back({stanzaOf(i * 387421 % keys), "added" + std::to_string(i)});
-    static const char* const kWork[] = {"look-up", "add", "delete"};
-    std::vector<double> floors[3], ours[3], peers[3];
+    static const char* const kWork[] = {"look-up", "integer", "add", "delete"};
+    std::vector<double> floors[4], ours[4], peers[4];
     std::string out;
     double bytes = 0;
     for (int round = 0; round < 5; ++round) {
@@ -288,7 +297,8 @@ void million(const char* path, size_t perStanza) {
         std::vector<uint32_t> ends(stanzas.room);
         bytes = static_cast<double>(table.size + (table.room + stanzas.room) * sizeof(Slot)) / keys;
         floors[0].push_back(perName(probes, [&](const Name& n) { sink = table.get(n.key, out); }));
-        floors[1].push_back(perName(fresh, [&](const Name& n) {
+        floors[1].push_back(perName(probes, [&](const Name& n) { sink = table.getNumber(n.key); }));
+        floors[2].push_back(perName(fresh, [&](const Name& n) {
             stanzas.text = table.text;
             uint32_t hash;
             const Slot& stanza = stanzas.find(n.stanza.data(), n.stanza.size(), hash);
@@ -296,17 +306,18 @@ void million(const char* path, size_t perStanza) {
             table.add(n.key);
         }));
         stanzas.text = nullptr;
-        floors[2].push_back(perName(fresh, [&](const Name& n) { table.remove(n.key); }));
+        floors[3].push_back(perName(fresh, [&](const Name& n) { table.remove(n.key); }));
     }
     for (Name& name : probes)
         name.key.pop_back();
     const auto measure = [&](auto& file, std::vector<double>* times) {
         file.load(path);
         times[0].push_back(perName(probes, [&](const Name& n) { sink = file.get(n); }));
-        times[1].push_back(perName(fresh, [&](const Name& n) { file.set(n, "42"); }));
+        times[1].push_back(perName(probes, [&](const Name& n) { sink = file.getNumber(n); }));
+        times[2].push_back(perName(fresh, [&](const Name& n) { file.set(n, "42"); }));
         // The peer walks a long stanza for each key.
         if (perStanza < keys)
-            times[2].push_back(perName(fresh, [&](const Name& n) { file.remove(n); }));
+            times[3].push_back(perName(fresh, [&](const Name& n) { file.remove(n); }));
     };
     for (int round = 0; round < 5; ++round) {
         OurFile own;
@@ -319,7 +330,7 @@ void million(const char* path, size_t perStanza) {
         return times[times.size() / 2];
     };
     const std::string shape = perStanza < keys ? ", 10^6, stanzas of 20" : ", 10^6 in one stanza";
-    for (int work = 0; work < 3; ++work)
+    for (int work = 0; work < 4; ++work)
         if (!ours[work].empty())
             printRow((kWork[work] + shape).c_str(), medianOf(floors[work]), medianOf(ours[work]),
                      medianOf(peers[work]), "ns");

@@ -49,7 +49,7 @@ private:
         line.value = value;
     }
 
-    static const uint32_t kMost = 16;
+    static const uint32_t kMost = 32;
 
     ZPStore& store_;
     ZPId group_;

@@ -131,8 +131,7 @@ ZPId ZPLines::lastKey(ZPId groupId) {
 void ZPLines::noteForSamples(ZPGroup& group, ZPId id, const ZPText& text) {
     if (group.samples == nullptr) {
         // Nothing is known of paragraphs yet.
-        group.knowsSamples =
-            !lines_[id].isComment() || !ZPSamples::isSample(text.span(lines_.comment(id)));
+        group.knowsSamples = !ZPSamples::isSample(text.span(lines_.comment(id)));
         return;
     }
     try {

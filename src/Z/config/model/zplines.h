@@ -190,7 +190,7 @@ private:
 
     void noteOther(ZPGroup& group, ZPId line, const ZPText& text) {
         ++(lines_[line].isComment() ? group.comments : group.blanks);
-        if (group.knowsSamples)
+        if (group.knowsSamples && (group.samples != nullptr || lines_[line].isComment()))
             noteForSamples(group, line, text);
     }
     void noteForSamples(ZPGroup& group, ZPId line, const ZPText& text);

@@ -578,7 +578,7 @@ private:
     bool isReadyToRead(Id group, size_t lines) const;
     const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end);
     void chainPushed(Id group, Id first) noexcept;
-    void readLine(Id group, const ZPReadLine& line);
+    void readKnown(Id group, const ZPReadLine& line);
     void readOther(Id group, const ZPReadLine& line);
     Id readEntry(Id group, const ZPReadLine& line, Id id);
     /// The key has got one more line.

@@ -151,11 +151,15 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
             line = readNewKeys(group, line, end);
         if (line == end)
             break;
-        // Other lines leave it ready, for there is room for all.
-        const bool isEntry = line->kind >= ZPReadLine::entry;
-        readLine(group, *line++);
-        if (isEntry)
+        if (line->kind < ZPReadLine::entry) {
+            // It stays ready, for there is room for all.
+            if (!isReady)
+                lines_.reserveAt(group);
+            readOther(group, *line++);
+        } else {
+            readKnown(group, *line++);
             isReady = isReadyToRead(group, static_cast<size_t>(end - line));
+        }
     }
 }
 
@@ -199,9 +203,8 @@ inline void ZPStore::chainPushed(Id group, Id first) noexcept {
     stanza.count += count;
 }
 
-void ZPStore::readLine(Id group, const ZPReadLine& line) {
-    if (line.kind < ZPReadLine::entry)
-        return readOther(group, line);
+// An entry that isn't of a new key, or can't be read as such.
+void ZPStore::readKnown(Id group, const ZPReadLine& line) {
     const Id stanza = lines_.group(group).stanza;
     const Id found = keyIndex_.find(line.hash, [&](Id other, uint32_t) {
         return isKeyOf(other, stanza, text_.span(line.name));
@@ -211,8 +214,8 @@ void ZPStore::readLine(Id group, const ZPReadLine& line) {
         markBare(key);
 }
 
+// A comment or a blank line. Needs room for a line.
 void ZPStore::readOther(Id group, const ZPReadLine& line) {
-    lines_.reserveAt(group);
     if (line.kind == ZPReadLine::blank)
         return lines_.appendBlank(group, text_);
     lines_.reserveComments(1);
