@@ -39,11 +39,12 @@ __attribute__((always_inline)) inline uint64_t zhashOfMapped(ZSpan name, Map map
     const char* at = name.data;
     size_t left = name.size;
     uint64_t hash = kHashA ^ left;
-    for (; left > 16; at += 16, left -= 16)
+    // Most names have 8 to 16 bytes.
+    for (; __builtin_expect(left > 16, 0); at += 16, left -= 16)
         hash = zfoldedProduct(hash ^ load(at, uint64_t()), kHashB ^ load(at + 8, uint64_t()));
     // Two overlapping loads reach what is left, whatever its length.
     uint64_t first = 0, second = 0;
-    if (left >= 8) {
+    if (__builtin_expect(left >= 8, 1)) {
         first = load(at, uint64_t());
         second = load(at + left - 8, uint64_t());
     } else if (left >= 4) {

@@ -53,7 +53,7 @@ public:
         *this = std::move(grown);
     }
 
-    /// Where an entry would go, as long as nothing else has come or gone.
+    /// Where an entry would go or stands, as long as nothing else has come or gone.
     struct Place {
         size_t slot = 0;
         uint32_t kept = 0;  // what a slot keeps of the hash there
@@ -66,7 +66,7 @@ public:
         return state_.count == 0 ? kNoId : findOrPlace(hash, place, matches);
     }
 
-    /// Likewise where there is room for one more; `place` is where the id would go if it is none.
+    /// Likewise where there is room for one more; `place` is where the id stands, or would go.
     template <typename Matches>
     ZPId findOrPlace(uint32_t hash, Place& place, Matches matches) const {
         const uint32_t idBits = state_.idBits, far = state_.far;
@@ -77,8 +77,10 @@ public:
                 place = {i, kept};
                 return kNoId;
             }
-            if (candidate.meta >> idBits == kept && matches(idOf(candidate), candidate.offset))
+            if (candidate.meta >> idBits == kept && matches(idOf(candidate), candidate.offset)) {
+                place = {i, kept};
                 return idOf(candidate);
+            }
             kept += (kept & far) != far;
         }
     }
@@ -98,26 +100,33 @@ public:
     /// hashOf(id) tells the hash of any entry. Requires: the entry is there.
     template <typename HashOf>
     void remove(uint32_t hash, ZPId id, HashOf hashOf) {
-        size_t hole = placeOf(hash);
-        const uint32_t idMask = (uint32_t(1) << state_.idBits) - 1;
-        while ((state_.slots[hole].meta & idMask) != id + 1) {
-            zassert(!state_.slots[hole].isFree());
-            hole = follower(hole);
+        size_t slot = placeOf(hash);
+        while (idOf(state_.slots[slot]) != id) {
+            zassert(!state_.slots[slot].isFree());
+            slot = follower(slot);
         }
+        removeAt(slot, hashOf);
+    }
+    /// Likewise the entry that stands there.
+    template <typename HashOf>
+    void removeAt(size_t hole, HashOf hashOf) {
+        zassert(!state_.slots[hole].isFree());
+        Slot* const slots = state_.slots;
+        const uint32_t idBits = state_.idBits, far = state_.far;
         // Whatever follows in the run and may stand in the hole moves there, so that no probe meets
         // a gap between an entry's place and the entry.
-        for (size_t i = follower(hole); !state_.slots[i].isFree(); i = follower(i)) {
-            const Slot slot = state_.slots[i];
-            const uint32_t kept = slot.meta >> state_.idBits;
-            size_t steps = kept & state_.far;
-            if (steps == state_.far)
+        size_t back = 0;  // from the slot to the hole
+        for (size_t i = follower(hole); !slots[i].isFree(); i = follower(i)) {
+            const Slot slot = slots[i];
+            const uint32_t kept = slot.meta >> idBits;
+            size_t steps = kept & far;
+            if (__builtin_expect(steps == far, 0))
                 steps = distance(placeOf(hashOf(idOf(slot))), i);
-            const size_t back = distance(hole, i);
-            if (steps < back)
+            if (steps < ++back)
                 continue;
-            state_.slots[hole] = {slot.offset,
-                                  metaOf(kept & ~state_.far, steps - back, idOf(slot))};
+            slots[hole] = {slot.offset, metaOf(kept & ~far, steps - back, idOf(slot))};
             hole = i;
+            back = 0;
         }
         state_.slots[hole].meta = 0;
         --state_.count;

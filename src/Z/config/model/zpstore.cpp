@@ -373,9 +373,12 @@ void ZPStore::makeRoomInKeyIndex(size_t more) {
         });
 }
 
-void ZPStore::takeOutOfIndex(Id id, uint64_t hash) {
-    keyIndex_.remove(hash == kNoHash ? hashOf(id) : static_cast<uint32_t>(hash), id,
-                     [&](Id other) { return hashOf(other); });
+void ZPStore::takeOutOfIndex(Id id, size_t slot) {
+    const auto hashOfOther = [&](Id other) { return hashOf(other); };
+    if (slot == kUnknown)
+        keyIndex_.remove(hashOf(id), id, hashOfOther);
+    else
+        keyIndex_.removeAt(slot, hashOfOther);
 }
 
 ZPStore::Id ZPStore::newKey(Id stanza, ZPSlice name, uint32_t hash, bool isRead) {
@@ -435,7 +438,7 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, const Sought& sought) {
     return id;
 }
 
-void ZPStore::removeKey(Id id, uint64_t hash) {
+void ZPStore::removeKey(Id id, size_t slot) {
     zassert(!isFree(id) && isInMap(id));
     ZPStanza& stanza = stanzas_[keys_.stanza(id)];
     if (ZArrayList* list = stanza.keyList()) {
@@ -469,23 +472,23 @@ void ZPStore::removeKey(Id id, uint64_t hash) {
     keys_.setInMap(id, false);
     zassert(stanza.count != 0);
     --stanza.count;
-    freeKeyIfUnneeded(id, hash);
+    freeKeyIfUnneeded(id, slot);
 }
 
 void ZPStore::removeWithLines(const Sought& sought) {
     // The lines go first: a key that has neither map entry nor line is forgotten.
     const bool inMap = isInMap(sought.key);
-    removeKeyLines(sought.key, sought.hash);
+    removeKeyLines(sought.key, sought.place.slot);
     if (inMap)
-        removeKey(sought.key, sought.hash);
+        removeKey(sought.key, sought.place.slot);
 }
 
-void ZPStore::freeKeyIfUnneeded(Id id, uint64_t hash) {
+void ZPStore::freeKeyIfUnneeded(Id id, size_t slot) {
     zassert(!isFree(id));
     if (isInMap(id) || hasLine(id))
         return;
     zassert(keys_.value(id).length == 0);
-    takeOutOfIndex(id, hash);
+    takeOutOfIndex(id, slot);
     text_.drop(keys_.name(id));
     keys_.giveBack(id);
 }
@@ -732,11 +735,11 @@ void ZPStore::placeKeyLine(Id key) {
     noteLine(key, lines_.placeKey(group, key, text_.span(keys_.name(key)), text_));
 }
 
-void ZPStore::removeKeyLines(Id key, uint64_t hash) {
+void ZPStore::removeKeyLines(Id key, size_t slot) {
     const Id line = keys_.line(key);
     const Id group = stanzas_[keys_.stanza(key)].group;
     if (line == none || group == none) {
-        freeKeyIfUnneeded(key, hash);
+        freeKeyIfUnneeded(key, slot);
         return;
     }
     if (line != kSeveralIds && lines_.group(group).nextOfStanza == none) {
@@ -747,7 +750,7 @@ void ZPStore::removeKeyLines(Id key, uint64_t hash) {
         lines_.removeKeys(group, key);
         countLines(key);
     }
-    freeKeyIfUnneeded(key, hash);
+    freeKeyIfUnneeded(key, slot);
     compactIfWorthwhile();
 }
 

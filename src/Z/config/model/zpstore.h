@@ -239,7 +239,7 @@ public:
     struct Sought {
         Id key;
         uint32_t hash;
-        ZPNameIndex::Place place;  // for the key, if there is none
+        ZPNameIndex::Place place;  // of the key in the index
         uint64_t stanzaHash;
         Id stanza;  // which most likely has this hash, or none
     };
@@ -264,7 +264,7 @@ public:
     /// Likewise a key that isn't in the map, as seekToChange() told of it.
     Id createKey(Id stanza, ZSpan key, const Sought& sought);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
-    void removeKey(Id key) { removeKey(key, kNoHash); }
+    void removeKey(Id key) { removeKey(key, kUnknown); }
     /// Takes a key's lines away as removeKeyLines() does, and the key out of the map. Requires:
     /// there is a record.
     void removeWithLines(const Sought& sought);
@@ -356,7 +356,7 @@ public:
     void placeKeyLine(Id key);
     /// Removes the key's lines from the first group of its stanza, and the record with them if
     /// nothing else needs it.
-    void removeKeyLines(Id key) { removeKeyLines(key, kNoHash); }
+    void removeKeyLines(Id key) { removeKeyLines(key, kUnknown); }
     void addFileComment(ZSpan text) { lines_.addFileComment(text, text_); }
     /// The stanza must have a group.
     void addStanzaComment(Id stanza, ZSpan text);
@@ -531,13 +531,13 @@ private:
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
     void makeRoomInStanzaIndex(size_t stanzas);
-    // Where a key may go from the index its hash spares the work of making it anew.
-    static constexpr uint64_t kNoHash = UINT64_MAX;
-    void removeKey(Id key, uint64_t hash);
-    void removeKeyLines(Id key, uint64_t hash);
-    void takeOutOfIndex(Id key, uint64_t hash = kNoHash);
+    // Where a key may go from the index its slot there spares a look, if it is known.
+    static constexpr size_t kUnknown = SIZE_MAX;
+    void removeKey(Id key, size_t slot);
+    void removeKeyLines(Id key, size_t slot);
+    void takeOutOfIndex(Id key, size_t slot = kUnknown);
     void takeStanzaOutOfIndex(Id stanza);
-    void freeKeyIfUnneeded(Id key, uint64_t hash = kNoHash);
+    void freeKeyIfUnneeded(Id key, size_t slot = kUnknown);
     void freeStanzaIfUnneeded(Id stanza);
     ZPSlice ownValue(Id key, Kind kind) const {
         return kind == plain ? keys_.value(key) : ZPSlice{0, 0};
