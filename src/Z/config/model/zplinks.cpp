@@ -114,14 +114,17 @@ void ZPLinks::setInTable(ZPId gap, ZPId Slot::*side, ZPId other) {
 
 // Whatever follows in the run and may stand in the hole moves there.
 void ZPLinks::remove(size_t hole) {
+    Slot* const slots = table_.slots;
     const size_t mask = table_.capacity - 1;
-    table_.slots[hole].gapPlusOne = 0;
-    --table_.count;
-    for (size_t i = (hole + 1) & mask; table_.slots[i].gapPlusOne != 0; i = (i + 1) & mask) {
-        const Slot moved = table_.slots[i];
-        table_.slots[i].gapPlusOne = 0;
-        table_.slots[slotOf(moved.gapPlusOne - 1)] = moved;
+    for (size_t i = (hole + 1) & mask; slots[i].gapPlusOne != 0; i = (i + 1) & mask) {
+        const size_t steps = (i - placeOf(slots[i].gapPlusOne - 1)) & mask;
+        if (steps < ((i - hole) & mask))
+            continue;
+        slots[hole] = slots[i];
+        hole = i;
     }
+    slots[hole].gapPlusOne = 0;
+    --table_.count;
 }
 
 void ZPLinks::checkInvariants() const {

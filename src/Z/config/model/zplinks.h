@@ -126,10 +126,8 @@ public:
     /// end. Whoever changes one side of a record sees to its other side.
     void connect(ZPId before, ZPId behind) {
         if (before != kNoId && before + 1 == behind && behind < base_) {
-            if (table_.count != 0) {
-                setNext(before, kNoId);
-                setPrev(behind, kNoId);
-            }
+            if (table_.count != 0)
+                dropGap(behind);
             bits_[before / kBits] |= bit(before);
             return;
         }
@@ -273,6 +271,11 @@ private:
             setInTable(gap, side, other);
     }
     void setInTable(ZPId gap, ZPId Slot::*side, ZPId other);
+    void dropGap(ZPId gap) {
+        const size_t at = slotOf(gap);
+        if (table_.slots[at].gapPlusOne != 0)
+            remove(at);
+    }
     void remove(size_t slot);
 
     ZPBlock<uint64_t> bits_;  // of a record: whether the next number follows; whether it is dead
