@@ -11,6 +11,7 @@
 
 #include "ZException.h"
 #include "zassert.h"
+#include "zinternal.h"
 #include "zmemory.h"
 #include "zpholds.h"
 #include "zraise.h"
@@ -268,18 +269,6 @@ inline ZSpan zspanOf(const ZBytes& bytes) { return {bytes.data(), bytes.size()};
 /// Of a text with a NUL behind it; null counts as the empty text.
 inline ZSpan zspanOf(const char* text) {
     return text == nullptr ? ZSpan{"", 0} : ZSpan{text, strlen(text)};
-}
-
-/// As memcmp() == 0, in place for the lengths that most names have.
-inline bool zsameBytes(const char* a, const char* b, size_t size) {
-    if (__builtin_expect(size < 8 || size > 16, 0))
-        return memcmp(a, b, size) == 0;
-    uint64_t firstA, firstB, lastA, lastB;
-    memcpy(&firstA, a, 8);
-    memcpy(&firstB, b, 8);
-    memcpy(&lastA, a + size - 8, 8);  // may overlap
-    memcpy(&lastB, b + size - 8, 8);
-    return ((firstA ^ firstB) | (lastA ^ lastB)) == 0;
 }
 
 inline bool zequals(ZSpan a, ZSpan b) {

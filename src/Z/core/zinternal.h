@@ -3,7 +3,9 @@
 #define Z_ZINTERNAL_H
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "Z.h"
 #include "zuncancelled.h"
@@ -59,5 +61,21 @@ public:
 private:
     FILE* stream_;
 };
+
+/// As memcmp() == 0, in place for the lengths that most names have.
+inline bool zsameBytes(const char* a, const char* b, size_t size) {
+    if (__builtin_expect(size < 8 || size > 32, 0))
+        return memcmp(a, b, size) == 0;
+    const auto differAt = [a, b](size_t at) {
+        uint64_t left, right;
+        memcpy(&left, a + at, sizeof left);
+        memcpy(&right, b + at, sizeof right);
+        return left ^ right;
+    };
+    uint64_t differ = differAt(0) | differAt(size - 8);  // which may overlap
+    if (size > 16)
+        differ |= differAt(8) | differAt(size - 16);
+    return differ == 0;
+}
 
 #endif
