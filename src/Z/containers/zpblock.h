@@ -78,9 +78,9 @@ public:
         }
         // Some at a time, more of a large block, but no more than are likely to come.
         const size_t needed = size() + more;
-        const size_t ahead = size() + size() / 64 + kFetched / sizeof(T);
-        const size_t likely =
-            needed <= state_.expected && state_.expected < ahead ? state_.expected : ahead;
+        size_t likely = size() + size() / 64 + kFetched / sizeof(T);
+        if (needed <= state_.expected && state_.expected < likely)
+            likely = state_.expected;
         fetch(needed > likely ? needed : likely);
     }
     /// For so many more records, which are likely to come, and `spare` after them the block needn't
@@ -199,6 +199,12 @@ public:
     const T& operator[](ZPId id) const { return records_[id]; }
     /// All ids are below.
     ZPId end() const { return static_cast<ZPId>(records_.size()); }
+    /// A record may lie in two lines of the cache.
+    void prefetch(ZPId id) const {
+        const char* const place = reinterpret_cast<const char*>(&records_[id]);
+        __builtin_prefetch(place);
+        __builtin_prefetch(place + sizeof(T) - 1);
+    }
 
     void reserveMore(size_t more) {
         if (freeCount_ < more)

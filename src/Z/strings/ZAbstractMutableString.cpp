@@ -109,7 +109,7 @@ ZAbstractMutableString& ZAbstractMutableString::setUnsigned(unsigned long n, int
 int ZAbstractMutableString::equals(const ZObject& other) const {
     const ZAbstractString& string = static_cast<const ZAbstractString&>(other);
     if (&typeid(*this) != &typeid(string))
-        return length_ == string.getLength() && memcmp(chars_, string.getChars(), length_) == 0;
+        return ZAbstractString::equals(other);
     // Of the same class: no calls have to tell where its text is.
     const ZAbstractMutableString& same = static_cast<const ZAbstractMutableString&>(string);
     return length_ == same.length_ && zsameBytes(chars_, same.chars_, length_);

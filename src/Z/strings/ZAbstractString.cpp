@@ -35,22 +35,16 @@ static unsigned int positionOf(const char* hit, const char* text) {
 
 unsigned int ZAbstractString::hash() const {
     uint32_t h = 5381;
-    const auto add = [&h](char c) { h = (h * 33) ^ static_cast<unsigned char>(c); };
+    const auto takes = [&h](char c) {
+        if (c == '\0')
+            return false;
+        h = (h * 33) ^ static_cast<unsigned char>(c);
+        return true;
+    };
     // Four at a time, for a hash is most of a look-up in a map.
-    for (const char* s = getChars();; s += 4) {
-        if (s[0] == '\0')
-            break;
-        add(s[0]);
-        if (s[1] == '\0')
-            break;
-        add(s[1]);
-        if (s[2] == '\0')
-            break;
-        add(s[2]);
-        if (s[3] == '\0')
-            break;
-        add(s[3]);
-    }
+    const char* s = getChars();
+    while (takes(s[0]) && takes(s[1]) && takes(s[2]) && takes(s[3]))
+        s += 4;
     return h;
 }
 

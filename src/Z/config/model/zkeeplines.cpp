@@ -38,10 +38,6 @@ struct Line {
     bool putOff;
 };
 
-bool equal(ZSpan a, ZSpan b) {
-    return a.size == b.size && (a.size == 0 || memcmp(a.data, b.data, a.size) == 0);
-}
-
 // The lines of a text, one after the other.
 class LineReader {
 public:
@@ -183,13 +179,14 @@ private:
     // The first old line of this entry's key.
     Id findKey(const Line& line, Id stanza) const {
         return keys_.find(hashOfName(line, stanza), [&](uint32_t id) {
-            return lines_[id].stanza == stanza && equal(lines_[id].name, line.name);
+            return lines_[id].stanza == stanza && zequals(lines_[id].name, line.name);
         });
     }
 
     bool says(Id id, const Line& line) const {
         const Line& old = lines_[id];
-        return old.kind == line.kind && equal(old.name, line.name) && equal(old.value, line.value);
+        return old.kind == line.kind && zequals(old.name, line.name) &&
+               zequals(old.value, line.value);
     }
 
     // Puts another first line, or none, in front of a chain.
@@ -308,7 +305,7 @@ private:
     Id putEntries(const ZPBlock<Line>& lines, Id at) {
         Id end = at + 1;
         while (end < lines.size() && lines[end].kind == zlineEntry &&
-               equal(lines[end].name, lines[at].name))
+               zequals(lines[end].name, lines[at].name))
             ++end;
         const Id first = fixedAt(lines[at]);
         if (first != kNone && isUnchanged(lines, at, end, first)) {
@@ -343,7 +340,7 @@ private:
             if (lines[at].value.size == 0)
                 continue;
             old = nextValue(old);
-            if (old == kNone || !equal(lines_[old].value, lines[at].value))
+            if (old == kNone || !zequals(lines_[old].value, lines[at].value))
                 return false;
             old = lines_[old].nextOfKey;
         }
@@ -426,8 +423,8 @@ bool zfindValue(ZSpan text, const char* stanza, const char* key, ZSpan& value) {
     bool isInside = false;
     while (reader.next(line, 0)) {
         if (line.kind == zlineHeader)
-            isInside = equal(line.name, wantedStanza);
-        else if (isInside && line.kind == zlineEntry && equal(line.name, wantedKey)) {
+            isInside = zequals(line.name, wantedStanza);
+        else if (isInside && line.kind == zlineEntry && zequals(line.name, wantedKey)) {
             value = line.value;
             return true;
         }

@@ -99,7 +99,6 @@ ZPId ZPLines::replaceComment(ZPId groupId, ZPId comment, ZPId key, ZPText& text)
     removeComments(groupId, comment, lines_.next(comment), text);
     // Without an index of samples nothing has to be known of the blank lines on the way.
     groups_[groupId].keysEnd = groups_[groupId].last;
-    groups_[groupId].isEndLoose = true;
     lastKey(groupId);
     return line;
 }

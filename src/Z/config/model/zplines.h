@@ -65,12 +65,10 @@ public:
     /// Takes the group with its lines away; the stanza's chain is the owner's to shorten.
     void removeGroup(ZPId group);
 
-    /// All ids of groups are below.
-    ZPId groupEnd() const { return groups_.end(); }
+    /// If there is one of that number.
     void prefetchGroup(ZPId group) const {
-        const char* const place = reinterpret_cast<const char*>(&groups_[group]);
-        __builtin_prefetch(place);
-        __builtin_prefetch(place + sizeof(ZPGroup) - 1);
+        if (group < groups_.end())
+            groups_.prefetch(group);
     }
     void prefetchEnd(ZPId group) const {
         if (groups_[group].keysEnd != kNoId)
@@ -168,11 +166,14 @@ public:
 private:
     ZPId append(ZPId group, ZPLine line) {
         ZPGroup& owner = groups_[group];
-        const bool isReady = lines_.isReadyBehind(owner.last, 1);
-        const ZPId id = isReady ? lines_.takeBehind(owner.last, std::move(line))
-                                : lines_.take(std::move(line), true);
-        if (!isReady)
+        ZPId id;
+        if (lines_.isReadyBehind(owner.last, 1)) {
+            id = lines_.push(std::move(line));
+            lines_.chainPushed(owner.last, 1);
+        } else {
+            id = lines_.take(std::move(line), true);
             lines_.connect(owner.last, id);
+        }
         if (owner.last == kNoId)
             owner.first = id;
         owner.last = id;

@@ -80,24 +80,17 @@ public:
     }
     /// All ids that were told are below.
     size_t end() const { return base_ + later_.size(); }
-    /// One more record, behind another one or none. Requires: isReadyBehind().
-    void addBehind(ZPId before) {
-        if (isThrifty_) {
-            if (before != kNoId)
-                bits_[before / kBits] |= bit(before);
-            ++base_;
-            return;
-        }
-        const ZPId id = static_cast<ZPId>(end());
-        later_.push({kNoId, before});
-        if (before != kNoId)
-            setNext(before, id);
-    }
-    /// Likewise `count` records, each behind the one before.
-    void addRun(ZPId before, size_t count) {
+    /// `count` more records, the first behind another one or none, the others behind each other.
+    /// Requires: isReadyBehind().
+    void addBehind(ZPId before, size_t count) {
         if (!isThrifty_) {
-            for (; count != 0; --count, before = static_cast<ZPId>(end() - 1))
-                addBehind(before);
+            for (; count != 0; --count) {
+                const ZPId id = static_cast<ZPId>(end());
+                later_.push({kNoId, before});
+                if (before != kNoId)
+                    setNext(before, id);
+                before = id;
+            }
             return;
         }
         ZPId id = before != kNoId ? before : base_;
@@ -321,20 +314,15 @@ public:
         return records_.isReadyAtEnd(more) && links_.isReadyBehind(id, more);
     }
 
-    /// Requires: isReadyBehind().
-    ZPId takeBehind(ZPId before, T&& record) {
-        links_.addBehind(before);
-        return records_.take(std::move(record));
-    }
-    /// Likewise some, one by one, which are chained behind this one, or behind none, when all are
-    /// there.
-    void push(T&& record) { records_.take(std::move(record)); }
-    void chainPushed(ZPId before, size_t count) { links_.addRun(before, count); }
+    /// Records that are read, one by one, which are chained behind this one, or behind none, when
+    /// all are there. Requires: isReadyBehind().
+    ZPId push(T&& record) { return records_.take(std::move(record)); }
+    void chainPushed(ZPId before, size_t count) { links_.addBehind(before, count); }
     /// A record without neighbours; `isRead`: it comes with many. Needs room made before.
     ZPId take(T&& record, bool isRead = false) {
         if (records_.nextId() == links_.end()) {
             if (isRead && links_.isReadyBehind(kNoId, 1))
-                links_.addBehind(kNoId);
+                links_.addBehind(kNoId, 1);
             else
                 links_.add();
         }

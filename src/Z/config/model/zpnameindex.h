@@ -63,12 +63,14 @@ public:
     template <typename Matches>
     ZPId find(uint32_t hash, Matches matches) const {
         Place place;
-        return state_.count == 0 ? kNoId : findOrPlace(hash, place, matches);
+        return findOrPlace(hash, place, matches);
     }
 
-    /// Likewise where there is room for one more; `place` is where the id stands, or would go.
+    /// Likewise; `place` is where the id stands or, if there is room for one more, would go.
     template <typename Matches>
     ZPId findOrPlace(uint32_t hash, Place& place, Matches matches) const {
+        if (__builtin_expect(state_.capacity == 0, 0))
+            return kNoId;
         const uint32_t idBits = state_.idBits, far = state_.far;
         uint32_t kept = tagOf(hash);  // and the steps
         for (size_t i = placeOf(hash);; i = follower(i)) {

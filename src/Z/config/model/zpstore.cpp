@@ -207,11 +207,8 @@ ZPStore::Id ZPStore::prefetchStanza(uint64_t hash) const {
     const Id id = stanzaIndex_.find(znarrowHash(hash), [](Id, uint32_t) { return true; });
     if (id == none)
         return none;
-    const char* const place = reinterpret_cast<const char*>(&stanzas_[id]);
-    __builtin_prefetch(place);
-    __builtin_prefetch(place + sizeof(ZPStanza) - 1);
-    if (id + 1 < lines_.groupEnd())
-        lines_.prefetchGroup(id + 1);
+    stanzas_.prefetch(id);
+    lines_.prefetchGroup(id + 1);
     return id;
 }
 
@@ -266,7 +263,7 @@ void ZPStore::removeStanza(Id id) {
     if (!stanza.inMap)
         return;
     endCursors(id);
-    // What was handed out goes first, the list: it would be shortened key by key otherwise.
+    // What was handed out goes first: the list would be shortened key by key otherwise.
     stanza.objects.reset();
     while (stanza.first != none)
         removeKey(stanza.first);
@@ -288,39 +285,37 @@ void ZPStore::freeStanzaIfUnneeded(Id id) {
 
 // ---------------------------------------------------------------- keys
 
-// Whether the key whose name stands there is of this name.
-inline bool ZPStore::isNamedAt(Id id, uint32_t offset, ZSpan name) const {
-    return (text_.stands(offset, name) && keys_.hasLength(id, name.size)) ||
-           (folds_ && foldAlike(text_.span(keys_.name(id)), name, false));
+// Whether that is the key whose name stands there; the record is fetched while the name is read.
+inline bool ZPStore::isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const {
+    keys_.prefetch(id);
+    return ((text_.stands(offset, key) && keys_.hasLength(id, key.size)) ||
+            (folds_ && foldAlike(text_.span(keys_.name(id)), key, false))) &&
+           isNamed(stanzas_[keys_.stanza(id)], stanza);
 }
 
 ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
     const uint32_t hash = zhashOfBoth(nameHash(stanza, true), nameHash(key, false));
-    return keyIndex_.find(hash, [&](Id id, uint32_t offset) {
-        keys_.prefetch(id);
-        return isNamedAt(id, offset, key) && isNamed(stanzas_[keys_.stanza(id)], stanza);
-    });
+    return keyIndex_.find(hash,
+                          [&](Id id, uint32_t offset) { return isKeyAt(id, offset, stanza, key); });
 }
 
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
     // In fewer nothing is far away, and a look at the stanza may turn out to be for nothing.
     static const size_t kMany = 64 * 1024;
-    Sought sought = {none, 0, {}, nameHash(stanza, true), none};
-    sought.hash = zhashOfBoth(sought.stanzaHash, nameHash(key, false));
+    const uint64_t stanzaHash = nameHash(stanza, true);
+    Sought sought = {none, zhashOfBoth(stanzaHash, nameHash(key, false)), {}, none};
     const bool areMany = keyIndex_.limit() > kMany;
     if (areMany) {
         keyIndex_.prefetch(sought.hash);
-        sought.stanza = prefetchStanza(sought.stanzaHash);
+        sought.stanza = prefetchStanza(stanzaHash);
     }
-    if (keyIndex_.limit() != 0)
-        sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id id, uint32_t offset) {
-            keys_.prefetch(id);
-            return isNamedAt(id, offset, key) && isNamed(stanzas_[keys_.stanza(id)], stanza);
-        });
+    sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id id, uint32_t offset) {
+        return isKeyAt(id, offset, stanza, key);
+    });
     if (sought.key != none)
         sought.stanza = keys_.stanza(sought.key);
     else if (!areMany)
-        sought.stanza = prefetchStanza(sought.stanzaHash);
+        sought.stanza = prefetchStanza(stanzaHash);
     return sought;
 }
 
@@ -408,11 +403,10 @@ void ZPStore::putIntoMap(Id id) {
 }
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
-    Sought sought = {none, keyHash(stanza, name), {}, 0, none};
-    if (keyIndex_.limit() != 0)
-        sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id other, uint32_t) {
-            return isKeyOf(other, stanza, name);
-        });
+    Sought sought = {none, keyHash(stanza, name), {}, stanza};
+    sought.key = keyIndex_.findOrPlace(sought.hash, sought.place, [&](Id other, uint32_t) {
+        return isKeyOf(other, stanza, name);
+    });
     return sought.key != none && isInMap(sought.key) ? sought.key : createKey(stanza, name, sought);
 }
 

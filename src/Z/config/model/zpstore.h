@@ -240,15 +240,14 @@ public:
         Id key;
         uint32_t hash;
         ZPNameIndex::Place place;  // of the key in the index
-        uint64_t stanzaHash;
-        Id stanza;  // which most likely has this hash, or none
+        Id stanza;                 // which most likely is the key's, or none
     };
     Sought seekToChange(ZSpan stanza, ZSpan key) const;
     /// As stanzaInMap(), of the stanza where a key was sought.
     Id stanzaInMap(ZSpan name, const Sought& sought) const {
         Id id = sought.stanza;
         if (id != none && !isNamed(stanzas_[id], name))
-            id = findStanza(name, sought.stanzaHash);
+            id = findStanza(name);
         return isStanzaInMap(id) ? id : none;
     }
     /// The key if it is in the map, else none.
@@ -519,7 +518,7 @@ private:
     bool foldAlike(ZSpan a, ZSpan b, bool areStanzas) const;
     uint32_t hashOf(Id key) const;
     Id findStanza(ZSpan name, uint64_t hash) const;
-    bool isNamedAt(Id id, uint32_t offset, ZSpan name) const;
+    bool isKeyAt(Id id, uint32_t offset, ZSpan stanza, ZSpan key) const;
     Id prefetchStanza(uint64_t hash) const;
     ZPStanzaObjects& makeObjects(Id stanza) const;
     // These need room made before.
@@ -576,9 +575,10 @@ private:
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     void forgetValuesAbove(Id key, bool isEmpty);
     bool isReadyToRead(Id group, size_t lines) const;
-    const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end);
+    const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end,
+                                  Id& known);
     void chainPushed(Id group, Id first) noexcept;
-    void readKnown(Id group, const ZPReadLine& line);
+    Id findRead(Id group, const ZPReadLine& line) const;
     void readOther(Id group, const ZPReadLine& line);
     Id readEntry(Id group, const ZPReadLine& line, Id id);
     /// The key has got one more line.

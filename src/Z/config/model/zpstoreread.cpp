@@ -147,8 +147,9 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
     const ZPReadLine *line = lines, *const end = lines + count;
     bool isReady = isReadyToRead(group, count);
     while (line != end) {
+        Id known = none;
         if (isReady)
-            line = readNewKeys(group, line, end);
+            line = readNewKeys(group, line, end, known);
         if (line == end)
             break;
         if (line->kind < ZPReadLine::entry) {
@@ -157,16 +158,20 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
                 lines_.reserveAt(group);
             readOther(group, *line++);
         } else {
-            readKnown(group, *line++);
+            if (!isReady)
+                known = findRead(group, *line);
+            const Id key = readEntry(group, *line, known);
+            if (line++->kind == ZPReadLine::bareEntry)
+                markBare(key);
             isReady = isReadyToRead(group, static_cast<size_t>(end - line));
         }
     }
 }
 
 // The entries that a batch begins with, as long as they are of new keys. Returns the first line
-// that isn't.
+// that isn't; if it is an entry, `known` is the record of its key, or none.
 inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
-                                              const ZPReadLine* end) {
+                                              const ZPReadLine* end, Id& known) {
     const Id stanzaId = lines_.group(group).stanza, first = keys_.end();
     const Id lineOfFirst = lines_.nextId() - first;  // and so on, which may wrap
     // Also if there is no memory to compare names that have several spellings.
@@ -178,10 +183,10 @@ inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
     Id id = first;
     for (; line != end && line->kind >= ZPReadLine::entry; ++line, ++id) {
         ZPNameIndex::Place place;
-        const Id found = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
+        known = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
             return isKeyOf(other, stanzaId, text_.span(line->name));
         });
-        if (found != none || (line->name.length | line->value.length) >= ZPKeys::kLong)
+        if (known != none || (line->name.length | line->value.length) >= ZPKeys::kLong)
             break;
         keys_.push(line->name, line->value, stanzaId, lineOfFirst + id);
         keyIndex_.insertAt(place, id, line->name.offset);
@@ -203,15 +208,12 @@ inline void ZPStore::chainPushed(Id group, Id first) noexcept {
     stanza.count += count;
 }
 
-// An entry that isn't of a new key, or can't be read as such.
-void ZPStore::readKnown(Id group, const ZPReadLine& line) {
+// The record of an entry's key, or none.
+ZPStore::Id ZPStore::findRead(Id group, const ZPReadLine& line) const {
     const Id stanza = lines_.group(group).stanza;
-    const Id found = keyIndex_.find(line.hash, [&](Id other, uint32_t) {
+    return keyIndex_.find(line.hash, [&](Id other, uint32_t) {
         return isKeyOf(other, stanza, text_.span(line.name));
     });
-    const Id key = readEntry(group, line, found);
-    if (line.kind == ZPReadLine::bareEntry)
-        markBare(key);
 }
 
 // A comment or a blank line. Needs room for a line.
