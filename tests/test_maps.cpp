@@ -2,8 +2,10 @@
 #include "support/Prelude.h"
 
 #include <deque>
+#include <thread>
 
 #include "Z/ZKeyMap.h"
+#include "Z/ZString.h"
 #include "support/FailingAllocator.h"
 #include "support/Item.h"
 
@@ -307,6 +309,177 @@ TEST(KeyMap, TakesTheEntriesOfAMapThatItHolds) {
 }
 
 // Memory
+
+// ---------------------------------------------------------------- texts as keys
+
+/// A string of a class that the library doesn't know, with nothing of its own.
+class Derived : public ZLCString {
+public:
+    using ZLCString::ZLCString;
+};
+
+/// Equal to what differs from it in case alone, which has the same hash only if it is lower case.
+class Caseless : public ZLCString {
+public:
+    using ZLCString::ZLCString;
+    unsigned int hash() const override { return lowered(*this).hash(); }
+    int equals(const ZObject& other) const override {
+        return lowered(*this) == lowered(static_cast<const ZAbstractString&>(other));
+    }
+
+private:
+    static ZLCString lowered(const ZAbstractString& string) {
+        ZLCString text(string.getChars(), string.getLength());
+        text.lower();
+        return text;
+    }
+};
+
+/// One text as a key of each kind.
+struct TextKeys {
+    explicit TextKeys(const std::string& text)
+        : local(text.data(), static_cast<unsigned int>(text.size())),
+          utf8(text.data(), static_cast<unsigned int>(text.size())),
+          derived(text.data(), static_cast<unsigned int>(text.size())),
+          caseless(text.data(), static_cast<unsigned int>(text.size())),
+          constant(local),
+          utf8Constant(utf8) {}
+    const ZObject& get(unsigned int kind) const {
+        const ZObject* const all[] = {&local, &utf8, &constant, &utf8Constant, &derived, &caseless};
+        return *all[kind];
+    }
+    static const unsigned int kTexts = 2, kKnown = 4, kAll = 6;
+
+    ZLCString local;
+    ZUTF8String utf8;
+    Derived derived;
+    Caseless caseless;
+    ZLCConstString constant;
+    ZUTF8ConstString utf8Constant;
+};
+
+/// Keys by kept hash and equals(), in the promised order, kept the simple way.
+class TextModel {
+public:
+    const ZObject* find(const ZObject& probe) const {
+        const auto entry = at(probe);
+        return entry != entries_.end() ? entry->key : nullptr;
+    }
+    void put(const ZObject& key) {
+        const auto entry = at(key);
+        if (entry != entries_.end())
+            entry->key = &key;
+        else
+            entries_.push_back({&key, key.hash()});
+    }
+    void remove(const ZObject& probe) {
+        const auto entry = at(probe);
+        if (entry != entries_.end())
+            entries_.erase(entry);
+    }
+    std::vector<const ZObject*> keys() const {
+        std::vector<const ZObject*> keys;
+        for (unsigned int bucket = 0; bucket < 15; ++bucket)
+            for (const Entry& entry : entries_)
+                if (entry.hash % 15 == bucket)
+                    keys.push_back(entry.key);
+        return keys;
+    }
+
+private:
+    struct Entry {
+        const ZObject* key;
+        unsigned int hash;
+    };
+    std::vector<Entry>::iterator at(const ZObject& probe) const {
+        const unsigned int hash = probe.hash();
+        auto& entries = const_cast<std::vector<Entry>&>(entries_);
+        return std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) {
+            return entry.hash == hash && probe.equals(*entry.key);
+        });
+    }
+    std::vector<Entry> entries_;
+};
+
+std::deque<TextKeys> textKeys() {
+    std::deque<TextKeys> keys;
+    for (unsigned int i = 0; i < 150; ++i) {
+        keys.emplace_back("key" + std::to_string(i / 3) + std::string(i % 40, '.') +
+                          (i % 3 == 0   ? "Name"
+                           : i % 3 == 1 ? "name"
+                                        : "NAME"));
+        keys.emplace_back("cut" + std::string(i % 5 + 1, '\0') + std::to_string(i));
+    }
+    return keys;
+}
+
+TEST(KeyMap, FindsTextsAndStrangersByHashAndEqualsWhateverCameFirst) {
+    const std::deque<TextKeys> keys = textKeys();
+    // Which kinds are put, and which are looked for and removed by.
+    const struct {
+        unsigned int put, sought;
+    } kPhases[] = {{TextKeys::kTexts, TextKeys::kTexts},
+                   {TextKeys::kTexts, TextKeys::kKnown},
+                   {TextKeys::kTexts, TextKeys::kAll},
+                   {TextKeys::kKnown, TextKeys::kKnown},
+                   {TextKeys::kAll, TextKeys::kAll}};
+    std::mt19937 random(kSeed);
+    for (int round = 0; round < 180; ++round) {
+        const auto& phase = kPhases[round % std::size(kPhases)];
+        std::unique_ptr<ZHashKeyMap> map(new ZHashKeyMap(10, 0));
+        TextModel model;
+        for (int i = 0; i < 500; ++i) {
+            const bool isBegin = i < 150;
+            const TextKeys& key = keys[random() % keys.size()];
+            const ZObject& probe =
+                keys[random() % keys.size()].get(random() % (isBegin ? 2 : phase.sought));
+            ASSERT_EQ(map->getEntry(&probe), model.find(probe)) << round << ", step " << i;
+            if (isBegin || random() % 2 != 0) {
+                const ZObject& object = key.get(random() % (isBegin ? 2 : phase.put));
+                map->putEntry(&object, &object);
+                model.put(object);
+            } else {
+                map->removeEntry(&probe);
+                model.remove(probe);
+            }
+            if (i == 250 && round % 2 != 0)
+                map.reset(new ZHashKeyMap(*map));
+        }
+        ZArrayList listed(1, 0);
+        map->listKeys(listed);
+        const std::vector<const ZObject*> expected = model.keys();
+        ASSERT_EQ(listed.size(), expected.size());
+        for (unsigned int i = 0; i < listed.size(); ++i)
+            EXPECT_EQ(listed.get(i), expected[i]);
+    }
+}
+
+TEST(KeyMap, StrangersAreFoundByManyThreadsAndWithoutMemory) {
+    const std::deque<TextKeys> keys = textKeys();
+    ZHashKeyMap map(10, 0);
+    for (const TextKeys& key : keys)
+        map.putEntry(&key.local, &key.local);
+    const ZHashKeyMap &shared = map, lean(map);
+    const auto findAll = [&keys](const ZHashKeyMap& in) {
+        return std::count_if(keys.begin(), keys.end(), [&in](const TextKeys& key) {
+            return in.getEntry(&key.derived) == &key.local;
+        });
+    };
+    std::atomic<long> found(0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] { found += findAll(shared); });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(found, 4 * static_cast<long>(keys.size()));
+
+    long withoutMemory;
+    {
+        FailAllocations failure(1, FailAllocations::onward);
+        withoutMemory = findAll(lean);
+    }
+    EXPECT_EQ(withoutMemory, static_cast<long>(keys.size()));
+}
 
 TEST(MapMemory, MapsGiveEverythingBack) {
     const auto attempt = [] {

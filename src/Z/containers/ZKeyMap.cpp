@@ -79,16 +79,16 @@ ZObject* ZHashKeyMap::clone() const { return new ZHashKeyMap(*this); }
 unsigned int ZHashKeyMap::size() const { return table_->size(); }
 
 int ZHashKeyMap::contains(const ZObject* key) const {
-    return key != nullptr && table_->find(*key, key->hash()).object != nullptr;
+    return key != nullptr && table_->find(*key).object != nullptr;
 }
 
 ZObject* ZHashKeyMap::getEntry(const ZObject* key) const {
-    return key != nullptr ? table_->find(*key, key->hash()).value : nullptr;
+    return key != nullptr ? table_->find(*key).value : nullptr;
 }
 
 void ZHashKeyMap::putEntry(const ZObject* key, const ZObject* value) {
     if (key != nullptr)
-        table_->put(ZKeyMapMember::of(*key, value), key->hash());
+        table_->put(ZKeyMapMember::of(*key, value));
 }
 
 void ZHashKeyMap::putAll(const ZKeyMap& other) {
@@ -110,7 +110,7 @@ void ZHashKeyMap::putAll(const ZKeyMap& other) {
 
 void ZHashKeyMap::removeEntry(const ZObject* key) {
     if (key != nullptr)
-        table_->remove(*key, key->hash());
+        table_->remove(*key);
 }
 
 void ZHashKeyMap::removeAll() { table_->removeAll(); }

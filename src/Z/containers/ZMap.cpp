@@ -72,12 +72,12 @@ unsigned int ZHashMap::size() const { return table_->size(); }
 int ZHashMap::contains(const ZObject* probe) const { return getEntry(probe) != nullptr; }
 
 ZObject* ZHashMap::getEntry(const ZObject* probe) const {
-    return probe != nullptr ? table_->find(*probe, probe->hash()).object : nullptr;
+    return probe != nullptr ? table_->find(*probe).object : nullptr;
 }
 
 void ZHashMap::putEntry(ZObject* entry) {
     if (entry != nullptr)
-        table_->put(ZMapMember::of(*entry), entry->hash());
+        table_->put(ZMapMember::of(*entry));
 }
 
 void ZHashMap::putAll(ZMap& other) {
@@ -89,7 +89,7 @@ void ZHashMap::putAll(ZMap& other) {
 
 void ZHashMap::removeEntry(ZObject* probe) {
     if (probe != nullptr)
-        table_->remove(*probe, probe->hash());
+        table_->remove(*probe);
 }
 
 void ZHashMap::removeAll() { table_->removeAll(); }

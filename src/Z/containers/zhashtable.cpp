@@ -61,6 +61,7 @@ uint64_t ZHashTable<Member>::bucketsFor(unsigned int size) {
 template <typename Member>
 ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
     : bucketCount_(bucketCount),
+      bucket_(static_cast<uint32_t>(std::min<uint64_t>(bucketCount, UINT32_MAX))),
       ownsMembers_(ownsMembers),
       chains_(static_cast<Chain*>(zallocateBlock(bucketCount, sizeof(Chain)))),
       size_(0),
@@ -68,10 +69,9 @@ ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
       free_(0),
       capacity_(1),
       nodes_(&noEntries_),
-      slots_(nullptr),
-      slotMask_(0),
-      slotLimit_(0),
-      shift_(0) {
+      areTexts_(true),
+      index_(),
+      byHash_(nullptr) {
     std::fill_n(chains_, bucketCount, Chain());
 }
 
@@ -79,13 +79,14 @@ ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
 template <typename Member>
 ZHashTable<Member>::ZHashTable(const ZHashTable& other)
     : ZHashTable(other.bucketCount_, other.ownsMembers_) {
+    areTexts_ = other.areTexts_;
     for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket) {
         for (uint32_t i = other.chains_[bucket].first; i != 0; i = other.nodes_[i].next) {
             const Node& node = other.nodes_[i];
             if (node.member.object == nullptr && ownsMembers_)
                 continue;
             Incoming<Member> incoming(node.member, ownsMembers_);
-            link(incoming.get(), node.hash);
+            link(incoming.get(), node.hash, node.textHash);
             incoming.placed();
         }
     }
@@ -108,22 +109,57 @@ ZHashTable<Member>::~ZHashTable() noexcept {
     zreleaseBlock(chains_);
 }
 
+// ---------------------------------------------------------------- look-ups
+
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe, uint32_t hash) const {
-    if (slots_ != nullptr) {
-        for (uint32_t i = placeOf(hash);; i = (i + 1) & slotMask_) {
-            const Slot& slot = slots_[i];
-            if (slot.node == 0)
-                return 0;
-            // (2)
-            zassert(slot.object == nodes_[slot.node].member.object &&
-                    slot.hash == nodes_[slot.node].hash);
-            if (slot.hash == hash && slot.object != nullptr && probe.equals(*slot.object))
-                return slot.node;
-        }
+uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe) const {
+    if (!areTexts_ || index_.slots == nullptr)
+        return nodeByHash(index_, probe, probe.hash());
+    const ZKnownText text = zknownText(probe);
+    return text.data != nullptr ? nodeOfText(text, text.hash())
+                                : nodeOfStranger(probe, probe.hash());
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeOfText(const ZKnownText& text, uint32_t hash) const {
+    for (uint32_t i = index_.placeOf(hash);; i = (i + 1) & index_.mask) {
+        const Slot& slot = index_.slots[i];
+        if (slot.node == 0)
+            return 0;
+        zassert(slot.object == nodes_[slot.node].member.object &&
+                slot.hash == nodes_[slot.node].textHash);  // (2)
+        if (slot.hash == hash && text.isOf(*slot.object))
+            return slot.node;
     }
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeOfStranger(const ZObject& probe, uint32_t hash) const {
+    const Index* const index = indexByHash();
+    return index != nullptr ? nodeByHash(*index, probe, hash) : nodeInChain(probe, hash, true);
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeByHash(const Index& index, const ZObject& probe,
+                                        uint32_t hash) const {
+    if (index.slots == nullptr)
+        return nodeInChain(probe, hash, Member::hashDecides);
+    for (uint32_t i = index.placeOf(hash);; i = (i + 1) & index.mask) {
+        const Slot& slot = index.slots[i];
+        if (slot.node == 0)
+            return 0;
+        zassert(slot.object == nodes_[slot.node].member.object &&
+                slot.hash == nodes_[slot.node].hash);  // (2)
+        if (slot.hash == hash && slot.object != nullptr && probe.equals(*slot.object))
+            return slot.node;
+    }
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeInChain(const ZObject& probe, uint32_t hash,
+                                         bool hashDecides) const {
     for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next) {
-        if (Member::hashDecides && nodes_[i].hash != hash)
+        if (hashDecides && nodes_[i].hash != hash)
             continue;
         const ZObject* object = nodes_[i].member.object;
         if (object != nullptr && probe.equals(*object))
@@ -132,21 +168,36 @@ uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe, uint32_t hash) const {
     return 0;
 }
 
+// ---------------------------------------------------------------- changes
+
 template <typename Member>
-void ZHashTable<Member>::put(const Member& member, uint32_t hash) {
-    const uint32_t found = nodeOf(*member.object, hash);
+void ZHashTable<Member>::put(const Member& member) {
+    settle();
+    const ZObject& object = *member.object;
+    const ZKnownText text = areTexts_ ? zownedText(object) : ZKnownText();
+    if (areTexts_ && text.data == nullptr)
+        turnToHashes();
+    uint32_t textHash = 0;
+    if (areTexts_) {
+        textHash = text.hash();
+        if (index_.slots != nullptr)  // on its way while hash() goes through the text
+            __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
+    }
+    const uint32_t hash = object.hash();
+    const uint32_t found = areTexts_ && index_.slots != nullptr ? nodeOfText(text, textHash)
+                                                                : nodeByHash(index_, object, hash);
     Incoming<Member> incoming(member, ownsMembers_);
     if (incoming.get().object == nullptr && !Member::takesNull)
         return;
     if (found == 0) {
-        link(incoming.get(), hash);
+        link(incoming.get(), hash, textHash);
         incoming.placed();
         return;
     }
     Member old = nodes_[found].member;
     nodes_[found].member = incoming.get();
-    if (slots_ != nullptr)
-        slots_[slotOf(found)].object = incoming.get().object;
+    if (index_.slots != nullptr)
+        index_.slots[slotOf(found)].object = incoming.get().object;
     incoming.placed();
     if (ownsMembers_)
         old.deleteParts();
@@ -154,7 +205,7 @@ void ZHashTable<Member>::put(const Member& member, uint32_t hash) {
 
 // Appends to the bucket. If this raises, the table is as it was.
 template <typename Member>
-void ZHashTable<Member>::link(const Member& member, uint32_t hash) {
+void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t textHash) {
     reserve();
     uint32_t node = free_;
     if (node != 0)
@@ -163,12 +214,12 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash) {
         node = used_++;
     zassert(node != 0 && node < used_ && used_ <= capacity_);  // (1), (3)
     Chain& chain = chainOf(hash);
-    nodes_[node] = {member, hash, chain.last, 0};
+    nodes_[node] = {member, hash, textHash, chain.last, 0};
     (chain.last != 0 ? nodes_[chain.last].next : chain.first) = node;
     chain.last = node;
     ++size_;
-    if (slots_ != nullptr)
-        enterSlot({member.object, hash, node});
+    if (index_.slots != nullptr)
+        index_.enter({member.object, areTexts_ ? textHash : hash, node});
 }
 
 // Makes room for one more entry, so that nothing can fail once linking begins.
@@ -176,8 +227,8 @@ template <typename Member>
 void ZHashTable<Member>::reserve() {
     if (free_ == 0 && used_ == capacity_)
         growNodes();
-    if (slots_ != nullptr ? size_ == slotLimit_ : size_ == kSmall)
-        growSlots();
+    if (index_.slots != nullptr ? size_ == index_.limit : size_ == kSmall)
+        growIndex();
 }
 
 template <typename Member>
@@ -193,72 +244,14 @@ void ZHashTable<Member>::growNodes() {
     capacity_ = static_cast<uint32_t>(capacity);
 }
 
-// Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
-// of the old ones: two walks through memory, no jumps.
 template <typename Member>
-void ZHashTable<Member>::growSlots() {
-    zrequireRoom(shift_ != 32);
-    const int shift = slots_ != nullptr ? shift_ - 1 : 64 - kFirstSlotBits;
-    const uint64_t count = uint64_t(1) << (64 - shift);
-    Slot* old = slots_;
-    const uint64_t oldCount = old != nullptr ? uint64_t(slotMask_) + 1 : 0;
-
-    Slot* slots = static_cast<Slot*>(zallocateSpread(count, sizeof(Slot)));
-    std::fill_n(slots, count, Slot());
-    slots_ = slots;
-    slotMask_ = static_cast<uint32_t>(count - 1);
-    slotLimit_ = static_cast<uint32_t>(count / 8 * 5);
-    shift_ = shift;
-    if (old == nullptr) {
-        for (uint32_t i = 1; i < used_; ++i)
-            if (!isFree(nodes_[i]))
-                enterSlot({nodes_[i].member.object, nodes_[i].hash, i});
-    }
-    for (uint64_t i = 0; i < oldCount; ++i)
-        if (old[i].node != 0)
-            enterSlot(old[i]);
-    zreleaseBlock(old);
-}
-
-template <typename Member>
-void ZHashTable<Member>::enterSlot(const Slot& slot) {
-    uint32_t i = placeOf(slot.hash);
-    while (slots_[i].node != 0)
-        i = (i + 1) & slotMask_;
-    slots_[i] = slot;
-}
-
-template <typename Member>
-uint32_t ZHashTable<Member>::slotOf(uint32_t node) const {
-    uint32_t i = placeOf(nodes_[node].hash);
-    while (slots_[i].node != node) {
-        zassert(slots_[i].node != 0);  // (2)
-        i = (i + 1) & slotMask_;
-    }
-    return i;
-}
-
-// Empties a slot and moves back those behind it that it separates from their places.
-template <typename Member>
-void ZHashTable<Member>::freeSlot(uint32_t hole) {
-    for (uint32_t i = (hole + 1) & slotMask_; slots_[i].node != 0; i = (i + 1) & slotMask_) {
-        const uint32_t toPlace = (i - placeOf(slots_[i].hash)) & slotMask_;
-        const uint32_t toHole = (i - hole) & slotMask_;
-        if (toPlace >= toHole) {
-            slots_[hole] = slots_[i];
-            hole = i;
-        }
-    }
-    slots_[hole] = Slot();
-}
-
-template <typename Member>
-void ZHashTable<Member>::remove(const ZObject& probe, uint32_t hash) {
-    const uint32_t found = nodeOf(probe, hash);
+void ZHashTable<Member>::remove(const ZObject& probe) {
+    const uint32_t found = nodeOf(probe);
     if (found == 0)
         return;
-    if (slots_ != nullptr)
-        freeSlot(slotOf(found));
+    settle();
+    if (index_.slots != nullptr)
+        index_.free(slotOf(found));
     Member member = unlink(found);
     if (ownsMembers_)
         member.deleteParts();
@@ -273,7 +266,7 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
     Chain& chain = chainOf(node.hash);
     (node.previous != 0 ? nodes_[node.previous].next : chain.first) = node.next;
     (node.next != 0 ? nodes_[node.next].previous : chain.last) = node.previous;
-    node = {Member(), 0, kFreeRecord, free_};
+    node = {Member(), 0, 0, kFreeRecord, free_};
     free_ = index;
     --size_;
     return member;
@@ -283,9 +276,7 @@ template <typename Member>
 void ZHashTable<Member>::removeAll() {
     const ZUncancelled uncancelled;
     // Without slots the chains alone tell what is there, at each moment on the way.
-    zreleaseBlock(slots_);
-    slots_ = nullptr;
-    shift_ = 0;
+    dropIndexes();
     for (uint64_t bucket = 0; size_ != 0 && bucket < bucketCount_; ++bucket) {
         while (chains_[bucket].first != 0) {
             Member member = unlink(chains_[bucket].first);
@@ -297,7 +288,139 @@ void ZHashTable<Member>::removeAll() {
         zassert(nodes_[0].member.object == nullptr);
         used_ = 1;  // records are given out from the front again
         free_ = 0;
+        areTexts_ = true;
     }
+}
+
+// ---------------------------------------------------------------- indexes
+
+template <typename Member>
+void ZHashTable<Member>::Index::enter(const Slot& slot) {
+    uint32_t i = placeOf(slot.hash);
+    while (slots[i].node != 0)
+        i = (i + 1) & mask;
+    slots[i] = slot;
+}
+
+// The slot of a record that is there.
+template <typename Member>
+uint32_t ZHashTable<Member>::Index::find(uint32_t hash, uint32_t node) const {
+    uint32_t i = placeOf(hash);
+    while (slots[i].node != node) {
+        zassert(slots[i].node != 0);  // (2)
+        i = (i + 1) & mask;
+    }
+    return i;
+}
+
+// Empties a slot and moves back those behind it that it separates from their places.
+template <typename Member>
+void ZHashTable<Member>::Index::free(uint32_t hole) {
+    for (uint32_t i = (hole + 1) & mask; slots[i].node != 0; i = (i + 1) & mask) {
+        const uint32_t toPlace = (i - placeOf(slots[i].hash)) & mask;
+        const uint32_t toHole = (i - hole) & mask;
+        if (toPlace >= toHole) {
+            slots[hole] = slots[i];
+            hole = i;
+        }
+    }
+    slots[hole] = Slot();
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::slotOf(uint32_t node) const {
+    return index_.find(areTexts_ ? nodes_[node].textHash : nodes_[node].hash, node);
+}
+
+// An empty one.
+template <typename Member>
+typename ZHashTable<Member>::Index ZHashTable<Member>::makeIndex(int shift) const {
+    const uint64_t count = uint64_t(1) << (64 - shift);
+    Slot* const slots = static_cast<Slot*>(zallocateSpread(count, sizeof(Slot)));
+    std::fill_n(slots, count, Slot());
+    return {slots, static_cast<uint32_t>(count - 1), static_cast<uint32_t>(count / 8 * 5), shift};
+}
+
+template <typename Member>
+void ZHashTable<Member>::enterAll(Index& index, bool byText) const {
+    for (uint32_t i = 1; i < used_; ++i) {
+        const Node& node = nodes_[i];
+        if (!isFree(node))
+            index.enter({node.member.object, byText ? node.textHash : node.hash, i});
+    }
+}
+
+// Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
+// of the old ones: two walks through memory, no jumps.
+template <typename Member>
+void ZHashTable<Member>::growIndex() {
+    const Index old = index_;
+    if (old.slots == nullptr) {
+        index_ = makeIndex(64 - kFirstSlotBits);
+        enterAll(index_, areTexts_);
+        return;
+    }
+    zrequireRoom(old.shift != 32);
+    index_ = makeIndex(old.shift - 1);
+    for (uint64_t i = 0; i <= old.mask; ++i)
+        if (old.slots[i].node != 0)
+            index_.enter(old.slots[i]);
+    zreleaseBlock(old.slots);
+}
+
+// The index that strangers are looked for with; null when there is no memory for it. Several
+// threads may look something up, and more than one find none: the first that is ready wins.
+template <typename Member>
+const typename ZHashTable<Member>::Index* ZHashTable<Member>::indexByHash() const {
+    Index* index = byHash_.load(std::memory_order_acquire);
+    if (index != nullptr)
+        return index;
+    const ZUncancelled uncancelled;
+    Index* mine = nullptr;
+    try {
+        mine = static_cast<Index*>(zallocateBlock(1, sizeof(Index)));
+        *mine = makeIndex(index_.shift);
+    } catch (...) {
+        zreleaseBlock(mine);
+        return nullptr;
+    }
+    enterAll(*mine, false);
+    if (byHash_.compare_exchange_strong(index, mine, std::memory_order_acq_rel))
+        return mine;
+    zreleaseBlock(mine->slots);
+    zreleaseBlock(mine);
+    return index;
+}
+
+// Ahead of a change: strangers come here, so all goes by hash() from now on.
+template <typename Member>
+void ZHashTable<Member>::settle() {
+    Index* const byHash = byHash_.load(std::memory_order_relaxed);
+    if (byHash == nullptr)
+        return;
+    zreleaseBlock(index_.slots);
+    index_ = *byHash;
+    byHash_.store(nullptr, std::memory_order_relaxed);
+    zreleaseBlock(byHash);
+    areTexts_ = false;
+}
+
+template <typename Member>
+void ZHashTable<Member>::turnToHashes() {
+    if (index_.slots != nullptr) {
+        const Index byHash = makeIndex(index_.shift);
+        zreleaseBlock(index_.slots);
+        index_ = byHash;
+        enterAll(index_, false);
+    }
+    areTexts_ = false;
+}
+
+template <typename Member>
+void ZHashTable<Member>::dropIndexes() {
+    settle();
+    zreleaseBlock(index_.slots);
+    index_ = Index();
 }
 
 template class ZHashTable<ZMapMember>;

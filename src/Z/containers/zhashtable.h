@@ -8,14 +8,22 @@
 //             chain of its bucket. Removed records are kept for the next put. The pair of a key map
 //             stands right in here: no object of its own, no further cache miss.
 //   chains_   a first and last record for each bucket: the promised order.
-//   slots_    once there are more than kSmall entries: open addressing with linear probing over
+//   index_    once there are more than kSmall entries: open addressing with linear probing over
 //             object and hash of all entries, at most 5/8 full, deletion by moving back. A look-up
 //             reads one slot and one object and doesn't care for buckets.
 //
 // A small map is searched by walking the chain.
 //
+// The hash of a text is defined byte by byte, and to take it is most of a look-up. As long as all
+// members are strings of the library's own classes, whose equality is that of their bytes, the
+// index goes by a hash of ours, which takes eight bytes at a time, and none of their hash() is
+// asked for but at put, for the bucket. The first member of another kind turns the index to what
+// hash() said, for good. A probe of another kind, which may equal a text in its own way and come in
+// a call that changes nothing, gets an index of its own beside the first, and the next change goes
+// on with that one alone.
+//
 // A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
-// look-up. The place in slots_ is taken from the top bits of an odd constant times the hash, so
+// look-up. The place of a slot is taken from the top bits of an odd constant times the hash, so
 // that hashes which differ in the high bits only, or by multiples of something, spread all the
 // same. The last three bits of the hash stay out of that and choose among neighbours: of numbers in
 // sequence, eight share two cache lines.
@@ -23,13 +31,18 @@
 // Invariants
 // (1) Each record in use stands in exactly one chain, that of hash % bucketCount_; size_ counts
 //     them. The others, up to used_, are marked and hang on free_ by `next`.
-// (2) slots_ exists once size_ has been above kSmall, until removeAll(); it holds each record in
-//     use exactly once, with the same object and hash, and no free slot lies between the place that
-//     a hash calls for and the slot where it stands.
+// (2) index_ has slots once size_ has been above kSmall, until removeAll(); it holds each record in
+//     use exactly once, with the same object and the hash that it goes by, and no free slot lies
+//     between the place that a hash calls for and the slot where it stands. So does byHash_, which
+//     there is only beside an index_ of texts.
 // (3) Record 0 isn't used and its object is null: as a neighbour it means none, in a slot free.
+// (4) While areTexts_, each member owns its text and each record has the hash of it.
 #ifndef Z_ZHASHTABLE_H
 #define Z_ZHASHTABLE_H
 
+#include <atomic>
+
+#include "zknowntext.h"
 #include "zownership.h"
 
 /// The member of a map whose objects carry their own key.
@@ -64,8 +77,8 @@ struct ZKeyMapMember {
     }
 };
 
-/// The entries of one map. Takes hashes as they are given and asks an entry only for equals(),
-/// clone() and, when owning, its deletion. Both kinds are made in zhashtable.cpp.
+/// The entries of one map. Asks a probe, or what is put, for hash() at most once, and an entry only
+/// for equals(), clone() and, when owning, its deletion. Both kinds are made in zhashtable.cpp.
 template <typename Member>
 class ZHashTable final : public ZObject {
 public:
@@ -86,16 +99,13 @@ public:
     unsigned int size() const { return size_; }
     int ownsMembers() const { return ownsMembers_; }
 
-    /// The member that `probe`, whose hash is given, equals; one with a null object when there is
-    /// none.
-    const Member& find(const ZObject& probe, uint32_t hash) const {
-        return nodes_[nodeOf(probe, hash)].member;
-    }
+    /// The member that `probe` equals; one with a null object when there is none.
+    const Member& find(const ZObject& probe) const { return nodes_[nodeOf(probe)].member; }
 
     /// Stores `member`, or its clones in an owning table, in the place of the one that its object
     /// equals, else at the end of its bucket.
-    void put(const Member& member, uint32_t hash);
-    void remove(const ZObject& probe, uint32_t hash);
+    void put(const Member& member);
+    void remove(const ZObject& probe);
     void removeAll();
 
     /// Hands every member to `visit`, in the promised order.
@@ -110,6 +120,7 @@ private:
     struct Node {
         Member member;
         uint32_t hash;
+        uint32_t textHash;
         uint32_t previous;
         uint32_t next;
     };
@@ -122,6 +133,19 @@ private:
         uint32_t hash;
         uint32_t node;
     };
+    struct Index {
+        Slot* slots;     // null while the map is small
+        uint32_t mask;   // number of slots - 1
+        uint32_t limit;  // entries that fit before the slots are doubled
+        int shift;       // 64 - log2 of the number of slots
+
+        uint32_t placeOf(uint32_t hash) const {
+            return static_cast<uint32_t>(((hash >> 3) * 0x9E3779B97F4A7C15u) >> shift) ^ (hash & 7);
+        }
+        void enter(const Slot& slot);
+        uint32_t find(uint32_t hash, uint32_t node) const;
+        void free(uint32_t hole);
+    };
 
     static const uint32_t kFreeRecord = UINT32_MAX;  // as the neighbour `previous`
     static bool isFree(const Node& node) { return node.previous == kFreeRecord; }
@@ -129,25 +153,31 @@ private:
     static Node noEntries_;  // record 0 of a table that has had no entry yet; never written
 
     Chain& chainOf(uint32_t hash) const {
-        return chains_[bucketCount_ > UINT32_MAX ? hash
-                                                 : hash % static_cast<uint32_t>(bucketCount_)];
-    }
-    uint32_t placeOf(uint32_t hash) const {
-        return static_cast<uint32_t>(((hash >> 3) * 0x9E3779B97F4A7C15u) >> shift_) ^ (hash & 7);
+        return chains_[bucketCount_ > UINT32_MAX ? hash : bucket_.of(hash)];
     }
 
-    uint32_t nodeOf(const ZObject& probe, uint32_t hash) const;
+    uint32_t nodeOf(const ZObject& probe) const;
+    uint32_t nodeOfText(const ZKnownText& text, uint32_t hash) const;
+    uint32_t nodeOfStranger(const ZObject& probe, uint32_t hash) const;
+    uint32_t nodeByHash(const Index& index, const ZObject& probe, uint32_t hash) const;
+    uint32_t nodeInChain(const ZObject& probe, uint32_t hash, bool hashDecides) const;
+
     void reserve();
     void growNodes();
-    void growSlots();
-    void enterSlot(const Slot& slot);
+    void growIndex();
+    Index makeIndex(int shift) const;
+    void enterAll(Index& index, bool byText) const;
+    const Index* indexByHash() const;
+    void settle();
+    void turnToHashes();
+    void dropIndexes();
     uint32_t slotOf(uint32_t node) const;
-    void freeSlot(uint32_t index);
-    void link(const Member& member, uint32_t hash);
+    void link(const Member& member, uint32_t hash, uint32_t textHash);
     Member unlink(uint32_t node);
 
     // set by the constructor
     const uint64_t bucketCount_;
+    const ZRemainder bucket_;  // by bucketCount_
     const int ownsMembers_;
     Chain* chains_;
 
@@ -157,10 +187,9 @@ private:
     uint32_t capacity_;
     Node* nodes_;
 
-    Slot* slots_;         // null while the map is small
-    uint32_t slotMask_;   // number of slots - 1
-    uint32_t slotLimit_;  // entries that fit before the slots are doubled
-    int shift_;           // 64 - log2 of the number of slots
+    bool areTexts_;  // and index_ goes by the hash of texts
+    Index index_;
+    mutable std::atomic<Index*> byHash_;  // for strangers; whoever needs it first makes it
 };
 
 #endif

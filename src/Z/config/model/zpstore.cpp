@@ -326,7 +326,8 @@ uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
     // Where only the case makes a difference nothing has to be copied.
     if (!(isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0) &&
         (dialect_->names != ZDIALECT_FOLDED_BLANKS || !zhasDialectBlank(name)))
-        return zhashOfMapped(name, [](uint64_t eight) { return zdialectLower(eight); });
+        return zhashOfMapped(name.data, name.size,
+                             [](uint64_t eight) { return zdialectLower(eight); });
     char folded[256];
     if (name.size <= sizeof folded)
         return zhashOf({folded, zdialectFold(*dialect_, name, isStanza, folded)});
