@@ -308,9 +308,7 @@ TEST(KeyMap, TakesTheEntriesOfAMapThatItHolds) {
     EXPECT_EQ(entriesOf(map), (Entries{{1, 2}, {3, 2}}));
 }
 
-// Memory
-
-// ---------------------------------------------------------------- texts as keys
+// Texts as keys
 
 /// A string of a class that the library doesn't know, with nothing of its own.
 class Derived : public ZLCString {
@@ -480,6 +478,49 @@ TEST(KeyMap, StrangersAreFoundByManyThreadsAndWithoutMemory) {
     }
     EXPECT_EQ(withoutMemory, static_cast<long>(keys.size()));
 }
+
+/// Looks a stranger up in a map whenever it is copied, and may empty it.
+class Curious : public ZObject {
+public:
+    Curious(ZHashKeyMap& map, const ZObject& stranger, bool empties)
+        : map_(map), stranger_(stranger), empties_(empties) {}
+    ZObject* clone() const override {
+        map_.getEntry(&stranger_);
+        if (empties_)
+            map_.removeAll();
+        return new Item(0);
+    }
+
+private:
+    ZHashKeyMap& map_;
+    const ZObject& stranger_;
+    bool empties_;
+};
+
+TEST(KeyMap, CopiesThatAreMadeForItMayLookIntoItAndChangeIt) {
+    const std::deque<TextKeys> keys = textKeys();
+    for (const bool empties : {false, true}) {
+        ZHashKeyMap map(10, 1);
+        Item plain(0);
+        for (size_t i = 0; i < 100; ++i)
+            map.putEntry(&keys[i].local, &plain);
+        const Curious curious(map, keys[50].derived, empties);
+        map.putEntry(&keys[7].local, &curious);   // which is there
+        map.putEntry(&keys[200].utf8, &curious);  // which isn't
+        map.putEntry(&keys[201].derived, &curious);
+        for (size_t i = 0; i < 100; ++i)
+            map.putEntry(&keys[i].local, &plain);
+        EXPECT_EQ(map.size(), empties ? 101u : 102u);
+        for (size_t i = 0; i < 100; ++i)
+            EXPECT_TRUE(map.contains(&keys[i].local) && map.contains(&keys[i].derived));
+        EXPECT_EQ(map.contains(&keys[200].local), !empties);
+        EXPECT_TRUE(map.contains(&keys[201].local));
+        map.removeAll();
+        EXPECT_FALSE(map.contains(&keys[7].derived));
+    }
+}
+
+// Memory
 
 TEST(MapMemory, MapsGiveEverythingBack) {
     const auto attempt = [] {

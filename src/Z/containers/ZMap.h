@@ -78,10 +78,11 @@ public:
 /// number of buckets, in order of first insertion; list() and every iteration go by ascending
 /// bucket, and a replacement keeps the place of the entry that it replaces.
 ///
-/// The hash of an entry is taken once, by putEntry(), and kept; a look-up asks its probe once and
-///   no member. Once a map is large, members are found through an index of all kept hashes, and
-///   `equals` is asked only of those whose hash is that of the probe. So objects that are equal
-///   must have the same hash, and neither may change while an object is in a map.
+/// The hash of an entry is taken once, by putEntry(), and kept; a look-up asks its probe at most
+///   once and no member. Once a map is large, members are found through an index of all kept
+///   hashes, or of their texts where all are strings of the library's own classes, and `equals` is
+///   asked only of those whose hash is that of the probe. So objects that are equal must have the
+///   same hash, and neither may change while an object is in a map.
 /// Ownership: settled by ownsMembers; assignment takes that of the source. An owning map clones on
 ///   the way in and deletes on the way out. What a member's destructor raises is reported to the
 ///   message service and goes no further.
@@ -91,7 +92,8 @@ public:
 /// Threads: no lock inside. Calls on const maps may run side by side; a change needs the caller's
 ///   lock against all other calls.
 /// Cost: looking up, putting and removing are constant on average, whatever the number of buckets;
-///   listing walks buckets and entries.
+///   listing walks buckets and entries. An object of another class that is looked for in a large map
+///   of the library's strings has an index made for its kind, once: that look-up is linear.
 class ZEXPORT ZHashMap : public ZAbstractMap {
 public:
     /// An empty map of max(size, 2) * 3 / 2 buckets.

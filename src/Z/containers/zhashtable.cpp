@@ -65,6 +65,7 @@ ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
       ownsMembers_(ownsMembers),
       chains_(static_cast<Chain*>(zallocateBlock(bucketCount, sizeof(Chain)))),
       size_(0),
+      changes_(0),
       used_(1),
       free_(0),
       capacity_(1),
@@ -113,11 +114,13 @@ ZHashTable<Member>::~ZHashTable() noexcept {
 
 template <typename Member>
 uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe) const {
-    if (!areTexts_ || index_.slots == nullptr)
-        return nodeByHash(index_, probe, probe.hash());
-    const ZKnownText text = zknownText(probe);
-    return text.data != nullptr ? nodeOfText(text, text.hash())
-                                : nodeOfStranger(probe, probe.hash());
+    if (isIndexOfTexts()) {
+        const ZKnownText text = zknownText(probe);
+        if (text.data != nullptr)
+            return nodeOfText(text, text.hash());
+    }
+    const uint32_t hash = probe.hash();  // may be a caller's and change the map
+    return isIndexOfTexts() ? nodeOfStranger(probe, hash) : nodeByHash(index_, probe, hash);
 }
 
 template <typename Member>
@@ -140,8 +143,7 @@ uint32_t ZHashTable<Member>::nodeOfStranger(const ZObject& probe, uint32_t hash)
 }
 
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeByHash(const Index& index, const ZObject& probe,
-                                        uint32_t hash) const {
+uint32_t ZHashTable<Member>::nodeByHash(Index index, const ZObject& probe, uint32_t hash) const {
     if (index.slots == nullptr)
         return nodeInChain(probe, hash, Member::hashDecides);
     for (uint32_t i = index.placeOf(hash);; i = (i + 1) & index.mask) {
@@ -172,23 +174,25 @@ uint32_t ZHashTable<Member>::nodeInChain(const ZObject& probe, uint32_t hash,
 
 template <typename Member>
 void ZHashTable<Member>::put(const Member& member) {
-    settle();
     const ZObject& object = *member.object;
-    const ZKnownText text = areTexts_ ? zownedText(object) : ZKnownText();
-    if (areTexts_ && text.data == nullptr)
-        turnToHashes();
-    uint32_t textHash = 0;
-    if (areTexts_) {
-        textHash = text.hash();
-        if (index_.slots != nullptr)  // on its way while hash() goes through the text
-            __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
-    }
+    const ZKnownText text = zownedText(object);
+    const uint32_t textHash = text.data != nullptr ? text.hash() : 0;
+    if (isIndexOfTexts())  // on its way while hash() goes through the text
+        __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
     const uint32_t hash = object.hash();
-    const uint32_t found = areTexts_ && index_.slots != nullptr ? nodeOfText(text, textHash)
-                                                                : nodeByHash(index_, object, hash);
+    const auto find = [&] {
+        prepareFor(text);
+        return isIndexOfTexts() ? nodeOfText(text, textHash) : nodeByHash(index_, object, hash);
+    };
+    uint32_t found = find();
+    const uint32_t changes = changes_;
     Incoming<Member> incoming(member, ownsMembers_);
     if (incoming.get().object == nullptr && !Member::takesNull)
         return;
+    // What makes clones may have looked something up in this map, and even have changed it.
+    prepareFor(text);
+    if (changes_ != changes)
+        found = find();
     if (found == 0) {
         link(incoming.get(), hash, textHash);
         incoming.placed();
@@ -218,8 +222,9 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t text
     (chain.last != 0 ? nodes_[chain.last].next : chain.first) = node;
     chain.last = node;
     ++size_;
+    ++changes_;
     if (index_.slots != nullptr)
-        index_.enter({member.object, areTexts_ ? textHash : hash, node});
+        index_.enter({member.object, hashOf(nodes_[node], areTexts_), node});
 }
 
 // Makes room for one more entry, so that nothing can fail once linking begins.
@@ -269,22 +274,25 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
     node = {Member(), 0, 0, kFreeRecord, free_};
     free_ = index;
     --size_;
+    ++changes_;
     return member;
 }
 
 template <typename Member>
 void ZHashTable<Member>::removeAll() {
     const ZUncancelled uncancelled;
-    // Without slots the chains alone tell what is there, at each moment on the way.
-    dropIndexes();
     for (uint64_t bucket = 0; size_ != 0 && bucket < bucketCount_; ++bucket) {
         while (chains_[bucket].first != 0) {
+            // Without an index the chains alone tell what is there, whatever the destructor of a
+            // member may do to the map.
+            dropIndexes();
             Member member = unlink(chains_[bucket].first);
             if (ownsMembers_)
                 member.deleteParts();
         }
     }
     if (size_ == 0) {
+        dropIndexes();
         zassert(nodes_[0].member.object == nullptr);
         used_ = 1;  // records are given out from the front again
         free_ = 0;
@@ -329,7 +337,7 @@ void ZHashTable<Member>::Index::free(uint32_t hole) {
 
 template <typename Member>
 uint32_t ZHashTable<Member>::slotOf(uint32_t node) const {
-    return index_.find(areTexts_ ? nodes_[node].textHash : nodes_[node].hash, node);
+    return index_.find(hashOf(nodes_[node], areTexts_), node);
 }
 
 // An empty one.
@@ -346,7 +354,7 @@ void ZHashTable<Member>::enterAll(Index& index, bool byText) const {
     for (uint32_t i = 1; i < used_; ++i) {
         const Node& node = nodes_[i];
         if (!isFree(node))
-            index.enter({node.member.object, byText ? node.textHash : node.hash, i});
+            index.enter({node.member.object, hashOf(node, byText), i});
     }
 }
 
@@ -414,6 +422,14 @@ void ZHashTable<Member>::turnToHashes() {
         enterAll(index_, false);
     }
     areTexts_ = false;
+}
+
+// Ahead of a change that brings a member, with its text if it is known to own one.
+template <typename Member>
+void ZHashTable<Member>::prepareFor(const ZKnownText& text) {
+    settle();
+    if (areTexts_ && text.data == nullptr)
+        turnToHashes();
 }
 
 template <typename Member>

@@ -18,9 +18,9 @@
 // members are strings of the library's own classes, whose equality is that of their bytes, the
 // index goes by a hash of ours, which takes eight bytes at a time, and none of their hash() is
 // asked for but at put, for the bucket. The first member of another kind turns the index to what
-// hash() said, for good. A probe of another kind, which may equal a text in its own way and come in
-// a call that changes nothing, gets an index of its own beside the first, and the next change goes
-// on with that one alone.
+// hash() said, until the map is emptied. A probe of another kind, which may equal a text in its own
+// way and come in a call that changes nothing, gets an index of its own beside the first, and the
+// next change goes on with that one alone.
 //
 // A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
 // look-up. The place of a slot is taken from the top bits of an odd constant times the hash, so
@@ -147,6 +147,10 @@ private:
         void free(uint32_t hole);
     };
 
+    static uint32_t hashOf(const Node& node, bool byText) {
+        return byText ? node.textHash : node.hash;
+    }
+
     static const uint32_t kFreeRecord = UINT32_MAX;  // as the neighbour `previous`
     static bool isFree(const Node& node) { return node.previous == kFreeRecord; }
 
@@ -156,10 +160,11 @@ private:
         return chains_[bucketCount_ > UINT32_MAX ? hash : bucket_.of(hash)];
     }
 
+    bool isIndexOfTexts() const { return areTexts_ && index_.slots != nullptr; }
     uint32_t nodeOf(const ZObject& probe) const;
     uint32_t nodeOfText(const ZKnownText& text, uint32_t hash) const;
     uint32_t nodeOfStranger(const ZObject& probe, uint32_t hash) const;
-    uint32_t nodeByHash(const Index& index, const ZObject& probe, uint32_t hash) const;
+    uint32_t nodeByHash(Index index, const ZObject& probe, uint32_t hash) const;
     uint32_t nodeInChain(const ZObject& probe, uint32_t hash, bool hashDecides) const;
 
     void reserve();
@@ -170,6 +175,7 @@ private:
     const Index* indexByHash() const;
     void settle();
     void turnToHashes();
+    void prepareFor(const ZKnownText& text);
     void dropIndexes();
     uint32_t slotOf(uint32_t node) const;
     void link(const Member& member, uint32_t hash, uint32_t textHash);
@@ -182,7 +188,8 @@ private:
     Chain* chains_;
 
     uint32_t size_;
-    uint32_t used_;  // records ever used, number 0 included
+    uint32_t changes_;  // of the set of members, so far
+    uint32_t used_;     // records ever used, number 0 included
     uint32_t free_;
     uint32_t capacity_;
     Node* nodes_;

@@ -41,7 +41,7 @@ unsigned int ZAbstractString::hash() const {
         h = (h * 33) ^ static_cast<unsigned char>(c);
         return true;
     };
-    // Four at a time, for a hash is most of a look-up in a map.
+    // Four at a time, for a hash is most of a look-up in a small map and of what is put into one.
     const char* s = getChars();
     while (takes(s[0]) && takes(s[1]) && takes(s[2]) && takes(s[3]))
         s += 4;
