@@ -92,8 +92,8 @@ public:
 /// Threads: no lock inside. Calls on const maps may run side by side; a change needs the caller's
 ///   lock against all other calls.
 /// Cost: looking up, putting and removing are constant on average, whatever the number of buckets;
-///   listing walks buckets and entries. An object of another class that is looked for in a large map
-///   of the library's strings has an index made for its kind, once: that look-up is linear.
+///   listing walks buckets and entries. An object of another class that is looked for in a large
+///   map of the library's strings has an index made for its kind, once: that look-up is linear.
 class ZEXPORT ZHashMap : public ZAbstractMap {
 public:
     /// An empty map of max(size, 2) * 3 / 2 buckets.
