@@ -243,6 +243,49 @@ TEST(Dialect, ReadingWhereMemoryIsShortForAMoment) {
     }
 }
 
+// However long they are, and however they are spelled; and none of them takes memory to leave.
+TEST(Dialect, LongNamesOfSeveralSpellings) {
+    const struct {
+        const ZDialect d;
+        const char *stanza, *other;
+    } kFolding[] = {{dialect({{&D::names, ZDIALECT_FOLDED_BLANKS}}), "The S", "thes"},
+                    {dialect({{&D::headers, ZDIALECT_SUBSECTIONS}, {&D::names, ZDIALECT_FOLDED}}),
+                     "A.B", "a.B"}};
+    for (const auto& f : kFolding) {
+        const string tail = string(300, '-') + f.stanza, otherTail = string(300, '-') + f.other;
+        const bool hasBlanks = f.d.names == ZDIALECT_FOLDED_BLANKS;
+        ZPStore store;
+        string text = hasBlanks ? "[" + tail + "]\n" : "[" + string(300, '-') + "A \"B\"]\n";
+        std::vector<string> names;
+        for (size_t size = 0; size < 600; size += 7) {
+            names.push_back("Name" + string(size, hasBlanks && size % 2 != 0 ? ' ' : 'X') +
+                            std::to_string(size));
+            text += names.back() + " = 1\n";
+        }
+        ASSERT_TRUE(fillStore(f.d, text, store));
+        EXPECT_NE(store.findStanza(spanOf(tail)), ZPStore::none);
+        EXPECT_EQ(store.findStanza(spanOf(tail)), store.findStanza(spanOf(otherTail)));
+        std::vector<ZPStore::Sought> sought;
+        for (string name : names) {
+            sought.push_back(store.seekToChange(spanOf(tail), spanOf(name)));
+            ASSERT_NE(sought.back().key, ZPStore::none);
+            if (hasBlanks)
+                name.insert(2, 40, ' ');
+            for (char& c : name)
+                c = static_cast<char>(tolower(c));
+            EXPECT_EQ(store.findKey(spanOf(otherTail), spanOf(name)), sought.back().key);
+        }
+        for (size_t i = 1; i < names.size(); i += 2) {
+            const FailAllocations noMemory(1, FailAllocations::onward);
+            store.removeKeyLines(sought[i].key);
+            store.removeKey(sought[i].key);
+        }
+        store.checkInvariants();
+        for (size_t i = 0; i < names.size(); ++i)
+            EXPECT_EQ(store.findKey(spanOf(tail), spanOf(names[i])) == ZPStore::none, i % 2 != 0);
+    }
+}
+
 TEST(Dialect, Rewriting) {
     const struct {
         const ZDialect& d;

@@ -1,5 +1,6 @@
 #include "zpstore.h"
 
+#include <algorithm>
 #include <initializer_list>
 #include <memory>
 
@@ -324,16 +325,36 @@ uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
     if (!zfoldsNames(*dialect_, isStanza))
         return zhashOf(name);
     // Where only the case makes a difference nothing has to be copied.
-    if (!(isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0) &&
-        (dialect_->names != ZDIALECT_FOLDED_BLANKS || !zhasDialectBlank(name)))
+    const bool hasSubsections = isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0;
+    const bool dropsBlanks = dialect_->names == ZDIALECT_FOLDED_BLANKS;
+    char folded[256];
+    if (!hasSubsections &&
+        (!dropsBlanks || (name.size <= sizeof folded && !zhasDialectBlank(name))))
         return zhashOfMapped(name.data, name.size,
                              [](uint64_t eight) { return zdialectLower(eight); });
-    char folded[256];
-    if (name.size <= sizeof folded)
-        return zhashOf({folded, zdialectFold(*dialect_, name, isStanza, folded)});
-    ZBytes all;
-    zdialectFold(*dialect_, name, isStanza, all);
-    return zhashOf(zspanOf(all));
+    // Others go through a buffer, piece by piece: whoever takes a name out of the index can't be
+    // without memory then.
+    const void* const dot = hasSubsections ? memchr(name.data, '.', name.size) : nullptr;
+    const size_t foldedEnd =
+        dot != nullptr ? static_cast<size_t>(static_cast<const char*>(dot) - name.data) : name.size;
+    uint64_t hash = 0;
+    size_t used = 0;
+    for (size_t at = 0; at < name.size;) {
+        if (used == sizeof folded) {
+            hash = zfoldedProduct(hash ^ zhashOf({folded, used}), kHashB);
+            used = 0;
+        }
+        const size_t end = at < foldedEnd ? foldedEnd : name.size;
+        const ZSpan piece = {name.data + at, std::min(end - at, sizeof folded - used)};
+        at += piece.size;
+        if (at > foldedEnd) {
+            memcpy(folded + used, piece.data, piece.size);
+            used += piece.size;
+        } else {
+            used += zdialectFold(*dialect_, piece, isStanza, folded + used);
+        }
+    }
+    return hash ^ zhashOf({folded, used});
 }
 
 bool ZPStore::foldAlike(ZSpan a, ZSpan b, bool areStanzas) const {
