@@ -79,7 +79,10 @@ struct Set {
     }
 
     string load() {
-        return raised([&] { set.load(model, 0); });
+        return raised([&] {
+            set.load(model, 0);
+            model.checkInvariants();
+        });
     }
 
     string prefix;

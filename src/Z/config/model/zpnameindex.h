@@ -102,12 +102,7 @@ public:
     /// hashOf(id) tells the hash of any entry. Requires: the entry is there.
     template <typename HashOf>
     void remove(uint32_t hash, ZPId id, HashOf hashOf) {
-        size_t slot = placeOf(hash);
-        while (idOf(state_.slots[slot]) != id) {
-            zassert(!state_.slots[slot].isFree());
-            slot = follower(slot);
-        }
-        removeAt(slot, hashOf);
+        removeAt(slotOf(hash, id), hashOf);
     }
     /// Likewise the entry that stands there.
     template <typename HashOf>
@@ -145,6 +140,10 @@ public:
         for (size_t i = 0; i < state_.capacity; ++i)
             if (!state_.slots[i].isFree())
                 visit(idOf(state_.slots[i]));
+    }
+    /// The name of an entry stands elsewhere now. Requires: the entry is there.
+    void setOffset(uint32_t hash, ZPId id, uint32_t offset) {
+        state_.slots[slotOf(hash, id)].offset = offset;
     }
     /// Asks offsetOf(id) anew for each entry, after the text has moved.
     template <typename OffsetOf>
@@ -206,6 +205,15 @@ private:
     }
     size_t placeOf(uint32_t hash) const {
         return static_cast<size_t>((static_cast<uint64_t>(hash) * state_.capacity) >> 32);
+    }
+    // Where an entry stands.
+    size_t slotOf(uint32_t hash, ZPId id) const {
+        size_t slot = placeOf(hash);
+        while (idOf(state_.slots[slot]) != id) {
+            zassert(!state_.slots[slot].isFree());
+            slot = follower(slot);
+        }
+        return slot;
     }
     size_t follower(size_t slot) const { return slot + 1 == state_.capacity ? 0 : slot + 1; }
     // How far behind another slot this one stands, around the end.

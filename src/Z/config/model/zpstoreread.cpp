@@ -80,6 +80,7 @@ ZPStore::Id ZPStore::readHeaderAgain(Id id, ZPSlice name) {
     // By its place it is known that this file has had it.
     text_.drop(stanza.name);
     stanza.name = name;
+    stanzaIndex_.setOffset(znarrowHash(stanza.hash), id, name.offset);
     return stanza.group;
 }
 
