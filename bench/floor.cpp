@@ -19,10 +19,13 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <memory>
+#include <random>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "Z/ZKeyMap.h"
 #include "adapters.h"
 
 namespace {
@@ -250,20 +253,69 @@ void lookUps(const char* path) {
     });
     printRow("look-up from C, over C++", block, c, cpp, "ns");
     zstzPropClose(handle);
+}
 
-    std::unordered_map<std::string, size_t> map;
-    std::vector<ZLCString> keys;
-    for (const Name& name : names) {
-        map[name.key] = map.size();
-        keys.push_back(ZLCString(name.key.c_str()));
+// A string found in a map of such: its text is hashed, a slot is read and one string compared.
+void textMap(size_t count) {
+    std::vector<std::unique_ptr<ZLCString>> keys, probes;
+    std::vector<std::unique_ptr<std::string>> peerProbes;
+    std::unordered_map<std::string, const void*> peerMap;
+    std::vector<size_t> order(count);
+    for (size_t i = 0; i < count; ++i)
+        order[i] = i;
+    std::shuffle(order.begin(), order.end(), std::mt19937(1));
+    const auto textOf = [](size_t i) { return "setting." + std::to_string(1000000 + i) + ".name"; };
+    for (size_t i = 0; i < count; ++i)
+        keys.emplace_back(new ZLCString(textOf(i).c_str()));
+    for (size_t i : order)
+        probes.emplace_back(new ZLCString(textOf(i).c_str()));
+    for (size_t i = 0; i < count; ++i)
+        peerMap[textOf(i)] = &peerMap;
+    for (size_t i : order)
+        peerProbes.emplace_back(new std::string(textOf(i)));
+
+    struct Place {
+        const ZLCString* key;
+        uint32_t hash;
+    };
+    std::vector<Place> places(count * 2);
+    const auto slotOf = [&](const ZLCString& text) -> Place& {
+        // All have 20 bytes.
+        uint64_t words[3];
+        memcpy(words, text.getChars(), 16);
+        memcpy(words + 2, text.getChars() + 12, 8);
+        uint64_t hash = (words[0] ^ words[1] * 0x9E3779B97F4A7C15u) * 0xD6E8FEB86659FD93u;
+        hash = (hash ^ hash >> 32 ^ words[2]) * 0x9E3779B97F4A7C15u;
+        size_t slot = ((hash >> 32) * places.size()) >> 32;
+        for (;; slot = slot + 1 == places.size() ? 0 : slot + 1) {
+            Place& place = places[slot];
+            if (place.key == nullptr)
+                place.hash = static_cast<uint32_t>(hash);
+            if (place.key == nullptr || (place.hash == static_cast<uint32_t>(hash) &&
+                                         memcmp(place.key->getChars(), text.getChars(), 20) == 0))
+                return place;
+        }
+    };
+    ZHashKeyMap map(10, 0);
+    for (const auto& key : keys) {
+        slotOf(*key).key = key.get();
+        map.putEntry(key.get(), key.get());
     }
-    const double peer = measure([&](const Name& name) { sink = map.find(name.key)->second; });
-    size_t next = 0;
-    const double hash = measure([&](const Name&) {
-        const ZLCString& key = keys[next++ % keys.size()];
-        sink = key.hash() + static_cast<size_t>(key.getLength());
-    });
-    printRow("hash of a text key", hash, hash, peer, "ns");
+    const auto measure = [&](const auto& all, auto find) {
+        return median(9, [&] {
+            const Clock::time_point start = Clock::now();
+            for (size_t done = 0; done < 200000; done += all.size())
+                for (const auto& probe : all)
+                    sink = reinterpret_cast<size_t>(find(*probe));
+            const size_t rounds = (200000 + all.size() - 1) / all.size();
+            return nanoseconds(start) / static_cast<double>(rounds * all.size());
+        });
+    };
+    const double floor = measure(probes, [&](const ZLCString& text) { return slotOf(text).key; });
+    const double ours = measure(probes, [&](const ZLCString& text) { return map.getEntry(&text); });
+    const double peer =
+        measure(peerProbes, [&](const std::string& text) { return peerMap.find(text)->second; });
+    printRow(("text in a map of " + std::to_string(count)).c_str(), floor, ours, peer, "ns");
 }
 
 template <typename Work>
@@ -368,6 +420,8 @@ int main(int, char** argv) {
            "floor/peer");
     loads(path.c_str());
     lookUps(path.c_str());
+    for (const size_t count : {100, 1000, 10000, 100000})
+        textMap(count);
     million(path.c_str(), 1000000);
     million(path.c_str(), 20);
     makeFile(path.c_str(), 100);

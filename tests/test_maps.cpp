@@ -520,6 +520,31 @@ TEST(KeyMap, CopiesThatAreMadeForItMayLookIntoItAndChangeIt) {
     }
 }
 
+/// Fills a map when it is asked for its hash.
+class Loading : public ZLCString {
+public:
+    Loading(const char* text, ZHashMap& map) : ZLCString(text), map_(map) {}
+    unsigned int hash() const override {
+        for (int i = 0; i < 200; ++i) {
+            ZLCString text(i);
+            map_.putEntry(&text);
+        }
+        return ZLCString::hash();
+    }
+
+private:
+    ZHashMap& map_;
+};
+
+TEST(HashMap, MayBeFilledByTheHashThatIsSought) {
+    ZHashMap map(10, 1);
+    const Loading probe("150", map);
+    const ZObject* const found = map.getEntry(&probe);
+    ASSERT_NE(found, nullptr);
+    EXPECT_TRUE(found->equals(probe));
+    EXPECT_EQ(map.size(), 200u);
+}
+
 // Memory
 
 TEST(MapMemory, MapsGiveEverythingBack) {

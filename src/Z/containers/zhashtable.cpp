@@ -112,19 +112,9 @@ ZHashTable<Member>::~ZHashTable() noexcept {
 
 // ---------------------------------------------------------------- look-ups
 
+// In place: in a large map it counts how many look-ups a processor has in sight at once.
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeOf(const ZObject& probe) const {
-    if (isIndexOfTexts()) {
-        const ZKnownText text = zknownText(probe);
-        if (text.data != nullptr)
-            return nodeOfText(text, text.hash());
-    }
-    const uint32_t hash = probe.hash();  // may be a caller's and change the map
-    return isIndexOfTexts() ? nodeOfStranger(probe, hash) : nodeByHash(index_, probe, hash);
-}
-
-template <typename Member>
-uint32_t ZHashTable<Member>::nodeOfText(const ZKnownText& text, uint32_t hash) const {
+inline uint32_t ZHashTable<Member>::nodeOfText(const ZKnownText& text, uint32_t hash) const {
     for (uint32_t i = index_.placeOf(hash);; i = (i + 1) & index_.mask) {
         const Slot& slot = index_.slots[i];
         if (slot.node == 0)
@@ -137,13 +127,27 @@ uint32_t ZHashTable<Member>::nodeOfText(const ZKnownText& text, uint32_t hash) c
 }
 
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeOfStranger(const ZObject& probe, uint32_t hash) const {
-    const Index* const index = indexByHash();
-    return index != nullptr ? nodeByHash(*index, probe, hash) : nodeInChain(probe, hash, true);
+uint32_t ZHashTable<Member>::nodeByText(const ZObject& probe) const {
+    const ZKnownText text = zknownText(probe);
+    return text.data != nullptr ? nodeOfText(text, text.hash()) : nodeByOwnHash(probe);
 }
 
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeByHash(Index index, const ZObject& probe, uint32_t hash) const {
+uint32_t ZHashTable<Member>::nodeInChain(const ZObject& probe, uint32_t hash,
+                                         bool hashDecides) const {
+    for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next) {
+        if (hashDecides && nodes_[i].hash != hash)
+            continue;
+        const ZObject* object = nodes_[i].member.object;
+        if (object != nullptr && probe.equals(*object))
+            return i;
+    }
+    return 0;
+}
+
+template <typename Member>
+inline uint32_t ZHashTable<Member>::nodeByHash(const Index& index, const ZObject& probe,
+                                               uint32_t hash) const {
     if (index.slots == nullptr)
         return nodeInChain(probe, hash, Member::hashDecides);
     for (uint32_t i = index.placeOf(hash);; i = (i + 1) & index.mask) {
@@ -158,16 +162,18 @@ uint32_t ZHashTable<Member>::nodeByHash(Index index, const ZObject& probe, uint3
 }
 
 template <typename Member>
-uint32_t ZHashTable<Member>::nodeInChain(const ZObject& probe, uint32_t hash,
-                                         bool hashDecides) const {
-    for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next) {
-        if (hashDecides && nodes_[i].hash != hash)
-            continue;
-        const ZObject* object = nodes_[i].member.object;
-        if (object != nullptr && probe.equals(*object))
-            return i;
-    }
-    return 0;
+uint32_t ZHashTable<Member>::nodeOfStranger(const ZObject& probe, uint32_t hash) const {
+    const Index* const byHash = indexByHash();
+    if (byHash == nullptr)
+        return nodeInChain(probe, hash, true);
+    const Index index = *byHash;  // which goes if equals() changes the map
+    return nodeByHash(index, probe, hash);
+}
+
+template <typename Member>
+uint32_t ZHashTable<Member>::nodeByOwnHash(const ZObject& probe) const {
+    const uint32_t hash = probe.hash();  // may be a caller's and change the map
+    return isIndexOfTexts() ? nodeOfStranger(probe, hash) : nodeByHash(index_, probe, hash);
 }
 
 // ---------------------------------------------------------------- changes
@@ -189,10 +195,12 @@ void ZHashTable<Member>::put(const Member& member) {
     Incoming<Member> incoming(member, ownsMembers_);
     if (incoming.get().object == nullptr && !Member::takesNull)
         return;
-    // What makes clones may have looked something up in this map, and even have changed it.
-    prepareFor(text);
-    if (changes_ != changes)
-        found = find();
+    if (ownsMembers_) {
+        // What makes clones may have looked something up in this map, and even have changed it.
+        prepareFor(text);
+        if (changes_ != changes)
+            found = find();
+    }
     if (found == 0) {
         link(incoming.get(), hash, textHash);
         incoming.placed();

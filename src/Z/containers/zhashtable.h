@@ -100,7 +100,10 @@ public:
     int ownsMembers() const { return ownsMembers_; }
 
     /// The member that `probe` equals; one with a null object when there is none.
-    const Member& find(const ZObject& probe) const { return nodes_[nodeOf(probe)].member; }
+    const Member& find(const ZObject& probe) const {
+        const uint32_t node = nodeOf(probe);  // first, for it may be a caller's and move the nodes
+        return nodes_[node].member;
+    }
 
     /// Stores `member`, or its clones in an owning table, in the place of the one that its object
     /// equals, else at the end of its bucket.
@@ -161,10 +164,15 @@ private:
     }
 
     bool isIndexOfTexts() const { return areTexts_ && index_.slots != nullptr; }
-    uint32_t nodeOf(const ZObject& probe) const;
-    uint32_t nodeOfText(const ZKnownText& text, uint32_t hash) const;
+    uint32_t nodeOf(const ZObject& probe) const {
+        return isIndexOfTexts() ? nodeByText(probe) : nodeByOwnHash(probe);
+    }
+    uint32_t nodeByText(const ZObject& probe) const;
+    __attribute__((always_inline)) uint32_t nodeOfText(const ZKnownText& text, uint32_t hash) const;
+    uint32_t nodeByOwnHash(const ZObject& probe) const;
     uint32_t nodeOfStranger(const ZObject& probe, uint32_t hash) const;
-    uint32_t nodeByHash(Index index, const ZObject& probe, uint32_t hash) const;
+    __attribute__((always_inline)) uint32_t nodeByHash(const Index& index, const ZObject& probe,
+                                                       uint32_t hash) const;
     uint32_t nodeInChain(const ZObject& probe, uint32_t hash, bool hashDecides) const;
 
     void reserve();

@@ -34,24 +34,26 @@ __attribute__((always_inline)) inline uint64_t zhashOfMapped(const char* data, s
         memcpy(&value, from, sizeof value);
         return map(static_cast<uint64_t>(value));
     };
-    const char* at = data;
-    size_t left = size;
-    uint64_t hash = kHashA ^ left;
-    // Most names have 8 to 16 bytes.
-    for (; __builtin_expect(left > 16, 0); at += 16, left -= 16)
-        hash = zfoldedProduct(hash ^ load(at, uint64_t()), kHashB ^ load(at + 8, uint64_t()));
+    uint64_t hash = kHashA ^ size;
     // Two overlapping loads reach what is left, whatever its length.
     uint64_t first = 0, second = 0;
-    if (__builtin_expect(left >= 8, 1)) {
-        first = load(at, uint64_t());
-        second = load(at + left - 8, uint64_t());
-    } else if (left >= 4) {
-        first = load(at, uint32_t());
-        second = load(at + left - 4, uint32_t());
-    } else if (left > 0) {
-        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(at);
-        first = map(bytes[0] | static_cast<uint64_t>(bytes[left / 2]) << 8 |
-                    static_cast<uint64_t>(bytes[left - 1]) << 16);
+    // Most names have 8 to 16 bytes.
+    if (__builtin_expect(size - 8 <= 8, 1)) {
+        first = load(data, uint64_t());
+        second = load(data + size - 8, uint64_t());
+    } else if (size > 16) {
+        const char* const last = data + size - 16;
+        for (const char* at = data; at < last; at += 16)
+            hash = zfoldedProduct(hash ^ load(at, uint64_t()), kHashB ^ load(at + 8, uint64_t()));
+        first = load(last, uint64_t());
+        second = load(last + 8, uint64_t());
+    } else if (size >= 4) {
+        first = load(data, uint32_t());
+        second = load(data + size - 4, uint32_t());
+    } else if (size > 0) {
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
+        first = map(bytes[0] | static_cast<uint64_t>(bytes[size / 2]) << 8 |
+                    static_cast<uint64_t>(bytes[size - 1]) << 16);
     }
     return zfoldedProduct(hash ^ first, kHashB ^ second);
 }
