@@ -8,8 +8,8 @@
 //   table of the texts' hashes and places, and the text; no records, no lines, no locks. In stanzas
 //   of 20 a second table of the stanzas, with the place of the last key of each. Of a deleted key
 //   the slot is marked alone;
-// - a string in a map of such: a slot and one string for the hash of three words of its text, in
-//   place; no calls, no order, no other kinds;
+// - a string in a map of such: the hash of its text's 20 bytes, one slot and one string; no calls,
+//   no order, no other kinds of members;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -2,6 +2,7 @@
 #include "support/Prelude.h"
 
 #include <deque>
+#include <functional>
 #include <thread>
 
 #include "Z/ZKeyMap.h"
@@ -459,29 +460,44 @@ TEST(KeyMap, CopiesThatAreMadeForItMayLookIntoItAndChangeIt) {
     }
 }
 
-/// Fills a map when it is asked for its hash.
-class Loading : public ZLCString {
+/// A string that does something when a map asks it.
+class Calling : public ZLCString {
 public:
-    Loading(const char* text, ZHashMap& map) : ZLCString(text), map_(map) {}
-    unsigned int hash() const override {
-        for (int i = 0; i < 200; ++i) {
-            ZLCString text(i);
-            map_.putEntry(&text);
-        }
-        return ZLCString::hash();
+    explicit Calling(const char* text) : ZLCString(text) {}
+    ZObject* clone() const override { return new Derived(getChars()); }
+    unsigned int hash() const override { return onHash(), ZLCString::hash(); }
+    int equals(const ZObject& other) const override {
+        const int result = ZLCString::equals(other);
+        return onEquals(), result;
     }
-
-private:
-    ZHashMap& map_;
+    std::function<void()> onHash = [] {}, onEquals = [] {};
 };
 
-TEST(HashMap, MayBeFilledByTheHashThatIsSought) {
+TEST(HashMap, MayBeChangedByTheHashAndTheComparisonThatItAsksFor) {
     ZHashMap map(10, 1);
-    const Loading probe("150", map);
-    const ZObject* const found = map.getEntry(&probe);
-    ASSERT_NE(found, nullptr);
-    EXPECT_TRUE(found->equals(probe));
+    const auto fill = [&map] {
+        for (int i = 0; i < 200; ++i) {
+            ZLCString text(i);
+            map.putEntry(&text);
+        }
+    };
+    Calling probe("150");
+    probe.onHash = fill;
+    EXPECT_NE(map.getEntry(&probe), nullptr);
     EXPECT_EQ(map.size(), 200u);
+    for (const bool refills : {false, true}) {
+        Calling added("150");
+        added.onEquals = [&] {
+            map.removeAll();
+            if (refills)
+                fill(), map.getEntry(&probe);
+        };
+        map.putEntry(&added);
+        fill();
+        ZLCString text("150");
+        EXPECT_TRUE(map.contains(&text));
+        EXPECT_EQ(map.size(), 200u);
+    }
 }
 
 // Memory

@@ -80,7 +80,7 @@ public:
 ///
 /// The hash of an entry is taken once, by putEntry(), and kept; a look-up asks its probe at most
 ///   once and no member. Once a map is large, members are found through an index of all kept
-///   hashes, or of their texts where all are strings of the library's own classes, and `equals` is
+///   hashes, or of their texts where all are strings of the library that own them, and `equals` is
 ///   asked only of those whose hash is that of the probe. So objects that are equal must have the
 ///   same hash, and neither may change while an object is in a map.
 /// Ownership: settled by ownsMembers; assignment takes that of the source. An owning map clones on
@@ -92,8 +92,8 @@ public:
 /// Threads: no lock inside. Calls on const maps may run side by side; a change needs the caller's
 ///   lock against all other calls.
 /// Cost: looking up, putting and removing are constant on average, whatever the number of buckets;
-///   listing walks buckets and entries. An object of another class that is looked for in a large
-///   map of the library's strings has an index made for its kind, once: that look-up is linear.
+///   listing walks buckets and entries. The first object of another class that is looked for in a
+///   large map of such strings has an index by hash() made, and that look-up is linear.
 class ZEXPORT ZHashMap : public ZAbstractMap {
 public:
     /// An empty map of max(size, 2) * 3 / 2 buckets.

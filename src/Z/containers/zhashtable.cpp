@@ -83,10 +83,14 @@ ZHashTable<Member>::ZHashTable(const ZHashTable& other)
     areTexts_ = other.areTexts_;
     for (uint64_t bucket = 0; bucket < bucketCount_; ++bucket) {
         for (uint32_t i = other.chains_[bucket].first; i != 0; i = other.nodes_[i].next) {
-            const Node& node = other.nodes_[i];
+            const Node node = other.nodes_[i];
             if (node.member.object == nullptr && ownsMembers_)
                 continue;
             Incoming<Member> incoming(node.member, ownsMembers_);
+            // What makes clones may have put something else into the other one. Members that
+            // aren't owned may be gone by now.
+            if (ownsMembers_ && areTexts_ && zownedText(*incoming.get().object).data == nullptr)
+                turnToHashes();
             link(incoming.get(), node.hash, node.textHash);
             incoming.placed();
         }
@@ -150,14 +154,19 @@ inline uint32_t ZHashTable<Member>::nodeByHash(const Index& index, const ZObject
                                                uint32_t hash) const {
     if (index.slots == nullptr)
         return nodeInChain(probe, hash, Member::hashDecides);
+    const uint32_t changes = changes_;
     for (uint32_t i = index.placeOf(hash);; i = (i + 1) & index.mask) {
-        const Slot& slot = index.slots[i];
+        const Slot slot = index.slots[i];
         if (slot.node == 0)
             return 0;
         zassert(slot.object == nodes_[slot.node].member.object &&
                 slot.hash == nodes_[slot.node].hash);  // (2)
-        if (slot.hash == hash && slot.object != nullptr && probe.equals(*slot.object))
+        if (slot.hash != hash || slot.object == nullptr)
+            continue;
+        if (probe.equals(*slot.object))
             return slot.node;
+        if (changes_ != changes)  // by equals(): these slots may be gone
+            return nodeInChain(probe, hash, true);
     }
 }
 
@@ -166,7 +175,7 @@ uint32_t ZHashTable<Member>::nodeOfStranger(const ZObject& probe, uint32_t hash)
     const Index* const byHash = indexByHash();
     if (byHash == nullptr)
         return nodeInChain(probe, hash, true);
-    const Index index = *byHash;  // which goes if equals() changes the map
+    const Index index = *byHash;  // the block goes with a change
     return nodeByHash(index, probe, hash);
 }
 
@@ -187,19 +196,22 @@ void ZHashTable<Member>::put(const Member& member) {
         __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
     const uint32_t hash = object.hash();
     const auto find = [&] {
-        prepareFor(text);
         return isIndexOfTexts() ? nodeOfText(text, textHash) : nodeByHash(index_, object, hash);
     };
-    uint32_t found = find();
+    prepareFor(text);
     const uint32_t changes = changes_;
+    uint32_t found = find();
     Incoming<Member> incoming(member, ownsMembers_);
     if (incoming.get().object == nullptr && !Member::takesNull)
         return;
-    if (ownsMembers_) {
-        // What makes clones may have looked something up in this map, and even have changed it.
+    // What compares and makes clones may be a caller's, and have looked something up in this map or
+    // even have changed it.
+    prepareFor(text);
+    if (changes_ != changes) {
+        found = find();
         prepareFor(text);
-        if (changes_ != changes)
-            found = find();
+        if (found != 0 && isFree(nodes_[found]))
+            found = 0;
     }
     if (found == 0) {
         link(incoming.get(), hash, textHash);
@@ -419,6 +431,7 @@ void ZHashTable<Member>::settle() {
     byHash_.store(nullptr, std::memory_order_relaxed);
     zreleaseBlock(byHash);
     areTexts_ = false;
+    ++changes_;
 }
 
 template <typename Member>
@@ -430,6 +443,7 @@ void ZHashTable<Member>::turnToHashes() {
         enterAll(index_, false);
     }
     areTexts_ = false;
+    ++changes_;
 }
 
 // Ahead of a change that brings a member, with its text if it is known to own one.

@@ -15,10 +15,10 @@
 // A small map is searched by walking the chain.
 //
 // The hash of a text is defined byte by byte, and to take it is most of a look-up. As long as all
-// members are strings of the library's own classes, whose equality is that of their bytes, the
-// index goes by a hash of ours, which takes eight bytes at a time, and none of their hash() is
+// members are strings of the library's own classes that own their text, and whose equality is that
+// of their bytes, the index goes by a hash of ours, which takes eight bytes at a time, and none of their hash() is
 // asked for but at put, for the bucket. The first member of another kind turns the index to what
-// hash() said, until the map is emptied. A probe of another kind, which may equal a text in its own
+// hash() said, until removeAll(). A probe of another kind, which may equal a text in its own
 // way and come in a call that changes nothing, gets an index of its own beside the first, and the
 // next change goes on with that one alone.
 //
@@ -196,7 +196,7 @@ private:
     Chain* chains_;
 
     uint32_t size_;
-    uint32_t changes_;  // of the set of members, so far
+    uint32_t changes_;  // of the set of members and of what indexes go by, so far
     uint32_t used_;     // records ever used, number 0 included
     uint32_t free_;
     uint32_t capacity_;

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-/// The upper and lower half of a 128-bit product, folded: each input bit reaches every output bit.
+/// The upper and lower half of a 128-bit product, folded: input bits reach all output bits.
 inline uint64_t zfoldedProduct(uint64_t a, uint64_t b) {
 #ifdef __SIZEOF_INT128__
     __extension__ typedef unsigned __int128 Wide;
@@ -35,7 +35,7 @@ __attribute__((always_inline)) inline uint64_t zhashOfMapped(const char* data, s
         return map(static_cast<uint64_t>(value));
     };
     uint64_t hash = kHashA ^ size;
-    // Two overlapping loads reach what is left, whatever its length.
+    // Two loads, which may overlap, reach all that is left.
     uint64_t first = 0, second = 0;
     // Most names have 8 to 16 bytes.
     if (__builtin_expect(size - 8 <= 8, 1)) {
