@@ -16,11 +16,11 @@
 //
 // The hash of a text is defined byte by byte, and to take it is most of a look-up. As long as all
 // members are strings of the library's own classes that own their text, and whose equality is that
-// of their bytes, the index goes by a hash of ours, which takes eight bytes at a time, and none of their hash() is
-// asked for but at put, for the bucket. The first member of another kind turns the index to what
-// hash() said, until removeAll(). A probe of another kind, which may equal a text in its own
-// way and come in a call that changes nothing, gets an index of its own beside the first, and the
-// next change goes on with that one alone.
+// of their bytes, the index goes by a hash of ours, which takes eight bytes at a time, and none of
+// their hash() is asked for but at put, for the bucket. The first member of another kind turns the
+// index to what hash() said, until removeAll(). A probe of another kind, which may equal a text in
+// its own way and come in a call that changes nothing, gets an index of its own beside the first,
+// and the next change goes on with that one alone.
 //
 // A slot repeats object and hash of its record, which costs memory and saves a cache miss for each
 // look-up. The place of a slot is taken from the top bits of an odd constant times the hash, so
