@@ -10,8 +10,6 @@
 // operation grows with the number of keys, ours alone, and one edit as a whole process.
 //
 //   config [--quick] [--growth] [number of keys ...]
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,8 +25,7 @@
 #include <vector>
 
 #include "adapters.h"
-
-extern char** environ;
+#include "process.h"
 
 namespace {
 
@@ -488,28 +485,16 @@ void runGrowth(const std::string& folder, bool isQuick) {
 
 // ---------------------------------------------------------------- one edit as a whole process
 
-double spawnEdit(const std::string& program, const std::string& path) {
-    const double start = now();
-    const char* arguments[] = {program.c_str(), path.c_str(), nullptr};
-    pid_t pid;
-    int status;
-    if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, const_cast<char**>(arguments),
-                    environ) != 0 ||
-        waitpid(pid, &status, 0) != pid || status != 0)
-        abort();
-    return (now() - start) * 1e6;
-}
-
 // Each library has an editing program of its own, that links nothing of the others; ours is
 // written in C.
 void runProcesses(const std::string& folder, const std::string& here, int repetitions) {
-    const char* const kPrograms[] = {"/edit_zbase", "/edit_glib", "/edit_simpleini"};
+    const char* const kPrograms[] = {"edit_zbase", "edit_glib", "edit_simpleini"};
     for (size_t keys : {size_t(100), size_t(1000)}) {
         const Plan plan = makePlan(folder, keys, 20);
         Times times[3];
         for (int i = 0; i < repetitions * 40; ++i)
             for (int p = 0; p < 3; ++p)
-                times[p].push_back(spawnEdit(here + kPrograms[p], plan.path));
+                times[p].push_back(editTime(here, kPrograms[p], plan.path));
         printf("%zu keys, one edit as a whole process\n", keys);
         const double glib = median(times[1]), simple = median(times[2]);
         printRow(plan.what, "edit", median(times[0]), glib, simple, 0.9, "us",
@@ -549,13 +534,14 @@ int main(int argc, char** argv) {
     const std::unique_ptr<char, decltype(&free)> self(realpath("/proc/self/exe", nullptr), &free);
     std::string here = self.get();
     here.resize(here.rfind('/'));
+    // First, while the system's memory is as programs find it that have done nothing else.
+    if (all && !growthAlone)
+        runProcesses(folder, here, repetitions);
     for (size_t keys : sizes) {
         const int rounds = keys <= 1000 ? repetitions * 6 : repetitions;
         runSize(folder, keys, 20, rounds);
         runSize(folder, keys, keys, rounds);
     }
-    if (all && !growthAlone)
-        runProcesses(folder, here, repetitions);
     if (all)
         runGrowth(folder, isQuick);
     for (const char* name : {"/in.conf", "/out.conf"})

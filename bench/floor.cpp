@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +27,7 @@
 
 #include "Z/ZKeyMap.h"
 #include "adapters.h"
+#include "process.h"
 
 namespace {
 
@@ -390,24 +390,19 @@ void million(const char* path, size_t perStanza) {
     printf("  %-30s %10.1f\n", ("memory" + shape).c_str(), bytes);
 }
 
-double processOf(const std::vector<std::string>& command) {
-    std::vector<char*> arguments;
-    for (const std::string& argument : command)
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    return median(101, [&] {
-        const Clock::time_point start = Clock::now();
-        const pid_t child = vfork();
-        if (child == 0) {
-            execv(arguments[0], arguments.data());
-            _exit(127);
-        }
-        int status;
-        waitpid(child, &status, 0);
-        if (status != 0)
-            abort();
-        return nanoseconds(start) / 1000;
-    });
+void processes(const std::string& folder, const char* path) {
+    makeFile(path, 100);
+    static const char* const kPrograms[] = {"floor_process", "edit_zbase", "edit_glib",
+                                            "edit_simpleini"};
+    std::vector<double> times[4];
+    for (int round = 0; round < 201; ++round)
+        for (int p = 0; p < 4; ++p)
+            times[p].push_back(editTime(folder, kPrograms[p], path));
+    for (std::vector<double>& each : times)
+        std::nth_element(each.begin(), each.begin() + each.size() / 2, each.end());
+    const size_t middle = times[0].size() / 2;
+    printRow("edit as a process, 100 keys", times[0][middle], times[1][middle],
+             std::min(times[2][middle], times[3][middle]), "us");
 }
 
 }  // namespace
@@ -419,18 +414,14 @@ int main(int, char** argv) {
     const std::string path = std::string(folder) + "/in.conf";
     printf("  %-30s %10s %10s %10s  %-7s %s\n", "work", "floor", "zbase", "best peer", "unit",
            "floor/peer");
+    const std::string self = argv[0];
+    processes(self.substr(0, self.rfind('/')), path.c_str());
     loads(path.c_str());
     lookUps(path.c_str());
     for (const size_t count : {100, 1000, 10000, 100000})
         textMap(count);
     million(path.c_str(), 1000000);
     million(path.c_str(), 20);
-    makeFile(path.c_str(), 100);
-    const std::string self = argv[0], bench = self.substr(0, self.rfind('/') + 1);
-    const double peer = std::min(processOf({bench + "edit_glib", path}),
-                                 processOf({bench + "edit_simpleini", path}));
-    printRow("edit as a process, 100 keys", processOf({bench + "floor_process", path}),
-             processOf({bench + "edit_zbase", path}), peer, "us");
     unlink(path.c_str());
     rmdir(folder);
     return 0;

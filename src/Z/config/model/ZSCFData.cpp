@@ -43,13 +43,16 @@ ZPCache* ZSCFData::clone() const { return new ZSCFData(*this); }
 // does; 0: up to the end.
 template <typename Read>
 static void readAll(ZPStore& store, uint64_t size, Read read) {
-    static const size_t kStep = 64 * 1024, kLarge = 1 << 20, kMostSpare = 1 << 30;
+    static const size_t kStep = 64 * 1024, kLarge = 1 << 20, kHuge = 16 << 20;
+    static const size_t kMostSpare = 1 << 30;
     size_t room = size == 0 ? kStep : size < SIZE_MAX ? static_cast<size_t>(size) : SIZE_MAX;
     store.setReadError(0);
     for (int interrupted = 0;;) {
         int error = 0;
-        // And some more, for what is set later: of a large block that is nothing but addresses.
-        const size_t spare = room < kLarge ? room / 4 : room < kMostSpare ? room / 2 : 0;
+        // And some more, for what is set later: of a large block that is nothing but addresses. A
+        // huge one is to stay one that malloc keeps for the next load.
+        const size_t share = room >= kLarge && room < kHuge ? room / 2 : room / 4;
+        const size_t spare = room < kMostSpare ? share : 0;
         const size_t got = read(store.textRoom(room, spare), room, error);
         store.commitText(got);
         // A signal that came in between is no failure: the rest follows.
