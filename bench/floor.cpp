@@ -37,14 +37,18 @@ double nanoseconds(Clock::time_point since) {
     return std::chrono::duration<double, std::nano>(Clock::now() - since).count();
 }
 
+double medianOf(std::vector<double> times) {
+    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+    return times[times.size() / 2];
+}
+
 // The median of some rounds of `work`, which says what it took.
 template <typename Work>
 double median(int rounds, Work work) {
     std::vector<double> times;
     for (int i = 0; i < rounds; ++i)
         times.push_back(work());
-    std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
-    return times[rounds / 2];
+    return medianOf(times);
 }
 
 volatile size_t sink;
@@ -378,10 +382,6 @@ void million(const char* path, size_t perStanza) {
         GLibFile glib;
         measure(glib, peers);
     }
-    const auto medianOf = [](std::vector<double> times) {
-        std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-        return times[times.size() / 2];
-    };
     const std::string shape = perStanza < keys ? ", 10^6, stanzas of 20" : ", 10^6 in one stanza";
     for (int work = 0; work < 4; ++work)
         if (!ours[work].empty())
@@ -398,11 +398,8 @@ void processes(const std::string& folder, const char* path) {
     for (int round = 0; round < 201; ++round)
         for (int p = 0; p < 4; ++p)
             times[p].push_back(editTime(folder, kPrograms[p], path));
-    for (std::vector<double>& each : times)
-        std::nth_element(each.begin(), each.begin() + each.size() / 2, each.end());
-    const size_t middle = times[0].size() / 2;
-    printRow("edit as a process, 100 keys", times[0][middle], times[1][middle],
-             std::min(times[2][middle], times[3][middle]), "us");
+    printRow("edit as a process, 100 keys", medianOf(times[0]), medianOf(times[1]),
+             std::min(medianOf(times[2]), medianOf(times[3])), "us");
 }
 
 }  // namespace

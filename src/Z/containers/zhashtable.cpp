@@ -369,13 +369,16 @@ typename ZHashTable<Member>::Index ZHashTable<Member>::makeIndex(int shift) cons
     return {slots, static_cast<uint32_t>(count - 1), static_cast<uint32_t>(count / 8 * 5), shift};
 }
 
+// One of all records.
 template <typename Member>
-void ZHashTable<Member>::enterAll(Index& index, bool byText) const {
+typename ZHashTable<Member>::Index ZHashTable<Member>::indexAll(int shift, bool byText) const {
+    Index index = makeIndex(shift);
     for (uint32_t i = 1; i < used_; ++i) {
         const Node& node = nodes_[i];
         if (!isFree(node))
             index.enter({node.member.object, hashOf(node, byText), i});
     }
+    return index;
 }
 
 // Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
@@ -384,8 +387,7 @@ template <typename Member>
 void ZHashTable<Member>::growIndex() {
     const Index old = index_;
     if (old.slots == nullptr) {
-        index_ = makeIndex(64 - kFirstSlotBits);
-        enterAll(index_, areTexts_);
+        index_ = indexAll(64 - kFirstSlotBits, areTexts_);
         return;
     }
     zrequireRoom(old.shift != 32);
@@ -407,12 +409,11 @@ const typename ZHashTable<Member>::Index* ZHashTable<Member>::indexByHash() cons
     Index* mine = nullptr;
     try {
         mine = static_cast<Index*>(zallocateBlock(1, sizeof(Index)));
-        *mine = makeIndex(index_.shift);
+        *mine = indexAll(index_.shift, false);
     } catch (...) {
         zreleaseBlock(mine);
         return nullptr;
     }
-    enterAll(*mine, false);
     if (byHash_.compare_exchange_strong(index, mine, std::memory_order_acq_rel))
         return mine;
     zreleaseBlock(mine->slots);
@@ -437,10 +438,9 @@ void ZHashTable<Member>::settle() {
 template <typename Member>
 void ZHashTable<Member>::turnToHashes() {
     if (index_.slots != nullptr) {
-        const Index byHash = makeIndex(index_.shift);
+        const Index byHash = indexAll(index_.shift, false);
         zreleaseBlock(index_.slots);
         index_ = byHash;
-        enterAll(index_, false);
     }
     areTexts_ = false;
     ++changes_;

@@ -143,7 +143,7 @@ private:
         int shift;       // 64 - log2 of the number of slots
 
         uint32_t placeOf(uint32_t hash) const {
-            return static_cast<uint32_t>(((hash >> 3) * 0x9E3779B97F4A7C15u) >> shift) ^ (hash & 7);
+            return static_cast<uint32_t>(((hash >> 3) * kHashA) >> shift) ^ (hash & 7);
         }
         void enter(const Slot& slot);
         uint32_t find(uint32_t hash, uint32_t node) const;
@@ -179,7 +179,7 @@ private:
     void growNodes();
     void growIndex();
     Index makeIndex(int shift) const;
-    void enterAll(Index& index, bool byText) const;
+    Index indexAll(int shift, bool byText) const;
     const Index* indexByHash() const;
     void settle();
     void turnToHashes();

@@ -4,10 +4,13 @@
 // gives the value. So the reader alone knows what a dialect can say. Only what changes is spelled.
 #include "zdialecttext.h"
 
+#include <algorithm>
 #include <cstring>
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+
+#include "zhash.h"
 
 namespace {
 
@@ -855,4 +858,41 @@ void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& ou
     out.reserveMore(name.size);
     const size_t size = out.size();
     out.setSize(size + zdialectFold(dialect, name, isStanza, out.data() + size));
+}
+
+uint64_t zfoldedHash(const ZDialect& dialect, ZSpan name, bool isStanza) {
+    if (!zfoldsNames(dialect, isStanza))
+        return zhashOf(name.data, name.size);
+    // Where only the case makes a difference nothing has to be copied.
+    const bool hasSubsections = isStanza && (dialect.headers & ZDIALECT_SUBSECTIONS) != 0;
+    const bool dropsBlanks = dialect.names == ZDIALECT_FOLDED_BLANKS;
+    char folded[256];
+    if (!hasSubsections && (!dropsBlanks || (name.size < sizeof folded && !zhasDialectBlank(name))))
+        return zhashOfMapped(name.data, name.size,
+                             [](uint64_t eight) { return zdialectLower(eight); });
+    // Others go through a buffer, piece by piece: whoever takes a name out of the index can't be
+    // without memory then. A full buffer goes at once, so that blanks that follow change nothing.
+    const void* const dot =
+        hasSubsections && name.size != 0 ? memchr(name.data, '.', name.size) : nullptr;
+    const size_t foldedEnd =
+        dot != nullptr ? static_cast<size_t>(static_cast<const char*>(dot) - name.data) : name.size;
+    uint64_t hash = 0;
+    size_t used = 0;
+    for (size_t at = 0; at < name.size;) {
+        const bool isFolded = at < foldedEnd;
+        const size_t left = (isFolded ? foldedEnd : name.size) - at;
+        const ZSpan piece = {name.data + at, std::min(left, sizeof folded - used)};
+        if (isFolded) {
+            used += zdialectFold(dialect, piece, isStanza, folded + used);
+        } else {
+            memcpy(folded + used, piece.data, piece.size);
+            used += piece.size;
+        }
+        at += piece.size;
+        if (used == sizeof folded) {
+            hash = zfoldedProduct(hash ^ zhashOf(folded, used), kHashB);
+            used = 0;
+        }
+    }
+    return hash ^ zhashOf(folded, used);
 }

@@ -226,5 +226,7 @@ inline uint64_t zdialectLower(uint64_t eight) {
 void zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, ZBytes& out);
 /// Likewise into room for name.size bytes; its size.
 size_t zdialectFold(const ZDialect& dialect, ZSpan name, bool isStanza, char* out);
+/// The zhashOf() of a folded name, or for a long one a hash of its own. Takes no memory.
+uint64_t zfoldedHash(const ZDialect& dialect, ZSpan name, bool isStanza);
 
 #endif

@@ -2,6 +2,7 @@
 #ifndef Z_ZPLINKS_H
 #define Z_ZPLINKS_H
 
+#include "zhash.h"
 #include "zpblock.h"
 
 /// Which record follows which. As they are read records follow each other by number, and a bit for
@@ -226,7 +227,7 @@ private:
 
     // Where a search for a gap's entry begins.
     size_t placeOf(ZPId gap) const {
-        return static_cast<size_t>(gap * 0x9E3779B97F4A7C15u >> 32) & (table_.capacity - 1);
+        return static_cast<size_t>(gap * kHashA >> 32) & (table_.capacity - 1);
     }
     // Where a gap's entry stands, or would.
     size_t slotOf(ZPId gap) const {

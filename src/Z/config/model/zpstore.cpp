@@ -1,6 +1,5 @@
 #include "zpstore.h"
 
-#include <algorithm>
 #include <initializer_list>
 #include <memory>
 
@@ -318,44 +317,6 @@ ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
     else if (!areMany)
         sought.stanza = prefetchStanza(stanzaHash);
     return sought;
-}
-
-// Only dialects whose names have several spellings come here.
-uint64_t ZPStore::foldedHash(ZSpan name, bool isStanza) const {
-    if (!zfoldsNames(*dialect_, isStanza))
-        return zhashOf(name);
-    // Where only the case makes a difference nothing has to be copied.
-    const bool hasSubsections = isStanza && (dialect_->headers & ZDIALECT_SUBSECTIONS) != 0;
-    const bool dropsBlanks = dialect_->names == ZDIALECT_FOLDED_BLANKS;
-    char folded[256];
-    if (!hasSubsections && (!dropsBlanks || (name.size < sizeof folded && !zhasDialectBlank(name))))
-        return zhashOfMapped(name.data, name.size,
-                             [](uint64_t eight) { return zdialectLower(eight); });
-    // Others go through a buffer, piece by piece: whoever takes a name out of the index can't be
-    // without memory then. A full buffer goes at once, so that blanks that follow change nothing.
-    const void* const dot =
-        hasSubsections && name.size != 0 ? memchr(name.data, '.', name.size) : nullptr;
-    const size_t foldedEnd =
-        dot != nullptr ? static_cast<size_t>(static_cast<const char*>(dot) - name.data) : name.size;
-    uint64_t hash = 0;
-    size_t used = 0;
-    for (size_t at = 0; at < name.size;) {
-        const bool isFolded = at < foldedEnd;
-        const size_t left = (isFolded ? foldedEnd : name.size) - at;
-        const ZSpan piece = {name.data + at, std::min(left, sizeof folded - used)};
-        if (isFolded) {
-            used += zdialectFold(*dialect_, piece, isStanza, folded + used);
-        } else {
-            memcpy(folded + used, piece.data, piece.size);
-            used += piece.size;
-        }
-        at += piece.size;
-        if (used == sizeof folded) {
-            hash = zfoldedProduct(hash ^ zhashOf({folded, used}), kHashB);
-            used = 0;
-        }
-    }
-    return hash ^ zhashOf({folded, used});
 }
 
 bool ZPStore::foldAlike(ZSpan a, ZSpan b, bool areStanzas) const {

@@ -512,9 +512,8 @@ private:
         return keys_.stanza(key) == stanza && isNamed(key, name);
     }
     __attribute__((always_inline)) uint64_t nameHash(ZSpan name, bool isStanza) const {
-        return folds_ ? foldedHash(name, isStanza) : zhashOf(name);
+        return folds_ ? zfoldedHash(*dialect_, name, isStanza) : zhashOf(name);
     }
-    uint64_t foldedHash(ZSpan name, bool isStanza) const;
     bool foldAlike(ZSpan a, ZSpan b, bool areStanzas) const;
     uint32_t hashOf(Id key) const;
     Id findStanza(ZSpan name, uint64_t hash) const;
