@@ -95,6 +95,13 @@ public:
         const size_t step = size() / 2;
         tryToAllocate(size() + (more + spare > step ? more + spare : step), more);
     }
+    /// Has the line of the processor's cache fetched that lies so many bytes behind the last
+    /// record, where one will be put.
+    void prefetchEnd(size_t ahead) const {
+        // As a number, for that may lie behind the block.
+        const uintptr_t end = reinterpret_cast<uintptr_t>(state_.data + state_.size);
+        __builtin_prefetch(reinterpret_cast<const void*>(end + ahead), 1);
+    }
     bool isFull() const { return state_.size == state_.room; }
     /// Records that fit behind the last.
     size_t room() const { return state_.room - state_.size; }
@@ -214,6 +221,8 @@ public:
     void expect(size_t more, size_t spare) { records_.expect(more, spare); }
     /// Records that can be taken, but for those that were given back.
     size_t room() const { return records_.room(); }
+    /// As ZPBlock::prefetchEnd.
+    void prefetchEnd(size_t ahead) const { records_.prefetchEnd(ahead); }
     /// Which will be the next to be taken.
     ZPId nextId() const { return free_ != kNoId ? free_ : end(); }
     /// Whether there is room for so many, and the next to be taken comes at the end.

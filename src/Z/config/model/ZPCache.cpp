@@ -396,7 +396,8 @@ void ZPCategoryBasedCache::addLine(const char* category, const char* key, const 
             owner = model.createStanza(stanza);
             model.addHeader(owner);
         }
-        model.prefetchEnd(owner);
+        if (obfuscated == 0 && model.createKeyAtOnce(owner, name, sought, text))
+            return;
         id = model.createKey(owner, name, sought);
     }
     try {

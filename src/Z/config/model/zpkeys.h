@@ -68,7 +68,6 @@ public:
     bool isInMap(ZPId id) const { return (records_[id].stanzaAndMap & 1) != 0; }
     bool isFree(ZPId id) const { return records_[id].stanzaAndMap == kFree; }
     void prefetch(ZPId id) const { __builtin_prefetch(&records_[id]); }
-    void prefetchLinks(ZPId id) const { records_.prefetchLinks(id); }
 
     /// A long name or value needs an extra made before.
     void setName(ZPId id, ZPSlice name) {
@@ -125,6 +124,13 @@ public:
         records_.push({name.offset, value.offset, static_cast<uint16_t>(name.length),
                        static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
     }
+    /// Likewise one behind another, or behind none. Requires: isReadyToInsert().
+    __attribute__((always_inline)) void pushBehind(ZPId before, ZPSlice name, ZPSlice value,
+                                                   ZPId stanza, ZPId line) {
+        records_.pushBetween({name.offset, value.offset, static_cast<uint16_t>(name.length),
+                              static_cast<uint16_t>(value.length), stanza << 1 | 1, line},
+                             before, kNoId);
+    }
     void chainPushed(ZPId before, size_t count) { records_.chainPushed(before, count); }
     /// Its neighbours are connected already.
     void giveBack(ZPId id) {
@@ -138,10 +144,14 @@ public:
 
     ZPId next(ZPId id) const { return records_.next(id); }
     ZPId prev(ZPId id) const { return records_.prev(id); }
+    /// As ZPBlock::prefetchEnd.
+    void prefetchEnd(size_t ahead) const { records_.prefetchEnd(ahead); }
     void reserveChanges(size_t changes) { records_.reserveChanges(changes); }
     bool isReadyBehind(ZPId id, size_t more) const {
-        return records_.isReadyBehind(id, more) &&
-               (directory_ == nullptr || records_.end() + more <= directory_->size * kChunk);
+        return records_.isReadyBehind(id, more) && isCovered(records_.end() + more);
+    }
+    bool isReadyToInsert() const {
+        return records_.isReadyToInsert() && isCovered(records_.end() + 1);
     }
     void connect(ZPId before, ZPId behind) { records_.connect(before, behind); }
     ZPLinks::Neighbours unlink(ZPId id) noexcept { return records_.unlink(id); }
@@ -195,6 +205,9 @@ private:
     void swap(ZPKeys& other) noexcept {
         std::swap(records_, other.records_);
         std::swap(directory_, other.directory_);
+    }
+    bool isCovered(size_t end) const {
+        return directory_ == nullptr || end <= directory_->size * kChunk;
     }
     Directory* newDirectory() const;
     void coverByDirectory();

@@ -70,10 +70,8 @@ public:
         if (group < groups_.end())
             groups_.prefetch(group);
     }
-    void prefetchEnd(ZPId group) const {
-        if (groups_[group].keysEnd != kNoId)
-            lines_.prefetchLinks(groups_[group].keysEnd);
-    }
+    /// As ZPBlock::prefetchEnd.
+    void prefetchEnd(size_t ahead) const { lines_.prefetchEnd(ahead); }
 
     // --- Lines ---
 
@@ -119,6 +117,13 @@ public:
 
     /// A line for a key of this name where a reader of the file expects it. Makes room itself.
     ZPId placeKey(ZPId group, ZPId key, ZSpan name, const ZPText& text);
+    /// Whether that is behind the group's last key line, and nothing has to grow for it.
+    bool isReadyToPush(ZPId group) const {
+        const ZPGroup& g = groups_[group];
+        return g.knowsSamples && g.samples == nullptr && !g.isEndLoose && lines_.isReadyToInsert();
+    }
+    /// As placeKey, there. Requires: isReadyToPush().
+    __attribute__((always_inline)) void pushKey(ZPId group, ZPId key);
     /// Removes a key line.
     void removeKey(ZPId group, ZPId line);
     /// Removes all of the group's lines of this key.
@@ -211,6 +216,18 @@ inline void ZPLines::readKeys(ZPId groupId, ZPId firstKey, size_t count) {
     if (group.last == kNoId)
         group.first = first;
     group.keysEnd = group.last = lines_.end() - 1;
+}
+
+inline void ZPLines::pushKey(ZPId groupId, ZPId key) {
+    ZPGroup& group = groups_[groupId];
+    const ZPId last = group.keysEnd;
+    const ZPId behind = last == kNoId ? group.first : lines_.next(last);
+    const ZPId id = lines_.pushBetween(ZPLine::make(ZPLine::key, key), last, behind);
+    if (last == kNoId)
+        group.first = id;
+    if (behind == kNoId)
+        group.last = id;
+    group.keysEnd = id;
 }
 
 inline void ZPLines::unlink(ZPGroup& group, ZPId id) {

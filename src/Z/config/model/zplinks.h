@@ -45,17 +45,6 @@ public:
         return found;
     }
 
-    /// What is read and written where a record's neighbours change.
-    void prefetch(ZPId id) const {
-        if (id >= base_) {
-            __builtin_prefetch(&later_[id - base_], 1);
-            return;
-        }
-        __builtin_prefetch(&bits_[id / kBits], 1);
-        if (table_.count != 0)
-            __builtin_prefetch(&table_.slots[placeOf(id + 1)], 1);
-    }
-
     // --- Records: each is told once, in the order of their numbers ---
 
     /// Room for bits of so many records, and for `more` that have a place in the block.
@@ -69,6 +58,8 @@ public:
     void expectMany() { areMany_ = true; }
     /// Whether there is room for so many records that are not read.
     bool hasRoom(size_t more) const { return later_.room() >= more && hasBits(more); }
+    /// As ZPBlock::prefetchEnd, of those that have a place in the block.
+    void prefetchEnd(size_t ahead) const { later_.prefetchEnd(ahead); }
     bool isThrifty() const { return isThrifty_; }
     /// Whether `more` records that are about to come can follow this one, or none, and each other
     /// at once.
@@ -107,6 +98,21 @@ public:
     void add() {
         isThrifty_ = false;
         later_.push({kNoId, kNoId});
+    }
+
+    /// Whether a record that is not read can be put between two others without anything growing.
+    __attribute__((always_inline)) bool isReadyToInsert() const {
+        return hasRoom(1) && (base_ == 0 || (areMany_ && table_.limit - table_.count >= 2));
+    }
+    /// One between two others, either of which may be none. Requires: isReadyToInsert().
+    __attribute__((always_inline)) void addBetween(ZPId before, ZPId behind) {
+        const ZPId id = static_cast<ZPId>(end());
+        isThrifty_ = false;
+        later_.push({behind, before});
+        if (before != kNoId)
+            setNext(before, id);
+        if (behind != kNoId)
+            setPrev(behind, id);
     }
 
     // --- Chains ---
@@ -305,6 +311,11 @@ public:
         if (more > records_.room() || !links_.hasRoom(more))
             grow(more);
     }
+    /// As ZPBlock::prefetchEnd, of records and links.
+    void prefetchEnd(size_t ahead) const {
+        records_.prefetchEnd(ahead);
+        links_.prefetchEnd(ahead);
+    }
     void reserveChanges(size_t changes) { links_.reserveChanges(changes); }
     size_t room() const { return records_.room(); }
     /// Which will be the next to be taken.
@@ -319,6 +330,15 @@ public:
     /// all are there. Requires: isReadyBehind().
     ZPId push(T&& record) { return records_.take(std::move(record)); }
     void chainPushed(ZPId before, size_t count) { links_.addBehind(before, count); }
+    /// Whether a record that is not read can be put between two others without anything growing.
+    __attribute__((always_inline)) bool isReadyToInsert() const {
+        return records_.isReadyAtEnd(1) && links_.isReadyToInsert();
+    }
+    /// One between two others, either of which may be none. Requires: isReadyToInsert().
+    ZPId pushBetween(T&& record, ZPId before, ZPId behind) {
+        links_.addBetween(before, behind);
+        return records_.take(std::move(record));
+    }
     /// A record without neighbours; `isRead`: it comes with many. Needs room made before.
     ZPId take(T&& record, bool isRead = false) {
         if (records_.nextId() == links_.end()) {
@@ -338,7 +358,6 @@ public:
         links_.forget(id);
         records_.giveBack(id);
     }
-    void prefetchLinks(ZPId id) const { links_.prefetch(id); }
     void connect(ZPId before, ZPId behind) { links_.connect(before, behind); }
     void insert(ZPId id, ZPId before, ZPId behind) { links_.insert(id, before, behind); }
     /// Takes a record out of its chain.

@@ -3,19 +3,83 @@
 #ifndef Z_ZPNAMEINDEX_H
 #define Z_ZPNAMEINDEX_H
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#else
+#include <endian.h>
+#endif
+
 #include "zpindex.h"
 
+/// Some marks that stand in a row: which are free, that is 0, and which are a given one.
+#ifdef __SSE2__
+class ZPMarks {
+public:
+    static constexpr size_t kCount = 16;
+    typedef uint32_t Bits;
+    ZPMarks(const uint8_t* marks, uint32_t mark)
+        : marks_(_mm_loadu_si128(reinterpret_cast<const __m128i*>(marks))),
+          free_(bitsOf(_mm_cmpeq_epi8(marks_, _mm_setzero_si128()))),
+          mark_(mark) {}
+    Bits free() const { return free_; }
+    /// Those ahead of the first free one.
+    Bits alike() const {
+        return bitsOf(_mm_cmpeq_epi8(marks_, _mm_set1_epi32(static_cast<int>(mark_ * kOnes)))) &
+               (free_ - 1) & ~free_;
+    }
+    /// The number of the mark that the lowest bit means. Requires: there is one.
+    static size_t first(Bits bits) { return static_cast<size_t>(__builtin_ctz(bits)); }
+
+private:
+    // In 32 bits: compilers spread a byte by way of the memory.
+    static constexpr uint32_t kOnes = 0x01010101u;
+    static Bits bitsOf(__m128i bytes) { return static_cast<Bits>(_mm_movemask_epi8(bytes)); }
+
+    const __m128i marks_;
+    const Bits free_;
+    const uint32_t mark_;
+};
+#else
+class ZPMarks {
+public:
+    static constexpr size_t kCount = 8;
+    typedef uint64_t Bits;  // the highest of each byte
+    ZPMarks(const uint8_t* marks, uint32_t mark) : mark_(mark) {
+        memcpy(&marks_, marks, sizeof marks_);
+        marks_ = le64toh(marks_);
+        free_ = zeroes(marks_);
+    }
+    Bits free() const { return free_; }
+    /// Likewise, and maybe one behind it that differs in its lowest bit: slots tell more.
+    Bits alike() const { return zeroes(marks_ ^ kOnes * mark_) & (free_ - 1) & ~free_; }
+    static size_t first(Bits bits) { return static_cast<size_t>(__builtin_ctzll(bits)) / 8; }
+
+private:
+    static constexpr uint64_t kOnes = 0x0101010101010101u;
+    // Behind a zero it takes a one for another.
+    static Bits zeroes(uint64_t bytes) { return (bytes - kOnes) & ~bytes & kOnes << 7; }
+
+    uint64_t marks_;
+    Bits free_;
+    const uint32_t mark_;
+};
+#endif
+
 /// Open addressing as in ZPIndex, with slots of 8 bytes: of the hash a slot keeps only how far it
-/// stands behind the hash's place, and what bits are left over. That tells nearly as many names
-/// apart, and at a million names a table of two thirds stays in the processor's cache. Whoever owns
-/// the records tells hashes and names again where a table grows, in the order of the records, which
-/// is the order in which names lie in memory.
+/// stands behind the hash's place, and what bits are left over. A byte for each slot, its mark,
+/// keeps seven further bits, and many marks are looked at together, ahead of the slots. At a
+/// million names the marks alone stay in the processor's second cache: that a name is new, and
+/// where it goes, is known without waiting for the slots. Whoever owns the records tells hashes and
+/// names again where a table grows, in the order of the records, which is the order in which names
+/// lie in memory.
 ///
 /// Invariants, checked by checkInvariants():
 /// (1) `count` slots are taken, at most `limit`: a probe always ends at a free one.
 /// (2) Between the place of an entry's hash and the entry no slot is free.
 /// (3) A slot's offset is where the name of its record stands in the text.
 /// (4) Ids are below `limit`.
+/// (5) The mark of a free slot is 0. Behind the last mark the first ones stand again, so that those
+///     at the end can be looked at together, too.
 ///
 /// (3) is the owner's to keep: it tells the offset with an entry, and again when the text has
 /// moved; (4) as well, by reserving for the ids that it gives.
@@ -56,7 +120,8 @@ public:
     /// Where an entry would go or stands, as long as nothing else has come or gone.
     struct Place {
         size_t slot = 0;
-        uint32_t kept = 0;  // what a slot keeps of the hash there
+        uint32_t kept = 0;  // what the slot keeps of the hash there
+        uint32_t mark = 0;
     };
 
     /// The id for which matches(id, offset) holds among those that may have this hash, or none.
@@ -71,16 +136,45 @@ public:
     ZPId findOrPlace(uint32_t hash, Place& place, Matches matches) const {
         if (__builtin_expect(state_.capacity == 0, 0))
             return kNoId;
+        const uint32_t mark = markOf(hash);
+        const uint32_t tag = tagOf(hash);
+        size_t at = placeOf(hash);
+        __builtin_prefetch(&state_.slots[at]);
+        for (size_t steps = 0;; steps += ZPMarks::kCount, at = wrapped(at + ZPMarks::kCount)) {
+            const ZPMarks seen(state_.marks + at, mark);
+            for (ZPMarks::Bits alike = seen.alike(); alike != 0; alike &= alike - 1) {
+                const size_t k = ZPMarks::first(alike), slot = wrapped(at + k);
+                const uint32_t kept = keptOf(tag, steps + k);
+                const Slot candidate = state_.slots[slot];
+                if (candidate.meta >> state_.idBits == kept &&
+                    matches(idOf(candidate), candidate.offset)) {
+                    place = {slot, kept, mark};
+                    return idOf(candidate);
+                }
+            }
+            if (seen.free() != 0) {
+                const size_t k = ZPMarks::first(seen.free());
+                place = {wrapped(at + k), keptOf(tag, steps + k), mark};
+                return kNoId;
+            }
+        }
+    }
+    /// Whether, while many are inserted, it is quicker to go by the slots: marks that were just
+    /// written one by one can't be read together yet, which they would be again and again.
+    bool isSmall() const { return state_.capacity < kManySlots; }
+    /// As findOrPlace, by the slots alone. Requires: there has been an entry, or room for one.
+    template <typename Matches>
+    ZPId findOrPlaceInSlots(uint32_t hash, Place& place, Matches matches) const {
         const uint32_t idBits = state_.idBits, far = state_.far;
         uint32_t kept = tagOf(hash);  // and the steps
         for (size_t i = placeOf(hash);; i = follower(i)) {
             const Slot candidate = state_.slots[i];
             if (candidate.isFree()) {
-                place = {i, kept};
+                place = {i, kept, markOf(hash)};
                 return kNoId;
             }
             if (candidate.meta >> idBits == kept && matches(idOf(candidate), candidate.offset)) {
-                place = {i, kept};
+                place = {i, kept, markOf(hash)};
                 return idOf(candidate);
             }
             kept += (kept & far) != far;
@@ -90,13 +184,18 @@ public:
         zassert(state_.count < state_.limit && state_.slots[place.slot].isFree() &&
                 id < state_.limit);
         state_.slots[place.slot] = {offset, place.kept << state_.idBits | (id + 1)};
+        setMark(place.slot, place.mark);
         ++state_.count;
     }
 
     /// Needs room made before.
     void insert(uint32_t hash, ZPId id, uint32_t offset) {
         Place place;
-        findOrPlace(hash, place, [](ZPId, uint32_t) { return false; });
+        const auto none = [](ZPId, uint32_t) { return false; };
+        if (isSmall())
+            findOrPlaceInSlots(hash, place, none);
+        else
+            findOrPlace(hash, place, none);
         insertAt(place, id, offset);
     }
     /// hashOf(id) tells the hash of any entry. Requires: the entry is there.
@@ -122,16 +221,21 @@ public:
             if (steps < ++back)
                 continue;
             slots[hole] = {slot.offset, metaOf(kept & ~far, steps - back, idOf(slot))};
+            setMark(hole, state_.marks[i]);
             hole = i;
             back = 0;
         }
-        state_.slots[hole].meta = 0;
+        slots[hole].meta = 0;
+        setMark(hole, 0);
         --state_.count;
     }
 
     void prefetch(uint32_t hash) const {
-        if (state_.capacity != 0)
-            __builtin_prefetch(&state_.slots[placeOf(hash)]);
+        if (state_.capacity == 0)
+            return;
+        const size_t place = placeOf(hash);
+        __builtin_prefetch(&state_.marks[place]);
+        __builtin_prefetch(&state_.slots[place], 1);
     }
 
     /// Calls visit(id) for each entry.
@@ -159,6 +263,8 @@ public:
         size_t taken = 0;
         for (size_t i = 0; i < state_.capacity; ++i) {
             const Slot& slot = state_.slots[i];
+            ZPHOLDS(i >= ZPMarks::kCount || state_.marks[state_.capacity + i] == state_.marks[i]);
+            ZPHOLDS(slot.isFree() == (state_.marks[i] == 0));
             if (slot.isFree())
                 continue;
             ++taken;
@@ -168,13 +274,16 @@ public:
             ZPHOLDS(id < state_.limit && slot.meta == metaOf(tagOf(hash), steps, id));
             for (size_t probe = placeOf(hash); probe != i; probe = follower(probe))
                 ZPHOLDS(!state_.slots[probe].isFree());
-            ZPHOLDS(slot.offset == offsetOf(id));
+            ZPHOLDS(slot.offset == offsetOf(id) && state_.marks[i] == markOf(hash));
         }
         ZPHOLDS(taken == state_.count && state_.count <= state_.limit);
         ZPHOLDS(state_.capacity == 0 || state_.limit < state_.capacity);
     }
 
 private:
+    static constexpr uint32_t kStepBits = 7;
+    static constexpr uint32_t kManySlots = 4096;
+
     struct Slot {
         uint32_t offset;  // of the name, so that it is fetched while its record is
         // From below: the id and one; how far the entry stands behind its place, or `far`; bits of
@@ -184,7 +293,8 @@ private:
     };
     struct State {
         Slot* slots = nullptr;
-        void* memory = nullptr;  // of malloc, where the slots stand
+        uint8_t* marks = nullptr;
+        void* memory = nullptr;  // of malloc, where both stand
         uint32_t capacity = 0;
         uint32_t count = 0;
         uint32_t limit = 0;   // some way below the capacity
@@ -199,9 +309,21 @@ private:
         return (slot.meta & ((uint32_t(1) << state_.idBits) - 1)) - 1;
     }
     uint32_t tagOf(uint32_t hash) const { return hash & state_.tags; }
+    uint32_t keptOf(uint32_t tag, size_t steps) const {
+        return tag | (steps < state_.far ? static_cast<uint32_t>(steps) : state_.far);
+    }
     uint32_t metaOf(uint32_t tag, size_t steps, ZPId id) const {
-        const uint32_t kept = steps < state_.far ? static_cast<uint32_t>(steps) : state_.far;
-        return (tag | kept) << state_.idBits | (id + 1);
+        return keptOf(tag, steps) << state_.idBits | (id + 1);
+    }
+    // Bits that slots don't keep, and of which no place is made but in tables of many millions.
+    static uint32_t markOf(uint32_t hash) { return 0x80 | (hash & 0x7F); }
+    void setMark(size_t slot, uint32_t mark) {
+        state_.marks[slot] = static_cast<uint8_t>(mark);
+        if (slot < ZPMarks::kCount)
+            state_.marks[state_.capacity + slot] = static_cast<uint8_t>(mark);
+    }
+    size_t wrapped(size_t slot) const {
+        return slot >= state_.capacity ? slot - state_.capacity : slot;
     }
     size_t placeOf(uint32_t hash) const {
         return static_cast<size_t>((static_cast<uint64_t>(hash) * state_.capacity) >> 32);
@@ -215,7 +337,7 @@ private:
         }
         return slot;
     }
-    size_t follower(size_t slot) const { return slot + 1 == state_.capacity ? 0 : slot + 1; }
+    size_t follower(size_t slot) const { return wrapped(slot + 1); }
     // How far behind another slot this one stands, around the end.
     size_t distance(size_t from, size_t to) const {
         return to >= from ? to - from : to + state_.capacity - from;

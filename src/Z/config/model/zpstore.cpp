@@ -204,7 +204,11 @@ ZPStore::Id ZPStore::findStanza(ZSpan name, uint64_t hash) const {
 // What most likely is the stanza with this hash, or none; it is fetched meanwhile, and its group:
 // where each stanza has one, their numbers tell of each other, so that neither waits for the other.
 ZPStore::Id ZPStore::prefetchStanza(uint64_t hash) const {
-    const Id id = stanzaIndex_.find(znarrowHash(hash), [](Id, uint32_t) { return true; });
+    if (stanzaIndex_.count() == 0)
+        return none;
+    ZPNameIndex::Place place;
+    const Id id = stanzaIndex_.findOrPlaceInSlots(znarrowHash(hash), place,
+                                                  [](Id, uint32_t) { return true; });
     if (id == none)
         return none;
     stanzas_.prefetch(id);
@@ -414,6 +418,40 @@ ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name, const Sought& sought) {
         throw;
     }
     return id;
+}
+
+bool ZPStore::createKeyAtOnce(Id stanzaId, ZSpan name, const Sought& sought, ZSpan value) {
+    // A store to a line of the cache that isn't there keeps all that follow it waiting, and five
+    // places are appended to. Not in a function of its own: compilers find that it does nothing.
+    static const size_t kAhead = 256;
+    text_.prefetchEnd(kAhead);
+    keys_.prefetchEnd(kAhead);
+    lines_.prefetchEnd(kAhead);
+    ZPStanza& stanza = stanzas_[stanzaId];
+    const bool needsCompacting = text_.isWorthCompacting() && !keepsPlaces_;
+    if (needsCompacting || sought.key != none || stanza.group == none ||
+        stanza.keyList() != nullptr || value.size == 0 || value.size >= ZPKeys::kLong ||
+        name.size >= ZPKeys::kLong || !text_.hasRoom(name.size + value.size) ||
+        !keys_.isReadyToInsert() || !keyIndex_.takes(keys_.end(), 1) ||
+        !lines_.isReadyToPush(stanza.group))
+        return false;
+    const ZPSlice nameSlice = {static_cast<uint32_t>(text_.size()),
+                               static_cast<uint32_t>(name.size)},
+                  valueSlice = {nameSlice.offset + nameSlice.length,
+                                static_cast<uint32_t>(value.size)};
+    char* const room = text_.room(name.size + value.size);
+    memcpy(room, name.data, name.size);
+    memcpy(room + name.size, value.data, value.size);
+    text_.commit(name.size + value.size);
+    const Id id = keys_.end();
+    keyIndex_.insertAt(sought.place, id, nameSlice.offset);
+    keys_.pushBehind(stanza.last, nameSlice, valueSlice, stanzaId, lines_.nextId());
+    lines_.pushKey(stanza.group, id);
+    if (stanza.last == none)
+        stanza.first = id;
+    stanza.last = id;
+    ++stanza.count;
+    return true;
 }
 
 void ZPStore::removeKey(Id id, size_t slot) {

@@ -262,6 +262,11 @@ public:
     Id createKey(Id stanza, ZSpan key);
     /// Likewise a key that isn't in the map, as seekToChange() told of it.
     Id createKey(Id stanza, ZSpan key, const Sought& sought);
+    /// Likewise one of which there is no record, with this plain value and a line where a reader of
+    /// the file expects it, if nothing has to grow, to be looked for or to be tidied; else false,
+    /// and nothing is done. This is what most changes of many keys come to. Requires: the stanza is
+    /// in the map.
+    bool createKeyAtOnce(Id stanza, ZSpan key, const Sought& sought, ZSpan value);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
     void removeKey(Id key) { removeKey(key, kUnknown); }
     /// Takes a key's lines away as removeKeyLines() does, and the key out of the map. Requires:
@@ -339,14 +344,6 @@ public:
 
     // --- Lines ---
 
-    /// A key will be created in the stanza and its line placed: what that looks at is fetched
-    /// meanwhile.
-    void prefetchEnd(Id stanza) const {
-        if (stanzas_[stanza].last != none)
-            keys_.prefetchLinks(stanzas_[stanza].last);
-        if (stanzas_[stanza].group != none)
-            lines_.prefetchEnd(stanzas_[stanza].group);
-    }
     /// A blank line, then the stanza's header line, at the end.
     void addHeader(Id stanza);
     /// Removes the first group that bears the stanza's name, if there is one.
@@ -574,6 +571,7 @@ private:
     void forgetLowerValues(Id key, Kind kind, bool isEmpty);
     void forgetValuesAbove(Id key, bool isEmpty);
     bool isReadyToRead(Id group, size_t lines) const;
+    template <bool isFew>
     const ZPReadLine* readNewKeys(Id group, const ZPReadLine* line, const ZPReadLine* end,
                                   Id& known);
     void chainPushed(Id group, Id first) noexcept;

@@ -150,7 +150,8 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
     while (line != end) {
         Id known = none;
         if (isReady)
-            line = readNewKeys(group, line, end, known);
+            line = keyIndex_.isSmall() ? readNewKeys<true>(group, line, end, known)
+                                       : readNewKeys<false>(group, line, end, known);
         if (line == end)
             break;
         if (line->kind < ZPReadLine::entry) {
@@ -171,6 +172,7 @@ void ZPStore::readLines(Id group, const ZPReadLine* lines, size_t count) {
 
 // The entries that a batch begins with, as long as they are of new keys. Returns the first line
 // that isn't; if it is an entry, `known` is the record of its key, or none.
+template <bool isFew>
 inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
                                               const ZPReadLine* end, Id& known) {
     const Id stanzaId = lines_.group(group).stanza, first = keys_.end();
@@ -184,9 +186,11 @@ inline const ZPReadLine* ZPStore::readNewKeys(Id group, const ZPReadLine* line,
     Id id = first;
     for (; line != end && line->kind >= ZPReadLine::entry; ++line, ++id) {
         ZPNameIndex::Place place;
-        known = keyIndex_.findOrPlace(line->hash, place, [&](Id other, uint32_t) {
+        const auto isIt = [&](Id other, uint32_t) {
             return isKeyOf(other, stanzaId, text_.span(line->name));
-        });
+        };
+        known = isFew ? keyIndex_.findOrPlaceInSlots(line->hash, place, isIt)
+                      : keyIndex_.findOrPlace(line->hash, place, isIt);
         if (known != none || (line->name.length | line->value.length) >= ZPKeys::kLong)
             break;
         keys_.push(line->name, line->value, stanzaId, lineOfFirst + id);

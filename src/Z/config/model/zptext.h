@@ -46,8 +46,13 @@ public:
     /// Room for `more` bytes, and `spare` more for later; raises ZOutOfMemoryException, also where
     /// offsets wouldn't fit.
     void reserve(size_t more, size_t spare = 0) {
-        if (__builtin_expect(more > bytes_.room() || more > kMaxSize - bytes_.size(), 0))
+        if (__builtin_expect(!hasRoom(more), 0))
             grow(more, spare);
+    }
+    /// As ZPBlock::prefetchEnd.
+    void prefetchEnd(size_t ahead) const { bytes_.prefetchEnd(ahead); }
+    bool hasRoom(size_t more) const {
+        return more <= bytes_.room() && more <= kMaxSize - bytes_.size();
     }
     ZPSlice append(ZSpan bytes) {
         reserve(bytes.size);
