@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "Z/zproperties.h"
+#include "Z/zqelutil.h"
 #include "support/Config.h"
 #include "support/FailingAllocator.h"
 #include "support/Gate.h"
@@ -771,6 +772,26 @@ TEST(Child, DISABLED_SetUpBesideTheFirstText) {
 TEST(Setup, IsMadeOnceByWhoeverComesFirst) {
     for (int i = 0; i < 20; ++i)
         expectChildPasses("Child.DISABLED_SetUpBesideTheFirstText", {});
+}
+
+// Its rules are fetched when they are asked for, and without memory that is told.
+TEST(Child, DISABLED_CharactersBeyondASCII) {
+    ASSERT_EQ(zstzPropSetup(ZPROP_SETUP_UTF8), ZPROP_OK);
+    ZLCString upper("A\xC3\x84\xCE\xA9"), lower("a\xC3\xA4\xCF\x89");
+    zwide_char omega = 0;
+    EXPECT_EQ(zmbtowc(upper.getCodesetHandle(), &omega, "\xCE\xA9", 2), 2);
+    EXPECT_TRUE(endsWithoutMemory([&] { upper.compareignorecase(lower.getChars()); }));
+    EXPECT_TRUE(endsWithoutMemory([&] { ziswupper(omega); }));
+    EXPECT_NE(ziswupper('A'), 0);
+    EXPECT_NE(ziswupper(omega), 0);
+    EXPECT_EQ(upper.compareignorecase(lower.getChars()), 0);
+    upper.lower();
+    EXPECT_STREQ(upper.getChars(), lower.getChars());
+}
+
+TEST(Setup, KnowsCharactersBeyondASCIIWhereverTheSystemHasThem) {
+    expectChildPasses("Child.DISABLED_CharactersBeyondASCII");
+    expectChildPasses("Child.DISABLED_CharactersBeyondASCII", {{"LOCPATH", "/usr/lib/locale"}});
 }
 
 // ---------------------------------------------------------------- memory runs out

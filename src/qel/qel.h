@@ -24,12 +24,20 @@ typedef uint16_t qel_wide;
 int qel_set_dir(const char* dir);
 
 /// The process's text may have a locale of its own: C.UTF-8, whatever setlocale() has made or makes
-/// of the process. qel_prepare_own makes it, null without memory; qel_set_own has all text follow
-/// it from then on, and is called once at most, before there is any.
-locale_t qel_prepare_own();
-void qel_set_own(locale_t locale);
+/// of the process. qel_can_own tells whether the system has it; qel_set_own has all text follow it
+/// from then on, and is called once at most, before there is any.
+///
+/// Only characters beyond ASCII differ from those of the C locale, which every process has: their
+/// rules are fetched by qel_fetch_own, for whoever asks of them first, since to open them takes a
+/// good part of a short program's time. False without memory; such characters have no class and no
+/// case until it has succeeded.
+bool qel_can_own();
+void qel_set_own();
+bool qel_fetch_own();
+/// What stands for its rules where a locale is asked for.
+qel_locale qel_own_rules();
 
-/// That locale, or null: text follows the thread's then.
+/// The locale that it shares with C, or null: text follows the thread's then.
 extern std::atomic<locale_t> qel_own_locale;
 inline locale_t qel_own() { return qel_own_locale.load(std::memory_order_acquire); }
 
@@ -67,8 +75,6 @@ int qel_os_cs_name(char* buffer, size_t size);
 
 /// A locale, independent of what setlocale() makes of the process later.
 qel_locale qel_loc_new(const char* name);
-/// One like another locale.
-qel_locale qel_loc_like(locale_t locale);
 void qel_loc_free(qel_locale locale);
 
 /// A codeset by its name, a new handle at each call; "UTF8" is UTF-8.

@@ -6,10 +6,11 @@
 #include <ctype.h>
 #include <langinfo.h>
 #include <locale.h>
+#include <unistd.h>
 #include <wctype.h>
 
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "qelcodeset.h"
 
@@ -27,13 +28,27 @@ struct Locale {
     uint32_t upper[256];
 };
 
+// The rules of the process's own locale, null until somebody has needed them; what stands for them.
+std::atomic<const Locale*> ownRules{nullptr};
+const char ownHandle = 0;
+
+const Locale* localeOf(qel_locale handle) {
+    return handle == qel_own_rules() ? ownRules.load(std::memory_order_acquire)
+                                     : reinterpret_cast<const Locale*>(handle);
+}
+
+// Without a locale, as the C locale has it.
 uint32_t lowered(const Locale* locale, uint32_t code) {
+    if (locale == nullptr)
+        return code >= 'A' && code <= 'Z' ? code + ('a' - 'A') : code;
     if (code < 256)
         return locale->lower[code];
     return static_cast<uint32_t>(towlower_l(static_cast<wint_t>(code), locale->locale));
 }
 
 uint32_t uppered(const Locale* locale, uint32_t code) {
+    if (locale == nullptr)
+        return code >= 'a' && code <= 'z' ? code - ('a' - 'A') : code;
     if (code < 256)
         return locale->upper[code];
     return static_cast<uint32_t>(towupper_l(static_cast<wint_t>(code), locale->locale));
@@ -158,7 +173,7 @@ char* changeCase(qel_codeset handle, qel_locale localeHandle, char* text,
     if (handle == 0 || localeHandle == 0 || text == nullptr)
         return text;
     Codeset* codeset = codesetOf(handle);
-    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
+    const Locale* locale = localeOf(localeHandle);
     for (char* at = text; *at != '\0';) {
         const Character c = characterAt(codeset, at, SIZE_MAX);
         const uint32_t code = c.code == kNoCode ? kNoCode : changed(locale, c.code);
@@ -186,19 +201,27 @@ int qel_set_dir(const char* dir) { return dir == nullptr ? -1 : 0; }
 
 std::atomic<locale_t> qel_own_locale{nullptr};
 
-static const char kOwnName[] = "C.UTF-8";
+static const char kOwnName[] = "C.UTF-8", kOwnCodeset[] = "UTF-8";
 
-// Only the classes of characters have to be fetched from files: all else is as in the C locale,
-// which every process has. Its order is that of bytes, and so of code points.
-locale_t qel_prepare_own() {
-    const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
-    const locale_t own = plain == nullptr ? nullptr : newlocale(LC_CTYPE_MASK, kOwnName, plain);
-    if (own == nullptr && plain != nullptr)
-        freelocale(plain);
-    return own;
+// Its order is that of bytes, and so of code points, as in the C locale. The C library is asked
+// where it may look elsewhere.
+bool qel_can_own() {
+    static const char kRules[] = "/usr/lib/locale/C.utf8/LC_CTYPE";
+    if (getenv("LOCPATH") == nullptr && access(kRules, R_OK) == 0)
+        return true;
+    const locale_t found = newlocale(LC_CTYPE_MASK, kOwnName, nullptr);
+    if (found == nullptr)
+        return false;
+    freelocale(found);
+    return true;
 }
 
-void qel_set_own(locale_t locale) { qel_own_locale.store(locale, std::memory_order_release); }
+// The C locale is part of the C library, and so never missing.
+void qel_set_own() {
+    qel_own_locale.store(newlocale(LC_ALL_MASK, "C", nullptr), std::memory_order_release);
+}
+
+qel_locale qel_own_rules() { return reinterpret_cast<qel_locale>(&ownHandle); }
 
 int qel_collate(const char* a, const char* b) {
     const locale_t own = qel_own();
@@ -219,16 +242,14 @@ int qel_canonical_loc(const char* name, char* buffer, size_t size) {
 }
 
 int qel_os_cs_name(char* buffer, size_t size) {
-    const locale_t own = qel_own();
-    return copyName(own != nullptr ? nl_langinfo_l(CODESET, own) : nl_langinfo(CODESET), buffer,
-                    size);
+    return copyName(qel_own() != nullptr ? kOwnCodeset : nl_langinfo(CODESET), buffer, size);
 }
 
 // Takes the locale over; 0 for none.
 static qel_locale makeLocale(locale_t locale) {
     if (locale == nullptr)
         return 0;
-    Locale* made = new (std::nothrow) Locale;
+    Locale* const made = static_cast<Locale*>(malloc(sizeof(Locale)));
     if (made == nullptr) {
         freelocale(locale);
         return 0;
@@ -252,14 +273,24 @@ qel_locale qel_loc_new(const char* name) {
     return makeLocale(locale);
 }
 
-qel_locale qel_loc_like(locale_t own) { return own == nullptr ? 0 : makeLocale(duplocale(own)); }
+bool qel_fetch_own() {
+    if (qel_own() == nullptr || ownRules.load(std::memory_order_acquire) != nullptr)
+        return true;
+    const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    const qel_locale made = makeLocale(newlocale(LC_CTYPE_MASK, kOwnName, plain));
+    const Locale* before = nullptr;
+    if (made != 0 && !ownRules.compare_exchange_strong(
+                         before, reinterpret_cast<const Locale*>(made), std::memory_order_acq_rel))
+        qel_loc_free(made);  // another thread was first
+    return made != 0;
+}
 
 void qel_loc_free(qel_locale handle) {
     Locale* const locale = reinterpret_cast<Locale*>(handle);
     if (locale == nullptr)
         return;
     freelocale(locale->locale);
-    delete locale;
+    free(locale);
 }
 
 const char* qel_strchr(qel_codeset codeset, const char* text, int c) {
@@ -365,7 +396,7 @@ int qel_strnicmp(qel_codeset handle, qel_locale localeHandle, const char* a, con
     if (handle == 0 || localeHandle == 0)
         return strncmp(a, b, n);
     Codeset* codeset = codesetOf(handle);
-    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
+    const Locale* locale = localeOf(localeHandle);
     size_t leftA = n, leftB = n;
     for (;;) {
         const uint32_t left = foldedAt(codeset, locale, a, leftA);
@@ -389,13 +420,18 @@ char* qel_strptime(qel_codeset, qel_locale locale, const char* text, const char*
                    struct tm* time) {
     if (locale == 0)
         return strptime(text, format, time);
-    return strptime_l(text, format, time, reinterpret_cast<const Locale*>(locale)->locale);
+    // The names are in what the own locale shares with C.
+    return strptime_l(text, format, time,
+                      locale == qel_own_rules() ? qel_own() : localeOf(locale)->locale);
 }
 
 // Whether the character is of a class, by the locale of text.
 static int isOfClass(qel_wide c, int (*byThread)(wint_t), int (*byLocale)(wint_t, locale_t)) {
     const locale_t own = qel_own();
-    return own != nullptr ? byLocale(c, own) : byThread(c);
+    if (own == nullptr)
+        return byThread(c);
+    const Locale* const rules = ownRules.load(std::memory_order_acquire);
+    return byLocale(c, rules != nullptr ? rules->locale : own);
 }
 
 int qel_iswalnum(qel_wide c) { return isOfClass(c, iswalnum, iswalnum_l); }

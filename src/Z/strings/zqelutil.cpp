@@ -63,20 +63,18 @@ namespace {
 
 // What zsetUpUTF8 makes, and gives to the process if that has no text yet.
 struct OwnSetup {
-    locale_t locale = qel_prepare_own();
-    qel_locale rules = qel_loc_like(locale);
+    bool isThere = qel_can_own();
     char* name = strdup("C.UTF-8");
     char* codeset = strdup("UTF-8");
     qel_codeset local = qel_cs_new("UTF8");
     qel_codeset utf8 = qel_cs_new("UTF8");
 
     bool isWhole() const {
-        return locale != nullptr && rules != 0 && name != nullptr && codeset != nullptr &&
-               local != 0 && utf8 != 0;
+        return isThere && name != nullptr && codeset != nullptr && local != 0 && utf8 != 0;
     }
     void give() {
-        qel_set_own(locale);
-        local_locale_handle_ = rules;
+        qel_set_own();
+        local_locale_handle_ = qel_own_rules();
         qeldir_ = kDefaultDirectory;
         locstring_.store(name, std::memory_order_release);
         csname_.store(codeset, std::memory_order_release);
@@ -84,9 +82,6 @@ struct OwnSetup {
         zutf8_codeset_.store(utf8, std::memory_order_release);
     }
     void drop() {
-        if (locale != nullptr)
-            freelocale(locale);
-        qel_loc_free(rules);
         free(name);
         free(codeset);
         qel_cs_free(local);
@@ -240,28 +235,42 @@ char* zstrtok(zcodeset_handle h, char* a, const char* b, char** c) {
     return qel_strtok(h, a, b, c);
 }
 
+// The handle of the rules, once those of characters beyond ASCII can be asked.
+static qel_locale fetchedRules() {
+    if (!qel_fetch_own())
+        zraise(ZOutOfMemoryException());
+    return local_locale_handle_;
+}
+
 int zstricmp(zcodeset_handle h, const char* a, const char* b) {
-    return qel_stricmp(h, local_locale_handle_, a, b);
+    return qel_stricmp(h, fetchedRules(), a, b);
 }
 
 int zstrnicmp(zcodeset_handle h, const char* a, const char* b, size_t n) {
-    return qel_strnicmp(h, local_locale_handle_, a, b, n);
+    return qel_strnicmp(h, fetchedRules(), a, b, n);
 }
 
-char* zstrlower(zcodeset_handle h, char* s) { return qel_strlower(h, local_locale_handle_, s); }
+char* zstrlower(zcodeset_handle h, char* s) { return qel_strlower(h, fetchedRules(), s); }
 
-char* zstrupper(zcodeset_handle h, char* s) { return qel_strupper(h, local_locale_handle_, s); }
+char* zstrupper(zcodeset_handle h, char* s) { return qel_strupper(h, fetchedRules(), s); }
 
 char* zstrptime(zcodeset_handle h, const char* a, const char* b, struct tm* c) {
     return qel_strptime(h, local_locale_handle_, a, b, c);
 }
 
-int ziswalnum(zwide_char c) { return qel_iswalnum(c); }
-int ziswalpha(zwide_char c) { return qel_iswalpha(c); }
-int ziswdigit(zwide_char c) { return qel_iswdigit(c); }
-int ziswlower(zwide_char c) { return qel_iswlower(c); }
-int ziswspace(zwide_char c) { return qel_iswspace(c); }
-int ziswupper(zwide_char c) { return qel_iswupper(c); }
+// Of ASCII nothing has to be fetched.
+static int isOfClass(zwide_char c, int (*isMember)(qel_wide)) {
+    if (c >= 0x80)
+        fetchedRules();
+    return isMember(c);
+}
+
+int ziswalnum(zwide_char c) { return isOfClass(c, qel_iswalnum); }
+int ziswalpha(zwide_char c) { return isOfClass(c, qel_iswalpha); }
+int ziswdigit(zwide_char c) { return isOfClass(c, qel_iswdigit); }
+int ziswlower(zwide_char c) { return isOfClass(c, qel_iswlower); }
+int ziswspace(zwide_char c) { return isOfClass(c, qel_iswspace); }
+int ziswupper(zwide_char c) { return isOfClass(c, qel_iswupper); }
 
 // Whether zmblen() answers 1 for any text of this codeset.
 static bool isLocalOfOneByte(zcodeset_handle h) {
@@ -289,12 +298,12 @@ unsigned int zstrcount(zcodeset_handle h, const char* s) {
 }
 
 // The bytes of the first character if it is of the class, else 0.
-static int lengthIfClass(zcodeset_handle h, const char* s, size_t n, int (*isOfClass)(qel_wide)) {
+static int lengthIfClass(zcodeset_handle h, const char* s, size_t n, int (*isMember)(qel_wide)) {
     if (s == nullptr || n == 0)
         return 0;
     zwide_char c = 0;
     const int length = qel_mbtowc(h, &c, s, n);
-    return length >= 1 && isOfClass(c) ? length : 0;
+    return length >= 1 && isOfClass(c, isMember) != 0 ? length : 0;
 }
 
 int zisalpha(zcodeset_handle h, const char* s, size_t n) {

@@ -29,9 +29,11 @@ Z_BEGIN_C
 /* Sets up ahead of the first text: local text is UTF-8, with the rules of C.UTF-8 for case,
  * classes, order and the decimal point. QELDIR isn't read, and setlocale isn't called; what the
  * functions below say of the process's locale goes for that one then. From then on the library
- * reports to a message service of the user's only, and prints nothing by itself. 0 when it is so,
- * or was before; 1 if set-up was made otherwise already; -1 where the system can't make that
- * locale, and nothing is set up then. */
+ * reports to a message service of the user's only, and prints nothing by itself. The rules of
+ * characters beyond ASCII are read when they are asked for first; whoever asks gets
+ * ZOutOfMemoryException if that can't be done. 0 when it is so, or was before; 1 if set-up was made
+ * otherwise already; -1 where the system has no such locale or no memory, and nothing is set up
+ * then. */
 ZEXPORT int zsetUpUTF8(void);
 
 /* The canonical name of the process's locale, or of its codeset. A failure of set-up is reported
