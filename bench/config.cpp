@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "adapters.h"
+#include "memory.h"
 #include "process.h"
 
 namespace {
@@ -134,10 +135,14 @@ int printMemory(const char* path) {
     return 0;
 }
 
+// More than any of the libraries takes for so many keys.
+void fetchFor(size_t keys) { fetchFreeMemory(32 * 1024 * 1024 + keys * 400); }
+
 std::string program;  // this one
 
 void measureAlone(const char* which, const Plan& plan, Times* times) {
     const std::string command = program + " --memory " + which + " " + plan.path;
+    fetchFor(plan.names.size());
     FILE* pipe = popen(command.c_str(), "r");
     double bytes = 0, time = 0;
     if (pipe == nullptr || fscanf(pipe, "%lf %lf", &bytes, &time) != 2)
@@ -163,6 +168,7 @@ void measure(const Plan& plan, Times* times) {
     const size_t keys = plan.names.size();
     double result[workCount];
     size_t sum, numbers;
+    fetchFor(keys);
     double start = now();
     std::unique_ptr<File> file(new File);
     file->load(plan.path.c_str());
@@ -223,6 +229,7 @@ double measureC(const Plan& plan) {
 
 template <typename File>
 double loadOnly(const Plan& plan, int times) {
+    fetchFor(plan.names.size());
     const double start = now();
     for (int i = 0; i < times; ++i) {
         File file;
@@ -466,6 +473,7 @@ void runGrowth(const std::string& folder, bool isQuick) {
         for (size_t keys : sizes) {
             Times times;
             for (int i = 0; i < (keys > 100000 ? 1 : 5); ++i) {
+                fetchFor(keys);
                 Ours file(1);
                 growth.prepare(file, keys);
                 const double start = now();

@@ -1,18 +1,14 @@
 // floor.cpp: what can't be spared. For marks of bench_config and bench_base that are missed, the
 // unavoidable part of the work alone, beside the whole work and the best peer's:
 //
-// - a load: the file's lock, size and bytes, a look for a journal, and in fresh memory the text and
-//   for each key a slot with its hash and place; no records, no lines, no order;
 // - a look-up from C: the look-up from C++, and a block of malloc for the answer;
-// - a look-up, also as a number, an added and a deleted key and the memory at a million keys: a
-//   table of the texts' hashes and places, and the text; no records, no lines, no locks. In stanzas
-//   of 20 a second table of the stanzas, with the place of the last key of each. Of a deleted key
-//   the slot is marked alone;
+// - a look-up, also as a number, and an added key at a million keys: the library's index, the text
+//   and a recursive mutex, since any thread may call; no records, no lines, no order, no observers;
 // - a string in a map of such: the hash of its text's 20 bytes, one slot and one string; no calls,
 //   no order, no other kinds of members;
 // - an edit as a process: a program that links what the library links and makes its system calls.
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,9 +21,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Z/ZKeyMap.h"
+#include <Z/ZKeyMap.h>
+#include "zpnameindex.h"
+#include "zptext.h"
 #include "adapters.h"
+#include "memory.h"
 #include "process.h"
+#include "timing.h"
 
 namespace {
 
@@ -37,15 +37,10 @@ double nanoseconds(Clock::time_point since) {
     return std::chrono::duration<double, std::nano>(Clock::now() - since).count();
 }
 
-double medianOf(std::vector<double> times) {
-    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-    return times[times.size() / 2];
-}
-
 // The median of some rounds of `work`, which says what it took.
 template <typename Work>
 double median(int rounds, Work work) {
-    std::vector<double> times;
+    Times times;
     for (int i = 0; i < rounds; ++i)
         times.push_back(work());
     return medianOf(times);
@@ -53,131 +48,90 @@ double median(int rounds, Work work) {
 
 volatile size_t sink;
 
-struct Slot {
-    uint32_t hash, place;
-};
-
-// A table of keys by what stands ahead of "=" in a text, as little as can be looked up in.
+// The keys of a file of one stanza by the library's own index, without records of their own: where
+// a name stands is all that is known of it. Any thread may ask.
 struct Table {
-    char* text = nullptr;
-    size_t size = 0, whole = 0;
-    Slot* slots = nullptr;
-    size_t room = 0, keys = 0;
+    ZPText text;
+    ZPNameIndex index;
+    pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    ZPId keys = 0;
 
-    ~Table() {
-        free(slots);
-        free(text);
+    struct Locked {
+        pthread_mutex_t& mutex;
+        explicit Locked(pthread_mutex_t& held) : mutex(held) { pthread_mutex_lock(&mutex); }
+        ~Locked() { pthread_mutex_unlock(&mutex); }
+    };
+    static uint32_t hashOf(ZSpan stanza, ZSpan key) {
+        return zhashOfBoth(zhashOf(stanza), zhashOf(key));
     }
-    // In huge pages if there is much of it.
-    static void* fresh(size_t bytes) {
-        const size_t page = 2 * 1024 * 1024;
-        if (bytes < page)
-            return malloc(bytes);
-        void* const block = aligned_alloc(page, (bytes + page - 1) / page * page);
-        madvise(block, bytes / page * page, MADV_HUGEPAGE);
-        return block;
-    }
-    static uint64_t hashOf(const char* name, size_t length) {
-        uint64_t hash = 0x9E3779B97F4A7C15u, word = 0;
-        for (size_t i = 0; i < length; i += 8) {
-            memcpy(&word, name + i, std::min<size_t>(8, length - i));
-            hash = (hash ^ word) * 0xD6E8FEB86659FD93u;
-            hash ^= hash >> 32;
-        }
-        return hash;
-    }
-    // The slot of a name, or the free one where it would go.
-    Slot& find(const char* name, size_t length, uint32_t& hash) const {
-        const uint64_t whole = hashOf(name, length);
-        hash = static_cast<uint32_t>(whole) | 1;
-        size_t slot = ((whole >> 32) * room) >> 32;
-        while (slots[slot].hash != 0 &&
-               (slots[slot].hash != hash || memcmp(text + slots[slot].place, name, length) != 0))
-            slot = slot + 1 == room ? 0 : slot + 1;
-        return slots[slot];
-    }
-    void read(const char* path) {
-        const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-        struct flock lock = {};
-        lock.l_type = F_RDLCK;
-        fcntl(file, F_SETLK, &lock);
-        struct stat status, journal;
+    void read(const char* path, size_t count, size_t more) {
+        const int file = open(path, O_RDONLY | O_CLOEXEC);
+        struct stat status;
         fstat(file, &status);
-        sink = static_cast<size_t>(lstat((std::string(path) + ".zjournal").c_str(), &journal));
-        size = static_cast<size_t>(status.st_size);
-        whole = size + size / 8;
-        text = static_cast<char*>(fresh(whole));
-        if (::read(file, text, size) != static_cast<ssize_t>(size))
+        const size_t size = static_cast<size_t>(status.st_size);
+        if (::read(file, text.room(size, size / 4), size) != status.st_size)
             abort();
+        text.commit(size);
         close(file);
-        room = size / 16 + 8;
-        slots = static_cast<Slot*>(fresh(room * sizeof(Slot)));
-        memset(static_cast<void*>(slots), 0, room * sizeof(Slot));
-        for (char* line = text; line < text + size;) {
-            char* const end = static_cast<char*>(memchr(line, '\n', text + size - line));
-            char* const divider = static_cast<char*>(memchr(line, '=', end - line));
-            if (divider != nullptr)
-                note(line, divider - line);
-            line = end + 1;
+        text.reserve(more * 32);
+        index.reserve(count + more, [](auto) {});
+        const char *line = text.at(0), *const end = line + size;
+        ZSpan stanza = {nullptr, 0};
+        for (const char* next; line < end; line = next + 1) {
+            next = static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(end - line)));
+            const char* const divider =
+                static_cast<const char*>(memchr(line, '=', static_cast<size_t>(next - line)));
+            if (*line == '[')
+                stanza = {line + 1, static_cast<size_t>(next - line) - 2};
+            else if (divider != nullptr)
+                index.insert(hashOf(stanza, {line, static_cast<size_t>(divider - line) - 1}),
+                             keys++, static_cast<uint32_t>(line - text.at(0)));
         }
     }
-    void note(const char* name, size_t length) {
-        uint32_t hash;
-        Slot& slot = find(name, length, hash);
-        slot = {hash, static_cast<uint32_t>(name - text)};
-        ++keys;
+    // Where the name stands, if it is there.
+    uint32_t find(const Name& name, ZPNameIndex::Place& place) const {
+        const ZSpan key = {name.key.data(), name.key.size()};
+        uint32_t found = 0;
+        index.findOrPlace(hashOf({name.stanza.data(), name.stanza.size()}, key), place,
+                          [&](ZPId, uint32_t offset) {
+                              found = offset;
+                              return text.stands(offset, key);
+                          });
+        return found;
     }
-    // The headers of a text that another table has read, each with a place for its last key.
-    void readHeaders(Table& other) {
-        text = other.text;
-        room = other.keys / 15 + 8;
-        slots = static_cast<Slot*>(calloc(room, sizeof(Slot)));
-        const char* const end = text + other.size;
-        for (const char* line = text; line < end;
-             line = static_cast<const char*>(memchr(line, '\n', end - line)) + 1)
-            if (*line == '[')
-                note(line + 1, static_cast<const char*>(memchr(line, ']', end - line)) - line - 1);
-        text = nullptr;
+    const char* valueOf(const Name& name) const {
+        ZPNameIndex::Place place;
+        return text.at(find(name, place)) + name.key.size() + 3;
     }
     // The value is copied out, as a caller would have it.
-    size_t get(const std::string& name, std::string& out) const {
-        uint32_t hash;
-        const char* const value =
-            text + find(name.data(), name.size(), hash).place + name.size() + 2;
-        out.assign(value, static_cast<const char*>(memchr(value, '\n', 16)) - value);
+    size_t get(const Name& name, std::string& out) {
+        const Locked lock(mutex);
+        const char* const value = valueOf(name);
+        out.assign(value,
+                   static_cast<size_t>(static_cast<const char*>(memchr(value, '\n', 16)) - value));
         return out.size();
     }
-    size_t getNumber(const std::string& name) const {
-        uint32_t hash;
+    size_t getNumber(const Name& name) {
+        const Locked lock(mutex);
         size_t number = 0;
-        for (const char* digit =
-                 text + find(name.data(), name.size(), hash).place + name.size() + 2;
-             *digit != '\n'; ++digit)
+        for (const char* digit = valueOf(name); *digit != '\n'; ++digit)
             number = number * 10 + static_cast<size_t>(*digit - '0');
         return number;
     }
-    void add(const std::string& name) {
-        uint32_t hash;
-        Slot& slot = find(name.data(), name.size(), hash);
-        slot = {hash, static_cast<uint32_t>(size)};
-        memcpy(text + size, name.data(), name.size());
-        memcpy(text + size + name.size(), " = 42\n", 6);
-        size += name.size() + 6;
-    }
-    void remove(const std::string& name) {
-        uint32_t hash;
-        find(name.data(), name.size(), hash).hash = 2;  // no name has it
+    void add(const Name& name) {
+        const Locked lock(mutex);
+        ZPNameIndex::Place place;
+        find(name, place);
+        const size_t size = name.key.size();
+        char* const line = text.room(size + 6);
+        memcpy(line, name.key.data(), size);
+        memcpy(line + size, " = 42\n", 6);
+        index.insertAt(place, keys++, static_cast<uint32_t>(text.size()));
+        text.commit(size + 6);
     }
 };
 
-// Reads a file as little as it can be read, and gives the number of its keys.
-size_t readAlone(const char* path) {
-    Table table;
-    table.read(path);
-    return table.keys;
-}
-
-void makeFile(const char* path, size_t keys, size_t perStanza = 20) {
+void makeFile(const char* path, size_t keys, size_t perStanza) {
     std::ofstream out(path);
     for (size_t i = 0; i < keys; ++i) {
         if (i % perStanza == 0)
@@ -191,37 +145,8 @@ void printRow(const char* what, double floor, double whole, double peer, const c
            floor / peer);
 }
 
-template <typename File>
-double loadOf(const char* path, size_t keys) {
-    const int times = static_cast<int>(std::max<size_t>(1, 20000 / keys));
-    return median(9, [&] {
-        const Clock::time_point start = Clock::now();
-        for (int i = 0; i < times; ++i) {
-            File file;
-            file.load(path);
-        }
-        return nanoseconds(start) / times / static_cast<double>(keys);
-    });
-}
-
-void loads(const char* path) {
-    for (const size_t keys : {100, 1000, 10000, 100000, 1000000}) {
-        makeFile(path, keys);
-        const int times = static_cast<int>(std::max<size_t>(1, 20000 / keys));
-        const double alone = median(9, [&] {
-            const Clock::time_point start = Clock::now();
-            for (int i = 0; i < times; ++i)
-                sink = readAlone(path);
-            return nanoseconds(start) / times / static_cast<double>(keys);
-        });
-        const double peer = std::min(loadOf<GLibFile>(path, keys), loadOf<SimpleFile>(path, keys));
-        printRow(("load " + std::to_string(keys)).c_str(), alone, loadOf<OurFile>(path, keys), peer,
-                 "ns/key");
-    }
-}
-
 void lookUps(const char* path) {
-    makeFile(path, 1000);
+    makeFile(path, 1000, 20);
     OurFile file;
     file.load(path);
     ZPROP_handle* handle = nullptr;
@@ -232,31 +157,32 @@ void lookUps(const char* path) {
         const size_t key = i * 387 % 1000;
         names.push_back({"section" + std::to_string(key / 20), "setting" + std::to_string(key)});
     }
-    const auto measure = [&](auto lookUp) {
-        return median(31, [&] {
-            const Clock::time_point start = Clock::now();
-            for (int round = 0; round < 20; ++round)
-                for (const Name& name : names)
-                    lookUp(name);
-            return nanoseconds(start) / 20 / static_cast<double>(names.size());
-        });
+    const auto measure = [&](Times& times, auto lookUp) {
+        const Clock::time_point start = Clock::now();
+        for (int round = 0; round < 20; ++round)
+            for (const Name& name : names)
+                lookUp(name);
+        times.push_back(nanoseconds(start) / 20 / static_cast<double>(names.size()));
     };
-    const double cpp = measure([&](const Name& name) { sink = file.get(name); });
-    const double block = measure([&](const Name& name) {
-        const size_t length = file.get(name);
-        char* const copy = static_cast<char*>(malloc(length + 5));
-        memcpy(copy, file.out.getChars(), length + 1);
-        sink = strlen(copy);
-        free(copy);
-    });
-    const double c = measure([&](const Name& name) {
-        int err;
-        char* const text =
-            zstzPropGetStringValue(handle, name.stanza.c_str(), name.key.c_str(), 0, &err);
-        sink = strlen(text);
-        zstzPropFree(text);
-    });
-    printRow("look-up from C, over C++", block, c, cpp, "ns");
+    Times cpp, block, c;
+    for (int round = 0; round < 101; ++round) {
+        measure(cpp, [&](const Name& name) { sink = file.get(name); });
+        measure(block, [&](const Name& name) {
+            const size_t length = file.get(name);
+            char* const copy = static_cast<char*>(malloc(length + 5));
+            memcpy(copy, file.out.getChars(), length + 1);
+            sink = strlen(copy);
+            free(copy);
+        });
+        measure(c, [&](const Name& name) {
+            int err;
+            char* const text =
+                zstzPropGetStringValue(handle, name.stanza.c_str(), name.key.c_str(), 0, &err);
+            sink = strlen(text);
+            zstzPropFree(text);
+        });
+    }
+    printRow("look-up from C, over C++", medianOf(block), medianOf(c), medianOf(cpp), "ns");
     zstzPropClose(handle);
 }
 
@@ -331,67 +257,50 @@ double perName(const std::vector<Name>& names, Work work) {
     return nanoseconds(start) / static_cast<double>(names.size());
 }
 
-// A million keys, and what a table alone takes.
-void million(const char* path, size_t perStanza) {
+// A million keys in one stanza.
+void million(const char* path) {
     const size_t keys = 1000000;
-    makeFile(path, keys, perStanza);
+    makeFile(path, keys, keys);
     std::vector<Name> probes, fresh;
-    const auto stanzaOf = [&](size_t key) { return "section" + std::to_string(key / perStanza); };
-    for (size_t i = 0; i < 200000; ++i) {
-        const size_t key = i * 387421 % keys;
-        probes.push_back({stanzaOf(key), "setting" + std::to_string(key) + " "});
-    }
+    std::mt19937 random(42);
+    for (size_t i = 0; i < 200000; ++i)
+        probes.push_back({"section0", "setting" + std::to_string(random() % keys)});
     for (size_t i = 0; i < 20000; ++i)
-        fresh.push_back({stanzaOf(i * 387421 % keys), "added" + std::to_string(i)});
-    static const char* const kWork[] = {"look-up", "integer", "add", "delete"};
-    std::vector<double> floors[4], ours[4], peers[4];
+        fresh.push_back({"section0", "added" + std::to_string(i)});
+    static const char* const kWork[] = {"look-up", "integer", "add"};
+    Times floors[3], ours[3], peers[3];
     std::string out;
-    double bytes = 0;
-    for (int round = 0; round < 5; ++round) {
-        Table table, stanzas;
-        table.read(path);
-        stanzas.readHeaders(table);
-        std::vector<uint32_t> ends(stanzas.room);
-        bytes = static_cast<double>(table.size + (table.room + stanzas.room) * sizeof(Slot)) / keys;
-        floors[0].push_back(perName(probes, [&](const Name& n) { sink = table.get(n.key, out); }));
-        floors[1].push_back(perName(probes, [&](const Name& n) { sink = table.getNumber(n.key); }));
-        floors[2].push_back(perName(fresh, [&](const Name& n) {
-            stanzas.text = table.text;
-            uint32_t hash;
-            const Slot& stanza = stanzas.find(n.stanza.data(), n.stanza.size(), hash);
-            ends[&stanza - stanzas.slots] = static_cast<uint32_t>(table.size);
-            table.add(n.key);
-        }));
-        stanzas.text = nullptr;
-        floors[3].push_back(perName(fresh, [&](const Name& n) { table.remove(n.key); }));
-    }
-    for (Name& name : probes)
-        name.key.pop_back();
-    const auto measure = [&](auto& file, std::vector<double>* times) {
+    const auto measure = [&](auto& file, Times* times) {
         file.load(path);
         times[0].push_back(perName(probes, [&](const Name& n) { sink = file.get(n); }));
         times[1].push_back(perName(probes, [&](const Name& n) { sink = file.getNumber(n); }));
         times[2].push_back(perName(fresh, [&](const Name& n) { file.set(n, "42"); }));
-        // The peer walks a long stanza for each key.
-        if (perStanza < keys)
-            times[3].push_back(perName(fresh, [&](const Name& n) { file.remove(n); }));
     };
     for (int round = 0; round < 5; ++round) {
-        OurFile own;
-        measure(own, ours);
+        fetchFreeMemory(512 * 1024 * 1024);
+        {
+            Table table;
+            table.read(path, keys, fresh.size());
+            floors[0].push_back(perName(probes, [&](const Name& n) { sink = table.get(n, out); }));
+            floors[1].push_back(perName(probes, [&](const Name& n) { sink = table.getNumber(n); }));
+            floors[2].push_back(perName(fresh, [&](const Name& n) { table.add(n); }));
+        }
+        fetchFreeMemory(512 * 1024 * 1024);
+        {
+            OurFile own;
+            measure(own, ours);
+        }
+        fetchFreeMemory(512 * 1024 * 1024);
         GLibFile glib;
         measure(glib, peers);
     }
-    const std::string shape = perStanza < keys ? ", 10^6, stanzas of 20" : ", 10^6 in one stanza";
-    for (int work = 0; work < 4; ++work)
-        if (!ours[work].empty())
-            printRow((kWork[work] + shape).c_str(), medianOf(floors[work]), medianOf(ours[work]),
-                     medianOf(peers[work]), "ns");
-    printf("  %-30s %10.1f\n", ("memory" + shape).c_str(), bytes);
+    for (int work = 0; work < 3; ++work)
+        printRow((kWork[work] + std::string(", 10^6 in one stanza")).c_str(),
+                 medianOf(floors[work]), medianOf(ours[work]), medianOf(peers[work]), "ns");
 }
 
 void processes(const std::string& folder, const char* path) {
-    makeFile(path, 100);
+    makeFile(path, 100, 20);
     static const char* const kPrograms[] = {"floor_process", "edit_zbase", "edit_glib",
                                             "edit_simpleini"};
     std::vector<double> times[4];
@@ -413,12 +322,10 @@ int main(int, char** argv) {
            "floor/peer");
     const std::string self = argv[0];
     processes(self.substr(0, self.rfind('/')), path.c_str());
-    loads(path.c_str());
     lookUps(path.c_str());
     for (const size_t count : {100, 1000, 10000, 100000})
         textMap(count);
-    million(path.c_str(), 1000000);
-    million(path.c_str(), 20);
+    million(path.c_str());
     unlink(path.c_str());
     rmdir(folder);
     return 0;

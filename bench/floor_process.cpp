@@ -1,13 +1,12 @@
 // floor_process.cpp: one edit as a process, as little of it as there can be: the libraries that
-// zbase needs, the classes of characters, and a file that is read, locked and written.
+// zbase needs, and a file that is read, locked and written.
 #include <fcntl.h>
-#include <locale.h>
 #include <unistd.h>
 
 #include <string>
 
 int main(int argc, char** argv) {
-    if (argc != 2 || newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr) == nullptr)
+    if (argc != 2)
         return 2;
     const int file = open(argv[1], O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     struct flock lock = {};
