@@ -5,6 +5,7 @@
 #include "Z/ZExceptionText.h"
 #include "Z/ZSCFData.h"
 #include "Z/zmodelreading.h"
+#include "Z/zpnameindex.h"
 #include "support/CacheText.h"
 #include "support/FailingAllocator.h"
 
@@ -528,6 +529,49 @@ TEST(Cache, CompositeKeysAreSplitAtTheFirstDot) {
     EXPECT_EQ(cache.countValues("s.k"), 0);
     for (const char* bad : {static_cast<const char*>(nullptr), "nodot"})
         EXPECT_THROW(cache.addLineComment(bad, "#"), ZInvalidParameterException);
+}
+
+// Names of which many have one place or one hash, at the end of the table as well.
+TEST(NameIndex, KnowsWhatWasPutInAsHashesCollideAndProbesWrap) {
+    const std::pair<const char*, uint32_t (*)(uint32_t)> kHashes[] = {
+        {"spread", [](uint32_t i) { return i * 0x9E3779B9u; }},
+        {"few", [](uint32_t i) { return i % 5 * 0x33333333u; }},
+        {"one place, other marks", [](uint32_t i) { return 0xFFFFFF00u | i % 256; }},
+        {"one", [](uint32_t) { return 0xFFFFFFFFu; }},
+    };
+    for (const auto& hash : kHashes)
+        for (const uint32_t most : {20u, 700u, 6000u}) {
+            SCOPED_TRACE(hash.first);
+            std::mt19937 random(most);
+            ZPNameIndex index;
+            std::set<ZPId> there;
+            const auto hashOf = [&](ZPId id) { return hash.second(id); };
+            for (uint32_t step = 0; step < (most > 1000 ? most : 4 * most); ++step) {
+                const ZPId id = random() % most;
+                ZPNameIndex::Place place;
+                const ZPId found = index.findOrPlace(
+                    hashOf(id), place,
+                    [&](ZPId other, uint32_t offset) { return other == id && offset == id * 3; });
+                ASSERT_EQ(found, there.count(id) != 0 ? id : kNoId);
+                if (found != kNoId && random() % 2 == 0) {
+                    index.removeAt(place.slot, hashOf);
+                    there.erase(id);
+                } else if (found == kNoId && index.takes(id, 1)) {
+                    index.insertAt(place, id, id * 3);
+                    there.insert(id);
+                } else if (found == kNoId) {
+                    index.reserve(there.size() + 1 > id + 1 ? there.size() + 1 : id + 1,
+                                  [&](auto insert) {
+                                      for (const ZPId each : there)
+                                          insert(hashOf(each), each, each * 3);
+                                  });
+                }
+                if (step % 64 == 0)
+                    index.checkInvariants([](ZPId each) { return each * 3; }, hashOf);
+            }
+            index.checkInvariants([](ZPId each) { return each * 3; }, hashOf);
+            EXPECT_EQ(index.count(), there.size());
+        }
 }
 
 }  // namespace
