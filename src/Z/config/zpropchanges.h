@@ -24,6 +24,7 @@ template <typename Change>
 void ZProperties::changeKey(ZPropertyChanged::PropertyChangeType type, const char* category,
                             const char* key, Change apply) {
     file_->requireNames(category, key);
+    cache_->fetchAhead(category, key);
     change(type, category, key, apply);
 }
 

@@ -62,6 +62,27 @@ private:
     FILE* stream_;
 };
 
+/// As memcpy of a few bytes, of which names and values mostly are, without a call.
+inline void zcopyFew(char* to, const char* from, size_t size) {
+    const auto copyEnds = [&](auto piece) {
+        auto last = piece;
+        memcpy(&piece, from, sizeof piece);
+        memcpy(&last, from + size - sizeof last, sizeof last);  // which may overlap
+        memcpy(to, &piece, sizeof piece);
+        memcpy(to + size - sizeof last, &last, sizeof last);
+    };
+    if (__builtin_expect(size - 8 <= 8, 1))
+        copyEnds(uint64_t());
+    else if (size > 16)
+        memcpy(to, from, size);
+    else if (size >= 4)
+        copyEnds(uint32_t());
+    else if (size >= 2)
+        copyEnds(uint16_t());
+    else if (size == 1)
+        *to = *from;
+}
+
 /// As memcmp() == 0, in place for the lengths that most names have.
 inline bool zsameBytes(const char* a, const char* b, size_t size) {
     if (__builtin_expect(size < 8 || size > 32, 0))

@@ -114,6 +114,11 @@ void ZPCache::copyValues(const char* category, const char* key, ZArrayList& list
 
 unsigned int ZPCache::obfuscatedCount() const { return store_->followedCount(); }
 
+void ZPCache::fetchAhead(const char* category, const char* key) const {
+    if (store_->isWorthFetching())
+        store_->fetchAhead(zspanOf(category), zspanOf(key));
+}
+
 int ZPCache::readError() const { return store_->readError(); }
 
 // ---------------------------------------------------------------- look-ups

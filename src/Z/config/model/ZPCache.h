@@ -160,6 +160,10 @@ public:
     /// The shared empty text.
     static const ZLCString& emptyText() { return *empty_; }
 
+    /// Has the memory fetched at which a change of that key looks first, if that takes time: for
+    /// whoever is about to take the owner's lock, which isn't needed here. Any thread may call it.
+    void fetchAhead(const char* category, const char* key) const;
+
 protected:
     /// Where map and lines are.
     ZPStore& store() const { return *store_; }

@@ -9,6 +9,8 @@
 #include <endian.h>
 #endif
 
+#include <atomic>
+
 #include "zpindex.h"
 
 /// Some marks that stand in a row: which are free, that is 0, and which are a given one.
@@ -238,6 +240,8 @@ public:
         __builtin_prefetch(&state_.slots[place], 1);
     }
 
+    class Ahead;
+
     /// Calls visit(id) for each entry.
     template <typename Visit>
     void forEach(Visit visit) const {
@@ -344,6 +348,38 @@ private:
     }
 
     State state_;
+};
+
+/// Where a look for a name begins, for whoever doesn't hold the owner's lock: it goes by a table
+/// that there was, and is good for nothing but to have memory fetched.
+class ZPNameIndex::Ahead {
+public:
+    /// Goes by this index from here on.
+    void note(const ZPNameIndex& index) {
+        const State& state = index.state_;
+        if (__builtin_expect(slots_.load(std::memory_order_relaxed) != state.slots ||
+                                 capacity_.load(std::memory_order_relaxed) != state.capacity,
+                             0)) {
+            slots_.store(state.slots, std::memory_order_relaxed);
+            capacity_.store(state.capacity, std::memory_order_relaxed);
+        }
+    }
+    /// Whether a look has to wait for memory.
+    bool isLarge() const { return capacity_.load(std::memory_order_relaxed) >= kFarSlots; }
+    // In place, for compilers find that it does nothing.
+    __attribute__((always_inline)) void fetch(uint32_t hash) const {
+        const uint64_t capacity = capacity_.load(std::memory_order_relaxed);
+        const uintptr_t slots = reinterpret_cast<uintptr_t>(slots_.load(std::memory_order_relaxed));
+        const uintptr_t place = static_cast<uintptr_t>((hash * capacity) >> 32);
+        const uintptr_t marks = slots + static_cast<uintptr_t>(capacity) * sizeof(Slot);
+        __builtin_prefetch(reinterpret_cast<const void*>(marks + place));
+        __builtin_prefetch(reinterpret_cast<const void*>(slots + place * sizeof(Slot)), 1);
+    }
+
+private:
+    static constexpr uint32_t kFarSlots = 64 * 1024;
+    std::atomic<const void*> slots_{nullptr};
+    std::atomic<uint32_t> capacity_{0};
 };
 
 #endif

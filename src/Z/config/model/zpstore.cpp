@@ -303,12 +303,18 @@ ZPStore::Id ZPStore::findKey(ZSpan stanza, ZSpan key) const {
                           [&](Id id, uint32_t offset) { return isKeyAt(id, offset, stanza, key); });
 }
 
+// Names that have several spellings are fetched in vain, by another hash than theirs.
+void ZPStore::fetchAhead(ZSpan stanza, ZSpan key) const {
+    ahead_.fetch(zhashOfBoth(zhashOf(stanza), zhashOf(key)));
+}
+
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
     // In fewer nothing is far away, and a look at the stanza may turn out to be for nothing.
     static const size_t kMany = 64 * 1024;
     const uint64_t stanzaHash = nameHash(stanza, true);
     Sought sought = {none, zhashOfBoth(stanzaHash, nameHash(key, false)), {}, none};
     const bool areMany = keyIndex_.limit() > kMany;
+    ahead_.note(keyIndex_);
     if (areMany) {
         keyIndex_.prefetch(sought.hash);
         sought.stanza = prefetchStanza(stanzaHash);
@@ -440,8 +446,8 @@ bool ZPStore::createKeyAtOnce(Id stanzaId, ZSpan name, const Sought& sought, ZSp
                   valueSlice = {nameSlice.offset + nameSlice.length,
                                 static_cast<uint32_t>(value.size)};
     char* const room = text_.room(name.size + value.size);
-    memcpy(room, name.data, name.size);
-    memcpy(room + name.size, value.data, value.size);
+    zcopyFew(room, name.data, name.size);
+    zcopyFew(room + name.size, value.data, value.size);
     text_.commit(name.size + value.size);
     const Id id = keys_.end();
     keyIndex_.insertAt(sought.place, id, nameSlice.offset);

@@ -243,6 +243,10 @@ public:
         Id stanza;                 // which most likely is the key's, or none
     };
     Sought seekToChange(ZSpan stanza, ZSpan key) const;
+    /// Where there are many keys, what a change of that key looks at first can be fetched while the
+    /// lock is taken. Any thread may call these at any time, without the owner's lock.
+    bool isWorthFetching() const { return ahead_.isLarge(); }
+    void fetchAhead(ZSpan stanza, ZSpan key) const;
     /// As stanzaInMap(), of the stanza where a key was sought.
     Id stanzaInMap(ZSpan name, const Sought& sought) const {
         Id id = sought.stanza;
@@ -589,6 +593,7 @@ private:
 
     int readError_ = 0;
     Cursor* cursors_ = nullptr;
+    mutable ZPNameIndex::Ahead ahead_;  // as the last look to change has left it
 };
 
 #endif
