@@ -121,15 +121,12 @@ public:
     /// Keys of the map with a line, one by one, which are chained behind another, or behind none,
     /// when all are there. Nothing is long. Requires: isReadyBehind().
     void push(ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
-        records_.push({name.offset, value.offset, static_cast<uint16_t>(name.length),
-                       static_cast<uint16_t>(value.length), stanza << 1 | 1, line});
+        records_.push(inMap(name, value, stanza, line));
     }
     /// Likewise one behind another, or behind none. Requires: isReadyToInsert().
     __attribute__((always_inline)) void pushBehind(ZPId before, ZPSlice name, ZPSlice value,
                                                    ZPId stanza, ZPId line) {
-        records_.pushBetween({name.offset, value.offset, static_cast<uint16_t>(name.length),
-                              static_cast<uint16_t>(value.length), stanza << 1 | 1, line},
-                             before, kNoId);
+        records_.pushBetween(inMap(name, value, stanza, line), before, kNoId);
     }
     void chainPushed(ZPId before, size_t count) { records_.chainPushed(before, count); }
     /// Its neighbours are connected already.
@@ -195,6 +192,15 @@ private:
         Chunk* chunks[1];
     };
 
+    // Nothing is long.
+    static Record inMap(ZPSlice name, ZPSlice value, ZPId stanza, ZPId line) {
+        return {name.offset,
+                value.offset,
+                static_cast<uint16_t>(name.length),
+                static_cast<uint16_t>(value.length),
+                stanza << 1 | 1,
+                line};
+    }
     static ZPKeyExtra* extraIn(const Directory* directory, ZPId id);
     void setLongValue(ZPId id, uint32_t length);
     uint32_t longName(ZPId id) const;

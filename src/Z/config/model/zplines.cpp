@@ -49,12 +49,8 @@ void ZPLines::reserveInserts(size_t lines) {
 // Between two lines of the group, or at an end of it.
 __attribute__((always_inline)) inline void ZPLines::insert(ZPId groupId, ZPId prev, ZPId before,
                                                            ZPId id) {
-    ZPGroup& group = groups_[groupId];
     lines_.insert(id, prev, before);
-    if (prev == kNoId)
-        group.first = id;
-    if (before == kNoId)
-        group.last = id;
+    noteInserted(groups_[groupId], prev, before, id);
 }
 
 void ZPLines::insertComment(ZPId group, ZPId before, ZPSlice comment, const ZPText& text) {
@@ -187,7 +183,7 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
     const bool hasNoSamples = group.knowsSamples && group.samples == nullptr;
     const ZPId closing = hasNoSamples ? kNoId : findParagraphEnd(group, name, text);
     const ZPId last = group.isEndLoose ? lastKey(groupId) : group.keysEnd;
-    const ZPId behindLast = last == kNoId ? group.first : lines_.next(last);
+    const ZPId behindLast = lineBehind(group, last);
     const ZPId line = lines_.take(ZPLine::make(ZPLine::key, key));
     if (closing == kNoId)
         insert(groupId, last, behindLast, line);
@@ -197,8 +193,7 @@ ZPId ZPLines::placeKey(ZPId groupId, ZPId key, ZSpan name, const ZPText& text) {
         group.keysEnd = line;
     } else if (group.samples->isTail(lines_[closing])) {
         // Each blank line loses its mark once, however many keys come.
-        for (ZPId l = last == kNoId ? group.first : lines_.next(last); l != line;
-             l = lines_.next(l))
+        for (ZPId l = lineBehind(group, last); l != line; l = lines_.next(l))
             if (lines_[l].isBlank())
                 group.samples->setTail(lines_[l], false);
         group.keysEnd = line;

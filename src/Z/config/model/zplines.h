@@ -185,6 +185,17 @@ private:
         return id;
     }
     void reserveInserts(size_t lines);
+    // The line behind one of the group, or behind none its first.
+    ZPId lineBehind(const ZPGroup& group, ZPId line) const {
+        return line == kNoId ? group.first : lines_.next(line);
+    }
+    // A line has come between two others, either of which may be none.
+    static void noteInserted(ZPGroup& group, ZPId prev, ZPId before, ZPId line) {
+        if (prev == kNoId)
+            group.first = line;
+        if (before == kNoId)
+            group.last = line;
+    }
     void insert(ZPId group, ZPId before, ZPId line) {
         insert(group, before == kNoId ? groups_[group].last : lines_.prev(before), before, line);
     }
@@ -220,13 +231,9 @@ inline void ZPLines::readKeys(ZPId groupId, ZPId firstKey, size_t count) {
 
 inline void ZPLines::pushKey(ZPId groupId, ZPId key) {
     ZPGroup& group = groups_[groupId];
-    const ZPId last = group.keysEnd;
-    const ZPId behind = last == kNoId ? group.first : lines_.next(last);
+    const ZPId last = group.keysEnd, behind = lineBehind(group, last);
     const ZPId id = lines_.pushBetween(ZPLine::make(ZPLine::key, key), last, behind);
-    if (last == kNoId)
-        group.first = id;
-    if (behind == kNoId)
-        group.last = id;
+    noteInserted(group, last, behind, id);
     group.keysEnd = id;
 }
 

@@ -106,13 +106,8 @@ public:
     }
     /// One between two others, either of which may be none. Requires: isReadyToInsert().
     __attribute__((always_inline)) void addBetween(ZPId before, ZPId behind) {
-        const ZPId id = static_cast<ZPId>(end());
-        isThrifty_ = false;
-        later_.push({behind, before});
-        if (before != kNoId)
-            setNext(before, id);
-        if (behind != kNoId)
-            setPrev(behind, id);
+        add();
+        insert(static_cast<ZPId>(end() - 1), before, behind);
     }
 
     // --- Chains ---

@@ -232,12 +232,8 @@ public:
         --state_.count;
     }
 
-    void prefetch(uint32_t hash) const {
-        if (state_.capacity == 0)
-            return;
-        const size_t place = placeOf(hash);
-        __builtin_prefetch(&state_.marks[place]);
-        __builtin_prefetch(&state_.slots[place], 1);
+    __attribute__((always_inline)) void prefetch(uint32_t hash) const {
+        prefetchIn(state_.slots, state_.capacity, hash);
     }
 
     class Ahead;
@@ -329,8 +325,18 @@ private:
     size_t wrapped(size_t slot) const {
         return slot >= state_.capacity ? slot - state_.capacity : slot;
     }
-    size_t placeOf(uint32_t hash) const {
-        return static_cast<size_t>((static_cast<uint64_t>(hash) * state_.capacity) >> 32);
+    static size_t placeIn(uint32_t capacity, uint32_t hash) {
+        return static_cast<size_t>((static_cast<uint64_t>(hash) * capacity) >> 32);
+    }
+    size_t placeOf(uint32_t hash) const { return placeIn(state_.capacity, hash); }
+    // Slots and marks of a hash's place, which need not be there any more. In place, for compilers
+    // find that it does nothing.
+    __attribute__((always_inline)) static void prefetchIn(const void* slots, uint32_t capacity,
+                                                          uint32_t hash) {
+        const uintptr_t first = reinterpret_cast<uintptr_t>(slots);
+        const size_t place = placeIn(capacity, hash);
+        __builtin_prefetch(reinterpret_cast<const void*>(first + capacity * sizeof(Slot) + place));
+        __builtin_prefetch(reinterpret_cast<const void*>(first + place * sizeof(Slot)), 1);
     }
     // Where an entry stands.
     size_t slotOf(uint32_t hash, ZPId id) const {
@@ -366,14 +372,9 @@ public:
     }
     /// Whether a look has to wait for memory.
     bool isLarge() const { return capacity_.load(std::memory_order_relaxed) >= kFarSlots; }
-    // In place, for compilers find that it does nothing.
     __attribute__((always_inline)) void fetch(uint32_t hash) const {
-        const uint64_t capacity = capacity_.load(std::memory_order_relaxed);
-        const uintptr_t slots = reinterpret_cast<uintptr_t>(slots_.load(std::memory_order_relaxed));
-        const uintptr_t place = static_cast<uintptr_t>((hash * capacity) >> 32);
-        const uintptr_t marks = slots + static_cast<uintptr_t>(capacity) * sizeof(Slot);
-        __builtin_prefetch(reinterpret_cast<const void*>(marks + place));
-        __builtin_prefetch(reinterpret_cast<const void*>(slots + place * sizeof(Slot)), 1);
+        prefetchIn(slots_.load(std::memory_order_relaxed),
+                   capacity_.load(std::memory_order_relaxed), hash);
     }
 
 private:

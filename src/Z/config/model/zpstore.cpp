@@ -308,12 +308,11 @@ void ZPStore::fetchAhead(ZSpan stanza, ZSpan key) const {
 }
 
 ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
-    // In fewer nothing is far away, and a look at the stanza may turn out to be for nothing.
-    static const size_t kMany = 64 * 1024;
     const uint64_t stanzaHash = nameHash(stanza, true);
     Sought sought = {none, zhashOfBoth(stanzaHash, nameHash(key, false)), {}, none};
-    const bool areMany = keyIndex_.limit() > kMany;
+    // In few nothing is far away, and a look at the stanza may turn out to be for nothing.
     ahead_.note(keyIndex_);
+    const bool areMany = ahead_.isLarge();
     if (areMany) {
         keyIndex_.prefetch(sought.hash);
         sought.stanza = prefetchStanza(stanzaHash);
@@ -389,10 +388,7 @@ void ZPStore::putIntoMap(Id id) {
     keys_.setInMap(id, true);
     if (stanza.last != none)
         keys_.connect(stanza.last, id);
-    else
-        stanza.first = id;
-    stanza.last = id;
-    ++stanza.count;
+    stanza.noteKeys(id, id, 1);
 }
 
 ZPStore::Id ZPStore::createKey(Id stanza, ZSpan name) {
@@ -452,10 +448,7 @@ bool ZPStore::createKeyAtOnce(Id stanzaId, ZSpan name, const Sought& sought, ZSp
     keyIndex_.insertAt(sought.place, id, nameSlice.offset);
     keys_.pushBehind(stanza.last, nameSlice, valueSlice, stanzaId, lines_.nextId());
     lines_.pushKey(stanza.group, id);
-    if (stanza.last == none)
-        stanza.first = id;
-    stanza.last = id;
-    ++stanza.count;
+    stanza.noteKeys(id, id, 1);
     return true;
 }
 

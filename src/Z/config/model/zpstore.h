@@ -74,6 +74,13 @@ struct ZPStanza {
     bool inUse;
     bool inMap;
 
+    /// Its last keys are `more` from here on, which are chained behind the others.
+    void noteKeys(ZPId firstNew, ZPId lastNew, uint32_t more) {
+        if (last == kNoId)
+            first = firstNew;
+        last = lastNew;
+        count += more;
+    }
     ZArrayList* keyList() const {
         const ZPStanzaObjects* made = objects.get();
         return made == nullptr ? nullptr : made->keyList.get();
@@ -483,7 +490,9 @@ public:
     __attribute__((always_inline)) uint32_t keyHash(Id stanza, ZSpan key) const {
         return zhashOfBoth(stanzas_[stanza].hash, nameHash(key, false));
     }
-    void prefetchKey(uint32_t hash) const { keyIndex_.prefetch(hash); }
+    __attribute__((always_inline)) void prefetchKey(uint32_t hash) const {
+        keyIndex_.prefetch(hash);
+    }
     /// So many bytes of the text are in no slice.
     void addUnused(size_t bytes) {
         text_.addUnused(bytes);

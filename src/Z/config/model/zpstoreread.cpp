@@ -207,10 +207,7 @@ inline void ZPStore::chainPushed(Id group, Id first) noexcept {
     ZPStanza& stanza = stanzas_[lines_.group(group).stanza];
     keys_.chainPushed(stanza.last, count);
     lines_.readKeys(group, first, count);
-    if (stanza.last == none)
-        stanza.first = first;
-    stanza.last = keys_.end() - 1;
-    stanza.count += count;
+    stanza.noteKeys(first, keys_.end() - 1, count);
 }
 
 // The record of an entry's key, or none.
