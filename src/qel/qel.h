@@ -28,13 +28,11 @@ int qel_set_dir(const char* dir);
 /// from then on, and is called once at most, before there is any.
 ///
 /// Only characters beyond ASCII differ from those of the C locale, which every process has: their
-/// rules are fetched by qel_fetch_own, for whoever asks of them first, since to open them takes a
-/// good part of a short program's time. False without memory; such characters have no class and no
-/// case until it has succeeded.
+/// rules are fetched by qel_own_rules, for whoever asks of them first, since to open them takes a
+/// good part of a short program's time. 0 without memory; such characters have no class until it
+/// has succeeded.
 bool qel_can_own();
 void qel_set_own();
-bool qel_fetch_own();
-/// What stands for its rules where a locale is asked for.
 qel_locale qel_own_rules();
 
 /// The locale that it shares with C, or null: text follows the thread's then.

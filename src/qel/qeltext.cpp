@@ -28,27 +28,16 @@ struct Locale {
     uint32_t upper[256];
 };
 
-// The rules of the process's own locale, null until somebody has needed them; what stands for them.
-std::atomic<const Locale*> ownRules{nullptr};
-const char ownHandle = 0;
+// The rules of the process's own locale, null until somebody has needed them.
+std::atomic<Locale*> ownRules{nullptr};
 
-const Locale* localeOf(qel_locale handle) {
-    return handle == qel_own_rules() ? ownRules.load(std::memory_order_acquire)
-                                     : reinterpret_cast<const Locale*>(handle);
-}
-
-// Without a locale, as the C locale has it.
 uint32_t lowered(const Locale* locale, uint32_t code) {
-    if (locale == nullptr)
-        return code >= 'A' && code <= 'Z' ? code + ('a' - 'A') : code;
     if (code < 256)
         return locale->lower[code];
     return static_cast<uint32_t>(towlower_l(static_cast<wint_t>(code), locale->locale));
 }
 
 uint32_t uppered(const Locale* locale, uint32_t code) {
-    if (locale == nullptr)
-        return code >= 'a' && code <= 'z' ? code - ('a' - 'A') : code;
     if (code < 256)
         return locale->upper[code];
     return static_cast<uint32_t>(towupper_l(static_cast<wint_t>(code), locale->locale));
@@ -173,7 +162,7 @@ char* changeCase(qel_codeset handle, qel_locale localeHandle, char* text,
     if (handle == 0 || localeHandle == 0 || text == nullptr)
         return text;
     Codeset* codeset = codesetOf(handle);
-    const Locale* locale = localeOf(localeHandle);
+    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
     for (char* at = text; *at != '\0';) {
         const Character c = characterAt(codeset, at, SIZE_MAX);
         const uint32_t code = c.code == kNoCode ? kNoCode : changed(locale, c.code);
@@ -220,8 +209,6 @@ bool qel_can_own() {
 void qel_set_own() {
     qel_own_locale.store(newlocale(LC_ALL_MASK, "C", nullptr), std::memory_order_release);
 }
-
-qel_locale qel_own_rules() { return reinterpret_cast<qel_locale>(&ownHandle); }
 
 int qel_collate(const char* a, const char* b) {
     const locale_t own = qel_own();
@@ -273,16 +260,18 @@ qel_locale qel_loc_new(const char* name) {
     return makeLocale(locale);
 }
 
-bool qel_fetch_own() {
-    if (qel_own() == nullptr || ownRules.load(std::memory_order_acquire) != nullptr)
-        return true;
+qel_locale qel_own_rules() {
+    Locale* rules = ownRules.load(std::memory_order_acquire);
+    if (rules != nullptr)
+        return reinterpret_cast<qel_locale>(rules);
     const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
     const qel_locale made = makeLocale(newlocale(LC_CTYPE_MASK, kOwnName, plain));
-    const Locale* before = nullptr;
-    if (made != 0 && !ownRules.compare_exchange_strong(
-                         before, reinterpret_cast<const Locale*>(made), std::memory_order_acq_rel))
-        qel_loc_free(made);  // another thread was first
-    return made != 0;
+    if (made == 0 ||
+        ownRules.compare_exchange_strong(rules, reinterpret_cast<Locale*>(made),
+                                         std::memory_order_acq_rel, std::memory_order_acquire))
+        return made;
+    qel_loc_free(made);  // another thread was first
+    return reinterpret_cast<qel_locale>(rules);
 }
 
 void qel_loc_free(qel_locale handle) {
@@ -396,7 +385,7 @@ int qel_strnicmp(qel_codeset handle, qel_locale localeHandle, const char* a, con
     if (handle == 0 || localeHandle == 0)
         return strncmp(a, b, n);
     Codeset* codeset = codesetOf(handle);
-    const Locale* locale = localeOf(localeHandle);
+    const Locale* locale = reinterpret_cast<const Locale*>(localeHandle);
     size_t leftA = n, leftB = n;
     for (;;) {
         const uint32_t left = foldedAt(codeset, locale, a, leftA);
@@ -418,11 +407,11 @@ char* qel_strupper(qel_codeset codeset, qel_locale locale, char* text) {
 
 char* qel_strptime(qel_codeset, qel_locale locale, const char* text, const char* format,
                    struct tm* time) {
+    // What the own locale shares with C has the names.
     if (locale == 0)
-        return strptime(text, format, time);
-    // The names are in what the own locale shares with C.
-    return strptime_l(text, format, time,
-                      locale == qel_own_rules() ? qel_own() : localeOf(locale)->locale);
+        return qel_own() != nullptr ? strptime_l(text, format, time, qel_own())
+                                    : strptime(text, format, time);
+    return strptime_l(text, format, time, reinterpret_cast<const Locale*>(locale)->locale);
 }
 
 // Whether the character is of a class, by the locale of text.

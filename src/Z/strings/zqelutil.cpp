@@ -24,8 +24,8 @@ static std::atomic<char*> locstring_{nullptr};
 static std::atomic<char*> csname_{nullptr};
 static std::atomic<zcodeset_handle> zlocal_codeset_{0};
 static std::atomic<zcodeset_handle> zutf8_codeset_{0};
-static qel_locale local_locale_handle_ = 0;
-static const char* qeldir_ = nullptr;  // only whether it is null matters
+static qel_locale local_locale_handle_ = 0;  // none where text has a locale of its own
+static const char* qeldir_ = nullptr;        // only whether it is null matters
 
 static const char kDefaultDirectory[] = "/opt/Quillmere/nls/QEL";
 
@@ -74,7 +74,6 @@ struct OwnSetup {
     }
     void give() {
         qel_set_own();
-        local_locale_handle_ = qel_own_rules();
         qeldir_ = kDefaultDirectory;
         locstring_.store(name, std::memory_order_release);
         csname_.store(codeset, std::memory_order_release);
@@ -235,11 +234,14 @@ char* zstrtok(zcodeset_handle h, char* a, const char* b, char** c) {
     return qel_strtok(h, a, b, c);
 }
 
-// The handle of the rules, once those of characters beyond ASCII can be asked.
+// The rules of characters, those beyond ASCII too.
 static qel_locale fetchedRules() {
-    if (!qel_fetch_own())
+    if (qel_own() == nullptr)
+        return local_locale_handle_;
+    const qel_locale rules = qel_own_rules();
+    if (rules == 0)
         zraise(ZOutOfMemoryException());
-    return local_locale_handle_;
+    return rules;
 }
 
 int zstricmp(zcodeset_handle h, const char* a, const char* b) {
