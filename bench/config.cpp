@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +26,7 @@
 #include "adapters.h"
 #include "memory.h"
 #include "process.h"
+#include "timing.h"
 
 namespace {
 
@@ -77,14 +77,8 @@ double mark(Work work, size_t keys, bool isOneStanza) {
 int marksMet;
 std::string marksMissed;
 
-typedef std::vector<double> Times;
-
-double median(Times times) {
-    if (times.empty())
-        return 0;
-    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-    return times[times.size() / 2];
-}
+// 0 where nothing was measured.
+double median(const Times& times) { return times.empty() ? 0 : medianOf(times); }
 
 // What the libraries say to one question; ends the program when they differ.
 void agree(const std::string& question, size_t answer) {
@@ -102,11 +96,6 @@ struct Plan {
     std::vector<Name> probes;  // in random order
     std::vector<Name> fresh;   // to be added and deleted
 };
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 // What this process holds in memory, in bytes.
 size_t residentBytes() {

@@ -6,17 +6,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "timing.h"
 
 extern char** environ;
 
 /// The microseconds that a program of `folder` takes with `path` for an argument. Our library is
 /// named to the loader, so that it is found without a search, as an installed one and the peers'.
 inline double editTime(const std::string& folder, const char* name, const std::string& path) {
-    typedef std::chrono::steady_clock Clock;
     std::string program = folder + "/" + name, argument = path;
     std::string library = "LD_PRELOAD=" + folder + "/../libzbase.so.6";
     std::vector<char*> variables;
@@ -26,13 +26,13 @@ inline double editTime(const std::string& folder, const char* name, const std::s
         variables.push_back(&library[0]);
     variables.push_back(nullptr);
     char* arguments[] = {&program[0], &argument[0], nullptr};
-    const Clock::time_point start = Clock::now();
+    const double start = now();
     pid_t pid;
     int status;
     if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, arguments, variables.data()) != 0 ||
         waitpid(pid, &status, 0) != pid || status != 0)
         abort();
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    return (now() - start) * 1e6;
 }
 
 #endif
