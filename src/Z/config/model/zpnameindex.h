@@ -157,6 +157,7 @@ public:
             if (seen.free() != 0) {
                 const size_t k = ZPMarks::first(seen.free());
                 place = {wrapped(at + k), keptOf(tag, steps + k), mark};
+                __builtin_prefetch(&state_.slots[place.slot], 1);
                 return kNoId;
             }
         }
@@ -233,7 +234,7 @@ public:
     }
 
     __attribute__((always_inline)) void prefetch(uint32_t hash) const {
-        prefetchIn(state_.slots, state_.capacity, hash);
+        prefetchIn<0>(state_.slots, state_.capacity, hash);
     }
 
     class Ahead;
@@ -283,6 +284,7 @@ public:
 private:
     static constexpr uint32_t kStepBits = 7;
     static constexpr uint32_t kManySlots = 4096;
+    static constexpr size_t kCacheLine = 64;
 
     struct Slot {
         uint32_t offset;  // of the name, so that it is fetched while its record is
@@ -329,14 +331,21 @@ private:
         return static_cast<size_t>((static_cast<uint64_t>(hash) * capacity) >> 32);
     }
     size_t placeOf(uint32_t hash) const { return placeIn(state_.capacity, hash); }
-    // Slots and marks of a hash's place, which need not be there any more. In place, for compilers
-    // find that it does nothing.
+    // Slots and marks of a hash's place, which need not be there any more, and of so many slots
+    // behind. In place, for compilers find that it does nothing.
+    template <size_t behind>
     __attribute__((always_inline)) static void prefetchIn(const void* slots, uint32_t capacity,
                                                           uint32_t hash) {
         const uintptr_t first = reinterpret_cast<uintptr_t>(slots);
         const size_t place = placeIn(capacity, hash);
-        __builtin_prefetch(reinterpret_cast<const void*>(first + capacity * sizeof(Slot) + place));
-        __builtin_prefetch(reinterpret_cast<const void*>(first + place * sizeof(Slot)), 1);
+        const uintptr_t mark = first + capacity * sizeof(Slot) + place;
+        const uintptr_t slot = first + place * sizeof(Slot);
+        __builtin_prefetch(reinterpret_cast<const void*>(mark));
+        if (behind != 0)
+            __builtin_prefetch(reinterpret_cast<const void*>(mark + behind));
+#pragma GCC unroll 8
+        for (size_t line = 0; line <= behind * sizeof(Slot); line += kCacheLine)
+            __builtin_prefetch(reinterpret_cast<const void*>(slot + line), 1);
     }
     // Where an entry stands.
     size_t slotOf(uint32_t hash, ZPId id) const {
@@ -373,11 +382,14 @@ public:
     /// Whether a look has to wait for memory.
     bool isLarge() const { return capacity_.load(std::memory_order_relaxed) >= kFarSlots; }
     __attribute__((always_inline)) void fetch(uint32_t hash) const {
-        prefetchIn(slots_.load(std::memory_order_relaxed),
-                   capacity_.load(std::memory_order_relaxed), hash);
+        prefetchIn<kUsualSteps>(slots_.load(std::memory_order_relaxed),
+                                capacity_.load(std::memory_order_relaxed), hash);
     }
 
 private:
+    // Where a table is as full as it gets, half of the new names go further than that; all lines
+    // come in the time of one.
+    static constexpr size_t kUsualSteps = 24;
     static constexpr uint32_t kFarSlots = 64 * 1024;
     std::atomic<const void*> slots_{nullptr};
     std::atomic<uint32_t> capacity_{0};
