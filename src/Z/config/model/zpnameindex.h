@@ -157,7 +157,7 @@ public:
             if (seen.free() != 0) {
                 const size_t k = ZPMarks::first(seen.free());
                 place = {wrapped(at + k), keptOf(tag, steps + k), mark};
-                __builtin_prefetch(&state_.slots[place.slot], 1);
+                __builtin_prefetch(&state_.slots[place.slot]);
                 return kNoId;
             }
         }
@@ -387,7 +387,7 @@ public:
     }
 
 private:
-    // Where a table is as full as it gets, half of the new names go further than that; all lines
+    // Where a table is as full as it gets, a third of the new names go further than that; all lines
     // come in the time of one.
     static constexpr size_t kUsualSteps = 24;
     static constexpr uint32_t kFarSlots = 64 * 1024;

@@ -489,12 +489,22 @@ void ZPStore::removeKey(Id id, size_t slot) {
     freeKeyIfUnneeded(id, slot);
 }
 
+void ZPStore::removeKeyLines(Id key) {
+    const bool hadLines = takeLinesOut(key);
+    freeKeyIfUnneeded(key);
+    if (hadLines)
+        compactIfWorthwhile();
+}
+
 void ZPStore::removeWithLines(const Sought& sought) {
     // The lines go first: a key that has neither map entry nor line is forgotten.
-    const bool inMap = isInMap(sought.key);
-    removeKeyLines(sought.key, sought.place.slot);
-    if (inMap)
+    const bool hadLines = takeLinesOut(sought.key);
+    if (isInMap(sought.key))
         removeKey(sought.key, sought.place.slot);
+    else
+        freeKeyIfUnneeded(sought.key, sought.place.slot);
+    if (hadLines)
+        compactIfWorthwhile();
 }
 
 void ZPStore::freeKeyIfUnneeded(Id id, size_t slot) {
@@ -749,13 +759,12 @@ void ZPStore::placeKeyLine(Id key) {
     noteLine(key, lines_.placeKey(group, key, text_.span(keys_.name(key)), text_));
 }
 
-void ZPStore::removeKeyLines(Id key, size_t slot) {
+// A key's lines in the first group of its stanza. Whether there may have been one.
+bool ZPStore::takeLinesOut(Id key) {
     const Id line = keys_.line(key);
     const Id group = stanzas_[keys_.stanza(key)].group;
-    if (line == none || group == none) {
-        freeKeyIfUnneeded(key, slot);
-        return;
-    }
+    if (line == none || group == none)
+        return false;
     if (line != kSeveralIds && lines_.group(group).nextOfStanza == none) {
         lines_.removeKey(group, line);
         keys_.setLine(key, none);
@@ -764,8 +773,7 @@ void ZPStore::removeKeyLines(Id key, size_t slot) {
         lines_.removeKeys(group, key);
         countLines(key);
     }
-    freeKeyIfUnneeded(key, slot);
-    compactIfWorthwhile();
+    return true;
 }
 
 void ZPStore::addStanzaComment(Id stanza, ZSpan comment) {

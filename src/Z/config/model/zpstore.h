@@ -34,8 +34,9 @@
 // (8) Slices of names, values and comments don't overlap, and cover no byte that text_ counts as
 //     unused.
 //
-// Threads: changes need the owner's lock. Look-ups may run side by side, also while one of them
-// makes a list: lists are published by compare-and-swap and change no other field.
+// Threads: changes, and looks for what to change, need the owner's lock. Look-ups may run side by
+// side, also while one of them makes a list: lists are published by compare-and-swap and change no
+// other field.
 //
 // Failure: ZOutOfMemoryException. Room is made before anything is linked, so that a call that
 // raises has left all invariants whole.
@@ -251,7 +252,7 @@ public:
     };
     Sought seekToChange(ZSpan stanza, ZSpan key) const;
     /// Where there are many keys, what a change of that key looks at first can be fetched while the
-    /// lock is taken. Any thread may call these at any time, without the owner's lock.
+    /// lock is taken. Any thread may call these without the owner's lock, while the store lives.
     bool isWorthFetching() const { return ahead_.isLarge(); }
     void fetchAhead(ZSpan stanza, ZSpan key) const;
     /// As stanzaInMap(), of the stanza where a key was sought.
@@ -363,7 +364,7 @@ public:
     void placeKeyLine(Id key);
     /// Removes the key's lines from the first group of its stanza, and the record with them if
     /// nothing else needs it.
-    void removeKeyLines(Id key) { removeKeyLines(key, kUnknown); }
+    void removeKeyLines(Id key);
     void addFileComment(ZSpan text) { lines_.addFileComment(text, text_); }
     /// The stanza must have a group.
     void addStanzaComment(Id stanza, ZSpan text);
@@ -542,7 +543,7 @@ private:
     // Where a key may go from the index its slot there spares a look, if it is known.
     static constexpr size_t kUnknown = SIZE_MAX;
     void removeKey(Id key, size_t slot);
-    void removeKeyLines(Id key, size_t slot);
+    bool takeLinesOut(Id key);
     void takeOutOfIndex(Id key, size_t slot = kUnknown);
     void takeStanzaOutOfIndex(Id stanza);
     void freeKeyIfUnneeded(Id key, size_t slot = kUnknown);
