@@ -3,6 +3,7 @@
 #include "support/Prelude.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 
 #include <cmath>
 
@@ -774,7 +775,18 @@ TEST(Setup, IsMadeOnceByWhoeverComesFirst) {
         expectChildPasses("Child.DISABLED_SetUpBesideTheFirstText", {});
 }
 
-// Its rules are fetched when they are asked for, and without memory that is told.
+// Runs it while no file can be opened.
+template <typename Action>
+static void runWithoutDescriptors(Action action) {
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    action();
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+// Its rules are fetched when they are asked for, and that it can't be done now is told.
 TEST(Child, DISABLED_CharactersBeyondASCII) {
     ASSERT_EQ(zstzPropSetup(ZPROP_SETUP_UTF8), ZPROP_OK);
     ZLCString upper("A\xC3\x84\xCE\xA9"), lower("a\xC3\xA4\xCF\x89");
@@ -782,7 +794,16 @@ TEST(Child, DISABLED_CharactersBeyondASCII) {
     EXPECT_EQ(zmbtowc(upper.getCodesetHandle(), &omega, "\xCE\xA9", 2), 2);
     EXPECT_TRUE(endsWithoutMemory([&] { upper.compareignorecase(lower.getChars()); }));
     EXPECT_TRUE(endsWithoutMemory([&] { ziswupper(omega); }));
-    EXPECT_NE(ziswupper('A'), 0);
+    runWithoutDescriptors([&] {
+        EXPECT_THROW(upper.compareignorecase(lower.getChars()), ZOutOfMemoryException);
+        EXPECT_THROW(ziswupper(omega), ZOutOfMemoryException);
+        EXPECT_NE(ziswupper('A'), 0);
+        ZLCString yes("Yes");
+        EXPECT_EQ(yes.compareignorecase("yES"), 0);
+        EXPECT_EQ(yes.compareignorecase("no"), 1);
+        yes.upper();
+        EXPECT_STREQ(yes.getChars(), "YES");
+    });
     EXPECT_NE(ziswupper(omega), 0);
     EXPECT_EQ(upper.compareignorecase(lower.getChars()), 0);
     upper.lower();

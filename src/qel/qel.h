@@ -24,16 +24,20 @@ typedef uint16_t qel_wide;
 int qel_set_dir(const char* dir);
 
 /// The process's text may have a locale of its own: C.UTF-8, whatever setlocale() has made or makes
-/// of the process. qel_can_own tells whether the system has it; qel_set_own has all text follow it
-/// from then on, and is called once at most, before there is any.
+/// of the process. qel_can_own tells whether the system has its file and lets it be read;
+/// qel_set_own has all text follow it from then on, and is called once at most, before there is
+/// any.
 ///
 /// Only characters beyond ASCII differ from those of the C locale, which every process has: their
 /// rules are fetched by qel_own_rules, for whoever asks of them first, since to open them takes a
-/// good part of a short program's time. 0 without memory; such characters have no class until it
-/// has succeeded.
+/// good part of a short program's time. 0 without memory or a descriptor, or where the file is
+/// none; such characters have no class until it has succeeded.
 bool qel_can_own();
 void qel_set_own();
 qel_locale qel_own_rules();
+/// Likewise, for as much as the first `n` bytes of two texts need: for ASCII alone nothing is
+/// fetched, and nothing fails. Null is the empty text.
+qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n);
 
 /// The locale that it shares with C, or null: text follows the thread's then.
 extern std::atomic<locale_t> qel_own_locale;
@@ -50,7 +54,8 @@ inline bool qel_isspace(char c) {
             static_cast<unsigned short>(_ISspace)) != 0;
 }
 
-/// While one lives, the calling thread's standard functions follow the locale of text.
+/// While one lives, the calling thread's standard functions follow the locale of text: where that
+/// is one of its own, as the C locale does, which knows ASCII only.
 class QelScope {
 public:
     QelScope() : before_(qel_own() != nullptr ? uselocale(qel_own()) : nullptr) {}

@@ -4,6 +4,7 @@
 // are too, as long as what is looked for is whole characters, since no character's bytes are part
 // of another. In all other codesets a hit counts only if the walk from the beginning reaches it.
 #include <ctype.h>
+#include <fcntl.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <unistd.h>
@@ -51,8 +52,8 @@ bool isUTF8(qel_codeset codeset) {
     return codeset != 0 && codesetOf(codeset)->kind() == Codeset::kUTF8;
 }
 
-bool isASCII(const char* text) {
-    const size_t n = strlen(text);
+bool isASCII(const char* text, size_t most = SIZE_MAX) {
+    const size_t n = strnlen(text, most);
     return qel::asciiRun(text, n) == n;
 }
 
@@ -232,6 +233,16 @@ int qel_os_cs_name(char* buffer, size_t size) {
     return copyName(qel_own() != nullptr ? kOwnCodeset : nl_langinfo(CODESET), buffer, size);
 }
 
+static Locale tablesOf(locale_t locale) {
+    Locale made;
+    made.locale = locale;
+    for (wint_t code = 0; code < 256; ++code) {
+        made.lower[code] = static_cast<uint32_t>(towlower_l(code, locale));
+        made.upper[code] = static_cast<uint32_t>(towupper_l(code, locale));
+    }
+    return made;
+}
+
 // Takes the locale over; 0 for none.
 static qel_locale makeLocale(locale_t locale) {
     if (locale == nullptr)
@@ -241,11 +252,7 @@ static qel_locale makeLocale(locale_t locale) {
         freelocale(locale);
         return 0;
     }
-    made->locale = locale;
-    for (wint_t code = 0; code < 256; ++code) {
-        made->lower[code] = static_cast<uint32_t>(towlower_l(code, locale));
-        made->upper[code] = static_cast<uint32_t>(towupper_l(code, locale));
-    }
+    *made = tablesOf(locale);
     return reinterpret_cast<qel_locale>(made);
 }
 
@@ -260,10 +267,20 @@ qel_locale qel_loc_new(const char* name) {
     return makeLocale(locale);
 }
 
+// The C library takes a file that it can't open once for missing from then on.
+static bool isDescriptorLeft() {
+    const int probe = open("/", O_PATH | O_CLOEXEC);
+    if (probe != -1)
+        close(probe);
+    return probe != -1;
+}
+
 qel_locale qel_own_rules() {
     Locale* rules = ownRules.load(std::memory_order_acquire);
     if (rules != nullptr)
         return reinterpret_cast<qel_locale>(rules);
+    if (!isDescriptorLeft())
+        return 0;
     const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
     const qel_locale made = makeLocale(newlocale(LC_CTYPE_MASK, kOwnName, plain));
     if (made == 0 ||
@@ -272,6 +289,15 @@ qel_locale qel_own_rules() {
         return made;
     qel_loc_free(made);  // another thread was first
     return reinterpret_cast<qel_locale>(rules);
+}
+
+qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n) {
+    const auto isPlain = [n](const char* text) { return text == nullptr || isASCII(text, n); };
+    if (ownRules.load(std::memory_order_acquire) != nullptr || !isUTF8(codeset) || !isPlain(a) ||
+        !isPlain(b))
+        return qel_own_rules();
+    static const Locale plain = tablesOf(qel_own());
+    return reinterpret_cast<qel_locale>(&plain);
 }
 
 void qel_loc_free(qel_locale handle) {

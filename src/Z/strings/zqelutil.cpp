@@ -234,27 +234,33 @@ char* zstrtok(zcodeset_handle h, char* a, const char* b, char** c) {
     return qel_strtok(h, a, b, c);
 }
 
-// The rules of characters, those beyond ASCII too.
-static qel_locale fetchedRules() {
-    if (qel_own() == nullptr)
-        return local_locale_handle_;
-    const qel_locale rules = qel_own_rules();
+static qel_locale requireRules(qel_locale rules) {
     if (rules == 0)
         zraise(ZOutOfMemoryException());
     return rules;
 }
 
+// The rules of the characters of these texts, as far as `n` bytes.
+static qel_locale rulesFor(zcodeset_handle h, const char* a, const char* b, size_t n) {
+    return qel_own() == nullptr ? local_locale_handle_
+                                : requireRules(qel_own_rules_for(h, a, b, n));
+}
+
 int zstricmp(zcodeset_handle h, const char* a, const char* b) {
-    return qel_stricmp(h, fetchedRules(), a, b);
+    return qel_stricmp(h, rulesFor(h, a, b, SIZE_MAX), a, b);
 }
 
 int zstrnicmp(zcodeset_handle h, const char* a, const char* b, size_t n) {
-    return qel_strnicmp(h, fetchedRules(), a, b, n);
+    return qel_strnicmp(h, rulesFor(h, a, b, n), a, b, n);
 }
 
-char* zstrlower(zcodeset_handle h, char* s) { return qel_strlower(h, fetchedRules(), s); }
+char* zstrlower(zcodeset_handle h, char* s) {
+    return qel_strlower(h, rulesFor(h, s, nullptr, SIZE_MAX), s);
+}
 
-char* zstrupper(zcodeset_handle h, char* s) { return qel_strupper(h, fetchedRules(), s); }
+char* zstrupper(zcodeset_handle h, char* s) {
+    return qel_strupper(h, rulesFor(h, s, nullptr, SIZE_MAX), s);
+}
 
 char* zstrptime(zcodeset_handle h, const char* a, const char* b, struct tm* c) {
     return qel_strptime(h, local_locale_handle_, a, b, c);
@@ -262,8 +268,8 @@ char* zstrptime(zcodeset_handle h, const char* a, const char* b, struct tm* c) {
 
 // Of ASCII nothing has to be fetched.
 static int isOfClass(zwide_char c, int (*isMember)(qel_wide)) {
-    if (c >= 0x80)
-        fetchedRules();
+    if (c >= 0x80 && qel_own() != nullptr)
+        requireRules(qel_own_rules());
     return isMember(c);
 }
 
