@@ -276,8 +276,8 @@ TEST(Dialect, LongNamesOfSeveralSpellings) {
         }
         for (size_t i = 1; i < names.size(); i += 2) {
             const FailAllocations noMemory(1, FailAllocations::onward);
-            store.removeKeyLines(sought[i].key);
-            store.removeKey(sought[i].key);
+            sought[i].place.slot = ZPStore::kUnknown;
+            store.removeWithLines(sought[i]);
         }
         store.checkInvariants();
         for (size_t i = 0; i < names.size(); ++i)

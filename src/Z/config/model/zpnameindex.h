@@ -157,7 +157,6 @@ public:
             if (seen.free() != 0) {
                 const size_t k = ZPMarks::first(seen.free());
                 place = {wrapped(at + k), keptOf(tag, steps + k), mark};
-                __builtin_prefetch(&state_.slots[place.slot]);
                 return kNoId;
             }
         }
@@ -235,6 +234,11 @@ public:
 
     __attribute__((always_inline)) void prefetch(uint32_t hash) const {
         prefetchIn<0>(state_.slots, state_.capacity, hash);
+    }
+
+    /// The slot of a place, for an entry that will go there.
+    __attribute__((always_inline)) void prefetchPlace(const Place& place) const {
+        __builtin_prefetch(&state_.slots[place.slot], 1);
     }
 
     class Ahead;
@@ -387,8 +391,8 @@ public:
     }
 
 private:
-    // Where a table is as full as it gets, a third of the new names go further than that; all lines
-    // come in the time of one.
+    // Where a large table is as full as it gets, a third of the new names go further than that; all
+    // lines come in the time of one.
     static constexpr size_t kUsualSteps = 24;
     static constexpr uint32_t kFarSlots = 64 * 1024;
     std::atomic<const void*> slots_{nullptr};

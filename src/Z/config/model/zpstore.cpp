@@ -322,7 +322,9 @@ ZPStore::Sought ZPStore::seekToChange(ZSpan stanza, ZSpan key) const {
     });
     if (sought.key != none)
         sought.stanza = keys_.stanza(sought.key);
-    else if (!areMany)
+    else if (areMany)
+        keyIndex_.prefetchPlace(sought.place);
+    else
         sought.stanza = prefetchStanza(stanzaHash);
     return sought;
 }
@@ -487,13 +489,6 @@ void ZPStore::removeKey(Id id, size_t slot) {
     zassert(stanza.count != 0);
     --stanza.count;
     freeKeyIfUnneeded(id, slot);
-}
-
-void ZPStore::removeKeyLines(Id key) {
-    const bool hadLines = takeLinesOut(key);
-    freeKeyIfUnneeded(key);
-    if (hadLines)
-        compactIfWorthwhile();
 }
 
 void ZPStore::removeWithLines(const Sought& sought) {

@@ -251,6 +251,8 @@ public:
         Id stanza;                 // which most likely is the key's, or none
     };
     Sought seekToChange(ZSpan stanza, ZSpan key) const;
+    /// A slot of the index that has to be looked for: another change may have moved it.
+    static constexpr size_t kUnknown = SIZE_MAX;
     /// Where there are many keys, what a change of that key looks at first can be fetched while the
     /// lock is taken. Any thread may call these without the owner's lock, while the store lives.
     bool isWorthFetching() const { return ahead_.isLarge(); }
@@ -281,8 +283,9 @@ public:
     bool createKeyAtOnce(Id stanza, ZSpan key, const Sought& sought, ZSpan value);
     /// Takes a key out of the map with its values; its lines stay. Requires: it is there.
     void removeKey(Id key) { removeKey(key, kUnknown); }
-    /// Takes a key's lines away as removeKeyLines() does, and the key out of the map. Requires:
-    /// there is a record.
+    /// Removes a key's lines from the first group of its stanza, takes the key out of the map, and
+    /// forgets the record if nothing else needs it. Requires: there is one. The slot of its place
+    /// may be kUnknown.
     void removeWithLines(const Sought& sought);
 
     // --- Values ---
@@ -362,9 +365,6 @@ public:
     void removeGroup(Id stanza);
     /// A key line where a reader of the file expects it. The stanza must have a group.
     void placeKeyLine(Id key);
-    /// Removes the key's lines from the first group of its stanza, and the record with them if
-    /// nothing else needs it.
-    void removeKeyLines(Id key);
     void addFileComment(ZSpan text) { lines_.addFileComment(text, text_); }
     /// The stanza must have a group.
     void addStanzaComment(Id stanza, ZSpan text);
@@ -540,8 +540,6 @@ private:
     void makeRoomInKeyIndex(size_t keys);
     void makeRoomForStanza();
     void makeRoomInStanzaIndex(size_t stanzas);
-    // Where a key may go from the index its slot there spares a look, if it is known.
-    static constexpr size_t kUnknown = SIZE_MAX;
     void removeKey(Id key, size_t slot);
     bool takeLinesOut(Id key);
     void takeOutOfIndex(Id key, size_t slot = kUnknown);
