@@ -14,6 +14,7 @@
 #include "Z/ZFileLock.h"
 #include "Z/ZProcessLock.h"
 #include "support/Raised.h"
+#include "support/ResourceLimit.h"
 #include "support/Gate.h"
 #include "support/SelfChild.h"
 #include "support/TempFolder.h"
@@ -381,13 +382,11 @@ TEST(FileLock, AFailedCountKeepsTheLockAndGoesOnFromTheFile) {
     Place place;
     Lock lock = place.make();
     lock.writeLock(), lock.unlock(), lock.writeLock(), lock.unlock(), lock.writeLock();
-    struct rlimit limit;
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    const struct rlimit none = {0, limit.rlim_max};
     signal(SIGXFSZ, SIG_IGN);
-    setrlimit(RLIMIT_FSIZE, &none);
-    const std::string raised = raisedBy<ZWriteResourceException>([&] { lock.unlock(); });
-    setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string raised = raisedBy<ZWriteResourceException>([&] {
+        const ResourceLimit noFileGrows(RLIMIT_FSIZE, 0);
+        lock.unlock();
+    });
     EXPECT_EQ(raised, "36/" + std::to_string(EFBIG));
     EXPECT_EQ(lock.getSequence(), 0u);
     EXPECT_EQ(lock.getLockState(), write);

@@ -35,8 +35,8 @@ int qel_set_dir(const char* dir);
 bool qel_can_own();
 void qel_set_own();
 qel_locale qel_own_rules();
-/// Likewise, for as much as the first `n` bytes of two texts need: for ASCII alone nothing is
-/// fetched, and nothing fails. Null is the empty text.
+/// Likewise, for as much as the first `n` bytes of two texts need: for ASCII alone, in UTF-8,
+/// nothing is fetched, and nothing fails. Null is the empty text. Requires: qel_own().
 qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n);
 
 /// The locale that it shares with C, or null: text follows the thread's then.

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <langinfo.h>
 #include <locale.h>
+#include <pthread.h>
 #include <unistd.h>
 #include <wctype.h>
 
@@ -193,13 +194,29 @@ std::atomic<locale_t> qel_own_locale{nullptr};
 
 static const char kOwnName[] = "C.UTF-8", kOwnCodeset[] = "UTF-8";
 
+// The C library takes a file that it can't open once for missing from then on, so that it is asked
+// only while there is a descriptor; another thread may still take the last one in between. Nothing
+// here may be cancelled, which newlocale() alone isn't.
+static locale_t openOwn(locale_t base) {
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const int probe = open("/", O_PATH | O_CLOEXEC);
+    locale_t opened = nullptr;
+    if (probe != -1) {
+        close(probe);
+        opened = newlocale(LC_CTYPE_MASK, kOwnName, base);
+    }
+    pthread_setcancelstate(before, nullptr);
+    return opened;
+}
+
 // Its order is that of bytes, and so of code points, as in the C locale. The C library is asked
 // where it may look elsewhere.
 bool qel_can_own() {
     static const char kRules[] = "/usr/lib/locale/C.utf8/LC_CTYPE";
     if (getenv("LOCPATH") == nullptr && access(kRules, R_OK) == 0)
         return true;
-    const locale_t found = newlocale(LC_CTYPE_MASK, kOwnName, nullptr);
+    const locale_t found = openOwn(nullptr);
     if (found == nullptr)
         return false;
     freelocale(found);
@@ -267,22 +284,12 @@ qel_locale qel_loc_new(const char* name) {
     return makeLocale(locale);
 }
 
-// The C library takes a file that it can't open once for missing from then on.
-static bool isDescriptorLeft() {
-    const int probe = open("/", O_PATH | O_CLOEXEC);
-    if (probe != -1)
-        close(probe);
-    return probe != -1;
-}
-
 qel_locale qel_own_rules() {
     Locale* rules = ownRules.load(std::memory_order_acquire);
     if (rules != nullptr)
         return reinterpret_cast<qel_locale>(rules);
-    if (!isDescriptorLeft())
-        return 0;
     const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
-    const qel_locale made = makeLocale(newlocale(LC_CTYPE_MASK, kOwnName, plain));
+    const qel_locale made = makeLocale(openOwn(plain));
     if (made == 0 ||
         ownRules.compare_exchange_strong(rules, reinterpret_cast<Locale*>(made),
                                          std::memory_order_acq_rel, std::memory_order_acquire))
