@@ -35,9 +35,13 @@ int qel_set_dir(const char* dir);
 bool qel_can_own();
 void qel_set_own();
 qel_locale qel_own_rules();
-/// Likewise, for as much as the first `n` bytes of two texts need: for ASCII alone, in UTF-8,
-/// nothing is fetched, and nothing fails. Null is the empty text. Requires: qel_own().
+/// Likewise, for as much as the first `n` bytes of two texts need: for ASCII alone, in UTF-8, and
+/// for bytes without a codeset nothing is fetched, and nothing fails. Null is the empty text.
+/// Requires: qel_own().
 qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n);
+/// How many of the first `n` bytes of two texts are ASCII, in UTF-8, and alike but for their case:
+/// a comparison needs rules only for what follows them. 0 where one is null.
+size_t qel_ascii_match(qel_codeset codeset, const char* a, const char* b, size_t n);
 
 /// The locale that it shares with C, or null: text follows the thread's then.
 extern std::atomic<locale_t> qel_own_locale;

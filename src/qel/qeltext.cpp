@@ -45,6 +45,8 @@ uint32_t uppered(const Locale* locale, uint32_t code) {
     return static_cast<uint32_t>(towupper_l(static_cast<wint_t>(code), locale->locale));
 }
 
+char loweredASCII(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+
 bool isBytewise(qel_codeset codeset) {
     return codeset == 0 || codesetOf(codeset)->kind() == Codeset::kBytes;
 }
@@ -52,6 +54,8 @@ bool isBytewise(qel_codeset codeset) {
 bool isUTF8(qel_codeset codeset) {
     return codeset != 0 && codesetOf(codeset)->kind() == Codeset::kUTF8;
 }
+
+bool isASCII(char c) { return static_cast<unsigned char>(c) < 0x80; }
 
 bool isASCII(const char* text, size_t most = SIZE_MAX) {
     const size_t n = strnlen(text, most);
@@ -300,11 +304,21 @@ qel_locale qel_own_rules() {
 
 qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n) {
     const auto isPlain = [n](const char* text) { return text == nullptr || isASCII(text, n); };
-    if (ownRules.load(std::memory_order_acquire) != nullptr || !isUTF8(codeset) || !isPlain(a) ||
-        !isPlain(b))
+    if (ownRules.load(std::memory_order_acquire) != nullptr ||
+        (codeset != 0 && !(isUTF8(codeset) && isPlain(a) && isPlain(b))))
         return qel_own_rules();
     static const Locale plain = tablesOf(qel_own());
     return reinterpret_cast<qel_locale>(&plain);
+}
+
+size_t qel_ascii_match(qel_codeset codeset, const char* a, const char* b, size_t n) {
+    if (!isUTF8(codeset) || a == nullptr || b == nullptr)
+        return 0;
+    size_t same = 0;
+    while (same < n && a[same] != '\0' && isASCII(a[same]) &&
+           loweredASCII(a[same]) == loweredASCII(b[same]))
+        ++same;
+    return same;
 }
 
 void qel_loc_free(qel_locale handle) {

@@ -240,27 +240,36 @@ static qel_locale requireRules(qel_locale rules) {
     return rules;
 }
 
-// The rules of the characters of these texts, as far as `n` bytes.
-static qel_locale rulesFor(zcodeset_handle h, const char* a, const char* b, size_t n) {
-    return qel_own() == nullptr ? local_locale_handle_
-                                : requireRules(qel_own_rules_for(h, a, b, n));
+// Passes over what two texts begin with alike in ASCII: the rules of what follows in them.
+static qel_locale rulesOfRest(zcodeset_handle h, const char*& a, const char*& b, size_t& n) {
+    if (qel_own() == nullptr)
+        return local_locale_handle_;
+    const size_t same = qel_ascii_match(h, a, b, n);
+    if (same > 0)
+        a += same, b += same, n -= same;
+    return requireRules(qel_own_rules_for(h, a, b, n > 0 ? 1 : 0));
 }
 
 int zstricmp(zcodeset_handle h, const char* a, const char* b) {
-    return qel_stricmp(h, rulesFor(h, a, b, SIZE_MAX), a, b);
+    size_t n = SIZE_MAX;
+    const qel_locale rules = rulesOfRest(h, a, b, n);
+    return qel_stricmp(h, rules, a, b);
 }
 
 int zstrnicmp(zcodeset_handle h, const char* a, const char* b, size_t n) {
-    return qel_strnicmp(h, rulesFor(h, a, b, n), a, b, n);
+    const qel_locale rules = rulesOfRest(h, a, b, n);
+    return qel_strnicmp(h, rules, a, b, n);
 }
 
-char* zstrlower(zcodeset_handle h, char* s) {
-    return qel_strlower(h, rulesFor(h, s, nullptr, SIZE_MAX), s);
+// The rules of all characters of a text.
+static qel_locale rulesOf(zcodeset_handle h, const char* text) {
+    return qel_own() == nullptr ? local_locale_handle_
+                                : requireRules(qel_own_rules_for(h, text, nullptr, SIZE_MAX));
 }
 
-char* zstrupper(zcodeset_handle h, char* s) {
-    return qel_strupper(h, rulesFor(h, s, nullptr, SIZE_MAX), s);
-}
+char* zstrlower(zcodeset_handle h, char* s) { return qel_strlower(h, rulesOf(h, s), s); }
+
+char* zstrupper(zcodeset_handle h, char* s) { return qel_strupper(h, rulesOf(h, s), s); }
 
 char* zstrptime(zcodeset_handle h, const char* a, const char* b, struct tm* c) {
     return qel_strptime(h, local_locale_handle_, a, b, c);
