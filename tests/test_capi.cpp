@@ -804,7 +804,8 @@ TEST(Child, DISABLED_CharactersBeyondASCII) {
         char yes[] = "Yes";
         EXPECT_EQ(zstricmp(h, yes, "yES"), 0);
         EXPECT_EQ(zstrnicmp(h, yes, "YE\xC3\x84", 2), 0);
-        EXPECT_EQ(zstricmp(h, yes, "no\xC3\x84"), 1);
+        EXPECT_GT(zstricmp(h, yes, "no\xC3\x84"), 0);
+        EXPECT_LT(zstricmp(0, yes, "\xC3\x84"), 0);
         EXPECT_THROW(zstricmp(h, yes, "ye\xE2\x84\xAA"), ZOutOfMemoryException);
         EXPECT_STREQ(zstrupper(h, yes), "YES");
     }

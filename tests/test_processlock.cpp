@@ -4,7 +4,6 @@
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <ctime>

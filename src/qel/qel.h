@@ -24,9 +24,9 @@ typedef uint16_t qel_wide;
 int qel_set_dir(const char* dir);
 
 /// The process's text may have a locale of its own: C.UTF-8, whatever setlocale() has made or makes
-/// of the process. qel_can_own tells whether the system has its file and lets it be read;
-/// qel_set_own has all text follow it from then on, and is called once at most, before there is
-/// any.
+/// of the process. qel_can_own tells whether the system has its file and lets it be read, which
+/// takes memory and a descriptor where LOCPATH is set: false, too, without them; qel_set_own has
+/// all text follow it from then on, and is called once at most, before there is any.
 ///
 /// Only characters beyond ASCII differ from those of the C locale, which every process has: their
 /// rules are fetched by qel_own_rules, for whoever asks of them first, since to open them takes a
@@ -39,8 +39,8 @@ qel_locale qel_own_rules();
 /// for bytes without a codeset nothing is fetched, and nothing fails. Null is the empty text.
 /// Requires: qel_own().
 qel_locale qel_own_rules_for(qel_codeset codeset, const char* a, const char* b, size_t n);
-/// How many of the first `n` bytes of two texts are ASCII, in UTF-8, and alike but for their case:
-/// a comparison needs rules only for what follows them. 0 where one is null.
+/// How many bytes two texts begin with, `n` at most, that are ASCII, in UTF-8, and alike but for
+/// their case: a comparison needs rules only for what follows them. 0 where one is null.
 size_t qel_ascii_match(qel_codeset codeset, const char* a, const char* b, size_t n);
 
 /// The locale that it shares with C, or null: text follows the thread's then.

@@ -199,8 +199,8 @@ std::atomic<locale_t> qel_own_locale{nullptr};
 static const char kOwnName[] = "C.UTF-8", kOwnCodeset[] = "UTF-8";
 
 // The C library takes a file that it can't open once for missing from then on, so that it is asked
-// only while there is a descriptor; another thread may still take the last one in between. Nothing
-// here may be cancelled, which newlocale() alone isn't.
+// only while there is a descriptor; another thread may still take the last one in between. Not
+// cancelled, or the descriptor could be lost.
 static locale_t openOwn(locale_t base) {
     int before;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);

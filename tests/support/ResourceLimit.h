@@ -9,21 +9,19 @@
 /// While one lives, the process may have no more of it than so much.
 class ResourceLimit {
 public:
-    ResourceLimit(int resource, rlim_t most) : resource_(resource) {
-        if (getrlimit(of(), &before_) != 0)
+    ResourceLimit(__rlimit_resource_t resource, rlim_t most) : resource_(resource) {
+        if (getrlimit(resource_, &before_) != 0)
             abort();
         const rlimit limit = {most, before_.rlim_max};
-        if (setrlimit(of(), &limit) != 0)
+        if (setrlimit(resource_, &limit) != 0)
             abort();
     }
-    ~ResourceLimit() { setrlimit(of(), &before_); }
+    ~ResourceLimit() { setrlimit(resource_, &before_); }
     ResourceLimit(const ResourceLimit&) = delete;
     ResourceLimit& operator=(const ResourceLimit&) = delete;
 
 private:
-    __rlimit_resource of() const { return static_cast<__rlimit_resource>(resource_); }
-
-    const int resource_;
+    const __rlimit_resource_t resource_;
     rlimit before_;
 };
 

@@ -29,12 +29,16 @@ Z_BEGIN_C
 /* Sets up ahead of the first text: local text is UTF-8, with the rules of C.UTF-8 for case,
  * classes, order and the decimal point. QELDIR isn't read, and setlocale isn't called; what the
  * functions below say of the process's locale goes for that one then. From then on the library
- * reports to a message service of the user's only, and prints nothing by itself. The rules of
- * characters beyond ASCII are read when a comparison comes to one first, or a change of case or a
- * question of class has one, or text of a codeset other than UTF-8; whoever does that gets
- * ZOutOfMemoryException if there is no memory or descriptor for it, or the file is none. 0 when it
- * is so, or was before; 1 if set-up was made otherwise already; -1 where the system has no such
- * locale, no memory or no descriptor, and nothing is set up then. */
+ * reports to a message service of the user's only, and prints nothing by itself.
+ *
+ * The rules of characters beyond ASCII are read when one is asked for its class, or a comparison or
+ * a change of case comes to one; in a codeset other than UTF-8 these two read them for any text.
+ * Whoever needs them so gets ZOutOfMemoryException if there is no memory or descriptor for it, or
+ * the file is none.
+ *
+ * 0 when it is so, or was before; 1 if set-up was made otherwise already; -1 where the system has
+ * no such locale or there is no memory, or no descriptor to look for it where LOCPATH says, and
+ * nothing is set up then. */
 ZEXPORT int zsetUpUTF8(void);
 
 /* The canonical name of the process's locale, or of its codeset. A failure of set-up is reported

@@ -25,7 +25,7 @@ int zstzPropSetup(int how) {
         return zparameterError();
     const int result = zsetUpUTF8();
     if (result < 0)
-        znoteLastError(1, nullptr, 0, "no memory or no C.UTF-8 to set text up");
+        znoteLastError(1, nullptr, 0, "no memory, no descriptor or no C.UTF-8 to set text up");
     if (result > 0)
         znoteLastError(22, nullptr, 0, "text was set up by QELDIR before, or couldn't be");
     return result == 0 ? ZPROP_OK : result < 0 ? ZPROP_ERR_VALUE : ZPROP_ERR_SETUP;

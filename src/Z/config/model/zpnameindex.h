@@ -391,8 +391,8 @@ public:
     }
 
 private:
-    // Where a large table is as full as it gets, a third of the new names go further than that; all
-    // lines come in the time of one.
+    // Where a table of 256 Ki names and more is as full as it gets, a third of the new names go
+    // further than that; all lines come in the time of one.
     static constexpr size_t kUsualSteps = 24;
     static constexpr uint32_t kFarSlots = 64 * 1024;
     std::atomic<const void*> slots_{nullptr};
