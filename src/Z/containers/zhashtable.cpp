@@ -11,7 +11,8 @@ static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 
 
 static const uint32_t kSmall = 32;
 static const uint32_t kFirstNodes = 8;
-static const int kFirstSlotBits = 7;  // one size above what kSmall needs saves a growth at once
+static const int kNearSlotBits = 12;
+static const int kFirstSlotBits = 8;  // two sizes above what kSmall needs save two growths
 
 void ZKeyMapMember::cloneParts() {
     ZIncomingMember key(*object, 1);
@@ -118,22 +119,32 @@ ZHashTable<Member>::~ZHashTable() noexcept {
 
 // In place: in a large map it counts how many look-ups a processor has in sight at once.
 template <typename Member>
-inline uint32_t ZHashTable<Member>::nodeOfText(const ZKnownText& text, uint32_t hash) const {
+inline typename ZHashTable<Member>::Slot& ZHashTable<Member>::slotOfText(const ZKnownText& text,
+                                                                         uint32_t hash) const {
     for (uint32_t i = index_.placeOf(hash);; i = (i + 1) & index_.mask) {
-        const Slot& slot = index_.slots[i];
+        Slot& slot = index_.slots[i];
         if (slot.node == 0)
-            return 0;
+            return slot;
         zassert(slot.object == nodes_[slot.node].member.object &&
                 slot.hash == nodes_[slot.node].textHash);  // (2)
         if (slot.hash == hash && text.isOf(*slot.object))
-            return slot.node;
+            return slot;
     }
 }
 
 template <typename Member>
 uint32_t ZHashTable<Member>::nodeByText(const ZObject& probe) const {
     const ZKnownText text = zknownText(probe);
-    return text.data != nullptr ? nodeOfText(text, text.hash()) : nodeByOwnHash(probe);
+    return text.data != nullptr ? slotOfText(text, text.hash()).node : nodeByOwnHash(probe);
+}
+
+template <typename Member>
+inline uint32_t ZHashTable<Member>::nodeOfTextInChain(const ZKnownText& text, uint32_t hash,
+                                                      uint32_t textHash) const {
+    uint32_t i = chainOf(hash).first;
+    while (i != 0 && !(nodes_[i].textHash == textHash && text.isOf(*nodes_[i].member.object)))
+        i = nodes_[i].next;
+    return i;
 }
 
 template <typename Member>
@@ -189,14 +200,23 @@ uint32_t ZHashTable<Member>::nodeByOwnHash(const ZObject& probe) const {
 
 template <typename Member>
 void ZHashTable<Member>::put(const Member& member) {
+    const ZKnownText text = zownedText(*member.object);
+    // Then nothing of a caller's is called.
+    const bool isPlain = text.data != nullptr && areTexts_ && !ownsMembers_ &&
+                         byHash_.load(std::memory_order_relaxed) == nullptr;
+    isPlain ? putText(member, text) : putAny(member, text);
+}
+
+template <typename Member>
+void ZHashTable<Member>::putAny(const Member& member, const ZKnownText& text) {
     const ZObject& object = *member.object;
-    const ZKnownText text = zownedText(object);
     const uint32_t textHash = text.data != nullptr ? text.hash() : 0;
     if (isIndexOfTexts())  // on its way while hash() goes through the text
         __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
     const uint32_t hash = object.hash();
     const auto find = [&] {
-        return isIndexOfTexts() ? nodeOfText(text, textHash) : nodeByHash(index_, object, hash);
+        return isIndexOfTexts() ? slotOfText(text, textHash).node
+                                : nodeByHash(index_, object, hash);
     };
     prepareFor(text);
     const uint32_t changes = changes_;
@@ -227,10 +247,44 @@ void ZHashTable<Member>::put(const Member& member) {
         old.deleteParts();
 }
 
+// A text among texts, of which none is owned.
+template <typename Member>
+void ZHashTable<Member>::putText(const Member& member, ZKnownText text) {
+    const uint32_t textHash = text.hash();
+    if (index_.slots != nullptr)  // on its way while the other hash goes through the text
+        __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
+    const uint32_t hash = ztoldHash(text.data);
+    if (index_.slots == nullptr) {
+        const uint32_t found = nodeOfTextInChain(text, hash, textHash);
+        if (found != 0)
+            nodes_[found].member = member;
+        else
+            link(member, hash, textHash);
+        return;
+    }
+    Slot& slot = slotOfText(text, textHash);
+    if (slot.node != 0) {
+        nodes_[slot.node].member = member;
+        slot.object = member.object;
+    } else if (isRoomLeft()) {
+        slot = {member.object, textHash, append(member, hash, textHash)};
+    } else {
+        link(member, hash, textHash);
+    }
+}
+
 // Appends to the bucket. If this raises, the table is as it was.
 template <typename Member>
 void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t textHash) {
     reserve();
+    const uint32_t node = append(member, hash, textHash);
+    if (index_.slots != nullptr)
+        index_.enter({member.object, hashOf(nodes_[node], areTexts_), node});
+}
+
+// As link(), but for the index. Gives the record.
+template <typename Member>
+inline uint32_t ZHashTable<Member>::append(const Member& member, uint32_t hash, uint32_t textHash) {
     uint32_t node = free_;
     if (node != 0)
         free_ = nodes_[node].next;
@@ -243,8 +297,7 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t text
     chain.last = node;
     ++size_;
     ++changes_;
-    if (index_.slots != nullptr)
-        index_.enter({member.object, hashOf(nodes_[node], areTexts_), node});
+    return node;
 }
 
 // Makes room for one more entry, so that nothing can fail once linking begins.
@@ -300,6 +353,11 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
 
 template <typename Member>
 void ZHashTable<Member>::removeAll() {
+    if (!ownsMembers_ && size_ != 0) {
+        std::fill_n(chains_, bucketCount_, Chain());
+        size_ = 0;
+        ++changes_;
+    }
     const ZUncancelled uncancelled;
     for (uint64_t bucket = 0; size_ != 0 && bucket < bucketCount_; ++bucket) {
         while (chains_[bucket].first != 0) {
@@ -382,12 +440,14 @@ typename ZHashTable<Member>::Index ZHashTable<Member>::indexAll(int shift, bool 
 }
 
 // Places go by the top bits of the mixed hash, so that twice as many slots are filled in the order
-// of the old ones: two walks through memory, no jumps.
+// of the old ones: two walks through memory, no jumps. Which slots are free is never foreseen,
+// though, and as long as all fits into the processor's cache that is the dearer.
 template <typename Member>
 void ZHashTable<Member>::growIndex() {
     const Index old = index_;
-    if (old.slots == nullptr) {
-        index_ = indexAll(64 - kFirstSlotBits, areTexts_);
+    if (old.slots == nullptr || old.shift > 64 - kNearSlotBits) {
+        index_ = indexAll(old.slots == nullptr ? 64 - kFirstSlotBits : old.shift - 1, areTexts_);
+        zreleaseBlock(old.slots);
         return;
     }
     zrequireRoom(old.shift != 32);

@@ -168,13 +168,17 @@ private:
         return isIndexOfTexts() ? nodeByText(probe) : nodeByOwnHash(probe);
     }
     uint32_t nodeByText(const ZObject& probe) const;
-    __attribute__((always_inline)) uint32_t nodeOfText(const ZKnownText& text, uint32_t hash) const;
+    __attribute__((always_inline)) Slot& slotOfText(const ZKnownText& text, uint32_t hash) const;
+    uint32_t nodeOfTextInChain(const ZKnownText& text, uint32_t hash, uint32_t textHash) const;
     uint32_t nodeByOwnHash(const ZObject& probe) const;
     uint32_t nodeOfStranger(const ZObject& probe, uint32_t hash) const;
     __attribute__((always_inline)) uint32_t nodeByHash(const Index& index, const ZObject& probe,
                                                        uint32_t hash) const;
     uint32_t nodeInChain(const ZObject& probe, uint32_t hash, bool hashDecides) const;
 
+    void putText(const Member& member, ZKnownText text);
+    void putAny(const Member& member, const ZKnownText& text);
+    bool isRoomLeft() const { return (free_ != 0 || used_ != capacity_) && size_ != index_.limit; }
     void reserve();
     void growNodes();
     void growIndex();
@@ -187,6 +191,7 @@ private:
     void dropIndexes();
     uint32_t slotOf(uint32_t node) const;
     void link(const Member& member, uint32_t hash, uint32_t textHash);
+    uint32_t append(const Member& member, uint32_t hash, uint32_t textHash);
     Member unlink(uint32_t node);
 
     // set by the constructor

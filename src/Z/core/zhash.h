@@ -63,6 +63,21 @@ __attribute__((always_inline)) inline uint64_t zhashOf(const char* data, size_t 
     return zhashOfMapped(data, size, [](uint64_t eight) { return eight; });
 }
 
+/// The hash of a text that callers are told: it may not change.
+inline uint32_t ztoldHash(const char* text) {
+    uint32_t h = 5381;
+    const auto takes = [&h](char c) {
+        if (c == '\0')
+            return false;
+        h = (h * 33) ^ static_cast<unsigned char>(c);
+        return true;
+    };
+    // Four at a time, for a hash is most of a look-up in a small map and of what is put into one.
+    while (takes(text[0]) && takes(text[1]) && takes(text[2]) && takes(text[3]))
+        text += 4;
+    return h;
+}
+
 /// The hash of two things together, from theirs.
 inline uint32_t zhashOfBoth(uint64_t outer, uint64_t inner) {
     return static_cast<uint32_t>(zfoldedProduct(outer ^ kHashA, inner ^ kHashB) >> 32);

@@ -5,6 +5,7 @@
 
 #include "ZException.h"
 #include "qel/qel.h"
+#include "zhash.h"
 #include "zraise.h"
 
 std::atomic<zcodeset_handle> ZAbstractString::utf8_handle_{0};
@@ -33,20 +34,7 @@ static unsigned int positionOf(const char* hit, const char* text) {
     return static_cast<unsigned int>(position);
 }
 
-unsigned int ZAbstractString::hash() const {
-    uint32_t h = 5381;
-    const auto takes = [&h](char c) {
-        if (c == '\0')
-            return false;
-        h = (h * 33) ^ static_cast<unsigned char>(c);
-        return true;
-    };
-    // Four at a time, for a hash is most of a look-up in a small map and of what is put into one.
-    const char* s = getChars();
-    while (takes(s[0]) && takes(s[1]) && takes(s[2]) && takes(s[3]))
-        s += 4;
-    return h;
-}
+unsigned int ZAbstractString::hash() const { return ztoldHash(getChars()); }
 
 int ZAbstractString::compare(const ZObject& other) const {
     const ZAbstractString& string = asString(other);
