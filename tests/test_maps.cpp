@@ -500,6 +500,69 @@ TEST(HashMap, MayBeChangedByTheHashAndTheComparisonThatItAsksFor) {
     }
 }
 
+// Whoever walks through a map that a comparison empties comes to nothing, whatever it may hold.
+TEST(HashMap, MayBeEmptiedByAComparison) {
+    std::deque<ZLCString> texts;
+    for (int i = 0; i < 10; ++i)
+        texts.emplace_back(i);
+    enum Call { look, remove, put };
+    for (const Call call : {look, remove, put}) {
+        for (int i = 0; i < 22; ++i) {
+            const int owns = i / 11;
+            ZHashMap map(2, owns);
+            for (ZLCString& text : texts)
+                map.putEntry(&text);
+            Calling probe(std::to_string(i % 11).c_str());  // which isn't there when it is 10
+            int asked = 0;
+            probe.onEquals = [&] { ++asked, map.removeAll(); };
+            if (call == look)
+                EXPECT_FALSE(map.contains(&probe));
+            else if (call == remove)
+                map.removeEntry(&probe);
+            else
+                map.putEntry(&probe);
+            EXPECT_EQ(asked, 1);
+            EXPECT_EQ(map.size(), call == put);
+            ZLCString text(i % 11);
+            EXPECT_EQ(map.contains(&text), call == put);
+        }
+    }
+}
+
+/// Equal to whatever has its hash.
+class Any : public Item {
+public:
+    explicit Any(unsigned int hash) : Item(0, hash) {}
+    int equals(const ZObject& other) const override {
+        return hashValue == static_cast<const Item&>(other).hashValue;
+    }
+};
+
+// However often the records were used and the index has grown.
+TEST(HashMap, TheFirstOfThoseThatAProbeEqualsIsFound) {
+    for (const bool again : {false, true}) {
+        for (unsigned int hash = 0; hash < 20; ++hash) {
+            Any probe(hash);
+            ZHashMap map(2, 0);
+            std::deque<Item> items;
+            const auto put = [&](unsigned int itsHash) {
+                items.emplace_back(static_cast<int>(items.size()), itsHash);
+                map.putEntry(&items.back());
+                return &items.back();
+            };
+            Item* const removed = put(hash);
+            const Item* const first = put(hash);
+            if (again)
+                map.removeEntry(removed);
+            put(hash);
+            while (map.size() < 3000) {
+                put(1000 + map.size() * 7919);
+                ASSERT_EQ(map.getEntry(&probe), again ? first : removed) << map.size();
+            }
+        }
+    }
+}
+
 // Memory
 
 TEST(MapMemory, MapsGiveEverythingBack) {

@@ -9,9 +9,8 @@
 
 static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 bits");
 
-static const uint32_t kSmall = 32;
 static const uint32_t kFirstNodes = 8;
-static const int kNearSlotBits = 12;
+static const int kNearSlotBits = 12;  // of the most slots that are near: 64 KB
 static const int kFirstSlotBits = 8;  // two sizes above what kSmall needs save two growths
 
 void ZKeyMapMember::cloneParts() {
@@ -109,7 +108,9 @@ void ZHashTable<Member>::assign(ZHashTable*& table, const ZHashTable& other) {
 
 template <typename Member>
 ZHashTable<Member>::~ZHashTable() noexcept {
-    removeAll();
+    if (ownsMembers_)
+        removeAll();
+    dropIndexes();
     if (nodes_ != &noEntries_)
         zreleaseBlock(nodes_);
     zreleaseBlock(chains_);
@@ -208,7 +209,7 @@ void ZHashTable<Member>::put(const Member& member) {
 }
 
 template <typename Member>
-void ZHashTable<Member>::putAny(const Member& member, const ZKnownText& text) {
+void ZHashTable<Member>::putAny(const Member& member, ZKnownText text) {
     const ZObject& object = *member.object;
     const uint32_t textHash = text.data != nullptr ? text.hash() : 0;
     if (isIndexOfTexts())  // on its way while hash() goes through the text
@@ -247,7 +248,7 @@ void ZHashTable<Member>::putAny(const Member& member, const ZKnownText& text) {
         old.deleteParts();
 }
 
-// A text among texts, of which none is owned.
+// Where all members are texts and the caller's own.
 template <typename Member>
 void ZHashTable<Member>::putText(const Member& member, ZKnownText text) {
     const uint32_t textHash = text.hash();
@@ -266,7 +267,7 @@ void ZHashTable<Member>::putText(const Member& member, ZKnownText text) {
     if (slot.node != 0) {
         nodes_[slot.node].member = member;
         slot.object = member.object;
-    } else if (isRoomLeft()) {
+    } else if (!areNodesFull() && !isIndexFull()) {
         slot = {member.object, textHash, append(member, hash, textHash)};
     } else {
         link(member, hash, textHash);
@@ -282,7 +283,7 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t text
         index_.enter({member.object, hashOf(nodes_[node], areTexts_), node});
 }
 
-// As link(), but for the index. Gives the record.
+// As link(), but for the index. Gives the record, for which there has to be room.
 template <typename Member>
 inline uint32_t ZHashTable<Member>::append(const Member& member, uint32_t hash, uint32_t textHash) {
     uint32_t node = free_;
@@ -303,9 +304,9 @@ inline uint32_t ZHashTable<Member>::append(const Member& member, uint32_t hash, 
 // Makes room for one more entry, so that nothing can fail once linking begins.
 template <typename Member>
 void ZHashTable<Member>::reserve() {
-    if (free_ == 0 && used_ == capacity_)
+    if (areNodesFull())
         growNodes();
-    if (index_.slots != nullptr ? size_ == index_.limit : size_ == kSmall)
+    if (isIndexFull())
         growIndex();
 }
 
@@ -325,7 +326,7 @@ void ZHashTable<Member>::growNodes() {
 template <typename Member>
 void ZHashTable<Member>::remove(const ZObject& probe) {
     const uint32_t found = nodeOf(probe);
-    if (found == 0)
+    if (found == 0 || isFree(nodes_[found]))  // by the probe itself, which may be a caller's
         return;
     settle();
     if (index_.slots != nullptr)
@@ -353,8 +354,10 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
 
 template <typename Member>
 void ZHashTable<Member>::removeAll() {
-    if (!ownsMembers_ && size_ != 0) {
+    // Nobody is called then, and most buckets are taken. Whoever is amid a walk sees free records.
+    if (!ownsMembers_ && size_ > bucketCount_ / 8) {
         std::fill_n(chains_, bucketCount_, Chain());
+        std::fill(nodes_ + 1, nodes_ + used_, Node{Member(), 0, 0, kFreeRecord, 0});
         size_ = 0;
         ++changes_;
     }
@@ -427,14 +430,15 @@ typename ZHashTable<Member>::Index ZHashTable<Member>::makeIndex(int shift) cons
     return {slots, static_cast<uint32_t>(count - 1), static_cast<uint32_t>(count / 8 * 5), shift};
 }
 
-// One of all records.
+// One of all records, chain by chain: of those that share a hash the first is to be found first.
 template <typename Member>
 typename ZHashTable<Member>::Index ZHashTable<Member>::indexAll(int shift, bool byText) const {
     Index index = makeIndex(shift);
-    for (uint32_t i = 1; i < used_; ++i) {
-        const Node& node = nodes_[i];
-        if (!isFree(node))
-            index.enter({node.member.object, hashOf(node, byText), i});
+    for (uint32_t head = 1; head < used_; ++head) {
+        if (nodes_[head].previous != 0)  // is free, or inside a chain
+            continue;
+        for (uint32_t i = head; i != 0; i = nodes_[i].next)
+            index.enter({nodes_[i].member.object, hashOf(nodes_[i], byText), i});
     }
     return index;
 }
@@ -452,7 +456,10 @@ void ZHashTable<Member>::growIndex() {
     }
     zrequireRoom(old.shift != 32);
     index_ = makeIndex(old.shift - 1);
-    for (uint64_t i = 0; i <= old.mask; ++i)
+    uint32_t gap = 0;  // a run of slots may go on from the last to the first
+    while (old.slots[gap].node != 0)
+        ++gap;
+    for (uint32_t i = (gap + 1) & old.mask; i != gap; i = (i + 1) & old.mask)
         if (old.slots[i].node != 0)
             index_.enter(old.slots[i]);
     zreleaseBlock(old.slots);

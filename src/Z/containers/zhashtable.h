@@ -154,6 +154,7 @@ private:
         return byText ? node.textHash : node.hash;
     }
 
+    static const uint32_t kSmall = 32;
     static const uint32_t kFreeRecord = UINT32_MAX;  // as the neighbour `previous`
     static bool isFree(const Node& node) { return node.previous == kFreeRecord; }
 
@@ -177,8 +178,9 @@ private:
     uint32_t nodeInChain(const ZObject& probe, uint32_t hash, bool hashDecides) const;
 
     void putText(const Member& member, ZKnownText text);
-    void putAny(const Member& member, const ZKnownText& text);
-    bool isRoomLeft() const { return (free_ != 0 || used_ != capacity_) && size_ != index_.limit; }
+    void putAny(const Member& member, ZKnownText text);
+    bool areNodesFull() const { return free_ == 0 && used_ == capacity_; }
+    bool isIndexFull() const { return size_ == (index_.slots != nullptr ? index_.limit : kSmall); }
     void reserve();
     void growNodes();
     void growIndex();

@@ -1,5 +1,5 @@
 // zhash.h: hashes of bytes that take a few instructions and spread well. They are the library's own
-// affair and may change; what callers are told is ZObject::hash(). Never installed.
+// affair and may change, but for the one that callers are told. Never installed.
 #ifndef Z_ZHASH_H
 #define Z_ZHASH_H
 
@@ -63,7 +63,7 @@ __attribute__((always_inline)) inline uint64_t zhashOf(const char* data, size_t 
     return zhashOfMapped(data, size, [](uint64_t eight) { return eight; });
 }
 
-/// The hash of a text that callers are told: it may not change.
+/// ZObject::hash() of a text, which alone of these may not change.
 inline uint32_t ztoldHash(const char* text) {
     uint32_t h = 5381;
     const auto takes = [&h](char c) {
