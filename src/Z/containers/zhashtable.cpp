@@ -70,6 +70,7 @@ ZHashTable<Member>::ZHashTable(uint64_t bucketCount, int ownsMembers)
       free_(0),
       capacity_(1),
       nodes_(&noEntries_),
+      areUsedAgain_(false),
       areTexts_(true),
       index_(),
       byHash_(nullptr) {
@@ -287,10 +288,12 @@ void ZHashTable<Member>::link(const Member& member, uint32_t hash, uint32_t text
 template <typename Member>
 inline uint32_t ZHashTable<Member>::append(const Member& member, uint32_t hash, uint32_t textHash) {
     uint32_t node = free_;
-    if (node != 0)
+    if (node != 0) {
         free_ = nodes_[node].next;
-    else
+        areUsedAgain_ = true;
+    } else {
         node = used_++;
+    }
     zassert(node != 0 && node < used_ && used_ <= capacity_);  // (1), (3)
     Chain& chain = chainOf(hash);
     nodes_[node] = {member, hash, textHash, chain.last, 0};
@@ -377,6 +380,7 @@ void ZHashTable<Member>::removeAll() {
         zassert(nodes_[0].member.object == nullptr);
         used_ = 1;  // records are given out from the front again
         free_ = 0;
+        areUsedAgain_ = false;
         areTexts_ = true;
     }
 }
@@ -430,15 +434,23 @@ typename ZHashTable<Member>::Index ZHashTable<Member>::makeIndex(int shift) cons
     return {slots, static_cast<uint32_t>(count - 1), static_cast<uint32_t>(count / 8 * 5), shift};
 }
 
-// One of all records, chain by chain: of those that share a hash the first is to be found first.
+// One of all records. Of those that share a hash the first in the chain is to be found first; texts
+// are found by what no other has.
 template <typename Member>
 typename ZHashTable<Member>::Index ZHashTable<Member>::indexAll(int shift, bool byText) const {
     Index index = makeIndex(shift);
-    for (uint32_t head = 1; head < used_; ++head) {
-        if (nodes_[head].previous != 0)  // is free, or inside a chain
+    const auto enter = [&](uint32_t i) {
+        index.enter({nodes_[i].member.object, hashOf(nodes_[i], byText), i});
+    };
+    const bool isAnyOrder = byText || !areUsedAgain_;
+    for (uint32_t record = 1; record < used_; ++record) {
+        if (isFree(nodes_[record]))
             continue;
-        for (uint32_t i = head; i != 0; i = nodes_[i].next)
-            index.enter({nodes_[i].member.object, hashOf(nodes_[i], byText), i});
+        if (isAnyOrder)
+            enter(record);
+        else if (nodes_[record].previous == 0)
+            for (uint32_t i = record; i != 0; i = nodes_[i].next)
+                enter(i);
     }
     return index;
 }

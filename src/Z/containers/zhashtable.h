@@ -209,7 +209,8 @@ private:
     uint32_t capacity_;
     Node* nodes_;
 
-    bool areTexts_;  // and index_ goes by the hash of texts
+    bool areUsedAgain_;  // some records, since there was none; else they stand as they were put
+    bool areTexts_;      // and index_ goes by the hash of texts
     Index index_;
     mutable std::atomic<Index*> byHash_;  // for strangers; whoever needs it first makes it
 };
