@@ -10,7 +10,7 @@
 static_assert(sizeof(unsigned int) == sizeof(uint32_t), "ZObject::hash gives 32 bits");
 
 static const uint32_t kFirstNodes = 8;
-static const int kNearSlotBits = 12;  // of the most slots that are near: 64 KB
+static const int kNearSlotBits = 12;  // of the most slots that are near: 64 KB at most
 static const int kFirstSlotBits = 8;  // two sizes above what kSmall needs save two growths
 
 void ZKeyMapMember::cloneParts() {
@@ -102,8 +102,9 @@ template <typename Member>
 void ZHashTable<Member>::assign(ZHashTable*& table, const ZHashTable& other) {
     if (table == &other)
         return;
-    const ZHashTable* const old = table;
-    table = new ZHashTable(other);
+    ZHashTable* const copy = new ZHashTable(other);
+    const ZHashTable* const old = table;  // a member's clone() may have put another here
+    table = copy;
     delete old;
 }
 
@@ -357,7 +358,8 @@ Member ZHashTable<Member>::unlink(uint32_t index) {
 
 template <typename Member>
 void ZHashTable<Member>::removeAll() {
-    // Nobody is called then, and most buckets are taken. Whoever is amid a walk sees free records.
+    // Nobody is called then, and to clear all buckets is less work. A walk that this happens amid
+    // sees free records.
     if (!ownsMembers_ && size_ > bucketCount_ / 8) {
         std::fill_n(chains_, bucketCount_, Chain());
         std::fill(nodes_ + 1, nodes_ + used_, Node{Member(), 0, 0, kFreeRecord, 0});
