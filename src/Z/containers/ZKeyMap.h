@@ -75,8 +75,8 @@ private:
 
 /// A dictionary of a fixed number of buckets. A pair lies in the bucket that is the hash of its key
 /// modulo the number of buckets, in order of first insertion; listing goes by ascending bucket.
-/// Keys are the same if hash and `equals` say so. What ZHashMap tells of hashes, failure, threads
-/// and cost holds here too.
+/// Keys are the same if hash and `equals` say so. What ZHashMap tells of hashes, failure, calls
+/// from within, threads and cost holds here too.
 ///
 /// Ownership: with ownsMembers, keys and values are cloned on the way in and deleted with their
 ///   pair; otherwise the map holds the caller's pointers, and the caller keeps both alive.

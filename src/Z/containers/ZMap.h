@@ -89,6 +89,8 @@ public:
 /// Failure: a null entry or probe is absent: nothing is found, stored or removed. What can fail is
 ///   memory: ZOutOfMemoryException (1) or what the global allocator raises; putEntry() then leaves
 ///   the map as it was.
+/// Calls from within: what a member or a probe does when it is asked or copied may look into the
+///   map and change it, but neither assign to it nor destroy it.
 /// Threads: no lock inside. Calls on const maps may run side by side; a change needs the caller's
 ///   lock against all other calls.
 /// Cost: looking up, putting and removing are constant on average, whatever the number of buckets;
