@@ -142,15 +142,6 @@ uint32_t ZHashTable<Member>::nodeByText(const ZObject& probe) const {
 }
 
 template <typename Member>
-inline uint32_t ZHashTable<Member>::nodeOfTextInChain(const ZKnownText& text, uint32_t hash,
-                                                      uint32_t textHash) const {
-    uint32_t i = chainOf(hash).first;
-    while (i != 0 && !(nodes_[i].textHash == textHash && text.isOf(*nodes_[i].member.object)))
-        i = nodes_[i].next;
-    return i;
-}
-
-template <typename Member>
 uint32_t ZHashTable<Member>::nodeInChain(const ZObject& probe, uint32_t hash,
                                          bool hashDecides) const {
     for (uint32_t i = chainOf(hash).first; i != 0; i = nodes_[i].next) {
@@ -258,7 +249,7 @@ void ZHashTable<Member>::putText(const Member& member, ZKnownText text) {
         __builtin_prefetch(&index_.slots[index_.placeOf(textHash)]);
     const uint32_t hash = ztoldHash(text.data);
     if (index_.slots == nullptr) {
-        const uint32_t found = nodeOfTextInChain(text, hash, textHash);
+        const uint32_t found = nodeInChain(*member.object, hash, Member::hashDecides);
         if (found != 0)
             nodes_[found].member = member;
         else

@@ -170,7 +170,6 @@ private:
     }
     uint32_t nodeByText(const ZObject& probe) const;
     __attribute__((always_inline)) Slot& slotOfText(const ZKnownText& text, uint32_t hash) const;
-    uint32_t nodeOfTextInChain(const ZKnownText& text, uint32_t hash, uint32_t textHash) const;
     uint32_t nodeByOwnHash(const ZObject& probe) const;
     uint32_t nodeOfStranger(const ZObject& probe, uint32_t hash) const;
     __attribute__((always_inline)) uint32_t nodeByHash(const Index& index, const ZObject& probe,

@@ -245,8 +245,7 @@ static qel_locale rulesOfRest(zcodeset_handle h, const char*& a, const char*& b,
     if (qel_own() == nullptr)
         return local_locale_handle_;
     const size_t same = qel_ascii_match(h, a, b, n);
-    if (same > 0)
-        a += same, b += same, n -= same;
+    a += same, b += same, n -= same;
     return requireRules(qel_own_rules_for(h, a, b, n > 0 ? 1 : 0));
 }
 

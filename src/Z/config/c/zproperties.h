@@ -117,9 +117,9 @@ Z_BEGIN_C
  * QELDIR isn't read then; the process's locale and environment stay as they are; case, classes and
  * order of characters, and the decimal point, are those of C.UTF-8; and the library neither ends
  * the process nor prints by itself. 0 when it is so from now on, or was set up so before; 55 for
- * another number; 63 if text was set up otherwise already; 53 without memory, where the
- * system has no C.UTF-8, or without a descriptor to look for it where LOCPATH says, and nothing is
- * set up then: the first text does it by QELDIR. Any thread, at any time. */
+ * another number; 63 if text was set up otherwise already; 53 without memory, where the system
+ * has no C.UTF-8, or without a descriptor to look for it where LOCPATH says, and nothing is set up
+ * then: the first text does it by QELDIR. Any thread, at any time. */
 ZEXPORT int zstzPropSetup(int how);
 
 /* --- Handles --- */
